@@ -1,0 +1,31 @@
+# One interface target carries the language level, the warnings and the instrumentation to every
+# target of the tree.
+add_library(runeld_options INTERFACE)
+target_compile_features(runeld_options INTERFACE cxx_std_17)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+# No -Wpedantic: GCC then calls every %m of a log format an extension.
+target_compile_options(runeld_options INTERFACE
+  -Wall -Wextra -Wshadow -Wformat=2
+  $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wold-style-cast -Woverloaded-virtual -Wnon-virtual-dtor>
+  $<$<BOOL:${RUNELD_WERROR}>:-Werror>)
+
+if(RUNELD_SANITIZE)
+  target_compile_options(runeld_options INTERFACE
+    -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(runeld_options INTERFACE -fsanitize=${RUNELD_SANITIZE})
+endif()
+if(RUNELD_COVERAGE)
+  target_compile_options(runeld_options INTERFACE --coverage -fprofile-abs-path)
+  target_link_options(runeld_options INTERFACE --coverage)
+endif()
+
+# Adds a static library of the tree: its sources, the options above, and what it is built on.
+function(runeld_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC
+    "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
+  target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})
+endfunction()

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+// The framing of the task protocol: the byte 0x01, the payload's length in decimal digits, the byte
+// 0x02, the payload. docs/protocol.md has it in full.
+#ifndef ZELL_BYTE_COUNT_PROTOCOL_H_
+#define ZELL_BYTE_COUNT_PROTOCOL_H_
+
+#include <cstddef>
+#include <deque>
+#include <string>
+#include <string_view>
+
+namespace zell {
+
+/// The longest payload of a frame, in bytes, in both directions.
+constexpr std::size_t kMaxFramePayload = 268435456;
+
+/// Cuts the byte stream of one socket into messages and frames the answers. Memory grows with the
+/// bytes that came, never with a count that was announced.
+class ByteCountProtocol {
+ public:
+  /// Borrows @p socket, which must stay open while messages are sent.
+  explicit ByteCountProtocol(int socket);
+  virtual ~ByteCountProtocol();
+  ByteCountProtocol(const ByteCountProtocol&) = delete;
+  ByteCountProtocol& operator=(const ByteCountProtocol&) = delete;
+
+  /// Takes @p bytes, any part of the stream. At the first byte that cannot belong to a frame it
+  /// logs the error once, ends the reading side of the socket, and drops that byte and all later
+  /// ones; the messages complete before it stay.
+  void acceptBytes(const std::string& bytes);
+
+  /// True exactly when at least one complete message is waiting.
+  [[nodiscard]] bool dataAvailable() const { return !messages_.empty(); }
+
+  /// Moves the oldest waiting message into @p message; false, leaving it alone, when there is none.
+  bool recvMessage(std::string& message);
+
+  /// Sends @p payload as one frame, whole, blocking while the peer is slow to take it. A peer that
+  /// takes nothing for 30 s, or not all within 30 s and 1 s more for each MiB, is given up: logged,
+  /// the socket shut down both ways, false. The same for any other error. A payload above
+  /// kMaxFramePayload is logged and not sent.
+  bool sendMessage(std::string_view payload);
+
+ private:
+  enum class State { marker, count, payload, bad };
+
+  void acceptMarker(std::string_view& bytes);
+  void acceptCount(std::string_view& bytes);
+  void acceptPayload(std::string_view& bytes);
+  void fail(const char* what);
+
+  int socket_;
+  State state_ = State::marker;
+  std::size_t digits_ = 0;   // digits of the count seen so far
+  std::size_t missing_ = 0;  // the count, then what is still to come of the payload
+  std::string partial_;      // payload of the frame that is coming in
+  std::deque<std::string> messages_;
+};
+
+}  // namespace zell
+
+#endif  // ZELL_BYTE_COUNT_PROTOCOL_H_

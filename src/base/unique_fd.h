@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// A file descriptor with an owner.
+#ifndef ZELL_BASE_UNIQUE_FD_H_
+#define ZELL_BASE_UNIQUE_FD_H_
+
+#include <cerrno>
+#include <utility>
+
+#include <unistd.h>
+
+namespace zell {
+
+/// Owns one descriptor and closes it; -1 is "none". Closing leaves errno as it was, so that an
+/// early return keeps the error it is about.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+
+  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] bool valid() const { return fd_ >= 0; }
+
+  /// Gives the descriptor away: the caller closes it.
+  [[nodiscard]] int release() { return std::exchange(fd_, -1); }
+
+  /// Closes what is owned and takes @p fd in its place.
+  void reset(int fd = -1) {
+    const int old = std::exchange(fd_, fd);
+    if (old >= 0) {
+      const int saved = errno;
+      (void)::close(old);  // on Linux the descriptor is gone whatever close answers
+      errno = saved;
+    }
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace zell
+
+#endif  // ZELL_BASE_UNIQUE_FD_H_

@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+// A single-threaded socket server around one select() loop, to be extended by overriding its
+// virtual operations. It knows nothing of what travels on the sockets.
+#ifndef ZELL_SERVER_SERVER_BASE_H_
+#define ZELL_SERVER_SERVER_BASE_H_
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/time.h>
+#include <sys/types.h>
+
+#include "base/unique_fd.h"
+
+namespace zell {
+
+/// An inbound connection, or a UDP port's socket.
+struct Connection {
+  int port = -1;     ///< local port
+  bool udp = false;  ///< the port is a UDP port
+  bool read = true;  ///< the framework reads; else the subclass does, in handle_data_read(int, int)
+  int incoming = -1;  ///< listening socket it was accepted on; a UDP socket's own number
+  int handle = -1;    ///< its own socket
+  std::string ip;     ///< peer, dotted quad; empty for UDP
+};
+
+/// A port to listen on. Of UDP ports no listening socket exists, only a connection.
+struct Port {
+  int port = -1;
+  bool udp = false;
+  bool read = true;
+};
+
+/// An outbound connection to keep up. Several may have the same name and port.
+struct Host {
+  std::string name;  ///< host name or dotted address
+  int port = -1;
+  int socket = -1;  ///< -1 while not connected
+};
+
+/// The server. A subclass overrides what it needs, adds its ports, devices and hosts, and calls
+/// `run` once.
+///
+/// Everything happens on the thread that calls `run`, each virtual operation between two select()
+/// calls, so an operation that takes long holds up all others. Inside any of them a subclass may
+/// drop any connection, also the one it is called for, and add and remove hosts: the loop's scans
+/// stay valid, and a descriptor number that is used again within a pass is not served before the
+/// next.
+class ServerBase {
+ public:
+  /// A server without ports. @p name is the ident in the system log and names the pid file.
+  explicit ServerBase(const std::string& name);
+  /// A server that listens on TCP port @p port and reads the connections itself.
+  ServerBase(const std::string& name, int port);
+  ServerBase(const ServerBase&) = delete;
+  ServerBase& operator=(const ServerBase&) = delete;
+
+  /// Releases the tables; closes no descriptor that is in one.
+  virtual ~ServerBase();
+
+  /// Closes the inbound connection on @p fd and forgets its record.
+  ///
+  /// Non-zero: the table changed, and whoever is walking it must stop for this pass. 0: no such
+  /// inbound connection; the table is logged and nothing is closed.
+  virtual int drop_socket(int fd);
+  /// Closes the outbound connection on @p fd; its host is connected again at the end of the pass.
+  /// Results as of `drop_socket`.
+  virtual int drop_host_connection(int fd);
+  /// Called once, in the process that runs the loop, before anything is opened. Installs the signal
+  /// handlers; an override calls this one first.
+  virtual void handle_startup();
+  /// Called once, when all is opened, before the first select().
+  virtual void handle_started();
+  /// The listening socket of @p port could not be opened. True tries again at once, false goes on
+  /// without the port.
+  virtual bool handle_listen_failure(int port);
+  /// @p len bytes (above 0) came in on @p fd, a connection of @p port. @p buf is valid during the
+  /// call.
+  virtual void handle_data_read(int fd, char* buf, size_t len, int port);
+  /// @p fd, whose `read` flag is false, is readable. False means that it is dead and to be dropped.
+  virtual bool handle_data_read(int fd, int port);
+  /// Called after every select() with its result and sets. True skips the rest of the pass.
+  virtual bool handle_select(int result, fd_set* read_set, fd_set* except_set);
+  /// select() ended without anything to do.
+  virtual void handle_timeout();
+  /// The device opened from @p path is readable.
+  virtual void handle_device(const std::string& path, int fd);
+  /// A connection was accepted and has its record.
+  virtual void handle_incoming_connection(int fd);
+  /// A connection to a host was made.
+  virtual void handle_outgoing_connection(int fd);
+  /// Called at the end of every pass.
+  virtual void handle_loop();
+  /// Called once, when `run` ends, before everything is closed.
+  virtual void handle_shutdown();
+
+  /// Runs the server until s_run is cleared, in the background as a daemon if @p daemon is set.
+  /// Returns 0 when the loop ended, and when fork failed; 1 in the parent of a started daemon; -1
+  /// when a daemon is running already or the pid file makes no sense.
+  int run(bool daemon);
+  /// Ends the daemon that the pid file names, and removes the file. For daemons only.
+  void stop();
+
+  // Settings. Ports, devices and the log facility are fixed once the loop runs.
+  void add_port(int port, bool udp, bool read);
+  void add_device(const std::string& path);
+  /// Adds an outbound connection, also while the loop runs: it is made at the end of the next pass.
+  void add_host(const std::string& name, int port);
+  /// Removes the first host of that name and port that is not connected, if there is one.
+  void remove_host(const std::string& name, int port);
+  void set_log_facility(int facility);
+  [[nodiscard]] int log_facility() const { return m_log_facility; }
+  /// Whether select() waits no longer than the timeout; without it, until something happens.
+  void set_use_timeout(bool use) { m_use_timeout = use; }
+  void set_timeout(unsigned ms);
+  /// Takes a new receive buffer of @p size bytes; its size is the longest packet.
+  void set_read_buffer_size(unsigned size);
+  [[nodiscard]] unsigned read_buffer_size() const { return m_read_buffer_size; }
+  [[nodiscard]] bool is_daemon() const { return m_daemon; }
+
+  /// Notes the signal in s_signal and clears s_run. The handler of TERM, QUIT, ABRT and INT.
+  static void signal_quit(int sig);
+
+  /// True while the loop runs; whoever clears it ends the loop after the current pass.
+  static std::atomic<bool> s_run;
+  /// The last signal caught, -1 for none.
+  static std::atomic<int> s_signal;
+
+ protected:
+  /// Looks up @p host's IPv4 address and puts it, with the port, into @p out. 0, or 1 with the
+  /// reason logged. Blocks as long as the resolver does.
+  int resolve_master(const Host& host, sockaddr_in* out);
+  /// Has a silent peer of @p fd declared dead after about a minute.
+  void set_keepalive(int fd);
+  /// Tries to connect @p host, waiting at most 3 s.
+  void connect_host(Host& host);
+  /// Tries every host that is not connected, waiting at most 3 s in all.
+  void connect_hosts();
+  /// Opens the socket of @p p; -1, with the reason logged, when that fails.
+  int open_port(const Port& p);
+  /// Logs the options of socket @p fd.
+  void dump_socket_options(int fd);
+  /// Accepts one connection.
+  void process_socket(int listening_socket);
+  /// Serves the readable socket @p fd; 0 while it is alive, 1 when it is dead.
+  int process_read(int fd, int port, bool read);
+  /// Serves the readable inbound connection @p fd; non-zero when the table has changed.
+  int process_incoming(int fd);
+  /// Closes the connections to all hosts and forgets the hosts.
+  void close_hosts();
+  /// Closes and forgets all connections, then closes @p listening_socket unless it is negative.
+  void close_connections(int listening_socket);
+  /// Closes and forgets the listening sockets, and with the first of them all connections.
+  void close_listeners();
+  void close_devices();
+
+  std::map<int, Connection> m_connections;
+  std::map<std::string, int> m_device_fds;
+  std::list<std::string> m_devices;
+  std::map<int, Port> m_ports;
+  std::map<int, int> m_listeners;  // listening socket to port
+  std::list<Host> m_hosts;
+  bool m_use_timeout = false;
+  std::string m_name;
+  std::string m_pid_file;
+  timeval m_timeout{};
+  fd_set m_read_set{};
+  fd_set m_except_set{};
+  int m_max_fd = 0;
+  pid_t m_child_pid = 0;
+  std::FILE* m_pid_fp = nullptr;
+  std::unique_ptr<char[]> m_read_buffer;
+  unsigned m_read_buffer_size = 0;
+  int m_log_facility;
+  bool m_daemon = false;
+
+ private:
+  using TimePoint = std::chrono::nanoseconds;  // of the monotonic clock
+
+  // A place in m_hosts that stays valid while hosts are added and removed. Scans may nest.
+  class HostCursor;
+
+  // event_loop.cc
+  void open_ports();
+  void open_devices();
+  void one_pass();
+  void fill_sets();
+  void watch(int fd, bool except);
+  void unwatch(int fd);
+  [[nodiscard]] bool is_readable(int fd) const;
+  [[nodiscard]] bool is_exceptional(int fd) const;
+  void dispatch();
+  void dispatch_listeners();
+  void dispatch_devices();
+  void dispatch_connections();
+  bool dispatch_connection(int fd);
+  void dispatch_hosts();
+  bool dispatch_host(int fd, int port);
+  void close_everything();
+
+  // sockets.cc
+  void connect_before(Host& host, TimePoint deadline);
+  UniqueFd connect_socket(const sockaddr_in& address, TimePoint deadline);
+  bool bind_port(int fd, const Port& p);
+  bool listen_port(int fd, const Port& p);
+  void refuse_with_reserve(int listening_socket);
+  void keep_reserve();
+  void enter_connection(int fd, int listening_socket, const std::string& ip);
+  void log_empty_read(int fd);
+
+  // daemon.cc
+  std::optional<int> start_daemon();
+  bool may_start();
+  bool open_pid_file();
+  bool read_pid(int* pid);
+  void write_pid_file();
+
+  UniqueFd m_reserve;  // given up to take and close a connection when none is left
+  HostCursor* m_host_cursors = nullptr;  // the innermost scan of m_hosts
+};
+
+}  // namespace zell
+
+#endif  // ZELL_SERVER_SERVER_BASE_H_

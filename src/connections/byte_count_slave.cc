@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "connections/byte_count_slave.h"
+
+#include <sstream>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <zell/led_control.h>
+#include <zell/string_helpers.h>
+
+#include "base/log.h"
+#include "base/stream_view.h"
+
+namespace zell {
+namespace {
+
+constexpr int kShownBytes = 60;
+
+std::string shown(const std::string& bytes) {
+  return trimOutput(bytes.substr(0, kShownBytes + 1), kShownBytes);
+}
+
+}  // namespace
+
+ByteCountSlave::ByteCountSlave(int socket)
+    : RunelConnection(socket, kByteCount), codec_(std::make_unique<ByteCountProtocol>(socket)) {
+  // An answer must not wait for the peer's delayed acknowledgement. Without it, it only takes
+  // longer.
+  const int on = 1;
+  (void)setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  LedControl::instance().initialize(proxy_.get());
+}
+
+ByteCountSlave::~ByteCountSlave() = default;
+
+bool ByteCountSlave::inputPending() {
+  return codec_ != nullptr && codec_->dataAvailable();
+}
+
+bool ByteCountSlave::stopRequested() {
+  return stopRequested_;
+}
+
+void ByteCountSlave::handleMessage(std::string& packet) {
+  codec_->acceptBytes(packet);
+  if (!codec_->dataAvailable()) {
+    logLine(LOG_DEBUG, "handleMessage: got packet, but it is not a complete message '%s'",
+            shown(packet).c_str());
+    return;
+  }
+  std::string message;
+  while (codec_->dataAvailable()) {
+    (void)codec_->recvMessage(message);  // there is one
+    runMessage(message);
+  }
+}
+
+void ByteCountSlave::runMessage(std::string& message) {
+  if (!SlaveTask::isA(message)) {
+    logLine(LOG_ERR, "handleMessage: unexpected task '%s'", shown(message).c_str());
+    return;
+  }
+  SlaveTask task;
+  task.parse(std::move(message));
+  std::unique_ptr<SlaveTask> reply(dispatchTask(task));
+  if (reply != nullptr) {
+    send(std::move(reply));
+  }
+}
+
+// The reply is gone before its text is sent: of a large file one copy less is held while the peer
+// takes its time.
+void ByteCountSlave::send(std::unique_ptr<SlaveTask> reply) {
+  std::ostringstream text;
+  reply->serialize(text);
+  reply.reset();
+  (void)codec_->sendMessage(viewOf(text));  // a peer that is lost is dropped by the loop
+}
+
+}  // namespace zell

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// How the result of a task becomes its reply.
+#include <sstream>
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <zell/file_tree_walker.h>
+#include <zell/string_helpers.h>
+
+#include "base/log.h"
+#include "connections/byte_count_slave.h"
+
+namespace zell {
+
+SlaveTask* ByteCountSlave::makeReply(std::string text) {
+  return new SlaveTask(std::move(text), proxy_.get());
+}
+
+// The boolean says no more than the proxy's status, which the reply takes.
+SlaveTask* ByteCountSlave::makeReply(bool /*done*/) {
+  return new SlaveTask(std::string(), proxy_.get());
+}
+
+SlaveTask* ByteCountSlave::makeReply(const struct stat& st) {
+  std::ostringstream text;
+  printStat(text, st);
+  return makeReply(text.str());
+}
+
+SlaveTask* ByteCountSlave::makeReply(const Args& list) {
+  std::ostringstream text;
+  printStringVec(text, "StringVec", list);
+  return makeReply(text.str());
+}
+
+SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
+  std::ostringstream text;
+  if (walker != nullptr) {
+    walker->print(text);
+  }
+  return makeReply(text.str());
+}
+
+// The answer to a request that cannot be run at all; it is logged as it is sent.
+SlaveTask* ByteCountSlave::refuse(const std::string& complaint, int error) {
+  const std::string text = "(" + std::to_string(getpid()) + ") " + complaint;
+  logPlain(LOG_ERR, "%s", text.c_str());
+  return new SlaveTask({}, 0, text, SlaveStatus::error, WatchProcessState_t::none, 1, error, 0);
+}
+
+}  // namespace zell

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "zell/linux/child_process.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "zell/linux/spawn_settings.h"
+
+namespace zell {
+namespace {
+
+std::list<pid_t>& forgotten() {
+  static std::list<pid_t> pids;
+  return pids;
+}
+
+// A process that inherited SIGCHLD as ignored would never learn how its programs ended.
+void keepEndedChildren() {
+  struct sigaction action {};
+  if (sigaction(SIGCHLD, nullptr, &action) == 0 &&
+      (action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0)) {
+    action = {};
+    action.sa_handler = SIG_DFL;
+    (void)sigaction(SIGCHLD, &action, nullptr);  // the arguments are valid
+  }
+}
+
+// The arguments as exec(2) takes them, which does not change what it points at.
+std::vector<char*> pointersTo(const std::vector<std::string>& argv) {
+  std::vector<char*> pointers;
+  pointers.reserve(argv.size() + 1);
+  for (const std::string& argument : argv) {
+    pointers.push_back(const_cast<char*>(argument.c_str()));
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// Answers what waitpid does, whatever signals come in between.
+pid_t waitFor(pid_t pid, int* status, int options) {
+  pid_t result = 0;
+  do {
+    result = waitpid(pid, status, options);
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+}  // namespace
+
+int ChildProcess::start(const std::vector<std::string>& argv, int output) {
+  SpawnSettings settings(output);
+  if (settings.error() != 0) {
+    return settings.error();
+  }
+  const std::vector<char*> pointers = pointersTo(argv);
+  std::list<pid_t> started(1);
+  keepEndedChildren();
+  const int error = posix_spawnp(&started.front(), pointers.front(), settings.actions(),
+                                 settings.attributes(), pointers.data(), environ);
+  if (error == 0) {
+    pid_.swap(started);
+  }
+  return error;
+}
+
+bool ChildProcess::hasEnded() const {
+  siginfo_t info{};
+  const int result = waitid(P_PID, static_cast<id_t>(pid()), &info, WEXITED | WNOHANG | WNOWAIT);
+  return result != 0 || info.si_pid != 0;
+}
+
+void ChildProcess::signal(int signal) const {
+  (void)::kill(-pid(), signal);  // fails when the group is empty
+  if (getpgid(pid()) != pid()) {
+    (void)::kill(pid(), signal);  // it went over to another group
+  }
+}
+
+std::optional<int> ChildProcess::reap() {
+  int status = 0;
+  const bool known = waitFor(pid(), &status, 0) > 0;
+  pid_.clear();
+  return known ? std::optional<int>(status) : std::nullopt;
+}
+
+void ChildProcess::forget() noexcept {
+  forgotten().splice(forgotten().end(), pid_);
+}
+
+void ChildProcess::reapForgotten() noexcept {
+  // 0 is the answer while it runs; an error means that there is nothing to reap any more.
+  forgotten().remove_if([](pid_t pid) { return waitFor(pid, nullptr, WNOHANG) != 0; });
+}
+
+}  // namespace zell

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "zell/linux/file_io.h"
+#include "zell/linux/file_place.h"
+#include "zell/linux/paths.h"
+#include "zell/linux/temporary_file.h"
+
+namespace zell {
+namespace {
+
+// An attempt to replace a file: its error, and whether the file may be written in place instead.
+struct Attempt {
+  int error;
+  bool inPlace;
+};
+
+bool refusesNewFiles(int error) {
+  return error == EACCES || error == EPERM || error == EROFS;
+}
+
+// Whether the file at @p place is the one that @p st is about. It is not when the kernel led there
+// by a link that is more than its text, such as /proc/self/fd/1.
+bool isAt(const FilePlace& place, const struct stat& st) {
+  struct stat there {};
+  return fstatat(place.folder.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+         there.st_dev == st.st_dev && there.st_ino == st.st_ino;
+}
+
+Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_view data) {
+  TemporaryFile replacement(place);
+  if (const int error = replacement.make(old)) {
+    return {error, refusesNewFiles(error)};
+  }
+  if (const int error = replacement.fill(data)) {
+    return {error, false};
+  }
+  if (const int error = replacement.move()) {
+    return {error, error == EBUSY};
+  }
+  return {syncFolder(place.folder.get()), false};
+}
+
+// @p old is null when there is no file yet.
+Attempt replace(const std::string& path, const struct stat* old, std::string_view data) {
+  FilePlace place;
+  const int error = findPlace(path, place);
+  const bool elsewhere = error == ENOENT || (error == 0 && old != nullptr && !isAt(place, *old));
+  if (error != 0 || elsewhere) {
+    return {error, elsewhere || refusesNewFiles(error)};
+  }
+  return replaceAt(place, old, data);
+}
+
+}  // namespace
+
+int replaceFile(const std::string& path, std::string_view data) {
+  if (hasZeroByte(path)) {
+    return EINVAL;
+  }
+  struct stat old {};
+  const bool exists = ::stat(path.c_str(), &old) == 0;
+  if (!exists && errno != ENOENT) {
+    return errno;
+  }
+  if (exists && S_ISDIR(old.st_mode)) {
+    return EISDIR;
+  }
+  if (exists && !S_ISREG(old.st_mode)) {
+    return overwriteFile(path.c_str(), data);
+  }
+  const Attempt attempt = replace(path, exists ? &old : nullptr, data);
+  return exists && attempt.inPlace ? overwriteFile(path.c_str(), data) : attempt.error;
+}
+
+}  // namespace zell

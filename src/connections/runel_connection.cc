@@ -18,12 +18,16 @@ constexpr unsigned kSocketNumbers = 65536;
 
 RunelConnection::RunelConnection(int socket, int protocol)
     : socket_(socket), protocol_(protocol), proxy_(std::make_unique<SlaveProxyLocal>()) {
-  if (static_cast<unsigned>(socket_) >= kSocketNumbers) {
+  if (bogusSocket()) {
     logLine(LOG_ERR, "RunelConnection: bogus socket_ %d", socket_);
   }
 }
 
 RunelConnection::~RunelConnection() = default;
+
+bool RunelConnection::bogusSocket() const {
+  return static_cast<unsigned>(socket_) >= kSocketNumbers;
+}
 
 bool RunelConnection::inputPending() {
   logPlain(LOG_ERR, "inputPending: no implementation");

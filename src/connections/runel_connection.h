@@ -44,6 +44,9 @@ class RunelConnection {
   [[nodiscard]] int protocol() const { return protocol_; }
 
  protected:
+  /// Whether the socket's number cannot be one: below 0, or 65536 and up.
+  [[nodiscard]] bool bogusSocket() const;
+
   int socket_;
   int protocol_;
   std::unique_ptr<SlaveProxy> proxy_;  // runs what the peer asks for; never null

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "connections/xml_slave.h"
+
+#include <cerrno>
+#include <chrono>
+#include <string_view>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <zell/string_helpers.h>
+
+#include "base/log.h"
+#include "base/system.h"
+
+namespace zell {
+namespace {
+
+using Next = ClauseBuffer::Next;
+
+constexpr std::string_view kPing = "<ping/>\r\n";
+constexpr std::size_t kShown = 60;
+constexpr std::size_t kShownEnd = 40;
+constexpr std::chrono::seconds kWriteLimit(30);
+
+// What a log line shows of a text that begins with @p text, of which trimming needs one byte more
+// than it shows.
+std::string shown(std::string text) {
+  return trimOutput(std::move(text), kShown);
+}
+
+std::string shown(const ClauseBuffer& buffer) {
+  return shown(buffer.first(kShown + 1));
+}
+
+// A clause must not wait for the acknowledgement of the one before, and a peer that reads nothing
+// must not stop the daemon for ever. Where a socket refuses, it works as it is.
+void setUpForRelay(int socket) {
+  const int on = 1;
+  (void)setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const timeval limit{kWriteLimit.count(), 0};
+  (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+// Says that fewer bytes were written than there were; errno is as write(2) left it.
+void logFailedWrite(int socket, ssize_t result) {
+  if (result == -1) {
+    logLine(LOG_ERR, "write: error on socket %d (%d, %m)", socket, errno);
+  } else if (result == 0) {
+    logLine(LOG_ERR, "write: error eof on socket %d (%d, %m)", socket, errno);
+  } else {
+    logLine(LOG_ERR, "write: error write failed on socket %d (%d, %m)", socket, errno);
+  }
+}
+
+// Whether a write that began at @p begun and did not get everything out ran into the time limit; a
+// signal ends a write early as well. errno is as write(2) left it.
+bool timedOut(ssize_t result, std::chrono::nanoseconds begun) {
+  if (result == -1) {
+    return errno == EAGAIN;
+  }
+  return sys::monotonicTime() - begun >= kWriteLimit;
+}
+
+}  // namespace
+
+XmlSlave::XmlSlave(int socket) : RunelConnection(socket, kXml) {
+  setUpForRelay(socket);
+}
+
+XmlSlave::~XmlSlave() = default;
+
+bool XmlSlave::inputPending() {
+  return peer_ != nullptr && !buffer_.empty();
+}
+
+void XmlSlave::handleMessage(std::string& packet) {
+  appendPacket(packet);
+  if (peer_ == nullptr) {
+    logLine(LOG_WARNING, "handleMessage: no peer_ link, buffering '%s'",
+            shown(packet.substr(0, kShown + 1)).c_str());
+    return;
+  }
+  while (nextXmlClause()) {
+    (void)peer_->write(
+        clause_);  // a failure is logged there, and the other clauses may get through
+  }
+  if (clause_.capacity() > ClauseBuffer::kKeptCapacity) {
+    std::string().swap(clause_);
+  }
+}
+
+bool XmlSlave::stopRequested() {
+  return stop_;
+}
+
+void XmlSlave::setPeer(XmlSlave* peer) {
+  peer_ = peer;
+  if (peer_ != nullptr) {
+    std::string nothing;
+    handleMessage(nothing);
+  }
+}
+
+// Pings that nobody fetches must not pile up, so one is enough at the end of the buffer. Exactly
+// eight waiting bytes count as an end with a ping too: it would begin one byte before the buffer,
+// where a search that finds none (-1) has it. Meant; a keep-alive that is lost comes again.
+void XmlSlave::appendPacket(const std::string& packet) {
+  if (packet == kPing && (buffer_.endsWith(kPing) || buffer_.size() + 1 == kPing.size())) {
+    logLine(LOG_DEBUG, "appendPacket: discarding <ping/>");
+    return;
+  }
+  buffer_.append(packet);
+}
+
+bool XmlSlave::nextXmlClause() {
+  switch (buffer_.next(clause_)) {
+    case Next::cut:
+      return true;
+    case Next::empty:
+      break;
+    case Next::sentinel:
+      logLine(LOG_ERR, "*** error: nextXmlClause found byte count sentinels in input '%s'",
+              shown(buffer_).c_str());
+      stop_ = true;
+      break;
+    case Next::notOpening:
+      logLine(LOG_WARNING, "nextXmlClause: expecting '<' at %d, got '%s'",
+              static_cast<int>(buffer_.position()), shown(buffer_).c_str());
+      break;
+    case Next::noGt:
+      logLine(LOG_WARNING, "nextXmlClause: cannot find '>' at %d, got '%s'",
+              static_cast<int>(buffer_.position()), shown(buffer_).c_str());
+      break;
+    case Next::noClosing:
+      logLine(LOG_WARNING, "nextXmlClause: closing not found, size = %d, buffer ='%s...%s'",
+              static_cast<int>(buffer_.size()), buffer_.first(kShownEnd).c_str(),
+              buffer_.size() > kShownEnd ? buffer_.last(kShownEnd).c_str() : "");
+      break;
+  }
+  return false;
+}
+
+int XmlSlave::write(std::string& text) {
+  if (bogusSocket()) {
+    logLine(LOG_ERR, "write: bogus socket_ is %d", socket_);
+    return -1;
+  }
+  text += "\r\n";
+  const auto begun = sys::monotonicTime();
+  const ssize_t result = ::write(socket_, text.data(), text.size());
+  if (result < static_cast<ssize_t>(text.size())) {
+    logFailedWrite(socket_, result);
+    if (timedOut(result, begun)) {
+      // Once is enough: the next clause must not stop the whole daemon for as long again.
+      (void)shutdown(socket_, SHUT_RDWR);
+    }
+  }
+  return static_cast<int>(result);  // the kernel takes less than 2 GiB in one call
+}
+
+}  // namespace zell

@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: Apache-2.0
+// Where clauses end, and what finding out costs.
+#include "connections/clause_buffer.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/slow_relay.h"
+
+namespace zell::test {
+namespace {
+
+using Next = ClauseBuffer::Next;
+
+constexpr std::size_t kMiB = 1048576;
+
+std::string contentsOf(const ClauseBuffer& buffer) {
+  return buffer.first(buffer.size());
+}
+
+// All that can be cut from @p bytes, in order, and what stays.
+std::pair<std::vector<std::string>, std::string> cutAll(const std::string& bytes) {
+  ClauseBuffer buffer;
+  buffer.append(bytes);
+  std::vector<std::string> clauses;
+  std::string clause;
+  while (buffer.next(clause) == Next::cut) {
+    clauses.push_back(clause);
+  }
+  return {clauses, contentsOf(buffer)};
+}
+
+Next outcomeOf(const std::string& bytes) {
+  ClauseBuffer buffer;
+  buffer.append(bytes);
+  std::string clause;
+  return buffer.next(clause);
+}
+
+using Cuts = std::pair<std::vector<std::string>, std::string>;
+
+TEST(ClauseBufferTest, CutsATagThatClosesItself) {
+  EXPECT_EQ(cutAll("<a/>"), Cuts({"<a/>"}, ""));
+}
+
+TEST(ClauseBufferTest, CutsAnElementAtItsClosingTag) {
+  EXPECT_EQ(cutAll("<a>x</a>"), Cuts({"<a>x</a>"}, ""));
+}
+
+TEST(ClauseBufferTest, CutsClausesInTheirOrder) {
+  EXPECT_EQ(cutAll("<a/><b>y</b>\r\n<c/>"), Cuts({"<a/>", "<b>y</b>", "<c/>"}, ""));
+}
+
+TEST(ClauseBufferTest, LeavesTheBlanksBeforeATagThatClosesItself) {
+  ClauseBuffer buffer;
+  buffer.append("  <a/>");
+  std::string clause;
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(contentsOf(buffer), "  ");
+}
+
+TEST(ClauseBufferTest, TakesTheBlanksBeforeAnElementAway) {
+  ClauseBuffer buffer;
+  buffer.append("  <b></b>");
+  std::string clause;
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(clause, "<b></b>");
+  EXPECT_TRUE(buffer.empty());
+}
+
+TEST(ClauseBufferTest, KeepsTheBlanksOfManyTagsInFrontOfWhatFollows) {
+  ClauseBuffer buffer;
+  buffer.append(" <a/>\t<b/>\r\nx");
+  std::string clause;
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.next(clause), Next::notOpening);
+  EXPECT_EQ(contentsOf(buffer), " \t\r\nx");
+  EXPECT_EQ(buffer.position(), 4U);
+}
+
+TEST(ClauseBufferTest, AnElementTakesTheBlanksOfEarlierTagsAway) {
+  EXPECT_EQ(cutAll(" <a/> <b></b>x"), Cuts({"<a/>", "<b></b>"}, "x"));
+}
+
+TEST(ClauseBufferTest, FourBytesAreBlank) {
+  EXPECT_EQ(outcomeOf(" \t\r\n"), Next::empty);
+  EXPECT_EQ(outcomeOf("\v<a/>"), Next::notOpening);
+  EXPECT_EQ(outcomeOf("\f<a/>"), Next::notOpening);
+  EXPECT_EQ(outcomeOf(std::string("\0<a/>", 5)), Next::notOpening);
+}
+
+TEST(ClauseBufferTest, DropsABufferOfBlanks) {
+  EXPECT_EQ(cutAll(" \r\n\t "), Cuts({}, ""));
+}
+
+TEST(ClauseBufferTest, ASentinelAnywhereKeepsEarlierClausesBack) {
+  EXPECT_EQ(cutAll("<a/>\x01"), Cuts({}, "<a/>\x01"));
+  EXPECT_EQ(cutAll("<a/><b>\x02</b>"), Cuts({}, "<a/><b>\x02</b>"));
+  EXPECT_EQ(outcomeOf("\x02 junk"), Next::sentinel);
+  EXPECT_EQ(outcomeOf("junk\x01"), Next::sentinel);
+}
+
+TEST(ClauseBufferTest, ASentinelStaysFoundWhateverComesAfterIt) {
+  ClauseBuffer buffer;
+  std::string clause;
+  buffer.append("<a/>\x02");
+  EXPECT_EQ(buffer.next(clause), Next::sentinel);
+  EXPECT_EQ(buffer.next(clause), Next::sentinel);
+  buffer.append("<b/>");
+  EXPECT_EQ(buffer.next(clause), Next::sentinel);
+  EXPECT_EQ(contentsOf(buffer), "<a/>\x02<b/>");
+}
+
+TEST(ClauseBufferTest, ASentinelCountsOnlyOnceItHasCome) {
+  ClauseBuffer buffer;
+  std::string clause;
+  buffer.append("<a>");
+  EXPECT_EQ(buffer.next(clause), Next::noClosing);
+  buffer.append("\x01</a>");
+  EXPECT_EQ(buffer.next(clause), Next::sentinel);
+}
+
+TEST(ClauseBufferTest, WaitsForTheEndOfATag) {
+  ClauseBuffer buffer;
+  std::string clause = "before";
+  buffer.append(" <a b");
+  EXPECT_EQ(buffer.next(clause), Next::noGt);
+  EXPECT_EQ(buffer.position(), 1U);
+  EXPECT_EQ(clause, "before");
+  buffer.append("/>");
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(clause, "<a b/>");
+}
+
+TEST(ClauseBufferTest, AClauseEndsAtTheFirstClosingTagOfItsName) {
+  EXPECT_EQ(cutAll("<a><a>x</a></a>"), Cuts({"<a><a>x</a>"}, "</a>"));
+}
+
+TEST(ClauseBufferTest, ATagWithAttributesNeverCompletes) {
+  EXPECT_EQ(outcomeOf("<a id=\"1\">v</a>"), Next::noClosing);
+}
+
+TEST(ClauseBufferTest, ATagWithAttributesEndsWhereTheyAreRepeated) {
+  EXPECT_EQ(cutAll("<a b>v</a></a b>"), Cuts({"<a b>v</a></a b>"}, ""));
+}
+
+TEST(ClauseBufferTest, AStrayClosingTagBlocks) {
+  EXPECT_EQ(outcomeOf("</a>"), Next::noClosing);
+  EXPECT_EQ(cutAll("</a><b/>"), Cuts({}, "</a><b/>"));
+}
+
+TEST(ClauseBufferTest, ANameMayBeginWithASlash) {
+  EXPECT_EQ(cutAll("</a>x<//a>"), Cuts({"</a>x<//a>"}, ""));
+  EXPECT_EQ(outcomeOf("<//a>"), Next::noClosing);
+}
+
+TEST(ClauseBufferTest, ATagMayHaveNoName) {
+  EXPECT_EQ(cutAll("<>x</>"), Cuts({"<>x</>"}, ""));
+  EXPECT_EQ(cutAll("</>"), Cuts({"</>"}, ""));
+  EXPECT_EQ(outcomeOf("<>"), Next::noClosing);
+  EXPECT_EQ(outcomeOf("<>/>"), Next::noClosing);
+}
+
+TEST(ClauseBufferTest, ALongerNameIsAnother) {
+  EXPECT_EQ(cutAll("<a></ab></a>"), Cuts({"<a></ab></a>"}, ""));
+  EXPECT_EQ(cutAll("<ab></a></b></ab>"), Cuts({"<ab></a></b></ab>"}, ""));
+}
+
+TEST(ClauseBufferTest, AnAlmostClosingTagDoesNotHideTheRealOne) {
+  EXPECT_EQ(cutAll("<a><</a>"), Cuts({"<a><</a>"}, ""));
+  EXPECT_EQ(cutAll("<a></</a>"), Cuts({"<a></</a>"}, ""));
+  EXPECT_EQ(cutAll("<a>></a>"), Cuts({"<a>></a>"}, ""));
+  EXPECT_EQ(cutAll("<a>/a></a>"), Cuts({"<a>/a></a>"}, ""));
+}
+
+TEST(ClauseBufferTest, TheClosingTagMayComeByteByByte) {
+  ClauseBuffer buffer;
+  std::string clause;
+  const std::string bytes = " <ab>x>y</a></ab>";
+  for (std::size_t i = 0; i + 1 < bytes.size(); ++i) {
+    buffer.append(bytes.substr(i, 1));
+    EXPECT_NE(buffer.next(clause), Next::cut) << "after byte " << i;
+  }
+  buffer.append(">");
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(clause, "<ab>x>y</a></ab>");
+}
+
+TEST(ClauseBufferTest, FirstAndLastCountTheBlanksOfEarlierTags) {
+  ClauseBuffer buffer;
+  buffer.append(" <a/>\t<b/>\nxyz");
+  std::string clause;
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.size(), 6U);
+  EXPECT_EQ(buffer.first(2), " \t");
+  EXPECT_EQ(buffer.first(4), " \t\nx");
+  EXPECT_EQ(buffer.first(99), " \t\nxyz");
+  EXPECT_EQ(buffer.last(2), "yz");
+  EXPECT_EQ(buffer.last(5), "\t\nxyz");
+  EXPECT_EQ(buffer.last(99), " \t\nxyz");
+}
+
+TEST(ClauseBufferTest, EndsWithLooksAtTheVeryEnd) {
+  ClauseBuffer buffer;
+  EXPECT_FALSE(buffer.endsWith("yz"));
+  buffer.append("xyz");
+  EXPECT_TRUE(buffer.endsWith("yz"));
+  EXPECT_TRUE(buffer.endsWith("xyz"));
+  EXPECT_FALSE(buffer.endsWith("wxyz"));
+  EXPECT_FALSE(buffer.endsWith("xy"));
+}
+
+TEST(ClauseBufferTest, ALargeClauseIsWholeAndSoIsWhatFollowsIt) {
+  const std::string large = "<a>" + std::string(kMiB, 'x') + "</a>";
+  EXPECT_EQ(cutAll(" <b/> " + large + "\r\n<c"), Cuts({"<b/>", large}, "\r\n<c"));
+  EXPECT_EQ(cutAll(large + large + "<d/>"), Cuts({large, large, "<d/>"}, ""));
+}
+
+// Every buffer of up to seven bytes that such bytes can make, whole and byte by byte.
+class EveryShortBuffer : public testing::TestWithParam<bool> {
+ protected:
+  void compare(const std::string& bytes) {
+    ClauseBuffer buffer;
+    SlowRelay rules;
+    std::string clause;
+    const std::size_t step = GetParam() ? 1 : bytes.size();
+    for (std::size_t at = 0; at < bytes.size(); at += step) {
+      buffer.append(bytes.substr(at, step));
+      rules.buffer += bytes.substr(at, step);
+      bool more = true;
+      while (more) {
+        more = rules.nextXmlClause();
+        ASSERT_EQ(buffer.next(clause) == Next::cut, more) << bytes;
+        ASSERT_EQ(clause, rules.clause) << bytes;
+        ASSERT_EQ(contentsOf(buffer), rules.buffer) << bytes;
+      }
+    }
+  }
+};
+
+TEST_P(EveryShortBuffer, IsCutAsTheRulesSay) {
+  const std::string alphabet = "<>/a ";
+  constexpr std::size_t kLongest = 7;
+  std::vector<std::string> all = {""};
+  for (std::size_t i = 0; i < all.size() && all[i].size() < kLongest; ++i) {
+    for (const char byte : alphabet) {
+      all.push_back(all[i] + byte);
+      compare(all.back());
+      ASSERT_FALSE(HasFatalFailure());
+    }
+  }
+  EXPECT_EQ(all.size(), 97656U);
+}
+
+INSTANTIATE_TEST_SUITE_P(InOnePacket, EveryShortBuffer, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(ByteByByte, EveryShortBuffer, testing::Values(true));
+
+// The work of taking in @p stream in packets of 4096 bytes, asking for clauses after each.
+std::uint64_t workFor(const std::string& stream) {
+  ClauseBuffer buffer;
+  std::string clause;
+  for (std::size_t at = 0; at < stream.size(); at += 4096) {
+    buffer.append(stream.substr(at, 4096));
+    while (buffer.next(clause) == Next::cut) {
+    }
+  }
+  return buffer.work();
+}
+
+std::string repeated(const std::string& piece, std::size_t size) {
+  std::string text;
+  text.reserve(size + piece.size());
+  while (text.size() < size) {
+    text += piece;
+  }
+  return text;
+}
+
+struct Stream {
+  const char* name;
+  std::string bytes;
+};
+
+class ClauseBufferWork : public testing::TestWithParam<std::size_t> {
+ protected:
+  // Streams of about the parameter's size that a search from the start, or a comparison at each
+  // '>', would make dear.
+  static std::vector<Stream> streams() {
+    const std::size_t size = GetParam();
+    const std::string longName(size / 4, 'n');
+    return {
+        {"one clause", "<a>" + std::string(size, 'x') + "</a>\r\n"},
+        {"an open clause", "<a>" + std::string(size, 'x')},
+        {"an open tag", "<" + std::string(size, 'x')},
+        {"many ends of tags", "<a>" + std::string(size, '>') + "</a>"},
+        {"many inner tags", "<a>" + repeated("<b>c</b>", size) + "</a>"},
+        {"many almost closing tags", "<a>" + repeated("</b>", size) + "</a>"},
+        {"a long name",
+         "<" + longName + ">" + repeated(longName + ">", size) + "</" + longName + ">"},
+        {"a long name, many ends", "<" + longName + ">" + std::string(size, '>')},
+        {"a blocked buffer", "x" + repeated("<a/>", size)},
+        {"blanks", std::string(size, ' ')},
+        {"a sentinel first", "\x02" + std::string(size, 'x')},
+        {"small clauses", repeated("<a/>", size)},
+        {"small clauses, blanks between", repeated(" <a/>\r\n", size)},
+        {"small elements, blanks between", repeated(" <a>x</a>\r\n", size)},
+    };
+  }
+};
+
+TEST_P(ClauseBufferWork, GrowsWithTheBytesAndNotWithThePackets) {
+  for (const Stream& stream : streams()) {
+    EXPECT_LE(workFor(stream.bytes), 8 * stream.bytes.size() + 65536) << stream.name;
+  }
+}
+
+TEST_P(ClauseBufferWork, OfABacklogThatIsCutInOneSweepGrowsWithItsBytes) {
+  for (const Stream& stream : streams()) {
+    ClauseBuffer buffer;
+    buffer.append(stream.bytes);
+    std::string clause;
+    while (buffer.next(clause) == Next::cut) {
+    }
+    EXPECT_LE(buffer.work(), 8 * stream.bytes.size() + 65536) << stream.name;
+  }
+}
+
+TEST_P(ClauseBufferWork, OfAskingABlockedBufferAgainIsNone) {
+  for (const Stream& stream : streams()) {
+    ClauseBuffer buffer;
+    buffer.append(stream.bytes);
+    std::string clause;
+    while (buffer.next(clause) == Next::cut) {
+    }
+    const std::uint64_t before = buffer.work();
+    for (int pass = 0; pass < 1000; ++pass) {
+      EXPECT_NE(buffer.next(clause), Next::cut);
+    }
+    EXPECT_EQ(buffer.work(), before) << stream.name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ClauseBufferWork, testing::Values(kMiB / 4, 4 * kMiB));
+
+}  // namespace
+}  // namespace zell::test

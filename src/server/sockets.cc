@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -288,6 +289,10 @@ void ServerBase::refuse_with_reserve(int listening_socket) {
   UniqueFd surplus(accept4(listening_socket, nullptr, nullptr, SOCK_CLOEXEC));
   surplus.reset();
   keep_reserve();
+}
+
+void ServerBase::keep_reserve() {
+  m_reserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));  // without one a surplus peer waits
 }
 
 void ServerBase::enter_connection(int fd, int listening_socket, const std::string& ip) {

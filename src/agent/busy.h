@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef ZELL_AGENT_BUSY_H_
+#define ZELL_AGENT_BUSY_H_
+
+#include "agent/runel.h"
+
+namespace zell {
+
+/// Keeps dropped handlers alive for as long as a handler is being called.
+class Runel::Busy {
+ public:
+  explicit Busy(Runel& server) : server_(server) { ++server_.busy_; }
+  ~Busy() {
+    if (--server_.busy_ == 0) {
+      server_.retired_.clear();
+    }
+  }
+  Busy(const Busy&) = delete;
+  Busy& operator=(const Busy&) = delete;
+
+ private:
+  Runel& server_;
+};
+
+}  // namespace zell
+
+#endif  // ZELL_AGENT_BUSY_H_

@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/hosts_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "base/log.h"
+#include "base/unique_fd.h"
+
+namespace zell {
+namespace {
+
+constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kPermissionBits = 07777;
+
+struct CloseStream {
+  void operator()(std::FILE* stream) const { (void)std::fclose(stream); }
+};
+using Stream = std::unique_ptr<std::FILE, CloseStream>;
+
+void logError(const std::string& what, const std::string& path) {
+  logLine(LOG_ERR, "%s%s,%m", what.c_str(), path.c_str());
+}
+
+void logWarning(const std::string& what, const std::string& path) {
+  logLine(LOG_WARNING, "%s%s", what.c_str(), path.c_str());
+}
+
+// A stream over @p fd; null with errno set when either cannot be had.
+Stream openStream(UniqueFd fd, const char* mode) {
+  Stream stream(fd.valid() ? fdopen(fd.get(), mode) : nullptr);
+  if (stream != nullptr) {
+    (void)fd.release();  // the stream's now
+  }
+  return stream;
+}
+
+// Non-blocking, like the output: a FIFO in the place of either must not hang the daemon.
+Stream openInput(const std::string& path) {
+  return openStream(UniqueFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), "r");
+}
+
+// Gives @p fd the permission bits and the owner of the file that it is going to replace.
+bool takeAttributes(int fd, std::FILE* replaced) {
+  if (replaced == nullptr) {
+    return fchmod(fd, kNewFileMode) == 0;  // whatever the umask is
+  }
+  struct stat old {};
+  return fstat(fileno(replaced), &old) == 0 && fchown(fd, old.st_uid, old.st_gid) == 0 &&
+         fchmod(fd, old.st_mode & kPermissionBits) == 0;
+}
+
+// Always a file of its own: what an interrupted rewrite, or anyone else, left there is taken away.
+Stream openOutput(const std::string& path) {
+  (void)unlink(path.c_str());
+  return openStream(
+      UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode)), "w");
+}
+
+bool writeLine(std::FILE* out, std::string_view line) {
+  return std::fwrite(line.data(), 1, line.size(), out) == line.size() &&
+         std::fputc('\n', out) != EOF;
+}
+
+bool namesMaster(std::string_view line) {
+  static const std::string kMark = std::string(" ") + kMasterAlias;
+  return line.find(kMark) != std::string_view::npos;
+}
+
+struct Copy {
+  bool ended = true;  // the input was read to its end
+  bool good = true;   // the output took it all
+  int error = 0;      // errno of the first failure
+};
+
+// Copies the lines that do not name the master. A line may be of any length and hold any bytes.
+Copy copyLines(std::FILE* in, std::FILE* out) {
+  Copy copy;
+  char* line = nullptr;
+  std::size_t size = 0;
+  ssize_t length = 0;
+  errno = 0;
+  while (copy.good && (length = getline(&line, &size, in)) >= 0) {
+    std::string_view text(line, static_cast<std::size_t>(length));
+    if (!text.empty() && text.back() == '\n') {
+      text.remove_suffix(1);
+    }
+    copy.good = namesMaster(text) || writeLine(out, text);
+  }
+  copy.error = errno;
+  copy.ended = !copy.good || std::feof(in) != 0;
+  std::free(line);
+  return copy;
+}
+
+// The whole new content, on the disk when the answer is good.
+Copy writeHosts(std::FILE* in, std::FILE* out, const std::string& address) {
+  Copy copy;
+  if (in == nullptr) {
+    copy.good = writeLine(out, "127.0.0.1 localhost");
+  } else {
+    copy = copyLines(in, out);
+  }
+  if (copy.ended && copy.good) {
+    copy.good = takeAttributes(fileno(out), in) && writeLine(out, address + " " + kMasterAlias) &&
+                std::fflush(out) == 0 && fsync(fileno(out)) == 0;
+    copy.error = errno;
+  }
+  return copy;
+}
+
+void putInPlace(const std::string& beside, const std::string& path) {
+  if (rename(beside.c_str(), path.c_str()) != 0) {
+    logError("setEtcHosts: cannot rename " + beside + " to ", path);
+  }
+}
+
+}  // namespace
+
+void setEtcHosts(const std::string& path, const std::string& address) {
+  const std::string beside = path + ".new";
+  const Stream in = openInput(path);
+  if (in == nullptr) {
+    logWarning("setEtcHosts: cannot open ", path);
+  }
+  Stream out = openOutput(beside);
+  if (out == nullptr) {
+    logError("setEtcHosts: cannot open ", beside);
+    (void)unlink(beside.c_str());
+    return;
+  }
+  const Copy copy = writeHosts(in.get(), out.get(), address);
+  out.reset();
+  errno = copy.error;
+  if (!copy.ended) {
+    logError("setEtcHosts: error reading ", path);
+  } else if (!copy.good) {
+    logError("setEtcHosts: error writing ", beside);
+  } else {
+    putInPlace(beside, path);
+  }
+  (void)unlink(beside.c_str());  // nothing is there after a successful rename
+}
+
+}  // namespace zell

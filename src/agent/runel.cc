@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+// Construction, start, and what happens when the port cannot be had.
+#include "agent/runel.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include "agent/busy.h"
+#include "agent/ports.h"
+#include "base/log.h"
+#include "base/system.h"
+#include "connections/runel_connection.h"
+
+namespace zell {
+namespace {
+
+constexpr char kName[] = "runeld";
+constexpr unsigned kSelectTimeoutMs = 100;
+
+// The waits before a new try grow by a second each: 630 s until the last one.
+constexpr int kMostListenFailures = 35;
+
+// LINUX_REBOOT_CMD_RESTART of the kernel's reboot(2).
+constexpr int kRebootCommand = 0x01234567;
+constexpr unsigned kSecondsBeforeReboot = 3;
+
+constexpr char kProcessList[] = "/zell/bin/psreal alxw -L";
+constexpr int kProcessLineSize = 256;
+constexpr char kEndTftpServer[] = "/usr/bin/killall -TERM atftpd";
+
+// Sleeps its whole time, whatever signals come: a signal must not bring the reboot nearer. What is
+// left is taken from the clock, since sleep's own answer is in whole seconds.
+void sleepWhole(unsigned length) {
+  using std::chrono::seconds;
+  const auto end = sys::monotonicTime() + seconds(length);
+  for (auto now = sys::monotonicTime(); now < end; now = sys::monotonicTime()) {
+    (void)sys::sleep(static_cast<unsigned>(std::chrono::ceil<seconds>(end - now).count()));
+  }
+}
+
+}  // namespace
+
+Runel::Runel(const std::string& address, bool daemon, int verbose)
+    : ServerBase(kName, kListenPort), address_(address), verbose_(verbose), daemon_(daemon) {
+  set_log_facility(LOG_LOCAL5);
+  set_use_timeout(true);
+  set_timeout(kSelectTimeoutMs);
+  (void)signal(SIGALRM, SIG_IGN);
+  add_host(address_, kMasterPort);
+}
+
+// The handlers go in ascending order of their sockets.
+Runel::~Runel() {
+  for (auto& [socket, handler] : handlers_) {
+    handler.reset();
+  }
+}
+
+int Runel::run() {
+  if (ServerBase::run(daemon_ != 0) != 0) {
+    return 0;
+  }
+  stop();
+  return 0;
+}
+
+void Runel::handle_startup() {
+  ServerBase::handle_startup();
+  if (daemon_ != 0) {
+    openlog(kName, 0, LOG_LOCAL5);
+  }
+  logLine(LOG_INFO, "start runeld (%d) %s", static_cast<int>(getpid()),
+          "==================================================");
+  logLine(LOG_INFO, " version = %s", RUNELD_VERSION);
+  logLine(LOG_INFO, " address = %s", address_.c_str());
+  logLine(LOG_INFO, " daemon  = %d", daemon_);
+  logLine(LOG_INFO, " verbose = %d", verbose_);
+  logLine(LOG_INFO, " port    = %d", kListenPort);
+}
+
+void Runel::handle_timeout() {}
+
+bool Runel::handle_listen_failure(int port) {
+  if (m_ports.size() != 1) {
+    return true;
+  }
+  logLine(LOG_WARNING, "failed to listen on the only port (%d), retrying", port);
+  ++retries_;
+  sleepWhole(static_cast<unsigned>(retries_));
+  if (retries_ == 1 && port == kListenPort) {
+    logProcessList();
+    endTftpServer();
+  }
+  if (retries_ < kMostListenFailures) {
+    return true;
+  }
+  rebootDevice();
+  return false;
+}
+
+// Shows in the log what holds the port. The last line comes twice: a read is only known to be the
+// last one when the next has failed, and its line is logged all the same.
+void Runel::logProcessList() {
+  std::FILE* list = sys::popen(kProcessList, "r");
+  char line[kProcessLineSize] = "";
+  while (list != nullptr && std::feof(list) == 0 && std::ferror(list) == 0) {
+    (void)std::fgets(line, sizeof line, list);
+    logLine(LOG_DEBUG, "%s", line);
+  }
+  (void)sys::pclose(list);
+}
+
+// The usual holder of the port.
+void Runel::endTftpServer() {
+  logLine(LOG_WARNING, "%s", kEndTftpServer);
+  if (sys::system(kEndTftpServer) == -1) {
+    const int error = errno;
+    logLine(LOG_WARNING, "killall failed, (%d, %m)", error);
+  }
+}
+
+void Runel::rebootDevice() {
+  logLine(LOG_ERR, "retry count exceeded, exiting");
+  logLine(LOG_ERR, "rebooting");
+  sys::sync();
+  sleepWhole(kSecondsBeforeReboot);
+  (void)sys::reboot(kRebootCommand);
+  s_run = false;
+}
+
+}  // namespace zell

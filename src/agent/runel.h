@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+// The daemon's own policy: what it listens to, whom it connects to, and who serves which socket.
+#ifndef ZELL_AGENT_RUNEL_H_
+#define ZELL_AGENT_RUNEL_H_
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "server/server_base.h"
+
+namespace zell {
+
+class ByteCountSlave;
+class RunelConnection;
+class XmlSlave;
+
+/// The agent server. It keeps a connection to the master (the slave connection, on which the master
+/// sends tasks) and, while an update manager agent is connected, a second one (the agent bridge, to
+/// which the agent's clauses are relayed). It owns one handler for each socket that it serves.
+class Runel : public ServerBase {
+ public:
+  /// A server for the master at @p address, a host name or dotted address. @p daemon has `run` go
+  /// into the background; each step of @p verbose shows more.
+  Runel(const std::string& address, bool daemon, int verbose);
+  ~Runel() override;
+
+  /// Runs the server to its end. Always 0, which is the program's exit status.
+  int run();
+
+  int drop_socket(int socket) override;
+  int drop_host_connection(int socket) override;
+  void handle_startup() override;
+  /// Waits longer each time, then says true; after 35 failures reboots the device.
+  bool handle_listen_failure(int port) override;
+  using ServerBase::handle_data_read;
+  void handle_data_read(int socket, char* buf, size_t len, int port) override;
+  void handle_timeout() override;
+  void handle_incoming_connection(int socket) override;
+  void handle_outgoing_connection(int socket) override;
+  void handle_loop() override;
+
+ protected:
+  /// The address of the inbound connection on @p socket. Valid until the connection is dropped.
+  const std::string& getConnectionAddress(int socket);
+
+  // A replaced agent's entry stays, with null for its handler.
+  std::map<int, std::unique_ptr<RunelConnection>> handlers_;
+  // The roles; each is also in handlers_, which owns it.
+  ByteCountSlave* slave_ = nullptr;
+  XmlSlave* bridge_ = nullptr;
+  XmlSlave* agent_ = nullptr;
+
+ private:
+  class Busy;
+
+  // runel.cc
+  void logProcessList();
+  void endTftpServer();
+  void rebootDevice();
+
+  // routing.cc
+  bool classify(int socket, const char* buf, std::size_t len);
+  void makeAgent(int socket);
+  void logPacket(int socket, const std::string& data);
+  void serve(int socket, std::string& data);
+  void dropStale(int socket);
+  void workOnPending(RunelConnection& handler, bool trace);
+
+  // pairing.cc
+  int eraseHandler(int socket);
+  void forgetHandler(int socket);
+  void retire(std::unique_ptr<RunelConnection> handler);
+  void orphanAgent();
+  void linkRelays();
+  void unlinkRelays();
+
+  std::string address_;
+  int spare_ = -1;
+  int verbose_;
+  int daemon_;
+  int retries_ = 0;  // listen failures so far
+
+  // Handlers that were dropped while one of them was at work: it may be the one that is being
+  // called. They are deleted when the call is over.
+  std::vector<std::unique_ptr<RunelConnection>> retired_;
+  int busy_ = 0;  // handler calls that are under way
+};
+
+}  // namespace zell
+
+#endif  // ZELL_AGENT_RUNEL_H_

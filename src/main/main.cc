@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// The program: reads the command line, runs the agent server, logs how it ended.
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <typeinfo>
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <zell/stack_trace.h>
+
+#include "agent/runel.h"
+#include "base/log.h"
+#include "main/options.h"
+
+namespace zell {
+namespace {
+
+// A standard stream that is closed would lend its number to the listening socket, and a socket 0
+// counts as one that could not be opened.
+void openStandardStreams() {
+  int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    (void)fcntl(fd, F_SETFD, 0);  // programs are to have their standard streams
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  }
+  if (fd >= 0) {
+    (void)close(fd);
+  }
+}
+
+// Whoever starts the daemon may have left SIGCHLD ignored: then no program's end could be seen.
+void restoreChildSignal() {
+  (void)signal(SIGCHLD, SIG_DFL);
+}
+
+int runServer(const Options& options) {
+  try {
+    Runel server(options.address, options.daemon, options.verbose);
+    return server.run();
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "unhandled exception caught, %s: %s",
+            StackTrace::demangle(typeid(error).name()).c_str(), error.what());
+  } catch (...) {
+    logLine(LOG_ERR, "unhandled exception caught, exception unknown");
+  }
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+}  // namespace zell
+
+int main(int argc, char* argv[]) {
+  zell::openStandardStreams();
+  zell::restoreChildSignal();
+  const zell::Options options =
+      zell::scanOptions({argv + (argc > 0 ? 1 : 0), argv + argc}, std::cout);
+  if (options.exitStatus) {
+    return *options.exitStatus;
+  }
+  const pid_t started = getpid();
+  openlog("runeld", options.logOptions, LOG_LOCAL5);
+  const int status = zell::runServer(options);
+  const pid_t own = getpid();
+  if (own != started) {
+    zell::logLine(LOG_INFO, "stop runeld (pid = %d), exit status %d", static_cast<int>(own),
+                  status);
+  }
+  closelog();
+  std::exit(status);
+}

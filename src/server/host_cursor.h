@@ -13,11 +13,10 @@ namespace zell {
 /// current one is removed, the walk goes on with the one behind it.
 class ServerBase::HostCursor {
  public:
-  explicit HostCursor(ServerBase& server)
-      : m_server(server), m_outer(server.m_host_cursors), m_current(server.m_hosts.begin()) {
-    server.m_host_cursors = this;
+  explicit HostCursor(ServerBase& server) : m_server(server), m_current(server.m_hosts.begin()) {
+    server.m_host_cursors.push_back(this);
   }
-  ~HostCursor() { m_server.m_host_cursors = m_outer; }
+  ~HostCursor() { m_server.m_host_cursors.pop_back(); }
   HostCursor(const HostCursor&) = delete;
   HostCursor& operator=(const HostCursor&) = delete;
 
@@ -30,27 +29,22 @@ class ServerBase::HostCursor {
     m_moved = false;
   }
 
-  /// Moves this cursor and those around it off @p doomed, which is about to be erased.
+  /// Moves on if @p doomed, which is about to be erased, is the current host.
   void leave(std::list<Host>::iterator doomed) {
-    for (HostCursor* cursor = this; cursor != nullptr; cursor = cursor->m_outer) {
-      if (cursor->m_current == doomed) {
-        ++cursor->m_current;
-        cursor->m_moved = true;
-      }
+    if (m_current == doomed) {
+      ++m_current;
+      m_moved = true;
     }
   }
 
-  /// Ends this walk and those around it: the list is about to be emptied.
+  /// Ends the walk: the list is about to be emptied.
   void leave_all() {
-    for (HostCursor* cursor = this; cursor != nullptr; cursor = cursor->m_outer) {
-      cursor->m_current = cursor->m_server.m_hosts.end();
-      cursor->m_moved = true;
-    }
+    m_current = m_server.m_hosts.end();
+    m_moved = true;
   }
 
  private:
   ServerBase& m_server;
-  HostCursor* m_outer;
   std::list<Host>::iterator m_current;
   bool m_moved = false;  // off a removed host, onto the one to be met next
 };

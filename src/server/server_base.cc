@@ -153,8 +153,8 @@ void ServerBase::remove_host(const std::string& name, int port) {
   if (found == m_hosts.end()) {
     return;
   }
-  if (m_host_cursors != nullptr) {
-    m_host_cursors->leave(found);
+  for (HostCursor* cursor : m_host_cursors) {
+    cursor->leave(found);
   }
   m_hosts.erase(found);
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <netinet/in.h>
 #include <sys/select.h>
@@ -225,7 +226,7 @@ class ServerBase {
   void write_pid_file();
 
   UniqueFd m_reserve;  // given up to take and close a connection when none is left
-  HostCursor* m_host_cursors = nullptr;  // the innermost scan of m_hosts
+  std::vector<HostCursor*> m_host_cursors;  // the scans of m_hosts under way, innermost last
 };
 
 }  // namespace zell

@@ -369,8 +369,8 @@ void ServerBase::close_hosts() {
       (void)close(host.socket);
     }
   }
-  if (m_host_cursors != nullptr) {
-    m_host_cursors->leave_all();
+  for (HostCursor* cursor : m_host_cursors) {
+    cursor->leave_all();
   }
   m_hosts.clear();
 }

@@ -5,9 +5,9 @@
 #define ZELL_BYTE_COUNT_PROTOCOL_H_
 
 #include <cstddef>
-#include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zell {
 
@@ -30,9 +30,10 @@ class ByteCountProtocol {
   void acceptBytes(const std::string& bytes);
 
   /// True exactly when at least one complete message is waiting.
-  [[nodiscard]] bool dataAvailable() const { return !messages_.empty(); }
+  [[nodiscard]] bool dataAvailable() const { return next_ != coming_; }
 
   /// Moves the oldest waiting message into @p message; false, leaving it alone, when there is none.
+  /// The memory that @p message had before serves a later message when it is small.
   bool recvMessage(std::string& message);
 
   /// Sends @p payload as one frame, whole, blocking while the peer is slow to take it. A peer that
@@ -46,15 +47,22 @@ class ByteCountProtocol {
 
   void acceptMarker(std::string_view& bytes);
   void acceptCount(std::string_view& bytes);
+  void acceptDigit(char byte);
+  void beginPayload();
   void acceptPayload(std::string_view& bytes);
+  void finishPayload();
   void fail(const char* what);
+  void dropSpareSlots();
 
   int socket_;
   State state_ = State::marker;
   std::size_t digits_ = 0;   // digits of the count seen so far
   std::size_t missing_ = 0;  // the count, then what is still to come of the payload
-  std::string partial_;      // payload of the frame that is coming in
-  std::deque<std::string> messages_;
+  // Messages: slots_[next_] up to slots_[coming_] wait, slots_[coming_] is coming in. The others
+  // are spare and keep a little memory for the next ones.
+  std::vector<std::string> slots_;
+  std::size_t next_ = 0;
+  std::size_t coming_ = 0;
 };
 
 }  // namespace zell

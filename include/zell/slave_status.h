@@ -7,7 +7,7 @@ namespace zell {
 
 /// The outcome of a task at a glance. The numbers are those of the wire.
 struct SlaveStatus {
-  enum Type {
+  enum Type : int {
     success = 0,
     failure = 1,
     running = 2,  ///< a program was started in the background

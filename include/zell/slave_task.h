@@ -53,6 +53,11 @@ class SlaveTask {
   [[nodiscard]] const ResultStatus& status() const { return status_; }
 
  private:
+  struct Layout;
+
+  void clear();
+  void take(const Layout& layout);
+
   std::vector<std::string> args_;
   int execParam_ = 0;
   std::string output_;

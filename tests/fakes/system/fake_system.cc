@@ -102,7 +102,7 @@ int gethostbyname_r(const char* name, hostent* record_, char* work, std::size_t 
 }
 
 std::chrono::nanoseconds monotonicTime() {
-  return fake().now;
+  return fake().clock ? fake().clock() : fake().now;
 }
 
 }  // namespace zell::sys

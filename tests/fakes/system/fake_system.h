@@ -29,6 +29,8 @@ struct FakeSystem {
 
   /// Virtual time; `sleep` moves it on.
   std::chrono::nanoseconds now{std::chrono::hours(1)};
+  /// When set, decides what the clock shows in place of `now`.
+  std::function<std::chrono::nanoseconds()> clock;
   /// When set, decides how long a sleep of so many seconds really takes (a signal may end it
   /// early).
   std::function<std::chrono::nanoseconds(unsigned)> sleepTakes;

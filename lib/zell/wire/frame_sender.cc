@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "zell/wire/frame_sender.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "base/system.h"
+
+namespace zell {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+constexpr std::size_t kMaxHeader = 24;  // two markers and the digits of any length
+constexpr std::size_t kMiB = 1048576;
+
+// One frame on its way: what is still to be sent of header and payload.
+class Frame {
+ public:
+  explicit Frame(std::string_view payload) {
+    header_[0] = '\x01';
+    char* end = std::to_chars(header_ + 1, header_ + kMaxHeader - 1, payload.size()).ptr;
+    *end++ = '\x02';
+    parts_[0] = {header_, static_cast<std::size_t>(end - header_)};
+    // The interface is older than const: nothing writes through it.
+    parts_[1] = {const_cast<char*>(payload.data()), payload.size()};
+  }
+  Frame(const Frame&) = delete;
+  Frame& operator=(const Frame&) = delete;
+
+  [[nodiscard]] bool sent() const { return left() == 0; }
+
+  /// Sends what @p socket takes now: false with errno for an error. A full buffer and a signal are
+  /// none.
+  bool sendSome(int socket) {
+    msghdr message{};
+    message.msg_iov = parts_;
+    message.msg_iovlen = 2;
+    const ssize_t taken = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (taken < 0) {
+      return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    }
+    advance(static_cast<std::size_t>(taken));
+    return true;
+  }
+
+  [[nodiscard]] std::size_t left() const { return parts_[0].iov_len + parts_[1].iov_len; }
+
+ private:
+  void advance(std::size_t taken) {
+    for (iovec& part : parts_) {
+      const std::size_t step = std::min(taken, part.iov_len);
+      part.iov_base = static_cast<char*>(part.iov_base) + step;
+      part.iov_len -= step;
+      taken -= step;
+    }
+  }
+
+  char header_[kMaxHeader];
+  iovec parts_[2];
+};
+
+// Waits until @p socket can take more, @p limit at most. False with errno; ETIMEDOUT when the limit
+// has passed, whatever the clock then shows. A signal ends the wait early.
+bool waitWritable(int socket, nanoseconds limit) {
+  const milliseconds rounded = std::chrono::ceil<milliseconds>(limit);
+  pollfd wanted{socket, POLLOUT, 0};
+  const int ready = rounded.count() <= 0 ? 0 : poll(&wanted, 1, static_cast<int>(rounded.count()));
+  if (ready == 0) {
+    errno = ETIMEDOUT;
+  }
+  return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+// The slow way, for what the socket's buffer did not take at once.
+bool sendRest(int socket, Frame& frame, milliseconds stall, milliseconds whole) {
+  const nanoseconds start = sys::monotonicTime();
+  nanoseconds progress = start;
+  nanoseconds now = start;
+  while (!frame.sent()) {
+    if (!waitWritable(socket, std::min(progress + stall, start + whole) - now)) {
+      return false;
+    }
+    const std::size_t before = frame.left();
+    if (!frame.sendSome(socket)) {
+      return false;
+    }
+    now = sys::monotonicTime();
+    if (frame.left() != before) {
+      progress = now;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool sendFrame(int socket, std::string_view payload, const SendLimits& limits) {
+  Frame frame(payload);
+  if (!frame.sendSome(socket)) {
+    return false;
+  }
+  if (frame.sent()) {
+    return true;
+  }
+  const auto mebibytes = static_cast<milliseconds::rep>(payload.size()) * limits.perMiB.count() /
+                         static_cast<milliseconds::rep>(kMiB);
+  return sendRest(socket, frame, limits.stall, limits.whole + milliseconds(mebibytes));
+}
+
+}  // namespace zell

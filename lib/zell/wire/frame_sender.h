@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sends one frame whole, to a peer that may be slow, but not without end.
+#ifndef ZELL_WIRE_FRAME_SENDER_H_
+#define ZELL_WIRE_FRAME_SENDER_H_
+
+#include <chrono>
+#include <string_view>
+
+namespace zell {
+
+/// How long a peer may keep the daemon, which does nothing else meanwhile.
+struct SendLimits {
+  std::chrono::milliseconds stall{30000};  ///< without taking a byte
+  std::chrono::milliseconds whole{30000};  ///< for the frame...
+  std::chrono::milliseconds perMiB{1000};  ///< ...and so much more for each MiB of it
+};
+
+/// Sends @p payload as one frame on @p socket, blocking or not. Never raises SIGPIPE. A frame that
+/// the socket's buffer can take costs one system call. False with errno when it was not sent to its
+/// end, ETIMEDOUT when the peer was too slow; how much of it went out is then unknown.
+[[nodiscard]] bool sendFrame(int socket, std::string_view payload, const SendLimits& limits = {});
+
+}  // namespace zell
+
+#endif  // ZELL_WIRE_FRAME_SENDER_H_

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+// Both ends of a relay on sockets of their own, not linked yet.
+#ifndef TESTS_UNIT_CONNECTIONS_RELAY_FIXTURE_H_
+#define TESTS_UNIT_CONNECTIONS_RELAY_FIXTURE_H_
+
+#include <csignal>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "connections/xml_slave.h"
+#include "fakes/system/fake_system.h"
+#include "support/log_capture.h"
+#include "support/socket_pair.h"
+
+namespace zell::test {
+
+class RelayFixture : public testing::Test {
+ protected:
+  RelayFixture() {
+    FakeSystem::instance().reset();
+    (void)std::signal(SIGPIPE, SIG_IGN);  // as the daemon has it
+  }
+
+  /// Links the ends, as the server does it.
+  void link() {
+    bridge.setPeer(&agent);
+    agent.setPeer(&bridge);
+    log.clear();
+  }
+
+  /// Hands @p packet to @p relay, as read from its socket; an empty one drives it.
+  static void give(XmlSlave& relay, std::string packet) { relay.handleMessage(packet); }
+
+  static std::string contentsOf(const XmlSlave& relay) {
+    return relay.buffer().first(relay.buffer().size());
+  }
+
+  SocketPair agentSockets = SocketPair::local();
+  SocketPair masterSockets = SocketPair::local();
+  LogCapture log;
+  XmlSlave agent{agentSockets.near()};
+  XmlSlave bridge{masterSockets.near()};
+};
+
+}  // namespace zell::test
+
+#endif  // TESTS_UNIT_CONNECTIONS_RELAY_FIXTURE_H_

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+// The relay does what its rules say, however its input is made up and cut into packets: compared
+// step by step with SlowRelay over random streams.
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/slow_relay.h"
+#include "unit/connections/relay_fixture.h"
+
+namespace zell::test {
+namespace {
+
+// How many streams are tried; RUNELD_PROPERTY_CASES asks for more than the usual number.
+unsigned long cases() {
+  const char* const asked = std::getenv("RUNELD_PROPERTY_CASES");
+  return asked == nullptr ? 10000 : std::strtoul(asked, nullptr, 10);
+}
+
+// One random stream and its way into the relay.
+class Script {
+ public:
+  explicit Script(unsigned seed) : random_(seed) {
+    const std::vector<std::string> pieces = choosePieces();
+    for (std::size_t count = below(24); count > 0; --count) {
+      stream_ += pieces[below(pieces.size())];
+    }
+    longest_ = std::vector<std::size_t>{1, 6, 40, 1000}[below(4)];
+    pings_ = below(2) == 0;
+  }
+
+  [[nodiscard]] bool done() const { return at_ == stream_.size(); }
+  std::string nextPacket() {
+    if (pings_ && below(4) == 0) {
+      return "<ping/>\r\n";
+    }
+    const std::string packet = stream_.substr(at_, 1 + below(longest_));
+    at_ += packet.size();
+    return packet;
+  }
+  std::size_t below(std::size_t limit) {
+    return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random_);
+  }
+
+ private:
+  // Pieces that fit together in many ways. Most streams are without those that block a relay for
+  // good, or else little would ever get through.
+  std::vector<std::string> choosePieces() {
+    const std::string name(1 + below(50), 'n');
+    std::vector<std::string> pieces = {
+        "<a/>", "<b c='d'/>",     "<a>x</a>",     "<b>\r\n</b>",    "<ping/>\r\n",    " ",
+        "\r\n", "<a><b/>></a>\t", "<a></ab></a>", "<" + name + ">", "</" + name + ">"};
+    if (below(2) == 0) {
+      pieces.insert(pieces.end(), {"<a>", "</a>", "<b>", "</b>", "<ab>", "</ab>", ">", "/>", "x"});
+    }
+    if (below(4) == 0) {
+      pieces.insert(pieces.end(), {"<>", "</>", "<", "/", "<//a>", std::string(1, '\0'), "\x7f"});
+    }
+    if (below(6) == 0) {
+      pieces.insert(pieces.end(), {"\x01", "\x02"});
+    }
+    // A few of them, so that they meet again.
+    std::vector<std::string> some;
+    for (std::size_t count = 1 + below(8); count > 0; --count) {
+      some.push_back(pieces[below(pieces.size())]);
+    }
+    return some;
+  }
+
+  std::mt19937 random_;
+  std::string stream_;
+  std::size_t at_ = 0;
+  std::size_t longest_ = 1;
+  bool pings_ = false;
+};
+
+class RelayRulesTest : public RelayFixture {
+ protected:
+  // One end of the relay and the rules it must follow.
+  struct Subject {
+    explicit Subject(int socket) : relay(socket) {}
+    XmlSlave relay;
+    SlowRelay rules;
+  };
+
+  void step(Script& script, Subject& subject) {
+    switch (script.below(12)) {
+      case 0:
+        subject.relay.setPeer(&bridge);
+        subject.rules.setPeer(true);
+        break;
+      case 1:
+        if (script.below(3) == 0) {
+          subject.relay.setPeer(nullptr);
+          subject.rules.setPeer(false);
+        }
+        break;
+      case 2:
+        give(subject.relay, "");
+        subject.rules.handleMessage("");
+        break;
+      default: {
+        const std::string packet = script.nextPacket();
+        give(subject.relay, packet);
+        subject.rules.handleMessage(packet);
+      }
+    }
+  }
+
+  void compare(Subject& subject) {
+    EXPECT_EQ(masterSockets.received(), subject.rules.sent);
+    EXPECT_EQ(contentsOf(subject.relay), subject.rules.buffer);
+    EXPECT_EQ(log.entries(), subject.rules.log);
+    EXPECT_EQ(subject.relay.stopRequested(), subject.rules.stop);
+    EXPECT_EQ(subject.relay.inputPending(), subject.rules.inputPending());
+    relayed += subject.rules.sent.size();
+    for (const LogEntry& line : subject.rules.log) {
+      ++lines[line.text.substr(0, 24)];
+    }
+    subject.rules.sent.clear();
+    subject.rules.log.clear();
+    log.clear();
+  }
+
+  void run(unsigned seed) {
+    Script script(seed);
+    Subject subject(agentSockets.near());
+    if (script.below(2) == 0) {
+      subject.relay.setPeer(&bridge);
+      subject.rules.setPeer(true);
+    }
+    while (!script.done() && !HasFailure()) {
+      step(script, subject);
+      compare(subject);
+    }
+  }
+
+  std::size_t relayed = 0;
+  std::map<std::string, unsigned long> lines;  // how often each kind was logged
+};
+
+TEST_F(RelayRulesTest, HoldForRandomStreamsInRandomPackets) {
+  const unsigned long count = cases();
+  for (unsigned seed = 1; seed <= count && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    run(seed);
+  }
+  // The streams are worth trying when much gets through and every rule has its turn.
+  EXPECT_GE(relayed, 10 * count);
+  EXPECT_EQ(lines.size(), 6U);
+  for (const auto& [kind, times] : lines) {
+    EXPECT_GE(times, count / 50) << kind;
+  }
+}
+
+}  // namespace
+}  // namespace zell::test

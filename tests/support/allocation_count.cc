@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/allocation_count.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+#include <malloc.h>
+
+namespace zell::test {
+namespace {
+
+std::size_t g_calls = 0;
+std::size_t g_bytes = 0;
+std::ptrdiff_t g_live = 0;
+std::ptrdiff_t g_peak = 0;
+
+void* allocate(std::size_t size) {
+  void* memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  ++g_calls;
+  g_bytes += size;
+  g_live += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+  g_peak = std::max(g_peak, g_live);
+  return memory;
+}
+
+void release(void* memory) {
+  if (memory != nullptr) {
+    g_live -= static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
+    std::free(memory);
+  }
+}
+
+}  // namespace
+
+void AllocationCount::restart() {
+  calls_ = g_calls;
+  bytes_ = g_bytes;
+  live_ = g_live;
+  g_peak = g_live;
+}
+
+std::size_t AllocationCount::calls() const {
+  return g_calls - calls_;
+}
+
+std::size_t AllocationCount::bytes() const {
+  return g_bytes - bytes_;
+}
+
+std::ptrdiff_t AllocationCount::live() const {
+  return g_live - live_;
+}
+
+std::ptrdiff_t AllocationCount::peak() const {
+  return g_peak - live_;
+}
+
+}  // namespace zell::test
+
+void* operator new(std::size_t size) {
+  return zell::test::allocate(size);
+}
+
+void* operator new[](std::size_t size) {
+  return zell::test::allocate(size);
+}
+
+void operator delete(void* memory) noexcept {
+  zell::test::release(memory);
+}
+
+void operator delete[](void* memory) noexcept {
+  zell::test::release(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  zell::test::release(memory);
+}
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept {
+  zell::test::release(memory);
+}

@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: Apache-2.0
+// The framing as it goes out: whole, in as few calls as it takes, and never to a peer that is lost.
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <syslog.h>
+
+#include <zell/byte_count_protocol.h>
+
+#include "fakes/system/fake_system.h"
+#include "socket_calls.h"
+#include "support/frame.h"
+#include "support/log_capture.h"
+#include "support/socket_pair.h"
+#include "zell/wire/frame_sender.h"
+
+namespace zell {
+namespace {
+
+using test::FakeSystem;
+using test::frame;
+using test::LogCapture;
+using test::LogEntry;
+using test::SocketCalls;
+using test::SocketPair;
+
+constexpr std::size_t kMiB = 1048576;
+
+// Payload bytes that tell where they belong.
+std::string patterned(std::size_t length) {
+  std::string bytes(length, '\0');
+  for (std::size_t i = 0; i < length; ++i) {
+    bytes[i] = static_cast<char>(i * 2654435761u >> 24);
+  }
+  return bytes;
+}
+
+// More bytes than any test has memory for; nobody reads them.
+class HugePayload {
+ public:
+  explicit HugePayload(std::size_t length)
+      : length_(length),
+        bytes_(
+            mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)) {}
+  ~HugePayload() { munmap(bytes_, length_); }
+  HugePayload(const HugePayload&) = delete;
+  HugePayload& operator=(const HugePayload&) = delete;
+  [[nodiscard]] std::string_view view() const {
+    return {static_cast<const char*>(bytes_), length_};
+  }
+
+ private:
+  std::size_t length_;
+  void* bytes_;
+};
+
+class FrameSendTest : public testing::Test {
+ protected:
+  FrameSendTest() {
+    FakeSystem::instance().reset();
+    FakeSystem::instance().clock = [this] {
+      ++clockCalls_;
+      now_ += clockStep_;
+      return now_;
+    };
+  }
+  ~FrameSendTest() override { FakeSystem::instance().reset(); }
+
+  [[nodiscard]] std::vector<LogEntry> sendFailure(const std::string& error) const {
+    return {
+        {LOG_ERR, "(PID) sendMessage: socket " + std::to_string(sockets_.near()) + ", " + error}};
+  }
+
+  // Whether both directions of the near socket are shut down.
+  [[nodiscard]] bool isShutDown() const {
+    char byte = 0;
+    return recv(sockets_.near(), &byte, 1, MSG_DONTWAIT) == 0 &&
+           send(sockets_.near(), "x", 1, MSG_NOSIGNAL | MSG_DONTWAIT) == -1 && errno == EPIPE;
+  }
+
+  int clockCalls_ = 0;
+  std::chrono::nanoseconds now_{0};
+  std::chrono::seconds clockStep_{0};
+  LogCapture log_;
+  SocketCalls calls_;
+  SocketPair sockets_ = SocketPair::local();
+  ByteCountProtocol codec_{sockets_.near()};
+};
+
+TEST_F(FrameSendTest, ASmallReplyCostsOneCallAndNoLookAtTheClock) {
+  EXPECT_TRUE(codec_.sendMessage("a small reply"));
+  EXPECT_EQ(sockets_.received(), frame("a small reply"));
+  EXPECT_EQ(calls_.sends, 1);
+  EXPECT_TRUE(calls_.pollTimeouts.empty());
+  EXPECT_EQ(clockCalls_, 0);
+  EXPECT_TRUE(log_.entries().empty());
+}
+
+TEST_F(FrameSendTest, TheCountIsTheLengthInDecimal) {
+  for (const std::size_t length : {0u, 1u, 9u, 10u, 99u, 100u, 4096u, 65536u, 99999u, 100000u}) {
+    const std::string payload = patterned(length);
+    EXPECT_TRUE(codec_.sendMessage(payload));
+    EXPECT_EQ(sockets_.received(), frame(payload)) << length;
+  }
+}
+
+TEST_F(FrameSendTest, AnsweredInPiecesItSendsTheRest) {
+  const std::string payload = patterned(40);
+  for (std::size_t most = 1; most <= frame(payload).size(); ++most) {
+    calls_.sendAtMost = most;
+    EXPECT_TRUE(codec_.sendMessage(payload));
+    EXPECT_EQ(sockets_.received(), frame(payload)) << most;
+  }
+}
+
+TEST_F(FrameSendTest, ASignalWhileSendingIsNoError) {
+  calls_.sendErrors = {EINTR, EINTR};
+  EXPECT_TRUE(codec_.sendMessage("text"));
+  EXPECT_EQ(sockets_.received(), frame("text"));
+}
+
+TEST_F(FrameSendTest, ASignalWhileWaitingIsNoError) {
+  calls_.sendErrors = {EAGAIN, EAGAIN};
+  calls_.pollAnswers = {-EINTR, -EINTR};
+  EXPECT_TRUE(codec_.sendMessage("text"));
+  EXPECT_EQ(sockets_.received(), frame("text"));
+}
+
+TEST_F(FrameSendTest, AFullBufferIsWaitedFor) {
+  calls_.sendErrors = {EAGAIN};
+  EXPECT_TRUE(codec_.sendMessage("text"));
+  EXPECT_EQ(sockets_.received(), frame("text"));
+  EXPECT_EQ(calls_.pollTimeouts, std::vector<int>{30000});
+}
+
+TEST_F(FrameSendTest, AWaitThatFailsIsAnError) {
+  calls_.sendErrors = {EAGAIN};
+  calls_.pollAnswers = {-ENOMEM};
+  EXPECT_FALSE(codec_.sendMessage("text"));
+  EXPECT_EQ(log_.entries(), sendFailure("Cannot allocate memory"));
+}
+
+TEST_F(FrameSendTest, NeverRaisesASignal) {
+  EXPECT_TRUE(codec_.sendMessage("text"));
+  EXPECT_NE(calls_.sendFlags & MSG_NOSIGNAL, 0);
+}
+
+TEST_F(FrameSendTest, AClosedPeerIsGivenUpAtOnce) {
+  sockets_.closeFar();
+  EXPECT_FALSE(codec_.sendMessage("text"));
+  EXPECT_EQ(log_.entries(), sendFailure("Broken pipe"));
+  EXPECT_EQ(calls_.sends, 1);
+  EXPECT_TRUE(isShutDown());
+}
+
+TEST_F(FrameSendTest, APeerThatResetsIsGivenUpAtOnce) {
+  SocketPair tcp = SocketPair::tcp();
+  ByteCountProtocol codec(tcp.near());
+  tcp.resetFar();
+  EXPECT_FALSE(codec.sendMessage("text"));
+  EXPECT_EQ(
+      log_.entries(),
+      (std::vector<LogEntry>{{LOG_ERR, "(PID) sendMessage: socket " + std::to_string(tcp.near()) +
+                                           ", Connection reset by peer"}}));
+}
+
+TEST_F(FrameSendTest, ANumberThatIsNoSocketIsLogged) {
+  ByteCountProtocol codec(-1);
+  EXPECT_FALSE(codec.sendMessage("text"));
+  EXPECT_EQ(log_.texts(),
+            std::vector<std::string>{"(PID) sendMessage: socket -1, Bad file descriptor"});
+}
+
+TEST_F(FrameSendTest, EveryMessageAfterALostPeerIsLoggedAndDropped) {
+  sockets_.closeFar();
+  EXPECT_FALSE(codec_.sendMessage("one"));
+  EXPECT_FALSE(codec_.sendMessage("two"));
+  EXPECT_EQ(log_.texts(LOG_ERR).size(), 2u);
+}
+
+TEST_F(FrameSendTest, APeerThatTakesNothingIsGivenUpAfterThirtySeconds) {
+  calls_.sendErrors = {EAGAIN};
+  calls_.pollAnswers = {0};
+  EXPECT_FALSE(codec_.sendMessage("text"));
+  EXPECT_EQ(calls_.pollTimeouts, std::vector<int>{30000});
+  EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
+  EXPECT_TRUE(isShutDown());
+}
+
+TEST_F(FrameSendTest, WaitingWithoutProgressAddsUp) {
+  clockStep_ = std::chrono::seconds(10);
+  calls_.sendErrors.assign(100, EAGAIN);
+  calls_.pollAnswers.assign(100, 1);
+  EXPECT_FALSE(codec_.sendMessage("text"));
+  EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 20000, 10000}));
+  EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
+}
+
+TEST_F(FrameSendTest, ASteadyPeerHasOneSecondMoreForEachMebibyte) {
+  clockStep_ = std::chrono::seconds(10);
+  calls_.sendAtMost = 1;
+  calls_.pollAnswers.assign(100, 1);
+  EXPECT_FALSE(codec_.sendMessage(std::string(8 * kMiB, 'x')));
+  EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 28000, 18000, 8000}));
+  EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
+  EXPECT_EQ(sockets_.received().size(), 5u);
+}
+
+TEST_F(FrameSendTest, ProgressStartsTheThirtySecondsAfresh) {
+  clockStep_ = std::chrono::seconds(10);
+  calls_.sendErrors = {0, EAGAIN, EAGAIN, 0, EAGAIN, EAGAIN, EAGAIN};
+  calls_.sendAtMost = 1;
+  calls_.pollAnswers.assign(100, 1);
+  EXPECT_FALSE(codec_.sendMessage(std::string(90 * kMiB, 'x')));
+  EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 20000, 10000, 30000, 20000, 10000}));
+}
+
+TEST_F(FrameSendTest, APeerThatNeverReadsIsGivenUpInRealTimeToo) {
+  const SendLimits limits{std::chrono::milliseconds(30), std::chrono::milliseconds(30),
+                          std::chrono::milliseconds(0)};
+  EXPECT_FALSE(sendFrame(sockets_.near(), std::string(4 * kMiB, 'x'), limits));
+  EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(FrameSendTest, APayloadAboveTheLimitIsNotSent) {
+  const HugePayload payload(kMaxFramePayload + 1);
+  EXPECT_FALSE(codec_.sendMessage(payload.view()));
+  EXPECT_EQ(
+      log_.entries(),
+      (std::vector<LogEntry>{{LOG_ERR, "(PID) sendMessage: message too long, 268435457 bytes"}}));
+  EXPECT_EQ(calls_.sends, 0);
+  EXPECT_FALSE(isShutDown());
+}
+
+TEST_F(FrameSendTest, APayloadOfTheLimitIsBegun) {
+  const HugePayload payload(kMaxFramePayload);
+  calls_.sendAtMost = 11;
+  calls_.sendErrors = {0, ECONNRESET};
+  EXPECT_FALSE(codec_.sendMessage(payload.view()));
+  EXPECT_EQ(sockets_.received(),
+            "\x01"
+            "268435456\x02");
+}
+
+// How a socket may be set up when a frame is to be sent on it.
+enum class Mode { blocking, withSendTimeout, nonBlocking };
+
+class LargeFrameTest : public FrameSendTest, public testing::WithParamInterface<Mode> {
+ protected:
+  static void setUp(int socket) {
+    if (GetParam() == Mode::withSendTimeout) {
+      const timeval limit{0, 1000};
+      ASSERT_EQ(setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit), 0);
+    } else if (GetParam() == Mode::nonBlocking) {
+      ASSERT_EQ(fcntl(socket, F_SETFL, O_NONBLOCK), 0);
+    }
+  }
+};
+
+TEST_P(LargeFrameTest, ArrivesWhole) {
+  const SocketPair tcp = SocketPair::tcp();
+  setUp(tcp.near());
+  const std::string payload = patterned(64 * kMiB);
+  const std::string expected = frame(payload);
+  std::string got;
+  std::thread peer([&] { got = tcp.receive(expected.size()); });
+  ByteCountProtocol codec(tcp.near());
+  EXPECT_TRUE(codec.sendMessage(payload));
+  peer.join();
+  EXPECT_TRUE(got == expected);
+  EXPECT_TRUE(log_.entries().empty());
+}
+
+TEST_P(LargeFrameTest, IsGivenUpWhenThePeerClosesInItsMiddle) {
+  SocketPair tcp = SocketPair::tcp();
+  setUp(tcp.near());
+  std::thread peer([&] {
+    (void)tcp.receive(kMiB);
+    tcp.resetFar();
+  });
+  ByteCountProtocol codec(tcp.near());
+  EXPECT_FALSE(codec.sendMessage(std::string(64 * kMiB, 'x')));
+  peer.join();
+  EXPECT_EQ(log_.countContaining("sendMessage: socket " + std::to_string(tcp.near()) + ", "), 1);
+  EXPECT_EQ(log_.countContaining("timed out"), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, LargeFrameTest,
+                         testing::Values(Mode::blocking, Mode::withSendTimeout, Mode::nonBlocking));
+
+}  // namespace
+}  // namespace zell

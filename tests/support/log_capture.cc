@@ -13,7 +13,7 @@ namespace {
 
 LogCapture* g_newest = nullptr;
 
-void capture(int priority, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format, va_list args) {
   if (g_newest == nullptr) {
     return;
   }
@@ -104,7 +104,8 @@ void syslog(int priority, const char* format, ...) {
   va_end(args);
 }
 
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/,
+                                                        const char* format, ...) {
   va_list args;
   va_start(args, format);
   zell::test::capture(priority, format, args);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // How the result of a task becomes its reply.
+#include <cerrno>
 #include <sstream>
 
 #include <syslog.h>
@@ -42,10 +43,14 @@ SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
   return makeReply(text.str());
 }
 
-// The answer to a request that cannot be run at all; it is logged as it is sent.
+// The answer to a request that cannot be run at all; it is logged as it is sent. A name that a
+// frame just holds makes it longer than a reply may be.
 SlaveTask* ByteCountSlave::refuse(const std::string& complaint, int error) {
   const std::string text = "(" + std::to_string(getpid()) + ") " + complaint;
   logPlain(LOG_ERR, "%s", text.c_str());
+  if (text.size() > kMaxReplyText) {
+    return new SlaveTask({}, 0, "", SlaveStatus::failure, WatchProcessState_t::none, 1, EFBIG, 0);
+  }
   return new SlaveTask({}, 0, text, SlaveStatus::error, WatchProcessState_t::none, 1, error, 0);
 }
 

@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "unit/tasks/task_case.h"
+
+namespace zell::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class DeviceTasksTest : public TaskCase {};
+
+TEST_F(DeviceTasksTest, BlinkLedsStartsTheNamedStyle) {
+  for (const auto& [word, style] : {std::pair<const char*, LedStyle::Type>{"off", LedStyle::off},
+                                    {"on", LedStyle::on},
+                                    {"slow", LedStyle::slow},
+                                    {"fast", LedStyle::fast},
+                                    {"alternate", LedStyle::alternate}}) {
+    EXPECT_EQ(run({"blinkleds", word}), replyRecord(""));
+    EXPECT_EQ(device.blinking, style);
+  }
+}
+
+TEST_F(DeviceTasksTest, BlinkLedsHandsAnUnknownWordOn) {
+  (void)run({"blinkleds", "slow"});
+  for (const std::string word : {"Slow", "", "slow ", "unknown"}) {
+    EXPECT_EQ(run({"blinkleds", word}), replyRecord("", "1 0 1 22 0")) << word;
+    EXPECT_EQ(device.calls.back(), "blinkLeds unknown");
+  }
+  EXPECT_EQ(device.blinking, LedStyle::slow);
+}
+
+TEST_F(DeviceTasksTest, BlinkLedsIsAnsweredOnTheConnectionThatAskedAlsoWhenAnotherDrives) {
+  (void)run({"fileexists", "/none"});
+  const ByteCountSlave newer(sockets.near());
+  EXPECT_EQ(run({"blinkleds", "fast"}), replyRecord(""));
+}
+
+TEST_F(DeviceTasksTest, ChangeLedsTakesOnlyAOneForOn) {
+  (void)run({"changeleds", "1", "1"});
+  EXPECT_TRUE(device.firstLed && device.secondLed);
+  (void)run({"changeleds", "1", "0"});
+  EXPECT_TRUE(device.firstLed && !device.secondLed);
+  (void)run({"changeleds", "0", "1"});
+  EXPECT_TRUE(!device.firstLed && device.secondLed);
+  for (const std::string other : {"on", "yes", "01", "1 ", " 1", "11", "", "true"}) {
+    (void)run({"changeleds", "1", "1"});
+    EXPECT_EQ(run({"changeleds", other, other}), replyRecord(""));
+    EXPECT_FALSE(device.firstLed || device.secondLed) << other;
+  }
+}
+
+TEST_F(DeviceTasksTest, DeviceTypeAnswersTheTypesName) {
+  device.deviceType = DeviceType_t::controller;
+  EXPECT_EQ(run({"devicetype"}), replyRecord("controller"));
+  device.deviceType = DeviceType_t::server;
+  EXPECT_EQ(run({"devicetype"}), replyRecord("server"));
+  device.deviceType = DeviceType_t::unknown;
+  EXPECT_EQ(run({"devicetype"}), replyRecord("unknown"));
+}
+
+TEST_F(DeviceTasksTest, HostIdAnswersTheIdentifier) {
+  device.hostId = "0a1b2c3d";
+  EXPECT_EQ(run({"hostid"}), replyRecord("0a1b2c3d"));
+}
+
+TEST_F(DeviceTasksTest, UpdateUmStatePassesKeyAndStateUnchanged) {
+  const std::string state(" a\0b\n", 5);
+  EXPECT_EQ(run({"updateumstate", "key", state}), replyRecord(""));
+  EXPECT_EQ(device.files["/var/lib/runeld/umstate/key"], state);
+  device.failures["updateUmState"] = EINVAL;
+  EXPECT_EQ(run({"updateumstate", "../key", state}), replyRecord("", "1 0 1 22 0"));
+}
+
+TEST_F(DeviceTasksTest, RestartAsksForAStopAndAnswersNothing) {
+  EXPECT_EQ(run({"restart"}), "none");
+  EXPECT_TRUE(slave.stopRequested());
+  EXPECT_EQ(sockets.received(), "");
+  EXPECT_THAT(asked(), IsEmpty());
+}
+
+TEST_F(DeviceTasksTest, RebootIsAcknowledgedOnTheWireBeforeItHappens) {
+  std::string sentBefore = "not rebooted";
+  bool stopBefore = true;
+  device.onCall = [&](const std::string& call) {
+    if (call == "reboot") {
+      sentBefore = sockets.received();
+      stopBefore = slave.stopRequested();
+    }
+  };
+  EXPECT_EQ(run({"reboot"}), "none");
+  EXPECT_EQ(sentBefore, reply(""));
+  EXPECT_FALSE(stopBefore);
+  EXPECT_TRUE(slave.stopRequested());
+  EXPECT_EQ(sockets.received(), "") << "acknowledged twice";
+}
+
+TEST_F(DeviceTasksTest, RebootIsAcknowledgedWithTheStatusOfTheLastTask) {
+  device.programs["/bin/die"].end = {SlaveStatus::failure, WatchProcessState_t::signalled, -1, 0,
+                                     9};
+  (void)run({"exec", "/bin/die"});
+  (void)run({"reboot"});
+  EXPECT_EQ(sockets.received(), reply("", "1 3 -1 0 9"));
+}
+
+TEST_F(DeviceTasksTest, RebootThatFailsStopsTheDaemonAllTheSame) {
+  device.failures["reboot"] = EPERM;
+  EXPECT_EQ(run({"reboot"}), "none");
+  EXPECT_TRUE(slave.stopRequested());
+  EXPECT_EQ(sockets.received(), reply(""));
+}
+
+TEST_F(DeviceTasksTest, RebootHappensAlsoWhenThePeerIsGone) {
+  sockets.closeFar();
+  EXPECT_EQ(run({"reboot"}), "none");
+  EXPECT_THAT(asked(), ElementsAre("reboot"));
+  EXPECT_TRUE(slave.stopRequested());
+}
+
+TEST_F(DeviceTasksTest, RequestsBehindARebootAreStillAnswered) {
+  std::string packet = request({"reboot"}) + request({"hostid"});
+  slave.handleMessage(packet);
+  EXPECT_EQ(sockets.received(), reply("") + reply("0123abcd"));
+  EXPECT_THAT(asked(), ElementsAre("reboot", "hostId"));
+}
+
+}  // namespace
+}  // namespace zell::test

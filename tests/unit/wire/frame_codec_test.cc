@@ -10,9 +10,9 @@
 
 #include <zell/byte_count_protocol.h>
 
-#include "support/frame.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
+#include "support/task_wire.h"
 
 namespace zell {
 namespace {

@@ -7,8 +7,8 @@
 #include <zell/byte_count_protocol.h>
 
 #include "support/allocation_count.h"
-#include "support/frame.h"
 #include "support/socket_pair.h"
+#include "support/task_wire.h"
 
 namespace zell {
 namespace {

@@ -16,9 +16,9 @@
 
 #include "fakes/system/fake_system.h"
 #include "socket_calls.h"
-#include "support/frame.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
+#include "support/task_wire.h"
 #include "zell/wire/frame_sender.h"
 
 namespace zell {

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+// What docs/protocol.md tells the people who write a master is what the daemon does.
+#include <algorithm>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <zell/byte_count_protocol.h>
+#include <zell/slave_task.h>
+
+#include "connections/byte_count_slave.h"
+#include "connections/clause_buffer.h"
+#include "fakes/zell/fake_zell.h"
+#include "protocol_document.h"
+#include "support/log_capture.h"
+#include "support/socket_pair.h"
+
+namespace zell {
+namespace {
+
+using test::Block;
+using test::blocksOf;
+using test::LogCapture;
+using test::SocketPair;
+
+std::string textOf(const SlaveTask& task) {
+  std::ostringstream out;
+  task.serialize(out);
+  return out.str();
+}
+
+std::string bytesOf(const Block& block) {
+  std::string bytes;
+  for (const std::string& line : block) {
+    bytes += test::hexLine(line).first;
+  }
+  return bytes;
+}
+
+// The record that @p text is, written again.
+std::string readAndWritten(const std::string& text) {
+  SlaveTask task;
+  task.parse(text);
+  return textOf(task);
+}
+
+TEST(ProtocolDocumentTest, EveryFrameIsOneMessage) {
+  const std::vector<Block> frames = blocksOf("frame");
+  EXPECT_GE(frames.size(), 9u);
+  for (const Block& block : frames) {
+    const SocketPair sockets = SocketPair::local();
+    ByteCountProtocol codec(sockets.near());
+    codec.acceptBytes(bytesOf(block));
+    std::string message;
+    ASSERT_TRUE(codec.recvMessage(message)) << block.front();
+    EXPECT_FALSE(codec.dataAvailable()) << block.front();
+    EXPECT_TRUE(codec.sendMessage(message));
+    EXPECT_EQ(sockets.received(), bytesOf(block)) << block.front();
+  }
+}
+
+TEST(ProtocolDocumentTest, EveryFrameWithARecordHoldsASoundOne) {
+  int records = 0;
+  for (const Block& block : blocksOf("frame")) {
+    const std::string bytes = bytesOf(block);
+    const std::string payload = bytes.substr(bytes.find('\x02') + 1);
+    if (SlaveTask::isA(payload)) {
+      EXPECT_EQ(readAndWritten(payload), payload) << block.front();
+      ++records;
+    }
+  }
+  EXPECT_GE(records, 6);
+}
+
+TEST(ProtocolDocumentTest, EveryBadFrameIsRefusedAtItsLastByteForTheReasonGiven) {
+  const std::vector<Block> blocks = blocksOf("not-a-frame");
+  ASSERT_EQ(blocks.size(), 1u);
+  for (const std::string& line : blocks.front()) {
+    const auto& [bytes, reason] = test::hexLine(line);
+    LogCapture log;
+    const SocketPair sockets = SocketPair::local();
+    ByteCountProtocol codec(sockets.near());
+    codec.acceptBytes(bytes.substr(0, bytes.size() - 1));
+    EXPECT_TRUE(log.entries().empty()) << line;
+    codec.acceptBytes(bytes.substr(bytes.size() - 1));
+    EXPECT_EQ(log.count("(PID) acceptBytes: bad frame on socket " + std::to_string(sockets.near()) +
+                        ", " + reason),
+              1)
+        << line;
+  }
+}
+
+TEST(ProtocolDocumentTest, EveryRecordIsSound) {
+  const std::vector<Block> blocks = blocksOf("record");
+  ASSERT_EQ(blocks.size(), 1u);
+  for (const std::string& line : blocks.front()) {
+    EXPECT_EQ(readAndWritten(test::quoted(line)), test::quoted(line)) << line;
+  }
+}
+
+TEST(ProtocolDocumentTest, EveryBadRecordIsRefused) {
+  const std::vector<Block> blocks = blocksOf("not-a-record");
+  ASSERT_EQ(blocks.size(), 1u);
+  for (const std::string& line : blocks.front()) {
+    const std::string text = test::quoted(line);
+    EXPECT_TRUE(SlaveTask::isA(text)) << line;
+    EXPECT_EQ(readAndWritten(text), textOf(SlaveTask())) << line;
+  }
+}
+
+// The clauses of what @p buffer holds, as they are sent on.
+std::string relayed(ClauseBuffer& buffer) {
+  std::string out;
+  std::string clause;
+  while (buffer.next(clause) == ClauseBuffer::Next::cut) {
+    out += clause + "\r\n";
+  }
+  return out;
+}
+
+TEST(ProtocolDocumentTest, EveryRelayExampleIsRelayedAsShown) {
+  const std::vector<Block> blocks = blocksOf("relay");
+  EXPECT_GE(blocks.size(), 7u);
+  for (const Block& block : blocks) {
+    ClauseBuffer buffer;
+    std::string kept;
+    for (const std::string& line : block) {
+      const std::string bytes = test::quoted(line);
+      if (line.compare(0, 2, "in") == 0) {
+        buffer.append(bytes);
+      } else if (line.compare(0, 3, "out") == 0) {
+        EXPECT_EQ(relayed(buffer), bytes) << block.front();
+      } else {
+        kept = bytes;
+      }
+    }
+    EXPECT_EQ(buffer.first(buffer.size()), kept) << block.front();
+  }
+}
+
+// How many arguments a task must have by its row: those in code marks, but for the ones in
+// brackets.
+int argumentsOf(const std::string& cell) {
+  const std::string needed = cell.substr(0, cell.find('['));
+  return static_cast<int>(std::count(needed.begin(), needed.end(), '`') / 2);
+}
+
+// The text of the reply to @p name with so many arguments; empty without a reply.
+std::string replyTo(ByteCountSlave& handler, const std::string& name, int arguments) {
+  std::vector<std::string> args{name};
+  args.insert(args.end(), static_cast<std::size_t>(arguments), "1");
+  const std::unique_ptr<SlaveTask> reply(handler.dispatchTask(
+      SlaveTask(args, 0, "", SlaveStatus::success, WatchProcessState_t::none, 0, 0, 0)));
+  return reply == nullptr ? std::string() : reply->output();
+}
+
+TEST(ProtocolDocumentTest, TheTableHasAllTasksInOrder) {
+  std::vector<std::string> names;
+  for (const auto& row : test::taskRows()) {
+    names.push_back(row.front());
+  }
+  EXPECT_EQ(names.size(), 25u);
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
+}
+
+TEST(ProtocolDocumentTest, EveryTaskOfTheTableNeedsTheArgumentsShown) {
+  test::FakeDevice::instance().reset();
+  const LogCapture log;
+  const SocketPair sockets = SocketPair::local();
+  ByteCountSlave handler(sockets.near());
+  for (const auto& row : test::taskRows()) {
+    const int needed = argumentsOf(row[1]);
+    const std::string enough = replyTo(handler, row[0], needed);
+    EXPECT_EQ(enough.find("unknown cmd"), std::string::npos) << row[0];
+    EXPECT_EQ(enough.find("too few arguments"), std::string::npos) << row[0];
+    if (needed > 0) {
+      const std::string tooFew = replyTo(handler, row[0], needed - 1);
+      EXPECT_NE(tooFew.find(") too few arguments: " + row[0]), std::string::npos) << row[0];
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zell

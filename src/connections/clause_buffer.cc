@@ -85,7 +85,6 @@ bool ClauseBuffer::findStart() {
       return false;
     }
     search_.start = static_cast<std::size_t>(start - bytes.begin());
-    search_.resume = search_.start;
   }
   return true;
 }

@@ -51,8 +51,10 @@ class ClauseBuffer {
   /// Whether the buffer ends with @p text, which begins with a byte that is not blank.
   [[nodiscard]] bool endsWith(std::string_view text) const;
 
-  /// Bytes searched, compared and moved so far, for those who watch over the cost.
+  /// Bytes searched, compared and moved so far, and bytes of memory held: for those who watch over
+  /// the cost.
   [[nodiscard]] std::uint64_t work() const { return work_; }
+  [[nodiscard]] std::size_t capacity() const { return blanks_.capacity() + data_.capacity(); }
 
  private:
   static constexpr std::size_t kUnknown = std::string_view::npos;

@@ -86,8 +86,7 @@ void XmlSlave::handleMessage(std::string& packet) {
     return;
   }
   while (nextXmlClause()) {
-    (void)peer_->write(
-        clause_);  // a failure is logged there, and the other clauses may get through
+    (void)peer_->write(clause_);  // logs its failures; the clauses that follow may get through
   }
   if (clause_.capacity() > ClauseBuffer::kKeptCapacity) {
     std::string().swap(clause_);

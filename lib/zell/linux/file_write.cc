@@ -22,6 +22,11 @@ bool refusesNewFiles(int error) {
   return error == EACCES || error == EPERM || error == EROFS;
 }
 
+// The kernel's own folders (/proc) take no new files either, but say that there is no such one.
+bool refusesTemporaryFile(int error) {
+  return refusesNewFiles(error) || error == ENOENT;
+}
+
 // Whether the file at @p place is the one that @p st is about. It is not when the kernel led there
 // by a link that is more than its text, such as /proc/self/fd/1.
 bool isAt(const FilePlace& place, const struct stat& st) {
@@ -33,7 +38,7 @@ bool isAt(const FilePlace& place, const struct stat& st) {
 Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_view data) {
   TemporaryFile replacement(place);
   if (const int error = replacement.make(old)) {
-    return {error, refusesNewFiles(error)};
+    return {error, refusesTemporaryFile(error)};
   }
   if (const int error = replacement.fill(data)) {
     return {error, false};

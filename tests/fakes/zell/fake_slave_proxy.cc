@@ -22,16 +22,23 @@ std::string joined(const std::vector<std::string>& words) {
   return line;
 }
 
-// The outcome of the program @p line; its output goes to @p fake.
-ResultStatus run(const std::string& line, int limit, test::FakeProxy& fake) {
+// The outcome of the program @p line, which does not start when @p error is one. Its output goes to
+// @p fake.
+ResultStatus run(const std::string& line, int limit, int error, test::FakeProxy& fake) {
+  fake.background = false;
+  fake.output.clear();
+  if (error != 0) {
+    return test::failure(error);
+  }
   const auto found = device().programs.find(line);
   const test::FakeProgram program =
       found == device().programs.end() ? test::FakeProgram() : found->second;
-  const bool started = program.end.state != WatchProcessState_t::none;
-  fake.background = limit < 0 && started;
-  fake.output = fake.background ? std::string() : program.output;
-  return fake.background ? ResultStatus{SlaveStatus::running, WatchProcessState_t::running, 0, 0, 0}
-                         : program.end;
+  if (limit < 0 && program.end.state != WatchProcessState_t::none) {
+    fake.background = true;
+    return {SlaveStatus::running, WatchProcessState_t::running, 0, 0, 0};
+  }
+  fake.output = program.output;
+  return program.end;
 }
 
 }  // namespace
@@ -46,24 +53,21 @@ int SlaveProxy::exec(const std::vector<std::string>& argv, int execParam) {
   const std::string line = joined(argv);
   programs_->record("exec " + line + " | " + std::to_string(execParam));
   const int error = ProgramRunner::errorOf("exec", argv.empty() ? EINVAL : 0);
-  programs_->fake.output.clear();
-  setResultStatus(error != 0 ? test::failure(error) : run(line, execParam, programs_->fake));
+  setResultStatus(run(line, execParam, error, programs_->fake));
   return status_.error;
 }
 
 int SlaveProxy::exec(const std::string& line, int execParam) {
   programs_->record("execLine " + line + " | " + std::to_string(execParam));
   const int error = ProgramRunner::errorOf("exec", line.empty() ? EINVAL : 0);
-  programs_->fake.output.clear();
-  setResultStatus(error != 0 ? test::failure(error) : run(line, execParam, programs_->fake));
+  setResultStatus(run(line, execParam, error, programs_->fake));
   return status_.error;
 }
 
 int SlaveProxy::system(const std::string& line, int limit) {
   programs_->record("system " + line + " | " + std::to_string(limit));
   const int error = ProgramRunner::errorOf("system");
-  programs_->fake.output.clear();
-  setResultStatus(error != 0 ? test::failure(error) : run(line, limit, programs_->fake));
+  setResultStatus(run(line, limit, error, programs_->fake));
   return status_.error;
 }
 

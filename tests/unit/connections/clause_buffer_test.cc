@@ -345,6 +345,39 @@ TEST_P(ClauseBufferWork, OfAskingABlockedBufferAgainIsNone) {
   }
 }
 
+TEST_P(ClauseBufferWork, MemoryIsUsedAgainWhileSomethingAlwaysWaits) {
+  ClauseBuffer buffer;
+  std::string clause;
+  buffer.append("<a>");
+  for (std::size_t size = 0; size < GetParam(); size += 8) {
+    buffer.append("x</a><a>");
+    ASSERT_EQ(buffer.next(clause), Next::cut);
+    ASSERT_EQ(contentsOf(buffer), "<a>");
+  }
+  EXPECT_LE(buffer.capacity(), 1024U);
+}
+
+TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterABacklog) {
+  ClauseBuffer buffer;
+  std::string clause;
+  buffer.append(repeated("<a>x</a>", GetParam()) + "<a");
+  EXPECT_GE(buffer.capacity(), GetParam());
+  while (buffer.next(clause) == Next::cut) {
+  }
+  EXPECT_LE(buffer.capacity(), 2 * ClauseBuffer::kKeptCapacity);
+  EXPECT_EQ(contentsOf(buffer), "<a");
+}
+
+TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterManyBlanks) {
+  ClauseBuffer buffer;
+  std::string clause;
+  buffer.append(std::string(GetParam(), ' ') + "<a/>");
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.size(), GetParam());
+  EXPECT_EQ(buffer.next(clause), Next::empty);
+  EXPECT_LE(buffer.capacity(), 2 * ClauseBuffer::kKeptCapacity);
+}
+
 INSTANTIATE_TEST_SUITE_P(Sizes, ClauseBufferWork, testing::Values(kMiB / 4, 4 * kMiB));
 
 }  // namespace

@@ -50,10 +50,12 @@ class XmlSlaveWriteTest : public RelayFixture {
     }
   }
 
-  // Whether the socket of @p sockets was shut down; takes what waits there first.
+  // Whether the handler's end of @p sockets was shut down, both ways: its peer, after what still
+  // waits there, and the server read the end.
   static bool shutDown(const SocketPair& sockets) {
     (void)sockets.received();
-    return sockets.ended();
+    char byte = 0;
+    return sockets.ended() && recv(sockets.near(), &byte, 1, MSG_DONTWAIT) == 0;
   }
 };
 

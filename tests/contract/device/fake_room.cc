@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <cerrno>
+
+#include "contract/device/room.h"
+#include "fakes/zell/fake_zell.h"
+
+namespace zell::test::room {
+namespace {
+
+FakeDevice& device() {
+  return FakeDevice::instance();
+}
+
+std::string programWith(const std::string& line, const FakeProgram& program) {
+  device().programs[line] = program;
+  return line;
+}
+
+}  // namespace
+
+void reset() {
+  device().reset();
+  device().processes = {"world"};
+}
+
+std::string file(const std::string& name) {
+  return "/fake/" + name;
+}
+
+std::string makeFolder(const std::string& name, const std::vector<std::string>& names) {
+  device().folders[file(name)] = names;
+  return file(name);
+}
+
+std::string programThatPrints(const std::string& text) {
+  return programWith("printf " + text, {text, FakeProgram().end});
+}
+
+std::string programThatExitsWith(int status) {
+  return programWith("exit " + std::to_string(status),
+                     {"", {SlaveStatus::failure, WatchProcessState_t::exited, status, 0, 0}});
+}
+
+std::string programThatDiesOf(int signal) {
+  return programWith("kill -" + std::to_string(signal) + " $$",
+                     {"", {SlaveStatus::failure, WatchProcessState_t::signalled, -1, 0, signal}});
+}
+
+std::string programThatSleeps() {
+  return "exec sleep 1000";
+}
+
+std::string missingProgram() {
+  return programWith("/no/such/program", {"", failure(ENOENT)});
+}
+
+std::string runningProcess() {
+  return "world";
+}
+
+}  // namespace zell::test::room

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <memory>
+
+#include <sys/stat.h>
+
+#include "contract/device/room.h"
+#include "contract/linux/led_folders.h"
+#include "support/temp_dir.h"
+
+namespace zell::test::room {
+namespace {
+
+std::unique_ptr<TempDir> g_folder;
+std::unique_ptr<LedFolders> g_leds;
+
+}  // namespace
+
+void reset() {
+  g_folder = std::make_unique<TempDir>();
+  g_leds.reset();  // the old ones must go before the new ones can be made
+  g_leds = std::make_unique<LedFolders>();
+}
+
+std::string file(const std::string& name) {
+  return g_folder->file(name);
+}
+
+std::string makeFolder(const std::string& name, const std::vector<std::string>& names) {
+  mkdir(file(name).c_str(), 0755);
+  for (const std::string& entry : names) {
+    g_folder->write(name + "/" + entry, "");
+  }
+  return file(name);
+}
+
+std::string programThatPrints(const std::string& text) {
+  return "printf " + text;
+}
+
+std::string programThatExitsWith(int status) {
+  return "exit " + std::to_string(status);
+}
+
+std::string programThatDiesOf(int signal) {
+  return "kill -" + std::to_string(signal) + " $$";
+}
+
+std::string programThatSleeps() {
+  return "exec sleep 1000";
+}
+
+std::string missingProgram() {
+  return "/no/such/program";
+}
+
+std::string runningProcess() {
+  return "world";  // process 1 of the tests' world
+}
+
+}  // namespace zell::test::room

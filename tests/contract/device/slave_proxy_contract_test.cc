@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the daemon may expect of any proxy. It runs against the real Linux room and against the
+// fake that stands in for it in the daemon's unit tests, so that these two cannot part.
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <zell/led_control.h>
+#include <zell/slave_proxy_local.h>
+
+#include "contract/device/room.h"
+#include "contract/fields.h"
+
+namespace zell::test {
+namespace {
+
+const char* const kSuccess = "0 0 0 0 0";
+const char* const kNoSuchFile = "1 0 1 2 0";
+
+std::ostringstream streamOf(const std::string& text) {
+  std::ostringstream stream;
+  stream << text;
+  return stream;
+}
+
+class SlaveProxyContract : public testing::Test {
+ protected:
+  SlaveProxyContract() {
+    room::reset();
+    proxy_ = std::make_unique<SlaveProxyLocal>();
+  }
+
+  std::string read(const std::string& path) {
+    std::istringstream content;
+    (void)proxy_->readFile(path, content);
+    return content.str();
+  }
+
+  std::unique_ptr<SlaveProxy> proxy_;
+};
+
+TEST_F(SlaveProxyContract, StartsWithASuccess) {
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(proxy_->output(), "");
+}
+
+TEST_F(SlaveProxyContract, ReadsWhatWasWritten) {
+  EXPECT_TRUE(proxy_->writeFile(room::file("a"), streamOf(std::string("x\0y\n", 4))));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(read(room::file("a")), std::string("x\0y\n", 4));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, ReplacesTheWholeContent) {
+  (void)proxy_->writeFile(room::file("a"), streamOf("long content"));
+  EXPECT_TRUE(proxy_->writeFile(room::file("a"), streamOf("")));
+  EXPECT_EQ(read(room::file("a")), "");
+}
+
+TEST_F(SlaveProxyContract, AppendsAtTheEndAndMakesWhatIsMissing) {
+  EXPECT_TRUE(proxy_->appendFile(room::file("a"), streamOf("a")));
+  EXPECT_TRUE(proxy_->appendFile(room::file("a"), streamOf("b")));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(read(room::file("a")), "ab");
+}
+
+TEST_F(SlaveProxyContract, ReadsNothingOfAMissingFile) {
+  std::istringstream content("as it was");
+  EXPECT_FALSE(proxy_->readFile(room::file("none"), content));
+  EXPECT_EQ(content.str(), "as it was");
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, FindsAFileThatIsThere) {
+  (void)proxy_->writeFile(room::file("a"), streamOf("12345"));
+  struct stat st {};
+  EXPECT_TRUE(proxy_->fileExists(room::file("a")));
+  EXPECT_TRUE(proxy_->access(room::file("a"), 4));
+  EXPECT_TRUE(proxy_->stat(room::file("a"), st));
+  EXPECT_EQ(st.st_size, 5);
+  EXPECT_TRUE(proxy_->lstat(room::file("a"), st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_TRUE(proxy_->chmodx(room::file("a")));
+  EXPECT_EQ(proxy_->realPath(room::file("a")), room::file("a"));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, SaysNoAboutAMissingFile) {
+  EXPECT_FALSE(proxy_->fileExists(room::file("none")));
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+  (void)proxy_->hostId();
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_FALSE(proxy_->access(room::file("none"), 0));
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, FailsOnAMissingFile) {
+  EXPECT_FALSE(proxy_->unlink(room::file("none")));
+  EXPECT_FALSE(proxy_->chmodx(room::file("none")));
+  EXPECT_FALSE(proxy_->rename(room::file("none"), room::file("other")));
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+  EXPECT_EQ(proxy_->realPath(room::file("none")), "");
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, LeavesTheRecordOfAMissingFileAlone) {
+  struct stat st {};
+  st.st_size = 77;
+  EXPECT_FALSE(proxy_->stat(room::file("none"), st));
+  EXPECT_FALSE(proxy_->lstat(room::file("none"), st));
+  EXPECT_EQ(st.st_size, 77);
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, RenamesAndUnlinks) {
+  (void)proxy_->writeFile(room::file("a"), streamOf("content"));
+  EXPECT_TRUE(proxy_->rename(room::file("a"), room::file("b")));
+  EXPECT_FALSE(proxy_->fileExists(room::file("a")));
+  EXPECT_EQ(read(room::file("b")), "content");
+  EXPECT_TRUE(proxy_->unlink(room::file("b")));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_FALSE(proxy_->fileExists(room::file("b")));
+}
+
+TEST_F(SlaveProxyContract, ListsAFolderByByteValueBehindWhatIsInTheList) {
+  std::vector<std::string> entries{"before"};
+  EXPECT_TRUE(proxy_->readDir(room::makeFolder("folder", {"b", "B", "a"}), entries));
+  EXPECT_EQ(entries, (std::vector<std::string>{"before", "B", "a", "b"}));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, LeavesTheListOfAMissingFolderAlone) {
+  std::vector<std::string> entries{"before"};
+  EXPECT_FALSE(proxy_->readDir(room::file("none"), entries));
+  EXPECT_EQ(entries, (std::vector<std::string>{"before"}));
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, HasNoWalkerForAMissingFolder) {
+  EXPECT_NE(proxy_->walkTree(room::makeFolder("folder", {})), nullptr);
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(proxy_->walkTree(room::file("none")), nullptr);
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, KnowsRunningProcesses) {
+  EXPECT_TRUE(proxy_->processRunning(room::runningProcess()));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_FALSE(proxy_->processRunning("no such process"));
+  EXPECT_EQ(fields(*proxy_), "1 0 1 3 0");
+}
+
+TEST_F(SlaveProxyContract, StoresStates) {
+  EXPECT_TRUE(proxy_->updateUmState("contract", streamOf("state")));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(read("/var/lib/runeld/umstate/contract"), "state");
+}
+
+TEST_F(SlaveProxyContract, KeepsTheOutputOfAProgramUntilTheNext) {
+  EXPECT_EQ(proxy_->system(room::programThatPrints("text"), 0), 0);
+  EXPECT_EQ(fields(*proxy_), "0 2 0 0 0");
+  (void)proxy_->fileExists(room::file("none"));
+  EXPECT_EQ(proxy_->output(), "text");
+  EXPECT_EQ(proxy_->system(room::programThatExitsWith(0), 0), 0);
+  EXPECT_EQ(proxy_->output(), "");
+}
+
+TEST_F(SlaveProxyContract, TellsHowAProgramEnded) {
+  EXPECT_EQ(proxy_->system(room::programThatExitsWith(7), 0), 0);
+  EXPECT_EQ(fields(*proxy_), "1 2 7 0 0");
+  EXPECT_EQ(proxy_->system(room::programThatDiesOf(SIGUSR1), 5), 0);
+  EXPECT_EQ(fields(*proxy_), "1 3 -1 0 10");
+}
+
+TEST_F(SlaveProxyContract, TellsWhatKeptAProgramFromStarting) {
+  (void)proxy_->system(room::programThatPrints("text"), 0);
+  EXPECT_EQ(proxy_->exec(std::vector<std::string>{room::missingProgram()}, 0), ENOENT);
+  EXPECT_EQ(fields(*proxy_), "1 0 1 2 0");
+  EXPECT_EQ(proxy_->output(), "");
+  EXPECT_EQ(proxy_->exec(room::missingProgram(), -1), ENOENT);
+  EXPECT_EQ(fields(*proxy_), "1 0 1 2 0");
+}
+
+TEST_F(SlaveProxyContract, RefusesAnEmptyProgramList) {
+  EXPECT_EQ(proxy_->exec(std::vector<std::string>{}, 0), EINVAL);
+  EXPECT_EQ(fields(*proxy_), "1 0 1 22 0");
+  EXPECT_EQ(proxy_->exec(std::string(), 300), EINVAL);
+  EXPECT_EQ(fields(*proxy_), "1 0 1 22 0");
+}
+
+TEST_F(SlaveProxyContract, KillsTheBackgroundProgramOnce) {
+  EXPECT_EQ(proxy_->system(room::programThatSleeps(), -1), 0);
+  EXPECT_EQ(fields(*proxy_), "2 1 0 0 0");
+  EXPECT_TRUE(proxy_->kill());
+  EXPECT_EQ(fields(*proxy_), "0 3 -1 0 15");
+  EXPECT_FALSE(proxy_->kill());
+  EXPECT_EQ(fields(*proxy_), "1 0 1 3 0");
+  EXPECT_FALSE(proxy_->wait());
+  EXPECT_EQ(fields(*proxy_), "1 0 1 10 0");
+}
+
+TEST_F(SlaveProxyContract, WaitsForTheBackgroundProgramOnce) {
+  EXPECT_EQ(proxy_->system(room::programThatPrints("unseen"), -1), 0);
+  EXPECT_EQ(proxy_->output(), "");
+  EXPECT_TRUE(proxy_->wait());
+  EXPECT_EQ(fields(*proxy_), "0 2 0 0 0");
+  EXPECT_FALSE(proxy_->wait());
+  EXPECT_EQ(fields(*proxy_), "1 0 1 10 0");
+}
+
+TEST_F(SlaveProxyContract, ForgetsTheBackgroundProgramWithTheNext) {
+  (void)proxy_->system(room::programThatSleeps(), -1);
+  EXPECT_EQ(proxy_->exec(std::vector<std::string>{}, 0), EINVAL);
+  EXPECT_FALSE(proxy_->kill());
+  EXPECT_EQ(fields(*proxy_), "1 0 1 3 0");
+}
+
+TEST_F(SlaveProxyContract, DoesNotShareProgramsBetweenProxies) {
+  (void)proxy_->system(room::programThatSleeps(), -1);
+  SlaveProxyLocal other;
+  EXPECT_FALSE(other.kill());
+  EXPECT_TRUE(proxy_->kill());
+}
+
+TEST_F(SlaveProxyContract, BlinksForEveryProxyOfTheController) {
+  SlaveProxyLocal newer;
+  LedControl::instance().initialize(proxy_.get());
+  LedControl::instance().initialize(&newer);
+  (void)proxy_->fileExists(room::file("none"));
+  EXPECT_TRUE(LedControl::instance().blinkLeds(LedStyle::slow));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(fields(newer), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, TellsEveryProxyOfAStyleThatIsNone) {
+  SlaveProxyLocal newer;
+  SlaveProxyLocal stranger;
+  LedControl::instance().initialize(proxy_.get());
+  LedControl::instance().initialize(&newer);
+  EXPECT_FALSE(LedControl::instance().blinkLeds(LedStyle::toEnum("unheard of")));
+  EXPECT_EQ(fields(*proxy_), "1 0 1 22 0");
+  EXPECT_EQ(fields(newer), "1 0 1 22 0");
+  EXPECT_EQ(fields(stranger), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, LeavesTheStatusAloneInTheRegularWork) {
+  LedControl::instance().initialize(proxy_.get());
+  (void)LedControl::instance().blinkLeds(LedStyle::fast);
+  (void)proxy_->fileExists(room::file("none"));
+  LedControl::instance().poll();
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
+TEST_F(SlaveProxyContract, SwitchesTheLeds) {
+  EXPECT_TRUE(proxy_->changeLeds(true, false));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+}
+
+TEST_F(SlaveProxyContract, NamesStylesAndDevices) {
+  EXPECT_EQ(LedStyle::toEnum("off"), LedStyle::off);
+  EXPECT_EQ(LedStyle::toEnum("on"), LedStyle::on);
+  EXPECT_EQ(LedStyle::toEnum("slow"), LedStyle::slow);
+  EXPECT_EQ(LedStyle::toEnum("fast"), LedStyle::fast);
+  EXPECT_EQ(LedStyle::toEnum("alternate"), LedStyle::alternate);
+  for (const char* word : {"", "Slow", "slow ", "unknown"}) {
+    EXPECT_EQ(LedStyle::toEnum(word), LedStyle::unknown) << word;
+  }
+  EXPECT_EQ(DeviceType::toString(DeviceType_t::unknown), "unknown");
+  EXPECT_EQ(DeviceType::toString(DeviceType_t::controller), "controller");
+  EXPECT_EQ(DeviceType::toString(DeviceType_t::server), "server");
+}
+
+}  // namespace
+}  // namespace zell::test

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programs that are left running: how they are stopped, waited for, and forgotten.
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include <sys/time.h>
+#include <sys/wait.h>
+
+#include <zell/led_control.h>
+
+#include "contract/linux/proxy_test.h"
+
+namespace zell::test {
+namespace {
+
+const char* const kRunning = "2 1 0 0 0";
+
+class BackgroundProgramsTest : public ProxyTest {
+ protected:
+  /// Starts @p script in the background of @p proxy; the process id of its shell, once it has come
+  /// to the place of the script that says "ready".
+  int start(SlaveProxy& proxy, const std::string& script) {
+    const std::string marker = dir_.file("ready" + std::to_string(++started_));
+    const std::string ready = "echo $$ > " + marker + ".new; mv " + marker + ".new " + marker;
+    std::string whole = script;
+    whole.replace(whole.find("ready"), 5, ready);
+    EXPECT_EQ(proxy.system(whole, -1), 0);
+    EXPECT_EQ(fields(proxy), kRunning);
+    EXPECT_TRUE(becomesTrue([&] { return proxy_.fileExists(marker); }));
+    return std::stoi(contentOf(marker));
+  }
+  int start(const std::string& script) { return start(proxy_, script); }
+
+  static bool endsUnreaped(int pid) {
+    return becomesTrue([&] { return stateOf(pid) == "Z"; });
+  }
+
+  int started_ = 0;
+};
+
+TEST_F(BackgroundProgramsTest, AreAnsweredAtOnceWithoutOutput) {
+  EXPECT_EQ(proxy_.system("echo unseen; exec sleep 1000", -1), 0);
+  EXPECT_EQ(fields(proxy_), kRunning);
+  EXPECT_EQ(proxy_.output(), "");
+  EXPECT_TRUE(proxy_.kill());
+}
+
+TEST_F(BackgroundProgramsTest, WriteToNowhere) {
+  const int pid = start("ready; exec sleep 1000");
+  for (const char* fd : {"0", "1", "2"}) {
+    EXPECT_EQ(proxy_.realPath("/proc/" + std::to_string(pid) + "/fd/" + fd), "/dev/null");
+  }
+  EXPECT_TRUE(proxy_.kill());
+}
+
+TEST_F(BackgroundProgramsTest, AreStoppedByKill) {
+  const int pid = start("ready; exec sleep 1000");
+  EXPECT_TRUE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), "0 3 -1 0 15");
+  EXPECT_EQ(stateOf(pid), "");
+}
+
+TEST_F(BackgroundProgramsTest, AreKilledWhenTheyIgnoreSigterm) {
+  start("trap '' TERM; ready; while :; do sleep 0.1; done");
+  EXPECT_TRUE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), "0 3 -1 0 9");
+}
+
+TEST_F(BackgroundProgramsTest, MayExitByThemselvesOnKill) {
+  start("trap 'exit 3' TERM; ready; while :; do sleep 0.1; done");
+  EXPECT_TRUE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), "0 2 3 0 0");
+}
+
+TEST_F(BackgroundProgramsTest, AreStoppedWithTheirGroup) {
+  start("sleep 1000 & echo $! > " + dir_.file("child") + "; ready; wait");
+  const int child = std::stoi(contentOf(dir_.file("child")));
+  EXPECT_TRUE(proxy_.kill());
+  EXPECT_TRUE(becomesTrue([&] { return stateOf(child).empty(); }));
+}
+
+TEST_F(BackgroundProgramsTest, CannotBeKilledTwice) {
+  start("ready; exec sleep 1000");
+  EXPECT_TRUE(proxy_.kill());
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
+}
+
+TEST_F(BackgroundProgramsTest, CannotBeKilledAfterTheirEndButWaitedForOnce) {
+  const int pid = start("ready; exit 7");
+  EXPECT_TRUE(endsUnreaped(pid));
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+}
+
+TEST_F(BackgroundProgramsTest, TellTheirEndToWait) {
+  start("ready; sleep 0.2; exit 0");
+  EXPECT_TRUE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), "0 2 0 0 0");
+  start("ready; sleep 0.2; kill -USR1 $$");
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), "1 3 -1 0 10");
+}
+
+TEST_F(BackgroundProgramsTest, AreWaitedForThroughSignals) {
+  start("ready; sleep 0.3; exit 6");
+  struct sigaction noRestart {};
+  struct sigaction before {};
+  noRestart.sa_handler = [](int) {};
+  sigaction(SIGALRM, &noRestart, &before);
+  const itimerval often{{0, 5000}, {0, 5000}};
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  (void)proxy_.wait();
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(fields(proxy_), "1 2 6 0 0");
+}
+
+TEST_F(BackgroundProgramsTest, AreNoneAfterAProgramThatWasWaitedFor) {
+  (void)shell("exit 0");
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
+}
+
+TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramStarts) {
+  const int pid = start("ready; exec sleep 1000");
+  (void)shell("exit 0");
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+  EXPECT_TRUE(lives(pid));
+  ::kill(pid, SIGKILL);
+}
+
+TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramFailsToStart) {
+  const int pid = start("ready; exec sleep 1000");
+  EXPECT_EQ(proxy_.exec("/no/such/program", -1), ENOENT);
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
+  EXPECT_TRUE(lives(pid));
+  ::kill(pid, SIGKILL);
+}
+
+TEST_F(BackgroundProgramsTest, RunOnWhenTheirProxyGoes) {
+  auto proxy = std::make_unique<SlaveProxyLocal>();
+  const int pid = start(*proxy, "ready; exec sleep 1000");
+  proxy.reset();
+  EXPECT_TRUE(lives(pid));
+  ::kill(pid, SIGKILL);
+}
+
+TEST_F(BackgroundProgramsTest, AreReapedByTheRegularWorkOnceForgotten) {
+  auto proxy = std::make_unique<SlaveProxyLocal>();
+  const int running = start(*proxy, "ready; exec sleep 1000");
+  const int ended = start("ready; exit 0");
+  proxy.reset();
+  (void)shell("true");
+  EXPECT_TRUE(endsUnreaped(ended));
+  LedControl::instance().poll();
+  EXPECT_EQ(stateOf(ended), "");
+  EXPECT_TRUE(lives(running));
+  ::kill(running, SIGKILL);
+  EXPECT_TRUE(endsUnreaped(running));
+  LedControl::instance().poll();
+  EXPECT_EQ(stateOf(running), "");
+}
+
+TEST_F(BackgroundProgramsTest, AreLeftToWaitByTheRegularWorkUntilForgotten) {
+  const int pid = start("ready; exit 7");
+  EXPECT_TRUE(endsUnreaped(pid));
+  LedControl::instance().poll();
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
+}
+
+TEST_F(BackgroundProgramsTest, AreNotTakenForAForgottenOneOfTheSameNumber) {
+  const int first = start("ready; exec sleep 1000");
+  (void)shell("true");  // forgets it
+  ::kill(first, SIGKILL);
+  EXPECT_TRUE(endsUnreaped(first));
+  LedControl::instance().poll();
+
+  std::ofstream("/proc/sys/kernel/ns_last_pid") << first - 1 << std::flush;
+  ASSERT_EQ(proxy_.system("exit 7", -1), 0);
+  ASSERT_TRUE(endsUnreaped(first)) << "the number was not given out again";
+  LedControl::instance().poll();
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
+}
+
+TEST_F(BackgroundProgramsTest, DoNotDisturbChildrenOfOthers) {
+  const pid_t stranger = fork();
+  if (stranger == 0) {
+    _exit(9);
+  }
+  EXPECT_TRUE(endsUnreaped(stranger));
+  LedControl::instance().poll();
+  int status = 0;
+  EXPECT_EQ(waitpid(stranger, &status, 0), stranger);
+  EXPECT_EQ(WEXITSTATUS(status), 9);
+}
+
+TEST_F(BackgroundProgramsTest, AreAFailureToWaitForWhenSomebodyElseReapedThem) {
+  const int pid = start("ready; exec sleep 1000");
+  ::kill(pid, SIGKILL);
+  EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+  EXPECT_FALSE(proxy_.kill());
+  EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
+  EXPECT_FALSE(proxy_.wait());
+  EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
+}
+
+}  // namespace
+}  // namespace zell::test

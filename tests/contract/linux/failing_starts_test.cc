@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programs where the system has no more to give.
+#include <cerrno>
+
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
+
+namespace zell::test {
+namespace {
+
+using FailingStartsTest = ProxyTest;
+
+TEST_F(FailingStartsTest, TellThatThereIsNoProcessLeft) {
+  EXPECT_EQ(inChild([&] {
+              for (const int call : {SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}) {
+                refuseCalls(call, EAGAIN);
+              }
+              return shell("true") + ", " + shell("true", -1);
+            }),
+            failureWith(EAGAIN) + ", " + failureWith(EAGAIN));
+}
+
+TEST_F(FailingStartsTest, TellThatThereIsNoDescriptorLeft) {
+  EXPECT_EQ(inChild([&] {
+              const rlimit none{3, 3};
+              setrlimit(RLIMIT_NOFILE, &none);
+              return shell("true") + ", " + shell("true", -1);
+            }),
+            failureWith(EMFILE) + ", " + failureWith(EMFILE));
+}
+
+TEST_F(FailingStartsTest, TakeTwoDescriptorsAndNoMore) {
+  EXPECT_EQ(inChild([&] {
+              const rlimit few{64, 64};
+              setrlimit(RLIMIT_NOFILE, &few);
+              int last = 0;
+              for (int fd = 0; fd >= 0; fd = dup(0)) {
+                last = fd;
+              }
+              const std::string none = shell("echo x; exit 3");
+              (void)close(last);
+              const std::string one = shell("echo x; exit 3");
+              (void)close(last - 1);
+              const std::string two = shell("echo x; exit 3");
+              return none + ", " + one + ", " + two + ", " + proxy_.output();
+            }),
+            failureWith(EMFILE) + ", " + failureWith(EMFILE) + ", 1 2 3 0 0, x\n");
+}
+
+TEST_F(FailingStartsTest, AreWaitedForWhenPollFails) {
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_poll, ENOMEM);
+              const std::string limited = shell("sleep 1000", 1);
+              const std::string unlimited = shell("head -c 300000 /dev/zero; exit 3");
+              return limited + ", " + unlimited + ", " + std::to_string(proxy_.output().size());
+            }),
+            "3 4 -1 110 15, 1 2 3 0 0, 300000");
+}
+
+}  // namespace
+}  // namespace zell::test

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the tests of the real room have in common.
+#ifndef TESTS_CONTRACT_LINUX_PROXY_TEST_H_
+#define TESTS_CONTRACT_LINUX_PROXY_TEST_H_
+
+#include <chrono>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <zell/slave_proxy_local.h>
+
+#include "contract/fields.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace zell::test {
+
+inline const char* const kSuccess = "0 0 0 0 0";
+
+/// How a reply tells of a failure with @p error.
+inline std::string failureWith(int error) {
+  return "1 0 1 " + std::to_string(error) + " 0";
+}
+
+/// A stream that @p text was written into.
+std::ostringstream streamOf(const std::string& text);
+
+/// Waits until @p condition holds; false when it does not within 30 s.
+bool becomesTrue(const std::function<bool()>& condition);
+
+/// The state letter of the process @p pid ("R", "S", "Z"...), empty when there is none.
+std::string stateOf(int pid);
+
+/// Whether the process @p pid runs: it is there and no zombie.
+bool lives(int pid);
+
+/// The lstat(2) of @p path; fails the test when there is none.
+struct stat statusOf(const std::string& path);
+
+class ProxyTest : public testing::Test {
+ protected:
+  /// The fields after writing @p data to @p path, and so on.
+  std::string write(const std::string& path, const std::string& data);
+  std::string append(const std::string& path, const std::string& data);
+  /// The fields after reading @p path; what was read is in `text_`.
+  std::string read(const std::string& path);
+  /// The fields after running @p script with the shell.
+  std::string shell(const std::string& script, int limit = 0);
+
+  LogCapture log_;
+  TempDir dir_;
+  SlaveProxyLocal proxy_;
+  std::string text_;
+};
+
+}  // namespace zell::test
+
+#endif  // TESTS_CONTRACT_LINUX_PROXY_TEST_H_

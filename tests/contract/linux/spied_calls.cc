@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "contract/linux/spied_calls.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace zell::test {
+namespace {
+
+SpiedCalls* g_spy = nullptr;
+
+// Whether the call @p name is to fail; errno is set then.
+bool fails(const char* name) {
+  SpiedCalls* const spy = g_spy;
+  if (spy == nullptr) {
+    return false;
+  }
+  g_spy = nullptr;  // what follows is the test's own
+  const int error = spy->note(name);
+  g_spy = spy;
+  errno = error;
+  return error != 0;
+}
+
+template <typename... Arguments>
+long forward(const char* name, long number, Arguments... arguments) {
+  return fails(name) ? -1 : syscall(number, arguments...);
+}
+
+const char* fsyncOf(int fd) {
+  struct stat st {};
+  return fstat(fd, &st) == 0 && S_ISDIR(st.st_mode) ? "fsync folder" : "fsync file";
+}
+
+}  // namespace
+
+SpiedCalls::SpiedCalls() {
+  g_spy = this;
+}
+
+SpiedCalls::~SpiedCalls() {
+  g_spy = nullptr;
+}
+
+int SpiedCalls::note(const std::string& name) {
+  if (name != "close") {
+    calls_.push_back(name);
+  }
+  const auto found = failures_.find(name);
+  if (found == failures_.end() || found->second.second-- != 0) {
+    return 0;
+  }
+  return found->second.first;
+}
+
+}  // namespace zell::test
+
+// The C library's own functions, replaced by linking.
+extern "C" {
+
+using zell::test::forward;
+
+int fsync(int fd) {
+  return static_cast<int>(forward(zell::test::fsyncOf(fd), SYS_fsync, fd));
+}
+
+ssize_t write(int fd, const void* data, size_t size) {
+  return forward("write", SYS_write, fd, data, size);
+}
+
+int renameat(int from, const char* name, int to, const char* newName) noexcept {
+  return static_cast<int>(forward("renameat", SYS_renameat, from, name, to, newName));
+}
+
+int ftruncate(int fd, off_t size) noexcept {
+  return static_cast<int>(forward("ftruncate", SYS_ftruncate, fd, size));
+}
+
+int fchown(int fd, uid_t user, gid_t group) noexcept {
+  return static_cast<int>(forward("fchown", SYS_fchown, fd, user, group));
+}
+
+int fchmod(int fd, mode_t mode) noexcept {
+  return static_cast<int>(forward("fchmod", SYS_fchmod, fd, mode));
+}
+
+// The descriptor is closed also where the call "fails", as the kernel does it.
+int close(int fd) {
+  const bool failed = zell::test::fails("close");
+  const int error = errno;
+  const int result = static_cast<int>(syscall(SYS_close, fd));
+  if (failed) {
+    errno = error;
+  }
+  return failed ? -1 : result;
+}
+
+}  // extern "C"

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// The calls that put files on disk and in place: seen by the test, and made to fail.
+#ifndef TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
+#define TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zell::test {
+
+/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown,
+/// fchmod and close while it lives; the kernel still gets them. They are replaced in every program
+/// that links this.
+class SpiedCalls {
+ public:
+  SpiedCalls();
+  ~SpiedCalls();
+  SpiedCalls(const SpiedCalls&) = delete;
+  SpiedCalls& operator=(const SpiedCalls&) = delete;
+
+  /// Makes the call @p name (as recorded) fail with @p error the first time after @p passed calls.
+  void fail(const std::string& name, int error, int passed = 0) {
+    failures_[name] = {error, passed};
+  }
+  /// The calls but those of close.
+  [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
+
+  /// Notes a call; the errno value it shall fail with, 0 for none.
+  int note(const std::string& name);
+
+ private:
+  std::vector<std::string> calls_;
+  std::map<std::string, std::pair<int, int>> failures_;
+};
+
+}  // namespace zell::test
+
+#endif  // TESTS_CONTRACT_LINUX_SPIED_CALLS_H_

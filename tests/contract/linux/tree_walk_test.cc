@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <atomic>
+#include <cerrno>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <zell/file_tree_walker.h>
+
+#include "base/unique_fd.h"
+#include "contract/linux/mount.h"
+#include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
+
+namespace zell::test {
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+class TreeWalkTest : public ProxyTest {
+ protected:
+  /// What the walk at @p path prints.
+  std::string walk(const std::string& path) {
+    std::ostringstream out;
+    if (const FileTreeWalker* const walker = proxy_.walkTree(path)) {
+      walker->print(out);
+    }
+    return out.str();
+  }
+
+  /// Gives @p name in the folder fixed times, permissions and owner, so that its line is known.
+  void settle(const std::string& name, mode_t mode) const {
+    const std::string path = dir_.file(name);
+    const timespec times[] = {{1, 0}, {1700000000, 5}};
+    EXPECT_EQ(lchown(path.c_str(), 12, 34), 0) << name;
+    EXPECT_EQ(chmod(path.c_str(), mode), 0) << name;
+    EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << name;
+  }
+
+  /// Makes the link @p name with a known line.
+  void link(const std::string& target, const std::string& name) const {
+    const timespec times[] = {{1, 0}, {1600000000, 0}};
+    EXPECT_EQ(symlink(target.c_str(), dir_.file(name).c_str()), 0) << name;
+    EXPECT_EQ(utimensat(AT_FDCWD, dir_.file(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  }
+
+  /// Makes @p depth folders "d", one in the other.
+  static void makeDeep(const std::string& top, int depth) {
+    UniqueFd folder(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int i = 0; i < depth; ++i) {
+      ASSERT_EQ(mkdirat(folder.get(), "d", 0755), 0);
+      folder.reset(openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      ASSERT_TRUE(folder.valid());
+    }
+  }
+
+  static std::string lastField(const std::string& line) { return line.substr(line.rfind(' ') + 1); }
+
+  /// The paths of the lines.
+  static std::vector<std::string> paths(const std::string& lines) {
+    std::vector<std::string> all;
+    std::istringstream in(lines);
+    for (std::string line; std::getline(in, line);) {
+      all.push_back(lastField(line));
+    }
+    return all;
+  }
+};
+
+TEST_F(TreeWalkTest, PrintsALineForEachEntry) {
+  mkdir(dir_.file("sub").c_str(), 0755);
+  dir_.write("sub/file", "12345");
+  dir_.write("empty", "");
+  settle("sub/file", 04644);
+  settle("sub", 01755);
+  settle("empty", 0);
+  settle(".", 0700);
+  EXPECT_EQ(walk(dir_.path()),
+            "d 0700 12 34 0 1700000000 .\n"
+            "- 0000 12 34 0 1700000000 empty\n"
+            "d 1755 12 34 0 1700000000 sub\n"
+            "- 4644 12 34 5 1700000000 sub/file\n");
+  EXPECT_EQ(fields(proxy_), kSuccess);
+}
+
+TEST_F(TreeWalkTest, TellsEveryTypeAndTheSizeOfRegularFilesAlone) {
+  const Mount memory = Mount::memory(dir_.path());
+  ASSERT_EQ(mknod(dir_.file("block").c_str(), S_IFBLK | 0600, makedev(7, 200)), 0);
+  ASSERT_EQ(mknod(dir_.file("char").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  dir_.file("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  for (const char* name : {"block", "char", "fifo", "socket", "."}) {
+    settle(name, 0600);
+  }
+  EXPECT_EQ(walk(dir_.path()),
+            "d 0600 12 34 0 1700000000 .\n"
+            "b 0600 12 34 0 1700000000 block\n"
+            "c 0600 12 34 0 1700000000 char\n"
+            "p 0600 12 34 0 1700000000 fifo\n"
+            "s 0600 12 34 0 1700000000 socket\n");
+}
+
+TEST_F(TreeWalkTest, ShowsLinksAndDoesNotFollowThem) {
+  mkdir(dir_.file("sub").c_str(), 0755);
+  dir_.write("sub/file", "");
+  link("sub", "link");
+  link("no where", "none");
+  const std::string lines = walk(dir_.path());
+  EXPECT_NE(lines.find("l 0777 0 0 0 1600000000 link -> sub\n"), std::string::npos) << lines;
+  EXPECT_NE(lines.find("l 0777 0 0 0 1600000000 none -> no where\n"), std::string::npos) << lines;
+  EXPECT_EQ(lines.find("link/file"), std::string::npos) << lines;
+}
+
+TEST_F(TreeWalkTest, GivesAPathThatIsNoFolderItsOneLine) {
+  mkdir(dir_.file("sub").c_str(), 0755);
+  dir_.write("sub/file", "123");
+  settle("sub/file", 0644);
+  link("sub", "link");
+  EXPECT_EQ(walk(dir_.file("sub/file")), "- 0644 12 34 3 1700000000 .\n");
+  EXPECT_EQ(walk(dir_.file("link")), "l 0777 0 0 0 1600000000 . -> sub\n");
+  EXPECT_EQ(fields(proxy_), kSuccess);
+}
+
+TEST_F(TreeWalkTest, SortsByByteValueWithinAFolder) {
+  for (const char* name : {"b", "a", "a.b", "B"}) {
+    mkdir(dir_.file(name).c_str(), 0755);
+  }
+  dir_.write("a/z", "");
+  dir_.write("\xff", "");
+  EXPECT_EQ(paths(walk(dir_.path())),
+            (std::vector<std::string>{".", "B", "a", "a/z", "a.b", "b", "\xff"}));
+}
+
+TEST_F(TreeWalkTest, EscapesWhatWouldBreakALine) {
+  dir_.write("new\nline\\\x7f\x1f\x80", "");
+  link("\ttarget\r", "~link");
+  const std::string lines = walk(dir_.path());
+  EXPECT_NE(lines.find(" new\\x0aline\\x5c\\x7f\\x1f\x80\n"), std::string::npos) << lines;
+  EXPECT_NE(lines.find(" ~link -> \\x09target\\x0d\n"), std::string::npos) << lines;
+}
+
+TEST_F(TreeWalkTest, EscapesTheNameOfAFolderOnAllPathsThroughIt) {
+  mkdir(dir_.file("a\nb").c_str(), 0755);
+  dir_.write("a\nb/c", "");
+  EXPECT_EQ(paths(walk(dir_.path())), (std::vector<std::string>{".", "a\\x0ab", "a\\x0ab/c"}));
+}
+
+TEST_F(TreeWalkTest, CrossesMounts) {
+  mkdir(dir_.file("mount").c_str(), 0755);
+  const Mount memory = Mount::memory(dir_.file("mount"));
+  dir_.write("mount/file", "");
+  dir_.write("z", "");
+  EXPECT_EQ(paths(walk(dir_.path())), (std::vector<std::string>{".", "mount", "mount/file", "z"}));
+}
+
+TEST_F(TreeWalkTest, HasNoWalkerForWhatCannotBeExamined) {
+  EXPECT_EQ(proxy_.walkTree(dir_.file("none")), nullptr);
+  EXPECT_EQ(fields(proxy_), failureWith(ENOENT));
+  EXPECT_EQ(proxy_.walkTree(""), nullptr);
+  EXPECT_EQ(fields(proxy_), failureWith(ENOENT));
+  EXPECT_EQ(proxy_.walkTree(dir_.write("a", "") + "/b"), nullptr);
+  EXPECT_EQ(fields(proxy_), failureWith(ENOTDIR));
+}
+
+TEST_F(TreeWalkTest, GoesOnAfterAFolderThatCannotBeRead) {
+  for (const char* name : {"a", "closed", "z"}) {
+    mkdir(dir_.file(name).c_str(), 0755);
+  }
+  dir_.write("a/1", "");
+  dir_.write("closed/2", "");
+  dir_.write("z/3", "");
+  chmod(dir_.file("closed").c_str(), 0);
+  chmod(dir_.path().c_str(), 0755);
+  const std::string answer = inChild([&] {
+    const std::string lines = setuid(kNobody) == 0 ? walk(dir_.path()) : "still root";
+    return fields(proxy_) + "\n" + lines;
+  });
+  EXPECT_EQ(answer.substr(0, answer.find('\n')), failureWith(EACCES));
+  EXPECT_EQ(paths(answer.substr(answer.find('\n') + 1)),
+            (std::vector<std::string>{".", "a", "a/1", "closed", "z", "z/3"}));
+}
+
+TEST_F(TreeWalkTest, GoesOnAfterEntriesThatCannotBeExamined) {
+  mkdir(dir_.file("listed").c_str(), 0755);
+  dir_.write("listed/1", "");
+  dir_.write("z", "");
+  chmod(dir_.file("listed").c_str(), 0444);
+  chmod(dir_.path().c_str(), 0755);
+  const std::string answer = inChild([&] {
+    const std::string lines = setuid(kNobody) == 0 ? walk(dir_.path()) : "still root";
+    return fields(proxy_) + "\n" + lines;
+  });
+  EXPECT_EQ(answer.substr(0, answer.find('\n')), failureWith(EACCES));
+  EXPECT_EQ(paths(answer.substr(answer.find('\n') + 1)),
+            (std::vector<std::string>{".", "listed", "z"}));
+}
+
+TEST_F(TreeWalkTest, TakesFewDescriptorsAndNoLongPathsForADeepTree) {
+  const Mount memory = Mount::memory(dir_.path());
+  constexpr int kDepth = 5000;  // far beyond the longest path that the kernel takes
+  makeDeep(dir_.path(), kDepth);
+  for (const char* name : {"z", "d/z", "d/d/z"}) {
+    dir_.write(name, "");
+  }
+  const std::string answer = inChild([&] {
+    const rlimit few{48, 48};
+    setrlimit(RLIMIT_NOFILE, &few);
+    const std::string lines = walk(dir_.path());
+    return fields(proxy_) + " " + std::to_string(paths(lines).size()) +
+           lines.substr(lines.size() - 100);
+  });
+  EXPECT_EQ(answer.substr(0, 14), std::string(kSuccess) + " 5004");
+  const std::vector<std::string> last = paths(answer);
+  ASSERT_GE(last.size(), 3U);
+  EXPECT_EQ(last[last.size() - 3], "d/d/z");
+  EXPECT_EQ(last[last.size() - 2], "d/z");
+  EXPECT_EQ(last[last.size() - 1], "z");
+}
+
+TEST_F(TreeWalkTest, EndsWhenNoReplyCouldHoldIt) {
+  const Mount memory = Mount::memory(dir_.path());
+  std::string name(255, '\n');  // four times as long in a line
+  makeDeep(dir_.path(), 1);
+  UniqueFd folder(open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < 800; ++i) {  // the square of it times 500 bytes: some 300 MiB
+    ASSERT_EQ(mkdirat(folder.get(), name.c_str(), 0755), 0);
+    folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(folder.valid());
+  }
+  (void)proxy_.walkTree(dir_.path());
+  EXPECT_EQ(fields(proxy_), failureWith(EFBIG));
+}
+
+TEST_F(TreeWalkTest, IsNotDisturbedByEntriesThatComeAndGo) {
+  const Mount memory = Mount::memory(dir_.path());
+  mkdir(dir_.file("stays").c_str(), 0755);
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    while (!stop) {
+      for (int i = 0; i < 20; ++i) {
+        mkdir(dir_.file("goes" + std::to_string(i)).c_str(), 0755);
+        dir_.write("goes" + std::to_string(i) + "/file", "");
+      }
+      for (int i = 0; i < 20; ++i) {
+        unlink(dir_.file("goes" + std::to_string(i) + "/file").c_str());
+        rmdir(dir_.file("goes" + std::to_string(i)).c_str());
+      }
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    const std::string lines = walk(dir_.path());
+    EXPECT_EQ(fields(proxy_), kSuccess);
+    EXPECT_NE(lines.find(" stays\n"), std::string::npos);
+  }
+  stop = true;
+  other.join();
+}
+
+TEST_F(TreeWalkTest, ForgetsTheWalkBefore) {
+  EXPECT_NE(walk(dir_.path()), "");
+  EXPECT_EQ(walk(dir_.file("none")), "");
+}
+
+}  // namespace
+}  // namespace zell::test

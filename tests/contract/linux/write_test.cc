@@ -1,0 +1,386 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files that are replaced, whole or not at all.
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+#include "contract/linux/mount.h"
+#include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
+#include "contract/linux/spied_calls.h"
+
+namespace zell::test {
+namespace {
+
+using Names = std::vector<std::string>;
+
+constexpr uid_t kNobody = 65534;
+
+class WriteTest : public ProxyTest {
+ protected:
+  Names namesIn(const std::string& folder) {
+    Names names;
+    EXPECT_TRUE(proxy_.readDir(folder, names)) << folder;
+    return names;
+  }
+  ino_t inodeOf(const std::string& path) { return statusOf(path).st_ino; }
+};
+
+TEST_F(WriteTest, MakesANewFileWithThePermissionsOfTheUmask) {
+  const mode_t before = umask(027);
+  EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
+  umask(before);
+  EXPECT_EQ(contentOf(dir_.file("a")), "content");
+  EXPECT_EQ(statusOf(dir_.file("a")).st_mode, S_IFREG | 0640U);
+  EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
+}
+
+TEST_F(WriteTest, KeepsPermissionsAndOwnerOfTheFileReplaced) {
+  const std::string path = dir_.write("a", "old");
+  ASSERT_EQ(chown(path.c_str(), 1234, 2345), 0);
+  ASSERT_EQ(chmod(path.c_str(), 06751), 0);
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  const struct stat st = statusOf(path);
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(st.st_mode, S_IFREG | 06751U);
+  EXPECT_EQ(st.st_uid, 1234U);
+  EXPECT_EQ(st.st_gid, 2345U);
+}
+
+TEST_F(WriteTest, ShowsAReaderTheOldContentOrTheNewOne) {
+  const std::string path = dir_.write("a", "old");
+  const UniqueFd reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(write(path, "new content"), kSuccess);
+  char content[16];
+  EXPECT_EQ(::read(reader.get(), content, sizeof content), 3);
+  EXPECT_EQ(std::string(content, 3), "old");
+}
+
+TEST_F(WriteTest, EmptiesAFile) {
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(write(path, ""), kSuccess);
+  EXPECT_EQ(contentOf(path), "");
+}
+
+TEST_F(WriteTest, WritesBytesOfEveryKindAndMany) {
+  std::string all(3000000, '\0');
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    all[i] = static_cast<char>(i * 7 + i / 256);
+  }
+  EXPECT_EQ(write(dir_.file("a"), all), kSuccess);
+  EXPECT_TRUE(contentOf(dir_.file("a")) == all);
+}
+
+TEST_F(WriteTest, SyncsTheFileBeforeTheRenameAndTheFolderAfterIt) {
+  SpiedCalls spy;
+  EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
+  EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "renameat", "fsync folder"}));
+}
+
+TEST_F(WriteTest, SetsOwnerAndPermissionsBeforeTheContent) {
+  const std::string path = dir_.write("a", "old");
+  SpiedCalls spy;
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(spy.calls(),
+            (Names{"fchown", "fchmod", "write", "fsync file", "renameat", "fsync folder"}));
+}
+
+TEST_F(WriteTest, FollowsLinks) {
+  const std::string path = dir_.write("a", "old");
+  mkdir(dir_.file("below").c_str(), 0755);
+  ASSERT_EQ(symlink("../a", dir_.file("below/relative").c_str()), 0);
+  ASSERT_EQ(symlink(dir_.file("below/relative").c_str(), dir_.file("absolute").c_str()), 0);
+  EXPECT_EQ(write(dir_.file("absolute"), "new"), kSuccess);
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_TRUE(S_ISREG(statusOf(path).st_mode));
+  EXPECT_TRUE(S_ISLNK(statusOf(dir_.file("absolute")).st_mode));
+  EXPECT_TRUE(S_ISLNK(statusOf(dir_.file("below/relative")).st_mode));
+  EXPECT_EQ(namesIn(dir_.file("below")), Names{"relative"});
+}
+
+TEST_F(WriteTest, MakesTheTargetOfADanglingLink) {
+  mkdir(dir_.file("below").c_str(), 0755);
+  ASSERT_EQ(symlink("below/target", dir_.file("link").c_str()), 0);
+  EXPECT_EQ(write(dir_.file("link"), "content"), kSuccess);
+  EXPECT_TRUE(S_ISLNK(statusOf(dir_.file("link")).st_mode));
+  EXPECT_TRUE(S_ISREG(statusOf(dir_.file("below/target")).st_mode));
+  EXPECT_EQ(contentOf(dir_.file("below/target")), "content");
+}
+
+TEST_F(WriteTest, FailsOnALinkThatLeadsToNoFolderOrInACircle) {
+  ASSERT_EQ(symlink("none/target", dir_.file("nowhere").c_str()), 0);
+  ASSERT_EQ(symlink("circle", dir_.file("circle").c_str()), 0);
+  EXPECT_EQ(write(dir_.file("nowhere"), "content"), failureWith(ENOENT));
+  EXPECT_EQ(write(dir_.file("circle"), "content"), failureWith(ELOOP));
+}
+
+TEST_F(WriteTest, TakesNamesAndPathsOfEveryLength) {
+  const std::string longest(255, 'n');
+  EXPECT_EQ(write(dir_.file(longest), "content"), kSuccess);
+  EXPECT_EQ(write(dir_.file(longest), "new content"), kSuccess);
+  EXPECT_EQ(contentOf(dir_.file(longest)), "new content");
+  EXPECT_EQ(write(dir_.file(longest + "n"), "content"), failureWith(ENAMETOOLONG));
+
+  std::string path = dir_.path();
+  while (path.size() + 300 < 4096) {
+    path += "/" + std::string(200, 'd');
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+  }
+  path += "/" + std::string(4094 - path.size(), 'f');
+  EXPECT_EQ(write(path, "content"), kSuccess);
+  EXPECT_EQ(write(path, "new content"), kSuccess);
+  EXPECT_EQ(contentOf(path), "new content");
+  EXPECT_EQ(write(path + "x", "content"), failureWith(ENAMETOOLONG));
+}
+
+TEST_F(WriteTest, WritesRelativeToTheCurrentFolder) {
+  char before[4096];
+  ASSERT_NE(getcwd(before, sizeof before), nullptr);
+  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+  EXPECT_EQ(write("a", "content"), kSuccess);
+  EXPECT_EQ(write("./a", "new"), kSuccess);
+  ASSERT_EQ(chdir(before), 0);
+  EXPECT_EQ(contentOf(dir_.file("a")), "new");
+}
+
+TEST_F(WriteTest, FailsWhereNoFileCanBe) {
+  const std::string file = dir_.write("file", "old");
+  EXPECT_EQ(write("", "x"), failureWith(ENOENT));
+  EXPECT_EQ(write(dir_.file("none/a"), "x"), failureWith(ENOENT));
+  EXPECT_EQ(write(dir_.file("none/"), "x"), failureWith(ENOENT));
+  EXPECT_EQ(write(file + "/a", "x"), failureWith(ENOTDIR));
+  EXPECT_EQ(write(file + "/", "x"), failureWith(ENOTDIR));
+  EXPECT_EQ(write(dir_.path(), "x"), failureWith(EISDIR));
+  EXPECT_EQ(write(dir_.path() + "/.", "x"), failureWith(EISDIR));
+  EXPECT_EQ(write("/", "x"), failureWith(EISDIR));
+  EXPECT_EQ(contentOf(file), "old");
+}
+
+TEST_F(WriteTest, RefusesAZeroByteInAPath) {
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(write(path + std::string("\0x", 2), "new"), failureWith(EINVAL));
+  EXPECT_EQ(contentOf(path), "old");
+  EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
+}
+
+// Each call that a replacement is made of fails; the file is as it was, and alone.
+TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
+  const std::string path = dir_.write("a", "old");
+  for (const char* call : {"fchown", "fchmod", "write", "fsync file", "close", "renameat"}) {
+    for (const int error : {EIO, ENOSPC, EDQUOT, EINVAL}) {
+      SpiedCalls spy;
+      spy.fail(call, error);
+      EXPECT_EQ(write(path, "new"), failureWith(error)) << call;
+      EXPECT_EQ(contentOf(path), "old") << call;
+      EXPECT_EQ(namesIn(dir_.path()), Names{"a"}) << call;
+    }
+  }
+}
+
+TEST_F(WriteTest, MakesNoNewFileWhenACallFails) {
+  for (const char* call : {"write", "fsync file", "renameat"}) {
+    SpiedCalls spy;
+    spy.fail(call, EIO);
+    EXPECT_EQ(write(dir_.file("a"), "new"), failureWith(EIO)) << call;
+    EXPECT_EQ(namesIn(dir_.path()), Names{}) << call;
+  }
+}
+
+TEST_F(WriteTest, IsAFailureWhenTheFolderCannotBeSynced) {
+  SpiedCalls spy;
+  spy.fail("fsync folder", EIO);
+  EXPECT_EQ(write(dir_.file("a"), "new"), failureWith(EIO));
+}
+
+TEST_F(WriteTest, IsASuccessWhereFoldersAreNeverSynced) {
+  SpiedCalls spy;
+  spy.fail("fsync folder", EINVAL);
+  EXPECT_EQ(write(dir_.file("a"), "new"), kSuccess);
+}
+
+TEST_F(WriteTest, GoesOnAfterAnInterruptedWrite) {
+  SpiedCalls spy;
+  spy.fail("write", EINTR);
+  EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
+  EXPECT_EQ(contentOf(dir_.file("a")), "content");
+}
+
+TEST_F(WriteTest, LeavesTheFileAloneOnAFullFileSystem) {
+  const Mount memory = Mount::memory(dir_.path(), "size=64k");
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(write(path, std::string(100000, 'x')), failureWith(ENOSPC));
+  EXPECT_EQ(write(dir_.file("b"), std::string(100000, 'x')), failureWith(ENOSPC));
+  EXPECT_EQ(contentOf(path), "old");
+  EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
+  EXPECT_EQ(write(path, std::string(30000, 'x')), kSuccess);
+}
+
+TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfAnInode) {
+  const Mount memory = Mount::memory(dir_.path(), "nr_inodes=2");
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(write(path, "new"), failureWith(ENOSPC));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
+TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfADescriptor) {
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(inChild([&] {
+              std::vector<UniqueFd> all;
+              for (UniqueFd fd(dup(0)); fd.valid(); fd.reset(dup(0))) {
+                all.push_back(std::move(fd));
+              }
+              const std::string none = write(path, "new");
+              all.pop_back();  // enough for the folder, not for the file in it
+              return none + ", " + write(path, "new");
+            }),
+            failureWith(EMFILE) + ", " + failureWith(EMFILE));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
+TEST_F(WriteTest, FailsOnAReadOnlyFileSystem) {
+  const Mount memory = Mount::memory(dir_.path());
+  const std::string path = dir_.write("a", "old");
+  memory.makeReadOnly();
+  EXPECT_EQ(write(path, "new"), failureWith(EROFS));
+  EXPECT_EQ(write(dir_.file("b"), "new"), failureWith(EROFS));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
+TEST_F(WriteTest, WritesInPlaceWhereTheFolderIsReadOnly) {
+  const TempDir elsewhere;
+  const std::string writable = elsewhere.write("writable", "old and long");
+  const Mount memory = Mount::memory(dir_.path());
+  const std::string path = dir_.write("a", "");
+  memory.makeReadOnly();
+  const Mount file = Mount::bind(writable, path);
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(contentOf(writable), "new");
+}
+
+TEST_F(WriteTest, WritesAMountPointInPlace) {
+  const std::string other = dir_.write("other", "old and long");
+  const std::string path = dir_.write("a", "hidden");
+  const Mount mount = Mount::bind(other, path);
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(contentOf(other), "new");
+  EXPECT_EQ(inodeOf(path), inodeOf(other));
+  EXPECT_EQ(namesIn(dir_.path()), (Names{"a", "other"}));
+}
+
+TEST_F(WriteTest, WritesInPlaceWhereTheFolderTakesNoFiles) {
+  const std::string path = dir_.write("a", "old and long");
+  chmod(path.c_str(), 0666);
+  chmod(dir_.path().c_str(), 0555);
+  const ino_t inode = inodeOf(path);
+  EXPECT_EQ(inChild([&] {
+              return setuid(kNobody) == 0 ? write(path, "new") + ", " + write(dir_.file("b"), "new")
+                                          : "still root";
+            }),
+            std::string(kSuccess) + ", " + failureWith(EACCES));
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(inodeOf(path), inode);
+}
+
+TEST_F(WriteTest, WritesInPlaceWhereTheOwnerCannotBeKept) {
+  const std::string path = dir_.write("a", "old and long");
+  chmod(path.c_str(), 0666);
+  chmod(dir_.path().c_str(), 0777);
+  EXPECT_EQ(inChild([&] { return setuid(kNobody) == 0 ? write(path, "new") : "still root"; }),
+            kSuccess);
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(statusOf(path).st_uid, 0U);
+  EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
+}
+
+TEST_F(WriteTest, WritesTheKernelsOwnFiles) {
+  EXPECT_EQ(write("/proc/sys/kernel/domainname", "runeld-test"), kSuccess);
+  EXPECT_EQ(contentOf("/proc/sys/kernel/domainname"), "runeld-test\n");
+}
+
+TEST_F(WriteTest, WritesToDevices) {
+  EXPECT_EQ(write("/dev/null", "content"), kSuccess);
+  EXPECT_TRUE(S_ISCHR(statusOf("/dev/null").st_mode));
+  EXPECT_EQ(write("/dev/full", "content"), failureWith(ENOSPC));
+}
+
+TEST_F(WriteTest, WritesWhereALinkOfTheKernelLeads) {
+  const UniqueFd file(open(dir_.write("a", "old").c_str(), O_RDWR | O_CLOEXEC));
+  unlink(dir_.file("a").c_str());
+  EXPECT_EQ(write("/proc/self/fd/" + std::to_string(file.get()), "new"), kSuccess);
+  char content[16];
+  EXPECT_EQ(pread(file.get(), content, sizeof content, 0), 3);
+  EXPECT_EQ(namesIn(dir_.path()), Names{});
+}
+
+TEST_F(WriteTest, DoesNotWaitForTheReaderOfAFifo) {
+  const std::string path = dir_.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  EXPECT_EQ(write(path, "content"), failureWith(ENXIO));
+  EXPECT_TRUE(S_ISFIFO(statusOf(path).st_mode));
+}
+
+TEST_F(WriteTest, HandsTheReaderOfAFifoAllThatItTakes) {
+  const std::string path = dir_.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  const UniqueFd fifo(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const std::string data(1000000, 'x');
+  std::string taken;
+  std::thread reader([&] {
+    char piece[5000];
+    EXPECT_TRUE(becomesTrue([&] {
+      const ssize_t length = ::read(fifo.get(), piece, sizeof piece);
+      taken.append(piece, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+      return taken.size() >= data.size();
+    }));
+  });
+  EXPECT_EQ(write(path, data), kSuccess);
+  reader.join();
+  EXPECT_TRUE(taken == data);
+}
+
+TEST_F(WriteTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
+  const std::string path = dir_.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  const UniqueFd fifo(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  EXPECT_EQ(write(path, std::string(1000000, 'x')), failureWith(EAGAIN));
+}
+
+TEST_F(WriteTest, TakesAwayWhatAPowerCutLeft) {
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_renameat, EIO);
+              refuseCalls(SYS_unlinkat, EIO);
+              return write(path, "half");
+            }),
+            failureWith(EIO));
+  ASSERT_EQ(namesIn(dir_.path()).size(), 2U);
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
+}
+
+TEST_F(WriteTest, IsNotHeldUpByAFolderInTheWayOfTheTemporaryFile) {
+  const std::string path = dir_.write("a", "old");
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_renameat, EIO);
+              refuseCalls(SYS_unlinkat, EIO);
+              return write(path, "half");
+            }),
+            failureWith(EIO));
+  const Names names = namesIn(dir_.path());
+  ASSERT_EQ(names.size(), 2U);
+  ASSERT_EQ(unlink(dir_.file(names.front()).c_str()), 0);
+  ASSERT_EQ(mkdir(dir_.file(names.front()).c_str(), 0755), 0);
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(namesIn(dir_.path()), names);
+}
+
+}  // namespace
+}  // namespace zell::test

@@ -1,0 +1,76 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The base of all end-to-end tests: a clean world before each, no trace and no report after it."""
+import os
+import shutil
+import tempfile
+import unittest
+
+from support import world
+from support.daemon import Daemon, sanitizer_reports
+from support.logs import LogCollector
+from support.peers import Client, Master, Peer
+
+# STATUS STATE RESULT ERRNO SIGNAL of a task that succeeded.
+SUCCESS = (0, 0, 0, 0, 0)
+
+
+def failure(number):
+    """The fields of a task that failed with error @p number."""
+    return (1, 0, 1, number, 0)
+
+
+class EndToEndCase(unittest.TestCase):
+    """Starts daemons and peers that end with the test, and checks the sanitizers' reports."""
+
+    maxDiff = None
+
+    def setUp(self):
+        world.adopt_orphans()
+        world.reset()
+        self.folder = tempfile.mkdtemp(prefix="runeld-e2e-")
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.log = LogCollector()
+        self.addCleanup(self.log.close)
+        self.addCleanup(self._no_reports)
+        self.addCleanup(world.kill_all_others)
+
+    def _no_reports(self):
+        self.assertEqual(sanitizer_reports(self.folder), [])
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def file(self, name, content=b""):
+        """Makes a file in the test's folder and gives its path."""
+        with open(self.path(name), "wb") as file:
+            file.write(content)
+        return self.path(name)
+
+    def content(self, name):
+        with open(os.path.join(self.folder, name), "rb") as file:
+            return file.read()
+
+    def daemon(self, *arguments, **options):
+        daemon = Daemon(self.log, self.folder, *arguments, **options)
+        self.addCleanup(daemon.kill)
+        return daemon
+
+    def master(self, *arguments, **options) -> Master:
+        master = Master(*arguments, **options)
+        self.addCleanup(master.close)
+        return master
+
+    def client(self, **options) -> Client:
+        client = Client(**options)
+        self.addCleanup(client.close)
+        return client
+
+    def slave_connection(self, *arguments, **options) -> tuple[Daemon, Peer]:
+        """A daemon and the master's end of the connection that it made to its master."""
+        master = self.master()
+        daemon = self.daemon(*arguments, **options)
+        return daemon, master.accept()
+
+    def assert_stops(self, daemon):
+        """It ends by SIGTERM in good order, which also has the leak check run."""
+        self.assertEqual(daemon.stop(), 0)

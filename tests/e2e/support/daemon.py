@@ -1,0 +1,171 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The daemon under test: started as a process, looked at from outside, ended."""
+import contextlib
+import ctypes
+import os
+import re
+import signal
+import socket
+import subprocess
+
+from support import world
+from support.wait import PATIENCE, wait_until
+
+BINARY = os.environ.get("RUNELD_BIN", "")
+REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
+
+
+def sanitizer_options(folder, detect_leaks=True):
+    options = f"log_path={folder}/sanitizer:halt_on_error=1:exitcode=86:print_stacktrace=1"
+    return {"ASAN_OPTIONS": f"{options}:detect_leaks={int(detect_leaks)}:verify_asan_link_order=0",
+            "UBSAN_OPTIONS": options}
+
+
+class Daemon:
+    """One run of the binary, in a session of its own: its `stop` may signal its whole group.
+
+    `pid` is that of the process that serves: the process started, or with `background` its child.
+    """
+
+    def __init__(self, log, folder, *arguments, background=False, wrapper=(), setup=None,
+                 environment=None, detect_leaks=True, wait=True, descriptors=None):
+        assert os.path.isabs(BINARY), "RUNELD_BIN must name the binary"
+        self.log = log
+        self.background = background
+        self.since = log.mark()
+        self.stderr_path = os.path.join(folder, f"stderr.{self.since}")
+        command = [*wrapper, BINARY, *([] if background else ["-n"]), *arguments]
+        with open(self.stderr_path, "wb") as stderr:
+            streams = descriptors or {"stdin": subprocess.DEVNULL, "stdout": stderr, "stderr": stderr}
+            self.process = subprocess.Popen(
+                command, start_new_session=True, preexec_fn=setup, cwd="/",
+                env={**os.environ, **sanitizer_options(folder, detect_leaks), **(environment or {})},
+                **streams)
+        self.pid = None if background else self.process.pid
+        self.status = None
+        if wait:
+            self.wait_ready()
+
+    def wait_ready(self, timeout=PATIENCE):
+        """Waits until it listens."""
+        if self.background:
+            assert self.process.wait(timeout) == 0, "the launching process did not end with 0"
+        line = self.log.wait_for(r"listening on port 5111", since=self.since, timeout=timeout)
+        if self.background:
+            self.pid = line.pid
+        return self
+
+    def stderr(self):
+        with open(self.stderr_path, encoding="latin-1") as lines:
+            return lines.read()
+
+    def send_signal(self, number):
+        os.kill(self.pid, number)
+
+    def wait(self, timeout=PATIENCE):
+        """Waits for the serving process to end: its exit status, or minus the signal's number."""
+        if self.status is None:
+            if self.background:
+                self.status = wait_until(self._reaped, "the daemon ends", timeout)[0]
+            else:
+                self.status = self.process.wait(timeout)
+        return self.status
+
+    def _reaped(self):
+        pid, status = os.waitpid(self.pid, os.WNOHANG)
+        return (os.waitstatus_to_exitcode(status),) if pid else None
+
+    def stop(self, number=signal.SIGTERM, timeout=PATIENCE):
+        """Asks it to end by @p number and gives its exit status."""
+        self.send_signal(number)
+        return self.wait(timeout)
+
+    def alive(self):
+        return self.status is None and os.path.exists(f"/proc/{self.pid}/exe")
+
+    def kill(self):
+        """Ends it without its consent, whatever became of it."""
+        if self.process.poll() is None:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(self.process.pid, signal.SIGKILL)
+            self.process.wait()
+        if self.background and self.pid and self.status is None:
+            with contextlib.suppress(ProcessLookupError, ChildProcessError):
+                os.kill(self.pid, signal.SIGKILL)
+                os.waitpid(self.pid, 0)
+
+    # What can be seen of it from outside.
+
+    def descriptors(self):
+        """Number and target of each open descriptor."""
+        folder = f"/proc/{self.pid}/fd"
+        targets = {}
+        for name in os.listdir(folder):
+            with contextlib.suppress(FileNotFoundError):
+                targets[int(name)] = os.readlink(f"{folder}/{name}")
+        return targets
+
+    def closes_on_exec(self, descriptor):
+        with open(f"/proc/{self.pid}/fdinfo/{descriptor}", encoding="ascii") as about:
+            flags = int(re.search(r"^flags:\s*(\d+)", about.read(), re.MULTILINE)[1], 8)
+        return bool(flags & os.O_CLOEXEC)
+
+    def _status_field(self, name):
+        with open(f"/proc/{self.pid}/status", encoding="latin-1") as about:
+            return re.search(rf"^{name}:\s*(\S+)", about.read(), re.MULTILINE)[1]
+
+    def wait_asleep(self):
+        """Waits until it has gone through a pass and sleeps in the next: it is idle for a while."""
+        def switches():
+            return int(self._status_field("voluntary_ctxt_switches"))
+        before = switches()
+        wait_until(lambda: switches() >= before + 2 and self._status_field("State") == "S",
+                   "the loop sleeps")
+
+    def pending_signals(self):
+        return int(self._status_field("SigPnd"), 16) | int(self._status_field("ShdPnd"), 16)
+
+    def resident_bytes(self):
+        return int(self._status_field("VmRSS")) * 1024
+
+    def peak_bytes(self):
+        return int(self._status_field("VmHWM")) * 1024
+
+    def cpu_seconds(self):
+        with open(f"/proc/{self.pid}/stat", encoding="latin-1") as about:
+            fields = about.read().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def zombies(self):
+        """Children that ended and were not reaped."""
+        found = []
+        for pid in world.processes():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                with open(f"/proc/{pid}/stat", encoding="latin-1") as about:
+                    fields = about.read().rpartition(")")[2].split()
+                if fields[0] == "Z" and int(fields[1]) == self.pid:
+                    found.append(pid)
+        return found
+
+    @contextlib.contextmanager
+    def socket_option_view(self, descriptor):
+        """A second handle on one of its sockets, to read the socket's options through."""
+        process = os.pidfd_open(self.pid)
+        handle = ctypes.CDLL(None, use_errno=True).syscall(438, process, descriptor, 0)
+        os.close(process)
+        if handle < 0:
+            raise OSError(ctypes.get_errno(), "pidfd_getfd")
+        with socket.socket(fileno=handle) as view:
+            yield view
+
+
+def sanitizer_reports(folder):
+    """What the sanitizers had to say about any process started with `folder`."""
+    found = []
+    for name in sorted(os.listdir(folder)):
+        if name.startswith(("sanitizer.", "stderr.")):
+            with open(os.path.join(folder, name), encoding="latin-1") as lines:
+                text = lines.read()
+            if REPORT.search(text):
+                found.append(text)
+    return found

@@ -1,0 +1,449 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Bad peers, full disks and empty pockets: nothing crashes, hangs, spins, leaks or is lost."""
+import contextlib
+import os
+import random
+import resource
+import select
+import socket
+import time
+import unittest
+
+from support import world
+from support.case import SUCCESS, EndToEndCase, failure
+from support.logs import ERR, INFO, WARNING
+from support.wait import PATIENCE, wait_until
+from support.wire import frame, request
+
+EBUSY, ENOSPC = 16, 28
+THERE = request("fileexists", "/")
+
+# How many requests the long run makes; a nightly run sets a million.
+REQUESTS = int(os.environ.get("RUNELD_E2E_REQUESTS", "100000"))
+
+
+class FaultCase(EndToEndCase):
+    """A daemon that must be as at its start when the test is over."""
+
+    def setUp(self):
+        super().setUp()
+        _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(8192, most), most))
+
+    def start(self, files=1024, **options):
+        def limit():
+            resource.setrlimit(resource.RLIMIT_NOFILE, (files, files))
+        daemon = self.daemon(setup=limit, **options)
+        # Not in the middle of an attempt to reach the master, which has a descriptor of its own.
+        daemon.wait_asleep()
+        self.at_start = daemon.descriptors()
+        return daemon
+
+    def assert_serves(self, peer=None):
+        peer = peer or self.client()
+        self.assertEqual(peer.ask("fileexists", "/").fields, SUCCESS)
+        return peer
+
+    def assert_descriptors_as_at_start(self, daemon):
+        wait_until(lambda: len(daemon.descriptors()) == len(self.at_start),
+                   f"descriptors as at the start, {self.at_start}")
+
+    def assert_idle(self, daemon):
+        """It sleeps a tenth of a second on each pass: twenty passes take a second at the least."""
+        def switches():
+            with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
+                return int(status.read().partition("\nvoluntary_ctxt_switches:")[2].split()[0])
+        begin, first, used = time.monotonic(), switches(), daemon.cpu_seconds()
+        wait_until(lambda: switches() >= first + 20, "twenty passes of the loop")
+        self.assertGreaterEqual(time.monotonic() - begin, 1.0)
+        self.assertLess(daemon.cpu_seconds() - used, 0.5)
+
+
+class ConnectionLimitTest(FaultCase):
+    """More connections than it can hold."""
+
+    def assert_surplus_is_refused(self, count, files):
+        daemon = self.start(files)
+        clients = []
+        for _ in range(count):
+            clients.append(self.client())
+        wait_until(lambda: self.log.count("accepted connection, .*") == count, "all are accepted")
+        served = refused = 0
+        for client in clients:
+            with contextlib.suppress(ConnectionResetError, BrokenPipeError, AssertionError):
+                client.send(THERE)
+                served += client.receive().fields == SUCCESS
+                continue
+            refused += 1
+        self.assertEqual(served, 960 - len(self.at_start))
+        self.assertEqual(self.log.count(r"too many connections, closing socket 960", WARNING),
+                         refused)
+        self.assertEqual(served + refused, count)
+        for client in clients:
+            client.close()
+        self.assert_descriptors_as_at_start(daemon)
+        self.assert_serves()
+        self.assert_stops(daemon)
+
+    def test_950_are_served_and_of_20_more_the_surplus_is_refused(self):
+        self.assert_surplus_is_refused(970, 1024)
+
+    def test_a_higher_limit_of_descriptors_changes_nothing(self):
+        self.assert_surplus_is_refused(1100, 8192)
+
+    def test_without_descriptors_the_waiting_connection_is_closed(self):
+        daemon = self.start()
+        first = self.assert_serves()
+        limit = max(daemon.descriptors()) + 1
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (limit, 1024))
+        for _ in range(20):
+            self.assertEqual(self.client().read_to_end(), b"")
+        self.assertEqual(
+            self.log.count("unable to accept incoming connection, accept: Too many open files",
+                           ERR), 20)
+        self.assert_idle(daemon)
+        self.assert_serves(first)
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (1024, 1024))
+        self.assert_serves()
+        self.assert_stops(daemon)
+
+    def test_tasks_fail_in_good_order_without_descriptors(self):
+        daemon = self.start()
+        client = self.assert_serves()
+        kept = self.file("kept", b"kept")
+        tasks = (("read", kept), ("write", kept, "kept"), ("append", kept, ""),
+                 ("readdir", self.folder), ("exec", "/bin/true"), ("processrunning", "world"),
+                 ("updateumstate", "key", "x"))
+        # Done once with descriptors, which the sanitizers need too when they see a type anew.
+        for arguments in tasks:
+            self.assertEqual(client.ask(*arguments).fields[0], 0, arguments)
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE,
+                         (max(daemon.descriptors()) + 1, 1024))
+        for arguments in tasks:
+            with self.subTest(arguments):
+                self.assertEqual(client.ask(*arguments).fields, failure(24))
+        self.assertEqual(self.content("kept"), b"kept")
+        resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (1024, 1024))
+        self.assertEqual(client.ask("read", kept).output, b"kept")
+        self.assert_stops(daemon)
+
+    def test_an_idle_daemon_sleeps(self):
+        daemon = self.start()
+        self.assert_serves()
+        self.assert_idle(daemon)
+        self.assert_stops(daemon)
+
+
+class LeavingPeerTest(FaultCase):
+    """Peers that go at the wrong moment."""
+
+    def test_peers_that_close_or_reset_in_the_middle_of_a_request(self):
+        daemon = self.start()
+        whole = request("write", self.path("must-not-be"), "x" * 3000)
+        choice = random.Random(1)
+        for number in range(300):
+            client = self.client()
+            client.send(whole[:choice.randrange(len(whole))])
+            client.close() if number % 2 else client.reset()
+        self.assert_serves()
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assertFalse(os.path.exists(self.path("must-not-be")))
+        self.assert_stops(daemon)
+
+    def assert_descriptors_as_at_start_but_one(self, daemon):
+        wait_until(lambda: len(daemon.descriptors()) == len(self.at_start) + 1, "one is left")
+
+    def test_peers_that_reset_in_the_middle_of_a_reply(self):
+        daemon = self.start()
+        big = self.file("big", bytes(8 << 20))
+        for _ in range(20):
+            client = self.client()
+            client.send(request("read", big))
+            client.receive_bytes(100)
+            client.reset()
+        self.assert_serves()
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assertEqual(self.log.count(r"sendMessage: socket \d+, .*", ERR), 20)
+        self.assert_stops(daemon)
+
+    def test_peers_that_close_with_answers_on_their_way(self):
+        daemon = self.start()
+        for _ in range(50):
+            client = self.client()
+            client.send(THERE * 500)
+            client.receive()
+            client.close()
+        self.assert_serves()
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assert_stops(daemon)
+
+    def test_a_peer_that_closes_only_its_own_direction_gets_its_answers(self):
+        daemon = self.start()
+        client = self.client()
+        client.send(THERE * 50)
+        client.socket.shutdown(socket.SHUT_WR)
+        answers = client.read_to_end()
+        self.assertEqual(answers.count(b"SlaveTask 0 0 0: 0 0 0 0 0"), 50)
+        self.assert_stops(daemon)
+
+    def test_urgent_data_drops_a_client(self):
+        daemon = self.start()
+        client = self.assert_serves()
+        client.socket.send(b"!", socket.MSG_OOB)
+        self.log.wait_for(r"inbound connection \d+ disconnected", INFO)
+        self.assertEqual(client.read_to_end(), b"")
+        self.assert_serves()
+        self.assert_stops(daemon)
+
+    def test_a_reply_of_64_mib_that_nobody_reads_is_given_up(self):
+        daemon = self.start()
+        big = self.path("big")
+        with open(big, "wb") as file:
+            file.truncate(64 << 20)
+        stuck = self.client(receive_buffer=4096)
+        stuck.send(request("read", big) + request("write", self.path("after"), "still runs"))
+        self.log.wait_for(r"sendMessage: socket \d+, .+", ERR, timeout=120)
+        self.assert_serves()
+        wait_until(lambda: os.path.exists(self.path("after")), "what was queued still runs")
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assert_stops(daemon)
+
+    def test_a_reply_of_64_mib_to_a_reader_in_small_steps_arrives_whole(self):
+        daemon = self.start()
+        content = random.Random(2).randbytes(64 << 20)
+        reader = self.client(receive_buffer=65536)
+        reader.send(request("read", self.file("big", content)))
+        reply = reader.receive(300)
+        self.assertTrue(reply.output == content)
+        self.assert_stops(daemon)
+
+
+class FileSystemTest(FaultCase):
+    """Disks that are full or not what they seem."""
+
+    def small_disk(self):
+        disk = self.path("disk")
+        os.mkdir(disk)
+        world.mount("-t", "tmpfs", "-o", "size=1m", "tmpfs", disk)
+        self.addCleanup(world.unmount, disk)
+        return disk
+
+    def test_a_full_disk_loses_nothing(self):
+        daemon = self.start()
+        disk = self.small_disk()
+        client = self.client()
+        old = b"old" * 1000
+        self.assertEqual(client.ask("write", f"{disk}/file", old).fields, SUCCESS)
+        big = bytes(2 << 20)
+        for task in ("write", "append"):
+            self.assertEqual(client.ask(task, f"{disk}/file", big).fields, failure(ENOSPC))
+            self.assertEqual(self.content("disk/file"), old)
+        self.assertEqual(client.ask("write", f"{disk}/other", big).fields, failure(ENOSPC))
+        self.assertEqual(client.ask("append", f"{disk}/file", "new").fields, SUCCESS)
+        self.assertEqual(self.content("disk/file"), old + b"new")
+        self.assertEqual(os.listdir(disk), ["file"])
+        self.assert_stops(daemon)
+
+    def test_a_disk_that_fills_up_while_it_is_appended_to(self):
+        daemon = self.start()
+        disk = self.small_disk()
+        client = self.client()
+        length = 0
+        while True:
+            fields = client.ask("append", f"{disk}/file", b"y" * 30_000).fields
+            self.assertEqual(os.path.getsize(f"{disk}/file"), length + 30_000 * (fields == SUCCESS))
+            if fields != SUCCESS:
+                break
+            length += 30_000
+            self.assertLess(length, 2 << 20)
+        self.assertEqual(fields, failure(ENOSPC))
+        self.assert_stops(daemon)
+
+    def test_a_mount_point_refuses_a_rename_and_takes_a_write(self):
+        daemon = self.start()
+        client = self.client()
+        below, point = self.file("below", b"old"), self.file("point")
+        world.mount("--bind", below, point)
+        self.addCleanup(world.unmount, point)
+        source = self.file("source", b"source")
+        self.assertEqual(client.ask("rename", source, point).fields, failure(EBUSY))
+        self.assertEqual(self.content("source"), b"source")
+        self.assertEqual(client.ask("write", point, "new").fields, SUCCESS)
+        self.assertEqual((self.content("point"), self.content("below")), (b"new", b"new"))
+        self.assertEqual(sorted(name for name in os.listdir(self.folder)
+                                if not name.startswith(("stderr.", "sanitizer."))),
+                         ["below", "point", "source"])
+        self.assert_stops(daemon)
+
+    def test_a_read_only_disk_is_an_error(self):
+        daemon = self.start()
+        disk = self.small_disk()
+        client = self.client()
+        self.assertEqual(client.ask("write", f"{disk}/file", "old").fields, SUCCESS)
+        world.mount("-o", "remount,ro", disk)
+        for arguments in (("write", f"{disk}/file", "x"), ("append", f"{disk}/file", "x"),
+                          ("unlink", f"{disk}/file"), ("write", f"{disk}/new", "x"),
+                          ("rename", f"{disk}/file", f"{disk}/b"), ("chmodx", f"{disk}/file")):
+            with self.subTest(arguments):
+                self.assertEqual(client.ask(*arguments).fields, failure(30))
+        self.assertEqual(self.content("disk/file"), b"old")
+        self.assert_stops(daemon)
+
+
+class ProgramTest(FaultCase):
+    """Programs that misbehave."""
+
+    def test_a_gigabyte_of_output_is_read_away(self):
+        daemon = self.start()
+        client = self.client()
+        reply = client.ask("exec", "head", "-c", str(1 << 30), "/dev/zero", timeout=300)
+        self.assertEqual((reply.fields, len(reply.output)), ((0, 2, 0, 0, 0), 16 << 20))
+        self.assert_stops(daemon)
+
+    def test_programs_left_behind_by_many_connections_leave_no_zombie(self):
+        daemon = self.start()
+        for _ in range(50):
+            client = self.client()
+            self.assertEqual(client.ask("exec", "/bin/true", exec_param=-1).fields,
+                             (2, 1, 0, 0, 0))
+            client.close()
+        wait_until(lambda: not daemon.zombies(), "all are reaped")
+        self.assert_descriptors_as_at_start(daemon)
+        self.assert_stops(daemon)
+
+
+class LedOwnerTest(FaultCase):
+    """The connection that drives the LEDs leaves while they blink."""
+
+    def setUp(self):
+        super().setUp()
+        world.mount("-t", "tmpfs", "tmpfs", "/sys/class")
+        self.addCleanup(world.unmount, "/sys/class")
+        for name in ("first", "second"):
+            os.makedirs(f"/sys/class/leds/{name}")
+            with open(f"/sys/class/leds/{name}/brightness", "w", encoding="ascii"):
+                pass
+
+    def brightness(self):
+        values = []
+        for name in ("first", "second"):
+            with open(f"/sys/class/leds/{name}/brightness", encoding="ascii") as file:
+                values.append(file.read().strip())
+        return tuple(values)
+
+    def assert_blinks(self):
+        for value in ("1", "0", "1"):
+            wait_until(lambda wanted=value: self.brightness() == (wanted, wanted), "it blinks")
+
+    def test_the_blink_goes_on_through_the_connection_that_is_left(self):
+        daemon = self.start()
+        stays, leaves = self.assert_serves(), self.assert_serves()
+        self.assertEqual(leaves.ask("blinkleds", "fast").fields, SUCCESS)
+        self.assert_blinks()
+        leaves.close()
+        self.log.wait_for("dropping connection: .*")
+        self.assert_blinks()
+        self.assertEqual(stays.ask("blinkleds", "off").fields, SUCCESS)
+        self.assertEqual(self.brightness(), ("0", "0"))
+        self.assert_stops(daemon)
+
+    def test_with_no_connection_left_they_stay_as_they_are(self):
+        daemon = self.start()
+        leaves = self.assert_serves()
+        self.assertEqual(leaves.ask("blinkleds", "fast").fields, SUCCESS)
+        self.assert_blinks()
+        leaves.reset()
+        self.log.wait_for("dropping connection: .*")
+        before = self.brightness()
+        self.assert_idle(daemon)
+        self.assertEqual(self.brightness(), before)
+        self.assert_stops(daemon)
+
+    def test_a_blink_is_answered_on_whichever_connection_asked(self):
+        daemon = self.start()
+        older, _ = self.assert_serves(), self.assert_serves()
+        os.unlink("/sys/class/leds/second/brightness")
+        os.rmdir("/sys/class/leds/second")
+        self.assertEqual(older.ask("blinkleds", "on").fields, failure(2))
+        self.assert_stops(daemon)
+
+
+class StrayConnectionTest(FaultCase):
+    """Connections that speak no protocol of ours."""
+
+    def test_two_hundred_of_them_disturb_nobody(self):
+        daemon = self.start()
+        choice = random.Random(5)
+        strays = [self.client() for _ in range(200)]
+        client = self.client()
+        for turn in range(10):
+            for stray in strays:
+                # Neither a start byte nor an agent's, so that no handler is made.
+                stray.send(b"t" + choice.randbytes(choice.randrange(200)))
+            self.assert_serves(client)
+        wait_until(lambda: self.log.count(
+            r"handle_data_read: ignoring telnet connection, socket \d+", INFO) >= 200, "all seen")
+        self.assertEqual(self.log.count(".*creating.*"), 1)
+        for stray in strays:
+            stray.close()
+        client.close()
+        self.assert_descriptors_as_at_start(daemon)
+        self.assert_stops(daemon)
+
+    def test_an_unread_log_of_binary_bytes_is_no_harm(self):
+        daemon = self.start()
+        client = self.client()
+        client.send(frame(bytes(range(256))) + THERE)
+        self.assertEqual(client.receive().fields, SUCCESS)
+        self.log.wait_for("handleMessage: unexpected task '.*'", ERR)
+        self.assert_stops(daemon)
+
+
+class LongRunTest(FaultCase):
+    """Much work on many connections that come and go."""
+
+    CONNECTIONS = 50
+    BURST = 500
+
+    def test_a_long_run_leaves_memory_and_descriptors_as_they_were(self):
+        daemon = self.start(environment={"ASAN_OPTIONS": f"log_path={self.folder}/sanitizer:"
+                                         "exitcode=86:quarantine_size_mb=1"})
+        warm_up = self.run_requests(20_000)
+        self.assert_descriptors_as_at_start(daemon)
+        before = daemon.resident_bytes()
+        done = self.run_requests(REQUESTS)
+        self.assertEqual((warm_up, done), (20_000, REQUESTS))
+        self.assert_descriptors_as_at_start(daemon)
+        self.assertLess(daemon.resident_bytes() - before, 4 << 20)
+        self.assert_serves()
+        self.assert_stops(daemon)
+
+    def run_requests(self, total):
+        """Pipelines @p total requests over fifty connections; how many were answered rightly."""
+        answer = frame(b"SlaveTask 0 0 0: 0 0 0 0 0")
+        burst = THERE * self.BURST
+        open_now, started, answered = {}, 0, 0
+        while answered < total:
+            while started < total and len(open_now) < self.CONNECTIONS:
+                client = self.plain_client()
+                open_now[client] = 0
+                client.sendall(burst)
+                started += self.BURST
+            ready, _, _ = select.select(list(open_now), [], [], PATIENCE)
+            self.assertTrue(ready, "no answers any more")
+            for client in ready:
+                open_now[client] += len(client.recv(1 << 16))
+                if open_now[client] == len(answer) * self.BURST:
+                    answered += self.BURST
+                    del open_now[client]
+                    client.close()
+        return answered
+
+    def plain_client(self):
+        client = socket.create_connection(("127.0.0.1", 5111))
+        self.addCleanup(client.close)
+        return client
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,297 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The connection that the daemon keeps up to its master, whatever the master does."""
+import re
+import socket
+import unittest
+
+from support.case import SUCCESS, EndToEndCase
+from support.logs import DEBUG, ERR, INFO, WARNING
+from support.peers import MASTER_PORT
+from support.wait import wait_until
+from support.wire import request
+
+ESTABLISHED = r"established connection to 127\.0\.0\.1, port 5112, socket \d+"
+
+
+def number_in(line):
+    """The last number of a log line: most lines end with their socket."""
+    return int(re.findall(r"\d+", line.text)[-1])
+
+
+class ConnectionTest(EndToEndCase):
+    """Made, lost, made again."""
+
+    def test_the_first_connection_serves_tasks(self):
+        daemon, master = self.slave_connection("-v")
+        socket_made = number_in(self.log.wait_for(ESTABLISHED, INFO))
+        line = self.log.wait_for(r"handle_outgoing_connection: creating slave connection, "
+                                 r"socket \d+", DEBUG)
+        self.assertEqual(number_in(line), socket_made)
+        self.assertEqual(master.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_without_verbose_the_handler_is_made_silently(self):
+        daemon, master = self.slave_connection()
+        master.ask("hostid")
+        self.assertEqual(self.log.count("handle_outgoing_connection.*"), 0)
+        self.assert_stops(daemon)
+
+    def test_only_one_connection_is_made(self):
+        master = self.master()
+        daemon = self.daemon()
+        master.accept().ask("hostid")
+        self.client().ask("hostid")
+        self.assertTrue(master.nobody_waits())
+        self.assert_stops(daemon)
+
+    def test_a_refusing_master_leaves_no_line_and_holds_nobody_up(self):
+        daemon = self.daemon()
+        client = self.client()
+        for _ in range(20):
+            self.assertEqual(client.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assertEqual(self.log.count(r".*(5112|127\.0\.0\.1, port).*"), 0)
+        self.assert_stops(daemon)
+
+    def test_a_master_that_comes_later_is_connected_to(self):
+        daemon = self.daemon()
+        self.client().ask("hostid")
+        master = self.master().accept()
+        self.assertEqual(master.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_lost_connection_is_made_again(self):
+        master = self.master()
+        daemon = self.daemon("-v")
+        first = master.accept()
+        first.ask("hostid")
+        made = number_in(self.log.wait_for(ESTABLISHED))
+        mark = self.log.mark()
+        first.close()
+        second = master.accept()
+        self.assertEqual(second.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.log.wait_for("handle_outgoing_connection: .*", since=mark)
+        shown = [(line.level, line.text) for line in self.log.lines[mark:]][:6]
+        self.assertEqual(shown, [
+            (WARNING, f"empty read from outbound socket {made}, to 127.0.0.1, it's dead"),
+            (INFO, f"process_read declared the outbound connection {made} dead"),
+            (DEBUG, f"drop_host_connection: dropping slave connection, socket {made}"),
+            (INFO, f"closing connection 127.0.0.1, socket {made}"),
+            (INFO, f"established connection to 127.0.0.1, port 5112, socket {made}"),
+            (DEBUG, f"handle_outgoing_connection: creating slave connection, socket {made}")])
+        self.assert_stops(daemon)
+
+    def test_a_partial_request_does_not_survive_its_connection(self):
+        master = self.master()
+        daemon = self.daemon()
+        whole = request("fileexists", "/etc/hosts")
+        first = master.accept()
+        first.send(whole[:20])
+        self.log.wait_for("handleMessage: got packet, but it is not a complete message '.*'", DEBUG)
+        first.close()
+        second = master.accept()
+        second.send(whole)
+        self.assertEqual(second.receive().fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_master_gone_and_back_a_hundred_times_leaves_nothing(self):
+        daemon = self.daemon()
+        before = len(daemon.descriptors())
+        for _ in range(100):
+            master = self.master()
+            self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+            master.close()
+        wait_until(lambda: len(daemon.descriptors()) == before, "descriptors as at the start")
+        self.assert_stops(daemon)
+
+    def test_a_reset_is_logged_and_the_connection_made_again(self):
+        master = self.master()
+        daemon = self.daemon()
+        first = master.accept()
+        first.ask("hostid")
+        made = number_in(self.log.wait_for(ESTABLISHED))
+        first.reset()
+        self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.log.wait_for(f"recvfrom: socket {made}, 104 Connection reset by peer", ERR)
+        self.assert_stops(daemon)
+
+    def test_urgent_data_ends_the_connection(self):
+        master = self.master()
+        daemon = self.daemon()
+        first = master.accept()
+        made = number_in(self.log.wait_for(ESTABLISHED))
+        first.socket.send(b"!", socket.MSG_OOB)
+        self.log.wait_for(f"outbound connection {made} disconnected", INFO)
+        self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+
+class DifficultMasterTest(EndToEndCase):
+    """A master must never keep the daemon from its other work."""
+
+    def test_one_that_closes_at_once_is_reconnected_to_while_clients_are_served(self):
+        master = self.master()
+        daemon = self.daemon()
+        client = self.client()
+        for turn in range(200):
+            master.accept().close()
+            if turn % 20 == 0:
+                self.assertEqual(client.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        wait_until(lambda: self.log.count(ESTABLISHED) >= 200, "each connection is logged")
+        self.assert_stops(daemon)
+
+    def test_one_that_swallows_packets_holds_a_pass_up_for_three_seconds_at_most(self):
+        master = self.master(backlog=0)
+        fillers = self.fill(master)
+        daemon = self.daemon()
+        client = self.client()
+        for _ in range(2):
+            self.assertEqual(client.ask("fileexists", "/etc/hosts", timeout=10).fields, SUCCESS)
+        for filler in fillers:
+            filler.close()
+            master.accept()
+        answer = master.accept().ask("fileexists", "/etc/hosts")
+        self.assertEqual(answer.fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def fill(self, master):
+        """Fills the queue of @p master so that the kernel drops every further handshake."""
+        fillers = []
+        while True:
+            filler = socket.socket()
+            self.addCleanup(filler.close)
+            filler.settimeout(0.3)
+            try:
+                filler.connect(("127.0.0.1", MASTER_PORT))
+            except TimeoutError:
+                filler.close()
+                return fillers
+            fillers.append(filler)
+            self.assertLess(len(fillers), 10)
+
+    def test_a_stop_request_is_heard_while_a_master_swallows_packets(self):
+        self.fill(self.master(backlog=0))
+        daemon = self.daemon(wait=False)
+        self.log.wait_for("listening on port 5111")
+        self.assertEqual(daemon.stop(), 0)
+
+
+class MastersNameTest(EndToEndCase):
+    """The address may be a name, looked up for each attempt."""
+
+    def setUp(self):
+        super().setUp()
+        with open("/etc/nsswitch.conf", encoding="utf-8") as file:
+            before = file.read()
+        self.addCleanup(self.write, "/etc/nsswitch.conf", before)
+        self.write("/etc/nsswitch.conf", "hosts: files\n")
+
+    def write(self, path, text):
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+
+    def test_a_name_is_resolved_through_the_hosts_file(self):
+        self.write("/etc/hosts", "127.0.0.3 the-master\n")
+        master = self.master("127.0.0.3")
+        daemon = self.daemon("-i", "the-master")
+        self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.log.wait_for(r"established connection to the-master, port 5112, socket \d+", INFO)
+        self.assert_stops(daemon)
+
+    def test_a_name_that_nobody_knows_is_tried_again_until_somebody_does(self):
+        master = self.master("127.0.0.4")
+        daemon = self.daemon("-i", "no-such-master")
+        # A name that no source knows is no failure to this C library: an answer without a record.
+        first = self.log.wait_for("resolve_master: .*", ERR)
+        self.assertEqual(first.text,
+                         "resolve_master: gethostbyname returned success, but hep is null?")
+        self.log.wait_for("cannot resolve host 'no-such-master'", ERR)
+        wait_until(lambda: self.log.count("cannot resolve host 'no-such-master'") >= 3,
+                   "further attempts")
+        self.assertEqual(self.client().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.write("/etc/hosts", "127.0.0.1 localhost\n127.0.0.4 no-such-master\n")
+        self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_name_service_that_does_not_answer_is_logged_with_its_error(self):
+        with open("/etc/resolv.conf", encoding="utf-8") as file:
+            self.addCleanup(self.write, "/etc/resolv.conf", file.read())
+        self.write("/etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:1 attempts:1\n")
+        self.write("/etc/nsswitch.conf", "hosts: dns\n")
+        daemon = self.daemon("-i", "some-master")
+        line = self.log.wait_for("resolve_master: .*", ERR)
+        self.assertEqual(line.text, "resolve_master: cannot resolve name, some-master, 2 "
+                                    "Host name lookup failure")
+        self.log.wait_for("cannot resolve host 'some-master'", ERR)
+        self.assertEqual(self.client().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_dotted_address_needs_no_name_service(self):
+        self.write("/etc/nsswitch.conf", "hosts: none\n")
+        master = self.master("127.0.0.2")
+        daemon = self.daemon("-i", "127.0.0.2")
+        self.assertEqual(master.accept().ask("fileexists", "/etc/passwd").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+
+class SocketOptionsTest(EndToEndCase):
+    """A silent peer is found out after a minute, an answer does not wait for one."""
+
+    def assert_options(self, daemon, descriptor):
+        tcp = socket.IPPROTO_TCP
+        with daemon.socket_option_view(descriptor) as view:
+            self.assertEqual(view.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE), 1)
+            self.assertEqual(view.getsockopt(tcp, socket.TCP_KEEPIDLE), 10)
+            self.assertEqual(view.getsockopt(tcp, socket.TCP_KEEPINTVL), 10)
+            self.assertEqual(view.getsockopt(tcp, socket.TCP_KEEPCNT), 5)
+            self.assertNotEqual(view.getsockopt(tcp, socket.TCP_NODELAY), 0)
+
+    def test_the_masters_connection_has_keepalive_and_no_delay(self):
+        daemon, master = self.slave_connection()
+        master.ask("hostid")
+        self.assert_options(daemon, number_in(self.log.wait_for(ESTABLISHED)))
+        self.assert_stops(daemon)
+
+    def test_a_clients_connection_has_keepalive_and_no_delay(self):
+        daemon = self.daemon()
+        self.client().ask("hostid")
+        self.assert_options(daemon, number_in(self.log.wait_for("accepted connection, .*")))
+        self.assert_stops(daemon)
+
+    def test_the_time_limit_of_the_connect_does_not_stay_on_the_socket(self):
+        daemon, master = self.slave_connection()
+        master.ask("hostid")
+        with daemon.socket_option_view(number_in(self.log.wait_for(ESTABLISHED))) as view:
+            limit = view.getsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, 16)
+        self.assertEqual(limit, bytes(16))
+        self.assert_stops(daemon)
+
+
+class SurplusConnectionTest(EndToEndCase):
+    """Agents that left before their bridge was made leave host entries behind."""
+
+    def test_a_third_connection_is_left_alone_and_its_end_stops_the_daemon(self):
+        daemon = self.daemon("-v")
+        early = self.client()
+        early.send(b"<early/>\r\n")
+        self.log.wait_for("handle_data_read: creating agent socket handler, .*")
+        early.close()
+        self.log.wait_for("drop_socket: dropping update manager agent .*")
+        agent = self.client()
+        mark = self.log.mark()
+        agent.send(b"<hello/>\r\n")
+        self.log.wait_for("handle_data_read: creating agent socket handler, .*", since=mark)
+        master = self.master()
+        slave, bridge, surplus = (master.accept() for _ in range(3))
+        error = self.log.wait_for(r"handle_outgoing_connection: error, connections already set, "
+                                  r"socket \d+", ERR)
+        self.assertEqual(slave.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
+        surplus.close()
+        self.assertEqual(daemon.wait(), 0)
+        self.log.wait_for("[*]{3} error: drop_host_connection cannot find the outbound connection "
+                          f"{number_in(error)}, exiting", ERR)
+        self.assertEqual(agent.read_to_end(), b"")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,127 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""What scripts/demo shows, inside a private world: BINARY LOGFILE."""
+import contextlib
+import os
+import socket
+import subprocess
+import sys
+import time
+
+import demo_master
+
+BINARY, LOG = sys.argv[1:3]
+MASTER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "demo_master.py")
+
+
+def title(text):
+    print(f"\n\n== {text}", flush=True)
+
+
+def wait_for(condition, what):
+    deadline = time.monotonic() + 60
+    while not condition():
+        if time.monotonic() > deadline:
+            sys.exit(f"demo: {what} did not happen")
+        time.sleep(0.01)
+
+
+def logged(text, times=1):
+    with open(LOG, encoding="latin-1") as log:
+        return log.read().count(text) >= times
+
+
+def show_file(path):
+    print(f"  {path}:")
+    with open(path, encoding="ascii") as file:
+        for line in file:
+            print(f"      {line}", end="")
+    print(flush=True)
+
+
+def make_leds():
+    """Two folders as the kernel shows LEDs, for a machine that may have none."""
+    subprocess.run(["mount", "-t", "tmpfs", "leds", "/sys/class"], check=True)
+    for name in ("first", "second"):
+        os.makedirs(f"/sys/class/leds/{name}")
+        with open(f"/sys/class/leds/{name}/brightness", "w", encoding="ascii") as file:
+            file.write("0\n")
+
+
+def tasks():
+    title("The master has every task done over the connection that the daemon makes to it")
+    daemon = subprocess.Popen([BINARY], stdin=subprocess.DEVNULL, start_new_session=True)
+    print(f"started: {BINARY}, status {daemon.wait()}: it went to the background")
+    wait_for(lambda: logged("listening on port 5111"), "the start")
+    show_file("/var/run/runeld.pid")
+    title("One task over a connection to the daemon's own port 5111")
+    with socket.create_connection(("127.0.0.1", 5111)) as connection:
+        demo_master.ask(connection, "fileexists", "/etc/hosts")
+    title("All of them over the connection to the master")
+    subprocess.run([sys.executable, MASTER], check=True)
+    wait_for(lambda: logged("exit status 0"), "the restart")
+    print("\nThe daemon ended with status 0, as restart asks for; a supervisor starts it again.")
+
+
+def agent(number, slave_is_up):
+    """One local agent from its first clause to its last; the master answers on the bridge."""
+    address = f"127.0.0.{number}"
+    with socket.create_connection(("127.0.0.1", 5111), source_address=(address, 0)) as one:
+        one.sendall(b"<hello>agent on " + address.encode() + b"</hello>\r\n")
+        bridge, _ = slave_is_up.accept()
+        with bridge:
+            print(f"\n  agent {address} -> master: {bridge.recv(4096)!r}")
+            show_file("/etc/hosts")
+            bridge.sendall(b"<install package='7'/>")
+            print(f"  master -> agent: {one.recv(4096)!r}")
+            one.sendall(b"<progress>50 %</progress><progress>100 %</progress>")
+            length = len(b"<progress>50 %</progress>\r\n<progress>100 %</progress>\r\n")
+            print(f"  agent -> master: {bridge.recv(length, socket.MSG_WAITALL)!r}")
+            one.shutdown(socket.SHUT_WR)
+            while bridge.recv(4096):
+                pass
+            print("  the agent left, and its connection to the master with it", flush=True)
+
+
+def agents():
+    title("A local agent connects: its clauses go to the master, the master's come back")
+    show_file("/etc/hosts")
+    daemon = subprocess.Popen([BINARY, "-n", "-v"], stdin=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL, start_new_session=True)
+    with socket.create_server(("", 5112)) as listener:
+        slave, _ = listener.accept()
+        print("  the daemon connected to the master")
+        for number in (5, 6):
+            agent(number, listener)
+            if number == 5:
+                print("\n  The next agent comes:")
+        with contextlib.closing(slave):
+            demo_master.ask(slave, "exec", "/bin/cat", "/etc/hosts")
+        daemon.terminate()
+        print(f"\n  SIGTERM: the daemon ended with status {daemon.wait()}")
+
+
+def reboot():
+    title("The last task is reboot: here it ends a process namespace in place of a device")
+    daemon = subprocess.Popen(["unshare", "--pid", "--fork", "--kill-child", BINARY, "-n"],
+                              stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              start_new_session=True)
+    subprocess.run([sys.executable, MASTER, "reboot"], check=True)
+    print(f"\n  the namespace ended by signal {-daemon.wait()}: that is a restart of its kernel")
+
+
+def main():
+    make_leds()
+    tasks()
+    agents()
+    reboot()
+    title("What the daemon logged meanwhile")
+    levels = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
+    with open(LOG, encoding="latin-1") as log:
+        for line in log:
+            priority, _, text = line[1:].partition(">")
+            print(f"  {levels[int(priority) & 7]:8}{text}", end="")
+
+
+if __name__ == "__main__":
+    main()

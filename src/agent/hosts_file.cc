@@ -58,11 +58,12 @@ bool takeAttributes(int fd, std::FILE* replaced) {
          fchmod(fd, old.st_mode & kPermissionBits) == 0;
 }
 
-// Always a file of its own: what an interrupted rewrite, or anyone else, left there is taken away.
+// A file of its own: what an interrupted rewrite, or anyone else, left there is taken away first,
+// and never written through. Where that cannot be done, the error is the one of writing over it.
 Stream openOutput(const std::string& path) {
   (void)unlink(path.c_str());
-  return openStream(
-      UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode)), "w");
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  return openStream(UniqueFd(open(path.c_str(), kFlags, kNewFileMode)), "w");
 }
 
 bool writeLine(std::FILE* out, std::string_view line) {

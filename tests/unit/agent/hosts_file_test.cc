@@ -1,0 +1,338 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/hosts_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace zell::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+const std::string kEntry = "10.1.2.3 update-master\n";
+
+class HostsFileTest : public ::testing::Test {
+ protected:
+  ~HostsFileTest() override {
+    (void)umount2(path.c_str(), MNT_DETACH);  // where a test mounted one
+    (void)umount2(folder.path().c_str(), MNT_DETACH);
+  }
+
+  void write(const std::string& content) { (void)folder.write("hosts", content); }
+  void rewrite() { setEtcHosts(path, "10.1.2.3"); }
+  // The content after a rewrite that went well.
+  std::string rewritten(const std::string& content) {
+    write(content);
+    rewrite();
+    EXPECT_THAT(log.entries(), IsEmpty());
+    EXPECT_FALSE(exists(beside));
+    return contentOf(path);
+  }
+  void mountMemory(const char* options) {
+    ASSERT_EQ(mount("tmpfs", folder.path().c_str(), "tmpfs", 0, options), 0) << strerror(errno);
+  }
+  static bool exists(const std::string& name) {
+    struct stat st {};
+    return lstat(name.c_str(), &st) == 0;
+  }
+  static struct stat statOf(const std::string& name) {
+    struct stat st {};
+    EXPECT_EQ(lstat(name.c_str(), &st), 0) << name;
+    return st;
+  }
+  static mode_t modeOf(const std::string& name) { return statOf(name).st_mode; }
+
+  TempDir folder;
+  std::string path = folder.file("hosts");
+  std::string beside = folder.file("hosts.new");
+  LogCapture log;
+};
+
+TEST_F(HostsFileTest, AddsTheEntryBehindAllOthers) {
+  EXPECT_EQ(rewritten("127.0.0.1 localhost\n10.0.0.9 printer\n"),
+            "127.0.0.1 localhost\n10.0.0.9 printer\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, ReplacesAnOlderEntryAndKeepsTheOrderOfTheOthers) {
+  EXPECT_EQ(rewritten("# top\n127.0.0.1 localhost\n10.0.0.1 update-master\n\n::1 ip6-localhost\n"),
+            "# top\n127.0.0.1 localhost\n\n::1 ip6-localhost\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, ReplacesEveryOlderEntry) {
+  EXPECT_EQ(rewritten("10.0.0.1 update-master\na b\n10.0.0.2 update-master\n"), "a b\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, ChangesNothingTheSecondTime) {
+  const std::string once = rewritten("127.0.0.1 localhost\n");
+  EXPECT_EQ(rewritten(once), once);
+}
+
+TEST_F(HostsFileTest, DropsALineInWhichTheAliasBeginsALongerName) {
+  EXPECT_EQ(rewritten("10.0.0.1 update-master.example update\n10.0.0.2 update-master2\n"), kEntry);
+}
+
+TEST_F(HostsFileTest, DropsALineInWhichTheAliasIsOneOfSeveralNamesOrInAComment) {
+  EXPECT_EQ(rewritten("10.0.0.1 a update-master b\n# the update-master is here\n"), kEntry);
+}
+
+TEST_F(HostsFileTest, KeepsALineWithoutABlankBeforeTheAlias) {
+  const std::string kept =
+      "update-master 10.0.0.1\n10.0.0.1\tupdate-master\n10.0.0.1 my-update-master\n"
+      "10.0.0.1 Update-Master\n10.0.0.1 update-maste\n";
+  EXPECT_EQ(rewritten(kept), kept + kEntry);
+}
+
+TEST_F(HostsFileTest, FillsAnEmptyFile) {
+  EXPECT_EQ(rewritten(""), kEntry);
+}
+
+TEST_F(HostsFileTest, EndsALastLineThatHasNoNewline) {
+  EXPECT_EQ(rewritten("127.0.0.1 localhost"), "127.0.0.1 localhost\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, DropsALastEntryThatHasNoNewline) {
+  EXPECT_EQ(rewritten("a b\n10.0.0.1 update-master"), "a b\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, KeepsBlankLinesAtTheEnd) {
+  EXPECT_EQ(rewritten("a b\n\n\n"), "a b\n\n\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, KeepsCarriageReturns) {
+  EXPECT_EQ(rewritten("127.0.0.1 localhost\r\n10.0.0.1 update-master\r\n\r\n"),
+            "127.0.0.1 localhost\r\n\r\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, KeepsZeroBytesAndFindsTheAliasBehindThem) {
+  const std::string zeros("a\0b\n\0\n", 6);
+  EXPECT_EQ(rewritten(zeros + std::string("x\0y update-master\n", 18)), zeros + kEntry);
+}
+
+TEST_F(HostsFileTest, KeepsALineOfAMegabyte) {
+  const std::string line(1 << 20, 'x');
+  EXPECT_EQ(rewritten("a b\n" + line + "\nc d\n"), "a b\n" + line + "\nc d\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, DropsALineOfAMegabyteWithTheAliasAtItsEnd) {
+  EXPECT_EQ(rewritten("a b\n" + std::string(1 << 20, 'x') + " update-master\nc d\n"),
+            "a b\nc d\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, MakesAMissingFileWithTheLocalHost) {
+  rewrite();
+  EXPECT_EQ(contentOf(path), "127.0.0.1 localhost\n" + kEntry);
+  EXPECT_FALSE(exists(beside));
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + path}));
+}
+
+TEST_F(HostsFileTest, GivesANewFileItsModeWhateverTheUmask) {
+  for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
+    const mode_t before = umask(mask);
+    rewrite();
+    (void)umask(before);
+    EXPECT_EQ(modeOf(path), S_IFREG | 0644U);
+    (void)unlink(path.c_str());
+  }
+}
+
+TEST_F(HostsFileTest, KeepsThePermissionBitsWhateverTheUmask) {
+  const mode_t before = umask(077);
+  for (const mode_t mode : {0600U, 0664U, 0644U, 0000U, 04755U}) {
+    write("a b\n");
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    rewrite();
+    EXPECT_EQ(modeOf(path), S_IFREG | mode);
+  }
+  (void)umask(before);
+}
+
+TEST_F(HostsFileTest, KeepsTheOwnerAlsoOfASetUserIdFile) {
+  write("a b\n");
+  ASSERT_EQ(chown(path.c_str(), 12, 34), 0);
+  ASSERT_EQ(chmod(path.c_str(), 06640), 0);
+  rewrite();
+  EXPECT_EQ(statOf(path).st_uid, 12U);
+  EXPECT_EQ(statOf(path).st_gid, 34U);
+  EXPECT_EQ(modeOf(path), S_IFREG | 06640U);
+}
+
+TEST_F(HostsFileTest, PutsANewFileInPlaceAndLeavesTheOldOneToItsReaders) {
+  write("a b\n");
+  const ino_t before = statOf(path).st_ino;
+  ASSERT_EQ(link(path.c_str(), folder.file("reader").c_str()), 0);
+  rewrite();
+  EXPECT_NE(statOf(path).st_ino, before);
+  EXPECT_EQ(contentOf(folder.file("reader")), "a b\n");
+}
+
+TEST_F(HostsFileTest, ReplacesALinkByAFileAndLeavesItsTargetAlone) {
+  const std::string target = folder.write("target", "a b\n");
+  ASSERT_EQ(chmod(target.c_str(), 0600), 0);
+  ASSERT_EQ(symlink("target", path.c_str()), 0);
+  rewrite();
+  EXPECT_EQ(modeOf(path), S_IFREG | 0600U);
+  EXPECT_EQ(contentOf(path), "a b\n" + kEntry);
+  EXPECT_EQ(contentOf(target), "a b\n");
+}
+
+TEST_F(HostsFileTest, ReplacesADanglingLinkAsAMissingFile) {
+  ASSERT_EQ(symlink("nowhere", path.c_str()), 0);
+  rewrite();
+  EXPECT_EQ(contentOf(path), "127.0.0.1 localhost\n" + kEntry);
+  EXPECT_FALSE(exists(folder.file("nowhere")));
+}
+
+TEST_F(HostsFileTest, DoesNotWaitForAWriterOfAFifoInItsPlace) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0640), 0);
+  rewrite();
+  EXPECT_EQ(modeOf(path), S_IFREG | 0640U);
+  EXPECT_EQ(contentOf(path), kEntry);
+}
+
+TEST_F(HostsFileTest, LeavesAFolderInItsPlaceAlone) {
+  ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+  rewrite();
+  EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error reading " +
+                                                               path + ",Is a directory"}));
+  EXPECT_EQ(modeOf(path), S_IFDIR | 0755U);
+  EXPECT_FALSE(exists(beside));
+}
+
+TEST_F(HostsFileTest, TakesAwayWhatAnInterruptedRewriteLeft) {
+  (void)folder.write("hosts.new", "half a li");
+  ASSERT_EQ(chmod(beside.c_str(), 0444), 0);
+  EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, WritesThroughNoLinkInThePlaceOfTheNewFile) {
+  const std::string victim = folder.write("victim", "precious");
+  ASSERT_EQ(symlink(victim.c_str(), beside.c_str()), 0);
+  EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
+  EXPECT_EQ(contentOf(victim), "precious");
+}
+
+TEST_F(HostsFileTest, WritesIntoNoHardLinkInThePlaceOfTheNewFile) {
+  const std::string victim = folder.write("victim", "precious");
+  ASSERT_EQ(link(victim.c_str(), beside.c_str()), 0);
+  EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
+  EXPECT_EQ(contentOf(victim), "precious");
+}
+
+TEST_F(HostsFileTest, DoesNotWaitForAReaderOfAFifoInThePlaceOfTheNewFile) {
+  ASSERT_EQ(mkfifo(beside.c_str(), 0600), 0);
+  EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
+}
+
+TEST_F(HostsFileTest, GivesUpWhenAFolderIsInThePlaceOfTheNewFile) {
+  write("a b\n");
+  ASSERT_EQ(mkdir(beside.c_str(), 0755), 0);
+  rewrite();
+  EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " +
+                                                               beside + ",Is a directory"}));
+  EXPECT_EQ(contentOf(path), "a b\n");
+  EXPECT_TRUE(exists(beside));
+}
+
+TEST_F(HostsFileTest, LogsBothWhenNeitherFileCanBeOpened) {
+  const std::string missing = folder.file("none/hosts");
+  setEtcHosts(missing, "10.1.2.3");
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + missing},
+                          LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " + missing +
+                                                ".new,No such file or directory"}));
+}
+
+TEST_F(HostsFileTest, LeavesTheFileAloneOnAReadOnlyFileSystem) {
+  mountMemory("size=64k");
+  write("a b\n");
+  ASSERT_EQ(mount("tmpfs", folder.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, ""), 0);
+  rewrite();
+  EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " +
+                                                               beside + ",Read-only file system"}));
+  EXPECT_EQ(contentOf(path), "a b\n");
+}
+
+TEST_F(HostsFileTest, LeavesTheFileAloneOnAFullFileSystem) {
+  mountMemory("size=8k");
+  write("a b\n");
+  (void)folder.write("filler", std::string(4096, 'x'));
+  rewrite();
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error writing " + beside +
+                                                ",No space left on device"}));
+  EXPECT_EQ(contentOf(path), "a b\n");
+  EXPECT_FALSE(exists(beside));
+}
+
+TEST_F(HostsFileTest, LeavesALongFileAloneWhenTheFileSystemFillsUpInTheMiddle) {
+  mountMemory("size=160k");
+  std::string lines;
+  while (lines.size() < 100000) {
+    lines += "10.0.0.1 some-host-or-other\n";
+  }
+  write(lines);
+  rewrite();
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error writing " + beside +
+                                                ",No space left on device"}));
+  EXPECT_EQ(contentOf(path), lines);
+  EXPECT_FALSE(exists(beside));
+}
+
+TEST_F(HostsFileTest, LeavesAMountPointAlone) {
+  write("below\n");
+  const std::string mounted = folder.write("mounted", "a b\n");
+  ASSERT_EQ(mount(mounted.c_str(), path.c_str(), "none", MS_BIND, nullptr), 0);
+  rewrite();
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot rename " + beside + " to " +
+                                                path + ",Device or resource busy"}));
+  EXPECT_EQ(contentOf(path), "a b\n");
+  EXPECT_FALSE(exists(beside));
+}
+
+TEST_F(HostsFileTest, LeavesTheFileAloneWithoutADescriptor) {
+  write("a b\n");
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  rewrite();
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + path},
+                          LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " + beside +
+                                                ",Too many open files"}));
+  EXPECT_EQ(contentOf(path), "a b\n");
+}
+
+TEST_F(HostsFileTest, LeavesNoDescriptorOpen) {
+  const int before = dup(0);
+  ASSERT_GE(before, 0);
+  (void)close(before);
+  (void)rewritten("a b\n");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  rewrite();
+  ASSERT_EQ(mkdir(beside.c_str(), 0755), 0);
+  rewrite();
+  const int after = dup(0);
+  (void)close(after);
+  EXPECT_EQ(after, before);
+}
+
+}  // namespace
+}  // namespace zell::test

@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+// An agent server with its tables open to the test, on sockets whose other ends the test holds.
+#ifndef TESTS_UNIT_AGENT_AGENT_CASE_H_
+#define TESTS_UNIT_AGENT_AGENT_CASE_H_
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/runel.h"
+#include "base/unique_fd.h"
+#include "connections/byte_count_slave.h"
+#include "connections/xml_slave.h"
+#include "fakes/system/fake_system.h"
+#include "fakes/zell/fake_zell.h"
+#include "support/log_capture.h"
+#include "support/task_wire.h"
+
+namespace zell::test {
+
+/// The test's end of a connection. The server's end belongs to the server, which closes it.
+class Peer {
+ public:
+  Peer(int socket, UniqueFd far) : socket_(socket), far_(std::move(far)) {}
+
+  /// The server's number of the connection.
+  [[nodiscard]] int socket() const { return socket_; }
+  /// Everything that has come; does not wait for more.
+  [[nodiscard]] std::string received() const;
+  /// Whether the server has closed the connection. What had come before is lost.
+  [[nodiscard]] bool ended() const;
+
+ private:
+  int socket_;
+  UniqueFd far_;
+};
+
+/// The agent server, with its tables open.
+class TestRunel : public Runel {
+ public:
+  using Runel::agent_;
+  using Runel::bridge_;
+  using Runel::getConnectionAddress;
+  using Runel::handlers_;
+  using Runel::Runel;
+  using Runel::slave_;
+  using ServerBase::m_connections;
+  using ServerBase::m_hosts;
+  using ServerBase::m_name;
+  using ServerBase::m_pid_file;
+  using ServerBase::m_ports;
+  using ServerBase::m_timeout;
+  using ServerBase::m_use_timeout;
+
+  ~TestRunel() override;
+
+  /// An inbound connection, as if it had been accepted.
+  Peer accept(const std::string& ip = "192.0.2.7");
+  /// Connects the first host that is not connected, as if its master had answered.
+  Peer connect();
+  /// The server reads @p bytes from @p socket.
+  void read(int socket, std::string bytes) {
+    handle_data_read(socket, bytes.data(), bytes.size(), 5111);
+  }
+  void read(const Peer& peer, const std::string& bytes) { read(peer.socket(), bytes); }
+
+  [[nodiscard]] bool serves(int socket) const { return handlers_.count(socket) != 0; }
+  template <typename Handler>
+  [[nodiscard]] Handler* handlerOf(const Peer& peer) const {
+    const auto found = handlers_.find(peer.socket());
+    return found == handlers_.end() ? nullptr : dynamic_cast<Handler*>(found->second.get());
+  }
+  /// Has @p handler serve @p peer.
+  template <typename Handler>
+  Handler& serveWith(const Peer& peer, std::unique_ptr<Handler> handler) {
+    Handler& made = *handler;
+    handlers_[peer.socket()] = std::move(handler);
+    return made;
+  }
+
+  /// Called at the end of each pass, after the server's own work.
+  std::function<void(TestRunel&)> onLoop;
+  void handle_loop() override;
+};
+
+/// Everything that a server needs to be harmless: a fake device and system, and a private world.
+class AgentCase : public ::testing::Test {
+ public:
+  /// Fails outside of a private world: the server rewrites /etc/hosts.
+  static void SetUpTestSuite();
+
+ protected:
+  AgentCase();
+  ~AgentCase() override;
+
+  FakeSystem& system = FakeSystem::instance();
+  FakeDevice& device = FakeDevice::instance();
+  LogCapture log;
+};
+
+/// A log line with the process id in front; the parts are put together as by a stream.
+template <typename... Parts>
+LogEntry line(int priority, const Parts&... parts) {
+  std::ostringstream text;
+  text << "(PID) ";
+  (text << ... << parts);
+  return {priority, text.str()};
+}
+
+}  // namespace zell::test
+
+#endif  // TESTS_UNIT_AGENT_AGENT_CASE_H_

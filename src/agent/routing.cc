@@ -166,13 +166,20 @@ void Runel::handle_loop() {
   }
 }
 
+// False for a handler that has been dropped: its socket's number may be another connection's by
+// now.
+bool Runel::isServing(const RunelConnection& handler) const {
+  const auto found = handlers_.find(handler.socket());
+  return found != handlers_.end() && found->second.get() == &handler;
+}
+
 void Runel::workOnPending(RunelConnection& handler, bool trace) {
   if (trace) {
     logLine(LOG_DEBUG, "handle_loop: examining socket %d, protocol %d", handler.socket(),
             handler.protocol());
   }
   const Busy busy(*this);
-  if (handler.inputPending()) {
+  if (handler.inputPending() && isServing(handler)) {
     if (verbose_ > 1) {
       logLine(LOG_DEBUG, "handle_loop: data pending, calling handleMessage");
     }

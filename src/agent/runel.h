@@ -67,6 +67,7 @@ class Runel : public ServerBase {
   void logPacket(int socket, const std::string& data);
   void serve(int socket, std::string& data);
   void dropStale(int socket);
+  [[nodiscard]] bool isServing(const RunelConnection& handler) const;
   void workOnPending(RunelConnection& handler, bool trace);
 
   // pairing.cc

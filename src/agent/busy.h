@@ -3,6 +3,7 @@
 #define ZELL_AGENT_BUSY_H_
 
 #include "agent/runel.h"
+#include "connections/runel_connection.h"
 
 namespace zell {
 

@@ -15,7 +15,7 @@ namespace {
 
 // Small enough that the zeros which a string puts under a piece are still in the processor's cache
 // when the piece is read over them.
-constexpr std::size_t kPiece = 64 * 1024;
+constexpr std::size_t kPiece = std::size_t{64} * 1024;
 
 // Reads the next piece behind @p text. Above 0 there may be more, 0 is the end, below 0 an error.
 ssize_t readPiece(int fd, std::string& text) {

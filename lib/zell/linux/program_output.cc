@@ -14,10 +14,10 @@
 namespace zell {
 namespace {
 
-constexpr std::size_t kPiece = 64 * 1024;  // what a pipe holds
+constexpr std::size_t kPiece = std::size_t{64} * 1024;  // what a pipe holds
 // From here on a text is likely to become very long: it gets the address space for all that is
 // kept (no memory yet), which spares the copies of growing.
-constexpr std::size_t kLongText = 256 * 1024;
+constexpr std::size_t kLongText = std::size_t{256} * 1024;
 
 }  // namespace
 

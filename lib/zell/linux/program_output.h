@@ -11,7 +11,7 @@
 namespace zell {
 
 /// The most that is kept of a program's output, in bytes.
-constexpr std::size_t kMaxProgramOutput = 16 * 1024 * 1024;
+constexpr std::size_t kMaxProgramOutput = std::size_t{16} * 1024 * 1024;
 
 /// The reading end of the pipe that a program writes its output into. What comes after
 /// kMaxProgramOutput bytes is read all the same, so that the program is not held up, and thrown

@@ -12,7 +12,8 @@
 namespace zell {
 namespace {
 
-constexpr std::size_t kLongestFile = std::size_t{16} * 1024 * 1024;  // far above what the kernel gives
+constexpr std::size_t kLongestFile =
+    std::size_t{16} * 1024 * 1024;  // far above what the kernel gives
 
 bool isNumber(const std::string& text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });

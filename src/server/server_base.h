@@ -144,7 +144,7 @@ class ServerBase {
   void set_keepalive(int fd);
   /// Tries to connect @p host, waiting at most 3 s.
   void connect_host(Host& host);
-  /// Tries every host that is not connected, waiting at most 3 s in all.
+  /// Tries every host that is not connected, waiting at most 3 s in all for the connects.
   void connect_hosts();
   /// Opens the socket of @p p; -1, with the reason logged, when that fails.
   int open_port(const Port& p);
@@ -185,8 +185,6 @@ class ServerBase {
   bool m_daemon = false;
 
  private:
-  using TimePoint = std::chrono::nanoseconds;  // of the monotonic clock
-
   // A place in m_hosts that stays valid while hosts are added and removed. Scans may nest.
   class HostCursor;
 
@@ -209,8 +207,8 @@ class ServerBase {
   void close_everything();
 
   // sockets.cc
-  void connect_before(Host& host, TimePoint deadline);
-  UniqueFd connect_socket(const sockaddr_in& address, TimePoint deadline);
+  void connect_within(Host& host, std::chrono::nanoseconds* patience);
+  UniqueFd connect_socket(const sockaddr_in& address, std::chrono::nanoseconds* patience);
   bool bind_port(int fd, const Port& p);
   bool listen_port(int fd, const Port& p);
   void refuse_with_reserve(int listening_socket);

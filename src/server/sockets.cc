@@ -140,29 +140,26 @@ void ServerBase::set_keepalive(int fd) {
 }
 
 void ServerBase::connect_host(Host& host) {
-  connect_before(host, sys::monotonicTime() + kConnectPatience);
+  nanoseconds patience = kConnectPatience;
+  connect_within(host, &patience);
 }
 
 void ServerBase::connect_hosts() {
-  TimePoint deadline{0};
+  nanoseconds patience = kConnectPatience;
   for (HostCursor cursor(*this); !cursor.at_end(); cursor.advance()) {
-    if (cursor.host().socket != -1) {
-      continue;
+    if (cursor.host().socket == -1) {
+      connect_within(cursor.host(), &patience);
     }
-    if (deadline == TimePoint(0)) {
-      deadline = sys::monotonicTime() + kConnectPatience;
-    }
-    connect_before(cursor.host(), deadline);
   }
 }
 
-void ServerBase::connect_before(Host& host, TimePoint deadline) {
+void ServerBase::connect_within(Host& host, nanoseconds* patience) {
   sockaddr_in address{};
   if (resolve_master(host, &address) != 0) {
     logLine(LOG_ERR, "cannot resolve host '%s'", host.name.c_str());
     return;
   }
-  UniqueFd fd = connect_socket(address, deadline);
+  UniqueFd fd = connect_socket(address, patience);
   if (!fd.valid()) {
     return;
   }
@@ -177,16 +174,22 @@ void ServerBase::connect_before(Host& host, TimePoint deadline) {
   handle_outgoing_connection(host.socket);  // may add and remove hosts: `host` is not used after it
 }
 
-// A refused connect is not worth a line: it is tried again on every pass.
-UniqueFd ServerBase::connect_socket(const sockaddr_in& address, TimePoint deadline) {
+// A refused connect is not worth a line: it is tried again on every pass. Only the connect itself
+// is taken off the patience: a slow resolver must not leave a master some way off too little for
+// ever.
+UniqueFd ServerBase::connect_socket(const sockaddr_in& address, nanoseconds* patience) {
   UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
   if (!fd.valid()) {
     const int error = errno;
     logLine(LOG_WARNING, "failed to open socket: %d %m", error);
     return fd;
   }
-  set_send_timeout(fd.get(), std::max(deadline - sys::monotonicTime(), kLeastConnectPatience));
-  if (connect(fd.get(), generic(const_cast<sockaddr_in*>(&address)), sizeof address) != 0) {
+  set_send_timeout(fd.get(), std::max(*patience, kLeastConnectPatience));
+  const nanoseconds start = sys::monotonicTime();
+  const bool connected =
+      connect(fd.get(), generic(const_cast<sockaddr_in*>(&address)), sizeof address) == 0;
+  *patience -= sys::monotonicTime() - start;
+  if (!connected) {
     fd.reset();
     return fd;
   }

@@ -74,6 +74,13 @@ int LogCapture::countContaining(const std::string& part) const {
   }));
 }
 
+void LogCapture::add(LogEntry entry) {
+  entries_.push_back(entry);
+  if (onEntry) {
+    onEntry(entry);
+  }
+}
+
 void LogCapture::clear() {
   entries_.clear();
   controls_.clear();

@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_LOG_CAPTURE_H_
 #define TESTS_SUPPORT_LOG_CAPTURE_H_
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -44,8 +45,12 @@ class LogCapture {
   [[nodiscard]] const std::vector<std::string>& controls() const { return controls_; }
   void clear();
 
+  /// Called with each line when it has been taken: the place between two of a function's steps that
+  /// a test can act in.
+  std::function<void(const LogEntry&)> onEntry;
+
   // For the replaced functions.
-  void add(LogEntry entry) { entries_.push_back(std::move(entry)); }
+  void add(LogEntry entry);
   void addControl(std::string call) { controls_.push_back(std::move(call)); }
 
  private:

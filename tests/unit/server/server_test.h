@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// What every test of the framework starts from and must leave behind.
+#ifndef TESTS_UNIT_SERVER_SERVER_TEST_H_
+#define TESTS_UNIT_SERVER_SERVER_TEST_H_
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fakes/system/fake_system.h"
+#include "support/log_capture.h"
+
+namespace zell::test {
+
+// Ports of the tests; nothing else listens in a test's world.
+constexpr int kPort = 6001;
+constexpr int kOtherPort = 6002;
+constexpr int kMasterPort = 6012;
+
+/// Puts the class-wide flags, the signals and the fake system back, collects the log, and fails the
+/// test that leaves a descriptor open or loses one.
+class ServerTest : public ::testing::Test {
+ protected:
+  ServerTest();
+  ~ServerTest() override;
+  void SetUp() override;
+  void TearDown() override;
+
+  /// The lines since the last call, as "LEVEL text" (LEVEL as in "INFO").
+  std::vector<std::string> lines();
+  /// The same, without the lines of level DEBUG.
+  std::vector<std::string> linesAboveDebug();
+
+  LogCapture log;
+  FakeSystem& sys = FakeSystem::instance();
+
+ private:
+  std::vector<int> descriptors_;
+  struct sigaction before_[32] = {};
+};
+
+}  // namespace zell::test
+
+#endif  // TESTS_UNIT_SERVER_SERVER_TEST_H_

@@ -96,10 +96,16 @@ void ServerBase::open_ports() {
 }
 
 void ServerBase::open_devices() {
+  m_device_fds.clear();
   for (const std::string& path : m_devices) {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
       logLine(LOG_WARNING, "%s not enabled: %m", path.c_str());
+    }
+    const auto earlier = m_device_fds.find(path);
+    if (earlier != m_device_fds.end() && earlier->second > 0) {
+      (void)close(
+          earlier->second);  // listed twice: the later descriptor is the one that is watched
     }
     m_device_fds[path] = fd;
   }

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+// When descriptors run out, or their numbers grow past what select() can hold.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "unit/server/loop_fixture.h"
+
+namespace zell::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr int kFirstRefused = FD_SETSIZE - 64;
+
+/// The first number that no descriptor has and none below lacks.
+int firstFree() {
+  return UniqueFd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)).get();
+}
+
+TEST_F(ServerLoop, TakesASurplusConnectionWithTheReserveAndClosesIt) {
+  server_.add_port(kPort, false, true);
+  std::vector<UniqueFd> clients;
+  std::unique_ptr<DescriptorLimit> limit;
+  std::unique_ptr<NumbersTaken> taken;
+  server_.onStarted = [&] {
+    clients.push_back(connectTo(kPort));
+    clients.push_back(connectTo(kPort));
+    limit = std::make_unique<DescriptorLimit>(100);
+    taken = std::make_unique<NumbersTaken>(100);
+    (void)lines();
+  };
+  server_.runUntil([&] { return server_.count("timeout") == 3; });
+  taken.reset();
+  limit.reset();
+  const std::string line =
+      "ERR (PID) unable to accept incoming connection, accept: Too many open files";
+  std::vector<std::string> all = lines();
+  all.pop_back();  // closing the listening socket
+  EXPECT_THAT(all, ElementsAre(line, line)) << "one line for each connection, and no spinning";
+  EXPECT_EQ(server_.count("select 1"), 2);
+  EXPECT_THAT(server_.m_connections, IsEmpty());
+  EXPECT_TRUE(isClosedByPeer(clients[0]));
+  EXPECT_TRUE(isClosedByPeer(clients[1]));
+}
+
+TEST_F(ServerLoop, AcceptsAgainWhenDescriptorsAreBack) {
+  server_.add_port(kPort, false, true);
+  std::vector<UniqueFd> clients;
+  std::unique_ptr<DescriptorLimit> limit;
+  std::unique_ptr<NumbersTaken> taken;
+  server_.onStarted = [&] {
+    clients.push_back(connectTo(kPort));
+    limit = std::make_unique<DescriptorLimit>(100);
+    taken = std::make_unique<NumbersTaken>(100);
+  };
+  server_.onLoop = [&] {
+    if (clients.size() == 1) {
+      taken.reset();
+      limit.reset();
+      clients.push_back(connectTo(kPort));
+    }
+  };
+  server_.runUntil([&] { return server_.m_connections.size() == 1; });
+  EXPECT_EQ(log.countContaining("unable to accept"), 1);
+}
+
+class NumberLimit : public HostLoop {
+ protected:
+  void SetUp() override {
+    HostLoop::SetUp();
+    server_.m_hosts.clear();
+    server_.add_port(kPort, false, true);
+    limit_ = std::make_unique<DescriptorLimit>(FD_SETSIZE + 200);
+  }
+
+  void TearDown() override {
+    taken_.reset();
+    limit_.reset();
+    HostLoop::TearDown();
+  }
+
+  /// Leaves @p number as the lowest free descriptor.
+  void makeFirstFree(int number) {
+    taken_ = std::make_unique<NumbersTaken>(number);
+    ASSERT_EQ(firstFree(), number);
+  }
+
+  std::unique_ptr<DescriptorLimit> limit_;
+  std::unique_ptr<NumbersTaken> taken_;
+};
+
+TEST_F(NumberLimit, LetsTheLastNumberBelowItIn) {
+  UniqueFd client;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    makeFirstFree(kFirstRefused - 1);
+  };
+  server_.runUntil([&] { return server_.count("timeout") == 1; });
+  EXPECT_EQ(server_.count("incoming 959"), 1);
+  EXPECT_EQ(log.countContaining("too many connections"), 0);
+}
+
+TEST_F(NumberLimit, ClosesAnAcceptedSocketAtIt) {
+  UniqueFd client;
+  std::string accepting;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    accepting = std::to_string(listener(kPort));
+    makeFirstFree(kFirstRefused);
+    (void)lines();
+  };
+  server_.runUntil([&] { return server_.count("timeout") == 1; });
+  EXPECT_THAT(server_.m_connections, IsEmpty());
+  EXPECT_TRUE(isClosedByPeer(client));
+  EXPECT_THAT(lines(), ElementsAre("INFO (PID) accepted connection, accept on socket " + accepting +
+                                       " from 127.0.0.1, new socket 960",
+                                   "WARNING (PID) too many connections, closing socket 960",
+                                   "INFO (PID) closing listening socket " + accepting));
+  EXPECT_THAT(server_.events(), ElementsAre("startup", "started", "shutdown"));
+}
+
+TEST_F(NumberLimit, ClosesAnOutboundSocketAtItOnEveryPass) {
+  server_.add_host("127.0.0.1", kMasterPort);
+  server_.onStartup = [&] { makeFirstFree(kFirstRefused); };
+  server_.m_ports.clear();
+  server_.runPasses(1);
+  EXPECT_THAT(server_.events(), ElementsAre("startup", "started", "shutdown"));
+  const std::string made =
+      "INFO (PID) established connection to 127.0.0.1, port 6012, socket 961";  // 960 is in reserve
+  const std::string closed = "WARNING (PID) too many connections, closing socket 961";
+  EXPECT_THAT(lines(), ElementsAre(made, closed, made, closed));
+}
+
+TEST_F(NumberLimit, ConnectsAnOutboundSocketBelowIt) {
+  server_.add_host("127.0.0.1", kMasterPort);
+  server_.m_ports.clear();
+  server_.onStartup = [&] { makeFirstFree(kFirstRefused - 2); };
+  server_.runPasses(1);
+  EXPECT_EQ(server_.count("outgoing 959"), 1);
+}
+
+// A subclass may put any descriptor into the tables: what select() cannot hold is left out.
+TEST_F(NumberLimit, WatchesNoNumberThatTheSetsCannotHold) {
+  const int high = fcntl(master_.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
+  ASSERT_GE(high, FD_SETSIZE);
+  const UniqueFd client = connectTo(kMasterPort);  // makes it readable
+  server_.onStarted = [&] {
+    server_.m_connections[high] = Connection{kPort, false, true, 9, high, ""};
+    server_.m_hosts.push_back(Host{"127.0.0.1", kMasterPort, high});
+    server_.m_listeners[high] = kPort;
+    server_.m_device_fds["/high"] = high;
+    server_.m_devices.emplace_back("/high");
+  };
+  server_.onSelect = [&](int result) {
+    EXPECT_EQ(result, 0);
+    EXPECT_LT(server_.m_max_fd, FD_SETSIZE);
+    return false;
+  };
+  server_.onLoop = [&] {
+    server_.m_hosts.clear();
+    server_.m_listeners.erase(high);
+    server_.m_devices.clear();
+  };
+  server_.runPasses(1);
+  EXPECT_EQ(fcntl(high, F_GETFD), -1) << "it is closed with the others";
+}
+
+// A drop of such a number must not write behind the sets either; the sanitizer watches.
+TEST_F(NumberLimit, DropsNumbersThatTheSetsCannotHold) {
+  const int high = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
+  server_.m_connections[high] = Connection{kPort, false, true, 9, high, ""};
+  EXPECT_EQ(server_.drop_socket(high), -1);
+  const int other = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
+  server_.add_host("a", 1);
+  server_.m_hosts.front().socket = other;
+  EXPECT_EQ(server_.drop_host_connection(other), -1);
+  EXPECT_EQ(fcntl(high, F_GETFD), -1);
+  EXPECT_EQ(fcntl(other, F_GETFD), -1);
+}
+
+}  // namespace
+}  // namespace zell::test

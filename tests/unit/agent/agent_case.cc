@@ -20,20 +20,15 @@ std::pair<UniqueFd, UniqueFd> connectedSockets() {
 
 }  // namespace
 
-std::string Peer::received() const {
-  std::string all;
+Peer::Seen Peer::look() const {
+  Seen seen{"", false};
   char part[4096];
   ssize_t got = 0;
   while ((got = recv(far_.get(), part, sizeof part, MSG_DONTWAIT)) > 0) {
-    all.append(part, static_cast<std::size_t>(got));
+    seen.bytes.append(part, static_cast<std::size_t>(got));
   }
-  return all;
-}
-
-bool Peer::ended() const {
-  (void)received();
-  char byte = 0;
-  return recv(far_.get(), &byte, 1, MSG_DONTWAIT) == 0;
+  seen.ended = got == 0;
+  return seen;
 }
 
 TestRunel::~TestRunel() {

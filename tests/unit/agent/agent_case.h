@@ -30,10 +30,16 @@ class Peer {
 
   /// The server's number of the connection.
   [[nodiscard]] int socket() const { return socket_; }
-  /// Everything that has come; does not wait for more.
-  [[nodiscard]] std::string received() const;
-  /// Whether the server has closed the connection. What had come before is lost.
-  [[nodiscard]] bool ended() const;
+  /// Everything that has come, and whether the server has closed the connection behind it; does not
+  /// wait for more.
+  struct Seen {
+    std::string bytes;
+    bool ended;
+  };
+  [[nodiscard]] Seen look() const;
+  [[nodiscard]] std::string received() const { return look().bytes; }
+  /// What had come before is lost.
+  [[nodiscard]] bool ended() const { return look().ended; }
 
  private:
   int socket_;

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the agent server's tables, its peers and its log must look like after each event: the rules
+// spelled out on plain values, without sockets and without handlers.
+#ifndef TESTS_UNIT_AGENT_WALK_MODEL_H_
+#define TESTS_UNIT_AGENT_WALK_MODEL_H_
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/slow_relay.h"
+
+namespace zell::test {
+
+/// What a test's own handler does when it is called: it drops sockets.
+struct Script {
+  std::vector<int> onMessage;
+  std::vector<int> onPending;
+  bool pending = false;  ///< the answer of inputPending
+};
+
+/// The task connection's input, decoded by the book.
+struct FrameModel {
+  enum class State { marker, count, payload, bad };
+  State state = State::marker;
+  std::string digits;
+  std::string payload;
+  std::deque<std::string> messages;
+  bool stop = false;
+
+  /// Takes @p bytes; what is wrong with them, or nothing.
+  std::string accept(const std::string& bytes);
+};
+
+struct HandlerModel {
+  enum class Kind { stale, byteCount, xml, scripted };
+  Kind kind = Kind::stale;
+  FrameModel frames;
+  SlowRelay relay;
+  Script script;
+};
+
+class WalkModel {
+ public:
+  explicit WalkModel(int verbosity) : verbose(verbosity) {}
+
+  // The events.
+  void accepted(int socket, const std::string& ip);
+  void connected(int socket);
+  void read(int socket, const std::string& packet);
+  bool dropSocket(int socket);
+  bool dropHost(int socket);
+  void loop();
+  void serveWith(int socket, const Script& script);
+
+  // The tables.
+  int verbose;
+  std::map<int, std::shared_ptr<HandlerModel>> handlers;
+  int slave = -1;
+  int bridge = -1;
+  int agent = -1;
+  std::vector<int> hosts{-1};  ///< their sockets
+  std::map<int, std::string> connections;
+  bool run = true;
+  std::string alias;  ///< what the hosts file has for the master
+
+  // What is seen of the event.
+  std::vector<LogEntry> log;
+  std::map<int, std::string> sent;  ///< by socket
+  std::multiset<int> closed;
+
+  /// What the next "hostid" does before it answers.
+  std::vector<int> taskDrops;
+  bool taskThrows = false;
+
+ private:
+  struct Thrown {};
+
+  bool classify(int socket, const std::string& packet);
+  void makeAgent(int socket);
+  void serve(int socket, const std::string& packet);
+  void give(int socket, HandlerModel& handler, const std::string& packet);
+  void giveTask(int socket, HandlerModel& handler, const std::string& packet);
+  void runTask(int socket, HandlerModel& handler, const std::string& message);
+  void reply(int socket, const std::string& text);
+  void link();
+  void unlink(int socket);
+  void settle(int socket, HandlerModel& relay);
+  void drop(int socket);
+  bool baseDropSocket(int socket);
+  bool baseDropHost(int socket);
+  bool eraseHandler(int socket);
+  void workOn(int socket, bool trace);
+  SlowRelay& relayOf(int socket) { return handlers.at(socket)->relay; }
+  template <typename... Parts>
+  void note(int priority, const Parts&... parts);
+  template <typename... Parts>
+  void noteFrom(int verbosity, const Parts&... parts);
+};
+
+}  // namespace zell::test
+
+#endif  // TESTS_UNIT_AGENT_WALK_MODEL_H_

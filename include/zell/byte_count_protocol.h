@@ -18,6 +18,10 @@ constexpr std::size_t kMaxFramePayload = 268435456;
 /// bytes that came, never with a count that was announced.
 class ByteCountProtocol {
  public:
+  /// In place of a socket: only cut bytes into messages, for whoever reads and sends in a loop of
+  /// its own, and asks `error` after each part. Not -1, which a lost socket may be.
+  static constexpr int kNoSocket = -2;
+
   /// Borrows @p socket, which must stay open while messages are sent.
   explicit ByteCountProtocol(int socket);
   virtual ~ByteCountProtocol();
@@ -31,6 +35,9 @@ class ByteCountProtocol {
 
   /// True exactly when at least one complete message is waiting.
   [[nodiscard]] bool dataAvailable() const { return next_ != coming_; }
+
+  /// What was wrong with the stream, for people; empty while it is sound.
+  [[nodiscard]] const std::string& error() const { return error_; }
 
   /// Moves the oldest waiting message into @p message; false, leaving it alone, when there is none.
   /// The memory that @p message had before serves a later message when it is small.
@@ -56,6 +63,7 @@ class ByteCountProtocol {
 
   int socket_;
   State state_ = State::marker;
+  std::string error_;
   std::size_t digits_ = 0;   // digits of the count seen so far
   std::size_t missing_ = 0;  // the count, then what is still to come of the payload
   // Messages: slots_[next_] up to slots_[coming_] wait, slots_[coming_] is coming in. The others

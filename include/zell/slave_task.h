@@ -39,11 +39,12 @@ class SlaveTask {
   static bool isA(const std::string& message);
 
   /// Fills the record from its text form. Never throws on bad input: a malformed record leaves the
-  /// argument list empty and all other fields as in an empty record.
-  void parse(const std::string& message);
+  /// argument list empty and all other fields as in an empty record. False for a malformed one:
+  /// only a reader of replies needs to know, since every request has arguments.
+  bool parse(const std::string& message);
   /// The same, taking over the message's memory for the longest argument where that saves a copy;
   /// @p message is unspecified afterwards.
-  void parse(std::string&& message);
+  bool parse(std::string&& message);
 
   /// The task name, then its arguments.
   [[nodiscard]] const std::vector<std::string>& args() const { return args_; }

@@ -64,7 +64,7 @@ void ByteCountSlave::runMessage(std::string& message) {
     return;
   }
   SlaveTask task;
-  task.parse(std::move(message));
+  (void)task.parse(std::move(message));  // a malformed one has no arguments, and is refused as such
   std::unique_ptr<SlaveTask> reply(dispatchTask(task));
   if (reply != nullptr) {
     send(std::move(reply));

@@ -150,6 +150,10 @@ void ByteCountProtocol::finishPayload() {
 // peer that goes on sending is read and ignored until then.
 void ByteCountProtocol::fail(const char* what) {
   state_ = State::bad;
+  error_ = what;
+  if (socket_ == kNoSocket) {
+    return;
+  }
   logLine(LOG_ERR, "acceptBytes: bad frame on socket %d, %s", socket_, what);
   (void)shutdown(socket_, SHUT_RD);  // a peer that has gone already is as good
 }

@@ -21,14 +21,19 @@ using std::chrono::nanoseconds;
 constexpr std::size_t kMaxHeader = 24;  // two markers and the digits of any length
 constexpr std::size_t kMiB = 1048576;
 
+// Writes the head of a frame to @p head, which has room for kMaxHeader bytes, and gives its length.
+std::size_t writeHead(char* head, std::size_t payload) {
+  head[0] = '\x01';
+  char* end = std::to_chars(head + 1, head + kMaxHeader - 1, payload).ptr;
+  *end++ = '\x02';
+  return static_cast<std::size_t>(end - head);
+}
+
 // One frame on its way: what is still to be sent of header and payload.
 class Frame {
  public:
   explicit Frame(std::string_view payload) {
-    header_[0] = '\x01';
-    char* end = std::to_chars(header_ + 1, header_ + kMaxHeader - 1, payload.size()).ptr;
-    *end++ = '\x02';
-    parts_[0] = {header_, static_cast<std::size_t>(end - header_)};
+    parts_[0] = {header_, writeHead(header_, payload.size())};
     // The interface is older than const: nothing writes through it.
     parts_[1] = {const_cast<char*>(payload.data()), payload.size()};
   }
@@ -113,6 +118,11 @@ bool sendFrame(int socket, std::string_view payload, const SendLimits& limits) {
   const auto mebibytes = static_cast<milliseconds::rep>(payload.size()) * limits.perMiB.count() /
                          static_cast<milliseconds::rep>(kMiB);
   return sendRest(socket, frame, limits.stall, limits.whole + milliseconds(mebibytes));
+}
+
+std::string frameHead(std::size_t size) {
+  char head[kMaxHeader];
+  return std::string(head, writeHead(head, size));
 }
 
 }  // namespace zell

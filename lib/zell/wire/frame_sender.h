@@ -4,6 +4,8 @@
 #define ZELL_WIRE_FRAME_SENDER_H_
 
 #include <chrono>
+#include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace zell {
@@ -19,6 +21,9 @@ struct SendLimits {
 /// the socket's buffer can take costs one system call. False with errno when it was not sent to its
 /// end, ETIMEDOUT when the peer was too slow; how much of it went out is then unknown.
 [[nodiscard]] bool sendFrame(int socket, std::string_view payload, const SendLimits& limits = {});
+
+/// What goes before a payload of @p size bytes, for whoever sends frames in a loop of its own.
+[[nodiscard]] std::string frameHead(std::size_t size);
 
 }  // namespace zell
 

@@ -188,29 +188,32 @@ void SlaveTask::take(const Layout& layout) {
   status_ = layout.status;
 }
 
-void SlaveTask::parse(const std::string& message) {
-  clear();
-  Layout layout;
-  if (layout.read(message)) {
-    take(layout);
-    (void)takeArgs(message, {}, args_);  // none is left out
-  }
-}
-
-void SlaveTask::parse(std::string&& message) {
+bool SlaveTask::parse(const std::string& message) {
   clear();
   Layout layout;
   if (!layout.read(message)) {
-    return;
+    return false;
+  }
+  take(layout);
+  (void)takeArgs(message, {}, args_);  // none is left out
+  return true;
+}
+
+bool SlaveTask::parse(std::string&& message) {
+  clear();
+  Layout layout;
+  if (!layout.read(message)) {
+    return false;
   }
   take(layout);
   if (layout.longest.size() < kLong) {
     (void)takeArgs(message, {}, args_);  // likewise
-    return;
+    return true;
   }
   const std::size_t place = takeArgs(message, layout.longest, args_);
   keepOnly(message, layout.longest);
   args_[place] = std::move(message);
+  return true;
 }
 
 }  // namespace zell

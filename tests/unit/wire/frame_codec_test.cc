@@ -193,6 +193,27 @@ TEST_F(FrameCodecTest, ABadFrameOnTcpLetsTheReaderFindTheEnd) {
   EXPECT_EQ(recv(tcp.near(), &byte, 1, MSG_DONTWAIT), 0);
 }
 
+TEST_F(FrameCodecTest, WithoutASocketABadFrameIsToldByTheErrorAlone) {
+  ByteCountProtocol codec(ByteCountProtocol::kNoSocket);
+  codec.acceptBytes(
+      "\x01"
+      "1\x02"
+      "ax");
+  std::string message;
+  EXPECT_TRUE(codec.recvMessage(message));
+  EXPECT_EQ(message, "a");
+  EXPECT_EQ(codec.error(), "byte 0x78 where a frame must begin");
+  EXPECT_TRUE(log_.entries().empty());
+}
+
+TEST_F(FrameCodecTest, ASoundStreamHasNoError) {
+  codec_.acceptBytes(
+      "\x01"
+      "1\x02"
+      "a");
+  EXPECT_EQ(codec_.error(), "");
+}
+
 TEST_F(FrameCodecTest, ABadFrameOnASocketThatIsGoneIsOnlyLogged) {
   ByteCountProtocol codec(-1);
   codec.acceptBytes("x");

@@ -33,11 +33,18 @@ SlaveTask parsed(const std::string& message) {
 // Both ways to parse leave an empty record.
 void expectRefused(const std::string& message) {
   SlaveTask copied({"old"}, 1, "old", SlaveStatus::error, WatchProcessState_t::running, 1, 2, 3);
-  copied.parse(message);
+  EXPECT_FALSE(copied.parse(message));
   EXPECT_EQ(textOf(copied), kEmptyRecord) << testing::PrintToString(message);
   SlaveTask moved({"old"}, 1, "old", SlaveStatus::error, WatchProcessState_t::running, 1, 2, 3);
-  moved.parse(std::string(message));
+  EXPECT_FALSE(moved.parse(std::string(message)));
   EXPECT_EQ(textOf(moved), kEmptyRecord) << testing::PrintToString(message);
+}
+
+TEST(RecordParseTest, TellsASoundRecordFromAMalformedOne) {
+  SlaveTask task;
+  EXPECT_TRUE(task.parse(kEmptyRecord));
+  EXPECT_TRUE(task.parse(std::string("SlaveTask 1 100000:") + std::string(100000, 'x') +
+                         " 0 0: 0 0 0 0 0"));
 }
 
 TEST(RecordParseTest, ReadsTheArguments) {

@@ -15,3 +15,6 @@ install_tools() {
     </dev/null >/tmp/runeld-apt.$$ 2>&1 || { cat /tmp/runeld-apt.$$ >&2; return 1; }
   rm -f /tmp/runeld-apt.$$
 }
+
+# What runelctl is built with; the daemon needs none of it.
+RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev pkg-config)

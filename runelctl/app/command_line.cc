@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/command_line.h"
+
+#include <cerrno>
+#include <fstream>
+#include <iostream>
+
+#include "client/error.h"
+#include "client/request.h"
+#include "fleet/waves.h"
+#include "output/text.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr int kMostJobs = 100000;
+constexpr double kMostSeconds = 86400.0 * 365;
+
+CLI::Range secondsRange(double least) {
+  return CLI::Range(least, kMostSeconds);
+}
+
+}  // namespace
+
+void complain(const std::string& what) {
+  std::cerr << "runelctl: " << forPeople(what) << "\n";
+}
+
+CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands()) {
+  settings_.masterSocket = defaultMasterSocket();
+  app_.set_version_flag("--version", "runelctl " RUNELCTL_VERSION);
+  app_.require_subcommand(1);
+  app_.get_formatter()->column_width(34);
+  defineWhere();
+  defineManner();
+  defineMany();
+  defineCommands(commands_, command_, "Commands");
+  defineCommands(locals_, local_, "The other side");
+  for (const auto& local : locals_) {
+    if (local->hidden()) {
+      app_.get_subcommand(local->name())->group("");
+    }
+  }
+}
+
+void CommandLine::defineWhere() {
+  app_.add_option("-d,--device", devices_, "where: HOST[:PORT] or @NAME; repeated, or with commas")
+      ->allow_extra_args(false)
+      ->envname("RUNELCTL_DEVICE")
+      ->type_name("DEVICE");
+  app_.add_option("--devices", devicesFile_, "a file with a device a line ('-': standard input)")
+      ->type_name("FILE");
+  app_.add_option("--master-socket", settings_.masterSocket, "the running master's control socket")
+      ->type_name("PATH");
+  app_.add_option("--timeout", settings_.timeout, "longest silence while an answer is due (30)")
+      ->check(secondsRange(0.001))
+      ->type_name("S");
+  app_.add_option("--connect-timeout", settings_.connectTimeout, "time for connecting (10)")
+      ->check(secondsRange(0.001))
+      ->type_name("S");
+}
+
+void CommandLine::defineManner() {
+  app_.add_flag("--json", settings_.json, "one JSON object a line");
+  app_.add_flag("-q,--quiet", settings_.quiet, "no summaries, no progress");
+  app_.add_option("--color", settings_.colour, "auto, always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->type_name("WHEN");
+  app_.add_flag("-y,--yes", settings_.yes, "do not ask before something is taken away");
+  app_.add_flag("-n,--dry-run", settings_.dryRun, "show devices and first frames, send nothing");
+}
+
+void CommandLine::defineMany() {
+  const std::string group = "With many devices";
+  app_.add_option("-j,--jobs", settings_.jobs, "so many at a time (64)")
+      ->check(CLI::Range(1, kMostJobs))
+      ->each([this](const std::string&) { settings_.jobsGiven = true; })
+      ->group(group)
+      ->type_name("N");
+  auto* prefix = app_.add_flag("--prefix", prefix_, "the device's name before each line");
+  prefix->group(group);
+  app_.add_flag("--group", group_, "each device's output under its name, as it ends")
+      ->excludes(prefix)
+      ->group(group);
+  app_.add_flag("--fail-fast", settings_.failFast, "start no more after the first failure")
+      ->group(group);
+  app_.add_option("--retry", settings_.retry, "try again so often what may succeed then")
+      ->check(CLI::Range(0, 1000))
+      ->group(group)
+      ->type_name("N");
+  app_.add_option("--deadline", settings_.deadline, "for all of the work on one device")
+      ->check(secondsRange(0.001))
+      ->group(group)
+      ->type_name("S");
+  app_.add_option("--wave", settings_.wave, "how many first, next...: 1,10%,rest")
+      ->group(group)
+      ->type_name("LIST");
+  app_.add_option("--max-fail", settings_.maxFail, "failures that do not stop the next wave (0)")
+      ->check(CLI::Range(0, 1000000))
+      ->group(group)
+      ->type_name("N");
+  app_.add_option("--retry-failed", settings_.retryFailed,
+                  "only the devices in FILE, where there is one; then those that failed are in it")
+      ->group(group)
+      ->type_name("FILE");
+}
+
+template <typename Kind>
+void CommandLine::defineCommands(std::vector<std::unique_ptr<Kind>>& commands, Kind*& chosen,
+                                 const std::string& group) {
+  for (const auto& command : commands) {
+    CLI::App* sub = app_.add_subcommand(command->name(), command->help());
+    sub->fallthrough();
+    sub->group(group);
+    command->define(*sub);
+    sub->final_callback([&chosen, made = command.get()] { chosen = made; });
+  }
+}
+
+int CommandLine::parse(std::vector<std::string> words) {
+  std::vector<std::string> reversed(words.rbegin(), words.rend());
+  try {
+    app_.parse(reversed);
+  } catch (const CLI::Success& help) {
+    return app_.exit(help);
+  } catch (const CLI::ParseError& error) {
+    complain(std::string(error.what()) + " (see runelctl --help)");
+    return kExitUsage;
+  }
+  settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);
+  const std::string wrong = checkChosen();
+  if (!wrong.empty()) {
+    complain(wrong);
+    return kExitUsage;
+  }
+  return -1;
+}
+
+std::string CommandLine::checkChosen() {
+  std::vector<std::size_t> sizes;
+  if (!parseWaves(settings_.wave, 1, sizes)) {
+    return "--wave: no list like 1,10%,rest: '" + settings_.wave + "'";
+  }
+  return command_ != nullptr ? command_->check(settings_) : local_->check(settings_);
+}
+
+std::string CommandLine::readTargets() {
+  std::string why;
+  std::vector<Target>& targets = settings_.targets;
+  for (const std::string& list : devices_) {
+    if (!parseTargetList(list, targets, why)) {
+      return "-d: " + why;
+    }
+  }
+  if (!devicesFile_.empty()) {
+    std::ifstream file;
+    if (devicesFile_ != "-") {
+      file.open(devicesFile_);
+      if (!file) {
+        return devicesFile_ + ": " + systemText(errno);
+      }
+    }
+    if (!zell::ctl::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
+      return devicesFile_ + ": " + why;
+    }
+  } else if (devices_.empty()) {
+    return parseTargetList("127.0.0.1", targets, why) ? "" : why;
+  }
+  return targets.empty() ? "no device in " + devicesFile_ : "";
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/run.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <iostream>
+
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/signals.h"
+#include "fleet/fleet.h"
+#include "output/text.h"
+
+namespace zell::ctl {
+namespace {
+
+// Asks before something is taken away from several devices. False, and said why, for a no.
+bool agreed(const Settings& settings, const Command& command) {
+  const std::size_t count = settings.targets.size();
+  if (!command.takesAway() || count < 2 || settings.yes || settings.dryRun) {
+    return true;
+  }
+  if (settings.json || isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1) {
+    complain(command.name() + " on " + countText(count, "device") + " needs --yes");
+    return false;
+  }
+  std::cerr << command.name() << " on " << countText(count, "device") << "? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+// Leaves in @p targets what an earlier run did not get done. The reason when that cannot be read.
+std::string keepFailed(const std::string& path, std::vector<Target>& targets) {
+  std::ifstream file(path);
+  if (!file) {
+    return errno == ENOENT ? "" : path + ": " + systemText(errno);
+  }
+  std::vector<Target> failed;
+  std::string why;
+  if (!readTargets(file, failed, why)) {
+    return path + ": " + why;
+  }
+  const auto done = [&](const Target& target) {
+    return std::find(failed.begin(), failed.end(), target) == failed.end();
+  };
+  targets.erase(std::remove_if(targets.begin(), targets.end(), done), targets.end());
+  return "";
+}
+
+bool writeFailed(const std::string& path, const std::vector<Target>& targets) {
+  const std::string fresh = path + ".new";
+  std::ofstream file(fresh);
+  for (const Target& target : targets) {
+    const std::string where = target.behindMaster()
+                                  ? "@" + target.through
+                                  : target.host + ":" + std::to_string(target.port);
+    file << (target.name == where ? "" : target.name + " ") << where << "\n";
+  }
+  file.close();
+  return file.good() && std::rename(fresh.c_str(), path.c_str()) == 0;
+}
+
+int runFleet(Session& session, CommandLine& line, const Style& style) {
+  const Settings& settings = line.settings();
+  Command& command = *line.command();
+  Printer printer(style, settings.arrange, command.name(), settings.targets.size() > 1);
+  Fleet fleet(session.loop, settings, command, printer, style);
+  if (session.device != nullptr && settings.targets.size() == 1 &&
+      settings.targets[0] == session.device->target()) {
+    fleet.lend(*session.device);
+  }
+  const Signals signals(session.loop, [&](int number) { fleet.cancel(kExitSignalBase + number); });
+  const int status = fleet.run();
+  printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
+  if (!settings.retryFailed.empty() && !writeFailed(settings.retryFailed, fleet.unfinished())) {
+    complain(settings.retryFailed + ": " + systemText(errno));
+    return std::max(status, kExitTaskFailed);
+  }
+  return status;
+}
+
+int runOnDevices(Session& session, CommandLine& line, const Style& style) {
+  Settings& settings = line.settings();
+  if (!settings.retryFailed.empty()) {
+    const std::string wrong = keepFailed(settings.retryFailed, settings.targets);
+    if (!wrong.empty()) {
+      complain(wrong);
+      return kExitUsage;
+    }
+    if (settings.targets.empty()) {
+      if (!settings.quiet && !settings.json) {
+        complain("nothing is left to do: no device in " + settings.retryFailed);
+      }
+      return 0;
+    }
+  }
+  if (!agreed(settings, *line.command())) {
+    return kExitUsage;
+  }
+  return runFleet(session, line, style);
+}
+
+}  // namespace
+
+int runCommandLine(Session& session, const std::vector<std::string>& words) {
+  CommandLine line;
+  std::vector<std::string> all = session.before;
+  all.insert(all.end(), words.begin(), words.end());
+  int status = line.parse(all);
+  if (status >= 0) {
+    return status;
+  }
+  Settings& settings = line.settings();
+  settings.folder = session.folder;
+  const std::string wrong = line.readTargets();
+  if (!wrong.empty()) {
+    complain(wrong);
+    return kExitUsage;
+  }
+  const Style style = styleFor(settings.json, settings.quiet, settings.colour);
+  return line.command() != nullptr ? runOnDevices(session, line, style)
+                                   : line.local()->run(settings, style);
+}
+
+}  // namespace zell::ctl

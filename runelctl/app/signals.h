@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// SIGINT and SIGTERM as something that happens in the loop.
+#ifndef ZELL_RUNELCTL_APP_SIGNALS_H_
+#define ZELL_RUNELCTL_APP_SIGNALS_H_
+
+#include <functional>
+
+#include <csignal>
+
+#include "base/unique_fd.h"
+#include "client/loop.h"
+
+namespace zell::ctl {
+
+/// While it lives, SIGINT, SIGTERM and SIGHUP call @p caught from the loop instead of ending us.
+class Signals {
+ public:
+  Signals(Loop& loop, std::function<void(int number)> caught);
+  ~Signals();
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
+ private:
+  Loop& loop_;
+  std::function<void(int)> caught_;
+  sigset_t before_{};
+  UniqueFd descriptor_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_APP_SIGNALS_H_

@@ -1,0 +1,190 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/connector.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "client/resolver.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kMaxGreeting = 1024;
+constexpr int kProbeIdle = 10;
+constexpr int kProbeInterval = 10;
+constexpr int kProbeCount = 5;
+
+UniqueFd newSocket(int family) {
+  return UniqueFd(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+template <typename Address>
+int startConnect(int socket, const Address& address) {
+  // The socket calls' one type for addresses of every kind.
+  return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+std::string connectHint(int number) {
+  if (number == ECONNREFUSED) {
+    return "is runeld running there?";
+  }
+  if (number == EHOSTUNREACH || number == ENETUNREACH) {
+    return "is the address right, and the device on?";
+  }
+  return "";
+}
+
+void setNumber(int socket, int level, int option, int value) {
+  (void)setsockopt(socket, level, option, &value, sizeof value);  // a Unix socket has none of them
+}
+
+}  // namespace
+
+void setTaskOptions(int socket) {
+  setNumber(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+  setNumber(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+  setNumber(socket, IPPROTO_TCP, TCP_KEEPIDLE, kProbeIdle);
+  setNumber(socket, IPPROTO_TCP, TCP_KEEPINTVL, kProbeInterval);
+  setNumber(socket, IPPROTO_TCP, TCP_KEEPCNT, kProbeCount);
+}
+
+Connector::Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
+                     Done done)
+    : loop_(loop), target_(target), masterSocket_(std::move(masterSocket)), done_(std::move(done)) {
+  limit_ = loop_.after(limit, [this] {
+    fail({Fault::unreachable, "no connection in time", "is the address right, and the device on?",
+          ETIMEDOUT});
+  });
+  start_ = loop_.after(Milliseconds(0), [this] { start(); });
+}
+
+Connector::~Connector() {
+  loop_.cancel(start_);
+  loop_.cancel(limit_);
+  if (socket_.valid()) {
+    loop_.forget(socket_.get());
+  }
+}
+
+void Connector::start() {
+  if (target_.behindMaster()) {
+    connectMaster();
+  } else {
+    connectTcp();
+  }
+}
+
+void Connector::connectTcp() {
+  sockaddr_in address{};
+  std::string why;
+  if (!resolve(target_.host, target_.port, address, why)) {
+    fail({Fault::unreachable, why, "no such host name: check its spelling", 0});
+    return;
+  }
+  socket_ = newSocket(AF_INET);
+  if (!socket_.valid() || (startConnect(socket_.get(), address) != 0 && errno != EINPROGRESS)) {
+    failConnect(errno);
+    return;
+  }
+  watchConnect();
+}
+
+void Connector::connectMaster() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (masterSocket_.size() >= sizeof address.sun_path) {
+    failConnect(ENAMETOOLONG);
+    return;
+  }
+  std::memcpy(address.sun_path, masterSocket_.c_str(), masterSocket_.size() + 1);
+  socket_ = newSocket(AF_UNIX);
+  if (!socket_.valid() || startConnect(socket_.get(), address) != 0) {
+    fail({Fault::unreachable, "no master at " + masterSocket_ + ": " + systemText(errno),
+          "start one: runelctl master", errno});
+    return;
+  }
+  watchConnect();
+}
+
+void Connector::watchConnect() {
+  if (!loop_.watch(socket_.get(), EPOLLOUT, [this](std::uint32_t) { connected(); })) {
+    failConnect(errno);
+  }
+}
+
+void Connector::connected() {
+  int number = 0;
+  socklen_t size = sizeof number;
+  if (getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &number, &size) != 0 || number != 0) {
+    failConnect(number != 0 ? number : errno);
+  } else if (target_.behindMaster()) {
+    sendGreeting();
+  } else {
+    setTaskOptions(socket_.get());
+    succeed();
+  }
+}
+
+// One line to the master says which device; its answer is "ok" or the reason why not. After that
+// the connection is the device's own.
+void Connector::sendGreeting() {
+  const std::string line = "attach " + target_.through + "\n";
+  if (::send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) !=
+      static_cast<ssize_t>(line.size())) {
+    failConnect(errno);
+    return;
+  }
+  loop_.forget(socket_.get());
+  if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t) { readGreeting(); })) {
+    failConnect(errno);
+  }
+}
+
+// Byte by byte: what follows the line belongs to the device.
+void Connector::readGreeting() {
+  char byte = 0;
+  ssize_t got = recv(socket_.get(), &byte, 1, MSG_DONTWAIT);
+  while (got == 1 && byte != '\n' && greeting_.size() < kMaxGreeting) {
+    greeting_ += byte;
+    got = recv(socket_.get(), &byte, 1, MSG_DONTWAIT);
+  }
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
+  }
+  if (got == 1 && greeting_ == "ok") {
+    succeed();
+  } else {
+    fail({Fault::unreachable, greeting_.empty() ? "the master closed the connection" : greeting_,
+          "runelctl devices lists who is there", 0});
+  }
+}
+
+void Connector::succeed() {
+  loop_.forget(socket_.get());
+  loop_.cancel(limit_);
+  const Done done = std::move(done_);
+  done(std::move(socket_), std::nullopt);
+}
+
+void Connector::failConnect(int number) {
+  fail({Fault::unreachable, systemText(number), connectHint(number), number});
+}
+
+void Connector::fail(Error error) {
+  if (socket_.valid()) {
+    loop_.forget(socket_.get());
+    socket_.reset();
+  }
+  loop_.cancel(limit_);
+  const Done done = std::move(done_);
+  done(UniqueFd(), std::move(error));
+}
+
+}  // namespace zell::ctl

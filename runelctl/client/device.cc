@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/device.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace zell::ctl {
+namespace {
+
+std::string seconds(Milliseconds time) {
+  const auto tenths = time.count() / 100;
+  std::string text = std::to_string(tenths / 10);
+  if (tenths % 10 != 0) {
+    text += "." + std::to_string(tenths % 10);
+  }
+  return text + " s";
+}
+
+}  // namespace
+
+Device::Device(Loop& loop, Target target, Limits limits)
+    : loop_(loop), target_(std::move(target)), limits_(std::move(limits)) {}
+
+Device::~Device() {
+  abandon();
+}
+
+void Device::ask(const Request& request, ReplyHandler handler) {
+  askRaw(encode(request), request, std::move(handler));
+}
+
+void Device::askRaw(std::string payload, const Request& like, ReplyHandler handler) {
+  if (dryRun_) {
+    dryRun_(target_, payload);
+    return;
+  }
+  pending_.push_back({std::move(handler), like.replyLimit, like.extraPatience, like.answered});
+  if (channel_) {
+    channel_->send(std::move(payload));
+  } else {
+    early_.push_back(std::move(payload));
+    connect();
+  }
+  if (pending_.size() == 1) {
+    expectFront();
+  }
+}
+
+void Device::connect() {
+  if (connector_) {
+    return;
+  }
+  connector_ = std::make_unique<Connector>(
+      loop_, target_, limits_.masterSocket, limits_.connect,
+      [this](UniqueFd socket, std::optional<Error> error) {
+        // Not from within the connector's own call: it goes away here.
+        auto held = std::make_shared<std::unique_ptr<Connector>>(std::move(connector_));
+        loop_.next([held] { held->reset(); });
+        if (error) {
+          close(*error);
+        } else {
+          connected(std::move(socket));
+        }
+      });
+}
+
+void Device::connected(UniqueFd socket) {
+  channel_ = std::make_unique<Channel>(
+      loop_, std::move(socket),
+      Channel::Handlers{[this](std::string&& payload) { take(std::move(payload)); },
+                        [this](const Error& error) { close(error); }, [this] { progress(); }});
+  while (!early_.empty()) {
+    channel_->send(std::move(early_.front()));
+    early_.pop_front();
+  }
+  expectFront();
+}
+
+// The oldest request has become the one whose answer is due next.
+void Device::expectFront() {
+  lastProgress_ = Clock::now();
+  if (channel_ && !pending_.empty()) {
+    channel_->limitMessages(pending_.front().replyLimit);
+    watchSilence();
+  }
+}
+
+void Device::take(std::string&& payload) {
+  if (pending_.empty()) {
+    close({Fault::protocol, "an answer that nobody asked for", "", 0});
+    return;
+  }
+  if (tap_) {
+    tap_(payload);
+  }
+  std::optional<Reply> reply = decodeReply(std::move(payload));
+  if (!reply || !pending_.front().answered) {
+    close({Fault::protocol, "the answer is no task record", "", 0});
+    return;
+  }
+  answer(std::move(*reply));
+}
+
+void Device::answer(Reply reply) {
+  const ReplyHandler handler = std::move(pending_.front().handler);
+  pending_.pop_front();
+  expectFront();
+  handler(std::move(reply));
+}
+
+void Device::progress() {
+  lastProgress_ = Clock::now();
+  finishUnanswered();
+}
+
+// "restart" is done when it has gone out: no answer will come.
+void Device::finishUnanswered() {
+  while (channel_ && channel_->queued() == 0 && !pending_.empty() && !pending_.front().answered) {
+    const std::weak_ptr<bool> alive = alive_;
+    answer(Reply());
+    if (alive.expired()) {
+      return;
+    }
+  }
+}
+
+void Device::watchSilence() {
+  loop_.cancel(silence_);
+  const Pending& front = pending_.front();
+  if (!front.extraPatience) {
+    return;
+  }
+  const Milliseconds patience = limits_.silence + *front.extraPatience;
+  const auto passed = std::chrono::duration_cast<Milliseconds>(Clock::now() - lastProgress_);
+  silence_ = loop_.after(patience - passed, [this] { checkSilence(); });
+}
+
+void Device::checkSilence() {
+  const Pending& front = pending_.front();
+  const Milliseconds patience = limits_.silence + front.extraPatience.value_or(Milliseconds(0));
+  if (Clock::now() - lastProgress_ < patience) {
+    watchSilence();
+    return;
+  }
+  // Answers come in order, so the later ones cannot be waited for without this one.
+  close({Fault::timedOut, "no answer for " + seconds(patience),
+         "it may be busy with another task: runelctl ping, or a larger --timeout", ETIMEDOUT});
+}
+
+void Device::close(const Error& why) {
+  std::deque<Pending> failed;
+  failed.swap(pending_);
+  abandon();
+  const std::weak_ptr<bool> alive = alive_;
+  for (const Pending& pending : failed) {
+    if (alive.expired()) {
+      return;
+    }
+    Reply reply;
+    reply.broken = why;
+    pending.handler(std::move(reply));
+  }
+}
+
+void Device::abandon() {
+  loop_.cancel(silence_);
+  connector_.reset();
+  channel_.reset();
+  early_.clear();
+  pending_.clear();
+}
+
+}  // namespace zell::ctl

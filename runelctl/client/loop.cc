@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/loop.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include <sys/epoll.h>
+
+namespace zell::ctl {
+namespace {
+
+constexpr int kEventsAtOnce = 64;
+constexpr Milliseconds kLongest{60000};
+
+epoll_event eventFor(int fd, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  return event;
+}
+
+}  // namespace
+
+Loop::Loop() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {}
+
+bool Loop::watch(int fd, std::uint32_t events, Ready ready) {
+  epoll_event event = eventFor(fd, events);
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+    return false;
+  }
+  watched_[fd] = std::make_shared<Ready>(std::move(ready));
+  return true;
+}
+
+void Loop::change(int fd, std::uint32_t events) {
+  epoll_event event = eventFor(fd, events);
+  (void)epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);  // it is watched, so it is known
+}
+
+void Loop::forget(int fd) {
+  if (watched_.erase(fd) != 0) {
+    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // likewise
+  }
+}
+
+Loop::Timer Loop::after(Milliseconds delay, Call call) {
+  const Timer timer{Clock::now() + delay, ++lastTimer_};
+  timers_.emplace(timer, std::move(call));
+  return timer;
+}
+
+void Loop::cancel(Timer& timer) {
+  timers_.erase(timer);
+  timer = Timer();
+}
+
+void Loop::run() {
+  stopped_ = false;
+  while (!stopped_) {
+    turn(kLongest);
+  }
+}
+
+int Loop::waitTime(Milliseconds limit) const {
+  if (!calls_.empty()) {
+    return 0;
+  }
+  if (!timers_.empty()) {
+    const auto left = timers_.begin()->first.due - Clock::now();
+    limit = std::min(limit, std::chrono::ceil<Milliseconds>(left));
+  }
+  return static_cast<int>(std::clamp(limit, Milliseconds(0), kLongest).count());
+}
+
+void Loop::turn(Milliseconds limit) {
+  epoll_event events[kEventsAtOnce];
+  const int ready = epoll_wait(epoll_.get(), events, kEventsAtOnce, waitTime(limit));
+  for (int i = 0; i < ready; ++i) {
+    // One that was forgotten by an earlier handler of this round is not found any more. A new one
+    // under the same number may be called in vain, which every handler bears.
+    const auto found = watched_.find(events[i].data.fd);
+    if (found != watched_.end()) {
+      const std::shared_ptr<Ready> handler = found->second;
+      (*handler)(events[i].events);
+    }
+  }
+  runTimers();
+  runCalls();
+}
+
+void Loop::runTimers() {
+  const Clock::time_point now = Clock::now();
+  while (!timers_.empty() && timers_.begin()->first.due <= now) {
+    const Call call = std::move(timers_.begin()->second);
+    timers_.erase(timers_.begin());
+    call();
+  }
+}
+
+// Only those that wait now: a call may ask for another one.
+void Loop::runCalls() {
+  std::vector<Call> calls;
+  calls.swap(calls_);
+  for (const Call& call : calls) {
+    call();
+  }
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/read_input.h"
+
+#include <cerrno>
+
+#include <unistd.h>
+
+#include <zell/byte_count_protocol.h>
+
+#include "client/error.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kRoomForTheRest = 65536;  // of the record, beside the content
+
+}  // namespace
+
+std::string readInput(std::string& content) {
+  content.clear();
+  char part[65536];
+  while (true) {
+    const ssize_t got = ::read(STDIN_FILENO, part, sizeof part);
+    if (got == 0) {
+      return "";
+    }
+    if (got < 0 && errno != EINTR) {
+      return "standard input: " + systemText(errno);
+    }
+    content.append(part, got > 0 ? static_cast<std::size_t>(got) : 0);
+    if (content.size() > kMaxFramePayload - kRoomForTheRest) {
+      return "standard input: more than one task can carry; push sends files of any size";
+    }
+  }
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/request.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+#include <sys/wait.h>
+
+#include <zell/slave_task.h>
+
+#include "base/stream_view.h"
+
+namespace zell::ctl {
+namespace {
+
+// A program that ignores the first signal gets two more seconds before the second one.
+constexpr std::chrono::seconds kKillTime{2};
+
+bool answersAtLength(const std::string& task) {
+  static const std::string_view kTasks[] = {"exec", "read", "readdir", "walktree"};
+  return std::find(std::begin(kTasks), std::end(kTasks), task) != std::end(kTasks);
+}
+
+// What became of a program, in words.
+std::string programText(const ResultStatus& status) {
+  if (status.status == SlaveStatus::timeout) {
+    return "ran into its time limit";
+  }
+  if (status.state == WatchProcessState_t::signalled) {
+    return "ended by signal " + std::to_string(status.signal);
+  }
+  return "exit status " + std::to_string(status.result);
+}
+
+bool aboutProgram(const ResultStatus& status) {
+  return status.state != WatchProcessState_t::none;
+}
+
+std::string taskHint(int number) {
+  switch (number) {
+    case ENOSPC:
+      return "the device's file system is full: runelctl df shows what is left";
+    case EROFS:
+      return "the device's file system is mounted read-only";
+    case EFBIG:
+      return "longer than one answer can be: runelctl pull takes it in pieces";
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+Request request(std::vector<std::string> args) {
+  Request made;
+  const std::string task = args.empty() ? "" : args[0];
+  made.args = std::move(args);
+  made.answered = task != "restart";
+  if (answersAtLength(task)) {
+    made.replyLimit = kMaxFramePayload;
+  }
+  if (task == "exec" || task == "wait") {
+    made.extraPatience.reset();
+  }
+  return made;
+}
+
+Request execRequest(const std::vector<std::string>& argv, int limit) {
+  std::vector<std::string> args{"exec"};
+  args.insert(args.end(), argv.begin(), argv.end());
+  Request made = request(std::move(args));
+  made.execParam = limit;
+  if (limit < 0) {
+    made.extraPatience = std::chrono::seconds(0);
+  } else if (limit > 0) {
+    made.extraPatience = std::chrono::seconds(limit) + kKillTime;
+  }
+  return made;
+}
+
+std::string encode(const Request& request) {
+  std::ostringstream text;
+  SlaveTask(request.args, request.execParam, "", SlaveStatus::success, WatchProcessState_t::none, 0,
+            0, 0)
+      .serialize(text);
+  return std::string(viewOf(text));
+}
+
+std::optional<Reply> decodeReply(std::string&& payload) {
+  SlaveTask record;
+  if (!SlaveTask::isA(payload) || !record.parse(payload)) {
+    return std::nullopt;
+  }
+  std::string().swap(payload);
+  return Reply{std::nullopt, record.output(), record.status()};
+}
+
+Error Reply::error(const std::string& what) const {
+  if (broken) {
+    return *broken;
+  }
+  const std::string about = what.empty() ? "" : what + ": ";
+  if (status.status == SlaveStatus::error) {
+    return {Fault::task, about + "the device refused the task: " + output, "", status.error};
+  }
+  if (aboutProgram(status)) {
+    return {Fault::program, about + programText(status), "", status.error};
+  }
+  return {Fault::task, about + systemText(status.error), taskHint(status.error), status.error};
+}
+
+int Reply::exitStatus() const {
+  if (broken) {
+    return exitStatusOf(*broken);
+  }
+  if (status.status == SlaveStatus::success || status.status == SlaveStatus::running) {
+    return 0;
+  }
+  if (status.status == SlaveStatus::timeout) {
+    return kExitTimeLimit;
+  }
+  if (status.state == WatchProcessState_t::signalled) {
+    return kExitSignalBase + (status.signal & 127);
+  }
+  if (status.state == WatchProcessState_t::exited) {
+    return WEXITSTATUS(static_cast<unsigned>(status.result) << 8U);
+  }
+  return kExitTaskFailed;
+}
+
+int exitStatusOf(const Error& error) {
+  return std::string_view(error.where()) == "link" ? kExitNoConnection : kExitTaskFailed;
+}
+
+}  // namespace zell::ctl

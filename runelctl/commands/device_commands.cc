@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+// The device as a whole: ping, info, raw.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/records.h"
+#include "commands/command.h"
+#include "commands/raw_text.h"
+#include "zell/wire/frame_sender.h"
+
+namespace zell::ctl {
+namespace {
+
+// Costs the device one system call.
+Request cheapTask() {
+  return request({"fileexists", "/"});
+}
+
+class PingJob : public Job {
+ public:
+  PingJob(JobContext context, int count, double pause)
+      : Job(std::move(context)), count_(count), pause_(pause) {}
+  ~PingJob() override { loop().cancel(timer_); }
+
+  void start() override {
+    sent_ = Clock::now();
+    ask(cheapTask(), [this](const Reply& reply) { back(reply); });
+  }
+
+ private:
+  void back(const Reply& reply) {
+    if (reply.broken) {
+      fail(*reply.broken);
+      return;
+    }
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - sent_).count();
+    times_.push_back(ms);
+    report().line("answer " + std::to_string(times_.size()) + ": " + text(ms) + " ms");
+    report().entry({{"entry", "ping"}, {"ms", ms}});
+    if (times_.size() < static_cast<std::size_t>(count_)) {
+      const auto pause = std::chrono::duration<double>(pause_);
+      timer_ = loop().after(std::chrono::duration_cast<Milliseconds>(pause), [this] { start(); });
+      return;
+    }
+    sum();
+  }
+
+  // The first one has the making of the connection in it, and is left out where there are others.
+  void sum() {
+    std::vector<double> sorted(times_.begin() + (times_.size() > 1 ? 1 : 0), times_.end());
+    std::sort(sorted.begin(), sorted.end());
+    const double median = sorted[sorted.size() / 2];
+    report().line(std::to_string(times_.size()) + " answers, round trip min/median/max " +
+                  text(sorted.front()) + "/" + text(median) + "/" + text(sorted.back()) + " ms");
+    report().result()["min_ms"] = sorted.front();
+    report().result()["median_ms"] = median;
+    report().result()["max_ms"] = sorted.back();
+    succeed();
+  }
+
+  static std::string text(double ms) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", ms);
+    return text;
+  }
+
+  const int count_;
+  const double pause_;
+  std::vector<double> times_;
+  Clock::time_point sent_;
+  Loop::Timer timer_;
+};
+
+class PingCommand : public Command {
+ public:
+  PingCommand() : Command("ping", "round trips of a cheap task") {}
+  void define(CLI::App& app) override {
+    app.add_option("-c,--count", count_, "how many")->check(CLI::Range(1, 1000000));
+    app.add_option("-i,--interval", pause_, "seconds between two")->check(CLI::Range(0.0, 3600.0));
+  }
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<PingJob>(std::move(context), count_, pause_);
+  }
+
+ private:
+  int count_ = 5;
+  double pause_ = 0.2;
+};
+
+// What tells a device apart and whether it is well, in one round trip.
+class InfoJob : public Job {
+ public:
+  using Job::Job;
+
+  void start() override {
+    text("hostid", {"hostid"});
+    text("devicetype", {"devicetype"});
+    text("kernel", {"read", "/proc/sys/kernel/osrelease"});
+    text("hostname", {"read", "/proc/sys/kernel/hostname"});
+    ask(request({"read", "/proc/uptime"}), [this](const Reply& reply) { uptime(reply); });
+    ask(request({"stat", "/"}), [this](const Reply& reply) {
+      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      blockSize_ = st ? st->blksize : 0;
+    });
+    ask(request({"freeblocks", "/"}), [this](const Reply& reply) { space(reply); });
+  }
+
+ private:
+  void text(const std::string& label, std::vector<std::string> task) {
+    ask(request(std::move(task)), [this, label](const Reply& reply) {
+      if (reply.ok()) {
+        show(label, reply.output.substr(0, reply.output.find('\n')));
+      }
+    });
+  }
+
+  void show(const std::string& label, const std::string& value) {
+    report().line(label + ": " + std::string(12 - std::min<std::size_t>(label.size(), 11), ' ') +
+                  report().name(value));
+    putBytes(report().result(), label, value);
+  }
+
+  void uptime(const Reply& reply) {
+    if (!reply.ok()) {
+      return;
+    }
+    const auto seconds = std::strtoull(reply.output.c_str(), nullptr, 10);
+    char text[64];
+    std::snprintf(text, sizeof text, "%llu days, %02llu:%02llu", seconds / 86400,
+                  seconds / 3600 % 24, seconds / 60 % 60);
+    show("uptime", text);
+    report().result()["uptime_s"] = seconds;
+  }
+
+  // The last of the answers ends the job.
+  void space(const Reply& reply) {
+    if (reply.broken) {
+      fail(*reply.broken);
+      return;
+    }
+    if (reply.ok()) {
+      const std::uint64_t free = std::strtoull(reply.output.c_str(), nullptr, 10) * blockSize_;
+      show("free on /", sizeText(free));
+      report().result()["free_bytes"] = free;
+    }
+    succeed();
+  }
+
+  std::uint64_t blockSize_ = 0;
+};
+
+class InfoCommand : public Command {
+ public:
+  InfoCommand() : Command("info", "identity, kernel, uptime and free space at a glance") {}
+  void define(CLI::App& app) override { (void)app; }
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<InfoJob>(std::move(context));
+  }
+};
+
+// Shows both frames to the byte.
+class RawJob : public Job {
+ public:
+  RawJob(JobContext context, std::string payload)
+      : Job(std::move(context)), payload_(std::move(payload)) {}
+
+  void start() override {
+    dump("request", payload_);
+    device().setTap([this](const std::string& payload) { dump("reply", payload); });
+    Request like = request({"read"});
+    device().askRaw(payload_, like, [this](const Reply& reply) {
+      device().setTap(nullptr);
+      if (reply.broken) {
+        fail(*reply.broken);
+      } else {
+        finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
+      }
+    });
+  }
+
+ private:
+  void dump(const std::string& label, const std::string& payload) {
+    const std::string frame = frameHead(payload.size()) + payload;
+    report().line(label + ", " + countText(frame.size(), "byte"));
+    report().bytes(hexDump(frame));
+    putBytes(report().result(), label, payload);
+  }
+
+  const std::string payload_;
+};
+
+class RawCommand : public Command {
+ public:
+  RawCommand() : Command("raw", "send a record typed by hand and dump both frames") {}
+
+  void define(CLI::App& app) override {
+    app.add_option("RECORD", text_, R"(the payload; \n, \t, \\ and \xNN are understood)")
+        ->required();
+  }
+
+  std::string check(const Settings& settings) override {
+    (void)settings;
+    return readRawText(text_, payload_) ? "" : "RECORD: a backslash that begins nothing known";
+  }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<RawJob>(std::move(context), payload_);
+  }
+
+ private:
+  std::string text_;
+  std::string payload_;
+};
+
+}  // namespace
+
+void addDeviceCommands(Commands& commands) {
+  commands.push_back(std::make_unique<InfoCommand>());
+  commands.push_back(std::make_unique<PingCommand>());
+  commands.push_back(std::make_unique<RawCommand>());
+}
+
+}  // namespace zell::ctl

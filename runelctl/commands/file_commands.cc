@@ -1,0 +1,467 @@
+// SPDX-License-Identifier: Apache-2.0
+// Looking at a device's files and moving them about: cat, ls, tree, df, stat, rm, mv.
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/records.h"
+#include "commands/command.h"
+#include "commands/lists.h"
+
+namespace zell::ctl {
+namespace {
+
+std::tm localTime(const Moment& moment) {
+  const std::time_t seconds = moment.seconds;
+  std::tm parts{};
+  (void)localtime_r(&seconds, &parts);  // a year beyond all calendars shows as 1900
+  return parts;
+}
+
+std::string minuteText(const Moment& moment) {
+  const std::tm parts = localTime(moment);
+  char text[64];
+  return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts));
+}
+
+std::string secondText(const Moment& moment) {
+  const std::tm parts = localTime(moment);
+  char text[64];
+  return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &parts));
+}
+
+std::string longLine(const StatRecord& st) {
+  char text[128];
+  std::snprintf(text, sizeof text, "%s %3llu %5llu %5llu %10llu ",
+                modeText(typeLetter(st.mode), st.mode).c_str(),
+                static_cast<unsigned long long>(st.nlink), static_cast<unsigned long long>(st.uid),
+                static_cast<unsigned long long>(st.gid), static_cast<unsigned long long>(st.size));
+  return text + minuteText(st.mtime) + " ";
+}
+
+Json statJson(const StatRecord& st) {
+  char mode[16];
+  std::snprintf(mode, sizeof mode, "%07o", st.mode);
+  Json object;
+  object["type"] = std::string(1, typeLetter(st.mode));
+  object["mode"] = mode;
+  object["nlink"] = st.nlink;
+  object["uid"] = st.uid;
+  object["gid"] = st.gid;
+  object["size"] = st.size;
+  object["mtime"] = st.mtime.seconds;
+  object["mtime_ns"] = st.mtime.nanoseconds;
+  return object;
+}
+
+const Error kBadText{Fault::protocol, "the answer is in no known form",
+                     "device and runelctl may be of different versions", 0};
+
+class CatJob : public EachPathJob {
+ public:
+  using EachPathJob::EachPathJob;
+
+ private:
+  void visit(const std::string& path) override {
+    ask(request({"read", path}), [this, path](const Reply& reply) {
+      if (reply.ok()) {
+        report().bytes(reply.output);
+        Json object{{"entry", "file"}};
+        putBytes(object, "path", path);
+        putBytes(object, "content", reply.output);
+        report().entry(object);
+      }
+      visited(reply, path);
+    });
+  }
+};
+
+class LsJob : public EachPathJob {
+ public:
+  LsJob(JobContext context, std::vector<std::string> paths, bool full)
+      : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
+
+ private:
+  void visit(const std::string& path) override {
+    ask(request({"readdir", path}), [this, path](const Reply& reply) {
+      if (!reply.broken && reply.status.error == ENOTDIR) {
+        showFile(path);
+        return;
+      }
+      if (reply.ok() && !take(path, reply.output)) {
+        return;
+      }
+      if (!reply.ok() || !full_ || left_ == 0) {
+        visited(reply, path);
+      }
+    });
+  }
+
+  // False when the job has ended.
+  bool take(const std::string& path, const std::string& text) {
+    std::optional<std::vector<std::string>> names = parseNames(text);
+    if (!names) {
+      fail(kBadText);
+      return false;
+    }
+    if (heads_) {
+      report().line(report().name(path) + ":");
+    }
+    left_ = full_ ? names->size() : 0;
+    for (const std::string& name : *names) {
+      if (full_) {
+        askAbout(path, name);
+      } else {
+        showName(name);
+      }
+    }
+    return true;
+  }
+
+  void showName(const std::string& name) {
+    report().line(report().name(name));
+    Json object{{"entry", "name"}};
+    putBytes(object, "name", name);
+    report().entry(object);
+  }
+
+  void askAbout(const std::string& folder, const std::string& name) {
+    ask(request({"lstat", joinPath(folder, name)}), [this, folder, name](const Reply& reply) {
+      showEntry(name, reply);
+      // One that went away meanwhile is no failure; a lost connection is.
+      --left_;
+      if (reply.broken || left_ == 0) {
+        Reply all;
+        all.broken = reply.broken;
+        visited(all, folder);
+      }
+    });
+  }
+
+  void showEntry(const std::string& name, const Reply& reply) {
+    const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    if (!st) {
+      return;
+    }
+    report().line(longLine(*st) + report().name(name));
+    Json object = statJson(*st);
+    object["entry"] = "name";
+    putBytes(object, "name", name);
+    report().entry(object);
+  }
+
+  void showFile(const std::string& path) {
+    ask(request({"lstat", path}), [this, path](const Reply& reply) {
+      if (reply.ok() && full_) {
+        showEntry(path, reply);
+      } else if (reply.ok()) {
+        showName(path);
+      }
+      visited(reply, path);
+    });
+  }
+
+  const bool full_;
+  const bool heads_;
+  std::size_t left_ = 0;
+};
+
+class TreeJob : public EachPathJob {
+ public:
+  using EachPathJob::EachPathJob;
+
+ private:
+  void visit(const std::string& path) override {
+    ask(request({"walktree", path}), [this, path](const Reply& reply) {
+      const auto entries = reply.broken ? std::nullopt : parseTree(reply.output);
+      if (!reply.broken && !entries) {
+        fail(kBadText);
+        return;
+      }
+      if (entries) {
+        show(path, *entries);
+      }
+      visited(reply, path);
+    });
+  }
+
+  void show(const std::string& path, const std::vector<TreeEntry>& entries) {
+    for (const TreeEntry& entry : entries) {
+      const auto depth =
+          entry.path == "." ? 0 : 1 + std::count(entry.path.begin(), entry.path.end(), '/');
+      const std::string name = entry.path == "." ? path : baseName(entry.path);
+      report().line(std::string(static_cast<std::size_t>(depth) * 2, ' ') + report().name(name) +
+                    (entry.type == 'd' ? "/" : "") +
+                    (entry.type == 'l' ? " -> " + report().name(entry.target) : "") +
+                    (entry.type == '-' ? "  " + sizeText(entry.size) : ""));
+      showJson(entry);
+    }
+  }
+
+  void showJson(const TreeEntry& entry) {
+    Json object{{"entry", "name"}};
+    putBytes(object, "path", entry.path);
+    object["type"] = std::string(1, entry.type);
+    object["mode"] = entry.mode;
+    object["uid"] = entry.uid;
+    object["gid"] = entry.gid;
+    object["size"] = entry.size;
+    object["mtime"] = entry.mtime;
+    if (entry.type == 'l') {
+      putBytes(object, "target", entry.target);
+    }
+    report().entry(object);
+  }
+};
+
+// Free blocks come without their size; the file system's preferred block is that size on all file
+// systems that a controller is likely to have.
+class DfJob : public EachPathJob {
+ public:
+  using EachPathJob::EachPathJob;
+
+ private:
+  void visit(const std::string& path) override {
+    ask(request({"stat", path}), [this](const Reply& reply) {
+      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      blockSize_ = st ? st->blksize : 0;
+    });
+    ask(request({"freeblocks", path}), [this, path](const Reply& reply) {
+      if (reply.ok()) {
+        show(path, reply.output);
+      }
+      visited(reply, path);
+    });
+  }
+
+  void show(const std::string& path, const std::string& text) {
+    const std::uint64_t blocks = std::strtoull(text.c_str(), nullptr, 10);
+    report().line(report().name(path) + ": " + std::to_string(blocks) + " blocks of " +
+                  std::to_string(blockSize_) + " bytes free, " + sizeText(blocks * blockSize_));
+    Json object{{"entry", "filesystem"}};
+    putBytes(object, "path", path);
+    object["free_blocks"] = blocks;
+    object["block_size"] = blockSize_;
+    report().entry(object);
+  }
+
+  std::uint64_t blockSize_ = 0;
+};
+
+class StatJob : public EachPathJob {
+ public:
+  StatJob(JobContext context, std::vector<std::string> paths, const char* task, bool raw)
+      : EachPathJob(std::move(context), std::move(paths)), task_(task), raw_(raw) {}
+
+ private:
+  void visit(const std::string& path) override {
+    ask(request({task_, path}), [this, path](const Reply& reply) {
+      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      if (reply.ok() && !st) {
+        fail(kBadText);
+        return;
+      }
+      if (st) {
+        show(path, *st, reply.output);
+      }
+      visited(reply, path);
+    });
+  }
+
+  void show(const std::string& path, const StatRecord& st, const std::string& text) {
+    report().bytes(raw_ ? text : readable(path, st));
+    Json object = statJson(st);
+    object["entry"] = "name";
+    putBytes(object, "path", path);
+    object["dev"] = st.dev;
+    object["ino"] = st.ino;
+    object["rdev"] = st.rdev;
+    object["blksize"] = st.blksize;
+    object["blocks"] = st.blocks;
+    object["atime"] = st.atime.seconds;
+    object["ctime"] = st.ctime.seconds;
+    report().entry(object);
+  }
+
+  [[nodiscard]] std::string readable(const std::string& path, const StatRecord& st) {
+    char mode[16];
+    std::snprintf(mode, sizeof mode, "%04o", st.mode & 07777U);
+    const auto number = [](std::uint64_t value) { return std::to_string(value); };
+    return "  path: " + report().name(path) + "\n  type: " + typeName(st.mode) +
+           "\n  mode: " + modeText(typeLetter(st.mode), st.mode) + " (" + mode + ")" +
+           "\n owner: " + number(st.uid) + ":" + number(st.gid) + "\n  size: " + number(st.size) +
+           " bytes, " + number(st.blocks) + " blocks of 512" + "\n links: " + number(st.nlink) +
+           ", inode " + number(st.ino) + " on device " + number(st.dev) +
+           "\naccess: " + secondText(st.atime) + "\nmodify: " + secondText(st.mtime) +
+           "\nchange: " + secondText(st.ctime) + "\n";
+  }
+
+  static const char* typeName(std::uint32_t mode) {
+    static const std::pair<char, const char*> kNames[] = {
+        {'-', "file"},          {'d', "folder"},
+        {'l', "symbolic link"}, {'c', "character device"},
+        {'p', "named pipe"},    {'b', "block device"},
+        {'s', "socket"}};
+    for (const auto& [letter, name] : kNames) {
+      if (letter == typeLetter(mode)) {
+        return name;
+      }
+    }
+    return "?";
+  }
+
+  const char* const task_;
+  const bool raw_;
+};
+
+// Files by the task; with -r by the device's own rm, since there is no task that removes folders.
+class RmJob : public EachPathJob {
+ public:
+  RmJob(JobContext context, std::vector<std::string> paths, bool recursive)
+      : EachPathJob(std::move(context), std::move(paths)), recursive_(recursive) {}
+
+ private:
+  void visit(const std::string& path) override {
+    const Request one =
+        recursive_ ? execRequest({"rm", "-r", "--", path}, 0) : request({"unlink", path});
+    ask(one, [this, path](const Reply& reply) {
+      if (!reply.ok() && recursive_ && !reply.output.empty()) {
+        report().warn(reply.output.substr(0, reply.output.find('\n')));
+      }
+      visited(reply, path);
+    });
+  }
+
+  const bool recursive_;
+};
+
+class MvJob : public Job {
+ public:
+  MvJob(JobContext context, std::string from, std::string to)
+      : Job(std::move(context)), from_(std::move(from)), to_(std::move(to)) {}
+
+  // Into a folder under the old name, as people expect; what "rename" does otherwise.
+  void start() override {
+    ask(request({"stat", to_}), [this](const Reply& reply) {
+      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      if (reply.broken) {
+        fail(*reply.broken);
+        return;
+      }
+      move(st && st->isFolder() ? joinPath(to_, baseName(from_)) : to_);
+    });
+  }
+
+ private:
+  void move(const std::string& to) {
+    ask(request({"rename", from_, to}), [this, to](const Reply& reply) {
+      if (reply.ok()) {
+        succeed();
+      } else {
+        fail(reply, "mv " + from_ + " " + to);
+      }
+    });
+  }
+
+  const std::string from_;
+  const std::string to_;
+};
+
+class MvCommand : public Command {
+ public:
+  MvCommand() : Command("mv", "rename a file or folder, or move it into a folder") {}
+
+  void define(CLI::App& app) override {
+    app.add_option("FROM", from_)->required();
+    app.add_option("TO", to_)->required();
+  }
+  std::unique_ptr<Job> job(JobContext context) override {
+    const Settings& settings = context.settings;
+    return std::make_unique<MvJob>(std::move(context), settings.remote(from_),
+                                   settings.remote(to_));
+  }
+  [[nodiscard]] bool takesAway() const override { return true; }
+
+ private:
+  std::string from_;
+  std::string to_;
+};
+
+template <typename EachJob>
+class EachPathCommand : public PathsCommand {
+ public:
+  using PathsCommand::PathsCommand;
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::vector<std::string> all = paths(context.settings);
+    return std::make_unique<EachJob>(std::move(context), std::move(all));
+  }
+};
+
+class LsCommand : public PathsCommand {
+ public:
+  LsCommand() : PathsCommand("ls", "list a folder", ".") {}
+  void define(CLI::App& app) override {
+    app.add_flag("-l", full_, "with mode, owner, size and time");
+    PathsCommand::define(app);
+  }
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::vector<std::string> all = paths(context.settings);
+    return std::make_unique<LsJob>(std::move(context), std::move(all), full_);
+  }
+
+ private:
+  bool full_ = false;
+};
+
+class StatCommand : public PathsCommand {
+ public:
+  StatCommand(const char* task, const char* help) : PathsCommand(task, help, ""), task_(task) {}
+  void define(CLI::App& app) override {
+    app.add_flag("--raw", raw_, "the task's own line");
+    PathsCommand::define(app);
+  }
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::vector<std::string> all = paths(context.settings);
+    return std::make_unique<StatJob>(std::move(context), std::move(all), task_, raw_);
+  }
+
+ private:
+  const char* const task_;
+  bool raw_ = false;
+};
+
+class RmCommand : public PathsCommand {
+ public:
+  RmCommand() : PathsCommand("rm", "remove files", "") {}
+  void define(CLI::App& app) override {
+    app.add_flag("-r", recursive_, "folders too, with all that is in them (by the device's rm)");
+    PathsCommand::define(app);
+  }
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::vector<std::string> all = paths(context.settings);
+    return std::make_unique<RmJob>(std::move(context), std::move(all), recursive_);
+  }
+  [[nodiscard]] bool takesAway() const override { return true; }
+
+ private:
+  bool recursive_ = false;
+};
+
+}  // namespace
+
+void addFileCommands(Commands& commands) {
+  commands.push_back(std::make_unique<EachPathCommand<CatJob>>("cat", "show files", ""));
+  commands.push_back(std::make_unique<LsCommand>());
+  commands.push_back(
+      std::make_unique<EachPathCommand<TreeJob>>("tree", "show all below a folder", "."));
+  commands.push_back(std::make_unique<EachPathCommand<DfJob>>("df", "show free space", "/"));
+  commands.push_back(std::make_unique<StatCommand>("stat", "all about a file, links followed"));
+  commands.push_back(std::make_unique<StatCommand>("lstat", "all about a file or link itself"));
+  commands.push_back(std::make_unique<RmCommand>());
+  commands.push_back(std::make_unique<MvCommand>());
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+// Commands that do the same to each of several paths.
+#ifndef ZELL_RUNELCTL_COMMANDS_LISTS_H_
+#define ZELL_RUNELCTL_COMMANDS_LISTS_H_
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "commands/command.h"
+
+namespace zell::ctl {
+
+/// Visits one path after the other. One that fails does not keep the others from being visited: it
+/// is told at once, and the first one becomes the outcome.
+class EachPathJob : public Job {
+ public:
+  EachPathJob(JobContext context, std::vector<std::string> paths);
+  void start() override;
+
+ protected:
+  /// Asks what is to be asked about @p path and calls `visited` in the end.
+  virtual void visit(const std::string& path) = 0;
+  void visited(const Reply& reply, const std::string& path);
+
+ private:
+  const std::vector<std::string> paths_;
+  std::size_t next_ = 0;
+  Outcome outcome_;
+};
+
+/// A command with a list of remote paths.
+class PathsCommand : public Command {
+ public:
+  /// @p fallback is the path when none is given; empty: one must be given.
+  PathsCommand(std::string name, std::string help, std::string fallback)
+      : Command(std::move(name), std::move(help)), fallback_(std::move(fallback)) {}
+  void define(CLI::App& app) override;
+
+ protected:
+  [[nodiscard]] std::vector<std::string> paths(const Settings& settings) const;
+
+ private:
+  const std::string fallback_;
+  std::vector<std::string> paths_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_COMMANDS_LISTS_H_

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commands/local_tree.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "client/sha256.h"
+#include "output/style.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kPart = 1048576;
+constexpr std::size_t kHashDigits = 16;
+
+Moment momentOf(const timespec& time) {
+  return {time.tv_sec, time.tv_nsec};
+}
+
+bool readLink(const std::string& path, std::string& target) {
+  target.resize(4096);
+  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  target.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+  return length >= 0;
+}
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { (void)closedir(folder); }
+};
+
+bool namesIn(const std::string& folder, std::vector<std::string>& names) {
+  const std::unique_ptr<DIR, CloseFolder> open(opendir(folder.c_str()));
+  if (!open) {
+    return false;
+  }
+  while (const dirent* entry = readdir(open.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return true;
+}
+
+LocalEntry entryOf(const std::string& path, const std::string& relative, const struct stat& st) {
+  return {typeLetter(st.st_mode),
+          path,
+          relative,
+          "",
+          st.st_mode & 07777U,
+          S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0,
+          momentOf(st.st_mtim)};
+}
+
+// Depth first, with a list instead of a call in a call: trees may be deep.
+class Scan {
+ public:
+  Scan(LocalSource& source, std::vector<std::string>& left) : source_(source), left_(left) {}
+
+  std::optional<Error> run(LocalEntry top) {
+    todo_.push_back(std::move(top));
+    while (!todo_.empty()) {
+      const LocalEntry entry = std::move(todo_.back());
+      todo_.pop_back();
+      source_.entries.push_back(entry);
+      if (entry.type == 'd' && !open(entry)) {
+        return localError(entry.path, errno);
+      }
+    }
+    return std::nullopt;
+  }
+
+ private:
+  bool open(const LocalEntry& folder) {
+    std::vector<std::string> names;
+    if (!namesIn(folder.path, names)) {
+      return false;
+    }
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+      add(joinPath(folder.path, *name),
+          folder.relative.empty() ? *name : folder.relative + "/" + *name);
+    }
+    return true;
+  }
+
+  void add(const std::string& path, const std::string& relative) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) {
+      left_.push_back(path);  // gone since its folder was read
+      return;
+    }
+    LocalEntry entry = entryOf(path, relative, st);
+    const bool sendable = entry.type == '-' || entry.type == 'd' ||
+                          (entry.type == 'l' && readLink(path, entry.target));
+    if (sendable) {
+      todo_.push_back(std::move(entry));
+    } else {
+      left_.push_back(path);
+    }
+  }
+
+  LocalSource& source_;
+  std::vector<std::string>& left_;
+  std::vector<LocalEntry> todo_;
+};
+
+}  // namespace
+
+std::optional<Error> scanLocal(const std::string& path, bool recursive, LocalSource& source,
+                               std::vector<std::string>& left) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0) {
+    return localError(path, errno);
+  }
+  if (S_ISDIR(st.st_mode) && !recursive) {
+    return Error{Fault::local, path + ": " + systemText(EISDIR), "use -r for folders", EISDIR};
+  }
+  if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
+    return Error{Fault::local, path + ": neither file nor folder", "", EINVAL};
+  }
+  source.name = baseName(path);
+  return Scan(source, left).run(entryOf(path, "", st));
+}
+
+std::optional<Error> LocalReader::open(const std::string& path) {
+  path_ = path;
+  file_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  struct stat st {};
+  if (!file_.valid() || fstat(file_.get(), &st) != 0) {
+    return localError(path, errno);
+  }
+  size_ = static_cast<std::uint64_t>(st.st_size);
+  mtime_ = momentOf(st.st_mtim);
+  return std::nullopt;
+}
+
+std::optional<Error> LocalReader::read(std::uint64_t offset, std::size_t count,
+                                       std::string& bytes) const {
+  bytes.resize(count);
+  std::size_t done = 0;
+  while (done < count) {
+    const ssize_t got =
+        pread(file_.get(), bytes.data() + done, count - done, static_cast<off_t>(offset + done));
+    if (got < 0 && errno != EINTR) {
+      return localError(path_, errno);
+    }
+    if (got == 0) {
+      return Error{Fault::local, path_ + ": became shorter while it was sent", "try again", 0};
+    }
+    done += got > 0 ? static_cast<std::size_t>(got) : 0;
+  }
+  return std::nullopt;
+}
+
+bool LocalReader::changed() const {
+  struct stat st {};
+  return fstat(file_.get(), &st) != 0 || static_cast<std::uint64_t>(st.st_size) != size_ ||
+         !(momentOf(st.st_mtim) == mtime_);
+}
+
+std::optional<Error> LocalWriter::begin(const std::string& path, bool resume) {
+  discard();
+  path_ = path;
+  hidden_ = partPath(path);
+  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resume ? O_APPEND : O_TRUNC);
+  file_.reset(::open(hidden_.c_str(), flags, 0600));
+  struct stat st {};
+  if (!file_.valid() || fstat(file_.get(), &st) != 0) {
+    return localError(path_, errno);
+  }
+  size_ = static_cast<std::uint64_t>(st.st_size);
+  return std::nullopt;
+}
+
+std::optional<Error> LocalWriter::add(std::string_view bytes) {
+  if (!writeAll(file_.get(), bytes)) {
+    return localError(path_, errno);
+  }
+  size_ += bytes.size();
+  return std::nullopt;
+}
+
+std::optional<Error> LocalWriter::restart() {
+  if (ftruncate(file_.get(), 0) != 0 || lseek(file_.get(), 0, SEEK_SET) != 0) {
+    return localError(path_, errno);
+  }
+  size_ = 0;
+  return std::nullopt;
+}
+
+std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Moment& mtime) {
+  const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
+  // A mode that is kept must not make a program of another user's.
+  if (fchmod(file_.get(), mode & 0777U) != 0 || futimens(file_.get(), times) != 0 ||
+      rename(hidden_.c_str(), path_.c_str()) != 0) {
+    return localError(path_, errno);
+  }
+  file_.reset();
+  return std::nullopt;
+}
+
+void LocalWriter::keep() {
+  file_.reset();
+}
+
+void LocalWriter::discard() {
+  if (file_.valid()) {
+    (void)unlink(hidden_.c_str());  // there is nobody to tell
+    file_.reset();
+  }
+}
+
+std::string partPath(const std::string& path) {
+  Sha256 hash;
+  hash.add(baseName(path));
+  const std::string name = ".runelctl-" + hash.finish().substr(0, kHashDigits) + ".part";
+  return path.find('/') == std::string::npos ? name : joinPath(folderOf(path), name);
+}
+
+std::optional<std::string> localSha256(const std::string& path, std::uint64_t count) {
+  LocalReader reader;
+  if (reader.open(path) || reader.size() < count) {
+    return std::nullopt;
+  }
+  Sha256 hash;
+  std::string bytes;
+  for (std::uint64_t offset = 0; offset < count; offset += bytes.size()) {
+    const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(kPart, count - offset));
+    if (reader.read(offset, part, bytes)) {
+      return std::nullopt;
+    }
+    hash.add(bytes);
+  }
+  return hash.finish();
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+// Running programs on a device: exec, sh, ps.
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "commands/command.h"
+
+namespace zell::ctl {
+namespace {
+
+// What the program wrote goes out as it is; how it ended becomes the exit status.
+class ExecJob : public Job {
+ public:
+  ExecJob(JobContext context, Request request, std::string program)
+      : Job(std::move(context)), request_(std::move(request)), program_(std::move(program)) {}
+
+  void start() override {
+    ask(request_, [this](const Reply& reply) { show(reply); });
+  }
+
+ private:
+  void show(const Reply& reply) {
+    if (!reply.broken) {
+      putBytes(report().result(), "output", reply.output);
+      report().bytes(reply.output);
+      if (reply.status.state == WatchProcessState_t::signalled) {
+        report().result()["signal"] = reply.status.signal;
+      }
+    }
+    if (reply.ok() || (!reply.broken && reply.status.status == SlaveStatus::running)) {
+      succeed();
+    } else if (!reply.broken && reply.status.state == WatchProcessState_t::exited) {
+      // Its own exit status says it all, as in a shell.
+      finish({reply.exitStatus(),
+              report().json() ? std::make_optional(reply.error(program_)) : std::nullopt});
+    } else {
+      finish({statusOf(reply), reply.error(program_)});
+    }
+  }
+
+  static int statusOf(const Reply& reply) {
+    const bool notStarted = !reply.broken && reply.status.state == WatchProcessState_t::none &&
+                            reply.status.status == SlaveStatus::failure;
+    if (!notStarted) {
+      return reply.exitStatus();
+    }
+    return reply.status.error == ENOENT ? kExitNotThere : kExitCannotRun;
+  }
+
+  const Request request_;
+  const std::string program_;
+};
+
+class ExecCommand : public Command {
+ public:
+  ExecCommand() : Command("exec", "run a program; its output and exit status become ours") {}
+
+  void define(CLI::App& app) override {
+    app.positionals_at_end();
+    auto* limit = app.add_option("--timeout", limit_, "end the program after so many seconds")
+                      ->check(CLI::Range(1, 2147483647))
+                      ->type_name("S");
+    app.add_flag("--background", background_, "start it and do not wait for it")->excludes(limit);
+    app.add_option("PROGRAM", words_, "program and its arguments, after '--'")->required();
+  }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<ExecJob>(std::move(context),
+                                     execRequest(words_, background_ ? -1 : limit_), words_[0]);
+  }
+
+ private:
+  int limit_ = 0;
+  bool background_ = false;
+  std::vector<std::string> words_;
+};
+
+class ShellLineCommand : public Command {
+ public:
+  ShellLineCommand() : Command("sh", "run a line by the device's /bin/sh") {}
+
+  void define(CLI::App& app) override {
+    app.positionals_at_end();
+    app.add_option("--timeout", limit_, "end it after so many seconds")
+        ->check(CLI::Range(1, 2147483647))
+        ->type_name("S");
+    app.add_option("LINE", line_)->required();
+  }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::string line = line_;
+    if (!context.settings.folder.empty()) {
+      return std::make_unique<ExecJob>(
+          std::move(context),
+          execRequest({"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.folder},
+                      limit_),
+          "sh");
+    }
+    return std::make_unique<ExecJob>(std::move(context),
+                                     execRequest({"/bin/sh", "-c", line}, limit_), "sh");
+  }
+
+ private:
+  int limit_ = 0;
+  std::string line_;
+};
+
+// "processrunning" with an answer that people read.
+class PsJob : public Job {
+ public:
+  PsJob(JobContext context, std::string process)
+      : Job(std::move(context)), process_(std::move(process)) {}
+
+  void start() override {
+    ask(request({"processrunning", process_}), [this](const Reply& reply) { show(reply); });
+  }
+
+ private:
+  void show(const Reply& reply) {
+    const bool absent = !reply.broken && reply.status.error == ESRCH;
+    if (!reply.ok() && !absent) {
+      fail(reply, "ps " + process_);
+      return;
+    }
+    putBytes(report().result(), "name", process_);
+    report().result()["running"] = reply.ok();
+    report().line(report().name(process_) + (reply.ok() ? " runs" : " does not run"));
+    finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
+  }
+
+  const std::string process_;
+};
+
+class PsCommand : public Command {
+ public:
+  PsCommand() : Command("ps", "say whether a process of this name runs (status 1: it does not)") {}
+
+  void define(CLI::App& app) override { app.add_option("NAME", process_)->required(); }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<PsJob>(std::move(context), process_);
+  }
+
+ private:
+  std::string process_;
+};
+
+}  // namespace
+
+void addProgramCommands(Commands& commands) {
+  commands.push_back(std::make_unique<ExecCommand>());
+  commands.push_back(std::make_unique<ShellLineCommand>());
+  commands.push_back(std::make_unique<PsCommand>());
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+// reboot and restart, with proof that they happened.
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "commands/command.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr Milliseconds kPollPause{200};
+constexpr Milliseconds kPollConnect{2000};
+constexpr Milliseconds kPollSilence{5000};
+
+/// What changes when it happened, and how long each half may take.
+struct Proof {
+  const char* task;
+  const char* path;  ///< the file on the device that says which run this is
+  const char* name;  ///< of what it holds
+  double downLimit;
+  double upLimit;
+};
+
+// The daemon's own start: field 22 of its stat, behind a name that may hold anything, and its pid.
+std::string startOf(const std::string& text) {
+  std::size_t at = text.rfind(')');
+  for (int field = 3; field <= 22 && at != std::string::npos; ++field) {
+    at = text.find(' ', at + 1);
+  }
+  return at == std::string::npos ? text : text.substr(0, text.find(' ')) + text.substr(at, 24);
+}
+
+class RestartJob : public Job {
+ public:
+  RestartJob(JobContext context, const Proof& proof, bool wait)
+      : Job(std::move(context)), proof_(proof), wait_(wait) {}
+  ~RestartJob() override { loop().cancel(timer_); }
+
+  void start() override {
+    if (!wait_) {
+      act();
+      return;
+    }
+    ask(request({"read", proof_.path}), [this](const Reply& reply) {
+      if (!reply.ok()) {
+        fail(reply, std::string("read ") + proof_.path);
+        return;
+      }
+      before_ = identity(reply);
+      act();
+    });
+  }
+
+ private:
+  void act() {
+    ask(request({proof_.task}), [this](const Reply& reply) {
+      // What an answered "reboot" carries is the status of the task before it.
+      if (reply.broken && !(wait_ && reply.broken->fault == Fault::lost)) {
+        fail(*reply.broken);
+      } else if (!wait_) {
+        succeed();
+      } else {
+        watch();
+      }
+    });
+  }
+
+  void watch() {
+    begin_ = Clock::now();
+    Limits limits = device().limits();
+    limits.connect = std::min(limits.connect, kPollConnect);
+    limits.silence = std::min(limits.silence, kPollSilence);
+    poller_ = std::make_unique<Device>(loop(), device().target(), limits);
+    poll();
+  }
+
+  void poll() {
+    poller_->ask(request({"read", proof_.path}), [this](const Reply& reply) { look(reply); });
+  }
+
+  void look(const Reply& reply) {
+    const bool different = reply.ok() && identity(reply) != before_;
+    if (down_ < 0 && (reply.broken || different)) {
+      down_ = seconds();
+    }
+    if (different) {
+      back();
+    } else if (down_ < 0 && seconds() > proof_.downLimit) {
+      late("it did not go down", proof_.downLimit);
+    } else if (down_ >= 0 && seconds() - down_ > proof_.upLimit) {
+      late(reply.ok() ? std::string("it answers, but its ") + proof_.name + " is the old one"
+                      : "it did not come back",
+           proof_.upLimit);
+    } else {
+      // A fresh connection each time: an old one may belong to what is going down.
+      timer_ = loop().after(kPollPause, [this] {
+        poller_->abandon();
+        poll();
+      });
+    }
+  }
+
+  void back() {
+    const double up = seconds();
+    char text[160];
+    std::snprintf(text, sizeof text, "%s done: down after %.1f s, back after %.1f s (new %s)",
+                  proof_.task, down_, up, proof_.name);
+    report().line(text);
+    report().result()["down_s"] = down_;
+    report().result()["back_s"] = up;
+    succeed();
+  }
+
+  void late(const std::string& what, double limit) {
+    char text[64];
+    std::snprintf(text, sizeof text, " within %.0f s", limit);
+    fail({Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
+  }
+
+  [[nodiscard]] std::string identity(const Reply& reply) const {
+    return std::string(proof_.task) == "restart" ? startOf(reply.output) : reply.output;
+  }
+
+  [[nodiscard]] double seconds() const {
+    return std::chrono::duration<double>(Clock::now() - begin_).count();
+  }
+
+  const Proof proof_;
+  const bool wait_;
+  std::string before_;
+  Clock::time_point begin_;
+  double down_ = -1;
+  std::unique_ptr<Device> poller_;
+  Loop::Timer timer_;
+};
+
+class RestartCommand : public Command {
+ public:
+  RestartCommand(const Proof& proof, const char* help) : Command(proof.task, help), proof_(proof) {}
+
+  void define(CLI::App& app) override {
+    app.add_flag("--wait", wait_, "until it is proven that it happened");
+    app.add_option("--down-timeout", proof_.downLimit, "time for going down")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->type_name("S");
+    app.add_option("--up-timeout", proof_.upLimit, "time for coming back")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->type_name("S");
+  }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    return std::make_unique<RestartJob>(std::move(context), proof_, wait_);
+  }
+
+  [[nodiscard]] bool takesAway() const override { return true; }
+  [[nodiscard]] bool oneAtATime() const override { return true; }
+
+ private:
+  Proof proof_;
+  bool wait_ = false;
+};
+
+}  // namespace
+
+void addRestartCommands(Commands& commands) {
+  commands.push_back(std::make_unique<RestartCommand>(
+      Proof{"reboot", "/proc/sys/kernel/random/boot_id", "boot_id", 60, 300},
+      "reboot the device, one after the other unless -j is given"));
+  // A program that reads /proc/self reads about itself, and the program is the daemon.
+  commands.push_back(std::make_unique<RestartCommand>(
+      Proof{"restart", "/proc/self/stat", "process", 30, 60},
+      "have the daemon end, to be started again by its supervisor"));
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: Apache-2.0
+// Every task of the daemon under its own name, with its own arguments and its answer as it is.
+#include <cstddef>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "client/read_input.h"
+#include "commands/command.h"
+
+namespace zell::ctl {
+namespace {
+
+enum class Answer { status, text };
+
+struct TaskRow {
+  const char* name;
+  const char* help;
+  std::vector<const char*> parameters;
+  Answer answer;
+  bool takesAway = false;
+};
+
+// exec, stat, lstat, reboot and restart have commands of their own, which do more.
+const std::vector<TaskRow>& rows() {
+  static const std::vector<TaskRow> kRows = {
+      {"access",
+       "test a path for access: MODE is 4 read + 2 write + 1 execute, 0 existence",
+       {"PATH", "MODE"},
+       Answer::status},
+      {"append",
+       "add DATA to the end of a file ('-': standard input)",
+       {"PATH", "DATA"},
+       Answer::status},
+      {"blinkleds", "blink the LEDs: off, on, slow, fast or alternate", {"STYLE"}, Answer::status},
+      {"changeleds",
+       "switch the two LEDs: 1 is on, anything else off",
+       {"FIRST", "SECOND"},
+       Answer::status},
+      {"chmodx", "make a file executable for everybody", {"PATH"}, Answer::status},
+      {"devicetype", "the kind of device", {}, Answer::text},
+      {"fileexists", "test whether a path exists", {"PATH"}, Answer::status},
+      {"freeblocks", "free blocks of the file system that holds a path", {"PATH"}, Answer::text},
+      {"hostid", "the device's host identifier", {}, Answer::text},
+      {"kill",
+       "end the program that this connection left in the background",
+       {},
+       Answer::status,
+       true},
+      {"processrunning", "test whether a process of this name runs", {"NAME"}, Answer::status},
+      {"read", "the content of a file", {"PATH"}, Answer::text},
+      {"readdir", "the names in a folder, in the task's own form", {"PATH"}, Answer::text},
+      {"realpath", "the canonical form of a path", {"PATH"}, Answer::text},
+      {"rename", "rename a file or folder", {"FROM", "TO"}, Answer::status, true},
+      {"unlink", "remove a file", {"PATH"}, Answer::status, true},
+      {"updateumstate",
+       "record the update manager's state TEXT under KEY",
+       {"KEY", "TEXT"},
+       Answer::status},
+      {"wait",
+       "wait for the program that this connection left in the background",
+       {},
+       Answer::status},
+      {"walktree", "everything below a folder, in the task's own form", {"PATH"}, Answer::text},
+      {"write",
+       "replace a file's content by DATA ('-': standard input)",
+       {"PATH", "DATA"},
+       Answer::status},
+  };
+  return kRows;
+}
+
+// The arguments that are paths on the device: relative ones start from the shell's folder.
+bool isPath(const std::string& parameter) {
+  return parameter == "PATH" || parameter == "FROM" || parameter == "TO";
+}
+
+// Texts that end in no newline get one on a terminal, where the next prompt would follow them.
+bool wantsNewline(const Report& report, const std::string& text) {
+  return report.style().outTerminal && !text.empty() && text.back() != '\n';
+}
+
+class TaskJob : public Job {
+ public:
+  TaskJob(JobContext context, const TaskRow& row, std::vector<std::string> words)
+      : Job(std::move(context)), row_(row), words_(std::move(words)) {}
+
+  void start() override {
+    std::vector<std::string> args{row_.name};
+    args.insert(args.end(), words_.begin(), words_.end());
+    ask(request(args), [this](const Reply& reply) { show(reply); });
+  }
+
+ private:
+  void show(const Reply& reply) {
+    if (!reply.broken && row_.answer == Answer::text) {
+      putBytes(report().result(), "output", reply.output);
+      // What was gathered before a failure is shown too; the text made of nothing is not.
+      if (reply.ok() || std::string(row_.name) == "walktree") {
+        report().bytes(lines(reply.output));
+      }
+    }
+    if (reply.ok()) {
+      succeed();
+    } else {
+      const bool program = !reply.broken && std::string(row_.name) == "wait";
+      finish({program ? reply.exitStatus() : failureStatus(reply), reply.error(about())});
+    }
+  }
+
+  // One value a line, for those that answer with one value.
+  [[nodiscard]] std::string lines(const std::string& text) {
+    const bool value = words_.empty() || std::string(row_.name) == "freeblocks" ||
+                       std::string(row_.name) == "realpath";
+    return text + (value || wantsNewline(report(), text) ? "\n" : "");
+  }
+
+  static int failureStatus(const Reply& reply) {
+    return reply.broken ? reply.exitStatus() : kExitTaskFailed;
+  }
+
+  [[nodiscard]] std::string about() const {
+    return words_.empty() ? row_.name : std::string(row_.name) + " " + words_[0];
+  }
+
+  const TaskRow& row_;
+  const std::vector<std::string> words_;
+};
+
+class TaskCommand : public Command {
+ public:
+  explicit TaskCommand(const TaskRow& row)
+      : Command(row.name, row.help), row_(row), words_(row.parameters.size()) {}
+
+  void define(CLI::App& app) override {
+    for (std::size_t i = 0; i < words_.size(); ++i) {
+      app.add_option(row_.parameters[i], words_[i])->required();
+    }
+  }
+
+  std::string check(const Settings& settings) override {
+    (void)settings;
+    const bool data = words_.size() == 2 && std::string(row_.parameters[1]) == "DATA";
+    return data && words_[1] == "-" ? readInput(words_[1]) : "";
+  }
+
+  std::unique_ptr<Job> job(JobContext context) override {
+    std::vector<std::string> words = words_;
+    for (std::size_t i = 0; i < words.size(); ++i) {
+      words[i] = isPath(row_.parameters[i]) ? context.settings.remote(words[i]) : words[i];
+    }
+    return std::make_unique<TaskJob>(std::move(context), row_, std::move(words));
+  }
+
+  [[nodiscard]] bool takesAway() const override { return row_.takesAway; }
+
+ private:
+  const TaskRow& row_;
+  std::vector<std::string> words_;
+};
+
+}  // namespace
+
+void addTaskCommands(Commands& commands) {
+  for (const TaskRow& row : rows()) {
+    commands.push_back(std::make_unique<TaskCommand>(row));
+  }
+}
+
+}  // namespace zell::ctl

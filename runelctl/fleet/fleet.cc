@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fleet/fleet.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <optional>
+#include <utility>
+
+#include "fleet/waves.h"
+
+namespace zell::ctl {
+namespace {
+
+// Between two attempts, for each attempt so far.
+constexpr Milliseconds kRetryPause{500};
+
+}  // namespace
+
+// One device in the run.
+struct Fleet::Member {
+  Target target;
+  std::unique_ptr<Device> own;
+  Device* device = nullptr;
+  std::optional<Report> report;
+  std::unique_ptr<Job> job;
+  std::optional<Outcome> outcome;
+  Loop::Timer deadline;
+  Loop::Timer pause;
+  int attempts = 0;
+  bool succeeded = false;
+};
+
+Fleet::Fleet(Loop& loop, const Settings& settings, Command& command, Printer& printer,
+             const Style& style)
+    : loop_(loop), settings_(settings), command_(command), printer_(printer), style_(style) {
+  for (const Target& target : settings.targets) {
+    members_.push_back(std::make_unique<Member>());
+    members_.back()->target = target;
+  }
+  // The text was checked with the other options.
+  (void)parseWaves(settings.wave, members_.size(), waves_);
+  waveEnd_ = waves_.empty() ? 0 : waves_.front();
+}
+
+Fleet::~Fleet() {
+  for (const auto& member : members_) {
+    drop(*member);
+  }
+}
+
+std::size_t Fleet::parallel() const {
+  if (command_.oneAtATime() && !settings_.jobsGiven) {
+    return 1;
+  }
+  return static_cast<std::size_t>(settings_.jobs);
+}
+
+bool Fleet::stopEarly() const {
+  return cancelled_ != 0 || (settings_.failFast && failed_ > 0);
+}
+
+int Fleet::run() {
+  startSome();
+  while (running_ > 0 || (next_ < waveEnd_ && !stopEarly())) {
+    loop_.turn(Milliseconds(1000));
+    showProgress(false);
+  }
+  printer_.statusLine().clear();
+  printer_.flush();
+  int status = cancelled_;
+  for (const Finished& end : ends_) {
+    status = std::max(status, end.outcome.status);
+  }
+  return status;
+}
+
+void Fleet::startSome() {
+  while (running_ < parallel() && next_ < waveEnd_ && !stopEarly()) {
+    ++running_;
+    start(*members_[next_++]);
+  }
+}
+
+void Fleet::start(Member& member) {
+  ++member.attempts;
+  member.outcome.reset();
+  member.report.emplace(style_);
+  if (members_.size() == 1 && settings_.retry == 0) {
+    member.report->stream = [this](std::string_view bytes) { printer_.stream(bytes); };
+  }
+  if (members_.size() == 1 && printer_.statusLine().enabled()) {
+    member.report->onProgress = [this](const Progress& progress) {
+      printer_.statusLine().show(bar_.text(progress, terminalColumns()));
+    };
+  }
+  if (lent_ == nullptr) {
+    member.own = std::make_unique<Device>(loop_, member.target, settings_.limits());
+  }
+  member.device = lent_ != nullptr ? lent_ : member.own.get();
+  if (settings_.dryRun) {
+    member.device->setDryRun([&member](const Target& target, const std::string& payload) {
+      member.report->line(forPeople(target.name) + " <- " + cutTo(forPeople(payload), 400));
+      Json object{{"entry", "frame"}};
+      putBytes(object, "payload", payload);
+      member.report->entry(object);
+    });
+  }
+  arm(member);
+  member.job =
+      command_.job({loop_, *member.device, *member.report, settings_,
+                    [this, &member](Outcome outcome) { done(member, std::move(outcome)); }});
+  member.job->start();
+  if (settings_.dryRun) {
+    done(member, {});
+  }
+}
+
+void Fleet::arm(Member& member) {
+  if (settings_.deadline > 0) {
+    const auto limit = static_cast<Milliseconds::rep>(std::lround(settings_.deadline * 1000));
+    member.deadline = loop_.after(Milliseconds(limit), [this, &member] {
+      const Error error{Fault::timedOut, "not done within its deadline", "", ETIMEDOUT};
+      done(member, {exitStatusOf(error), error});
+    });
+  }
+}
+
+// The job that calls this is still on the stack: it ends at the next turn.
+void Fleet::done(Member& member, Outcome outcome) {
+  if (member.outcome) {
+    return;
+  }
+  member.outcome = std::move(outcome);
+  loop_.next([this, &member] { settle(member); });
+}
+
+void Fleet::drop(Member& member) {
+  loop_.cancel(member.deadline);
+  loop_.cancel(member.pause);
+  if (member.device != nullptr && member.device->waiting() > 0) {
+    member.device->abandon();  // its handlers belong to the job
+  }
+  member.job.reset();
+  member.own.reset();
+  member.device = nullptr;
+}
+
+bool Fleet::again(Member& member) {
+  const auto& error = member.outcome->error;
+  if (!error || !error->retry() || member.attempts > settings_.retry || cancelled_ != 0) {
+    return false;
+  }
+  member.pause = loop_.after(kRetryPause * member.attempts, [this, &member] { start(member); });
+  return true;
+}
+
+void Fleet::settle(Member& member) {
+  drop(member);
+  if (again(member)) {
+    return;
+  }
+  --running_;
+  member.succeeded = member.outcome->status == 0;
+  failed_ += member.succeeded ? 0 : 1;
+  ends_.push_back({member.target.name, *member.outcome});
+  printer_.finished(ends_.back(), *member.report);
+  member.report.reset();
+  if (running_ == 0 && next_ == waveEnd_) {
+    endWave();
+  }
+  startSome();
+  showProgress(running_ == 0);
+}
+
+// The next wave starts when this one succeeded.
+void Fleet::endWave() {
+  if (wave_ + 1 >= waves_.size()) {
+    return;
+  }
+  if (failed_ > static_cast<std::size_t>(settings_.maxFail)) {
+    printer_.note("stopped after wave " + std::to_string(wave_ + 1) + ": " +
+                  countText(failed_, "device") + " failed");
+    return;
+  }
+  ++wave_;
+  waveEnd_ += waves_[wave_];
+}
+
+void Fleet::cancel(int status) {
+  cancelled_ = status;
+  const Error error{Fault::cancelled, "given up: interrupted", "", 0};
+  for (const auto& member : members_) {
+    if (member->device != nullptr) {
+      done(*member, {status, error});
+    } else if (member->pause.id != 0 && member->outcome) {
+      loop_.cancel(member->pause);
+      loop_.next([this, held = member.get()] { settle(*held); });
+    }
+  }
+}
+
+void Fleet::showProgress(bool now) {
+  if (members_.size() == 1) {
+    return;
+  }
+  const std::size_t waiting = members_.size() - ends_.size() - running_;
+  printer_.statusLine().show(std::to_string(ends_.size() - failed_) + " done, " +
+                                 std::to_string(failed_) + " failed, " + std::to_string(running_) +
+                                 " running, " + std::to_string(waiting) + " waiting",
+                             now);
+}
+
+std::vector<Target> Fleet::unfinished() const {
+  std::vector<Target> targets;
+  for (const auto& member : members_) {
+    if (!member->succeeded) {
+      targets.push_back(member->target);
+    }
+  }
+  return targets;
+}
+
+}  // namespace zell::ctl

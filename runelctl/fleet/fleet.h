@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// Runs one command on many devices at once, in one loop.
+#ifndef ZELL_RUNELCTL_FLEET_FLEET_H_
+#define ZELL_RUNELCTL_FLEET_FLEET_H_
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/device.h"
+#include "client/loop.h"
+#include "commands/command.h"
+#include "fleet/printer.h"
+
+namespace zell::ctl {
+
+class Fleet {
+ public:
+  Fleet(Loop& loop, const Settings& settings, Command& command, Printer& printer,
+        const Style& style);
+  ~Fleet();
+  Fleet(const Fleet&) = delete;
+  Fleet& operator=(const Fleet&) = delete;
+
+  /// Uses @p device, and the connection that it may have, for its target.
+  void lend(Device& device) { lent_ = &device; }
+  /// Does all of it and gives the exit status: the highest of the devices'.
+  [[nodiscard]] int run();
+  /// Gives up what runs, leaves out what does not, and has `run` return @p status.
+  void cancel(int status);
+
+  [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
+  /// Targets that did not succeed, in their order.
+  [[nodiscard]] std::vector<Target> unfinished() const;
+
+ private:
+  struct Member;
+
+  void startSome();
+  void start(Member& member);
+  void arm(Member& member);
+  void done(Member& member, Outcome outcome);
+  void settle(Member& member);
+  bool again(Member& member);
+  void drop(Member& member);
+  void endWave();
+  void showProgress(bool now);
+  [[nodiscard]] std::size_t parallel() const;
+  [[nodiscard]] bool stopEarly() const;
+
+  Loop& loop_;
+  const Settings& settings_;
+  Command& command_;
+  Printer& printer_;
+  const Style& style_;
+  Device* lent_ = nullptr;
+  std::vector<std::unique_ptr<Member>> members_;
+  std::vector<std::size_t> waves_;
+  std::size_t waveEnd_ = 0;  // members before this may start
+  std::size_t wave_ = 0;
+  std::size_t next_ = 0;
+  std::size_t running_ = 0;
+  std::size_t failed_ = 0;
+  int cancelled_ = 0;
+  std::vector<Finished> ends_;
+  ProgressBar bar_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_FLEET_FLEET_H_

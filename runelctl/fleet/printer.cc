@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "fleet/printer.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <unistd.h>
+
+namespace zell::ctl {
+namespace {
+
+constexpr int kJsonVersion = 1;
+
+Json opening(const std::string& device, const std::string& task) {
+  Json object;
+  object["v"] = kJsonVersion;
+  putBytes(object, "device", device);
+  object["task"] = task;
+  return object;
+}
+
+std::string dump(const Json& object) {
+  // Every string in it was checked to be UTF-8 or put as base64.
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) {
+    text += (text.empty() ? "" : ", ") + name;
+  }
+  return text;
+}
+
+struct Tally {
+  std::size_t ok = 0, failed = 0, timedOut = 0, unreachable = 0;
+};
+
+Tally count(const std::vector<Finished>& ends) {
+  Tally tally;
+  for (const Finished& end : ends) {
+    const auto& error = end.outcome.error;
+    if (end.outcome.status == 0) {
+      ++tally.ok;
+    } else if (error && error->fault == Fault::timedOut) {
+      ++tally.timedOut;
+    } else if (error && error->fault == Fault::unreachable) {
+      ++tally.unreachable;
+    } else {
+      ++tally.failed;
+    }
+  }
+  return tally;
+}
+
+}  // namespace
+
+Json closingObject(const std::string& device, const std::string& task, const Outcome& outcome,
+                   const Report& report) {
+  Json object = opening(device, task);
+  object["ok"] = outcome.status == 0;
+  object["status"] = outcome.status;
+  if (outcome.error) {
+    object["where"] = outcome.error->where();
+    object["retry"] = outcome.error->retry();
+    putBytes(object, "error", outcome.error->what);
+    if (outcome.error->number != 0) {
+      object["errno"] = outcome.error->number;
+    }
+    if (!outcome.error->hint.empty()) {
+      putBytes(object, "hint", outcome.error->hint);
+    }
+  }
+  for (const std::string& warning : report.warnings()) {
+    Json text = Json::object();
+    putBytes(text, "text", warning);
+    object["warnings"].push_back(text);
+  }
+  object.update(report.result());
+  return object;
+}
+
+Printer::Printer(const Style& style, Arrange arrange, std::string task, bool many)
+    : style_(style), arrange_(arrange), task_(std::move(task)), many_(many), statusLine_(style) {}
+
+void Printer::out(std::string_view bytes) {
+  statusLine_.clear();
+  if (!writeAll(STDOUT_FILENO, bytes)) {
+    // Nobody can be told on standard output any more; a closed pipe ends us by its signal.
+    err("runelctl: standard output: " + systemText(errno));
+    _exit(kExitTaskFailed);
+  }
+}
+
+void Printer::err(const std::string& line) {
+  statusLine_.clear();
+  (void)writeAll(STDERR_FILENO, line + "\n");  // there is no other place to complain
+}
+
+void Printer::stream(std::string_view bytes) {
+  out(bytes);
+}
+
+void Printer::finished(const Finished& end, const Report& report) {
+  if (style_.json) {
+    printJson(end, report);
+    return;
+  }
+  printText(end.device, report.text());
+  for (const std::string& warning : report.warnings()) {
+    printWarning(end.device, warning);
+  }
+  if (end.outcome.error) {
+    printError(end.device, *end.outcome.error);
+  }
+}
+
+void Printer::printJson(const Finished& end, const Report& report) {
+  std::string lines;
+  for (const Json& entry : report.entries()) {
+    Json object = opening(end.device, task_);
+    object.update(entry);
+    lines += dump(object);
+  }
+  out(lines + dump(closingObject(end.device, task_, end.outcome, report)));
+}
+
+void Printer::printText(const std::string& device, const std::string& text) {
+  if (!many_ || text.empty()) {
+    out(text);
+  } else if (arrange_ == Arrange::prefix) {
+    printPrefixed(device, text);
+  } else if (arrange_ == Arrange::group) {
+    out("== " + style_.name(device) + "\n" + text + (text.back() == '\n' ? "" : "\n"));
+  } else {
+    hold(device, text);
+  }
+}
+
+void Printer::printPrefixed(const std::string& device, const std::string& text) {
+  std::string lines;
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    lines += style_.name(device) + ": " + text.substr(begin, end - begin) + "\n";
+    begin = end + 1;
+  }
+  out(lines);
+}
+
+void Printer::hold(const std::string& device, const std::string& text) {
+  const auto same = std::find_if(groups_.begin(), groups_.end(),
+                                 [&](const Group& group) { return group.text == text; });
+  if (same != groups_.end()) {
+    same->devices.push_back(style_.name(device));
+  } else {
+    groups_.push_back({text, {style_.name(device)}});
+  }
+}
+
+void Printer::flush() {
+  for (const Group& group : groups_) {
+    const std::string count =
+        group.devices.size() == 1 ? "" : " (" + countText(group.devices.size(), "device") + ")";
+    out("== " + joined(group.devices) + count + "\n" + group.text +
+        (group.text.back() == '\n' ? "" : "\n"));
+  }
+  groups_.clear();
+}
+
+void Printer::printWarning(const std::string& device, const std::string& text) {
+  err("runelctl: " + forPeople(device) + ": " + forPeople(text));
+}
+
+void Printer::printError(const std::string& device, const Error& error) {
+  const std::string hint = error.hint.empty() ? "" : " (" + forPeople(error.hint) + ")";
+  err("runelctl: " + forPeople(device) + ": " + style_.red(forPeople(error.what)) + hint);
+}
+
+void Printer::note(const std::string& text) {
+  if (!style_.quiet && !style_.json) {
+    err("runelctl: " + forPeople(text));
+  }
+}
+
+void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
+  const Tally tally = count(ends);
+  if (style_.json && many_) {
+    Json object;
+    object["v"] = kJsonVersion;
+    object["task"] = task_;
+    object["summary"] = {{"ok", tally.ok},
+                         {"failed", tally.failed},
+                         {"timed_out", tally.timedOut},
+                         {"unreachable", tally.unreachable},
+                         {"skipped", skipped}};
+    out(dump(object));
+  } else if (many_) {
+    note(countText(ends.size() + skipped, "device") + ": " + std::to_string(tally.ok) + " ok, " +
+         std::to_string(tally.failed) + " failed, " + std::to_string(tally.timedOut) +
+         " timed out, " + std::to_string(tally.unreachable) + " unreachable" +
+         (skipped == 0 ? "" : ", " + std::to_string(skipped) + " not tried"));
+  }
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,178 @@
+# SPDX-License-Identifier: Apache-2.0
+"""runelctl as users run it, and peers that are no devices, or bad ones."""
+import contextlib
+import dataclasses
+import json
+import os
+import pty
+import select
+import socket
+import subprocess
+import threading
+import time
+
+from support.case import EndToEndCase
+from support.daemon import sanitizer_options
+from support.wait import PATIENCE
+
+BINARY = os.environ.get("RUNELCTL_BIN", "")
+
+
+@dataclasses.dataclass(frozen=True)
+class Result:
+    status: int
+    out: bytes
+    err: bytes
+
+    @property
+    def text(self):
+        return self.out.decode()
+
+    @property
+    def errors(self):
+        return self.err.decode().splitlines()
+
+    @property
+    def objects(self):
+        """The lines of a run with --json."""
+        return [json.loads(line) for line in self.out.decode().splitlines()]
+
+
+class CtlCase(EndToEndCase):
+    """Runs the binary; each run ends in time and leaves no report of a sanitizer."""
+
+    def environment(self, extra=None):
+        clean = {name: value for name, value in os.environ.items()
+                 if name not in ("NO_COLOR", "XDG_RUNTIME_DIR") and not name.startswith("RUNELCTL")}
+        return {**clean, "HOME": self.folder, "TZ": "UTC", "XDG_RUNTIME_DIR": self.folder,
+                **sanitizer_options(self.folder), **(extra or {})}
+
+    def start(self, *words, stdin=subprocess.DEVNULL, env=None, **options):
+        """Starts it with pipes on standard output and standard error."""
+        assert os.path.isabs(BINARY), "RUNELCTL_BIN must name the binary"
+        streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+        process = subprocess.Popen([BINARY, *words], stdin=stdin, env=self.environment(env),
+                                   cwd=self.folder, **streams)
+        self.addCleanup(self._end, process)
+        return process
+
+    @staticmethod
+    def _end(process):
+        if process.poll() is None:
+            process.kill()
+        process.wait()
+        for stream in (process.stdin, process.stdout, process.stderr):
+            if stream:
+                stream.close()
+
+    def ctl(self, *words, feed=None, env=None, timeout=PATIENCE):
+        """One run from start to end."""
+        stdin = subprocess.PIPE if feed is not None else subprocess.DEVNULL
+        process = self.start(*words, stdin=stdin, env=env)
+        out, err = process.communicate(feed, timeout=timeout)
+        return Result(process.returncode, out, err)
+
+    def succeed(self, *words, **options):
+        """A run that must succeed without a word on standard error."""
+        result = self.ctl(*words, **options)
+        self.assertEqual((result.status, result.err), (0, b""), (words, result.out[-500:]))
+        return result
+
+    def on_terminal(self, *words, typed=b"", columns=80, env=None, until=None, timeout=PATIENCE):
+        """A run with a terminal on all three; gives its status and all that was shown."""
+        master, slave = pty.openpty()
+        with contextlib.suppress(OSError):
+            import fcntl
+            import struct
+            import termios
+            fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
+        process = subprocess.Popen([BINARY, *words], stdin=slave, stdout=slave, stderr=slave,
+                                   env=self.environment({"TERM": "xterm", **(env or {})}),
+                                   cwd=self.folder, start_new_session=True)
+        os.close(slave)
+        self.addCleanup(self._end, process)
+        shown = bytearray()
+        deadline = time.monotonic() + timeout
+        typed = list(typed) if isinstance(typed, (list, tuple)) else [(b"", typed)]
+        while time.monotonic() < deadline:
+            while typed and typed[0][0] in shown:
+                os.write(master, typed.pop(0)[1])
+            ready, _, _ = select.select([master], [], [], 0.05)
+            if ready:
+                try:
+                    part = os.read(master, 65536)
+                except OSError:
+                    break
+                if not part:
+                    break
+                shown += part
+            elif process.poll() is not None:
+                break
+        os.close(master)
+        return process.wait(PATIENCE), bytes(shown)
+
+    def odd_peer(self, serve, address="127.0.0.1", port=0):
+        """A listener that has @p serve deal with each connection; its address and port."""
+        return OddPeer(self, serve, address, port).where
+
+
+class OddPeer:
+    """Accepts in a thread and serves each connection in one of its own."""
+
+    def __init__(self, case, serve, address, port):
+        self.serve = serve
+        self.connections = []
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind((address, port))
+        self.listener.listen(512)
+        self.where = f"{address}:{self.listener.getsockname()[1]}"
+        case.addCleanup(self.close)
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        with contextlib.suppress(OSError):
+            while True:
+                connected, _ = self.listener.accept()
+                self.connections.append(connected)
+                threading.Thread(target=self._serve, args=(connected,), daemon=True).start()
+
+    def _serve(self, connected):
+        with contextlib.suppress(OSError):
+            self.serve(connected)
+
+    def close(self):
+        self.listener.close()
+        for connected in self.connections:
+            connected.close()
+
+
+def hang(connected):
+    """Reads and never answers."""
+    while connected.recv(65536):
+        pass
+
+
+def reply(output=b"", fields=(0, 0, 0, 0, 0)):
+    """One framed answer."""
+    record = b"SlaveTask 0 0 %d:%s %d %d %d %d %d" % (len(output), output, *fields)
+    return b"\x01%d\x02%s" % (len(record), record)
+
+
+def answer_each(*answers):
+    """Sends the next of @p answers for each packet that comes, the last one again and again."""
+    def serve(connected):
+        left = list(answers)
+        while connected.recv(65536):
+            connected.sendall(left.pop(0) if len(left) > 1 else left[0])
+    return serve
+
+
+def say(*parts):
+    """Sends @p parts at the first packet and closes."""
+    def serve(connected):
+        connected.recv(65536)
+        for part in parts:
+            connected.sendall(part)
+        connected.close()
+    return serve

@@ -1,0 +1,318 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Every task and every command on one device."""
+import base64
+import json
+import os
+import signal
+import stat
+import threading
+import unittest
+
+from support.ctl import CtlCase
+from support.wait import PATIENCE
+from support.wire import request
+
+
+class OneDevice(CtlCase):
+    def setUp(self):
+        super().setUp()
+        self.running = self.daemon()
+
+    def fails(self, words, status, pattern):
+        result = self.ctl(*words)
+        self.assertEqual(result.status, status, result.err)
+        self.assertEqual(len(result.errors), 1, result.errors)
+        self.assertRegex(result.errors[0], pattern)
+        return result
+
+
+class Tasks(OneDevice):
+    def test_every_task_is_a_subcommand_under_its_own_name(self):
+        shown = self.succeed("--help").text
+        for task in ("access", "append", "blinkleds", "changeleds", "chmodx", "devicetype", "exec",
+                     "fileexists", "freeblocks", "hostid", "kill", "lstat", "processrunning",
+                     "read", "readdir", "realpath", "reboot", "rename", "restart", "stat", "unlink",
+                     "updateumstate", "wait", "walktree", "write"):
+            self.assertRegex(shown, rf"(?m)^  {task} ")
+            self.assertIn("Usage: runelctl " + task, self.succeed(task, "--help").text)
+
+    def test_status_tasks_answer_by_their_exit_status_alone(self):
+        path = self.file("a", b"x")
+        for words in (("fileexists", path), ("access", path, "4"), ("append", path, "y"),
+                      ("chmodx", path), ("rename", path, self.path("b")),
+                      ("write", path, "new"), ("updateumstate", "key", "state"),
+                      ("processrunning", "runeld"), ("unlink", path)):
+            self.assertEqual(self.succeed(*words).out, b"", words)
+        self.assertEqual(self.content("b"), b"xy")
+        self.assertEqual(stat.S_IMODE(os.stat(self.path("b")).st_mode), 0o755)
+        with open("/var/lib/runeld/umstate/key", "rb") as file:
+            self.assertEqual(file.read(), b"state")
+
+    def test_text_tasks_show_their_text(self):
+        path = self.file("a", b"\x00\xff\n")
+        self.assertEqual(self.succeed("read", path).out, b"\x00\xff\n")
+        self.assertRegex(self.succeed("hostid").text, r"^\w+\n$")
+        self.assertRegex(self.succeed("devicetype").text, r"^\w+\n$")
+        self.assertRegex(self.succeed("freeblocks", "/").text, r"^\d+\n$")
+        self.assertEqual(self.succeed("realpath", self.folder + "/../").out,
+                         os.path.dirname(self.folder).encode() + b"\n")
+        os.mkdir(self.path("d"))
+        self.file("d/one")
+        self.assertEqual(self.succeed("readdir", self.path("d")).out, b"StringVec 1\n3:one\n")
+        self.assertRegex(self.succeed("walktree", self.path("d")).text, r"^d .* \.\n- .* one\n$")
+
+    def test_data_comes_from_standard_input_for_a_dash(self):
+        data = bytes(range(256)) * 300
+        self.succeed("write", self.path("a"), "-", feed=data)
+        self.succeed("append", self.path("a"), "-", feed=b"end")
+        self.assertEqual(self.content("a"), data + b"end")
+
+    def test_an_empty_argument_stays_an_empty_argument(self):
+        path = self.file("a", b"old")
+        self.succeed("write", path, "")
+        self.assertEqual(self.content("a"), b"")
+
+    def test_the_leds_are_driven(self):
+        self.fails(("blinkleds", "no-such-style"), 1, "blinkleds no-such-style: Invalid argument")
+        self.fails(("changeleds", "1", "0"), 1, "changeleds 1: No such file or directory")
+
+    def test_kill_and_wait_find_nothing_on_a_connection_of_their_own(self):
+        self.fails(("kill",), 1, "kill: No such process")
+        self.fails(("wait",), 1, "wait: No child processes")
+
+    def test_a_failed_task_is_one_line_with_the_systems_text(self):
+        missing = self.path("missing")
+        result = self.fails(("unlink", missing), 1, "No such file or directory")
+        self.assertEqual(result.errors, [f"runelctl: 127.0.0.1: unlink {missing}: "
+                                         "No such file or directory"])
+        self.assertEqual(result.out, b"")
+        self.assertEqual(self.fails(("freeblocks", missing), 1, "No such file").out, b"")
+
+
+class Programs(OneDevice):
+    def test_exec_passes_output_and_status_on(self):
+        self.assertEqual(self.succeed("exec", "--", "printf", r"a\n\000b").out, b"a\n\x00b")
+        result = self.ctl("exec", "--", "sh", "-c", "echo out; echo err >&2; exit 42")
+        self.assertEqual((result.status, result.out, result.err), (42, b"out\nerr\n", b""))
+
+    def test_exec_takes_options_of_the_program_as_its_arguments(self):
+        self.assertEqual(self.succeed("exec", "echo", "-n", "--json", "ls").out, b"--json ls")
+        self.assertEqual(self.succeed("exec", "--", "echo", "--", "x").out, b"-- x\n")
+
+    def test_exec_has_the_exit_statuses_of_env(self):
+        self.fails(("exec", "no-such-program"), 127, "no-such-program: No such file or directory")
+        self.fails(("exec", self.file("plain")), 126, "plain: Permission denied")
+        self.fails(("exec", "sh", "-c", "kill -9 $$"), 137, "sh: ended by signal 9")
+        self.fails(("exec", "--timeout", "1", "sleep", "60"), 124, "sleep: ran into its time limit")
+
+    def test_exec_in_the_background_does_not_wait(self):
+        self.succeed("exec", "--background", "sleep", "1000")
+        self.assertEqual(self.succeed("ps", "sleep").out, b"sleep runs\n")
+
+    def test_sh_runs_a_line(self):
+        self.assertEqual(self.succeed("sh", "echo $((6*7)); :").out, b"42\n")
+        self.assertEqual(self.ctl("sh", "exit 3").status, 3)
+        self.assertEqual(self.ctl("sh", "--timeout", "1", "sleep 60").status, 124)
+
+    def test_ps_answers_in_words_and_status(self):
+        self.assertEqual(self.succeed("ps", "runeld").out, b"runeld runs\n")
+        result = self.ctl("ps", "nobody-has-this")
+        self.assertEqual((result.status, result.out, result.err),
+                         (1, b"nobody-has-this does not run\n", b""))
+
+
+class Looking(OneDevice):
+    def test_cat_shows_files_one_after_the_other(self):
+        paths = [self.file("a", b"1\n"), self.file("b", b"\xff")]
+        self.assertEqual(self.succeed("cat", *paths).out, b"1\n\xff")
+        result = self.ctl("cat", paths[0], self.path("none"), paths[1])
+        self.assertEqual((result.status, result.out), (1, b"1\n\xff"))
+        self.assertEqual(len(result.errors), 1)
+
+    def test_ls_is_exact_in_a_pipe(self):
+        os.mkdir(self.path("d"))
+        names = [b"plain", b"new\nline", b"\x1b[31mred", b"\xff"]
+        for name in names:
+            with open(os.path.join(self.path("d").encode(), name), "wb"):
+                pass
+        self.assertEqual(self.succeed("ls", self.path("d")).out,
+                         b"".join(name + b"\n" for name in sorted(names)))
+        objects = self.succeed("ls", "--json", self.path("d")).objects
+        found = [base64.b64decode(one["name_base64"]) if "name_base64" in one
+                 else one["name"].encode() for one in objects[:-1]]
+        self.assertEqual(found, sorted(names))
+
+    def test_ls_escapes_names_on_a_terminal(self):
+        os.mkdir(self.path("d"))
+        with open(os.path.join(self.path("d").encode(), b"a\x1b[31m\n\xff\\"), "wb"):
+            pass
+        status, shown = self.on_terminal("ls", self.path("d"))
+        self.assertEqual((status, shown), (0, b"a\\x1b[31m\\n\\xff\\\\\r\n"))
+
+    def test_ls_in_full(self):
+        os.mkdir(self.path("d"))
+        path = self.file("d/file", b"12345")
+        os.chmod(path, 0o4751)
+        os.utime(path, (86400, 86400))
+        self.assertRegex(self.succeed("ls", "-l", self.path("d")).text,
+                         r"^-rwsr-x--x +1 +0 +0 +5 1970-01-02 00:00 file\n$")
+        self.assertRegex(self.succeed("ls", "-l", path).text, r" 5 1970-01-02 00:00 /.*/d/file\n$")
+        self.assertEqual(self.succeed("ls", path).text, path + "\n")
+        os.mkdir(self.path("d/empty"))
+        self.assertEqual(self.succeed("ls", "-l", self.path("d/empty")).out, b"")
+
+    def test_tree_shows_what_is_below(self):
+        os.makedirs(self.path("d/sub"))
+        self.file("d/sub/file", b"x" * 2048)
+        os.symlink("sub/file", self.path("d/to"))
+        self.assertEqual(self.succeed("tree", self.path("d")).text,
+                         f"{self.path('d')}/\n  sub/\n    file  2.0 KiB\n  to -> sub/file\n")
+
+    def test_df_is_made_of_freeblocks(self):
+        found = self.succeed("df", "--json", "/").objects[0]
+        about = os.statvfs("/")
+        self.assertEqual(found["block_size"], about.f_frsize)
+        self.assertAlmostEqual(found["free_blocks"], about.f_bavail, delta=about.f_bavail * 0.1 + 1000)
+        self.assertRegex(self.succeed("df").text, r"^/: \d+ blocks of \d+ bytes free, .*B\n$")
+
+    def test_stat_is_readable_and_has_the_tasks_own_line(self):
+        path = self.file("a", b"123")
+        os.symlink(path, self.path("to"))
+        self.assertRegex(self.succeed("stat", self.path("to")).text,
+                         r"type: file\n.*\(0644\)\n.*\n +size: 3 bytes")
+        self.assertIn("type: symbolic link", self.succeed("lstat", self.path("to")).text)
+        self.assertRegex(self.succeed("stat", "--raw", path).text, r"^dev=\d+ .* size=3 ")
+
+    def test_rm_and_mv(self):
+        self.file("a")
+        self.succeed("mv", self.path("a"), self.path("b"))
+        os.mkdir(self.path("d"))
+        self.succeed("mv", self.path("b"), self.path("d"))
+        self.assertTrue(os.path.exists(self.path("d/b")))
+        self.fails(("rm", self.path("d")), 1, "Is a directory")
+        self.succeed("rm", "-r", self.path("d"))
+        self.assertFalse(os.path.exists(self.path("d")))
+        self.succeed("rm", self.file("x"), self.file("y"))
+
+
+class TheDevice(OneDevice):
+    def test_info_at_a_glance(self):
+        self.assertRegex(self.succeed("info").text,
+                         r"hostid: +\w+\ndevicetype: +\w+\nkernel: +\S+\nhostname: +\S+\n"
+                         r"uptime: +\d+ days, \d\d:\d\d\nfree on /: +[\d.]+ \w+\n$")
+        found = self.succeed("info", "--json").objects
+        self.assertEqual(len(found), 1)
+        self.assertEqual(found[0]["kernel"], os.uname().release)
+
+    def test_ping_measures_round_trips(self):
+        text = self.succeed("ping", "-c", "3", "-i", "0.01").text
+        self.assertRegex(text, r"answer 3: [\d.]+ ms\n3 answers, round trip min/median/max "
+                               r"[\d.]+/[\d.]+/[\d.]+ ms\n$")
+        last = self.succeed("ping", "-c", "4", "-i", "0", "--json").objects[-1]
+        self.assertLessEqual(last["min_ms"], last["median_ms"])
+        self.assertLessEqual(last["median_ms"], last["max_ms"])
+
+    def test_raw_dumps_both_frames(self):
+        record = "SlaveTask 2 10:fileexists 1:/ 0 0: 0 0 0 0 0"
+        text = self.succeed("raw", record).text
+        self.assertIn("request, %d bytes\n00000000  01 34 34 02 53" % len(
+            request("fileexists", "/")), text)
+        self.assertIn("|.26.SlaveTask 0 |", text)
+        result = self.ctl("raw", r"SlaveTask 2 10:fileexists 1:\x00 0 0: 0 0 0 0 0")
+        self.assertEqual(result.status, 1)
+        self.fails(("raw", r"\q"), 2, "a backslash that begins nothing known")
+
+    def test_restart_ends_the_daemon(self):
+        self.succeed("restart")
+        self.assertEqual(self.running.wait(), 0)
+
+
+class ForScripts(OneDevice):
+    def test_json_is_one_object_a_line_with_version_and_outcome(self):
+        result = self.succeed("--json", "hostid")
+        self.assertEqual(len(result.objects), 1)
+        found = result.objects[0]
+        self.assertEqual((found["v"], found["device"], found["task"], found["ok"], found["status"]),
+                         (1, "127.0.0.1", "hostid", True, 0))
+        self.assertTrue(found["output"])
+
+    def test_json_says_where_it_failed_and_whether_to_try_again(self):
+        def found(*words):
+            result = self.ctl("--json", *words)
+            self.assertEqual(result.err, b"")
+            return result.objects[-1]
+
+        self.assertEqual({"where": "device", "retry": False, "errno": 2, "status": 1, "ok": False},
+                         {key: found("unlink", "/none")[key]
+                          for key in ("where", "retry", "errno", "status", "ok")})
+        one = found("exec", "sh", "-c", "echo x; exit 9")
+        self.assertEqual((one["where"], one["status"], one["output"]), ("program", 9, "x\n"))
+        one = found("-d", "127.0.0.1:1", "hostid")
+        self.assertEqual((one["where"], one["retry"], one["status"]), ("link", True, 255))
+
+    def test_json_carries_any_byte(self):
+        path = self.file("a", b"\xff\x00")
+        last = json.loads(self.succeed("--json", "read", path).out)
+        self.assertEqual(base64.b64decode(last["output_base64"]), b"\xff\x00")
+
+    def test_usage_errors_have_status_2(self):
+        self.fails((), 2, "subcommand is required")
+        self.fails(("no-such-command",), 2, "runelctl")
+        self.fails(("ls", "--no-such-option"), 2, "--no-such-option")
+        self.fails(("access", "/"), 2, "MODE is required")
+        self.fails(("--color", "blue", "hostid"), 2, "--color")
+        self.fails(("-d", "a:b", "hostid"), 2, "no port: 'b'")
+        self.fails(("-d", "", "hostid"), 2, "-d: an empty list")
+        self.fails(("--timeout", "0", "hostid"), 2, "--timeout")
+        self.fails(("exec", "--timeout", "5", "--background", "true"), 2, "excludes")
+        self.fails(("--wave", "1,x", "hostid"), 2, "--wave")
+
+    def test_the_version_is_the_projects(self):
+        self.assertRegex(self.succeed("--version").text, r"^runelctl \d+\.\d+\.\d+\n$")
+
+    def test_colours_come_on_a_terminal_or_when_asked_for(self):
+        red = b"\x1b[31m"
+        words = ("unlink", "/none")
+        self.assertNotIn(red, self.ctl(*words).err)
+        self.assertIn(red, self.ctl("--color", "always", *words).err)
+        self.assertIn(red, self.on_terminal(*words)[1])
+        self.assertNotIn(red, self.on_terminal(*words, env={"NO_COLOR": "1"})[1])
+        self.assertNotIn(red, self.on_terminal("--color", "never", *words)[1])
+
+    def test_dry_run_sends_nothing(self):
+        shown = self.succeed("--dry-run", "write", self.path("a"), "data").text
+        self.assertEqual(shown, "127.0.0.1 <- SlaveTask 3 5:write %d:%s 4:data 0 0: 0 0 0 0 0\n" %
+                         (len(self.path("a")), self.path("a")))
+        self.assertFalse(os.path.exists(self.path("a")))
+        self.assertEqual(self.succeed("--json", "-n", "hostid").objects[0]["payload"],
+                         "SlaveTask 1 6:hostid 0 0: 0 0 0 0 0")
+
+    def test_the_default_device_comes_from_the_environment(self):
+        result = self.succeed("--json", "hostid", env={"RUNELCTL_DEVICE": "127.0.0.9"})
+        self.assertEqual(result.objects[0]["device"], "127.0.0.9")
+
+    def test_a_reader_that_goes_away_ends_it_by_sigpipe(self):
+        path = self.file("big", b"x" * 4000000)
+        process = self.start("cat", path)
+        process.stdout.close()
+        self.assertEqual(process.wait(60), -signal.SIGPIPE)
+
+    def test_signals_end_it_at_once(self):
+        asked = threading.Semaphore(0)
+
+        def never_answer(connected):
+            while connected.recv(65536):
+                asked.release()
+
+        where = self.odd_peer(never_answer)
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            process = self.start("-d", where, "exec", "sleep", "5")
+            self.assertTrue(asked.acquire(timeout=PATIENCE))
+            process.send_signal(number)
+            self.assertEqual(process.wait(PATIENCE), 128 + number)
+            self.assertEqual(process.stderr.read().decode(),
+                             f"runelctl: {where}: given up: interrupted\n")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -43,11 +43,11 @@ class ByteCountProtocol {
   /// The memory that @p message had before serves a later message when it is small.
   bool recvMessage(std::string& message);
 
-  /// Sends @p payload as one frame, whole, blocking while the peer is slow to take it. A peer that
-  /// takes nothing for 30 s, or not all within 30 s and 1 s more for each MiB, is given up: logged,
-  /// the socket shut down both ways, false. The same for any other error. A payload above
-  /// kMaxFramePayload is logged and not sent.
-  bool sendMessage(std::string_view payload);
+  /// Sends @p head, @p body and @p tail together as one frame, whole, blocking while the peer is
+  /// slow to take it. A peer that takes nothing for 30 s, or not all within 30 s and 1 s more for
+  /// each MiB, is given up: logged, the socket shut down both ways, false. The same for any other
+  /// error. A payload above kMaxFramePayload is logged and not sent.
+  bool sendMessage(std::string_view head, std::string_view body = {}, std::string_view tail = {});
 
  private:
   enum class State { marker, count, payload, bad };

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <zell/byte_count_protocol.h>
@@ -34,6 +35,15 @@ class SlaveTask {
 
   /// Writes the text form to @p out.
   virtual void serialize(std::ostream& out) const;
+
+  /// The text form in three parts that follow one another. The middle one is the output where it
+  /// is, so that nobody has to copy a long one: it is valid as long as the record.
+  struct Parts {
+    std::string head;
+    std::string_view output;
+    std::string tail;
+  };
+  [[nodiscard]] Parts parts() const;
 
   /// True when @p message begins like a record.
   static bool isA(const std::string& message);

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "connections/byte_count_slave.h"
 
-#include <sstream>
-
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -12,7 +10,6 @@
 #include <zell/string_helpers.h>
 
 #include "base/log.h"
-#include "base/stream_view.h"
 
 namespace zell {
 namespace {
@@ -65,19 +62,18 @@ void ByteCountSlave::runMessage(std::string& message) {
   }
   SlaveTask task;
   (void)task.parse(std::move(message));  // a malformed one has no arguments, and is refused as such
-  std::unique_ptr<SlaveTask> reply(dispatchTask(task));
+  const std::unique_ptr<SlaveTask> reply(dispatchTask(task));
   if (reply != nullptr) {
-    send(std::move(reply));
+    send(*reply);
   }
 }
 
-// The reply is gone before its text is sent: of a large file one copy less is held while the peer
-// takes its time.
-void ByteCountSlave::send(std::unique_ptr<SlaveTask> reply) {
-  std::ostringstream text;
-  reply->serialize(text);
-  reply.reset();
-  (void)codec_->sendMessage(viewOf(text));  // a peer that is lost is dropped by the loop
+// The text goes out from where it is: of a large file no copy is held while the peer takes its
+// time.
+void ByteCountSlave::send(const SlaveTask& reply) {
+  const SlaveTask::Parts record = reply.parts();
+  // A peer that is lost is dropped by the loop.
+  (void)codec_->sendMessage(record.head, record.output, record.tail);
 }
 
 }  // namespace zell

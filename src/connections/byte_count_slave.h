@@ -47,7 +47,7 @@ class ByteCountSlave : public RunelConnection {
   static const TaskRow* findTask(const std::string& name);
 
   void runMessage(std::string& message);
-  void send(std::unique_ptr<SlaveTask> reply);
+  void send(const SlaveTask& reply);
 
   // tasks/replies.cc: a reply carries what the proxy says of the operation that it ran last.
   SlaveTask* makeReply(std::string text);

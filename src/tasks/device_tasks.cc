@@ -35,7 +35,8 @@ SlaveTask* ByteCountSlave::runHostId(const SlaveTask& /*task*/) {
 // The acknowledgement leaves before the device goes down, and once. The daemon stops also when the
 // reboot fails: the master has been told that it will.
 SlaveTask* ByteCountSlave::runReboot(const SlaveTask& /*task*/) {
-  send(std::unique_ptr<SlaveTask>(makeReply(true)));
+  const std::unique_ptr<SlaveTask> reply(makeReply(true));
+  send(*reply);
   (void)proxy_->reboot();
   stopRequested_ = true;
   return nullptr;

@@ -185,7 +185,9 @@ void ByteCountProtocol::dropSpareSlots() {
   slots_.shrink_to_fit();
 }
 
-bool ByteCountProtocol::sendMessage(std::string_view payload) {
+bool ByteCountProtocol::sendMessage(std::string_view head, std::string_view body,
+                                    std::string_view tail) {
+  const FramePayload payload{head, body, tail};
   if (payload.size() > kMaxFramePayload) {
     const auto shown = std::min<std::size_t>(payload.size(), INT_MAX);
     logLine(LOG_ERR, "sendMessage: message too long, %d bytes", static_cast<int>(shown));

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
+#include <iterator>
+#include <numeric>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -32,10 +34,11 @@ std::size_t writeHead(char* head, std::size_t payload) {
 // One frame on its way: what is still to be sent of header and payload.
 class Frame {
  public:
-  explicit Frame(std::string_view payload) {
-    parts_[0] = {header_, writeHead(header_, payload.size())};
-    // The interface is older than const: nothing writes through it.
-    parts_[1] = {const_cast<char*>(payload.data()), payload.size()};
+  explicit Frame(const FramePayload& payload) {
+    parts_[0] = partOf({header_, writeHead(header_, payload.size())});
+    parts_[1] = partOf(payload.head);
+    parts_[2] = partOf(payload.body);
+    parts_[3] = partOf(payload.tail);
   }
   Frame(const Frame&) = delete;
   Frame& operator=(const Frame&) = delete;
@@ -47,7 +50,7 @@ class Frame {
   bool sendSome(int socket) {
     msghdr message{};
     message.msg_iov = parts_;
-    message.msg_iovlen = 2;
+    message.msg_iovlen = std::size(parts_);
     const ssize_t taken = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (taken < 0) {
       return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
@@ -56,9 +59,17 @@ class Frame {
     return true;
   }
 
-  [[nodiscard]] std::size_t left() const { return parts_[0].iov_len + parts_[1].iov_len; }
+  [[nodiscard]] std::size_t left() const {
+    return std::accumulate(std::begin(parts_), std::end(parts_), std::size_t{0},
+                           [](std::size_t sum, const iovec& part) { return sum + part.iov_len; });
+  }
 
  private:
+  // The interface is older than const: nothing writes through it.
+  static iovec partOf(std::string_view bytes) {
+    return {const_cast<char*>(bytes.data()), bytes.size()};
+  }
+
   void advance(std::size_t taken) {
     for (iovec& part : parts_) {
       const std::size_t step = std::min(taken, part.iov_len);
@@ -69,7 +80,7 @@ class Frame {
   }
 
   char header_[kMaxHeader];
-  iovec parts_[2];
+  iovec parts_[4];  // the header, then the payload's
 };
 
 // Waits until @p socket can take more, @p limit at most. False with errno; ETIMEDOUT when the limit
@@ -107,7 +118,7 @@ bool sendRest(int socket, Frame& frame, milliseconds stall, milliseconds whole) 
 
 }  // namespace
 
-bool sendFrame(int socket, std::string_view payload, const SendLimits& limits) {
+bool sendFrame(int socket, const FramePayload& payload, const SendLimits& limits) {
   Frame frame(payload);
   if (!frame.sendSome(socket)) {
     return false;

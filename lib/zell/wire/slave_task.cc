@@ -13,54 +13,29 @@
 namespace zell {
 namespace {
 
-// From this length on, a string goes to the stream by itself and an argument takes the message's
+// From this length on, an output goes to the stream by itself and an argument takes the message's
 // memory: below it, one more copy costs less than the care.
 constexpr std::size_t kLong = 65536;
 
 // Most replies are shorter than this.
 constexpr std::size_t kShort = 256;
 
-// Gathers the short fields of a record, so that the stream is asked for few writes.
-class RecordWriter {
- public:
-  explicit RecordWriter(std::ostream& out) : out_(out) {
-    text_.reserve(kShort);
-    text_ = kRecordName;
-  }
-  ~RecordWriter() { flush(); }
-  RecordWriter(const RecordWriter&) = delete;
-  RecordWriter& operator=(const RecordWriter&) = delete;
+template <typename Number>
+void addNumber(std::string& text, Number number) {
+  char digits[24];
+  text += ' ';
+  text.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+}
 
-  template <typename Number>
-  void number(Number value) {
-    char digits[24];
-    text_ += ' ';
-    text_.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
-  }
+// All of a string's field but its bytes.
+void addLength(std::string& text, const std::string& bytes) {
+  addNumber(text, bytes.size());
+  text += ':';
+}
 
-  void string(const std::string& bytes) {
-    number(bytes.size());
-    text_ += ':';
-    if (bytes.size() < kLong) {
-      text_ += bytes;
-    } else {
-      flush();
-      write(bytes);
-    }
-  }
-
- private:
-  void write(const std::string& bytes) {
-    out_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  }
-  void flush() {
-    write(text_);
-    text_.clear();
-  }
-
-  std::ostream& out_;
-  std::string text_;
-};
+void write(std::ostream& out, std::string_view bytes) {
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
 
 bool readStatus(RecordReader& reader, ResultStatus& status) {
   std::int32_t type = 0;
@@ -155,18 +130,34 @@ SlaveTask::SlaveTask(const std::vector<std::string>& args, int execParam, const 
 SlaveTask::~SlaveTask() = default;
 
 void SlaveTask::serialize(std::ostream& out) const {
-  RecordWriter writer(out);
-  writer.number(args_.size());
-  for (const std::string& arg : args_) {
-    writer.string(arg);
+  Parts record = parts();
+  if (record.output.size() < kLong) {
+    write(out, record.head.append(record.output).append(record.tail));
+    return;
   }
-  writer.number(execParam_);
-  writer.string(output_);
-  writer.number(static_cast<int>(status_.status));
-  writer.number(static_cast<int>(status_.state));
-  writer.number(status_.result);
-  writer.number(status_.error);
-  writer.number(status_.signal);
+  write(out, record.head);
+  write(out, record.output);
+  write(out, record.tail);
+}
+
+SlaveTask::Parts SlaveTask::parts() const {
+  Parts record;
+  record.head.reserve(kShort);
+  record.head = kRecordName;
+  addNumber(record.head, args_.size());
+  for (const std::string& arg : args_) {
+    addLength(record.head, arg);
+    record.head += arg;
+  }
+  addNumber(record.head, execParam_);
+  addLength(record.head, output_);
+  record.output = output_;
+  addNumber(record.tail, static_cast<int>(status_.status));
+  addNumber(record.tail, static_cast<int>(status_.state));
+  addNumber(record.tail, status_.result);
+  addNumber(record.tail, status_.error);
+  addNumber(record.tail, status_.signal);
+  return record;
 }
 
 bool SlaveTask::isA(const std::string& message) {

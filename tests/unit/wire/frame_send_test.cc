@@ -120,6 +120,36 @@ TEST_F(FrameSendTest, AnsweredInPiecesItSendsTheRest) {
   }
 }
 
+TEST_F(FrameSendTest, PartsThatLieApartAreOneFrame) {
+  EXPECT_TRUE(codec_.sendMessage("head ", "and body ", "and tail"));
+  EXPECT_EQ(sockets_.received(), frame("head and body and tail"));
+  EXPECT_EQ(calls_.sends, 1);
+}
+
+TEST_F(FrameSendTest, PartsMayBeEmpty) {
+  EXPECT_TRUE(codec_.sendMessage("", "body", ""));
+  EXPECT_TRUE(codec_.sendMessage("", "", "tail"));
+  EXPECT_EQ(sockets_.received(), frame("body") + frame("tail"));
+}
+
+TEST_F(FrameSendTest, PartsSentInPiecesStayInOrder) {
+  const std::string whole = frame("head and body and tail");
+  for (std::size_t most = 1; most <= whole.size(); ++most) {
+    calls_.sendAtMost = most;
+    EXPECT_TRUE(codec_.sendMessage("head ", "and body ", "and tail"));
+    EXPECT_EQ(sockets_.received(), whole) << most;
+  }
+}
+
+TEST_F(FrameSendTest, PartsThatAreTooLongTogetherAreNotSent) {
+  const HugePayload half(kMaxFramePayload / 2);
+  EXPECT_FALSE(codec_.sendMessage(half.view(), half.view(), "x"));
+  EXPECT_EQ(
+      log_.entries(),
+      (std::vector<LogEntry>{{LOG_ERR, "(PID) sendMessage: message too long, 268435457 bytes"}}));
+  EXPECT_EQ(calls_.sends, 0);
+}
+
 TEST_F(FrameSendTest, ASignalWhileSendingIsNoError) {
   calls_.sendErrors = {EINTR, EINTR};
   EXPECT_TRUE(codec_.sendMessage("text"));
@@ -225,7 +255,7 @@ TEST_F(FrameSendTest, ProgressStartsTheThirtySecondsAfresh) {
 TEST_F(FrameSendTest, APeerThatNeverReadsIsGivenUpInRealTimeToo) {
   const SendLimits limits{std::chrono::milliseconds(30), std::chrono::milliseconds(30),
                           std::chrono::milliseconds(0)};
-  EXPECT_FALSE(sendFrame(sockets_.near(), std::string(4 * kMiB, 'x'), limits));
+  EXPECT_FALSE(sendFrame(sockets_.near(), {std::string(4 * kMiB, 'x')}, limits));
   EXPECT_EQ(errno, ETIMEDOUT);
 }
 

@@ -54,6 +54,16 @@ TEST(SlaveTaskTest, WritesLongAndShortStringsInOrder) {
             "SlaveTask 3 1:a 100000:" + longOne + " 1:b 7 100000:" + longOne + " 0 0 0 0 0");
 }
 
+TEST(SlaveTaskTest, ThePartsAreTheTextAroundTheOutputWhereItIs) {
+  const SlaveTask task({"a", "b"}, 7, "the output", SlaveStatus::failure, WatchProcessState_t::none,
+                       1, 2, 0);
+  const SlaveTask::Parts parts = task.parts();
+  EXPECT_EQ(parts.head, "SlaveTask 2 1:a 1:b 7 10:");
+  EXPECT_EQ(parts.output, "the output");
+  EXPECT_EQ(parts.output.data(), task.output().data());
+  EXPECT_EQ(parts.tail, " 1 0 1 2 0");
+}
+
 TEST(SlaveTaskTest, KeepsTheFieldsItWasMadeOf) {
   const SlaveTask task({"a"}, 5, "text", SlaveStatus::running, WatchProcessState_t::running, 1, 2,
                        3);

@@ -19,6 +19,12 @@ unsigned toUnsigned(const std::string& text) {
   return value;
 }
 
+// A stream that @p bytes were written to, with one copy of them: written to an empty stream, a
+// large file would be copied anew each time the stream grows.
+std::ostringstream streamOf(const std::string& bytes) {
+  return std::ostringstream(bytes, std::ios_base::ate);
+}
+
 }  // namespace
 
 SlaveTask* ByteCountSlave::runAccess(const SlaveTask& task) {
@@ -26,8 +32,7 @@ SlaveTask* ByteCountSlave::runAccess(const SlaveTask& task) {
 }
 
 SlaveTask* ByteCountSlave::runAppend(const SlaveTask& task) {
-  std::ostringstream data;
-  data << task.args()[2];
+  const std::ostringstream data = streamOf(task.args()[2]);
   return makeReply(proxy_->appendFile(task.args()[1], data));
 }
 
@@ -86,8 +91,7 @@ SlaveTask* ByteCountSlave::runWalkTree(const SlaveTask& task) {
 }
 
 SlaveTask* ByteCountSlave::runWrite(const SlaveTask& task) {
-  std::ostringstream data;
-  data << task.args()[2];
+  const std::ostringstream data = streamOf(task.args()[2]);
   return makeReply(proxy_->writeFile(task.args()[1], data));
 }
 

@@ -110,6 +110,7 @@ void Runel::forgetHandler(int socket) {
   if (found != handlers_.end()) {
     retire(std::move(found->second));
     handlers_.erase(found);
+    ++erased_;
   }
 }
 

@@ -46,7 +46,7 @@ class Runel : public ServerBase {
   /// The address of the inbound connection on @p socket. Valid until the connection is dropped.
   const std::string& getConnectionAddress(int socket);
 
-  // A replaced agent's entry stays, with null for its handler.
+  // A replaced agent's entry stays, with null for its handler. Only forgetHandler() erases one.
   std::map<int, std::unique_ptr<RunelConnection>> handlers_;
   // The roles; each is also in handlers_, which owns it.
   ByteCountSlave* slave_ = nullptr;
@@ -87,7 +87,8 @@ class Runel : public ServerBase {
   // Handlers that were dropped while one of them was at work: it may be the one that is being
   // called. They are deleted when the call is over.
   std::vector<std::unique_ptr<RunelConnection>> retired_;
-  int busy_ = 0;  // handler calls that are under way
+  int busy_ = 0;         // handler calls that are under way
+  unsigned erased_ = 0;  // entries erased from handlers_ so far
 };
 
 }  // namespace zell

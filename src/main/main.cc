@@ -14,6 +14,7 @@
 
 #include "agent/runel.h"
 #include "base/log.h"
+#include "main/memory.h"
 #include "main/options.h"
 
 namespace zell {
@@ -56,6 +57,7 @@ int runServer(const Options& options) {
 int main(int argc, char* argv[]) {
   zell::openStandardStreams();
   zell::restoreChildSignal();
+  zell::giveMemoryBack();
   const zell::Options options =
       zell::scanOptions({argv + (argc > 0 ? 1 : 0), argv + argc}, std::cout);
   if (options.exitStatus) {

@@ -31,10 +31,11 @@ ssize_t readPiece(int fd, std::string& text) {
   return length;
 }
 
-int readToEnd(int fd, std::size_t limit, std::string& text) {
+// @p mayWait: there is more behind what can be read now, but it is not waited for.
+int readToEnd(int fd, bool mayWait, std::size_t limit, std::string& text) {
   for (;;) {
     const ssize_t length = readPiece(fd, text);
-    if (length == 0 || (length < 0 && errno == EAGAIN)) {
+    if (length == 0 || (length < 0 && errno == EAGAIN && mayWait)) {
       return 0;
     }
     if (length < 0) {
@@ -66,7 +67,7 @@ int readWholeFile(const std::string& path, std::size_t limit, std::string& text)
   }
   text.clear();
   text.reserve(size + kPiece);  // room for the read that finds the end
-  return readToEnd(file.get(), limit, text);
+  return readToEnd(file.get(), !S_ISREG(st.st_mode), limit, text);
 }
 
 }  // namespace zell

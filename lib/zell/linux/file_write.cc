@@ -27,12 +27,14 @@ bool refusesTemporaryFile(int error) {
   return refusesNewFiles(error) || error == ENOENT;
 }
 
-// Whether the file at @p place is the one that @p st is about. It is not when the kernel led there
-// by a link that is more than its text, such as /proc/self/fd/1.
-bool isAt(const FilePlace& place, const struct stat& st) {
+// Whether the file at @p place is the one that @p st is about: ENOENT when not. It is not when the
+// kernel led there by a link that is more than its text, such as /proc/self/fd/1.
+int lookAt(const FilePlace& place, const struct stat& st) {
   struct stat there {};
-  return fstatat(place.folder.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
-         there.st_dev == st.st_dev && there.st_ino == st.st_ino;
+  if (fstatat(place.folder.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno;
+  }
+  return there.st_dev == st.st_dev && there.st_ino == st.st_ino ? 0 : ENOENT;
 }
 
 Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_view data) {
@@ -52,10 +54,12 @@ Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_vi
 // @p old is null when there is no file yet.
 Attempt replace(const std::string& path, const struct stat* old, std::string_view data) {
   FilePlace place;
-  const int error = findPlace(path, place);
-  const bool elsewhere = error == ENOENT || (error == 0 && old != nullptr && !isAt(place, *old));
-  if (error != 0 || elsewhere) {
-    return {error, elsewhere || refusesNewFiles(error)};
+  int error = findPlace(path, place);
+  if (error == 0 && old != nullptr) {
+    error = lookAt(place, *old);
+  }
+  if (error != 0) {
+    return {error, error == ENOENT || refusesNewFiles(error)};
   }
   return replaceAt(place, old, data);
 }

@@ -37,7 +37,11 @@ void ProgramOutput::takeSome() {
 
 void ProgramOutput::takeRest() {
   int waiting = 0;
-  if (!reading_.valid() || ioctl(reading_.get(), FIONREAD, &waiting) != 0) {
+  if (!reading_.valid()) {
+    return;
+  }
+  if (ioctl(reading_.get(), FIONREAD, &waiting) != 0) {
+    logLine(LOG_ERR, "exec: cannot read output, %m");
     return;
   }
   auto left = static_cast<std::size_t>(waiting);
@@ -56,7 +60,10 @@ std::size_t ProgramOutput::take(std::size_t most) {
   do {
     length = read(reading_.get(), piece, most);
   } while (length < 0 && errno == EINTR);
-  if (length == 0 || (length < 0 && errno != EAGAIN)) {
+  if (length < 0 && errno != EAGAIN) {
+    logLine(LOG_ERR, "exec: cannot read output, %m");
+    reading_.reset();
+  } else if (length == 0) {
     reading_.reset();
   }
   if (length <= 0) {

@@ -15,6 +15,12 @@ BINARY = os.environ.get("RUNELD_BIN", "")
 REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
 
 
+def is_instrumented():
+    """Whether the binary is built with the address sanitizer, which keeps freed memory for a while."""
+    with open(BINARY, "rb") as binary:
+        return b"__asan_init" in binary.read()
+
+
 def sanitizer_options(folder, detect_leaks=True):
     options = f"log_path={folder}/sanitizer:halt_on_error=1:exitcode=86:print_stacktrace=1"
     return {"ASAN_OPTIONS": f"{options}:detect_leaks={int(detect_leaks)}:verify_asan_link_order=0",

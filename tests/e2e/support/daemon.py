@@ -121,12 +121,15 @@ class Daemon:
             return re.search(rf"^{name}:\s*(\S+)", about.read(), re.MULTILINE)[1]
 
     def wait_asleep(self):
-        """Waits until it has gone through a pass and sleeps in the next: it is idle for a while."""
+        """Waits until it has gone through a pass and sleeps in the next, or has ended."""
         def switches():
             return int(self._status_field("voluntary_ctxt_switches"))
+
+        def idle():
+            state = self._status_field("State")
+            return state == "Z" or (state == "S" and switches() >= before + 2)
         before = switches()
-        wait_until(lambda: switches() >= before + 2 and self._status_field("State") == "S",
-                   "the loop sleeps")
+        wait_until(idle, "the loop sleeps")
 
     def pending_signals(self):
         return int(self._status_field("SigPnd"), 16) | int(self._status_field("ShdPnd"), 16)

@@ -16,7 +16,10 @@ Commands deviceCommands() {
 }
 
 LocalCommands localCommands() {
-  return {};
+  LocalCommands commands;
+  addMasterCommands(commands);
+  addAgentCommand(commands);
+  return commands;
 }
 
 }  // namespace zell::ctl

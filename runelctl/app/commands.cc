@@ -7,6 +7,7 @@ namespace zell::ctl {
 
 Commands deviceCommands() {
   Commands commands;
+  addTransferCommands(commands);
   addFileCommands(commands);
   addProgramCommands(commands);
   addDeviceCommands(commands);
@@ -16,10 +17,7 @@ Commands deviceCommands() {
 }
 
 LocalCommands localCommands() {
-  LocalCommands commands;
-  addMasterCommands(commands);
-  addAgentCommand(commands);
-  return commands;
+  return {};
 }
 
 }  // namespace zell::ctl

@@ -17,7 +17,10 @@ Commands deviceCommands() {
 }
 
 LocalCommands localCommands() {
-  return {};
+  LocalCommands commands;
+  addMasterCommands(commands);
+  addAgentCommand(commands);
+  return commands;
 }
 
 }  // namespace zell::ctl

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "client/records.h"
@@ -18,6 +19,23 @@ constexpr std::size_t kMostShare = 16777216;
 
 Milliseconds fromSeconds(double seconds) {
   return Milliseconds(static_cast<Milliseconds::rep>(std::lround(seconds * 1000)));
+}
+
+bool isFolder(const std::string& path) {
+  struct stat about {};
+  return stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
+}
+
+// Where only this user may put a socket. The master makes the folder of last resort, and looks at
+// whose it is.
+std::string runtimeFolder() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && *runtime == '/') {
+    return runtime;
+  }
+  const std::string user = std::to_string(geteuid());
+  const std::string folder = "/run/user/" + user;
+  return isFolder(folder) ? folder : "/tmp/runelctl-" + user;
 }
 
 }  // namespace
@@ -40,12 +58,7 @@ std::string defaultMasterSocket() {
   if (chosen != nullptr && *chosen != '\0') {
     return chosen;
   }
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  std::string folder = runtime != nullptr && *runtime == '/' ? runtime : "";
-  if (folder.empty()) {
-    folder = geteuid() == 0 ? "/run" : "/run/user/" + std::to_string(geteuid());
-  }
-  return folder + "/runelctl-master.sock";
+  return runtimeFolder() + "/runelctl-master.sock";
 }
 
 }  // namespace zell::ctl

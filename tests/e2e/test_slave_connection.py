@@ -1,21 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """The connection that the daemon keeps up to its master, whatever the master does."""
-import re
 import socket
 import unittest
 
 from support.case import SUCCESS, EndToEndCase
-from support.logs import DEBUG, ERR, INFO, WARNING
-from support.peers import MASTER_PORT
+from support.logs import DEBUG, ERR, INFO, WARNING, number_in
 from support.wait import wait_until
 from support.wire import request
 
 ESTABLISHED = r"established connection to 127\.0\.0\.1, port 5112, socket \d+"
-
-
-def number_in(line):
-    """The last number of a log line: most lines end with their socket."""
-    return int(re.findall(r"\d+", line.text)[-1])
 
 
 class ConnectionTest(EndToEndCase):
@@ -141,7 +134,7 @@ class DifficultMasterTest(EndToEndCase):
 
     def test_one_that_swallows_packets_holds_a_pass_up_for_three_seconds_at_most(self):
         master = self.master(backlog=0)
-        fillers = self.fill(master)
+        fillers = self.fill_queue()
         daemon = self.daemon()
         client = self.client()
         for _ in range(2):
@@ -153,23 +146,9 @@ class DifficultMasterTest(EndToEndCase):
         self.assertEqual(answer.fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def fill(self, master):
-        """Fills the queue of @p master so that the kernel drops every further handshake."""
-        fillers = []
-        while True:
-            filler = socket.socket()
-            self.addCleanup(filler.close)
-            filler.settimeout(0.3)
-            try:
-                filler.connect(("127.0.0.1", MASTER_PORT))
-            except TimeoutError:
-                filler.close()
-                return fillers
-            fillers.append(filler)
-            self.assertLess(len(fillers), 10)
-
     def test_a_stop_request_is_heard_while_a_master_swallows_packets(self):
-        self.fill(self.master(backlog=0))
+        self.master(backlog=0)
+        self.fill_queue()
         daemon = self.daemon(wait=False)
         self.log.wait_for("listening on port 5111")
         self.assertEqual(daemon.stop(), 0)

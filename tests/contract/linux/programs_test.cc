@@ -16,6 +16,7 @@
 
 #include "base/unique_fd.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/spied_calls.h"
 
 namespace zell::test {
 namespace {
@@ -212,6 +213,15 @@ TEST_F(ProgramsTest, CutsTheOutputAtTheLimitAndSaysSoOnce) {
   EXPECT_EQ(proxy_.output().size(), kMaxOutput);
   EXPECT_EQ(proxy_.output().substr(0, 6), "first\n");
   EXPECT_EQ(log_.texts(LOG_WARNING), std::vector<std::string>{kCut});
+}
+
+TEST_F(ProgramsTest, SaysSoWhenTheOutputCannotBeRead) {
+  SpiedCalls spy;
+  spy.fail("read", EIO);
+  EXPECT_EQ(shell("echo lost"), "0 2 0 0 0");
+  EXPECT_EQ(proxy_.output(), "");
+  EXPECT_EQ(log_.texts(LOG_ERR),
+            std::vector<std::string>{"(PID) exec: cannot read output, Input/output error"});
 }
 
 TEST_F(ProgramsTest, EmptiesTheOutputWhenTheNextProgramIsToStart) {

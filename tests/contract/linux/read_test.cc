@@ -11,6 +11,7 @@
 
 #include "base/unique_fd.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/spied_calls.h"
 
 namespace zell::test {
 namespace {
@@ -67,6 +68,13 @@ TEST_F(ReadTest, ReadsOfAFifoWhatIsInIt) {
   ASSERT_EQ(::write(writer.get(), "content", 7), 7);
   EXPECT_EQ(read(dir_.file("fifo")), kSuccess);
   EXPECT_EQ(text_, "content");
+}
+
+// As under a mandatory lock: nothing waits behind it, and yet the file has not ended.
+TEST_F(ReadTest, FailsWhereAFileHasNothingToReadForNow) {
+  SpiedCalls spy;
+  spy.fail("read", EAGAIN);
+  EXPECT_EQ(read(dir_.write("a", "content")), failureWith(EAGAIN));
 }
 
 TEST_F(ReadTest, FollowsLinks) {

@@ -10,9 +10,9 @@
 
 namespace zell::test {
 
-/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown,
-/// fchmod and close while it lives; the kernel still gets them. They are replaced in every program
-/// that links this.
+/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown
+/// and fchmod while it lives; the kernel still gets them. These can fail, and so can close, read
+/// and fstatat. All are replaced in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();
@@ -24,7 +24,7 @@ class SpiedCalls {
   void fail(const std::string& name, int error, int passed = 0) {
     failures_[name] = {error, passed};
   }
-  /// The calls but those of close.
+  /// The calls, but those that only fail.
   [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
 
   /// Notes a call; the errno value it shall fail with, 0 for none.

@@ -184,6 +184,18 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
   }
 }
 
+// Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
+TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
+  const std::string path = dir_.write("a", "old");
+  for (const int error : {EIO, ENOMEM, ENAMETOOLONG, ELOOP}) {
+    SpiedCalls spy;
+    spy.fail("fstatat", error);
+    EXPECT_EQ(write(path, "new"), failureWith(error));
+    EXPECT_EQ(contentOf(path), "old");
+    EXPECT_EQ(spy.calls(), std::vector<std::string>{});
+  }
+}
+
 TEST_F(WriteTest, MakesNoNewFileWhenACallFails) {
   for (const char* call : {"write", "fsync file", "renameat"}) {
     SpiedCalls spy;

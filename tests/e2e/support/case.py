@@ -2,13 +2,14 @@
 """The base of all end-to-end tests: a clean world before each, no trace and no report after it."""
 import os
 import shutil
+import socket
 import tempfile
 import unittest
 
 from support import world
 from support.daemon import Daemon, sanitizer_reports
 from support.logs import LogCollector
-from support.peers import Client, Master, Peer
+from support.peers import MASTER_PORT, Client, Master, Peer
 
 # STATUS STATE RESULT ERRNO SIGNAL of a task that succeeded.
 SUCCESS = (0, 0, 0, 0, 0)
@@ -59,6 +60,21 @@ class EndToEndCase(unittest.TestCase):
         master = Master(*arguments, **options)
         self.addCleanup(master.close)
         return master
+
+    def fill_queue(self):
+        """Fills a master's queue, so that the kernel drops every further handshake: the clients."""
+        fillers = []
+        while True:
+            filler = socket.socket()
+            self.addCleanup(filler.close)
+            filler.settimeout(0.3)
+            try:
+                filler.connect(("127.0.0.1", MASTER_PORT))
+            except TimeoutError:
+                filler.close()
+                return fillers
+            fillers.append(filler)
+            self.assertLess(len(fillers), 10)
 
     def client(self, **options) -> Client:
         client = Client(**options)

@@ -15,6 +15,12 @@ BINARY = os.environ.get("RUNELD_BIN", "")
 REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
 
 
+def is_instrumented():
+    """Whether the binary is built with the address sanitizer, which keeps freed memory for a while."""
+    with open(BINARY, "rb") as binary:
+        return b"__asan_init" in binary.read()
+
+
 def sanitizer_options(folder, detect_leaks=True):
     options = f"log_path={folder}/sanitizer:halt_on_error=1:exitcode=86:print_stacktrace=1"
     return {"ASAN_OPTIONS": f"{options}:detect_leaks={int(detect_leaks)}:verify_asan_link_order=0",
@@ -115,12 +121,15 @@ class Daemon:
             return re.search(rf"^{name}:\s*(\S+)", about.read(), re.MULTILINE)[1]
 
     def wait_asleep(self):
-        """Waits until it has gone through a pass and sleeps in the next: it is idle for a while."""
+        """Waits until it has gone through a pass and sleeps in the next, or has ended."""
         def switches():
             return int(self._status_field("voluntary_ctxt_switches"))
+
+        def idle():
+            state = self._status_field("State")
+            return state == "Z" or (state == "S" and switches() >= before + 2)
         before = switches()
-        wait_until(lambda: switches() >= before + 2 and self._status_field("State") == "S",
-                   "the loop sleeps")
+        wait_until(idle, "the loop sleeps")
 
     def pending_signals(self):
         return int(self._status_field("SigPnd"), 16) | int(self._status_field("ShdPnd"), 16)

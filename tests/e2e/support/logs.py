@@ -33,6 +33,11 @@ def parse(datagram):
     return Line(priority & ~7, priority & 7, match[2], int(match[3]) if match[3] else None, match[4])
 
 
+def number_in(line):
+    """The last number of a log line: most lines end with their socket."""
+    return int(re.findall(r"\d+", line.text)[-1])
+
+
 class LogCollector:
     """Listens on /dev/log in a thread of its own, so that whoever logs never waits.
 

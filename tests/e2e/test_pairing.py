@@ -1,0 +1,234 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Every event in every state of the daemon's connections: what is logged, who stays, who is dialled.
+
+The table is pairing.txt, one block for each pair of state and event. RUNELD_PAIRING=FILE writes down
+what a run found in the same form, for a change that means to change it.
+"""
+import os
+import re
+import socket
+import unittest
+
+from support.case import SUCCESS, EndToEndCase
+from support.peers import Master
+from support.wire import request
+
+TABLE = os.path.join(os.path.dirname(__file__), "pairing.txt")
+DIALLED = ("slave", "bridge", "surplus")  # in the order in which the daemon makes them
+LEVELS = {3: "ERR", 4: "WARNING", 5: "NOTICE", 6: "INFO", 7: "DEBUG"}
+ESTABLISHED = "01"  # in /proc/net/tcp
+MASTER_PORT = ":13F8"  # 5112, there
+
+# How each state is brought about. Everybody else is there or not, as the events made it.
+STATES = {
+    "none": [],
+    "none, agent waiting": ["agent connects"],
+    "slave": ["master comes"],
+    "slave, agent waiting": ["master comes", "master stops listening", "agent connects"],
+    "slave, bridge alone": ["agent connects", "agent ends", "master comes"],
+    "bridged": ["master comes", "agent connects"],
+    "bridged, agent replaced": ["master comes", "agent connects", "agent connects"],
+    "bridged, surplus": ["agent connects", "agent connects", "master comes"],
+}
+EVENTS = ["master comes", "agent connects", "agent speaks", "agent ends", "stale speaks",
+          "stale ends", "slave speaks", "slave ends", "bridge speaks", "bridge ends",
+          "surplus ends", "stray speaks", "client asks"]
+
+
+def happens_in(event, peers, listening):
+    """Whether @p event can happen while these peers are there."""
+    if event == "master comes":
+        return not listening
+    who, what = event.split()
+    return what == "connects" or who in ("stray", "client") or who in peers
+
+
+class Pairing(EndToEndCase):
+    """One daemon and all the peers it may have, by the names of their roles."""
+
+    def start(self):
+        self.listener = None
+        self.peers = {}  # the test's end of each connection
+        self.names = {}  # the daemon's number of it, to its role
+        self.connected = set()  # the roles whose sockets the daemon has not closed, as it says
+        self.told = []
+        self.seen = self.log.mark()
+        self.running = self.daemon("-v")
+        self.settle()
+
+    def settle(self):
+        """Waits until the daemon has nothing to do, and looks who came and went."""
+        for _ in range(2):
+            if not self.ended():
+                self.running.wait_asleep()
+        self.forget_gone()
+        while self.listener and not self.listener.nobody_waits():
+            role = next(role for role in DIALLED if role not in self.peers)
+            self.peers[role] = self.listener.accept()
+        self.forget_gone()
+        self.read_log()
+
+    def forget_gone(self):
+        self.peers = {role: peer for role, peer in self.peers.items() if self.stays(peer)}
+
+    def stays(self, peer):
+        """Whether the daemon keeps the connection. What it sent is thrown away."""
+        try:
+            while peer.socket.recv(1 << 16, socket.MSG_DONTWAIT):
+                pass
+            return False
+        except BlockingIOError:
+            return True
+        except ConnectionResetError:
+            return False
+
+    def ended(self):
+        return self.running.process.poll() is not None
+
+    # The events.
+
+    def happen(self, event):
+        who, what = event.split(maxsplit=1)
+        if who == "master":
+            self.listen() if what == "comes" else self.stop_listening()
+        elif what == "connects" or who in ("stray", "client"):
+            self.arrive(who)
+        elif what == "ends":
+            self.peers.pop(who).close()
+        else:
+            clause = b"<from-%s/>" % who.encode()
+            self.peers[who].send(request("fileexists", "/") if who == "slave" else clause)
+        self.settle()
+
+    def listen(self):
+        self.listener = self.master()
+
+    def stop_listening(self):
+        self.listener.listener.close()
+        self.listener = None
+
+    def arrive(self, who):
+        words = {"agent": b"<hello/>", "stray": b"help\r\n", "client": request("fileexists", "/")}
+        if who == "agent" and "agent" in self.peers:
+            self.peers["stale"] = self.peers.pop("agent")
+            self.names = {number: "stale" if role == "agent" else role
+                          for number, role in self.names.items()}
+        self.arriving = who
+        self.peers[who] = self.client()
+        self.peers[who].send(words[who])
+
+    # What can be seen afterwards.
+
+    def read_log(self):
+        """Adds what was logged to `told`, with roles in place of the sockets' numbers."""
+        lines = self.log.lines
+        for line in lines[self.seen:]:
+            self.note_new(line.text)
+            self.told.append(f"{LEVELS[line.level]} {self.with_roles(line.text)}")
+            self.note_closed(line.text)
+        self.seen = len(lines)
+
+    def note_new(self, text):
+        dialled = re.fullmatch(r"established connection to .*, socket (\d+)", text)
+        accepted = re.fullmatch(r"accepted connection, .*, new socket (\d+)", text)
+        if dialled:
+            role = next(role for role in DIALLED if role not in self.connected)
+        elif accepted:
+            role = self.arriving
+        else:
+            return
+        self.names[int((dialled or accepted)[1])] = role
+        self.connected.add(role)
+
+    def note_closed(self, text):
+        closed = re.fullmatch(r"(dropping connection:|closing connection .*, socket) (\d+)", text)
+        if closed:
+            self.connected.discard(self.names[int(closed[2])])
+
+    def with_roles(self, text):
+        def role(match):
+            return f"{match[1]} {self.names.get(int(match[2]), 'listener')}"
+        return re.sub(r"(socket|connection|connection:) (\d+)(?![\d.])", role, text)
+
+    def hosts(self):
+        """How many connections to its master the daemon wants: it makes them once it can."""
+        if self.listener is None:
+            self.happen("master comes")
+        with open("/proc/net/tcp", encoding="ascii") as table:
+            rows = [row.split() for row in table.readlines()[1:]]
+        return sum(1 for row in rows if row[2].endswith(MASTER_PORT) and row[3] == ESTABLISHED)
+
+    def outcome(self):
+        """The lines of one event, and who is there when all is quiet."""
+        told = list(self.told)
+        if self.ended():
+            return [*told, f"the daemon ends with status {self.running.wait()}"]
+        there = " ".join(["there:", *sorted(self.peers)])
+        return [*told, there, f"hosts: {self.hosts()}"]
+
+    def assert_still_works(self):
+        if self.ended():
+            return
+        self.assertEqual(self.client().ask("fileexists", "/").fields, SUCCESS)
+        self.assert_stops(self.running)
+
+    def bring_about(self, state):
+        self.start()
+        for event in STATES[state]:
+            self.happen(event)
+        self.told.clear()
+
+    def end(self):
+        """Leaves nothing for the next pair."""
+        self.running.kill()
+        for peer in self.peers.values():
+            peer.close()
+        if self.listener:
+            self.listener.close()
+
+
+def read_table():
+    """The table: for each pair of state and event the lines under its heading."""
+    table = {}
+    with open(TABLE, encoding="ascii") as lines:
+        for line in lines.read().splitlines():
+            heading = re.fullmatch(r"\[(.*)\] (.*)", line)
+            if heading:
+                block = table.setdefault((heading[1], heading[2]), [])
+            elif line and not line.startswith("#"):
+                block.append(line.strip())
+    return table
+
+
+class WalkTest(Pairing):
+    """All pairs."""
+
+    def test_every_event_in_every_state(self):
+        table, found = read_table(), {}
+        for state in STATES:
+            for event in EVENTS:
+                with self.subTest(state=state, event=event):
+                    try:
+                        self.walk(state, event, found)
+                    finally:
+                        self.end()
+                    self.assertEqual(found.get((state, event)), table.get((state, event)))
+        self.write_down(found)
+
+    def walk(self, state, event, found):
+        """One pair, unless it cannot be: nobody hears from who is not there."""
+        self.bring_about(state)
+        if happens_in(event, self.peers, self.listener):
+            self.happen(event)
+            found[state, event] = self.outcome()
+            self.assert_still_works()
+
+    def write_down(self, found):
+        if "RUNELD_PAIRING" in os.environ:
+            with open(os.environ["RUNELD_PAIRING"], "w", encoding="ascii") as out:
+                for (state, event), lines in found.items():
+                    out.write(f"\n[{state}] {event}\n" + "".join(f"  {line}\n" for line in lines))
+
+
+if __name__ == "__main__":
+    unittest.main()

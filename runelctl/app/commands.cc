@@ -7,7 +7,6 @@ namespace zell::ctl {
 
 Commands deviceCommands() {
   Commands commands;
-  addTransferCommands(commands);
   addFileCommands(commands);
   addProgramCommands(commands);
   addDeviceCommands(commands);
@@ -17,10 +16,7 @@ Commands deviceCommands() {
 }
 
 LocalCommands localCommands() {
-  LocalCommands commands;
-  addMasterCommands(commands);
-  addAgentCommand(commands);
-  return commands;
+  return {};
 }
 
 }  // namespace zell::ctl

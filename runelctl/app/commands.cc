@@ -7,6 +7,7 @@ namespace zell::ctl {
 
 Commands deviceCommands() {
   Commands commands;
+  addTransferCommands(commands);
   addFileCommands(commands);
   addProgramCommands(commands);
   addDeviceCommands(commands);
@@ -16,7 +17,10 @@ Commands deviceCommands() {
 }
 
 LocalCommands localCommands() {
-  return {};
+  LocalCommands commands;
+  addMasterCommands(commands);
+  addAgentCommand(commands);
+  return commands;
 }
 
 }  // namespace zell::ctl

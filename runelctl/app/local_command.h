@@ -46,6 +46,12 @@ using LocalCommands = std::vector<std::unique_ptr<LocalCommand>>;
 
 [[nodiscard]] LocalCommands localCommands();
 
+// One function for each group; they add to @p commands.
+void addMasterCommands(LocalCommands& commands);
+void addAgentCommand(LocalCommands& commands);
+void addShellCommand(LocalCommands& commands);
+void addCompletionCommand(LocalCommands& commands);
+
 }  // namespace zell::ctl
 
 #endif  // ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_

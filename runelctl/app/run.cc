@@ -100,6 +100,11 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
   if (!agreed(settings, *line.command())) {
     return kExitUsage;
   }
+  const std::string wrong = line.command()->prepare();
+  if (!wrong.empty()) {
+    complain(wrong);
+    return kExitTaskFailed;
+  }
   return runFleet(session, line, style);
 }
 

@@ -11,12 +11,14 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "client/local_peer.h"
 #include "client/resolver.h"
 
 namespace zell::ctl {
 namespace {
 
 constexpr std::size_t kMaxGreeting = 1024;
+constexpr Milliseconds kMasterPause{20};
 constexpr int kProbeIdle = 10;
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 5;
@@ -105,12 +107,16 @@ void Connector::connectMaster() {
   }
   std::memcpy(address.sun_path, masterSocket_.c_str(), masterSocket_.size() + 1);
   socket_ = newSocket(AF_UNIX);
-  if (!socket_.valid() || startConnect(socket_.get(), address) != 0) {
+  const bool made = socket_.valid() && startConnect(socket_.get(), address) == 0;
+  if (!made && errno == EAGAIN) {
+    // So many come at once that there is no place to wait at: come back in a moment.
+    start_ = loop_.after(kMasterPause, [this] { connectMaster(); });
+  } else if (made) {
+    watchConnect();
+  } else {
     fail({Fault::unreachable, "no master at " + masterSocket_ + ": " + systemText(errno),
           "start one: runelctl master", errno});
-    return;
   }
-  watchConnect();
 }
 
 void Connector::watchConnect() {
@@ -124,6 +130,8 @@ void Connector::connected() {
   socklen_t size = sizeof number;
   if (getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &number, &size) != 0 || number != 0) {
     failConnect(number != 0 ? number : errno);
+  } else if (target_.behindMaster() && !peerIsUs(socket_.get())) {
+    fail({Fault::unreachable, masterSocket_ + ": the master there is another user's", "", EPERM});
   } else if (target_.behindMaster()) {
     sendGreeting();
   } else {

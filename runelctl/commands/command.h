@@ -31,6 +31,9 @@ class Command {
     (void)settings;
     return "";
   }
+  /// Looks at what of this host the command is about, once. What is wrong with it; a failed task,
+  /// not a wrong command line.
+  [[nodiscard]] virtual std::string prepare() { return ""; }
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
   /// True for what cannot be had back: asked for before it is done to several devices.
   [[nodiscard]] virtual bool takesAway() const { return false; }
@@ -50,6 +53,7 @@ using Commands = std::vector<std::unique_ptr<Command>>;
 // One function for each group; they add to @p commands.
 void addTaskCommands(Commands& commands);
 void addFileCommands(Commands& commands);
+void addTransferCommands(Commands& commands);
 void addProgramCommands(Commands& commands);
 void addDeviceCommands(Commands& commands);
 void addRestartCommands(Commands& commands);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -153,11 +154,15 @@ std::optional<Error> LocalReader::read(std::uint64_t offset, std::size_t count,
       return localError(path_, errno);
     }
     if (got == 0) {
-      return Error{Fault::local, path_ + ": became shorter while it was sent", "try again", 0};
+      return changedError();
     }
     done += got > 0 ? static_cast<std::size_t>(got) : 0;
   }
   return std::nullopt;
+}
+
+Error LocalReader::changedError() const {
+  return {Fault::local, path_ + ": changed while it was sent", "try again", 0};
 }
 
 bool LocalReader::changed() const {
@@ -169,6 +174,7 @@ bool LocalReader::changed() const {
 std::optional<Error> LocalWriter::begin(const std::string& path, bool resume) {
   discard();
   path_ = path;
+  resume_ = resume;
   hidden_ = partPath(path);
   const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resume ? O_APPEND : O_TRUNC);
   file_.reset(::open(hidden_.c_str(), flags, 0600));
@@ -188,11 +194,11 @@ std::optional<Error> LocalWriter::add(std::string_view bytes) {
   return std::nullopt;
 }
 
-std::optional<Error> LocalWriter::restart() {
-  if (ftruncate(file_.get(), 0) != 0 || lseek(file_.get(), 0, SEEK_SET) != 0) {
+std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
+  if (ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
     return localError(path_, errno);
   }
-  size_ = 0;
+  size_ = size;
   return std::nullopt;
 }
 
@@ -207,8 +213,10 @@ std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Moment& mtime
   return std::nullopt;
 }
 
-void LocalWriter::keep() {
-  file_.reset();
+LocalWriter::~LocalWriter() {
+  if (!resume_ || size_ == 0) {
+    discard();
+  }
 }
 
 void LocalWriter::discard() {
@@ -216,6 +224,58 @@ void LocalWriter::discard() {
     (void)unlink(hidden_.c_str());  // there is nobody to tell
     file_.reset();
   }
+}
+
+std::optional<Error> makeLocalFolder(const std::string& path) {
+  struct stat st {};
+  if (mkdir(path.c_str(), 0700) == 0) {
+    return std::nullopt;
+  }
+  const int number = errno;
+  if (number == EEXIST && lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    return std::nullopt;
+  }
+  return localError(path, number);
+}
+
+std::optional<Error> makeLocalLink(const std::string& path, const std::string& target) {
+  const std::string hidden = partPath(path);
+  (void)unlink(hidden.c_str());  // of an earlier run; symlink() tells when it stays
+  if (symlink(target.c_str(), hidden.c_str()) != 0) {
+    return localError(path, errno);
+  }
+  if (rename(hidden.c_str(), path.c_str()) != 0) {
+    const int number = errno;
+    (void)unlink(hidden.c_str());  // what went wrong first is told
+    return localError(path, number);
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> finishLocalFolder(const std::string& path, std::uint32_t mode,
+                                       const Moment& mtime) {
+  const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
+  if (chmod(path.c_str(), mode & 0777U) != 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+    return localError(path, errno);
+  }
+  return std::nullopt;
+}
+
+std::string octalMode(std::uint32_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+  return text;
+}
+
+std::string touchTime(const Moment& time, bool fractions) {
+  char text[64];
+  if (fractions) {
+    std::snprintf(text, sizeof text, "@%lld.%09lld", static_cast<long long>(time.seconds),
+                  static_cast<long long>(time.nanoseconds));
+  } else {
+    std::snprintf(text, sizeof text, "@%lld", static_cast<long long>(time.seconds));
+  }
+  return text;
 }
 
 std::string partPath(const std::string& path) {

@@ -48,6 +48,8 @@ class LocalReader {
                                           std::string& bytes) const;
   /// True when size or time are not those at `open`.
   [[nodiscard]] bool changed() const;
+  /// What to say then.
+  [[nodiscard]] Error changedError() const;
   [[nodiscard]] std::uint64_t size() const { return size_; }
 
  private:
@@ -57,12 +59,12 @@ class LocalReader {
   Moment mtime_;
 };
 
-/// A file of this host being made under a hidden name beside its place. Nothing is left of it
-/// unless it is finished or kept.
+/// A file of this host being made under a hidden name beside its place. Given up by destroying it:
+/// one that was begun to be resumed stays for a later try, nothing is left of another one.
 class LocalWriter {
  public:
   LocalWriter() = default;
-  ~LocalWriter() { discard(); }
+  ~LocalWriter();
   LocalWriter(const LocalWriter&) = delete;
   LocalWriter& operator=(const LocalWriter&) = delete;
 
@@ -70,11 +72,11 @@ class LocalWriter {
   /// much that is.
   [[nodiscard]] std::optional<Error> begin(const std::string& path, bool resume);
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
-  [[nodiscard]] std::optional<Error> restart();
+  /// Keeps only the first @p size bytes.
+  [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
   /// Puts it in its place with this mode and time.
   [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const Moment& mtime);
-  /// Leaves what is there for a later try.
-  void keep();
+  /// Takes away what is there.
   void discard();
   [[nodiscard]] std::uint64_t size() const { return size_; }
   [[nodiscard]] const std::string& hiddenPath() const { return hidden_; }
@@ -83,8 +85,22 @@ class LocalWriter {
   std::string path_;
   std::string hidden_;
   UniqueFd file_;
+  bool resume_ = false;
   std::uint64_t size_ = 0;
 };
+
+/// Makes the folder @p path unless it is there; a link to a folder is none.
+[[nodiscard]] std::optional<Error> makeLocalFolder(const std::string& path);
+/// Makes the link @p path to @p target, in place of a file or link that is there.
+[[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
+                                                 const std::string& target);
+/// Gives the folder @p path its mode and time.
+[[nodiscard]] std::optional<Error> finishLocalFolder(const std::string& path, std::uint32_t mode,
+                                                     const Moment& mtime);
+
+/// As chmod(1) and `touch -d` take them.
+[[nodiscard]] std::string octalMode(std::uint32_t mode);
+[[nodiscard]] std::string touchTime(const Moment& time, bool fractions);
 
 /// The hidden name beside @p path under which a transfer to it is gathered. Its length does not
 /// grow with the name's, and it is the same for the same path.

@@ -7,7 +7,6 @@ namespace zell::ctl {
 namespace {
 
 constexpr std::size_t kMostOnTheWay = 256;
-constexpr std::size_t kMostBytes = 16777216;
 
 // Well below what the smallest of systems take for an argument list.
 constexpr std::size_t kMostNames = 1000;
@@ -15,12 +14,12 @@ constexpr std::size_t kMostNameBytes = 98304;
 
 }  // namespace
 
-Pipeline::Pipeline(Device& device, Source source, std::function<void()> end)
-    : device_(device), source_(std::move(source)), end_(std::move(end)) {}
+Pipeline::Pipeline(Device& device, Source source, std::size_t mostBytes, std::function<void()> end)
+    : device_(device), source_(std::move(source)), mostBytes_(mostBytes), end_(std::move(end)) {}
 
 void Pipeline::fill() {
   filling_ = true;
-  while (!dry_ && count_ < kMostOnTheWay && (weight_ < kMostBytes || count_ == 0)) {
+  while (!dry_ && count_ < kMostOnTheWay && (weight_ < mostBytes_ || count_ == 0)) {
     std::optional<Item> next = source_();
     if (!next) {
       dry_ = true;
@@ -79,8 +78,8 @@ Pipeline::Source programSource(std::vector<ProgramRuns> runs,
     std::vector<std::string> words = run.words;
     words.insert(words.end(), names->begin(), names->end());
     return Pipeline::Item{execRequest(words, 0), kMostNameBytes,
-                          [state, names](const Reply& reply) {
-                            return state->handle({*names, reply});
+                          [state, names, program = words[0]](const Reply& reply) {
+                            return state->handle({program, *names, reply});
                           }};
   };
 }

@@ -28,8 +28,8 @@ class Pipeline {
   using Source = std::function<std::optional<Item>()>;
 
   /// Calls @p end once, when the source has no more and all is answered, or when an item ended it
-  /// and what was on the way is answered.
-  Pipeline(Device& device, Source source, std::function<void()> end);
+  /// and what was on the way is answered. About @p mostBytes of weight are on the way at a time.
+  Pipeline(Device& device, Source source, std::size_t mostBytes, std::function<void()> end);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
 
@@ -41,6 +41,7 @@ class Pipeline {
 
   Device& device_;
   const Source source_;
+  const std::size_t mostBytes_;
   std::function<void()> end_;
   std::size_t count_ = 0;
   std::size_t weight_ = 0;
@@ -57,6 +58,7 @@ struct ProgramRuns {
 
 /// What came of one run. `names` are those that it was about.
 struct ProgramRun {
+  const std::string& program;
   const std::vector<std::string>& names;
   const Reply& reply;
 };

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands/settings.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "client/records.h"
@@ -11,14 +13,40 @@
 namespace zell::ctl {
 namespace {
 
+constexpr std::size_t kMemory = 134217728;
+constexpr std::size_t kLeastShare = 2097152;
+constexpr std::size_t kMostShare = 16777216;
+
 Milliseconds fromSeconds(double seconds) {
   return Milliseconds(static_cast<Milliseconds::rep>(std::lround(seconds * 1000)));
+}
+
+bool isFolder(const std::string& path) {
+  struct stat about {};
+  return stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
+}
+
+// Where only this user may put a socket. The master makes the folder of last resort, and looks at
+// whose it is.
+std::string runtimeFolder() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (runtime != nullptr && *runtime == '/') {
+    return runtime;
+  }
+  const std::string user = std::to_string(geteuid());
+  const std::string folder = "/run/user/" + user;
+  return isFolder(folder) ? folder : "/tmp/runelctl-" + user;
 }
 
 }  // namespace
 
 Limits Settings::limits() const {
   return {fromSeconds(connectTimeout), fromSeconds(timeout), masterSocket};
+}
+
+std::size_t Settings::memoryShare() const {
+  const std::size_t parallel = std::min(targets.size(), static_cast<std::size_t>(jobs));
+  return std::clamp(kMemory / std::max<std::size_t>(parallel, 1), kLeastShare, kMostShare);
 }
 
 std::string Settings::remote(const std::string& path) const {
@@ -30,12 +58,7 @@ std::string defaultMasterSocket() {
   if (chosen != nullptr && *chosen != '\0') {
     return chosen;
   }
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  std::string folder = runtime != nullptr && *runtime == '/' ? runtime : "";
-  if (folder.empty()) {
-    folder = geteuid() == 0 ? "/run" : "/run/user/" + std::to_string(geteuid());
-  }
-  return folder + "/runelctl-master.sock";
+  return runtimeFolder() + "/runelctl-master.sock";
 }
 
 }  // namespace zell::ctl

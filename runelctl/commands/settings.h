@@ -35,6 +35,8 @@ struct Settings {
   std::string folder;  ///< the remote folder that relative remote paths start from
 
   [[nodiscard]] Limits limits() const;
+  /// Bytes of content that one device's work may keep in memory, so that many have room.
+  [[nodiscard]] std::size_t memoryShare() const;
   /// A remote path as the device should get it.
   [[nodiscard]] std::string remote(const std::string& path) const;
 };

@@ -14,6 +14,8 @@ namespace {
 
 // Between two attempts, for each attempt so far.
 constexpr Milliseconds kRetryPause{500};
+// For taking away what an unfinished job left on a device, which may be gone or busy.
+constexpr Milliseconds kCleanUpTime{3000};
 
 }  // namespace
 
@@ -25,6 +27,7 @@ struct Fleet::Member {
   std::optional<Report> report;
   std::unique_ptr<Job> job;
   std::optional<Outcome> outcome;
+  std::unique_ptr<Device> cleaner;
   Loop::Timer deadline;
   Loop::Timer pause;
   int attempts = 0;
@@ -156,10 +159,36 @@ bool Fleet::again(Member& member) {
 }
 
 void Fleet::settle(Member& member) {
+  const bool bad = member.outcome->status != 0 && member.job;
+  const std::optional<Request> rest = bad ? member.job->cleanUp() : std::nullopt;
   drop(member);
   if (again(member)) {
     return;
   }
+  if (rest) {
+    cleanUp(member, *rest);
+  } else {
+    conclude(member);
+  }
+}
+
+// Over a connection of its own: what the lost or busy one had queued must not come first.
+void Fleet::cleanUp(Member& member, const Request& request) {
+  const Limits limits{kCleanUpTime, kCleanUpTime, settings_.masterSocket};
+  Request quick = request;
+  quick.extraPatience = Milliseconds(0);
+  member.cleaner = std::make_unique<Device>(loop_, member.target, limits);
+  member.cleaner->ask(quick, [this, &member](const Reply&) {
+    loop_.next([this, &member] {
+      if (member.cleaner) {
+        member.cleaner.reset();
+        conclude(member);
+      }
+    });
+  });
+}
+
+void Fleet::conclude(Member& member) {
   --running_;
   member.succeeded = member.outcome->status == 0;
   failed_ += member.succeeded ? 0 : 1;
@@ -191,7 +220,11 @@ void Fleet::cancel(int status) {
   cancelled_ = status;
   const Error error{Fault::cancelled, "given up: interrupted", "", 0};
   for (const auto& member : members_) {
-    if (member->device != nullptr) {
+    if (member->cleaner) {
+      // The second signal: nothing is waited for any more.
+      member->cleaner.reset();
+      loop_.next([this, held = member.get()] { conclude(*held); });
+    } else if (member->device != nullptr) {
       done(*member, {status, error});
     } else if (member->pause.id != 0 && member->outcome) {
       loop_.cancel(member->pause);

@@ -44,6 +44,8 @@ class Fleet {
   void settle(Member& member);
   bool again(Member& member);
   void drop(Member& member);
+  void cleanUp(Member& member, const Request& request);
+  void conclude(Member& member);
   void endWave();
   void showProgress(bool now);
   [[nodiscard]] std::size_t parallel() const;

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The master that docs/protocol.md ends with, as its readers would type it in."""
+"""The master that docs/protocol.md ends with, as its readers would type it in, and the example."""
 import os
 import re
 import subprocess
@@ -9,7 +9,9 @@ import unittest
 from support.case import EndToEndCase
 from support.wait import PATIENCE
 
-DOCUMENT = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "protocol.md")
+DOCS = os.path.join(os.path.dirname(__file__), "..", "..", "docs")
+DOCUMENT = os.path.join(DOCS, "protocol.md")
+EXAMPLE = os.path.join(DOCS, "examples", "master.pl")
 
 
 def blocks(kind):
@@ -32,6 +34,15 @@ class ProtocolDocumentTest(EndToEndCase):
         self.assertEqual(output, expected)
         self.assertEqual(master.returncode, 0)
         self.assertFalse(os.path.exists(self.path("install")))
+        self.assert_stops(daemon)
+
+    def test_the_example_in_another_language_stores_a_program_and_runs_it(self):
+        daemon = self.daemon()
+        program = b"#!/bin/sh\n# " + b"x" * 100_000 + b"\necho I am $0\n"
+        ran = subprocess.run(["perl", EXAMPLE, self.path("hello")], input=program,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=PATIENCE)
+        self.assertEqual((ran.stdout, ran.returncode), (f"I am {self.path('hello')}\n".encode(), 0))
+        self.assertEqual(self.content("hello"), program)
         self.assert_stops(daemon)
 
 

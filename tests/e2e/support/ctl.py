@@ -2,11 +2,14 @@
 """runelctl as users run it, and peers that are no devices, or bad ones."""
 import contextlib
 import dataclasses
+import hashlib
 import json
 import os
 import pty
 import select
+import shutil
 import socket
+import stat
 import subprocess
 import threading
 import time
@@ -176,3 +179,71 @@ def say(*parts):
             connected.sendall(part)
         connected.close()
     return serve
+
+
+class Between:
+    """Relays between runelctl and a daemon. After @p limit bytes that way, `meet` is called once in
+    place of relaying on; the connection is cut when it returns False."""
+
+    def __init__(self, case, limit, meet=lambda: False, back=False, port=5111):
+        self.limit = limit
+        self.meet = meet
+        self.back = back
+        self.port = port
+        self.passed = 0
+        self.where = case.odd_peer(self._serve)
+
+    def _serve(self, connected):
+        with socket.create_connection(("127.0.0.1", self.port)) as daemon:
+            ways = {connected: daemon, daemon: connected}
+            while True:
+                for source in select.select(list(ways), [], [])[0]:
+                    data = source.recv(65536)
+                    if not data:
+                        return connected.close()
+                    if (source is daemon) == self.back and self.limit is not None:
+                        self.passed += len(data)
+                        if self.passed > self.limit:
+                            self.limit = None
+                            if not self.meet():
+                                return connected.close()
+                    ways[source].sendall(data)
+
+
+def small_disk(case, name, size):
+    """A file system with room for @p size bytes."""
+    folder = case.path(name)
+    os.mkdir(folder)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", folder], check=True)
+    case.addCleanup(subprocess.run, ["umount", "-l", folder], check=True)
+    return folder
+
+
+def only_programs(case, *names):
+    """A PATH on which there are no other programs."""
+    folder = case.path("bin-" + "-".join(names))
+    os.mkdir(folder)
+    for name in names:
+        os.symlink(shutil.which(name), os.path.join(folder, name))
+    return folder
+
+
+def snapshot(folder):
+    """All below @p folder: kind, mode, time and content by relative path."""
+    found = {}
+    folder = os.fsencode(folder)
+    for top, folders, files in os.walk(folder):
+        for name in [*folders, *files]:
+            path = os.path.join(top, name)
+            st = os.lstat(path)
+            if stat.S_ISLNK(st.st_mode):
+                found[os.path.relpath(path, folder)] = ("link", os.readlink(path))
+            elif stat.S_ISDIR(st.st_mode):
+                found[os.path.relpath(path, folder)] = ("folder", stat.S_IMODE(st.st_mode),
+                                                        st.st_mtime_ns)
+            else:
+                with open(path, "rb") as file:
+                    found[os.path.relpath(path, folder)] = (
+                        "file", stat.S_IMODE(st.st_mode), st.st_mtime_ns,
+                        hashlib.sha256(file.read()).hexdigest())
+    return found

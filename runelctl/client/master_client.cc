@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/master_client.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "base/unique_fd.h"
+#include "client/local_peer.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::string_view kQuestion = "devices\n";
+constexpr std::size_t kReadSize = 65536;
+
+void limitWaits(int socket, Milliseconds limit) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+  timeval time{};
+  time.tv_sec = seconds.count();
+  time.tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(limit - seconds).count();
+  (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);  // a socket takes it
+  (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+}
+
+Error noMaster(const std::string& path, int number) {
+  return {Fault::unreachable, "no master at " + path + ": " + systemText(number),
+          "start one: runelctl master", number};
+}
+
+bool connectTo(int socket, const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  // The socket calls' one type for addresses of every kind.
+  return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+std::optional<Error> listDevices(const std::string& path, Milliseconds limit, std::string& lines) {
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  limitWaits(socket.get(), limit);
+  if (!socket.valid() || !connectTo(socket.get(), path)) {
+    return noMaster(path, errno);
+  }
+  if (!peerIsUs(socket.get())) {
+    return noMaster(path, EPERM);
+  }
+  if (send(socket.get(), kQuestion.data(), kQuestion.size(), MSG_NOSIGNAL) < 0) {
+    return Error{Fault::lost, "the master closed the connection", "", errno};
+  }
+  std::string part(kReadSize, '\0');
+  ssize_t got = recv(socket.get(), part.data(), part.size(), 0);
+  while (got > 0) {
+    lines.append(part, 0, static_cast<std::size_t>(got));
+    got = recv(socket.get(), part.data(), part.size(), 0);
+  }
+  if (got < 0) {
+    return errno == EAGAIN ? Error{Fault::timedOut, "the master does not answer", "", ETIMEDOUT}
+                           : Error{Fault::lost, "the master closed the connection", "", errno};
+  }
+  return std::nullopt;
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// A large file comes in pieces, which the device's dd cuts, to a hidden name beside its place here,
+// and is renamed when it is whole. What a broken transfer left is taken up where it ends.
+#include <algorithm>
+#include <utility>
+
+#include "commands/pull_parts.h"
+#include "commands/push_job.h"
+
+namespace zell::ctl {
+namespace {
+
+// What dd reports goes nowhere: it would be taken for content.
+std::vector<std::string> pieceProgram(const std::string& path, std::uint64_t offset,
+                                      std::size_t size, std::size_t block) {
+  return {"/bin/sh",
+          "-c",
+          "exec dd if=\"$0\" bs=$1 skip=$2 count=$3 2>/dev/null",
+          path,
+          std::to_string(block),
+          std::to_string(offset / block),
+          std::to_string((size + block - 1) / block)};
+}
+
+constexpr std::size_t kBlock = 65536;
+
+}  // namespace
+
+void PullJob::fetchBigFiles() {
+  next_ = 0;
+  bigFileDone();
+}
+
+// On to the next one.
+void PullJob::bigFileDone() {
+  if (next_ == big_.size()) {
+    makeLinks();
+    return;
+  }
+  // Not at once: its pipeline may be what calls this.
+  auto old = std::make_shared<std::unique_ptr<BigFile>>(std::move(bigFile_));
+  loop().next([old] { old->reset(); });
+  bigFile_ = std::make_unique<BigFile>();
+  bigFile_->item = &big_[next_++];
+  ask(request({"stat", bigFile_->item->source}),
+      [this](const Reply& reply) { beginBigFile(reply); });
+}
+
+void PullJob::beginBigFile(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  Item& item = *bigFile_->item;
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  if (!st) {
+    dropBigFile(reply.ok() ? changedThere(item.source) : reply.error(item.source));
+    return;
+  }
+  item.st = *st;
+  if (const auto error = bigFile_->writer.begin(item.path, plan_.resume)) {
+    dropBigFile(*error);
+    return;
+  }
+  checkPart();
+}
+
+// Is what is here the beginning of what is there? Whole blocks of it are enough.
+void PullJob::checkPart() {
+  BigFile& file = *bigFile_;
+  const std::uint64_t size = file.writer.size() / kBlock * kBlock;
+  if (size == 0 || size > file.item->st.size) {
+    file.error = file.writer.cutTo(0);
+    fetchPieces();
+    return;
+  }
+  const std::vector<std::string> sum{"/bin/sh", "-c",
+                                     "dd if=\"$0\" bs=65536 count=$1 2>/dev/null | sha256sum",
+                                     file.item->source, std::to_string(size / kBlock)};
+  ask(execRequest(sum, 0), [this, size](const Reply& reply) {
+    if (!alive(reply)) {
+      return;
+    }
+    const auto sums = parseChecksums(reply.output, 1);
+    const bool same =
+        reply.ok() && sums && localSha256(bigFile_->writer.hiddenPath(), size) == sums->front();
+    bigFile_->error = bigFile_->writer.cutTo(same ? size : 0);
+    if (same) {
+      bigFile_->offset = size;
+      skip(size, bigFile_->item->source);
+      report().result()["resumed_at"] = size;
+    }
+    fetchPieces();
+  });
+}
+
+void PullJob::fetchPieces() {
+  pipe([this] { return nextPiece(); }, [this] { endPieces(); });
+}
+
+std::optional<Pipeline::Item> PullJob::nextPiece() {
+  BigFile& file = *bigFile_;
+  const std::uint64_t left = file.item->st.size - std::min(file.offset, file.item->st.size);
+  if (file.error || left == 0) {
+    return std::nullopt;
+  }
+  const std::uint64_t offset = file.offset;
+  const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, pieceBytes()));
+  file.offset += size;
+  const auto handle = [this, offset, size](const Reply& reply) {
+    return pieceTaken(offset, size, reply);
+  };
+  return Pipeline::Item{execRequest(pieceProgram(file.item->source, offset, size, kBlock), 0), size,
+                        handle};
+}
+
+bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const Reply& reply) {
+  if (!alive(reply)) {
+    return false;
+  }
+  BigFile& file = *bigFile_;
+  if (file.error) {
+    return false;
+  }
+  if (!reply.ok()) {
+    file.error = Error{Fault::task, file.item->source + ": " + programTrouble("dd", reply), "", 0};
+  } else if (reply.output.size() < size || file.writer.size() != offset) {
+    file.error = changedThere(file.item->source);
+  } else {
+    file.error = file.writer.add(std::string_view(reply.output).substr(0, size));
+    count(size, file.item->source);
+  }
+  return !file.error;
+}
+
+void PullJob::endPieces() {
+  if (bigFile_->error) {
+    dropBigFile(*bigFile_->error);
+    return;
+  }
+  ask(request({"stat", bigFile_->item->source}),
+      [this](const Reply& reply) { finishBigFile(reply); });
+}
+
+void PullJob::finishBigFile(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  Item& item = *bigFile_->item;
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  if (!st || st->size != item.st.size || !(st->mtime == item.st.mtime) || st->ino != item.st.ino) {
+    dropBigFile(changedThere(item.source));
+  } else if (const auto error = bigFile_->writer.finish(item.st.mode, item.st.mtime)) {
+    dropBigFile(*error);
+  } else {
+    fileDone();
+    bigFileDone();
+  }
+}
+
+void PullJob::dropBigFile(const Error& error) {
+  bigFile_->writer.discard();
+  itemFailed(*bigFile_->item, error);
+  bigFileDone();
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commands/pull_job.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include "commands/pull_parts.h"
+#include "commands/push_job.h"
+
+namespace zell::ctl {
+namespace {
+
+const Error kBadTree{Fault::protocol, "the tree is in no known form", "", 0};
+
+bool isLocalFolder(const std::string& path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The device says what is in a folder of its own, not where things go here.
+bool staysBelow(const std::string& relative) {
+  std::string_view rest = relative;
+  while (true) {
+    const std::size_t slash = rest.find('/');
+    const std::string_view part = rest.substr(0, slash);
+    if (part.empty() || part == ".." || part.find('\0') != std::string_view::npos) {
+      return false;
+    }
+    if (slash == std::string_view::npos) {
+      return true;
+    }
+    rest.remove_prefix(slash + 1);
+  }
+}
+
+StatRecord recordOf(const TreeEntry& entry) {
+  StatRecord st;
+  st.mode = entry.mode;
+  st.size = entry.size;
+  st.mtime.seconds = entry.mtime;
+  return st;
+}
+
+// A name for a folder here, from the name that somebody gave a device.
+std::string folderName(const std::string& device) {
+  std::string name = device;
+  std::replace(name.begin(), name.end(), '/', '_');
+  return name == "." || name == ".." ? "_" : name;
+}
+
+}  // namespace
+
+PullJob::PullJob(JobContext context, PullPlan plan)
+    : TransferJob(std::move(context)), plan_(std::move(plan)), base_(plan_.local) {}
+
+PullJob::~PullJob() = default;
+
+void PullJob::start() {
+  into_ = plan_.apart || plan_.remotes.size() > 1 || base_.back() == '/' || isLocalFolder(base_);
+  if (plan_.apart) {
+    base_ = joinPath(base_, folderName(device().target().name));
+  }
+  if (into_ && !settings().dryRun) {
+    for (const std::string& folder : {plan_.local, base_}) {
+      const auto error = isLocalFolder(folder) ? std::nullopt : makeLocalFolder(folder);
+      if (error) {
+        fail(*error);
+        return;
+      }
+      (void)(folder == base_ || chmod(folder.c_str(), 0755));  // it is ours alone otherwise
+    }
+  }
+  lookAtNext();
+}
+
+void PullJob::lookAtNext() {
+  if (next_ == plan_.remotes.size()) {
+    makeFolders();
+    return;
+  }
+  const std::string path = remote(plan_.remotes[next_++]);
+  ask(request({"stat", path}), [this, path](const Reply& reply) { lookAt(path, reply); });
+}
+
+std::string PullJob::placeOf(const std::string& remote) const {
+  const std::string name = baseName(remote);
+  const bool plain = name != "." && name != ".." && name != "/";
+  return into_ && plain ? joinPath(base_, name) : base_;
+}
+
+void PullJob::lookAt(const std::string& remote, const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  if (!st) {
+    failed(reply.ok() ? kBadTree : reply.error(remote));
+  } else if (st->isFolder() && plan_.recursive) {
+    // The dot behind it has a link to a folder walked as the folder.
+    ask(request({"walktree", remote + "/."}),
+        [this, remote](const Reply& tree) { takeTree(remote, tree); });
+    return;
+  } else if (st->isFolder()) {
+    failed({Fault::task, remote + ": " + systemText(EISDIR), "use -r for folders", EISDIR});
+  } else if (!st->isRegular()) {
+    failed({Fault::task, remote + ": neither file nor folder", "", 0});
+  } else {
+    auto& list = st->size > pieceBytes() ? big_ : small_;
+    list.push_back({remote, placeOf(remote), *st, true, false, ""});
+    expect(st->size);
+  }
+  lookAtNext();
+}
+
+void PullJob::takeTree(const std::string& remote, const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const auto entries = parseTree(reply.output);
+  if (!reply.ok()) {
+    failed(reply.error(remote));
+  }
+  if (!entries) {
+    failed(kBadTree);
+  } else {
+    const std::string base = placeOf(remote);
+    for (const TreeEntry& entry : *entries) {
+      takeEntry(remote, base, entry);
+    }
+  }
+  lookAtNext();
+}
+
+void PullJob::takeEntry(const std::string& remote, const std::string& base,
+                        const TreeEntry& entry) {
+  Item item{joinPath(remote, entry.path),
+            joinPath(base, entry.path),
+            recordOf(entry),
+            false,
+            false,
+            entry.target};
+  if (!staysBelow(entry.path)) {
+    report().warn(item.source + ": left out, its name leads elsewhere");
+  } else if (entry.type == 'd') {
+    folders_.push_back(std::move(item));
+  } else if (entry.type == 'l') {
+    links_.push_back(std::move(item));
+  } else if (entry.type != '-') {
+    report().warn(item.source + ": left out, neither file, folder nor link");
+  } else {
+    expect(entry.size);
+    (entry.size > pieceBytes() ? big_ : small_).push_back(std::move(item));
+  }
+}
+
+void PullJob::makeFolders() {
+  for (Item& folder : folders_) {
+    if (const auto error = makeLocalFolder(folder.path)) {
+      itemFailed(folder, *error);
+    }
+  }
+  // A walked tree tells whole seconds only.
+  const auto source = [this, at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {
+    if (at == folders_.size()) {
+      return std::nullopt;
+    }
+    Item& item = folders_[at++];
+    return Pipeline::Item{request({"stat", item.source}), 0,
+                          [this, &item](const Reply& reply) { return statTaken(item, reply); }};
+  };
+  pipe(source, [this] { fetchSmallFiles(); });
+}
+
+void PullJob::fetchSmallFiles() {
+  next_ = 0;
+  pipe([this] { return nextSmallFile(); }, [this] { fetchBigFiles(); });
+}
+
+// Each one's record first, unless it is known, then its content.
+std::optional<Pipeline::Item> PullJob::nextSmallFile() {
+  if (next_ == small_.size()) {
+    return std::nullopt;
+  }
+  Item& item = small_[next_];
+  if (!item.known && statNext_) {
+    statNext_ = false;
+    return Pipeline::Item{request({"stat", item.source}), 0,
+                          [this, &item](const Reply& reply) { return statTaken(item, reply); }};
+  }
+  statNext_ = true;
+  ++next_;
+  return Pipeline::Item{request({"read", item.source}), item.st.size,
+                        [this, &item](const Reply& reply) { return contentTaken(item, reply); }};
+}
+
+bool PullJob::statTaken(Item& item, const Reply& reply) {
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  item.known = st.has_value();
+  item.st = st.value_or(item.st);
+  return alive(reply);
+}
+
+bool PullJob::contentTaken(Item& item, const Reply& reply) {
+  if (!alive(reply)) {
+    return false;
+  }
+  if (!reply.ok()) {
+    itemFailed(item, reply.error(item.source));
+    return true;
+  }
+  // What has no size, as under /proc, may have content all the same.
+  if (!item.known || (item.st.size != 0 && item.st.size != reply.output.size())) {
+    itemFailed(item, changedThere(item.source));
+    return true;
+  }
+  LocalWriter writer;
+  std::optional<Error> error = writer.begin(item.path, false);
+  error = error ? error : writer.add(reply.output);
+  error = error ? error : writer.finish(item.st.mode, item.st.mtime);
+  if (error) {
+    itemFailed(item, *error);
+  } else {
+    item.st.size = reply.output.size();
+    count(item.st.size, item.source);
+    fileDone();
+  }
+  return true;
+}
+
+// Last, so that no file goes through a link that the device made up.
+void PullJob::makeLinks() {
+  bigFile_.reset();
+  for (Item& link : links_) {
+    if (const auto error = makeLocalLink(link.path, link.target)) {
+      itemFailed(link, *error);
+    }
+  }
+  compareChecksums();
+}
+
+void PullJob::compareChecksums() {
+  ProgramRuns run{{"sha256sum", "--"}, {}};
+  auto left = std::make_shared<std::vector<Item*>>();
+  for (auto* list : {&small_, &big_}) {
+    for (Item& item : *list) {
+      if (plan_.checksum && !item.failed) {
+        run.names.push_back(item.source);
+        left->push_back(&item);
+      }
+    }
+  }
+  std::reverse(left->begin(), left->end());
+  pipe(programSource({run},
+                     [this, left](const ProgramRun& done) { return compareRun(done, *left); }),
+       [this] { finishFolders(); });
+}
+
+// @p left has the items whose checksums are still to come, the next one at its end.
+bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
+  if (!alive(done.reply)) {
+    return false;
+  }
+  const auto sums = parseChecksums(done.reply.output, done.names.size());
+  if (!done.reply.ok() || !sums) {
+    notKept("checksums not compared: " + programTrouble(done.program, done.reply));
+    return false;
+  }
+  for (const std::string& sum : *sums) {
+    Item& item = *left.back();
+    left.pop_back();
+    if (localSha256(item.path, item.st.size) != sum) {
+      itemFailed(item, {Fault::local, item.path + ": its checksum is another one", "", 0});
+    }
+  }
+  return true;
+}
+
+// The innermost first: what changes in a folder changes its time.
+void PullJob::finishFolders() {
+  for (auto folder = folders_.rbegin(); folder != folders_.rend(); ++folder) {
+    const auto error = folder->failed
+                           ? std::nullopt
+                           : finishLocalFolder(folder->path, folder->st.mode, folder->st.mtime);
+    if (error) {
+      itemFailed(*folder, *error);
+    }
+  }
+  endTransfer();
+}
+
+void PullJob::itemFailed(Item& item, const Error& error) {
+  item.failed = true;
+  failed(error);
+}
+
+}  // namespace zell::ctl

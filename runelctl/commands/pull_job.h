@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files and trees from a device.
+#ifndef ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
+#define ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/records.h"
+#include "commands/local_tree.h"
+#include "commands/transfer_job.h"
+
+namespace zell::ctl {
+
+/// What is to be fetched.
+struct PullPlan {
+  std::vector<std::string> remotes;
+  std::string local;
+  bool recursive = false;
+  bool resume = true;
+  bool checksum = false;
+  /// The place is a folder, in which each device has a folder of its own.
+  bool apart = false;
+};
+
+/// Looks at everything that is to be fetched, then fetches small files in a pipeline and large ones
+/// in pieces. No name that the device tells leads out of the folder that was asked for.
+class PullJob : public TransferJob {
+ public:
+  PullJob(JobContext context, PullPlan plan);
+  ~PullJob() override;
+  void start() override;
+
+ private:
+  struct Item {
+    std::string source;  ///< there
+    std::string path;    ///< here
+    StatRecord st;
+    bool known = false;  ///< `st` is exact; what a walked tree tells is not
+    bool failed = false;
+    std::string target;  ///< of a link
+  };
+  struct BigFile;
+
+  // pull_job.cc
+  void lookAtNext();
+  void lookAt(const std::string& remote, const Reply& reply);
+  void takeTree(const std::string& remote, const Reply& reply);
+  void takeEntry(const std::string& remote, const std::string& base, const TreeEntry& entry);
+  [[nodiscard]] std::string placeOf(const std::string& remote) const;
+  void makeFolders();
+  void fetchSmallFiles();
+  std::optional<Pipeline::Item> nextSmallFile();
+  bool statTaken(Item& item, const Reply& reply);
+  bool contentTaken(Item& item, const Reply& reply);
+  void makeLinks();
+  void compareChecksums();
+  bool compareRun(const ProgramRun& done, std::vector<Item*>& left);
+  void finishFolders();
+  void itemFailed(Item& item, const Error& error);
+
+  // pull_big_file.cc
+  void fetchBigFiles();
+  void bigFileDone();
+  void beginBigFile(const Reply& reply);
+  void checkPart();
+  void fetchPieces();
+  std::optional<Pipeline::Item> nextPiece();
+  bool pieceTaken(std::uint64_t offset, std::size_t size, const Reply& reply);
+  void endPieces();
+  void finishBigFile(const Reply& reply);
+  void dropBigFile(const Error& error);
+
+  const PullPlan plan_;
+  std::string base_;
+  bool into_ = false;
+  std::size_t next_ = 0;
+  bool statNext_ = true;
+  std::vector<Item> folders_, links_, small_, big_;
+  std::unique_ptr<BigFile> bigFile_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_

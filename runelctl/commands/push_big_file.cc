@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+// A large file goes in pieces to a hidden name beside its target and is renamed when it is whole.
+// What a broken transfer left there is taken up where it ends, if it is a part of this file.
+#include <algorithm>
+#include <utility>
+
+#include "commands/push_parts.h"
+
+namespace zell::ctl {
+
+void PushJob::sendBigFiles() {
+  next_ = 0;
+  bigFileDone();
+}
+
+// On to the next one.
+void PushJob::bigFileDone() {
+  if (next_ == big_.size()) {
+    makeLinks();
+    return;
+  }
+  Item& item = big_[next_++];
+  bigFile_ = std::make_unique<BigFile>();
+  bigFile_->item = &item;
+  if (const auto error = bigFile_->reader.open(item.entry->path)) {
+    itemFailed(item, *error);
+    bigFileDone();
+  } else if (item.there && item.there->isLink()) {
+    ask(request({"realpath", item.target}), [this](const Reply& reply) {
+      if (alive(reply)) {
+        lookBehindLink(reply.ok() ? reply.output : bigFile_->item->target);
+      }
+    });
+  } else {
+    beginBigFile();
+  }
+}
+
+void PushJob::lookBehindLink(const std::string& target) {
+  bigFile_->item->target = target;
+  ask(request({"lstat", target}), [this](const Reply& reply) {
+    if (alive(reply)) {
+      bigFile_->item->there = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      beginBigFile();
+    }
+  });
+}
+
+void PushJob::beginBigFile() {
+  bigFile_->part = partPath(bigFile_->item->target);
+  if (plan_->resume) {
+    ask(request({"stat", bigFile_->part}), [this](const Reply& reply) { checkPart(reply); });
+  } else {
+    sendPieces();
+  }
+}
+
+void PushJob::checkPart(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  if (!st || !st->isRegular() || st->size == 0 || st->size > bigFile_->reader.size()) {
+    sendPieces();
+    return;
+  }
+  ask(execRequest({"sha256sum", "--", bigFile_->part}, 0),
+      [this, size = st->size](const Reply& sum) {
+        if (!alive(sum)) {
+          return;
+        }
+        const auto sums = parseChecksums(sum.output, 1);
+        if (sum.ok() && sums && localSha256(bigFile_->item->entry->path, size) == sums->front()) {
+          bigFile_->offset = size;
+          skip(size, bigFile_->item->target);
+          report().result()["resumed_at"] = size;
+        }
+        sendPieces();
+      });
+}
+
+// Empty at first and nobody else's: whoever may not read the file must not read its part.
+void PushJob::sendPieces() {
+  if (bigFile_->offset == 0) {
+    ask(request({"write", bigFile_->part, ""}), [this](const Reply& reply) {
+      if (!reply.ok() && !reply.broken) {
+        bigFile_->error = reply.error(bigFile_->item->target);
+      }
+    });
+    ask(execRequest({"chmod", "0600", "--", bigFile_->part}, 0), [](const Reply&) {});
+  }
+  pipe([this] { return nextPiece(); }, [this] { endPieces(); });
+}
+
+std::optional<Pipeline::Item> PushJob::nextPiece() {
+  BigFile& file = *bigFile_;
+  const std::uint64_t left = file.reader.size() - std::min(file.offset, file.reader.size());
+  const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, pieceBytes()));
+  std::string bytes;
+  if (!file.error && size > 0) {
+    file.error = file.reader.read(file.offset, size, bytes);
+  }
+  if (file.error || size == 0) {
+    return std::nullopt;
+  }
+  file.offset += size;
+  const auto handle = [this, size](const Reply& reply) {
+    if (!alive(reply)) {
+      return false;
+    }
+    if (!reply.ok() && !bigFile_->error) {
+      bigFile_->error = reply.error(bigFile_->item->target);
+    }
+    count(size, bigFile_->item->target);
+    return reply.ok();
+  };
+  return Pipeline::Item{request({"append", file.part, std::move(bytes)}), size, handle};
+}
+
+void PushJob::endPieces() {
+  BigFile& file = *bigFile_;
+  if (!file.error && file.reader.changed()) {
+    file.error = file.reader.changedError();
+  }
+  if (file.error) {
+    dropPart(*file.error);
+    return;
+  }
+  // Somebody else may have written there too.
+  ask(request({"stat", file.part}), [this](const Reply& reply) { finishPart(reply); });
+}
+
+// Its mode, owner and time before its name.
+void PushJob::finishPart(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const Item& item = *bigFile_->item;
+  const bool whole = st && st->size == bigFile_->reader.size();
+  if (!whole && !bigFile_->again) {
+    // What the lost connection of an earlier try still had on its way may have come in between.
+    bigFile_->again = true;
+    bigFile_->offset = 0;
+    report().result().erase("resumed_at");
+    sendPieces();
+    return;
+  }
+  if (!whole) {
+    dropPart({Fault::task, item.target + ": not whole on the device",
+              "does another runelctl send the same file?", 0});
+    return;
+  }
+  const auto ask = [this](const std::vector<std::string>& words, const char* what) {
+    Job::ask(execRequest(words, 0), [this, what, program = words[0]](const Reply& done) {
+      if (!done.ok() && !done.broken) {
+        notKept(std::string(what) + ": " + programTrouble(program, done));
+      }
+    });
+  };
+  const std::string& part = bigFile_->part;
+  if (item.there && (item.there->uid != st->uid || item.there->gid != st->gid)) {
+    ask({"chown", std::to_string(item.there->uid) + ":" + std::to_string(item.there->gid), "--",
+         part},
+        "owner not kept");
+  }
+  ask({"chmod", octalMode(item.entry->mode), "--", part}, "modes not kept");
+  const std::string seconds = touchTime(item.entry->mtime, false);
+  Job::ask(execRequest({"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
+           [this, seconds, ask](const Reply& touched) {
+             if (!touched.ok()) {
+               ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not kept");
+             }
+             renamePart();
+           });
+}
+
+void PushJob::renamePart() {
+  ask(request({"rename", bigFile_->part, bigFile_->item->target}), [this](const Reply& renamed) {
+    if (!alive(renamed)) {
+      return;
+    }
+    if (!renamed.ok()) {
+      dropPart(renamed.error(bigFile_->item->target));
+      return;
+    }
+    bigFile_->item->complete = true;
+    fileDone();
+    bigFileDone();
+  });
+}
+
+void PushJob::dropPart(const Error& error) {
+  ask(request({"unlink", bigFile_->part}), [this, error](const Reply& reply) {
+    if (alive(reply)) {
+      itemFailed(*bigFile_->item, error);
+      bigFileDone();
+    }
+  });
+}
+
+}  // namespace zell::ctl

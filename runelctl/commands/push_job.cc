@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commands/push_job.h"
+
+#include <utility>
+
+#include "commands/push_parts.h"
+
+namespace zell::ctl {
+
+PushJob::PushJob(JobContext context, std::shared_ptr<const PushPlan> plan)
+    : TransferJob(std::move(context)), plan_(std::move(plan)), root_(remote(plan_->remote)) {}
+
+PushJob::~PushJob() = default;
+
+std::optional<Request> PushJob::cleanUp() const {
+  if (batch_) {
+    return execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0);
+  }
+  if (bigFile_ && !plan_->resume) {
+    return request({"unlink", bigFile_->part});
+  }
+  return std::nullopt;
+}
+
+void PushJob::start() {
+  ask(request({"stat", root_}), [this](const Reply& reply) { place(reply); });
+}
+
+// As cp does: several sources, a slash at the end or a folder that is there mean "into".
+void PushJob::place(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const bool folder = (st && st->isFolder()) || (root_.size() > 1 && root_.back() == '/');
+  const bool into = !plan_->sync && (folder || plan_->sources.size() > 1);
+  rootIsThere_ = st.has_value();
+  for (const std::string& left : plan_->left) {
+    report().warn(left + ": left out, neither file, folder nor link");
+  }
+  if (into && !st) {
+    static const LocalEntry kPlain{'d', "", "", "", 0755, 0, {}};
+    folders_.push_back({&kPlain, root_, false, true, std::nullopt});
+  }
+  for (const LocalSource& source : plan_->sources) {
+    plan(into ? joinPath(root_, source.name) : root_, source);
+  }
+  if (plan_->sync) {
+    lookAtTree();
+  } else {
+    makeFolders();
+  }
+}
+
+void PushJob::plan(const std::string& base, const LocalSource& source) {
+  for (const LocalEntry& entry : source.entries) {
+    const std::string target = entry.relative.empty() ? base : joinPath(base, entry.relative);
+    const Item item{&entry, target, false, false, std::nullopt};
+    if (entry.type == 'd') {
+      folders_.push_back(item);
+    } else if (entry.type == 'l') {
+      links_.push_back(item);
+    } else if (entry.size > pieceBytes()) {
+      big_.push_back(item);
+    } else {
+      small_.push_back(item);
+    }
+    expect(entry.size);
+  }
+}
+
+void PushJob::makeFolders() {
+  ProgramRuns run{{"mkdir", "-p", "--"}, {}};
+  for (const Item& item : folders_) {
+    run.names.push_back(item.target);
+  }
+  runPrograms({run}, "folders not made", [this] { lookAtTargets(); });
+}
+
+// A file that replaces another one keeps its owner, and goes where a link leads, as "write" has it.
+void PushJob::lookAtTargets() {
+  std::vector<Item*> items;
+  for (Items* list : {&small_, &big_}) {
+    for (Item& item : *list) {
+      items.push_back(&item);
+    }
+  }
+  if (!rootIsThere_) {
+    items.clear();
+  }
+  const auto source = [this, items,
+                       at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {
+    if (at == items.size()) {
+      return std::nullopt;
+    }
+    Item& item = *items[at++];
+    return Pipeline::Item{request({"lstat", item.target}), 0, [this, &item](const Reply& reply) {
+                            item.there = reply.ok() ? parseStat(reply.output) : std::nullopt;
+                            return alive(reply);
+                          }};
+  };
+  pipe(source, [this] { sendArchives(); });
+}
+
+void PushJob::sendSmallFiles() {
+  batch_.reset();
+  next_ = 0;
+  pipe([this] { return nextSmallFile(); }, [this] { sendBigFiles(); });
+}
+
+std::optional<Pipeline::Item> PushJob::nextSmallFile() {
+  while (next_ < small_.size()) {
+    Item& item = small_[next_++];
+    if (item.complete || item.failed) {
+      continue;
+    }
+    std::string content;
+    if (const auto error = readSmallFile(item, content)) {
+      itemFailed(item, *error);
+      continue;
+    }
+    const std::size_t size = content.size();
+    const auto handle = [this, &item, size](const Reply& reply) {
+      if (!alive(reply)) {
+        return false;
+      }
+      if (reply.ok()) {
+        fileDone();
+        count(size, item.target);
+      } else {
+        itemFailed(item, reply.error(item.target));
+      }
+      return true;
+    };
+    return Pipeline::Item{request({"write", item.target, std::move(content)}), size, handle};
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> PushJob::readSmallFile(const Item& item, std::string& content) const {
+  LocalReader reader;
+  std::optional<Error> error = reader.open(item.entry->path);
+  if (!error && reader.size() > 2 * pieceBytes()) {
+    return reader.changedError();
+  }
+  if (!error) {
+    error = reader.read(0, static_cast<std::size_t>(reader.size()), content);
+  }
+  return error || !reader.changed() ? error : reader.changedError();
+}
+
+void PushJob::makeLinks() {
+  bigFile_.reset();
+  std::vector<ProgramRuns> runs;
+  for (const Item& item : links_) {
+    runs.push_back({{"ln", "-s", "-f", "-n", "--", item.entry->target}, {item.target}});
+  }
+  runPrograms(std::move(runs), "links not made", [this] { setModes(); });
+}
+
+void PushJob::itemFailed(Item& item, const Error& error) {
+  item.failed = true;
+  failed(error);
+}
+
+}  // namespace zell::ctl

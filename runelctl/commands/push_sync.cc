@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+// What of a tree has to be sent: what is not on the device, or there in another form.
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <utility>
+
+#include "commands/push_parts.h"
+
+namespace zell::ctl {
+namespace {
+
+using Tree = std::map<std::string, const TreeEntry*>;
+
+// Takes what is at the place of @p entry out of @p there. Nothing when that is of another kind.
+const TreeEntry* take(Tree& there, const LocalEntry& entry) {
+  const auto found = there.find(entry.relative.empty() ? "." : entry.relative);
+  if (found == there.end() || found->second->type != entry.type) {
+    return nullptr;
+  }
+  const TreeEntry* taken = found->second;
+  there.erase(found);
+  return taken;
+}
+
+bool sameContent(const LocalEntry& here, const TreeEntry& there) {
+  if (here.type == 'l') {
+    return there.target == here.target;
+  }
+  return here.type == 'd' || (there.size == here.size && there.mtime == here.mtime.seconds);
+}
+
+}  // namespace
+
+// The dot behind it has a link to a folder looked at as the folder.
+void PushJob::lookAtTree() {
+  ask(request({"walktree", root_ + "/."}), [this](const Reply& reply) { compareTree(reply); });
+}
+
+void PushJob::compareTree(const Reply& reply) {
+  if (!alive(reply)) {
+    return;
+  }
+  const auto entries = parseTree(reply.output);
+  if (!entries || (!reply.ok() && reply.status.error != ENOENT)) {
+    fail(reply.ok() ? Error{Fault::protocol, "the tree is in no known form", "", 0}
+                    : reply.error(root_));
+    return;
+  }
+  Tree there;
+  for (const TreeEntry& entry : *entries) {
+    there[entry.path] = &entry;
+  }
+  const auto same = [&](const Item& item) {
+    const TreeEntry* entry = take(there, *item.entry);
+    if (entry == nullptr || !sameContent(*item.entry, *entry)) {
+      return false;
+    }
+    if (item.entry->type != 'l' && entry->mode != item.entry->mode) {
+      modeOnly_.push_back(item);
+    }
+    skip(item.entry->size, item.target);
+    return true;
+  };
+  std::size_t sent = 0;
+  for (Items* list : {&small_, &big_, &links_, &folders_}) {
+    list->erase(std::remove_if(list->begin(), list->end(), same), list->end());
+    sent += list->size();
+  }
+  for (const auto& [path, entry] : there) {
+    if (plan_->remove && path != "." && there.count(folderOf(path)) == 0) {
+      others_.push_back(path);
+    }
+  }
+  foldersChanged_ = sent > 0 || !others_.empty();
+  removeOthers();
+}
+
+void PushJob::removeOthers() {
+  ProgramRuns run{{"rm", "-r", "-f", "--"}, {}};
+  for (const std::string& path : others_) {
+    run.names.push_back(joinPath(root_, path));
+  }
+  runPrograms({run}, "not removed", [this] { makeFolders(); });
+}
+
+}  // namespace zell::ctl

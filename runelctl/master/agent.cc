@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/agent.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kReadSize = 16384;
+constexpr std::size_t kMostQueued = 262144;
+constexpr std::size_t kLongestClause = 1048576;
+
+Error inputError(const std::string& what, const std::string& hint) {
+  return {Fault::local, "standard input: " + what, hint, 0};
+}
+
+}  // namespace
+
+Agent::Agent(Loop& loop, int input, Options options, Events events)
+    : loop_(loop), input_(input), options_(std::move(options)), events_(std::move(events)) {
+  connector_ = std::make_unique<Connector>(loop_, options_.target, "", options_.connect,
+                                           [this](UniqueFd socket, std::optional<Error> error) {
+                                             if (error) {
+                                               end(std::move(error));
+                                             } else {
+                                               connected(std::move(socket));
+                                             }
+                                           });
+}
+
+Agent::~Agent() {
+  loop_.cancel(pause_);
+  loop_.forget(input_);
+  if (socket_.valid()) {
+    loop_.forget(socket_.get());
+  }
+}
+
+void Agent::connected(UniqueFd socket) {
+  socket_ = std::move(socket);
+  if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t events) { ready(events); })) {
+    end(Error{Fault::unreachable, systemText(errno), "", errno});
+    return;
+  }
+  readInput();
+}
+
+// A file cannot be waited for, and need not: it is read as fast as it is sent.
+void Agent::readInput() {
+  loop_.cancel(pause_);
+  if (out_.size() > kMostQueued) {
+    loop_.forget(input_);  // until the daemon has taken some of it
+    inputWatched_ = false;
+    return;
+  }
+  if (!inputWatched_ && loop_.watch(input_, EPOLLIN, [this](std::uint32_t) { readInput(); })) {
+    inputWatched_ = true;
+    return;
+  }
+  std::string bytes(kReadSize, '\0');
+  const ssize_t got = ::read(input_, bytes.data(), bytes.size());
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
+  }
+  if (got <= 0) {
+    inputEnded();
+    return;
+  }
+  bytes.resize(static_cast<std::size_t>(got));
+  take(std::move(bytes));
+  if (!inputWatched_ && !over_) {
+    pause_ = loop_.after(Milliseconds(0), [this] { readInput(); });
+  }
+}
+
+void Agent::take(std::string bytes) {
+  if (options_.raw) {
+    out_ += bytes;
+    watchSocket();
+    return;
+  }
+  typed_.append(bytes);
+  std::string clause;
+  ClauseBuffer::Next next = typed_.next(clause);
+  while (next == ClauseBuffer::Next::cut) {
+    out_ += clause + "\r\n";
+    next = typed_.next(clause);
+  }
+  if (next == ClauseBuffer::Next::sentinel) {
+    end(inputError("the byte 0x01 or 0x02 would stop the daemon", "--raw sends it all the same"));
+  } else if (next == ClauseBuffer::Next::notOpening) {
+    end(inputError("what does not begin with '<' would block the daemon's relay",
+                   "--raw sends it all the same"));
+  } else if (typed_.size() > kLongestClause) {
+    end(inputError("a clause of more than 1 MiB", ""));
+  } else {
+    watchSocket();
+  }
+}
+
+void Agent::inputEnded() {
+  inputOver_ = true;
+  loop_.forget(input_);
+  if (typed_.first(1).empty()) {
+    waitOn();
+  } else {
+    end(inputError("the last clause is not complete: its closing tag is missing",
+                   "tags with attributes must end in '/>'"));
+  }
+}
+
+void Agent::watchSocket() {
+  if (!over_) {
+    loop_.change(socket_.get(), out_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
+  }
+}
+
+void Agent::ready(std::uint32_t events) {
+  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+    receive();
+  }
+  if (!over_ && (events & EPOLLOUT) != 0) {
+    flush();
+  }
+}
+
+void Agent::receive() {
+  char bytes[kReadSize];
+  const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
+  }
+  if (got <= 0) {
+    end(Error{Fault::lost, got < 0 ? systemText(errno) : "the device closed the connection",
+              "its daemon does so when the connection to its master ends", got < 0 ? errno : 0});
+    return;
+  }
+  heard_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
+  std::string clause;
+  while (heard_.next(clause) == ClauseBuffer::Next::cut) {
+    events_.clause(clause);
+  }
+  if (heard_.size() > kLongestClause) {
+    end(Error{Fault::protocol, "what came back is no clause", "", 0});
+  } else if (inputOver_) {
+    waitOn();
+  }
+}
+
+void Agent::flush() {
+  const ssize_t taken = send(socket_.get(), out_.data(), out_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (taken > 0) {
+    out_.erase(0, static_cast<std::size_t>(taken));
+  }
+  watchSocket();
+  if (inputOver_) {
+    waitOn();
+  } else if (!inputWatched_ && out_.size() <= kMostQueued) {
+    readInput();
+  }
+}
+
+// The end comes when nothing has happened for a while.
+void Agent::waitOn() {
+  if (over_) {
+    return;
+  }
+  loop_.cancel(pause_);
+  if (out_.empty()) {
+    pause_ = loop_.after(options_.linger, [this] { end(std::nullopt); });
+  }
+}
+
+void Agent::end(std::optional<Error> error) {
+  if (std::exchange(over_, true)) {
+    return;
+  }
+  loop_.cancel(pause_);
+  loop_.forget(input_);
+  if (socket_.valid()) {
+    loop_.forget(socket_.get());
+  }
+  events_.end(std::move(error));
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// A local agent: speaks clauses to a daemon and hears what comes back from its master.
+#ifndef ZELL_RUNELCTL_MASTER_AGENT_H_
+#define ZELL_RUNELCTL_MASTER_AGENT_H_
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "client/address.h"
+#include "client/connector.h"
+#include "client/error.h"
+#include "client/loop.h"
+#include "connections/clause_buffer.h"
+
+namespace zell::ctl {
+
+/// Sends the clauses that it reads, one by one, and gives what comes back.
+class Agent {
+ public:
+  struct Options {
+    Target target;
+    Milliseconds connect{10000};
+    /// How long to go on listening after the end of the input, from the last thing that came: the
+    /// daemon makes its connection to the master only when the first clause is there.
+    Milliseconds linger{2000};
+    /// Send the input as it is, whatever that does to the daemon.
+    bool raw = false;
+  };
+  struct Events {
+    std::function<void(const std::string& clause)> clause;
+    /// Over: with the reason, or without one at the end of the input.
+    std::function<void(std::optional<Error> error)> end;
+  };
+
+  /// Reads from @p input, which stays the caller's.
+  Agent(Loop& loop, int input, Options options, Events events);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+ private:
+  void connected(UniqueFd socket);
+  void readInput();
+  void take(std::string bytes);
+  void inputEnded();
+  void watchSocket();
+  void ready(std::uint32_t events);
+  void receive();
+  void flush();
+  void waitOn();
+  void end(std::optional<Error> error);
+
+  Loop& loop_;
+  const int input_;
+  const Options options_;
+  Events events_;
+  std::unique_ptr<Connector> connector_;
+  UniqueFd socket_;
+  ClauseBuffer typed_;
+  ClauseBuffer heard_;
+  std::string out_;
+  bool inputOver_ = false;
+  bool inputWatched_ = false;
+  bool over_ = false;
+  Loop::Timer pause_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_MASTER_AGENT_H_

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+// runelctl agent.
+#include <cmath>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/local_command.h"
+#include "app/signals.h"
+#include "client/request.h"
+#include "master/agent.h"
+#include "output/text.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr double kMostLinger = 86400;
+
+class AgentCommand : public LocalCommand {
+ public:
+  AgentCommand()
+      : LocalCommand("agent", "play a local agent: clauses from standard input to the daemon") {}
+
+  void define(CLI::App& app) override {
+    app.add_option("--linger", linger_,
+                   "listen on until nothing came for so long after the end of the input (2)")
+        ->check(CLI::Range(0.0, kMostLinger))
+        ->type_name("S");
+    app.add_flag("--raw", raw_,
+                 "send the input as it is: this can block the relay or stop the daemon");
+  }
+
+  int run(const Settings& settings, const Style& style) override {
+    if (settings.targets.size() != 1 || settings.targets[0].behindMaster()) {
+      complain("agent: give one device, by its address: an agent dials the daemon itself");
+      return kExitUsage;
+    }
+    Loop loop;
+    int status = 0;
+    const Target& target = settings.targets[0];
+    const auto show = [&](const std::string& clause) { print(target, style, clause); };
+    const auto ended = [&](const std::optional<Error>& error) {
+      if (error) {
+        status = exitStatusOf(*error);
+        tell(target, style, *error);
+      }
+      loop.stop();
+    };
+    Agent agent(loop, STDIN_FILENO,
+                {target, settings.limits().connect,
+                 Milliseconds(static_cast<Milliseconds::rep>(std::lround(linger_ * 1000))), raw_},
+                {show, ended});
+    const Signals signals(loop, [&](int number) {
+      status = kExitSignalBase + number;
+      loop.stop();
+    });
+    loop.run();
+    return status;
+  }
+
+ private:
+  // A clause is passed on with the line end that the relay gives it.
+  static void print(const Target& target, const Style& style, const std::string& clause) {
+    std::string line = style.name(clause) + (style.outTerminal ? "\n" : "\r\n");
+    if (style.json) {
+      Json object{{"v", 1}, {"device", target.name}, {"task", "agent"}, {"entry", "clause"}};
+      putBytes(object, "clause", clause);
+      line = object.dump() + "\n";
+    }
+    (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends us by its signal
+  }
+
+  static void tell(const Target& target, const Style& style, const Error& error) {
+    if (style.json) {
+      Json object{{"v", 1},
+                  {"device", target.name},
+                  {"task", "agent"},
+                  {"ok", false},
+                  {"status", exitStatusOf(error)},
+                  {"where", error.where()},
+                  {"retry", error.retry()}};
+      putBytes(object, "error", error.what);
+      (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
+      return;
+    }
+    complain(target.name + ": " + error.what + (error.hint.empty() ? "" : " (" + error.hint + ")"));
+  }
+
+  double linger_ = 2;
+  bool raw_ = false;
+};
+
+}  // namespace
+
+void addAgentCommand(LocalCommands& commands) {
+  commands.push_back(std::make_unique<AgentCommand>());
+}
+
+}  // namespace zell::ctl

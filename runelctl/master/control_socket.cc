@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/control_socket.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "client/error.h"
+#include "client/local_peer.h"
+#include "client/records.h"
+
+namespace zell::ctl {
+namespace {
+
+// One run of runelctl may come for each of very many devices at the same moment.
+constexpr int kBacklog = 4096;
+constexpr int kAtOnce = 64;
+constexpr std::size_t kLongestLine = 1024;
+constexpr Milliseconds kLineTime{10000};
+constexpr Milliseconds kSendTime{30000};
+
+UniqueFd newSocket() {
+  return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
+
+const sockaddr* generic(const sockaddr_un& address) {
+  // The socket calls' one type for addresses of every kind.
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool answers(const sockaddr_un& address) {
+  const UniqueFd probe = newSocket();
+  return connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
+}
+
+// Nobody else may open it, not even for the moment between bind and a chmod.
+bool bindPrivately(int socket, const sockaddr_un& address) {
+  const mode_t before = umask(0177);
+  const bool bound = bind(socket, generic(address), sizeof address) == 0;
+  umask(before);
+  return bound;
+}
+
+// Makes the folder of @p path if need be. False with errno for one that others could put things in.
+bool ownFolder(const std::string& path) {
+  const std::string folder = folderOf(path);
+  (void)mkdir(folder.c_str(), 0700);  // it may be there
+  struct stat about {};
+  if (stat(folder.c_str(), &about) != 0) {
+    return false;
+  }
+  errno = EPERM;
+  return (about.st_uid == geteuid() || about.st_uid == 0) &&
+         ((about.st_mode & 022U) == 0 || (about.st_mode & S_ISVTX) != 0);
+}
+
+}  // namespace
+
+ControlSocket::~ControlSocket() {
+  while (!callers_.empty()) {
+    drop(callers_.begin()->first);
+  }
+  if (listener_.valid()) {
+    loop_.forget(listener_.get());
+    (void)unlink(path_.c_str());  // else the next master finds that nobody answers there
+  }
+}
+
+std::string ControlSocket::open(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    return path + ": " + systemText(ENAMETOOLONG);
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  if (!ownFolder(path)) {
+    return folderOf(path) + ": no folder of our own for a socket: " + systemText(errno);
+  }
+  if (answers(address)) {
+    return path + ": a master is running already";
+  }
+  (void)unlink(path.c_str());  // bind tells when it is still in the way
+  UniqueFd listener = newSocket();
+  if (!bindPrivately(listener.get(), address) || listen(listener.get(), kBacklog) != 0 ||
+      !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
+    return path + ": " + systemText(errno);
+  }
+  listener_ = std::move(listener);
+  path_ = path;
+  return "";
+}
+
+void ControlSocket::accept() {
+  for (int i = 0; i < kAtOnce; ++i) {
+    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket.valid()) {
+      return;  // no more, or no descriptor is left: they go on waiting
+    }
+    if (peerIsUs(socket.get())) {
+      keep(std::move(socket), EPOLLIN, kLineTime, "");
+    } else {
+      sendAndClose(std::move(socket), "this master is another user's\n");
+    }
+  }
+}
+
+void ControlSocket::keep(UniqueFd socket, std::uint32_t events, Milliseconds limit,
+                         std::string text) {
+  const int fd = socket.get();
+  const auto ready = [this, fd](std::uint32_t what) {
+    if ((what & EPOLLOUT) != 0) {
+      sendRest(fd);
+    } else {
+      readLine(fd);
+    }
+  };
+  if (loop_.watch(fd, events, ready)) {
+    callers_[fd] = {std::move(socket), std::move(text),
+                    loop_.after(limit, [this, fd] { drop(fd); })};
+  }
+}
+
+// Byte by byte: what follows the line is not ours.
+void ControlSocket::readLine(int fd) {
+  std::string& line = callers_.at(fd).text;
+  char byte = 0;
+  ssize_t got = recv(fd, &byte, 1, MSG_DONTWAIT);
+  while (got == 1 && byte != '\n' && line.size() < kLongestLine) {
+    line += byte;
+    got = recv(fd, &byte, 1, MSG_DONTWAIT);
+  }
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
+  }
+  const bool whole = got == 1 && byte == '\n';
+  const std::string asked = std::move(line);
+  UniqueFd socket = std::move(callers_.at(fd).socket);
+  drop(fd);
+  if (whole) {
+    asked_(asked, std::move(socket));
+  }
+}
+
+void ControlSocket::sendAndClose(UniqueFd socket, std::string text) {
+  const int fd = socket.get();
+  keep(std::move(socket), EPOLLOUT, kSendTime, std::move(text));
+  if (callers_.count(fd) != 0) {
+    sendRest(fd);
+  }
+}
+
+void ControlSocket::sendRest(int fd) {
+  std::string& text = callers_.at(fd).text;
+  const ssize_t taken = send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (taken >= 0) {
+    text.erase(0, static_cast<std::size_t>(taken));
+  }
+  if (text.empty() || (taken < 0 && errno != EAGAIN && errno != EINTR)) {
+    drop(fd);
+  }
+}
+
+void ControlSocket::drop(int fd) {
+  const auto caller = callers_.find(fd);
+  loop_.forget(fd);
+  loop_.cancel(caller->second.limit);
+  callers_.erase(caller);
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/further_link.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include "client/error.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kReadSize = 16384;
+// An agent's clause is a line or two. What never ends is not kept for ever.
+constexpr std::size_t kLongestClause = 1048576;
+
+}  // namespace
+
+FurtherLink::FurtherLink(Loop& loop, UniqueFd socket, Events events)
+    : loop_(loop), socket_(std::move(socket)), events_(std::move(events)) {
+  if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t) { receive(); })) {
+    loop_.next([end = events_.end, why = systemText(errno)] { end(why); });
+    events_.end = nullptr;
+  }
+}
+
+FurtherLink::~FurtherLink() {
+  loop_.forget(socket_.get());
+}
+
+UniqueFd FurtherLink::take() {
+  loop_.forget(socket_.get());
+  events_ = Events();
+  return std::move(socket_);
+}
+
+void FurtherLink::receive() {
+  char bytes[kReadSize];
+  const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
+  }
+  if (got <= 0) {
+    end(got < 0 ? systemText(errno) : "the device closed it");
+    return;
+  }
+  bytes_ += static_cast<std::uint64_t>(got);
+  if (!std::exchange(spoke_, true)) {
+    events_.spoke();
+  }
+  buffer_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
+  cut();
+}
+
+void FurtherLink::cut() {
+  std::string clause;
+  ClauseBuffer::Next next = buffer_.next(clause);
+  while (next == ClauseBuffer::Next::cut) {
+    ++clauses_;
+    events_.clause(clause);
+    next = buffer_.next(clause);
+  }
+  if (next == ClauseBuffer::Next::sentinel || next == ClauseBuffer::Next::notOpening) {
+    end("sent what is no clause");
+  } else if (buffer_.size() > kLongestClause) {
+    end("sent a clause of more than 1 MiB");
+  }
+}
+
+void FurtherLink::end(const std::string& why) {
+  loop_.forget(socket_.get());
+  socket_.reset();
+  const auto ended = std::move(events_.end);
+  events_ = Events();
+  if (ended) {
+    ended(why);
+  }
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/listener.h"
+
+#include <cerrno>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include "client/connector.h"
+#include "client/error.h"
+#include "client/resolver.h"
+
+namespace zell::ctl {
+namespace {
+
+// Devices by the hundred dial again at the same moment when the master has been away.
+constexpr int kBacklog = 4096;
+constexpr int kAtOnce = 64;
+constexpr Milliseconds kRest{1000};
+
+}  // namespace
+
+Listener::~Listener() {
+  loop_.cancel(pause_);
+  if (socket_.valid()) {
+    loop_.forget(socket_.get());
+  }
+}
+
+std::string Listener::open(const std::string& host, std::uint16_t port) {
+  const std::string where = host + ":" + std::to_string(port) + ": ";
+  sockaddr_in address{};
+  std::string why;
+  if (!resolve(host, port, address, why)) {
+    return where + why;
+  }
+  socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind tells
+  // The socket calls' one type for addresses of every kind.
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  if (bind(socket_.get(), generic, sizeof address) != 0 || listen(socket_.get(), kBacklog) != 0 ||
+      !watch()) {
+    return where + systemText(errno);
+  }
+  return "";
+}
+
+bool Listener::watch() {
+  return loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t) { accept(); });
+}
+
+void Listener::accept() {
+  for (int i = 0; i < kAtOnce; ++i) {
+    sockaddr_in from{};
+    socklen_t size = sizeof from;
+    auto* generic = reinterpret_cast<sockaddr*>(&from);  // as above
+    UniqueFd connected(accept4(socket_.get(), generic, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!connected.valid()) {
+      if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+        rest(errno);
+      }
+      return;
+    }
+    setTaskOptions(connected.get());
+    accepted_(std::move(connected), from);
+  }
+}
+
+// Those who wait would wake us again and again, and there is nothing that could be done for them.
+void Listener::rest(int number) {
+  problem_("cannot take another connection: " + systemText(number));
+  loop_.forget(socket_.get());
+  pause_ = loop_.after(kRest, [this] {
+    pause_ = Loop::Timer();
+    if (!watch()) {
+      rest(errno);
+    }
+  });
+}
+
+}  // namespace zell::ctl

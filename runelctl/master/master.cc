@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/master.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include <arpa/inet.h>
+
+namespace zell::ctl {
+namespace {
+
+// A device that is turned away dials again at once, ten times a second. It is kept waiting instead.
+constexpr Milliseconds kHoldTime{5000};
+constexpr std::size_t kMostHeld = 256;
+// A device has a slave connection, a bridge, and now and then one too many.
+constexpr std::size_t kMostOfOneDevice = 16;
+constexpr std::size_t kMostOfOneAddress = 4096;
+
+std::string dotted(const sockaddr_in& from) {
+  char text[INET_ADDRSTRLEN] = "";
+  (void)inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);  // it has room for each address
+  return text;
+}
+
+Lineup::Rules rulesOf(const MasterOptions& options) {
+  Lineup::Rules rules;
+  rules.shared = options.shared;
+  return rules;
+}
+
+}  // namespace
+
+Master::Master(Loop& loop, const MasterOptions& options, Journal& journal)
+    : loop_(loop),
+      options_(options),
+      journal_(journal),
+      lineup_(rulesOf(options)),
+      listener_(
+          loop,
+          [this](UniqueFd socket, const sockaddr_in& from) { accepted(std::move(socket), from); },
+          [this](const std::string& text) { journal_.problem(text); }),
+      control_(loop, [this](const std::string& line, UniqueFd socket) {
+        asked(line, std::move(socket));
+      }) {}
+
+Master::~Master() {
+  loop_.cancel(due_);
+  for (Held& held : held_) {
+    loop_.cancel(held.end);
+  }
+}
+
+std::string Master::open() {
+  // The control socket first: a master that runs already is found out before its port is.
+  std::string wrong = control_.open(options_.socket);
+  if (wrong.empty()) {
+    wrong = listener_.open(options_.host, options_.port);
+  }
+  if (wrong.empty()) {
+    journal_.listening(options_.host + ":" + std::to_string(options_.port), options_.socket);
+  }
+  return wrong;
+}
+
+void Master::accepted(UniqueFd socket, const sockaddr_in& from) {
+  const Label who{"", dotted(from), ntohs(from.sin_port)};
+  const std::string why = refusal(from, who.address);
+  if (why.empty()) {
+    admit(std::move(socket), who);
+  } else {
+    turnAway(std::move(socket), who, why);
+  }
+}
+
+std::string Master::refusal(const sockaddr_in& from, const std::string& address) const {
+  if (!options_.access.allowsAddress(ntohl(from.sin_addr.s_addr))) {
+    return "its address is not on the list";
+  }
+  const std::size_t most = options_.shared ? kMostOfOneAddress : kMostOfOneDevice;
+  return lineup_.countAt(address) >= most ? "too many connections from there" : "";
+}
+
+void Master::turnAway(UniqueFd socket, const Label& who, const std::string& why) {
+  if (held_.size() >= kMostHeld) {
+    return;
+  }
+  if (toldRefused_.insert(who.address).second) {
+    journal_.refused(who, why);
+  }
+  hold({std::move(socket), 0, who.address, {}});
+}
+
+void Master::hold(Held held) {
+  held.end = loop_.after(kHoldTime, [this] { letGo(); });
+  held_.push_back(std::move(held));
+}
+
+// All are held for the same time, so it is the oldest one's turn.
+void Master::letGo() {
+  const Held held = std::move(held_.front());
+  held_.pop_front();
+  toldRefused_.erase(held.address);
+  if (stations_.count(held.id) != 0) {
+    lost(held.id, "refused");
+  }
+}
+
+void Master::admit(UniqueFd socket, const Label& who) {
+  const Id id = ++last_;
+  stations_[id] = std::make_unique<Station>(
+      loop_, who, options_.patience,
+      Station::Events{[this, id] { identified(id); }, [this, id] { spoke(id); },
+                      [this, id](const std::string& clause) {
+                        journal_.clause(stations_.at(id)->label(), clause);
+                      },
+                      [this, id](const std::string& why) { lost(id, why); }});
+  if (lineup_.opened(id, who.address, Clock::now()) == Lineup::Role::slave) {
+    stations_[id]->beSlave(std::move(socket));
+  } else {
+    stations_[id]->beFurther(std::move(socket), hostidAt(who.address));
+    journal_.further(stations_[id]->label());
+    checkSlaves(who.address);
+  }
+  arm();
+}
+
+// Whose a further connection is, where only one device can have made it.
+std::string Master::hostidAt(const std::string& address) const {
+  const std::vector<Id> slaves = lineup_.slavesAt(address);
+  return slaves.size() == 1 ? stations_.at(slaves.front())->label().hostid : "";
+}
+
+// A device has no reason for a further connection but an agent, or that it has lost the first one
+// and this side does not know yet.
+void Master::checkSlaves(const std::string& address) {
+  for (const Id slave : lineup_.slavesAt(address)) {
+    stations_.at(slave)->check();
+  }
+}
+
+void Master::identified(Id id) {
+  Station& station = *stations_.at(id);
+  const Label& who = station.label();
+  if (options_.access.allowsHostid(who.hostid)) {
+    journal_.connected(who, station.deviceType());
+    return;
+  }
+  journal_.refused(who, "its hostid is not on the list");
+  station.refuse();
+  hold({UniqueFd(), id, who.address, {}});
+}
+
+void Master::spoke(Id id) {
+  lineup_.spoke(id);
+  journal_.agent(stations_.at(id)->label());
+  arm();
+}
+
+void Master::lost(Id id, const std::string& why) {
+  const auto found = stations_.find(id);
+  const std::shared_ptr<Station> gone = std::move(found->second);
+  stations_.erase(found);
+  lineup_.closed(id, Clock::now());
+  journal_.lost(gone->label(), gone->role(), why);
+  loop_.next([gone] { (void)gone; });  // its own call is still on the stack
+  arm();
+}
+
+void Master::arm() {
+  loop_.cancel(due_);
+  const std::optional<Lineup::Time> next = lineup_.nextDue();
+  if (next) {
+    const auto left = std::chrono::ceil<Milliseconds>(*next - Clock::now());
+    due_ = loop_.after(std::max(left, Milliseconds(0)), [this] { promote(); });
+  }
+}
+
+void Master::promote() {
+  due_ = Loop::Timer();
+  for (const Id id : lineup_.due(Clock::now())) {
+    stations_.at(id)->promote();
+  }
+  arm();
+}
+
+void Master::asked(const std::string& line, UniqueFd socket) {
+  static constexpr std::string_view kAttach = "attach ";
+  if (line == "devices") {
+    control_.sendAndClose(std::move(socket), list());
+  } else if (line.compare(0, kAttach.size(), kAttach) == 0) {
+    attach(line.substr(kAttach.size()), std::move(socket));
+  } else {
+    control_.sendAndClose(std::move(socket), "the master does not know this request\n");
+  }
+}
+
+void Master::attach(const std::string& name, UniqueFd socket) {
+  const std::vector<Station*> found = named(name);
+  if (found.size() != 1) {
+    control_.sendAndClose(std::move(socket),
+                          found.empty() ? "no device " + name + " is connected to the master\n"
+                                        : std::to_string(found.size()) + " devices are called " +
+                                              name + ": name one by ADDRESS:PORT\n");
+    return;
+  }
+  static constexpr std::string_view kOk = "ok\n";
+  if (send(socket.get(), kOk.data(), kOk.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+      static_cast<ssize_t>(kOk.size())) {
+    found.front()->attach(std::move(socket));
+  }
+}
+
+std::vector<Station*> Master::named(const std::string& name) const {
+  std::vector<Station*> found;
+  for (const auto& [id, station] : stations_) {
+    const Label& who = station->label();
+    if (station->ready() && (name == who.hostid || name == who.address ||
+                             name == who.address + ":" + std::to_string(who.port))) {
+      found.push_back(station.get());
+    }
+  }
+  return found;
+}
+
+std::string Master::list() const {
+  std::map<std::string, std::vector<const FurtherLink*>> further;
+  for (const auto& [id, station] : stations_) {
+    if (station->further() != nullptr) {
+      further[station->label().address].push_back(station->further());
+    }
+  }
+  std::string text;
+  for (const auto& [id, station] : stations_) {
+    if (!station->isSlave() || !station->ready()) {
+      continue;
+    }
+    Json object = station->describe();
+    const auto& others = further[station->label().address];
+    std::uint64_t clauses = 0;
+    for (const FurtherLink* link : others) {
+      clauses += link->clauses();
+    }
+    object["further"] = others.size();
+    object["agents"] = std::count_if(others.begin(), others.end(),
+                                     [](const auto* link) { return link->hasSpoken(); });
+    object["clauses"] = clauses;
+    text += object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  }
+  return text;
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: Apache-2.0
+// runelctl master and runelctl devices.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/local_command.h"
+#include "app/signals.h"
+#include "client/master_client.h"
+#include "client/request.h"
+#include "master/master.h"
+#include "output/text.h"
+
+namespace zell::ctl {
+namespace {
+
+constexpr double kMostShared = 86400;
+
+class MasterCommand : public LocalCommand {
+ public:
+  MasterCommand() : LocalCommand("master", "be the master that devices dial, until interrupted") {}
+
+  void define(CLI::App& app) override {
+    app.add_option("--listen", listen_, "where (127.0.0.1:5112); 0.0.0.0 for everywhere")
+        ->type_name("ADDRESS[:PORT]");
+    app.add_option("--allow", addresses_, "let in only these; repeated, or with commas")
+        ->allow_extra_args(false)
+        ->type_name("ADDRESS[/BITS]");
+    app.add_option("--allow-hostid", hostids_, "let in only these; repeated, or with commas")
+        ->allow_extra_args(false)
+        ->type_name("ID");
+    app.add_option("--shared-address", shared_,
+                   "several devices may have one address: a connection that is silent for so long "
+                   "is a device, not an agent's (see the manual for the risk)")
+        ->check(CLI::Range(0.001, kMostShared))
+        ->type_name("S");
+    app.add_flag("--xml", xml_, "show what agents say");
+    app.add_option("--xml-log", xmlLog_, "keep what agents say, as JSON objects")
+        ->type_name("FILE");
+  }
+
+  std::string check(const Settings& settings) override {
+    (void)settings;
+    if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
+      return "--listen: no ADDRESS[:PORT]: '" + listen_ + "'";
+    }
+    for (const std::string& list : addresses_) {
+      if (!options_.access.addAddresses(list)) {
+        return "--allow: no list of ADDRESS or ADDRESS/BITS: '" + list + "'";
+      }
+    }
+    for (const std::string& list : hostids_) {
+      if (!options_.access.addHostids(list)) {
+        return "--allow-hostid: no list of host identifiers: '" + list + "'";
+      }
+    }
+    return "";
+  }
+
+  int run(const Settings& settings, const Style& style) override {
+    options_.socket = settings.masterSocket;
+    options_.patience = settings.limits().silence;
+    if (shared_ > 0) {
+      options_.shared = Milliseconds(std::lround(shared_ * 1000));
+    }
+    Loop loop;
+    Journal journal(loop, style, xml_);
+    Master master(loop, options_, journal);
+    std::string wrong = xmlLog_.empty() ? "" : journal.keepClauses(xmlLog_);
+    if (wrong.empty()) {
+      wrong = master.open();
+    }
+    if (!wrong.empty()) {
+      complain(wrong);
+      return kExitTaskFailed;
+    }
+    const Signals signals(loop, [&](int) { loop.stop(); });
+    loop.run();
+    return 0;
+  }
+
+ private:
+  std::string listen_;
+  std::vector<std::string> addresses_;
+  std::vector<std::string> hostids_;
+  double shared_ = 0;
+  bool xml_ = false;
+  std::string xmlLog_;
+  MasterOptions options_;
+};
+
+using Table = std::vector<std::vector<std::string>>;
+
+std::string ageText(std::int64_t seconds) {
+  const std::int64_t days = seconds / 86400;
+  char text[48];
+  (void)std::snprintf(text, sizeof text, "%02d:%02d:%02d", static_cast<int>(seconds / 3600 % 24),
+                      static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
+  return days == 0 ? text : std::to_string(days) + "d " + text;
+}
+
+std::vector<std::string> row(const Json& device) {
+  const auto number = [&](const char* key) { return device.value(key, std::uint64_t{0}); };
+  return {device.value("hostid", ""),
+          device.value("address", "") + ":" + std::to_string(number("port")),
+          device.value("devicetype", ""),
+          ageText(device.value("connected_s", std::int64_t{0})),
+          std::to_string(number("requests")),
+          sizeText(number("bytes_to_device")),
+          sizeText(number("bytes_from_device")),
+          std::to_string(number("agents")),
+          std::to_string(number("clauses"))};
+}
+
+void print(const Table& table) {
+  std::vector<std::size_t> widths;
+  for (const auto& cells : table) {
+    widths.resize(cells.size());
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      widths[i] = std::max(widths[i], cells[i].size());
+    }
+  }
+  for (const auto& cells : table) {
+    std::string line;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    std::cout << forPeople(line) << "\n";
+  }
+}
+
+class DevicesCommand : public LocalCommand {
+ public:
+  DevicesCommand() : LocalCommand("devices", "list the devices at the running master") {}
+
+  void define(CLI::App& app) override {
+    app.add_flag("--names", names_, "one name a line, as -d @NAME takes it");
+  }
+
+  int run(const Settings& settings, const Style& style) override {
+    std::string lines;
+    const auto error = listDevices(settings.masterSocket, settings.limits().silence, lines);
+    if (error) {
+      if (style.json) {
+        std::cout << failure(*error).dump() << "\n";
+      }
+      complain(error->what + (error->hint.empty() ? "" : " (" + error->hint + ")"));
+      return kExitNoConnection;
+    }
+    if (style.json) {
+      std::cout << lines;
+    } else {
+      show(lines, style);
+    }
+    return std::cout.flush() ? 0 : kExitTaskFailed;
+  }
+
+ private:
+  static Json failure(const Error& error) {
+    return {{"v", 1},
+            {"task", "devices"},
+            {"ok", false},
+            {"status", 255},
+            {"where", error.where()},
+            {"retry", error.retry()},
+            {"error", error.what}};
+  }
+
+  void show(const std::string& lines, const Style& style) const {
+    Table table;
+    std::istringstream each(lines);
+    std::string line;
+    while (std::getline(each, line)) {
+      const Json device = Json::parse(line, nullptr, false);
+      if (!device.is_object()) {
+        continue;
+      }
+      if (names_) {
+        std::cout << device.value("device", "") << "\n";
+      } else {
+        table.push_back(row(device));
+      }
+    }
+    std::sort(table.begin(), table.end());
+    if (!names_ && !style.quiet) {
+      table.insert(table.begin(), {"HOSTID", "ADDRESS", "TYPE", "SINCE", "REQUESTS", "SENT",
+                                   "RECEIVED", "AGENTS", "CLAUSES"});
+    }
+    print(table);
+  }
+
+  bool names_ = false;
+};
+
+}  // namespace
+
+void addMasterCommands(LocalCommands& commands) {
+  commands.push_back(std::make_unique<MasterCommand>());
+  commands.push_back(std::make_unique<DevicesCommand>());
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/outlet.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <poll.h>
+#include <unistd.h>
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kMostKept = 4194304;
+// A pipe that is ready takes so much without waiting, whoever else writes to it.
+constexpr std::size_t kAtOnce = 4096;
+constexpr Milliseconds kPause{50};
+
+}  // namespace
+
+Outlet::~Outlet() {
+  loop_.cancel(timer_);
+  while (!waiting_.empty() && writeSome()) {
+  }
+}
+
+void Outlet::write(std::string_view lines) {
+  if (waiting_.size() + lines.size() > kMostKept) {
+    ++leftOut_;
+    return;
+  }
+  waiting_ += lines;
+  if (timer_.id == 0) {
+    flush();
+  }
+}
+
+void Outlet::flush() {
+  timer_ = Loop::Timer();
+  while (!waiting_.empty() && writeSome()) {
+  }
+  if (broken_) {
+    waiting_.clear();
+  }
+  if (waiting_.empty() && leftOut_ > 0) {
+    waiting_ = "(" + std::to_string(leftOut_) + " lines left out: nobody read them in time)\n";
+    leftOut_ = 0;
+  }
+  if (!waiting_.empty()) {
+    timer_ = loop_.after(kPause, [this] { flush(); });
+  }
+}
+
+// False when the other side takes nothing now.
+bool Outlet::writeSome() {
+  pollfd ready{fd_, POLLOUT, 0};
+  if (broken_ || poll(&ready, 1, 0) != 1) {
+    return false;
+  }
+  const ssize_t taken = ::write(fd_, waiting_.data(), std::min(waiting_.size(), kAtOnce));
+  if (taken > 0) {
+    waiting_.erase(0, static_cast<std::size_t>(taken));
+    return true;
+  }
+  broken_ = taken < 0 && errno != EAGAIN && errno != EINTR;
+  return false;
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/slave_link.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <linux/sockios.h>
+
+#include <zell/slave_task.h>
+
+namespace zell::ctl {
+namespace {
+
+constexpr std::size_t kMostQueued = 8388608;
+constexpr std::size_t kMostWaiting = 4096;
+// A kernel confirms what it gets within a fraction of a second, however busy its programs are.
+constexpr Milliseconds kConfirmTime{5000};
+constexpr Milliseconds kLookPause{500};
+// The kernel counts in ticks of its own.
+constexpr Milliseconds kTick{20};
+
+}  // namespace
+
+bool isAnswered(const std::string& payload) {
+  static constexpr std::string_view kName = " 7:restart ";
+  if (!SlaveTask::isA(payload)) {
+    return false;
+  }
+  // A look at the first bytes is enough for all others: the name stands behind the count.
+  if (payload.substr(0, 64).find(kName) == std::string::npos) {
+    return true;
+  }
+  SlaveTask task;
+  return !task.parse(payload) || task.args().empty() || task.args()[0] != "restart";
+}
+
+SlaveLink::SlaveLink(Loop& loop, UniqueFd socket, Milliseconds patience, Events events)
+    : loop_(loop),
+      patience_(patience),
+      events_(std::move(events)),
+      channel_(loop, std::move(socket),
+               {[this](std::string&& payload) { take(std::move(payload)); },
+                [this](const Error& error) { lose(error); },
+                [this] {
+                  if (events_.progress) {
+                    events_.progress();
+                  }
+                }}) {
+  limitAnswers();
+}
+
+SlaveLink::~SlaveLink() {
+  loop_.cancel(timer_);
+}
+
+void SlaveLink::forward(std::string payload, Answer answer) {
+  ++counters_.requests;
+  send(std::move(payload), std::move(answer), false);
+}
+
+void SlaveLink::ask(const Request& request, ReplyHandler handler) {
+  send(
+      encode(request),
+      [this, handler = std::move(handler)](std::string&& payload) {
+        --unanswered_;
+        std::optional<Reply> reply = decodeReply(std::move(payload));
+        if (!reply) {
+          lose({Fault::protocol, "the answer is no task record", "", 0});
+        } else {
+          handler(std::move(*reply));
+        }
+      },
+      true);
+  if (unanswered_++ == 0) {
+    asked_ = Clock::now();
+    watchCheck();
+  }
+}
+
+void SlaveLink::check() {
+  if (unanswered_ == 0) {
+    ask(request({"fileexists", "/"}), [](const Reply&) {});
+  }
+}
+
+void SlaveLink::send(std::string payload, Answer answer, bool own) {
+  counters_.bytesOut += payload.size();
+  if (isAnswered(payload)) {
+    pending_.push_back({std::move(answer), own});
+    users_ += own ? 0 : 1;
+    limitAnswers();
+  }
+  channel_.send(std::move(payload));
+}
+
+void SlaveLink::take(std::string&& payload) {
+  counters_.bytesIn += payload.size();
+  if (pending_.empty()) {
+    lose({Fault::protocol, "an answer that nobody asked for", "", 0});
+    return;
+  }
+  const Pending front = std::move(pending_.front());
+  pending_.pop_front();
+  users_ -= front.own ? 0 : 1;
+  limitAnswers();
+  front.answer(std::move(payload));
+}
+
+// As much as the oldest request may be answered with. Our own are answered with a few bytes.
+void SlaveLink::limitAnswers() {
+  const bool users = !pending_.empty() && !pending_.front().own;
+  channel_.limitMessages(users ? kMaxFramePayload : kSmallReply);
+}
+
+void SlaveLink::setReading(bool reading) {
+  if (reading_ != reading) {
+    reading_ = reading;
+    channel_.setReading(reading);
+  }
+}
+
+bool SlaveLink::busy() const {
+  return channel_.queued() > kMostQueued || pending_.size() > kMostWaiting;
+}
+
+bool SlaveLink::onlyOwnWork() const {
+  return users_ == 0 && reading_;
+}
+
+void SlaveLink::watchCheck() {
+  loop_.cancel(timer_);
+  timer_ = loop_.after(kLookPause, [this] {
+    if (unanswered_ == 0) {
+      return;
+    }
+    const auto since = std::chrono::duration_cast<Milliseconds>(Clock::now() - asked_);
+    if (since >= kConfirmTime && !confirms(since)) {
+      lose({Fault::lost, "nobody is there any more: the connection was half-open", "", ETIMEDOUT});
+    } else if (since >= patience_ && onlyOwnWork()) {
+      // A device that runs a user's program is silent for as long as that takes. This one is not.
+      lose({Fault::timedOut, "no answer to a cheap task", "", ETIMEDOUT});
+    } else {
+      watchCheck();
+    }
+  });
+}
+
+// Whether the other side's kernel has confirmed anything since the question went out. A device that
+// was switched off, cut off or started anew does not, while one that is busy does.
+bool SlaveLink::confirms(Milliseconds since) const {
+  int left = 0;
+  if (ioctl(channel_.descriptor(), SIOCOUTQ, &left) == 0 && left == 0) {
+    return true;
+  }
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  return getsockopt(channel_.descriptor(), IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+         Milliseconds(info.tcpi_last_ack_recv) + kTick < since;
+}
+
+void SlaveLink::lose(const Error& error) {
+  loop_.cancel(timer_);
+  pending_.clear();
+  users_ = 0;
+  unanswered_ = 0;
+  const auto lost = std::move(events_.lost);
+  events_ = Events();
+  if (lost) {
+    lost(error);
+  }
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "master/station.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "master/access_list.h"
+
+namespace zell::ctl {
+
+Station::Station(Loop& loop, Label label, Milliseconds patience, Events events)
+    : loop_(loop), label_(std::move(label)), patience_(patience), events_(std::move(events)) {}
+
+void Station::beSlave(UniqueFd socket) {
+  slave_ = std::make_unique<SlaveLink>(
+      loop_, std::move(socket), patience_,
+      SlaveLink::Events{[this](const Error& error) {
+                          users_.clear();  // their connections end with the device's
+                          events_.lost(error.what);
+                        },
+                        [this] { adjust(); }});
+  identify();
+}
+
+void Station::beFurther(UniqueFd socket, const std::string& hostid) {
+  label_.hostid = hostid;
+  further_ = std::make_unique<FurtherLink>(
+      loop_, std::move(socket),
+      FurtherLink::Events{[this] { events_.spoke(); },
+                          [this](const std::string& clause) { events_.clause(clause); },
+                          [this](const std::string& why) { events_.lost(why); }});
+}
+
+void Station::promote() {
+  UniqueFd socket = further_->take();
+  further_.reset();
+  label_.hostid.clear();
+  beSlave(std::move(socket));
+}
+
+// What a device says it is called is shown and compared, so it must be fit for that.
+void Station::identify() {
+  slave_->ask(request({"hostid"}), [this](const Reply& reply) {
+    label_.hostid = reply.ok() && usableName(reply.output) ? reply.output : "";
+  });
+  slave_->ask(request({"devicetype"}), [this](const Reply& reply) {
+    deviceType_ = reply.ok() && usableName(reply.output) ? reply.output : "";
+    identified_ = true;
+    events_.identified();
+  });
+}
+
+void Station::attach(UniqueFd socket) {
+  users_.push_back(nullptr);
+  std::unique_ptr<Attachment>& place = users_.back();
+  place = std::make_unique<Attachment>(
+      loop_, std::move(socket), *slave_,
+      Attachment::Events{[this, &place] { userGone(place.get()); }, [this] { adjust(); }});
+}
+
+// One that leaves without its answers may have given up on a device that is gone.
+void Station::userGone(Attachment* user) {
+  const auto place = std::find_if(users_.begin(), users_.end(),
+                                  [&](const auto& held) { return held.get() == user; });
+  const std::shared_ptr<Attachment> gone = std::move(*place);
+  users_.erase(place);
+  loop_.next([gone] { (void)gone; });  // its own call is still on the stack
+  if (slave_->waiting() > 0) {
+    slave_->check();
+  }
+  adjust();
+}
+
+// Nobody gets ahead of the others by so much that it would have to be kept here.
+void Station::adjust() {
+  const bool busy = slave_->busy();
+  bool slow = false;
+  for (const auto& user : users_) {
+    user->setReading(!busy);
+    slow = slow || user->slow();
+  }
+  slave_->setReading(!slow);
+}
+
+std::string Station::role() const {
+  if (slave_) {
+    return "slave";
+  }
+  return further_ && further_->hasSpoken() ? "agent" : "further";
+}
+
+void Station::check() {
+  if (slave_) {
+    slave_->check();
+  }
+}
+
+void Station::refuse() {
+  refused_ = true;
+  users_.clear();
+}
+
+Json Station::describe() const {
+  const SlaveLink::Counters& counters = slave_->counters();
+  const auto age = std::chrono::duration<double>(Clock::now() - start_);
+  return {{"v", 1},
+          {"device", label_.hostid.empty() ? label_.address : label_.hostid},
+          {"hostid", label_.hostid},
+          {"devicetype", deviceType_},
+          {"address", label_.address},
+          {"port", label_.port},
+          {"since", utcText(since_)},
+          {"connected_s", static_cast<std::int64_t>(age.count())},
+          {"users", users_.size()},
+          {"requests", counters.requests},
+          {"bytes_to_device", counters.bytesOut},
+          {"bytes_from_device", counters.bytesIn}};
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,71 @@
+# SPDX-License-Identifier: Apache-2.0
+"""runelctl master as users run it, with what it tells."""
+import contextlib
+import json
+import os
+import signal
+import socket
+import threading
+
+from support.ctl import CtlCase
+from support.wait import PATIENCE, wait_until
+
+
+class MasterCase(CtlCase):
+    """Starts the master and waits for what it tells, one JSON object a line."""
+
+    def setUp(self):
+        super().setUp()
+        self.control = self.path("runelctl-master.sock")
+
+    def start_master(self, *options, **how):
+        """A running master, ready for devices."""
+        self.events = []
+        self.running = self.start(*([] if "--quiet" in options else ["--json"]), "master", *options,
+                                  **how)
+        threading.Thread(target=self._collect, args=(self.running.stdout, self.events),
+                         daemon=True).start()
+        wait_until(lambda: self.told("listening") or self.running.poll() is not None,
+                   "the master listens")
+        self.assertIsNone(self.running.poll(), "the master ended")
+        return self.running
+
+    @staticmethod
+    def _collect(stream, events):
+        with contextlib.suppress(ValueError):  # closed at the end of the test
+            for line in stream:
+                events.append(json.loads(line))
+
+    def told(self, event, **fields):
+        """What was told of @p event so far, where each of @p fields is as given."""
+        return [object for object in self.events
+                if object["event"] == event and all(object.get(key) == value
+                                                    for key, value in fields.items())]
+
+    def wait_told(self, event, count=1, **fields):
+        """The last of @p count events that are as given."""
+        wait_until(lambda: len(self.told(event, **fields)) >= count,
+                   f"{count} times {event} {fields}; told were {self.events[-5:]}")
+        return self.told(event, **fields)[count - 1]
+
+    def stop_master(self, number=signal.SIGTERM):
+        """Ends it and gives what it had to say on standard error."""
+        self.running.send_signal(number)
+        self.assertEqual(self.running.wait(PATIENCE), 0)
+        return self.running.stderr.read().decode()
+
+    def devices(self):
+        return {object["hostid"]: object for object in self.succeed("--json", "devices").objects}
+
+    def call(self, line):
+        """A connection to the control socket that has said @p line."""
+        connected = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        connected.settimeout(PATIENCE)
+        connected.connect(self.control)
+        self.addCleanup(connected.close)
+        connected.sendall(line)
+        return connected
+
+    def resident_bytes(self):
+        with open(f"/proc/{self.running.pid}/statm", encoding="ascii") as about:
+            return int(about.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")

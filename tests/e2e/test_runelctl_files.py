@@ -1,0 +1,495 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Files and trees to a device and from it, whole or not at all."""
+import os
+import random
+import signal
+import stat
+import threading
+import unittest
+
+from support.ctl import Between, CtlCase, only_programs, say, small_disk, snapshot
+from support.wait import PATIENCE, wait_until
+
+MIB = 1 << 20
+WHEN = 1_600_000_000_123_456_789
+ODD_NAMES = [b"new\nline", b"\x1b[31mred", b"\xff\xfe", b"quo'te\"s", b"-dash", b"back\\slash", b" "]
+
+
+def noise(size, seed=1):
+    return random.Random(seed).randbytes(size)
+
+
+def no_client_left():
+    """True when the daemon holds no connection of a client's any more."""
+    with open("/proc/net/tcp", encoding="ascii") as lines:
+        served = [line.split() for line in lines if line.split()[1].endswith(":%04X" % 5111)]
+    return all(words[3] not in ("01", "08") for words in served)
+
+
+class Transfers(CtlCase):
+    def setUp(self):
+        super().setUp()
+        self.there = self.path("device")
+        os.mkdir(self.there)
+
+    def serve(self, **options):
+        return self.daemon(**options)
+
+    def on_device(self, name):
+        return os.path.join(self.there, name)
+
+    def dated(self, name, content=b"", mode=0o640):
+        path = self.file(name, content)
+        os.chmod(path, mode)
+        os.utime(path, ns=(WHEN, WHEN))
+        return path
+
+    def tree(self, name, files=20):
+        """Files, folders, links and odd names with modes and times of their own."""
+        root = self.path(name)
+        os.makedirs(os.path.join(root, "empty"))
+        os.makedirs(os.path.join(root, "deep/er"))
+        for number in range(files):
+            self.dated(f"{name}/f{number}", noise(number * 37, number), 0o600 + number % 0o100)
+            os.utime(self.path(f"{name}/f{number}"), ns=(WHEN, WHEN + number * 1_000_000_007))
+        self.dated(f"{name}/deep/er/big", noise(9 * MIB))
+        os.symlink("../f1", os.path.join(root, "deep/link"))
+        os.symlink("nowhere", os.path.join(root, "dangling"))
+        for odd in ODD_NAMES:
+            with open(os.path.join(root.encode(), b"deep", odd), "wb") as file:
+                file.write(odd)
+        for folder, _, _ in os.walk(root, topdown=False):
+            os.chmod(folder, 0o750)
+            os.utime(folder, ns=(WHEN, WHEN))
+        return root
+
+    def leftovers(self, folder=None):
+        return [name for _, folders, files in os.walk(folder or self.there)
+                for name in [*folders, *files] if name.startswith(".run")]
+
+    def fails(self, words, status, *patterns, **options):
+        result = self.ctl(*words, **options)
+        self.assertEqual(result.status, status, result.err)
+        self.assertEqual(len(result.errors), len(patterns), result.errors)
+        for line, pattern in zip(result.errors, patterns):
+            self.assertRegex(line, pattern)
+        return result
+
+
+class Push(Transfers):
+    def test_a_file_arrives_with_mode_and_time(self):
+        self.serve()
+        self.assertEqual(self.succeed("push", self.dated("a", b"x\x00"), self.on_device("b")).out, b"")
+        st = os.stat(self.on_device("b"))
+        self.assertEqual((stat.S_IMODE(st.st_mode), st.st_mtime_ns), (0o640, WHEN))
+        self.assertEqual(self.content("device/b"), b"x\x00")
+
+    def test_several_files_go_into_a_folder(self):
+        self.serve()
+        self.succeed("push", self.file("a", b"1"), self.file("b", b"2"), self.there)
+        self.succeed("push", self.file("c", b"3"), self.on_device("new/"))
+        self.assertEqual([self.content("device/" + n) for n in ("a", "b", "new/c")],
+                         [b"1", b"2", b"3"])
+
+    def test_a_tree_arrives_as_it_is(self):
+        self.serve()
+        here = self.tree("here")
+        self.succeed("push", "-r", "--checksum", here, self.on_device("copy"))
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+        self.succeed("push", "-r", here, self.there)
+        self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
+        self.assertEqual(self.leftovers(), [])
+
+    def test_a_tree_arrives_without_tar_too(self):
+        self.serve(environment={"PATH": only_programs(self, "mkdir", "chmod", "touch", "ln", "rm")})
+        here = self.tree("here")
+        self.succeed("push", "-r", here, self.on_device("copy"))
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+        self.assertEqual(self.leftovers(), [])
+
+    def test_a_folder_needs_r(self):
+        self.serve()
+        self.fails(("push", self.there, "/tmp/x"), 1, r"device: Is a directory \(use -r for folders\)")
+
+    def test_what_is_missing_here_is_told(self):
+        self.fails(("push", self.path("none"), "/x"), 1, "none: No such file or directory")
+        self.fails(("push", self.file("a")), 2, "to where on the device")
+
+    def test_what_is_neither_file_nor_folder_is_left_out(self):
+        self.serve()
+        os.mkfifo(self.path("device/fifo"))
+        self.fails(("push", "-r", self.there, self.path("copy")), 0, "fifo: left out, neither")
+        self.assertEqual(os.listdir(self.path("copy")), [])
+
+    def test_a_large_file_goes_in_pieces(self):
+        self.serve()
+        content = noise(20 * MIB)
+        result = self.succeed("--json", "push", "--checksum", self.dated("big", content, 0o4755),
+                              self.on_device("big"))
+        self.assertEqual((result.objects[-1]["files"], result.objects[-1]["bytes"]), (1, 20 * MIB))
+        st = os.stat(self.on_device("big"))
+        self.assertEqual((stat.S_IMODE(st.st_mode), st.st_mtime_ns), (0o4755, WHEN))
+        self.assertEqual(self.content("device/big"), content)
+        self.assertEqual(self.leftovers(), [])
+
+    def test_a_broken_transfer_goes_on_where_it_stopped(self):
+        self.serve()
+        content = noise(30 * MIB)
+        big = self.file("big", content)
+        self.file("device/big", b"old")
+        between = Between(self, 20 * MIB)
+        self.fails(("-d", between.where, "push", big, self.on_device("big")), 255,
+                   "the device closed the connection|reset by peer|Broken pipe")
+        self.assertEqual(self.content("device/big"), b"old")
+        wait_until(no_client_left, "the daemon has read all that came")
+        self.assertEqual(len(self.leftovers()), 1)
+        result = self.succeed("--json", "push", big, self.on_device("big"))
+        self.assertEqual(result.objects[-1]["resumed_at"] + result.objects[-1]["bytes"], 30 * MIB)
+        self.assertGreaterEqual(result.objects[-1]["resumed_at"], 8 * MIB)
+        self.assertEqual(self.content("device/big"), content)
+        self.assertEqual(self.leftovers(), [])
+
+    def test_a_part_that_grows_meanwhile_is_sent_anew(self):
+        self.serve()
+        content = noise(20 * MIB)
+
+        def grow():
+            with open(self.on_device(self.leftovers()[0]), "ab") as part:
+                part.write(b"from a connection that was lost")
+            return True
+
+        between = Between(self, 12 * MIB, grow)
+        result = self.succeed("-d", between.where, "--json", "push", self.file("big", content),
+                              self.on_device("big"))
+        self.assertEqual(result.objects[-1]["files"], 1)
+        self.assertEqual((self.content("device/big"), self.leftovers()), (content, []))
+
+    def test_what_is_left_of_another_file_is_not_taken_up(self):
+        self.serve()
+        for again in ("--resume", "--no-resume"):
+            between = Between(self, 20 * MIB)
+            self.ctl("-d", between.where, "push", self.file("big", noise(30 * MIB)),
+                     self.on_device("big"))
+            self.assertEqual(len(self.leftovers()), 1)
+            other = noise(30 * MIB, 2)
+            result = self.succeed("--json", "push", again, self.file("big", other),
+                                  self.on_device("big"))
+            self.assertNotIn("resumed_at", result.objects[-1])
+            self.assertEqual(self.content("device/big"), other)
+
+    def test_without_resuming_nothing_is_left(self):
+        self.serve()
+        between = Between(self, 20 * MIB)
+        self.fails(("-d", between.where, "push", "--no-resume", self.file("big", noise(30 * MIB)),
+                    self.on_device("big")), 255, "big|closed|reset|Broken")
+        self.assertEqual(os.listdir(self.there), [])
+
+    def test_a_full_device_keeps_the_old_file_and_nothing_else(self):
+        self.serve()
+        disk = small_disk(self, "small", 4 * MIB)
+        for size in (5 * MIB, 20 * MIB):
+            self.file("small/a", b"old")
+            self.fails(("push", self.file("a", noise(size)), disk + "/a"), 1,
+                       r"a: No space left on device \(the device's file system is full")
+            self.assertEqual((self.content("small/a"), os.listdir(disk)), (b"old", ["a"]))
+
+    def test_a_tree_that_does_not_fit_arrives_as_far_as_it_does(self):
+        self.serve()
+        disk = small_disk(self, "small", 2 * MIB)
+        for number in range(30):
+            self.file(f"device/f{number}", noise(100_000, number))
+        result = self.ctl("push", "-r", self.there, disk + "/copy")
+        self.assertEqual(result.status, 1)
+        self.assertIn("No space left on device", result.errors[0])
+        arrived = os.listdir(disk + "/copy")
+        self.assertTrue(arrived)
+        for name in arrived:
+            self.assertEqual(self.content(f"small/copy/{name}"), self.content(f"device/{name}"))
+
+    def test_a_file_that_changes_meanwhile_does_not_arrive(self):
+        self.serve()
+        for size, change in ((30 * MIB, lambda path: os.truncate(path, MIB)),
+                             (30 * MIB, lambda path: os.utime(path, ns=(WHEN, WHEN)))):
+            self.file("device/big", b"old")
+            big = self.file("big", noise(size))
+            between = Between(self, 5 * MIB, lambda: (change(big), True)[1])
+            self.fails(("-d", between.where, "push", big, self.on_device("big")), 1,
+                       "big: changed while it was sent")
+            self.assertEqual((self.content("device/big"), self.leftovers()), (b"old", []))
+
+    def test_a_missing_program_is_told_in_one_line(self):
+        self.serve(environment={"PATH": only_programs(self, "mkdir", "ln", "rm")})
+        self.fails(("push", self.dated("a", b"x"), self.on_device("a")), 1,
+                   "modes not kept: chmod: No such file", "times not kept: touch: No such file")
+        self.assertEqual(self.content("device/a"), b"x")
+        self.fails(("push", "--checksum", self.file("b", b"x"), self.on_device("b")), 1,
+                   "modes not kept", "times not kept", "checksums not compared: sha256sum: No such")
+
+    def test_a_touch_that_knows_no_fractions_keeps_the_seconds(self):
+        programs = only_programs(self, "chmod")
+        self.file(os.path.basename(programs) + "/touch",
+                  b"#!/bin/sh\ncase $3 in *.*) exit 1;; esac\nexec /usr/bin/touch \"$@\"\n")
+        os.chmod(programs + "/touch", 0o755)
+        self.serve(environment={"PATH": programs})
+        self.succeed("push", self.dated("a"), self.on_device("a"))
+        self.succeed("push", self.dated("b", noise(9 * MIB)), self.on_device("b"))
+        for name in ("a", "b"):
+            self.assertEqual(os.stat(self.on_device(name)).st_mtime_ns, WHEN // 10**9 * 10**9)
+
+    def test_another_checksum_is_a_failure(self):
+        programs = only_programs(self, "chmod", "touch")
+        self.file(os.path.basename(programs) + "/sha256sum",
+                  b"#!/bin/sh\necho " + b"0" * 64 + b"  x\n")
+        os.chmod(programs + "/sha256sum", 0o755)
+        self.serve(environment={"PATH": programs})
+        self.fails(("push", "--checksum", self.file("a"), self.on_device("a")), 1,
+                   "a: its checksum is another one")
+
+    def test_a_replaced_file_keeps_its_owner_and_a_link_is_followed(self):
+        self.serve()
+        sources = [self.file(f"f{number}", b"new") for number in range(12)]
+        sources.append(self.file("big", noise(9 * MIB)))
+        for number in range(12):
+            os.chown(self.file(f"device/f{number}", b"old"), 12, 34)
+        os.chown(self.file("device/real", b"old"), 12, 34)
+        os.symlink("real", self.on_device("big"))
+        os.remove(self.on_device("f3"))
+        os.symlink("elsewhere", self.on_device("f3"))
+        self.succeed("push", *sources, self.there)
+        for name in ("f1", "f11", "real"):
+            st = os.stat(self.on_device(name))
+            self.assertEqual((st.st_uid, st.st_gid), (12, 34), name)
+        self.assertEqual((self.content("device/real"), self.content("device/elsewhere")),
+                         (noise(9 * MIB), b"new"))
+        self.assertTrue(os.path.islink(self.on_device("big")))
+        self.assertTrue(os.path.islink(self.on_device("f3")))
+
+    def test_a_secret_file_is_never_open_to_others(self):
+        self.serve()
+        self.succeed("push", self.dated("key", b"secret", 0o600), self.on_device("key"))
+        self.assertEqual(stat.S_IMODE(os.stat(self.on_device("key")).st_mode), 0o600)
+        big = self.dated("big", noise(20 * MIB), 0o600)
+        modes = []
+        between = Between(self, 12 * MIB, lambda: (modes.extend(
+            stat.S_IMODE(os.stat(self.on_device(name)).st_mode) for name in self.leftovers()),
+            True)[1])
+        self.succeed("-d", between.where, "push", big, self.on_device("big"))
+        self.assertEqual(modes, [0o600])
+
+    def interrupted(self, limit, *words):
+        """Sends SIGINT when @p limit bytes have gone and no more go on."""
+        met = threading.Event()
+        between = Between(self, limit, lambda: (met.set(), held.wait(PATIENCE), False)[2])
+        held = threading.Event()
+        process = self.start("-d", between.where, *words)
+        self.assertTrue(met.wait(PATIENCE))
+        process.send_signal(signal.SIGINT)
+        status = process.wait(PATIENCE)
+        held.set()
+        return status
+
+    def test_an_interrupt_leaves_no_half_target(self):
+        self.serve()
+        self.file("device/big", b"old")
+        big = self.file("big", noise(30 * MIB))
+        self.assertEqual(self.interrupted(20 * MIB, "push", big, self.on_device("big")), 130)
+        self.assertEqual(self.content("device/big"), b"old")
+        self.succeed("push", big, self.on_device("big"))
+        self.assertEqual((self.content("device/big"), self.leftovers()), (noise(30 * MIB), []))
+
+    def test_an_interrupt_takes_the_hidden_folder_away(self):
+        self.serve()
+        for number in range(40):
+            self.file(f"f{number}", noise(100_000))
+        names = [self.path(f"f{number}") for number in range(40)]
+        self.assertEqual(self.interrupted(2 * MIB, "push", *names, self.there), 130)
+        self.assertEqual(os.listdir(self.there), [])
+
+    def test_a_bar_is_shown_on_a_terminal_alone(self):
+        self.serve()
+        big = self.file("big", noise(40 * MIB))
+        status, shown = self.on_terminal("push", big, self.on_device("big"))
+        self.assertEqual(status, 0)
+        self.assertRegex(shown, rb"big \[#+\.*\] \d+% [\d.]+ [KMG]iB/s \d+:\d\d")
+        self.assertTrue(shown.endswith(b"\r\x1b[K1 file, 40.0 MiB\r\n"), shown[-80:])
+        self.assertEqual(self.on_terminal("--quiet", "push", big, self.on_device("big"))[1], b"")
+
+    def test_a_narrow_terminal_gets_a_narrow_line(self):
+        self.serve()
+        big = self.file("big", noise(40 * MIB))
+        _, shown = self.on_terminal("push", big, self.on_device("big"), columns=20)
+        lines = [line for line in shown.replace(b"\x1b[K", b"").split(b"\r") if b"%" in line]
+        self.assertTrue(lines)
+        self.assertLess(max(map(len, lines)), 20)
+
+
+class Sync(Transfers):
+    def test_only_what_differs_is_sent(self):
+        self.serve()
+        here = self.tree("here")
+        first = self.succeed("--json", "sync", here, self.on_device("copy")).objects[-1]
+        self.assertEqual(first["files"], 20 + 1 + len(ODD_NAMES))
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+        self.assertEqual(self.succeed("--json", "sync", here, self.on_device("copy"))
+                         .objects[-1]["files"], 0)
+        self.file("here/f3", b"changed")
+        self.file("here/new", b"new")
+        os.chmod(self.path("here/f5"), 0o777)
+        again = self.succeed("--json", "sync", "--checksum", here, self.on_device("copy")).objects[-1]
+        self.assertEqual(again["files"], 2)
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+
+    def test_what_is_not_here_stays_there_unless_it_is_to_go(self):
+        self.serve()
+        here = self.tree("here", 3)
+        self.succeed("sync", here, self.on_device("copy"))
+        os.makedirs(self.on_device("copy/more/and"))
+        self.file("device/copy/more/and/more")
+        self.file("device/copy/more-")
+        self.succeed("sync", here, self.on_device("copy"))
+        self.assertTrue(os.path.exists(self.on_device("copy/more/and/more")))
+        result = self.succeed("--json", "sync", "--delete", here, self.on_device("copy"))
+        self.assertEqual(result.objects[-1]["removed"], 2)
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+
+    def test_a_link_to_the_folder_is_as_good(self):
+        self.serve()
+        here = self.tree("here", 3)
+        os.mkdir(self.on_device("real"))
+        os.symlink("real", self.on_device("copy"))
+        for files in (4 + len(ODD_NAMES), 0):
+            result = self.succeed("--json", "sync", here, self.on_device("copy"))
+            self.assertEqual(result.objects[-1]["files"], files)
+        self.assertEqual(snapshot(self.on_device("real")), snapshot(here))
+
+
+class Pull(Transfers):
+    def test_a_file_arrives_with_mode_and_time(self):
+        self.serve()
+        self.assertEqual(self.succeed("pull", self.dated("device/a", b"x\x00"), self.path("b")).out,
+                         b"")
+        st = os.stat(self.path("b"))
+        self.assertEqual((stat.S_IMODE(st.st_mode), st.st_mtime_ns), (0o640, WHEN))
+        self.assertEqual(self.content("b"), b"x\x00")
+
+    def test_several_go_into_a_folder_that_is_made(self):
+        self.serve()
+        self.succeed("pull", self.file("device/a", b"1"), self.file("device/b", b"2"),
+                     self.path("new"))
+        self.assertEqual((self.content("new/a"), self.content("new/b")), (b"1", b"2"))
+
+    def test_a_tree_arrives_as_it_is(self):
+        self.serve()
+        there = self.tree("there")
+        self.succeed("pull", "-r", "--checksum", there, self.path("copy"))
+        self.assertEqual(snapshot(self.path("copy")), {
+            path: about for path, about in snapshot(there).items()})
+        self.succeed("pull", "-r", there + "/", self.path("copy2/"))
+        self.assertEqual(snapshot(self.path("copy2/there")), snapshot(there))
+        self.assertEqual(self.leftovers(self.folder), [])
+
+    def test_what_has_no_size_is_read_to_its_end(self):
+        self.serve()
+        self.succeed("pull", "/proc/version", self.path("version"))
+        with open("/proc/version", "rb") as file:
+            self.assertEqual(self.content("version"), file.read())
+
+    def test_what_cannot_be_fetched_is_told(self):
+        self.serve()
+        os.mkfifo(self.on_device("fifo"))
+        self.fails(("pull", self.on_device("none"), self.path("x")), 1, "none: No such file")
+        self.fails(("pull", self.there, self.path("x")), 1, r"Is a directory \(use -r")
+        self.fails(("pull", self.on_device("fifo"), self.path("x")), 1, "neither file nor folder")
+        self.fails(("pull", self.on_device("fifo")), 2, "to where here")
+        self.fails(("pull", "-r", self.there, self.path("y")), 0, "fifo: left out")
+        self.assertFalse(os.path.exists(self.path("x")))
+
+    def test_a_broken_transfer_goes_on_where_it_stopped(self):
+        self.serve()
+        content = noise(30 * MIB)
+        there = self.file("device/big", content)
+        for flag, expected in (("--resume", True), ("--no-resume", False)):
+            self.file("big", b"old")
+            between = Between(self, 20 * MIB, back=True)
+            self.fails(("-d", between.where, "pull", flag, there, self.path("big")), 255, "closed|reset|Broken")
+            self.assertEqual(self.content("big"), b"old")
+            self.assertEqual(len(self.leftovers(self.folder)), int(expected))
+            result = self.succeed("--json", "pull", "--checksum", there, self.path("big"))
+            self.assertEqual(result.objects[-1].get("resumed_at", 0) > 0, expected)
+            self.assertEqual(self.content("big"), content)
+            self.assertEqual(self.leftovers(self.folder), [])
+
+    def test_what_is_left_of_another_file_is_not_taken_up(self):
+        self.serve()
+        between = Between(self, 20 * MIB, back=True)
+        self.ctl("-d", between.where, "pull", self.file("device/big", noise(30 * MIB)),
+                 self.path("big"))
+        self.assertEqual(len(self.leftovers(self.folder)), 1)
+        other = noise(25 * MIB, 2)
+        result = self.succeed("--json", "pull", self.file("device/big", other), self.path("big"))
+        self.assertNotIn("resumed_at", result.objects[-1])
+        self.assertEqual(self.content("big"), other)
+
+    def test_a_full_disk_here_keeps_the_old_file_and_nothing_else(self):
+        self.serve()
+        disk = small_disk(self, "small", 4 * MIB)
+        for size in (5 * MIB, 20 * MIB):
+            self.file("small/a", b"old")
+            self.fails(("pull", self.file("device/a", noise(size)), disk + "/a"), 1,
+                       "a: No space left on device")
+            self.assertEqual((self.content("small/a"), os.listdir(disk)), (b"old", ["a"]))
+
+    def test_a_file_that_changes_meanwhile_does_not_arrive(self):
+        self.serve()
+        for change in (lambda path: os.truncate(path, MIB),
+                       lambda path: os.utime(path, ns=(WHEN, WHEN))):
+            there = self.file("device/big", noise(30 * MIB))
+            self.file("big", b"old")
+            between = Between(self, MIB, lambda: (change(there), True)[1], back=True)
+            self.fails(("-d", between.where, "pull", there, self.path("big")), 1,
+                       "big: changed while it was fetched")
+            self.assertEqual((self.content("big"), self.leftovers(self.folder)), (b"old", []))
+
+    def test_an_interrupt_leaves_no_half_target(self):
+        self.serve()
+        there = self.file("device/big", noise(30 * MIB))
+        met, held = threading.Event(), threading.Event()
+        between = Between(self, 5 * MIB, lambda: (met.set(), held.wait(PATIENCE), False)[2], back=True)
+        process = self.start("-d", between.where, "pull", there, self.path("big"))
+        self.assertTrue(met.wait(PATIENCE))
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(PATIENCE), 130)
+        held.set()
+        self.assertFalse(os.path.exists(self.path("big")))
+
+    def test_names_that_lead_elsewhere_are_left_out(self):
+        def lie(connected):
+            answers = [b"dev=1 ino=1 mode=0040755 nlink=1 uid=0 gid=0 rdev=0 size=0 blksize=4096 "
+                       b"blocks=0 atime=0.000000000 mtime=0.000000000 ctime=0.000000000\n",
+                       b"d 0755 0 0 0 0 .\n- 0644 0 0 3 0 ../evil\n- 0644 0 0 3 0 /tmp/evil\n"
+                       b"l 0777 0 0 0 0 a -> /\n"]
+            for text in [*answers, answers[0]]:
+                connected.recv(65536)
+                record = b"SlaveTask 0 0 %d:%s 0 0 0 0 0" % (len(text), text)
+                connected.sendall(b"\x01%d\x02%s" % (len(record), record))
+            connected.recv(65536)
+
+        result = self.ctl("-d", self.odd_peer(lie), "pull", "-r", "/x", self.path("copy"))
+        self.assertEqual((result.status, len(result.errors)), (0, 2), result.errors)
+        self.assertEqual(os.listdir(self.path("copy")), ["a"])
+        self.assertFalse(os.path.exists(self.path("evil")))
+
+    def test_no_file_goes_through_a_link_that_is_there(self):
+        self.serve()
+        there = self.tree("there", 3)
+        os.makedirs(self.path("copy"))
+        os.symlink(self.there, self.path("copy/deep"))
+        result = self.ctl("pull", "-r", there, self.path("copy") + "/../copy2")
+        self.assertEqual(result.status, 0)
+        result = self.ctl("pull", "-r", there + "/.", self.path("copy"))
+        self.assertEqual(result.status, 1)
+        self.assertIn("deep: File exists", result.errors[0])
+
+
+if __name__ == "__main__":
+    unittest.main()

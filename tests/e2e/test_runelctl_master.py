@@ -1,0 +1,688 @@
+# SPDX-License-Identifier: Apache-2.0
+"""runelctl master, devices and agent: the side that devices dial."""
+import json
+import os
+import random
+import resource
+import signal
+import socket
+import stat
+import subprocess
+import sys
+import time
+import unittest
+
+from support.ctl import reply
+from support.fakes import FakeDevice, FakeDevices
+from support.master import MasterCase
+from support.peers import MASTER_PORT
+from support.wait import PATIENCE, wait_until
+from support.wire import frame, record, request
+
+CHECK = b"10:fileexists 1:/"
+
+
+class RealDevice(MasterCase):
+    """A daemon that dialled the master."""
+
+    def setUp(self):
+        super().setUp()
+        self.start_master("--xml", "--xml-log", self.path("clauses"))
+        self.device = self.daemon()
+        self.label = self.wait_told("connected")
+        self.hostid = self.label["hostid"]
+
+    def agent(self):
+        agent = socket.create_connection(("127.0.0.1", 5111))
+        self.addCleanup(agent.close)
+        return agent
+
+    def test_a_device_is_named_by_hostid_address_and_port(self):
+        for name in (self.hostid, "127.0.0.1", f"127.0.0.1:{self.label['port']}"):
+            self.assertEqual(self.succeed("-d", "@" + name, "hostid").text, self.hostid + "\n")
+        result = self.ctl("-d", "@somebody", "hostid")
+        self.assertEqual((result.status, result.errors),
+                         (255, ["runelctl: @somebody: no device somebody is connected to the master "
+                                "(runelctl devices lists who is there)"]))
+
+    def test_output_and_exit_status_come_through(self):
+        result = self.ctl("-d", "@" + self.hostid, "exec", "sh", "-c", "echo a; exit 7")
+        self.assertEqual((result.status, result.out, result.err), (7, b"a\n", b""))
+
+    def test_large_content_comes_through_both_ways(self):
+        data = random.Random(1).randbytes(20_000_000)
+        name = "@" + self.hostid
+        self.succeed("-d", name, "write", self.path("large"), "-", feed=data)
+        self.assertEqual(self.content("large"), data)
+        self.assertEqual(self.succeed("-d", name, "cat", self.path("large")).out, data)
+
+    def test_many_calls_at_once_get_each_its_own_answer(self):
+        calls = [self.start("-d", "@" + self.hostid, "exec", "echo", str(number))
+                 for number in range(20)]
+        for number, call in enumerate(calls):
+            out, err = call.communicate(timeout=PATIENCE)
+            self.assertEqual((call.returncode, out, err), (0, b"%d\n" % number, b""))
+
+    def test_a_device_that_restarts_is_lost_and_comes_back(self):
+        self.succeed("-d", "@" + self.hostid, "restart")
+        self.wait_told("lost", role="slave")
+        self.assertEqual(self.device.wait(), 0)
+        self.assertEqual(self.devices(), {})
+        self.daemon()
+        self.wait_told("connected", count=2)
+        self.succeed("-d", "@" + self.hostid, "fileexists", "/")
+
+    def test_the_device_is_there_again_after_the_master_was_away(self):
+        self.assertEqual(self.stop_master(), "")
+        self.start_master()
+        self.wait_told("connected", hostid=self.hostid)
+        self.assertIn(self.hostid, self.devices())
+
+    def test_clauses_of_agents_are_shown_and_kept_exactly(self):
+        agent = self.agent()
+        agent.sendall(b"<a>\xff\n\x1b[2J</a>\r\n<b/>\r\n")
+        self.wait_told("agent", hostid=self.hostid)
+        self.assertEqual(self.wait_told("clause", hostid=self.hostid)["clause_base64"],
+                         "PGE+/wobWzJKPC9hPg==")
+        self.assertEqual(self.wait_told("clause", count=2)["clause"], "<b/>")
+        kept = [json.loads(line) for line in self.content("clauses").splitlines()]
+        self.assertEqual(kept, self.told("clause"))
+        self.assertEqual(stat.S_IMODE(os.stat(self.path("clauses")).st_mode), 0o600)
+        agent.close()
+        self.wait_told("lost", role="agent")
+        self.assertEqual(self.told("lost", role="slave"), [])
+
+    def test_a_bridge_that_is_silent_for_long_is_not_written_to(self):
+        self.agent().sendall(b"<not-complete>")
+        self.wait_told("further", hostid=self.hostid)
+        wait_until(lambda: self.devices()[self.hostid]["connected_s"] >= 7, "more than 5 s pass")
+        self.assertTrue(self.device.alive())
+        about = self.devices()[self.hostid]
+        self.assertEqual((about["further"], about["agents"]), (1, 0))
+        self.assertEqual(self.told("lost"), [])
+        self.assertEqual(self.log.count(".*sentinels.*"), 0)
+        self.assert_stops(self.device)
+
+    def test_devices_counts(self):
+        for _ in range(3):
+            self.succeed("-d", "@" + self.hostid, "fileexists", "/")
+        about = self.devices()[self.hostid]
+        self.assertEqual((about["v"], about["device"], about["address"], about["requests"],
+                          about["users"]), (1, self.hostid, "127.0.0.1", 3, 0))
+        self.assertGreater(about["bytes_to_device"], 3 * len(record(["fileexists", "/"])))
+        self.assertRegex(about["since"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
+        head, line = self.succeed("devices").text.splitlines()
+        self.assertRegex(head, r"^HOSTID +ADDRESS +TYPE +SINCE +REQUESTS +SENT +RECEIVED ")
+        self.assertRegex(line, rf"^{self.hostid}  127\.0\.0\.1:\d+ +\w+ +00:\d\d:\d\d  3 ")
+        self.assertEqual(self.succeed("devices", "--names").text, self.hostid + "\n")
+
+    def test_half_a_frame_of_a_call_never_reaches_the_device(self):
+        call = self.call(b"attach 127.0.0.1\n")
+        self.assertEqual(call.recv(3), b"ok\n")
+        call.sendall(request("write", self.path("a"), "x")[:-4])
+        wait_until(lambda: self.devices()[self.hostid]["users"] == 1, "the call is there")
+        call.close()
+        wait_until(lambda: self.devices()[self.hostid]["users"] == 0, "the call is gone")
+        self.succeed("-d", "@" + self.hostid, "write", self.path("b"), "y")
+        self.assertFalse(os.path.exists(self.path("a")))
+
+    def test_garbage_of_a_call_ends_that_call_alone(self):
+        other = self.call(b"attach 127.0.0.1\n")
+        self.assertEqual(other.recv(3), b"ok\n")
+        for garbage in (b"hello\n", b"\x01999999999999\x02", b"<a/>", b"\x01\x02"):
+            call = self.call(b"attach 127.0.0.1\n" + garbage)
+            self.assertEqual(call.recv(3), b"ok\n")
+            self.assertEqual(call.recv(1), b"", garbage)
+        other.sendall(request("fileexists", "/"))
+        self.assertIn(b"SlaveTask", other.recv(100))
+        self.assertEqual(self.told("lost"), [])
+
+    def test_what_is_no_record_is_passed_on_and_not_waited_for(self):
+        call = self.call(b"attach 127.0.0.1\n" + frame(b"nonsense") + request("fileexists", "/"))
+        self.assertEqual(call.recv(3), b"ok\n")
+        self.assertEqual(call.recv(100), reply())
+
+    def test_a_call_that_does_not_take_its_answers_is_not_waited_for_by_the_master(self):
+        path = self.file("large", bytes(30_000_000))
+        call = self.call(b"attach 127.0.0.1\n" + request("read", path) * 20)
+        fake = FakeDevice(self, "127.0.0.9", "other")
+        self.wait_told("connected", hostid="other")
+        self.assertEqual(call.recv(3), b"ok\n")
+        wait_until(lambda: self.devices()[self.hostid]["bytes_from_device"] > 30_000_000,
+                   "the device answers")
+        self.assertEqual(self.succeed("-d", "@other", "hostid").text, "other\n")
+        self.assertLess(self.resident_bytes(), 250_000_000)
+        call.close()
+        self.succeed("-d", "@" + self.hostid, "fileexists", "/")
+        fake.close()
+
+
+class Roles(MasterCase):
+    """Which connection is written to, and which never."""
+
+    def device(self, *arguments, **options):
+        return FakeDevice(self, *arguments, **options)
+
+    def first(self, **options):
+        device = self.device(**options)
+        self.wait_told("connected", address="127.0.0.1")
+        return device
+
+    def test_a_further_connection_gets_no_byte_and_the_first_is_checked(self):
+        self.start_master()
+        first = self.first()
+        second = self.device()
+        self.wait_told("further", port=second.port)
+        first.wait_asked(CHECK)
+        third = self.device()
+        self.wait_told("further", port=third.port)
+        wait_until(lambda: self.devices()["fake"]["connected_s"] >= 6, "more than 5 s pass")
+        self.assertEqual((second.came, third.came), (b"", b""))
+        self.assertFalse(second.ended.is_set() or third.ended.is_set())
+
+    def test_a_half_open_connection_is_found_out_and_the_next_takes_its_place(self):
+        self.start_master()
+        self.first().vanish()
+        again = self.device(hostid="again")
+        lost = self.wait_told("lost", role="slave")
+        self.assertEqual(again.came, b"")
+        self.wait_told("connected", hostid="again", port=again.port)
+        self.assertGreaterEqual(self.after(lost, self.told("connected", hostid="again")[0]), 4.9)
+        self.succeed("-d", "@again", "fileexists", "/")
+
+    @staticmethod
+    def after(one, other):
+        """Seconds from one event to another."""
+        def moment(event):
+            whole, _, fraction = event["time"].rstrip("Z").partition(".")
+            return time.mktime(time.strptime(whole, "%Y-%m-%dT%H:%M:%S")) + float("0." + fraction)
+        return moment(other) - moment(one)
+
+    def test_a_first_connection_that_answers_no_check_is_given_up(self):
+        self.start_master("--timeout", "1")
+        first = self.first()
+        first.answers = False
+        second = self.device(hostid="second")
+        self.assertEqual(self.wait_told("lost", port=first.port)["why"], "no answer to a cheap task")
+        self.wait_told("connected", hostid="second")
+
+    def test_a_first_connection_that_is_busy_is_not_given_up(self):
+        self.start_master("--timeout", "1")
+        first = self.first()
+        first.answers = False
+        call = self.start("-d", "@fake", "exec", "long-running")
+        first.wait_asked(b"long-running")
+        self.device()
+        first.wait_asked(CHECK)
+        wait_until(lambda: self.devices()["fake"]["connected_s"] >= 7, "more than 5 s pass")
+        self.assertEqual(self.told("lost"), [])
+        first.answer_held()
+        self.assertEqual(call.wait(PATIENCE), 0)
+
+    def test_a_call_that_gives_up_has_the_device_checked(self):
+        self.start_master()
+        first = self.first()
+        first.vanish()
+        result = self.ctl("-d", "@fake", "--timeout", "1", "fileexists", "/")
+        self.assertEqual(result.status, 255)
+        self.wait_told("lost", role="slave")
+
+    def test_what_outlives_the_slave_connection_becomes_one_unless_it_spoke(self):
+        self.start_master("--xml")
+        first = self.first()
+        bridge = self.device()
+        silent = self.device()
+        self.wait_told("further", port=silent.port)
+        bridge.send(b"<hello/>\r\n")
+        self.wait_told("clause", port=bridge.port)
+        first.close()
+        lost = self.wait_told("lost", port=first.port)
+        connected = self.wait_told("connected", port=silent.port)
+        self.assertGreaterEqual(self.after(lost, connected), 4.9)
+        self.assertEqual(bridge.came, b"")
+
+    def test_the_next_connection_after_a_loss_is_the_slave_connection_at_once(self):
+        self.start_master()
+        first = self.first()
+        surplus = self.device()
+        self.wait_told("further", port=surplus.port)
+        first.close()
+        self.wait_told("lost", port=first.port)
+        second = self.device(hostid="second")
+        self.wait_told("connected", port=second.port)
+        wait_until(lambda: self.devices()["second"]["connected_s"] >= 6, "more than 5 s pass")
+        self.assertEqual(surplus.came, b"")
+        self.assertFalse(surplus.ended.is_set())
+
+    def test_devices_behind_one_address_are_told_apart_by_their_silence(self):
+        self.start_master("--shared-address", "0.5", "--xml")
+        self.device(hostid="one")
+        self.wait_told("connected", hostid="one")
+        bridge = self.device(greeting=b"<quick/>")
+        self.wait_told("clause", clause="<quick/>")
+        for name in ("two", "three"):
+            self.device(hostid=name)
+            self.wait_told("connected", hostid=name)
+        self.assertEqual(bridge.came, b"")
+        self.assertEqual(set(self.devices()), {"one", "two", "three"})
+        self.assertEqual(self.succeed("-d", "@two", "hostid").text, "two\n")
+        result = self.ctl("-d", "@127.0.0.1", "hostid")
+        self.assertEqual(result.status, 255)
+        self.assertIn("3 devices are called 127.0.0.1: name one by ADDRESS:PORT", result.errors[0])
+
+    def test_devices_with_one_hostid_are_told_apart_by_address(self):
+        self.start_master()
+        for address in ("127.0.0.2", "127.0.0.3"):
+            self.device(address, "same")
+            self.wait_told("connected", address=address)
+        self.assertIn(b"2 devices are called same", self.ctl("-d", "@same", "hostid").err)
+        self.assertEqual(self.succeed("-d", "@127.0.0.3", "hostid").text, "same\n")
+
+
+class Strangers(MasterCase):
+    """Who is not let in, and who should not have been."""
+
+    def test_only_listed_addresses_are_let_in(self):
+        self.start_master("--allow", "127.0.0.8/31,127.0.1.1")
+        for address in ("127.0.0.8", "127.0.0.9", "127.0.1.1"):
+            FakeDevice(self, address)
+            self.wait_told("connected", address=address)
+        stranger = FakeDevice(self, "127.0.0.10")
+        told = self.wait_told("refused", address="127.0.0.10")
+        self.assertEqual(told["why"], "its address is not on the list")
+        self.assertFalse(stranger.ended.is_set(), "it would dial again at once")
+        stranger.wait_ended()
+        self.assertEqual(stranger.came, b"")
+
+    def test_only_listed_hostids_are_let_in(self):
+        self.start_master("--allow-hostid", "one", "--allow-hostid", "two,three")
+        for number, name in enumerate(("one", "two", "three")):
+            FakeDevice(self, f"127.0.0.{number + 2}", name)
+            self.wait_told("connected", hostid=name)
+        stranger = FakeDevice(self, "127.0.0.7", "four")
+        told = self.wait_told("refused", address="127.0.0.7")
+        self.assertEqual(told["why"], "its hostid is not on the list")
+        self.assertEqual(set(self.devices()), {"one", "two", "three"})
+        self.assertEqual(self.ctl("-d", "@127.0.0.7", "hostid").status, 255)
+        self.assertFalse(stranger.ended.is_set(), "it would dial again at once")
+
+    def test_an_address_gets_so_many_connections_and_no_more(self):
+        self.start_master()
+        devices = [FakeDevice(self) for _ in range(16)]
+        self.wait_told("further", count=15)
+        one_more = FakeDevice(self)
+        self.assertEqual(self.wait_told("refused")["why"], "too many connections from there")
+        self.assertFalse(any(device.ended.is_set() for device in (*devices, one_more)))
+
+    def test_one_that_never_answers_is_no_device(self):
+        self.start_master("--timeout", "1")
+        FakeDevice(self, answers=False).wait_ended()
+        self.assertEqual(self.wait_told("lost")["why"], "no answer to a cheap task")
+        self.assertEqual(self.devices(), {})
+
+    def test_a_name_that_is_none_is_not_shown(self):
+        self.start_master()
+        names = (b"\x1b[2J", b"a\nb", b"", b"x" * 65, b"a b", "ä".encode(), b"\xff", b"../x")
+        for number, name in enumerate(names):
+            FakeDevice(self, f"127.0.0.{number + 10}", name)
+            told = self.wait_told("connected", address=f"127.0.0.{number + 10}")
+            self.assertEqual((told["hostid"], told["device"]), ("", told["address"]))
+        self.assertEqual(self.succeed("-d", "@127.0.0.11", "hostid").out, b"a\nb\n")
+
+    def bad_answers(self):
+        """What a device may say where it should answer."""
+        noise = random.Random(7)
+        yield b"<a/>\r\n", "this is no runeld: it sends XML, as agents do"
+        yield b"SSH-2.0-OpenSSH_9.2\r\n", "this is no runeld: it speaks like an SSH server"
+        yield b"\x02", "this is no runeld: it speaks another protocol"
+        yield b"\x01x", "bad frame: byte 0x78 in a count"
+        yield b"\x01\x02", "bad frame: an empty count"
+        yield b"\x01268435457\x02", "bad frame: "
+        yield b"\x01" + b"9" * 100, "bad frame: "
+        yield frame(b""), "the answer is no task record"
+        yield frame(b"SlaveTask 1 1:x 0 0: 0 0 0 0"), "the answer is no task record"
+        yield frame(b"x" * 70000), "the answer is longer than it may be"
+        yield b"\x0199999999\x02" + bytes(3_000_000), "the answer is longer than it may be"
+        yield reply(b"a") * 3, "an answer that nobody asked for"
+        for _ in range(40):
+            yield b"\x01" + noise.randbytes(noise.randrange(1, 300)), ""
+            yield frame(b"SlaveTask " + noise.randbytes(noise.randrange(1, 100))), ""
+
+    def test_bad_bytes_on_a_slave_connection_end_that_connection_alone(self):
+        self.start_master()
+        FakeDevice(self, "127.0.0.2", "good")
+        self.wait_told("connected", hostid="good")
+        for number, (bad, why) in enumerate(self.bad_answers(), 1):
+            device = FakeDevice(self, answers=False)
+            device.wait_asked(b"devicetype")
+            device.blurt(bad)
+            self.close_unless_thrown_out(device)
+            told = self.wait_told("lost", count=number, address="127.0.0.1")
+            self.assertIn(why, told["why"], bad[:60])
+        self.assertEqual(self.succeed("-d", "@good", "hostid").text, "good\n")
+        self.assertEqual(self.told("lost", hostid="good"), [])
+        self.assertLess(self.resident_bytes(), 150_000_000)
+
+    @staticmethod
+    def close_unless_thrown_out(device):
+        """Random bytes may begin a frame that never ends: then only the device can end it."""
+        if not device.ended.wait(0.3):
+            device.socket.shutdown(socket.SHUT_WR)
+        device.wait_ended()
+        device.close()
+
+    def test_an_idle_device_that_speaks_is_lost(self):
+        self.start_master()
+        for number, (bad, why) in enumerate(
+                ((reply(), "an answer that nobody asked for"), (b"<a/>", "bad frame: byte 0x3c"),
+                 (b"\x01200000000\x02" + bytes(2_500_000), "longer than it may be"))):
+            device = FakeDevice(self, f"127.0.0.{number + 2}")
+            self.wait_told("connected", port=device.port)
+            device.blurt(bad)
+            self.assertIn(why, self.wait_told("lost", port=device.port)["why"])
+
+    def test_bad_bytes_on_a_bridge_end_that_connection_alone(self):
+        self.start_master("--xml")
+        good = FakeDevice(self)
+        self.wait_told("connected")
+        noise = random.Random(9)
+        bad = [b"x", b"\x01", b"<a>\x02</a>", b"</a>\x01", b"<a/>text", b"\x00",
+               b"<" + b"a" * 1_200_000]
+        bad += [b"\x01" + noise.randbytes(200) for _ in range(20)]
+        for number, data in enumerate(bad, 1):
+            bridge = FakeDevice(self)
+            self.wait_told("further", count=number)
+            bridge.blurt(data)
+            bridge.wait_ended()
+            self.wait_told("lost", count=number, role="agent")
+            bridge.close()
+        self.assertFalse(good.ended.is_set())
+        self.assertEqual(self.succeed("-d", "@fake", "hostid").text, "fake\n")
+
+
+class Size(MasterCase):
+    """Many devices, few descriptors, nobody who reads."""
+
+    COUNT = 900
+
+    def test_nine_hundred_devices_are_held_and_worked_on(self):
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        self.start_master()
+        devices = FakeDevices(self, self.COUNT)
+        self.wait_told("connected", count=self.COUNT)
+        self.assertEqual(set(self.devices()), set(devices.names))
+        names = "".join(f"@{name}\n" for name in devices.names)
+        result = self.succeed("--json", "-j", "900", "--devices", "-", "hostid", feed=names.encode())
+        *answers, summary = result.objects
+        self.assertEqual({"@" + answer["output"] for answer in answers},
+                         {answer["device"] for answer in answers})
+        self.assertEqual(summary["summary"]["ok"], self.COUNT)
+        self.assertEqual(self.told("lost"), [])
+
+    def test_devices_wait_while_descriptors_are_used_up(self):
+        limit = 40
+        self.start_master("--allow", "127.0.0.0/8", preexec_fn=lambda: resource.setrlimit(
+            resource.RLIMIT_NOFILE, (limit, limit)))
+        devices = [FakeDevice(self, f"127.0.2.{number + 1}", f"d{number}") for number in range(60)]
+        wait_until(lambda: len(self.told("connected")) > 20, "some are let in")
+        for device in devices[:40]:
+            device.close()
+        for device in devices[40:]:
+            self.wait_told("connected", port=device.port)
+        self.assertIn("runelctl: cannot take another connection: Too many open files",
+                      self.stop_master())
+
+    def test_nobody_who_reads_what_it_tells_holds_it_up(self):
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        self.running = self.start("master", "--xml", stdout=writing)
+        os.close(writing)
+        wait_until(lambda: os.path.exists(self.control), "the master listens")
+        FakeDevice(self)
+        wait_until(self.devices, "the device is there")
+        bridge = FakeDevice(self)
+        wait_until(lambda: self.devices()["fake"]["further"] == 1, "the bridge is there")
+        bridge.send(b"<a>%s</a>" % (b"x" * 1000) * 6000)
+        wait_until(lambda: self.devices()["fake"]["clauses"] == 6000, "all clauses are taken")
+        self.assertLess(self.resident_bytes(), 100_000_000)
+
+
+class ControlSocket(MasterCase):
+    """Who may use a master, and when there is none."""
+
+    def test_it_is_the_users_own(self):
+        self.start_master()
+        about = os.stat(self.control)
+        self.assertTrue(stat.S_ISSOCK(about.st_mode))
+        self.assertEqual(stat.S_IMODE(about.st_mode), 0o600)
+        self.assertEqual(self.stop_master(), "")
+        self.assertFalse(os.path.exists(self.control))
+
+    def test_it_is_removed_on_an_interrupt_too(self):
+        self.start_master()
+        self.stop_master(signal.SIGINT)
+        self.assertFalse(os.path.exists(self.control))
+
+    def as_nobody(self, code):
+        """Runs @p code as another user, who may reach the socket's folder; what it prints."""
+        os.chmod(self.folder, 0o755)
+        script = "import os, socket, sys\n" + code
+        return subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                               sys.executable, "-c", script, self.control],
+                              capture_output=True, timeout=PATIENCE, check=False)
+
+    CALL = """s = socket.socket(socket.AF_UNIX)
+s.connect(sys.argv[1])
+print(s.makefile().read())"""
+
+    def test_other_users_are_kept_out_by_its_mode_and_by_the_master(self):
+        self.start_master()
+        FakeDevice(self)
+        self.wait_told("connected")
+        self.assertIn(b"PermissionError", self.as_nobody(self.CALL).stderr)
+        os.chmod(self.control, 0o666)
+        answer = self.as_nobody(self.CALL)
+        self.assertEqual(answer.stdout.strip(), b"this master is another user's", answer.stderr)
+
+    def test_a_master_of_another_user_is_not_used(self):
+        os.chmod(self.folder, 0o777)
+        listener = subprocess.Popen(
+            ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", sys.executable, "-c",
+             "import socket, sys, time\ns = socket.socket(socket.AF_UNIX)\ns.bind(sys.argv[1])\n"
+             "s.listen()\nprint(1, flush=True)\ntime.sleep(1000)", self.control],
+            stdout=subprocess.PIPE)
+        self.addCleanup(self._end, listener)
+        listener.stdout.readline()
+        for words in (("devices",), ("-d", "@any", "hostid")):
+            result = self.ctl(*words)
+            self.assertEqual((result.status, len(result.errors)), (255, 1), words)
+        self.assertIn("another user's", result.errors[0])
+
+    def test_a_folder_that_others_may_write_to_is_refused(self):
+        os.chmod(self.folder, 0o777)
+        result = self.ctl("master")
+        self.assertEqual(result.status, 1)
+        self.assertIn("no folder of our own for a socket", result.errors[0])
+
+    def test_without_a_runtime_folder_it_makes_one(self):
+        folder = f"/tmp/runelctl-{os.geteuid()}"
+        if os.path.isdir(folder):
+            os.rmdir(folder)
+        env = {"XDG_RUNTIME_DIR": ""}
+        self.start_master(env=env)
+        self.addCleanup(os.rmdir, folder)
+        self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o700)
+        self.assertEqual(self.succeed("devices", "--names", env=env).out, b"")
+        self.stop_master()
+
+    def test_a_second_master_says_so_and_a_dead_one_is_replaced(self):
+        self.start_master()
+        result = self.ctl("master", "--listen", "127.0.0.1:5113")
+        self.assertEqual((result.status, result.errors),
+                         (1, [f"runelctl: {self.control}: a master is running already"]))
+        self.running.kill()
+        self.running.wait()
+        self.assertTrue(os.path.exists(self.control))
+        self.start_master()
+        self.succeed("devices")
+
+    def test_without_a_master_there_is_one_line_and_status_255(self):
+        line = (f"runelctl: no master at {self.control}: No such file or directory "
+                "(start one: runelctl master)")
+        result = self.ctl("devices")
+        self.assertEqual((result.status, result.errors), (255, [line]))
+        result = self.ctl("--json", "devices")
+        self.assertEqual((result.status, result.objects[0]["where"], result.objects[0]["retry"]),
+                         (255, "link", True))
+        result = self.ctl("-d", "@any", "hostid")
+        self.assertEqual((result.status, len(result.errors)), (255, 1))
+
+    def test_calls_that_make_no_sense_are_answered_or_dropped(self):
+        self.start_master()
+        for line, answer in ((b"hello\n", b"the master does not know this request\n"),
+                             (b"\xff\x00\n", b"the master does not know this request\n"),
+                             (b"attach \n", b"no device  is connected to the master\n"),
+                             (b"x" * 5000, b"")):
+            call = self.call(line)
+            try:
+                self.assertEqual(call.makefile("rb").read(), answer)
+            except ConnectionResetError:
+                self.assertEqual(answer, b"", line)
+        self.call(b"dev").close()
+        slow = self.call(b"dev")
+        slow.sendall(b"ices\n")
+        self.assertEqual(slow.recv(1), b"")
+
+    def test_options_that_make_no_sense_are_refused(self):
+        for words, why in ((("--listen", "1.2.3.4:x"), "--listen"), (("--allow", "1.2.3"), "--allow"),
+                           (("--allow", "1.2.3.4/33"), "--allow"),
+                           (("--allow-hostid", "a b"), "--allow-hostid"),
+                           (("--shared-address", "0"), "--shared-address")):
+            result = self.ctl("master", *words)
+            self.assertEqual((result.status, len(result.errors)), (2, 1), words)
+            self.assertIn(why, result.errors[0])
+
+    def test_what_it_cannot_open_is_told(self):
+        with socket.create_server(("127.0.0.1", MASTER_PORT)):
+            result = self.ctl("master")
+        self.assertEqual((result.status, result.errors),
+                         (1, ["runelctl: 127.0.0.1:5112: Address already in use"]))
+        result = self.ctl("master", "--xml-log", "/no/such/file")
+        self.assertEqual((result.status, result.errors),
+                         (1, ["runelctl: /no/such/file: No such file or directory"]))
+
+    def test_it_listens_on_the_loopback_unless_told_otherwise(self):
+        self.start_master()
+        self.assertEqual(self.listening_on(), {"0100007F:13F8"})
+        self.stop_master()
+        self.start_master("--listen", "0.0.0.0:5114")
+        self.assertEqual(self.listening_on(), {"00000000:13FA"})
+
+    @staticmethod
+    def listening_on():
+        with open("/proc/net/tcp", encoding="ascii") as table:
+            return {line.split()[1] for line in table if line.split()[3] == "0A"}
+
+    def test_people_get_lines(self):
+        process = self.start("master", "--xml")
+        for pattern in (r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d waiting for devices on 127\.0\.0\.1:5112",):
+            self.assertRegex(process.stdout.readline().decode(), pattern)
+        first = FakeDevice(self)
+        self.assertRegex(process.stdout.readline().decode(),
+                         rf" fake \(127\.0\.0\.1:{first.port}\): connected, type fake\n$")
+        bridge = FakeDevice(self, greeting=b"<a>\xff</a>")
+        lines = [process.stdout.readline() for _ in range(3)]
+        self.assertRegex(lines[0], b": a further connection\n$")
+        self.assertRegex(lines[1], b": it is an agent's\n$")
+        self.assertRegex(lines[2], b": <a>\xff</a>\n$")
+        bridge.close()
+        self.assertRegex(process.stdout.readline(), b": the agent is gone: the device closed it\n$")
+        first.close()
+        self.assertRegex(process.stdout.readline(),
+                         b": lost: the device closed the connection\n$")
+        process.terminate()
+        self.assertEqual(process.wait(PATIENCE), 0)
+
+
+class Agent(MasterCase):
+    """runelctl agent, against the real daemon."""
+
+    def setUp(self):
+        super().setUp()
+        self.peer = self.master()
+        self.device = self.daemon()
+        self.slave = self.peer.accept()
+
+    def play(self, *words):
+        return self.start("agent", *words, stdin=subprocess.PIPE)
+
+    def test_clauses_go_to_the_master_and_its_answers_come_back(self):
+        agent = self.play()
+        agent.stdin.write(b" <hello>\n")
+        agent.stdin.flush()
+        agent.stdin.write(b"</hello><b/>\n")
+        agent.stdin.flush()
+        bridge = self.peer.accept()
+        self.assertEqual(bridge.receive_bytes(24), b"<hello>\n</hello>\r\n<b/>\r\n")
+        bridge.send(b"<answer>\xff</answer>")
+        self.assertEqual(agent.stdout.readline(), b"<answer>\xff</answer>\r\n")
+        agent.stdin.close()
+        self.assertEqual(agent.wait(PATIENCE), 0)
+        self.assertEqual(agent.stderr.read(), b"")
+
+    def test_it_listens_on_after_the_end_of_its_input(self):
+        clauses = b"".join(b"<n>%d</n>\n" % number for number in range(20000))
+        agent = self.start("--json", "agent", "--linger", "3",
+                           stdin=open(self.file("clauses", clauses), "rb"))
+        bridge = self.peer.accept()
+        self.assertEqual(bridge.receive_bytes(len(clauses) + 20000),
+                         clauses.replace(b"\n", b"\r\n"))
+        bridge.send(b"<late/>")
+        out, err = agent.communicate(timeout=PATIENCE)
+        self.assertEqual((agent.returncode, err), (0, b""))
+        self.assertEqual(json.loads(out)["clause"], "<late/>")
+
+    def test_what_would_stop_the_daemon_is_not_sent(self):
+        for text, why in ((b"<a>\x01</a>", "0x01 or 0x02"), (b"hello", "does not begin with '<'"),
+                          (b'<a id="1">x</a>', "not complete"), (b"<a>", "not complete")):
+            result = self.ctl("agent", feed=text)
+            self.assertEqual((result.status, len(result.errors)), (1, 1), text)
+            self.assertIn(why, result.errors[0])
+        self.assertTrue(self.device.alive())
+
+    def test_raw_sends_all_the_same(self):
+        agent = self.play("--raw")
+        agent.stdin.write(b"<a/>")
+        agent.stdin.flush()
+        self.peer.accept().receive_bytes(6)
+        agent.stdin.write(b"\x01")
+        agent.stdin.flush()
+        self.assertEqual(self.device.wait(), 0)
+        self.assertEqual(agent.wait(PATIENCE), 255)
+        self.assertIn(b"the device closed the connection", agent.stderr.read())
+
+    def test_a_signal_ends_it(self):
+        agent = self.play()
+        agent.stdin.write(b"<a/>")
+        agent.stdin.flush()
+        self.peer.accept()
+        agent.terminate()
+        self.assertEqual(agent.wait(PATIENCE), 143)
+
+    def test_it_takes_one_device_by_its_address(self):
+        for words in (("-d", "@name"), ("-d", "127.0.0.1,127.0.0.2")):
+            result = self.ctl(*words, "agent")
+            self.assertEqual((result.status, len(result.errors)), (2, 1))
+
+    def test_no_daemon_is_one_line_and_status_255(self):
+        result = self.ctl("-d", "127.0.0.1:9", "agent")
+        self.assertEqual((result.status, result.errors),
+                         (255, ["runelctl: 127.0.0.1:9: Connection refused "
+                                "(is runeld running there?)"]))
+        result = self.ctl("--json", "-d", "127.0.0.1:9", "agent")
+        self.assertEqual((result.status, result.objects[0]["where"]), (255, "link"))
+
+
+if __name__ == "__main__":
+    unittest.main()

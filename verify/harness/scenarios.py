@@ -1,0 +1,378 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the daemon is made to do while something fails: work on a running one, and whole lives."""
+import contextlib
+import os
+import select
+import shutil
+import signal
+import socket
+import time
+
+from harness.session import HANG, SHORT_PATIENCE, Finding, Lost, expect, old_or_new
+from support.peers import ready
+from support.wait import wait_until
+from support.wire import frame, request
+
+HOSTS = "/etc/hosts"
+OLD_HOSTS = b"127.0.0.1 localhost\n192.0.2.1 update-master\n"
+NEW_HOSTS = b"127.0.0.1 localhost\n127.0.0.1 update-master\n"
+PID_FILE = "/var/run/runeld.pid"
+STATE_FOLDER = "/var/lib/runeld"
+
+
+def put(path, content):
+    with open(path, "wb") as file:
+        file.write(content)
+
+
+def replace(session, task, name, old, new, data):
+    """A task that replaces a file: it has the old content or the new, and after success the new."""
+    path = session.path(name)
+    if old is None:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(path)
+    else:
+        put(path, old)
+    try:
+        done = session.ask(request(task, path, data)) is not None
+    except Lost:
+        done = False
+    finally:
+        is_new = old_or_new(path, old, new, task)
+    expect(is_new or not done, f"{task}: success, but the old content")
+    return done
+
+
+def step(session, *arguments, wanted=(0, 0, 0, 0, 0), output=None, exec_param=0, also=()):
+    """A task that changes nothing; its output is right when it succeeds."""
+    with contextlib.suppress(Lost):
+        reply = session.ask(request(*arguments, exec_param=exec_param), wanted, also=also)
+        if reply is not None and output is not None:
+            if not session.strict and session.log.find("exec: cannot read output, .*"):
+                session.deviate("the output was lost")
+                return reply
+            expect(reply.output == output, f"{arguments[0]} gave {reply.output[:200]!r}")
+        return reply
+    return None
+
+
+def write_files(session):
+    replace(session, "write", "new", None, b"new", "new")
+    replace(session, "write", "kept", b"old content\n", b"brand new", "brand new")
+    replace(session, "append", "appended", None, b"first", "first")
+    replace(session, "append", "log", b"a line\n", b"a line\nand one\n", "and one\n")
+    key = f"{STATE_FOLDER}/umstate/key"
+    shutil.rmtree(STATE_FOLDER, ignore_errors=True)
+    for old, new in ((None, b"one"), (b"one", b"two")):
+        if old is not None and not os.path.exists(key):
+            os.makedirs(os.path.dirname(key), exist_ok=True)
+            put(key, old)
+        try:
+            done = session.ask(request("updateumstate", "key", new)) is not None
+        except Lost:
+            done = False
+        is_new = old_or_new(key, old, new, "updateumstate")
+        expect(is_new or not done, "updateumstate: success, but the old content")
+
+
+def look_at_files(session):
+    path = session.path("looked-at")
+    folder = session.path("tree")
+    put(path, b"content")
+    os.makedirs(f"{folder}/below", exist_ok=True)
+    put(f"{folder}/below/file", b"x")
+    with contextlib.suppress(FileExistsError):
+        os.symlink("below", f"{folder}/link")
+    step(session, "read", path, output=b"content")
+    step(session, "stat", path)
+    step(session, "lstat", f"{folder}/link")
+    step(session, "access", path, 4)
+    step(session, "fileexists", path)
+    step(session, "realpath", f"{folder}/link", output=f"{folder}/below".encode())
+    step(session, "readdir", folder, output=b"StringVec 2\n5:below\n4:link\n")
+    step(session, "walktree", folder)
+    step(session, "freeblocks", folder)
+
+
+def change_files(session):
+    path, other = session.path("moved"), session.path("moved-to")
+    put(path, b"moved")
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink(other)
+    step(session, "chmodx", path)
+    if step(session, "rename", path, other):
+        expect(not os.path.exists(path), "rename left the source")
+    expect(os.path.exists(path) != os.path.exists(other), "rename lost the file or doubled it")
+    if step(session, "unlink", other if os.path.exists(other) else path):
+        expect(not os.path.exists(other) and not os.path.exists(path), "unlink left the file")
+
+
+def run_programs(session):
+    step(session, "exec", "/bin/echo", "hello", wanted=(0, 2, 0, 0, 0), output=b"hello\n",
+         exec_param=100)
+    step(session, "exec", "sleep", "3", wanted=(2, 1, 0, 0, 0), exec_param=-1)
+    step(session, "kill", wanted=(0, 3, -1, 0, signal.SIGTERM),
+         also=((0, 3, -1, 0, signal.SIGKILL), (0, 2, 0, 0, 0)))
+    step(session, "exec", "/bin/true", wanted=(2, 1, 0, 0, 0), exec_param=-1)
+    step(session, "wait", wanted=(0, 2, 0, 0, 0))
+    step(session, "processrunning", "world")
+
+
+def stop_at_limit(session):
+    step(session, "exec", "sleep", "3", wanted=(3, 4, -1, 110, 15), exec_param=1)
+
+
+def ask_about_device(session):
+    step(session, "hostid")
+    step(session, "devicetype")
+    step(session, "blinkleds", "fast")
+    step(session, "changeleds", 1, 0)
+
+
+def move_much(session):
+    data = bytes(range(256)) * 4096
+    if replace(session, "write", "big", b"small", data, data):
+        step(session, "read", session.path("big"), output=data)
+
+
+def serve_clients(session):
+    """Connections that speak each of the languages of the port, and none of them."""
+    with contextlib.suppress(Lost):
+        client = session.client()
+        with contextlib.closing(client):
+            session.ask(b"\r\n" + request("fileexists", "/"), peer=client)
+            session.ask(request("fileexists", "/"), peer=client)
+    with contextlib.suppress(Lost):
+        client = session.client()
+        with contextlib.closing(client):
+            send(client, b"hello\r\n")
+            send(client, frame(b"x") + b"\x01999999999999\x02")
+            session.quiet()
+    with contextlib.suppress(Lost):
+        client = session.client()
+        with contextlib.closing(client):
+            send(client, b"\x01junk")
+            expect(session.reads_end(client) == b"", "an answer to junk")
+
+
+def send(peer, data):
+    """Sends; Lost when the connection has ended."""
+    try:
+        peer.send(data)
+    except AssertionError as error:
+        raise Lost(str(error)) from error
+
+
+def clause_arrives(session, source, target, clause):
+    """Sends a clause through the daemon. False when a failure has lost it."""
+    send(source, clause)
+    wanted = clause + b"\r\n"
+    got = b""
+    deadline = time.monotonic() + (HANG if session.strict else SHORT_PATIENCE)
+    while len(got) < len(wanted) and ready(target.socket, select.POLLIN,
+                                           deadline - time.monotonic()):
+        try:
+            part = target.socket.recv(4096)
+        except ConnectionError:
+            break
+        if not part:
+            break
+        got += part
+    if got == wanted:
+        return True
+    expect(wanted.startswith(got), f"the relay changed {wanted!r} to {got!r}")
+    session.deviate(f"a clause was lost, {got!r} came")
+    return False
+
+
+def relay(session):
+    """An agent comes, the hosts file is rewritten, the bridge is made, clauses cross, it leaves."""
+    session.slave_or_new()
+    put(HOSTS, OLD_HOSTS)
+    agent = session.client()
+    bridge = None
+    try:
+        send(agent, b"<hello/>")
+        deadline = time.monotonic() + (HANG if session.strict else SHORT_PATIENCE)
+        while bridge is None and time.monotonic() < deadline:
+            if ready(session.master.listener, select.POLLIN, 0.01):
+                bridge = session.master.accept()
+            if session.ended() is not None:
+                raise Lost("the daemon ended")
+        if bridge is None:
+            session.deviate("no bridge")
+            return
+        first = bridge.socket.recv(100) if ready(bridge.socket, select.POLLIN, 0.3) else b""
+        if first != b"<hello/>\r\n":
+            session.deviate(f"the first clause came as {first!r}")
+            return
+        expect(old_or_new(HOSTS, OLD_HOSTS, NEW_HOSTS, "hosts") or not session.strict,
+               "the hosts file is as before")
+        clause_arrives(session, bridge, agent, b"<answer>yes</answer>")
+        clause_arrives(session, agent, bridge, b"<thanks>a lot</thanks>")
+    except (OSError, Lost) as error:
+        session.deviate(f"relay: {error}")
+    finally:
+        agent.close()
+        old_or_new(HOSTS, OLD_HOSTS, NEW_HOSTS, "hosts")
+        if bridge is not None:
+            wait_until(lambda: session.ended() is not None or not bridge.is_open(),
+                       "the bridge ends with the agent", HANG)
+            session.forget(bridge)
+
+
+WORK = {function.__name__: function for function in (
+    write_files, look_at_files, change_files, run_programs, stop_at_limit, ask_about_device,
+    move_much, serve_clients, relay)}
+
+
+class Life:
+    """A daemon from start to end: `role` is the process that fails in it."""
+
+    def __init__(self, name, run, role=0):
+        self.name, self.run, self.role = name, run, role
+
+
+def prepare(session, *arguments, background=False):
+    spawn = session.launch(*arguments, background=background)
+    for path in (PID_FILE, f"{PID_FILE}.new"):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(path)
+    return spawn
+
+
+def serve_once(session):
+    """Waits for the slave connection and asks one thing over it."""
+    session.connect_slave()
+    step(session, "fileexists", "/")
+
+
+def stop_by_signal(session):
+    if session.ended() is None:
+        session.daemon.send_signal(signal.SIGTERM)
+    status = session.wait_end("SIGTERM")
+    expect(status in (0, 1), f"exit status {status}")
+    if status != 0:
+        session.deviate(f"exit status {status}")
+
+
+def foreground(session, spawn):
+    spawn()
+    with contextlib.suppress(Lost):
+        serve_once(session)
+    stop_by_signal(session)
+
+
+def ended_by_task(session, spawn, task, answered):
+    """Ended by its master. The failure may keep the request from arriving: then by a signal."""
+    spawn()
+    try:
+        peer = session.connect_slave()
+        send(peer, request(task))
+        reply = session.reads_end(peer)
+        if (b"SlaveTask 0 0 0: 0 0 0 0 0" in reply) != answered:
+            session.deviate(f"{task} was answered with {reply!r}")
+    except (Lost, OSError) as lost:
+        session.deviate(f"{task}: {lost}")
+    if session.daemon.status is None:
+        with contextlib.suppress(Exception):
+            session.daemon.wait(0.2 if session.deviations else HANG)
+    stop_by_signal(session)
+
+
+def restarted(session, spawn):
+    ended_by_task(session, spawn, "restart", False)
+
+
+def rebooted(session, spawn):
+    ended_by_task(session, spawn, "reboot", True)
+    shared = session.state.shared
+    expect(shared.reboots <= shared.syncs <= 1, "reboot without sync, or twice")
+    expect(shared.reboots == 1 or not session.strict, "no reboot")
+
+
+def find_child(session):
+    """The process number of the daemon in the background; None when there is none."""
+    return session.state.shared.processes[1].pid or None
+
+
+def reap_child(session, pid):
+    """Waits for the daemon in the background to end: its exit status."""
+    def reaped():
+        found, status = os.waitpid(pid, os.WNOHANG)
+        return (os.waitstatus_to_exitcode(status),) if found else None
+    try:
+        return wait_until(reaped, "the daemon in the background ends", HANG)[0]
+    except ChildProcessError as error:
+        raise Finding("the daemon in the background vanished") from error
+
+
+def background(session, spawn):
+    """Goes into the background, writes its pid file, serves, and takes the file away."""
+    spawn()
+    status = session.daemon.process.wait(HANG)
+    expect(status in (0, 1), f"exit status {status} of the one that launches")
+    pid = find_child(session)
+    if pid is None:
+        session.deviate("no daemon in the background")
+        return
+    try:
+        written = old_or_new(PID_FILE, None, b"%d\n" % pid, "pid file")
+        if not written:
+            session.deviate("no pid file")
+        session.daemon.pid = pid
+        session.daemon.background = False
+        with contextlib.suppress(Lost):
+            until_child_serves(session, pid)
+    finally:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGTERM)
+        ended = reap_child(session, pid)
+        expect(ended in (0, 1), f"exit status {ended} of the daemon")
+    # One that stays names a dead process, and the next start replaces it.
+    if old_or_new(PID_FILE, None, b"%d\n" % pid, "pid file"):
+        expect(not session.strict, "the pid file stays")
+
+
+def until_child_serves(session, pid):
+    deadline = time.monotonic() + HANG
+    while not ready(session.master.listener, select.POLLIN, 0.005):
+        with open(f"/proc/{pid}/stat", encoding="latin-1") as about:
+            if about.read().rpartition(")")[2].split()[0] == "Z":
+                raise Lost("the daemon ended")
+        if time.monotonic() > deadline:
+            raise Finding("it does not connect to its master")
+    session.slave = session.master.accept()
+    session.ask(request("fileexists", "/"))
+
+
+@contextlib.contextmanager
+def held_port():
+    """Somebody else listens on the port."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as holder:
+        holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        holder.bind(("0.0.0.0", 5111))
+        holder.listen()
+        yield
+
+
+def ladder(session, spawn):
+    """The port is taken for good: 35 failures later the device is rebooted."""
+    with held_port():
+        spawn()
+        status = session.wait_end("the ladder")
+    expect(status in (0, 1), f"exit status {status}")
+    shared = session.state.shared
+    if status == 0 and session.strict:
+        expect(shared.reboots == 1 and shared.restart_reboots == 1, "it does not reboot")
+        expect(shared.popens == 1 and shared.systems == 1, "the process list is shown once")
+    expect(shared.popens <= 1 and shared.systems <= 1, "the process list is shown again")
+
+
+LIVES = (
+    Life("foreground", foreground), Life("named_master", foreground), Life("restarted", restarted),
+    Life("rebooted", rebooted),
+    Life("launcher", background, 0), Life("background", background, 1), Life("ladder", ladder))
+
+# Of the lives, where not the defaults are meant.
+ARGUMENTS = {"named_master": ("-i", "localhost", "-v", "-v", "-v")}

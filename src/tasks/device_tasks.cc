@@ -49,8 +49,8 @@ SlaveTask* ByteCountSlave::runRestart(const SlaveTask& /*task*/) {
 }
 
 SlaveTask* ByteCountSlave::runUpdateUmState(const SlaveTask& task) {
-  std::ostringstream state;
-  state << task.args()[2];
+  // Not by <<, which keeps it to itself when there is no memory for all.
+  const std::ostringstream state(task.args()[2], std::ios_base::ate);
   return makeReply(proxy_->updateUmState(task.args()[1], state));
 }
 

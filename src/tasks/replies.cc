@@ -13,6 +13,16 @@
 #include "connections/byte_count_slave.h"
 
 namespace zell {
+namespace {
+
+// A text put together piece by piece. Left to itself, a stream that gets no memory keeps what it
+// has so far, and a part of the text would be sent as the whole; this one passes the exception on.
+class PiecedText : public std::ostringstream {
+ public:
+  PiecedText() { exceptions(std::ios_base::badbit); }
+};
+
+}  // namespace
 
 SlaveTask* ByteCountSlave::makeReply(std::string text) {
   return new SlaveTask(std::move(text), proxy_.get());
@@ -24,19 +34,19 @@ SlaveTask* ByteCountSlave::makeReply(bool /*done*/) {
 }
 
 SlaveTask* ByteCountSlave::makeReply(const struct stat& st) {
-  std::ostringstream text;
+  PiecedText text;
   printStat(text, st);
   return makeReply(text.str());
 }
 
 SlaveTask* ByteCountSlave::makeReply(const Args& list) {
-  std::ostringstream text;
+  PiecedText text;
   printStringVec(text, "StringVec", list);
   return makeReply(text.str());
 }
 
 SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
-  std::ostringstream text;
+  PiecedText text;
   if (walker != nullptr) {
     walker->print(text);
   }

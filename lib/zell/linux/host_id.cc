@@ -24,7 +24,9 @@ std::string readHostId() {
   std::string content;
   if (readWholeFile("/etc/machine-id", kLongestId, content) == 0) {
     std::string word;
-    if (std::istringstream(content) >> word) {
+    std::istringstream in(content);
+    in.exceptions(std::ios_base::badbit);  // want of memory must not give another id
+    if (in >> word) {
       return word;
     }
   }

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+// Each allocation of the agent server's work fails: once, or with all that follow. An exception may
+// pass; an answer that is sent is the right one, nothing is lost of the memory, and afterwards the
+// same work is done as if nothing had been.
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "unit/agent/agent_case.h"
+#include "verify/unit/failing_new.h"
+
+namespace zell::test {
+namespace {
+
+constexpr long kAllThatFollow = 1L << 40;
+
+class AllocationFailureTest : public AgentCase {
+ protected:
+  AllocationFailureTest() {
+    device.files["/file"] = std::string(3000, 'x');
+    device.folders["/folder"] = {std::string(300, 'a'), std::string(300, 'b')};
+    device.tree = std::string(3000, 't');
+  }
+
+  using Scenario = std::function<void(TestRunel& server)>;
+
+  // Runs @p scenario on a server of its own; an exception ends it, as it would end the daemon.
+  static void live(const Scenario& scenario) {
+    try {
+      TestRunel server("192.0.2.1", false, 0);
+      scenario(server);
+    } catch (const std::bad_alloc&) {
+    }
+  }
+
+  // The allocations of a run in which none fails, all of whose work is done.
+  static long countIn(const Scenario& scenario) {
+    live(scenario);  // what is made once stays
+    const FailingNew count(0, 0);
+    live(scenario);
+    return allocationsAsked();
+  }
+
+  void failEach(const Scenario& scenario) {
+    const long all = countIn(scenario);
+    ASSERT_GT(all, 10);
+    for (long first = 1; first <= all && !HasFailure(); ++first) {
+      for (const long times : {1L, kAllThatFollow}) {
+        SCOPED_TRACE("allocation " + std::to_string(first) + ", times " + std::to_string(times));
+        forget();
+        const long before = allocationsAlive();
+        {
+          const FailingNew failing(first, times);
+          live(scenario);
+        }
+        forget();
+        EXPECT_EQ(allocationsAlive(), before);
+      }
+    }
+  }
+
+  // Lets go of what the test's own recorders keep.
+  void forget() {
+    log.clear();
+    std::vector<std::string>().swap(device.calls);
+    std::vector<const SlaveProxy*>().swap(device.ledProxies);
+  }
+};
+
+// Sends @p tasks to the server one by one; each answer that comes is the one that is right.
+void expectRightOrNoAnswers(TestRunel& server, const Peer& peer,
+                            const std::vector<std::vector<std::string>>& tasks,
+                            const std::vector<std::string>& answers) {
+  for (std::size_t i = 0; i < tasks.size(); ++i) {
+    server.read(peer, request(tasks[i]));
+    const std::string got = peer.received();
+    EXPECT_TRUE(got.empty() || got == answers[i]) << tasks[i][0] << ": " << got;
+  }
+}
+
+TEST_F(AllocationFailureTest, AnswersOfTasksAreRightOrNotSent) {
+  const std::vector<std::vector<std::string>> tasks = {
+      {"read", "/file"}, {"readdir", "/folder"}, {"walktree", "/"}, {"hostid"}, {"stat", "/file"}};
+  std::vector<std::string> answers;
+  {
+    TestRunel server("192.0.2.1", false, 0);
+    const Peer peer = server.accept();
+    for (const auto& task : tasks) {
+      server.read(peer, request(task));
+      answers.push_back(peer.received());
+      ASSERT_FALSE(answers.back().empty());
+    }
+  }
+  failEach([&](TestRunel& server) {
+    const Peer peer = server.accept();
+    expectRightOrNoAnswers(server, peer, tasks, answers);
+  });
+}
+
+TEST_F(AllocationFailureTest, WhatIsStoredIsWhole) {
+  const std::string content(3000, 'n');
+  int stored = 0;
+  device.onCall = [&](const std::string& call) {
+    const bool stores = call.rfind("writeFile", 0) == 0 || call.rfind("appendFile", 0) == 0 ||
+                        call.rfind("updateUmState", 0) == 0;
+    stored += stores ? 1 : 0;
+    EXPECT_TRUE(!stores || call.substr(call.size() - content.size()) == content) << call;
+  };
+  failEach([&](TestRunel& server) {
+    const Peer peer = server.accept();
+    server.read(peer, request({"write", "/a", content}));
+    server.read(peer, request({"append", "/b", content}));
+    server.read(peer, request({"updateumstate", "key", content}));
+  });
+  EXPECT_GT(stored, 100);
+  device.onCall = nullptr;
+}
+
+// The bridge must never keep a partner that is gone.
+TEST_F(AllocationFailureTest, RelayedClausesAreWhole) {
+  failEach([](TestRunel& server) {
+    const Peer master = server.connect();
+    const Peer first = server.accept();
+    server.read(first, "<first>" + std::string(100, 'x') + "</first>");
+    const Peer bridge = server.connect();
+    const Peer agent = server.accept();
+    server.read(agent, "<second/>");
+    server.read(bridge, "<third/>");
+    server.read(agent, "<fourth/>");
+    server.handle_loop();
+    (void)server.drop_socket(agent.socket());
+    const std::string got = agent.received();
+    EXPECT_TRUE(got.empty() || got == "<third/>\r\n") << got;
+  });
+}
+
+}  // namespace
+}  // namespace zell::test

@@ -7,6 +7,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <zell/device_type.h>
@@ -62,6 +63,11 @@ class SlaveProxy {
   virtual bool writeFile(const std::string& path, const std::ostringstream& data) = 0;
   /// Adds to the end of @p path all of @p data or nothing, durably, before it returns.
   virtual bool appendFile(const std::string& path, const std::ostringstream& data) = 0;
+  /// The same three without a stream, which would hold a copy of its own of a large file. @p
+  /// content is left alone on failure.
+  virtual bool readFile(const std::string& path, std::string& content) = 0;
+  virtual bool writeFile(const std::string& path, std::string_view data) = 0;
+  virtual bool appendFile(const std::string& path, std::string_view data) = 0;
   /// Whether a process called @p name runs: its comm, its argv[0] or that one's last component.
   virtual bool processRunning(const std::string& name) = 0;
   /// Writes out what is cached and reboots. Returns only when that failed, or before it happened.

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <zell/slave_proxy.h>
@@ -32,6 +33,9 @@ class SlaveProxyLocal : public SlaveProxy {
   bool readFile(const std::string& path, std::istringstream& content) override;
   bool writeFile(const std::string& path, const std::ostringstream& data) override;
   bool appendFile(const std::string& path, const std::ostringstream& data) override;
+  bool readFile(const std::string& path, std::string& content) override;
+  bool writeFile(const std::string& path, std::string_view data) override;
+  bool appendFile(const std::string& path, std::string_view data) override;
   bool processRunning(const std::string& name) override;
   bool reboot() override;
   FileTreeWalker* walkTree(const std::string& path) override;

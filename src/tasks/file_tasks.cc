@@ -2,10 +2,10 @@
 // Tasks that look at files and change them. Whether the operation succeeded is told by the status
 // that the reply takes from the proxy: a record or number is formatted also after a failure.
 #include <sstream>
+#include <utility>
 
 #include <sys/stat.h>
 
-#include "base/stream_view.h"
 #include "connections/byte_count_slave.h"
 
 namespace zell {
@@ -19,12 +19,6 @@ unsigned toUnsigned(const std::string& text) {
   return value;
 }
 
-// A stream that @p bytes were written to, with one copy of them: written to an empty stream, a
-// large file would be copied anew each time the stream grows.
-std::ostringstream streamOf(const std::string& bytes) {
-  return std::ostringstream(bytes, std::ios_base::ate);
-}
-
 }  // namespace
 
 SlaveTask* ByteCountSlave::runAccess(const SlaveTask& task) {
@@ -32,8 +26,7 @@ SlaveTask* ByteCountSlave::runAccess(const SlaveTask& task) {
 }
 
 SlaveTask* ByteCountSlave::runAppend(const SlaveTask& task) {
-  const std::ostringstream data = streamOf(task.args()[2]);
-  return makeReply(proxy_->appendFile(task.args()[1], data));
+  return makeReply(proxy_->appendFile(task.args()[1], task.args()[2]));
 }
 
 SlaveTask* ByteCountSlave::runChmodx(const SlaveTask& task) {
@@ -57,9 +50,9 @@ SlaveTask* ByteCountSlave::runLstat(const SlaveTask& task) {
 }
 
 SlaveTask* ByteCountSlave::runRead(const SlaveTask& task) {
-  std::istringstream content;
+  std::string content;
   (void)proxy_->readFile(task.args()[1], content);
-  return makeReply(std::string(viewOf(content)));
+  return makeReply(std::move(content));
 }
 
 SlaveTask* ByteCountSlave::runReadDir(const SlaveTask& task) {
@@ -91,8 +84,7 @@ SlaveTask* ByteCountSlave::runWalkTree(const SlaveTask& task) {
 }
 
 SlaveTask* ByteCountSlave::runWrite(const SlaveTask& task) {
-  const std::ostringstream data = streamOf(task.args()[2]);
-  return makeReply(proxy_->writeFile(task.args()[1], data));
+  return makeReply(proxy_->writeFile(task.args()[1], task.args()[2]));
 }
 
 }  // namespace zell

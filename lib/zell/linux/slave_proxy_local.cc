@@ -109,19 +109,36 @@ bool SlaveProxyLocal::readDir(const std::string& path, std::vector<std::string>&
 
 bool SlaveProxyLocal::readFile(const std::string& path, std::istringstream& content) {
   std::string text;
+  const bool done = readFile(path, text);
+  if (done) {
+    content.str(text);
+  }
+  return done;
+}
+
+bool SlaveProxyLocal::writeFile(const std::string& path, const std::ostringstream& data) {
+  return writeFile(path, viewOf(data));
+}
+
+bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstream& data) {
+  return appendFile(path, viewOf(data));
+}
+
+bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
+  std::string text;
   const int error = readWholeFile(path, kMaxReplyText, text);
   if (error == 0) {
-    content.str(text);
+    content = std::move(text);
   }
   return finish(error);
 }
 
-bool SlaveProxyLocal::writeFile(const std::string& path, const std::ostringstream& data) {
-  return finish(replaceFile(path, viewOf(data)));
+bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
+  return finish(replaceFile(path, data));
 }
 
-bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstream& data) {
-  return finish(appendToFile(path, viewOf(data)));
+bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
+  return finish(appendToFile(path, data));
 }
 
 bool SlaveProxyLocal::processRunning(const std::string& name) {

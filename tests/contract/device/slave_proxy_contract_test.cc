@@ -78,6 +78,25 @@ TEST_F(SlaveProxyContract, ReadsNothingOfAMissingFile) {
   EXPECT_EQ(fields(*proxy_), kNoSuchFile);
 }
 
+TEST_F(SlaveProxyContract, DoesTheSameWithoutAStream) {
+  EXPECT_TRUE(proxy_->writeFile(room::file("a"), std::string_view("x\0y", 3)));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_TRUE(proxy_->appendFile(room::file("a"), "z"));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  std::string content("as it was");
+  EXPECT_TRUE(proxy_->readFile(room::file("a"), content));
+  EXPECT_EQ(fields(*proxy_), kSuccess);
+  EXPECT_EQ(content, std::string("x\0yz", 4));
+  EXPECT_EQ(content, read(room::file("a")));
+}
+
+TEST_F(SlaveProxyContract, LeavesAStringAloneWhenThereIsNothingToRead) {
+  std::string content("as it was");
+  EXPECT_FALSE(proxy_->readFile(room::file("none"), content));
+  EXPECT_EQ(content, "as it was");
+  EXPECT_EQ(fields(*proxy_), kNoSuchFile);
+}
+
 TEST_F(SlaveProxyContract, FindsAFileThatIsThere) {
   (void)proxy_->writeFile(room::file("a"), streamOf("12345"));
   struct stat st {};

@@ -149,28 +149,45 @@ bool SlaveProxyLocal::readDir(const std::string& path, std::vector<std::string>&
 }
 
 bool SlaveProxyLocal::readFile(const std::string& path, std::istringstream& content) {
-  programs().record("readFile " + path);
-  const int error = errorOn("readFile", path);
-  if (error == 0) {
-    content.str(device().files[path]);
+  std::string text;
+  const bool done = readFile(path, text);
+  if (done) {
+    content.str(text);
   }
-  return finish(error);
+  return done;
 }
 
 bool SlaveProxyLocal::writeFile(const std::string& path, const std::ostringstream& data) {
-  programs().record("writeFile " + path + " " + data.str());
-  const int error = ProgramRunner::errorOf("writeFile");
+  return writeFile(path, data.str());
+}
+
+bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstream& data) {
+  return appendFile(path, data.str());
+}
+
+bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
+  programs().record("readFile " + path);
+  const int error = errorOn("readFile", path);
   if (error == 0) {
-    device().files[path] = data.str();
+    content = device().files[path];
   }
   return finish(error);
 }
 
-bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstream& data) {
-  programs().record("appendFile " + path + " " + data.str());
+bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
+  programs().record("writeFile " + path + " " + std::string(data));
+  const int error = ProgramRunner::errorOf("writeFile");
+  if (error == 0) {
+    device().files[path] = data;
+  }
+  return finish(error);
+}
+
+bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
+  programs().record("appendFile " + path + " " + std::string(data));
   const int error = ProgramRunner::errorOf("appendFile");
   if (error == 0) {
-    device().files[path] += data.str();
+    device().files[path] += data;
   }
   return finish(error);
 }

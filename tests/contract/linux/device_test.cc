@@ -16,6 +16,7 @@
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/spied_calls.h"
 #include "fakes/system/fake_system.h"
+#include "support/temp_dir.h"
 
 namespace zell::test {
 namespace {
@@ -40,7 +41,8 @@ class DeviceTest : public ProxyTest {
   }
 };
 
-/// A sleeping process with the given argv[0].
+/// A sleeping process with the given argv[0], which can be seen: a spawn is over a moment before
+/// the kernel shows the new program's arguments.
 class Sleeper {
  public:
   explicit Sleeper(const std::string& argument) {
@@ -48,6 +50,8 @@ class Sleeper {
     std::string time = "1000";
     char* argv[] = {name.data(), time.data(), nullptr};
     EXPECT_EQ(posix_spawn(&pid_, "/bin/sleep", nullptr, nullptr, argv, environ), 0);
+    const std::string shown = "/proc/" + std::to_string(pid_) + "/cmdline";
+    EXPECT_TRUE(becomesTrue([&] { return !contentOf(shown).empty(); }));
   }
   ~Sleeper() {
     kill(pid_, SIGKILL);

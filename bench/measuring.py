@@ -22,7 +22,7 @@ class Row:
     limit: Optional[float] = None  # of the judged figure; a rate must reach it, all else stay below
     judge: str = "ratio"           # what is judged: "ratio" or "value"
     is_memory: bool = False
-    curve: Optional[dict] = None   # of a growth: (size, seconds) pairs, by server
+    curve: Optional[dict] = None   # of a growth: pairs of size and figure, by server
 
     @property
     def is_rate(self):
@@ -65,7 +65,7 @@ class Bench:
 
     def __init__(self, bin_folder, folder, short):
         self.bin, self.folder, self.short = bin_folder, folder, short
-        self.repetitions = 1 if short else 7
+        self.repetitions = 1 if short else 5
 
     def amount(self, full, short):
         return short if self.short else full

@@ -12,7 +12,7 @@ def available(bench):
 
 def run(bench):
     """One dict for each part and size."""
-    seconds = bench.amount(0.5, 0.001)
+    seconds = bench.amount(0.2, 0.001)
     output = subprocess.run([bench.bin / "bench_micro", "--benchmark_format=json",
                              f"--benchmark_min_time={seconds}"],
                             check=True, capture_output=True, text=True, timeout=300).stdout

@@ -4,6 +4,7 @@ import statistics
 import subprocess
 import time
 
+import scale
 import servers
 from measuring import Bench, Row, exponent, row
 
@@ -26,7 +27,7 @@ def text_of(size):
     return (line * (size // len(line) + 1))[:size]
 
 
-def small_requests(bench, load, count, peer_load=None):
+def small_requests(bench, load, count, repetitions=None):
     """Runs "fileexists" requests; @p load says on which connections."""
     request = bench.file("exists.request", record(b"fileexists", b"/etc/hosts"))
 
@@ -34,15 +35,14 @@ def small_requests(bench, load, count, peer_load=None):
         return bench.load("rounds", server, request=request, count=count, **MASTER, **load)
 
     def drive_redis(server):
-        options = {"port": server.port, "reply": 4, **load, **(peer_load or {})}
-        options["port"] = server.port
-        return bench.load("rounds", server, request=redis_request, count=count, **options)
+        return bench.load("rounds", server, request=redis_request, count=count, reply=4,
+                          **{**load, "port": server.port})
 
     loads = {"runeld": (bench.daemon, drive), "floor": (lambda: bench.floor("tasks"), drive)}
     for redis in bench.peer(servers.Redis):
         redis_request = bench.file("redis.request", b"*2\r\n$6\r\nEXISTS\r\n$5\r\nhosts\r\n")
         loads["redis"] = (lambda redis=redis: redis, drive_redis)
-    return bench.in_turn(loads)
+    return bench.in_turn(loads, repetitions)
 
 
 def one_at_a_time(bench: Bench):
@@ -319,7 +319,12 @@ def memory(bench: Bench):
     return rows
 
 
+def many_devices(bench: Bench):
+    return [*scale.beside_more_and_more(bench, small_requests, CLIENT),
+            scale.many_connections(bench), scale.without_master(bench)]
+
+
 WORKLOADS = {"W1": one_at_a_time, "W2": pipelined, "W3": fifty_connections,
              "W4": beside_idle_ones, "W5": write_64, "W6": read_64, "W7": write_256,
              "W8": programs, "W9": large_frames, "W10": one_clause, "W11": clause_stream,
-             "W12": folders, "W13": life, "MEMORY": memory}
+             "W12": folders, "W13": life, "MEMORY": memory, "SCALE": many_devices}

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <vector>
 
 #include <netinet/in.h>
@@ -182,13 +181,14 @@ void waitUntilRead(int fd, int port) {
 }
 
 std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  content << file.rdbuf();
+  std::ifstream file(path, std::ios::binary | std::ios::ate);
+  std::string content(static_cast<std::size_t>(std::max<std::streamoff>(file.tellg(), 0)), '\0');
+  file.seekg(0);
+  file.read(content.data(), static_cast<std::streamsize>(content.size()));
   if (!file) {
     fail("cannot read " + path);
   }
-  return content.str();
+  return content;
 }
 
 }  // namespace zell::bench

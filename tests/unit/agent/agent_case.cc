@@ -31,6 +31,10 @@ Peer::Seen Peer::look() const {
   return seen;
 }
 
+void Peer::say(const std::string& bytes) const {
+  (void)send(far_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
 TestRunel::~TestRunel() {
   for (const auto& [socket, connection] : m_connections) {
     (void)close(socket);

@@ -38,6 +38,8 @@ class Peer {
   };
   [[nodiscard]] Seen look() const;
   [[nodiscard]] std::string received() const { return look().bytes; }
+  /// The other end says @p bytes, without waiting for room.
+  void say(const std::string& bytes) const;
   /// What had come before is lost.
   [[nodiscard]] bool ended() const { return look().ended; }
 

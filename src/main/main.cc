@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program: reads the command line, runs the agent server, logs how it ended.
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
@@ -7,6 +8,8 @@
 #include <typeinfo>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <resolv.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -38,7 +41,18 @@ void restoreChildSignal() {
   (void)signal(SIGCHLD, SIG_DFL);
 }
 
+// libc makes its resolver's state at the first lookup. If it gets no memory for it then, it keeps a
+// lock, and the next lookup waits for ever; so it is made now, or the daemon does not start.
+bool prepareResolver() {
+  errno = 0;
+  return res_init() == 0 || errno != ENOMEM;
+}
+
 int runServer(const Options& options) {
+  if (!prepareResolver()) {
+    logLine(LOG_ERR, "cannot prepare name lookups: %m");
+    return EXIT_FAILURE;
+  }
   try {
     Runel server(options.address, options.daemon, options.verbose);
     return server.run();

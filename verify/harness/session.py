@@ -22,7 +22,7 @@ SHORT_PATIENCE = 0.3
 UNANSWERED = 0.05
 
 # What libc says from then on when the resolver could not get memory for its modules once.
-NO_RESOLVER = r"resolve_master: cannot resolve name, localhost, -1 .*"
+NO_RESOLVER = r"resolve_master: cannot resolve name, \S+, -1 .*"
 
 
 class Finding(AssertionError):

@@ -51,6 +51,9 @@ class Job(collections.namedtuple("Job", "scenario role failures")):
     def log_is_lost(self, state):
         return "sendto" in self.hits(state)
 
+    def deaths_of_libc(self):
+        return ()
+
     def may_leak(self, state):
         return not LEAKS_OF_LIBC.isdisjoint(self.hits(state))
 

@@ -56,6 +56,7 @@ class Session:
         self.strict = True
         self.deviations = []
         self.failed_replies = 0
+        self.deaths_of_libc = ()  # statuses that libc may end the daemon with in its first lookup
         self.starts = 0
 
     def path(self, name):

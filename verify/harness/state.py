@@ -128,6 +128,26 @@ class State:
         """Those of the failures that `arm` was given that have happened."""
         return [failure for plan, failure in zip(self.shared.plans, failures) if plan.hits]
 
+    def trace(self, pausing=False):
+        """From here on writes down the calls that change files, and stops before each if asked to."""
+        shared = self.shared
+        shared.trace_used = shared.stopped = shared.resumed = 0
+        shared.pausing, shared.tracing = int(pausing), 1
+
+    def end_trace(self):
+        self.shared.pausing = self.shared.tracing = 0
+
+    def records(self):
+        """What was traced, as (name, arguments, result, first bytes, second bytes)."""
+        data = bytes(self.shared.trace[:self.shared.trace_used])
+        at = 0
+        while at < len(data):
+            call, _, *arguments, result, first, second = struct.unpack_from("<II4qqQQ", data, at)
+            at += struct.calcsize("<II4qqQQ")
+            yield (NAMES[call], arguments, result, data[at:at + first],
+                   data[at + first:at + first + second])
+            at += (first + second + 7) & ~7
+
     def counts(self):
         """How often each kind of call was made since `arm`, by name."""
         return {NAMES.get(number, f"call {number}"): count

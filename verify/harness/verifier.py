@@ -2,7 +2,7 @@
 """Runs scenarios in which something fails, and checks what must hold whatever it was.
 
 A job says what is to fail: `scenario`, `role`, `arm(state)`, and about a run that is over `hits(state)`
-by kind, `may_be_silent`, `log_is_lost` and `may_leak`.
+by kind, `may_be_silent`, `log_is_lost`, `may_leak` and `deaths_of_libc`.
 """
 import collections
 import contextlib
@@ -111,6 +111,7 @@ class Verifier:
     def run_life(self, job):
         session = self.session
         session.strict = False
+        session.deaths_of_libc = job.deaths_of_libc()
         self.log.forget()
         self.live(self.lives[job.scenario], job)
         self.count(job)

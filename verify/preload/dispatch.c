@@ -244,7 +244,8 @@ static void on_call(int number, siginfo_t* info, void* memory) {
   } else {
     const long a[] = {registers[REG_RDI], registers[REG_RSI], registers[REG_RDX],
                       registers[REG_R10], registers[REG_R8],  registers[REG_R9]};
-    const int traced = state->tracing && verify_is_traced(call, a);
+    const int traced = state->tracing && verify_is_traced(call) &&
+                       verify_process() == &state->processes[state->role];
     if (traced) {
       verify_before_traced(state);
     }

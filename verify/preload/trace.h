@@ -5,7 +5,7 @@
 
 #include "state.h"
 
-int verify_is_traced(long call, const long* arguments);
+int verify_is_traced(long call);
 void verify_before_traced(struct State* state);
 void verify_trace(struct State* state, long call, const long* arguments, long result);
 

@@ -1,0 +1,27 @@
+# Preloaded into the daemon under test. They know the kernel's calling convention and so exist for
+# one architecture.
+add_library(verify_dispatch MODULE
+  preload/dispatch.c preload/library_calls.c preload/state.c preload/trace.c)
+add_library(verify_allocations MODULE preload/allocations.c preload/state.c)
+foreach(library verify_dispatch verify_allocations)
+  target_compile_options(${library} PRIVATE -Wall -Wextra -Wshadow -fno-stack-protector -fvisibility=hidden
+    $<$<BOOL:${RUNELD_WERROR}>:-Werror>)
+  set_target_properties(${library} PROPERTIES
+    PREFIX "" LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/verify")
+  target_link_libraries(${library} PRIVATE ${CMAKE_DL_LIBS})
+endforeach()
+
+# The short form of a command, in a world of its own.
+function(runeld_verify name timeout)
+  add_test(NAME verify_${name}
+    COMMAND "${PROJECT_SOURCE_DIR}/scripts/world" --no-log "${Python3_EXECUTABLE}" -B -m ${name} ${ARGN}
+    WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}")
+  set_tests_properties(verify_${name} PROPERTIES
+    TIMEOUT ${timeout}
+    LABELS verify
+    ENVIRONMENT "RUNELD_BIN=$<TARGET_FILE:runeld>;VERIFY_LIBRARIES=${CMAKE_BINARY_DIR}/verify;PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/e2e:${CMAKE_CURRENT_SOURCE_DIR}")
+endfunction()
+
+runeld_verify(faults 600)
+runeld_verify(allocations 600)
+runeld_verify(power_cuts 600)

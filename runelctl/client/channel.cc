@@ -52,6 +52,7 @@ Channel::~Channel() {
 void Channel::send(std::string payload) {
   std::string head = frameHead(payload.size());
   queued_ += head.size() + payload.size();
+  everQueued_ += head.size() + payload.size();
   if (!out_.empty() && out_.size() > 1 && out_.back().size() + payload.size() < kShared) {
     out_.back() += head;
     out_.back() += payload;

@@ -4,6 +4,7 @@
 #define ZELL_RUNELCTL_CLIENT_CHANNEL_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -40,6 +41,9 @@ class Channel {
   /// Bytes queued that have not gone out.
   [[nodiscard]] std::size_t queued() const { return queued_; }
 
+  /// Bytes that were ever queued, for whoever wants to know what of them has gone out.
+  [[nodiscard]] std::uint64_t everQueued() const { return everQueued_; }
+
   /// A message longer than @p bytes ends the connection.
   void limitMessages(std::size_t bytes) { limit_ = bytes; }
   /// Stops and goes on reading, so that a fast peer waits for a slow one.
@@ -64,6 +68,7 @@ class Channel {
   std::deque<std::string> out_;
   std::size_t sent_ = 0;  // bytes of out_.front() that have gone out
   std::size_t queued_ = 0;
+  std::uint64_t everQueued_ = 0;
   std::size_t coming_ = 0;  // bytes that came since the last whole message
   std::size_t limit_ = kMaxFramePayload;
   std::string in_;

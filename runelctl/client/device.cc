@@ -35,8 +35,16 @@ void Device::askRaw(std::string payload, const Request& like, ReplyHandler handl
     return;
   }
   pending_.push_back({std::move(handler), like.replyLimit, like.extraPatience, like.answered});
+  if (disorder_) {
+    loop_.next([this, alive = std::weak_ptr<bool>(alive_)] {
+      if (!alive.expired() && disorder_) {
+        close(*std::exchange(disorder_, std::nullopt));
+      }
+    });
+    return;
+  }
   if (channel_) {
-    channel_->send(std::move(payload));
+    send(pending_.back(), std::move(payload));
   } else {
     early_.push_back(std::move(payload));
     connect();
@@ -68,9 +76,9 @@ void Device::connected(UniqueFd socket) {
   channel_ = std::make_unique<Channel>(
       loop_, std::move(socket),
       Channel::Handlers{[this](std::string&& payload) { take(std::move(payload)); },
-                        [this](const Error& error) { close(error); }, [this] { progress(); }});
-  while (!early_.empty()) {
-    channel_->send(std::move(early_.front()));
+                        [this](const Error& error) { ended(error); }, [this] { progress(); }});
+  for (Pending& pending : pending_) {
+    send(pending, std::move(early_.front()));
     early_.pop_front();
   }
   expectFront();
@@ -85,9 +93,27 @@ void Device::expectFront() {
   }
 }
 
+// What an idle device says wrong is told to the next request.
+void Device::ended(const Error& error) {
+  if (pending_.empty() && error.fault == Fault::protocol) {
+    disorder_ = error;
+  }
+  close(error);
+}
+
+void Device::send(Pending& pending, std::string&& payload) {
+  channel_->send(std::move(payload));
+  pending.end = channel_->everQueued();
+}
+
+// An answer to a request that has not gone out belongs to none.
+bool Device::frontIsOut() const {
+  return !pending_.empty() && pending_.front().end + channel_->queued() <= channel_->everQueued();
+}
+
 void Device::take(std::string&& payload) {
-  if (pending_.empty()) {
-    close({Fault::protocol, "an answer that nobody asked for", "", 0});
+  if (!frontIsOut()) {
+    ended({Fault::protocol, "an answer that nobody asked for", "", 0});
     return;
   }
   if (tap_) {

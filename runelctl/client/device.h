@@ -4,9 +4,11 @@
 #define ZELL_RUNELCTL_CLIENT_DEVICE_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "client/address.h"
@@ -67,10 +69,14 @@ class Device {
     std::size_t replyLimit;
     std::optional<Milliseconds> extraPatience;
     bool answered;
+    std::uint64_t end = 0;  ///< where its frame ends in all that was queued
   };
 
   void connect();
   void connected(UniqueFd socket);
+  void ended(const Error& error);
+  void send(Pending& pending, std::string&& payload);
+  [[nodiscard]] bool frontIsOut() const;
   void take(std::string&& payload);
   void answer(Reply reply);
   void progress();
@@ -86,6 +92,7 @@ class Device {
   std::unique_ptr<Channel> channel_;
   std::deque<std::string> early_;  // payloads that wait for the connection
   std::deque<Pending> pending_;
+  std::optional<Error> disorder_;  // what an idle device did that it must not
   Clock::time_point lastProgress_;
   Loop::Timer silence_;
   DryRun dryRun_;

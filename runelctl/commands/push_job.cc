@@ -34,7 +34,6 @@ void PushJob::place(const Reply& reply) {
   const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
   const bool folder = (st && st->isFolder()) || (root_.size() > 1 && root_.back() == '/');
   const bool into = !plan_->sync && (folder || plan_->sources.size() > 1);
-  rootIsThere_ = st.has_value();
   for (const std::string& left : plan_->left) {
     report().warn(left + ": left out, neither file, folder nor link");
   }
@@ -48,7 +47,7 @@ void PushJob::place(const Reply& reply) {
   if (plan_->sync) {
     lookAtTree();
   } else {
-    makeFolders();
+    lookAtFolders();
   }
 }
 
@@ -69,6 +68,24 @@ void PushJob::plan(const std::string& base, const LocalSource& source) {
   }
 }
 
+// Nothing can be in the way in a folder that is not there yet.
+void PushJob::lookAtFolders() {
+  const auto source = [this, at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {
+    if (at == folders_.size()) {
+      return std::nullopt;
+    }
+    const Item& item = folders_[at++];
+    return Pipeline::Item{request({"fileexists", item.target}), 0,
+                          [this, &item](const Reply& reply) {
+                            if (!reply.ok()) {
+                              newFolders_.insert(item.target);
+                            }
+                            return alive(reply);
+                          }};
+  };
+  pipe(source, [this] { makeFolders(); });
+}
+
 void PushJob::makeFolders() {
   ProgramRuns run{{"mkdir", "-p", "--"}, {}};
   for (const Item& item : folders_) {
@@ -82,11 +99,10 @@ void PushJob::lookAtTargets() {
   std::vector<Item*> items;
   for (Items* list : {&small_, &big_}) {
     for (Item& item : *list) {
-      items.push_back(&item);
+      if (newFolders_.count(folderOf(item.target)) == 0) {
+        items.push_back(&item);
+      }
     }
-  }
-  if (!rootIsThere_) {
-    items.clear();
   }
   const auto source = [this, items,
                        at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +53,7 @@ class PushJob : public TransferJob {
   // push_job.cc: the stages in their order.
   void place(const Reply& reply);
   void plan(const std::string& base, const LocalSource& source);
+  void lookAtFolders();
   void makeFolders();
   void lookAtTargets();
   void sendSmallFiles();
@@ -98,7 +100,7 @@ class PushJob : public TransferJob {
 
   const std::shared_ptr<const PushPlan> plan_;
   std::string root_;
-  bool rootIsThere_ = false;
+  std::set<std::string> newFolders_;
   Items folders_, links_, small_, big_;
   Items modeOnly_;                   // their content is right
   std::vector<std::string> others_;  // there, but not here

@@ -81,7 +81,7 @@ void PushJob::removeOthers() {
   for (const std::string& path : others_) {
     run.names.push_back(joinPath(root_, path));
   }
-  runPrograms({run}, "not removed", [this] { makeFolders(); });
+  runPrograms({run}, "not removed", [this] { lookAtFolders(); });
 }
 
 }  // namespace zell::ctl

@@ -115,7 +115,7 @@ class RestartJob : public Job {
 
   void late(const std::string& what, double limit) {
     char text[64];
-    std::snprintf(text, sizeof text, " within %.0f s", limit);
+    std::snprintf(text, sizeof text, " within %g s", limit);
     fail({Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
   }
 

@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: Apache-2.0
+// What goes over the wire and comes back: checksums, archives, the texts of tasks.
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "client/peer_guess.h"
+#include "client/records.h"
+#include "client/request.h"
+#include "client/sha256.h"
+#include "commands/archive.h"
+#include "commands/push_job.h"
+#include "support/temp_dir.h"
+
+namespace zell::ctl {
+namespace {
+
+std::string sha256(const std::string& text) {
+  Sha256 hash;
+  hash.add(text);
+  return hash.finish();
+}
+
+TEST(Sha256Test, GivesThePublishedSums) {
+  EXPECT_EQ(sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(sha256("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
+            "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+  EXPECT_EQ(sha256(std::string(1000000, 'a')),
+            "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+TEST(Sha256Test, DoesNotCareHowTheTextIsCut) {
+  std::string text(1000, '\0');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    text[i] = static_cast<char>(i * 7);
+  }
+  for (std::size_t cut = 1; cut < 200; ++cut) {
+    Sha256 hash;
+    for (std::size_t at = 0; at < text.size(); at += cut) {
+      hash.add(text.substr(at, cut));
+    }
+    ASSERT_EQ(hash.finish(), sha256(text)) << cut;
+  }
+}
+
+// What the tar of this host reads out of an archive.
+std::string listed(const std::string& archive) {
+  const test::TempDir folder;
+  const std::string path = folder.path() + "/a";
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
+  std::fwrite(archive.data(), 1, archive.size(), file.get());
+  file.reset();
+  const std::string command = "TZ=UTC tar -tvf " + path + " --numeric-owner --full-time 2>&1";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
+  std::array<char, 4096> text{};
+  return std::string(text.data(), std::fread(text.data(), 1, text.size(), pipe.get()));
+}
+
+TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
+  Archive archive;
+  archive.add("0", {0640, 12, 34, {1600000000, 123456789}}, "content");
+  archive.add("1", {04755, 0, 0, {1, 5}}, "");
+  EXPECT_EQ(listed(archive.finish()),
+            "-rw-r----- 12/34             7 2020-09-13 12:26:40.123456789 0\n"
+            "-rwsr-xr-x 0/0               0 1970-01-01 00:00:01.000000005 1\n");
+}
+
+TEST(ArchiveTest, FillsWholeBlocks) {
+  for (const std::size_t size : {0U, 1U, 511U, 512U, 513U}) {
+    Archive archive;
+    archive.add("0", {0644, 0, 0, {0, 0}}, std::string(size, 'x'));
+    EXPECT_EQ(archive.finish().size() % 512, 0U) << size;
+  }
+}
+
+TEST(RecordsTest, WalkedNamesAreReadBackExactly) {
+  const auto tree = parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
+  ASSERT_TRUE(tree);
+  EXPECT_EQ((*tree)[0].path, "a\nb");
+  EXPECT_EQ((*tree)[0].target, "\\x");
+  EXPECT_EQ((*tree)[1].path, "plain name");
+  EXPECT_EQ((*tree)[1].size, 3U);
+}
+
+TEST(RecordsTest, OtherTextsAreRefused) {
+  for (const char* text : {"x", "- 0644 1 2 3 4 \n", "- 0644 1 2 3 4 a", "l 0777 0 0 0 5 a\n",
+                           "- 0644 1 2 3 4 a\\q\n", "- 0644 1 2 3 x a\n"}) {
+    EXPECT_FALSE(parseTree(text)) << text;
+  }
+  for (const char* text : {"", "StringVec", "StringVec 1\n", "StringVec 1\n5:a\n", "StringVec 0\nx",
+                           "StringVec 99999999999999\n"}) {
+    EXPECT_FALSE(parseNames(text)) << text;
+  }
+  EXPECT_FALSE(parseStat("dev=1"));
+}
+
+TEST(RecordsTest, NamesMayHoldAnyByte) {
+  EXPECT_EQ(parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
+}
+
+TEST(RecordsTest, PathsAreTakenApart) {
+  EXPECT_EQ(baseName("/a/b/"), "b");
+  EXPECT_EQ(baseName("/"), "/");
+  EXPECT_EQ(folderOf("/a/b"), "/a");
+  EXPECT_EQ(folderOf("/a"), "/");
+  EXPECT_EQ(folderOf("a"), ".");
+  EXPECT_EQ(joinPath("/a", "b"), "/a/b");
+  EXPECT_EQ(joinPath("/a", "/b"), "/b");
+}
+
+TEST(ChecksumsTest, AreReadAlsoForNamesWithNewlines) {
+  const std::string sum(64, 'a');
+  EXPECT_EQ(parseChecksums(sum + "  x\n\\" + sum + "  a\\nb\n", 2),
+            (std::vector<std::string>{sum, sum}));
+  EXPECT_FALSE(parseChecksums(sum + "  x\n", 2));
+  EXPECT_FALSE(parseChecksums("sha256sum: x: No such file\n", 1));
+}
+
+TEST(ReplyTest, HasTheExitStatusOfAShell) {
+  const auto status = [](SlaveStatus::Type type, WatchProcessState_t state, int result, int error,
+                         int signal) {
+    Reply reply;
+    reply.status = {type, state, result, error, signal};
+    return reply.exitStatus();
+  };
+  using State = WatchProcessState_t;
+  EXPECT_EQ(status(SlaveStatus::success, State::none, 0, 0, 0), 0);
+  EXPECT_EQ(status(SlaveStatus::failure, State::exited, 42, 0, 0), 42);
+  EXPECT_EQ(status(SlaveStatus::failure, State::signalled, -1, 0, 9), 137);
+  EXPECT_EQ(status(SlaveStatus::timeout, State::timedOut, -1, 110, 15), 124);
+  EXPECT_EQ(status(SlaveStatus::failure, State::none, 1, 2, 0), 1);
+}
+
+TEST(ErrorTest, SaysWhereAndWhetherToTryAgain) {
+  const auto about = [](Fault fault) {
+    const Error error{fault, "", "", 0};
+    return std::string(error.where()) + (error.retry() ? " yes" : " no");
+  };
+  EXPECT_EQ(about(Fault::unreachable), "link yes");
+  EXPECT_EQ(about(Fault::lost), "link yes");
+  EXPECT_EQ(about(Fault::protocol), "link no");
+  EXPECT_EQ(about(Fault::task), "device no");
+  EXPECT_EQ(about(Fault::program), "program no");
+  EXPECT_EQ(about(Fault::local), "local no");
+}
+
+TEST(PeerGuessTest, MakesNoneOfAFrame) {
+  EXPECT_EQ(guessPeer("\x01"), "");
+  EXPECT_EQ(guessPeer(" \r\n\x01"), "");
+  EXPECT_EQ(guessPeer("SSH-2.0"), "this is no runeld: it speaks like an SSH server");
+}
+
+}  // namespace
+}  // namespace zell::ctl

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+// What people type: waves, devices and lists of them, raw bytes.
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "client/address.h"
+#include "commands/raw_text.h"
+#include "fleet/waves.h"
+
+namespace zell::ctl {
+namespace {
+
+using Sizes = std::vector<std::size_t>;
+
+Sizes waves(const std::string& text, std::size_t devices) {
+  Sizes sizes;
+  EXPECT_TRUE(parseWaves(text, devices, sizes)) << text;
+  return sizes;
+}
+
+TEST(WavesTest, AddUpToAllDevices) {
+  EXPECT_EQ(waves("1,10%,rest", 200), (Sizes{1, 20, 179}));
+  EXPECT_EQ(waves("", 7), (Sizes{7}));
+  EXPECT_EQ(waves("1,2", 7), (Sizes{1, 2, 4})) << "what is left is one more";
+  EXPECT_EQ(waves("5,5,5", 7), (Sizes{5, 2}));
+  EXPECT_EQ(waves("100%", 7), (Sizes{7}));
+}
+
+TEST(WavesTest, AreOfOneDeviceAtLeast) {
+  EXPECT_EQ(waves("1%,rest", 7), (Sizes{1, 6}));
+}
+
+TEST(WavesTest, RefuseOtherWords) {
+  for (const char* text : {"x", "0", "-1", "101%", "1,,2", "1.5", "10 %", "rest%"}) {
+    Sizes sizes;
+    EXPECT_FALSE(parseWaves(text, 10, sizes)) << text;
+  }
+}
+
+Target target(const std::string& text) {
+  Target parsed;
+  std::string why;
+  EXPECT_TRUE(parseTarget(text, parsed, why)) << why;
+  return parsed;
+}
+
+TEST(TargetTest, HasTheDevicesPortUnlessToldOtherwise) {
+  EXPECT_EQ(target("10.0.0.1").port, 5111);
+  EXPECT_EQ(target("device-1.example:80").port, 80);
+  EXPECT_EQ(target("device-1.example:80").host, "device-1.example");
+}
+
+TEST(TargetTest, WithAnAtIsBehindTheMaster) {
+  EXPECT_EQ(target("@abc").through, "abc");
+  EXPECT_TRUE(target("@abc").behindMaster());
+  EXPECT_FALSE(target("abc").behindMaster());
+}
+
+TEST(TargetTest, RefusesWhatIsNoAddress) {
+  for (const char* text : {"", "@", "a b", "a:", "a:0", "a:65536", "a:1x", ":1", "a/b", "::1"}) {
+    Target parsed;
+    std::string why;
+    EXPECT_FALSE(parseTarget(text, parsed, why)) << text;
+    EXPECT_NE(why, "") << text;
+  }
+}
+
+TEST(TargetListTest, TakesEachOnceAndSkipsBlanks) {
+  std::vector<Target> targets;
+  std::string why;
+  EXPECT_TRUE(parseTargetList("a, b,,a:5111,a:1", targets, why));
+  ASSERT_EQ(targets.size(), 3U);
+  EXPECT_EQ(targets[1].name, "b");
+  EXPECT_FALSE(parseTargetList(" , ", targets, why));
+}
+
+TEST(TargetFileTest, HasNamesAndComments) {
+  std::istringstream lines("# all\n one 10.0.0.1 # first\n\n10.0.0.2:99\r\n");
+  std::vector<Target> targets;
+  std::string why;
+  ASSERT_TRUE(readTargets(lines, targets, why)) << why;
+  ASSERT_EQ(targets.size(), 2U);
+  EXPECT_EQ(targets[0].name, "one");
+  EXPECT_EQ(targets[1].name, "10.0.0.2:99");
+}
+
+TEST(RawTextTest, UndoesItsEscapes) {
+  std::string bytes;
+  EXPECT_TRUE(readRawText("a\\n\\t\\r\\\\\\x00\\xfF", bytes));
+  EXPECT_EQ(bytes, std::string("a\n\t\r\\\0\xff", 7));
+}
+
+TEST(RawTextTest, RefusesOtherBackslashes) {
+  std::string bytes;
+  for (const char* text : {"\\", "\\q", "\\x", "\\x0", "\\xg0"}) {
+    EXPECT_FALSE(readRawText(text, bytes)) << text;
+  }
+}
+
+}  // namespace
+}  // namespace zell::ctl

@@ -1,0 +1,240 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Devices that answer badly, late or never, peers that are none, and devices that go and come."""
+import re
+import socket
+import threading
+import time
+import unittest
+
+from support.ctl import CtlCase, answer_each, hang, reply, say
+from support.wait import PATIENCE
+
+STAT = (b"dev=1 ino=1 mode=%s nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=4096 blocks=8 "
+        b"atime=1.000000000 mtime=1.000000000 ctime=1.000000000\n")
+
+
+class Faults(CtlCase):
+    def fails(self, serve, pattern, *words, status=255):
+        """A run against a peer of that kind ends with one line."""
+        where = self.odd_peer(serve)
+        result = self.ctl("-d", where, *(words or ("hostid",)))
+        self.assertEqual((result.status, len(result.errors)), (status, 1), result)
+        self.assertRegex(result.errors[0], f"^runelctl: {re.escape(where)}: ({pattern})$")
+        return result
+
+
+class BadDevices(Faults):
+    def test_one_that_closes_at_once_or_in_the_middle(self):
+        whole = reply(b"x" * 100)
+        for part in (b"", whole[:1], whole[:3], whole[:40], whole[:-1]):
+            self.fails(say(part), "the device closed the connection")
+
+    def test_one_that_closes_in_the_middle_of_several_answers(self):
+        names = b"StringVec 2\n1:a\n1:b\n"
+        self.fails(say(reply(names), reply(STAT % b"0100644")[:30]),
+                   "the device closed the connection|Connection reset by peer", "ls", "-l", "/")
+
+    def test_garbage_in_place_of_a_record(self):
+        for payload in (b"", b"hello", b"SlaveTask", b"SlaveTask 0 0 0: 0 0 0 0",
+                        b"SlaveTask 0 0 5:abc 0 0 0 0 0"):
+            self.fails(answer_each(b"\x01%d\x02%s" % (len(payload), payload)),
+                       "the answer is no task record")
+
+    def test_garbage_in_place_of_a_frame(self):
+        for stream in (b"\x01x", b"\x01\x02", b"\x01999999999\x02", b"\x0101\x02"):
+            self.fails(answer_each(stream), "bad frame: .*count.*")
+        self.fails(answer_each(reply() + b"\xff"), "bad frame: byte 0xff where a frame must begin",
+                   "ping", "-c", "2", "-i", "0.2")
+
+    def test_too_long_an_answer_is_not_gathered(self):
+        def flood(connected):
+            connected.recv(65536)
+            connected.sendall(b"\x01200000000\x02SlaveTask 0 0 199999000:")
+            while True:
+                connected.sendall(b"x" * 65536)
+
+        self.fails(flood, "the answer is longer than it may be")
+        self.fails(answer_each(reply(b"x" * 70000)), "the answer is longer than it may be")
+
+    def test_an_answer_that_nobody_asked_for(self):
+        for pause in ("0", "0.2"):
+            self.fails(answer_each(reply() + reply()), "an answer that nobody asked for",
+                       "ping", "-c", "2", "-i", pause)
+        self.fails(answer_each(reply(STAT % b"0040755") * 2), "an answer that nobody asked for",
+                   "mv", "/a", "/b")
+
+    def test_an_answer_to_another_request(self):
+        text = r"the answer is in no known form \(device and runelctl may be of different versions\)"
+        for words in (("stat", "/"), ("ls", "/"), ("tree", "/")):
+            self.fails(answer_each(reply(b"something else")), text, *words)
+
+    def test_one_that_never_answers(self):
+        self.fails(hang, r"no answer for 0\.4 s \(it may be busy.*", "--timeout", "0.4", "hostid")
+
+    def test_a_slow_answer_that_goes_on_is_waited_for(self):
+        whole = reply(b"x" * 40)
+
+        def trickle(connected):
+            connected.recv(65536)
+            for place in range(len(whole)):
+                connected.sendall(whole[place:place + 1])
+                time.sleep(0.02)  # far below the limit each, far above it together
+
+        result = self.succeed("-d", self.odd_peer(trickle), "--timeout", "0.6", "read", "/x")
+        self.assertEqual(result.out, b"x" * 40)
+
+    def test_one_that_cannot_be_reached_in_time(self):
+        # Nobody takes the connection: the queue of this listener is full.
+        with socket.socket() as listener:
+            listener.bind(("127.0.0.1", 0))
+            listener.listen(0)
+            where = "127.0.0.1:%d" % listener.getsockname()[1]
+            fill = [self.start("-d", where, "hostid") for _ in range(3)]
+            result = self.ctl("-d", where, "--connect-timeout", "0.5", "hostid", "--timeout", "0.5")
+            self.assertEqual(result.status, 255)
+            self.assertRegex(result.errors[0], "no connection in time|no answer for")
+            self.assertEqual(len(fill), 3)
+
+    def test_the_hex_of_both_frames_survives_any_answer(self):
+        where = self.odd_peer(answer_each(reply(b"\x1b[31m\xff")))
+        status, shown = self.on_terminal("-d", where, "raw", "SlaveTask 1 6:hostid 0 0: 0 0 0 0 0")
+        self.assertEqual(status, 0)
+        self.assertNotIn(b"\x1b[31m", shown)
+        self.assertIn(b"1b 5b 33 31  6d ff", shown)
+
+
+class NoDevices(Faults):
+    def test_other_servers_are_known_by_how_they_begin(self):
+        hint = r" \(is this the right port\? Devices listen on 5111\)"
+        for greeting, guess in ((b"SSH-2.0-x\r\n", "an SSH server"),
+                                (b"HTTP/1.1 400 Bad Request\r\n\r\n", "a web server"),
+                                (b"@RSYNCD: 31.0\n", "an rsync daemon"),
+                                (b"220 mail ready\r\n", "a mail or FTP server"),
+                                (b"\xff\xfd\x18", "a telnet server")):
+            def serve(connected, greeting=greeting):
+                connected.sendall(greeting)
+                while connected.recv(65536):
+                    pass
+
+            self.fails(serve, "this is no runeld: it speaks like " + guess + hint)
+        self.fails(answer_each(b"\x15\x03\x01\x00\x02\x02\x46"),
+                   "this is no runeld: it speaks TLS" + hint)
+        self.fails(answer_each(b"what?\n"),
+                   "this is no runeld: it speaks another protocol" + hint)
+
+
+class Escapes(Faults):
+    BAD = b"\x1b]0;evil\x07\n\xff\xe2\x80\xae"
+    SHOWN = "\\x1b]0;evil\\x07\\n\\xff\\xe2\\x80\\xae"
+
+    def test_a_refusal_is_escaped(self):
+        self.fails(answer_each(reply(self.BAD, (4, 0, 1, 71, 0))),
+                   "hostid: the device refused the task: " + re.escape(self.SHOWN), status=1)
+
+    def test_names_are_escaped_on_a_terminal(self):
+        names = b"StringVec 1\n%d:%s\n" % (len(self.BAD), self.BAD)
+        walked = b"d 0755 0 0 0 1 .\n- 0644 0 0 3 1 \\x1b]0;evil\\x07\\x0a\xff\xe2\x80\xae\n"
+        for words, answers in ((("ls", "/"), [reply(names)]),
+                               (("ls", "-l", "/"), [reply(names), reply(STAT % b"0100644")]),
+                               (("tree", "/"), [reply(walked)])):
+            where = self.odd_peer(answer_each(*answers))
+            status, shown = self.on_terminal("-d", where, *words)
+            self.assertEqual(status, 0)
+            self.assertIn(self.SHOWN.encode(), shown)
+            self.assertNotIn(b"\x1b]", shown)
+
+    def test_the_name_of_a_missing_file_is_escaped(self):
+        self.daemon()
+        result = self.ctl("cat", b"/none\x1b[31m\n")
+        self.assertEqual(result.errors, ["runelctl: 127.0.0.1: /none\\x1b[31m\\n: "
+                                         "No such file or directory"])
+
+
+class Output(CtlCase):
+    def test_a_full_disk_behind_standard_output_is_told(self):
+        self.daemon()
+        with open("/dev/full", "wb") as full:
+            process = self.start("hostid", stdout=full)
+            self.assertEqual(process.wait(PATIENCE), 1)
+        self.assertIn(b"runelctl: standard output: No space left on device", process.stderr.read())
+
+
+class GoingAndComing(CtlCase):
+    def boots(self, identities, answers_reboot=True):
+        """A device whose file reads as the next of @p identities after each reboot; None: it closes
+        instead of answering, once."""
+        state = {"reboots": 0, "asked": 0}
+        left = list(identities)
+
+        def serve(connected):
+            while data := connected.recv(65536):
+                if b"6:reboot" in data or b"7:restart" in data:
+                    state["reboots"] += 1
+                    if answers_reboot and b"6:reboot" in data:
+                        connected.sendall(reply())
+                    return connected.close()
+                if state["reboots"] and len(left) > 1:
+                    left.pop(0)
+                if left[0] is None:
+                    return connected.close()
+                connected.sendall(reply(left[0]))
+
+        return self.odd_peer(serve), state
+
+    def test_a_reboot_is_proven_by_another_boot_id(self):
+        where, state = self.boots([b"one\n", None, None, b"two\n"])
+        result = self.succeed("-d", where, "reboot", "--wait")
+        self.assertRegex(result.text, r"^reboot done: down after [\d.]+ s, back after [\d.]+ s "
+                                      r"\(new boot_id\)\n$")
+        self.assertEqual(state["reboots"], 1)
+        where, _ = self.boots([b"one\n", None, b"two\n"], answers_reboot=False)
+        last = self.succeed("-d", where, "--json", "reboot", "--wait").objects[-1]
+        self.assertGreaterEqual(last["back_s"], last["down_s"])
+
+    def test_without_waiting_the_answer_is_enough(self):
+        where, state = self.boots([b"one\n"])
+        self.assertEqual(self.succeed("-d", where, "reboot").out, b"")
+        self.assertEqual(state["reboots"], 1)
+
+    def test_one_that_does_not_go_down_in_time(self):
+        where, _ = self.boots([b"one\n"])
+        result = self.ctl("-d", where, "reboot", "--wait", "--down-timeout", "0.5")
+        self.assertEqual(result.status, 255)
+        self.assertIn("reboot: it did not go down within 0.5 s", result.errors[0])
+
+    def test_one_that_does_not_come_back_in_time(self):
+        where, _ = self.boots([b"one\n", None])
+        result = self.ctl("-d", where, "reboot", "--wait", "--up-timeout", "0.5")
+        self.assertEqual(result.status, 255)
+        self.assertIn("reboot: it did not come back within 0.5 s", result.errors[0])
+
+    def test_one_that_comes_back_without_a_reboot(self):
+        where, _ = self.boots([b"one\n", None, b"one\n"])
+        result = self.ctl("-d", where, "reboot", "--wait", "--up-timeout", "0.5")
+        self.assertIn("it answers, but its boot_id is the old one within 0.5 s", result.errors[0])
+
+    def test_a_restart_is_proven_by_another_process(self):
+        first = self.daemon()
+        again = []
+
+        def supervise():
+            first.wait()
+            again.append(self.daemon())
+
+        thread = threading.Thread(target=supervise)
+        thread.start()
+        result = self.ctl("restart", "--wait")
+        thread.join(PATIENCE)
+        self.assertEqual((result.status, result.err), (0, b""))
+        self.assertRegex(result.text, r"^restart done: .*\(new process\)\n$")
+        self.assertNotEqual(first.pid, again[0].pid)
+
+    def test_a_restart_that_nobody_answers_to(self):
+        self.daemon()
+        result = self.ctl("restart", "--wait", "--up-timeout", "0.5")
+        self.assertEqual(result.status, 255)
+        self.assertIn("restart: it did not come back within 0.5 s", result.errors[0])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,306 @@
+# SPDX-License-Identifier: Apache-2.0
+"""One command on many devices: how many at a time, in which order, and what is shown."""
+import os
+import re
+import signal
+import socket
+import threading
+import time
+import unittest
+
+from support.ctl import CtlCase, hang, reply
+from support.wait import PATIENCE
+
+REFUSED = "127.0.0.1:9"
+
+
+class Fakes:
+    """Devices at one port of all loopback addresses; counts how many were at work at once."""
+
+    def __init__(self, case, answer=reply(b"same\n"), delay=0.0, failing=()):
+        self.lock = threading.Lock()
+        self.answer, self.delay, self.failing = answer, delay, set(failing)
+        self.open = self.most = 0
+        self.order = []
+        self.port = int(case.odd_peer(self._serve, "0.0.0.0").split(":")[1])
+
+    def name(self, number):
+        return f"127.1.{number // 250}.{number % 250 + 1}:{self.port}"
+
+    def names(self, count):
+        return [self.name(number) for number in range(count)]
+
+    def _serve(self, connected):
+        address = connected.getsockname()[0]
+        with self.lock:
+            self.open += 1
+            self.most = max(self.most, self.open)
+            self.order.append(f"{address}:{self.port}")
+        try:
+            while connected.recv(65536):
+                time.sleep(self.delay)  # the work that this device has
+                bad = f"{address}:{self.port}" in self.failing
+                connected.sendall(reply(b"", (1, 0, 1, 13, 0)) if bad else self.answer)
+        finally:
+            with self.lock:
+                self.open -= 1
+
+
+class Where(CtlCase):
+    def test_devices_come_repeated_and_with_commas_each_once(self):
+        fakes = Fakes(self)
+        a, b, c = fakes.names(3)
+        objects = self.succeed("--json", "-d", f"{a}, {b}", "-d", c, "-d", a, "hostid").objects
+        self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted([a, b, c]))
+        self.assertEqual(objects[-1]["summary"]["ok"], 3)
+
+    def test_a_file_names_devices(self):
+        fakes = Fakes(self)
+        a, b = fakes.names(2)
+        listing = f"# all of them\n\nfirst {a}  # the first\n{b}\n".encode()
+        for words in (("--devices", self.file("list", listing)), ("--devices", "-")):
+            objects = self.succeed("--json", *words, "hostid", feed=listing).objects
+            self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted(["first", b]))
+
+    def test_a_bad_file_is_told_with_its_line(self):
+        for content, pattern in ((b"a b c\n", "line 1: more than a name"), (b"\nx:y\n", "line 2: no"),
+                                 (b"#\n", "no device in")):
+            result = self.ctl("--devices", self.file("list", content), "hostid")
+            self.assertEqual(result.status, 2)
+            self.assertRegex(result.errors[0], pattern)
+        self.assertRegex(self.ctl("--devices", "/none", "hostid").errors[0], "No such file")
+
+    def test_a_name_that_is_none_is_told_in_one_line(self):
+        result = self.ctl("-d", "no-such-host.invalid", "hostid")
+        self.assertEqual(result.status, 255)
+        self.assertRegex(result.errors[0], r"no-such-host\.invalid: .*\(no such host name: check")
+        self.assertEqual(len(result.errors), 1)
+
+    def test_a_host_name_is_looked_up(self):
+        self.daemon()
+        self.assertEqual(self.succeed("-d", "localhost", "fileexists", "/").out, b"")
+
+
+class Together(CtlCase):
+    def test_no_more_than_asked_for_are_at_work(self):
+        fakes = Fakes(self, delay=0.02)
+        self.succeed("-q", "-j", "3", "-d", ",".join(fakes.names(30)), "hostid")
+        self.assertEqual(len(fakes.order), 30)
+        self.assertLessEqual(fakes.most, 3)
+        self.assertGreater(fakes.most, 1)
+
+    def test_equal_outputs_are_shown_once(self):
+        fakes = Fakes(self)
+        names = fakes.names(3)
+        result = self.ctl("-d", ",".join(names), "-j", "1", "read", "/x")
+        self.assertEqual(result.text, f"== {', '.join(names)} (3 devices)\nsame\n")
+        self.assertEqual(result.errors, ["runelctl: 3 devices: 3 ok, 0 failed, 0 timed out, "
+                                         "0 unreachable"])
+
+    def test_the_name_stands_before_each_line_or_above(self):
+        fakes = Fakes(self, reply(b"one\ntwo"))
+        a, b = fakes.names(2)
+        words = ("-q", "-j", "1", "-d", f"{a},{b}", "read", "/x")
+        self.assertEqual(self.succeed("--prefix", *words).text,
+                         "".join(f"{name}: {line}\n" for name in (a, b) for line in ("one", "two")))
+        self.assertEqual(self.succeed("--group", *words).text,
+                         f"== {a}\none\ntwo\n== {b}\none\ntwo\n")
+        self.assertEqual(self.ctl("--group", "--prefix", *words).status, 2)
+
+    def test_the_highest_status_is_the_runs(self):
+        fakes = Fakes(self)
+        fakes.failing = {fakes.name(1)}
+        both = ",".join(fakes.names(2))
+        self.assertEqual(self.ctl("-d", both, "unlink", "/x", "-y").status, 1)
+        result = self.ctl("-d", f"{both},{REFUSED}", "fileexists", "/x")
+        self.assertEqual(result.status, 255)
+        self.assertIn("3 devices: 1 ok, 1 failed, 0 timed out, 1 unreachable", result.errors[-1])
+        self.assertIn(f"runelctl: {REFUSED}: Connection refused (is runeld running there?)",
+                      result.errors)
+
+    def test_json_closes_with_a_summary(self):
+        fakes = Fakes(self)
+        result = self.ctl("--json", "-d", f"{fakes.name(0)},{REFUSED}", "hostid")
+        self.assertEqual(result.objects[-1], {"v": 1, "task": "hostid", "summary": {
+            "ok": 1, "failed": 0, "timed_out": 0, "unreachable": 1, "skipped": 0}})
+        self.assertEqual(result.err, b"")
+
+    def test_after_a_failure_no_more_are_begun(self):
+        fakes = Fakes(self)
+        names = fakes.names(5)
+        fakes.failing = {names[1]}
+        result = self.ctl("--fail-fast", "-j", "1", "-d", ",".join(names), "fileexists", "/x")
+        self.assertEqual((result.status, fakes.order), (1, names[:2]))
+        self.assertIn("1 ok, 1 failed, 0 timed out, 0 unreachable, 3 not tried", result.errors[-1])
+
+    def test_what_may_succeed_later_is_tried_again(self):
+        tries = []
+
+        def second_time(connected):
+            tries.append(1)
+            if len(tries) > 1 and connected.recv(65536):
+                connected.sendall(reply(b"ok\n"))
+
+        def serve(connected):
+            second_time(connected)
+            connected.close()
+
+        where = self.odd_peer(serve)
+        self.assertEqual(self.ctl("-d", where, "read", "/x").status, 255)
+        self.assertEqual(self.succeed("-d", where, "--retry", "2", "read", "/x").out, b"ok\n")
+        tries.clear()
+        self.assertEqual(self.succeed("-d", where, "--retry", "1", "read", "/x").out, b"ok\n")
+        self.assertEqual(len(tries), 2)
+
+    def test_what_cannot_succeed_later_is_not(self):
+        fakes = Fakes(self)
+        fakes.failing = {fakes.name(0)}
+        self.assertEqual(self.ctl("--retry", "5", "-d", fakes.name(0), "fileexists", "/x").status, 1)
+        self.assertEqual(len(fakes.order), 1)
+
+    def test_a_deadline_is_for_all_of_a_devices_work(self):
+        where = self.odd_peer(hang)
+        result = self.ctl("--deadline", "0.3", "-d", where, "hostid")
+        self.assertEqual((result.status, result.errors),
+                         (255, [f"runelctl: {where}: not done within its deadline"]))
+        self.assertTrue(self.ctl("--json", "--deadline", "0.3", "-d", where, "hostid")
+                        .objects[0]["retry"])
+
+
+class Waves(CtlCase):
+    def waves(self, wave, failing=(), *words):
+        fakes = Fakes(self, delay=0.01)
+        names = fakes.names(20)
+        fakes.failing = {names[number] for number in failing}
+        result = self.ctl("--wave", wave, *words, "-d", ",".join(names), "fileexists", "/x")
+        return result, [names.index(name) for name in fakes.order]
+
+    def test_a_wave_starts_when_the_one_before_it_is_done(self):
+        result, order = self.waves("1,10%,rest")
+        self.assertEqual(result.status, 0)
+        self.assertEqual((order[0], sorted(order[1:3]), sorted(order)), (0, [1, 2], list(range(20))))
+
+    def test_a_failure_stops_the_next_wave(self):
+        result, order = self.waves("1,10%,rest", [2])
+        self.assertEqual((result.status, sorted(order)), (1, [0, 1, 2]))
+        self.assertIn("runelctl: stopped after wave 2: 1 device failed", result.errors)
+        self.assertIn("17 not tried", result.errors[-1])
+
+    def test_so_many_failures_are_borne(self):
+        result, order = self.waves("1,10%,rest", [2, 5], "--max-fail", "1")
+        self.assertEqual((result.status, len(order)), (1, 20))
+        result, order = self.waves("2,rest", [0, 1], "--max-fail", "1")
+        self.assertEqual((result.status, len(order)), (1, 2))
+
+    def test_what_failed_is_kept_and_tried_the_next_time(self):
+        fakes = Fakes(self)
+        names = fakes.names(4)
+        fakes.failing = set(names[1:3])
+        words = ("--retry-failed", "failed", "-j", "1", "-d", ",".join(names), "fileexists", "/x")
+        self.assertEqual(self.ctl(*words).status, 1)
+        self.assertEqual(self.content("failed").decode().split(), names[1:3])
+        fakes.failing = {names[2]}
+        self.assertEqual(self.ctl(*words).status, 1)
+        self.assertEqual(self.content("failed").decode().split(), [names[2]])
+        fakes.failing, fakes.order = set(), []
+        self.assertEqual(self.ctl(*words).status, 0)
+        self.assertEqual((fakes.order, self.content("failed")), ([names[2]], b""))
+        result = self.ctl(*words)
+        self.assertEqual((result.status, result.errors),
+                         (0, ["runelctl: nothing is left to do: no device in failed"]))
+
+
+class Danger(CtlCase):
+    def test_what_takes_away_from_several_needs_a_yes(self):
+        fakes = Fakes(self)
+        both = ",".join(fakes.names(2))
+        for words in (("rm", "/x"), ("unlink", "/x"), ("rename", "/x", "/y"), ("mv", "/x", "/y"),
+                      ("reboot",), ("restart",), ("sync", "--delete", self.folder, "/x"), ("kill",)):
+            result = self.ctl("-d", both, *words)
+            self.assertEqual((result.status, result.errors), (2, [
+                f"runelctl: {words[0]} on 2 devices needs --yes"]), words)
+        self.assertEqual(fakes.order, [])
+        self.assertEqual(self.ctl("-d", both, "--yes", "rm", "/x").status, 0)
+        self.assertEqual(self.ctl("-d", fakes.name(0), "rm", "/x").status, 0)
+
+    def test_people_are_asked(self):
+        fakes = Fakes(self)
+        both = ",".join(fakes.names(2))
+        for answer, status, asked in ((b"n\n", 2, 0), (b"\n", 2, 0), (b"y\n", 0, 2)):
+            done, shown = self.on_terminal("-d", both, "rm", "/x", typed=[(b"[y/N] ", answer)])
+            self.assertIn(b"rm on 2 devices? [y/N] ", shown)
+            self.assertEqual((done, len(fakes.order)), (status, asked))
+
+    def test_reboots_go_one_after_the_other_unless_told(self):
+        fakes = Fakes(self, reply(), delay=0.02)
+        eight = ",".join(fakes.names(8))
+        self.assertEqual(self.ctl("-q", "-y", "-d", eight, "reboot").status, 0)
+        self.assertEqual(fakes.most, 1)
+        self.assertEqual(self.ctl("-q", "-y", "-j", "8", "-d", eight, "reboot").status, 0)
+        self.assertGreater(fakes.most, 1)
+
+    def test_a_dry_run_names_devices_and_frames_and_sends_nothing(self):
+        fakes = Fakes(self)
+        a, b = fakes.names(2)
+        result = self.ctl("-n", "--prefix", "-d", f"{a},{b}", "rm", "/x")
+        self.assertEqual(result.status, 0)
+        self.assertEqual(sorted(result.text.splitlines()), sorted(
+            f"{name}: {name} <- SlaveTask 2 6:unlink 2:/x 0 0: 0 0 0 0 0" for name in (a, b)))
+        self.assertEqual(fakes.order, [])
+
+
+class Shown(CtlCase):
+    def test_a_live_line_counts_on_a_terminal_alone(self):
+        fakes = Fakes(self, delay=0.05)
+        status, shown = self.on_terminal("-j", "2", "-d", ",".join(fakes.names(12)), "hostid")
+        self.assertEqual(status, 0)
+        self.assertRegex(shown, rb"\r\x1b\[K\d+ done, 0 failed, \d running, \d+ waiting")
+        self.assertTrue(shown.endswith(b"12 ok, 0 failed, 0 timed out, 0 unreachable\r\n"), shown[-99:])
+        status, shown = self.on_terminal("-q", "-j", "2", "-d", ",".join(fakes.names(4)), "fileexists",
+                                         "/")
+        self.assertEqual((status, shown), (0, b""))
+
+    def test_a_narrow_terminal_gets_a_narrow_line(self):
+        fakes = Fakes(self, delay=0.05)
+        _, shown = self.on_terminal("-j", "2", "-d", ",".join(fakes.names(8)), "fileexists", "/",
+                                    columns=20)
+        live = re.findall(rb"\r\x1b\[K([^\r\n]+)", shown)
+        self.assertTrue(live)
+        self.assertLess(max(len(line) for line in live[:-1]), 20)
+
+    def test_an_interrupt_says_what_was_not_done(self):
+        where = self.odd_peer(hang, "0.0.0.0").split(":")[1]
+        names = ",".join(f"127.2.0.{number}:{where}" for number in range(1, 7))
+        process = self.start("-j", "2", "-d", names, "hostid")
+        deadline = time.monotonic() + PATIENCE
+        while len(os.listdir(f"/proc/{process.pid}/fd")) < 6 and time.monotonic() < deadline:
+            time.sleep(0.01)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(PATIENCE), 130)
+        self.assertIn(b"6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 not tried",
+                      process.stderr.read())
+
+
+class AThousand(CtlCase):
+    def test_a_hundred_that_hang_and_a_hundred_that_refuse_hold_nobody_up(self):
+        fakes = Fakes(self)
+        hanging = self.odd_peer(hang, "0.0.0.0").split(":")[1]
+        with socket.socket() as closed:  # bound and not listening: its port refuses
+            closed.bind(("0.0.0.0", 0))
+            refusing = closed.getsockname()[1]
+            names = [fakes.name(number) for number in range(1000)]
+            for number in range(0, 1000, 5):
+                address = names[number].split(":")[0]
+                names[number] = f"{address}:{refusing if number % 10 else hanging}"
+            listing = "".join(f"d{number} {name}\n" for number, name in enumerate(names))
+            result = self.ctl("--devices", "-", "--timeout", "3", "-j", "200", "fileexists", "/",
+                              feed=listing.encode())
+        self.assertEqual(result.status, 255)
+        self.assertEqual(result.errors[-1], "runelctl: 1000 devices: 800 ok, 0 failed, "
+                                            "100 timed out, 100 unreachable")
+        self.assertEqual(len(result.errors), 201)
+        self.assertLessEqual(fakes.most, 200)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -6,11 +6,13 @@ import os
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 
 import demo_master
 
 BINARY, LOG = sys.argv[1:3]
+RUNELCTL = os.path.join(os.path.dirname(BINARY), "runelctl")
 MASTER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "demo_master.py")
 
 
@@ -48,15 +50,34 @@ def make_leds():
             file.write("0\n")
 
 
+def runelctl(*words):
+    """One command as it is typed. The devices are one daemon under three addresses."""
+    print("\n  $ runelctl " + " ".join(words), flush=True)
+    done = subprocess.run([RUNELCTL, *words], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          check=True)
+    for line in done.stdout.decode().splitlines():
+        print(f"    {line}", flush=True)
+
+
+def people():
+    runelctl("info")
+    hello = os.path.join(tempfile.gettempdir(), "hello.sh")
+    with open(hello, "w", encoding="ascii") as script:
+        script.write("#!/bin/sh\necho hello from $(uname -n)\n")
+    os.environ["RUNELCTL_DEVICE"] = "127.0.0.1,127.0.0.2,127.0.0.3"
+    runelctl("push", hello, "/run/")
+    runelctl("exec", "--", "sh", "/run/hello.sh")
+    runelctl("--json", "fileexists", "/run/hello.sh")
+
+
 def tasks():
     title("The master has every task done over the connection that the daemon makes to it")
     daemon = subprocess.Popen([BINARY], stdin=subprocess.DEVNULL, start_new_session=True)
     print(f"started: {BINARY}, status {daemon.wait()}: it went to the background")
     wait_for(lambda: logged("listening on port 5111"), "the start")
     show_file("/var/run/runeld.pid")
-    title("One task over a connection to the daemon's own port 5111")
-    with socket.create_connection(("127.0.0.1", 5111)) as connection:
-        demo_master.ask(connection, "fileexists", "/etc/hosts")
+    title("People use runelctl, over connections to the daemon's own port 5111")
+    people()
     title("All of them over the connection to the master")
     subprocess.run([sys.executable, MASTER], check=True)
     wait_for(lambda: logged("exit status 0"), "the restart")

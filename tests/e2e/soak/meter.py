@@ -6,9 +6,10 @@ import os
 import struct
 import time
 
+from support.wait import PATIENCE
+
 BUCKETS = 40
 LAYOUT = struct.Struct(f"={3 + BUCKETS}Q")  # pass_clock.c has it
-LONGEST_ZOMBIE = 15  # seconds; one whose connection asks for its end is one until that is served
 WORST = 16  # where the longest pass stands
 
 
@@ -64,7 +65,8 @@ class Meter:
         spent, here = daemon.cpu_seconds(), sum(os.times()[:2])
         span = max(now - self._last, 1e-9)
         zombies = {pid: self._zombies.get(pid, now) for pid in daemon.zombies()}
-        assert all(now - since < LONGEST_ZOMBIE for since in zombies.values()), \
+        # One whose connection asks for its end is one until that is served.
+        assert all(now - since < PATIENCE for since in zombies.values()), \
             "a program that ended is not taken in"
         self.samples.append(Sample(
             now - self._begun, connections, answers, daemon.resident_bytes(),

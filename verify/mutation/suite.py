@@ -1,0 +1,106 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The tests of a built tree: which mutants each reaches, and whether it notices one."""
+import collections
+import dataclasses
+import json
+import os
+import pathlib
+import subprocess
+
+MEASURE = pathlib.Path(__file__).resolve().parent / "measure.py"
+PYTHON = "/usr/bin/python3"
+
+
+@dataclasses.dataclass
+class Test:
+    program: str  # of GoogleTest; the empty string for a module of the end-to-end tests
+    name: str
+    seconds: float
+    reached: frozenset
+
+
+class Suite:
+    """Runs tests of @p tree. A test that takes longer than @p slow seconds is run last."""
+
+    def __init__(self, tree, slow):
+        self.tree = tree
+        self.slow = slow
+        self.tests = []
+
+    def measure(self, programs, modules, log):
+        """Runs every test alone, without a mutant, and notes what it reaches."""
+        for program in programs:
+            self._measure(program, [PYTHON, "-B", MEASURE, self._path(program)])
+            log(f"{program}: {len(self.tests)} tests measured")
+        for module in modules:
+            self._measure("", ["--no-log", PYTHON, "-B", MEASURE, "-m", module])
+            log(f"{module}: {self.tests[-1].seconds:.1f} s")
+
+    def _measure(self, program, command):
+        result = subprocess.run(self._world(command), stdin=subprocess.DEVNULL, env=self._environment(),
+                                cwd=self._e2e(), stdout=subprocess.PIPE, text=True, check=False)
+        if result.returncode != 0:
+            raise SystemExit(f"mutate: cannot measure {command}")
+        for name, (seconds, reached) in json.loads(result.stdout).items():
+            self.tests.append(Test(program, name, seconds, frozenset(reached)))
+
+    def is_noticed(self, number):
+        """Runs the tests that reach mutant @p number until one fails: "killed", "survived", "not
+        reached"."""
+        reaching = [test for test in self.tests if number in test.reached]
+        units = [test for test in reaching if test.program]
+        for tests in ([test for test in units if test.seconds <= self.slow],
+                      [test for test in units if test.seconds > self.slow]):
+            if tests and self._run([], self._lines(tests), number) != 0:
+                return "killed"
+        for test in sorted(reaching, key=lambda test: test.seconds):
+            if not test.program and self._run(["--no-log"], [module_line(test)], number) != 0:
+                return "killed"
+        return "survived" if reaching else "not reached"
+
+    def _lines(self, tests):
+        """Shell commands that run tests until one fails, the quickest program first."""
+        by_program = collections.defaultdict(list)
+        for test in tests:
+            by_program[test.program].append(test)
+        groups = sorted(by_program.items(), key=lambda group: total(group[1]))
+        return [f"timeout -k 2 {limit(group)} {self._path(program)} --gtest_brief=1 "
+                f"--gtest_fail_fast '--gtest_filter={':'.join(test.name for test in group)}' || exit 1"
+                for program, group in groups]
+
+    def _run(self, options, lines, number):
+        """The exit status of commands in a world of their own."""
+        for _ in range(3):
+            process = subprocess.run(
+                self._world([*options, "sh", "-c", "\n".join(lines)]), stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False, cwd=self._e2e(),
+                env=self._environment(RUNELD_MUTANT=str(number)))
+            if process.returncode != 125:  # the world itself could not be made
+                return process.returncode
+        raise SystemExit("mutate: cannot make a world")
+
+    def _environment(self, **more):
+        return {**os.environ, "RUNELD_BIN": str(self._path("bin/runeld")),
+                "RUNELD_FAST_CLOCK": str(self._path("tests/e2e/libfast_clock.so")), **more}
+
+    def _world(self, command):
+        return [str(self.tree.folder / "scripts" / "world"), *map(str, command)]
+
+    def _e2e(self):
+        return self.tree.folder / "tests" / "e2e"
+
+    def _path(self, program):
+        return self.tree.build / program
+
+
+def module_line(test):
+    return f"timeout -k 2 {limit([test])} {PYTHON} -B -m support.runner {test.name} || exit 1"
+
+
+def total(tests):
+    return sum(test.seconds for test in tests)
+
+
+def limit(tests):
+    """A generous time in seconds: what lasts longer hangs."""
+    return round(20 + 10 * total(tests))

@@ -1,0 +1,139 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A copy of the tree with every mutant in it, built once."""
+import collections
+import dataclasses
+import hashlib
+import json
+import pathlib
+import re
+import shlex
+import subprocess
+
+from mutation import operators
+
+HERE = pathlib.Path(__file__).resolve().parent
+COPIED = ("CMakeLists.txt", "cmake", "src", "lib", "include", "tests", "fuzz", "bench", "verify",
+          "scripts", "docs", "packaging", "man", "runelctl", "README.md", "LICENSE")
+LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connections", "runeld_agent",
+             "runeld_options_scan", "zell_wire", "zell_linux", "runeld")
+
+
+class Tree:
+    """@p root copied into @p folder, and built there with @p jobs at a time."""
+
+    def __init__(self, root, folder, jobs):
+        self.root = root
+        self.cache = folder / "found"
+        self.folder = folder / "tree"
+        self.build = self.folder / "build" / "m"
+        self.jobs = jobs
+        self._arguments = {}
+
+    def copy(self):
+        """Brings the copy up to date. What has not changed keeps its time, and is not built again."""
+        for name in COPIED:
+            path = self.root / name
+            for file in path.rglob("*") if path.is_dir() else [path]:
+                if file.is_file() and "__pycache__" not in file.parts:
+                    self._bring(file)
+
+    def _bring(self, path):
+        relative = path.relative_to(self.root)
+        target = self.folder / relative
+        if is_mutated(str(relative)) and target.exists():
+            return  # comes with its mutants
+        write_if_new(target, path.read_bytes())
+        target.chmod(path.stat().st_mode)
+
+    def configure(self):
+        run(["cmake", "-S", self.folder, "-B", self.build, "-G", "Ninja", "-DRUNELD_CTL=OFF",
+             "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
+             "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"])
+        for entry in json.loads((self.build / "compile_commands.json").read_text()):
+            path = str(pathlib.Path(entry["file"]).relative_to(self.folder))
+            if is_mutated(path):
+                self._arguments[path] = [
+                    word.replace(f"{self.folder}/", f"{self.root}/")
+                    for word in shlex.split(entry["command"]) if word.startswith(("-I", "-D", "-std"))]
+
+    def find_mutants(self):
+        """All mutants of all sources, numbered."""
+        mutants = []
+        for path in sorted(self._arguments):
+            mutants += self._find_in(path)
+        for number, mutant in enumerate(mutants):
+            mutant.number = number
+        return mutants
+
+    def _find_in(self, path):
+        """The mutants of one source, from the cache when neither it nor the operators changed."""
+        text = (self.root / path).read_bytes() + (HERE / "operators.py").read_bytes()
+        cached = self.cache / hashlib.sha1(path.encode() + text).hexdigest()
+        if cached.exists():
+            return [operators.Mutant(**row) for row in json.loads(cached.read_text())]
+        found = operators.Source(self.root, path, ["-xc++", *self._arguments[path]]).mutants
+        rows = json.dumps([dataclasses.asdict(mutant) for mutant in found])
+        write_if_new(cached, rows.encode())
+        return found
+
+    def make(self, mutants, targets):
+        """Builds @p targets with those of @p mutants that compile, and returns these."""
+        refused = self.cache / "refused"  # as known from earlier runs
+        bad = set(json.loads(refused.read_text())) if refused.exists() else set()
+        while True:
+            mutants = [mutant for mutant in mutants if repr(mutant.place()) not in bad]
+            self._write(mutants)
+            output = self._ninja([*LIBRARIES, *targets], "-k0")
+            if output is None:
+                write_if_new(refused, json.dumps(sorted(bad)).encode())
+                return mutants
+            found = failing(mutants, output)
+            if not found:
+                raise SystemExit(f"mutate: the build failed:\n{output[-4000:]}")
+            bad |= found
+
+    def _write(self, mutants):
+        by_path = collections.defaultdict(list)
+        for mutant in mutants:
+            by_path[mutant.path].append(mutant)
+        for path in self._arguments:
+            text = operators.instrument((self.root / path).read_bytes(), by_path[path],
+                                        HERE / "mutant.h")
+            write_if_new(self.folder / path, text)
+
+    def _ninja(self, targets, *options):
+        """None, or what a build that failed said."""
+        result = subprocess.run(["ninja", "-C", str(self.build), f"-j{self.jobs}", *options, *targets],
+                                capture_output=True, text=True, check=False)
+        return None if result.returncode == 0 else result.stdout + result.stderr
+
+    def test_programs(self):
+        listed = subprocess.run(["ninja", "-C", str(self.build), "-t", "targets", "all"],
+                                capture_output=True, text=True, check=True).stdout
+        return sorted(set(re.findall(r"^(tests/(?:unit|contract)_\w+):", listed, re.M)))
+
+
+def is_mutated(path):
+    return path.startswith(("src/", "lib/")) and path.endswith(".cc")
+
+
+def failing(mutants, output):
+    """The mutants on the lines that a compiler found errors in."""
+    lines = collections.defaultdict(set)
+    for path, line in re.findall(r"((?:src|lib)/[\w/]+\.cc):(\d+):\d+: error", output):
+        lines[path].add(int(line))
+    return {repr(mutant.place()) for mutant in mutants
+            if any(mutant.line <= at <= mutant.last_line for at in lines[mutant.path])}
+
+
+def write_if_new(path, data):
+    if not path.exists() or path.read_bytes() != data:
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(data)
+
+
+def run(command):
+    result = subprocess.run([str(word) for word in command], capture_output=True, text=True,
+                            check=False)
+    if result.returncode != 0:
+        raise SystemExit(f"mutate: {command[0]} failed:\n{result.stdout[-4000:]}{result.stderr[-4000:]}")

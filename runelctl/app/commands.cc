@@ -18,8 +18,10 @@ Commands deviceCommands() {
 
 LocalCommands localCommands() {
   LocalCommands commands;
+  addShellCommand(commands);
   addMasterCommands(commands);
   addAgentCommand(commands);
+  addCompletionCommand(commands);
   return commands;
 }
 

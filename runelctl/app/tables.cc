@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "app/tables.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <sstream>
+
+namespace zell::ctl {
+namespace {
+
+bool startsWith(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+// The words between the braces of "WHEN:{always,auto,never}"; none without braces.
+std::vector<std::string> wordsIn(const std::string& type) {
+  std::vector<std::string> words;
+  const std::size_t open = type.find('{');
+  const std::size_t close = type.find('}', open);
+  if (open != std::string::npos && close != std::string::npos) {
+    std::istringstream list(type.substr(open + 1, close - open - 1));
+    std::string word;
+    while (std::getline(list, word, ',')) {
+      words.push_back(word);
+    }
+  }
+  return words;
+}
+
+Value valueOf(const std::string& placeholder) {
+  if (placeholder == "DEVICE") {
+    return Value::device;
+  }
+  return placeholder == "FILE" || placeholder == "PATH" ? Value::file : Value::any;
+}
+
+OptionRow optionRow(const CLI::Option& option) {
+  OptionRow row;
+  for (const std::string& name : option.get_snames()) {
+    row.names.push_back("-" + name);
+  }
+  for (const std::string& name : option.get_lnames()) {
+    row.names.push_back("--" + name);
+  }
+  row.help = option.get_description();
+  if (option.get_items_expected_max() > 0) {
+    const std::string type = option.get_type_name();
+    row.words = wordsIn(type);
+    row.placeholder = type.substr(0, type.find(':'));
+    row.value = row.words.empty() ? valueOf(row.placeholder) : Value::oneOf;
+  }
+  return row;
+}
+
+// What an argument is can be told from its name in the help.
+Value argumentOf(const std::string& name) {
+  if (startsWith(name, "LOCAL")) {
+    return Value::file;
+  }
+  if (name == "PROGRAM") {
+    return Value::programs;
+  }
+  for (const char* start : {"PATH", "REMOTE", "FROM", "TO"}) {
+    if (startsWith(name, start)) {
+      return Value::remote;
+    }
+  }
+  return Value::any;
+}
+
+OptionRow argumentRow(const CLI::Option& option) {
+  OptionRow row = optionRow(option);
+  row.placeholder = option.get_name(true);
+  row.value = row.words.empty() ? argumentOf(row.placeholder) : Value::oneOf;
+  return row;
+}
+
+void readOptions(CLI::App& app, std::vector<OptionRow>& rows, std::vector<OptionRow>& arguments) {
+  for (const CLI::Option* option : app.get_options()) {
+    const bool help = option == app.get_help_ptr() && app.get_parent() != nullptr;
+    if (option->get_group().empty() || help) {
+      continue;
+    }
+    if (option->get_positional()) {
+      arguments.push_back(argumentRow(*option));
+    } else {
+      rows.push_back(optionRow(*option));
+    }
+  }
+}
+
+const OptionRow* find(const std::vector<OptionRow>& rows, const std::string& name) {
+  const auto found = std::find_if(rows.begin(), rows.end(), [&](const OptionRow& row) {
+    return std::find(row.names.begin(), row.names.end(), name) != row.names.end();
+  });
+  return found == rows.end() ? nullptr : &*found;
+}
+
+}  // namespace
+
+const CommandRow* Tables::command(const std::string& name) const {
+  const auto found = std::find_if(commands.begin(), commands.end(),
+                                  [&](const CommandRow& row) { return row.name == name; });
+  return found == commands.end() ? nullptr : &*found;
+}
+
+const OptionRow* Tables::option(const CommandRow* command, const std::string& name) const {
+  const OptionRow* own = command != nullptr ? find(command->options, name) : nullptr;
+  return own != nullptr ? own : find(options, name);
+}
+
+Tables readTables(CLI::App& app) {
+  Tables tables;
+  std::vector<OptionRow> none;
+  readOptions(app, tables.options, none);
+  for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) {
+    if (!sub->get_group().empty()) {
+      CommandRow row{sub->get_name(), sub->get_description(), {}, {}};
+      readOptions(*sub, row.options, row.arguments);
+      tables.commands.push_back(row);
+    }
+  }
+  return tables;
+}
+
+}  // namespace zell::ctl

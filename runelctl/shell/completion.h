@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+// Scripts with which the usual shells complete a command line of ours.
+#ifndef ZELL_RUNELCTL_SHELL_COMPLETION_H_
+#define ZELL_RUNELCTL_SHELL_COMPLETION_H_
+
+#include <string>
+
+#include "app/tables.h"
+
+namespace zell::ctl {
+
+[[nodiscard]] std::string bashCompletion(const Tables& tables);
+[[nodiscard]] std::string zshCompletion(const Tables& tables);
+[[nodiscard]] std::string fishCompletion(const Tables& tables);
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_SHELL_COMPLETION_H_

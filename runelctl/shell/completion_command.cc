@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// runelctl completion.
+#include <memory>
+#include <string>
+
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/local_command.h"
+#include "client/request.h"
+#include "shell/completion.h"
+
+namespace zell::ctl {
+namespace {
+
+class CompletionCommand : public LocalCommand {
+ public:
+  CompletionCommand() : LocalCommand("completion", "print the completion script for a shell") {}
+
+  void define(CLI::App& app) override {
+    app.add_option("SHELL", shell_, "bash, zsh or fish")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+  }
+
+  int run(const Settings& settings, const Style& style) override {
+    (void)settings;
+    (void)style;
+    CommandLine line;
+    const Tables tables = readTables(line.app());
+    const std::string script = shell_ == "bash"  ? bashCompletion(tables)
+                               : shell_ == "zsh" ? zshCompletion(tables)
+                                                 : fishCompletion(tables);
+    return writeAll(STDOUT_FILENO, script) ? 0 : kExitTaskFailed;
+  }
+
+ private:
+  std::string shell_;
+};
+
+}  // namespace
+
+void addCompletionCommand(LocalCommands& commands) {
+  commands.push_back(std::make_unique<CompletionCommand>());
+}
+
+}  // namespace zell::ctl

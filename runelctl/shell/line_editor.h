@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+// Lines from a terminal, with editing, history and completion.
+#ifndef ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
+#define ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
+
+#include <functional>
+#include <string>
+
+#include <csignal>
+
+#include <histedit.h>
+
+#include "shell/completer.h"
+
+namespace zell::ctl {
+
+class LineEditor {
+ public:
+  enum class Got { line, interrupted, end };
+  using Complete = std::function<Completer::Offer(const std::string& before)>;
+
+  /// @p historyFile keeps the lines from one session to the next; empty for none.
+  LineEditor(std::string historyFile, Complete complete);
+  ~LineEditor();
+  LineEditor(const LineEditor&) = delete;
+  LineEditor& operator=(const LineEditor&) = delete;
+
+  /// Shows @p prompt and waits for a line, which comes without its end.
+  [[nodiscard]] Got read(const std::string& prompt, std::string& line);
+
+ private:
+  static LineEditor& of(EditLine* editor);
+  static char* prompt(EditLine* editor);
+  static int getCharacter(EditLine* editor, wchar_t* character);
+  static unsigned char tab(EditLine* editor, int key);
+  unsigned char completeLine();
+  void show(const std::vector<std::string>& words) const;
+  void remember(const std::string& line);
+
+  const std::string historyFile_;
+  const Complete complete_;
+  EditLine* editor_;
+  History* history_;
+  std::string prompt_;
+  std::string last_;
+  struct sigaction before_ {};
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_

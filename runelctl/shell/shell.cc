@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "shell/shell.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "app/command_line.h"
+#include "app/signals.h"
+#include "client/records.h"
+#include "output/text.h"
+#include "shell/line_editor.h"
+
+namespace zell::ctl {
+namespace {
+
+// Longer than that nobody waits for a completion.
+constexpr Milliseconds kListTime{3000};
+constexpr std::size_t kMostMarked = 500;
+
+const char* const kOwn[] = {"cd", "exit", "help", "lcd", "pwd", "quit"};
+
+std::string spelled(const Target& target) {
+  return target.behindMaster() ? "@" + target.through
+                               : target.host + ":" + std::to_string(target.port);
+}
+
+// The options of the shell's own command line that hold for each of its lines.
+std::vector<std::string> mannerOf(const Settings& settings) {
+  std::vector<std::string> words{"--timeout",         std::to_string(settings.timeout),
+                                 "--connect-timeout", std::to_string(settings.connectTimeout),
+                                 "--color",           settings.colour,
+                                 "--master-socket",   settings.masterSocket};
+  const auto flag = [&](bool given, const char* word) {
+    if (given) {
+      words.emplace_back(word);
+    }
+  };
+  flag(settings.json, "--json");
+  flag(settings.quiet, "--quiet");
+  flag(settings.yes, "--yes");
+  flag(settings.dryRun, "--dry-run");
+  flag(settings.arrange == Arrange::prefix, "--prefix");
+  flag(settings.arrange == Arrange::group, "--group");
+  if (settings.jobsGiven) {
+    words.insert(words.end(), {"--jobs", std::to_string(settings.jobs)});
+  }
+  return words;
+}
+
+bool namesDevice(const std::vector<std::string>& words) {
+  return std::any_of(words.begin(), words.end(), [](const std::string& word) {
+    return word == "-d" || word == "--device" || word == "--devices";
+  });
+}
+
+// In the user's folder for such things; empty when there is no home.
+std::string historyFile() {
+  const char* state = std::getenv("XDG_STATE_HOME");
+  const char* home = std::getenv("HOME");
+  std::string folder = state != nullptr && *state == '/' ? state : "";
+  if (folder.empty() && home != nullptr && *home == '/') {
+    folder = std::string(home) + "/.local/state";
+  }
+  if (folder.empty()) {
+    return "";
+  }
+  std::error_code ignored;  // then nothing is kept
+  std::filesystem::create_directories(folder + "/runelctl", ignored);
+  return folder + "/runelctl/history";
+}
+
+std::vector<FolderEntry> listLocal(const std::string& folder) {
+  std::vector<FolderEntry> entries;
+  std::error_code wrong;
+  for (auto it = std::filesystem::directory_iterator(folder, wrong);
+       !wrong && it != std::filesystem::directory_iterator(); it.increment(wrong)) {
+    std::error_code unknown;
+    entries.push_back({it->path().filename().string(), it->is_directory(unknown)});
+  }
+  return entries;
+}
+
+}  // namespace
+
+Shell::Shell(const Settings& settings, const Style& style)
+    : settings_(settings), style_(style), session_{loop_, nullptr, {}, "/"}, before_("/") {
+  session_.before = mannerOf(settings);
+  for (const Target& target : settings.targets) {
+    where_.insert(where_.end(), {"-d", spelled(target)});
+  }
+  if (settings.targets.size() == 1) {
+    // As each line will name it, so that they find the connection that there is.
+    std::vector<Target> same;
+    std::string why;
+    if (parseTargetList(where_[1], same, why)) {
+      device_.emplace(loop_, same.front(), settings.limits());
+      session_.device = &*device_;
+    }
+  }
+}
+
+int Shell::run() {
+  if (isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
+    readTerminal();
+  } else {
+    readPipe();
+  }
+  return status_;
+}
+
+void Shell::readTerminal() {
+  CommandLine line;
+  Completer completer(
+      readTables(line.app()), {std::begin(kOwn), std::end(kOwn)},
+      [this](const std::string& folder) { return list(folder); }, listLocal);
+  LineEditor editor(historyFile(),
+                    [&](const std::string& before) { return completer.complete(before); });
+  std::string text;
+  while (!over_) {
+    const LineEditor::Got got = editor.read(prompt(), text);
+    if (got == LineEditor::Got::end) {
+      return;
+    }
+    if (got == LineEditor::Got::line) {
+      runLine(text);
+    }
+  }
+}
+
+void Shell::readPipe() {
+  std::string text;
+  while (!over_ && std::getline(std::cin, text)) {
+    runLine(text);
+  }
+}
+
+void Shell::runLine(const std::string& text) {
+  const Line line = cutLine(text);
+  if (line.open) {
+    complain("the line ends within a quote");
+    status_ = kExitUsage;
+  } else if (!line.words.empty() && !runOwn(line.words)) {
+    status_ = runCommand(line.words);
+  }
+}
+
+bool Shell::runOwn(const std::vector<std::string>& words) {
+  const std::string& name = words.front();
+  if (name == "cd") {
+    status_ = changeFolder(words);
+  } else if (name == "lcd") {
+    status_ = changeLocalFolder(words);
+  } else if (name == "pwd") {
+    status_ = writeAll(STDOUT_FILENO, style_.name(session_.folder) + "\n") ? 0 : kExitTaskFailed;
+  } else if (name == "exit" || name == "quit") {
+    status_ = leave(words);
+  } else if (name == "help") {
+    status_ = runCommand({"--help"});
+    std::cout << "Here: cd [FOLDER], pwd, lcd [FOLDER], exit [STATUS]\n" << std::flush;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+int Shell::leave(const std::vector<std::string>& words) {
+  over_ = true;
+  return words.size() > 1 ? static_cast<int>(std::strtol(words[1].c_str(), nullptr, 10) & 255)
+                          : status_;
+}
+
+// With several devices nobody is asked: a folder need not be on all of them.
+int Shell::changeFolder(const std::vector<std::string>& words) {
+  std::string wanted = words.size() > 1 ? words[1] : "/";
+  wanted = wanted == "-" ? before_ : joinPath(session_.folder, wanted);
+  if (words.size() > 2) {
+    complain("cd: one folder");
+    return kExitUsage;
+  }
+  if (device_ && !settings_.dryRun) {
+    const Reply real = ask(request({"realpath", wanted}), settings_.limits().silence);
+    const Reply about =
+        real.ok() ? ask(request({"stat", real.output}), settings_.limits().silence) : real;
+    const std::optional<StatRecord> st = about.ok() ? parseStat(about.output) : std::nullopt;
+    if (!about.ok() || !st || !st->isFolder()) {
+      complain(about.ok() ? wanted + ": " + systemText(ENOTDIR) : about.error(wanted).what);
+      return about.broken ? about.exitStatus() : kExitTaskFailed;
+    }
+    wanted = real.output;
+  }
+  before_ = std::exchange(session_.folder, wanted);
+  return 0;
+}
+
+int Shell::changeLocalFolder(const std::vector<std::string>& words) {
+  const char* home = std::getenv("HOME");
+  const std::string wanted = words.size() > 1 ? words[1] : (home != nullptr ? home : "/");
+  if (chdir(wanted.c_str()) != 0) {
+    complain(localError(wanted, errno).what);
+    return kExitTaskFailed;
+  }
+  return 0;
+}
+
+int Shell::runCommand(const std::vector<std::string>& words) {
+  if (words.front() == "shell") {
+    complain("this is the shell");
+    return kExitUsage;
+  }
+  loop_.turn(Milliseconds(0));  // a connection that ended meanwhile is made anew
+  std::vector<std::string> whole = namesDevice(words) ? std::vector<std::string>() : where_;
+  whole.insert(whole.end(), words.begin(), words.end());
+  return runCommandLine(session_, whole);
+}
+
+Reply Shell::ask(const Request& request, Milliseconds limit) {
+  std::optional<Reply> reply;
+  bool stop = false;
+  loop_.turn(Milliseconds(0));  // as above
+  device_->ask(request, [&](Reply answer) { reply = std::move(answer); });
+  {
+    const Signals signals(loop_, [&](int) { stop = true; });
+    Loop::Timer timer = loop_.after(limit, [&] { stop = true; });
+    while (!reply && !stop) {
+      loop_.turn(limit);
+    }
+    loop_.cancel(timer);
+  }
+  if (!reply) {
+    device_->abandon();  // its answer would come when nobody waits for it any more
+    reply.emplace();
+    reply->broken = Error{Fault::cancelled, "given up", "", 0};
+  }
+  return std::move(*reply);
+}
+
+std::vector<FolderEntry> Shell::list(const std::string& folder) {
+  std::vector<FolderEntry> entries;
+  if (!device_ || settings_.dryRun) {
+    return entries;
+  }
+  const std::string path = joinPath(session_.folder, folder);
+  const Reply reply = ask(request({"readdir", path}), kListTime);
+  const auto names = reply.ok() ? parseNames(reply.output) : std::nullopt;
+  if (names) {
+    for (const std::string& name : *names) {
+      entries.push_back({name, false});
+    }
+    markFolders(path, entries);
+  }
+  return entries;
+}
+
+// The list has names alone, so each is asked for, all on the way at once.
+void Shell::markFolders(const std::string& folder, std::vector<FolderEntry>& entries) {
+  if (entries.empty() || entries.size() > kMostMarked) {
+    return;
+  }
+  for (std::size_t i = 0; i + 1 < entries.size(); ++i) {
+    FolderEntry* entry = &entries[i];
+    device_->ask(request({"stat", joinPath(folder, entry->name)}), [entry](const Reply& reply) {
+      const auto st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      entry->folder = st && st->isFolder();
+    });
+  }
+  // Answers come in order: with the last one, all are there.
+  const Reply last = ask(request({"stat", joinPath(folder, entries.back().name)}), kListTime);
+  const auto st = last.ok() ? parseStat(last.output) : std::nullopt;
+  entries.back().folder = st && st->isFolder();
+}
+
+std::string Shell::prompt() const {
+  const std::string who = settings_.targets.size() == 1
+                              ? settings_.targets.front().name
+                              : countText(settings_.targets.size(), "device");
+  return forPeople(who) + ":" + forPeople(session_.folder) + "> ";
+}
+
+}  // namespace zell::ctl

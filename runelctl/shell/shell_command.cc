@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// runelctl shell.
+#include <memory>
+
+#include "app/local_command.h"
+#include "shell/shell.h"
+
+namespace zell::ctl {
+namespace {
+
+class ShellCommand : public LocalCommand {
+ public:
+  ShellCommand() : LocalCommand("shell", "an interactive line for all of these commands") {}
+
+  void define(CLI::App& app) override { (void)app; }
+
+  int run(const Settings& settings, const Style& style) override {
+    Shell shell(settings, style);
+    return shell.run();
+  }
+};
+
+}  // namespace
+
+void addShellCommand(LocalCommands& commands) {
+  commands.push_back(std::make_unique<ShellCommand>());
+}
+
+}  // namespace zell::ctl

@@ -1,0 +1,186 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The completion scripts, each in its own shell."""
+import os
+import pty
+import re
+import select
+import subprocess
+import unittest
+
+from support.ctl import BINARY
+from support.fakes import FakeDevice
+from support.master import MasterCase
+from support.wait import PATIENCE, wait_until
+
+
+class CompletionCase(MasterCase):
+    SHELL = ""
+
+    def setUp(self):
+        super().setUp()
+        self.script = self.path("completion")
+        with open(self.script, "wb") as script:
+            script.write(self.succeed("completion", self.SHELL).out)
+        os.makedirs(self.path("files"))
+        self.file("files/some-file")
+
+    def shell_environment(self):
+        folder = os.path.dirname(BINARY)
+        return self.environment({"PATH": folder + ":" + os.environ["PATH"], "TERM": "dumb",
+                                 "PS1": "> "})
+
+    def run_shell(self, *words):
+        result = subprocess.run(words, capture_output=True, env=self.shell_environment(),
+                                cwd=self.path("files"), timeout=PATIENCE, check=False)
+        self.assertEqual((result.returncode, result.stderr), (0, b""), words)
+        return result.stdout.decode().splitlines()
+
+    def commands(self):
+        """The names of all commands, by the help."""
+        text = self.succeed("--help").text
+        text = text[text.index("\nCommands:"):]
+        return set(re.findall(r"(?m)^  ([a-z0-9]+) ", text))
+
+    def serve_two(self):
+        self.start_master()
+        for number, name in enumerate(("north", "south")):
+            FakeDevice(self, f"127.0.0.{number + 2}", name)
+            self.wait_told("connected", hostid=name)
+
+
+class Bash(CompletionCase):
+    SHELL = "bash"
+    TRY = """source "$1"; shift
+COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPLY[@]}" """
+
+    def complete(self, *words):
+        """What is offered for the last of @p words, as bash cuts a line."""
+        return set(self.run_shell("bash", "-c", self.TRY, "bash", self.script, "runelctl", *words))
+
+    def test_commands_are_those_of_the_help(self):
+        self.assertEqual(self.complete(""), self.commands())
+        self.assertEqual(self.complete("-q", "pin"), {"ping"})
+
+    def test_options_are_general_and_the_commands_own(self):
+        self.assertEqual(self.complete("--dev"), {"--device", "--devices"})
+        self.assertEqual(self.complete("ls", "--dev"), {"--device", "--devices"})
+        self.assertIn("-l", self.complete("ls", "-"))
+        self.assertNotIn("-l", self.complete("cat", "-"))
+        self.assertEqual(self.complete("reboot", "--down"), {"--down-timeout"})
+
+    def test_values_are_what_the_option_takes(self):
+        self.assertEqual(self.complete("--color", ""), {"auto", "always", "never"})
+        self.assertEqual(self.complete("ls", "--color", "n"), {"never"})
+        self.assertEqual(self.complete("--devices", "some"), {"some-file"})
+        self.assertEqual(self.complete("master", "--xml-log", ""), {"some-file"})
+        self.assertEqual(self.complete("--jobs", ""), {""})
+
+    def test_arguments_are_what_the_command_takes(self):
+        self.assertEqual(self.complete("completion", ""), {"bash", "zsh", "fish"})
+        self.assertEqual(self.complete("cat", ""), {""})
+
+    def test_a_value_is_not_taken_for_the_command(self):
+        self.assertEqual(self.complete("-d", "ls", "pin"), {"ping"})
+        self.assertEqual(self.complete("-d", "@", "ls", "pin"), {"ping"})
+
+    def test_devices_are_those_at_the_master(self):
+        self.assertEqual(self.complete("-d", ""), {""})
+        self.serve_two()
+        self.assertEqual(self.complete("-d", ""), {"@north", "@south"})
+        self.assertEqual(self.complete("-d", "@"), {"north", "south"})
+        self.assertEqual(self.complete("ls", "--device", "@", "no"), {"north"})
+
+
+class Fish(CompletionCase):
+    SHELL = "fish"
+
+    def complete(self, line):
+        lines = self.run_shell("fish", "--no-config", "-c",
+                               f'source {self.script}; complete -C "runelctl {line}"')
+        return {offered.split("\t")[0] for offered in lines}
+
+    def test_commands_are_those_of_the_help(self):
+        self.assertEqual(self.complete(""), self.commands())
+        self.assertEqual(self.complete("-q pin"), {"ping"})
+
+    def test_options_are_general_and_the_commands_own(self):
+        self.assertEqual(self.complete("ls --dev"), {"--device", "--devices"})
+        self.assertIn("-l", self.complete("ls -"))
+        self.assertNotIn("-l", self.complete("cat -"))
+        self.assertEqual(self.complete("reboot --down"), {"--down-timeout"})
+
+    def test_values_and_arguments(self):
+        self.assertEqual(self.complete("--color "), {"auto", "always", "never"})
+        self.assertIn("some-file", self.complete("--devices "))
+        self.assertEqual(self.complete("completion "), {"bash", "zsh", "fish"})
+        self.assertEqual(self.complete("cat "), set())
+
+    def test_devices_are_those_at_the_master(self):
+        self.serve_two()
+        self.assertEqual(self.complete("-d "), {"@north", "@south"})
+        self.assertEqual(self.complete("ls --device @no"), {"@north"})
+
+
+class Zsh(CompletionCase):
+    """zsh completes in its line editor only, so it gets a terminal."""
+    SHELL = "zsh"
+
+    def setUp(self):
+        super().setUp()
+        self.terminal, slave = pty.openpty()
+        self.addCleanup(os.close, self.terminal)
+        process = subprocess.Popen(["zsh", "-f", "-i"], stdin=slave, stdout=slave, stderr=slave,
+                                   env=self.shell_environment(), cwd=self.path("files"),
+                                   start_new_session=True)
+        os.close(slave)
+        self.addCleanup(self._end, process)
+        self.shown = b""
+        self.type("autoload -U compinit && compinit -u -D; source " + self.script +
+                  "; unsetopt zle_bracketed_paste; PS1=; print -r ready${:-}-now\n")
+        self.wait_shown(b"ready-now")
+
+    def type(self, text):
+        os.write(self.terminal, text.encode())
+
+    def read(self):
+        ready, _, _ = select.select([self.terminal], [], [], 0)
+        if ready:
+            self.shown += os.read(self.terminal, 65536)
+
+    def wait_shown(self, text):
+        def seen():
+            self.read()
+            return text in self.shown
+        wait_until(seen, f"{text} is shown, not only {self.shown[-300:]!r}")
+
+    def completes(self, typed, to):
+        """What is typed becomes @p to by a tab; the line is then thrown away."""
+        self.shown = b""
+        self.type(typed + "\t")
+        self.wait_shown(to.encode())
+        self.type("\x15")
+
+    def test_commands_options_values_and_arguments(self):
+        self.completes("runelctl pin", "runelctl ping ")
+        self.completes("runelctl -q pin", "runelctl -q ping ")
+        self.completes("runelctl ls --dry", "runelctl ls --dry-run ")
+        self.completes("runelctl reboot --dow", "runelctl reboot --down-timeout ")
+        self.completes("runelctl --color alw", "runelctl --color always ")
+        self.completes("runelctl ls --color nev", "runelctl ls --color never ")
+        self.completes("runelctl --devices so", "runelctl --devices some-file ")
+        self.completes("runelctl completion fi", "runelctl completion fish ")
+
+    def test_devices_are_those_at_the_master(self):
+        self.serve_two()
+        self.completes("runelctl -d @no", "runelctl -d @north ")
+
+
+class Script(MasterCase):
+    def test_there_is_none_for_another_shell(self):
+        for words in (("completion",), ("completion", "csh")):
+            result = self.ctl(*words)
+            self.assertEqual((result.status, result.out, len(result.errors)), (2, b"", 1), words)
+
+
+if __name__ == "__main__":
+    unittest.main()

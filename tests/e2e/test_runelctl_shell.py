@@ -1,0 +1,239 @@
+# SPDX-License-Identifier: Apache-2.0
+"""runelctl shell, on a terminal and in a pipe."""
+import os
+import pty
+import re
+import select
+import stat
+import subprocess
+import unittest
+
+from support.ctl import BINARY, CtlCase
+from support.wait import PATIENCE, wait_until
+
+# Colours, cursor movements, bells and the like.
+CONTROL = re.compile(rb"\x07|\r\x1b\[\d+G|\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]")
+
+
+class InPipe(CtlCase):
+    """Lines from a script: no prompt, no echo."""
+
+    def setUp(self):
+        super().setUp()
+        self.device = self.daemon()
+
+    def feed(self, *lines, options=()):
+        return self.ctl(*options, "shell", feed="\n".join(lines).encode() + b"\n")
+
+    def test_commands_run_one_after_the_other(self):
+        self.file("a", b"content\n")
+        result = self.feed(f"cat {self.path('a')}", "", "# nothing", "exec -- echo 'b  c'")
+        self.assertEqual((result.status, result.out, result.err), (0, b"content\nb  c\n", b""))
+
+    def test_all_go_over_one_connection(self):
+        self.feed("exec --background sleep 1000", "kill", "wait")
+        self.assertEqual(self.log.count(r"accepted connection.*"), 1)
+
+    def test_the_folder_holds_for_remote_paths(self):
+        os.makedirs(self.path("one/two"))
+        self.file("one/two/f", b"x")
+        result = self.feed("pwd", f"cd {self.folder}/one", "pwd", "cd two/../two", "ls", "cat f", "cd -",
+                           "pwd", "cd", "pwd")
+        self.assertEqual(result.text.splitlines(),
+                         ["/", f"{self.folder}/one", "f", f"x{self.folder}/one", "/"])
+
+    def test_a_folder_that_is_none_is_refused(self):
+        path = self.file("plain")
+        result = self.feed(f"cd {path}", "pwd", "cd /no/such", "pwd")
+        self.assertEqual(result.text, "/\n/\n")
+        self.assertEqual(result.errors, [f"runelctl: {path}: Not a directory",
+                                         "runelctl: /no/such: No such file or directory"])
+
+    def test_a_failure_does_not_end_it_and_the_last_status_is_its_own(self):
+        result = self.feed("sh 'exit 3'", "no-such-command", "cat 'unfinished", "shell", "exec echo on",
+                           "sh 'exit 7'")
+        self.assertEqual((result.status, result.out, len(result.errors)), (7, b"on\n", 3))
+
+    def test_exit_ends_it_with_a_status(self):
+        self.assertEqual(self.feed("exit 5", "exec echo no").status, 5)
+        self.assertEqual(self.feed("sh 'exit 4'", "quit", "exec echo no").status, 4)
+
+    def test_quotes_and_backslashes_keep_words_together(self):
+        name = self.path("a 'b' \"c\" #d")
+        self.file("a 'b' \"c\" #d", b"found")
+        for typed in (f"cat {self.folder}/a\\ \\'b\\'\\ \\\"c\\\"\\ \\#d",
+                      f"""cat {self.folder}/"a 'b' \\"c\\" #d\"""",
+                      f"cat {self.folder}/'a '\\''b'\\'' \"c\" #d' # comment"):
+            self.assertEqual(self.feed(typed).out, b"found", (typed, name))
+
+    def test_the_local_folder_can_be_changed(self):
+        os.mkdir(self.path("local"))
+        self.file("local/data", b"sent")
+        self.assertEqual(self.feed(f"lcd {self.path('local')}",
+                                   f"push data {self.path('copy')}").err, b"")
+        self.assertEqual(self.content("copy"), b"sent")
+        self.assertEqual(self.feed("lcd /no/such").status, 1)
+
+    def test_options_hold_for_every_line(self):
+        result = self.feed("fileexists /", "fileexists /none", options=("--json",))
+        self.assertEqual([object["ok"] for object in result.objects], [True, False])
+
+    def test_a_line_may_name_another_device(self):
+        result = self.feed("-d 127.0.0.1:9 hostid", "hostid")
+        self.assertEqual((result.status, len(result.errors), result.out.count(b"\n")), (0, 1, 1))
+
+    def test_several_devices_are_asked_at_once(self):
+        result = self.feed("exec echo hi", options=("-d", "127.0.0.1,127.0.0.2"))
+        self.assertEqual(result.status, 0)
+        self.assertIn(b"(2 devices)\nhi\n", result.out)
+
+    def test_a_connection_that_was_lost_is_made_anew(self):
+        process = self.start("shell", stdin=subprocess.PIPE)
+        process.stdin.write(b"exec echo 1\n")
+        process.stdin.flush()
+        self.assertEqual(process.stdout.readline(), b"1\n")
+        self.assertEqual(self.device.stop(), 0)
+        self.daemon()
+        process.stdin.write(b"exec echo 2\n")
+        process.stdin.close()
+        self.assertEqual(process.stdout.readline(), b"2\n")
+        self.assertEqual((process.wait(PATIENCE), process.stderr.read()), (0, b""))
+
+
+class Terminal(CtlCase):
+    def setUp(self):
+        super().setUp()
+        self.device = self.daemon()
+
+    def open(self, *options):
+        self.end, slave = pty.openpty()
+        self.addCleanup(os.close, self.end)
+        self.process = subprocess.Popen([BINARY, *options, "shell"], stdin=slave, stdout=slave,
+                                        stderr=slave, cwd=self.folder, start_new_session=True,
+                                        preexec_fn=self.take_terminal,
+                                        env=self.environment({"TERM": "xterm"}))
+        os.close(slave)
+        self.addCleanup(self._end, self.process)
+        self.shown = b""
+        self.wait_shown("> ")
+
+    @staticmethod
+    def take_terminal():
+        import fcntl
+        import termios
+        fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+
+    def read(self):
+        ready, _, _ = select.select([self.end], [], [], 0)
+        if ready:
+            try:
+                self.shown += os.read(self.end, 65536)
+            except OSError:
+                pass  # the other side has gone
+        return CONTROL.sub(b"", self.shown).decode(errors="replace")
+
+    def wait_shown(self, text):
+        try:
+            wait_until(lambda: text in self.read(), f"{text!r} is shown")
+        except AssertionError as error:
+            raise AssertionError(f"{error}, but {self.shown!r}") from None
+
+    def type(self, text, shown):
+        self.shown = b""
+        os.write(self.end, text.encode())
+        self.wait_shown(shown)
+
+    def leave(self):
+        wait_until(lambda: self.read().endswith("> "), "the prompt is there")
+        os.write(self.end, b"\x04")
+        self.assertEqual(self.process.wait(PATIENCE), 0)
+
+    def test_the_prompt_names_device_and_folder(self):
+        self.open()
+        self.assertIn("127.0.0.1:/> ", self.read())
+        self.type(f"cd {self.folder}\r", f"127.0.0.1:{self.folder}> ")
+        self.leave()
+
+    def test_commands_and_options_are_completed(self):
+        self.open()
+        self.type("pin\t", "ping")
+        self.type("--cou\t", "--count")
+        self.type("1\r", "round trip min/median/max")
+        self.wait_shown("> ")
+        self.type("--color alw\t", "always")
+        self.type("\x15fre\t/et\t\r", "freeblocks /etc/")
+        self.leave()
+
+    def test_remote_paths_are_completed(self):
+        os.makedirs(self.path("some-folder"))
+        self.file("some-folder/a b'c", b"odd name\n")
+        self.file("some-folder/\x1b[2J", b"")
+        self.open()
+        self.type(f"cd {self.folder}\r", f"{self.folder}> ")
+        self.type("cat som\t", "some-folder/")
+        self.type("\t\r", "odd name")
+        self.wait_shown("> ")
+        self.type("cd so\t\r", "some-folder> ")
+        self.leave()
+
+    def test_what_could_be_meant_is_listed(self):
+        self.open()
+        self.type("re\t", "re")
+        self.type("\t", "readdir")
+        for name in ("realpath", "reboot", "rename", "restart"):
+            self.wait_shown(name)
+        self.type("\x15\r", "> ")
+        self.leave()
+
+    def test_lines_are_remembered_across_sessions_for_the_user_alone(self):
+        self.open()
+        self.type("exec echo one\r", "\none")
+        self.wait_shown("> ")
+        self.leave()
+        path = self.path(".local/state/runelctl/history")
+        self.assertEqual(stat.S_IMODE(os.stat(path).st_mode), 0o600)
+        self.open()
+        self.type("\x1b[A", "exec echo one")
+        self.type("\r", "\none")
+        self.leave()
+
+    def test_an_interrupt_drops_the_line_and_stops_a_command(self):
+        self.open()
+        self.type("exec echo never", "never")
+        self.type("\x03", "> ")
+        self.type("exec sleep 1000\r", "1000")
+        wait_until(self.sleeping, "the program runs")
+        self.type("\x03", "interrupted")
+        self.wait_shown("> ")
+        self.type("pwd\r", "\n/")
+        self.leave()
+
+    @staticmethod
+    def sleeping():
+        for name in os.listdir("/proc"):
+            try:
+                with open(f"/proc/{name}/comm", encoding="ascii") as comm:
+                    if comm.read() == "sleep\n":
+                        return True
+            except (OSError, UnicodeDecodeError):
+                continue
+        return False
+
+    def test_a_device_that_is_silent_does_not_stop_the_typing(self):
+        came = []
+
+        def listen(connected):
+            while data := connected.recv(65536):
+                came.append(data)
+
+        where = self.odd_peer(listen)
+        self.open("-d", where)
+        self.type("cat /et\tx\r", "/etx")
+        wait_until(lambda: any(b"4:/etx" in data for data in came), "the command runs")
+        self.type("\x03", "interrupted")
+        self.type("pwd\r", "\n/")
+        self.leave()
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -20,7 +20,7 @@ class Fakes:
     def __init__(self, case, answer=reply(b"same\n"), delay=0.0, failing=()):
         self.lock = threading.Lock()
         self.answer, self.delay, self.failing = answer, delay, set(failing)
-        self.open = self.most = 0
+        self.busy = self.most = 0  # devices that have a request and have not answered it
         self.order = []
         self.port = int(case.odd_peer(self._serve, "0.0.0.0").split(":")[1])
 
@@ -33,17 +33,16 @@ class Fakes:
     def _serve(self, connected):
         address = connected.getsockname()[0]
         with self.lock:
-            self.open += 1
-            self.most = max(self.most, self.open)
             self.order.append(f"{address}:{self.port}")
-        try:
-            while connected.recv(65536):
-                time.sleep(self.delay)  # the work that this device has
-                bad = f"{address}:{self.port}" in self.failing
-                connected.sendall(reply(b"", (1, 0, 1, 13, 0)) if bad else self.answer)
-        finally:
+        while connected.recv(65536):
             with self.lock:
-                self.open -= 1
+                self.busy += 1
+                self.most = max(self.most, self.busy)
+            time.sleep(self.delay)  # the work that this device has
+            bad = f"{address}:{self.port}" in self.failing
+            with self.lock:
+                self.busy -= 1
+            connected.sendall(reply(b"", (1, 0, 1, 13, 0)) if bad else self.answer)
 
 
 class Where(CtlCase):

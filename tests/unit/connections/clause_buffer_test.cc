@@ -307,6 +307,8 @@ class ClauseBufferWork : public testing::TestWithParam<std::size_t> {
         {"blanks", std::string(size, ' ')},
         {"a sentinel first", "\x02" + std::string(size, 'x')},
         {"small clauses", repeated("<a/>", size)},
+        {"large clauses",
+         repeated("<a>" + std::string(ClauseBuffer::kKeptCapacity, 'x') + "</a>", size)},
         {"small clauses, blanks between", repeated(" <a/>\r\n", size)},
         {"small elements, blanks between", repeated(" <a>x</a>\r\n", size)},
     };
@@ -376,6 +378,21 @@ TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterManyBlanks) {
   EXPECT_EQ(buffer.size(), GetParam());
   EXPECT_EQ(buffer.next(clause), Next::empty);
   EXPECT_LE(buffer.capacity(), 2 * ClauseBuffer::kKeptCapacity);
+}
+
+TEST(ClauseBufferTest, MemoryIsGivenBackWhenLittleIsLeftOfMuch) {
+  const std::string clause = "<a>" + std::string(ClauseBuffer::kKeptCapacity - 7, 'x') + "</a>";
+  const std::string bytes = clause + clause + "<a";
+  ClauseBuffer buffer;
+  for (const char byte : bytes) {
+    buffer.append({&byte, 1});
+  }
+  ASSERT_GT(buffer.capacity(), 2 * ClauseBuffer::kKeptCapacity);
+  std::string cut;
+  ASSERT_EQ(buffer.next(cut), Next::cut);
+  ASSERT_EQ(buffer.next(cut), Next::cut);
+  EXPECT_LE(buffer.capacity(), ClauseBuffer::kKeptCapacity);
+  EXPECT_EQ(contentsOf(buffer), "<a");
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ClauseBufferWork, testing::Values(kMiB / 4, 4 * kMiB));

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Included before everything else in a tree that holds all mutants at once: asks which one is meant.
+// Included before everything else in a tree that holds all mutants at once: asks which one is
+// meant.
 #ifndef ZELL_MUTATION_MUTANT_H_
 #define ZELL_MUTATION_MUTANT_H_
 

@@ -120,13 +120,17 @@ class Daemon:
         with open(f"/proc/{self.pid}/status", encoding="latin-1") as about:
             return re.search(rf"^{name}:\s*(\S+)", about.read(), re.MULTILINE)[1]
 
+    def state(self):
+        """The letter for what it does: S asleep, R at work, T stopped, Z ended."""
+        return self._status_field("State")
+
     def wait_asleep(self):
         """Waits until it has gone through a pass and sleeps in the next, or has ended."""
         def switches():
             return int(self._status_field("voluntary_ctxt_switches"))
 
         def idle():
-            state = self._status_field("State")
+            state = self.state()
             return state == "Z" or (state == "S" and switches() >= before + 2)
         before = switches()
         wait_until(idle, "the loop sleeps")

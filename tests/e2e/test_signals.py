@@ -1,0 +1,146 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A signal that ends the daemon, at each of its system calls: nothing is torn, nothing is lost.
+
+strace sends the signal: it stops the daemon at the very call, which no sleeping and killing could.
+"""
+import collections
+import contextlib
+import itertools
+import os
+import re
+import signal
+import unittest
+
+from support.case import SUCCESS, EndToEndCase
+from support.logs import ERR
+from support.wait import wait_until
+from support.world import PID_FILE
+
+SIGNALS = (signal.SIGTERM, signal.SIGQUIT, signal.SIGINT, signal.SIGABRT)
+
+# Of a kind of call that comes in numbers the first so many are tried, and the last.
+MOST_OF_A_KIND = 8
+
+OLD, NEW = b"old" * 100, b"new" * 200
+
+
+class TracedLife(EndToEndCase):
+    """A life of the daemon under strace, with a client whose file is written meanwhile."""
+
+    def live(self, *injection, background=False, count=False):
+        """One life, which a SIGTERM ends unless it was ended before. Its exit status."""
+        self.file("stored", OLD)
+        self.mark, self.answered = self.log.mark(), False
+        follow = ("-f",) if background else ()
+        trace = ("-e", "trace=all" if count else "trace=none")
+        self.running = self.daemon(
+            background=background, wait=False, detect_leaks=False,
+            wrapper=("strace", "-qq", *follow, "-e", "signal=none", *trace, "-o",
+                     self.path("trace"), *injection))
+        if self.listens():
+            self.work()
+            self.stop_unless_ended()
+        status = self.running.process.wait(60)
+        wait_until(self.no_child_is_left, "all have ended")
+        return status
+
+    @staticmethod
+    def no_child_is_left():
+        """Takes in a daemon that outlived its launcher: it would count as running until then."""
+        try:
+            os.waitpid(-1, os.WNOHANG)
+        except ChildProcessError:
+            return True
+        return False
+
+    def ended(self):
+        return self.running.process.poll() is not None
+
+    def listens(self):
+        """Whether it came so far, once that is settled."""
+        def listening():
+            return self.log.find("listening on port 5111", since=self.mark)
+        return wait_until(lambda: listening() or (self.ended() and "ended"), "it starts") != "ended"
+
+    def work(self):
+        with contextlib.suppress(OSError, AssertionError):  # it may end at any time
+            client = self.client()
+            self.answered = client.ask("write", self.path("stored"), NEW).fields == SUCCESS
+            client.close()
+
+    def stop_unless_ended(self):
+        """Also an end that is on its way takes one more signal."""
+        line = self.log.find("listening on port 5111", since=self.mark)
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(line.pid, signal.SIGTERM)
+
+    def calls(self, **options):
+        """Each system call of a life that nothing disturbs, as its kind and its place among these."""
+        self.assertEqual(self.live(count=True, **options), 0)
+        with open(self.path("trace"), encoding="latin-1") as lines:
+            kinds = re.findall(r"^(?:\d+ +)?(\w+)\(", lines.read(), re.MULTILINE)
+        counts = collections.Counter(kinds)
+        self.assertGreater(counts["select"] + counts["pselect6"], 0)
+        return [(kind, place) for kind, most in counts.items()
+                if kind not in ("execve", "exit_group")
+                for place in range(1, most + 1) if place <= MOST_OF_A_KIND or place == most]
+
+    def assert_whole(self):
+        """The file is old or new, and new if the client was told so; no file was left beside it."""
+        content = self.content("stored")
+        self.assertIn(content, (NEW,) if self.answered else (OLD, NEW))
+        strangers = [name for name in os.listdir(self.folder)
+                     if name not in ("stored", "trace") and not name.startswith("stderr.")]
+        self.assertEqual(strangers, [])
+
+    def assert_good_order(self, status, number):
+        """It ended with 0 and said by what signal, or died of it before it had said a word."""
+        ends = [line.text for line in self.log.lines[self.mark:]
+                if line.text.startswith("exiting on signal")]
+        if status == -number:
+            self.assertEqual(self.log.lines[self.mark:], [])
+        else:
+            self.assertEqual(status, 0)
+            self.assertIn(ends, [[f"exiting on signal: {one}"] for one in {int(number), 15}])
+        self.assert_whole()
+
+
+class EverySystemCallTest(TracedLife):
+    """One signal a life, at another call each time; the four take turns."""
+
+    def test_of_the_foreground(self):
+        numbers = itertools.cycle(SIGNALS)
+        for kind, place in self.calls():
+            number = next(numbers)
+            with self.subTest(kind=kind, place=place, number=number):
+                status = self.live("-e", f"inject={kind}:signal={number.name}:when={place}")
+                self.assert_good_order(status, number)
+
+    def test_of_the_launcher_and_of_its_daemon(self):
+        numbers = itertools.cycle(SIGNALS)
+        for kind, place in self.calls(background=True):
+            number = next(numbers)
+            with self.subTest(kind=kind, place=place, number=number):
+                self.live("-e", f"inject={kind}:signal={number.name}:when={place}", background=True)
+                self.assert_whole()
+                # Whatever became of the launcher, the pid file does not keep the next one out.
+                self.assertEqual(self.log.count("daemon is already running", ERR, self.mark), 0)
+        daemon = self.daemon(background=True)
+        self.assert_stops(daemon)
+        self.assertFalse(os.path.exists(PID_FILE))
+
+
+class ManySignalsTest(TracedLife):
+    """More than one signal."""
+
+    def test_one_at_every_call_from_the_first_line_on(self):
+        for number in SIGNALS:
+            with self.subTest(number=number):
+                status = self.live("-e", f"inject=sendto:signal={number.name}:when=1+",
+                                   "-e", f"inject=pselect6,select:signal={number.name}:when=1+",
+                                   "-e", f"inject=close:signal={number.name}:when=8+")
+                self.assert_good_order(status, number)
+
+
+if __name__ == "__main__":
+    unittest.main()

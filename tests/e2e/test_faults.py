@@ -11,6 +11,8 @@ import unittest
 
 from support import world
 from support.case import SUCCESS, EndToEndCase, failure
+from support.daemon import is_instrumented
+from support.leds import LedCase
 from support.logs import ERR, INFO, WARNING
 from support.wait import PATIENCE, wait_until
 from support.wire import frame, request
@@ -20,6 +22,9 @@ THERE = request("fileexists", "/")
 
 # How many requests the long run makes; a nightly run sets a million.
 REQUESTS = int(os.environ.get("RUNELD_E2E_REQUESTS", "100000"))
+
+# How many connections begin with nonsense; a nightly run sets a hundred thousand.
+STRAYS = int(os.environ.get("RUNELD_E2E_STRAYS", "2000"))
 
 
 class FaultCase(EndToEndCase):
@@ -148,6 +153,21 @@ class LeavingPeerTest(FaultCase):
         self.assert_serves()
         self.assert_descriptors_as_at_start_but_one(daemon)
         self.assertFalse(os.path.exists(self.path("must-not-be")))
+        self.assert_stops(daemon)
+
+    def test_a_peer_that_closes_after_each_byte_of_three_requests(self):
+        daemon = self.start()
+        path = self.path("appended")
+        one = request("append", path, "x")
+        for count in range(1, 3 * len(one)):
+            client = self.client()
+            client.send((one * 3)[:count])
+            client.close()
+        done = sum(count // len(one) for count in range(1, 3 * len(one)))
+        wait_until(lambda: os.path.getsize(path) >= done, "all whole requests run")
+        self.assert_serves()
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assertEqual(os.path.getsize(path), done)
         self.assert_stops(daemon)
 
     def assert_descriptors_as_at_start_but_one(self, daemon):
@@ -312,28 +332,8 @@ class ProgramTest(FaultCase):
         self.assert_stops(daemon)
 
 
-class LedOwnerTest(FaultCase):
+class LedOwnerTest(LedCase, FaultCase):
     """The connection that drives the LEDs leaves while they blink."""
-
-    def setUp(self):
-        super().setUp()
-        world.mount("-t", "tmpfs", "tmpfs", "/sys/class")
-        self.addCleanup(world.unmount, "/sys/class")
-        for name in ("first", "second"):
-            os.makedirs(f"/sys/class/leds/{name}")
-            with open(f"/sys/class/leds/{name}/brightness", "w", encoding="ascii"):
-                pass
-
-    def brightness(self):
-        values = []
-        for name in ("first", "second"):
-            with open(f"/sys/class/leds/{name}/brightness", encoding="ascii") as file:
-                values.append(file.read().strip())
-        return tuple(values)
-
-    def assert_blinks(self):
-        for value in ("1", "0", "1"):
-            wait_until(lambda wanted=value: self.brightness() == (wanted, wanted), "it blinks")
 
     def test_the_blink_goes_on_through_the_connection_that_is_left(self):
         daemon = self.start()
@@ -390,12 +390,84 @@ class StrayConnectionTest(FaultCase):
         self.assert_descriptors_as_at_start(daemon)
         self.assert_stops(daemon)
 
+    def test_thousands_one_after_the_other_leave_nothing(self):
+        daemon = self.start()
+        client = self.assert_serves()
+        patient = self.client()
+        self.log.forget()
+        self.say_nonsense(patient, 100)
+        before = daemon.resident_bytes()
+        for _ in range(STRAYS // 1000):
+            self.say_nonsense(patient, 1000)
+        self.assert_serves(client)
+        self.assertLess(daemon.resident_bytes() - before, (16 if is_instrumented() else 1) << 20)
+        patient.close()
+        client.close()
+        self.assert_descriptors_as_at_start(daemon)
+        self.assert_stops(daemon)
+
+    def say_nonsense(self, patient, count):
+        """From as many new connections, and as often from one that stays."""
+        for number in range(count):
+            stray = self.client()
+            for peer in (stray, patient):
+                peer.send(b"nonsense %d\r\n" % number)
+            stray.close()
+        # All was read once an end is logged for each.
+        wait_until(lambda: self.log.count("dropping connection: .*") >= count, "all are gone")
+        self.assertEqual(self.log.count(".*creating.*"), 0)
+        self.log.forget()
+
     def test_an_unread_log_of_binary_bytes_is_no_harm(self):
         daemon = self.start()
         client = self.client()
         client.send(frame(bytes(range(256))) + THERE)
         self.assertEqual(client.receive().fields, SUCCESS)
         self.log.wait_for("handleMessage: unexpected task '.*'", ERR)
+        self.assert_stops(daemon)
+
+
+class LostLogTest(FaultCase):
+    """Nobody takes the log."""
+
+    def assert_lives_without(self):
+        """A whole life; what cannot be logged still stands on standard error."""
+        daemon = self.daemon(wait=False)
+        wait_until(lambda: "listening on port 5111" in daemon.stderr(), "it listens")
+        client = self.assert_serves()
+        client.send(frame(b"no task"))
+        wait_until(lambda: "unexpected task" in daemon.stderr(), "the line is shown")
+        self.assertEqual(client.ask("fileexists", "/").fields, SUCCESS)
+        targets = daemon.descriptors()
+        self.assertEqual((targets[0], targets[1]), ("/dev/null", daemon.stderr_path))
+        return daemon
+
+    def test_none_is_there(self):
+        with self.log.away():
+            daemon = self.assert_lives_without()
+        # It is found again as soon as it is there.
+        client = self.client()
+        client.send(frame(b"no task either"))
+        self.log.wait_for("handleMessage: unexpected task 'no task either'", ERR)
+        self.assert_stops(daemon)
+
+    def test_its_socket_is_there_and_nobody_behind_it(self):
+        with self.log.away():
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as closed:
+                closed.bind("/dev/log")
+            daemon = self.assert_lives_without()
+            self.assert_stops(daemon)
+        self.assertEqual(self.log.lines, [])
+
+    def test_it_goes_in_the_middle_of_a_life(self):
+        with self.log.away():
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as leaving:
+                leaving.bind("/dev/log")
+                daemon = self.assert_lives_without()
+                self.assertNotEqual(leaving.recv(4096), b"")
+            self.assert_serves()
+        self.client().send(b"<hello/>")
+        self.log.wait_for("handle_data_read: creating agent socket handler, .*", INFO)
         self.assert_stops(daemon)
 
 

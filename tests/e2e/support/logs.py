@@ -2,6 +2,7 @@
 """The system log as the daemon sees it, and what a test may ask about the lines in it."""
 from __future__ import annotations
 
+import contextlib
 import dataclasses
 import os
 import re
@@ -50,7 +51,8 @@ class LogCollector:
         self._flushes = 0
         self._changed = threading.Condition()
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._socket.bind("/dev/log")
+        self._path = "/dev/log"
+        self._socket.bind(self._path)
         self._thread = threading.Thread(target=self._collect, daemon=True)
         self._thread.start()
 
@@ -68,7 +70,7 @@ class LogCollector:
 
     def _send(self, datagram):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-            sender.sendto(datagram, "/dev/log")
+            sender.sendto(datagram, self._path)
 
     @property
     def lines(self):
@@ -83,8 +85,21 @@ class LogCollector:
         if self._thread.is_alive():
             self._send(b"close")
         self._thread.join()
-        os.unlink("/dev/log")
+        os.unlink(self._path)
         self._socket.close()
+
+    def _move(self, path):
+        os.rename(self._path, path)
+        self._path = path
+
+    @contextlib.contextmanager
+    def away(self):
+        """Nobody finds it meanwhile; what is put in its place is replaced by it afterwards."""
+        self._move("/dev/log.away")
+        try:
+            yield
+        finally:
+            self._move("/dev/log")
 
     def forget(self):
         """Lets go of all lines so far, for tests that would fill the memory with them."""

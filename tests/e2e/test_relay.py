@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The relay between an agent and the master: what passes, what waits, and what the log says."""
 import os
+import signal
 import socket
 import unittest
 
@@ -372,6 +373,27 @@ class TearingDownTest(RelayCase):
         self.assertEqual(agent.read_to_end(), b"")
         self.assertEqual(bridge.read_to_end(), b"")
         self.slave = self.listener.accept()
+        self.assert_next_agent_is_served()
+        self.assert_stops(daemon)
+
+    def test_the_master_closes_both_in_one_pass(self):
+        daemon, agent, bridge = self.bridged("-v")
+        mark = self.log.mark()
+        daemon.send_signal(signal.SIGSTOP)
+        wait_until(lambda: daemon.state() == "T", "it stands still")
+        self.slave.close()
+        bridge.close()
+        daemon.send_signal(signal.SIGCONT)
+        self.assertEqual(agent.read_to_end(), b"")
+        self.slave = self.listener.accept()
+        a, b = self.agent_number, self.bridge_number
+        shown = self.log.shown(since=mark)
+        self.assertEqual([line for line in shown if "socket %d" % b in line[1]], [
+            (DEBUG, f"drop_host_connection: dropping agent bridge, socket {b}"),
+            (INFO, f"closing connection 127.0.0.1, socket {b}")])
+        self.assertEqual([line for line in shown if line[1].endswith(str(a))], [
+            (INFO, f"dropping connection: {a}"),
+            (DEBUG, f"drop_socket: dropping update manager agent socket {a}")])
         self.assert_next_agent_is_served()
         self.assert_stops(daemon)
 

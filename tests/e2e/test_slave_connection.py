@@ -248,7 +248,8 @@ class SocketOptionsTest(EndToEndCase):
 class SurplusConnectionTest(EndToEndCase):
     """Agents that left before their bridge was made leave host entries behind."""
 
-    def test_a_third_connection_is_left_alone_and_its_end_stops_the_daemon(self):
+    def with_surplus(self):
+        """The daemon, its agent, and the master's ends of the three connections."""
         daemon = self.daemon("-v")
         early = self.client()
         early.send(b"<early/>\r\n")
@@ -260,16 +261,45 @@ class SurplusConnectionTest(EndToEndCase):
         agent.send(b"<hello/>\r\n")
         self.log.wait_for("handle_data_read: creating agent socket handler, .*", since=mark)
         master = self.master()
-        slave, bridge, surplus = (master.accept() for _ in range(3))
+        peers = [master.accept() for _ in range(3)]
         error = self.log.wait_for(r"handle_outgoing_connection: error, connections already set, "
                                   r"socket \d+", ERR)
-        self.assertEqual(slave.ask("fileexists", "/etc/hosts").fields, SUCCESS)
-        self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
+        return daemon, agent, peers, number_in(error)
+
+    def assert_its_end_ends_the_daemon(self, daemon, surplus, number):
         surplus.close()
         self.assertEqual(daemon.wait(), 0)
         self.log.wait_for("[*]{3} error: drop_host_connection cannot find the outbound connection "
-                          f"{number_in(error)}, exiting", ERR)
+                          f"{number}, exiting", ERR)
+
+    def test_a_third_connection_is_left_alone_and_its_end_stops_the_daemon(self):
+        daemon, agent, (slave, bridge, surplus), number = self.with_surplus()
+        self.assertEqual(slave.ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
+        self.assert_its_end_ends_the_daemon(daemon, surplus, number)
         self.assertEqual(agent.read_to_end(), b"")
+
+    def test_a_third_connection_that_asks_is_answered(self):
+        daemon, _, (slave, _, surplus), number = self.with_surplus()
+        self.assertEqual(surplus.ask("fileexists", "/").fields, SUCCESS)
+        self.log.wait_for("handle_data_read: creating byte count client connection, "
+                          f"socket {number}", INFO)
+        self.assertEqual(slave.ask("fileexists", "/").fields, SUCCESS)
+        self.assert_its_end_ends_the_daemon(daemon, surplus, number)
+
+    def test_a_third_connection_that_speaks_like_an_agent_takes_the_agents_place(self):
+        daemon, agent, (slave, bridge, surplus), number = self.with_surplus()
+        self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
+        surplus.send(b"<me/>")
+        self.assertEqual(bridge.receive_bytes(7), b"<me/>\r\n")
+        bridge.send(b"<you/>")
+        self.assertEqual(surplus.receive_bytes(8), b"<you/>\r\n")
+        with open("/etc/hosts", encoding="ascii") as hosts:
+            self.assertIn("127.0.0.1 update-master\n", hosts.read())
+        agent.send(b"<still/>")
+        self.assertEqual(agent.read_to_end(), b"")
+        self.assertEqual(slave.ask("fileexists", "/").fields, SUCCESS)
+        self.assert_its_end_ends_the_daemon(daemon, surplus, number)
 
 
 if __name__ == "__main__":

@@ -88,6 +88,14 @@ TEST_F(HostsFileTest, DropsALineInWhichTheAliasIsOneOfSeveralNamesOrInAComment) 
   EXPECT_EQ(rewritten("10.0.0.1 a update-master b\n# the update-master is here\n"), kEntry);
 }
 
+TEST_F(HostsFileTest, KeepsAFileOf64MebibytesWithALineOf16) {
+  std::string content = std::string(16 << 20, 'x') + "\n";
+  while (content.size() < 64 << 20) {
+    content += "10.0.0.9 printer-with-a-long-name # and a comment that goes on for a while\n";
+  }
+  EXPECT_TRUE(rewritten(content) == content + kEntry);
+}
+
 TEST_F(HostsFileTest, KeepsALineWithoutABlankBeforeTheAlias) {
   const std::string kept =
       "update-master 10.0.0.1\n10.0.0.1\tupdate-master\n10.0.0.1 my-update-master\n"

@@ -388,6 +388,40 @@ TEST_F(ServeTest, StopsAfterTheAnswersThatWereStillToBeGiven) {
   EXPECT_EQ(peer.received(), reply(""));
 }
 
+TEST_F(ServeTest, StopAskedForBeforeAnExceptionIsHeardAtTheNextRead) {
+  ServerBase::s_run = true;
+  const Peer peer = server.accept();
+  device.onCall = [](const std::string& call) {
+    if (call == "hostId") {
+      throw std::bad_alloc();
+    }
+  };
+  server.read(peer, request({"restart"}) + request({"hostid"}) + kExists);
+  EXPECT_TRUE(ServerBase::s_run);
+  EXPECT_EQ(peer.received(), "");
+  server.handle_loop();  // runs what the exception left behind, and does not ask
+  EXPECT_EQ(peer.received(), reply(""));
+  EXPECT_TRUE(ServerBase::s_run);
+  server.read(peer, " ");
+  EXPECT_FALSE(ServerBase::s_run);
+}
+
+TEST_F(ServeTest, StopAskedForInTheLoopIsHeardAtTheNextRead) {
+  ServerBase::s_run = true;
+  const Peer peer = server.accept();
+  device.onCall = [](const std::string& call) {
+    if (call == "hostId") {
+      throw std::bad_alloc();
+    }
+  };
+  server.read(peer, request({"hostid"}) + request({"restart"}) + kExists);
+  server.handle_loop();
+  EXPECT_EQ(peer.received(), reply(""));
+  EXPECT_TRUE(ServerBase::s_run);
+  server.read(peer, kExists);
+  EXPECT_FALSE(ServerBase::s_run);
+}
+
 class LoopTest : public ServeTest {
  protected:
   // What the last of a hundred calls says: the traces count from the start of the program.

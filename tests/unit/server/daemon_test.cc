@@ -176,6 +176,15 @@ TEST_F(ServerDaemon, StartsOverThePidFileOfADeadProcess) {
   EXPECT_EQ(contentOf(kPidFile), "4321\n");
 }
 
+TEST_F(ServerDaemon, TakesTheLowBitsOfANumberThatNoProcessHas) {
+  sys.living = {-1, 1215752191};
+  writePidFile("4294967295\n");
+  EXPECT_EQ(runAs(0), -1);
+  writePidFile("99999999999\n");
+  EXPECT_EQ(runAs(0), -1);
+  EXPECT_THAT(sys.calls, ElementsAre("kill -1 0", "kill 1215752191 0"));
+}
+
 TEST_F(ServerDaemon, ReadsTheFirstNumberOfThePidFile) {
   writePidFile(" \n +4242 and more\n");
   sys.living = {4242};

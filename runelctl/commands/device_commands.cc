@@ -130,10 +130,10 @@ class InfoJob : public Job {
       return;
     }
     const auto seconds = std::strtoull(reply.output.c_str(), nullptr, 10);
-    char text[64];
-    std::snprintf(text, sizeof text, "%llu days, %02llu:%02llu", seconds / 86400,
+    char shown[64];
+    std::snprintf(shown, sizeof shown, "%llu days, %02llu:%02llu", seconds / 86400,
                   seconds / 3600 % 24, seconds / 60 % 60);
-    show("uptime", text);
+    show("uptime", shown);
     report().result()["uptime_s"] = seconds;
   }
 

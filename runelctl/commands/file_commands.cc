@@ -81,7 +81,7 @@ class CatJob : public EachPathJob {
 
 class LsJob : public EachPathJob {
  public:
-  LsJob(JobContext context, std::vector<std::string> paths, bool full)
+  LsJob(JobContext context, const std::vector<std::string>& paths, bool full)
       : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
 
  private:
@@ -409,7 +409,7 @@ class LsCommand : public PathsCommand {
   }
   std::unique_ptr<Job> job(JobContext context) override {
     std::vector<std::string> all = paths(context.settings);
-    return std::make_unique<LsJob>(std::move(context), std::move(all), full_);
+    return std::make_unique<LsJob>(std::move(context), all, full_);
   }
 
  private:

@@ -73,9 +73,9 @@ ResultStatus ProgramRunner::run(const std::vector<std::string>& argv, int limit)
 }
 
 ResultStatus ProgramRunner::runAndWait(const std::vector<std::string>& argv, int limit) {
-  ProgramOutput output(output_);
+  ProgramOutput pipe(output_);
   UniqueFd writing;
-  if (const int error = output.open(writing)) {
+  if (const int error = pipe.open(writing)) {
     return failed(error);
   }
   ChildProcess program;
@@ -83,12 +83,12 @@ ResultStatus ProgramRunner::runAndWait(const std::vector<std::string>& argv, int
     return failed(error);
   }
   writing.reset();
-  ProgramWatch watch(program, &output);
+  ProgramWatch watch(program, &pipe);
   const bool inTime = watch.endsBefore(deadlineIn(limit));
   if (!inTime) {
     watch.stop();
   }
-  output.takeRest();
+  pipe.takeRest();
   return inTime ? ended(program.reap()) : timedOut(program.reap());
 }
 

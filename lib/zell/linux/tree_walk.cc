@@ -101,11 +101,11 @@ bool TreeWalk::run(const std::string& path) {
 // Goes on with what is in the folder @p name, which has its line already.
 void TreeWalk::enter(int from, const char* name, const struct stat& st) {
   Level level{UniqueFd(openFolder(from, name)), st.st_dev, st.st_ino, {}, 0, path_.size()};
-  const int error = level.folder.valid() ? readNames(level.folder.get(), level.names) : errno;
-  if (error != 0 && !vanished(error)) {
-    note(error);
+  const int failure = level.folder.valid() ? readNames(level.folder.get(), level.names) : errno;
+  if (failure != 0 && !vanished(failure)) {
+    note(failure);
   }
-  if (error != 0) {
+  if (failure != 0) {
     return;
   }
   levels_.push_back(std::move(level));

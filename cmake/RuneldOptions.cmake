@@ -23,6 +23,7 @@ if(RUNELD_FUZZ)
 endif()
 if(RUNELD_COVERAGE)
   target_compile_options(runeld_options INTERFACE --coverage -fprofile-abs-path)
+  target_compile_definitions(runeld_options INTERFACE RUNELD_COVERAGE)
   target_link_options(runeld_options INTERFACE --coverage)
 endif()
 

@@ -61,5 +61,23 @@ TEST_F(FailingStartsTest, AreWaitedForWhenPollFails) {
             "3 4 -1 110 15, 1 2 3 0 0, 300000");
 }
 
+TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeMeasured) {
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_ioctl, EBADF);
+              return shell("echo x; exit 3");
+            }),
+            "1 2 3 0 0");
+}
+
+TEST_F(FailingStartsTest, TellWhenTheEndOfAStoppedProgramIsUnknown) {
+  EXPECT_EQ(inChild([&] {
+              const std::string started = shell("sleep 1000", -1);
+              refuseCalls(SYS_wait4, ECHILD);
+              (void)proxy_.kill();
+              return started + ", " + fields(proxy_);
+            }),
+            "2 1 0 0 0, " + failureWith(ECHILD));
+}
+
 }  // namespace
 }  // namespace zell::test

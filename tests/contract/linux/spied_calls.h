@@ -3,6 +3,7 @@
 #ifndef TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 #define TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -11,8 +12,8 @@
 namespace zell::test {
 
 /// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown
-/// and fchmod while it lives; the kernel still gets them. These can fail, and so can close, read
-/// and fstatat. All are replaced in every program that links this.
+/// and fchmod while it lives; the kernel still gets them. These can fail, and so can close, read,
+/// fstat, fstatat and readlinkat. All are replaced in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();
@@ -20,9 +21,16 @@ class SpiedCalls {
   SpiedCalls(const SpiedCalls&) = delete;
   SpiedCalls& operator=(const SpiedCalls&) = delete;
 
+  /// As an error: the call succeeds with 0.
+  static constexpr int kTakesNothing = -1;
+
   /// Makes the call @p name (as recorded) fail with @p error the first time after @p passed calls.
   void fail(const std::string& name, int error, int passed = 0) {
-    failures_[name] = {error, passed};
+    failures_[name] = {error, passed, nullptr};
+  }
+  /// Runs @p action before the call @p name, the first time after @p passed calls.
+  void before(const std::string& name, int passed, std::function<void()> action) {
+    failures_[name] = {0, passed, std::move(action)};
   }
   /// The calls, but those that only fail.
   [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
@@ -31,8 +39,14 @@ class SpiedCalls {
   int note(const std::string& name);
 
  private:
+  struct Failure {
+    int error;
+    int passed;
+    std::function<void()> action;
+  };
+
   std::vector<std::string> calls_;
-  std::map<std::string, std::pair<int, int>> failures_;
+  std::map<std::string, Failure> failures_;
 };
 
 }  // namespace zell::test

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <sstream>
@@ -19,6 +20,7 @@
 #include "contract/linux/mount.h"
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
+#include "contract/linux/spied_calls.h"
 
 namespace zell::test {
 namespace {
@@ -226,6 +228,69 @@ TEST_F(TreeWalkTest, TakesFewDescriptorsAndNoLongPathsForADeepTree) {
   EXPECT_EQ(last[last.size() - 3], "d/d/z");
   EXPECT_EQ(last[last.size() - 2], "d/z");
   EXPECT_EQ(last[last.size() - 1], "z");
+}
+
+class DeepTreeTest : public TreeWalkTest {
+ protected:
+  // So deep that the upper folders are closed when the walk is at the end of it, and have entries
+  // that it has not come to yet.
+  void SetUp() override {
+    TreeWalkTest::SetUp();
+    makeDeep(dir_.path(), kDepth);
+    for (const char* name : {"z", "d/z", "d/d/z", "d/d/d/z"}) {
+      dir_.write(name, "");
+    }
+  }
+
+  // "d", "d/d"...
+  static std::string folderAt(int depth) {
+    std::string path = "d";
+    for (int i = 1; i < depth; ++i) {
+      path += "/d";
+    }
+    return path;
+  }
+
+  static constexpr int kDepth = 33;  // three more than are kept open
+  SpiedCalls spy_;
+};
+
+TEST_F(DeepTreeTest, LeavesOutTheRestOfFoldersThatItCannotGoBackTo) {
+  spy_.fail("fstat", EIO);
+  const std::vector<std::string> all = paths(walk(dir_.path()));
+  EXPECT_EQ(fields(proxy_), failureWith(EIO));
+  ASSERT_EQ(all.size(),
+            static_cast<std::size_t>(kDepth) + 1 + 3);  // the topmost ones need the next
+  EXPECT_EQ(all.back(), "z");
+}
+
+TEST_F(DeepTreeTest, DoesNotGoOnElsewhereWhenAFolderIsMovedMeanwhile) {
+  ASSERT_EQ(mkdir(dir_.file("0").c_str(), 0755), 0);
+  spy_.before("fstatat", kDepth - 1, [&] {
+    ASSERT_EQ(rename(dir_.file(folderAt(3)).c_str(), dir_.file("0/moved").c_str()), 0);
+  });
+  const std::vector<std::string> all = paths(walk(dir_.path()));
+  EXPECT_EQ(fields(proxy_), failureWith(ESTALE));
+  EXPECT_EQ(std::count(all.begin(), all.end(), "d/d/z"), 0);
+}
+
+TEST_F(TreeWalkTest, LeavesOutALinkThatGoesWhileItIsLookedAt) {
+  link("target", "link");
+  SpiedCalls spy;
+  spy.fail("readlinkat", ENOENT);
+  EXPECT_EQ(walk(dir_.file("link")), "");
+  EXPECT_EQ(fields(proxy_), kSuccess);
+  spy.fail("readlinkat", ENOENT);
+  EXPECT_EQ(paths(walk(dir_.path())), std::vector<std::string>{"."});
+  EXPECT_EQ(fields(proxy_), kSuccess);
+}
+
+TEST_F(TreeWalkTest, FailsOnALinkThatCannotBeRead) {
+  link("target", "link");
+  SpiedCalls spy;
+  spy.fail("readlinkat", EIO);
+  EXPECT_EQ(paths(walk(dir_.path())), std::vector<std::string>{"."});
+  EXPECT_EQ(fields(proxy_), failureWith(EIO));
 }
 
 TEST_F(TreeWalkTest, EndsWhenNoReplyCouldHoldIt) {

@@ -394,5 +394,32 @@ TEST_F(WriteTest, IsNotHeldUpByAFolderInTheWayOfTheTemporaryFile) {
   EXPECT_EQ(namesIn(dir_.path()), names);
 }
 
+TEST_F(WriteTest, FailsWhereFoldersTakeEveryTemporaryName) {
+  const std::string path = dir_.write("a", "old");
+  const auto putAFolderInItsPlace = [&] {
+    for (const std::string& name : namesIn(dir_.path())) {
+      if (name != "a" && unlink(dir_.file(name).c_str()) == 0) {
+        EXPECT_EQ(mkdir(dir_.file(name).c_str(), 0755), 0);
+      }
+    }
+  };
+  SpiedCalls spy;
+  std::string answer = failureWith(ENOTDIR);
+  for (int i = 0; i < 100 && answer == failureWith(ENOTDIR); ++i) {
+    spy.before("renameat", 0, putAFolderInItsPlace);
+    answer = write(path, "new");
+  }
+  EXPECT_EQ(answer, failureWith(EEXIST));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
+TEST_F(WriteTest, FailsWhereACallTakesNothing) {
+  const std::string path = dir_.write("a", "old");
+  SpiedCalls spy;
+  spy.fail("write", SpiedCalls::kTakesNothing);
+  EXPECT_EQ(write(path, "new"), failureWith(EIO));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
 }  // namespace
 }  // namespace zell::test

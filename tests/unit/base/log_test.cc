@@ -2,6 +2,7 @@
 #include "base/log.h"
 
 #include <cerrno>
+#include <cwchar>
 #include <string>
 
 #include <sys/wait.h>
@@ -40,6 +41,11 @@ TEST_F(LogTest, PassesEveryLevelOn) {
     logLine(level, "line");
     EXPECT_EQ(log_.entries().back().priority, level);
   }
+}
+
+TEST_F(LogTest, GivesTheFormatWhereTheArgumentsCannotBeShown) {
+  logLine(LOG_INFO, "a %lc b", static_cast<std::wint_t>(0xd800));  // no character has this number
+  EXPECT_EQ(only(), (LogEntry{LOG_INFO, "(PID) a %lc b"}));
 }
 
 TEST_F(LogTest, GivesTheErrorTextOfTheCall) {

@@ -325,5 +325,17 @@ TEST_P(LargeFrameTest, IsGivenUpWhenThePeerClosesInItsMiddle) {
 INSTANTIATE_TEST_SUITE_P(Modes, LargeFrameTest,
                          testing::Values(Mode::blocking, Mode::withSendTimeout, Mode::nonBlocking));
 
+TEST(FrameHeadTest, IsWhatComesBeforeThePayload) {
+  EXPECT_EQ(frameHead(0),
+            "\x01"
+            "0\x02");
+  EXPECT_EQ(frameHead(12),
+            "\x01"
+            "12\x02");
+  EXPECT_EQ(frameHead(268435456),
+            "\x01"
+            "268435456\x02");
+}
+
 }  // namespace
 }  // namespace zell

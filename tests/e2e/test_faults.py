@@ -400,7 +400,8 @@ class StrayConnectionTest(FaultCase):
         for _ in range(STRAYS // 1000):
             self.say_nonsense(patient, 1000)
         self.assert_serves(client)
-        self.assertLess(daemon.resident_bytes() - before, (16 if is_instrumented() else 1) << 20)
+        # The address sanitizer keeps up to 256 MiB that were freed.
+        self.assertLess(daemon.resident_bytes() - before, (320 if is_instrumented() else 1) << 20)
         patient.close()
         client.close()
         self.assert_descriptors_as_at_start(daemon)

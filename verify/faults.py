@@ -88,9 +88,20 @@ def more_jobs(jobs, number, choice):
     return made
 
 
-def choose(jobs, long, seed):
-    choice = random.Random(seed)
-    if not long:
+def one_error_each(jobs, choice):
+    """Of the jobs in which the same call fails, one."""
+    by_call = collections.defaultdict(list)
+    for job in jobs:
+        failure = job.failures[0]
+        by_call[job.scenario, job.role, failure.name, failure.first].append(job)
+    return [choice.choice(alike) for alike in by_call.values()]
+
+
+def choose(jobs, options):
+    choice = random.Random(options.seed)
+    if options.each_once:
+        jobs = one_error_each(jobs, choice)
+    elif not options.long:
         single = choice.sample(jobs, min(len(jobs), SAMPLE * 4 // 5))
         jobs = single + more_jobs(jobs, SAMPLE - len(single), choice)
     else:
@@ -100,9 +111,9 @@ def choose(jobs, long, seed):
 
 
 def main():
-    options = arguments.parse("faults", __doc__)
+    options = arguments.parse("faults", __doc__, each_once=True)
     return verifier.run(options, "faults", jobs_of,
-                        lambda jobs: choose(jobs, options.long, options.seed))
+                        lambda jobs: choose(jobs, options))
 
 
 if __name__ == "__main__":

@@ -4,10 +4,13 @@ import argparse
 import random
 
 
-def parse(name, description):
+def parse(name, description, each_once=False):
     parser = argparse.ArgumentParser(prog=f"scripts/verify {name}", description=description,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--long", action="store_true", help="everything, not a sample")
+    if each_once:
+        parser.add_argument("--each-once", action="store_true",
+                            help="each call once, with one of its errors")
     parser.add_argument("--seed", type=int, default=None, help="of the sample; printed at the end")
     parser.add_argument("--only", help="only what has this in its name, all of it")
     parser.add_argument("--verbose", action="store_true", help="tell how far it is")

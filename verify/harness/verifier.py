@@ -22,6 +22,8 @@ KEPT_BLOCKS, KEPT_BYTES = 24, 128 << 10
 # A run that makes so many times the calls of one in which nothing fails is a loop that spins.
 SPIN_FACTOR, SPIN_ALLOWANCE = 10, 3000
 
+LOG_CALLS = {"socket", "connect", "sendto"}  # what a line takes: one that fails may cost it
+
 CPU_SECONDS = 5.0  # likewise, for one that makes no calls
 
 
@@ -155,8 +157,9 @@ class Verifier:
         shared = self.session.state.shared
         expect(shared.kills_of_all == 0, "it signals every process")
         failures = self.log.count(r"failed to listen on the only port \(5111\), retrying")
-        expect(shared.reboots == 0 or failures == 35 or job.scenario == "rebooted",
-               f"it reboots the device after {failures} failures")
+        lines_may_lack = not LOG_CALLS.isdisjoint(job.hits(self.session.state))
+        expect(shared.reboots == 0 or failures == 35 or job.scenario == "rebooted" or
+               (lines_may_lack and failures < 35), f"it reboots the device after {failures} failures")
         expect(shared.popens <= 1 and shared.systems <= 1, "the process list is shown again")
 
     def check_told(self, job):

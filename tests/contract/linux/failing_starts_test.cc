@@ -8,6 +8,7 @@
 
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
+#include "contract/linux/spied_calls.h"
 
 namespace zell::test {
 namespace {
@@ -67,6 +68,13 @@ TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeMeasured
               return shell("echo x; exit 3");
             }),
             "1 2 3 0 0");
+}
+
+TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeRead) {
+  SpiedCalls spy;
+  spy.failAlways("read", EAGAIN);
+  EXPECT_EQ(shell("echo x; exit 3"), "1 2 3 0 0");
+  EXPECT_EQ(proxy_.output(), "");
 }
 
 TEST_F(FailingStartsTest, TellWhenTheEndOfAStoppedProgramIsUnknown) {

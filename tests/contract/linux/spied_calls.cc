@@ -56,13 +56,21 @@ int SpiedCalls::note(const std::string& name) {
     calls_.push_back(name);
   }
   const auto found = failures_.find(name);
-  if (found == failures_.end() || found->second.passed-- != 0) {
+  if (found == failures_.end()) {
     return 0;
   }
-  if (found->second.action) {
-    found->second.action();
+  const Failure failure = found->second;
+  if (failure.passed > 0) {
+    --found->second.passed;
+    return 0;
   }
-  return found->second.error;
+  if (failure.passed == 0) {
+    failures_.erase(found);
+  }
+  if (failure.action) {
+    failure.action();
+  }
+  return failure.error;
 }
 
 }  // namespace zell::test

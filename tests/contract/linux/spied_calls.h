@@ -28,6 +28,8 @@ class SpiedCalls {
   void fail(const std::string& name, int error, int passed = 0) {
     failures_[name] = {error, passed, nullptr};
   }
+  /// Makes every call @p name fail with @p error.
+  void failAlways(const std::string& name, int error) { failures_[name] = {error, -1, nullptr}; }
   /// Runs @p action before the call @p name, the first time after @p passed calls.
   void before(const std::string& name, int passed, std::function<void()> action) {
     failures_[name] = {0, passed, std::move(action)};
@@ -41,7 +43,7 @@ class SpiedCalls {
  private:
   struct Failure {
     int error;
-    int passed;
+    int passed;  // below 0: always
     std::function<void()> action;
   };
 

@@ -27,16 +27,20 @@ OLD, NEW = b"old" * 100, b"new" * 200
 class TracedLife(EndToEndCase):
     """A life of the daemon under strace, with a client whose file is written meanwhile."""
 
-    def live(self, *injection, background=False, count=False):
-        """One life, which a SIGTERM ends unless it was ended before. Its exit status."""
+    def live(self, *injections, background=False):
+        """One life, which a SIGTERM ends unless it was ended before. Its exit status.
+
+        The trace shows the calls that @p injections are about, since strace leaves alone what it does
+        not show, and what signals came; without injections all calls.
+        """
         self.file("stored", OLD)
         self.mark, self.answered = self.log.mark(), False
+        shown = ",".join(injection.partition(":")[0] for injection in injections) or "all"
+        options = [f"--inject={injection}" for injection in injections]
         follow = ("-f",) if background else ()
-        trace = ("-e", "trace=all" if count else "trace=none")
         self.running = self.daemon(
             background=background, wait=False, detect_leaks=False,
-            wrapper=("strace", "-qq", *follow, "-e", "signal=none", *trace, "-o",
-                     self.path("trace"), *injection))
+            wrapper=("strace", "-qq", *follow, "-o", self.path("trace"), f"--trace={shown}", *options))
         if self.listens():
             self.work()
             self.stop_unless_ended()
@@ -74,16 +78,29 @@ class TracedLife(EndToEndCase):
         with contextlib.suppress(ProcessLookupError):
             os.kill(line.pid, signal.SIGTERM)
 
+    def trace(self):
+        with open(self.path("trace"), encoding="latin-1") as lines:
+            return lines.read()
+
     def calls(self, **options):
         """Each system call of a life that nothing disturbs, as its kind and its place among these."""
-        self.assertEqual(self.live(count=True, **options), 0)
-        with open(self.path("trace"), encoding="latin-1") as lines:
-            kinds = re.findall(r"^(?:\d+ +)?(\w+)\(", lines.read(), re.MULTILINE)
+        self.assertEqual(self.live(**options), 0)
+        kinds = re.findall(r"^(?:\d+ +)?(\w+)\(", self.trace(), re.MULTILINE)
         counts = collections.Counter(kinds)
         self.assertGreater(counts["select"] + counts["pselect6"], 0)
         return [(kind, place) for kind, most in counts.items()
                 if kind not in ("execve", "exit_group")
                 for place in range(1, most + 1) if place <= MOST_OF_A_KIND or place == most]
+
+    def sent(self, number):
+        """How many times strace itself sent the signal."""
+        return self.trace().count(f"--- {number.name} {{si_signo={number.name}, si_code=SI_KERNEL}}")
+
+    def assert_sent(self, kind, place, number):
+        """The signal came at that call, in each process that got so far."""
+        made = collections.Counter(re.findall(rf"^((?:\d+ +)?){kind}\(", self.trace(), re.MULTILINE))
+        reached = sum(1 for most in made.values() if most >= place)
+        self.assertEqual(self.sent(number), reached)
 
     def assert_whole(self):
         """The file is old or new, and new if the client was told so; no file was left beside it."""
@@ -113,7 +130,8 @@ class EverySystemCallTest(TracedLife):
         for kind, place in self.calls():
             number = next(numbers)
             with self.subTest(kind=kind, place=place, number=number):
-                status = self.live("-e", f"inject={kind}:signal={number.name}:when={place}")
+                status = self.live(f"{kind}:signal={number.name}:when={place}")
+                self.assert_sent(kind, place, number)
                 self.assert_good_order(status, number)
 
     def test_of_the_launcher_and_of_its_daemon(self):
@@ -121,7 +139,8 @@ class EverySystemCallTest(TracedLife):
         for kind, place in self.calls(background=True):
             number = next(numbers)
             with self.subTest(kind=kind, place=place, number=number):
-                self.live("-e", f"inject={kind}:signal={number.name}:when={place}", background=True)
+                self.live(f"{kind}:signal={number.name}:when={place}", background=True)
+                self.assert_sent(kind, place, number)
                 self.assert_whole()
                 # Whatever became of the launcher, the pid file does not keep the next one out.
                 self.assertEqual(self.log.count("daemon is already running", ERR, self.mark), 0)
@@ -133,12 +152,21 @@ class EverySystemCallTest(TracedLife):
 class ManySignalsTest(TracedLife):
     """More than one signal."""
 
+    def closes_before_the_first_line(self):
+        """Those of a life that nothing disturbs: a signal before it is ready for it would kill it."""
+        self.assertEqual(self.live(), 0)
+        before, first_line, _ = self.trace().partition("sendto(")
+        self.assertTrue(first_line)
+        return len(re.findall(r"^close\(", before, re.MULTILINE))
+
     def test_one_at_every_call_from_the_first_line_on(self):
+        closes = self.closes_before_the_first_line()
         for number in SIGNALS:
             with self.subTest(number=number):
-                status = self.live("-e", f"inject=sendto:signal={number.name}:when=1+",
-                                   "-e", f"inject=pselect6,select:signal={number.name}:when=1+",
-                                   "-e", f"inject=close:signal={number.name}:when=8+")
+                status = self.live(f"sendto:signal={number.name}:when=1+",
+                                   f"pselect6,select:signal={number.name}:when=1+",
+                                   f"close:signal={number.name}:when={closes + 1}+")
+                self.assertGreater(self.sent(number), 5)
                 self.assert_good_order(status, number)
 
 

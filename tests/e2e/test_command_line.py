@@ -2,13 +2,15 @@
 """The command line: what each argument does, the usage text, exit statuses, standard streams."""
 import itertools
 import os
+import re
 import signal
 import subprocess
 import unittest
 
 from support.case import SUCCESS, EndToEndCase
 from support.daemon import BINARY, sanitizer_options
-from support.logs import INFO
+from support.logs import ERR, INFO
+from support.world import PID_FILE
 
 USAGE = (b"Usage: runeld [OPTION]\n"
          b"Execute commands from the update manager daemon\n"
@@ -153,6 +155,38 @@ class StopLineTest(EndToEndCase):
     def test_the_foreground_logs_no_stop(self):
         self.assert_stops(self.daemon())
         self.assertEqual(self.log.count(self.STOP), 0)
+
+
+class ExceptionTest(EndToEndCase):
+    """An exception that nothing catches on its way: a line, and status 1."""
+
+    ODD = "unhandled exception caught, outer::OddError: 100 %s of it: %m"
+    UNKNOWN = "unhandled exception caught, exception unknown"
+
+    def throwing(self, what, **options):
+        environment = {"LD_PRELOAD": os.environ["RUNELD_THROWING_SELECT"], "RUNELD_THROW": what}
+        return self.daemon(environment=environment, **options)
+
+    def last_lines(self, daemon):
+        """The last three of the daemon, without the numbers of sockets."""
+        self.assertEqual(daemon.wait(), 1)
+        own = [line for line in self.log.lines if line.pid == daemon.pid]
+        return [(line.level, re.sub(r"socket \d+$", "socket N", line.text)) for line in own[-3:]]
+
+    def test_a_standard_one_is_shown_by_type_and_text_when_all_is_closed(self):
+        self.assertEqual(self.last_lines(self.throwing("error"))[1:],
+                         [(INFO, "closing listening socket N"), (ERR, self.ODD)])
+
+    def test_any_other_is_unknown(self):
+        self.assertEqual(self.last_lines(self.throwing("number"))[1:],
+                         [(INFO, "closing listening socket N"), (ERR, self.UNKNOWN)])
+
+    def test_the_daemon_logs_its_stop_behind_it_and_leaves_the_pid_file(self):
+        daemon = self.throwing("error", background=True)
+        self.assertEqual(self.last_lines(daemon), [
+            (INFO, "closing listening socket N"), (ERR, self.ODD),
+            (INFO, f"stop runeld (pid = {daemon.pid}), exit status 1")])
+        self.assertTrue(os.path.exists(PID_FILE))
 
 
 class StreamsTest(EndToEndCase):

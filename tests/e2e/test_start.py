@@ -125,6 +125,25 @@ class ListenFailureTest(PortCase):
         self.log.wait_for("exiting on signal: 15", INFO)
 
 
+class AddressInUseTest(EndToEndCase):
+    """The option that lets the port be taken again at once cannot be set."""
+
+    def test_that_is_told_and_the_port_listened_on_all_the_same(self):
+        # In a network of its own: this one's port may still be waiting for its last connections.
+        daemon = self.daemon(detect_leaks=False, wrapper=(
+            "unshare", "--net", "strace", "-qq", "-o", self.path("trace"), "--trace=setsockopt",
+            "--inject=setsockopt:error=ENOPROTOOPT:when=1"))
+        lines = self.log.lines
+        first = next(at for at, line in enumerate(lines) if line.level == WARNING)
+        self.assertEqual(lines[first].text, "warning: setsockopt() failure: Protocol not available")
+        self.assertRegex(lines[first + 1].text, r"\Abind succeeded, port = 5111, socket = \d+\Z")
+        self.assertEqual(lines[first + 2].text, "listening on port 5111")
+        with open(self.path("trace"), encoding="latin-1") as trace:
+            self.assertRegex(trace.readline(), r"SO_REUSEADDR, \[1\], 4\) = .* \(INJECTED\)")
+        os.kill(lines[first].pid, signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+
+
 class ProcessListTest(PortCase):
     """The tools of the listen policy, on a root file system that has them."""
 

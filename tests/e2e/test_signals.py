@@ -11,6 +11,7 @@ import re
 import signal
 import unittest
 
+from support import world
 from support.case import SUCCESS, EndToEndCase
 from support.logs import ERR
 from support.wait import wait_until
@@ -23,9 +24,13 @@ MOST_OF_A_KIND = 8
 
 OLD, NEW = b"old" * 100, b"new" * 200
 
+HOSTS, NEW_HOSTS = "/etc/hosts", "/etc/hosts.new"
+ENTRY = "127.0.0.1 update-master\n"
+
 
 class TracedLife(EndToEndCase):
-    """A life of the daemon under strace, with a client whose file is written meanwhile."""
+    """A life of the daemon under strace: a client has a file written and a program run, and an agent
+    takes the master's alias over."""
 
     def live(self, *injections, background=False):
         """One life, which a SIGTERM ends unless it was ended before. Its exit status.
@@ -34,6 +39,8 @@ class TracedLife(EndToEndCase):
         not show, and what signals came; without injections all calls.
         """
         self.file("stored", OLD)
+        with open(HOSTS, "w", encoding="ascii") as hosts:
+            hosts.write(world.HOSTS)
         self.mark, self.answered = self.log.mark(), False
         shown = ",".join(injection.partition(":")[0] for injection in injections) or "all"
         options = [f"--inject={injection}" for injection in injections]
@@ -70,7 +77,18 @@ class TracedLife(EndToEndCase):
         with contextlib.suppress(OSError, AssertionError):  # it may end at any time
             client = self.client()
             self.answered = client.ask("write", self.path("stored"), NEW).fields == SUCCESS
+            client.ask("exec", "/bin/true")
             client.close()
+        with contextlib.suppress(OSError):
+            agent = self.client()
+            agent.socket.sendall(b"<a/>")
+            wait_until(lambda: ENTRY in self.hosts() or self.ended(), "the alias is taken over")
+            agent.close()
+
+    @staticmethod
+    def hosts():
+        with open(HOSTS, encoding="ascii") as hosts:
+            return hosts.read()
 
     def stop_unless_ended(self):
         """Also an end that is on its way takes one more signal."""
@@ -103,12 +121,14 @@ class TracedLife(EndToEndCase):
         self.assertEqual(self.sent(number), reached)
 
     def assert_whole(self):
-        """The file is old or new, and new if the client was told so; no file was left beside it."""
+        """The files are old or new, the client's new if it was told so; none was left beside one."""
         content = self.content("stored")
         self.assertIn(content, (NEW,) if self.answered else (OLD, NEW))
         strangers = [name for name in os.listdir(self.folder)
                      if name not in ("stored", "trace") and not name.startswith("stderr.")]
         self.assertEqual(strangers, [])
+        self.assertIn(self.hosts(), (world.HOSTS, world.HOSTS + ENTRY))
+        self.assertFalse(os.path.exists(NEW_HOSTS))
 
     def assert_good_order(self, status, number):
         """It ended with 0 and said by what signal, or died of it before it had said a word."""

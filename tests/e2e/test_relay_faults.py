@@ -14,11 +14,11 @@ from support.wait import PATIENCE, wait_until
 
 MIB = 1 << 20
 
-# How many agents come and go, how many of them while the master swallows packets, and how large an
-# unfinished clause gets. A nightly run sets 10000, 20 and 1024.
-AGENTS = int(os.environ.get("RUNELD_E2E_AGENTS", "2000"))
+# How many agents come and go, how many of them while the master swallows packets (a nightly run sets
+# 20), and how large an unfinished clause gets.
+AGENTS = 2000 if is_instrumented() else 10000
 SWALLOWED_AGENTS = int(os.environ.get("RUNELD_E2E_SWALLOWED_AGENTS", "5"))
-CLAUSE_MIB = int(os.environ.get("RUNELD_E2E_CLAUSE_MIB", "64"))
+CLAUSE_MIB = 64 if is_instrumented() else 1024
 REFUSED_AGENTS = 500
 
 CLAUSE = b"<clause>" + b"x" * 183 + b"</clause>"

@@ -1,62 +1,95 @@
 # SPDX-License-Identifier: Apache-2.0
 """The measurements of scripts/compare-runelctl; runs inside a private world only."""
+import argparse
 import os
 import random
 import shutil
-import socket
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
-ROUNDS = int(os.environ.get("ROUNDS", "5"))
-DEVICES = int(os.environ.get("DEVICES", "200"))
-COMMANDS = int(os.environ.get("COMMANDS", "1000"))
+from compare_devices import Devices, silent_master, wait_for_port
+
+PARTS = ("memory", "disk", "commands", "devices")
 MIB = 1 << 20
+MOST = 900  # seconds for one call of one tool: more is a hang
+URL = "rsync://127.0.0.1/all"
 
 
 def run(*words, **options):
     if "input" not in options:
         options["stdin"] = subprocess.DEVNULL
     done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
-                          **options)
+                          timeout=MOST, **options)
     if done.returncode:
-        sys.exit(f"{words}: status {done.returncode}\n{done.stdout.decode(errors='replace')[-2000:]}")
+        text = done.stdout.decode(errors="replace")[-2000:]
+        sys.exit(f"{words}: status {done.returncode}\n{text}")
     return done.stdout
 
 
-def wait_for_port(address, port):
-    for _ in range(3000):
-        with socket.socket() as probe:
-            if probe.connect_ex((address, port)) == 0:
-                return
-        time.sleep(0.01)
-    sys.exit(f"nobody listens at {address}:{port}")
+def contents(path):
+    """All that a copy of @p path must have in common with it."""
+    found = {}
+    for place, folders, files in os.walk(path):
+        for name in (*folders, *files):
+            full = os.path.join(place, name)
+            about = os.lstat(full)
+            data = b"" if name in folders else open(full, "rb").read()
+            found[os.path.relpath(full, path)] = (about.st_mode, about.st_mtime_ns, data)
+    if not os.path.isdir(path):
+        found[""] = (os.stat(path).st_mtime_ns, open(path, "rb").read())
+    return found
 
 
-def row(title, rivals):
-    """@p rivals: (name, prepare, work) each. Rounds in turn, so that all have the same weather."""
-    times = {name: [] for name, _, _ in rivals}
-    for _ in range(ROUNDS):
-        for name, prepare, work in rivals:
-            prepare()
-            begin = time.monotonic()
-            work()
-            times[name].append(time.monotonic() - begin)
-    ours = statistics.median(times[rivals[0][0]])
-    for name, values in times.items():
-        middle = statistics.median(values)
-        print(f"| {title} | {name} | {middle:.3f} s | {min(values):.3f} to {max(values):.3f} | "
-              f"{middle / ours:.2f} |", flush=True)
+def expect(right, what):
+    if not right:
+        sys.exit(f"{what}: not what was to be measured")
+
+
+class Table:
+    """Each row's tools in turn, round by round, so that all have the same weather."""
+
+    def __init__(self, rounds, limit):
+        self.rounds, self.limit = rounds, limit
+        self.loads = [os.getloadavg()[0]]
+        print("| what | by | median | from, to | rounds | beside runelctl |\n"
+              "|---|---|---|---|---|---|", flush=True)
+
+    def row(self, title, rivals, prepare=lambda: None, check=lambda name, result: None):
+        """@p rivals: name and work of each, ours first. @p check sees what each work returned."""
+        times = {name: [] for name, _ in rivals}
+        end = time.monotonic() + self.limit
+        done = 0
+        while done == 0 or (done < self.rounds and time.monotonic() < end):
+            for name, work in rivals:
+                prepare()
+                begin = time.monotonic()
+                result = work()
+                times[name].append(time.monotonic() - begin)
+                check(f"{title}, {name}", result)
+            done += 1
+        self.loads.append(os.getloadavg()[0])
+        ours = times[rivals[0][0]]
+        for name, values in times.items():
+            # Of the ratios in each round: what else the machine did then, it did to both.
+            ratio = statistics.median(theirs / mine for theirs, mine in zip(values, ours))
+            print(f"| {title} | {name} | {statistics.median(values):.3f} s | {min(values):.3f} to "
+                  f"{max(values):.3f} | {done} | {ratio:.2f} |", flush=True)
 
 
 class Bench:
-    def __init__(self, binaries):
-        self.ctl = os.path.join(binaries, "runelctl")
-        self.daemon = os.path.join(binaries, "runeld")
-        self.folder = tempfile.mkdtemp()
+    def __init__(self, options):
+        self.ctl = os.path.join(options.binaries, "runelctl")
+        self.daemon = os.path.join(options.binaries, "runeld")
+        # Not below /run, which each of many devices has for itself.
+        self.folder = tempfile.mkdtemp(dir="/dev/shm")
+        self.options = options
+        self.master = silent_master("127.0.0.1")
         self.keys()
+        self.swallow_log(options.binaries)
+        self.table = Table(options.rounds, options.limit)
 
     def swallow_log(self, binaries):
         """As many lines wait for the log's reader as on a machine that systemd started."""
@@ -74,9 +107,11 @@ class Bench:
             run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.path(name))
         shutil.copy(self.path("user.pub"), self.path("authorized"))
         with open(self.path("sshd_config"), "w", encoding="utf-8") as config:
-            config.write(f"HostKey {self.path('host')}\nAuthorizedKeysFile {self.path('authorized')}\n"
+            config.write(f"HostKey {self.path('host')}\n"
+                         f"AuthorizedKeysFile {self.path('authorized')}\n"
                          "Port 22\nPidFile none\nStrictModes no\nUsePAM no\nPermitRootLogin yes\n"
-                         "MaxStartups 1000\nMaxSessions 1000\nUseDNS no\n")
+                         "MaxStartups 1000\nMaxSessions 1000\nUseDNS no\n"
+                         "Subsystem sftp internal-sftp\n")
         with open(self.path("ssh_config"), "w", encoding="utf-8") as config:
             config.write(f"IdentityFile {self.path('user')}\nStrictHostKeyChecking no\n"
                          "UserKnownHostsFile /dev/null\nLogLevel ERROR\nUser root\n")
@@ -89,6 +124,7 @@ class Bench:
             passwd.writelines(lines)
 
     def serve(self):
+        """One device here, as its unit starts it."""
         subprocess.Popen([self.daemon, "-n"], cwd="/", stdin=subprocess.DEVNULL,
                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                          start_new_session=True)
@@ -99,16 +135,23 @@ class Bench:
         subprocess.Popen(["rsync", "--daemon", "--no-detach", "--port=873",
                           f"--config={self.path('rsyncd.conf')}"], start_new_session=True)
         for port in (5111, 22, 873):
-            wait_for_port("127.0.0.1", port)
+            wait_for_port("127.0.0.1", port, time.monotonic() + 60)
 
-    def files(self, where, disk):
-        source, there = os.path.join(disk, "source"), os.path.join(disk, "there")
-        os.makedirs(os.path.join(source, "tree"))
+    def memory(self):
+        self.files("in memory", self.path("memory"))
+
+    def disk(self):
+        self.files("on a disk", os.path.join(self.options.disk, "disk"))
+
+    def files(self, where, room):
+        source, there = os.path.join(room, "source"), os.path.join(room, "there")
+        big, tree = os.path.join(source, "big"), os.path.join(source, "tree")
+        os.makedirs(tree)
         data = random.Random(1)
-        with open(os.path.join(source, "big"), "wb") as file:
+        with open(big, "wb") as file:
             file.write(data.randbytes(64 * MIB))
         for number in range(2000):
-            folder = os.path.join(source, "tree", f"d{number % 40}")
+            folder = os.path.join(tree, f"d{number % 40}")
             os.makedirs(folder, exist_ok=True)
             with open(os.path.join(folder, f"f{number}"), "wb") as file:
                 file.write(data.randbytes(data.randrange(8192)))
@@ -118,126 +161,142 @@ class Bench:
             os.mkdir(there)
             os.sync()
 
-        url = "rsync://127.0.0.1/all"
-        big, tree = os.path.join(source, "big"), os.path.join(source, "tree")
+        def arrived(original):
+            wanted = contents(original)
+            copy = os.path.join(there, os.path.basename(original))
+            return lambda name, _: expect(contents(copy) == wanted, name)
 
-        def ctl(*words):
-            return lambda: run(self.ctl, *words)
+        def pair(ours, theirs):
+            return [("runelctl", lambda: run(self.ctl, *ours)),
+                    ("rsync", lambda: run("rsync", "-a", *theirs))]
 
-        def rsync(*words):
-            return lambda: run("rsync", "-a", *words)
+        def pushes(ours, theirs):
+            # On a disk also with what runelctl does: what has its name is on the disk.
+            synced = [("rsync --fsync", lambda: run("rsync", "-a", "--fsync", *theirs))]
+            return pair(ours, theirs) + (synced if "disk" in where else [])
 
-        row(f"push 64 MiB, {where}", [
-            ("runelctl", clean, ctl("push", big, there + "/")),
-            ("rsync", clean, rsync(big, url + there + "/"))])
-        row(f"pull 64 MiB, {where}", [
-            ("runelctl", clean, ctl("pull", big, there + "/")),
-            ("rsync", clean, rsync(url + big, there + "/"))])
-        row(f"push 2,000 files, {where}", [
-            ("runelctl", clean, ctl("push", "-r", tree, there + "/")),
-            ("rsync", clean, rsync(tree, url + there + "/"))])
-        row(f"pull 2,000 files, {where}", [
-            ("runelctl", clean, ctl("pull", "-r", tree, there + "/")),
-            ("rsync", clean, rsync(url + tree, there + "/"))])
-        run(self.ctl, "sync", tree, there + "/same")
-        row(f"2,000 files of which none differs, {where}", [
-            ("runelctl", lambda: None, ctl("sync", tree, there + "/same")),
-            ("rsync", lambda: None, rsync(tree + "/", url + there + "/same"))])
-        shutil.rmtree(disk)
+        row = self.table.row
+        row(f"push 64 MiB, {where}", pushes(["push", big, there + "/"], [big, URL + there + "/"]),
+            clean, arrived(big))
+        row(f"pull 64 MiB, {where}", pair(["pull", big, there + "/"], [URL + big, there + "/"]),
+            clean, arrived(big))
+        row(f"push 2,000 files, {where}",
+            pushes(["push", "-r", tree, there + "/"], [tree, URL + there + "/"]), clean,
+            arrived(tree))
+        row(f"pull 2,000 files, {where}",
+            pair(["pull", "-r", tree, there + "/"], [URL + tree, there + "/"]), clean,
+            arrived(tree))
+        run(self.ctl, "sync", tree, there + "/tree")
+        row(f"2,000 files of which none differs, {where}",
+            pair(["sync", tree, there + "/tree"], [tree + "/", URL + there + "/tree"]),
+            check=arrived(tree))
+        shutil.rmtree(room)
 
     def commands(self):
         control = self.path("control")
-        base = ["ssh", "-F", self.path("ssh_config"), "-S", control]
-        subprocess.Popen([*base, "-M", "-N", "127.0.0.1"], stdin=subprocess.DEVNULL,
-                         start_new_session=True)
+        ssh = ["ssh", "-F", self.path("ssh_config"), "-S", control]
+        master = subprocess.Popen([*ssh, "-M", "-N", "127.0.0.1"], stdin=subprocess.DEVNULL,
+                                  start_new_session=True)
         while not os.path.exists(control):
             time.sleep(0.01)
+        command = ["/bin/echo", "ran"]
 
-        def each(*words):
-            def work():
-                for _ in range(COMMANDS):
-                    run(*words)
-            return work
+        def each(count, *words):
+            return lambda: b"".join(run(*words, *command) for _ in range(count))
 
-        row(f"{COMMANDS} commands, a process each", [
-            ("runelctl", lambda: None, each(self.ctl, "exec", "--", "true")),
-            ("ssh, kept connection", lambda: None, each(*base, "127.0.0.1", "true"))])
-        lines = b"exec -- true\n" * COMMANDS
-        if b"\n  shell " in run(self.ctl, "--help"):
-            row(f"{COMMANDS} commands, one process", [
-                ("runelctl shell", lambda: None, lambda: run(self.ctl, "shell", input=lines)),
-                ("ssh, kept connection, a process each", lambda: None,
-                 each(*base, "127.0.0.1", "true"))])
+        def all_ran(count):
+            return lambda name, result: expect(result.count(b"ran\n") == count, name)
 
-    def many(self):
-        run("ip", "link", "add", "bridge", "type", "bridge")
-        run("ip", "addr", "add", "10.9.0.1/16", "dev", "bridge")
-        run("ip", "link", "set", "bridge", "up")
-        os.makedirs("/run/netns", exist_ok=True)
-        addresses = [f"10.9.{number // 200 + 1}.{number % 200 + 1}" for number in range(DEVICES)]
-        for number, address in enumerate(addresses):
-            space = f"d{number}"
-            run("ip", "netns", "add", space)
-            run("ip", "link", "add", f"v{number}", "type", "veth", "peer", "name", "eth0", "netns",
-                space)
-            run("ip", "link", "set", f"v{number}", "master", "bridge", "up")
-            run("ip", "-n", space, "addr", "add", address + "/16", "dev", "eth0")
-            run("ip", "-n", space, "link", "set", "eth0", "up")
-            run("ip", "-n", space, "link", "set", "lo", "up")
-            # A pid file of its own for each daemon.
-            device = "mount -t tmpfs tmpfs /var/run && exec \"$0\" -n -i 10.9.0.1"
-            subprocess.Popen(["ip", "netns", "exec", space, "unshare", "--mount", "sh", "-c", device,
-                              self.daemon], cwd="/", start_new_session=True,
-                             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                             stderr=subprocess.DEVNULL)
-            subprocess.Popen(["ip", "netns", "exec", space, "/usr/sbin/sshd", "-D", "-f",
-                              self.path("sshd_config")], start_new_session=True,
-                             stderr=subprocess.DEVNULL)
-        for address in addresses:
-            for port in (5111, 22):
-                wait_for_port(address, port)
-        with open(self.path("list"), "w", encoding="utf-8") as lines:
-            lines.write("".join(address + "\n" for address in addresses))
+        count = self.options.commands
+        lines = ("exec -- " + " ".join(command) + "\n").encode() * count
+        self.table.row(f"{count} commands on one connection", [
+            ("runelctl shell", lambda: run(self.ctl, "shell", input=lines)),
+            ("ssh, kept connection", each(count, *ssh, "127.0.0.1"))], check=all_ran(count))
+        count //= 10
+        self.table.row(f"{count} commands, a process each", [
+            ("runelctl, a connection each", each(count, self.ctl, "exec", "--")),
+            ("ssh, kept connection", each(count, *ssh, "127.0.0.1"))], check=all_ran(count))
+        master.terminate()
+        master.wait()
+
+    def devices(self):
+        count = self.options.devices
+        begin = time.monotonic()
+        with Devices(count, self.daemon, self.path("sshd_config")) as devices:
+            print(f"{count} devices are there after {time.monotonic() - begin:.0f} s",
+                  file=sys.stderr, flush=True)
+            names = self.path("list")
+            with open(names, "w", encoding="utf-8") as lines:
+                lines.write("".join(address + "\n" for address in devices.addresses))
+            self.run_on_all(count, names)
+            self.push_to_all(count, names, devices)
+
+    def run_on_all(self, count, names):
         ssh = f"-F {self.path('ssh_config')}"
         environment = {**os.environ, "PDSH_SSH_ARGS_APPEND": ssh}
-        row(f"one command on {DEVICES} devices, 64 at a time", [
-            ("runelctl", lambda: None,
-             lambda: run(self.ctl, "--devices", self.path("list"), "exec", "--", "uname", "-r")),
-            ("pdsh with ssh", lambda: None,
-             lambda: run("pdsh", "-R", "ssh", "-f", "64", "-w", "^" + self.path("list"), "uname",
-                         "-r", env=environment)),
-            ("parallel with ssh", lambda: None,
-             lambda: run("parallel", "-j", "64", "-a", self.path("list"),
-                         f"ssh {ssh} {{}} uname -r"))])
+        command = ["uname", "-r"]
+        answer = os.uname().release.encode()
+        self.table.row(f"one command on {count} devices, 64 at a time", [
+            ("runelctl",
+             lambda: run(self.ctl, "--devices", names, "--prefix", "exec", "--", *command)),
+            ("pdsh with ssh",
+             lambda: run("pdsh", "-R", "ssh", "-f", "64", "-w", "^" + names, *command,
+                         env=environment)),
+            ("parallel with ssh",
+             lambda: run("parallel", "-j", "64", "-a", names, f"ssh {ssh} {{}} uname -r"))],
+            check=lambda name, result: expect(result.count(answer) == count, name))
+
+    def push_to_all(self, count, names, devices):
+        ssh = f"-F {self.path('ssh_config')}"
         file = self.path("script")
         with open(file, "wb") as script:
             script.write(b"#!/bin/sh\nuname -r\n" + b"# padding\n" * 10000)
-        row(f"one file of 100 kB to {DEVICES} devices, 64 at a time", [
-            ("runelctl", lambda: None,
-             lambda: run(self.ctl, "--devices", self.path("list"), "push", file, "/var/run/")),
-            ("parallel with scp", lambda: None,
-             lambda: run("parallel", "-j", "64", "-a", self.path("list"),
-                         f"scp -q {ssh} {file} {{}}:/var/run/copy-{{}}"))])
+        copies = devices.paths("/run/script")
+
+        def clean():
+            for copy in copies:
+                if os.path.exists(copy):
+                    os.unlink(copy)
+
+        def arrived(name, _):
+            expect(all(open(copy, "rb").read() == open(file, "rb").read() for copy in copies), name)
+
+        self.table.row(f"one file of 100 kB to {count} devices, 64 at a time", [
+            ("runelctl", lambda: run(self.ctl, "--devices", names, "push", file, "/run/")),
+            ("parallel with scp",
+             lambda: run("parallel", "-j", "64", "-a", names, f"scp -q {ssh} {file} {{}}:/run/"))],
+            clean, arrived)
+
+
+def scan_options():
+    parser = argparse.ArgumentParser(prog="scripts/compare-runelctl")
+    parser.add_argument("--binaries", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--disk", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--only", default=",".join(PARTS), metavar="PART[,PART...]",
+                        help="of " + ", ".join(PARTS))
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--limit", type=float, default=300, metavar="SECONDS",
+                        help="begin no further round of a row after so long")
+    parser.add_argument("--commands", type=int, default=1000)
+    parser.add_argument("--devices", type=int, default=200)
+    options = parser.parse_args()
+    options.only = options.only.split(",")
+    if not set(options.only) <= set(PARTS):
+        parser.error("--only has parts of " + ", ".join(PARTS))
+    return options
 
 
 def main():
     if os.environ.get("RUNELD_WORLD") != "1":
         sys.exit("this runs in scripts/world only")
-    bench = Bench(sys.argv[1])
-    bench.swallow_log(sys.argv[1])
-    bench.serve()
-    print(f"{os.cpu_count()} processors, load {os.getloadavg()[0]:.1f} at the start, "
-          f"median of {ROUNDS} rounds\n")
-    print("| what | by | median | from, to | beside runelctl |\n|---|---|---|---|---|")
-    parts = os.environ.get("PARTS", "memory,commands,many,disk").split(",")
-    if "memory" in parts:
-        bench.files("in memory", bench.path("memory"))
-    if "commands" in parts:
-        bench.commands()
-    if "many" in parts:
-        bench.many()
-    if "disk" in parts:
-        bench.files("on a disk", tempfile.mkdtemp(dir="/var/tmp"))
+    options = scan_options()
+    bench = Bench(options)
+    if set(options.only) - {"devices"}:
+        bench.serve()
+    for part in options.only:
+        getattr(bench, part)()
+    print(f"\n{os.cpu_count()} processors, load {min(bench.table.loads):.1f} to "
+          f"{max(bench.table.loads):.1f}, at most {options.rounds} rounds")
 
 
 main()

@@ -1,0 +1,106 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Many devices on one machine, for scripts/compare-runelctl: each is a network namespace with a
+daemon and an ssh server in it, and a bridge joins them."""
+import socket
+import subprocess
+import time
+
+MASTER, MASTER_PORT = "10.9.0.1", 5112
+PATIENCE = 300  # seconds for all devices to be there, on a machine that has other work
+
+# What a device does: it tells that its namespaces are there, waits for the cable, then serves.
+# Its /run is its own: the daemon's pid file is there, and what is pushed.
+DEVICE = f"""set -e
+echo made
+read -r address
+ip -batch - <<END
+link set lo up
+address add $address/16 dev eth0
+link set eth0 up
+END
+mount -t tmpfs tmpfs /run
+mkdir /run/sshd
+"$1" -n -i {MASTER} >/dev/null 2>&1 &
+exec /usr/sbin/sshd -D -f "$2" >/dev/null 2>&1
+"""
+
+
+def wait_for_port(address, port, deadline):
+    while True:
+        with socket.socket() as probe:
+            probe.settimeout(5)
+            if probe.connect_ex((address, port)) == 0:
+                return
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"nobody listens at {address}:{port}")
+        time.sleep(0.01)
+
+
+def silent_master(address):
+    """A master for daemons that says nothing, as most do most of the time.
+
+    Without one, a daemon dials it again with every packet that it reads, and ten times a second
+    when nothing comes: that is the work of a device that was cut off, not of one that serves.
+    """
+    master = socket.socket()
+    master.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    master.bind((address, MASTER_PORT))
+    master.listen(4096)
+    return master
+
+
+class Devices:
+    """`with Devices(...) as devices:` has them for as long as the block lasts."""
+
+    def __init__(self, count, daemon, sshd_config):
+        self.addresses = [f"10.9.{number // 200 + 1}.{number % 200 + 1}" for number in range(count)]
+        self.words = [daemon, sshd_config]
+        self.processes = []
+        self.master = None
+
+    def __enter__(self):
+        try:
+            self.plug()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        for process in self.processes:
+            process.kill()  # unshare takes all that is in its namespaces along
+        for process in self.processes:
+            process.wait()
+        if self.master is not None:
+            self.master.close()
+        subprocess.run(["ip", "link", "delete", "bridge"], check=False)
+
+    def plug(self):
+        self.batch("link add bridge type bridge", f"address add {MASTER}/16 dev bridge",
+                   "link set bridge up")
+        self.master = silent_master(MASTER)
+        for _ in self.addresses:
+            self.processes.append(subprocess.Popen(
+                ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "sh", "-c",
+                 DEVICE, "device", *self.words],
+                cwd="/", stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True))
+        for process in self.processes:
+            process.stdout.readline()
+        self.batch(*(f"link add v{number} type veth peer name eth0 netns {process.pid}\n"
+                     f"link set v{number} master bridge up"
+                     for number, process in enumerate(self.processes)))
+        for address, process in zip(self.addresses, self.processes):
+            process.stdin.write(address.encode() + b"\n")
+            process.stdin.close()
+        deadline = time.monotonic() + PATIENCE
+        for address in self.addresses:
+            for port in (5111, 22):
+                wait_for_port(address, port, deadline)
+
+    @staticmethod
+    def batch(*lines):
+        subprocess.run(["ip", "-batch", "-"], input="\n".join(lines).encode(), check=True)
+
+    def paths(self, path):
+        """What @p path of each device is called outside of it."""
+        return [f"/proc/{process.pid}/root{path}" for process in self.processes]

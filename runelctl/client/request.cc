@@ -3,15 +3,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <sstream>
 #include <string_view>
 #include <utility>
 
 #include <sys/wait.h>
 
 #include <zell/slave_task.h>
-
-#include "base/stream_view.h"
 
 namespace zell::ctl {
 namespace {
@@ -68,6 +65,12 @@ Request request(std::vector<std::string> args) {
   return made;
 }
 
+Request request(std::vector<std::string> args, std::string&& content) {
+  Request made = request(std::move(args));
+  made.args.push_back(std::move(content));
+  return made;
+}
+
 Request execRequest(const std::vector<std::string>& argv, int limit) {
   std::vector<std::string> args{"exec"};
   args.insert(args.end(), argv.begin(), argv.end());
@@ -82,11 +85,11 @@ Request execRequest(const std::vector<std::string>& argv, int limit) {
 }
 
 std::string encode(const Request& request) {
-  std::ostringstream text;
-  SlaveTask(request.args, request.execParam, "", SlaveStatus::success, WatchProcessState_t::none, 0,
-            0, 0)
-      .serialize(text);
-  return std::string(viewOf(text));
+  const SlaveTask record(request.args, request.execParam, "", SlaveStatus::success,
+                         WatchProcessState_t::none, 0, 0, 0);
+  SlaveTask::Parts parts = record.parts();
+  parts.head.append(parts.output).append(parts.tail);
+  return std::move(parts.head);
 }
 
 std::optional<Reply> decodeReply(std::string&& payload) {

@@ -35,6 +35,9 @@ struct Request {
 /// A request for the task @p args[0], with limits that fit that task.
 [[nodiscard]] Request request(std::vector<std::string> args);
 
+/// The same with @p content as the last argument; a long one is not copied.
+[[nodiscard]] Request request(std::vector<std::string> args, std::string&& content);
+
 /// An "exec" of @p argv; @p limit in seconds as the task takes it: 0 without limit, below 0 in the
 /// background.
 [[nodiscard]] Request execRequest(const std::vector<std::string>& argv, int limit);

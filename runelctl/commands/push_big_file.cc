@@ -114,7 +114,7 @@ std::optional<Pipeline::Item> PushJob::nextPiece() {
     count(size, bigFile_->item->target);
     return reply.ok();
   };
-  return Pipeline::Item{request({"append", file.part, std::move(bytes)}), size, handle};
+  return Pipeline::Item{request({"append", file.part}, std::move(bytes)), size, handle};
 }
 
 void PushJob::endPieces() {

@@ -148,7 +148,7 @@ std::optional<Pipeline::Item> PushJob::nextSmallFile() {
       }
       return true;
     };
-    return Pipeline::Item{request({"write", item.target, std::move(content)}), size, handle};
+    return Pipeline::Item{request({"write", item.target}, std::move(content)), size, handle};
   }
   return std::nullopt;
 }

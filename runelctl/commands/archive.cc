@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace zell::ctl {
 namespace {
@@ -39,7 +40,7 @@ std::string paxRecord(const std::string& rest) {
 
 void Archive::header(std::string_view name, char type, const About& about, std::size_t size) {
   char block[kBlock] = {};
-  std::memcpy(block, name.data(), std::min<std::size_t>(name.size(), kModePlace - 1));
+  std::memcpy(block, name.data(), std::min(name.size(), kMostName));
   putOctal(block + kModePlace, 7, about.mode & 07777U);
   putOctal(block + kOwnerPlace, 7, std::min(about.uid, kMostOwner));
   putOctal(block + kGroupPlace, 7, std::min(about.gid, kMostOwner));
@@ -64,23 +65,31 @@ void Archive::padded(std::string_view content) {
   bytes_.append((kBlock - content.size() % kBlock) % kBlock, '\0');
 }
 
-void Archive::add(std::string_view name, const About& about, std::string_view content) {
-  // The plain header has room for whole seconds from 1970 on. A tar that does not know the other
-  // form takes it for a file of its own and says so; all in use know it.
+// The plain header has room for whole seconds from 1970 on. A tar that does not know the other form
+// takes it for a file of its own and says so; all in use know it.
+void Archive::exactTime(const Moment& mtime) {
   char time[64];
-  std::snprintf(time, sizeof time, "mtime=%lld.%09lld\n",
-                static_cast<long long>(about.mtime.seconds),
-                static_cast<long long>(about.mtime.nanoseconds));
+  std::snprintf(time, sizeof time, "mtime=%lld.%09lld\n", static_cast<long long>(mtime.seconds),
+                static_cast<long long>(mtime.nanoseconds));
   const std::string record = paxRecord(time);
-  header("./PaxHeaders/m", 'x', {0644, 0, 0, about.mtime}, record.size());
+  header("./PaxHeaders/m", 'x', {0644, 0, 0, mtime}, record.size());
   padded(record);
+}
+
+void Archive::add(std::string_view name, const About& about, std::string_view content) {
+  exactTime(about.mtime);
   header(name, '0', about, content.size());
   padded(content);
 }
 
-const std::string& Archive::finish() {
+void Archive::addFolder(std::string_view name, const About& about) {
+  exactTime(about.mtime);
+  header(name, '5', about, 0);
+}
+
+std::string Archive::finish() {
   bytes_.append(2 * kBlock, '\0');
-  return bytes_;
+  return std::move(bytes_);
 }
 
 }  // namespace zell::ctl

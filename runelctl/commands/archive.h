@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many small files as one: the archive format that every device's tar reads.
+// Many small files or folders as one: the archive format that every device's tar reads.
 #ifndef ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
 #define ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
 
@@ -11,7 +11,7 @@
 
 namespace zell::ctl {
 
-/// Builds an archive of plain files in memory.
+/// Builds an archive of plain files and folders in memory.
 class Archive {
  public:
   struct About {
@@ -21,14 +21,19 @@ class Archive {
     Moment mtime;
   };
 
-  /// @p name is short: at most 99 bytes.
+  static constexpr std::size_t kMostName = 99;
+
+  /// A file. @p name is short: at most kMostName bytes.
   void add(std::string_view name, const About& about, std::string_view content);
+  /// A folder, likewise.
+  void addFolder(std::string_view name, const About& about);
   /// The whole archive with its end. Nothing may be added afterwards.
-  [[nodiscard]] const std::string& finish();
+  [[nodiscard]] std::string finish();
   [[nodiscard]] std::size_t size() const { return bytes_.size(); }
 
  private:
   void header(std::string_view name, char type, const About& about, std::size_t size);
+  void exactTime(const Moment& mtime);
   void padded(std::string_view content);
 
   std::string bytes_;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Many small files as one archive, unpacked by the device's tar in a hidden folder beside them and
 // renamed one by one: one synchronised write instead of thousands, and each file is the old or the
-// new one as ever. Whatever does not work this way is sent file by file.
+// new one as ever. Whatever does not work this way is sent file by file. At the end an archive of
+// the folders alone gives them their modes and times.
 #include <algorithm>
 #include <utility>
 
@@ -56,19 +57,13 @@ void PushJob::sendArchive() {
     sendSmallFiles();
     return;
   }
-  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const Reply&) {});
-  ask(execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0), [](const Reply&) {});
-  ask(request({"write", batch_->stage + "/archive", std::move(content)}),
-      [this](const Reply& reply) {
-        if (!alive(reply)) {
-          return;
-        }
-        if (reply.ok()) {
-          unpackArchive();
-        } else {
-          leaveArchives();
-        }
-      });
+  unpack(std::move(content), {"-C", batch_->stage}, [this](bool done) {
+    if (done) {
+      synchronise();
+    } else {
+      leaveStage([this] { sendSmallFiles(); });
+    }
+  });
 }
 
 // What is a link there is left to "write", which goes where it leads.
@@ -89,19 +84,21 @@ std::string PushJob::packArchive() {
   return archive.finish();
 }
 
-void PushJob::unpackArchive() {
-  const std::string archive = batch_->stage + "/archive";
-  ask(execRequest({"tar", "-x", "-p", "-f", archive, "-C", batch_->stage}, 0),
-      [this](const Reply& reply) {
-        if (!alive(reply)) {
-          return;
-        }
-        if (reply.ok()) {
-          synchronise();
-        } else {
-          leaveArchives();
-        }
-      });
+// All steps are on their way at once. What an earlier run left there is no archive of this one.
+void PushJob::unpack(std::string&& archive, const std::vector<std::string>& options,
+                     std::function<void(bool done)> next) {
+  const std::string path = batch_->stage + "/archive";
+  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const Reply&) {});
+  ask(execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0), [](const Reply&) {});
+  ask(request({"write", path}, std::move(archive)),
+      [this](const Reply& reply) { batch_->written = reply.ok(); });
+  std::vector<std::string> tar{"tar", "-x", "-p", "-f", path};
+  tar.insert(tar.end(), options.begin(), options.end());
+  ask(execRequest(tar, 0), [this, next = std::move(next)](const Reply& reply) {
+    if (alive(reply)) {
+      next(reply.ok() && batch_->written);
+    }
+  });
 }
 
 // A rename may reach the disk before the content does, and a power cut would then leave an empty
@@ -138,17 +135,61 @@ void PushJob::renameUnpacked() {
     if (next_ < small_.size()) {
       sendArchive();
     } else {
-      leaveArchives();
+      leaveStage([this] { sendSmallFiles(); });
     }
   });
 }
 
-void PushJob::leaveArchives() {
-  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [this](const Reply& reply) {
-    if (alive(reply)) {
-      sendSmallFiles();
+void PushJob::leaveStage(std::function<void()> next) {
+  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0),
+      [this, next = std::move(next)](const Reply& reply) {
+        if (alive(reply)) {
+          batch_.reset();
+          next();
+        }
+      });
+}
+
+// One tar sets the modes and times of all folders, where touch would run once for each of them.
+// Those that it does not reach are left to chmod and touch.
+void PushJob::setFolders() {
+  const auto first = std::find_if(folders_.begin(), folders_.end(),
+                                  [](const Item& item) { return !item.complete; });
+  if (first == folders_.end() || !foldersChanged_) {
+    setModes();
+    return;
+  }
+  const std::string base = folderOf(first->target);
+  batch_ = std::make_unique<Batch>();
+  batch_->stage = stagePath(first->target);
+  std::string content = packFolders(base);
+  if (batch_->items.size() < kWorthIt) {
+    batch_.reset();
+    setModes();
+    return;
+  }
+  unpack(std::move(content), {"-o", "-C", base}, [this](bool done) {
+    for (Item* item : batch_->items) {
+      item->complete = done;
     }
+    leaveStage([this] { setModes(); });
   });
+}
+
+// The dot behind its name has a link to a folder taken for the folder.
+std::string PushJob::packFolders(const std::string& base) {
+  Archive archive;
+  const std::string before = base == "/" ? base : base + "/";
+  for (Item& item : folders_) {
+    const bool below =
+        item.target.size() > before.size() && item.target.compare(0, before.size(), before) == 0;
+    const std::string name = below ? item.target.substr(before.size()) + "/." : "";
+    if (!item.complete && !name.empty() && name.size() <= Archive::kMostName) {
+      archive.addFolder(name, {item.entry->mode, 0, 0, item.entry->mtime});
+      batch_->items.push_back(&item);
+    }
+  }
+  return archive.finish();
 }
 
 }  // namespace zell::ctl

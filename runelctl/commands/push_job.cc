@@ -171,7 +171,7 @@ void PushJob::makeLinks() {
   for (const Item& item : links_) {
     runs.push_back({{"ln", "-s", "-f", "-n", "--", item.entry->target}, {item.target}});
   }
-  runPrograms(std::move(runs), "links not made", [this] { setModes(); });
+  runPrograms(std::move(runs), "links not made", [this] { setFolders(); });
 }
 
 void PushJob::itemFailed(Item& item, const Error& error) {

@@ -78,10 +78,13 @@ class PushJob : public TransferJob {
   void sendArchives();
   void sendArchive();
   std::string packArchive();
-  void unpackArchive();
+  void unpack(std::string&& archive, const std::vector<std::string>& options,
+              std::function<void(bool done)> next);
   void synchronise();
   void renameUnpacked();
-  void leaveArchives();
+  void leaveStage(std::function<void()> next);
+  void setFolders();
+  std::string packFolders(const std::string& base);
 
   // push_big_file.cc: in pieces, to be taken up again.
   void sendBigFiles();

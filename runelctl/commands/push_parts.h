@@ -12,10 +12,11 @@
 
 namespace zell::ctl {
 
-/// Files that went in one archive.
+/// What went in one archive: files or folders.
 struct PushJob::Batch {
   std::string stage;         ///< the hidden folder on the device
-  std::vector<Item*> items;  ///< each in the archive under its place in this list
+  std::vector<Item*> items;  ///< each file in the archive under its place in this list
+  bool written = false;      ///< the archive is there whole
 };
 
 /// The large file that is on its way.

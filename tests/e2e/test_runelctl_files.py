@@ -107,6 +107,54 @@ class Push(Transfers):
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
         self.assertEqual(self.leftovers(), [])
 
+    def folders(self, name, count=20):
+        """More folders than files, each with a mode and a time of its own."""
+        root = self.path(name)
+        for number in range(count):
+            os.makedirs(os.path.join(root, f"d{number}/sub"))
+            self.dated(f"{name}/d{number}/sub/f", noise(number))
+        for number, (folder, _, _) in enumerate(os.walk(root, topdown=False)):
+            os.chmod(folder, 0o2700 + number)
+            os.utime(folder, ns=(WHEN, WHEN + number * 1_000_000_007))
+        return root
+
+    def test_many_folders_need_no_touch(self):
+        self.serve(environment={"PATH": only_programs(self, "mkdir", "tar", "sync", "rm")})
+        here = self.folders("here")
+        self.succeed("push", "-r", here, self.there)
+        self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
+        self.assertEqual(os.listdir(self.there), ["here"])
+
+    def test_many_folders_arrive_without_tar_too(self):
+        self.serve(environment={"PATH": only_programs(self, "mkdir", "chmod", "touch", "rm")})
+        here = self.folders("here")
+        self.succeed("push", "-r", here, self.there)
+        self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
+        self.assertEqual(os.listdir(self.there), ["here"])
+
+    def test_folders_with_long_names_keep_modes_and_times(self):
+        self.serve()
+        name = "here/" + "long" * 20 + "/" + "name" * 20
+        here = self.folders(name)
+        self.succeed("push", "-r", self.path("here"), self.there)
+        self.assertEqual(snapshot(self.on_device(name)), snapshot(here))
+
+    def test_a_folder_that_is_there_keeps_its_owner_and_a_link_is_followed(self):
+        self.serve()
+        here = self.folders("here")
+        os.makedirs(self.on_device("here/d1"))
+        os.chown(self.on_device("here/d1"), 12, 34)
+        os.mkdir(self.on_device("real"))
+        os.symlink("../real", self.on_device("here/d2"))
+        self.succeed("push", "-r", here, self.there)
+        self.assertEqual(os.readlink(self.on_device("here/d2")), "../real")
+        self.assertEqual(snapshot(self.on_device("real")), snapshot(os.path.join(here, "d2")))
+        for name, copy in (("d1", "here/d1"), ("d2", "real")):
+            wanted, st = os.stat(os.path.join(here, name)), os.stat(self.on_device(copy))
+            self.assertEqual((st.st_mode, st.st_mtime_ns), (wanted.st_mode, wanted.st_mtime_ns))
+        st = os.stat(self.on_device("here/d1"))
+        self.assertEqual((st.st_uid, st.st_gid), (12, 34))
+
     def test_a_folder_needs_r(self):
         self.serve()
         self.fails(("push", self.there, "/tmp/x"), 1, r"device: Is a directory \(use -r for folders\)")

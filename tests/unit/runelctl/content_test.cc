@@ -70,6 +70,13 @@ TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
             "-rwsr-xr-x 0/0               0 1970-01-01 00:00:01.000000005 1\n");
 }
 
+TEST(ArchiveTest, HoldsFoldersWithModeOwnerAndNanoseconds) {
+  Archive archive;
+  archive.addFolder("a/.", {02750, 12, 34, {1600000000, 123456789}});
+  EXPECT_EQ(listed(archive.finish()),
+            "drwxr-s--- 12/34             0 2020-09-13 12:26:40.123456789 a/.\n");
+}
+
 TEST(ArchiveTest, FillsWholeBlocks) {
   for (const std::size_t size : {0U, 1U, 511U, 512U, 513U}) {
     Archive archive;

@@ -50,11 +50,13 @@ void PushJob::sendArchives() {
 }
 
 void PushJob::sendArchive() {
-  batch_ = std::make_unique<Batch>();
-  batch_->stage = stagePath(small_.front().target);
+  if (!batch_) {
+    batch_ = std::make_unique<Batch>();
+    batch_->stage = stagePath(small_.front().target);
+  }
   std::string content = packArchive();
   if (batch_->items.empty()) {
-    sendSmallFiles();
+    leaveStage([this] { sendSmallFiles(); });
     return;
   }
   unpack(std::move(content), {"-C", batch_->stage}, [this](bool done) {
@@ -70,6 +72,7 @@ void PushJob::sendArchive() {
 std::string PushJob::packArchive() {
   Archive archive;
   std::string content;
+  batch_->items.clear();
   for (; next_ < small_.size() && archive.size() < pieceBytes(); ++next_) {
     Item& item = small_[next_];
     if (item.entry->size > kSmall || (item.there && !item.there->isRegular()) ||
@@ -88,8 +91,10 @@ std::string PushJob::packArchive() {
 void PushJob::unpack(std::string&& archive, const std::vector<std::string>& options,
                      std::function<void(bool done)> next) {
   const std::string path = batch_->stage + "/archive";
-  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const Reply&) {});
-  ask(execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0), [](const Reply&) {});
+  if (!std::exchange(batch_->staged, true)) {
+    ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const Reply&) {});
+    ask(execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0), [](const Reply&) {});
+  }
   ask(request({"write", path}, std::move(archive)),
       [this](const Reply& reply) { batch_->written = reply.ok(); });
   std::vector<std::string> tar{"tar", "-x", "-p", "-f", path};
@@ -141,6 +146,11 @@ void PushJob::renameUnpacked() {
 }
 
 void PushJob::leaveStage(std::function<void()> next) {
+  if (!batch_->staged) {
+    batch_.reset();
+    next();
+    return;
+  }
   ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0),
       [this, next = std::move(next)](const Reply& reply) {
         if (alive(reply)) {
@@ -164,8 +174,7 @@ void PushJob::setFolders() {
   batch_->stage = stagePath(first->target);
   std::string content = packFolders(base);
   if (batch_->items.size() < kWorthIt) {
-    batch_.reset();
-    setModes();
+    leaveStage([this] { setModes(); });
     return;
   }
   unpack(std::move(content), {"-o", "-C", base}, [this](bool done) {

@@ -16,6 +16,7 @@ namespace zell::ctl {
 struct PushJob::Batch {
   std::string stage;         ///< the hidden folder on the device
   std::vector<Item*> items;  ///< each file in the archive under its place in this list
+  bool staged = false;       ///< the hidden folder is there
   bool written = false;      ///< the archive is there whole
 };
 

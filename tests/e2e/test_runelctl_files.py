@@ -155,6 +155,17 @@ class Push(Transfers):
         st = os.stat(self.on_device("here/d1"))
         self.assertEqual((st.st_uid, st.st_gid), (12, 34))
 
+    def test_nothing_is_left_when_only_the_first_files_fit_an_archive(self):
+        self.serve()
+        os.mkdir(self.path("here"))
+        for number in range(42):  # they fill one to the last
+            self.dated(f"here/f{number:02}", noise(200_000, number))
+        for name in ("a", "z"):
+            self.dated(f"here/{name}", noise(300_000))
+        self.succeed("push", "-r", self.path("here"), self.there)
+        self.assertEqual(snapshot(self.on_device("here")), snapshot(self.path("here")))
+        self.assertEqual(self.leftovers(), [])
+
     def test_a_folder_needs_r(self):
         self.serve()
         self.fails(("push", self.there, "/tmp/x"), 1, r"device: Is a directory \(use -r for folders\)")

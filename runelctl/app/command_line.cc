@@ -7,6 +7,7 @@
 
 #include "client/error.h"
 #include "client/request.h"
+#include "commands/within.h"
 #include "fleet/waves.h"
 #include "output/text.h"
 
@@ -16,8 +17,20 @@ namespace {
 constexpr int kMostJobs = 100000;
 constexpr double kMostSeconds = 86400.0 * 365;
 
-CLI::Range secondsRange(double least) {
-  return CLI::Range(least, kMostSeconds);
+CLI::Validator secondsRange(double least) {
+  return within(least, kMostSeconds);
+}
+
+// A word in a command's place is named: the library would only ask for a command.
+std::string explain(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  if (!chosen.empty()) {
+    return std::string(error.what()) + " (see runelctl " + chosen.front()->get_name() + " --help)";
+  }
+  const std::vector<std::string> left = app.remaining();
+  const bool unknown = !left.empty() && left.front().compare(0, 1, "-") != 0;
+  return (unknown ? "no command '" + left.front() + "'" : std::string(error.what())) +
+         " (see runelctl --help)";
 }
 
 }  // namespace
@@ -67,13 +80,13 @@ void CommandLine::defineManner() {
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->type_name("WHEN");
   app_.add_flag("-y,--yes", settings_.yes, "do not ask before something is taken away");
-  app_.add_flag("-n,--dry-run", settings_.dryRun, "show devices and first frames, send nothing");
+  app_.add_flag("-n,--dry-run", settings_.dryRun, "show devices and frames, send nothing");
 }
 
 void CommandLine::defineMany() {
   const std::string group = "With many devices";
   app_.add_option("-j,--jobs", settings_.jobs, "so many at a time (64)")
-      ->check(CLI::Range(1, kMostJobs))
+      ->check(within(1, kMostJobs))
       ->each([this](const std::string&) { settings_.jobsGiven = true; })
       ->group(group)
       ->type_name("N");
@@ -85,7 +98,7 @@ void CommandLine::defineMany() {
   app_.add_flag("--fail-fast", settings_.failFast, "start no more after the first failure")
       ->group(group);
   app_.add_option("--retry", settings_.retry, "try again so often what may succeed then")
-      ->check(CLI::Range(0, 1000))
+      ->check(within(0, 1000))
       ->group(group)
       ->type_name("N");
   app_.add_option("--deadline", settings_.deadline, "for all of the work on one device")
@@ -96,7 +109,7 @@ void CommandLine::defineMany() {
       ->group(group)
       ->type_name("LIST");
   app_.add_option("--max-fail", settings_.maxFail, "failures that do not stop the next wave (0)")
-      ->check(CLI::Range(0, 1000000))
+      ->check(within(0, 1000000))
       ->group(group)
       ->type_name("N");
   app_.add_option("--retry-failed", settings_.retryFailed,
@@ -124,7 +137,7 @@ int CommandLine::parse(std::vector<std::string> words) {
   } catch (const CLI::Success& help) {
     return app_.exit(help);
   } catch (const CLI::ParseError& error) {
-    complain(std::string(error.what()) + " (see runelctl --help)");
+    complain(explain(app_, error));
     return kExitUsage;
   }
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);

@@ -68,12 +68,16 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   Command& command = *line.command();
   Printer printer(style, settings.arrange, command.name(), settings.targets.size() > 1);
   Fleet fleet(session.loop, settings, command, printer, style);
-  if (session.device != nullptr && settings.targets.size() == 1 &&
+  if (session.device != nullptr && !settings.dryRun && settings.targets.size() == 1 &&
       settings.targets[0] == session.device->target()) {
     fleet.lend(*session.device);
   }
   const Signals signals(session.loop, [&](int number) { fleet.cancel(kExitSignalBase + number); });
   const int status = fleet.run();
+  if (settings.dryRun) {
+    printer.unsent(settings.targets.size());
+    return status;
+  }
   printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
   if (!settings.retryFailed.empty() && !writeFailed(settings.retryFailed, fleet.unfinished())) {
     complain(settings.retryFailed + ": " + systemText(errno));
@@ -100,10 +104,9 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
   if (!agreed(settings, *line.command())) {
     return kExitUsage;
   }
-  const std::string wrong = line.command()->prepare();
-  if (!wrong.empty()) {
-    complain(wrong);
-    return kExitTaskFailed;
+  if (const auto error = line.command()->prepare()) {
+    tellFailure(line.command()->name(), *error, style);
+    return exitStatusOf(*error);
   }
   return runFleet(session, line, style);
 }

@@ -4,6 +4,7 @@
 #define ZELL_RUNELCTL_COMMANDS_COMMAND_H_
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,8 @@ class Command {
     (void)settings;
     return "";
   }
-  /// Looks at what of this host the command is about, once. What is wrong with it; a failed task,
-  /// not a wrong command line.
-  [[nodiscard]] virtual std::string prepare() { return ""; }
+  /// Looks at what of this host the command is about, once. What is wrong with it.
+  [[nodiscard]] virtual std::optional<Error> prepare() { return std::nullopt; }
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
   /// True for what cannot be had back: asked for before it is done to several devices.
   [[nodiscard]] virtual bool takesAway() const { return false; }

@@ -11,6 +11,7 @@
 #include "client/records.h"
 #include "commands/command.h"
 #include "commands/raw_text.h"
+#include "commands/within.h"
 #include "zell/wire/frame_sender.h"
 
 namespace zell::ctl {
@@ -30,6 +31,11 @@ class PingJob : public Job {
   void start() override {
     sent_ = Clock::now();
     ask(cheapTask(), [this](const Reply& reply) { back(reply); });
+  }
+  [[nodiscard]] std::string sentLater() const override {
+    return count_ == 1 ? ""
+                       : "the same after each answer, " +
+                             countText(static_cast<std::size_t>(count_), "time") + " in all";
   }
 
  private:
@@ -54,7 +60,7 @@ class PingJob : public Job {
   void sum() {
     std::vector<double> sorted(times_.begin() + (times_.size() > 1 ? 1 : 0), times_.end());
     std::sort(sorted.begin(), sorted.end());
-    const double median = sorted[sorted.size() / 2];
+    const double median = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
     report().line(std::to_string(times_.size()) + " answers, round trip min/median/max " +
                   text(sorted.front()) + "/" + text(median) + "/" + text(sorted.back()) + " ms");
     report().result()["min_ms"] = sorted.front();
@@ -80,8 +86,10 @@ class PingCommand : public Command {
  public:
   PingCommand() : Command("ping", "round trips of a cheap task") {}
   void define(CLI::App& app) override {
-    app.add_option("-c,--count", count_, "how many")->check(CLI::Range(1, 1000000));
-    app.add_option("-i,--interval", pause_, "seconds between two")->check(CLI::Range(0.0, 3600.0));
+    app.add_option("-c,--count", count_, "how many (5)")->check(within(1, 1000000))->type_name("N");
+    app.add_option("-i,--interval", pause_, "time between two (0.2)")
+        ->check(within(0.0, 3600.0))
+        ->type_name("S");
   }
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<PingJob>(std::move(context), count_, pause_);
@@ -120,9 +128,14 @@ class InfoJob : public Job {
   }
 
   void show(const std::string& label, const std::string& value) {
+    line(label, value);
+    putBytes(report().result(), label, value);
+  }
+
+  // For people; programs get the number itself.
+  void line(const std::string& label, const std::string& value) {
     report().line(label + ": " + std::string(12 - std::min<std::size_t>(label.size(), 11), ' ') +
                   report().name(value));
-    putBytes(report().result(), label, value);
   }
 
   void uptime(const Reply& reply) {
@@ -133,7 +146,7 @@ class InfoJob : public Job {
     char shown[64];
     std::snprintf(shown, sizeof shown, "%llu days, %02llu:%02llu", seconds / 86400,
                   seconds / 3600 % 24, seconds / 60 % 60);
-    show("uptime", shown);
+    line("uptime", shown);
     report().result()["uptime_s"] = seconds;
   }
 
@@ -145,7 +158,7 @@ class InfoJob : public Job {
     }
     if (reply.ok()) {
       const std::uint64_t free = std::strtoull(reply.output.c_str(), nullptr, 10) * blockSize_;
-      show("free on /", sizeText(free));
+      line("free on /", sizeText(free));
       report().result()["free_bytes"] = free;
     }
     succeed();

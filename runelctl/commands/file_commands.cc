@@ -10,6 +10,7 @@
 #include "client/records.h"
 #include "commands/command.h"
 #include "commands/lists.h"
+#include "commands/local_tree.h"
 
 namespace zell::ctl {
 namespace {
@@ -83,6 +84,10 @@ class LsJob : public EachPathJob {
  public:
   LsJob(JobContext context, const std::vector<std::string>& paths, bool full)
       : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
+  [[nodiscard]] std::string sentLater() const override {
+    return full_ ? "lstat for each name in a folder, and for a path that is no folder"
+                 : "lstat for a path that is no folder";
+  }
 
  private:
   void visit(const std::string& path) override {
@@ -205,7 +210,7 @@ class TreeJob : public EachPathJob {
     Json object{{"entry", "name"}};
     putBytes(object, "path", entry.path);
     object["type"] = std::string(1, entry.type);
-    object["mode"] = entry.mode;
+    object["mode"] = octalMode(entry.mode);
     object["uid"] = entry.uid;
     object["gid"] = entry.gid;
     object["size"] = entry.size;
@@ -353,6 +358,9 @@ class MvJob : public Job {
       }
       move(st && st->isFolder() ? joinPath(to_, baseName(from_)) : to_);
     });
+  }
+  [[nodiscard]] std::string sentLater() const override {
+    return "rename " + from_ + " to " + to_ + ", or into it when it is a folder";
   }
 
  private:

@@ -41,6 +41,9 @@ class Job {
   Job& operator=(const Job&) = delete;
 
   virtual void start() = 0;
+  /// What `start` alone does not ask for, since it depends on answers, in words. Empty when all
+  /// that is ever sent was asked for. For a dry run.
+  [[nodiscard]] virtual std::string sentLater() const { return ""; }
   /// What takes away from the device what an unfinished job left there, over a connection of its
   /// own. Nothing when there is nothing to take away.
   [[nodiscard]] virtual std::optional<Request> cleanUp() const { return std::nullopt; }

@@ -7,7 +7,13 @@ EachPathJob::EachPathJob(JobContext context, std::vector<std::string> paths)
     : Job(std::move(context)), paths_(std::move(paths)) {}
 
 void EachPathJob::start() {
-  visit(paths_[next_]);
+  if (!settings().dryRun) {
+    visit(paths_[next_]);
+    return;
+  }
+  for (const std::string& path : paths_) {
+    visit(path);
+  }
 }
 
 void EachPathJob::visited(const Reply& reply, const std::string& path) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "commands/command.h"
+#include "commands/within.h"
 
 namespace zell::ctl {
 namespace {
@@ -59,7 +60,7 @@ class ExecCommand : public Command {
   void define(CLI::App& app) override {
     app.positionals_at_end();
     auto* limit = app.add_option("--timeout", limit_, "end the program after so many seconds")
-                      ->check(CLI::Range(1, 2147483647))
+                      ->check(within(1, 2147483647))
                       ->type_name("S");
     app.add_flag("--background", background_, "start it and do not wait for it")->excludes(limit);
     app.add_option("PROGRAM", words_, "program and its arguments, after '--'")->required();
@@ -83,7 +84,7 @@ class ShellLineCommand : public Command {
   void define(CLI::App& app) override {
     app.positionals_at_end();
     app.add_option("--timeout", limit_, "end it after so many seconds")
-        ->check(CLI::Range(1, 2147483647))
+        ->check(within(1, 2147483647))
         ->type_name("S");
     app.add_option("LINE", line_)->required();
   }

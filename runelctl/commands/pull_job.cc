@@ -76,6 +76,12 @@ void PullJob::start() {
   lookAtNext();
 }
 
+std::string PullJob::sentLater() const {
+  return std::string("stat for each other name; ") +
+         (plan_.recursive ? "walktree for folders, and stat for what is in them; " : "") +
+         "read for each file, dd in pieces for a large one" + (plan_.checksum ? "; sha256sum" : "");
+}
+
 void PullJob::lookAtNext() {
   if (next_ == plan_.remotes.size()) {
     makeFolders();

@@ -33,6 +33,7 @@ class PullJob : public TransferJob {
   PullJob(JobContext context, PullPlan plan);
   ~PullJob() override;
   void start() override;
+  [[nodiscard]] std::string sentLater() const override;
 
  private:
   struct Item {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "commands/push_parts.h"
+#include "output/text.h"
 
 namespace zell::ctl {
 
@@ -24,6 +25,28 @@ std::optional<Request> PushJob::cleanUp() const {
 
 void PushJob::start() {
   ask(request({"stat", root_}), [this](const Reply& reply) { place(reply); });
+}
+
+// The plan's figures are known; in which form they go depends on what is there.
+std::string PushJob::sentLater() const {
+  std::size_t files = 0;
+  std::size_t folders = 0;
+  std::size_t links = 0;
+  std::uint64_t bytes = 0;
+  for (const LocalSource& source : plan_->sources) {
+    for (const LocalEntry& entry : source.entries) {
+      files += entry.type == '-' ? 1 : 0;
+      folders += entry.type == 'd' ? 1 : 0;
+      links += entry.type == 'l' ? 1 : 0;
+      bytes += entry.size;
+    }
+  }
+  return std::string(plan_->sync ? "walktree of the folder there; of what differs in " : "") +
+         countText(files, "file") + " (" + sizeText(bytes) + "), " + countText(folders, "folder") +
+         " and " + countText(links, "link") +
+         ": looks at what is there; mkdir and ln; write, in pieces or as an archive for tar where "
+         "that pays, and rename; chmod and touch" +
+         (plan_->checksum ? "; sha256sum" : "") + (plan_->remove ? "; rm of what is not here" : "");
 }
 
 // As cp does: several sources, a slash at the end or a folder that is there mean "into".

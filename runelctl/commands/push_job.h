@@ -36,6 +36,7 @@ class PushJob : public TransferJob {
   ~PushJob() override;
   void start() override;
   [[nodiscard]] std::optional<Request> cleanUp() const override;
+  [[nodiscard]] std::string sentLater() const override;
 
  private:
   /// One thing to be done on the device.

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "commands/command.h"
+#include "commands/within.h"
 
 namespace zell::ctl {
 namespace {
@@ -51,6 +52,14 @@ class RestartJob : public Job {
       before_ = identity(reply);
       act();
     });
+    if (settings().dryRun) {
+      act();
+    }
+  }
+  [[nodiscard]] std::string sentLater() const override {
+    return wait_ ? std::string("read ") + proof_.path +
+                       " again and again, until it tells of another " + proof_.name
+                 : "";
   }
 
  private:
@@ -143,10 +152,10 @@ class RestartCommand : public Command {
   void define(CLI::App& app) override {
     app.add_flag("--wait", wait_, "until it is proven that it happened");
     app.add_option("--down-timeout", proof_.downLimit, "time for going down")
-        ->check(CLI::Range(0.1, 86400.0))
+        ->check(within(0.1, 86400.0))
         ->type_name("S");
     app.add_option("--up-timeout", proof_.upLimit, "time for coming back")
-        ->check(CLI::Range(0.1, 86400.0))
+        ->check(within(0.1, 86400.0))
         ->type_name("S");
   }
 

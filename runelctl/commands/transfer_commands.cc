@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // push, pull and sync: their arguments.
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,15 +29,16 @@ bool splitLast(std::vector<std::string>& words, std::string& last) {
   return true;
 }
 
-std::string scanSources(const std::vector<std::string>& paths, bool recursive, PushPlan& plan) {
+std::optional<Error> scanSources(const std::vector<std::string>& paths, bool recursive,
+                                 PushPlan& plan) {
   for (const std::string& path : paths) {
     LocalSource source;
-    if (const auto error = scanLocal(path, recursive, source, plan.left)) {
-      return error->what + (error->hint.empty() ? "" : " (" + error->hint + ")");
+    if (auto error = scanLocal(path, recursive, source, plan.left)) {
+      return error;
     }
     plan.sources.push_back(std::move(source));
   }
-  return "";
+  return std::nullopt;
 }
 
 class PushCommand : public Command {
@@ -57,7 +59,7 @@ class PushCommand : public Command {
     return "";
   }
 
-  std::string prepare() override { return scanSources(words_, recursive_, *plan_); }
+  std::optional<Error> prepare() override { return scanSources(words_, recursive_, *plan_); }
 
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<PushJob>(std::move(context), plan_);
@@ -80,7 +82,7 @@ class SyncCommand : public Command {
     app.add_option("REMOTE", plan_->remote, "the folder there")->required()->type_name("");
   }
 
-  std::string prepare() override {
+  std::optional<Error> prepare() override {
     plan_->sync = true;
     return scanSources({local_}, true, *plan_);
   }

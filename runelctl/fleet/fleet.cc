@@ -16,6 +16,8 @@ namespace {
 constexpr Milliseconds kRetryPause{500};
 // For taking away what an unfinished job left on a device, which may be gone or busy.
 constexpr Milliseconds kCleanUpTime{3000};
+// Of a frame in a dry run, for people.
+constexpr std::size_t kMostShown = 400;
 
 }  // namespace
 
@@ -102,11 +104,8 @@ void Fleet::start(Member& member) {
   }
   member.device = lent_ != nullptr ? lent_ : member.own.get();
   if (settings_.dryRun) {
-    member.device->setDryRun([&member](const Target& target, const std::string& payload) {
-      member.report->line(forPeople(target.name) + " <- " + cutTo(forPeople(payload), 400));
-      Json object{{"entry", "frame"}};
-      putBytes(object, "payload", payload);
-      member.report->entry(object);
+    member.device->setDryRun([this, &member](const Target&, const std::string& payload) {
+      showUnsent(member, payload);
     });
   }
   arm(member);
@@ -115,7 +114,30 @@ void Fleet::start(Member& member) {
                     [this, &member](Outcome outcome) { done(member, std::move(outcome)); }});
   member.job->start();
   if (settings_.dryRun) {
+    showSentLater(member);
     done(member, {});
+  }
+}
+
+// Many devices have their names from the printer.
+void Fleet::showUnsent(Member& member, const std::string& payload) const {
+  const std::string shown = forPeople(payload.substr(0, kMostShown));
+  const bool cut = payload.size() > kMostShown;
+  member.report->line((members_.size() == 1 ? forPeople(member.target.name) + " " : "") + "<- " +
+                      shown + (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
+  Json object{{"entry", "frame"}};
+  putBytes(object, "payload", payload);
+  member.report->entry(object);
+}
+
+void Fleet::showSentLater(Member& member) const {
+  const std::string text = member.job->sentLater();
+  member.report->result()["dry_run"] = true;
+  if (!text.empty()) {
+    member.report->line("   then, by the answers: " + forPeople(text));
+    Json object{{"entry", "later"}};
+    putBytes(object, "text", text);
+    member.report->entry(object);
   }
 }
 

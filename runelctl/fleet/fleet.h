@@ -40,6 +40,8 @@ class Fleet {
   void startSome();
   void start(Member& member);
   void arm(Member& member);
+  void showUnsent(Member& member, const std::string& payload) const;
+  void showSentLater(Member& member) const;
   void done(Member& member, Outcome outcome);
   void settle(Member& member);
   bool again(Member& member);

@@ -9,8 +9,6 @@
 namespace zell::ctl {
 namespace {
 
-constexpr int kJsonVersion = 1;
-
 Json opening(const std::string& device, const std::string& task) {
   Json object;
   object["v"] = kJsonVersion;
@@ -61,15 +59,7 @@ Json closingObject(const std::string& device, const std::string& task, const Out
   object["ok"] = outcome.status == 0;
   object["status"] = outcome.status;
   if (outcome.error) {
-    object["where"] = outcome.error->where();
-    object["retry"] = outcome.error->retry();
-    putBytes(object, "error", outcome.error->what);
-    if (outcome.error->number != 0) {
-      object["errno"] = outcome.error->number;
-    }
-    if (!outcome.error->hint.empty()) {
-      putBytes(object, "hint", outcome.error->hint);
-    }
+    putError(object, *outcome.error);
   }
   for (const std::string& warning : report.warnings()) {
     Json text = Json::object();
@@ -180,6 +170,12 @@ void Printer::printError(const std::string& device, const Error& error) {
 void Printer::note(const std::string& text) {
   if (!style_.quiet && !style_.json) {
     err("runelctl: " + forPeople(text));
+  }
+}
+
+void Printer::unsent(std::size_t devices) {
+  if (many_) {
+    note("a dry run: nothing was sent to " + countText(devices, "device"));
   }
 }
 

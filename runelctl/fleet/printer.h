@@ -32,6 +32,8 @@ class Printer {
   void flush();
   /// The line after all of it, when there are several devices.
   void summary(const std::vector<Finished>& ends, std::size_t skipped);
+  /// The same for a run in which nothing was sent.
+  void unsent(std::size_t devices);
   /// One line about the run itself.
   void note(const std::string& text);
 

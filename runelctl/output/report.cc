@@ -3,6 +3,10 @@
 
 #include <utility>
 
+#include <unistd.h>
+
+#include "client/request.h"
+
 namespace zell::ctl {
 
 void Report::bytes(std::string_view bytes) {
@@ -20,6 +24,31 @@ void Report::entry(Json object) {
   if (style_.json) {
     entries_.push_back(std::move(object));
   }
+}
+
+void putError(Json& object, const Error& error) {
+  object["where"] = error.where();
+  object["retry"] = error.retry();
+  putBytes(object, "error", error.what);
+  if (error.number != 0) {
+    object["errno"] = error.number;
+  }
+  if (!error.hint.empty()) {
+    putBytes(object, "hint", error.hint);
+  }
+}
+
+// Whether anybody hears it changes nothing: the exit status says the same.
+void tellFailure(const std::string& task, const Error& error, const Style& style) {
+  if (style.json) {
+    Json object{
+        {"v", kJsonVersion}, {"task", task}, {"ok", false}, {"status", exitStatusOf(error)}};
+    putError(object, error);
+    (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
+    return;
+  }
+  const std::string hint = error.hint.empty() ? "" : " (" + forPeople(error.hint) + ")";
+  (void)writeAll(STDERR_FILENO, "runelctl: " + style.red(forPeople(error.what)) + hint + "\n");
 }
 
 }  // namespace zell::ctl

@@ -9,10 +9,14 @@
 #include <string_view>
 #include <vector>
 
+#include "client/error.h"
 #include "output/style.h"
 #include "output/text.h"
 
 namespace zell::ctl {
+
+/// What "v" is in each object. Another number stands for objects that older readers cannot read.
+constexpr int kJsonVersion = 1;
 
 /// How far a transfer has come.
 struct Progress {
@@ -64,6 +68,13 @@ class Report {
   std::vector<std::string> warnings_;
   Json result_ = Json::object();
 };
+
+/// Adds the fields that tell of a failure to @p object.
+void putError(Json& object, const Error& error);
+
+/// Tells of a failure that is no device's: a line on standard error, or an object on standard
+/// output.
+void tellFailure(const std::string& task, const Error& error, const Style& style);
 
 }  // namespace zell::ctl
 

@@ -12,7 +12,9 @@
 #include "app/local_command.h"
 #include "app/signals.h"
 #include "client/request.h"
+#include "commands/within.h"
 #include "master/agent.h"
+#include "output/report.h"
 #include "output/text.h"
 
 namespace zell::ctl {
@@ -28,10 +30,14 @@ class AgentCommand : public LocalCommand {
   void define(CLI::App& app) override {
     app.add_option("--linger", linger_,
                    "listen on until nothing came for so long after the end of the input (2)")
-        ->check(CLI::Range(0.0, kMostLinger))
+        ->check(within(0.0, kMostLinger))
         ->type_name("S");
     app.add_flag("--raw", raw_,
                  "send the input as it is: this can block the relay or stop the daemon");
+  }
+
+  std::string check(const Settings& settings) override {
+    return settings.dryRun ? "agent: a dry run has nothing to show: what is sent is its input" : "";
   }
 
   int run(const Settings& settings, const Style& style) override {
@@ -41,6 +47,10 @@ class AgentCommand : public LocalCommand {
     }
     Loop loop;
     int status = 0;
+    const Signals signals(loop, [&](int number) {
+      status = kExitSignalBase + number;
+      loop.stop();
+    });
     const Target& target = settings.targets[0];
     const auto show = [&](const std::string& clause) { print(target, style, clause); };
     const auto ended = [&](const std::optional<Error>& error) {
@@ -54,10 +64,6 @@ class AgentCommand : public LocalCommand {
                 {target, settings.limits().connect,
                  Milliseconds(static_cast<Milliseconds::rep>(std::lround(linger_ * 1000))), raw_},
                 {show, ended});
-    const Signals signals(loop, [&](int number) {
-      status = kExitSignalBase + number;
-      loop.stop();
-    });
     loop.run();
     return status;
   }
@@ -80,10 +86,8 @@ class AgentCommand : public LocalCommand {
                   {"device", target.name},
                   {"task", "agent"},
                   {"ok", false},
-                  {"status", exitStatusOf(error)},
-                  {"where", error.where()},
-                  {"retry", error.retry()}};
-      putBytes(object, "error", error.what);
+                  {"status", exitStatusOf(error)}};
+      putError(object, error);
       (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
       return;
     }

@@ -23,7 +23,7 @@ namespace {
 constexpr int kBacklog = 4096;
 constexpr int kAtOnce = 64;
 constexpr std::size_t kLongestLine = 1024;
-constexpr Milliseconds kLineTime{10000};
+constexpr Milliseconds kLineTime{30000};
 constexpr Milliseconds kSendTime{30000};
 
 UniqueFd newSocket() {

@@ -144,6 +144,7 @@ void Master::identified(Id id) {
   Station& station = *stations_.at(id);
   const Label& who = station.label();
   if (options_.access.allowsHostid(who.hostid)) {
+    roll_.connected(station.name(), station.since());
     journal_.connected(who, station.deviceType());
     return;
   }
@@ -163,6 +164,9 @@ void Master::lost(Id id, const std::string& why) {
   const std::shared_ptr<Station> gone = std::move(found->second);
   stations_.erase(found);
   lineup_.closed(id, Clock::now());
+  if (gone->isSlave() && gone->ready()) {
+    roll_.lost(gone->name(), wallClock(), why, gone->counters());
+  }
   journal_.lost(gone->label(), gone->role(), why);
   loop_.next([gone] { (void)gone; });  // its own call is still on the stack
   arm();
@@ -236,7 +240,7 @@ std::string Master::list() const {
     if (!station->isSlave() || !station->ready()) {
       continue;
     }
-    Json object = station->describe();
+    Json object = station->describe(roll_.of(station->name()));
     const auto& others = further[station->label().address];
     std::uint64_t clauses = 0;
     for (const FurtherLink* link : others) {

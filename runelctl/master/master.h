@@ -19,6 +19,7 @@
 #include "master/journal.h"
 #include "master/lineup.h"
 #include "master/listener.h"
+#include "master/roll.h"
 #include "master/station.h"
 
 namespace zell::ctl {
@@ -76,6 +77,7 @@ class Master {
   Lineup lineup_;
   Id last_ = 0;
   std::map<Id, std::unique_ptr<Station>> stations_;
+  Roll roll_;
   std::deque<Held> held_;              // the oldest first
   std::set<std::string> toldRefused_;  // addresses that were told of and are held
   Loop::Timer due_;

@@ -15,7 +15,9 @@
 #include "app/signals.h"
 #include "client/master_client.h"
 #include "client/request.h"
+#include "commands/within.h"
 #include "master/master.h"
+#include "output/report.h"
 #include "output/text.h"
 
 namespace zell::ctl {
@@ -39,7 +41,7 @@ class MasterCommand : public LocalCommand {
     app.add_option("--shared-address", shared_,
                    "several devices may have one address: a connection that is silent for so long "
                    "is a device, not an agent's (see the manual for the risk)")
-        ->check(CLI::Range(0.001, kMostShared))
+        ->check(within(0.001, kMostShared))
         ->type_name("S");
     app.add_flag("--xml", xml_, "show what agents say");
     app.add_option("--xml-log", xmlLog_, "keep what agents say, as JSON objects")
@@ -47,7 +49,9 @@ class MasterCommand : public LocalCommand {
   }
 
   std::string check(const Settings& settings) override {
-    (void)settings;
+    if (settings.dryRun) {
+      return "master: a dry run has nothing to show: what is sent depends on who connects";
+    }
     if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
       return "--listen: no ADDRESS[:PORT]: '" + listen_ + "'";
     }
@@ -71,6 +75,8 @@ class MasterCommand : public LocalCommand {
       options_.shared = Milliseconds(std::lround(shared_ * 1000));
     }
     Loop loop;
+    // Before anybody can know that we are there: who asks us to end then gets the end he expects.
+    const Signals signals(loop, [&](int) { loop.stop(); });
     Journal journal(loop, style, xml_);
     Master master(loop, options_, journal);
     std::string wrong = xmlLog_.empty() ? "" : journal.keepClauses(xmlLog_);
@@ -78,10 +84,9 @@ class MasterCommand : public LocalCommand {
       wrong = master.open();
     }
     if (!wrong.empty()) {
-      complain(wrong);
+      tellFailure(name(), {Fault::local, wrong, "", 0}, style);
       return kExitTaskFailed;
     }
-    const Signals signals(loop, [&](int) { loop.stop(); });
     loop.run();
     return 0;
   }
@@ -112,6 +117,8 @@ std::vector<std::string> row(const Json& device) {
           device.value("address", "") + ":" + std::to_string(number("port")),
           device.value("devicetype", ""),
           ageText(device.value("connected_s", std::int64_t{0})),
+          std::to_string(number("connects")),
+          std::to_string(number("losses")),
           std::to_string(number("requests")),
           sizeText(number("bytes_to_device")),
           sizeText(number("bytes_from_device")),
@@ -149,10 +156,7 @@ class DevicesCommand : public LocalCommand {
     std::string lines;
     const auto error = listDevices(settings.masterSocket, settings.limits().silence, lines);
     if (error) {
-      if (style.json) {
-        std::cout << failure(*error).dump() << "\n";
-      }
-      complain(error->what + (error->hint.empty() ? "" : " (" + error->hint + ")"));
+      tellFailure(name(), *error, style);
       return kExitNoConnection;
     }
     if (style.json) {
@@ -164,16 +168,6 @@ class DevicesCommand : public LocalCommand {
   }
 
  private:
-  static Json failure(const Error& error) {
-    return {{"v", 1},
-            {"task", "devices"},
-            {"ok", false},
-            {"status", 255},
-            {"where", error.where()},
-            {"retry", error.retry()},
-            {"error", error.what}};
-  }
-
   void show(const std::string& lines, const Style& style) const {
     Table table;
     std::istringstream each(lines);
@@ -191,8 +185,8 @@ class DevicesCommand : public LocalCommand {
     }
     std::sort(table.begin(), table.end());
     if (!names_ && !style.quiet) {
-      table.insert(table.begin(), {"HOSTID", "ADDRESS", "TYPE", "SINCE", "REQUESTS", "SENT",
-                                   "RECEIVED", "AGENTS", "CLAUSES"});
+      table.insert(table.begin(), {"HOSTID", "ADDRESS", "TYPE", "UP", "CONNECTS", "LOSSES",
+                                   "REQUESTS", "SENT", "RECEIVED", "AGENTS", "CLAUSES"});
     }
     print(table);
   }

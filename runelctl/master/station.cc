@@ -100,21 +100,34 @@ void Station::refuse() {
   users_.clear();
 }
 
-Json Station::describe() const {
-  const SlaveLink::Counters& counters = slave_->counters();
+SlaveLink::Counters Station::counters() const {
+  return slave_ ? slave_->counters() : SlaveLink::Counters();
+}
+
+Json Station::describe(const Roll::Entry& known) const {
+  const SlaveLink::Counters now = counters();
   const auto age = std::chrono::duration<double>(Clock::now() - start_);
-  return {{"v", 1},
-          {"device", label_.hostid.empty() ? label_.address : label_.hostid},
-          {"hostid", label_.hostid},
-          {"devicetype", deviceType_},
-          {"address", label_.address},
-          {"port", label_.port},
-          {"since", utcText(since_)},
-          {"connected_s", static_cast<std::int64_t>(age.count())},
-          {"users", users_.size()},
-          {"requests", counters.requests},
-          {"bytes_to_device", counters.bytesOut},
-          {"bytes_from_device", counters.bytesIn}};
+  Json object{{"v", 1},
+              {"device", name()},
+              {"task", "devices"},
+              {"hostid", label_.hostid},
+              {"devicetype", deviceType_},
+              {"address", label_.address},
+              {"port", label_.port},
+              {"since", utcText(since_)},
+              {"connected_s", static_cast<std::int64_t>(age.count())},
+              {"first_seen", utcText(known.firstSeen)},
+              {"connects", known.connects},
+              {"losses", known.losses},
+              {"users", users_.size()},
+              {"requests", known.earlier.requests + now.requests},
+              {"bytes_to_device", known.earlier.bytesOut + now.bytesOut},
+              {"bytes_from_device", known.earlier.bytesIn + now.bytesIn}};
+  if (known.losses > 0) {
+    object["last_loss"] = utcText(known.lastLoss);
+    object["last_loss_why"] = known.lastReason;
+  }
+  return object;
 }
 
 }  // namespace zell::ctl

@@ -16,6 +16,7 @@
 #include "master/attachment.h"
 #include "master/further_link.h"
 #include "master/journal.h"
+#include "master/roll.h"
 #include "master/slave_link.h"
 
 namespace zell::ctl {
@@ -56,8 +57,16 @@ class Station {
   [[nodiscard]] std::string role() const;
   [[nodiscard]] const Label& label() const { return label_; }
   [[nodiscard]] const std::string& deviceType() const { return deviceType_; }
-  /// What `runelctl devices` shows of a slave connection.
-  [[nodiscard]] Json describe() const;
+  /// The name under which a device is counted and shown.
+  [[nodiscard]] const std::string& name() const {
+    return label_.hostid.empty() ? label_.address : label_.hostid;
+  }
+  /// When it came, in milliseconds of the wall clock.
+  [[nodiscard]] std::int64_t since() const { return since_; }
+  /// Of the connection that carries tasks; all 0 for another one.
+  [[nodiscard]] SlaveLink::Counters counters() const;
+  /// What `runelctl devices` shows of a slave connection, with what @p known says of earlier ones.
+  [[nodiscard]] Json describe(const Roll::Entry& known) const;
   [[nodiscard]] const FurtherLink* further() const { return further_.get(); }
 
  private:

@@ -69,8 +69,18 @@ class RealDevice(MasterCase):
         self.assertEqual(self.device.wait(), 0)
         self.assertEqual(self.devices(), {})
         self.daemon()
-        self.wait_told("connected", count=2)
+        again = self.wait_told("connected", count=2)
         self.succeed("-d", "@" + self.hostid, "fileexists", "/")
+        about = self.devices()[self.hostid]
+        self.assertEqual((about["connects"], about["losses"], about["requests"]), (2, 1, 2),
+                         "the restart and one since")
+        self.assertEqual(about["last_loss_why"], self.told("lost")[0]["why"])
+        times = [self.label["time"], self.told("lost")[0]["time"], again["time"]]
+        self.assertEqual(sorted(times), times)
+        self.assertLessEqual(about["first_seen"], about["last_loss"])
+        self.assertLessEqual(about["last_loss"], about["since"])
+        line = self.succeed("devices").text.splitlines()[1]
+        self.assertRegex(line, r" 00:\d\d:\d\d  2 +1 +2 ")
 
     def test_the_device_is_there_again_after_the_master_was_away(self):
         self.assertEqual(self.stop_master(), "")
@@ -109,11 +119,15 @@ class RealDevice(MasterCase):
         about = self.devices()[self.hostid]
         self.assertEqual((about["v"], about["device"], about["address"], about["requests"],
                           about["users"]), (1, self.hostid, "127.0.0.1", 3, 0))
+        self.assertEqual((about["connects"], about["losses"]), (1, 0))
+        self.assertNotIn("last_loss", about)
+        self.assertEqual(about["since"], about["first_seen"])
         self.assertGreater(about["bytes_to_device"], 3 * len(record(["fileexists", "/"])))
         self.assertRegex(about["since"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$")
         head, line = self.succeed("devices").text.splitlines()
-        self.assertRegex(head, r"^HOSTID +ADDRESS +TYPE +SINCE +REQUESTS +SENT +RECEIVED ")
-        self.assertRegex(line, rf"^{self.hostid}  127\.0\.0\.1:\d+ +\w+ +00:\d\d:\d\d  3 ")
+        self.assertRegex(head, r"^HOSTID +ADDRESS +TYPE +UP +CONNECTS +LOSSES +REQUESTS "
+                               r"+SENT +RECEIVED +AGENTS +CLAUSES$")
+        self.assertRegex(line, rf"^{self.hostid}  127\.0\.0\.1:\d+ +\w+ +00:\d\d:\d\d  1 +0 +3 ")
         self.assertEqual(self.succeed("devices", "--names").text, self.hostid + "\n")
 
     def test_half_a_frame_of_a_call_never_reaches_the_device(self):
@@ -413,7 +427,9 @@ class Size(MasterCase):
         self.wait_told("connected", count=self.COUNT)
         self.assertEqual(set(self.devices()), set(devices.names))
         names = "".join(f"@{name}\n" for name in devices.names)
-        result = self.succeed("--json", "-j", "900", "--devices", "-", "hostid", feed=names.encode())
+        patient = ("--connect-timeout", "60", "--timeout", "60")
+        result = self.succeed("--json", "-j", "900", "--devices", "-", *patient, "hostid",
+                              feed=names.encode(), timeout=3 * PATIENCE)
         *answers, summary = result.objects
         self.assertEqual({"@" + answer["output"] for answer in answers},
                          {answer["device"] for answer in answers})
@@ -463,6 +479,14 @@ class ControlSocket(MasterCase):
         self.start_master()
         self.stop_master(signal.SIGINT)
         self.assertFalse(os.path.exists(self.control))
+
+    def test_a_signal_at_the_first_sign_of_life_ends_it_in_good_order(self):
+        for _ in range(20):
+            master = self.start("master")
+            wait_until(lambda: os.path.exists(self.control), "the socket is there", pause=0)
+            master.terminate()
+            self.assertEqual(master.wait(PATIENCE), 0)
+            self.assertFalse(os.path.exists(self.control))
 
     def as_nobody(self, code):
         """Runs @p code as another user, who may reach the socket's folder; what it prints."""
@@ -515,6 +539,17 @@ print(s.makefile().read())"""
         self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o700)
         self.assertEqual(self.succeed("devices", "--names", env=env).out, b"")
         self.stop_master()
+
+    def test_its_place_may_be_chosen(self):
+        self.control = self.path("elsewhere")
+        self.start_master("--master-socket", self.control)
+        FakeDevice(self)
+        self.wait_told("connected")
+        self.assertEqual(self.succeed("--master-socket", self.control, "-d", "@fake", "hostid").text,
+                         "fake\n")
+        self.assertEqual(self.succeed("devices", "--names",
+                                      env={"RUNELCTL_SOCKET": self.control}).text, "fake\n")
+        self.assertEqual(self.ctl("devices").status, 255)
 
     def test_a_second_master_says_so_and_a_dead_one_is_replaced(self):
         self.start_master()

@@ -5,7 +5,7 @@ import time
 PATIENCE = 60.0
 
 
-def wait_until(condition, what, timeout=PATIENCE):
+def wait_until(condition, what, timeout=PATIENCE, pause=0.002):
     """Asks @p condition again and again; its first true answer, or AssertionError after timeout."""
     deadline = time.monotonic() + timeout
     while True:
@@ -14,4 +14,4 @@ def wait_until(condition, what, timeout=PATIENCE):
             return answer
         if time.monotonic() > deadline:
             raise AssertionError(f"did not happen within {timeout:.0f} s: {what}")
-        time.sleep(0.002)
+        time.sleep(pause)

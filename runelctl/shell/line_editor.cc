@@ -106,6 +106,8 @@ LineEditor::Got LineEditor::read(const std::string& prompt, std::string& line) {
   prompt_ = prompt;
   interrupted = 0;
   int count = 0;
+  // Before the prompt is there: who answers it at once must not be answered by the terminal itself.
+  el_set(editor_, EL_PREP_TERM, 1);
   const char* text = el_gets(editor_, &count);
   if (text == nullptr || count <= 0) {
     (void)writeAll(STDOUT_FILENO, "\n");

@@ -175,6 +175,56 @@ class Zsh(CompletionCase):
         self.completes("runelctl -d @no", "runelctl -d @north ")
 
 
+class Installed(MasterCase):
+    """What `cmake --install` puts where each shell looks by itself."""
+
+    PLACES = {"bash": "bash-completion/completions/runelctl", "zsh": "zsh/site-functions/_runelctl",
+              "fish": "fish/vendor_completions.d/runelctl.fish"}
+
+    def setUp(self):
+        super().setUp()
+        build = os.path.dirname(os.path.dirname(BINARY))
+        prefix = self.path("prefix")
+        # Within DESTDIR not even a folder with an absolute name leads out of the test's own.
+        subprocess.run(["cmake", "--install", build, "--prefix", prefix], check=True,
+                       stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": self.path("root")})
+        self.root = self.path("root") + prefix
+        self.share = self.root + "/share"
+
+    def run_shell(self, *words, **env):
+        result = subprocess.run(words, capture_output=True, timeout=PATIENCE, check=False,
+                                cwd=self.folder, env=self.environment({
+                                    "PATH": self.root + "/bin:" + os.environ["PATH"],
+                                    "TERM": "dumb", **env}))
+        self.assertEqual((result.returncode, result.stderr), (0, b""), words)
+        return result.stdout.decode()
+
+    def test_the_scripts_are_those_of_the_program_beside_them(self):
+        for shell, place in self.PLACES.items():
+            with open(os.path.join(self.share, place), "rb") as file:
+                self.assertEqual(file.read(), self.succeed("completion", shell).out, shell)
+        for path in ("bin/runelctl", "sbin/runeld", "share/man/man1/runelctl.1"):
+            self.assertTrue(os.path.exists(os.path.join(self.root, path)), path)
+
+    def test_fish_finds_its_own(self):
+        shown = self.run_shell("fish", "--no-config", "-c",
+                               f"set fish_complete_path {self.share}/fish/vendor_completions.d; "
+                               "complete -C 'runelctl pin'")
+        self.assertEqual(shown.split("\t")[0], "ping")
+
+    def test_zsh_finds_its_own(self):
+        shown = self.run_shell("zsh", "-f", "-c",
+                               f"fpath=({self.share}/zsh/site-functions $fpath); "
+                               "autoload -U compinit; compinit -u -D; print -r $_comps[runelctl]; "
+                               "whence -w _runelctl")
+        self.assertEqual(shown, "_runelctl\n_runelctl: function\n")
+
+    def test_bash_finds_its_own(self):
+        shown = self.run_shell("bash", "-c", f"source {self.share}/{self.PLACES['bash']}; "
+                                             "complete -p runelctl")
+        self.assertEqual(shown, "complete -F _runelctl runelctl\n")
+
+
 class Script(MasterCase):
     def test_there_is_none_for_another_shell(self):
         for words in (("completion",), ("completion", "csh")):

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+// The client library, as any other program could use it: linked without the rest of runelctl.
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+#include "client/device.h"
+#include "client/loop.h"
+#include "client/request.h"
+
+namespace zell::ctl {
+namespace {
+
+std::string answer(const std::string& output) {
+  const std::string record =
+      "SlaveTask 0 0 " + std::to_string(output.size()) + ":" + output + " 0 0 0 0 0";
+  return "\x01" + std::to_string(record.size()) + "\x02" + record;
+}
+
+// Listens on the loopback and lives in the same loop as the device's other end.
+class Peer {
+ public:
+  explicit Peer(Loop& loop)
+      : loop_(loop), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
+    EXPECT_EQ(listen(listener_.get(), 5), 0);
+    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
+    port_ = ntohs(address.sin_port);
+    EXPECT_TRUE(loop_.watch(listener_.get(), EPOLLIN, [this](std::uint32_t) { take(); }));
+  }
+  ~Peer() {
+    stopListening();
+    while (!connections_.empty()) {
+      hangUp(connections_.begin()->first);
+    }
+  }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  [[nodiscard]] Target target() const { return {"peer", "127.0.0.1", port_, ""}; }
+  void say(int fd, const std::string& bytes) {
+    EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  void hangUp(int fd) {
+    loop_.forget(fd);
+    connections_.erase(fd);
+  }
+  void stopListening() {
+    loop_.forget(listener_.get());
+    listener_.reset();
+  }
+
+  /// All that came on a connection so far, each time that something comes.
+  std::function<void(int fd, const std::string& bytes)> heard = [](int, const std::string&) {};
+  int accepted = 0;
+
+ private:
+  void take() {
+    UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const int fd = connection.get();
+    ++accepted;
+    connections_[fd] = {std::move(connection), ""};
+    EXPECT_TRUE(loop_.watch(fd, EPOLLIN, [this, fd](std::uint32_t) { read(fd); }));
+  }
+  void read(int fd) {
+    char part[65536];
+    const ssize_t got = recv(fd, part, sizeof part, MSG_DONTWAIT);
+    if (got <= 0) {
+      hangUp(fd);
+      return;
+    }
+    std::string& all = connections_[fd].second;
+    all.append(part, static_cast<std::size_t>(got));
+    heard(fd, std::string(all));
+  }
+
+  Loop& loop_;
+  UniqueFd listener_;
+  std::uint16_t port_ = 0;
+  std::map<int, std::pair<UniqueFd, std::string>> connections_;
+};
+
+std::size_t countOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+class ClientTest : public ::testing::Test {
+ protected:
+  // A generous limit against a hang.
+  void runUntil(const std::function<bool()>& done) {
+    for (int i = 0; i < 6000 && !done(); ++i) {
+      loop.turn(Milliseconds(10));
+    }
+    ASSERT_TRUE(done());
+  }
+  ReplyHandler keep() {
+    return [this](Reply reply) { replies.push_back(std::move(reply)); };
+  }
+
+  Loop loop;
+  Peer peer{loop};
+  Limits limits;
+  std::vector<Reply> replies;
+};
+
+TEST_F(ClientTest, RequestsGoOutBeforeTheFirstIsAnswered) {
+  peer.heard = [&](int fd, const std::string& bytes) {
+    if (countOf(bytes, "SlaveTask") == 3) {
+      peer.say(fd, answer("one") + answer("two") + answer("three"));
+    }
+  };
+  Device device(loop, peer.target(), limits);
+  for (const char* path : {"/1", "/2", "/3"}) {
+    device.ask(request({"read", path}), keep());
+  }
+  EXPECT_TRUE(replies.empty()) << "never before it returns";
+  runUntil([&] { return replies.size() == 3; });
+  EXPECT_EQ(replies[0].output + replies[1].output + replies[2].output, "onetwothree");
+  EXPECT_EQ(peer.accepted, 1);
+}
+
+TEST_F(ClientTest, SilenceEndsAllThatWaits) {
+  limits.silence = Milliseconds(30);
+  Device device(loop, peer.target(), limits);
+  device.ask(request({"hostid"}), keep());
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return replies.size() == 2; });
+  for (const Reply& reply : replies) {
+    ASSERT_TRUE(reply.broken);
+    EXPECT_EQ(reply.broken->fault, Fault::timedOut);
+    EXPECT_TRUE(reply.broken->retry());
+    EXPECT_EQ(reply.exitStatus(), 255);
+  }
+}
+
+TEST_F(ClientTest, AfterALossTheNextRequestMakesANewConnection) {
+  peer.heard = [&](int fd, const std::string&) {
+    if (peer.accepted == 1) {
+      peer.hangUp(fd);
+    } else {
+      peer.say(fd, answer("back"));
+    }
+  };
+  Device device(loop, peer.target(), limits);
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return replies.size() == 1; });
+  ASSERT_TRUE(replies[0].broken);
+  EXPECT_EQ(replies[0].broken->fault, Fault::lost);
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return replies.size() == 2; });
+  EXPECT_EQ(replies[1].output, "back");
+  EXPECT_EQ(peer.accepted, 2);
+}
+
+TEST_F(ClientTest, AHandlerMayAskAgain) {
+  peer.heard = [&](int fd, const std::string&) { peer.say(fd, answer("x")); };
+  Device device(loop, peer.target(), limits);
+  int left = 5;
+  ReplyHandler again = [&](const Reply&) {
+    if (--left > 0) {
+      device.ask(request({"hostid"}), again);
+    }
+  };
+  device.ask(request({"hostid"}), again);
+  runUntil([&] { return left == 0; });
+  EXPECT_EQ(peer.accepted, 1);
+}
+
+TEST_F(ClientTest, NobodyThereIsUnreachable) {
+  const Target target = peer.target();
+  peer.stopListening();
+  Device device(loop, target, limits);
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return replies.size() == 1; });
+  ASSERT_TRUE(replies[0].broken);
+  EXPECT_EQ(replies[0].broken->fault, Fault::unreachable);
+  EXPECT_EQ(replies[0].broken->number, ECONNREFUSED);
+}
+
+TEST_F(ClientTest, GarbageIsAProtocolError) {
+  peer.heard = [&](int fd, const std::string&) { peer.say(fd, "\x01zz"); };
+  Device device(loop, peer.target(), limits);
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return replies.size() == 1; });
+  ASSERT_TRUE(replies[0].broken);
+  EXPECT_EQ(replies[0].broken->fault, Fault::protocol);
+  EXPECT_FALSE(replies[0].broken->retry());
+}
+
+TEST_F(ClientTest, WhatIsAbandonedIsNotAnswered) {
+  bool heard = false;
+  peer.heard = [&](int fd, const std::string&) {
+    heard = true;
+    peer.say(fd, answer("late"));
+  };
+  Device device(loop, peer.target(), limits);
+  device.ask(request({"hostid"}), keep());
+  runUntil([&] { return heard; });
+  device.abandon();
+  EXPECT_EQ(device.waiting(), 0U);
+  loop.turn(Milliseconds(0));
+  loop.turn(Milliseconds(0));
+  EXPECT_TRUE(replies.empty());
+}
+
+TEST_F(ClientTest, RestartIsDoneWhenItHasGoneOut) {
+  Device device(loop, peer.target(), limits);
+  device.ask(request({"restart"}), keep());
+  runUntil([&] { return replies.size() == 1; });
+  EXPECT_FALSE(replies[0].broken);
+}
+
+TEST_F(ClientTest, ADryRunConnectsToNobody) {
+  std::vector<std::string> payloads;
+  Device device(loop, peer.target(), limits);
+  device.setDryRun([&](const Target&, const std::string& payload) { payloads.push_back(payload); });
+  device.ask(request({"unlink", "/a"}), keep());
+  for (int i = 0; i < 5; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_EQ(payloads, (std::vector<std::string>{"SlaveTask 2 6:unlink 2:/a 0 0: 0 0 0 0 0"}));
+  EXPECT_TRUE(replies.empty());
+  EXPECT_EQ(peer.accepted, 0);
+}
+
+}  // namespace
+}  // namespace zell::ctl

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a tab offers in the shell.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "shell/completer.h"
+
+namespace zell::ctl {
+namespace {
+
+using Words = std::vector<std::string>;
+
+OptionRow option(Words names, Value value = Value::none, Words words = {}) {
+  return {std::move(names), "", "", value, std::move(words)};
+}
+
+Tables tables() {
+  Tables all;
+  all.options = {option({"--json"}), option({"-d", "--device"}, Value::device),
+                 option({"--color"}, Value::oneOf, {"always", "auto", "never"}),
+                 option({"--devices"}, Value::file)};
+  all.commands = {
+      {"ls", "", {option({"-l"})}, {option({}, Value::remote)}},
+      {"lstat", "", {}, {option({}, Value::remote)}},
+      {"push", "", {option({"--checksum"})}, {option({}, Value::file), option({}, Value::remote)}},
+      {"ping", "", {option({"-c", "--count"}, Value::any)}, {}}};
+  return all;
+}
+
+class CompleterTest : public ::testing::Test {
+ protected:
+  Completer::Offer offer(const std::string& before) {
+    const Completer completer(
+        tables(), {"cd", "lcd"},
+        [this](const std::string& folder) {
+          asked.push_back(folder);
+          return remote;
+        },
+        [](const std::string&) {
+          return std::vector<FolderEntry>{{"local-file", false}, {"local-folder", true}};
+        });
+    return completer.complete(before);
+  }
+  Words words(const std::string& before) { return offer(before).words; }
+
+  std::vector<FolderEntry> remote{
+      {"etc", true}, {"exe", false}, {".hidden", false}, {"a b", false}};
+  Words asked;
+};
+
+TEST_F(CompleterTest, OffersCommandsAndTheShellsOwnFirst) {
+  EXPECT_EQ(words("l"), (Words{"lcd", "ls", "lstat"}));
+  EXPECT_EQ(words("--json l"), (Words{"lcd", "ls", "lstat"}));
+  EXPECT_EQ(words("--color always pi"), (Words{"ping"}));
+  EXPECT_EQ(words("nothing-like-that"), Words());
+}
+
+TEST_F(CompleterTest, ReplacesTheWordThatIsBeingTyped) {
+  EXPECT_EQ(offer("ls /e").begin, 3U);
+  EXPECT_EQ(offer("ls ").begin, 3U);
+  EXPECT_EQ(offer("").begin, 0U);
+}
+
+TEST_F(CompleterTest, OffersGeneralOptionsAndTheCommandsOwn) {
+  EXPECT_EQ(words("--d"), (Words{"--device", "--devices"}));
+  EXPECT_EQ(words("push --c"), (Words{"--checksum", "--color"}));
+  EXPECT_EQ(words("ls --c"), (Words{"--color"}));
+}
+
+TEST_F(CompleterTest, OffersTheValuesOfAnOption) {
+  EXPECT_EQ(words("ls --color a"), (Words{"always", "auto"}));
+  EXPECT_EQ(words("--devices "), (Words{"local-file", "local-folder/"}));
+  EXPECT_EQ(words("ping -c "), Words()) << "a number cannot be guessed";
+  EXPECT_EQ(words("-d l"), Words()) << "and is not taken for the command";
+}
+
+TEST_F(CompleterTest, OffersPathsOfTheSideThatTheArgumentIsOn) {
+  EXPECT_EQ(words("ls e"), (Words{"etc/", "exe"}));
+  EXPECT_EQ(words("push l"), (Words{"local-file", "local-folder/"}));
+  EXPECT_EQ(words("push x e"), (Words{"etc/", "exe"}));
+  EXPECT_EQ(words("push x y e"), (Words{"etc/", "exe"})) << "the last one stands for all others";
+  EXPECT_EQ(words("ping e"), Words());
+}
+
+TEST_F(CompleterTest, OffersTheShellsOwnCommandsTheirSide) {
+  EXPECT_EQ(words("cd e"), (Words{"etc/", "exe"}));
+  EXPECT_EQ(words("lcd l"), (Words{"local-file", "local-folder/"}));
+}
+
+TEST_F(CompleterTest, AsksForTheFolderThatWasTyped) {
+  EXPECT_EQ(words("ls /var/e"), (Words{"/var/etc/", "/var/exe"}));
+  EXPECT_EQ(words("ls /e"), (Words{"/etc/", "/exe"}));
+  EXPECT_EQ(words("ls e"), (Words{"etc/", "exe"}));
+  EXPECT_EQ(asked, (Words{"/var/", "/", "."}));
+}
+
+TEST_F(CompleterTest, HiddenNamesAreOfferedToADotAlone) {
+  EXPECT_EQ(words("ls "), (Words{"a\\ b", "etc/", "exe"}));
+  EXPECT_EQ(words("ls ."), (Words{".hidden"}));
+}
+
+TEST_F(CompleterTest, NamesAreQuotedAsTheyAreTyped) {
+  EXPECT_EQ(words("ls a"), (Words{"a\\ b"}));
+  EXPECT_EQ(words("ls 'a "), (Words{"a\\ b"})) << "in place of the open quote";
+}
+
+TEST_F(CompleterTest, ANameThatNobodyCanTypeIsNotOffered) {
+  remote = {{"\x1b[2J", false}, {"a\nb", false}, {"\x7f", false}, {"\xc3\xa4", false}};
+  EXPECT_EQ(words("ls "), (Words{"\xc3\xa4"}));
+}
+
+TEST(SharedBeginningTest, IsAsLongAsAllShare) {
+  EXPECT_EQ(sharedBeginning({}), "");
+  EXPECT_EQ(sharedBeginning({"abc"}), "abc");
+  EXPECT_EQ(sharedBeginning({"abc", "abd", "ab"}), "ab");
+  EXPECT_EQ(sharedBeginning({"a", "b"}), "");
+}
+
+TEST(SharedBeginningTest, EndsWithAWholeCharacter) {
+  EXPECT_EQ(sharedBeginning({"x\xc3\xa4", "x\xc3\xb6"}), "x");
+  EXPECT_EQ(sharedBeginning({"x\xe2\x82\xac", "x\xe2\x82\xa9"}), "x");
+  EXPECT_EQ(sharedBeginning({"a\\ b", "a\\'b"}), "a") << "half of an escaped one is none";
+  EXPECT_EQ(sharedBeginning({"a\\\\b", "a\\\\c"}), "a\\\\");
+}
+
+}  // namespace
+}  // namespace zell::ctl

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is shown of a run: objects for programs, the line of progress for people.
+#include <cerrno>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "client/error.h"
+#include "fleet/printer.h"
+#include "output/report.h"
+#include "output/status_line.h"
+
+namespace zell::ctl {
+namespace {
+
+Style forPrograms() {
+  Style style;
+  style.json = true;
+  return style;
+}
+
+TEST(ClosingObjectTest, OfASuccessHasTheCommandsFields) {
+  const Style style = forPrograms();
+  Report report(style);
+  report.result()["files"] = 3;
+  EXPECT_EQ(closingObject("a", "push", {}, report).dump(),
+            R"({"v":1,"device":"a","task":"push","ok":true,"status":0,"files":3})");
+}
+
+TEST(ClosingObjectTest, OfAFailureSaysWhereAndWhetherToTryAgain) {
+  const Style style = forPrograms();
+  const Report report(style);
+  const Error error{Fault::lost, "gone", "look", ECONNRESET};
+  EXPECT_EQ(closingObject("a", "read", {255, error}, report).dump(),
+            R"({"v":1,"device":"a","task":"read","ok":false,"status":255,"where":"link",)"
+            R"("retry":true,"error":"gone","errno":104,"hint":"look"})");
+}
+
+TEST(ClosingObjectTest, CarriesAnyBytes) {
+  const Style style = forPrograms();
+  Report report(style);
+  report.warn("\xff");
+  const Error error{Fault::task, "\xfe", "", 0};
+  EXPECT_EQ(closingObject("\xfd", "rm", {1, error}, report).dump(),
+            R"({"v":1,"device_base64":"/Q==","task":"rm","ok":false,"status":1,"where":"device",)"
+            R"("retry":false,"error_base64":"/g==","warnings":[{"text_base64":"/w=="}]})");
+}
+
+TEST(ErrorTest, EachFaultHasItsPlaceAndItsChance) {
+  const struct {
+    Fault fault;
+    const char* where;
+    bool retry;
+  } kAll[] = {{Fault::unreachable, "link", true}, {Fault::lost, "link", true},
+              {Fault::protocol, "link", false},   {Fault::timedOut, "link", true},
+              {Fault::task, "device", false},     {Fault::program, "program", false},
+              {Fault::local, "local", false},     {Fault::cancelled, "local", true}};
+  for (const auto& each : kAll) {
+    const Error error{each.fault, "", "", 0};
+    EXPECT_STREQ(error.where(), each.where);
+    EXPECT_EQ(error.retry(), each.retry) << each.where;
+  }
+  EXPECT_TRUE((Error{Fault::task, "", "", EBUSY}.retry()));
+  EXPECT_FALSE((Error{Fault::task, "", "", ENOENT}.retry()));
+}
+
+TEST(ReportTest, GivesPeopleTextAndProgramsObjects) {
+  const Style people;
+  const Style programs = forPrograms();
+  for (const Style* style : {&people, &programs}) {
+    Report report(*style);
+    report.line("text");
+    report.entry({{"entry", "name"}});
+    EXPECT_EQ(report.text(), style->json ? "" : "text\n");
+    EXPECT_EQ(report.entries().size(), style->json ? 1U : 0U);
+  }
+}
+
+TEST(ReportTest, StreamsWhatSomebodyWaitsFor) {
+  const Style people;
+  Report report(people);
+  std::string got;
+  report.stream = [&](std::string_view bytes) { got += bytes; };
+  report.bytes("a");
+  report.bytes("b");
+  EXPECT_EQ(got, "ab");
+  EXPECT_EQ(report.text(), "");
+}
+
+std::string barFor(const Progress& progress, std::size_t columns) {
+  ProgressBar bar;
+  return bar.text(progress, columns);
+}
+
+TEST(ProgressBarTest, ShowsNameBarAndPercent) {
+  EXPECT_EQ(barFor({50, 100, "file"}, 80), "file [##########..........] 50%");
+  EXPECT_EQ(barFor({0, 100, "file"}, 80), "file [....................] 0%");
+  EXPECT_EQ(barFor({100, 100, "file"}, 80), "file [####################] 100%");
+}
+
+TEST(ProgressBarTest, LeavesOutWhatHasNoRoom) {
+  EXPECT_EQ(barFor({50, 100, "file"}, 30), "[##########..........] 50%");
+  EXPECT_EQ(barFor({50, 100, "file"}, 20), "file 50%");
+  EXPECT_EQ(barFor({50, 100, "a-rather-long-name"}, 20), "50%");
+  for (std::size_t columns = 5; columns < 100; ++columns) {
+    EXPECT_LT(barFor({7, 9, "some name or other"}, columns).size(), columns);
+  }
+}
+
+TEST(ProgressBarTest, BearsFiguresThatAreWrong) {
+  EXPECT_EQ(barFor({0, 0, "empty"}, 80), "empty [####################] 100%");
+  EXPECT_EQ(barFor({300, 100, "grown"}, 80), "grown [####################] 100%");
+}
+
+TEST(ProgressBarTest, EscapesTheName) {
+  EXPECT_EQ(barFor({1, 1, "\x1b[2J\n"}, 80), "\\x1b[2J\\n [####################] 100%");
+}
+
+TEST(ProgressBarTest, TellsRateAndTimeLeftOnceItMoves) {
+  ProgressBar bar;
+  (void)bar.text({0, 1ULL << 40U, "f"}, 80);
+  std::string line;
+  // The clock may stand still for a moment.
+  for (int i = 0; i < 1000000 && line.find("/s ") == std::string::npos; ++i) {
+    line = bar.text({1ULL << 39U, 1ULL << 40U, "f"}, 80);
+  }
+  EXPECT_NE(line.find("50% "), std::string::npos) << line;
+  EXPECT_NE(line.find("iB/s "), std::string::npos) << line;
+  EXPECT_NE(line.find(':'), std::string::npos) << line;
+}
+
+TEST(StatusLineTest, IsForPeopleAtATerminal) {
+  Style style;
+  EXPECT_FALSE(StatusLine(style).enabled());
+  style.errTerminal = true;
+  EXPECT_TRUE(StatusLine(style).enabled());
+  style.quiet = true;
+  EXPECT_FALSE(StatusLine(style).enabled());
+  style = forPrograms();
+  style.errTerminal = true;
+  EXPECT_FALSE(StatusLine(style).enabled());
+}
+
+TEST(StyleTest, EscapesNamesForATerminalAlone) {
+  Style style;
+  EXPECT_EQ(style.name("a\x1b"), "a\x1b");
+  style.outTerminal = true;
+  EXPECT_EQ(style.name("a\x1b"), "a\\x1b");
+}
+
+}  // namespace
+}  // namespace zell::ctl

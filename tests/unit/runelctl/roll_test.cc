@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the master remembers of devices that come and go.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "master/roll.h"
+
+namespace zell::ctl {
+namespace {
+
+TEST(RollTest, CountsConnectsAndLosses) {
+  Roll roll;
+  roll.connected("a", 100);
+  roll.lost("a", 200, "gone", {});
+  roll.connected("a", 300);
+  EXPECT_EQ(roll.of("a").firstSeen, 100);
+  EXPECT_EQ(roll.of("a").connects, 2U);
+  EXPECT_EQ(roll.of("a").losses, 1U);
+  EXPECT_EQ(roll.of("a").lastLoss, 200);
+  EXPECT_EQ(roll.of("a").lastReason, "gone");
+}
+
+TEST(RollTest, AddsUpWhatEarlierConnectionsCounted) {
+  Roll roll;
+  for (int round = 0; round < 2; ++round) {
+    roll.connected("a", 1);
+    roll.lost("a", 2, "", {3, 50, 70});
+  }
+  EXPECT_EQ(roll.of("a").earlier.requests, 6U);
+  EXPECT_EQ(roll.of("a").earlier.bytesOut, 100U);
+  EXPECT_EQ(roll.of("a").earlier.bytesIn, 140U);
+}
+
+TEST(RollTest, KnowsNothingOfStrangers) {
+  const Roll roll;
+  EXPECT_EQ(roll.of("nobody").connects, 0U);
+}
+
+TEST(RollTest, ForgetsTheOneThatHasBeenGoneForLongest) {
+  Roll roll(2);
+  for (const char* name : {"a", "b", "c"}) {
+    roll.connected(name, 1);
+  }
+  roll.lost("b", 10, "", {});
+  roll.lost("a", 20, "", {});
+  roll.lost("c", 30, "", {});
+  EXPECT_EQ(roll.of("b").connects, 0U);
+  EXPECT_EQ(roll.of("a").connects, 1U);
+  EXPECT_EQ(roll.of("c").connects, 1U);
+}
+
+TEST(RollTest, ForgetsNobodyWhoIsThere) {
+  Roll roll(1);
+  roll.connected("there", 1);
+  roll.connected("there", 1);
+  roll.lost("there", 2, "", {});  // the other connection is still there
+  for (int number = 0; number < 10; ++number) {
+    const std::string name = "n" + std::to_string(number);
+    roll.connected(name, 3);
+    roll.lost(name, 4 + number, "", {});
+  }
+  EXPECT_EQ(roll.of("there").connects, 2U);
+  EXPECT_EQ(roll.of("n8").connects, 0U);
+  EXPECT_EQ(roll.of("n9").connects, 1U);
+}
+
+TEST(RollTest, WhoComesBackIsNotForgotten) {
+  Roll roll(1);
+  roll.connected("a", 1);
+  roll.lost("a", 2, "", {});
+  roll.connected("a", 3);
+  roll.connected("b", 4);
+  roll.lost("b", 5, "", {});
+  EXPECT_EQ(roll.of("a").connects, 2U);
+  EXPECT_EQ(roll.of("b").connects, 1U);
+}
+
+}  // namespace
+}  // namespace zell::ctl

@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Devices that answer badly, late or never, peers that are none, and devices that go and come."""
+import os
 import re
+import select
 import socket
 import threading
 import time
@@ -103,6 +105,79 @@ class BadDevices(Faults):
         self.assertIn(b"1b 5b 33 31  6d ff", shown)
 
 
+class CutAnywhere(Faults):
+    """The connection ends behind so many bytes of the answers, within a frame or between two."""
+
+    PLACES = (0, 1, 3, 30, 45, 100, 300, 1000, 3000)
+
+    def cut_behind(self, count):
+        def serve(connected):
+            left = count
+            with socket.create_connection(("127.0.0.1", 5111)) as daemon:
+                while True:
+                    for source in select.select([connected, daemon], [], [])[0]:
+                        data = source.recv(65536)
+                        if source is connected and data:
+                            daemon.sendall(data)
+                            continue
+                        connected.sendall(data[:left])
+                        left -= len(data)
+                        if not data or left <= 0:
+                            return connected.close()
+
+        return self.odd_peer(serve)
+
+    def commands(self):
+        """Each with files of its own that are as they were before."""
+        for name in ("there", "here"):
+            os.makedirs(self.path(name + "/sub"), exist_ok=True)
+            for number in range(12):
+                self.file(f"{name}/f{number}", name.encode())
+            self.file(f"{name}/sub/f", name.encode())
+        there, here = self.path("there"), self.path("here")
+        yield from ((task, there + "/f1") for task in (
+            "read", "cat", "ls", "stat", "lstat", "fileexists", "chmodx", "freeblocks"))
+        yield from ((*words, there) for words in (("ls",), ("ls", "-l"), ("tree",), ("df",),
+                                                  ("readdir",), ("walktree",)))
+        yield from (("info",), ("ping", "-c", "3", "-i", "0"), ("exec", "echo", "x" * 200),
+                    ("sh", "echo " + "x" * 200), ("ps", "runeld"), ("hostid",),
+                    ("raw", "SlaveTask 1 10:devicetype 0 0: 0 0 0 0 0"))
+        yield from (("push", here + "/f1", there + "/f1"), ("push", "-r", here, there),
+                    ("sync", "--delete", here, there), ("pull", there + "/f1", here + "/f1"),
+                    ("pull", "-r", there + "/.", here), ("write", there + "/f1", "here"),
+                    ("mv", there + "/f2", there + "/f3"), ("rm", "-r", there + "/sub"))
+
+    def names(self):
+        """All that is there, which must be files that are whole: the old ones or the new ones."""
+        found = set()
+        for top in ("there", "here"):
+            for folder, _, files in os.walk(self.path(top)):
+                found |= {os.path.join(folder, name) for name in files}
+        for path in found:
+            if ".runelctl-" not in path:
+                with open(path, "rb") as file:
+                    self.assertIn(file.read(), (b"there", b"here"), path)
+        return found
+
+    def test_every_command_ends_with_one_line_and_nothing_half_done(self):
+        self.daemon()
+        met = {0: 0, 255: 0}
+        for place in self.PLACES:
+            for words in self.commands():
+                result = self.ctl("-d", self.cut_behind(place), *words)
+                told = (words, place, result)
+                self.assertIn(result.status, met, told)
+                self.assertEqual(len(result.errors), 1 if result.status else 0, told)
+                met[result.status] += 1
+                if place == 0:
+                    self.assertEqual(result.status, 255, told)
+                left = [path for path in self.names() if path.startswith(self.path("here/"))
+                        and ".runelctl-" in path]
+                self.assertEqual(left, [], told)
+        self.assertGreater(met[0], 20)
+        self.assertGreater(met[255], 100)
+
+
 class NoDevices(Faults):
     def test_other_servers_are_known_by_how_they_begin(self):
         hint = r" \(is this the right port\? Devices listen on 5111\)"
@@ -197,10 +272,11 @@ class GoingAndComing(CtlCase):
         self.assertEqual(state["reboots"], 1)
 
     def test_one_that_does_not_go_down_in_time(self):
-        where, _ = self.boots([b"one\n"])
-        result = self.ctl("-d", where, "reboot", "--wait", "--down-timeout", "0.5")
-        self.assertEqual(result.status, 255)
-        self.assertIn("reboot: it did not go down within 0.5 s", result.errors[0])
+        for command in ("reboot", "restart"):
+            where, _ = self.boots([b"one\n"])
+            result = self.ctl("-d", where, command, "--wait", "--down-timeout", "0.5")
+            self.assertEqual(result.status, 255)
+            self.assertIn(f"{command}: it did not go down within 0.5 s", result.errors[0])
 
     def test_one_that_does_not_come_back_in_time(self):
         where, _ = self.boots([b"one\n", None])

@@ -411,6 +411,20 @@ class Sync(Transfers):
         self.assertEqual(result.objects[-1]["removed"], 2)
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
 
+    def test_a_broken_one_is_taken_up_unless_told_otherwise(self):
+        self.serve()
+        os.mkdir(self.path("here"))
+        self.file("here/big", noise(30 * MIB))
+        for flag, kept in (("--resume", True), ("--no-resume", False)):
+            between = Between(self, 20 * MIB)
+            words = ("sync", flag, self.path("here"), self.on_device("copy"))
+            self.fails(("-d", between.where, *words), 255, "closed|reset|Broken|big")
+            wait_until(no_client_left, "the daemon has read all that came")
+            self.assertEqual(len(self.leftovers()), int(kept))
+            self.assertEqual("resumed_at" in self.succeed("--json", *words).objects[-1], kept)
+            self.assertEqual(self.content("device/copy/big"), noise(30 * MIB))
+            os.remove(self.on_device("copy/big"))
+
     def test_a_link_to_the_folder_is_as_good(self):
         self.serve()
         here = self.tree("here", 3)

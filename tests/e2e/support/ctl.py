@@ -19,6 +19,7 @@ from support.daemon import sanitizer_options
 from support.wait import PATIENCE
 
 BINARY = os.environ.get("RUNELCTL_BIN", "")
+RECORD = os.environ.get("RUNELCTL_RECORD")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -59,8 +60,20 @@ class CtlCase(EndToEndCase):
         self.addCleanup(self._end, process)
         return process
 
-    @staticmethod
-    def _end(process):
+    _record_mode = "w"  # what an earlier run of the tests left is not ours
+
+    @classmethod
+    def _record(cls, process):
+        """For check_runelctl_used: what was tried, and how it ended (null: it ran on)."""
+        words = [os.fsdecode(word) for word in process.args[1:]]
+        with open(RECORD, CtlCase._record_mode, encoding="ascii") as record:
+            record.write(json.dumps([words, process.poll()]) + "\n")
+        CtlCase._record_mode = "a"
+
+    @classmethod
+    def _end(cls, process):
+        if RECORD and process.args[0] == BINARY:
+            cls._record(process)
         if process.poll() is None:
             process.kill()
         process.wait()

@@ -1,0 +1,111 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Fails when a command, an option or an exit status of runelctl was met in no end-to-end test.
+
+    check_runelctl_used.py BINARY RECORD...
+
+What there is comes from the binary's own tables, by way of a completion script. What was tried is
+in the records that the tests leave: one run a line, its words and its exit status, null for one that
+ran on to its test's end. A run that was refused for its command line (status 2) has tried nothing,
+and a request for help neither.
+"""
+import dataclasses
+import json
+import os
+import shlex
+import subprocess
+import sys
+
+STATUSES = {0, 1, 2, 124, 126, 127, 255}
+# The rest of the line is a program's, once its name is there.
+TAKE_THE_REST = ("exec", "sh")
+
+
+@dataclasses.dataclass(frozen=True)
+class Option:
+    command: str  # empty for one that all commands know
+    names: tuple
+    has_value: bool
+
+    def __str__(self):
+        return (self.command + " " + "/".join(self.names)).strip()
+
+
+class Tables:
+    """The commands and options, read from the script for fish: it has each on a line."""
+
+    def __init__(self, binary):
+        script = subprocess.run([binary, "completion", "fish"], check=True, text=True,
+                                capture_output=True).stdout
+        self.commands = []
+        self.options = []
+        for line in script.splitlines():
+            words = shlex.split(line.replace("\\'", "'\\''"), comments=True)  # fish's quote in quotes
+            if words[:3] == ["set", "-g", "__runelctl_commands"]:
+                self.commands = words[3:]
+            elif words[:1] == ["complete"]:
+                self._read(words)
+
+    def _read(self, words):
+        names = [("-" if kind == "-s" else "--") + name
+                 for kind, name in zip(words, words[1:]) if kind in ("-s", "-l")]
+        condition = words[words.index("-n") + 1].split() if "-n" in words else ["", ""]
+        if names:
+            self.options.append(Option(condition[1], tuple(names), "-x" in words or "-r" in words))
+
+    def find(self, command, name):
+        """The option that @p name means for @p command."""
+        known = {(option.command, one): option for option in self.options for one in option.names}
+        return known.get((command, name)) or known.get(("", name))
+
+
+def tried(tables, words):
+    """The command of a run and its options."""
+    command, options = "", []
+    left = list(words)
+    while left:
+        word = left.pop(0)
+        name = word.split("=")[0]
+        if word == "--":
+            break
+        if word.startswith("-") and word != "-":
+            option = tables.find(command, name)
+            if option:
+                options.append(option)
+                if option.has_value and "=" not in word:
+                    left.pop(0)
+        elif not command:
+            command = word
+        elif command in TAKE_THE_REST:
+            break
+    # An option before the command may be one of all commands or the command's own.
+    return command, options
+
+
+def main(binary, records):
+    tables = Tables(binary)
+    missing = [path for path in records if not os.path.exists(path)]
+    commands, options, statuses = set(), set(), set()
+    for path in set(records) - set(missing):
+        with open(path, encoding="ascii") as record:
+            for words, status in map(json.loads, record):
+                statuses.add(status)
+                command, given = tried(tables, words)
+                if status == 2:
+                    continue
+                options.update(given)
+                if not any("--help" in option.names for option in given):
+                    commands.add(command)
+    wrong = [f"{path} is not there: run that test first" for path in missing]
+    wrong += [f"no test runs {name}" for name in tables.commands if name not in commands]
+    wrong += [f"no test uses {option}" for option in tables.options if option not in options]
+    wrong += [f"no test meets exit status {status}" for status in sorted(STATUSES - statuses)]
+    if not any(status and 128 < status < 255 for status in statuses):
+        wrong.append("no test meets the exit status of a signal")
+    print("\n".join(wrong))
+    print(f"{len(tables.commands)} commands, {len(tables.options)} options, "
+          f"{len(wrong)} left out")
+    return 1 if wrong or len(tables.commands) < 40 or len(tables.options) < 40 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1], sys.argv[2:]))

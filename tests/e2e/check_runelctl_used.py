@@ -39,7 +39,8 @@ class Tables:
         self.commands = []
         self.options = []
         for line in script.splitlines():
-            words = shlex.split(line.replace("\\'", "'\\''"), comments=True)  # fish's quote in quotes
+            # Within quotes fish writes a quote as \'.
+            words = shlex.split(line.replace("\\'", "'\\''"), comments=True)
             if words[:3] == ["set", "-g", "__runelctl_commands"]:
                 self.commands = words[3:]
             elif words[:1] == ["complete"]:

@@ -165,7 +165,7 @@ class RealDevice(MasterCase):
         wait_until(lambda: self.devices()[self.hostid]["bytes_from_device"] > 30_000_000,
                    "the device answers")
         self.assertEqual(self.succeed("-d", "@other", "hostid").text, "other\n")
-        self.assertLess(self.resident_bytes(), 250_000_000)
+        self.assert_small(250_000_000)
         call.close()
         self.succeed("-d", "@" + self.hostid, "fileexists", "/")
         fake.close()
@@ -375,7 +375,7 @@ class Strangers(MasterCase):
             self.assertIn(why, told["why"], bad[:60])
         self.assertEqual(self.succeed("-d", "@good", "hostid").text, "good\n")
         self.assertEqual(self.told("lost", hostid="good"), [])
-        self.assertLess(self.resident_bytes(), 150_000_000)
+        self.assert_small(150_000_000)
 
     @staticmethod
     def close_unless_thrown_out(device):
@@ -461,7 +461,7 @@ class Size(MasterCase):
         wait_until(lambda: self.devices()["fake"]["further"] == 1, "the bridge is there")
         bridge.send(b"<a>%s</a>" % (b"x" * 1000) * 6000)
         wait_until(lambda: self.devices()["fake"]["clauses"] == 6000, "all clauses are taken")
-        self.assertLess(self.resident_bytes(), 100_000_000)
+        self.assert_small(100_000_000)
 
 
 class ControlSocket(MasterCase):

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs tests one by one, in a world, and prints what each reaches and how long it takes.
+"""Runs the tests of a program one by one, in a world, and prints what each reaches and how long it
+takes: {"Suite.Test": [seconds, [mutant, ...]], ...}
 
-    measure.py PROGRAM      prints {"Suite.Test": [seconds, [mutant, ...]], ...}
-    measure.py -m MODULE    the same for a module of the end-to-end tests as a whole
+    measure.py PROGRAM
 """
 import json
 import os
@@ -43,13 +43,9 @@ def measure(command):
 
 
 def main():
-    if sys.argv[1] == "-m":
-        module = sys.argv[2]
-        found = {module: measure([sys.executable, "-B", "-m", "support.runner", module])}
-    else:
-        program = sys.argv[1]
-        found = {name: measure([program, "--gtest_brief=1", f"--gtest_filter={name}"])
-                 for name in names(program)}
+    program = sys.argv[1]
+    found = {name: measure([program, "--gtest_brief=1", f"--gtest_filter={name}"])
+             for name in names(program)}
     print(json.dumps(found))
 
 

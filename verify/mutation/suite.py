@@ -7,9 +7,11 @@ import math
 import os
 import pathlib
 import subprocess
+import time
 
 MEASURE = pathlib.Path(__file__).resolve().parent / "measure.py"
 PYTHON = "/usr/bin/python3"
+MOST = 65536  # as in mutant.h
 QUICK = 0.2  # seconds: tests below are run before all others
 
 
@@ -32,19 +34,30 @@ class Suite:
     def measure(self, programs, modules, log):
         """Runs every test alone, without a mutant, and notes what it reaches."""
         for program in programs:
-            self._measure(program, [PYTHON, "-B", MEASURE, self._path(program)])
+            self._measure(program)
             log(f"{program}: {len(self.tests)} tests measured")
         for module in modules:
-            self._measure("", ["--no-log", PYTHON, "-B", MEASURE, "-m", module])
+            self._measure_module(module)
             log(f"{module}: {self.tests[-1].seconds:.1f} s")
 
-    def _measure(self, program, command):
+    def _measure(self, program):
+        command = [PYTHON, "-B", MEASURE, self._path(program)]
         result = subprocess.run(self._world(command), stdin=subprocess.DEVNULL, env=self._environment(),
                                 cwd=self._e2e(), stdout=subprocess.PIPE, text=True, check=False)
         if result.returncode != 0:
             raise SystemExit(f"mutate: cannot measure {command}")
         for name, (seconds, reached) in json.loads(result.stdout).items():
             self.tests.append(Test(program, name, seconds, frozenset(reached)))
+
+    def _measure_module(self, module):
+        reach = self.tree.build / "reach"
+        reach.write_bytes(bytes(MOST))
+        start = time.monotonic()
+        if self._run_module(module, 3600, RUNELD_MUTANT_REACH=str(reach)) != 0:
+            raise SystemExit(f"mutate: {module} fails without a mutant")
+        seconds = time.monotonic() - start
+        reached = frozenset(number for number, byte in enumerate(reach.read_bytes()) if byte)
+        self.tests.append(Test("", module, seconds, reached))
 
     def is_noticed(self, number):
         """Runs the tests that reach mutant @p number until one fails: "killed", "survived", "not
@@ -53,10 +66,11 @@ class Suite:
         units = [test for test in reaching if test.program]
         for least, most in ((0, QUICK), (QUICK, self.slow), (self.slow, math.inf)):
             tests = [test for test in units if least < test.seconds <= most]
-            if tests and self._run([], self._lines(tests), number) != 0:
+            if tests and self._run(self._lines(tests), number) != 0:
                 return "killed"
         for test in sorted(reaching, key=lambda test: test.seconds):
-            if not test.program and self._run(["--no-log"], [module_line(test)], number) != 0:
+            if not test.program and self._run_module(test.name, limit([test]),
+                                                     RUNELD_MUTANT=str(number)) != 0:
                 return "killed"
         return "survived" if reaching else "not reached"
 
@@ -70,16 +84,29 @@ class Suite:
                 f"--gtest_fail_fast '--gtest_filter={':'.join(test.name for test in group)}' || exit 1"
                 for program, group in groups]
 
-    def _run(self, options, lines, number):
+    def _run(self, lines, number):
         """The exit status of commands in a world of their own."""
         for _ in range(3):
             process = subprocess.run(
-                self._world([*options, "sh", "-c", "\n".join(lines)]), stdin=subprocess.DEVNULL,
+                self._world(["sh", "-c", "\n".join(lines)]), stdin=subprocess.DEVNULL,
                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False, cwd=self._e2e(),
                 env=self._environment(RUNELD_MUTANT=str(number)))
             if process.returncode != 125:  # the world itself could not be made
                 return process.returncode
         raise SystemExit("mutate: cannot make a world")
+
+    def _run_module(self, module, seconds, **environment):
+        """The exit status of a module of the end-to-end tests. It has a world for itself: its tests
+        kill every other process there."""
+        command = self._world(["--no-log", PYTHON, "-B", "-m", "support.runner", module])
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, cwd=self._e2e(),
+                                   env=self._environment(**environment))
+        try:
+            return process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            process.kill()  # and with it all that is in the world
+            return process.wait()
 
     def _environment(self, **more):
         return {**os.environ, "RUNELD_BIN": str(self._path("bin/runeld")),
@@ -93,10 +120,6 @@ class Suite:
 
     def _path(self, program):
         return self.tree.build / program
-
-
-def module_line(test):
-    return f"timeout -k 2 {limit([test])} {PYTHON} -B -m support.runner {test.name} || exit 1"
 
 
 def total(tests):

@@ -106,6 +106,14 @@ TEST_F(AppendTest, WritesToDevicesAndDoesNotWaitForTheReaderOfAFifo) {
   EXPECT_EQ(append("/dev/full", "x"), failureWith(ENOSPC));
 }
 
+TEST_F(AppendTest, FailsWhereItCannotTellHowLongTheFileIs) {
+  const std::string path = dir_.write("a", "old");
+  SpiedCalls spy;
+  spy.fail("fstat", EIO);
+  EXPECT_EQ(append(path, "new"), failureWith(EIO));
+  EXPECT_EQ(contentOf(path), "old");
+}
+
 TEST_F(AppendTest, FailsOnAReadOnlyFileSystem) {
   const Mount memory = Mount::memory(dir_.path());
   const std::string path = dir_.write("a", "old");

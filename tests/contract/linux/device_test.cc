@@ -9,11 +9,13 @@
 
 #include <spawn.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "contract/linux/mount.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
 #include "contract/linux/spied_calls.h"
 #include "fakes/system/fake_system.h"
 #include "support/temp_dir.h"
@@ -105,6 +107,61 @@ TEST_F(DeviceTest, DoesNotCountAZombieAsRunning) {
   waitpid(pid, nullptr, 0);
 }
 
+TEST_F(DeviceTest, CannotFindAProcessWhereTheyAreNotListed) {
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_getdents64, EIO);
+              return running("sleep");
+            }),
+            failureWith(EIO));
+}
+
+// What the kernel shows of one process that the tests cannot have at will.
+struct ShownProcess {
+  const char* folder;
+  std::string comm;
+  std::string commandLine;
+  std::string stat;
+  bool found;
+};
+
+TEST_F(DeviceTest, FindsAProcessByWhatTheKernelShowsOfIt) {
+  const std::string alive = "1 (x) S 0";
+  const std::string arguments("wanted\0other", 12);
+  const ShownProcess shown[] = {
+      {"10", "wanted\n", "", alive, true},
+      {"99", "wanted\n", "", alive, true},
+      {"10", "other\n", arguments, alive, true},
+      {"10", "other\n", std::string("/bin/wanted\0", 12), alive, true},
+      {"10", "other\n", std::string("other\0wanted", 12), alive, false},
+      {"10", "", "", alive, false},
+      {"10", "wanted", "", alive, false},  // whole lines only
+      {"10", "wanted\n", "", "1 (x) Z 0", false},
+      {"10", "wanted\n", "", "1 (x) X 0", false},
+      {"10", "wanted\n", "", "", false},  // it has ended meanwhile
+      {"10", "other\n", "wanted", alive, false},
+      {"self", "wanted\n", arguments, alive, false},
+      {"1-2", "wanted\n", arguments, alive, false},
+      {"1:2", "wanted\n", arguments, alive, false},
+  };
+  for (const ShownProcess& process : shown) {
+    const Mount proc = Mount::memory("/proc");
+    const std::string folder = std::string("/proc/") + process.folder;
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder + "/comm") << process.comm;
+    std::ofstream(folder + "/cmdline") << process.commandLine;
+    std::ofstream(folder + "/stat") << process.stat;
+    EXPECT_EQ(running("wanted"), process.found ? kSuccess : failureWith(ESRCH))
+        << folder << " " << process.comm << " " << process.commandLine << " " << process.stat;
+  }
+}
+
+TEST_F(DeviceTest, FindsNoProcessThatEndsWhileItIsLookedAt) {
+  const Mount proc = Mount::memory("/proc");
+  std::filesystem::create_directories("/proc/10");
+  std::ofstream("/proc/10/comm") << "wanted\n";
+  EXPECT_EQ(running("wanted"), failureWith(ESRCH));
+}
+
 TEST_F(DeviceTest, TakesItsIdFromTheMachineId) {
   std::ofstream(kMachineId) << "0123abcd further words\n";
   EXPECT_EQ(proxy_.hostId(), "0123abcd");
@@ -173,7 +230,8 @@ TEST_F(DeviceTest, RefusesOtherKeys) {
   for (const std::string& key :
        {std::string(), std::string("."), std::string(".."), std::string(".a"), std::string("a/b"),
         std::string("/a"), std::string("a b"), std::string("a\n"), std::string("\xc3\xa4"),
-        std::string("a\0b", 3), std::string(256, 'k')}) {
+        std::string("a\0b", 3), std::string(256, 'k'), std::string("a["), std::string("a{"),
+        std::string("a@"), std::string("a`"), std::string("a:")}) {
     EXPECT_EQ(store(key, "state"), failureWith(EINVAL)) << key;
   }
   EXPECT_FALSE(std::filesystem::exists("/var/lib/runeld"));
@@ -187,6 +245,7 @@ TEST_F(DeviceTest, FailsToStoreWhereTheFolderCannotBeMade) {
 }
 
 TEST_F(DeviceTest, SyncsBeforeItReboots) {
+  FakeSystem::instance().rebootErrno = EIO;  // only asked for after a failure
   EXPECT_TRUE(proxy_.reboot());
   EXPECT_EQ(FakeSystem::instance().calls, (std::vector<std::string>{"sync", "reboot 0x1234567"}));
   EXPECT_EQ(fields(proxy_), kSuccess);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs where the system has no more to give.
 #include <cerrno>
+#include <chrono>
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -55,11 +56,15 @@ TEST_F(FailingStartsTest, TakeTwoDescriptorsAndNoMore) {
 TEST_F(FailingStartsTest, AreWaitedForWhenPollFails) {
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_poll, ENOMEM);
+              const auto before = processorTime();
               const std::string limited = shell("sleep 1000", 1);
+              const bool asleep = processorTime() - before < std::chrono::milliseconds(200);
+              (void)close(STDIN_FILENO);  // the output's pipe has the number 0 then
               const std::string unlimited = shell("head -c 300000 /dev/zero; exit 3");
-              return limited + ", " + unlimited + ", " + std::to_string(proxy_.output().size());
+              return limited + (asleep ? ", asleep, " : ", at work, ") + unlimited + ", " +
+                     std::to_string(proxy_.output().size());
             }),
-            "3 4 -1 110 15, 1 2 3 0 0, 300000");
+            "3 4 -1 110 15, asleep, 1 2 3 0 0, 300000");
 }
 
 TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeMeasured) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "contract/linux/mount.h"
@@ -116,6 +117,17 @@ TEST_F(FilesTest, ReadDirListsAnEmptyFolderAndNoFile) {
   EXPECT_EQ(names, Names{});
   EXPECT_FALSE(proxy_.readDir(dir_.write("a", ""), names));
   EXPECT_EQ(statusText(), failureWith(ENOTDIR));
+}
+
+TEST_F(FilesTest, ReadDirFailsWhereTheFolderCannotBeRead) {
+  dir_.write("a", "");
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_getdents64, EIO);
+              Names names;
+              (void)proxy_.readDir(dir_.path(), names);
+              return statusText() + ", " + std::to_string(names.size());
+            }),
+            failureWith(EIO) + ", 0");
 }
 
 TEST_F(FilesTest, FreeBlocksCountsWhatUnprivilegedUsersMayTake) {

@@ -2,6 +2,7 @@
 // Programs that run while the caller waits: what they start with, what becomes of their output, and
 // how their end is told.
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -16,6 +17,7 @@
 
 #include "base/unique_fd.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
 #include "contract/linux/spied_calls.h"
 
 namespace zell::test {
@@ -224,6 +226,27 @@ TEST_F(ProgramsTest, SaysSoWhenTheOutputCannotBeRead) {
             std::vector<std::string>{"(PID) exec: cannot read output, Input/output error"});
 }
 
+// The program has the one that waits for it suspended until it has written and ended.
+TEST_F(ProgramsTest, SaysSoWhenWhatIsLeftOfTheOutputCannotBeRead) {
+  EXPECT_EQ(inChild([&] {
+              SpiedCalls spy;
+              spy.fail("read", EIO);
+              const std::string end =
+                  shell("(sleep 0.3; kill -CONT $PPID) & kill -STOP $PPID; echo lost");
+              return end + ", '" + proxy_.output() + "', " +
+                     std::to_string(log_.texts(LOG_ERR).size());
+            }),
+            "0 2 0 0 0, '', 1");
+}
+
+TEST_F(ProgramsTest, KeepsASingleByteThatIsLeftAtTheEnd) {
+  EXPECT_EQ(inChild([&] {
+              return shell("(sleep 0.3; kill -CONT $PPID) & kill -STOP $PPID; printf x") + ", " +
+                     proxy_.output();
+            }),
+            "0 2 0 0 0, x");
+}
+
 TEST_F(ProgramsTest, EmptiesTheOutputWhenTheNextProgramIsToStart) {
   (void)shell("echo text");
   (void)proxy_.exec(Words{}, 0);
@@ -327,12 +350,14 @@ TEST_F(ProgramsTest, DoesNotEndEarlyOnSignals) {
   const std::string unlimited = shell("echo a; sleep 0.3; echo b; exit 4");
   const std::string output = proxy_.output();
   const std::string limited = shell("sleep 0.3; exit 4", 60);
+  const std::string closed = shell("sleep 0.1; exec >&- 2>&-; sleep 0.2; exit 4");
   const std::string stopped = shell("trap '' TERM; while :; do sleep 0.1; done", 1);
   setitimer(ITIMER_REAL, &never, nullptr);
   sigaction(SIGALRM, &before, nullptr);
   EXPECT_EQ(unlimited, "1 2 4 0 0");
   EXPECT_EQ(output, "a\nb\n");
   EXPECT_EQ(limited, "1 2 4 0 0");
+  EXPECT_EQ(closed, "1 2 4 0 0");
   EXPECT_EQ(stopped, "3 4 -1 110 9");
 }
 
@@ -340,6 +365,30 @@ TEST_F(ProgramsTest, LearnsTheEndAlsoWhereSigchldWasIgnored) {
   const auto before = std::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(shell("exit 7"), "1 2 7 0 0");
   std::signal(SIGCHLD, before);
+}
+
+TEST_F(ProgramsTest, LearnsTheEndAlsoWhereEndedChildrenWereNotToBeKept) {
+  struct sigaction reaped {};
+  struct sigaction before {};
+  reaped.sa_handler = SIG_DFL;
+  reaped.sa_flags = SA_NOCLDWAIT;
+  sigaction(SIGCHLD, &reaped, &before);
+  EXPECT_EQ(shell("exit 7"), "1 2 7 0 0");
+  sigaction(SIGCHLD, &before, nullptr);
+}
+
+TEST_F(ProgramsTest, LeavesAHandlerOfSigchldInPlace) {
+  const auto handler = [](int) {};
+  const auto before = std::signal(SIGCHLD, handler);
+  EXPECT_EQ(shell("exit 7"), "1 2 7 0 0");
+  EXPECT_EQ(std::signal(SIGCHLD, before), static_cast<void (*)(int)>(handler));
+}
+
+// Whoever waits by looking again and again takes the processor from all others.
+TEST_F(ProgramsTest, SleepsWhileAProgramRuns) {
+  const auto before = processorTime();
+  EXPECT_EQ(shell("sleep 1"), "0 2 0 0 0");
+  EXPECT_LT(processorTime() - before, std::chrono::milliseconds(100));
 }
 
 TEST_F(ProgramsTest, LeavesNoZombie) {

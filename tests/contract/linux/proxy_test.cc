@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "contract/linux/proxy_test.h"
 
+#include <ctime>
 #include <fstream>
 #include <thread>
 
@@ -10,6 +11,12 @@ std::ostringstream streamOf(const std::string& text) {
   std::ostringstream stream;
   stream << text;
   return stream;
+}
+
+std::chrono::nanoseconds processorTime() {
+  timespec time{};
+  EXPECT_EQ(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time), 0);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 bool becomesTrue(const std::function<bool()>& condition) {

@@ -29,6 +29,9 @@ inline std::string failureWith(int error) {
 /// A stream that @p text was written into.
 std::ostringstream streamOf(const std::string& text);
 
+/// The processor time that this process has taken.
+std::chrono::nanoseconds processorTime();
+
 /// Waits until @p condition holds; false when it does not within 30 s.
 bool becomesTrue(const std::function<bool()>& condition);
 

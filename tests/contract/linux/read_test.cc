@@ -11,7 +11,9 @@
 
 #include "base/unique_fd.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/refused_calls.h"
 #include "contract/linux/spied_calls.h"
+#include "contract/linux/terminal.h"
 
 namespace zell::test {
 namespace {
@@ -77,6 +79,37 @@ TEST_F(ReadTest, FailsWhereAFileHasNothingToReadForNow) {
   EXPECT_EQ(read(dir_.write("a", "content")), failureWith(EAGAIN));
 }
 
+TEST_F(ReadTest, GoesOnAfterAnInterruptedRead) {
+  SpiedCalls spy;
+  spy.fail("read", EINTR);
+  EXPECT_EQ(read(dir_.write("a", "content")), kSuccess);
+  EXPECT_EQ(text_, "content");
+}
+
+TEST_F(ReadTest, TakesTheErrorOfAnEarlierCallForNoneOfItsOwn) {
+  const std::string path = dir_.write("a", "content");
+  errno = EINTR;
+  EXPECT_EQ(read(path), kSuccess);
+  EXPECT_EQ(text_, "content");
+}
+
+TEST_F(ReadTest, FailsOnAFileThatCannotBeExamined) {
+  const std::string path = dir_.write("a", "content");
+  SpiedCalls spy;
+  spy.fail("fstat", EIO);
+  EXPECT_EQ(read(path), failureWith(EIO));
+  EXPECT_EQ(text_, "");
+}
+
+TEST_F(ReadTest, TakesNoTerminalForItsOwn) {
+  EXPECT_EQ(inChild([&] {
+              const Terminal terminal;
+              const std::string result = read(terminal.path());
+              return result + terminal.ownership();
+            }),
+            std::string(kSuccess) + ", nobody's");
+}
+
 TEST_F(ReadTest, FollowsLinks) {
   dir_.write("a", "content");
   ASSERT_EQ(symlink("a", dir_.file("link").c_str()), 0);
@@ -101,6 +134,12 @@ TEST_F(ReadTest, ReadsAsMuchAsAReplyHolds) {
 TEST_F(ReadTest, FailsOnMoreThanAReplyHolds) {
   EXPECT_EQ(read(sparse(kMaxReplyText + 1)), failureWith(EFBIG));
   EXPECT_EQ(text_, "");
+}
+
+TEST_F(ReadTest, DoesNotBeginToReadMoreThanAReplyHolds) {
+  SpiedCalls spy;
+  spy.fail("read", EIO);
+  EXPECT_EQ(read(sparse(kMaxReplyText + 1)), failureWith(EFBIG));
 }
 
 TEST_F(ReadTest, FailsOnADeviceThatNeverEnds) {

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -330,6 +331,25 @@ TEST_F(TreeWalkTest, IsNotDisturbedByEntriesThatComeAndGo) {
   }
   stop = true;
   other.join();
+}
+
+TEST_F(TreeWalkTest, PassesOverWhatHasGoneOrIsSomethingElseByNow) {
+  ASSERT_EQ(symlink("target", dir_.file("link").c_str()), 0);
+  const auto walkRefused = [&](int call, int error) {
+    return inChild([&] {
+      refuseCalls(call, error);
+      const std::string lines = walk(dir_.path());
+      return fields(proxy_) + ", " + std::to_string(paths(lines).size());
+    });
+  };
+  for (const int error : {ENOENT, ENOTDIR, ELOOP}) {
+    EXPECT_EQ(walkRefused(SYS_openat, error), std::string(kSuccess) + ", 1") << error;
+    EXPECT_EQ(walkRefused(SYS_readlinkat, error), std::string(kSuccess) + ", 1") << error;
+  }
+  EXPECT_EQ(walkRefused(SYS_readlinkat, EINVAL), std::string(kSuccess) + ", 1") << "no link now";
+  EXPECT_EQ(walkRefused(SYS_openat, EPERM), failureWith(EPERM) + ", 1");
+  EXPECT_EQ(walkRefused(SYS_readlinkat, EIO), failureWith(EIO) + ", 1");
+  EXPECT_EQ(walkRefused(SYS_getdents64, EIO), failureWith(EIO) + ", 1");
 }
 
 TEST_F(TreeWalkTest, ForgetsTheWalkBefore) {

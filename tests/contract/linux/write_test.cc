@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // Files that are replaced, whole or not at all.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "base/unique_fd.h"
@@ -187,12 +190,14 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
 // Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
 TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
   const std::string path = dir_.write("a", "old");
-  for (const int error : {EIO, ENOMEM, ENAMETOOLONG, ELOOP}) {
-    SpiedCalls spy;
-    spy.fail("fstatat", error);
-    EXPECT_EQ(write(path, "new"), failureWith(error));
-    EXPECT_EQ(contentOf(path), "old");
-    EXPECT_EQ(spy.calls(), std::vector<std::string>{});
+  for (const char* call : {"fstatat", "readlinkat"}) {
+    for (const int error : {EIO, ENOMEM, ENAMETOOLONG, ELOOP}) {
+      SpiedCalls spy;
+      spy.fail(call, error);
+      EXPECT_EQ(write(path, "new"), failureWith(error)) << call;
+      EXPECT_EQ(contentOf(path), "old") << call;
+      EXPECT_EQ(spy.calls(), std::vector<std::string>{}) << call;
+    }
   }
 }
 
@@ -331,6 +336,28 @@ TEST_F(WriteTest, WritesWhereALinkOfTheKernelLeads) {
   EXPECT_EQ(namesIn(dir_.path()), Names{});
 }
 
+// Its text names a file that is not the one that it leads to.
+TEST_F(WriteTest, LeavesTheFileAloneThatALinkOfTheKernelOnlySeemsToLeadTo) {
+  const UniqueFd file(open(dir_.write("a", "old").c_str(), O_RDWR | O_CLOEXEC));
+  unlink(dir_.file("a").c_str());
+  const std::string other = dir_.write("a (deleted)", "other");
+  EXPECT_EQ(write("/proc/self/fd/" + std::to_string(file.get()), "new"), kSuccess);
+  char content[16];
+  EXPECT_EQ(pread(file.get(), content, sizeof content, 0), 3);
+  EXPECT_EQ(contentOf(other), "other");
+}
+
+TEST_F(WriteTest, WritesIntoTheTopmostFolder) {
+  EXPECT_EQ(inChild([&] {
+              return chroot(dir_.path().c_str()) == 0
+                         ? write("/a", "new") + ", " + append("/b", "x")
+                         : "no other root";
+            }),
+            std::string(kSuccess) + ", " + kSuccess);
+  EXPECT_EQ(contentOf(dir_.file("a")), "new");
+  EXPECT_EQ(contentOf(dir_.file("b")), "x");
+}
+
 TEST_F(WriteTest, DoesNotWaitForTheReaderOfAFifo) {
   const std::string path = dir_.file("fifo");
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
@@ -355,6 +382,36 @@ TEST_F(WriteTest, HandsTheReaderOfAFifoAllThatItTakes) {
   EXPECT_EQ(write(path, data), kSuccess);
   reader.join();
   EXPECT_TRUE(taken == data);
+}
+
+TEST_F(WriteTest, WaitsForTheReaderOfAFifoThroughSignals) {
+  const std::string path = dir_.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  const UniqueFd fifo(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  const std::string full(65536, 'f');
+  ASSERT_EQ(::write(fifo.get(), full.data(), full.size()), static_cast<ssize_t>(full.size()));
+  // The first signals come while there is no room; a later one takes out what is there.
+  static int reader;
+  static std::atomic<int> signals;
+  reader = fifo.get();
+  signals = 0;
+  struct sigaction taking {};
+  struct sigaction before {};
+  taking.sa_handler = [](int) {
+    char piece[65536];
+    if (++signals == 3) {
+      (void)!::read(reader, piece, sizeof piece);
+    }
+  };
+  sigaction(SIGALRM, &taking, &before);
+  const itimerval often{{0, 20000}, {0, 20000}};
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  const std::string result = write(path, "content");
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(result, kSuccess);
+  EXPECT_GE(signals, 3);
 }
 
 TEST_F(WriteTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
@@ -419,6 +476,29 @@ TEST_F(WriteTest, FailsWhereACallTakesNothing) {
   spy.fail("write", SpiedCalls::kTakesNothing);
   EXPECT_EQ(write(path, "new"), failureWith(EIO));
   EXPECT_EQ(contentOf(path), "old");
+}
+
+// Folders are in the way of all names but the last, and under that one there is what was left over.
+TEST_F(WriteTest, TakesTheEighthNameForTheTemporaryFileToo) {
+  const std::string path = dir_.write("a", "old");
+  std::string last;
+  for (int i = 0; i < 8; ++i) {
+    SpiedCalls spy;
+    spy.before("renameat", 0, [&] {
+      for (const std::string& name : namesIn(dir_.path())) {
+        if (name != "a" && unlink(dir_.file(name).c_str()) == 0) {
+          EXPECT_EQ(mkdir(dir_.file(name).c_str(), 0755), 0);
+          last = name;
+        }
+      }
+    });
+    EXPECT_EQ(write(path, "half"), failureWith(ENOTDIR)) << i;
+  }
+  ASSERT_EQ(rmdir(dir_.file(last).c_str()), 0);
+  dir_.write(last, "half");
+  EXPECT_EQ(write(path, "new"), kSuccess);
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(namesIn(dir_.path()).size(), 8U);
 }
 
 }  // namespace

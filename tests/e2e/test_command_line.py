@@ -3,6 +3,7 @@
 import itertools
 import os
 import re
+import resource
 import signal
 import subprocess
 import unittest
@@ -189,6 +190,19 @@ class ExceptionTest(EndToEndCase):
         self.assertTrue(os.path.exists(PID_FILE))
 
 
+class DescriptorTest(EndToEndCase):
+    """No descriptor but the standard ones can be had."""
+
+    def test_a_start_that_can_fill_one_gap_and_no_more_does_not_hang(self):
+        def leave_one_gap():
+            os.close(0)
+            resource.setrlimit(resource.RLIMIT_NOFILE, (3, 3))
+        done = subprocess.run([BINARY, "-h"], timeout=60, check=False, preexec_fn=leave_one_gap,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              env={**os.environ, **sanitizer_options(self.folder)})
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, USAGE, b""))
+
+
 class StreamsTest(EndToEndCase):
     """What the daemon inherits may be anything."""
 
@@ -205,6 +219,10 @@ class StreamsTest(EndToEndCase):
                         expected = "/dev/null" if number in closed or number == 0 else \
                             daemon.stderr_path
                         self.assertEqual(targets[number], expected)
+                        self.assertFalse(daemon.closes_on_exec(number))
+                    # The one in reserve, and none that was only opened to fill the gaps.
+                    others = [targets[number] for number in targets if number > 2]
+                    self.assertEqual(others.count("/dev/null"), 1)
                     path = self.file("there")
                     self.assertEqual(self.client().ask("fileexists", path).fields, SUCCESS)
                     self.assert_stops(daemon)

@@ -69,6 +69,17 @@ class ListenFailureTest(PortCase):
         self.assertEqual(self.log.count("cannot bind socket: .*", CRIT), 2)
         self.assert_stops(daemon)
 
+    def test_an_ignored_child_signal_does_not_hide_how_killall_ends(self):
+        holder = self.take_port()
+        daemon = self.daemon(wait=False,
+                             setup=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        self.log.wait_for("/usr/bin/killall -TERM atftpd", WARNING)
+        self.log.wait_for(RETRY, WARNING, since=self.log.mark())
+        holder.close()
+        daemon.wait_ready()
+        self.assertEqual(self.log.count("killall failed.*"), 0)
+        self.assert_stops(daemon)
+
     def test_a_failure_is_logged_with_the_options_of_the_socket(self):
         self.take_port()
         daemon = self.fast()

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -13,6 +14,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -284,6 +286,19 @@ TEST_F(HostsFileTest, LeavesTheFileAloneOnAFullFileSystem) {
                                                 ",No space left on device"}));
   EXPECT_EQ(contentOf(path), "a b\n");
   EXPECT_FALSE(exists(beside));
+}
+
+// What is still to be written when the reading fails does not fit either: that is no news any more.
+TEST_F(HostsFileTest, TellsTheFirstOfTwoErrors) {
+  mountMemory("size=8k");
+  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+  const UniqueFd writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::write(writer.get(), "a b\n", 4), 4);
+  (void)folder.write("filler", std::string(8192, 'x'));
+  rewrite();
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error reading " + path +
+                                                ",Resource temporarily unavailable"}));
 }
 
 TEST_F(HostsFileTest, LeavesALongFileAloneWhenTheFileSystemFillsUpInTheMiddle) {

@@ -97,6 +97,11 @@ TEST_F(LogTest, TakesALineOfAMegabyte) {
   EXPECT_EQ(only().text, "(PID) <" + payload + ">");
 }
 
+TEST_F(LogTest, TakesALineWithoutText) {
+  logPlain(LOG_INFO, "%s", "");
+  EXPECT_EQ(only().text, "");
+}
+
 TEST_F(LogTest, ReadsPercentSignsInArgumentsAsText) {
   logLine(LOG_INFO, "%s", "100% %s %n");
   EXPECT_EQ(only().text, "(PID) 100% %s %n");

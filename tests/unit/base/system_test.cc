@@ -3,6 +3,7 @@
 #include "base/system.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -105,6 +106,14 @@ TEST(SystemTest, NeverGoesBackInTime) {
     ASSERT_GE(now, last);
     last = now;
   }
+}
+
+TEST(SystemTest, ShowsTheTimeOfTheMonotonicClock) {
+  const auto before = std::chrono::steady_clock::now().time_since_epoch();
+  const std::chrono::nanoseconds now = sys::monotonicTime();
+  const auto after = std::chrono::steady_clock::now().time_since_epoch();
+  EXPECT_LE(before, now);
+  EXPECT_LE(now, after);
 }
 
 // A command that the kernel does not know: the answer shows that the call is the real one.

@@ -395,6 +395,59 @@ TEST(ClauseBufferTest, MemoryIsGivenBackWhenLittleIsLeftOfMuch) {
   EXPECT_EQ(contentsOf(buffer), "<a");
 }
 
+// An element of so many bytes.
+std::string elementOf(std::size_t size) {
+  return "<a>" + std::string(size - 7, 'x') + "</a>";
+}
+
+// Cuts two elements of 105,000 bytes in all, each too short to take the storage over, off the front
+// of a buffer in which @p left bytes follow, and answers the storage that it then has.
+std::size_t storageWhenSoMuchIsLeft(std::size_t left) {
+  ClauseBuffer buffer;
+  buffer.append(elementOf(55000) + elementOf(50000) + "<b>" + std::string(left - 3, 'x'));
+  std::string clause;
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.next(clause), Next::cut);
+  EXPECT_EQ(buffer.size(), left);
+  return buffer.capacity();
+}
+
+TEST(ClauseBufferTest, StorageIsKeptWhileAQuarterOfItIsInUse) {
+  EXPECT_GE(storageWhenSoMuchIsLeft(35000), 140000U);
+}
+
+TEST(ClauseBufferTest, StorageIsGivenBackWhenLessThanAQuarterOfItIsInUse) {
+  EXPECT_LE(storageWhenSoMuchIsLeft(34000), ClauseBuffer::kKeptCapacity);
+}
+
+// What ClauseBufferWork relies on: the work is the bytes that were looked at, compared, copied and
+// moved.
+TEST(ClauseBufferTest, CountsEveryByteThatItTouches) {
+  const auto workOf = [](const std::string& bytes) {
+    ClauseBuffer buffer;
+    buffer.append(bytes);
+    std::string clause;
+    while (buffer.next(clause) == Next::cut) {
+    }
+    return buffer.work();
+  };
+  // Blanks, sentinels, the tag's end; then the closing tag's, its bytes, the copy, what is moved.
+  EXPECT_EQ(workOf("   "), 3U);
+  EXPECT_EQ(workOf("x<a/>"), 5U);
+  EXPECT_EQ(workOf("<a>x</a>"), 8U + 3 + 5 + 4 + 8);
+  EXPECT_EQ(workOf("  <a/><b"), 2U + 8 + 6 + 4 + 2 + 2);
+  constexpr std::size_t kKept = ClauseBuffer::kKeptCapacity;
+  // Both are copied; the storage is given back in the end, which moves the rest once more.
+  EXPECT_EQ(workOf(elementOf(kKept) + elementOf(kKept) + "<a"),
+            2 * kKept + 2 + 2 * (3 + (kKept - 3) + 4 + kKept) + 2 + 2 + 2);
+  // As much follows the first one as it has itself: it is copied, and the rest is moved.
+  EXPECT_EQ(workOf(elementOf(2 * kKept) + elementOf(2 * kKept)),
+            4 * kKept + 2 * (3 + (2 * kKept - 3) + 4) + 2 * kKept + 2 * kKept);
+  // This one takes the storage over: what follows it is copied, and the blank before it goes.
+  EXPECT_EQ(workOf(" " + elementOf(2 * kKept) + "tail"),
+            1 + (2 * kKept + 5) + 4 + (2 * kKept - 3) + 4 + 4 + 2 * kKept);
+}
+
 INSTANTIATE_TEST_SUITE_P(Sizes, ClauseBufferWork, testing::Values(kMiB / 4, 4 * kMiB));
 
 }  // namespace

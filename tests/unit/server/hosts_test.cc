@@ -92,6 +92,8 @@ TEST_F(ServerHosts, ThatCannotBeResolvedAreNamed) {
 
 TEST_F(ServerHosts, ThatGetNoSocketAreNamedWithTheError) {
   server_.add_host("127.0.0.1", kMasterPort);
+  sockaddr_in address{};  // the first lookup reads the resolver's settings
+  ASSERT_EQ(server_.resolve_master(server_.m_hosts.front(), &address), 0);
   const DescriptorLimit limit(static_cast<int>(openDescriptors().size()));
   const NumbersTaken taken(1024);
   server_.connect_host(server_.m_hosts.front());

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // When descriptors run out, or their numbers grow past what select() can hold.
+#include <cstring>
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -178,6 +180,50 @@ TEST_F(NumberLimit, DropsNumbersThatTheSetsCannotHold) {
   EXPECT_EQ(server_.drop_host_connection(other), -1);
   EXPECT_EQ(fcntl(high, F_GETFD), -1);
   EXPECT_EQ(fcntl(other, F_GETFD), -1);
+}
+
+// The same without it: every bit behind a set is another member's.
+TEST_F(NumberLimit, LeavesTheSetsAloneWhenSuchANumberIsDropped) {
+  for (const int number : {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 100}) {
+    const int high = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, number);
+    ASSERT_EQ(high, number);
+    server_.m_connections[high] = Connection{kPort, false, true, 9, high, ""};
+    std::memset(&server_.m_read_set, 0xff, sizeof server_.m_read_set);
+    std::memset(&server_.m_except_set, 0xff, sizeof server_.m_except_set);
+    server_.m_max_fd = -1;
+    EXPECT_EQ(server_.drop_socket(high), -1);
+    for (int fd = 0; fd < FD_SETSIZE; ++fd) {
+      ASSERT_TRUE(FD_ISSET(fd, &server_.m_read_set) && FD_ISSET(fd, &server_.m_except_set)) << fd;
+    }
+    EXPECT_EQ(server_.m_max_fd, -1);
+  }
+}
+
+TEST_F(NumberLimit, ServesNoSuchNumberWhateverStandsBehindTheSets) {
+  const int high = fcntl(master_.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
+  ASSERT_EQ(high, FD_SETSIZE);
+  UniqueFd client;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    server_.m_connections[high] = Connection{kPort, false, true, 9, high, ""};
+    server_.m_hosts.push_back(Host{"127.0.0.1", kMasterPort, high});
+    server_.m_device_fds["/missing"] = -1;
+    server_.m_devices.emplace_back("/missing");
+  };
+  server_.onSelect = [&](int /*result*/) {
+    FD_SET(0, &server_.m_except_set);  // where the bit of `high` would be among the readable ones,
+    server_.m_max_fd = -1;             // and where among the exceptional ones
+    FD_SET(63, &server_.m_read_set);   // a shift by -1
+    FD_SET(63, &server_.m_except_set);
+    return false;
+  };
+  server_.onLoop = [&] { server_.m_hosts.clear(); };
+  server_.runPasses(1);
+  EXPECT_EQ(server_.count("select 1"), 1);
+  EXPECT_EQ(server_.count("drop " + std::to_string(high)), 0);
+  EXPECT_EQ(server_.count("device /missing -1"), 0);
+  EXPECT_EQ(log.countContaining("disconnected"), 0);
+  EXPECT_EQ(log.countContaining("recvfrom"), 0);
 }
 
 }  // namespace

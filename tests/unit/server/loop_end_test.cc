@@ -79,6 +79,19 @@ TEST_F(ServerLoop, GivesTheSignalMaskBack) {
   }
 }
 
+TEST_F(ServerLoop, HoldsTheEndingSignalsBackAndNoOthers) {
+  sigset_t before;
+  sigset_t during;
+  sigprocmask(SIG_BLOCK, nullptr, &before);
+  server_.onStartup = [&] { sigprocmask(SIG_BLOCK, nullptr, &during); };
+  server_.runPasses(1);
+  for (int number = 1; number < SIGRTMIN; ++number) {
+    const bool ending =
+        number == SIGTERM || number == SIGQUIT || number == SIGABRT || number == SIGINT;
+    EXPECT_EQ(sigismember(&during, number), ending ? 1 : sigismember(&before, number)) << number;
+  }
+}
+
 TEST_F(ServerLoop, TellsTheLastOfTwoSignals) {
   server_.onLoop = [] {
     raise(SIGTERM);
@@ -219,6 +232,16 @@ TEST_F(ServerLoop, ClosesNoDeviceThatIsNotOpen) {
   EXPECT_EQ(server_.m_device_fds.at("/failed"), -1);
   EXPECT_THAT(lines(), IsEmpty());
   EXPECT_NE(fcntl(0, F_GETFD), -1);
+}
+
+TEST_F(ServerLoop, ClosesADeviceThatHasTheNumberOne) {
+  const UniqueFd kept(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+  server_.add_device("/one");
+  server_.m_device_fds["/one"] = STDOUT_FILENO;
+  server_.close_devices();
+  const int flags = fcntl(STDOUT_FILENO, F_GETFD);
+  EXPECT_EQ(dup2(kept.get(), STDOUT_FILENO), STDOUT_FILENO);
+  EXPECT_EQ(flags, -1);
 }
 
 TEST_F(ServerLoop, ClosesOnlyHostsThatAreConnected) {

@@ -335,5 +335,18 @@ TEST_F(ServerLoop, ReadsAnExceptionalConnectionThatCouldNotBeDropped) {
   EXPECT_GE(log.countContaining("inbound connection"), 1);
 }
 
+TEST_F(ServerLoop, DoesNotReadAnExceptionalConnectionThatIsNotReadable) {
+  server_.add_port(kPort, false, true);
+  UniqueFd client;
+  server_.onStarted = [&] { client = connectTo(kPort); };
+  server_.onDropSocket = [](int) { return 0; };
+  server_.onIncoming = [&](int fd) {
+    EXPECT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);  // a read too many is told, and does not hang
+    sendUrgent(client);
+  };
+  server_.runUntil([&] { return log.countContaining("inbound connection") == 2; });
+  EXPECT_EQ(log.countContaining("recvfrom"), 0);
+}
+
 }  // namespace
 }  // namespace zell::test

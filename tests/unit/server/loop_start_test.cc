@@ -2,7 +2,9 @@
 // What the server opens before its first select(), and in which order.
 #include <map>
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include "unit/server/loop_fixture.h"
 
@@ -115,6 +117,44 @@ TEST_F(ServerLoop, TriesAPortAgainAsOftenAsItIsTold) {
   EXPECT_EQ(server_.count("listen failure 6001"), 3);
   EXPECT_GT(opened, 0);
   EXPECT_EQ(log.countContaining("cannot bind socket"), 3);
+}
+
+// Where a standard stream was closed. 0 is no socket's number in the tables.
+TEST_F(ServerLoop, CountsASocketWithTheNumberZeroAsNotOpened) {
+  const UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+  UniqueFd other = listenOn(kPort);
+  server_.add_port(kPort, false, true);
+  server_.onListenFailure = [&](int) {
+    other.reset();
+    if (server_.count("listen failure 6001") == 1) {
+      EXPECT_EQ(close(STDIN_FILENO), 0);
+    } else {
+      EXPECT_EQ(dup2(kept.get(), STDIN_FILENO), STDIN_FILENO);
+    }
+    return true;
+  };
+  int opened = -1;
+  server_.onStarted = [&] { opened = listener(kPort); };
+  server_.runPasses(1);
+  EXPECT_EQ(dup2(kept.get(), STDIN_FILENO), STDIN_FILENO);
+  EXPECT_EQ(server_.count("listen failure 6001"), 2);
+  EXPECT_GT(opened, 0);
+}
+
+TEST_F(ServerLoop, DoesNotWatchASocketWithTheNumberZero) {
+  const UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+  UniqueFd other = listenOn(kPort);
+  server_.add_port(kPort, false, true);
+  server_.onListenFailure = [&](int) {
+    other.reset();
+    return server_.count("listen failure 6001") == 1 && close(STDIN_FILENO) == 0;
+  };
+  server_.onStarted = [&] {
+    EXPECT_THAT(server_.m_listeners, IsEmpty());
+    EXPECT_EQ(dup2(kept.get(), STDIN_FILENO), STDIN_FILENO);
+  };
+  server_.runPasses(1);
+  EXPECT_EQ(server_.count("listen failure 6001"), 2);
 }
 
 TEST_F(ServerLoop, GoesOnWithTheNextPortWhenOneIsGivenUp) {

@@ -171,6 +171,28 @@ TEST_F(InboundReentrancy, AConnectionMadeInsideAHandlerWaitsForTheNextPass) {
   EXPECT_EQ(left_, sockets_);
 }
 
+// The dropped one had urgent data too, which is not the new one's.
+TEST_F(InboundReentrancy, AConnectionMadeInsideAHandlerDoesNotInheritTheExceptionalCondition) {
+  int fresh = -1;
+  server_.onSelect = [&](int /*result*/) {
+    if (!sockets_.empty()) {
+      FD_SET(sockets_[4], &server_.m_except_set);
+    }
+    return false;
+  };
+  serveAll([&](int fd) {
+    if (fd == sockets_[0]) {
+      clients_.push_back(connectTo(kPort));
+      server_.drop_socket(sockets_[4]);
+      server_.process_socket(listener(kPort));
+      fresh = server_.inbound().back();
+    }
+  });
+  EXPECT_EQ(fresh, sockets_[4]) << "the number was to be used again";
+  EXPECT_EQ(log.countContaining("disconnected"), 0);
+  EXPECT_EQ(left_.size(), kClients);
+}
+
 TEST_F(InboundReentrancy, AHandlerClosesAllConnections) {
   serveAll([&](int) { server_.close_connections(-1); });
   EXPECT_EQ(served_, at({0}));

@@ -56,6 +56,19 @@ TEST_F(FrameMemoryTest, AtMostFourTimesWhatCameIsReserved) {
   }
 }
 
+TEST_F(FrameMemoryTest, AShortFirstPacketReservesAtMostFourTimesItself) {
+  for (std::size_t size = 64; size <= kPacket; ++size) {
+    ByteCountProtocol codec(sockets_.near());
+    const std::string packet(size, 'x');
+    codec.acceptBytes(
+        "\x01"
+        "268435456\x02");
+    const AllocationCount memory;
+    codec.acceptBytes(packet);
+    ASSERT_LE(memory.live(), static_cast<std::ptrdiff_t>(4 * size + 16)) << size;
+  }
+}
+
 TEST_F(FrameMemoryTest, TheBufferOfAWholeMessageFitsIt) {
   const AllocationCount memory;
   acceptLarge(64 * kMiB);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The framing as it goes out: whole, in as few calls as it takes, and never to a peer that is lost.
 #include <cerrno>
+#include <deque>
 #include <string>
 #include <thread>
 #include <vector>
@@ -230,6 +231,21 @@ TEST_F(FrameSendTest, WaitingWithoutProgressAddsUp) {
   calls_.pollAnswers.assign(100, 1);
   EXPECT_FALSE(codec_.sendMessage("text"));
   EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 20000, 10000}));
+  EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
+}
+
+TEST_F(FrameSendTest, TheLastPartOfAMillisecondIsWaitedForAsAWholeOne) {
+  std::deque<std::chrono::nanoseconds> shown = {
+      std::chrono::seconds(0), std::chrono::microseconds(29999500), std::chrono::seconds(30)};
+  FakeSystem::instance().clock = [&] {
+    const std::chrono::nanoseconds now = shown.front();
+    shown.pop_front();
+    return now;
+  };
+  calls_.sendErrors.assign(100, EAGAIN);
+  calls_.pollAnswers.assign(100, 1);
+  EXPECT_FALSE(codec_.sendMessage("text"));
+  EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 1}));
   EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
 }
 

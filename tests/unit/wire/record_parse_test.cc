@@ -119,6 +119,7 @@ TEST(RecordParseTest, AnotherNameIsRefused) {
   expectRefused("slavetask 0 0 0: 0 0 0 0 0");
   expectRefused(" SlaveTask 0 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask2 0 0 0: 0 0 0 0 0");
+  expectRefused(" 0 0 0: 0 0 0 0 0");
 }
 
 // A number that stands in each field in turn, and whether the field takes it.

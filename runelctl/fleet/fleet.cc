@@ -16,6 +16,12 @@ namespace {
 constexpr Milliseconds kRetryPause{500};
 // For taking away what an unfinished job left on a device, which may be gone or busy.
 constexpr Milliseconds kCleanUpTime{3000};
+// What the device had taken of the lost connection it still works on, and that may bring back a
+// file that was taken away: so it is looked for again, until it was not there, twice at least, or
+// so often.
+constexpr Milliseconds kLookAgain{250};
+constexpr int kLeastLooks = 2;
+constexpr int kMostLooks = 12;
 // Of a frame in a dry run, for people.
 constexpr std::size_t kMostShown = 400;
 
@@ -33,6 +39,7 @@ struct Fleet::Member {
   Loop::Timer deadline;
   Loop::Timer pause;
   int attempts = 0;
+  int looks = 0;  // for what is to be taken away
   bool succeeded = false;
 };
 
@@ -200,7 +207,21 @@ void Fleet::cleanUp(Member& member, const Request& request) {
   Request quick = request;
   quick.extraPatience = Milliseconds(0);
   member.cleaner = std::make_unique<Device>(loop_, member.target, limits);
-  member.cleaner->ask(quick, [this, &member](const Reply&) {
+  member.looks = 0;
+  takeAway(member, quick);
+}
+
+void Fleet::takeAway(Member& member, const Request& request) {
+  if (!member.cleaner) {
+    return;
+  }
+  member.cleaner->ask(request, [this, &member, request](const Reply& reply) {
+    ++member.looks;
+    const bool comesBack = !reply.broken && request.args.front() == "unlink";
+    if (comesBack && member.looks < (reply.ok() ? kMostLooks : kLeastLooks)) {
+      loop_.after(kLookAgain, [this, &member, request] { takeAway(member, request); });
+      return;
+    }
     loop_.next([this, &member] {
       if (member.cleaner) {
         member.cleaner.reset();

@@ -47,6 +47,7 @@ class Fleet {
   bool again(Member& member);
   void drop(Member& member);
   void cleanUp(Member& member, const Request& request);
+  void takeAway(Member& member, const Request& request);
   void conclude(Member& member);
   void endWave();
   void showProgress(bool now);

@@ -9,7 +9,7 @@ import subprocess
 import unittest
 
 from support.case import SUCCESS, EndToEndCase
-from support.daemon import BINARY, sanitizer_options
+from support.daemon import BINARY, is_instrumented, sanitizer_options
 from support.logs import ERR, INFO
 from support.world import PID_FILE
 
@@ -193,14 +193,15 @@ class ExceptionTest(EndToEndCase):
 class DescriptorTest(EndToEndCase):
     """No descriptor but the standard ones can be had."""
 
-    def test_a_start_that_can_fill_one_gap_and_no_more_does_not_hang(self):
-        def leave_one_gap():
-            os.close(0)
-            resource.setrlimit(resource.RLIMIT_NOFILE, (3, 3))
-        done = subprocess.run([BINARY, "-h"], timeout=60, check=False, preexec_fn=leave_one_gap,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                              env={**os.environ, **sanitizer_options(self.folder)})
-        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, USAGE, b""))
+    # A sanitizer does not start before it has a descriptor of its own: with one, this cannot be tried.
+    if not is_instrumented():
+        def test_a_start_that_can_fill_one_gap_and_no_more_does_not_hang(self):
+            def leave_one_gap():
+                os.close(0)
+                resource.setrlimit(resource.RLIMIT_NOFILE, (3, 3))
+            done = subprocess.run([BINARY, "-h"], timeout=60, check=False, preexec_fn=leave_one_gap,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (0, USAGE, b""))
 
 
 class StreamsTest(EndToEndCase):

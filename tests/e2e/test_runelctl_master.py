@@ -440,6 +440,11 @@ class Size(MasterCase):
         limit = 40
         self.start_master("--allow", "127.0.0.0/8", preexec_fn=lambda: resource.setrlimit(
             resource.RLIMIT_NOFILE, (limit, limit)))
+        # Done once with descriptors, which the sanitizers need too when they see a type anew.
+        early = FakeDevice(self, "127.0.3.1", "early")
+        self.wait_told("connected", hostid="early")
+        early.close()
+        self.wait_told("lost", hostid="early")
         devices = [FakeDevice(self, f"127.0.2.{number + 1}", f"d{number}") for number in range(60)]
         wait_until(lambda: len(self.told("connected")) > 20, "some are let in")
         for device in devices[:40]:

@@ -89,7 +89,7 @@ void Journal::refused(const Label& who, const std::string& why) {
 }
 
 void Journal::clause(const Label& who, const std::string& clause) {
-  Json details;
+  Json details{{"time", utcText(wallClock())}};  // the same where it is kept and where it is shown
   putBytes(details, "clause", clause);
   if (kept_.valid()) {
     Json whole = object("clause", &who);

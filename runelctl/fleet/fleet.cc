@@ -79,7 +79,11 @@ int Fleet::run() {
     showProgress(false);
   }
   printer_.statusLine().clear();
-  printer_.flush();
+  std::vector<std::string> devices;
+  for (const auto& member : members_) {
+    devices.push_back(member->target.name);
+  }
+  printer_.flush(devices);
   int status = cancelled_;
   for (const Finished& end : ends_) {
     status = std::max(status, end.outcome.status);

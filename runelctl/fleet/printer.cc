@@ -2,6 +2,7 @@
 #include "fleet/printer.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <utility>
 
 #include <unistd.h>
@@ -142,20 +143,37 @@ void Printer::hold(const std::string& device, const std::string& text) {
   const auto same = std::find_if(groups_.begin(), groups_.end(),
                                  [&](const Group& group) { return group.text == text; });
   if (same != groups_.end()) {
-    same->devices.push_back(style_.name(device));
+    same->devices.push_back(device);
   } else {
-    groups_.push_back({text, {style_.name(device)}});
+    groups_.push_back({text, {device}});
   }
 }
 
-void Printer::flush() {
+void Printer::flush(const std::vector<std::string>& devices) {
+  std::unordered_map<std::string, std::size_t> places;
+  for (const std::string& device : devices) {
+    places.emplace(device, places.size());
+  }
+  for (Group& group : groups_) {
+    std::sort(group.devices.begin(), group.devices.end(),
+              [&](const auto& a, const auto& b) { return places[a] < places[b]; });
+  }
+  std::sort(groups_.begin(), groups_.end(), [&](const Group& a, const Group& b) {
+    return places[a.devices.front()] < places[b.devices.front()];
+  });
   for (const Group& group : groups_) {
-    const std::string count =
-        group.devices.size() == 1 ? "" : " (" + countText(group.devices.size(), "device") + ")";
-    out("== " + joined(group.devices) + count + "\n" + group.text +
-        (group.text.back() == '\n' ? "" : "\n"));
+    show(group);
   }
   groups_.clear();
+}
+
+void Printer::show(const Group& group) {
+  std::vector<std::string> names;
+  for (const std::string& device : group.devices) {
+    names.push_back(style_.name(device));
+  }
+  const std::string count = names.size() == 1 ? "" : " (" + countText(names.size(), "device") + ")";
+  out("== " + joined(names) + count + "\n" + group.text + (group.text.back() == '\n' ? "" : "\n"));
 }
 
 void Printer::printWarning(const std::string& device, const std::string& text) {

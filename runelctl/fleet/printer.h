@@ -28,8 +28,8 @@ class Printer {
   void stream(std::string_view bytes);
   /// What a device said, with its end.
   void finished(const Finished& end, const Report& report);
-  /// Shows outputs that were held back to be grouped.
-  void flush();
+  /// Shows outputs that were held back to be grouped, in the order of @p devices.
+  void flush(const std::vector<std::string>& devices);
   /// The line after all of it, when there are several devices.
   void summary(const std::vector<Finished>& ends, std::size_t skipped);
   /// The same for a run in which nothing was sent.
@@ -49,6 +49,7 @@ class Printer {
   void printText(const std::string& device, const std::string& text);
   void printPrefixed(const std::string& device, const std::string& text);
   void hold(const std::string& device, const std::string& text);
+  void show(const Group& group);
   void printError(const std::string& device, const Error& error);
   void printWarning(const std::string& device, const std::string& text);
   void out(std::string_view bytes);

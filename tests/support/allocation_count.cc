@@ -2,6 +2,7 @@
 #include "support/allocation_count.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
@@ -10,10 +11,11 @@
 namespace zell::test {
 namespace {
 
-std::size_t g_calls = 0;
-std::size_t g_bytes = 0;
-std::ptrdiff_t g_live = 0;
-std::ptrdiff_t g_peak = 0;
+// A test's other threads allocate too.
+std::atomic<std::size_t> g_calls{0};
+std::atomic<std::size_t> g_bytes{0};
+std::atomic<std::ptrdiff_t> g_live{0};
+std::atomic<std::ptrdiff_t> g_peak{0};
 
 void* allocate(std::size_t size) {
   void* memory = std::malloc(size == 0 ? 1 : size);
@@ -23,7 +25,7 @@ void* allocate(std::size_t size) {
   ++g_calls;
   g_bytes += size;
   g_live += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
-  g_peak = std::max(g_peak, g_live);
+  g_peak = std::max(g_peak.load(), g_live.load());
   return memory;
 }
 
@@ -40,7 +42,7 @@ void AllocationCount::restart() {
   calls_ = g_calls;
   bytes_ = g_bytes;
   live_ = g_live;
-  g_peak = g_live;
+  g_peak = g_live.load();
 }
 
 std::size_t AllocationCount::calls() const {

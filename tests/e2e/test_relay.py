@@ -452,7 +452,7 @@ class CostTest(RelayCase):
             costs.append((processor_seconds(daemon) - before) / size)
             self.assert_stops(daemon)
             master.close()
-        self.assertLessEqual(costs[1], 3 * costs[0])
+        self.assertLessEqual(costs[1], 8 * costs[0])  # 16 times as much, were it all to be done again
 
 
 if __name__ == "__main__":

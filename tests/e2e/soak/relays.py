@@ -156,8 +156,16 @@ class Story:
         self._slave = await self._master.accept()
         self._run.counts["masters that vanished and returned"] += 1
 
+    async def _notice(self):
+        """The daemon sees what happened before: each answer is another pass of its loop."""
+        client = await self._run.connect()
+        for _ in range(3):
+            await client.ask(*self._work.small)
+        client.close()
+
     async def _visit_without_master(self):
         self._master.vanish()
+        await self._notice()  # or the lost slave connection would take the new agent along
         agent, hello = await self._arrive()
         await asyncio.sleep(self._run.random.random())
         self._master.appear()

@@ -18,6 +18,7 @@
 namespace zell {
 namespace {
 
+constexpr mode_t kFillingMode = 0600;  // the old file may be no more than its owner's to read
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
 
@@ -63,7 +64,7 @@ bool takeAttributes(int fd, std::FILE* replaced) {
 Stream openOutput(const std::string& path) {
   (void)unlink(path.c_str());
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  return openStream(UniqueFd(open(path.c_str(), kFlags, kNewFileMode)), "w");
+  return openStream(UniqueFd(open(path.c_str(), kFlags, kFillingMode)), "w");
 }
 
 bool writeLine(std::FILE* out, std::string_view line) {
@@ -102,7 +103,7 @@ Copy copyLines(std::FILE* in, std::FILE* out) {
   return copy;
 }
 
-// The whole new content, on the disk when the answer is good.
+// The whole new content, then mode and owner; all of it is on the disk when the answer is good.
 Copy writeHosts(std::FILE* in, std::FILE* out, const std::string& address) {
   Copy copy;
   if (in == nullptr) {
@@ -111,8 +112,8 @@ Copy writeHosts(std::FILE* in, std::FILE* out, const std::string& address) {
     copy = copyLines(in, out);
   }
   if (copy.ended && copy.good) {
-    copy.good = takeAttributes(fileno(out), in) && writeLine(out, address + " " + kMasterAlias) &&
-                std::fflush(out) == 0 && fsync(fileno(out)) == 0;
+    copy.good = writeLine(out, address + " " + kMasterAlias) && std::fflush(out) == 0 &&
+                takeAttributes(fileno(out), in) && fsync(fileno(out)) == 0;
     copy.error = errno;
   }
   return copy;

@@ -2,9 +2,13 @@
 #include "agent/hosts_file.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <functional>
+#include <set>
 #include <string>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,6 +27,8 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+std::function<void()> g_onWrite;  // called with each line that is written
 
 const std::string kEntry = "10.1.2.3 update-master\n";
 
@@ -178,6 +184,36 @@ TEST_F(HostsFileTest, KeepsTheOwnerAlsoOfASetUserIdFile) {
   EXPECT_EQ(statOf(path).st_uid, 12U);
   EXPECT_EQ(statOf(path).st_gid, 34U);
   EXPECT_EQ(modeOf(path), S_IFREG | 06640U);
+}
+
+// A user who may not read the old file may not read the copy of it either.
+TEST_F(HostsFileTest, HidesTheNewFileFromAllOthersWhileItIsFilled) {
+  const mode_t before = umask(0);
+  for (const mode_t mode : {0600U, 0640U, 0644U, 0666U}) {
+    write(std::string(100000, 'x') + "\na b\n");
+    ASSERT_EQ(chown(path.c_str(), 12, 34), 0);
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    std::set<mode_t> seen;
+    g_onWrite = [&] { seen.insert(modeOf(beside)); };
+    rewrite();
+    g_onWrite = nullptr;
+    EXPECT_THAT(seen, ElementsAre(S_IFREG | 0600U));
+    EXPECT_EQ(modeOf(path), S_IFREG | mode);
+    EXPECT_EQ(statOf(path).st_uid, 12U);
+    EXPECT_EQ(statOf(path).st_gid, 34U);
+  }
+  (void)umask(before);
+}
+
+// The owner of the old file could write into it otherwise.
+TEST_F(HostsFileTest, OwnsTheNewFileWhileItIsFilled) {
+  write("a b\n");
+  ASSERT_EQ(chown(path.c_str(), 12, 34), 0);
+  std::set<uid_t> seen;
+  g_onWrite = [&] { seen.insert(statOf(beside).st_uid); };
+  rewrite();
+  g_onWrite = nullptr;
+  EXPECT_THAT(seen, ElementsAre(geteuid()));
 }
 
 TEST_F(HostsFileTest, PutsANewFileInPlaceAndLeavesTheOldOneToItsReaders) {
@@ -359,3 +395,13 @@ TEST_F(HostsFileTest, LeavesNoDescriptorOpen) {
 
 }  // namespace
 }  // namespace zell::test
+
+// The C library's own function, replaced by linking.
+extern "C" size_t fwrite(const void* data, size_t size, size_t count, FILE* out) {
+  if (zell::test::g_onWrite) {
+    zell::test::g_onWrite();
+  }
+  using Write = size_t (*)(const void*, size_t, size_t, FILE*);
+  static const auto kNext = reinterpret_cast<Write>(dlsym(RTLD_NEXT, "fwrite"));
+  return kNext(data, size, count, out);
+}

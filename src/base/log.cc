@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include <syslog.h>
 #include <unistd.h>
@@ -15,10 +17,26 @@ namespace {
 // Most lines are short; longer ones (a dumped packet, a path) take memory for themselves.
 constexpr std::size_t kShortLine = 1024;
 
-// Formats a line and hands it to the system log, behind its process id unless that is 0. errno is
-// restored before each use of %m, since the formatting itself may change it.
-__attribute__((format(printf, 3, 0))) void send(int priority, pid_t pid, const char* format,
-                                                va_list args) {
+// What the system log takes as one datagram, with a margin. A longer line would be lost.
+constexpr std::size_t kLongestLine = 131072;
+constexpr std::string_view kCutMark = "...";
+
+// The text of @p length bytes, or its beginning and the mark in the @p room that there is.
+__attribute__((format(printf, 3, 0))) std::string longText(std::size_t length, std::size_t room,
+                                                           const char* format, va_list args) {
+  std::string text(std::min(length, room) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, args);
+  text.pop_back();
+  if (length > room) {
+    text.replace(room - kCutMark.size(), kCutMark.size(), kCutMark);
+  }
+  return text;
+}
+
+// Formats a line and hands it to the system log, behind @p prefix. errno is restored before each
+// use of %m, since the formatting itself may change it.
+__attribute__((format(printf, 3, 0))) void send(int priority, const std::string& prefix,
+                                                const char* format, va_list args) {
   const int saved = errno;
   char line[kShortLine];
   va_list again;
@@ -29,17 +47,12 @@ __attribute__((format(printf, 3, 0))) void send(int priority, pid_t pid, const c
   if (length < 0) {
     shown = format;
   } else if (static_cast<std::size_t>(length) >= sizeof line) {
-    text.resize(static_cast<std::size_t>(length) + 1);
     errno = saved;
-    std::vsnprintf(text.data(), text.size(), format, again);
+    text = longText(static_cast<std::size_t>(length), kLongestLine - prefix.size(), format, again);
     shown = text.c_str();
   }
   va_end(again);
-  if (pid != 0) {
-    syslog(priority, "(%d) %s", static_cast<int>(pid), shown);
-  } else {
-    syslog(priority, "%s", shown);
-  }
+  syslog(priority, "%s%s", prefix.c_str(), shown);
   errno = saved;
 }
 
@@ -47,16 +60,17 @@ __attribute__((format(printf, 3, 0))) void send(int priority, pid_t pid, const c
 
 // The process id is asked for each time: a fork changes it.
 void logLine(int priority, const char* format, ...) {
+  const std::string prefix = "(" + std::to_string(getpid()) + ") ";
   va_list args;
   va_start(args, format);
-  send(priority, getpid(), format, args);
+  send(priority, prefix, format, args);
   va_end(args);
 }
 
 void logPlain(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  send(priority, 0, format, args);
+  send(priority, "", format, args);
   va_end(args);
 }
 

@@ -539,6 +539,16 @@ class RequestTasks:
                 self.peer.send(request(name, "/"))
                 self.refused(f"unknown cmd: {name}")
 
+    def test_a_name_too_long_for_the_log_is_answered_whole_and_logged_cut(self):
+        name = "n" * 300000
+        mark = self.log.mark()
+        self.peer.send(request(name, "/"))
+        reply = self.peer.receive()
+        whole = f"({self.running.pid}) unknown cmd: {name}"
+        self.assertEqual((reply.fields, reply.output), ((4, 0, 1, EPROTO, 0), whole.encode()))
+        lines = [f"({line.pid}) {line.text}" for line in self.log.lines[mark:] if line.level == ERR]
+        self.assertEqual(lines, [whole[:131069] + "..."])
+
     def test_too_few_arguments_run_nothing(self):
         path = self.file("kept", b"kept")
         for name, count in ARGUMENTS_READ.items():

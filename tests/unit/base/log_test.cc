@@ -79,7 +79,7 @@ TEST_F(LogTest, LeavesErrnoAsItWas) {
 }
 
 // The edges of the memory that short lines use: prefix and text together.
-TEST_F(LogTest, NeverCutsALine) {
+TEST_F(LogTest, KeepsALineWholeWhereItsMemoryChanges) {
   for (std::size_t length = 980; length < 1060; ++length) {
     const std::string payload(length, 'x');
     log_.clear();
@@ -91,10 +91,26 @@ TEST_F(LogTest, NeverCutsALine) {
   }
 }
 
-TEST_F(LogTest, TakesALineOfAMegabyte) {
-  const std::string payload(1 << 20, 'y');
-  logLine(LOG_DEBUG, "<%s>", payload.c_str());
-  EXPECT_EQ(only().text, "(PID) <" + payload + ">");
+TEST_F(LogTest, CutsALineOfMoreThan128KibibytesTheProcessIdIncluded) {
+  const std::size_t room = 131072 - ("(" + std::to_string(getpid()) + ") ").size();
+  logLine(LOG_DEBUG, "<%s", std::string(room - 1, 'y').c_str());
+  EXPECT_EQ(only().text, "(PID) <" + std::string(room - 1, 'y'));
+  log_.clear();
+  logLine(LOG_DEBUG, "<%s", std::string(room, 'y').c_str());
+  EXPECT_EQ(only().text, "(PID) <" + std::string(room - 4, 'y') + "...");
+}
+
+TEST_F(LogTest, CutsAPlainLineOfMoreThan128Kibibytes) {
+  logPlain(LOG_DEBUG, "<%s", std::string(131071, 'y').c_str());
+  EXPECT_EQ(only().text, "<" + std::string(131071, 'y'));
+  log_.clear();
+  logPlain(LOG_DEBUG, "<%s", std::string(131072, 'y').c_str());
+  EXPECT_EQ(only().text, "<" + std::string(131068, 'y') + "...");
+}
+
+TEST_F(LogTest, CutsALineOfAMegabyteToTheSameLength) {
+  logPlain(LOG_DEBUG, "%s", std::string(1 << 20, 'y').c_str());
+  EXPECT_EQ(only().text, std::string(131069, 'y') + "...");
 }
 
 TEST_F(LogTest, TakesALineWithoutText) {

@@ -13,7 +13,8 @@ target_compile_options(runeld_options INTERFACE
 
 if(RUNELD_SANITIZE)
   target_compile_options(runeld_options INTERFACE
-    -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    -g1)  # enough for the lines of a report, and a third less to compile
   target_link_options(runeld_options INTERFACE -fsanitize=${RUNELD_SANITIZE})
 endif()
 if(RUNELD_FUZZ)
@@ -34,4 +35,12 @@ function(runeld_library name)
   target_include_directories(${name} PUBLIC
     "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
   target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})
+endfunction()
+
+# Compiles the sources of @p name a batch at a time: libraries of nothing but templates, read and
+# instantiated once for each source, are most of a build otherwise. A batch shares one scope, so
+# helpers in unnamed namespaces need names of their own within a target.
+function(runeld_unity name)
+  set_target_properties(${name} PROPERTIES
+    UNITY_BUILD ${RUNELD_UNITY} UNITY_BUILD_MODE BATCH UNITY_BUILD_BATCH_SIZE 16)
 endfunction()

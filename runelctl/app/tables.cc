@@ -5,12 +5,10 @@
 #include <cstddef>
 #include <sstream>
 
+#include "output/text.h"
+
 namespace zell::ctl {
 namespace {
-
-bool startsWith(const std::string& text, const std::string& start) {
-  return text.compare(0, start.size(), start) == 0;
-}
 
 // The words between the braces of "WHEN:{always,auto,never}"; none without braces.
 std::vector<std::string> wordsIn(const std::string& type) {

@@ -9,9 +9,9 @@
 namespace zell::ctl {
 namespace {
 
-constexpr std::size_t kBlock = 512;
+constexpr std::size_t kTarBlock = 512;
 constexpr std::uint64_t kMostOwner = 07777777;
-constexpr std::int64_t kMostSeconds = 077777777777;
+constexpr std::int64_t kMostTarSeconds = 077777777777;
 constexpr std::size_t kModePlace = 100;
 constexpr std::size_t kOwnerPlace = 108;
 constexpr std::size_t kGroupPlace = 116;
@@ -39,15 +39,15 @@ std::string paxRecord(const std::string& rest) {
 }  // namespace
 
 void Archive::header(std::string_view name, char type, const About& about, std::size_t size) {
-  char block[kBlock] = {};
+  char block[kTarBlock] = {};
   std::memcpy(block, name.data(), std::min(name.size(), kMostName));
   putOctal(block + kModePlace, 7, about.mode & 07777U);
   putOctal(block + kOwnerPlace, 7, std::min(about.uid, kMostOwner));
   putOctal(block + kGroupPlace, 7, std::min(about.gid, kMostOwner));
   putOctal(block + kSizePlace, 11, size);
-  putOctal(
-      block + kTimePlace, 11,
-      static_cast<std::uint64_t>(std::clamp<std::int64_t>(about.mtime.seconds, 0, kMostSeconds)));
+  putOctal(block + kTimePlace, 11,
+           static_cast<std::uint64_t>(
+               std::clamp<std::int64_t>(about.mtime.seconds, 0, kMostTarSeconds)));
   block[kTypePlace] = type;
   std::memcpy(block + kMagicPlace, "ustar\00000", 8);
   std::memset(block + kSumPlace, ' ', 8);
@@ -57,12 +57,12 @@ void Archive::header(std::string_view name, char type, const About& about, std::
   }
   putOctal(block + kSumPlace, 6, sum);
   block[kSumPlace + 6] = '\0';
-  bytes_.append(block, kBlock);
+  bytes_.append(block, kTarBlock);
 }
 
 void Archive::padded(std::string_view content) {
   bytes_.append(content);
-  bytes_.append((kBlock - content.size() % kBlock) % kBlock, '\0');
+  bytes_.append((kTarBlock - content.size() % kTarBlock) % kTarBlock, '\0');
 }
 
 // The plain header has room for whole seconds from 1970 on. A tar that does not know the other form
@@ -88,7 +88,7 @@ void Archive::addFolder(std::string_view name, const About& about) {
 }
 
 std::string Archive::finish() {
-  bytes_.append(2 * kBlock, '\0');
+  bytes_.append(2 * kTarBlock, '\0');
   return std::move(bytes_);
 }
 

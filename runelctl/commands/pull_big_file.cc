@@ -22,7 +22,7 @@ std::vector<std::string> pieceProgram(const std::string& path, std::uint64_t off
           std::to_string((size + block - 1) / block)};
 }
 
-constexpr std::size_t kBlock = 65536;
+constexpr std::size_t kPieceBlock = 65536;
 
 }  // namespace
 
@@ -67,7 +67,7 @@ void PullJob::beginBigFile(const Reply& reply) {
 // Is what is here the beginning of what is there? Whole blocks of it are enough.
 void PullJob::checkPart() {
   BigFile& file = *bigFile_;
-  const std::uint64_t size = file.writer.size() / kBlock * kBlock;
+  const std::uint64_t size = file.writer.size() / kPieceBlock * kPieceBlock;
   if (size == 0 || size > file.item->st.size) {
     file.error = file.writer.cutTo(0);
     fetchPieces();
@@ -75,7 +75,7 @@ void PullJob::checkPart() {
   }
   const std::vector<std::string> sum{"/bin/sh", "-c",
                                      "dd if=\"$0\" bs=65536 count=$1 2>/dev/null | sha256sum",
-                                     file.item->source, std::to_string(size / kBlock)};
+                                     file.item->source, std::to_string(size / kPieceBlock)};
   ask(execRequest(sum, 0), [this, size](const Reply& reply) {
     if (!alive(reply)) {
       return;
@@ -109,8 +109,8 @@ std::optional<Pipeline::Item> PullJob::nextPiece() {
   const auto handle = [this, offset, size](const Reply& reply) {
     return pieceTaken(offset, size, reply);
   };
-  return Pipeline::Item{execRequest(pieceProgram(file.item->source, offset, size, kBlock), 0), size,
-                        handle};
+  return Pipeline::Item{execRequest(pieceProgram(file.item->source, offset, size, kPieceBlock), 0),
+                        size, handle};
 }
 
 bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const Reply& reply) {

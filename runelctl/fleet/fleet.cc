@@ -23,7 +23,7 @@ constexpr Milliseconds kLookAgain{250};
 constexpr int kLeastLooks = 2;
 constexpr int kMostLooks = 12;
 // Of a frame in a dry run, for people.
-constexpr std::size_t kMostShown = 400;
+constexpr std::size_t kMostPayloadShown = 400;
 
 }  // namespace
 
@@ -132,8 +132,8 @@ void Fleet::start(Member& member) {
 
 // Many devices have their names from the printer.
 void Fleet::showUnsent(Member& member, const std::string& payload) const {
-  const std::string shown = forPeople(payload.substr(0, kMostShown));
-  const bool cut = payload.size() > kMostShown;
+  const std::string shown = forPeople(payload.substr(0, kMostPayloadShown));
+  const bool cut = payload.size() > kMostPayloadShown;
   member.report->line((members_.size() == 1 ? forPeople(member.target.name) + " " : "") + "<- " +
                       shown + (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
   Json object{{"entry", "frame"}};

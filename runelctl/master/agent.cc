@@ -13,9 +13,9 @@
 namespace zell::ctl {
 namespace {
 
-constexpr std::size_t kReadSize = 16384;
-constexpr std::size_t kMostQueued = 262144;
-constexpr std::size_t kLongestClause = 1048576;
+constexpr std::size_t kAgentReadSize = 16384;
+constexpr std::size_t kMostClausesQueued = 262144;
+constexpr std::size_t kLongestAgentClause = 1048576;
 
 Error inputError(const std::string& what, const std::string& hint) {
   return {Fault::local, "standard input: " + what, hint, 0};
@@ -55,7 +55,7 @@ void Agent::connected(UniqueFd socket) {
 // A file cannot be waited for, and need not: it is read as fast as it is sent.
 void Agent::readInput() {
   loop_.cancel(pause_);
-  if (out_.size() > kMostQueued) {
+  if (out_.size() > kMostClausesQueued) {
     loop_.forget(input_);  // until the daemon has taken some of it
     inputWatched_ = false;
     return;
@@ -64,7 +64,7 @@ void Agent::readInput() {
     inputWatched_ = true;
     return;
   }
-  std::string bytes(kReadSize, '\0');
+  std::string bytes(kAgentReadSize, '\0');
   const ssize_t got = ::read(input_, bytes.data(), bytes.size());
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;
@@ -98,7 +98,7 @@ void Agent::take(std::string bytes) {
   } else if (next == ClauseBuffer::Next::notOpening) {
     end(inputError("what does not begin with '<' would block the daemon's relay",
                    "--raw sends it all the same"));
-  } else if (typed_.size() > kLongestClause) {
+  } else if (typed_.size() > kLongestAgentClause) {
     end(inputError("a clause of more than 1 MiB", ""));
   } else {
     watchSocket();
@@ -132,7 +132,7 @@ void Agent::ready(std::uint32_t events) {
 }
 
 void Agent::receive() {
-  char bytes[kReadSize];
+  char bytes[kAgentReadSize];
   const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;
@@ -147,7 +147,7 @@ void Agent::receive() {
   while (heard_.next(clause) == ClauseBuffer::Next::cut) {
     events_.clause(clause);
   }
-  if (heard_.size() > kLongestClause) {
+  if (heard_.size() > kLongestAgentClause) {
     end(Error{Fault::protocol, "what came back is no clause", "", 0});
   } else if (inputOver_) {
     waitOn();
@@ -162,7 +162,7 @@ void Agent::flush() {
   watchSocket();
   if (inputOver_) {
     waitOn();
-  } else if (!inputWatched_ && out_.size() <= kMostQueued) {
+  } else if (!inputWatched_ && out_.size() <= kMostClausesQueued) {
     readInput();
   }
 }

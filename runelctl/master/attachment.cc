@@ -7,7 +7,7 @@
 namespace zell::ctl {
 namespace {
 
-constexpr std::size_t kMostQueued = 8388608;
+constexpr std::size_t kMostAnswersQueued = 8388608;
 
 }  // namespace
 
@@ -29,7 +29,7 @@ void Attachment::pass(std::string&& payload) {
 }
 
 bool Attachment::slow() const {
-  return channel_.queued() > kMostQueued;
+  return channel_.queued() > kMostAnswersQueued;
 }
 
 void Attachment::setReading(bool reading) {

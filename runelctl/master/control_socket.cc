@@ -20,8 +20,8 @@ namespace zell::ctl {
 namespace {
 
 // One run of runelctl may come for each of very many devices at the same moment.
-constexpr int kBacklog = 4096;
-constexpr int kAtOnce = 64;
+constexpr int kControlBacklog = 4096;
+constexpr int kCallsAtOnce = 64;
 constexpr std::size_t kLongestLine = 1024;
 constexpr Milliseconds kLineTime{30000};
 constexpr Milliseconds kSendTime{30000};
@@ -88,7 +88,7 @@ std::string ControlSocket::open(const std::string& path) {
   }
   (void)unlink(path.c_str());  // bind tells when it is still in the way
   UniqueFd listener = newSocket();
-  if (!bindPrivately(listener.get(), address) || listen(listener.get(), kBacklog) != 0 ||
+  if (!bindPrivately(listener.get(), address) || listen(listener.get(), kControlBacklog) != 0 ||
       !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
     return path + ": " + systemText(errno);
   }
@@ -98,7 +98,7 @@ std::string ControlSocket::open(const std::string& path) {
 }
 
 void ControlSocket::accept() {
-  for (int i = 0; i < kAtOnce; ++i) {
+  for (int i = 0; i < kCallsAtOnce; ++i) {
     UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.valid()) {
       return;  // no more, or no descriptor is left: they go on waiting

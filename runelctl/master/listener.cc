@@ -15,8 +15,8 @@ namespace zell::ctl {
 namespace {
 
 // Devices by the hundred dial again at the same moment when the master has been away.
-constexpr int kBacklog = 4096;
-constexpr int kAtOnce = 64;
+constexpr int kDeviceBacklog = 4096;
+constexpr int kDevicesAtOnce = 64;
 constexpr Milliseconds kRest{1000};
 
 }  // namespace
@@ -40,8 +40,8 @@ std::string Listener::open(const std::string& host, std::uint16_t port) {
   (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind tells
   // The socket calls' one type for addresses of every kind.
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  if (bind(socket_.get(), generic, sizeof address) != 0 || listen(socket_.get(), kBacklog) != 0 ||
-      !watch()) {
+  if (bind(socket_.get(), generic, sizeof address) != 0 ||
+      listen(socket_.get(), kDeviceBacklog) != 0 || !watch()) {
     return where + systemText(errno);
   }
   return "";
@@ -52,7 +52,7 @@ bool Listener::watch() {
 }
 
 void Listener::accept() {
-  for (int i = 0; i < kAtOnce; ++i) {
+  for (int i = 0; i < kDevicesAtOnce; ++i) {
     sockaddr_in from{};
     socklen_t size = sizeof from;
     auto* generic = reinterpret_cast<sockaddr*>(&from);  // as above

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kMostKept = 4194304;
 // A pipe that is ready takes so much without waiting, whoever else writes to it.
-constexpr std::size_t kAtOnce = 4096;
+constexpr std::size_t kWriteSize = 4096;
 constexpr Milliseconds kPause{50};
 
 }  // namespace
@@ -56,7 +56,7 @@ bool Outlet::writeSome() {
   if (broken_ || poll(&ready, 1, 0) != 1) {
     return false;
   }
-  const ssize_t taken = ::write(fd_, waiting_.data(), std::min(waiting_.size(), kAtOnce));
+  const ssize_t taken = ::write(fd_, waiting_.data(), std::min(waiting_.size(), kWriteSize));
   if (taken > 0) {
     waiting_.erase(0, static_cast<std::size_t>(taken));
     return true;

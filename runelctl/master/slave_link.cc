@@ -19,7 +19,7 @@
 namespace zell::ctl {
 namespace {
 
-constexpr std::size_t kMostQueued = 8388608;
+constexpr std::size_t kMostTasksQueued = 8388608;
 constexpr std::size_t kMostWaiting = 4096;
 // A kernel confirms what it gets within a fraction of a second, however busy its programs are.
 constexpr Milliseconds kConfirmTime{5000};
@@ -128,7 +128,7 @@ void SlaveLink::setReading(bool reading) {
 }
 
 bool SlaveLink::busy() const {
-  return channel_.queued() > kMostQueued || pending_.size() > kMostWaiting;
+  return channel_.queued() > kMostTasksQueued || pending_.size() > kMostWaiting;
 }
 
 bool SlaveLink::onlyOwnWork() const {

@@ -134,6 +134,10 @@ std::string cutTo(std::string_view text, std::size_t columns) {
   return std::string(text.substr(0, end));
 }
 
+bool startsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
 std::string sizeText(std::uint64_t bytes) {
   static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   auto value = static_cast<double>(bytes);

@@ -25,6 +25,9 @@ void putBytes(Json& object, const std::string& key, std::string_view bytes);
 /// @p text cut to @p columns characters.
 [[nodiscard]] std::string cutTo(std::string_view text, std::size_t columns);
 
+/// Whether @p text begins with @p start.
+[[nodiscard]] bool startsWith(std::string_view text, std::string_view start);
+
 /// "1.4 MiB" and the like.
 [[nodiscard]] std::string sizeText(std::uint64_t bytes);
 

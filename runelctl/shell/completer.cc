@@ -4,12 +4,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "output/text.h"
+
 namespace zell::ctl {
 namespace {
-
-bool startsWith(const std::string& text, const std::string& start) {
-  return text.compare(0, start.size(), start) == 0;
-}
 
 void addMatching(std::vector<std::string>& matches, const std::vector<std::string>& words,
                  const std::string& start) {

@@ -20,7 +20,7 @@ namespace zell::ctl {
 namespace {
 
 constexpr int kHistorySize = 1000;
-constexpr std::size_t kMostShown = 200;
+constexpr std::size_t kMostWordsShown = 200;
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -165,12 +165,12 @@ unsigned char LineEditor::completeLine() {
 
 void LineEditor::show(const std::vector<std::string>& words) const {
   std::string text = "\n";
-  for (std::size_t i = 0; i < words.size() && i < kMostShown; ++i) {
+  for (std::size_t i = 0; i < words.size() && i < kMostWordsShown; ++i) {
     const std::string word = cutLine(words[i]).words.front();
     const std::size_t slash = word.find_last_of('/', word.size() - 2);
     text += forPeople(slash == std::string::npos ? word : word.substr(slash + 1)) + "  ";
   }
-  text += words.size() > kMostShown ? "..." : "";
+  text += words.size() > kMostWordsShown ? "..." : "";
   (void)writeAll(STDOUT_FILENO, text + "\n");
 }
 

@@ -19,6 +19,9 @@
 
 namespace zell::test {
 
+/// A user without privileges.
+inline constexpr uid_t kNobody = 65534;
+
 inline const char* const kSuccess = "0 0 0 0 0";
 
 /// How a reply tells of a failure with @p error.

@@ -26,8 +26,6 @@
 namespace zell::test {
 namespace {
 
-constexpr uid_t kNobody = 65534;
-
 class TreeWalkTest : public ProxyTest {
  protected:
   /// What the walk at @p path prints.

@@ -24,8 +24,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-constexpr uid_t kNobody = 65534;
-
 class WriteTest : public ProxyTest {
  protected:
   Names namesIn(const std::string& folder) {

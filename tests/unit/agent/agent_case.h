@@ -23,6 +23,9 @@
 
 namespace zell::test {
 
+/// A request that every device can answer.
+inline const std::string kExists = request({"fileexists", "/file"});
+
 /// The test's end of a connection. The server's end belongs to the server, which closes it.
 class Peer {
  public:

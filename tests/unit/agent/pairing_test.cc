@@ -15,7 +15,6 @@ using ::testing::IsEmpty;
 
 using Lines = std::vector<LogEntry>;
 
-const std::string kExists = request({"fileexists", "/file"});
 constexpr char kMaster[] = "192.0.2.1";
 
 // Every case at a verbosity: the lines at LOG_DEBUG come above 0 only.

@@ -14,8 +14,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-const std::string kExists = request({"fileexists", "/file"});
-
 class RoutingTest : public AgentCase {
  protected:
   RoutingTest() { device.files["/file"] = ""; }

@@ -15,7 +15,6 @@ namespace {
 
 using Kind = HandlerModel::Kind;
 
-constexpr char kMaster[] = "192.0.2.1";
 constexpr int kEvents = 60;
 constexpr std::size_t kMostConnections = 8;
 constexpr int kUnknownSocket = 900;

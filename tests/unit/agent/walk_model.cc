@@ -15,8 +15,6 @@ namespace {
 
 using Kind = HandlerModel::Kind;
 
-constexpr char kMaster[] = "192.0.2.1";
-
 std::string shown(std::string text) {
   for (char& byte : text) {
     const auto value = static_cast<unsigned char>(byte);

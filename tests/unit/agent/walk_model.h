@@ -16,6 +16,9 @@
 
 namespace zell::test {
 
+/// The master's address.
+inline constexpr char kMaster[] = "192.0.2.1";
+
 /// What a test's own handler does when it is called: it drops sockets.
 struct Script {
   std::vector<int> onMessage;

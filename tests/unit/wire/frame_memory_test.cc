@@ -7,6 +7,7 @@
 #include <zell/byte_count_protocol.h>
 
 #include "support/allocation_count.h"
+#include "support/sizes.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
 
@@ -15,8 +16,8 @@ namespace {
 
 using test::AllocationCount;
 using test::frame;
+using test::kMiB;
 
-constexpr std::size_t kMiB = 1048576;
 constexpr std::size_t kPacket = 4096;
 
 class FrameMemoryTest : public testing::Test {

@@ -18,6 +18,7 @@
 #include "fakes/system/fake_system.h"
 #include "socket_calls.h"
 #include "support/log_capture.h"
+#include "support/sizes.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
 #include "zell/wire/frame_sender.h"
@@ -27,12 +28,11 @@ namespace {
 
 using test::FakeSystem;
 using test::frame;
+using test::kMiB;
 using test::LogCapture;
 using test::LogEntry;
 using test::SocketCalls;
 using test::SocketPair;
-
-constexpr std::size_t kMiB = 1048576;
 
 // Payload bytes that tell where they belong.
 std::string patterned(std::size_t length) {

@@ -9,13 +9,13 @@
 #include <zell/slave_task.h>
 
 #include "support/allocation_count.h"
+#include "support/sizes.h"
 
 namespace zell {
 namespace {
 
 using test::AllocationCount;
-
-constexpr std::size_t kMiB = 1048576;
+using test::kMiB;
 
 std::string writeRequest(std::size_t size) {
   const std::string length = std::to_string(size);

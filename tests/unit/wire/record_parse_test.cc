@@ -9,20 +9,18 @@
 
 #include <zell/slave_task.h>
 
+#include "record_text.h"
+
 namespace zell {
 namespace {
+
+using test::kEmptyRecord;
+using test::recordText;
 
 using Args = std::vector<std::string>;
 
 const char kFileExists[] = "SlaveTask 2 10:fileexists 10:/etc/hosts 0 0: 0 0 0 0 0";
 const char kAllFields[] = "SlaveTask 2 4:exec 9:/bin/true -7 3:out 1 2 -3 4 5";
-const char kEmptyRecord[] = "SlaveTask 0 0 0: 0 0 0 0 0";
-
-std::string textOf(const SlaveTask& task) {
-  std::ostringstream out;
-  task.serialize(out);
-  return out.str();
-}
 
 SlaveTask parsed(const std::string& message) {
   SlaveTask task;
@@ -34,10 +32,10 @@ SlaveTask parsed(const std::string& message) {
 void expectRefused(const std::string& message) {
   SlaveTask copied({"old"}, 1, "old", SlaveStatus::error, WatchProcessState_t::running, 1, 2, 3);
   EXPECT_FALSE(copied.parse(message));
-  EXPECT_EQ(textOf(copied), kEmptyRecord) << testing::PrintToString(message);
+  EXPECT_EQ(recordText(copied), kEmptyRecord) << testing::PrintToString(message);
   SlaveTask moved({"old"}, 1, "old", SlaveStatus::error, WatchProcessState_t::running, 1, 2, 3);
   EXPECT_FALSE(moved.parse(std::string(message)));
-  EXPECT_EQ(textOf(moved), kEmptyRecord) << testing::PrintToString(message);
+  EXPECT_EQ(recordText(moved), kEmptyRecord) << testing::PrintToString(message);
 }
 
 TEST(RecordParseTest, TellsASoundRecordFromAMalformedOne) {
@@ -71,14 +69,14 @@ TEST(RecordParseTest, AStringMayHoldAnyBytes) {
 TEST(RecordParseTest, ARecordReplacesTheOneBefore) {
   SlaveTask task = parsed(kAllFields);
   task.parse(std::string(kFileExists));
-  EXPECT_EQ(textOf(task), kFileExists);
+  EXPECT_EQ(recordText(task), kFileExists);
 }
 
 TEST(RecordParseTest, NumbersMayHaveAnyValueOfThirtyTwoBits) {
   const std::string text =
       "SlaveTask 0 -2147483648 0: 2147483647 2147483647 2147483647 2147483647 "
       "2147483647";
-  EXPECT_EQ(textOf(parsed(text)), text);
+  EXPECT_EQ(recordText(parsed(text)), text);
 }
 
 TEST(RecordParseTest, CutAtAnyByteItIsRefused) {
@@ -150,7 +148,7 @@ TEST_P(RecordNumberTest, IsReadInExactlyOneSpelling) {
     const std::string record = with(place, spelling.text);
     const bool isSigned = place == 0 || place == 3;  // EXECPARAM and RESULT
     if (isSigned ? spelling.fitsSigned : spelling.fitsUnsigned) {
-      EXPECT_EQ(textOf(parsed(record)), record);
+      EXPECT_EQ(recordText(parsed(record)), record);
     } else {
       expectRefused(record);
     }
@@ -214,19 +212,19 @@ TEST(RecordParseTest, BothWaysToParseReadTheSame) {
   const std::string longest(300000, '\x01');
   const SlaveTask original({"write", longOne, "", longest, "end"}, 3, "output",
                            SlaveStatus::failure, WatchProcessState_t::signalled, -1, 0, 9);
-  const std::string text = textOf(original);
+  const std::string text = recordText(original);
   SlaveTask moved;
   moved.parse(std::string(text));
-  EXPECT_TRUE(textOf(moved) == text);
-  EXPECT_TRUE(textOf(parsed(text)) == text);
+  EXPECT_TRUE(recordText(moved) == text);
+  EXPECT_TRUE(recordText(parsed(text)) == text);
 }
 
 TEST(RecordParseTest, OfTwoLongestArgumentsEachKeepsItsPlace) {
   const std::string first(100000, '1');
   const std::string second(100000, '2');
   SlaveTask task;
-  task.parse(textOf(SlaveTask({"x", first, second}, 0, "", SlaveStatus::success,
-                              WatchProcessState_t::none, 0, 0, 0)));
+  task.parse(recordText(SlaveTask({"x", first, second}, 0, "", SlaveStatus::success,
+                                  WatchProcessState_t::none, 0, 0, 0)));
   ASSERT_EQ(task.args().size(), 3u);
   EXPECT_TRUE(task.args()[1] == first);
   EXPECT_TRUE(task.args()[2] == second);

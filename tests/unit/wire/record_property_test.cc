@@ -10,12 +10,15 @@
 
 #include <zell/slave_task.h>
 
+#include "record_text.h"
+
 namespace zell {
 namespace {
 
-using Random = std::mt19937;
+using test::kEmptyRecord;
+using test::recordText;
 
-const char kEmptyRecord[] = "SlaveTask 0 0 0: 0 0 0 0 0";
+using Random = std::mt19937;
 
 int between(Random& random, int least, int most) {
   return std::uniform_int_distribution<int>(least, most)(random);
@@ -46,12 +49,6 @@ SlaveTask randomRecord(Random& random) {
           between(random, 0, INT32_MAX)};
 }
 
-std::string textOf(const SlaveTask& task) {
-  std::ostringstream out;
-  task.serialize(out);
-  return out.str();
-}
-
 bool sameFields(const SlaveTask& a, const SlaveTask& b) {
   return a.args() == b.args() && a.execParam() == b.execParam() && a.output() == b.output() &&
          a.status().status == b.status().status && a.status().state == b.status().state &&
@@ -67,7 +64,7 @@ bool expectTakenOrRefused(const std::string& text, unsigned seed) {
   SlaveTask moved;
   moved.parse(std::string(text));
   EXPECT_TRUE(sameFields(copied, moved)) << "seed " << seed;
-  const std::string written = textOf(copied);
+  const std::string written = recordText(copied);
   EXPECT_TRUE(written == text || written == kEmptyRecord)
       << "seed " << seed << ' ' << testing::PrintToString(text);
   return written == text;
@@ -78,9 +75,9 @@ TEST(RecordPropertyTest, WhatIsWrittenIsReadBack) {
     Random random(seed);
     const SlaveTask original = randomRecord(random);
     SlaveTask copied;
-    copied.parse(textOf(original));
+    copied.parse(recordText(original));
     ASSERT_TRUE(sameFields(copied, original)) << "seed " << seed;
-    const std::string text = textOf(original);
+    const std::string text = recordText(original);
     copied.parse(text);
     ASSERT_TRUE(sameFields(copied, original)) << "seed " << seed;
   }
@@ -90,8 +87,9 @@ TEST(RecordPropertyTest, ADamagedRecordIsAnotherRecordOrNone) {
   int refused = 0;
   for (unsigned seed = 1; seed <= 3000; ++seed) {
     Random random(seed);
-    std::string text = textOf(SlaveTask({"task", randomString(random)}, between(random, -2, 2), "",
-                                        SlaveStatus::success, WatchProcessState_t::none, 0, 0, 0));
+    std::string text =
+        recordText(SlaveTask({"task", randomString(random)}, between(random, -2, 2), "",
+                             SlaveStatus::success, WatchProcessState_t::none, 0, 0, 0));
     const int last = static_cast<int>(text.size()) - 1;
     const auto at = static_cast<std::size_t>(between(random, 0, last));
     text[at] = static_cast<char>(between(random, 0, 255));

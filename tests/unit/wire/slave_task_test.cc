@@ -12,45 +12,42 @@
 #include <zell/slave_task.h>
 
 #include "fakes/zell/fake_zell.h"
+#include "record_text.h"
 
 namespace zell {
 namespace {
 
+using test::recordText;
+
 using Args = std::vector<std::string>;
 
-std::string textOf(const SlaveTask& task) {
-  std::ostringstream out;
-  task.serialize(out);
-  return out.str();
-}
-
 TEST(SlaveTaskTest, AnEmptyRecordHasNoArgumentsAndZeros) {
-  EXPECT_EQ(textOf(SlaveTask()), "SlaveTask 0 0 0: 0 0 0 0 0");
+  EXPECT_EQ(recordText(SlaveTask()), "SlaveTask 0 0 0: 0 0 0 0 0");
 }
 
 TEST(SlaveTaskTest, WritesEveryFieldInItsPlace) {
   const SlaveTask task({"exec", "/bin/echo", "a b"}, -1, "out put", SlaveStatus::timeout,
                        WatchProcessState_t::timedOut, -1, 110, 15);
-  EXPECT_EQ(textOf(task), "SlaveTask 3 4:exec 9:/bin/echo 3:a b -1 7:out put 3 4 -1 110 15");
+  EXPECT_EQ(recordText(task), "SlaveTask 3 4:exec 9:/bin/echo 3:a b -1 7:out put 3 4 -1 110 15");
 }
 
 TEST(SlaveTaskTest, WritesStringsByteForByte) {
   const std::string bytes("\0 :\x01\x02\xff\n", 7);
   const SlaveTask task({bytes}, 0, bytes, SlaveStatus::success, WatchProcessState_t::none, 0, 0, 0);
-  EXPECT_EQ(textOf(task), "SlaveTask 1 7:" + bytes + " 0 7:" + bytes + " 0 0 0 0 0");
+  EXPECT_EQ(recordText(task), "SlaveTask 1 7:" + bytes + " 0 7:" + bytes + " 0 0 0 0 0");
 }
 
 TEST(SlaveTaskTest, WritesTheSmallestAndTheLargestNumbers) {
   const SlaveTask task({}, INT32_MIN, "", SlaveStatus::error, WatchProcessState_t::none, INT32_MIN,
                        INT32_MAX, INT32_MAX);
-  EXPECT_EQ(textOf(task), "SlaveTask 0 -2147483648 0: 4 0 -2147483648 2147483647 2147483647");
+  EXPECT_EQ(recordText(task), "SlaveTask 0 -2147483648 0: 4 0 -2147483648 2147483647 2147483647");
 }
 
 TEST(SlaveTaskTest, WritesLongAndShortStringsInOrder) {
   const std::string longOne(100000, 'x');
   const SlaveTask task({"a", longOne, "b"}, 7, longOne, SlaveStatus::success,
                        WatchProcessState_t::none, 0, 0, 0);
-  EXPECT_EQ(textOf(task),
+  EXPECT_EQ(recordText(task),
             "SlaveTask 3 1:a 100000:" + longOne + " 1:b 7 100000:" + longOne + " 0 0 0 0 0");
 }
 
@@ -78,7 +75,7 @@ TEST(SlaveTaskTest, KeepsTheFieldsItWasMadeOf) {
 }
 
 TEST(SlaveTaskTest, AReplyWithoutAProxyIsASuccess) {
-  EXPECT_EQ(textOf(SlaveTask("text", nullptr)), "SlaveTask 0 0 4:text 0 0 0 0 0");
+  EXPECT_EQ(recordText(SlaveTask("text", nullptr)), "SlaveTask 0 0 4:text 0 0 0 0 0");
 }
 
 TEST(SlaveTaskTest, AReplyCarriesTheProxysResultStatus) {
@@ -86,7 +83,7 @@ TEST(SlaveTaskTest, AReplyCarriesTheProxysResultStatus) {
   test::FakeDevice::instance().failures["unlink"] = ENOENT;
   SlaveProxyLocal proxy;
   EXPECT_FALSE(proxy.unlink("/nothing"));
-  EXPECT_EQ(textOf(SlaveTask("", &proxy)), "SlaveTask 0 0 0: 1 0 1 2 0");
+  EXPECT_EQ(recordText(SlaveTask("", &proxy)), "SlaveTask 0 0 0: 1 0 1 2 0");
 }
 
 TEST(SlaveTaskTest, AReplyOfTheLongestTextIsKept) {
@@ -97,7 +94,7 @@ TEST(SlaveTaskTest, AReplyOfTheLongestTextIsKept) {
 
 TEST(SlaveTaskTest, AReplyThatIsTooLongBecomesAnEmptyOneThatSaysSo) {
   const SlaveTask task(std::string(kMaxReplyText + 1, 'x'), nullptr);
-  EXPECT_EQ(textOf(task), "SlaveTask 0 0 0: 1 0 1 27 0");
+  EXPECT_EQ(recordText(task), "SlaveTask 0 0 0: 1 0 1 27 0");
 }
 
 TEST(SlaveTaskTest, ARecordIsToldByItsNameAndABlank) {

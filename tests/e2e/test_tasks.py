@@ -86,6 +86,16 @@ class FileTasks:
         self.assert_answer(("access", path, "x1"), SUCCESS)
         self.assert_answer(("access", self.path("missing"), "x1"), failure(ENOENT))
 
+    def test_access_reads_a_sign_before_its_mode(self):
+        path = self.file("plain")
+        os.chmod(path, 0o644)
+        self.assert_answer(("access", path, "+4"), SUCCESS)
+        self.assert_answer(("access", path, "+1"), failure(EACCES))
+        self.assert_answer(("access", path, "-0"), SUCCESS)
+        self.assert_answer(("access", path, "-1"), failure(EINVAL))  # 4294967295: no mode
+        self.assert_answer(("access", path, "-4294967296"), failure(EINVAL))
+        self.assert_answer(("access", path, "1x"), failure(EACCES))
+
     def test_stat_follows_a_link_and_lstat_does_not(self):
         path = self.file("target", b"12345")
         os.symlink(path, self.path("link"))

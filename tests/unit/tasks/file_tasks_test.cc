@@ -56,6 +56,11 @@ INSTANTIATE_TEST_SUITE_P(Modes, AccessModeTest,
                                            Mode{" 4", "4"}, Mode{"\t\n 6", "6"}, Mode{"4x", "4"},
                                            Mode{"4 2", "4"}, Mode{"x4", "0"}, Mode{"", "0"},
                                            Mode{" ", "0"}, Mode{"0x4", "0"}, Mode{"010", "10"},
+                                           Mode{"+4", "4"}, Mode{"-0", "0"}, Mode{"- 4", "0"},
+                                           Mode{"+-4", "0"},
+                                           // A minus sign: the number is subtracted from 2 to the
+                                           // power of 32.
+                                           Mode{"-1", "4294967295"}, Mode{"-4", "4294967292"},
                                            Mode{"4294967295", "4294967295"},
                                            // More than the number can hold: the highest there is,
                                            // which access(2) refuses.

@@ -19,8 +19,13 @@ namespace zell {
 /// Links are followed, and a dangling one gets its target. A regular file is replaced by a new one
 /// with its permission bits and owner, so that whoever reads sees the old or the new content, and
 /// after a failure the old; a missing one is made with 0666 less the umask. What is no regular file
-/// is written to, and so is a file that cannot be replaced (a mount point, a folder that lets no
-/// file be made); a failure in the middle leaves that half written.
+/// is written in place, and so is an existing file that cannot be replaced; a failure in the middle
+/// leaves that half written. A file cannot be replaced where
+///   - its directory cannot be found or opened: ENOENT, EACCES, EPERM, EROFS;
+///   - a link of the kernel's leads to it whose text names no file or another one;
+///   - the temporary file cannot be made: ENOENT, EACCES, EPERM, EROFS;
+///   - the rename answers EBUSY, which means a mount point.
+/// Every other error leaves the file as it was.
 [[nodiscard]] int replaceFile(const std::string& path, std::string_view data);
 
 /// Adds @p data to the end of @p path, on disk before it returns; makes the file (0666 less the

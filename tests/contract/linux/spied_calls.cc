@@ -2,6 +2,7 @@
 #include "contract/linux/spied_calls.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <set>
 
 #include <fcntl.h>
@@ -51,7 +52,8 @@ SpiedCalls::~SpiedCalls() {
 }
 
 int SpiedCalls::note(const std::string& name) {
-  static const std::set<std::string> unrecorded{"close", "read", "fstat", "fstatat", "readlinkat"};
+  static const std::set<std::string> unrecorded{"openat file", "openat folder", "close",     "read",
+                                                "fstat",       "fstatat",       "readlinkat"};
   if (unrecorded.count(name) == 0) {
     calls_.push_back(name);
   }
@@ -82,6 +84,15 @@ using zell::test::forward;
 
 int fsync(int fd) {
   return static_cast<int>(forward(zell::test::fsyncOf(fd), SYS_fsync, fd));
+}
+
+int openat(int folder, const char* name, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  const char* const call = (flags & O_DIRECTORY) != 0 ? "openat folder" : "openat file";
+  return static_cast<int>(forward(call, SYS_openat, folder, name, flags, mode));
 }
 
 ssize_t write(int fd, const void* data, size_t size) {

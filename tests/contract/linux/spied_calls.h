@@ -12,8 +12,9 @@
 namespace zell::test {
 
 /// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown
-/// and fchmod while it lives; the kernel still gets them. These can fail, and so can close, read,
-/// fstat, fstatat and readlinkat. All are replaced in every program that links this.
+/// and fchmod while it lives; the kernel still gets them. These can fail, and so can openat
+/// ("openat file", "openat folder"), close, read, fstat, fstatat and readlinkat. All are replaced
+/// in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();

@@ -174,7 +174,8 @@ TEST_F(WriteTest, RefusesAZeroByteInAPath) {
 // Each call that a replacement is made of fails; the file is as it was, and alone.
 TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
   const std::string path = dir_.write("a", "old");
-  for (const char* call : {"fchown", "fchmod", "write", "fsync file", "close", "renameat"}) {
+  for (const char* call :
+       {"openat file", "fchown", "fchmod", "write", "fsync file", "close", "renameat"}) {
     for (const int error : {EIO, ENOSPC, EDQUOT, EINVAL}) {
       SpiedCalls spy;
       spy.fail(call, error);
@@ -186,6 +187,33 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
 }
 
 // Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
+// Writing in place is for a refused temporary file. A later refusal is a failure.
+TEST_F(WriteTest, LeavesTheFileAloneWhenALaterCallIsRefused) {
+  const std::string path = dir_.write("a", "old");
+  for (const char* call : {"write", "fsync file", "close", "renameat"}) {
+    for (const int error : {EACCES, EPERM, EROFS, ENOENT}) {
+      SpiedCalls spy;
+      spy.fail(call, error);
+      EXPECT_EQ(write(path, "new"), failureWith(error)) << call;
+      EXPECT_EQ(contentOf(path), "old") << call;
+      EXPECT_EQ(namesIn(dir_.path()), Names{"a"}) << call;
+    }
+  }
+}
+
+// EBUSY means a mount point only when the rename says so.
+TEST_F(WriteTest, LeavesTheFileAloneWhenAnEarlierCallIsBusy) {
+  const std::string path = dir_.write("a", "old");
+  for (const char* call : {"openat folder", "readlinkat", "fstatat", "openat file", "fchown",
+                           "fchmod", "write", "fsync file", "close"}) {
+    SpiedCalls spy;
+    spy.fail(call, EBUSY);
+    EXPECT_EQ(write(path, "new"), failureWith(EBUSY)) << call;
+    EXPECT_EQ(contentOf(path), "old") << call;
+    EXPECT_EQ(namesIn(dir_.path()), Names{"a"}) << call;
+  }
+}
+
 TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
   const std::string path = dir_.write("a", "old");
   for (const char* call : {"fstatat", "readlinkat"}) {
@@ -315,6 +343,63 @@ TEST_F(WriteTest, WritesInPlaceWhereTheOwnerCannotBeKept) {
 }
 
 TEST_F(WriteTest, WritesTheKernelsOwnFiles) {
+TEST_F(WriteTest, WritesInPlaceWhereTheTemporaryFileIsRefused) {
+  const std::string path = dir_.write("a", "");
+  const ino_t inode = inodeOf(path);
+  for (const char* call : {"openat file", "fchown", "fchmod"}) {
+    for (const int error : {EACCES, EPERM, EROFS, ENOENT}) {
+      dir_.write("a", "old and long");
+      SpiedCalls spy;
+      spy.fail(call, error);
+      EXPECT_EQ(write(path, "new"), kSuccess) << call << " " << error;
+      EXPECT_EQ(contentOf(path), "new") << call << " " << error;
+      EXPECT_EQ(inodeOf(path), inode) << call << " " << error;
+      EXPECT_EQ(namesIn(dir_.path()), Names{"a"}) << call << " " << error;
+    }
+  }
+}
+
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryCannotBeFound) {
+  const std::string path = dir_.write("a", "");
+  const ino_t inode = inodeOf(path);
+  for (const char* call : {"openat folder", "fstatat"}) {
+    for (const int error : {ENOENT, EACCES, EPERM, EROFS}) {
+      dir_.write("a", "old and long");
+      SpiedCalls spy;
+      spy.fail(call, error);
+      EXPECT_EQ(write(path, "new"), kSuccess) << call << " " << error;
+      EXPECT_EQ(contentOf(path), "new") << call << " " << error;
+      EXPECT_EQ(inodeOf(path), inode) << call << " " << error;
+    }
+  }
+}
+
+// Its files can be found by their names, but it cannot be opened.
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryCanOnlyBeSearched) {
+  const std::string path = dir_.write("a", "old and long");
+  chmod(path.c_str(), 0666);
+  chmod(dir_.path().c_str(), 0333);
+  const ino_t inode = inodeOf(path);
+  EXPECT_EQ(inChild([&] {
+              return setuid(kNobody) == 0 ? write(path, "new") + ", " + write(dir_.file("b"), "new")
+                                          : "still root";
+            }),
+            std::string(kSuccess) + ", " + failureWith(EACCES));
+  EXPECT_EQ(contentOf(path), "new");
+  EXPECT_EQ(inodeOf(path), inode);
+}
+
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryIsGone) {
+  ASSERT_EQ(mkdir(dir_.file("below").c_str(), 0755), 0);
+  const UniqueFd file(open(dir_.write("below/a", "old").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(unlink(dir_.file("below/a").c_str()), 0);
+  ASSERT_EQ(rmdir(dir_.file("below").c_str()), 0);
+  EXPECT_EQ(write("/proc/self/fd/" + std::to_string(file.get()), "new content"), kSuccess);
+  char content[16];
+  EXPECT_EQ(pread(file.get(), content, sizeof content, 0), 11);
+  EXPECT_EQ(namesIn(dir_.path()), Names{});
+}
+
   EXPECT_EQ(write("/proc/sys/kernel/domainname", "runeld-test"), kSuccess);
   EXPECT_EQ(contentOf("/proc/sys/kernel/domainname"), "runeld-test\n");
 }

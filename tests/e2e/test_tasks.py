@@ -13,7 +13,7 @@ from support.logs import DEBUG, ERR, WARNING
 from support.wait import wait_until
 from support.wire import request
 
-ENOENT, ESRCH, E2BIG, ENOEXEC, ECHILD, EACCES, EEXIST = 2, 3, 7, 8, 10, 13, 17
+ENOENT, ESRCH, E2BIG, ENOEXEC, ECHILD, EAGAIN, EACCES, EEXIST = 2, 3, 7, 8, 10, 11, 13, 17
 EXDEV, ENOTDIR, EISDIR, EINVAL, ENXIO, ENAMETOOLONG, EPROTO, ETIMEDOUT = 18, 20, 21, 22, 6, 36, 71, 110
 
 ALL_TASKS = ("access", "append", "blinkleds", "changeleds", "chmodx", "devicetype", "exec",
@@ -622,6 +622,17 @@ class RequestTasks:
 
 class ClientConnectionTest(FileTasks, ProgramTasks, DeviceTasks, RequestTasks, TaskCase):
     """All of it over a connection to port 5111."""
+
+    def test_write_and_append_give_up_on_a_reader_that_takes_nothing(self):
+        path = self.path("pipe")
+        os.mkfifo(path)
+        reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        self.assert_answer(("write", path, b"w" * 1_000_000), failure(EAGAIN))
+        written = os.read(reader, 1_000_000)
+        self.assertEqual(written, b"w" * len(written))
+        self.assert_answer(("append", path, b"a" * 1_000_000), failure(EAGAIN))
+        self.assertEqual(os.read(reader, 1), b"a")
 
 
 class SlaveConnectionTest(FileTasks, ProgramTasks, DeviceTasks, RequestTasks, TaskCase):

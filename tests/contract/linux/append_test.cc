@@ -10,6 +10,7 @@
 #include "base/unique_fd.h"
 #include "contract/linux/mount.h"
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/silent_reader.h"
 #include "contract/linux/spied_calls.h"
 
 namespace zell::test {
@@ -104,6 +105,16 @@ TEST_F(AppendTest, WritesToDevicesAndDoesNotWaitForTheReaderOfAFifo) {
   EXPECT_EQ(append(dir_.file("fifo"), "x"), failureWith(ENXIO));
   EXPECT_EQ(append("/dev/null", "x"), kSuccess);
   EXPECT_EQ(append("/dev/full", "x"), failureWith(ENOSPC));
+}
+
+TEST_F(AppendTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
+  const SilentReader reader = SilentReader::ofFifo(dir_.file("fifo"));
+  expectGivesUp(reader, [&](const std::string& data) { return append(reader.path(), data); });
+}
+
+TEST_F(AppendTest, GivesUpOnTheReaderOfATerminalThatTakesNothing) {
+  const SilentReader reader = SilentReader::ofTerminal();
+  expectGivesUp(reader, [&](const std::string& data) { return append(reader.path(), data); });
 }
 
 TEST_F(AppendTest, FailsWhereItCannotTellHowLongTheFileIs) {

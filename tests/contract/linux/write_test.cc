@@ -17,6 +17,7 @@
 #include "contract/linux/mount.h"
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
+#include "contract/linux/silent_reader.h"
 #include "contract/linux/spied_calls.h"
 
 namespace zell::test {
@@ -186,7 +187,6 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
   }
 }
 
-// Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
 // Writing in place is for a refused temporary file. A later refusal is a failure.
 TEST_F(WriteTest, LeavesTheFileAloneWhenALaterCallIsRefused) {
   const std::string path = dir_.write("a", "old");
@@ -214,6 +214,7 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenAnEarlierCallIsBusy) {
   }
 }
 
+// Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
 TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
   const std::string path = dir_.write("a", "old");
   for (const char* call : {"fstatat", "readlinkat"}) {
@@ -342,7 +343,6 @@ TEST_F(WriteTest, WritesInPlaceWhereTheOwnerCannotBeKept) {
   EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
 }
 
-TEST_F(WriteTest, WritesTheKernelsOwnFiles) {
 TEST_F(WriteTest, WritesInPlaceWhereTheTemporaryFileIsRefused) {
   const std::string path = dir_.write("a", "");
   const ino_t inode = inodeOf(path);
@@ -400,6 +400,7 @@ TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryIsGone) {
   EXPECT_EQ(namesIn(dir_.path()), Names{});
 }
 
+TEST_F(WriteTest, WritesTheKernelsOwnFiles) {
   EXPECT_EQ(write("/proc/sys/kernel/domainname", "runeld-test"), kSuccess);
   EXPECT_EQ(contentOf("/proc/sys/kernel/domainname"), "runeld-test\n");
 }
@@ -498,10 +499,13 @@ TEST_F(WriteTest, WaitsForTheReaderOfAFifoThroughSignals) {
 }
 
 TEST_F(WriteTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
-  const std::string path = dir_.file("fifo");
-  ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
-  const UniqueFd fifo(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  EXPECT_EQ(write(path, std::string(1000000, 'x')), failureWith(EAGAIN));
+  const SilentReader reader = SilentReader::ofFifo(dir_.file("fifo"));
+  expectGivesUp(reader, [&](const std::string& data) { return write(reader.path(), data); });
+}
+
+TEST_F(WriteTest, GivesUpOnTheReaderOfATerminalThatTakesNothing) {
+  const SilentReader reader = SilentReader::ofTerminal();
+  expectGivesUp(reader, [&](const std::string& data) { return write(reader.path(), data); });
 }
 
 TEST_F(WriteTest, TakesAwayWhatAPowerCutLeft) {

@@ -14,17 +14,16 @@ from support.case import SUCCESS, EndToEndCase, failure
 from support.daemon import is_instrumented
 from support.leds import LedCase
 from support.logs import ERR, INFO, WARNING
+from support.sizes import sized
 from support.wait import PATIENCE, wait_until
 from support.wire import frame, request
 
 EBUSY, ENOSPC = 16, 28
 THERE = request("fileexists", "/")
 
-# How many requests the long run makes; a nightly run sets a million.
-REQUESTS = int(os.environ.get("RUNELD_E2E_REQUESTS", "100000"))
-
-# How many connections begin with nonsense; a nightly run sets a hundred thousand.
-STRAYS = int(os.environ.get("RUNELD_E2E_STRAYS", "2000"))
+# The number of requests of the long run, and of connections that begin with nonsense.
+REQUESTS = sized(100_000, 1_000_000)
+STRAYS = sized(2000, 20_000)
 
 
 class FaultCase(EndToEndCase):

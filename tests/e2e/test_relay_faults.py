@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
 """The relay between bad peers: nobody holds the daemon for long, nothing is left behind."""
-import os
 import random
 import threading
 import time
@@ -10,16 +9,17 @@ from support.case import SUCCESS
 from support.daemon import is_instrumented
 from support.logs import ERR, INFO, WARNING
 from support.relay import NEW_AGENT, NO_PEER, NO_QUARANTINE, RelayCase, processor_seconds
+from support.sizes import sized
 from support.wait import PATIENCE, wait_until
 
 MIB = 1 << 20
 
-# How many agents come and go, how many of them while the master swallows packets (a nightly run sets
-# 20), and how large an unfinished clause gets.
-AGENTS = 2000 if is_instrumented() else 10000
-SWALLOWED_AGENTS = int(os.environ.get("RUNELD_E2E_SWALLOWED_AGENTS", "5"))
-CLAUSE_MIB = 64 if is_instrumented() else 1024
-REFUSED_AGENTS = 500
+# The number of agents with the master up, refusing and swallowing packets; the size of an unfinished
+# clause.
+AGENTS = 2000 if is_instrumented() else sized(2000, 10_000)
+REFUSED_AGENTS = sized(150, 500)
+SWALLOWED_AGENTS = sized(3, 20)
+CLAUSE_MIB = 64 if is_instrumented() else sized(128, 1024)
 
 CLAUSE = b"<clause>" + b"x" * 183 + b"</clause>"
 DROPPED = r"drop_socket: dropping update manager agent socket \d+"
@@ -222,7 +222,7 @@ class ManyAgentsTest(RelayCase):
         agent.close()
         self.log.wait_for(DROPPED, since=mark, timeout=2 * PATIENCE)
 
-    def test_500_with_the_master_refusing(self):
+    def test_many_with_the_master_refusing(self):
         daemon = self.daemon("-v", environment=NO_QUARANTINE)
         client = self.client()
         self.assertEqual(client.ask("hostid").fields, SUCCESS)

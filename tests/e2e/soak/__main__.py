@@ -2,6 +2,7 @@
 """Runs a soak in this world and judges it: see scripts/soak, which builds and calls it.
 
     scripts/world --no-log python3 -B -m soak MINUTES [--requests N] [--to FOLDER] [--seed N]
+        [--full MINUTES]
 """
 import argparse
 import asyncio
@@ -19,6 +20,7 @@ from soak.picture import picture, table
 from soak.run import MOST_CONNECTIONS, Run
 from support import world
 from support.daemon import Daemon, is_instrumented, sanitizer_reports
+from support.sizes import sized
 from support.wait import PATIENCE
 
 QUIET = 900  # connections that are there from beginning to end
@@ -177,6 +179,7 @@ async def soak(options, folder):
 def arguments():
     parser = argparse.ArgumentParser(prog="soak")
     parser.add_argument("minutes", type=float)
+    parser.add_argument("--full", type=float, metavar="MINUTES", help="instead, in a long run")
     parser.add_argument("--requests", type=int, default=0, help="go on until so many are answered")
     parser.add_argument("--bulk", type=int, default=4, help="workers that send by the hundred")
     parser.add_argument("--pause", type=float, default=0.5, help="their pause, in seconds; 0: none")
@@ -184,7 +187,10 @@ def arguments():
     parser.add_argument("--every", type=float, default=1.0, help="seconds between two samples")
     parser.add_argument("--to", default="", help="folder for soak.md and soak.svg")
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 32))
-    return parser.parse_args()
+    options = parser.parse_args()
+    if options.full is not None:
+        options.minutes = sized(options.minutes, options.full)
+    return options
 
 
 def main():

@@ -3,10 +3,14 @@
 import time
 
 PATIENCE = 60.0
+LONGEST_PAUSE = 0.05
 
 
 def wait_until(condition, what, timeout=PATIENCE, pause=0.002):
-    """Asks @p condition again and again; its first true answer, or AssertionError after timeout."""
+    """Asks @p condition again and again; its first true answer, or AssertionError after timeout.
+
+    The pauses grow, so that parallel tests do not use the processor up with polling.
+    """
     deadline = time.monotonic() + timeout
     while True:
         answer = condition()
@@ -15,3 +19,4 @@ def wait_until(condition, what, timeout=PATIENCE, pause=0.002):
         if time.monotonic() > deadline:
             raise AssertionError(f"did not happen within {timeout:.0f} s: {what}")
         time.sleep(pause)
+        pause = min(1.5 * pause, LONGEST_PAUSE)

@@ -14,7 +14,7 @@ target_compile_options(runeld_options INTERFACE
 if(RUNELD_SANITIZE)
   target_compile_options(runeld_options INTERFACE
     -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
-    -g1)  # enough for the lines of a report, and a third less to compile
+    -g1)  # enough for the lines of a report
   target_link_options(runeld_options INTERFACE -fsanitize=${RUNELD_SANITIZE})
 endif()
 if(RUNELD_FUZZ)

@@ -62,8 +62,10 @@ class LogCollector:
             with self._changed:
                 if datagram == b"close":
                     return
-                if datagram == b"flush":
+                if datagram in (b"flush", b"forget"):
                     self._flushed += 1
+                    if datagram == b"forget":
+                        self._lines.clear()
                 else:
                     self._lines.append(parse(datagram))
                 self._changed.notify_all()
@@ -75,11 +77,15 @@ class LogCollector:
     @property
     def lines(self):
         """All lines, those included that are on their way: datagrams keep their order."""
+        self._pass_through(b"flush")
+        return self._lines
+
+    def _pass_through(self, marker):
+        """Sends a marker behind all lines so far, and waits until the collector has met it."""
         self._flushes += 1
-        self._send(b"flush")
+        self._send(marker)
         with self._changed:
             assert self._changed.wait_for(lambda: self._flushed >= self._flushes, PATIENCE)
-        return self._lines
 
     def close(self):
         if self._thread.is_alive():
@@ -102,9 +108,8 @@ class LogCollector:
             self._move("/dev/log")
 
     def forget(self):
-        """Lets go of all lines so far, for tests that would fill the memory with them."""
-        with self._changed:
-            self._lines.clear()
+        """Drops exactly the lines that were logged before the call, also those still on their way."""
+        self._pass_through(b"forget")
 
     def mark(self):
         """A place in the log, to be given to `wait_for` as `since`."""

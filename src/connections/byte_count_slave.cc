@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kShownBytes = 60;
 
-std::string shown(const std::string& bytes) {
+std::string shownBytes(const std::string& bytes) {
   return trimOutput(bytes.substr(0, kShownBytes + 1), kShownBytes);
 }
 
@@ -45,7 +45,7 @@ void ByteCountSlave::handleMessage(std::string& packet) {
   codec_->acceptBytes(packet);
   if (!codec_->dataAvailable()) {
     logLine(LOG_DEBUG, "handleMessage: got packet, but it is not a complete message '%s'",
-            shown(packet).c_str());
+            shownBytes(packet).c_str());
     return;
   }
   std::string message;
@@ -57,7 +57,7 @@ void ByteCountSlave::handleMessage(std::string& packet) {
 
 void ByteCountSlave::runMessage(std::string& message) {
   if (!SlaveTask::isA(message)) {
-    logLine(LOG_ERR, "handleMessage: unexpected task '%s'", shown(message).c_str());
+    logLine(LOG_ERR, "handleMessage: unexpected task '%s'", shownBytes(message).c_str());
     return;
   }
   SlaveTask task;

@@ -33,7 +33,7 @@ constexpr char kProtocolVersion[] = "1";
 constexpr int kExecLimit = 300;  // seconds
 constexpr int kNoLimit = 0;
 constexpr std::size_t kHostNameSize = 1024;
-constexpr int kShown = 60;
+constexpr int kCommandShown = 60;
 
 // Writes @p text with one system call; false when not all of it went out.
 bool writeAll(int socket, std::string_view text) {
@@ -92,7 +92,7 @@ int PlainSlave::write(const std::string& text) {
     return -1;
   }
   logLine(LOG_DEBUG, "write: to socket_ = %d, '%s'", socket_,
-          trimOutput(text.substr(0, kShown + 1), kShown).c_str());
+          trimOutput(text.substr(0, kCommandShown + 1), kCommandShown).c_str());
   return static_cast<int>(::write(socket_, text.data(), text.size()));
 }
 

@@ -7,7 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include <sys/types.h>
+
 namespace zell {
+
+/// The permission bits of a file's mode, with the set-id bits and the sticky bit.
+constexpr mode_t kPermissionBits = 07777;
 
 /// Makes @p text the whole content of @p path, read to its end whatever size the file claims. Never
 /// waits for data: what is not there now (a FIFO without a writer) is the end. 0 or an errno value:

@@ -15,15 +15,15 @@ namespace {
 
 // Small enough that the zeros which a string puts under a piece are still in the processor's cache
 // when the piece is read over them.
-constexpr std::size_t kPiece = std::size_t{64} * 1024;
+constexpr std::size_t kReadPiece = std::size_t{64} * 1024;
 
 // Reads the next piece behind @p text. Above 0 there may be more, 0 is the end, below 0 an error.
 ssize_t readPiece(int fd, std::string& text) {
   const std::size_t before = text.size();
-  text.resize(before + kPiece);
+  text.resize(before + kReadPiece);
   ssize_t length = 0;
   do {
-    length = read(fd, text.data() + before, kPiece);
+    length = read(fd, text.data() + before, kReadPiece);
   } while (length < 0 && errno == EINTR);
   const int saved = errno;
   text.resize(before + static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
@@ -66,7 +66,7 @@ int readWholeFile(const std::string& path, std::size_t limit, std::string& text)
     return EFBIG;
   }
   text.clear();
-  text.reserve(size + kPiece);  // room for the read that finds the end
+  text.reserve(size + kReadPiece);  // room for the read that finds the end
   return readToEnd(file.get(), !S_ISREG(st.st_mode), limit, text);
 }
 

@@ -26,12 +26,12 @@
 namespace zell {
 namespace {
 
-constexpr mode_t kPermissions = 07777;
 constexpr mode_t kExecuteForAll = S_IXUSR | S_IXGRP | S_IXOTH;
 
 int addExecutePermission(const char* path) {
   struct stat st {};
-  return ::stat(path, &st) == 0 ? ::chmod(path, (st.st_mode & kPermissions) | kExecuteForAll) : -1;
+  return ::stat(path, &st) == 0 ? ::chmod(path, (st.st_mode & kPermissionBits) | kExecuteForAll)
+                                : -1;
 }
 
 }  // namespace

@@ -16,7 +16,6 @@ namespace zell {
 namespace {
 
 constexpr int kTries = 8;
-constexpr mode_t kPermissions = 07777;
 
 // A name of fixed length, so that one of 255 bytes can be replaced too. It depends on @p target
 // alone: what a power cut leaves behind is taken away by the next replacement of the same file.
@@ -69,7 +68,7 @@ int TemporaryFile::make(const struct stat* old) {
   }
   // The owner first: a change of owner takes the set-id bits away.
   if (fchown(file_.get(), old->st_uid, old->st_gid) != 0 ||
-      fchmod(file_.get(), old->st_mode & kPermissions) != 0) {
+      fchmod(file_.get(), old->st_mode & kPermissionBits) != 0) {
     return errno;
   }
   return 0;

@@ -12,6 +12,7 @@
 
 #include <zell/slave_task.h>
 
+#include "zell/linux/file_io.h"
 #include "zell/linux/folder_names.h"
 #include "zell/linux/paths.h"
 
@@ -19,7 +20,6 @@ namespace zell {
 namespace {
 
 constexpr std::size_t kOpenLevels = 30;
-constexpr mode_t kPermissions = 07777;
 
 char typeLetter(mode_t mode) {
   switch (mode & S_IFMT) {
@@ -50,7 +50,7 @@ void addNumber(std::string& out, Number number) {
 
 void addPermissions(std::string& out, mode_t mode) {
   for (unsigned shift = 12; shift > 0; shift -= 3) {
-    out += static_cast<char>('0' + ((mode & kPermissions) >> (shift - 3) & 7U));
+    out += static_cast<char>('0' + ((mode & kPermissionBits) >> (shift - 3) & 7U));
   }
   out += ' ';
 }

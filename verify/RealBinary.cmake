@@ -19,6 +19,7 @@ function(runeld_verify name timeout)
     WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}")
   set_tests_properties(verify_${name} PROPERTIES
     TIMEOUT ${timeout}
+    COST 45
     LABELS verify
     ENVIRONMENT "RUNELD_BIN=$<TARGET_FILE:runeld>;VERIFY_LIBRARIES=${CMAKE_BINARY_DIR}/verify;PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/e2e:${CMAKE_CURRENT_SOURCE_DIR}$<$<BOOL:${RUNELD_COVERAGE}>:;VERIFY_COVERAGE=1>")
 endfunction()

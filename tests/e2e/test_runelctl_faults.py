@@ -161,14 +161,18 @@ class CutAnywhere(Faults):
 
     def test_every_command_ends_with_one_line_and_nothing_half_done(self):
         self.daemon()
-        met = {0: 0, 255: 0}
+        met, whole = {0: 0, 255: 0}, set()
         for place in self.PLACES:
-            for words in self.commands():
+            for number, words in enumerate(self.commands()):
+                if number in whole:  # its answers end before this place, too
+                    continue
                 result = self.ctl("-d", self.cut_behind(place), *words)
                 told = (words, place, result)
                 self.assertIn(result.status, met, told)
                 self.assertEqual(len(result.errors), 1 if result.status else 0, told)
                 met[result.status] += 1
+                if result.status == 0:
+                    whole.add(number)
                 if place == 0:
                     self.assertEqual(result.status, 255, told)
                 left = [path for path in self.names() if path.startswith(self.path("here/"))

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Files and trees to a device and from it, whole or not at all."""
+import functools
 import os
 import random
 import signal
@@ -15,6 +16,7 @@ WHEN = 1_600_000_000_123_456_789
 ODD_NAMES = [b"new\nline", b"\x1b[31mred", b"\xff\xfe", b"quo'te\"s", b"-dash", b"back\\slash", b" "]
 
 
+@functools.lru_cache(8)
 def noise(size, seed=1):
     return random.Random(seed).randbytes(size)
 
@@ -193,17 +195,17 @@ class Push(Transfers):
 
     def test_a_broken_transfer_goes_on_where_it_stopped(self):
         self.serve()
-        content = noise(30 * MIB)
+        content = noise(20 * MIB)
         big = self.file("big", content)
         self.file("device/big", b"old")
-        between = Between(self, 20 * MIB)
+        between = Between(self, 12 * MIB)
         self.fails(("-d", between.where, "push", big, self.on_device("big")), 255,
                    "the device closed the connection|reset by peer|Broken pipe")
         self.assertEqual(self.content("device/big"), b"old")
         wait_until(no_client_left, "the daemon has read all that came")
         self.assertEqual(len(self.leftovers()), 1)
         result = self.succeed("--json", "push", big, self.on_device("big"))
-        self.assertEqual(result.objects[-1]["resumed_at"] + result.objects[-1]["bytes"], 30 * MIB)
+        self.assertEqual(result.objects[-1]["resumed_at"] + result.objects[-1]["bytes"], 20 * MIB)
         self.assertGreaterEqual(result.objects[-1]["resumed_at"], 8 * MIB)
         self.assertEqual(self.content("device/big"), content)
         self.assertEqual(self.leftovers(), [])
@@ -226,11 +228,11 @@ class Push(Transfers):
     def test_what_is_left_of_another_file_is_not_taken_up(self):
         self.serve()
         for again in ("--resume", "--no-resume"):
-            between = Between(self, 20 * MIB)
-            self.ctl("-d", between.where, "push", self.file("big", noise(30 * MIB)),
+            between = Between(self, 12 * MIB)
+            self.ctl("-d", between.where, "push", self.file("big", noise(20 * MIB)),
                      self.on_device("big"))
             self.assertEqual(len(self.leftovers()), 1)
-            other = noise(30 * MIB, 2)
+            other = noise(20 * MIB, 2)
             result = self.succeed("--json", "push", again, self.file("big", other),
                                   self.on_device("big"))
             self.assertNotIn("resumed_at", result.objects[-1])
@@ -238,8 +240,8 @@ class Push(Transfers):
 
     def test_without_resuming_nothing_is_left(self):
         self.serve()
-        between = Between(self, 20 * MIB)
-        self.fails(("-d", between.where, "push", "--no-resume", self.file("big", noise(30 * MIB)),
+        between = Between(self, 12 * MIB)
+        self.fails(("-d", between.where, "push", "--no-resume", self.file("big", noise(20 * MIB)),
                     self.on_device("big")), 255, "big|closed|reset|Broken")
         self.assertEqual(os.listdir(self.there), [])
 
@@ -267,8 +269,8 @@ class Push(Transfers):
 
     def test_a_file_that_changes_meanwhile_does_not_arrive(self):
         self.serve()
-        for size, change in ((30 * MIB, lambda path: os.truncate(path, MIB)),
-                             (30 * MIB, lambda path: os.utime(path, ns=(WHEN, WHEN)))):
+        for size, change in ((20 * MIB, lambda path: os.truncate(path, MIB)),
+                             (20 * MIB, lambda path: os.utime(path, ns=(WHEN, WHEN)))):
             self.file("device/big", b"old")
             big = self.file("big", noise(size))
             between = Between(self, 5 * MIB, lambda: (change(big), True)[1])
@@ -350,11 +352,11 @@ class Push(Transfers):
     def test_an_interrupt_leaves_no_half_target(self):
         self.serve()
         self.file("device/big", b"old")
-        big = self.file("big", noise(30 * MIB))
-        self.assertEqual(self.interrupted(20 * MIB, "push", big, self.on_device("big")), 130)
+        big = self.file("big", noise(20 * MIB))
+        self.assertEqual(self.interrupted(12 * MIB, "push", big, self.on_device("big")), 130)
         self.assertEqual(self.content("device/big"), b"old")
         self.succeed("push", big, self.on_device("big"))
-        self.assertEqual((self.content("device/big"), self.leftovers()), (noise(30 * MIB), []))
+        self.assertEqual((self.content("device/big"), self.leftovers()), (noise(20 * MIB), []))
 
     def test_an_interrupt_takes_the_hidden_folder_away(self):
         self.serve()
@@ -414,15 +416,15 @@ class Sync(Transfers):
     def test_a_broken_one_is_taken_up_unless_told_otherwise(self):
         self.serve()
         os.mkdir(self.path("here"))
-        self.file("here/big", noise(30 * MIB))
+        self.file("here/big", noise(20 * MIB))
         for flag, kept in (("--resume", True), ("--no-resume", False)):
-            between = Between(self, 20 * MIB)
+            between = Between(self, 12 * MIB)
             words = ("sync", flag, self.path("here"), self.on_device("copy"))
             self.fails(("-d", between.where, *words), 255, "closed|reset|Broken|big")
             wait_until(no_client_left, "the daemon has read all that came")
             self.assertEqual(len(self.leftovers()), int(kept))
             self.assertEqual("resumed_at" in self.succeed("--json", *words).objects[-1], kept)
-            self.assertEqual(self.content("device/copy/big"), noise(30 * MIB))
+            self.assertEqual(self.content("device/copy/big"), noise(20 * MIB))
             os.remove(self.on_device("copy/big"))
 
     def test_a_link_to_the_folder_is_as_good(self):
@@ -479,11 +481,11 @@ class Pull(Transfers):
 
     def test_a_broken_transfer_goes_on_where_it_stopped(self):
         self.serve()
-        content = noise(30 * MIB)
+        content = noise(20 * MIB)
         there = self.file("device/big", content)
         for flag, expected in (("--resume", True), ("--no-resume", False)):
             self.file("big", b"old")
-            between = Between(self, 20 * MIB, back=True)
+            between = Between(self, 12 * MIB, back=True)
             self.fails(("-d", between.where, "pull", flag, there, self.path("big")), 255, "closed|reset|Broken")
             self.assertEqual(self.content("big"), b"old")
             self.assertEqual(len(self.leftovers(self.folder)), int(expected))
@@ -494,11 +496,11 @@ class Pull(Transfers):
 
     def test_what_is_left_of_another_file_is_not_taken_up(self):
         self.serve()
-        between = Between(self, 20 * MIB, back=True)
-        self.ctl("-d", between.where, "pull", self.file("device/big", noise(30 * MIB)),
+        between = Between(self, 12 * MIB, back=True)
+        self.ctl("-d", between.where, "pull", self.file("device/big", noise(20 * MIB)),
                  self.path("big"))
         self.assertEqual(len(self.leftovers(self.folder)), 1)
-        other = noise(25 * MIB, 2)
+        other = noise(16 * MIB, 2)
         result = self.succeed("--json", "pull", self.file("device/big", other), self.path("big"))
         self.assertNotIn("resumed_at", result.objects[-1])
         self.assertEqual(self.content("big"), other)
@@ -516,7 +518,7 @@ class Pull(Transfers):
         self.serve()
         for change in (lambda path: os.truncate(path, MIB),
                        lambda path: os.utime(path, ns=(WHEN, WHEN))):
-            there = self.file("device/big", noise(30 * MIB))
+            there = self.file("device/big", noise(20 * MIB))
             self.file("big", b"old")
             between = Between(self, MIB, lambda: (change(there), True)[1], back=True)
             self.fails(("-d", between.where, "pull", there, self.path("big")), 1,
@@ -525,7 +527,7 @@ class Pull(Transfers):
 
     def test_an_interrupt_leaves_no_half_target(self):
         self.serve()
-        there = self.file("device/big", noise(30 * MIB))
+        there = self.file("device/big", noise(20 * MIB))
         met, held = threading.Event(), threading.Event()
         between = Between(self, 5 * MIB, lambda: (met.set(), held.wait(PATIENCE), False)[2], back=True)
         process = self.start("-d", between.where, "pull", there, self.path("big"))

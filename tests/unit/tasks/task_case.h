@@ -34,11 +34,16 @@ class CleanDevice {
 
 class TaskCase : public ::testing::Test, protected CleanDevice {
  protected:
-  /// The reply's record, or "none".
-  std::string run(const std::vector<std::string>& args, int execParam = 0) {
+  /// The reply, or null.
+  std::unique_ptr<SlaveTask> answerTo(const std::vector<std::string>& args, int execParam = 0) {
     const SlaveTask task(args, execParam, "", SlaveStatus::success, WatchProcessState_t::none, 0, 0,
                          0);
-    const std::unique_ptr<SlaveTask> answer(slave.dispatchTask(task));
+    return std::unique_ptr<SlaveTask>(slave.dispatchTask(task));
+  }
+
+  /// The reply's record, or "none".
+  std::string run(const std::vector<std::string>& args, int execParam = 0) {
+    const std::unique_ptr<SlaveTask> answer = answerTo(args, execParam);
     if (answer == nullptr) {
       return "none";
     }

@@ -431,9 +431,11 @@ class CostTest(RelayCase):
 
     def test_a_clause_of_16_mib_costs_at_most_20_times_one_of_1_mib(self):
         daemon, agent, bridge = self.bridged()
-        small = self.time_for(agent, bridge, daemon, 16, MIB) / 16
-        large = self.time_for(agent, bridge, daemon, 1, 16 * MIB)
-        self.assertLessEqual(large, 20 * small)
+        small, large = [], []
+        for _ in range(5):  # other work on the machine only adds to a time: the least is the daemon's
+            small.append(self.time_for(agent, bridge, daemon, 16, MIB) / 16)
+            large.append(self.time_for(agent, bridge, daemon, 1, 16 * MIB))
+        self.assertLessEqual(min(large), 20 * min(small))
         self.assert_stops(daemon)
 
     def test_a_backlog_of_small_clauses_costs_no_more_for_each_when_it_is_larger(self):

@@ -191,6 +191,21 @@ class MastersNameTest(EndToEndCase):
         self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
         self.assert_stops(daemon)
 
+    def test_a_record_that_does_not_fit_the_lookup_buffer_fails_on_every_pass(self):
+        master = self.master("127.0.0.3")
+        aliases = " ".join(f"alias-{number}" for number in range(200))
+        self.write("/etc/hosts", f"127.0.0.3 the-master {aliases}\n")
+        daemon = self.daemon("-i", "the-master")
+        after_start = self.log.lines.index(self.log.find("listening on port 5111")) + 1
+        wait_until(lambda: self.log.count("cannot resolve host 'the-master'") >= 4, "four attempts")
+        failed = [(ERR, "resolve_master: cannot resolve name, the-master, -1 Resolver internal error"),
+                  (ERR, "cannot resolve host 'the-master'")]
+        self.assertEqual(self.log.shown(after_start)[:8], failed * 4)
+        self.assertTrue(master.nobody_waits())
+        self.write("/etc/hosts", "127.0.0.3 the-master alias-0\n")
+        self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        self.assert_stops(daemon)
+
     def test_a_name_service_that_does_not_answer_is_logged_with_its_error(self):
         with open("/etc/resolv.conf", encoding="utf-8") as file:
             self.addCleanup(self.write, "/etc/resolv.conf", file.read())

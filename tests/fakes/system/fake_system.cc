@@ -29,6 +29,20 @@ void record(const std::string& call) {
   fake().calls.push_back(call);
 }
 
+// Fills @p found with the test's addresses; null without any.
+hostent* foundRecord(hostent* found) {
+  static std::vector<char*> list;
+  list.clear();
+  for (in_addr& address : fake().lookupAddresses) {
+    list.push_back(reinterpret_cast<char*>(&address));
+  }
+  list.push_back(nullptr);
+  found->h_addrtype = AF_INET;
+  found->h_length = sizeof(in_addr);
+  found->h_addr_list = list.data();
+  return fake().lookupAddresses.empty() ? nullptr : found;
+}
+
 }  // namespace
 
 int reboot(int command) {
@@ -96,8 +110,9 @@ int gethostbyname_r(const char* name, hostent* record_, char* work, std::size_t 
   if (!fake().fakeLookup) {
     return ::gethostbyname_r(name, record_, work, size, result, error);
   }
+  fake().lookupSizes.push_back(size);
   *error = fake().lookupError;
-  *result = nullptr;
+  *result = foundRecord(record_);
   return fake().lookupResult;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 namespace zell::test {
@@ -47,12 +48,14 @@ struct FakeSystem {
   /// Signal 0 asks whether a process lives; the ones in here do. Other signals always succeed.
   std::vector<pid_t> living;
 
-  /// Name lookups are real unless this is set: then the answer of gethostbyname_r, with h_errno in
-  /// `lookupError`. 0 with `lookupNull` is a success without a record.
+  /// Name lookups are real unless this is set. gethostbyname_r then answers `lookupResult`, sets
+  /// h_errno to `lookupError` and gives a record of `lookupAddresses`, or no record without any.
   bool fakeLookup = false;
   int lookupResult = 0;
   int lookupError = 0;
-  bool lookupNull = false;
+  std::vector<in_addr> lookupAddresses;
+  /// The size of the work buffer of each lookup that the fake answered.
+  std::vector<std::size_t> lookupSizes;
 };
 
 }  // namespace zell::test

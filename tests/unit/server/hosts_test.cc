@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connecting to hosts, and what hosts that do not answer may cost.
 #include <chrono>
+#include <utility>
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -57,6 +58,18 @@ TEST_F(ServerHosts, AreConnectedWithKeepaliveBeforeTheHandlerIsCalled) {
   EXPECT_THAT(lines(),
               ElementsAre("INFO (PID) established connection to 127.0.0.1, port 6012, socket " +
                           std::to_string(fd)));
+}
+
+TEST_F(ServerHosts, AreDialledAtTheFirstOfTheirAddressesOnly) {
+  const UniqueFd second = listenOn(kMasterPort);
+  sys.fakeLookup = true;
+  sys.lookupAddresses = {in_addr{htonl(INADDR_LOOPBACK + 1)}, in_addr{htonl(INADDR_LOOPBACK)}};
+  server_.add_host("two", kMasterPort);
+  server_.connect_hosts();
+  EXPECT_EQ(server_.hostSocket(0), -1) << "the second address was dialled";
+  std::swap(sys.lookupAddresses[0], sys.lookupAddresses[1]);
+  server_.connect_hosts();
+  EXPECT_GT(server_.hostSocket(0), 0);
 }
 
 TEST_F(ServerHosts, LeaveNoTimeLimitOnTheSocket) {

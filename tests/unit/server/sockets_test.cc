@@ -93,6 +93,26 @@ TEST_F(ServerSockets, ResolveWithoutARecordFails) {
                                    "hep is null?"));
 }
 
+TEST_F(ServerSockets, ResolveToTheFirstOfSeveralAddresses) {
+  sys.fakeLookup = true;
+  sys.lookupAddresses = {loopback(1).sin_addr, in_addr{htonl(0x0a010203)}};
+  sockaddr_in address{};
+  EXPECT_EQ(server_.resolve_master(Host{"two", 5112, -1}, &address), 0);
+  EXPECT_STREQ(inet_ntoa(address.sin_addr), "127.0.0.1");
+}
+
+// ERANGE is not retried with a larger buffer.
+TEST_F(ServerSockets, ResolveOnceWithABufferOf1024Bytes) {
+  sys.fakeLookup = true;
+  sys.lookupResult = ERANGE;
+  sys.lookupError = NETDB_INTERNAL;
+  sockaddr_in address{};
+  EXPECT_EQ(server_.resolve_master(Host{"long", 5112, -1}, &address), 1);
+  EXPECT_THAT(sys.lookupSizes, ElementsAre(1024U));
+  EXPECT_THAT(lines(), ElementsAre("ERR (PID) resolve_master: cannot resolve name, long, -1 "
+                                   "Resolver internal error"));
+}
+
 // Keepalive.
 
 TEST_F(ServerSockets, HaveASilentPeerProbed) {

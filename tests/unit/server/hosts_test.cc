@@ -60,6 +60,21 @@ TEST_F(ServerHosts, AreConnectedWithKeepaliveBeforeTheHandlerIsCalled) {
                           std::to_string(fd)));
 }
 
+TEST_F(ServerHosts, HaveKeepaliveBeforeTheConnectionIsLogged) {
+  const UniqueFd master = listenOn(kMasterPort);
+  server_.add_host("127.0.0.1", kMasterPort);
+  std::vector<int> options;
+  log.onEntry = [&](const LogEntry& line) {
+    const int fd = lastNumber(line.text);
+    options = {optionOf(fd, SOL_SOCKET, SO_KEEPALIVE), optionOf(fd, IPPROTO_TCP, TCP_KEEPIDLE),
+               optionOf(fd, IPPROTO_TCP, TCP_KEEPINTVL), optionOf(fd, IPPROTO_TCP, TCP_KEEPCNT)};
+  };
+  server_.connect_hosts();
+  log.onEntry = nullptr;
+  EXPECT_THAT(options, ElementsAre(1, 10, 10, 5));
+  EXPECT_EQ(log.entries().size(), 1U);
+}
+
 TEST_F(ServerHosts, AreDialledAtTheFirstOfTheirAddressesOnly) {
   const UniqueFd second = listenOn(kMasterPort);
   sys.fakeLookup = true;

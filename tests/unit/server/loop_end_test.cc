@@ -179,6 +179,22 @@ TEST_F(HostLoop, ClosesEverythingInOrder) {
   EXPECT_EQ(server_.m_ports.size(), 2U);
 }
 
+TEST_F(HostLoop, LogsEachClosingBeforeTheDescriptorIsClosed) {
+  const TempDir directory;
+  const Fifo device(directory, "device");
+  server_.add_device(device.path());
+  server_.add_port(kPort, false, true);
+  UniqueFd client;
+  server_.onStarted = [&] { client = connectTo(kPort); };
+  std::vector<bool> open;
+  server_.onShutdown = [&] {
+    log.onEntry = [&](const LogEntry& line) { open.push_back(isOpen(lastNumber(line.text))); };
+  };
+  server_.runUntil([&] { return !server_.m_connections.empty(); });
+  log.onEntry = nullptr;
+  EXPECT_THAT(open, ElementsAre(true, true, true, true)) << "data, listening, device, host";
+}
+
 TEST_F(HostLoop, ClosesEverythingWhenAnExceptionPasses) {
   server_.add_port(kPort, false, true);
   UniqueFd client;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <syslog.h>
 
@@ -41,6 +42,30 @@ TEST_F(ServerLoop, AcceptsAConnection) {
                       " from 127.0.0.1, new socket " + std::to_string(record.handle)),
             1);
   EXPECT_EQ(server_.count("incoming " + std::to_string(record.handle)), 1);
+}
+
+TEST_F(ServerLoop, SetsKeepaliveAfterTheAcceptedConnectionIsLogged) {
+  server_.add_port(kPort, false, true);
+  UniqueFd client;
+  const auto options = [](int fd) {
+    return std::vector<bool>{optionOf(fd, SOL_SOCKET, SO_KEEPALIVE) == 1,
+                             optionOf(fd, IPPROTO_TCP, TCP_KEEPIDLE) == 10,
+                             optionOf(fd, IPPROTO_TCP, TCP_KEEPINTVL) == 10,
+                             optionOf(fd, IPPROTO_TCP, TCP_KEEPCNT) == 5};
+  };
+  std::vector<bool> logged;
+  std::vector<bool> handled;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    log.onEntry = [&](const LogEntry& line) { logged = options(lastNumber(line.text)); };
+  };
+  server_.onIncoming = [&](int fd) {
+    log.onEntry = nullptr;
+    handled = options(fd);
+  };
+  server_.runUntil([&] { return !handled.empty(); });
+  EXPECT_THAT(logged, ElementsAre(false, false, false, false));
+  EXPECT_THAT(handled, ElementsAre(true, true, true, true));
 }
 
 TEST_F(ServerLoop, AcceptsOneConnectionOfAPortInAPass) {

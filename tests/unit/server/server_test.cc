@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include <fcntl.h>
 #include <syslog.h>
 
 #include "server/server_base.h"
@@ -20,6 +21,14 @@ std::string levelName(int priority) {
 }
 
 }  // namespace
+
+int lastNumber(const std::string& line) {
+  return std::stoi(line.substr(line.find_last_not_of("0123456789") + 1));
+}
+
+bool isOpen(int fd) {
+  return fcntl(fd, F_GETFD) != -1;
+}
 
 ServerTest::ServerTest() {
   for (const int number : kTouchedSignals) {

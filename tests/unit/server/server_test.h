@@ -20,6 +20,11 @@ constexpr int kPort = 6001;
 constexpr int kOtherPort = 6002;
 constexpr int kMasterPort = 6012;
 
+/// The number at the end of @p line: in most lines, a descriptor.
+int lastNumber(const std::string& line);
+/// Whether @p fd is an open descriptor.
+bool isOpen(int fd);
+
 /// Puts the class-wide flags, the signals and the fake system back, collects the log, and fails the
 /// test that leaves a descriptor open or loses one.
 class ServerTest : public ::testing::Test {

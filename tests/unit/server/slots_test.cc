@@ -36,6 +36,16 @@ TEST_F(BaseSlots, DropAKnownSocket) {
   EXPECT_THAT(lines(), ElementsAre("INFO (PID) dropping connection: " + std::to_string(fd)));
 }
 
+TEST_F(BaseSlots, LogADropBeforeTheSocketIsClosed) {
+  const int fd = enterConnection(server_);
+  bool open = false;
+  log.onEntry = [&](const LogEntry& /*line*/) { open = isOpen(fd); };
+  server_.drop_socket(fd);
+  log.onEntry = nullptr;
+  EXPECT_TRUE(open);
+  EXPECT_FALSE(isOpen(fd));
+}
+
 TEST_F(BaseSlots, ShowTheTableWhenASocketToDropIsUnknown) {
   server_.m_connections[7] = Connection{6001, false, true, 5, 7, "10.0.0.1"};
   server_.m_connections[3] = Connection{6002, true, false, 3, 3, ""};
@@ -58,6 +68,18 @@ TEST_F(BaseSlots, DropAKnownHostConnection) {
   EXPECT_EQ(server_.hostSocket(1), -1);
   EXPECT_THAT(lines(),
               ElementsAre("INFO (PID) closing connection second, socket " + std::to_string(fd)));
+}
+
+TEST_F(BaseSlots, LogTheDropOfAHostConnectionBeforeTheSocketIsClosed) {
+  server_.add_host("host", 1);
+  const int fd = dup(STDERR_FILENO);
+  server_.m_hosts.back().socket = fd;
+  bool open = false;
+  log.onEntry = [&](const LogEntry& /*line*/) { open = isOpen(fd); };
+  server_.drop_host_connection(fd);
+  log.onEntry = nullptr;
+  EXPECT_TRUE(open);
+  EXPECT_FALSE(isOpen(fd));
 }
 
 TEST_F(BaseSlots, ShowTheHostsWhenAHostConnectionToDropIsUnknown) {

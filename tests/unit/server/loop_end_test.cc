@@ -195,6 +195,44 @@ TEST_F(HostLoop, LogsEachClosingBeforeTheDescriptorIsClosed) {
   EXPECT_THAT(open, ElementsAre(true, true, true, true)) << "data, listening, device, host";
 }
 
+TEST_F(HostLoop, ClosesUdpPortsWithoutAListenerBeforeDevicesAndHosts) {
+  const TempDir directory;
+  const Fifo device(directory, "device");
+  server_.add_device(device.path());
+  server_.add_port(kPort, true, true);
+  server_.add_port(kOtherPort, true, true);
+  std::vector<std::string> expected;
+  server_.onShutdown = [&] {
+    EXPECT_THAT(server_.m_listeners, IsEmpty());
+    ASSERT_EQ(server_.inbound().size(), 2U);
+    const auto number = [](int fd) { return std::to_string(fd); };
+    expected = {"INFO (PID) closing data socket " + number(server_.inbound()[0]),
+                "INFO (PID) closing data socket " + number(server_.inbound()[1]),
+                "INFO (PID) closing device " + device.path() + ", fd " +
+                    number(server_.m_device_fds.at(device.path())),
+                "INFO (PID) closing host 127.0.0.1, socket " + number(server_.hostSocket(0))};
+    (void)lines();
+  };
+  server_.runPasses(1);
+  EXPECT_THAT(log.controls(), ElementsAre("closelog"));
+  EXPECT_THAT(lines(), ElementsAreArray(expected));
+  EXPECT_THAT(server_.m_connections, IsEmpty());
+  EXPECT_THAT(server_.m_hosts, IsEmpty());
+}
+
+TEST_F(ServerLoop, ClosesUdpPortsWhenAnExceptionPasses) {
+  server_.add_port(kPort, true, true);
+  std::vector<int> udp;
+  server_.onLoop = [&] {
+    udp = server_.inbound();
+    throw std::runtime_error("from a handler");
+  };
+  EXPECT_THROW(server_.runPasses(3), std::runtime_error);
+  ASSERT_EQ(udp.size(), 1U);
+  EXPECT_FALSE(isOpen(udp[0]));
+  EXPECT_THAT(server_.m_connections, IsEmpty());
+}
+
 TEST_F(HostLoop, ClosesEverythingWhenAnExceptionPasses) {
   server_.add_port(kPort, false, true);
   UniqueFd client;

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // When descriptors run out, or their numbers grow past what select() can hold.
+#include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "unit/server/failing_accept.h"
 #include "unit/server/loop_fixture.h"
 
 namespace zell::test {
@@ -45,6 +47,42 @@ TEST_F(ServerLoop, TakesASurplusConnectionWithTheReserveAndClosesIt) {
   EXPECT_THAT(server_.m_connections, IsEmpty());
   EXPECT_TRUE(isClosedByPeer(clients[0]));
   EXPECT_TRUE(isClosedByPeer(clients[1]));
+}
+
+TEST_F(ServerLoop, UsesTheReserveWhenTheSystemIsOutOfDescriptors) {
+  server_.add_port(kPort, false, true);
+  UniqueFd client;
+  std::unique_ptr<FailingAccept> accepting;
+  std::vector<std::size_t> open;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    EXPECT_TRUE(becomesReadable(listener(kPort)));
+    (void)lines();
+    accepting = std::make_unique<FailingAccept>(ENFILE);
+    accepting->before = [&] { open.push_back(openDescriptors().size()); };
+  };
+  server_.runUntil([&] { return server_.count("timeout") == 1; });
+  ASSERT_EQ(open.size(), 2U);
+  EXPECT_EQ(open[1], open[0] - 1) << "the reserve was not given up before the second attempt";
+  EXPECT_EQ(lines().front(),
+            "ERR (PID) unable to accept incoming connection, accept: "
+            "Too many open files in system");
+  EXPECT_EQ(server_.events(), (std::vector<std::string>{"startup", "started", "shutdown"}));
+  EXPECT_TRUE(isClosedByPeer(client));
+}
+
+TEST_F(ServerLoop, KeepsTheReserveWhenAcceptFailsForAnotherReason) {
+  server_.add_port(kPort, false, true);
+  UniqueFd client;
+  std::unique_ptr<FailingAccept> accepting;
+  server_.onStarted = [&] {
+    client = connectTo(kPort);
+    EXPECT_TRUE(becomesReadable(listener(kPort)));
+    accepting = std::make_unique<FailingAccept>(ENOBUFS);
+  };
+  server_.runUntil([&] { return server_.count("timeout") == 1; });
+  EXPECT_EQ(log.countContaining("unable to accept"), 1);
+  EXPECT_EQ(log.countContaining("accepted connection"), 1) << "the waiting connection was lost";
 }
 
 TEST_F(ServerLoop, AcceptsAgainWhenDescriptorsAreBack) {

@@ -11,6 +11,7 @@ from support.case import SUCCESS, EndToEndCase
 from support.daemon import BINARY, sanitizer_options
 from support.logs import CRIT, DEBUG, ERR, INFO, WARNING
 from support.peers import AGENT_PORT
+from support.world import PID_FILE
 
 # The socket options in the order in which they are listed after a failure.
 OPTIONS = ("SO_ACCEPTCONN", "SO_BROADCAST", "SO_BSDCOMPAT", "SO_DEBUG", "SO_ERROR", "SO_DONTROUTE",
@@ -152,6 +153,39 @@ class AddressInUseTest(EndToEndCase):
         with open(self.path("trace"), encoding="latin-1") as trace:
             self.assertRegex(trace.readline(), r"SO_REUSEADDR, \[1\], 4\) = .* \(INJECTED\)")
         os.kill(lines[first].pid, signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+
+
+class ResolverTest(EndToEndCase):
+    """The daemon prepares name lookups before it does anything else."""
+
+    def start(self, error, **options):
+        """A daemon whose first open of /etc/resolv.conf fails with @p error."""
+        return self.daemon(detect_leaks=False, wrapper=(
+            "strace", "-f", "-qq", "-o", self.path("trace"), "--trace=openat",
+            "--trace-path=/etc/resolv.conf", f"--inject=openat:error={error}:when=1"), **options)
+
+    def assert_injected(self, error):
+        with open(self.path("trace"), encoding="latin-1") as trace:
+            self.assertRegex(trace.readline(), rf'"/etc/resolv.conf".* = -1 {error} .*\(INJECTED\)')
+
+    def test_the_daemon_does_not_start_when_the_resolver_gets_no_memory(self):
+        for background in (False, True):
+            with self.subTest(background=background):
+                mark = self.log.mark()
+                daemon = self.start("ENOMEM", background=background, wait=False)
+                self.assertEqual(daemon.process.wait(60), 1)
+                self.assert_injected("ENOMEM")
+                self.assertEqual(self.log.shown(mark),
+                                 [(ERR, "cannot prepare name lookups: Cannot allocate memory")])
+                self.assertFalse(os.path.exists(PID_FILE))
+
+    def test_the_daemon_starts_when_the_resolver_fails_for_another_reason(self):
+        daemon = self.start("EIO")
+        self.assert_injected("EIO")
+        self.assertEqual(self.log.count("cannot prepare .*"), 0)
+        self.assertEqual(self.client().ask("fileexists", "/etc/hosts").fields, SUCCESS)
+        os.kill(self.log.find("listening on port 5111").pid, signal.SIGTERM)
         self.assertEqual(daemon.wait(), 0)
 
 

@@ -67,7 +67,7 @@ class EndToEndCase(unittest.TestCase):
         while True:
             filler = socket.socket()
             self.addCleanup(filler.close)
-            filler.settimeout(0.3)
+            filler.settimeout(1.0)
             try:
                 filler.connect(("127.0.0.1", MASTER_PORT))
             except TimeoutError:

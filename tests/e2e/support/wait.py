@@ -2,7 +2,7 @@
 """Waiting for a condition with a deadline. The deadline only guards against a hang."""
 import time
 
-PATIENCE = 60.0
+PATIENCE = 180.0
 LONGEST_PAUSE = 0.05
 
 

@@ -63,11 +63,6 @@ class SlaveProxy {
   virtual bool writeFile(const std::string& path, const std::ostringstream& data) = 0;
   /// Adds to the end of @p path all of @p data or nothing, durably, before it returns.
   virtual bool appendFile(const std::string& path, const std::ostringstream& data) = 0;
-  /// The same three without a stream, which would hold a copy of its own of a large file. @p
-  /// content is left alone on failure.
-  virtual bool readFile(const std::string& path, std::string& content) = 0;
-  virtual bool writeFile(const std::string& path, std::string_view data) = 0;
-  virtual bool appendFile(const std::string& path, std::string_view data) = 0;
   /// Whether a process called @p name runs: its comm, its argv[0] or that one's last component.
   virtual bool processRunning(const std::string& name) = 0;
   /// Writes out what is cached and reboots. Returns only when that failed, or before it happened.
@@ -79,6 +74,14 @@ class SlaveProxy {
   virtual bool freeBlocks(const std::string& path, std::uint64_t& blocks) = 0;
   /// Switches the two LEDs on (true) or off and ends a running blink.
   virtual bool changeLeds(bool first, bool second) = 0;
+
+  // The slots above keep their places in the table: new operations are added at its end.
+
+  /// `readFile`, `writeFile` and `appendFile` without a stream, which would hold a second copy of a
+  /// large file. @p content is left alone on failure.
+  virtual bool readFile(const std::string& path, std::string& content) = 0;
+  virtual bool writeFile(const std::string& path, std::string_view data) = 0;
+  virtual bool appendFile(const std::string& path, std::string_view data) = 0;
 
   /// Runs @p argv without a shell. @p execParam is in seconds: above 0 waits that long at most, 0
   /// waits without limit, below 0 leaves the program running and returns at once. Blocks the whole

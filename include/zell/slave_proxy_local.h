@@ -33,14 +33,14 @@ class SlaveProxyLocal : public SlaveProxy {
   bool readFile(const std::string& path, std::istringstream& content) override;
   bool writeFile(const std::string& path, const std::ostringstream& data) override;
   bool appendFile(const std::string& path, const std::ostringstream& data) override;
-  bool readFile(const std::string& path, std::string& content) override;
-  bool writeFile(const std::string& path, std::string_view data) override;
-  bool appendFile(const std::string& path, std::string_view data) override;
   bool processRunning(const std::string& name) override;
   bool reboot() override;
   FileTreeWalker* walkTree(const std::string& path) override;
   bool freeBlocks(const std::string& path, std::uint64_t& blocks) override;
   bool changeLeds(bool first, bool second) override;
+  bool readFile(const std::string& path, std::string& content) override;
+  bool writeFile(const std::string& path, std::string_view data) override;
+  bool appendFile(const std::string& path, std::string_view data) override;
 
  private:
   std::unique_ptr<FileTreeWalker> tree_;

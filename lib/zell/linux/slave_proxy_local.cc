@@ -124,23 +124,6 @@ bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstre
   return appendFile(path, viewOf(data));
 }
 
-bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
-  std::string text;
-  const int error = readWholeFile(path, kMaxReplyText, text);
-  if (error == 0) {
-    content = std::move(text);
-  }
-  return finish(error);
-}
-
-bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
-  return finish(replaceFile(path, data));
-}
-
-bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
-  return finish(appendToFile(path, data));
-}
-
 bool SlaveProxyLocal::processRunning(const std::string& name) {
   return finish(findProcess(name));
 }
@@ -172,6 +155,23 @@ bool SlaveProxyLocal::freeBlocks(const std::string& path, std::uint64_t& blocks)
 bool SlaveProxyLocal::changeLeds(bool first, bool second) {
   endBlink();
   return finish(driveLeds(first, second));
+}
+
+bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
+  std::string text;
+  const int error = readWholeFile(path, kMaxReplyText, text);
+  if (error == 0) {
+    content = std::move(text);
+  }
+  return finish(error);
+}
+
+bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
+  return finish(replaceFile(path, data));
+}
+
+bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
+  return finish(appendToFile(path, data));
 }
 
 }  // namespace zell

@@ -165,33 +165,6 @@ bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstre
   return appendFile(path, data.str());
 }
 
-bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
-  programs().record("readFile " + path);
-  const int error = errorOn("readFile", path);
-  if (error == 0) {
-    content = device().files[path];
-  }
-  return finish(error);
-}
-
-bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
-  programs().record("writeFile " + path + " " + std::string(data));
-  const int error = ProgramRunner::errorOf("writeFile");
-  if (error == 0) {
-    device().files[path] = data;
-  }
-  return finish(error);
-}
-
-bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
-  programs().record("appendFile " + path + " " + std::string(data));
-  const int error = ProgramRunner::errorOf("appendFile");
-  if (error == 0) {
-    device().files[path] += data;
-  }
-  return finish(error);
-}
-
 bool SlaveProxyLocal::processRunning(const std::string& name) {
   programs().record("processRunning " + name);
   const auto& names = device().processes;
@@ -226,6 +199,33 @@ bool SlaveProxyLocal::changeLeds(bool first, bool second) {
   endBlink();
   const int error = ProgramRunner::errorOf("changeLeds");
   return finish(error != 0 ? error : driveLeds(first, second));
+}
+
+bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {
+  programs().record("readFile " + path);
+  const int error = errorOn("readFile", path);
+  if (error == 0) {
+    content = device().files[path];
+  }
+  return finish(error);
+}
+
+bool SlaveProxyLocal::writeFile(const std::string& path, std::string_view data) {
+  programs().record("writeFile " + path + " " + std::string(data));
+  const int error = ProgramRunner::errorOf("writeFile");
+  if (error == 0) {
+    device().files[path] = data;
+  }
+  return finish(error);
+}
+
+bool SlaveProxyLocal::appendFile(const std::string& path, std::string_view data) {
+  programs().record("appendFile " + path + " " + std::string(data));
+  const int error = ProgramRunner::errorOf("appendFile");
+  if (error == 0) {
+    device().files[path] += data;
+  }
+  return finish(error);
 }
 
 }  // namespace zell

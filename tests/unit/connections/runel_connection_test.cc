@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 
 #include "fakes/zell/fake_zell.h"
 #include "support/log_capture.h"
+#include "support/slots.h"
 
 namespace zell {
 namespace {
@@ -19,6 +21,7 @@ namespace {
 using test::FakeProxy;
 using test::LogCapture;
 using test::LogEntry;
+using test::slotOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -32,6 +35,13 @@ TEST(RunelConnectionTest, KeepsItsSocketAndProtocol) {
   const RunelConnection connection(7, RunelConnection::kXml);
   EXPECT_EQ(connection.socket(), 7);
   EXPECT_EQ(connection.protocol(), 3);
+}
+
+TEST(RunelConnectionTest, HasItsVirtualOperationsInTheirOrder) {
+  const std::vector<int> slots{slotOf(&RunelConnection::inputPending),
+                               slotOf(&RunelConnection::handleMessage),
+                               slotOf(&RunelConnection::stopRequested)};
+  EXPECT_EQ(slots, test::slotsBehindDestructors(slots.size()));
 }
 
 TEST(RunelConnectionTest, NumbersTheProtocols) {

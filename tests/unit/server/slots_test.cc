@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the framework does where a subclass overrides nothing.
+// The framework's virtual operations: their order, and what they do where nothing overrides them.
 #include <type_traits>
+#include <vector>
 
 #include <unistd.h>
 
+#include "support/slots.h"
 #include "unit/server/peers.h"
 #include "unit/server/recording_server.h"
 #include "unit/server/server_test.h"
@@ -22,6 +24,27 @@ int enterConnection(OpenServer& server, bool read = true) {
   const int fd = dup(STDERR_FILENO);
   server.m_connections[fd] = Connection{kPort, false, read, 99, fd, "10.0.0.1"};
   return fd;
+}
+
+// A subclass that was compiled separately relies on it.
+TEST(ServerBaseSlots, StandInTheirOrder) {
+  const std::vector<int> slots{
+      slotOf(&ServerBase::drop_socket),
+      slotOf(&ServerBase::drop_host_connection),
+      slotOf(&ServerBase::handle_startup),
+      slotOf(&ServerBase::handle_started),
+      slotOf(&ServerBase::handle_listen_failure),
+      slotOf<void(int, char*, size_t, int)>(&ServerBase::handle_data_read),
+      slotOf<bool(int, int)>(&ServerBase::handle_data_read),
+      slotOf(&ServerBase::handle_select),
+      slotOf(&ServerBase::handle_timeout),
+      slotOf(&ServerBase::handle_device),
+      slotOf(&ServerBase::handle_incoming_connection),
+      slotOf(&ServerBase::handle_outgoing_connection),
+      slotOf(&ServerBase::handle_loop),
+      slotOf(&ServerBase::handle_shutdown),
+  };
+  EXPECT_EQ(slots, slotsBehindDestructors(slots.size()));
 }
 
 class BaseSlots : public ServerTest {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "agent/hosts_file.h"
+// The device's hosts file, which tells the local programs where the master is.
+#include "agent/runel.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +19,9 @@
 namespace zell {
 namespace {
 
+// The name under which the programs on the device know the master.
+constexpr char kMasterAlias[] = "update-master";
+
 constexpr mode_t kFillingMode = 0600;  // the old file may be no more than its owner's to read
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
@@ -26,14 +30,6 @@ struct CloseStream {
   void operator()(std::FILE* stream) const { (void)std::fclose(stream); }
 };
 using Stream = std::unique_ptr<std::FILE, CloseStream>;
-
-void logError(const std::string& what, const std::string& path) {
-  logLine(LOG_ERR, "%s%s,%m", what.c_str(), path.c_str());
-}
-
-void logWarning(const std::string& what, const std::string& path) {
-  logLine(LOG_WARNING, "%s%s", what.c_str(), path.c_str());
-}
 
 // A stream over @p fd; null with errno set when either cannot be had.
 Stream openStream(UniqueFd fd, const char* mode) {
@@ -119,15 +115,17 @@ Copy writeHosts(std::FILE* in, std::FILE* out, const std::string& address) {
   return copy;
 }
 
-void putInPlace(const std::string& beside, const std::string& path) {
-  if (rename(beside.c_str(), path.c_str()) != 0) {
-    logError("setEtcHosts: cannot rename " + beside + " to ", path);
-  }
-}
-
 }  // namespace
 
-void setEtcHosts(const std::string& path, const std::string& address) {
+void Runel::logError(const std::string& a, const std::string& b) {
+  logLine(LOG_ERR, "%s%s,%m", a.c_str(), b.c_str());
+}
+
+void Runel::logWarning(const std::string& a, const std::string& b) {
+  logLine(LOG_WARNING, "%s%s", a.c_str(), b.c_str());
+}
+
+void Runel::setEtcHosts(const std::string& path, const std::string& address) {
   const std::string beside = path + ".new";
   const Stream in = openInput(path);
   if (in == nullptr) {
@@ -146,8 +144,8 @@ void setEtcHosts(const std::string& path, const std::string& address) {
     logError("setEtcHosts: error reading ", path);
   } else if (!copy.good) {
     logError("setEtcHosts: error writing ", beside);
-  } else {
-    putInPlace(beside, path);
+  } else if (rename(beside.c_str(), path.c_str()) != 0) {
+    logError("setEtcHosts: cannot rename " + beside + " to ", path);
   }
   (void)unlink(beside.c_str());  // nothing is there after a successful rename
 }

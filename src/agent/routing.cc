@@ -14,7 +14,6 @@
 #include <zell/string_helpers.h>
 
 #include "agent/busy.h"
-#include "agent/hosts_file.h"
 #include "agent/ports.h"
 #include "base/log.h"
 #include "connections/byte_count_slave.h"

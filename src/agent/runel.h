@@ -46,12 +46,30 @@ class Runel : public ServerBase {
   /// The address of the inbound connection on @p socket. Valid until the connection is dropped.
   const std::string& getConnectionAddress(int socket);
 
+  /// Makes the master's alias name @p address (a dotted quad) in the hosts file @p path: drops
+  /// every line in which a blank stands before the alias, keeps all others, adds one line. A
+  /// missing file is made. The new content is written to @p path + ".new", synced and renamed, so
+  /// that the file is always the old or the new one. Only root can read the new file until it is
+  /// complete; then it gets the mode and the owner of the old one (0644 for a missing one). Every
+  /// failure is logged and leaves the file as it was.
+  void setEtcHosts(const std::string& path, const std::string& address);
+  /// Logs @p a and @p b, without a blank between them, with a comma and the text of errno.
+  void logError(const std::string& a, const std::string& b);
+  /// Logs @p a and @p b as a warning, without a blank between them.
+  void logWarning(const std::string& a, const std::string& b);
+
+  // A test holds the order of these members.
+  std::string address_;
+  int spare_ = -1;  // reserved: read nowhere, it keeps the members behind it in their places
+  int verbose_;
+  int daemon_;
   // A replaced agent's entry stays, with null for its handler. Only forgetHandler() erases one.
   std::map<int, std::unique_ptr<RunelConnection>> handlers_;
   // The roles; each is also in handlers_, which owns it.
   ByteCountSlave* slave_ = nullptr;
   XmlSlave* bridge_ = nullptr;
   XmlSlave* agent_ = nullptr;
+  int retries_ = 0;  // listen failures so far
 
  private:
   class Busy;
@@ -77,12 +95,6 @@ class Runel : public ServerBase {
   void orphanAgent();
   void linkRelays();
   void unlinkRelays();
-
-  std::string address_;
-  int spare_ = -1;
-  int verbose_;
-  int daemon_;
-  int retries_ = 0;  // listen failures so far
 
   // Handlers that were dropped while one of them was at work: it may be the one that is being
   // called. They are deleted when the call is over.

@@ -54,12 +54,17 @@ class Peer {
 /// The agent server, with its tables open.
 class TestRunel : public Runel {
  public:
+  using Runel::address_;
   using Runel::agent_;
   using Runel::bridge_;
+  using Runel::daemon_;
   using Runel::getConnectionAddress;
   using Runel::handlers_;
+  using Runel::retries_;
   using Runel::Runel;
   using Runel::slave_;
+  using Runel::spare_;
+  using Runel::verbose_;
   using ServerBase::m_connections;
   using ServerBase::m_hosts;
   using ServerBase::m_name;

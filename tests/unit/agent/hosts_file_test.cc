@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "agent/hosts_file.h"
+// The rewrite of the hosts file, and the two lines that tell of its failures.
+#include "agent/runel.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -32,6 +33,14 @@ std::function<void()> g_onWrite;  // called with each line that is written
 
 const std::string kEntry = "10.1.2.3 update-master\n";
 
+class HostsServer : public Runel {
+ public:
+  HostsServer() : Runel("127.0.0.1", false, 0) {}
+  using Runel::logError;
+  using Runel::logWarning;
+  using Runel::setEtcHosts;
+};
+
 class HostsFileTest : public ::testing::Test {
  protected:
   ~HostsFileTest() override {
@@ -40,7 +49,7 @@ class HostsFileTest : public ::testing::Test {
   }
 
   void write(const std::string& content) { (void)folder.write("hosts", content); }
-  void rewrite() { setEtcHosts(path, "10.1.2.3"); }
+  void rewrite() { server.setEtcHosts(path, "10.1.2.3"); }
   // The content after a rewrite that went well.
   std::string rewritten(const std::string& content) {
     write(content);
@@ -63,11 +72,25 @@ class HostsFileTest : public ::testing::Test {
   }
   static mode_t modeOf(const std::string& name) { return statOf(name).st_mode; }
 
+  HostsServer server;
   TempDir folder;
   std::string path = folder.file("hosts");
   std::string beside = folder.file("hosts.new");
   LogCapture log;
 };
+
+TEST_F(HostsFileTest, LogsAnErrorWithTheTextOfErrno) {
+  errno = ENOSPC;
+  server.logError("100 %s of ", "a%n");
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, "(PID) 100 %s of a%n,No space left on device"}));
+}
+
+TEST_F(HostsFileTest, LogsAWarningWithoutTheTextOfErrno) {
+  errno = ENOSPC;
+  server.logWarning("100 %s of ", "a%n");
+  EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_WARNING, "(PID) 100 %s of a%n"}));
+}
 
 TEST_F(HostsFileTest, AddsTheEntryBehindAllOthers) {
   EXPECT_EQ(rewritten("127.0.0.1 localhost\n10.0.0.9 printer\n"),
@@ -295,7 +318,7 @@ TEST_F(HostsFileTest, GivesUpWhenAFolderIsInThePlaceOfTheNewFile) {
 
 TEST_F(HostsFileTest, LogsBothWhenNeitherFileCanBeOpened) {
   const std::string missing = folder.file("none/hosts");
-  setEtcHosts(missing, "10.1.2.3");
+  server.setEtcHosts(missing, "10.1.2.3");
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + missing},
                           LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " + missing +

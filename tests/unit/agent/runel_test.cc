@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,46 @@ TEST_F(RunelTest, IsConstructedForItsPortAndItsMaster) {
   EXPECT_EQ(server.m_timeout.tv_sec, 0);
   EXPECT_EQ(server.m_timeout.tv_usec, 100000);
   EXPECT_THAT(log.entries(), IsEmpty());
+}
+
+// The place of a member in its object.
+struct Place {
+  const char* begin;
+  std::size_t size;
+  std::size_t alignment;
+
+  // Where a member begins that follows this one at once.
+  [[nodiscard]] const char* next(std::size_t alignmentOfNext) const {
+    const auto end = reinterpret_cast<std::uintptr_t>(begin) + size;
+    return begin + size + (alignmentOfNext - end % alignmentOfNext) % alignmentOfNext;
+  }
+};
+
+template <typename Member>
+Place placeOf(const Member& member) {
+  return {reinterpret_cast<const char*>(&member), sizeof(Member), alignof(Member)};
+}
+
+TEST_F(RunelTest, HasItsMembersInTheirOrderWithoutAGap) {
+  const TestRunel server("192.0.2.1", false, 0);
+  const std::vector<Place> places{
+      placeOf(server.address_), placeOf(server.spare_),    placeOf(server.verbose_),
+      placeOf(server.daemon_),  placeOf(server.handlers_), placeOf(server.slave_),
+      placeOf(server.bridge_),  placeOf(server.agent_),    placeOf(server.retries_)};
+  for (std::size_t i = 1; i < places.size(); ++i) {
+    EXPECT_EQ(static_cast<const void*>(places[i].begin),
+              static_cast<const void*>(places[i - 1].next(places[i].alignment)))
+        << i;
+  }
+}
+
+TEST_F(RunelTest, KeepsWhatItIsConstructedWith) {
+  const TestRunel server("192.0.2.1", true, 2);
+  EXPECT_EQ(server.address_, "192.0.2.1");
+  EXPECT_EQ(server.spare_, -1);
+  EXPECT_EQ(server.verbose_, 2);
+  EXPECT_EQ(server.daemon_, 1);
+  EXPECT_EQ(server.retries_, 0);
 }
 
 TEST_F(RunelTest, BeginsWithoutHandlersAndRoles) {

@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The thirteen workloads, and the memory of large transfers. Each answers rows of the table."""
+"""The fourteen workloads, and the memory of large transfers. Each answers rows of the table."""
 import statistics
 import subprocess
 import time
 
+import forgotten
 import scale
 import servers
 from measuring import Bench, Row, exponent, row
@@ -15,9 +16,9 @@ CLIENT = {"port": servers.LISTEN_PORT}
 CPU, PEAK = "processor time", "peak memory / payload"
 
 
-def record(*arguments):
+def record(*arguments, exec_param=0):
     fields = b"".join(b" %d:%s" % (len(argument), argument) for argument in arguments)
-    text = b"SlaveTask %d%s 0 0: 0 0 0 0 0" % (len(arguments), fields)
+    text = b"SlaveTask %d%s %d 0: 0 0 0 0 0" % (len(arguments), fields, exec_param)
     return b"\x01%d\x02%s" % (len(text), text)
 
 
@@ -302,6 +303,12 @@ def life(bench: Bench):
             value("13", "idle", "resident, MiB", idle, "resident", 8, lambda size: size / MIB)]
 
 
+def forgotten_programs(bench: Bench):
+    start = record(b"exec", b"/bin/sleep", b"1000", exec_param=-1)
+    return forgotten.beside_forgotten_programs(bench, start, record(b"fileexists", b"/etc/hosts"),
+                                               bench.amount(300, 10))
+
+
 def memory(bench: Bench):
     """What large files need while they pass, and what is not given back."""
     rows = []
@@ -329,4 +336,5 @@ def many_devices(bench: Bench):
 WORKLOADS = {"W1": one_at_a_time, "W2": pipelined, "W3": fifty_connections,
              "W4": beside_idle_ones, "W5": write_64, "W6": read_64, "W7": write_256,
              "W8": programs, "W9": large_frames, "W10": one_clause, "W11": clause_stream,
-             "W12": folders, "W13": life, "MEMORY": memory, "SCALE": many_devices}
+             "W12": folders, "W13": life, "W14": forgotten_programs,
+             "MEMORY": memory, "SCALE": many_devices}

@@ -34,7 +34,8 @@ class LedControl {
 
   /// The regular work of the library, to be called a few times a second: sets the LEDs when their
   /// next phase is due (late phases are left out, not made up for), and reaps programs that nobody
-  /// asks about any more. Changes no proxy's result status and never throws.
+  /// asks about any more, within a second of their end. Changes no proxy's result status and never
+  /// throws.
   void poll();
 
  private:

@@ -9,6 +9,15 @@
 #include <csignal>
 
 namespace zell::sys {
+namespace {
+
+std::chrono::nanoseconds timeOf(clockid_t clock) {
+  timespec now{};
+  (void)clock_gettime(clock, &now);  // cannot fail with a valid clock and address
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+}  // namespace
 
 int reboot(int command) {
   return ::reboot(command);
@@ -53,9 +62,11 @@ int gethostbyname_r(const char* name, hostent* record, char* work, std::size_t s
 }
 
 std::chrono::nanoseconds monotonicTime() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with a valid clock and address
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  return timeOf(CLOCK_MONOTONIC);
+}
+
+std::chrono::nanoseconds monotonicTickTime() {
+  return timeOf(CLOCK_MONOTONIC_COARSE);
 }
 
 }  // namespace zell::sys

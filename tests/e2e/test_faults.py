@@ -5,6 +5,7 @@ import os
 import random
 import resource
 import select
+import signal
 import socket
 import time
 import unittest
@@ -329,6 +330,34 @@ class ProgramTest(FaultCase):
         wait_until(lambda: not daemon.zombies(), "all are reaped")
         self.assert_descriptors_as_at_start(daemon)
         self.assert_stops(daemon)
+
+    def test_forgotten_programs_are_asked_about_twice_a_second_by_however_many_passes(self):
+        daemon = self.daemon(detect_leaks=False, wrapper=(
+            "strace", "-qq", "-o", self.path("trace"), "--trace=wait4,waitid"))
+        started = self.leave_behind_sleeping(20)
+        clients = [self.assert_serves() for _ in range(20)]
+        begin, before = time.monotonic(), self.content("trace").count(b"wait")
+        for client in clients * 5:
+            self.assert_serves(client)
+        elapsed, asked = time.monotonic() - begin, self.content("trace").count(b"wait") - before
+        self.assertLessEqual(asked, 2 * elapsed + 2)
+        for program in started:
+            os.kill(program, signal.SIGKILL)
+        wait_until(lambda: not any(os.path.exists(f"/proc/{program}") for program in started),
+                   "all are reaped")
+        os.kill(self.log.wait_for("listening on port 5111").pid, signal.SIGTERM)
+        self.assertEqual(daemon.wait(), 0)
+
+    def leave_behind_sleeping(self, count):
+        """Programs that run on when their connection has gone. Their numbers."""
+        client = self.client()
+        script = f"echo $$ >>{self.path('started')}; exec sleep 1000"
+        for _ in range(count):
+            client.ask("exec", "/bin/sh", "-c", script, exec_param=-1)
+        client.close()
+        wait_until(lambda: os.path.exists(self.path("started")) and
+                   self.content("started").count(b"\n") == count, "all run")
+        return [int(number) for number in self.content("started").split()]
 
 
 class LedOwnerTest(LedCase, FaultCase):

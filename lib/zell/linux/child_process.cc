@@ -2,20 +2,30 @@
 #include "zell/linux/child_process.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/system.h"
 #include "zell/linux/spawn_settings.h"
 
 namespace zell {
 namespace {
 
-std::list<pid_t>& forgotten() {
-  static std::list<pid_t> pids;
-  return pids;
+// Half of the second that an ended program may stay unreaped: the loop's own pace comes on top.
+constexpr std::chrono::milliseconds kReapInterval(500);
+
+struct Forgotten {
+  std::list<pid_t> pids;
+  std::chrono::nanoseconds due{0};  // monotonic time of the next look at them
+};
+
+Forgotten& forgotten() {
+  static Forgotten programs;
+  return programs;
 }
 
 // A process that inherited SIGCHLD as ignored would never learn how its programs ended.
@@ -47,6 +57,13 @@ pid_t waitFor(pid_t pid, int* status, int options) {
     result = waitpid(pid, status, options);
   } while (result < 0 && errno == EINTR);
   return result;
+}
+
+// Whether a child, forgotten or not, has ended and is still to be reaped, or none is left at all.
+bool someChildHasEnded() {
+  siginfo_t info{};
+  const int result = waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
+  return result != 0 || info.si_pid != 0;
 }
 
 }  // namespace
@@ -88,12 +105,23 @@ std::optional<int> ChildProcess::reap() {
 }
 
 void ChildProcess::forget() noexcept {
-  forgotten().splice(forgotten().end(), pid_);
+  forgotten().pids.splice(forgotten().pids.end(), pid_);
 }
 
 void ChildProcess::reapForgotten() noexcept {
-  // 0 is the answer while it runs; an error means that there is nothing to reap any more.
-  forgotten().remove_if([](pid_t pid) { return waitFor(pid, nullptr, WNOHANG) != 0; });
+  Forgotten& programs = forgotten();
+  if (programs.pids.empty()) {
+    return;
+  }
+  const std::chrono::nanoseconds now = sys::monotonicTickTime();
+  if (now < programs.due) {
+    return;
+  }
+  programs.due = now + kReapInterval;
+  if (someChildHasEnded()) {
+    // 0 is the answer while it runs; an error means that there is nothing to reap any more.
+    programs.pids.remove_if([](pid_t pid) { return waitFor(pid, nullptr, WNOHANG) != 0; });
+  }
 }
 
 }  // namespace zell

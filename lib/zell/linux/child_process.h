@@ -40,7 +40,8 @@ class ChildProcess {
   /// Lets the program run on unwatched, if one is held. `reapForgotten` sees to its end.
   void forget() noexcept;
 
-  /// Reaps the forgotten programs that have ended. Never blocks.
+  /// Reaps the forgotten programs that have ended. Asks the kernel at most twice a second, however
+  /// often it is called: with many connections that is thousands of times. Never blocks.
   static void reapForgotten() noexcept;
 
  private:

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Programs that are left running: how they are stopped, waited for, and forgotten.
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -12,9 +14,14 @@
 #include <zell/led_control.h>
 
 #include "contract/linux/proxy_test.h"
+#include "contract/linux/spied_calls.h"
+#include "fakes/system/fake_system.h"
 
 namespace zell::test {
 namespace {
+
+using std::chrono::milliseconds;
+using Names = std::vector<std::string>;
 
 const char* const kRunning = "2 1 0 0 0";
 
@@ -36,6 +43,24 @@ class BackgroundProgramsTest : public ProxyTest {
 
   static bool endsUnreaped(int pid) {
     return becomesTrue([&] { return stateOf(pid) == "Z"; });
+  }
+
+  /// The regular work of a pass of the loop @p time later.
+  static void workAfter(milliseconds time) {
+    FakeSystem::instance().now += time;
+    LedControl::instance().poll();
+  }
+
+  /// What the regular work asks the kernel @p time later.
+  static Names askedAfter(milliseconds time) {
+    const SpiedCalls spy;
+    workAfter(time);
+    return spy.calls();
+  }
+
+  static void end(int pid) {
+    ::kill(pid, SIGKILL);
+    EXPECT_TRUE(endsUnreaped(pid));
   }
 
   int started_ = 0;
@@ -142,7 +167,7 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramStarts) {
   EXPECT_FALSE(proxy_.kill());
   EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
   EXPECT_TRUE(lives(pid));
-  ::kill(pid, SIGKILL);
+  end(pid);
 }
 
 TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramFailsToStart) {
@@ -151,7 +176,7 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramFailsToStart) {
   EXPECT_FALSE(proxy_.wait());
   EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
   EXPECT_TRUE(lives(pid));
-  ::kill(pid, SIGKILL);
+  end(pid);
 }
 
 TEST_F(BackgroundProgramsTest, RunOnWhenTheirProxyGoes) {
@@ -159,7 +184,7 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheirProxyGoes) {
   const int pid = start(*proxy, "ready; exec sleep 1000");
   proxy.reset();
   EXPECT_TRUE(lives(pid));
-  ::kill(pid, SIGKILL);
+  end(pid);
 }
 
 TEST_F(BackgroundProgramsTest, AreReapedByTheRegularWorkOnceForgotten) {
@@ -170,19 +195,65 @@ TEST_F(BackgroundProgramsTest, AreReapedByTheRegularWorkOnceForgotten) {
   (void)shell("true");
   EXPECT_TRUE(endsUnreaped(ended));
   errno = EINTR;  // what an earlier call left behind
-  LedControl::instance().poll();
+  workAfter(milliseconds(500));
   EXPECT_EQ(stateOf(ended), "");
   EXPECT_TRUE(lives(running));
-  ::kill(running, SIGKILL);
-  EXPECT_TRUE(endsUnreaped(running));
-  LedControl::instance().poll();
+  end(running);
+  workAfter(milliseconds(500));
   EXPECT_EQ(stateOf(running), "");
+}
+
+TEST_F(BackgroundProgramsTest, AreAskedAboutTwiceASecondOnceForgotten) {
+  const int pid = start("ready; exec sleep 1000");
+  (void)shell("true");
+  workAfter(milliseconds(500));
+  EXPECT_EQ(askedAfter(milliseconds(0)), Names{});
+  EXPECT_EQ(askedAfter(milliseconds(499)), Names{});
+  EXPECT_EQ(askedAfter(milliseconds(1)), Names{"waitid"});
+  EXPECT_EQ(askedAfter(milliseconds(0)), Names{});
+  end(pid);
+  EXPECT_EQ(askedAfter(milliseconds(499)), Names{});
+  EXPECT_EQ(askedAfter(milliseconds(1)), (Names{"waitid", "waitpid"}));
+  EXPECT_EQ(askedAfter(std::chrono::hours(1)), Names{});  // none is left
+}
+
+TEST_F(BackgroundProgramsTest, AreAskedAboutAllAtOnceWhileNoneHasEnded) {
+  std::vector<int> pids;
+  for (int i = 0; i < 20; ++i) {
+    pids.push_back(start("ready; exec sleep 1000"));
+  }
+  (void)shell("true");
+  workAfter(milliseconds(500));
+  EXPECT_EQ(askedAfter(milliseconds(500)), Names{"waitid"});
+  for (const int pid : pids) {
+    end(pid);
+  }
+  workAfter(milliseconds(500));
+  for (const int pid : pids) {
+    EXPECT_EQ(stateOf(pid), "");
+  }
+}
+
+// However the passes of a loop of ten a second lie.
+TEST_F(BackgroundProgramsTest, AreReapedWithinASecondOfTheirEndOnceForgotten) {
+  for (int before = 0; before < 6; ++before) {
+    const int pid = start("ready; exec sleep 1000");
+    (void)shell("true");
+    for (int pass = 0; pass <= before; ++pass) {
+      workAfter(milliseconds(100));
+    }
+    end(pid);
+    for (int pass = 0; pass < 9; ++pass) {
+      workAfter(milliseconds(100));
+    }
+    EXPECT_EQ(stateOf(pid), "") << before;
+  }
 }
 
 TEST_F(BackgroundProgramsTest, AreLeftToWaitByTheRegularWorkUntilForgotten) {
   const int pid = start("ready; exit 7");
   EXPECT_TRUE(endsUnreaped(pid));
-  LedControl::instance().poll();
+  workAfter(milliseconds(500));
   EXPECT_FALSE(proxy_.wait());
   EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
 }
@@ -190,14 +261,13 @@ TEST_F(BackgroundProgramsTest, AreLeftToWaitByTheRegularWorkUntilForgotten) {
 TEST_F(BackgroundProgramsTest, AreNotTakenForAForgottenOneOfTheSameNumber) {
   const int first = start("ready; exec sleep 1000");
   (void)shell("true");  // forgets it
-  ::kill(first, SIGKILL);
-  EXPECT_TRUE(endsUnreaped(first));
-  LedControl::instance().poll();
+  end(first);
+  workAfter(milliseconds(500));
 
   std::ofstream("/proc/sys/kernel/ns_last_pid") << first - 1 << std::flush;
   ASSERT_EQ(proxy_.system("exit 7", -1), 0);
   ASSERT_TRUE(endsUnreaped(first)) << "the number was not given out again";
-  LedControl::instance().poll();
+  workAfter(milliseconds(500));
   EXPECT_FALSE(proxy_.wait());
   EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
 }
@@ -208,7 +278,7 @@ TEST_F(BackgroundProgramsTest, DoNotDisturbChildrenOfOthers) {
     _exit(9);
   }
   EXPECT_TRUE(endsUnreaped(stranger));
-  LedControl::instance().poll();
+  workAfter(milliseconds(500));
   int status = 0;
   EXPECT_EQ(waitpid(stranger, &status, 0), stranger);
   EXPECT_EQ(WEXITSTATUS(status), 9);

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace zell::test {
@@ -129,6 +130,14 @@ int fchown(int fd, uid_t user, gid_t group) noexcept {
 
 int fchmod(int fd, mode_t mode) noexcept {
   return static_cast<int>(forward("fchmod", SYS_fchmod, fd, mode));
+}
+
+pid_t waitpid(pid_t pid, int* status, int options) {
+  return static_cast<pid_t>(forward("waitpid", SYS_wait4, pid, status, options, nullptr));
+}
+
+int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
+  return static_cast<int>(forward("waitid", SYS_waitid, type, id, info, options, nullptr));
 }
 
 // The descriptor is closed also where the call "fails", as the kernel does it.

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls that put files on disk and in place: seen by the test, and made to fail.
+// The calls that put files on disk and in place, and those that ask about programs: seen by the
+// test, and made to fail.
 #ifndef TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 #define TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 
@@ -11,10 +12,10 @@
 
 namespace zell::test {
 
-/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown
-/// and fchmod while it lives; the kernel still gets them. These can fail, and so can openat
-/// ("openat file", "openat folder"), close, read, fstat, fstatat and readlinkat. All are replaced
-/// in every program that links this.
+/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown,
+/// fchmod, waitpid and waitid while it lives; the kernel still gets them. These can fail, and so
+/// can openat ("openat file", "openat folder"), close, read, fstat, fstatat and readlinkat. All are
+/// replaced in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();

@@ -120,4 +120,8 @@ std::chrono::nanoseconds monotonicTime() {
   return fake().clock ? fake().clock() : fake().now;
 }
 
+std::chrono::nanoseconds monotonicTickTime() {
+  return monotonicTime();
+}
+
 }  // namespace zell::sys

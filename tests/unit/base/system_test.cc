@@ -116,6 +116,15 @@ TEST(SystemTest, ShowsTheTimeOfTheMonotonicClock) {
   EXPECT_LE(now, after);
 }
 
+TEST(SystemTest, ShowsATickThatIsOverAndLaterTheNext) {
+  const std::chrono::nanoseconds tick = sys::monotonicTickTime();
+  EXPECT_LE(tick, sys::monotonicTime());
+  const std::chrono::nanoseconds limit = sys::monotonicTime() + std::chrono::seconds(30);
+  while (sys::monotonicTickTime() == tick && sys::monotonicTime() < limit) {
+  }
+  EXPECT_GT(sys::monotonicTickTime(), tick);
+}
+
 // A command that the kernel does not know: the answer shows that the call is the real one.
 TEST(SystemTest, TellsWhenARebootIsRefused) {
   errno = 0;

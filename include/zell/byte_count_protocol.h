@@ -44,9 +44,9 @@ class ByteCountProtocol {
   bool recvMessage(std::string& message);
 
   /// Sends @p head, @p body and @p tail together as one frame, whole, blocking while the peer is
-  /// slow to take it. A peer that takes nothing for 30 s, or not all within 30 s and 1 s more for
-  /// each MiB, is given up: logged, the socket shut down both ways, false. The same for any other
-  /// error. A payload above kMaxFramePayload is logged and not sent.
+  /// slow to take it. A peer that acknowledges nothing for 30 s, or takes longer than 30 s and 1 s
+  /// more for each MiB, is given up: logged, the socket shut down both ways, false. The same for
+  /// any other error. A payload above kMaxFramePayload is logged and not sent.
   bool sendMessage(std::string_view head, std::string_view body = {}, std::string_view tail = {});
 
  private:

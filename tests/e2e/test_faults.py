@@ -16,6 +16,7 @@ from support.daemon import is_instrumented
 from support.leds import LedCase
 from support.logs import ERR, INFO, WARNING
 from support.sizes import sized
+from support.tenfold import PER_MIB, STALL, TENFOLD, WHOLE, take_slowly
 from support.wait import PATIENCE, wait_until
 from support.wire import frame, request
 
@@ -52,6 +53,9 @@ class FaultCase(EndToEndCase):
     def assert_descriptors_as_at_start(self, daemon):
         wait_until(lambda: len(daemon.descriptors()) == len(self.at_start),
                    f"descriptors as at the start, {self.at_start}")
+
+    def assert_descriptors_as_at_start_but_one(self, daemon):
+        wait_until(lambda: len(daemon.descriptors()) == len(self.at_start) + 1, "one is left")
 
     def assert_idle(self, daemon):
         """It sleeps a tenth of a second on each pass: twenty passes take a second at the least."""
@@ -170,9 +174,6 @@ class LeavingPeerTest(FaultCase):
         self.assertEqual(os.path.getsize(path), done)
         self.assert_stops(daemon)
 
-    def assert_descriptors_as_at_start_but_one(self, daemon):
-        wait_until(lambda: len(daemon.descriptors()) == len(self.at_start) + 1, "one is left")
-
     def test_peers_that_reset_in_the_middle_of_a_reply(self):
         daemon = self.start()
         big = self.file("big", bytes(8 << 20))
@@ -236,6 +237,51 @@ class LeavingPeerTest(FaultCase):
         reply = reader.receive(300)
         self.assertTrue(reply.output == content)
         self.assert_stops(daemon)
+
+
+class SlowReaderTest(FaultCase):
+    """Readers that take few bytes of a large reply at a time."""
+
+    GIVEN_UP = r"sendMessage: socket \d+, Connection timed out"
+
+    def reader(self, mebibytes):
+        """Requests a file of this size. Returns the daemon, the reader and the time of the request."""
+        daemon = self.start(**TENFOLD)
+        with open(self.path("big"), "wb") as file:
+            file.truncate(mebibytes << 20)
+        client = self.client(receive_buffer=8192)
+        begun = time.monotonic()
+        client.send(request("read", self.path("big")))
+        return daemon, client, begun
+
+    def given_up(self):
+        return self.log.count(self.GIVEN_UP, ERR) > 0
+
+    def assert_given_up(self, daemon, taken, limit):
+        self.assertTrue(taken.startswith(b"\x01"))
+        self.assertLess(len(taken), limit)
+        self.assert_serves()
+        self.assert_descriptors_as_at_start_but_one(daemon)
+        self.assert_stops(daemon)
+
+    def test_a_reader_that_takes_few_bytes_has_the_whole_time(self):
+        daemon, client, begun = self.reader(16)
+        hang = begun + 2 * PATIENCE
+        taken = take_slowly(client.socket, lambda: self.given_up() or time.monotonic() > hang)
+        self.assertTrue(self.given_up())
+        self.assertGreaterEqual(time.monotonic() - begun, WHOLE + 16 * PER_MIB)
+        self.assert_given_up(daemon, taken, 16 << 20)
+
+    def test_a_reader_that_stops_is_given_up_after_the_stall(self):
+        daemon, client, begun = self.reader(128)
+        taken = take_slowly(client.socket, lambda: time.monotonic() > begun + 1.5 * STALL)
+        self.assertFalse(self.given_up())
+        stopped = time.monotonic()
+        self.log.wait_for(self.GIVEN_UP, ERR, timeout=2 * PATIENCE)
+        # The last acknowledgement may be older than the last read.
+        self.assertGreaterEqual(time.monotonic() - stopped, 0.9 * STALL)
+        self.assertLess(time.monotonic() - begun, WHOLE + 128 * PER_MIB)
+        self.assert_given_up(daemon, taken, 128 << 20)
 
 
 class FileSystemTest(FaultCase):

@@ -39,7 +39,7 @@ SocketPair SocketPair::local() {
   return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
-SocketPair SocketPair::tcp() {
+SocketPair SocketPair::tcp(int receiveBuffer) {
   const UniqueFd listener = tcpSocket();
   sockaddr_in address{};
   socklen_t length = sizeof address;
@@ -49,6 +49,10 @@ SocketPair SocketPair::tcp() {
   require(listen(listener.get(), 1) == 0);
   require(getsockname(listener.get(), general(address), &length) == 0);
   UniqueFd far = tcpSocket();
+  if (receiveBuffer != 0) {  // before connect(), which fixes the window scale
+    require(setsockopt(far.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer) ==
+            0);
+  }
   require(connect(far.get(), general(address), length) == 0);
   UniqueFd near(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   require(near.valid());

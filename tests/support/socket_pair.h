@@ -13,8 +13,8 @@ class SocketPair {
  public:
   /// Local sockets: what one end writes waits at the other as soon as write(2) is back.
   static SocketPair local();
-  /// TCP over the loopback.
-  static SocketPair tcp();
+  /// TCP over the loopback. @p receiveBuffer sets SO_RCVBUF of the far end; 0: the default.
+  static SocketPair tcp(int receiveBuffer = 0);
 
   /// The handler's end.
   [[nodiscard]] int near() const { return near_.get(); }

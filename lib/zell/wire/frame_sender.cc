@@ -12,13 +12,13 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include "base/send_wait.h"
 #include "base/system.h"
 
 namespace zell {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::nanoseconds;
 
 constexpr std::size_t kMaxHeader = 24;  // two markers and the digits of any length
 constexpr std::size_t kMiB = 1048576;
@@ -83,35 +83,18 @@ class Frame {
   iovec parts_[4];  // the header, then the payload's
 };
 
-// Waits until @p socket can take more, @p limit at most. False with errno; ETIMEDOUT when the limit
-// has passed, whatever the clock then shows. A signal ends the wait early.
-bool waitWritable(int socket, nanoseconds limit) {
-  const milliseconds rounded = std::chrono::ceil<milliseconds>(limit);
-  pollfd wanted{socket, POLLOUT, 0};
-  const int ready = rounded.count() <= 0 ? 0 : poll(&wanted, 1, static_cast<int>(rounded.count()));
-  if (ready == 0) {
-    errno = ETIMEDOUT;
-  }
-  return ready > 0 || (ready < 0 && errno == EINTR);
-}
-
 // The slow way, for what the socket's buffer did not take at once.
 bool sendRest(int socket, Frame& frame, milliseconds stall, milliseconds whole) {
-  const nanoseconds start = sys::monotonicTime();
-  nanoseconds progress = start;
-  nanoseconds now = start;
+  SendWait wait(socket, stall, whole, sys::monotonicTime());
   while (!frame.sent()) {
-    if (!waitWritable(socket, std::min(progress + stall, start + whole) - now)) {
+    if (!wait.step(POLLOUT)) {
       return false;
     }
     const std::size_t before = frame.left();
     if (!frame.sendSome(socket)) {
       return false;
     }
-    now = sys::monotonicTime();
-    if (frame.left() != before) {
-      progress = now;
-    }
+    wait.look(sys::monotonicTime(), before - frame.left());
   }
   return true;
 }

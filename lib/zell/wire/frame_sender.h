@@ -12,7 +12,7 @@ namespace zell {
 
 /// How long a peer may keep the daemon, which does nothing else meanwhile.
 struct SendLimits {
-  std::chrono::milliseconds stall{30000};  ///< without taking a byte
+  std::chrono::milliseconds stall{30000};  ///< without acknowledging a byte
   std::chrono::milliseconds whole{30000};  ///< for the frame...
   std::chrono::milliseconds perMiB{1000};  ///< ...and so much more for each MiB of it
 };
@@ -28,7 +28,8 @@ struct FramePayload {
 
 /// Sends @p payload as one frame on @p socket, blocking or not. Never raises SIGPIPE. A frame that
 /// the socket's buffer can take costs one system call. False with errno when it was not sent to its
-/// end, ETIMEDOUT when the peer was too slow; how much of it went out is then unknown.
+/// end, ETIMEDOUT when the peer was too slow; how much of it went out is then unknown. On sockets
+/// other than TCP, bytes that the socket took count as acknowledged.
 [[nodiscard]] bool sendFrame(int socket, const FramePayload& payload,
                              const SendLimits& limits = {});
 

@@ -19,6 +19,7 @@
 #include "socket_calls.h"
 #include "support/log_capture.h"
 #include "support/sizes.h"
+#include "support/slow_peer.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
 #include "zell/wire/frame_sender.h"
@@ -31,6 +32,7 @@ using test::frame;
 using test::kMiB;
 using test::LogCapture;
 using test::LogEntry;
+using test::SlowPeer;
 using test::SocketCalls;
 using test::SocketPair;
 
@@ -293,6 +295,96 @@ TEST_F(FrameSendTest, APayloadOfTheLimitIsBegun) {
   EXPECT_EQ(sockets_.received(),
             "\x01"
             "268435456\x02");
+}
+
+// A peer that acknowledges few bytes, too few for the kernel to report the socket as writable.
+class SlowPeerTest : public testing::Test {
+ protected:
+  using seconds = std::chrono::seconds;
+  using milliseconds = std::chrono::milliseconds;
+
+  ~SlowPeerTest() override { FakeSystem::instance().reset(); }
+
+  // Sends @p payload to @p peer in simulated time.
+  bool send(SlowPeer& peer, const std::string& payload, const SendLimits& limits = {}) {
+    FakeSystem::instance().clock = [&] { return std::chrono::nanoseconds(peer.now()); };
+    calls_.poll = [&](short events, int timeout) { return peer.wait(events, timeout); };
+    return sendFrame(peer.sockets().near(), {payload}, limits);
+  }
+
+  static SendLimits wholeOf(seconds whole) { return {seconds(30), whole, seconds(0)}; }
+
+  SocketCalls calls_;
+};
+
+TEST_F(SlowPeerTest, TakingALittleAllTheTimeHasTheWholeTime) {
+  SlowPeer peer(seconds(20));
+  EXPECT_FALSE(send(peer, std::string(16 * kMiB, 'x')));
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(peer.now().count(), 46000);
+}
+
+TEST_F(SlowPeerTest, TakingALittleAndThenNothingIsGivenUpAfterTheLastLittle) {
+  SlowPeer peer(seconds(11));
+  peer.stopAt(seconds(50));
+  EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(peer.lastStep().count(), 44000);
+  EXPECT_EQ(peer.now().count(), 44000 + 30000);
+}
+
+TEST_F(SlowPeerTest, TakingNothingIsGivenUpAfterTheStall) {
+  SlowPeer peer(seconds(1));
+  peer.stopAt(seconds(0));
+  EXPECT_FALSE(send(peer, std::string(16 * kMiB, 'x')));
+  EXPECT_EQ(errno, ETIMEDOUT);
+  EXPECT_EQ(peer.now().count(), 30000);
+}
+
+TEST_F(SlowPeerTest, TakingSlowlyButInTimeGetsEverything) {
+  SlowPeer peer(seconds(20));
+  const std::string payload = patterned(2 * kMiB);
+  ASSERT_TRUE(send(peer, payload, wholeOf(seconds(2000))));
+  const std::string rest = frame(payload).substr(peer.taken().size());
+  EXPECT_TRUE(peer.taken() + peer.sockets().receive(rest.size()) == frame(payload));
+}
+
+TEST_F(SlowPeerTest, TheEndIsSentAsSoonAsThereIsRoomForIt) {
+  SlowPeer peer(seconds(20));
+  const std::string payload(kMiB, 'x');
+  ASSERT_TRUE(send(peer, payload, wholeOf(seconds(2000))));
+  // The socket's send buffer holds the rest.
+  EXPECT_GT(frame(payload).size() - peer.taken().size(), 5 * SlowPeer::kStep);
+}
+
+TEST_F(SlowPeerTest, AStepBetweenTwoLooksIsFoundAtTheNext) {
+  SlowPeer peer(milliseconds(20900));
+  peer.stopAt(seconds(21));
+  EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
+  EXPECT_EQ(peer.now().count(), 21000 + 30000);
+}
+
+TEST_F(SlowPeerTest, AStepAtTheLastMomentCounts) {
+  SlowPeer peer(seconds(30));
+  peer.stopAt(seconds(31));
+  EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
+  EXPECT_EQ(peer.now().count(), 60000);
+}
+
+TEST_F(SlowPeerTest, AClockThatStandsStillDelaysNothing) {
+  SlowPeer peer(seconds(1));
+  peer.stopAt(seconds(0));
+  FakeSystem::instance().reset();
+  calls_.poll = [&](short events, int timeout) { return peer.wait(events, timeout); };
+  EXPECT_FALSE(sendFrame(peer.sockets().near(), {std::string(kMiB, 'x')}));
+  EXPECT_EQ(peer.now().count(), 30000);
+}
+
+TEST_F(SlowPeerTest, TheLimitsHoldInRealTimeToo) {
+  const SocketPair tcp = SocketPair::tcp();
+  const SendLimits limits{milliseconds(30), milliseconds(30), milliseconds(0)};
+  EXPECT_FALSE(sendFrame(tcp.near(), {std::string(64 * kMiB, 'x')}, limits));
+  EXPECT_EQ(errno, ETIMEDOUT);
 }
 
 // How a socket may be set up when a frame is to be sent on it.

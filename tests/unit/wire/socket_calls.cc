@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "socket_calls.h"
+#include "unit/wire/socket_calls.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -52,16 +52,21 @@ ssize_t sendCounted(int fd, const msghdr* message, int flags) {
                                   : sendPart(fd, *message, flags, g_calls->sendAtMost);
 }
 
+int realPoll(pollfd* wanted, nfds_t count, int timeout) {
+  const timespec limit{timeout / 1000, static_cast<long>(timeout % 1000) * 1000000};
+  return static_cast<int>(
+      syscall(SYS_ppoll, wanted, count, timeout < 0 ? nullptr : &limit, nullptr, 0));
+}
+
 int pollCounted(pollfd* wanted, nfds_t count, int timeout) {
-  if (g_calls == nullptr || g_calls->pollAnswers.empty()) {
-    if (g_calls != nullptr) {
-      g_calls->pollTimeouts.push_back(timeout);
-    }
-    const timespec limit{timeout / 1000, static_cast<long>(timeout % 1000) * 1000000};
-    return static_cast<int>(
-        syscall(SYS_ppoll, wanted, count, timeout < 0 ? nullptr : &limit, nullptr, 0));
+  if (g_calls == nullptr) {
+    return realPoll(wanted, count, timeout);
   }
   g_calls->pollTimeouts.push_back(timeout);
+  if (g_calls->pollAnswers.empty()) {
+    return g_calls->poll ? g_calls->poll(wanted->events, timeout)
+                         : realPoll(wanted, count, timeout);
+  }
   const int answer = takeFirst(g_calls->pollAnswers);
   errno = answer < 0 ? -answer : errno;
   return answer < 0 ? -1 : answer;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <vector>
 
 namespace zell::test {
@@ -24,6 +25,8 @@ class SocketCalls {
   std::deque<int> sendErrors;     ///< the next sendmsg fails with the first of these; 0: does not
   std::vector<int> pollTimeouts;  ///< of every poll, in milliseconds
   std::deque<int> pollAnswers;    ///< what the next polls answer; below 0 an errno value, negated
+  /// If set, replaces every poll that has no answer above.
+  std::function<int(short events, int timeout)> poll;
 };
 
 }  // namespace zell::test

@@ -7,6 +7,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -15,12 +16,15 @@
 #include <zell/string_helpers.h>
 
 #include "base/log.h"
+#include "base/send_wait.h"
 #include "base/system.h"
 
 namespace zell {
 namespace {
 
 using Next = ClauseBuffer::Next;
+using std::chrono::microseconds;
+using std::chrono::nanoseconds;
 
 constexpr std::string_view kPing = "<ping/>\r\n";
 constexpr std::size_t kShown = 60;
@@ -37,13 +41,34 @@ std::string shown(const ClauseBuffer& buffer) {
   return shown(buffer.first(kShown + 1));
 }
 
+// Where a socket refuses, it works as it is.
+void limitWrites(int socket, nanoseconds limit) {
+  const microseconds whole = std::chrono::ceil<microseconds>(limit);
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(whole);
+  const timeval time{seconds.count(), (whole - seconds).count()};
+  (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
+}
+
 // A clause must not wait for the acknowledgement of the one before, and a peer that reads nothing
-// must not stop the daemon for ever. Where a socket refuses, it works as it is.
+// must not stop the daemon for ever.
 void setUpForRelay(int socket) {
   const int on = 1;
   (void)setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const timeval limit{kWriteLimit.count(), 0};
-  (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  limitWrites(socket, kWriteLimit);
+}
+
+// Waits until the send buffer has room for @p size bytes. A blocked write(2) resumes only when a
+// third of the buffer is free, so it would time out on a slow but steady peer. A peer that frees a
+// third within the first step is fast enough for write(2).
+void waitForRoom(SendWait& wait, SendRoom& room, std::size_t size) {
+  short events = POLLOUT;
+  while (room.canEverTake(size) && wait.step(events)) {
+    wait.look(sys::monotonicTime());
+    if (wait.ready() || room.take(size)) {
+      return;
+    }
+    events = 0;
+  }
 }
 
 // Says that fewer bytes were written than there were; errno is as write(2) left it.
@@ -59,7 +84,7 @@ void logFailedWrite(int socket, ssize_t result) {
 
 // Whether a write that began at @p begun and did not get everything out ran into the time limit; a
 // signal ends a write early as well. errno is as write(2) left it.
-bool timedOut(ssize_t result, std::chrono::nanoseconds begun) {
+bool timedOut(ssize_t result, nanoseconds begun) {
   if (result == -1) {
     return errno == EAGAIN;
   }
@@ -68,7 +93,7 @@ bool timedOut(ssize_t result, std::chrono::nanoseconds begun) {
 
 }  // namespace
 
-XmlSlave::XmlSlave(int socket) : RunelConnection(socket, kXml) {
+XmlSlave::XmlSlave(int socket) : RunelConnection(socket, kXml), room_(socket) {
   setUpForRelay(socket);
 }
 
@@ -151,15 +176,38 @@ int XmlSlave::write(std::string& text) {
   }
   text += "\r\n";
   const auto begun = sys::monotonicTime();
-  const ssize_t result = ::write(socket_, text.data(), text.size());
+  const bool fits = room_.take(text.size());
+  timedOut_ = timedOut_ && !fits;
+  const ssize_t result =
+      fits ? ::write(socket_, text.data(), text.size()) : writeInTime(text, begun);
   if (result < static_cast<ssize_t>(text.size())) {
     logFailedWrite(socket_, result);
-    if (timedOut(result, begun)) {
+    if (timedOut_ || timedOut(result, begun)) {
       // Once is enough: the next clause must not stop the whole daemon for as long again.
       (void)shutdown(socket_, SHUT_RDWR);
     }
   }
   return static_cast<int>(result);  // the kernel takes less than 2 GiB in one call
+}
+
+// Waits for room, then writes; both share the time limit. After a timeout the write may still
+// succeed, since the kernel fills up the last packet without a check. So the next clause does not
+// wait again until there is room. Leaves errno as write(2) set it.
+ssize_t XmlSlave::writeInTime(const std::string& text, nanoseconds begun) {
+  int error = errno;
+  SendWait wait(socket_, kWriteLimit, kWriteLimit, begun);
+  if (!timedOut_) {
+    waitForRoom(wait, room_, text.size());
+    timedOut_ = wait.left() <= nanoseconds(0);
+  }
+  const nanoseconds left = timedOut_ ? microseconds(1) : wait.left();  // 0 would be no limit
+  limitWrites(socket_, left);
+  errno = error;
+  const ssize_t result = ::write(socket_, text.data(), text.size());
+  error = errno;
+  limitWrites(socket_, kWriteLimit);
+  errno = error;
+  return result;
 }
 
 }  // namespace zell

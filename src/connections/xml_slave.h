@@ -3,10 +3,14 @@
 #ifndef ZELL_CONNECTIONS_XML_SLAVE_H_
 #define ZELL_CONNECTIONS_XML_SLAVE_H_
 
+#include <chrono>
 #include <string>
+
+#include <sys/types.h>
 
 #include "connections/clause_buffer.h"
 #include "connections/runel_connection.h"
+#include "connections/send_room.h"
 
 namespace zell {
 
@@ -35,9 +39,9 @@ class XmlSlave : public RunelConnection {
   void appendPacket(const std::string& packet);
   /// Cuts the next complete clause; false, with a line that tells why, when there is none.
   bool nextXmlClause();
-  /// Sends @p text, which gets CR LF appended, with one system call. Returns what write(2)
-  /// returned; what was not sent is lost. A write that took 30 s shuts the socket down, so that
-  /// the server drops it.
+  /// Sends @p text, which gets CR LF appended, with one write(2). Waits before it until the send
+  /// buffer has room. Returns what write(2) returned; what was not sent is lost. A timeout of the
+  /// wait and the write, 30 s together, shuts the socket down, so that the server drops it.
   int write(std::string& text);
 
   /// The clause that was cut last; CR LF is appended when it is sent.
@@ -45,7 +49,11 @@ class XmlSlave : public RunelConnection {
   [[nodiscard]] const ClauseBuffer& buffer() const { return buffer_; }
 
  private:
+  ssize_t writeInTime(const std::string& text, std::chrono::nanoseconds begun);
+
   XmlSlave* peer_ = nullptr;
+  SendRoom room_;
+  bool timedOut_ = false;  // the last wait for room; reset when there is room
   ClauseBuffer buffer_;
   std::string clause_;
   bool stop_ = false;

@@ -10,6 +10,7 @@ from support.daemon import is_instrumented
 from support.logs import ERR, INFO, WARNING
 from support.relay import NEW_AGENT, NO_PEER, NO_QUARANTINE, RelayCase, processor_seconds
 from support.sizes import sized
+from support.tenfold import STALL, TENFOLD, take_slowly
 from support.wait import PATIENCE, wait_until
 
 MIB = 1 << 20
@@ -129,6 +130,33 @@ class StuckPeerTest(RelayCase):
         self.assertEqual(self.log.count("write: .*"), 0)
         self.assert_relays(agent, bridge)
         self.assert_stops(daemon)
+
+
+class SlowPeerTest(RelayCase):
+    """One side sends, the other takes few bytes at a time."""
+
+    COUNT = 60_000  # more than the buffers hold
+
+    def assert_gets_everything(self, daemon, sender, slow):
+        sending = Background(sender.send, CLAUSE * self.COUNT)
+        enough = time.monotonic() + 3 * STALL
+        taken = take_slowly(slow.socket, lambda: time.monotonic() > enough)
+        self.assertEqual(self.log.count("write: .*"), 0)
+        self.assertTrue(sending.is_alive(), "the buffers hold everything")
+        expected = (CLAUSE + b"\r\n") * self.COUNT
+        self.assertTrue(taken + slow.receive_bytes(len(expected) - len(taken)) == expected)
+        sending.finish()
+        self.assertEqual(self.log.count("write: .*"), 0)
+        self.assertEqual(self.slave.ask("fileexists", "/").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_master_that_takes_little(self):
+        daemon, agent, bridge = self.bridged(**TENFOLD)
+        self.assert_gets_everything(daemon, agent, bridge)
+
+    def test_an_agent_that_takes_little(self):
+        daemon, agent, bridge = self.bridged(**TENFOLD)
+        self.assert_gets_everything(daemon, bridge, agent)
 
 
 class LeavingPeerTest(RelayCase):

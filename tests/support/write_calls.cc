@@ -23,6 +23,9 @@ WriteCalls::~WriteCalls() {
 
 ssize_t WriteCalls::write(int fd, const void* bytes, std::size_t count) {
   calls_.push_back({fd, std::string(static_cast<const char*>(bytes), count)});
+  if (before) {
+    before(fd);
+  }
   if (answers_.empty()) {
     return syscall(SYS_write, fd, bytes, count);
   }

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_WRITE_CALLS_H_
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ class WriteCalls {
   /// nothing is written.
   void answer(ssize_t result, int error = 0) { answers_.push_back({result, error}); }
   [[nodiscard]] const std::vector<Call>& calls() const { return calls_; }
+
+  /// If set, runs before each call.
+  std::function<void(int fd)> before;
 
   // For the replaced function.
   ssize_t write(int fd, const void* bytes, std::size_t count);

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <netinet/in.h>
@@ -13,8 +14,10 @@
 #include <sys/time.h>
 #include <syslog.h>
 
+#include "support/slow_peer.h"
 #include "support/write_calls.h"
 #include "unit/connections/relay_fixture.h"
+#include "unit/wire/socket_calls.h"
 
 namespace zell::test {
 namespace {
@@ -215,6 +218,220 @@ TEST_F(XmlSlaveWriteTest, OutlivesAPeerThatResets) {
   give(agent, "<a/><b/>");
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre(errorText("error", relay.socket(), ECONNRESET),
                                               errorText("error", relay.socket(), EPIPE)));
+}
+
+// A relay to a peer on a slow line, in simulated time.
+class SlowRelayTest : public RelayFixture {
+ protected:
+  using seconds = std::chrono::seconds;
+
+  // Fills the send buffer.
+  void begin(SlowPeer& slow) {
+    useTimeOf(slow);
+    const std::string text(4096, 'x');
+    while (send(slow.sockets().near(), text.data(), text.size(), MSG_DONTWAIT) > 0) {
+    }
+    log.clear();
+  }
+
+  void useTimeOf(SlowPeer& slow) {
+    FakeSystem::instance().clock = [&] { return std::chrono::nanoseconds(slow.now()); };
+    calls.poll = [&](short events, int timeout) { return slow.wait(events, timeout); };
+  }
+
+  // Sends clauses until the relay waits for room.
+  void giveUntilOneWaits() {
+    const std::size_t before = calls.pollTimeouts.size();
+    for (int i = 0; i < 100000 && calls.pollTimeouts.size() == before; ++i) {
+      give(agent, "<a>text</a>");
+    }
+  }
+
+  // More than the socket's buffer holds.
+  static std::string manyClauses() {
+    std::string clauses;
+    for (int i = 0; i < 5000; ++i) {
+      clauses += "<a>" + std::to_string(i) + std::string(200, 'x') + "</a>";
+    }
+    return clauses;
+  }
+
+  // The time limit of writes to @p socket, in milliseconds.
+  static int limitOf(int socket) {
+    timeval limit{};
+    socklen_t length = sizeof limit;
+    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, &length), 0);
+    return static_cast<int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
+  }
+
+  // Whether the near socket was shut down.
+  static bool shutDown(const SlowPeer& slow) {
+    char byte = 0;
+    return recv(slow.sockets().near(), &byte, 1, MSG_DONTWAIT) == 0;
+  }
+
+  SocketCalls calls;
+};
+
+TEST_F(SlowRelayTest, AClauseGoesOutAsSoonAsThereIsRoomForIt) {
+  SlowPeer slow(seconds(20));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  std::string text = "<a/>";
+  EXPECT_EQ(relay.write(text), 6);
+  EXPECT_EQ(slow.now().count(), 20000);
+  EXPECT_THAT(log.entries(), IsEmpty());
+  EXPECT_FALSE(shutDown(slow));
+}
+
+TEST_F(SlowRelayTest, AllClausesArriveWholeAndInOrder) {
+  SlowPeer slow(seconds(29));
+  XmlSlave relay(slow.sockets().near());
+  agent.setPeer(&relay);
+  begin(slow);
+  std::string clauses;
+  std::string expected;
+  for (int i = 0; i < 5000; ++i) {
+    const std::string clause = "<a>" + std::to_string(i) + std::string(100, 'x') + "</a>";
+    clauses += clause;
+    expected += clause + "\r\n";
+  }
+  give(agent, clauses);
+  EXPECT_THAT(log.entries(), IsEmpty());
+  EXPECT_GT(slow.taken().size(), SlowPeer::kStep);
+  const std::string got = slow.taken() + slow.sockets().received();
+  EXPECT_TRUE(got.substr(got.find('<')) == expected);
+}
+
+TEST_F(SlowRelayTest, APeerThatTakesNothingIsGivenUpAfterThirtySeconds) {
+  SlowPeer slow(seconds(1));
+  slow.stopAt(seconds(0));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  WriteCalls writes;
+  int meanwhile = 0;
+  writes.before = [&](int socket) { meanwhile = limitOf(socket); };
+  std::string text = "<a/>";
+  EXPECT_EQ(relay.write(text), -1);
+  EXPECT_EQ(slow.now().count(), 30000);
+  EXPECT_GT(meanwhile, 0);
+  EXPECT_LT(meanwhile, 100);
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, errorText("error", relay.socket(), EAGAIN)}));
+  EXPECT_TRUE(shutDown(slow));
+}
+
+TEST_F(SlowRelayTest, ManyClausesForAPeerThatTakesNothingAreWaitedForOnce) {
+  SlowPeer slow(seconds(1));
+  slow.stopAt(seconds(0));
+  XmlSlave relay(slow.sockets().near());
+  agent.setPeer(&relay);
+  useTimeOf(slow);
+  give(agent, manyClauses());
+  EXPECT_EQ(slow.now().count(), 30000);
+  const std::string closed = errorText("error", relay.socket(), EPIPE);
+  EXPECT_GT(log.countContaining(closed), 0);
+  EXPECT_EQ(static_cast<std::size_t>(log.countContaining(closed)) + 1, log.entries().size());
+  EXPECT_TRUE(shutDown(slow));
+}
+
+TEST_F(SlowRelayTest, WaitsAgainAfterATimeoutOnceThereWasRoom) {
+  SlowPeer slow(seconds(31));
+  XmlSlave relay(slow.sockets().near());
+  agent.setPeer(&relay);
+  useTimeOf(slow);
+  giveUntilOneWaits();  // its write succeeds: the last packet has room
+  EXPECT_EQ(slow.now().count(), 30000);
+  (void)slow.wait(0, 1000);
+  giveUntilOneWaits();
+  EXPECT_EQ(slow.now().count(), 31000 + 30000);
+  EXPECT_THAT(log.entries(), IsEmpty());
+}
+
+TEST_F(SlowRelayTest, AClauseForWhichThereIsNotEnoughRoomInTimeIsCut) {
+  SlowPeer slow(seconds(9));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  std::string text(150000, 'x');
+  errno = 0;
+  EXPECT_GT(relay.write(text), 0);
+  EXPECT_EQ(slow.now().count(), 30000);
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, errorText("error write failed", relay.socket(), 0)}));
+  EXPECT_TRUE(shutDown(slow));
+}
+
+TEST_F(SlowRelayTest, AClauseOfMoreThanAThirdOfTheBufferWaitsForAllOfItsRoom) {
+  SlowPeer slow(seconds(2));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  std::string text(180000, 'x');
+  EXPECT_EQ(relay.write(text), 180002);
+  EXPECT_GT(slow.taken().size(), 180000U);
+  EXPECT_LT(slow.now(), seconds(30));
+}
+
+TEST_F(SlowRelayTest, AClauseThatTheBufferCannotHoldIsNotWaitedFor) {
+  SlowPeer fast(seconds(0));
+  XmlSlave relay(fast.sockets().near());
+  std::string text(std::size_t{1} << 20, 'x');
+  const std::size_t whole = text.size() + 2;
+  std::string got;
+  std::thread peer([&] { got = fast.sockets().receive(whole); });
+  EXPECT_EQ(relay.write(text), static_cast<int>(whole));
+  peer.join();
+  EXPECT_EQ(got.size(), whole);
+  EXPECT_THAT(calls.pollTimeouts, IsEmpty());
+}
+
+TEST_F(SlowRelayTest, APeerThatFreesAThirdOfTheBufferAtOnceIsWaitedForNoLonger) {
+  SlowPeer slow(std::chrono::milliseconds(10));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  std::string text(80000, 'x');
+  EXPECT_EQ(relay.write(text), 80002);
+  EXPECT_EQ(calls.pollTimeouts, std::vector<int>{1000});
+}
+
+TEST_F(SlowRelayTest, OneWriteFollowsTheWaitAndHasWhatIsLeftOfTheLimit) {
+  SlowPeer slow(seconds(20));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  WriteCalls writes;
+  int meanwhile = 0;
+  writes.before = [&](int socket) { meanwhile = limitOf(socket); };
+  std::string text = "<a/>";
+  EXPECT_EQ(relay.write(text), 6);
+  EXPECT_EQ(writes.calls().size(), 1U);
+  EXPECT_EQ(meanwhile, 10000);
+  EXPECT_EQ(limitOf(relay.socket()), 30000);
+}
+
+TEST_F(SlowRelayTest, ASignalDoesNotEndTheWait) {
+  SlowPeer slow(seconds(20));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  calls.pollAnswers = {-EINTR, -EINTR};
+  std::string text = "<a/>";
+  EXPECT_EQ(relay.write(text), 6);
+  EXPECT_EQ(slow.now().count(), 20000);
+}
+
+TEST_F(SlowRelayTest, APeerThatResetsEndsTheWait) {
+  SlowPeer slow(seconds(20));
+  XmlSlave relay(slow.sockets().near());
+  begin(slow);
+  calls.poll = [&](short events, int timeout) {
+    if (slow.now() == seconds(5)) {
+      slow.reset();
+    }
+    return slow.wait(events, timeout);
+  };
+  std::string text = "<a/>";
+  EXPECT_EQ(relay.write(text), -1);
+  EXPECT_EQ(slow.now().count(), 5000);
+  EXPECT_THAT(log.entries(),
+              ElementsAre(LogEntry{LOG_ERR, errorText("error", relay.socket(), ECONNRESET)}));
 }
 
 }  // namespace

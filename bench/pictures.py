@@ -1,6 +1,6 @@
 #!/usr/bin/python3 -IB
 # SPDX-License-Identifier: Apache-2.0
-"""Draws docs/performance/*.svg from the figures of a run.
+"""Draws docs/reports/performance/*.svg from the figures of a run.
 
     bench/pictures.py FILE [FOLDER]     FILE is what scripts/bench --json wrote
 """
@@ -168,9 +168,9 @@ def draw_key(drawing, y, colour, row):
 
 def main():
     figures = json.loads(Path(sys.argv[1]).read_text(encoding="utf-8"))
-    beside = Path(__file__).resolve().parent.parent / "docs" / "performance"
+    beside = Path(__file__).resolve().parent.parent / "docs" / "reports" / "performance"
     folder = Path(sys.argv[2]) if len(sys.argv) > 2 else beside
-    folder.mkdir(exist_ok=True)
+    folder.mkdir(parents=True, exist_ok=True)
     draw_ratios(figures["rows"]).save(folder / "ratios.svg")
     draw_growth(figures["rows"]).save(folder / "growth.svg")
     draw_connections(figures["rows"]).save(folder / "connections.svg")

@@ -1,19 +1,51 @@
 # What `cmake --install` puts where. DESTDIR and CMAKE_INSTALL_PREFIX work as usual.
-set(RUNELD_UNIT_DIR "lib/systemd/system" CACHE STRING "Folder of the systemd service files")
+# `--component documents` installs the manuals and documents alone, which need no build.
+set(RUNELD_UNIT_DIR "lib/systemd/system" CACHE STRING "Directory of the systemd service files")
 
 configure_file("${PROJECT_SOURCE_DIR}/packaging/runeld.service.in"
   "${PROJECT_BINARY_DIR}/runeld.service" @ONLY)
 
 install(TARGETS runeld RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
-install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
+install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
+  COMPONENT documents)
 install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_DIR}")
 if(RUNELD_CTL)
   install(TARGETS runelctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
-  install(FILES "${PROJECT_SOURCE_DIR}/man/runelctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+  install(FILES "${PROJECT_SOURCE_DIR}/man/runelctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+    COMPONENT documents)
 endif()
-install(FILES "${PROJECT_SOURCE_DIR}/CHANGES" "${PROJECT_SOURCE_DIR}/LICENSE"
-  DESTINATION "${CMAKE_INSTALL_DOCDIR}")
-# The documents arrive one by one; what is there is installed.
-foreach(document README.md docs/protocol.md docs/runelctl.md)
-  install(FILES "${PROJECT_SOURCE_DIR}/${document}" DESTINATION "${CMAKE_INSTALL_DOCDIR}" OPTIONAL)
+
+# The documents for operators and for authors of masters, in the directories that they have in the
+# tree, so that the links between them work.
+set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
+  docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md)
+
+# Writes the document to the build tree. Links to files that are not installed become plain text.
+function(runeld_installed_document document)
+  file(READ "${PROJECT_SOURCE_DIR}/${document}" text)
+  get_filename_component(directory "${document}" DIRECTORY)
+  string(REGEX MATCHALL "\\([A-Za-z0-9_./-]+(#[a-z0-9-]+)?\\)" targets "${text}")
+  list(REMOVE_DUPLICATES targets)
+  foreach(target IN LISTS targets)
+    string(REGEX REPLACE "[()]|#.*" "" path "${target}")
+    cmake_path(SET path NORMALIZE "${directory}/${path}")
+    string(REGEX REPLACE "^/" "" path "${path}")
+    if(NOT path IN_LIST RUNELD_DOCUMENTS)
+      string(REGEX REPLACE "([().+])" "\\\\\\1" quoted "${target}")
+      string(REGEX REPLACE "\\[([^]]*)\\]${quoted}" "\\1" text "${text}")
+    endif()
+  endforeach()
+  file(WRITE "${PROJECT_BINARY_DIR}/documents/${document}" "${text}")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/${document}")
+endfunction()
+
+foreach(document IN LISTS RUNELD_DOCUMENTS)
+  get_filename_component(directory "${document}" DIRECTORY)
+  set(from "${PROJECT_SOURCE_DIR}")
+  if(document MATCHES "\\.md$")
+    runeld_installed_document("${document}")
+    set(from "${PROJECT_BINARY_DIR}/documents")
+  endif()
+  install(FILES "${from}/${document}" DESTINATION "${CMAKE_INSTALL_DOCDIR}/${directory}"
+    COMPONENT documents)
 endforeach()

@@ -13,7 +13,8 @@ from mutation import operators
 
 HERE = pathlib.Path(__file__).resolve().parent
 COPIED = ("CMakeLists.txt", "cmake", "src", "lib", "include", "tests", "fuzz", "bench", "verify",
-          "scripts", "docs", "packaging", "man", "runelctl", "README.md", "LICENSE")
+          "scripts", "docs", "packaging", "man", "runelctl", "README.md", "SECURITY.md",
+          "LICENSE")
 LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connections", "runeld_agent",
              "runeld_options_scan", "zell_wire", "zell_linux", "runeld")
 

@@ -134,7 +134,8 @@ class Soak:
         seconds = samples[-1].seconds
         before, after = self.rest
         facts = [
-            f"{seconds / 60:.1f} minutes on {os.cpu_count()} processors ({platform.machine()}), "
+            f"{time.strftime('%Y-%m-%d')}: {seconds / 60:.1f} minutes on {os.cpu_count()} "
+            f"processors ({platform.machine()}), "
             f"seed {self.options.seed}",
             f"requests answered, each compared byte for byte: {run.answered:,} of {run.asked:,} "
             f"({run.answered / seconds:,.0f} a second)",
@@ -151,13 +152,13 @@ class Soak:
         lines = [f"| {level} | {kind} | {count:,} |"
                  for (level, kind), count in sorted(run.log.kinds.items())]
         return "\n".join([
-            "# The last soak", "",
-            "Written by `scripts/soak`; [testing.md](../testing.md) tells what it is for.", "",
+            "# Soak: the last long run", "",
+            "Written by `scripts/soak`. [testing.md](../testing.md) describes the method.", "",
             *(f"- {fact}" for fact in facts), "", "![the run](soak.svg)", "",
-            "A pass is the time from one `select()` to the next, in ms: the median and the 99 % are",
-            "upper bounds (powers of two of a microsecond), over the time since the line before in",
-            "the samples, of which every few are shown.", "", table(samples),
-            "What the log had to say, by level (numbers as N):", "",
+            "A pass is the time from one `select()` to the next, in ms. The median and the 99 % are",
+            "upper bounds (powers of two of a microsecond) since the previous sample. Not every",
+            "sample is shown.", "", table(samples),
+            "Log lines by level (numbers as N):", "",
             "| level | line | count |", "|---|---|---:|", *lines, ""])
 
     def write(self):

@@ -13,14 +13,16 @@ import unittest
 
 from support import world
 from support.case import SUCCESS, EndToEndCase
+from support.daemon import is_instrumented
 from support.logs import ERR
+from support.sizes import sized
 from support.wait import wait_until
 from support.world import PID_FILE
 
 SIGNALS = (signal.SIGTERM, signal.SIGQUIT, signal.SIGINT, signal.SIGABRT)
 
 # Of a kind of call that comes in numbers the first so many are tried, and the last.
-MOST_OF_A_KIND = 8
+MOST_OF_A_KIND = sized(4, 8) if is_instrumented() else 8
 
 OLD, NEW = b"old" * 100, b"new" * 200
 

@@ -117,7 +117,10 @@ class Request:
     def encode(self) -> bytes:
         """The frame that carries it. Raises `LocalError` when it does not fit into one."""
         record = Record((self.task.name.encode(), *self.args), self.limit)
+        size = sum(len(arg) for arg in self.args)
         try:
+            if size > MAX_PAYLOAD:  # before it is copied
+                raise ProtocolError(f"{size} bytes of arguments; at most {MAX_PAYLOAD} fit")
             return encode_frame(encode_record(record))
         except ProtocolError as error:
             raise _local_error(self.task.name, str(error)) from None

@@ -13,10 +13,11 @@ from runel._address import TASK_PORT, split_address
 from runel._sync.link import Link, Pending, pump
 from runel._sync.transfer import Progress, pull_file, push_file
 from runel._protocol import ProtocolError
-from runel.errors import Failure, LinkError, Outcome, ProgramError, RunelTimeout, link_failure
+from runel.errors import Failure, LinkError, LocalError, Outcome, ProgramError, RunelError
+from runel.errors import RunelTimeout, link_failure
 from runel.results import LedStyle, ProgramResult, ProgramState, Reply, Stat, Status, TreeEntry
 from runel.results import parse_names, parse_number, parse_stat, parse_tree, program_result, to_text
-from runel.tasks import Name, Request, device_error, request
+from runel.tasks import Answer, Name, Request, device_error, request
 
 T = TypeVar("T")
 
@@ -161,6 +162,13 @@ class Device:
         return self._answer(link, pending)
 
     def _submit(self, link: Link, request: Request, timeout: Optional[float]) -> Pending:
+        if request.task.answer is Answer.NO_REPLY:
+            raise LocalError(
+                "it has no answer to wait for",
+                outcome=Outcome.NOT_SENT,
+                device=self.name,
+                task=request.task.name,
+            )
         if request.task.of_connection and self._program_link not in (None, link):
             self._program_link = None
             raise LinkError(
@@ -200,14 +208,19 @@ class Device:
         """
         link = self._connected()
         waiting: Deque[Pending] = collections.deque()
+        failure: Optional[RunelError] = None
         for request in requests:
-            if request.task.name == "restart":
-                raise _not_sent(self.name, "restart", "it has no answer to wait for")
             if len(waiting) >= WINDOW:
                 yield self._answer(link, waiting.popleft())
-            waiting.append(self._submit(link, request, None))
+            try:
+                waiting.append(self._submit(link, request, None))
+            except RunelError as error:
+                failure = error  # raised behind the answers to those that were sent
+                break
         while waiting:
             yield self._answer(link, waiting.popleft())
+        if failure is not None:
+            raise failure
 
     def _task(self, name: str, *args: Name) -> Reply:
         asked = request(name, *args)
@@ -541,7 +554,3 @@ class Device:
         meanwhile.
         """
         return pull_file(self, source, target, progress)
-
-
-def _not_sent(device: str, task: str, sentence: str) -> LinkError:
-    return LinkError(sentence, outcome=Outcome.NOT_SENT, device=device, task=task)

@@ -151,7 +151,10 @@ class Master:
         io.spawn(self._promote)
 
     def close(self) -> None:
-        """Stops listening and ends all connections, those for tasks first."""
+        """Stops listening and ends all connections, those for tasks first.
+
+        A daemon with a connection that is one too many ends then, and its supervisor restarts it.
+        """
         self._closed = True
         if self._listener is not None:
             self._listener.close()

@@ -1,21 +1,26 @@
 # SPDX-License-Identifier: Apache-2.0
 """The programs in client/python/examples, and the shape of the package."""
 import ast
+import importlib
 import inspect
 import os
 import signal
 import subprocess
 import sys
+import tarfile
+import tempfile
 import unittest
+import zipfile
 
 import runel
 from support import ADDRESS, DaemonCase, Dialer, LONG, wait_until
 
 PACKAGE = os.path.dirname(runel.__file__)
 EXAMPLES = os.path.join(PACKAGE, "../../examples")
-STANDARD = {"__future__", "ast", "asyncio", "collections", "contextlib", "dataclasses", "enum", "fcntl",
-            "functools", "itertools", "math", "os", "pathlib", "posixpath", "re", "runel", "secrets",
-            "select", "socket", "stat", "struct", "sys", "threading", "time", "types", "typing"}
+STANDARD = {"__future__", "ast", "asyncio", "base64", "collections", "contextlib", "dataclasses", "enum", "fcntl",
+            "functools", "hashlib", "io", "itertools", "math", "os", "pathlib", "posixpath", "re", "runel", "secrets",
+            "select", "socket", "stat", "struct", "sys", "tarfile", "threading", "time", "types",
+            "typing", "zipfile"}
 FACES = ("Device", "Master", "Fleet", "Agent")
 
 
@@ -109,3 +114,35 @@ class PackageTest(unittest.TestCase):
             if name.removeprefix("Async") in FACES:
                 for method in self.methods(value):
                     self.assertTrue(getattr(value, method).__doc__, f"{name}.{method}")
+
+
+class InstallTest(unittest.TestCase):
+    """What pip installs. It needs no network: the package builds itself."""
+
+    USE = "import sys; sys.path.insert(0, sys.argv[1]); import runel; print(len(runel.TASKS))"
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        root = os.path.join(PACKAGE, "../..")
+        sys.path.insert(0, root)
+        self.addCleanup(sys.path.remove, root)
+        self.backend = importlib.import_module("build_backend")
+
+    def test_the_wheel(self):
+        wheel = os.path.join(self.folder, self.backend.build_wheel(self.folder))
+        done = subprocess.run([sys.executable, "-I", "-c", self.USE, wheel], check=True,
+                              capture_output=True, text=True)
+        self.assertEqual(done.stdout, "25\n")
+        with zipfile.ZipFile(wheel) as archive:
+            self.assertIn("runel/py.typed", archive.namelist())
+            record = archive.read("runel-1.0.0.dist-info/RECORD").decode().splitlines()
+            self.assertEqual([line.split(",")[0] for line in record], archive.namelist())
+
+    def test_the_source_archive(self):
+        name = self.backend.build_sdist(self.folder)
+        with tarfile.open(os.path.join(self.folder, name)) as archive:
+            names = archive.getnames()
+        for wanted in ("PKG-INFO", "build_backend.py", "src/runel/__init__.py", "src/runel/py.typed"):
+            self.assertIn(f"runel-1.0.0/{wanted}", names)

@@ -132,6 +132,13 @@ class FaceCase(unittest.IsolatedAsyncioTestCase):
             return getattr(runel, f"Async{name}")
         return lambda *args, **keywords: ThreadFace(getattr(runel, name)(*args, **keywords))
 
+    async def until(self, condition):
+        """Waits for it; fails after LONG seconds."""
+        end = time.monotonic() + LONG
+        while not condition():
+            self.assertLess(time.monotonic(), end, "it never came")
+            await asyncio.sleep(0.01)
+
     async def fails(self, kind, outcome, work):
         """The error of `work`, which must be of this kind and have this outcome."""
         with self.assertRaises(kind) as caught:

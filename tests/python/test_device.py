@@ -257,8 +257,7 @@ class EndTest(FaceCase):
         script = f"echo $$ >{self.folder}/pid; exec sleep 60"
         async with self.Device(ADDRESS) as device:
             work = asyncio.ensure_future(device.exec(["/bin/sh", "-c", script], limit=60))
-            while not os.path.exists(f"{self.folder}/pid"):
-                await asyncio.sleep(0.02)
+            await self.until(lambda: os.path.exists(f"{self.folder}/pid"))
             daemon.kill()
             await self.fails(LinkError, Outcome.UNKNOWN, work)
 

@@ -61,8 +61,7 @@ class MalformedTest(ScriptCase):
         async with self.device(self.answering(reply() + reply())) as device:
             await device.fileexists("/")
             link = getattr(device, "plain", device)._link
-            while link.failure is None:
-                await asyncio.sleep(0.01)
+            await self.until(lambda: link.failure is not None)
             self.assertIn("without a request", link.failure.sentence)
 
     async def test_a_text_of_another_form(self):

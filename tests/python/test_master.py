@@ -16,11 +16,12 @@ class MasterCase(FaceCase):
 
     async def next_of(self, master, kind):
         """The next event of this kind; others in between are passed over."""
-        while True:
+        for _ in range(10000):
             event = await master.next_event(LONG)
             self.assertIsNotNone(event, kind)
             if isinstance(event, kind):
                 return event
+        return self.fail(f"no {kind}")
 
 
 @both_faces
@@ -92,8 +93,9 @@ class LifeTest(MasterCase):
             self.assertTrue(await device.fileexists("/"))
             async with self.Agent() as agent:
                 await agent.send(b"<late/>")
-                while (await self.next_of(master, Clause)).clause != b"<late/>":
-                    pass
+                for _ in range(100):
+                    if (await self.next_of(master, Clause)).clause == b"<late/>":
+                        break
             self.assertTrue(await (await self.device_of(master)).fileexists("/"))
             self.assertIsNone(daemon.process.poll())
 
@@ -231,6 +233,5 @@ class RoleTest(MasterCase):
             await master.wait_for(1, LONG)
             bridge = self.dial(master, answers=False)
             bridge.wire.send(b"<a/>" * 5000)
-            while master.dropped_events == 0:
-                await asyncio.sleep(0.01)
+            await self.until(lambda: master.dropped_events > 0)
             self.assertIsInstance(await master.next_event(LONG), (AgentConnected, Clause))

@@ -250,7 +250,11 @@ class Dialer:
         self.asked = []
         self._texts = {b"hostid": hostid, b"devicetype": b"controller", b"read": content}
         if answers:
-            threading.Thread(target=self._answer, daemon=True).start()
+            self.answer()
+
+    def answer(self):
+        """Answers from now on."""
+        threading.Thread(target=self._answer, daemon=True).start()
 
     def _answer(self):
         with contextlib.suppress(OSError, protocol.ProtocolError):

@@ -78,6 +78,8 @@ class RealTest(DaemonCase, MasterCase):
             async with self.Agent() as agent:
                 await self.fails(LocalError, NOT_SENT, agent.send(b"<a>\x02</a>"))
                 await agent.ping()
+                self.assertEqual((await self.next_of(master, Clause)).clause, b"<ping/>")
+            await self.next_of(master, AgentLost)  # or the next test's master hears of it
 
 
 @both_faces
@@ -199,6 +201,16 @@ class RoleTest(MasterCase):
                 first.close()
                 await asyncio.sleep(0.5)
                 self.assertTrue(bridge.nothing_came())
+
+    async def test_an_agent_is_named_by_a_device_that_tells_its_name_later(self):
+        async with self.Master(port=0) as master:
+            slave = self.dial(master, hostid=b"gw", answers=False)
+            self.dial(master, answers=False).wire.send(b"<early/>")
+            await asyncio.sleep(0.2)
+            slave.answer()
+            events = [await master.next_event(LONG) for _ in range(3)]
+            self.assertEqual([type(event) for event in events], [Connected, AgentConnected, Clause])
+            self.assertEqual([event.device for event in events], ["gw"] * 3)
 
     async def test_several_devices_behind_one_address(self):
         async with self.Master(port=0, shared=0.2) as master:

@@ -70,6 +70,7 @@ class _Peer:
         self.link: Optional[Link] = None
         self.further: Optional[_Further] = None
         self.connected = False
+        self.identified = io.Event()
         self.why = ""
         self.sending = io.Lock()
 
@@ -286,6 +287,10 @@ class Master:
         peer.further = None
 
     def _serve(self, peer: _Peer) -> None:
+        with self._guard:
+            slave = self._only_slave(peer)
+        if slave is not None and slave is not peer:
+            slave.identified.wait()  # so that its name stands in what is told of its agent
         pump(peer.stream, peer)
         with self._guard:
             owner = self._owner(peer)
@@ -299,6 +304,12 @@ class Master:
             self._events.put(AgentLost(owner, peer.address, peer.why))
 
     def _identify(self, peer: _Peer) -> None:
+        try:
+            self._ask_identity(peer)
+        finally:
+            peer.identified.set()
+
+    def _ask_identity(self, peer: _Peer) -> None:
         device = peer.device
         assert device is not None
         try:
@@ -325,12 +336,15 @@ class Master:
 
     # Connections turn out to be something.
 
+    def _only_slave(self, peer: _Peer) -> Optional[_Peer]:
+        """The slave connection from the same address, where there is exactly one."""
+        slaves = self._lineup.slaves_at(peer.host)
+        return self._peers.get(slaves[0]) if len(slaves) == 1 else None
+
     def _owner(self, peer: _Peer) -> str:
         """The name of the device that a further connection belongs to, where only one can be."""
-        slaves = self._lineup.slaves_at(peer.host)
-        if peer.connected or len(slaves) != 1 or slaves[0] not in self._peers:
-            return peer.name
-        return self._peers[slaves[0]].name
+        slave = self._only_slave(peer)
+        return peer.name if peer.connected or slave is None else slave.name
 
     def _spoke(self, peer: _Peer) -> None:
         with self._guard:

@@ -35,7 +35,7 @@ function(runeld_library name)
   target_include_directories(${name} PUBLIC
     "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
   target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})
-  if(RUNELD_SANITIZE)  # a fifth more to compile; the tests need a third less processor time
+  if(RUNELD_SANITIZE)  # compiles a fifth slower, and the tests take a sixth less processor time
     target_compile_options(${name} PRIVATE -O1)
   endif()
 endfunction()

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <iostream>
 
+#include <CLI/CLI.hpp>
+
 #include "client/error.h"
 #include "client/request.h"
 #include "commands/within.h"

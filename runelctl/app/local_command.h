@@ -8,10 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "commands/settings.h"
 #include "output/style.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace zell::ctl {
 

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <sstream>
 
+#include <CLI/CLI.hpp>
+
 #include "output/text.h"
 
 namespace zell::ctl {

@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "commands/job.h"
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace zell::ctl {
 

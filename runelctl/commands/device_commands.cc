@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "client/records.h"
 #include "commands/command.h"
 #include "commands/raw_text.h"

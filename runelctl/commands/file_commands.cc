@@ -7,6 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 #include "client/records.h"
 #include "commands/command.h"
 #include "commands/lists.h"

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands/lists.h"
 
+#include <CLI/CLI.hpp>
+
 namespace zell::ctl {
 
 EachPathJob::EachPathJob(JobContext context, std::vector<std::string> paths)

@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include <CLI/CLI.hpp>
+
 #include "commands/command.h"
 #include "commands/within.h"
 

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "commands/command.h"
 #include "commands/pull_job.h"
 #include "commands/push_job.h"

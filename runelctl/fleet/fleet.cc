@@ -7,6 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "fleet/waves.h"
 
 namespace zell::ctl {

@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 namespace zell::ctl {
 namespace {
 

@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
 #include "app/command_line.h"
 #include "app/local_command.h"
 #include "app/signals.h"

@@ -8,6 +8,8 @@
 
 #include <arpa/inet.h>
 
+#include <nlohmann/json.hpp>
+
 namespace zell::ctl {
 namespace {
 

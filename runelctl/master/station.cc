@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "master/access_list.h"
 
 namespace zell::ctl {

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "client/error.h"
 #include "output/style.h"
 #include "output/text.h"

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
+
 namespace zell::ctl {
 namespace {
 

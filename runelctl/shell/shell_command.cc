@@ -2,6 +2,8 @@
 // runelctl shell.
 #include <memory>
 
+#include <CLI/CLI.hpp>
+
 #include "app/local_command.h"
 #include "shell/shell.h"
 

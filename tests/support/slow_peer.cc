@@ -4,7 +4,11 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include <linux/sockios.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -17,6 +21,18 @@ namespace {
 constexpr int kReceiveBuffer = 8192;
 constexpr int kSendBuffer = 200000;
 
+constexpr int kLooks = 100000;  // at least 10 s, against a hang only
+constexpr timespec kBetweenLooks{0, 100000};
+
+// Of SIOCOUTQ or SIOCOUTQNSD.
+int bytes(int socket, unsigned long request) {
+  int count = 0;
+  if (ioctl(socket, request, &count) != 0) {
+    std::abort();
+  }
+  return count;
+}
+
 }  // namespace
 
 SlowPeer::SlowPeer(milliseconds pause)
@@ -28,6 +44,7 @@ SlowPeer::SlowPeer(milliseconds pause)
 }
 
 int SlowPeer::wait(short events, int timeout) {
+  settle();
   const milliseconds end = now_ + milliseconds(timeout);
   int answer = ready(events);
   while (answer == 0 && now_ < end) {
@@ -49,8 +66,48 @@ int SlowPeer::ready(short events) const {
 
 void SlowPeer::take() {
   taken_ += sockets_.receive(kStep);
+  settle();
   lastStep_ = now_;
   next_ += pause_;
+}
+
+std::chrono::nanoseconds SlowPeer::clock() const {
+  settle();
+  return now_;
+}
+
+void SlowPeer::fill() {
+  const std::string text(4096, 'x');
+  bool taken = true;
+  while (taken) {
+    taken = false;
+    while (send(sockets_.near(), text.data(), text.size(), MSG_DONTWAIT) > 0) {
+      taken = true;
+    }
+    settle();
+  }
+}
+
+void SlowPeer::settle() const {
+  for (int look = 0; look < kLooks; ++look) {
+    if (sockets_.far() < 0 || settled()) {
+      return;
+    }
+    (void)clock_nanosleep(CLOCK_MONOTONIC, 0, &kBetweenLooks, nullptr);
+  }
+  std::abort();
+}
+
+// Nothing is in flight, and nothing is left to send or the peer's window is closed.
+bool SlowPeer::settled() const {
+  tcp_info info{};
+  socklen_t length = sizeof info;
+  if (getsockopt(sockets_.near(), IPPROTO_TCP, TCP_INFO, &info, &length) != 0) {
+    std::abort();
+  }
+  const int unsent = bytes(sockets_.near(), SIOCOUTQNSD);
+  const bool inFlight = bytes(sockets_.near(), SIOCOUTQ) != unsent;
+  return !inFlight && (unsent == 0 || info.tcpi_snd_wnd == 0);
 }
 
 }  // namespace zell::test

@@ -12,7 +12,8 @@
 namespace zell::test {
 
 /// A TCP connection with a send buffer of fixed size. The kernel reports the near socket as
-/// writable when a third of that buffer is free. Time passes in `wait` only.
+/// writable when a third of that buffer is free. Time passes in `wait` only. Segments and
+/// acknowledgements take no simulated time: `wait` and `clock` let them arrive first.
 class SlowPeer {
  public:
   using milliseconds = std::chrono::milliseconds;
@@ -33,6 +34,14 @@ class SlowPeer {
   /// poll(2) for the near socket, in simulated time.
   int wait(short events, int timeout);
 
+  /// Fills the send buffer, and the receive buffer of the peer.
+  void fill();
+  /// The clock of the program under test.
+  [[nodiscard]] std::chrono::nanoseconds clock() const;
+  /// Waits in real time until the peer has acknowledged all that its receive buffer has room for.
+  /// The kernel delays an acknowledgement by 40 ms or more.
+  void settle() const;
+
   [[nodiscard]] const SocketPair& sockets() const { return sockets_; }
   [[nodiscard]] milliseconds now() const { return now_; }
   /// Time of the last step.
@@ -43,6 +52,7 @@ class SlowPeer {
  private:
   [[nodiscard]] bool takesOn() const { return next_ < stop_; }
   [[nodiscard]] int ready(short events) const;
+  [[nodiscard]] bool settled() const;
   void take();
 
   SocketPair sockets_;

@@ -307,7 +307,7 @@ class SlowPeerTest : public testing::Test {
 
   // Sends @p payload to @p peer in simulated time.
   bool send(SlowPeer& peer, const std::string& payload, const SendLimits& limits = {}) {
-    FakeSystem::instance().clock = [&] { return std::chrono::nanoseconds(peer.now()); };
+    FakeSystem::instance().clock = [&] { return peer.clock(); };
     calls_.poll = [&](short events, int timeout) { return peer.wait(events, timeout); };
     return sendFrame(peer.sockets().near(), {payload}, limits);
   }
@@ -374,7 +374,10 @@ TEST_F(SlowPeerTest, AStepAtTheLastMomentCounts) {
 TEST_F(SlowPeerTest, AClockThatStandsStillDelaysNothing) {
   SlowPeer peer(seconds(1));
   peer.stopAt(seconds(0));
-  FakeSystem::instance().reset();
+  FakeSystem::instance().clock = [&] {
+    peer.settle();
+    return std::chrono::nanoseconds(0);
+  };
   calls_.poll = [&](short events, int timeout) { return peer.wait(events, timeout); };
   EXPECT_FALSE(sendFrame(peer.sockets().near(), {std::string(kMiB, 'x')}));
   EXPECT_EQ(peer.now().count(), 30000);

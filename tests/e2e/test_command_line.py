@@ -29,7 +29,7 @@ class UsageTest(EndToEndCase):
     def run_binary(self, *arguments, **options):
         return subprocess.run([BINARY, *arguments], capture_output=True, timeout=60,
                               stdin=subprocess.DEVNULL, start_new_session=True, check=False,
-                              env={**os.environ, **sanitizer_options(self.folder)}, **options)
+                              env={**os.environ, **sanitizer_options(self.directory)}, **options)
 
     def assert_usage(self, status, *arguments):
         done = self.run_binary(*arguments)
@@ -59,7 +59,7 @@ class UsageTest(EndToEndCase):
     def test_usage_with_a_closed_standard_output_still_gives_the_status(self):
         done = subprocess.run([BINARY, "-h"], stdin=subprocess.DEVNULL, timeout=60, check=False,
                               stderr=subprocess.PIPE, preexec_fn=lambda: os.close(1),
-                              env={**os.environ, **sanitizer_options(self.folder)})
+                              env={**os.environ, **sanitizer_options(self.directory)})
         self.assertEqual((done.returncode, done.stderr), (0, b""))
 
 

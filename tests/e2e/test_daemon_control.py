@@ -56,7 +56,7 @@ class BackgroundTest(EndToEndCase):
         self.assert_stops(daemon)
         self.assertEqual([name for name in os.listdir("/var/run") if "runeld" in name], [])
 
-    def test_the_daemon_keeps_session_group_folder_umask_and_streams(self):
+    def test_the_daemon_keeps_session_group_directory_umask_and_streams(self):
         daemon = self.daemon(background=True, setup=lambda: (os.umask(0o037), None)[1])
         self.assertEqual(os.getsid(daemon.pid), daemon.process.pid)
         self.assertEqual(os.getpgid(daemon.pid), daemon.process.pid)
@@ -126,7 +126,7 @@ class PidFileAtStartTest(EndToEndCase):
         self.refused("(0) cannot parse pid file")
         self.assertEqual(pid_file(), "")
 
-    def test_a_folder_refuses_the_start(self):
+    def test_a_directory_refuses_the_start(self):
         os.mkdir(PID_FILE)
         self.refused("(0) cannot parse pid file")
         self.assertTrue(os.path.isdir(PID_FILE))
@@ -159,7 +159,7 @@ class PidFileAtStartTest(EndToEndCase):
         os.mkfifo(PID_FILE)
         self.refused("(0) cannot parse pid file")
 
-    def test_a_folder_that_takes_no_file_costs_the_pid_file_only(self):
+    def test_a_directory_that_takes_no_file_costs_the_pid_file_only(self):
         world.mount("-o", "remount,ro", "/run")
         self.addCleanup(world.mount, "-o", "remount,rw", "/run")
         daemon = self.daemon(background=True)

@@ -17,7 +17,7 @@ from support.leds import LedCase
 from support.logs import ERR, INFO, WARNING
 from support.sizes import sized
 from support.tenfold import PER_MIB, STALL, TENFOLD, WHOLE, take_slowly
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 from support.wire import frame, request
 
 EBUSY, ENOSPC = 16, 28
@@ -121,7 +121,7 @@ class ConnectionLimitTest(FaultCase):
         client = self.assert_serves()
         kept = self.file("kept", b"kept")
         tasks = (("read", kept), ("write", kept, "kept"), ("append", kept, ""),
-                 ("readdir", self.folder), ("exec", "/bin/true"), ("processrunning", "world"),
+                 ("readdir", self.directory), ("exec", "/bin/true"), ("processrunning", "world"),
                  ("updateumstate", "key", "x"))
         # Done once with descriptors, which the sanitizers need too when they see a type anew.
         for arguments in tasks:
@@ -266,7 +266,7 @@ class SlowReaderTest(FaultCase):
 
     def test_a_reader_that_takes_few_bytes_has_the_whole_time(self):
         daemon, client, begun = self.reader(16)
-        hang = begun + 2 * PATIENCE
+        hang = begun + 2 * TIMEOUT
         taken = take_slowly(client.socket, lambda: self.given_up() or time.monotonic() > hang)
         self.assertTrue(self.given_up())
         self.assertGreaterEqual(time.monotonic() - begun, WHOLE + 16 * PER_MIB)
@@ -277,7 +277,7 @@ class SlowReaderTest(FaultCase):
         taken = take_slowly(client.socket, lambda: time.monotonic() > begun + 1.5 * STALL)
         self.assertFalse(self.given_up())
         stopped = time.monotonic()
-        self.log.wait_for(self.GIVEN_UP, ERR, timeout=2 * PATIENCE)
+        self.log.wait_for(self.GIVEN_UP, ERR, timeout=2 * TIMEOUT)
         # The last acknowledgement may be older than the last read.
         self.assertGreaterEqual(time.monotonic() - stopped, 0.9 * STALL)
         self.assertLess(time.monotonic() - begun, WHOLE + 128 * PER_MIB)
@@ -336,7 +336,7 @@ class FileSystemTest(FaultCase):
         self.assertEqual(self.content("source"), b"source")
         self.assertEqual(client.ask("write", point, "new").fields, SUCCESS)
         self.assertEqual((self.content("point"), self.content("below")), (b"new", b"new"))
-        self.assertEqual(sorted(name for name in os.listdir(self.folder)
+        self.assertEqual(sorted(name for name in os.listdir(self.directory)
                                 if not name.startswith(("stderr.", "sanitizer."))),
                          ["below", "point", "source"])
         self.assert_stops(daemon)
@@ -553,7 +553,7 @@ class LongRunTest(FaultCase):
     BURST = 500
 
     def test_a_long_run_leaves_memory_and_descriptors_as_they_were(self):
-        daemon = self.start(environment={"ASAN_OPTIONS": f"log_path={self.folder}/sanitizer:"
+        daemon = self.start(environment={"ASAN_OPTIONS": f"log_path={self.directory}/sanitizer:"
                                          "exitcode=86:quarantine_size_mb=1"})
         warm_up = self.run_requests(20_000)
         self.assert_descriptors_as_at_start(daemon)
@@ -576,7 +576,7 @@ class LongRunTest(FaultCase):
                 open_now[client] = 0
                 client.sendall(burst)
                 started += self.BURST
-            ready, _, _ = select.select(list(open_now), [], [], PATIENCE)
+            ready, _, _ = select.select(list(open_now), [], [], TIMEOUT)
             self.assertTrue(ready, "no answers any more")
             for client in ready:
                 open_now[client] += len(client.recv(1 << 16))

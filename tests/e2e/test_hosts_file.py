@@ -190,11 +190,11 @@ class FailureTest(HostsFileCase):
                                     "No space left on device"))
         self.assertFalse(os.path.lexists(NEW))
 
-    def test_a_folder_in_the_new_files_place(self):
+    def test_a_directory_in_the_new_files_place(self):
         os.mkdir(NEW)
         self.assert_untouched((ERR, "setEtcHosts: cannot open /etc/hosts.new,Is a directory"))
 
-    def test_a_folder_in_the_files_place(self):
+    def test_a_directory_in_the_files_place(self):
         os.unlink(HOSTS)
         os.mkdir(HOSTS)
         daemon = self.daemon()

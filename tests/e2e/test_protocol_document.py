@@ -7,7 +7,7 @@ import sys
 import unittest
 
 from support.case import EndToEndCase
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 DOCS = os.path.join(os.path.dirname(__file__), "..", "..", "docs")
 DOCUMENT = os.path.join(DOCS, "protocol.md")
@@ -22,7 +22,7 @@ def blocks(kind):
 
 class ProtocolDocumentTest(EndToEndCase):
     def test_its_master_stores_a_program_and_runs_it(self):
-        code = "\n".join(blocks("python")).replace("/tmp/", self.folder + "/")
+        code = "\n".join(blocks("python")).replace("/tmp/", self.directory + "/")
         script = self.file("master.py", code.encode())
         expected, = blocks("text")
         daemon = self.daemon()
@@ -30,7 +30,7 @@ class ProtocolDocumentTest(EndToEndCase):
                                   stderr=subprocess.STDOUT, text=True)
         self.addCleanup(master.wait)
         self.addCleanup(master.kill)
-        output, _ = master.communicate(timeout=PATIENCE)
+        output, _ = master.communicate(timeout=TIMEOUT)
         self.assertEqual(output, expected)
         self.assertEqual(master.returncode, 0)
         self.assertFalse(os.path.exists(self.path("install")))
@@ -40,7 +40,7 @@ class ProtocolDocumentTest(EndToEndCase):
         daemon = self.daemon()
         program = b"#!/bin/sh\n# " + b"x" * 100_000 + b"\necho I am $0\n"
         ran = subprocess.run(["perl", EXAMPLE, self.path("hello")], input=program,
-                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=PATIENCE)
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=TIMEOUT)
         self.assertEqual((ran.stdout, ran.returncode), (f"I am {self.path('hello')}\n".encode(), 0))
         self.assertEqual(self.content("hello"), program)
         self.assert_stops(daemon)

@@ -11,7 +11,7 @@ from support.logs import ERR, INFO, WARNING
 from support.relay import NEW_AGENT, NO_PEER, NO_QUARANTINE, RelayCase, processor_seconds
 from support.sizes import sized
 from support.tenfold import STALL, TENFOLD, take_slowly
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 MIB = 1 << 20
 
@@ -41,7 +41,7 @@ class Background(threading.Thread):
         except BaseException as failure:  # handed to whoever waits
             self.failure = failure
 
-    def finish(self, timeout=2 * PATIENCE):
+    def finish(self, timeout=2 * TIMEOUT):
         self.join(timeout)
         assert not self.is_alive(), "still at work"
         if self.failure:
@@ -55,7 +55,7 @@ class StuckPeerTest(RelayCase):
         """Sends clauses without end, until the daemon drops the connection."""
         clauses = CLAUSE * 1000
         sent = 0
-        sender.socket.settimeout(PATIENCE)
+        sender.socket.settimeout(TIMEOUT)
         try:
             while True:
                 sent += sender.socket.send(clauses[sent % len(CLAUSE):])
@@ -71,7 +71,7 @@ class StuckPeerTest(RelayCase):
     def assert_stuck_peer_is_dropped(self, sender, stuck, number):
         begun = time.monotonic()
         flooding = Background(self.flood, sender)
-        self.log.wait_for(rf"write: error .* socket {number} \(.*", ERR, timeout=2 * PATIENCE)
+        self.log.wait_for(rf"write: error .* socket {number} \(.*", ERR, timeout=2 * TIMEOUT)
         self.assertGreaterEqual(time.monotonic() - begun, 29)
         self.assertEqual(self.slave.ask("fileexists", "/").fields, SUCCESS)
         flooding.finish()
@@ -106,7 +106,7 @@ class StuckPeerTest(RelayCase):
         clause = b"<a>" + b"x" * 64 * MIB + b"</a>"
         agent.send(clause)
         self.log.wait_for(rf"write: error write failed on socket {self.bridge_number} \(.*", ERR,
-                          timeout=2 * PATIENCE)
+                          timeout=2 * TIMEOUT)
         enough.set()
         slow.finish()
         self.assertGreater(len(taken), 100 * 8192)
@@ -246,9 +246,9 @@ class ManyAgentsTest(RelayCase):
         """An agent that leaves before it was bridged."""
         mark = self.log.mark()
         agent = self.arrive()
-        self.log.wait_for(NO_PEER, since=mark, timeout=2 * PATIENCE)
+        self.log.wait_for(NO_PEER, since=mark, timeout=2 * TIMEOUT)
         agent.close()
-        self.log.wait_for(DROPPED, since=mark, timeout=2 * PATIENCE)
+        self.log.wait_for(DROPPED, since=mark, timeout=2 * TIMEOUT)
 
     def test_many_with_the_master_refusing(self):
         daemon = self.daemon("-v", environment=NO_QUARANTINE)

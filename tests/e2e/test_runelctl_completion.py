@@ -10,7 +10,7 @@ import unittest
 from support.ctl import BINARY
 from support.fakes import FakeDevice
 from support.master import MasterCase
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 
 class CompletionCase(MasterCase):
@@ -31,7 +31,7 @@ class CompletionCase(MasterCase):
 
     def run_shell(self, *words):
         result = subprocess.run(words, capture_output=True, env=self.shell_environment(),
-                                cwd=self.path("files"), timeout=PATIENCE, check=False)
+                                cwd=self.path("files"), timeout=TIMEOUT, check=False)
         self.assertEqual((result.returncode, result.stderr), (0, b""), words)
         return result.stdout.decode().splitlines()
 
@@ -192,8 +192,8 @@ class Installed(MasterCase):
         self.share = self.root + "/share"
 
     def run_shell(self, *words, **env):
-        result = subprocess.run(words, capture_output=True, timeout=PATIENCE, check=False,
-                                cwd=self.folder, env=self.environment({
+        result = subprocess.run(words, capture_output=True, timeout=TIMEOUT, check=False,
+                                cwd=self.directory, env=self.environment({
                                     "PATH": self.root + "/bin:" + os.environ["PATH"],
                                     "TERM": "dumb", **env}))
         self.assertEqual((result.returncode, result.stderr), (0, b""), words)

@@ -11,7 +11,7 @@ import unittest
 from support.ctl import CtlCase, answer_each, hang, reply, say
 from support.daemon import is_instrumented
 from support.sizes import sized
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 STAT = (b"dev=1 ino=1 mode=%s nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=4096 blocks=8 "
         b"atime=1.000000000 mtime=1.000000000 ctime=1.000000000\n")
@@ -238,7 +238,7 @@ class Output(CtlCase):
         self.daemon()
         with open("/dev/full", "wb") as full:
             process = self.start("hostid", stdout=full)
-            self.assertEqual(process.wait(PATIENCE), 1)
+            self.assertEqual(process.wait(TIMEOUT), 1)
         self.assertIn(b"runelctl: standard output: No space left on device", process.stderr.read())
 
 
@@ -308,7 +308,7 @@ class GoingAndComing(CtlCase):
         thread = threading.Thread(target=supervise)
         thread.start()
         result = self.ctl("restart", "--wait")
-        thread.join(PATIENCE)
+        thread.join(TIMEOUT)
         self.assertEqual((result.status, result.err), (0, b""))
         self.assertRegex(result.text, r"^restart done: .*\(new process\)\n$")
         self.assertNotEqual(first.pid, again[0].pid)

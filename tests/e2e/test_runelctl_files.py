@@ -9,7 +9,7 @@ import threading
 import unittest
 
 from support.ctl import Between, CtlCase, only_programs, say, small_disk, snapshot
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 MIB = 1 << 20
 WHEN = 1_600_000_000_123_456_789
@@ -340,12 +340,12 @@ class Push(Transfers):
     def interrupted(self, limit, *words):
         """Sends SIGINT when @p limit bytes have gone and no more go on."""
         met = threading.Event()
-        between = Between(self, limit, lambda: (met.set(), held.wait(PATIENCE), False)[2])
+        between = Between(self, limit, lambda: (met.set(), held.wait(TIMEOUT), False)[2])
         held = threading.Event()
         process = self.start("-d", between.where, *words)
-        self.assertTrue(met.wait(PATIENCE))
+        self.assertTrue(met.wait(TIMEOUT))
         process.send_signal(signal.SIGINT)
-        status = process.wait(PATIENCE)
+        status = process.wait(TIMEOUT)
         held.set()
         return status
 
@@ -461,7 +461,7 @@ class Pull(Transfers):
             path: about for path, about in snapshot(there).items()})
         self.succeed("pull", "-r", there + "/", self.path("copy2/"))
         self.assertEqual(snapshot(self.path("copy2/there")), snapshot(there))
-        self.assertEqual(self.leftovers(self.folder), [])
+        self.assertEqual(self.leftovers(self.directory), [])
 
     def test_what_has_no_size_is_read_to_its_end(self):
         self.serve()
@@ -488,18 +488,18 @@ class Pull(Transfers):
             between = Between(self, 12 * MIB, back=True)
             self.fails(("-d", between.where, "pull", flag, there, self.path("big")), 255, "closed|reset|Broken")
             self.assertEqual(self.content("big"), b"old")
-            self.assertEqual(len(self.leftovers(self.folder)), int(expected))
+            self.assertEqual(len(self.leftovers(self.directory)), int(expected))
             result = self.succeed("--json", "pull", "--checksum", there, self.path("big"))
             self.assertEqual(result.objects[-1].get("resumed_at", 0) > 0, expected)
             self.assertEqual(self.content("big"), content)
-            self.assertEqual(self.leftovers(self.folder), [])
+            self.assertEqual(self.leftovers(self.directory), [])
 
     def test_what_is_left_of_another_file_is_not_taken_up(self):
         self.serve()
         between = Between(self, 12 * MIB, back=True)
         self.ctl("-d", between.where, "pull", self.file("device/big", noise(20 * MIB)),
                  self.path("big"))
-        self.assertEqual(len(self.leftovers(self.folder)), 1)
+        self.assertEqual(len(self.leftovers(self.directory)), 1)
         other = noise(16 * MIB, 2)
         result = self.succeed("--json", "pull", self.file("device/big", other), self.path("big"))
         self.assertNotIn("resumed_at", result.objects[-1])
@@ -523,17 +523,17 @@ class Pull(Transfers):
             between = Between(self, MIB, lambda: (change(there), True)[1], back=True)
             self.fails(("-d", between.where, "pull", there, self.path("big")), 1,
                        "big: changed while it was fetched")
-            self.assertEqual((self.content("big"), self.leftovers(self.folder)), (b"old", []))
+            self.assertEqual((self.content("big"), self.leftovers(self.directory)), (b"old", []))
 
     def test_an_interrupt_leaves_no_half_target(self):
         self.serve()
         there = self.file("device/big", noise(20 * MIB))
         met, held = threading.Event(), threading.Event()
-        between = Between(self, 5 * MIB, lambda: (met.set(), held.wait(PATIENCE), False)[2], back=True)
+        between = Between(self, 5 * MIB, lambda: (met.set(), held.wait(TIMEOUT), False)[2], back=True)
         process = self.start("-d", between.where, "pull", there, self.path("big"))
-        self.assertTrue(met.wait(PATIENCE))
+        self.assertTrue(met.wait(TIMEOUT))
         process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(PATIENCE), 130)
+        self.assertEqual(process.wait(TIMEOUT), 130)
         held.set()
         self.assertFalse(os.path.exists(self.path("big")))
 

@@ -10,7 +10,7 @@ from check_runelctl_used import Tables
 from support.ctl import BINARY, Between, reply
 from support.fakes import FakeDevice
 from support.master import MasterCase
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 MANUAL = os.path.join(os.path.dirname(__file__), "../../man/runelctl.1")
 
@@ -59,17 +59,17 @@ class Fields(MasterCase):
         self.daemon()
         path = self.file("a", b"x")
         os.symlink(path, self.path("link"))
-        with open(os.path.join(os.fsencode(self.folder), b"\xff"), "wb"):
+        with open(os.path.join(os.fsencode(self.directory), b"\xff"), "wb"):
             pass
-        self.check(self.run_json("ls", self.folder), "v", "device", "task", "entry", "name", "ok",
+        self.check(self.run_json("ls", self.directory), "v", "device", "task", "entry", "name", "ok",
                    "status")
-        self.check(self.run_json("ls", "-l", self.folder), "type", "mode", "mtime_ns")
-        self.check(self.run_json("tree", self.folder), "path", "target", "mode")
+        self.check(self.run_json("ls", "-l", self.directory), "type", "mode", "mtime_ns")
+        self.check(self.run_json("tree", self.directory), "path", "target", "mode")
         self.check(self.run_json("stat", path, "/none"), "ino", "error", "errno", "where", "retry")
         self.check(self.run_json("lstat", self.path("link")), "blksize", "ctime")
         self.check(self.run_json("cat", path), "content")
         self.check(self.run_json("df"), "free_blocks", "block_size")
-        modes = {one["mode"] for one in self.run_json("tree", self.folder)[:-1]}
+        modes = {one["mode"] for one in self.run_json("tree", self.directory)[:-1]}
         self.assertTrue(all(re.fullmatch("[0-7]{4}", mode) for mode in modes), modes)
 
     def test_of_programs_and_tasks(self):
@@ -166,9 +166,9 @@ class Readme(MasterCase):
             shown = shown.replace(f"192.0.2.1{number}", f"127.0.0.{number}")
         self.addCleanup(os.remove, "/tmp/hello.sh")
         result = subprocess.run(
-            ["bash", "-e", "-c", lines], cwd=self.folder, capture_output=True, text=True,
+            ["bash", "-e", "-c", lines], cwd=self.directory, capture_output=True, text=True,
             env=self.environment({"PATH": os.path.dirname(BINARY) + ":" + os.environ["PATH"]}),
-            timeout=PATIENCE, check=False)
+            timeout=TIMEOUT, check=False)
         summary = "runelctl: 3 devices: 3 ok, 0 failed, 0 timed out, 0 unreachable\n"
         self.assertEqual((result.returncode, result.stderr), (0, summary * 2))
         uname = subprocess.run(["uname", "-a"], capture_output=True, text=True, check=True).stdout

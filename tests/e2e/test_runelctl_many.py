@@ -8,7 +8,7 @@ import time
 import unittest
 
 from support.ctl import CtlCase, hang, reply
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 REFUSED = "127.0.0.1:9"
 
@@ -213,7 +213,7 @@ class Danger(CtlCase):
         fakes = Fakes(self)
         both = ",".join(fakes.names(2))
         for words in (("rm", "/x"), ("unlink", "/x"), ("rename", "/x", "/y"), ("mv", "/x", "/y"),
-                      ("reboot",), ("restart",), ("sync", "--delete", self.folder, "/x"), ("kill",)):
+                      ("reboot",), ("restart",), ("sync", "--delete", self.directory, "/x"), ("kill",)):
             result = self.ctl("-d", both, *words)
             self.assertEqual((result.status, result.errors), (2, [
                 f"runelctl: {words[0]} on 2 devices needs --yes"]), words)
@@ -277,9 +277,9 @@ class Shown(CtlCase):
         names = ",".join(f"127.2.0.{number}:{where}" for number in range(1, 7))
         process = self.start("-j", "2", "-d", names, "hostid")
         for _ in range(2):
-            self.assertTrue(asked.acquire(timeout=PATIENCE))
+            self.assertTrue(asked.acquire(timeout=TIMEOUT))
         process.send_signal(signal.SIGINT)
-        self.assertEqual(process.wait(PATIENCE), 130)
+        self.assertEqual(process.wait(TIMEOUT), 130)
         self.assertIn(b"6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 not tried",
                       process.stderr.read())
 

@@ -16,7 +16,7 @@ from support.ctl import reply
 from support.fakes import FakeDevice, FakeDevices
 from support.master import MasterCase
 from support.peers import MASTER_PORT
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 from support.wire import frame, record, request
 
 CHECK = b"10:fileexists 1:/"
@@ -60,7 +60,7 @@ class RealDevice(MasterCase):
         calls = [self.start("-d", "@" + self.hostid, "exec", "echo", str(number))
                  for number in range(20)]
         for number, call in enumerate(calls):
-            out, err = call.communicate(timeout=PATIENCE)
+            out, err = call.communicate(timeout=TIMEOUT)
             self.assertEqual((call.returncode, out, err), (0, b"%d\n" % number, b""))
 
     def test_a_device_that_restarts_is_lost_and_comes_back(self):
@@ -231,7 +231,7 @@ class Roles(MasterCase):
         wait_until(lambda: self.devices()["fake"]["connected_s"] >= 7, "more than 5 s pass")
         self.assertEqual(self.told("lost"), [])
         first.answer_held()
-        self.assertEqual(call.wait(PATIENCE), 0)
+        self.assertEqual(call.wait(TIMEOUT), 0)
 
     def test_a_call_that_gives_up_has_the_device_checked(self):
         self.start_master()
@@ -429,7 +429,7 @@ class Size(MasterCase):
         names = "".join(f"@{name}\n" for name in devices.names)
         patient = ("--connect-timeout", "60", "--timeout", "60")
         result = self.succeed("--json", "-j", "900", "--devices", "-", *patient, "hostid",
-                              feed=names.encode(), timeout=3 * PATIENCE)
+                              feed=names.encode(), timeout=3 * TIMEOUT)
         *answers, summary = result.objects
         self.assertEqual({"@" + answer["output"] for answer in answers},
                          {answer["device"] for answer in answers})
@@ -490,16 +490,16 @@ class ControlSocket(MasterCase):
             master = self.start("master")
             wait_until(lambda: os.path.exists(self.control), "the socket is there", pause=0)
             master.terminate()
-            self.assertEqual(master.wait(PATIENCE), 0)
+            self.assertEqual(master.wait(TIMEOUT), 0)
             self.assertFalse(os.path.exists(self.control))
 
     def as_nobody(self, code):
         """Runs @p code as another user, who may reach the socket's folder; what it prints."""
-        os.chmod(self.folder, 0o755)
+        os.chmod(self.directory, 0o755)
         script = "import os, socket, sys\n" + code
         return subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                                sys.executable, "-c", script, self.control],
-                              capture_output=True, timeout=PATIENCE, check=False)
+                              capture_output=True, timeout=TIMEOUT, check=False)
 
     CALL = """s = socket.socket(socket.AF_UNIX)
 s.connect(sys.argv[1])
@@ -515,7 +515,7 @@ print(s.makefile().read())"""
         self.assertEqual(answer.stdout.strip(), b"this master is another user's", answer.stderr)
 
     def test_a_master_of_another_user_is_not_used(self):
-        os.chmod(self.folder, 0o777)
+        os.chmod(self.directory, 0o777)
         listener = subprocess.Popen(
             ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", sys.executable, "-c",
              "import socket, sys, time\ns = socket.socket(socket.AF_UNIX)\ns.bind(sys.argv[1])\n"
@@ -529,7 +529,7 @@ print(s.makefile().read())"""
         self.assertIn("another user's", result.errors[0])
 
     def test_a_folder_that_others_may_write_to_is_refused(self):
-        os.chmod(self.folder, 0o777)
+        os.chmod(self.directory, 0o777)
         result = self.ctl("master")
         self.assertEqual(result.status, 1)
         self.assertIn("no folder of our own for a socket", result.errors[0])
@@ -642,7 +642,7 @@ print(s.makefile().read())"""
         self.assertRegex(process.stdout.readline(),
                          b": lost: the device closed the connection\n$")
         process.terminate()
-        self.assertEqual(process.wait(PATIENCE), 0)
+        self.assertEqual(process.wait(TIMEOUT), 0)
 
 
 class Agent(MasterCase):
@@ -668,7 +668,7 @@ class Agent(MasterCase):
         bridge.send(b"<answer>\xff</answer>")
         self.assertEqual(agent.stdout.readline(), b"<answer>\xff</answer>\r\n")
         agent.stdin.close()
-        self.assertEqual(agent.wait(PATIENCE), 0)
+        self.assertEqual(agent.wait(TIMEOUT), 0)
         self.assertEqual(agent.stderr.read(), b"")
 
     def test_it_listens_on_after_the_end_of_its_input(self):
@@ -679,7 +679,7 @@ class Agent(MasterCase):
         self.assertEqual(bridge.receive_bytes(len(clauses) + 20000),
                          clauses.replace(b"\n", b"\r\n"))
         bridge.send(b"<late/>")
-        out, err = agent.communicate(timeout=PATIENCE)
+        out, err = agent.communicate(timeout=TIMEOUT)
         self.assertEqual((agent.returncode, err), (0, b""))
         self.assertEqual(json.loads(out)["clause"], "<late/>")
 
@@ -699,7 +699,7 @@ class Agent(MasterCase):
         agent.stdin.write(b"\x01")
         agent.stdin.flush()
         self.assertEqual(self.device.wait(), 0)
-        self.assertEqual(agent.wait(PATIENCE), 255)
+        self.assertEqual(agent.wait(TIMEOUT), 255)
         self.assertIn(b"the device closed the connection", agent.stderr.read())
 
     def test_a_signal_ends_it(self):
@@ -708,7 +708,7 @@ class Agent(MasterCase):
         agent.stdin.flush()
         self.peer.accept()
         agent.terminate()
-        self.assertEqual(agent.wait(PATIENCE), 143)
+        self.assertEqual(agent.wait(TIMEOUT), 143)
 
     def test_it_takes_one_device_by_its_address(self):
         for words in (("-d", "@name"), ("-d", "127.0.0.1,127.0.0.2")):

@@ -9,7 +9,7 @@ import subprocess
 import unittest
 
 from support.ctl import BINARY, CtlCase
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 # Colours, cursor movements, bells and the like.
 CONTROL = re.compile(rb"\x07|\r\x1b\[\d+G|\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]")
@@ -37,10 +37,10 @@ class InPipe(CtlCase):
     def test_the_folder_holds_for_remote_paths(self):
         os.makedirs(self.path("one/two"))
         self.file("one/two/f", b"x")
-        result = self.feed("pwd", f"cd {self.folder}/one", "pwd", "cd two/../two", "ls", "cat f", "cd -",
+        result = self.feed("pwd", f"cd {self.directory}/one", "pwd", "cd two/../two", "ls", "cat f", "cd -",
                            "pwd", "cd", "pwd")
         self.assertEqual(result.text.splitlines(),
-                         ["/", f"{self.folder}/one", "f", f"x{self.folder}/one", "/"])
+                         ["/", f"{self.directory}/one", "f", f"x{self.directory}/one", "/"])
 
     def test_a_folder_that_is_none_is_refused(self):
         path = self.file("plain")
@@ -61,9 +61,9 @@ class InPipe(CtlCase):
     def test_quotes_and_backslashes_keep_words_together(self):
         name = self.path("a 'b' \"c\" #d")
         self.file("a 'b' \"c\" #d", b"found")
-        for typed in (f"cat {self.folder}/a\\ \\'b\\'\\ \\\"c\\\"\\ \\#d",
-                      f"""cat {self.folder}/"a 'b' \\"c\\" #d\"""",
-                      f"cat {self.folder}/'a '\\''b'\\'' \"c\" #d' # comment"):
+        for typed in (f"cat {self.directory}/a\\ \\'b\\'\\ \\\"c\\\"\\ \\#d",
+                      f"""cat {self.directory}/"a 'b' \\"c\\" #d\"""",
+                      f"cat {self.directory}/'a '\\''b'\\'' \"c\" #d' # comment"):
             self.assertEqual(self.feed(typed).out, b"found", (typed, name))
 
     def test_the_local_folder_can_be_changed(self):
@@ -97,7 +97,7 @@ class InPipe(CtlCase):
         process.stdin.write(b"exec echo 2\n")
         process.stdin.close()
         self.assertEqual(process.stdout.readline(), b"2\n")
-        self.assertEqual((process.wait(PATIENCE), process.stderr.read()), (0, b""))
+        self.assertEqual((process.wait(TIMEOUT), process.stderr.read()), (0, b""))
 
 
 class Terminal(CtlCase):
@@ -109,7 +109,7 @@ class Terminal(CtlCase):
         self.end, slave = pty.openpty()
         self.addCleanup(os.close, self.end)
         self.process = subprocess.Popen([BINARY, *options, "shell"], stdin=slave, stdout=slave,
-                                        stderr=slave, cwd=self.folder, start_new_session=True,
+                                        stderr=slave, cwd=self.directory, start_new_session=True,
                                         preexec_fn=self.take_terminal,
                                         env=self.environment({"TERM": "xterm"}))
         os.close(slave)
@@ -146,12 +146,12 @@ class Terminal(CtlCase):
     def leave(self):
         wait_until(lambda: self.read().endswith("> "), "the prompt is there")
         os.write(self.end, b"\x04")
-        self.assertEqual(self.process.wait(PATIENCE), 0)
+        self.assertEqual(self.process.wait(TIMEOUT), 0)
 
     def test_the_prompt_names_device_and_folder(self):
         self.open()
         self.assertIn("127.0.0.1:/> ", self.read())
-        self.type(f"cd {self.folder}\r", f"127.0.0.1:{self.folder}> ")
+        self.type(f"cd {self.directory}\r", f"127.0.0.1:{self.directory}> ")
         self.leave()
 
     def test_commands_and_options_are_completed(self):
@@ -169,7 +169,7 @@ class Terminal(CtlCase):
         self.file("some-folder/a b'c", b"odd name\n")
         self.file("some-folder/\x1b[2J", b"")
         self.open()
-        self.type(f"cd {self.folder}\r", f"{self.folder}> ")
+        self.type(f"cd {self.directory}\r", f"{self.directory}> ")
         self.type("cat som\t", "some-folder/")
         self.type("\t\r", "odd name")
         self.wait_shown("> ")

@@ -10,7 +10,7 @@ import threading
 import unittest
 
 from support.ctl import CtlCase
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 from support.wire import request
 
 
@@ -55,8 +55,8 @@ class Tasks(OneDevice):
         self.assertRegex(self.succeed("hostid").text, r"^\w+\n$")
         self.assertRegex(self.succeed("devicetype").text, r"^\w+\n$")
         self.assertRegex(self.succeed("freeblocks", "/").text, r"^\d+\n$")
-        self.assertEqual(self.succeed("realpath", self.folder + "/../").out,
-                         os.path.dirname(self.folder).encode() + b"\n")
+        self.assertEqual(self.succeed("realpath", self.directory + "/../").out,
+                         os.path.dirname(self.directory).encode() + b"\n")
         os.mkdir(self.path("d"))
         self.file("d/one")
         self.assertEqual(self.succeed("readdir", self.path("d")).out, b"StringVec 1\n3:one\n")
@@ -324,9 +324,9 @@ class ForScripts(OneDevice):
         where = self.odd_peer(never_answer)
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             process = self.start("-d", where, "exec", "sleep", "5")
-            self.assertTrue(asked.acquire(timeout=PATIENCE))
+            self.assertTrue(asked.acquire(timeout=TIMEOUT))
             process.send_signal(number)
-            self.assertEqual(process.wait(PATIENCE), 128 + number)
+            self.assertEqual(process.wait(TIMEOUT), 128 + number)
             self.assertEqual(process.stderr.read().decode(),
                              f"runelctl: {where}: given up: interrupted\n")
 

@@ -13,7 +13,7 @@ from support.case import SUCCESS, EndToEndCase
 from support.daemon import BINARY, is_instrumented
 from support.networks import inside
 from support.peers import Client, Peer
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 from support.wire import request
 
 DOCUMENT = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "security.md")
@@ -31,7 +31,7 @@ def recipe(name):
     return found[0]
 
 
-def reaches(host, address, source=None, timeout=PATIENCE):
+def reaches(host, address, source=None, timeout=TIMEOUT):
     """Whether a client on @p host has a task done at @p address."""
     with inside(host):
         connecting = socket.socket()
@@ -160,7 +160,7 @@ class FirewallTest(SecurityCase):
             before = file.read()
         self.addCleanup(self.restore, PRIVILEGED, before)
         self.assertEqual(as_user(65534, bind), "5111 5112 5113")
-        self.assertEqual(self.shell("ports").wait(PATIENCE), 0)
+        self.assertEqual(self.shell("ports").wait(TIMEOUT), 0)
         self.assertEqual(as_user(65534, bind), "5113")
 
     @staticmethod
@@ -180,7 +180,7 @@ class NamespaceTest(SecurityCase):
         master = self.master("10.111.0.1")
         self.assertEqual(master.accept().ask("fileexists", "/").fields, SUCCESS)
         os.killpg(process.pid, signal.SIGTERM)
-        self.assertEqual(process.wait(PATIENCE), 0)
+        self.assertEqual(process.wait(TIMEOUT), 0)
 
 
 class TunnelTest(SecurityCase):
@@ -197,7 +197,7 @@ class TunnelTest(SecurityCase):
         for _ in range(2):
             tunnel = start()
             slave = self.far.accept()
-            slave.socket.settimeout(PATIENCE)
+            slave.socket.settimeout(TIMEOUT)
             self.assertEqual(slave.ask("fileexists", "/").fields, SUCCESS)
             content = os.urandom(1 << 20)
             self.assertEqual(slave.ask("write", self.path("sent"), content).fields, SUCCESS)
@@ -220,7 +220,7 @@ class TunnelTest(SecurityCase):
                          self.content("client.pub"))
         config = self.file("sshd_config", f"HostKey {self.path('host')}\nUsePAM no\n"
                            f"AuthorizedKeysFile {keys}\nStrictModes no\nPidFile none\n".encode())
-        os.chmod(self.folder, 0o755)
+        os.chmod(self.directory, 0o755)
         os.makedirs("/run/sshd", exist_ok=True)
         self.run_here(["ip", "netns", "exec", "master", "/usr/sbin/sshd", "-D", "-e", "-f", config])
         self.wait_listening(22)
@@ -267,4 +267,4 @@ class MemoryTest(SecurityCase):
                 connected.sendall(request("fileexists", "/"))
                 self.assertEqual(Peer(connected).receive().fields, SUCCESS)
             os.killpg(process.pid, signal.SIGTERM)
-            self.assertEqual(process.wait(PATIENCE), 0)
+            self.assertEqual(process.wait(TIMEOUT), 0)

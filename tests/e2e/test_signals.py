@@ -128,7 +128,7 @@ class TracedLife(EndToEndCase):
         """The files are old or new, the client's new if it was told so; none was left beside one."""
         content = self.content("stored")
         self.assertIn(content, (NEW,) if self.answered else (OLD, NEW))
-        strangers = [name for name in os.listdir(self.folder)
+        strangers = [name for name in os.listdir(self.directory)
                      if name not in ("stored", "trace") and not name.startswith("stderr.")]
         self.assertEqual(strangers, [])
         self.assertIn(self.hosts(), (world.HOSTS, world.HOSTS + ENTRY))

@@ -225,7 +225,7 @@ class ProcessListTest(PortCase):
         holder = self.take_port()
         process = subprocess.Popen(
             ["chroot", root, "/runeld", "-n"], start_new_session=True, stdin=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL, env={**os.environ, **sanitizer_options(self.folder)})
+            stderr=subprocess.DEVNULL, env={**os.environ, **sanitizer_options(self.directory)})
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         self.log.wait_for(RETRY, WARNING)

@@ -67,9 +67,9 @@ class TaskCase(EndToEndCase):
 class FileTasks:
     """The fourteen tasks on files."""
 
-    def test_fileexists_answers_for_files_folders_and_what_is_missing(self):
+    def test_fileexists_answers_for_files_directories_and_what_is_missing(self):
         self.assert_answer(("fileexists", self.file("a")), SUCCESS)
-        self.assert_answer(("fileexists", self.folder), SUCCESS)
+        self.assert_answer(("fileexists", self.directory), SUCCESS)
         self.assert_answer(("fileexists", self.path("missing")), failure(ENOENT))
         os.symlink("nowhere", self.path("dangling"))
         self.assert_answer(("fileexists", self.path("dangling")), failure(ENOENT))
@@ -110,12 +110,12 @@ class FileTasks:
         self.assert_answer(("stat", self.path("missing")), failure(ENOENT), ZERO_STAT)
         self.assert_answer(("lstat", self.path("missing")), failure(ENOENT), ZERO_STAT)
 
-    def test_unlink_removes_a_file_and_no_folder(self):
+    def test_unlink_removes_a_file_and_no_directory(self):
         path = self.file("a")
         self.assert_answer(("unlink", path), SUCCESS)
         self.assertFalse(os.path.exists(path))
         self.assert_answer(("unlink", path), failure(ENOENT))
-        self.assert_answer(("unlink", self.folder), failure(EISDIR))
+        self.assert_answer(("unlink", self.directory), failure(EISDIR))
 
     def test_chmodx_adds_execute_for_everybody(self):
         path = self.file("a")
@@ -127,7 +127,7 @@ class FileTasks:
     def test_realpath_resolves_links_and_dots(self):
         path = self.file("a")
         os.symlink(path, self.path("link"))
-        self.assert_answer(("realpath", self.folder + "/.././" + os.path.basename(self.folder) +
+        self.assert_answer(("realpath", self.directory + "/.././" + os.path.basename(self.directory) +
                             "//link"), SUCCESS, os.path.realpath(path).encode())
         self.assert_answer(("realpath", self.path("missing")), failure(ENOENT))
 
@@ -141,14 +141,14 @@ class FileTasks:
         self.assert_answer(("rename", self.path("b"), "/dev/shm/b"), failure(EXDEV))
 
     def test_readdir_lists_by_byte_value_without_the_dots(self):
-        os.mkdir(self.path("folder"))
-        self.assert_answer(("readdir", self.path("folder")), SUCCESS, b"StringVec 0\n")
+        os.mkdir(self.path("directory"))
+        self.assert_answer(("readdir", self.path("directory")), SUCCESS, b"StringVec 0\n")
         names = [b"Z", b"a", b"B.txt", b".hidden", b"\xff\x01", b"new\nline", b"10", b"9"]
         for name in names:
-            with open(os.path.join(self.path("folder").encode(), name), "wb"):
+            with open(os.path.join(self.path("directory").encode(), name), "wb"):
                 pass
         listing = b"".join(b"%d:%s\n" % (len(name), name) for name in sorted(names))
-        self.assert_answer(("readdir", self.path("folder")), SUCCESS, b"StringVec 8\n" + listing)
+        self.assert_answer(("readdir", self.path("directory")), SUCCESS, b"StringVec 8\n" + listing)
         self.assert_answer(("readdir", self.path("missing")), failure(ENOENT), b"StringVec 0\n")
         self.assert_answer(("readdir", self.file("f")), failure(ENOTDIR), b"StringVec 0\n")
 
@@ -157,7 +157,7 @@ class FileTasks:
         self.assert_answer(("read", self.file("a", content)), SUCCESS, content)
         self.assert_answer(("read", self.file("empty")), SUCCESS)
         self.assert_answer(("read", self.path("missing")), failure(ENOENT))
-        self.assert_answer(("read", self.folder), failure(EISDIR))
+        self.assert_answer(("read", self.directory), failure(EISDIR))
 
     def test_read_goes_to_the_end_whatever_size_stat_gives(self):
         with open("/proc/cpuinfo", "rb") as file:
@@ -179,7 +179,7 @@ class FileTasks:
         self.assertEqual(self.content("a"), content)
         about = os.stat(path)
         self.assertEqual((stat.S_IMODE(about.st_mode), about.st_uid, about.st_gid), (0o751, 12, 34))
-        self.assertEqual(os.listdir(self.folder).count("a"), 1)
+        self.assertEqual(os.listdir(self.directory).count("a"), 1)
 
     def test_write_makes_a_new_file_and_an_empty_one(self):
         self.assert_answer(("write", self.path("new"), "text"), SUCCESS)
@@ -215,9 +215,9 @@ class FileTasks:
         self.assertEqual(os.read(reader, 100), b"through")
 
     def test_failed_writes_leave_nothing_behind(self):
-        self.assert_answer(("write", self.folder, "x"), failure(EISDIR))
+        self.assert_answer(("write", self.directory, "x"), failure(EISDIR))
         self.assert_answer(("write", self.path("no/such"), "x"), failure(ENOENT))
-        self.assertEqual([name for name in os.listdir(self.folder)
+        self.assertEqual([name for name in os.listdir(self.directory)
                           if not name.startswith(("stderr.", "sanitizer."))], [])
 
     def test_append_adds_at_the_end_and_makes_the_file(self):
@@ -227,9 +227,9 @@ class FileTasks:
         self.assert_answer(("append", path, ""), SUCCESS)
         self.assertEqual(self.content("log"), b"ab\0\xff")
         self.assert_answer(("append", self.path("no/such"), "x"), failure(ENOENT))
-        self.assert_answer(("append", self.folder, "x"), failure(EISDIR))
+        self.assert_answer(("append", self.directory, "x"), failure(EISDIR))
 
-    def test_walktree_prints_a_folder_before_its_sorted_entries(self):
+    def test_walktree_prints_a_directory_before_its_sorted_entries(self):
         tree = self.path("tree")
         os.makedirs(tree + "/b/c")
         self.file("tree/a", b"123")
@@ -242,12 +242,12 @@ class FileTasks:
             os.utime(os.path.join(tree, path), (1, 1_000_000_000), follow_symlinks=False)
         umask = os.umask(0)
         os.umask(umask)
-        folder, file = f"{0o777 & ~umask:04o}", f"{0o666 & ~umask:04o}"
+        directory, file = f"{0o777 & ~umask:04o}", f"{0o666 & ~umask:04o}"
         expected = "".join(f"{line}\n" for line in (
-            f"d {folder} 0 0 0 1000000000 .",
+            f"d {directory} 0 0 0 1000000000 .",
             "- 4640 0 0 3 1000000000 a",
-            f"d {folder} 0 0 0 1000000000 b",
-            f"d {folder} 0 0 0 1000000000 b/c",
+            f"d {directory} 0 0 0 1000000000 b",
+            f"d {directory} 0 0 0 1000000000 b/c",
             f"p {file} 0 0 0 1000000000 b/pipe",
             f"- {file} 0 0 1 1000000000 b.txt",
             f"- {file} 0 0 0 1000000000 bell\\x07",
@@ -315,7 +315,7 @@ class ProgramTasks:
         self.assert_answer(("exec", "/no/such"), failure(ENOENT))
         self.assert_answer(("exec", "no-such-program"), failure(ENOENT))
         self.assert_answer(("exec", ""), failure(ENOENT))
-        self.assert_answer(("exec", self.folder), failure(EACCES))
+        self.assert_answer(("exec", self.directory), failure(EACCES))
         plain = self.file("plain", b"\x7fnonsense")
         self.assert_answer(("exec", plain), failure(EACCES))
         os.chmod(plain, 0o755)
@@ -328,7 +328,7 @@ class ProgramTasks:
         reply = self.peer.ask(*self.shell("readlink /proc/self/fd/0; ls /proc/self/fd | wc -l; "
                                           "grep -E 'Sig(Blk|Ign)' /proc/self/status; pwd"))
         self.assertEqual(reply.fields, (0, 2, 0, 0, 0))
-        # 0, 1, 2 and the one that ls reads the folder through.
+        # 0, 1, 2 and the one that ls reads the directory through.
         self.assertEqual(reply.output, b"/dev/null\n4\nSigBlk:\t0000000000000000\n"
                                        b"SigIgn:\t0000000000000000\n/\n")
         reply = self.peer.ask(*self.shell("cut -d' ' -f1,5 /proc/$$/stat"))
@@ -442,7 +442,7 @@ class DeviceTasks:
     """Identity, LEDs and the update manager's state."""
 
     def leds(self, *names):
-        """Gives the device LEDs, each a folder with trigger, max_brightness and brightness."""
+        """Gives the device LEDs, each a directory with trigger, max_brightness and brightness."""
         world.mount("-t", "tmpfs", "tmpfs", "/sys/class")
         self.addCleanup(world.unmount, "/sys/class")
         for name in names:

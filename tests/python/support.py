@@ -166,9 +166,9 @@ class DaemonCase(FaceCase):
         cls.addClassCleanup(daemon.close)
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.path = lambda name: os.path.join(folder.name, name)
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.path = lambda name: os.path.join(directory.name, name)
 
     def file(self, name, content=b""):
         with open(self.path(name), "wb") as file:

@@ -223,9 +223,9 @@ class EndTest(FaceCase):
     """Tasks that end the daemon."""
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = directory.name
 
     def daemon(self, *wrapper):
         daemon = Daemon(*wrapper)
@@ -254,10 +254,10 @@ class EndTest(FaceCase):
 
     async def test_the_daemon_dies_while_it_works(self):
         daemon = self.daemon()
-        script = f"echo $$ >{self.folder}/pid; exec sleep 60"
+        script = f"echo $$ >{self.directory}/pid; exec sleep 60"
         async with self.Device(ADDRESS) as device:
             work = asyncio.ensure_future(device.exec(["/bin/sh", "-c", script], limit=60))
-            await self.until(lambda: os.path.exists(f"{self.folder}/pid"))
+            await self.until(lambda: os.path.exists(f"{self.directory}/pid"))
             daemon.kill()
             await self.fails(LinkError, Outcome.UNKNOWN, work)
 

@@ -74,10 +74,10 @@ class ExampleTest(DaemonCase):
 
 class PackageTest(unittest.TestCase):
     def sources(self):
-        for folder, _, names in os.walk(os.path.join(PACKAGE, "../..")):
+        for directory, _, names in os.walk(os.path.join(PACKAGE, "../..")):
             for name in names:
                 if name.endswith(".py"):
-                    with open(os.path.join(folder, name), encoding="utf-8") as file:
+                    with open(os.path.join(directory, name), encoding="utf-8") as file:
                         yield name, file.read()
 
     def test_the_syntax_is_that_of_python_3_9(self):
@@ -122,16 +122,16 @@ class InstallTest(unittest.TestCase):
     USE = "import sys; sys.path.insert(0, sys.argv[1]); import runel; print(len(runel.TASKS))"
 
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = directory.name
         root = os.path.join(PACKAGE, "../..")
         sys.path.insert(0, root)
         self.addCleanup(sys.path.remove, root)
         self.backend = importlib.import_module("build_backend")
 
     def test_the_wheel(self):
-        wheel = os.path.join(self.folder, self.backend.build_wheel(self.folder))
+        wheel = os.path.join(self.directory, self.backend.build_wheel(self.directory))
         done = subprocess.run([sys.executable, "-I", "-c", self.USE, wheel], check=True,
                               capture_output=True, text=True)
         self.assertEqual(done.stdout, "25\n")
@@ -141,8 +141,8 @@ class InstallTest(unittest.TestCase):
             self.assertEqual([line.split(",")[0] for line in record], archive.namelist())
 
     def test_the_source_archive(self):
-        name = self.backend.build_sdist(self.folder)
-        with tarfile.open(os.path.join(self.folder, name)) as archive:
+        name = self.backend.build_sdist(self.directory)
+        with tarfile.open(os.path.join(self.directory, name)) as archive:
             names = archive.getnames()
         for wanted in ("PKG-INFO", "build_backend.py", "src/runel/__init__.py", "src/runel/py.typed"):
             self.assertIn(f"runel-1.0.0/{wanted}", names)

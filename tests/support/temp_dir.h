@@ -6,7 +6,7 @@
 
 namespace zell::test {
 
-/// A folder of its own below the system's temporary folder, removed with all that is in it.
+/// A directory of its own below the system's temporary directory, removed with all that is in it.
 class TempDir {
  public:
   TempDir();
@@ -15,7 +15,7 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  /// The path of @p name in the folder.
+  /// The path of @p name in the directory.
   [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }
   /// Makes the file @p name with @p content and answers its path.
   std::string write(const std::string& name, const std::string& content) const;

@@ -27,8 +27,8 @@ std::string file(const std::string& name) {
   return "/fake/" + name;
 }
 
-std::string makeFolder(const std::string& name, const std::vector<std::string>& names) {
-  device().folders[file(name)] = names;
+std::string makeDirectory(const std::string& name, const std::vector<std::string>& names) {
+  device().directories[file(name)] = names;
   return file(name);
 }
 

@@ -4,31 +4,31 @@
 #include <sys/stat.h>
 
 #include "contract/device/room.h"
-#include "contract/linux/led_folders.h"
+#include "contract/linux/led_directories.h"
 #include "support/temp_dir.h"
 
 namespace zell::test::room {
 namespace {
 
-std::unique_ptr<TempDir> g_folder;
-std::unique_ptr<LedFolders> g_leds;
+std::unique_ptr<TempDir> g_directory;
+std::unique_ptr<LedDirectories> g_leds;
 
 }  // namespace
 
 void reset() {
-  g_folder = std::make_unique<TempDir>();
+  g_directory = std::make_unique<TempDir>();
   g_leds.reset();  // the old ones must go before the new ones can be made
-  g_leds = std::make_unique<LedFolders>();
+  g_leds = std::make_unique<LedDirectories>();
 }
 
 std::string file(const std::string& name) {
-  return g_folder->file(name);
+  return g_directory->file(name);
 }
 
-std::string makeFolder(const std::string& name, const std::vector<std::string>& names) {
+std::string makeDirectory(const std::string& name, const std::vector<std::string>& names) {
   mkdir(file(name).c_str(), 0755);
   for (const std::string& entry : names) {
-    g_folder->write(name + "/" + entry, "");
+    g_directory->write(name + "/" + entry, "");
   }
   return file(name);
 }

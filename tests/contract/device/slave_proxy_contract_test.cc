@@ -148,22 +148,22 @@ TEST_F(SlaveProxyContract, RenamesAndUnlinks) {
   EXPECT_FALSE(proxy_->fileExists(room::file("b")));
 }
 
-TEST_F(SlaveProxyContract, ListsAFolderByByteValueBehindWhatIsInTheList) {
+TEST_F(SlaveProxyContract, ListsADirectoryByByteValueBehindWhatIsInTheList) {
   std::vector<std::string> entries{"before"};
-  EXPECT_TRUE(proxy_->readDir(room::makeFolder("folder", {"b", "B", "a"}), entries));
+  EXPECT_TRUE(proxy_->readDir(room::makeDirectory("directory", {"b", "B", "a"}), entries));
   EXPECT_EQ(entries, (std::vector<std::string>{"before", "B", "a", "b"}));
   EXPECT_EQ(fields(*proxy_), kSuccess);
 }
 
-TEST_F(SlaveProxyContract, LeavesTheListOfAMissingFolderAlone) {
+TEST_F(SlaveProxyContract, LeavesTheListOfAMissingDirectoryAlone) {
   std::vector<std::string> entries{"before"};
   EXPECT_FALSE(proxy_->readDir(room::file("none"), entries));
   EXPECT_EQ(entries, (std::vector<std::string>{"before"}));
   EXPECT_EQ(fields(*proxy_), kNoSuchFile);
 }
 
-TEST_F(SlaveProxyContract, HasNoWalkerForAMissingFolder) {
-  EXPECT_NE(proxy_->walkTree(room::makeFolder("folder", {})), nullptr);
+TEST_F(SlaveProxyContract, HasNoWalkerForAMissingDirectory) {
+  EXPECT_NE(proxy_->walkTree(room::makeDirectory("directory", {})), nullptr);
   EXPECT_EQ(fields(*proxy_), kSuccess);
   EXPECT_EQ(proxy_->walkTree(room::file("none")), nullptr);
   EXPECT_EQ(fields(*proxy_), kNoSuchFile);

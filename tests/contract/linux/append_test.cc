@@ -53,10 +53,10 @@ TEST_F(AppendTest, SyncsBeforeItReturns) {
   EXPECT_EQ(spy.calls(), (Names{"write", "fsync file"}));
 }
 
-TEST_F(AppendTest, SyncsTheFolderOfANewFile) {
+TEST_F(AppendTest, SyncsTheDirectoryOfANewFile) {
   SpiedCalls spy;
   EXPECT_EQ(append(dir_.file("a"), "x"), kSuccess);
-  EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "fsync folder"}));
+  EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "fsync directory"}));
 }
 
 TEST_F(AppendTest, CutsBackWhatDidNotFit) {
@@ -86,7 +86,7 @@ TEST_F(AppendTest, CutsBackWhatCouldNotBeSynced) {
 
 TEST_F(AppendTest, MakesNoFileWhoseNameCouldNotBeSynced) {
   SpiedCalls spy;
-  spy.fail("fsync folder", EIO);
+  spy.fail("fsync directory", EIO);
   EXPECT_EQ(append(dir_.file("a"), "new"), failureWith(EIO));
   EXPECT_FALSE(proxy_.fileExists(dir_.file("a")));
 }

@@ -74,10 +74,10 @@ TEST_F(DeviceTest, FindsAProcessByAnyOfItsNames) {
 }
 
 TEST_F(DeviceTest, FindsNoProcessByAPartOfAName) {
-  const Sleeper sleeper("/opt/folder/odd-name");
+  const Sleeper sleeper("/opt/directory/odd-name");
   const std::string none = failureWith(ESRCH);
-  for (const char* name : {"odd", "odd-nam", "name", "folder/odd-name", "folder", "slee", "1000",
-                           "sleep\n", "sleepy", "Sleep", "", "odd-name 1000"}) {
+  for (const char* name : {"odd", "odd-nam", "name", "directory/odd-name", "directory", "slee",
+                           "1000", "sleep\n", "sleepy", "Sleep", "", "odd-name 1000"}) {
     EXPECT_EQ(running(name), none) << name;
   }
   EXPECT_EQ(running(std::string("sleep\0", 6)), failureWith(EINVAL));
@@ -117,7 +117,7 @@ TEST_F(DeviceTest, CannotFindAProcessWhereTheyAreNotListed) {
 
 // What the kernel shows of one process that the tests cannot have at will.
 struct ShownProcess {
-  const char* folder;
+  const char* directory;
   std::string comm;
   std::string commandLine;
   std::string stat;
@@ -145,13 +145,13 @@ TEST_F(DeviceTest, FindsAProcessByWhatTheKernelShowsOfIt) {
   };
   for (const ShownProcess& process : shown) {
     const Mount proc = Mount::memory("/proc");
-    const std::string folder = std::string("/proc/") + process.folder;
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder + "/comm") << process.comm;
-    std::ofstream(folder + "/cmdline") << process.commandLine;
-    std::ofstream(folder + "/stat") << process.stat;
+    const std::string directory = std::string("/proc/") + process.directory;
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory + "/comm") << process.comm;
+    std::ofstream(directory + "/cmdline") << process.commandLine;
+    std::ofstream(directory + "/stat") << process.stat;
     EXPECT_EQ(running("wanted"), process.found ? kSuccess : failureWith(ESRCH))
-        << folder << " " << process.comm << " " << process.commandLine << " " << process.stat;
+        << directory << " " << process.comm << " " << process.commandLine << " " << process.stat;
   }
 }
 
@@ -190,7 +190,7 @@ TEST_F(DeviceTest, KnowsItsTypeByWhatDescribesTheHardware) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(DeviceTest, MakesTheFolderOfTheStates) {
+TEST_F(DeviceTest, MakesTheDirectoryOfTheStates) {
   std::filesystem::remove_all("/var/lib/runeld");
   const mode_t before = umask(077);
   EXPECT_EQ(store("first", "state"), kSuccess);
@@ -200,12 +200,12 @@ TEST_F(DeviceTest, MakesTheFolderOfTheStates) {
   EXPECT_EQ(statusOf(kStore).st_mode, S_IFDIR | 0755U);
 }
 
-TEST_F(DeviceTest, HasTheFolderOfTheStatesOnDiskToo) {
+TEST_F(DeviceTest, HasTheDirectoryOfTheStatesOnDiskToo) {
   std::filesystem::remove_all("/var/lib/runeld");
   SpiedCalls spy;
   EXPECT_EQ(store("first", "state"), kSuccess);
-  EXPECT_EQ(spy.calls(), (std::vector<std::string>{"fsync folder", "fsync folder", "write",
-                                                   "fsync file", "renameat", "fsync folder"}));
+  EXPECT_EQ(spy.calls(), (std::vector<std::string>{"fsync directory", "fsync directory", "write",
+                                                   "fsync file", "renameat", "fsync directory"}));
 }
 
 TEST_F(DeviceTest, ReplacesAStateDurably) {
@@ -213,7 +213,7 @@ TEST_F(DeviceTest, ReplacesAStateDurably) {
   SpiedCalls spy;
   EXPECT_EQ(store("key", "new"), kSuccess);
   EXPECT_EQ(spy.calls(), (std::vector<std::string>{"fchown", "fchmod", "write", "fsync file",
-                                                   "renameat", "fsync folder"}));
+                                                   "renameat", "fsync directory"}));
   EXPECT_EQ(contentOf(std::string(kStore) + "/key"), "new");
 }
 
@@ -237,7 +237,7 @@ TEST_F(DeviceTest, RefusesOtherKeys) {
   EXPECT_FALSE(std::filesystem::exists("/var/lib/runeld"));
 }
 
-TEST_F(DeviceTest, FailsToStoreWhereTheFolderCannotBeMade) {
+TEST_F(DeviceTest, FailsToStoreWhereTheDirectoryCannotBeMade) {
   std::filesystem::remove_all("/var/lib/runeld");
   std::ofstream("/var/lib/runeld") << "in the way";
   EXPECT_EQ(store("key", "state"), failureWith(ENOTDIR));

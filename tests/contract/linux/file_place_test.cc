@@ -20,7 +20,7 @@ class FilePlaceTest : public ProxyTest {
   }
 };
 
-TEST_F(FilePlaceTest, IsNoneForAPathThatEndsInAFolder) {
+TEST_F(FilePlaceTest, IsNoneForAPathThatEndsInADirectory) {
   mkdir(dir_.file("below").c_str(), 0755);
   for (const std::string& path : {std::string("/"), dir_.path() + "/", dir_.path() + "/.",
                                   dir_.file("below/.."), std::string("."), std::string("..")}) {
@@ -49,7 +49,7 @@ TEST_F(FilePlaceTest, IsNoneForACircleOfLinks) {
   EXPECT_EQ(find(dir_.file("circle")), ELOOP);
 }
 
-TEST_F(FilePlaceTest, IsInTheTopmostFolderForAPathWithOneSlash) {
+TEST_F(FilePlaceTest, IsInTheTopmostDirectoryForAPathWithOneSlash) {
   FilePlace place;
   ASSERT_EQ(findPlace("/none-of-this-name", place), 0);
   EXPECT_EQ(place.name, "none-of-this-name");

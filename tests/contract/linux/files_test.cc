@@ -62,7 +62,7 @@ TEST_F(FilesTest, ChmodxAddsExecutePermissionForAll) {
   EXPECT_EQ(statusOf(path).st_mode, S_IFREG | 04751U);
 }
 
-TEST_F(FilesTest, UnlinkRemovesALinkAndNoFolder) {
+TEST_F(FilesTest, UnlinkRemovesALinkAndNoDirectory) {
   dir_.write("a", "");
   ASSERT_EQ(symlink("a", dir_.file("link").c_str()), 0);
   EXPECT_TRUE(proxy_.unlink(dir_.file("link")));
@@ -111,7 +111,7 @@ TEST_F(FilesTest, ReadDirListsManyEntries) {
   EXPECT_EQ(names, expected);
 }
 
-TEST_F(FilesTest, ReadDirListsAnEmptyFolderAndNoFile) {
+TEST_F(FilesTest, ReadDirListsAnEmptyDirectoryAndNoFile) {
   Names names;
   EXPECT_TRUE(proxy_.readDir(dir_.path(), names));
   EXPECT_EQ(names, Names{});
@@ -119,7 +119,7 @@ TEST_F(FilesTest, ReadDirListsAnEmptyFolderAndNoFile) {
   EXPECT_EQ(statusText(), failureWith(ENOTDIR));
 }
 
-TEST_F(FilesTest, ReadDirFailsWhereTheFolderCannotBeRead) {
+TEST_F(FilesTest, ReadDirFailsWhereTheDirectoryCannotBeRead) {
   dir_.write("a", "");
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_getdents64, EIO);

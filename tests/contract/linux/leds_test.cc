@@ -9,7 +9,7 @@
 
 #include <zell/led_control.h>
 
-#include "contract/linux/led_folders.h"
+#include "contract/linux/led_directories.h"
 #include "contract/linux/proxy_test.h"
 #include "fakes/system/fake_system.h"
 
@@ -35,7 +35,7 @@ class LedsTest : public ProxyTest {
   static std::string after(milliseconds time) {
     FakeSystem::instance().now += time;
     leds().poll();
-    return LedFolders::shown();
+    return LedDirectories::shown();
   }
 
   std::string change(bool first, bool second) {
@@ -43,63 +43,63 @@ class LedsTest : public ProxyTest {
     return fields(proxy_);
   }
 
-  LedFolders folders_;
+  LedDirectories directories_;
 };
 
 TEST_F(LedsTest, AreSwitchedOneByOne) {
   EXPECT_EQ(change(true, false), kSuccess);
-  EXPECT_EQ(LedFolders::shown(), "255 0");
+  EXPECT_EQ(LedDirectories::shown(), "255 0");
   EXPECT_EQ(change(false, true), kSuccess);
-  EXPECT_EQ(LedFolders::shown(), "0 255");
+  EXPECT_EQ(LedDirectories::shown(), "0 255");
   EXPECT_EQ(change(true, true), kSuccess);
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
 }
 
 TEST_F(LedsTest, ShineWithTheirOwnFullBrightness) {
-  std::ofstream(LedFolders::first("max_brightness")) << "7\n";
-  std::filesystem::remove(LedFolders::second("max_brightness"));
+  std::ofstream(LedDirectories::first("max_brightness")) << "7\n";
+  std::filesystem::remove(LedDirectories::second("max_brightness"));
   EXPECT_EQ(change(true, true), kSuccess);
-  EXPECT_EQ(LedFolders::shown(), "7 1");
+  EXPECT_EQ(LedDirectories::shown(), "7 1");
 }
 
 TEST_F(LedsTest, ShineWithOneWhereTheirFullBrightnessIsNoNumber) {
-  std::ofstream(LedFolders::first("max_brightness")) << "";
-  std::ofstream(LedFolders::second("max_brightness")) << "much";
+  std::ofstream(LedDirectories::first("max_brightness")) << "";
+  std::ofstream(LedDirectories::second("max_brightness")) << "much";
   EXPECT_EQ(change(true, true), kSuccess);
-  EXPECT_EQ(LedFolders::shown(), "1 1");
+  EXPECT_EQ(LedDirectories::shown(), "1 1");
 }
 
 TEST_F(LedsTest, AreTakenFromTheirTrigger) {
-  std::ofstream(LedFolders::first("trigger")) << "[heartbeat] none";
+  std::ofstream(LedDirectories::first("trigger")) << "[heartbeat] none";
   EXPECT_EQ(change(true, true), kSuccess);
-  EXPECT_EQ(contentOf(LedFolders::first("trigger")), "none");
-  EXPECT_FALSE(std::filesystem::exists(LedFolders::second("trigger")));
+  EXPECT_EQ(contentOf(LedDirectories::first("trigger")), "none");
+  EXPECT_FALSE(std::filesystem::exists(LedDirectories::second("trigger")));
 }
 
 TEST_F(LedsTest, AreBothTriedAndTheFirstErrorTold) {
-  std::filesystem::remove_all(LedFolders::first(""));
+  std::filesystem::remove_all(LedDirectories::first(""));
   EXPECT_EQ(change(true, true), failureWith(ENOENT));
-  EXPECT_EQ(contentOf(LedFolders::second("brightness")), "255");
-  std::filesystem::remove(LedFolders::second("brightness"));
-  std::filesystem::create_directory(LedFolders::second("brightness"));
+  EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "255");
+  std::filesystem::remove(LedDirectories::second("brightness"));
+  std::filesystem::create_directory(LedDirectories::second("brightness"));
   EXPECT_EQ(change(true, true), failureWith(ENOENT));
 }
 
 TEST_F(LedsTest, TellTheErrorOfTheSecond) {
-  std::filesystem::remove(LedFolders::second("brightness"));
-  std::filesystem::create_directory(LedFolders::second("brightness"));
+  std::filesystem::remove(LedDirectories::second("brightness"));
+  std::filesystem::create_directory(LedDirectories::second("brightness"));
   EXPECT_EQ(change(true, true), failureWith(EISDIR));
-  EXPECT_EQ(contentOf(LedFolders::first("brightness")), "255");
+  EXPECT_EQ(contentOf(LedDirectories::first("brightness")), "255");
 }
 
 TEST_F(LedsTest, TellTheErrorOfATrigger) {
-  std::filesystem::create_directory(LedFolders::first("trigger"));
+  std::filesystem::create_directory(LedDirectories::first("trigger"));
   EXPECT_EQ(change(true, true), failureWith(EISDIR));
 }
 
 TEST_F(LedsTest, BlinkSlowly) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_EQ(after(milliseconds(499)), kLit);
   EXPECT_EQ(after(milliseconds(1)), kDark);
   EXPECT_EQ(after(milliseconds(499)), kDark);
@@ -108,7 +108,7 @@ TEST_F(LedsTest, BlinkSlowly) {
 
 TEST_F(LedsTest, BlinkFast) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::fast));
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_EQ(after(milliseconds(124)), kLit);
   EXPECT_EQ(after(milliseconds(1)), kDark);
   EXPECT_EQ(after(milliseconds(124)), kDark);
@@ -117,7 +117,7 @@ TEST_F(LedsTest, BlinkFast) {
 
 TEST_F(LedsTest, BlinkInTurn) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::alternate));
-  EXPECT_EQ(LedFolders::shown(), "255 0");
+  EXPECT_EQ(LedDirectories::shown(), "255 0");
   EXPECT_EQ(after(milliseconds(499)), "255 0");
   EXPECT_EQ(after(milliseconds(1)), "0 255");
   EXPECT_EQ(after(milliseconds(500)), "255 0");
@@ -125,10 +125,10 @@ TEST_F(LedsTest, BlinkInTurn) {
 
 TEST_F(LedsTest, ShineAndRestWithoutEnd) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::on));
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_EQ(after(std::chrono::hours(1)), kLit);
   EXPECT_TRUE(leds().blinkLeds(LedStyle::off));
-  EXPECT_EQ(LedFolders::shown(), kDark);
+  EXPECT_EQ(LedDirectories::shown(), kDark);
   EXPECT_EQ(after(std::chrono::hours(1)), kDark);
 }
 
@@ -149,7 +149,7 @@ TEST_F(LedsTest, LeaveOutThePhasesOfALongTask) {
 
 TEST_F(LedsTest, AreNotTouchedBetweenTwoPhases) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
-  std::ofstream(LedFolders::first("brightness")) << "as it was";
+  std::ofstream(LedDirectories::first("brightness")) << "as it was";
   EXPECT_EQ(after(milliseconds(499)), "as it was 255");
 }
 
@@ -164,7 +164,7 @@ TEST_F(LedsTest, BeginAnewWithANewStyle) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
   EXPECT_EQ(after(milliseconds(500)), kDark);
   EXPECT_TRUE(leds().blinkLeds(LedStyle::fast));
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_EQ(after(milliseconds(125)), kDark);
 }
 
@@ -185,25 +185,25 @@ TEST_F(LedsTest, StopBlinkingWhenTheyAreSwitchedThroughAnotherProxy) {
 TEST_F(LedsTest, TellEveryProxyThatTheyCannotBeSet) {
   SlaveProxyLocal newer;
   leds().initialize(&newer);
-  std::filesystem::remove_all(LedFolders::first(""));
+  std::filesystem::remove_all(LedDirectories::first(""));
   EXPECT_FALSE(leds().blinkLeds(LedStyle::slow));
   EXPECT_EQ(fields(proxy_), failureWith(ENOENT));
   EXPECT_EQ(fields(newer), failureWith(ENOENT));
 }
 
 TEST_F(LedsTest, BlinkOnOneWhereTheOtherIsMissing) {
-  std::filesystem::remove_all(LedFolders::first(""));
+  std::filesystem::remove_all(LedDirectories::first(""));
   EXPECT_FALSE(leds().blinkLeds(LedStyle::slow));
-  EXPECT_EQ(contentOf(LedFolders::second("brightness")), "255");
+  EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "255");
   FakeSystem::instance().now += milliseconds(500);
   leds().poll();
-  EXPECT_EQ(contentOf(LedFolders::second("brightness")), "0");
+  EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "0");
 }
 
 TEST_F(LedsTest, LeaveTheStatusAloneWhileTheyBlink) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::fast));
   (void)proxy_.fileExists("/no/such/file");
-  std::filesystem::remove_all(LedFolders::first(""));
+  std::filesystem::remove_all(LedDirectories::first(""));
   FakeSystem::instance().now += milliseconds(125);
   leds().poll();
   EXPECT_EQ(fields(proxy_), failureWith(ENOENT));
@@ -229,7 +229,7 @@ TEST_F(LedsTest, IgnoreAProxyThatIsNone) {
 }
 
 TEST(LedsWithoutProxyTest, StayAsTheyAre) {
-  const LedFolders folders;
+  const LedDirectories directories;
   LedControl& leds = LedControl::instance();
   FakeSystem::instance().reset();
   {
@@ -239,9 +239,9 @@ TEST(LedsWithoutProxyTest, StayAsTheyAre) {
   }
   FakeSystem::instance().now += milliseconds(500);
   leds.poll();
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_FALSE(leds.blinkLeds(LedStyle::off));
-  EXPECT_EQ(LedFolders::shown(), kLit);
+  EXPECT_EQ(LedDirectories::shown(), kLit);
 }
 
 }  // namespace

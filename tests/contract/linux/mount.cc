@@ -16,7 +16,8 @@ void require(int result, const std::string& target) {
   }
 }
 
-// Everything in this folder's tests mounts, signals or rewrites; none of it may touch the machine.
+// Everything in this directory's tests mounts, signals or rewrites; none of it may touch the
+// machine.
 const bool g_inWorld = [] {
   if (std::getenv("RUNELD_WORLD") == nullptr) {
     std::fputs("this test runs inside scripts/world only\n", stderr);

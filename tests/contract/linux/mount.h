@@ -10,9 +10,9 @@ namespace zell::test {
 /// A mount that goes with this object. A mount that fails ends the test program.
 class Mount {
  public:
-  /// A folder in memory over @p target, with mount(8)'s options for one ("size=64k").
+  /// A directory in memory over @p target, with mount(8)'s options for one ("size=64k").
   static Mount memory(const std::string& target, const std::string& options = "");
-  /// @p source shown at @p target too: both files or both folders.
+  /// @p source shown at @p target too: both files or both directories.
   static Mount bind(const std::string& source, const std::string& target);
 
   ~Mount();

@@ -105,7 +105,7 @@ TEST_F(ProgramsTest, SearchesAProgramWithoutASlashInPath) {
   EXPECT_EQ(proxy_.output(), "found\n");
 }
 
-TEST_F(ProgramsTest, StartsInTheEnvironmentAndFolderOfTheCaller) {
+TEST_F(ProgramsTest, StartsInTheEnvironmentAndDirectoryOfTheCaller) {
   setenv("RUNELD_TEST_VARIABLE", "its value", 1);
   char here[4096];
   EXPECT_EQ(outputOf("echo $RUNELD_TEST_VARIABLE; /bin/pwd"),

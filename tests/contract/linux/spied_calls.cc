@@ -39,7 +39,7 @@ long forward(const char* name, long number, Arguments... arguments) {
 
 const char* fsyncOf(int fd) {
   struct stat st {};
-  return syscall(SYS_fstat, fd, &st) == 0 && S_ISDIR(st.st_mode) ? "fsync folder" : "fsync file";
+  return syscall(SYS_fstat, fd, &st) == 0 && S_ISDIR(st.st_mode) ? "fsync directory" : "fsync file";
 }
 
 }  // namespace
@@ -53,8 +53,8 @@ SpiedCalls::~SpiedCalls() {
 }
 
 int SpiedCalls::note(const std::string& name) {
-  static const std::set<std::string> unrecorded{"openat file", "openat folder", "close",     "read",
-                                                "fstat",       "fstatat",       "readlinkat"};
+  static const std::set<std::string> unrecorded{
+      "openat file", "openat directory", "close", "read", "fstat", "fstatat", "readlinkat"};
   if (unrecorded.count(name) == 0) {
     calls_.push_back(name);
   }
@@ -87,13 +87,13 @@ int fsync(int fd) {
   return static_cast<int>(forward(zell::test::fsyncOf(fd), SYS_fsync, fd));
 }
 
-int openat(int folder, const char* name, int flags, ...) {
+int openat(int directory, const char* name, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  const char* const call = (flags & O_DIRECTORY) != 0 ? "openat folder" : "openat file";
-  return static_cast<int>(forward(call, SYS_openat, folder, name, flags, mode));
+  const char* const call = (flags & O_DIRECTORY) != 0 ? "openat directory" : "openat file";
+  return static_cast<int>(forward(call, SYS_openat, directory, name, flags, mode));
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
@@ -104,16 +104,16 @@ ssize_t read(int fd, void* data, size_t size) {
   return forward("read", SYS_read, fd, data, size);
 }
 
-int fstatat(int folder, const char* name, struct stat* st, int flags) noexcept {
-  return static_cast<int>(forward("fstatat", SYS_newfstatat, folder, name, st, flags));
+int fstatat(int directory, const char* name, struct stat* st, int flags) noexcept {
+  return static_cast<int>(forward("fstatat", SYS_newfstatat, directory, name, st, flags));
 }
 
 int fstat(int fd, struct stat* st) noexcept {
   return static_cast<int>(forward("fstat", SYS_fstat, fd, st));
 }
 
-ssize_t readlinkat(int folder, const char* name, char* target, size_t size) noexcept {
-  return forward("readlinkat", SYS_readlinkat, folder, name, target, size);
+ssize_t readlinkat(int directory, const char* name, char* target, size_t size) noexcept {
+  return forward("readlinkat", SYS_readlinkat, directory, name, target, size);
 }
 
 int renameat(int from, const char* name, int to, const char* newName) noexcept {

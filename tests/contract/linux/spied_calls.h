@@ -12,10 +12,10 @@
 
 namespace zell::test {
 
-/// Records the calls of fsync ("fsync file", "fsync folder"), write, renameat, ftruncate, fchown,
-/// fchmod, waitpid and waitid while it lives; the kernel still gets them. These can fail, and so
-/// can openat ("openat file", "openat folder"), close, read, fstat, fstatat and readlinkat. All are
-/// replaced in every program that links this.
+/// Records the calls of fsync ("fsync file", "fsync directory"), write, renameat, ftruncate,
+/// fchown, fchmod, waitpid and waitid while it lives; the kernel still gets them. These can fail,
+/// and so can openat ("openat file", "openat directory"), close, read, fstat, fstatat and
+/// readlinkat. All are replaced in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();

@@ -37,7 +37,7 @@ class TreeWalkTest : public ProxyTest {
     return out.str();
   }
 
-  /// Gives @p name in the folder fixed times, permissions and owner, so that its line is known.
+  /// Gives @p name in the directory fixed times, permissions and owner, so that its line is known.
   void settle(const std::string& name, mode_t mode) const {
     const std::string path = dir_.file(name);
     const timespec times[] = {{1, 0}, {1700000000, 5}};
@@ -53,13 +53,13 @@ class TreeWalkTest : public ProxyTest {
     EXPECT_EQ(utimensat(AT_FDCWD, dir_.file(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
   }
 
-  /// Makes @p depth folders "d", one in the other.
+  /// Makes @p depth directories "d", one in the other.
   static void makeDeep(const std::string& top, int depth) {
-    UniqueFd folder(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd directory(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (int i = 0; i < depth; ++i) {
-      ASSERT_EQ(mkdirat(folder.get(), "d", 0755), 0);
-      folder.reset(openat(folder.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      ASSERT_TRUE(folder.valid());
+      ASSERT_EQ(mkdirat(directory.get(), "d", 0755), 0);
+      directory.reset(openat(directory.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      ASSERT_TRUE(directory.valid());
     }
   }
 
@@ -123,7 +123,7 @@ TEST_F(TreeWalkTest, ShowsLinksAndDoesNotFollowThem) {
   EXPECT_EQ(lines.find("link/file"), std::string::npos) << lines;
 }
 
-TEST_F(TreeWalkTest, GivesAPathThatIsNoFolderItsOneLine) {
+TEST_F(TreeWalkTest, GivesAPathThatIsNoDirectoryItsOneLine) {
   mkdir(dir_.file("sub").c_str(), 0755);
   dir_.write("sub/file", "123");
   settle("sub/file", 0644);
@@ -133,7 +133,7 @@ TEST_F(TreeWalkTest, GivesAPathThatIsNoFolderItsOneLine) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(TreeWalkTest, SortsByByteValueWithinAFolder) {
+TEST_F(TreeWalkTest, SortsByByteValueWithinADirectory) {
   for (const char* name : {"b", "a", "a.b", "B"}) {
     mkdir(dir_.file(name).c_str(), 0755);
   }
@@ -151,7 +151,7 @@ TEST_F(TreeWalkTest, EscapesWhatWouldBreakALine) {
   EXPECT_NE(lines.find(" ~link -> \\x09target\\x0d\n"), std::string::npos) << lines;
 }
 
-TEST_F(TreeWalkTest, EscapesTheNameOfAFolderOnAllPathsThroughIt) {
+TEST_F(TreeWalkTest, EscapesTheNameOfADirectoryOnAllPathsThroughIt) {
   mkdir(dir_.file("a\nb").c_str(), 0755);
   dir_.write("a\nb/c", "");
   EXPECT_EQ(paths(walk(dir_.path())), (std::vector<std::string>{".", "a\\x0ab", "a\\x0ab/c"}));
@@ -174,7 +174,7 @@ TEST_F(TreeWalkTest, HasNoWalkerForWhatCannotBeExamined) {
   EXPECT_EQ(fields(proxy_), failureWith(ENOTDIR));
 }
 
-TEST_F(TreeWalkTest, GoesOnAfterAFolderThatCannotBeRead) {
+TEST_F(TreeWalkTest, GoesOnAfterADirectoryThatCannotBeRead) {
   for (const char* name : {"a", "closed", "z"}) {
     mkdir(dir_.file(name).c_str(), 0755);
   }
@@ -231,8 +231,8 @@ TEST_F(TreeWalkTest, TakesFewDescriptorsAndNoLongPathsForADeepTree) {
 
 class DeepTreeTest : public TreeWalkTest {
  protected:
-  // So deep that the upper folders are closed when the walk is at the end of it, and have entries
-  // that it has not come to yet.
+  // So deep that the upper directories are closed when the walk is at the end of it, and have
+  // entries that it has not come to yet.
   void SetUp() override {
     TreeWalkTest::SetUp();
     makeDeep(dir_.path(), kDepth);
@@ -242,7 +242,7 @@ class DeepTreeTest : public TreeWalkTest {
   }
 
   // "d", "d/d"...
-  static std::string folderAt(int depth) {
+  static std::string directoryAt(int depth) {
     std::string path = "d";
     for (int i = 1; i < depth; ++i) {
       path += "/d";
@@ -254,7 +254,7 @@ class DeepTreeTest : public TreeWalkTest {
   SpiedCalls spy_;
 };
 
-TEST_F(DeepTreeTest, LeavesOutTheRestOfFoldersThatItCannotGoBackTo) {
+TEST_F(DeepTreeTest, LeavesOutTheRestOfDirectoriesThatItCannotGoBackTo) {
   spy_.fail("fstat", EIO);
   const std::vector<std::string> all = paths(walk(dir_.path()));
   EXPECT_EQ(fields(proxy_), failureWith(EIO));
@@ -263,10 +263,10 @@ TEST_F(DeepTreeTest, LeavesOutTheRestOfFoldersThatItCannotGoBackTo) {
   EXPECT_EQ(all.back(), "z");
 }
 
-TEST_F(DeepTreeTest, DoesNotGoOnElsewhereWhenAFolderIsMovedMeanwhile) {
+TEST_F(DeepTreeTest, DoesNotGoOnElsewhereWhenADirectoryIsMovedMeanwhile) {
   ASSERT_EQ(mkdir(dir_.file("0").c_str(), 0755), 0);
   spy_.before("fstatat", kDepth - 1, [&] {
-    ASSERT_EQ(rename(dir_.file(folderAt(3)).c_str(), dir_.file("0/moved").c_str()), 0);
+    ASSERT_EQ(rename(dir_.file(directoryAt(3)).c_str(), dir_.file("0/moved").c_str()), 0);
   });
   const std::vector<std::string> all = paths(walk(dir_.path()));
   EXPECT_EQ(fields(proxy_), failureWith(ESTALE));
@@ -296,11 +296,11 @@ TEST_F(TreeWalkTest, EndsWhenNoReplyCouldHoldIt) {
   const Mount memory = Mount::memory(dir_.path());
   std::string name(255, '\n');  // four times as long in a line
   makeDeep(dir_.path(), 1);
-  UniqueFd folder(open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd directory(open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (int i = 0; i < 800; ++i) {  // the square of it times 500 bytes: some 300 MiB
-    ASSERT_EQ(mkdirat(folder.get(), name.c_str(), 0755), 0);
-    folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    ASSERT_TRUE(folder.valid());
+    ASSERT_EQ(mkdirat(directory.get(), name.c_str(), 0755), 0);
+    directory.reset(openat(directory.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(directory.valid());
   }
   (void)proxy_.walkTree(dir_.path());
   EXPECT_EQ(fields(proxy_), failureWith(EFBIG));

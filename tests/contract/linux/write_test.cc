@@ -27,9 +27,9 @@ using Names = std::vector<std::string>;
 
 class WriteTest : public ProxyTest {
  protected:
-  Names namesIn(const std::string& folder) {
+  Names namesIn(const std::string& directory) {
     Names names;
-    EXPECT_TRUE(proxy_.readDir(folder, names)) << folder;
+    EXPECT_TRUE(proxy_.readDir(directory, names)) << directory;
     return names;
   }
   ino_t inodeOf(const std::string& path) { return statusOf(path).st_ino; }
@@ -80,10 +80,10 @@ TEST_F(WriteTest, WritesBytesOfEveryKindAndMany) {
   EXPECT_TRUE(contentOf(dir_.file("a")) == all);
 }
 
-TEST_F(WriteTest, SyncsTheFileBeforeTheRenameAndTheFolderAfterIt) {
+TEST_F(WriteTest, SyncsTheFileBeforeTheRenameAndTheDirectoryAfterIt) {
   SpiedCalls spy;
   EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
-  EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "renameat", "fsync folder"}));
+  EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "renameat", "fsync directory"}));
 }
 
 TEST_F(WriteTest, SetsOwnerAndPermissionsBeforeTheContent) {
@@ -91,7 +91,7 @@ TEST_F(WriteTest, SetsOwnerAndPermissionsBeforeTheContent) {
   SpiedCalls spy;
   EXPECT_EQ(write(path, "new"), kSuccess);
   EXPECT_EQ(spy.calls(),
-            (Names{"fchown", "fchmod", "write", "fsync file", "renameat", "fsync folder"}));
+            (Names{"fchown", "fchmod", "write", "fsync file", "renameat", "fsync directory"}));
 }
 
 TEST_F(WriteTest, FollowsLinks) {
@@ -116,7 +116,7 @@ TEST_F(WriteTest, MakesTheTargetOfADanglingLink) {
   EXPECT_EQ(contentOf(dir_.file("below/target")), "content");
 }
 
-TEST_F(WriteTest, FailsOnALinkThatLeadsToNoFolderOrInACircle) {
+TEST_F(WriteTest, FailsOnALinkThatLeadsToNoDirectoryOrInACircle) {
   ASSERT_EQ(symlink("none/target", dir_.file("nowhere").c_str()), 0);
   ASSERT_EQ(symlink("circle", dir_.file("circle").c_str()), 0);
   EXPECT_EQ(write(dir_.file("nowhere"), "content"), failureWith(ENOENT));
@@ -142,7 +142,7 @@ TEST_F(WriteTest, TakesNamesAndPathsOfEveryLength) {
   EXPECT_EQ(write(path + "x", "content"), failureWith(ENAMETOOLONG));
 }
 
-TEST_F(WriteTest, WritesRelativeToTheCurrentFolder) {
+TEST_F(WriteTest, WritesRelativeToTheCurrentDirectory) {
   char before[4096];
   ASSERT_NE(getcwd(before, sizeof before), nullptr);
   ASSERT_EQ(chdir(dir_.path().c_str()), 0);
@@ -204,7 +204,7 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenALaterCallIsRefused) {
 // EBUSY means a mount point only when the rename says so.
 TEST_F(WriteTest, LeavesTheFileAloneWhenAnEarlierCallIsBusy) {
   const std::string path = dir_.write("a", "old");
-  for (const char* call : {"openat folder", "readlinkat", "fstatat", "openat file", "fchown",
+  for (const char* call : {"openat directory", "readlinkat", "fstatat", "openat file", "fchown",
                            "fchmod", "write", "fsync file", "close"}) {
     SpiedCalls spy;
     spy.fail(call, EBUSY);
@@ -237,15 +237,15 @@ TEST_F(WriteTest, MakesNoNewFileWhenACallFails) {
   }
 }
 
-TEST_F(WriteTest, IsAFailureWhenTheFolderCannotBeSynced) {
+TEST_F(WriteTest, IsAFailureWhenTheDirectoryCannotBeSynced) {
   SpiedCalls spy;
-  spy.fail("fsync folder", EIO);
+  spy.fail("fsync directory", EIO);
   EXPECT_EQ(write(dir_.file("a"), "new"), failureWith(EIO));
 }
 
-TEST_F(WriteTest, IsASuccessWhereFoldersAreNeverSynced) {
+TEST_F(WriteTest, IsASuccessWhereDirectoriesAreNeverSynced) {
   SpiedCalls spy;
-  spy.fail("fsync folder", EINVAL);
+  spy.fail("fsync directory", EINVAL);
   EXPECT_EQ(write(dir_.file("a"), "new"), kSuccess);
 }
 
@@ -281,7 +281,7 @@ TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfADescriptor) {
                 all.push_back(std::move(fd));
               }
               const std::string none = write(path, "new");
-              all.pop_back();  // enough for the folder, not for the file in it
+              all.pop_back();  // enough for the directory, not for the file in it
               return none + ", " + write(path, "new");
             }),
             failureWith(EMFILE) + ", " + failureWith(EMFILE));
@@ -297,7 +297,7 @@ TEST_F(WriteTest, FailsOnAReadOnlyFileSystem) {
   EXPECT_EQ(contentOf(path), "old");
 }
 
-TEST_F(WriteTest, WritesInPlaceWhereTheFolderIsReadOnly) {
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryIsReadOnly) {
   const TempDir elsewhere;
   const std::string writable = elsewhere.write("writable", "old and long");
   const Mount memory = Mount::memory(dir_.path());
@@ -318,7 +318,7 @@ TEST_F(WriteTest, WritesAMountPointInPlace) {
   EXPECT_EQ(namesIn(dir_.path()), (Names{"a", "other"}));
 }
 
-TEST_F(WriteTest, WritesInPlaceWhereTheFolderTakesNoFiles) {
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryTakesNoFiles) {
   const std::string path = dir_.write("a", "old and long");
   chmod(path.c_str(), 0666);
   chmod(dir_.path().c_str(), 0555);
@@ -362,7 +362,7 @@ TEST_F(WriteTest, WritesInPlaceWhereTheTemporaryFileIsRefused) {
 TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryCannotBeFound) {
   const std::string path = dir_.write("a", "");
   const ino_t inode = inodeOf(path);
-  for (const char* call : {"openat folder", "fstatat"}) {
+  for (const char* call : {"openat directory", "fstatat"}) {
     for (const int error : {ENOENT, EACCES, EPERM, EROFS}) {
       dir_.write("a", "old and long");
       SpiedCalls spy;
@@ -431,7 +431,7 @@ TEST_F(WriteTest, LeavesTheFileAloneThatALinkOfTheKernelOnlySeemsToLeadTo) {
   EXPECT_EQ(contentOf(other), "other");
 }
 
-TEST_F(WriteTest, WritesIntoTheTopmostFolder) {
+TEST_F(WriteTest, WritesIntoTheTopmostDirectory) {
   EXPECT_EQ(inChild([&] {
               return chroot(dir_.path().c_str()) == 0
                          ? write("/a", "new") + ", " + append("/b", "x")
@@ -521,7 +521,7 @@ TEST_F(WriteTest, TakesAwayWhatAPowerCutLeft) {
   EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
 }
 
-TEST_F(WriteTest, IsNotHeldUpByAFolderInTheWayOfTheTemporaryFile) {
+TEST_F(WriteTest, IsNotHeldUpByADirectoryInTheWayOfTheTemporaryFile) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_renameat, EIO);
@@ -538,9 +538,9 @@ TEST_F(WriteTest, IsNotHeldUpByAFolderInTheWayOfTheTemporaryFile) {
   EXPECT_EQ(namesIn(dir_.path()), names);
 }
 
-TEST_F(WriteTest, FailsWhereFoldersTakeEveryTemporaryName) {
+TEST_F(WriteTest, FailsWhereDirectoriesTakeEveryTemporaryName) {
   const std::string path = dir_.write("a", "old");
-  const auto putAFolderInItsPlace = [&] {
+  const auto putADirectoryInItsPlace = [&] {
     for (const std::string& name : namesIn(dir_.path())) {
       if (name != "a" && unlink(dir_.file(name).c_str()) == 0) {
         EXPECT_EQ(mkdir(dir_.file(name).c_str(), 0755), 0);
@@ -550,7 +550,7 @@ TEST_F(WriteTest, FailsWhereFoldersTakeEveryTemporaryName) {
   SpiedCalls spy;
   std::string answer = failureWith(ENOTDIR);
   for (int i = 0; i < 100 && answer == failureWith(ENOTDIR); ++i) {
-    spy.before("renameat", 0, putAFolderInItsPlace);
+    spy.before("renameat", 0, putADirectoryInItsPlace);
     answer = write(path, "new");
   }
   EXPECT_EQ(answer, failureWith(EEXIST));
@@ -565,7 +565,8 @@ TEST_F(WriteTest, FailsWhereACallTakesNothing) {
   EXPECT_EQ(contentOf(path), "old");
 }
 
-// Folders are in the way of all names but the last, and under that one there is what was left over.
+// Directories are in the way of all names but the last, and under that one there is what was left
+// over.
 TEST_F(WriteTest, TakesTheEighthNameForTheTemporaryFileToo) {
   const std::string path = dir_.write("a", "old");
   std::string last;

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs a soak in this world and judges it: see scripts/soak, which builds and calls it.
 
-    scripts/world --no-log python3 -B -m soak MINUTES [--requests N] [--to FOLDER] [--seed N]
+    scripts/world --no-log python3 -B -m soak MINUTES [--requests N] [--to DIRECTORY] [--seed N]
         [--full MINUTES]
 """
 import argparse
@@ -21,7 +21,7 @@ from soak.run import MOST_CONNECTIONS, Run
 from support import world
 from support.daemon import Daemon, is_instrumented, sanitizer_reports
 from support.sizes import sized
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 QUIET = 900  # connections that are there from beginning to end
 GROWTH = 2 << 20  # bytes that the allocator may keep
@@ -55,14 +55,14 @@ def workforce(run, work, bulk, pause, quiet):
 class Soak:
     """One daemon and its life under load, in phases that each end with nobody connected."""
 
-    def __init__(self, options, folder):
+    def __init__(self, options, directory):
         self.options = options
-        self.folder = folder
-        self.meter = Meter(os.path.join(folder, "passes"))
-        self.run = Run(options.seed, folder)
-        self.work = workers.Work(folder)
+        self.directory = directory
+        self.meter = Meter(os.path.join(directory, "passes"))
+        self.run = Run(options.seed, directory)
+        self.work = workers.Work(directory)
         preload = {"LD_PRELOAD": os.environ["RUNELD_PASS_CLOCK_LIBRARY"]}
-        self.daemon = Daemon(NoSyslog, folder, wait=False,
+        self.daemon = Daemon(NoSyslog, directory, wait=False,
                              environment={**preload, **self.meter.environment})
 
     async def phase(self, seconds, requests):
@@ -108,7 +108,7 @@ class Soak:
         status = self.daemon.stop()
         assert status == 0, f"exit status {status}"
         self.run.log.close()
-        assert not sanitizer_reports(self.folder), sanitizer_reports(self.folder)
+        assert not sanitizer_reports(self.directory), sanitizer_reports(self.directory)
         self.rest = (resident, grown)
 
     async def fewest_descriptors(self):
@@ -121,7 +121,7 @@ class Soak:
 
     async def settled(self):
         """Memory of the daemon when it has as many descriptors as at first, and no child."""
-        deadline = time.monotonic() + PATIENCE
+        deadline = time.monotonic() + TIMEOUT
         while len(self.daemon.descriptors()) > self.idle or self.daemon.zombies():
             assert time.monotonic() < deadline, (
                 f"left behind: {self.daemon.descriptors()}, zombies {self.daemon.zombies()}")
@@ -168,8 +168,8 @@ class Soak:
                 file.write(text)
 
 
-async def soak(options, folder):
-    one = Soak(options, folder)
+async def soak(options, directory):
+    one = Soak(options, directory)
     try:
         await one.go()
     finally:
@@ -186,7 +186,7 @@ def arguments():
     parser.add_argument("--pause", type=float, default=0.5, help="their pause, in seconds; 0: none")
     parser.add_argument("--quiet", type=int, default=QUIET, help="connections that always stay")
     parser.add_argument("--every", type=float, default=1.0, help="seconds between two samples")
-    parser.add_argument("--to", default="", help="folder for soak.md and soak.svg")
+    parser.add_argument("--to", default="", help="directory for soak.md and soak.svg")
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 32))
     options = parser.parse_args()
     if options.full is not None:
@@ -200,11 +200,11 @@ def main():
     world.reset()
     options = arguments()
     print(f"seed {options.seed}", flush=True)
-    folder = tempfile.mkdtemp(prefix="runeld-soak-")
+    directory = tempfile.mkdtemp(prefix="runeld-soak-")
     try:
-        one = asyncio.run(soak(options, folder))
+        one = asyncio.run(soak(options, directory))
     finally:
-        shutil.rmtree(folder)
+        shutil.rmtree(directory)
     print(one.report())
     if options.to:
         one.write()

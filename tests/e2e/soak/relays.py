@@ -5,7 +5,7 @@ import itertools
 import socket
 
 from soak.workers import cut
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 PING = b"<ping/>\r\n"
 CLOSING = b"\r\n"
@@ -38,7 +38,7 @@ class Master:
         """The daemon's next connection."""
         with self._run.waiting("the daemon to dial"):
             connected, _ = await asyncio.wait_for(
-                asyncio.get_running_loop().sock_accept(self._listener), PATIENCE)
+                asyncio.get_running_loop().sock_accept(self._listener), TIMEOUT)
         self._links.append(await self._run.link(connected))
         return self._links[-1]
 

@@ -10,7 +10,7 @@ import struct
 import time
 
 from support.logs import ERR, WARNING, parse
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 MOST_CONNECTIONS = 950
 MOST_WAITING = 100  # to be accepted; the kernel forgets handshakes that do not fit its queue of 128
@@ -69,7 +69,7 @@ class Log:
                 self.failure = f"not to be logged: {line.level} {line.text[:200]}"
 
     async def listening(self):
-        await asyncio.wait_for(self._listening.wait(), PATIENCE)
+        await asyncio.wait_for(self._listening.wait(), TIMEOUT)
 
     def close(self):
         asyncio.get_running_loop().remove_reader(self._socket)
@@ -146,9 +146,9 @@ class Waiting:
 class Run:
     """The state of a run. Workers go on while `working` is set."""
 
-    def __init__(self, seed, folder):
+    def __init__(self, seed, directory):
         self.random = random.Random(seed)
-        self.folder = folder
+        self.directory = directory
         self.working = True
         self.asked = self.answered = self.given_up = 0
         self.counts = collections.Counter()  # of what was done, by its name
@@ -178,7 +178,7 @@ class Run:
         """AssertionError when something has been waited for too long, or was logged."""
         now = time.monotonic()
         for since, what in self.waits.values():
-            assert now - since < PATIENCE, f"waited {now - since:.0f} s for: {what}"
+            assert now - since < TIMEOUT, f"waited {now - since:.0f} s for: {what}"
         assert self.log.failure is None, self.log.failure
 
     async def connect(self, receive_buffer=None):

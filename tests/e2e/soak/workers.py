@@ -33,19 +33,19 @@ def stat_text(path):
 class Work:
     """The questions that any connection may ask, each with its answer, and what they need."""
 
-    def __init__(self, folder):
-        self.folder = folder
+    def __init__(self, directory):
+        self.directory = directory
         there = self._file("there", b"")
         text = self._file("text", bytes(range(256)) * 8)
         self.large_content = os.urandom(1 << 20)
         large = self._file("large", self.large_content)
-        names = os.path.join(folder, "names")
+        names = os.path.join(directory, "names")
         os.mkdir(names)
         for name in ("one", "two", "three"):
             with open(os.path.join(names, name), "wb"):
                 pass
-        os.symlink("there", os.path.join(folder, "link"))
-        missing = os.path.join(folder, "missing")
+        os.symlink("there", os.path.join(directory, "link"))
+        missing = os.path.join(directory, "missing")
         self.small = (request("fileexists", there), answer())
         self.large = (request("read", large), answer(self.large_content))
         tree = "".join(f"{letter} {stat.S_IMODE(st.st_mode):04o} {st.st_uid} {st.st_gid} 0 "
@@ -58,7 +58,7 @@ class Work:
             (request("fileexists", missing), answer(fields=b"1 0 1 2 0")),
             (request("access", there, "6"), answer()),
             (request("lstat", there), answer(stat_text(there))),
-            (request("realpath", os.path.join(folder, "link")), answer(there.encode())),
+            (request("realpath", os.path.join(directory, "link")), answer(there.encode())),
             (request("read", text), answer(bytes(range(256)) * 8)),
             (request("read", missing), answer(fields=b"1 0 1 2 0")),
             (request("readdir", names), answer(b"StringVec 3\n3:one\n5:three\n3:two\n")),
@@ -68,7 +68,7 @@ class Work:
         )
 
     def _file(self, name, content):
-        path = os.path.join(self.folder, name)
+        path = os.path.join(self.directory, name)
         with open(path, "wb") as file:
             file.write(content)
         return path
@@ -117,7 +117,7 @@ async def guest(run, work, pause):
 async def writer(run, work, pause):
     """Stores a file, adds to it, reads it back, removes it."""
     link = await run.connect()
-    path = os.path.join(work.folder, f"file{next(NUMBERS)}")
+    path = os.path.join(work.directory, f"file{next(NUMBERS)}")
     while run.working:
         first = run.random.randbytes(run.random.randrange(20000))
         more = run.random.randbytes(run.random.randrange(2000))

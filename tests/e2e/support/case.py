@@ -28,31 +28,31 @@ class EndToEndCase(unittest.TestCase):
     def setUp(self):
         world.adopt_orphans()
         world.reset()
-        self.folder = tempfile.mkdtemp(prefix="runeld-e2e-")
-        self.addCleanup(shutil.rmtree, self.folder)
+        self.directory = tempfile.mkdtemp(prefix="runeld-e2e-")
+        self.addCleanup(shutil.rmtree, self.directory)
         self.log = LogCollector()
         self.addCleanup(self.log.close)
         self.addCleanup(self._no_reports)
         self.addCleanup(world.kill_all_others)
 
     def _no_reports(self):
-        self.assertEqual(sanitizer_reports(self.folder), [])
+        self.assertEqual(sanitizer_reports(self.directory), [])
 
     def path(self, name):
-        return os.path.join(self.folder, name)
+        return os.path.join(self.directory, name)
 
     def file(self, name, content=b""):
-        """Makes a file in the test's folder and gives its path."""
+        """Makes a file in the test's directory and gives its path."""
         with open(self.path(name), "wb") as file:
             file.write(content)
         return self.path(name)
 
     def content(self, name):
-        with open(os.path.join(self.folder, name), "rb") as file:
+        with open(os.path.join(self.directory, name), "rb") as file:
             return file.read()
 
     def daemon(self, *arguments, **options):
-        daemon = Daemon(self.log, self.folder, *arguments, **options)
+        daemon = Daemon(self.log, self.directory, *arguments, **options)
         self.addCleanup(daemon.kill)
         return daemon
 

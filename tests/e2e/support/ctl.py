@@ -16,7 +16,7 @@ import time
 
 from support.case import EndToEndCase
 from support.daemon import sanitizer_options
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 BINARY = os.environ.get("RUNELCTL_BIN", "")
 RECORD = os.environ.get("RUNELCTL_RECORD")
@@ -48,15 +48,15 @@ class CtlCase(EndToEndCase):
     def environment(self, extra=None):
         clean = {name: value for name, value in os.environ.items()
                  if name not in ("NO_COLOR", "XDG_RUNTIME_DIR") and not name.startswith("RUNELCTL")}
-        return {**clean, "HOME": self.folder, "TZ": "UTC", "XDG_RUNTIME_DIR": self.folder,
-                **sanitizer_options(self.folder), **(extra or {})}
+        return {**clean, "HOME": self.directory, "TZ": "UTC", "XDG_RUNTIME_DIR": self.directory,
+                **sanitizer_options(self.directory), **(extra or {})}
 
     def start(self, *words, stdin=subprocess.DEVNULL, env=None, **options):
         """Starts it with pipes on standard output and standard error."""
         assert os.path.isabs(BINARY), "RUNELCTL_BIN must name the binary"
         streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
         process = subprocess.Popen([BINARY, *words], stdin=stdin, env=self.environment(env),
-                                   cwd=self.folder, **streams)
+                                   cwd=self.directory, **streams)
         self.addCleanup(self._end, process)
         return process
 
@@ -81,7 +81,7 @@ class CtlCase(EndToEndCase):
             if stream:
                 stream.close()
 
-    def ctl(self, *words, feed=None, env=None, timeout=PATIENCE):
+    def ctl(self, *words, feed=None, env=None, timeout=TIMEOUT):
         """One run from start to end."""
         stdin = subprocess.PIPE if feed is not None else subprocess.DEVNULL
         process = self.start(*words, stdin=stdin, env=env)
@@ -94,7 +94,7 @@ class CtlCase(EndToEndCase):
         self.assertEqual((result.status, result.err), (0, b""), (words, result.out[-500:]))
         return result
 
-    def on_terminal(self, *words, typed=b"", columns=80, env=None, until=None, timeout=PATIENCE):
+    def on_terminal(self, *words, typed=b"", columns=80, env=None, until=None, timeout=TIMEOUT):
         """A run with a terminal on all three; gives its status and all that was shown."""
         master, slave = pty.openpty()
         with contextlib.suppress(OSError):
@@ -104,7 +104,7 @@ class CtlCase(EndToEndCase):
             fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 25, columns, 0, 0))
         process = subprocess.Popen([BINARY, *words], stdin=slave, stdout=slave, stderr=slave,
                                    env=self.environment({"TERM": "xterm", **(env or {})}),
-                                   cwd=self.folder, start_new_session=True)
+                                   cwd=self.directory, start_new_session=True)
         os.close(slave)
         self.addCleanup(self._end, process)
         shown = bytearray()
@@ -125,7 +125,7 @@ class CtlCase(EndToEndCase):
             elif process.poll() is not None:
                 break
         os.close(master)
-        return process.wait(PATIENCE), bytes(shown)
+        return process.wait(TIMEOUT), bytes(shown)
 
     def odd_peer(self, serve, address="127.0.0.1", port=0):
         """A listener that has @p serve deal with each connection; its address and port."""
@@ -225,38 +225,38 @@ class Between:
 
 def small_disk(case, name, size):
     """A file system with room for @p size bytes."""
-    folder = case.path(name)
-    os.mkdir(folder)
-    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", folder], check=True)
-    case.addCleanup(subprocess.run, ["umount", "-l", folder], check=True)
-    return folder
+    directory = case.path(name)
+    os.mkdir(directory)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", directory], check=True)
+    case.addCleanup(subprocess.run, ["umount", "-l", directory], check=True)
+    return directory
 
 
 def only_programs(case, *names):
     """A PATH on which there are no other programs."""
-    folder = case.path("bin-" + "-".join(names))
-    os.mkdir(folder)
+    directory = case.path("bin-" + "-".join(names))
+    os.mkdir(directory)
     for name in names:
-        os.symlink(shutil.which(name), os.path.join(folder, name))
-    return folder
+        os.symlink(shutil.which(name), os.path.join(directory, name))
+    return directory
 
 
-def snapshot(folder):
-    """All below @p folder: kind, mode, time and content by relative path."""
+def snapshot(directory):
+    """All below @p directory: kind, mode, time and content by relative path."""
     found = {}
-    folder = os.fsencode(folder)
-    for top, folders, files in os.walk(folder):
-        for name in [*folders, *files]:
+    directory = os.fsencode(directory)
+    for top, directories, files in os.walk(directory):
+        for name in [*directories, *files]:
             path = os.path.join(top, name)
             st = os.lstat(path)
             if stat.S_ISLNK(st.st_mode):
-                found[os.path.relpath(path, folder)] = ("link", os.readlink(path))
+                found[os.path.relpath(path, directory)] = ("link", os.readlink(path))
             elif stat.S_ISDIR(st.st_mode):
-                found[os.path.relpath(path, folder)] = ("folder", stat.S_IMODE(st.st_mode),
+                found[os.path.relpath(path, directory)] = ("directory", stat.S_IMODE(st.st_mode),
                                                         st.st_mtime_ns)
             else:
                 with open(path, "rb") as file:
-                    found[os.path.relpath(path, folder)] = (
+                    found[os.path.relpath(path, directory)] = (
                         "file", stat.S_IMODE(st.st_mode), st.st_mtime_ns,
                         hashlib.sha256(file.read()).hexdigest())
     return found

@@ -9,7 +9,7 @@ import socket
 import subprocess
 
 from support import world
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 BINARY = os.environ.get("RUNELD_BIN", "")
 REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|runtime error:")
@@ -21,8 +21,8 @@ def is_instrumented():
         return b"__asan_init" in binary.read()
 
 
-def sanitizer_options(folder, detect_leaks=True):
-    options = f"log_path={folder}/sanitizer:halt_on_error=1:exitcode=86:print_stacktrace=1"
+def sanitizer_options(directory, detect_leaks=True):
+    options = f"log_path={directory}/sanitizer:halt_on_error=1:exitcode=86:print_stacktrace=1"
     return {"ASAN_OPTIONS": f"{options}:detect_leaks={int(detect_leaks)}:verify_asan_link_order=0",
             "UBSAN_OPTIONS": options}
 
@@ -33,26 +33,27 @@ class Daemon:
     `pid` is that of the process that serves: the process started, or with `background` its child.
     """
 
-    def __init__(self, log, folder, *arguments, background=False, wrapper=(), setup=None,
+    def __init__(self, log, directory, *arguments, background=False, wrapper=(), setup=None,
                  environment=None, detect_leaks=True, wait=True, descriptors=None):
         assert os.path.isabs(BINARY), "RUNELD_BIN must name the binary"
         self.log = log
         self.background = background
         self.since = log.mark()
-        self.stderr_path = os.path.join(folder, f"stderr.{self.since}")
+        self.stderr_path = os.path.join(directory, f"stderr.{self.since}")
         command = [*wrapper, BINARY, *([] if background else ["-n"]), *arguments]
         with open(self.stderr_path, "wb") as stderr:
             streams = descriptors or {"stdin": subprocess.DEVNULL, "stdout": stderr, "stderr": stderr}
             self.process = subprocess.Popen(
                 command, start_new_session=True, preexec_fn=setup, cwd="/",
-                env={**os.environ, **sanitizer_options(folder, detect_leaks), **(environment or {})},
+                env={**os.environ, **sanitizer_options(directory, detect_leaks),
+                     **(environment or {})},
                 **streams)
         self.pid = None if background else self.process.pid
         self.status = None
         if wait:
             self.wait_ready()
 
-    def wait_ready(self, timeout=PATIENCE):
+    def wait_ready(self, timeout=TIMEOUT):
         """Waits until it listens."""
         if self.background:
             assert self.process.wait(timeout) == 0, "the launching process did not end with 0"
@@ -68,7 +69,7 @@ class Daemon:
     def send_signal(self, number):
         os.kill(self.pid, number)
 
-    def wait(self, timeout=PATIENCE):
+    def wait(self, timeout=TIMEOUT):
         """Waits for the serving process to end: its exit status, or minus the signal's number."""
         if self.status is None:
             if self.background:
@@ -81,7 +82,7 @@ class Daemon:
         pid, status = os.waitpid(self.pid, os.WNOHANG)
         return (os.waitstatus_to_exitcode(status),) if pid else None
 
-    def stop(self, number=signal.SIGTERM, timeout=PATIENCE):
+    def stop(self, number=signal.SIGTERM, timeout=TIMEOUT):
         """Asks it to end by @p number and gives its exit status."""
         self.send_signal(number)
         return self.wait(timeout)
@@ -104,11 +105,11 @@ class Daemon:
 
     def descriptors(self):
         """Number and target of each open descriptor."""
-        folder = f"/proc/{self.pid}/fd"
+        directory = f"/proc/{self.pid}/fd"
         targets = {}
-        for name in os.listdir(folder):
+        for name in os.listdir(directory):
             with contextlib.suppress(FileNotFoundError):
-                targets[int(name)] = os.readlink(f"{folder}/{name}")
+                targets[int(name)] = os.readlink(f"{directory}/{name}")
         return targets
 
     def closes_on_exec(self, descriptor):
@@ -172,12 +173,12 @@ class Daemon:
             yield view
 
 
-def sanitizer_reports(folder):
-    """What the sanitizers had to say about any process started with `folder`."""
+def sanitizer_reports(directory):
+    """What the sanitizers had to say about any process started with `directory`."""
     found = []
-    for name in sorted(os.listdir(folder)):
+    for name in sorted(os.listdir(directory)):
         if name.startswith(("sanitizer.", "stderr.")):
-            with open(os.path.join(folder, name), encoding="latin-1") as lines:
+            with open(os.path.join(directory, name), encoding="latin-1") as lines:
                 text = lines.read()
             if REPORT.search(text):
                 found.append(text)

@@ -8,7 +8,7 @@ import threading
 
 from support.ctl import reply
 from support.peers import MASTER_PORT
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 TCP_REPAIR = 19
 FRAME = re.compile(rb"\x01(\d+)\x02")
@@ -78,7 +78,7 @@ class FakeDevice:
     def wait_asked(self, task):
         wait_until(lambda: task in self.came, f"asked for {task}, got {self.came[-200:]!r}")
 
-    def wait_ended(self, timeout=PATIENCE):
+    def wait_ended(self, timeout=TIMEOUT):
         assert self.ended.wait(timeout), "the master keeps the connection"
 
     def vanish(self):

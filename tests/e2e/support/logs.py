@@ -10,7 +10,7 @@ import socket
 import threading
 import time
 
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 
 CRIT, ERR, WARNING, NOTICE, INFO, DEBUG = 2, 3, 4, 5, 6, 7
 LOCAL5 = 168
@@ -85,7 +85,7 @@ class LogCollector:
         self._flushes += 1
         self._send(marker)
         with self._changed:
-            assert self._changed.wait_for(lambda: self._flushed >= self._flushes, PATIENCE)
+            assert self._changed.wait_for(lambda: self._flushed >= self._flushes, TIMEOUT)
 
     def close(self):
         if self._thread.is_alive():
@@ -126,7 +126,7 @@ class LogCollector:
         """The first line whose whole text matches @p pattern, or None."""
         return self._first(pattern, level, since, pid) if self.lines else None
 
-    def wait_for(self, pattern, level=None, since=0, pid=None, timeout=PATIENCE):
+    def wait_for(self, pattern, level=None, since=0, pid=None, timeout=TIMEOUT):
         """Waits for the first line whose whole text matches @p pattern, and gives it."""
         deadline = time.monotonic() + timeout
         with self._changed:

@@ -8,7 +8,7 @@ import socket
 import threading
 
 from support.ctl import BINARY, CtlCase
-from support.wait import PATIENCE, wait_until
+from support.wait import TIMEOUT, wait_until
 
 
 class MasterCase(CtlCase):
@@ -51,7 +51,7 @@ class MasterCase(CtlCase):
     def stop_master(self, number=signal.SIGTERM):
         """Ends it and gives what it had to say on standard error."""
         self.running.send_signal(number)
-        self.assertEqual(self.running.wait(PATIENCE), 0)
+        self.assertEqual(self.running.wait(TIMEOUT), 0)
         return self.running.stderr.read().decode()
 
     def devices(self):
@@ -60,7 +60,7 @@ class MasterCase(CtlCase):
     def call(self, line):
         """A connection to the control socket that has said @p line."""
         connected = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        connected.settimeout(PATIENCE)
+        connected.settimeout(TIMEOUT)
         connected.connect(self.control)
         self.addCleanup(connected.close)
         connected.sendall(line)

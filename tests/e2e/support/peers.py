@@ -6,7 +6,7 @@ import socket
 import struct
 import time
 
-from support.wait import PATIENCE
+from support.wait import TIMEOUT
 from support.wire import parse_record, request
 
 AGENT_PORT = 5111
@@ -40,7 +40,7 @@ class Peer:
         """Sends all bytes, reading replies meanwhile: neither side may wait for the other."""
         view = memoryview(data)
         while view:
-            can = ready(self.socket, select.POLLIN | select.POLLOUT, PATIENCE)
+            can = ready(self.socket, select.POLLIN | select.POLLOUT, TIMEOUT)
             assert can, "the daemon takes no bytes"
             if can & select.POLLIN:
                 self._fill()
@@ -56,7 +56,7 @@ class Peer:
         can = ready(self.socket, select.POLLIN, deadline - time.monotonic())
         assert can, f"nothing came in time, {bytes(self.buffer[:80])!r} buffered"
 
-    def receive_frame(self, timeout=PATIENCE):
+    def receive_frame(self, timeout=TIMEOUT):
         """The payload of the next frame."""
         deadline = time.monotonic() + timeout
         while True:
@@ -70,16 +70,16 @@ class Peer:
             self._wait_readable(deadline)
             self._fill()
 
-    def receive(self, timeout=PATIENCE):
+    def receive(self, timeout=TIMEOUT):
         """The next reply."""
         return parse_record(self.receive_frame(timeout))
 
-    def ask(self, *arguments, exec_param=0, timeout=PATIENCE):
+    def ask(self, *arguments, exec_param=0, timeout=TIMEOUT):
         """Sends one request and gives its reply."""
         self.send(request(*arguments, exec_param=exec_param))
         return self.receive(timeout)
 
-    def receive_bytes(self, count, timeout=PATIENCE):
+    def receive_bytes(self, count, timeout=TIMEOUT):
         deadline = time.monotonic() + timeout
         while len(self.buffer) < count:
             self._wait_readable(deadline)
@@ -88,7 +88,7 @@ class Peer:
         del self.buffer[:count]
         return data
 
-    def read_to_end(self, timeout=PATIENCE):
+    def read_to_end(self, timeout=TIMEOUT):
         """All bytes until the daemon closes the connection; a reset counts as the end."""
         deadline = time.monotonic() + timeout
         try:
@@ -142,7 +142,7 @@ class Master:
         self.listener.listen(backlog)
         self.peers = []
 
-    def accept(self, timeout=PATIENCE):
+    def accept(self, timeout=TIMEOUT):
         """The daemon's next connection."""
         self.listener.settimeout(timeout)
         connected, _ = self.listener.accept()

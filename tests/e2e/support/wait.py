@@ -2,11 +2,11 @@
 """Waiting for a condition with a deadline. The deadline only guards against a hang."""
 import time
 
-PATIENCE = 180.0
+TIMEOUT = 180.0
 LONGEST_PAUSE = 0.05
 
 
-def wait_until(condition, what, timeout=PATIENCE, pause=0.002):
+def wait_until(condition, what, timeout=TIMEOUT, pause=0.002):
     """Asks @p condition again and again; its first true answer, or AssertionError after timeout.
 
     The pauses grow, so that parallel tests do not use the processor up with polling.

@@ -16,7 +16,9 @@ test::FakeDevice& device() {
 }
 
 bool exists(const std::string& path) {
-  return device().files.count(path) + device().stats.count(path) + device().folders.count(path) > 0;
+  return device().files.count(path) + device().stats.count(path) +
+             device().directories.count(path) >
+         0;
 }
 
 // The error of the operation @p name on @p path, which must exist.
@@ -31,10 +33,10 @@ void fill(const std::string& path, struct stat& st) {
     return;
   }
   st = {};
-  const bool folder = device().folders.count(path) > 0;
-  st.st_mode = folder ? S_IFDIR | 0755 : S_IFREG | 0644;
+  const bool directory = device().directories.count(path) > 0;
+  st.st_mode = directory ? S_IFDIR | 0755 : S_IFREG | 0644;
   st.st_nlink = 1;
-  st.st_size = folder ? 0 : static_cast<off_t>(device().files[path].size());
+  st.st_size = directory ? 0 : static_cast<off_t>(device().files[path].size());
 }
 
 }  // namespace
@@ -138,9 +140,10 @@ bool SlaveProxyLocal::rename(const std::string& from, const std::string& to) {
 
 bool SlaveProxyLocal::readDir(const std::string& path, std::vector<std::string>& entries) {
   programs().record("readDir " + path);
-  const auto found = device().folders.find(path);
-  const int error = ProgramRunner::errorOf("readDir", found == device().folders.end() ? ENOENT : 0);
-  if (error == 0 && found != device().folders.end()) {
+  const auto found = device().directories.find(path);
+  const int error =
+      ProgramRunner::errorOf("readDir", found == device().directories.end() ? ENOENT : 0);
+  if (error == 0 && found != device().directories.end()) {
     std::vector<std::string> names = found->second;
     std::sort(names.begin(), names.end());
     entries.insert(entries.end(), names.begin(), names.end());

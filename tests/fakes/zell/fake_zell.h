@@ -51,12 +51,12 @@ struct FakeDevice {
   /// Operations (by name: "writeFile", "kill", "blinkLeds"...) that fail with an errno value.
   std::map<std::string, int> failures;
 
-  /// Contents of the files, by path. Files are in folders by their paths alone.
+  /// Contents of the files, by path. Files are in directories by their paths alone.
   std::map<std::string, std::string> files;
   /// What stat and lstat fill in for a path; others get a regular file of their content's size.
   std::map<std::string, struct stat> stats;
   /// What readdir lists for a path instead of the files below it.
-  std::map<std::string, std::vector<std::string>> folders;
+  std::map<std::string, std::vector<std::string>> directories;
   /// What realpath answers for a path instead of the path itself.
   std::map<std::string, std::string> realPaths;
   /// What walktree writes.

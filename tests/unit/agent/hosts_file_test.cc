@@ -45,10 +45,10 @@ class HostsFileTest : public ::testing::Test {
  protected:
   ~HostsFileTest() override {
     (void)umount2(path.c_str(), MNT_DETACH);  // where a test mounted one
-    (void)umount2(folder.path().c_str(), MNT_DETACH);
+    (void)umount2(directory.path().c_str(), MNT_DETACH);
   }
 
-  void write(const std::string& content) { (void)folder.write("hosts", content); }
+  void write(const std::string& content) { (void)directory.write("hosts", content); }
   void rewrite() { server.setEtcHosts(path, "10.1.2.3"); }
   // The content after a rewrite that went well.
   std::string rewritten(const std::string& content) {
@@ -59,7 +59,7 @@ class HostsFileTest : public ::testing::Test {
     return contentOf(path);
   }
   void mountMemory(const char* options) {
-    ASSERT_EQ(mount("tmpfs", folder.path().c_str(), "tmpfs", 0, options), 0) << strerror(errno);
+    ASSERT_EQ(mount("tmpfs", directory.path().c_str(), "tmpfs", 0, options), 0) << strerror(errno);
   }
   static bool exists(const std::string& name) {
     struct stat st {};
@@ -73,9 +73,9 @@ class HostsFileTest : public ::testing::Test {
   static mode_t modeOf(const std::string& name) { return statOf(name).st_mode; }
 
   HostsServer server;
-  TempDir folder;
-  std::string path = folder.file("hosts");
-  std::string beside = folder.file("hosts.new");
+  TempDir directory;
+  std::string path = directory.file("hosts");
+  std::string beside = directory.file("hosts.new");
   LogCapture log;
 };
 
@@ -242,14 +242,14 @@ TEST_F(HostsFileTest, OwnsTheNewFileWhileItIsFilled) {
 TEST_F(HostsFileTest, PutsANewFileInPlaceAndLeavesTheOldOneToItsReaders) {
   write("a b\n");
   const ino_t before = statOf(path).st_ino;
-  ASSERT_EQ(link(path.c_str(), folder.file("reader").c_str()), 0);
+  ASSERT_EQ(link(path.c_str(), directory.file("reader").c_str()), 0);
   rewrite();
   EXPECT_NE(statOf(path).st_ino, before);
-  EXPECT_EQ(contentOf(folder.file("reader")), "a b\n");
+  EXPECT_EQ(contentOf(directory.file("reader")), "a b\n");
 }
 
 TEST_F(HostsFileTest, ReplacesALinkByAFileAndLeavesItsTargetAlone) {
-  const std::string target = folder.write("target", "a b\n");
+  const std::string target = directory.write("target", "a b\n");
   ASSERT_EQ(chmod(target.c_str(), 0600), 0);
   ASSERT_EQ(symlink("target", path.c_str()), 0);
   rewrite();
@@ -262,7 +262,7 @@ TEST_F(HostsFileTest, ReplacesADanglingLinkAsAMissingFile) {
   ASSERT_EQ(symlink("nowhere", path.c_str()), 0);
   rewrite();
   EXPECT_EQ(contentOf(path), "127.0.0.1 localhost\n" + kEntry);
-  EXPECT_FALSE(exists(folder.file("nowhere")));
+  EXPECT_FALSE(exists(directory.file("nowhere")));
 }
 
 TEST_F(HostsFileTest, DoesNotWaitForAWriterOfAFifoInItsPlace) {
@@ -272,7 +272,7 @@ TEST_F(HostsFileTest, DoesNotWaitForAWriterOfAFifoInItsPlace) {
   EXPECT_EQ(contentOf(path), kEntry);
 }
 
-TEST_F(HostsFileTest, LeavesAFolderInItsPlaceAlone) {
+TEST_F(HostsFileTest, LeavesADirectoryInItsPlaceAlone) {
   ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
   rewrite();
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error reading " +
@@ -282,20 +282,20 @@ TEST_F(HostsFileTest, LeavesAFolderInItsPlaceAlone) {
 }
 
 TEST_F(HostsFileTest, TakesAwayWhatAnInterruptedRewriteLeft) {
-  (void)folder.write("hosts.new", "half a li");
+  (void)directory.write("hosts.new", "half a li");
   ASSERT_EQ(chmod(beside.c_str(), 0444), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
 }
 
 TEST_F(HostsFileTest, WritesThroughNoLinkInThePlaceOfTheNewFile) {
-  const std::string victim = folder.write("victim", "precious");
+  const std::string victim = directory.write("victim", "precious");
   ASSERT_EQ(symlink(victim.c_str(), beside.c_str()), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
   EXPECT_EQ(contentOf(victim), "precious");
 }
 
 TEST_F(HostsFileTest, WritesIntoNoHardLinkInThePlaceOfTheNewFile) {
-  const std::string victim = folder.write("victim", "precious");
+  const std::string victim = directory.write("victim", "precious");
   ASSERT_EQ(link(victim.c_str(), beside.c_str()), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
   EXPECT_EQ(contentOf(victim), "precious");
@@ -306,7 +306,7 @@ TEST_F(HostsFileTest, DoesNotWaitForAReaderOfAFifoInThePlaceOfTheNewFile) {
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
 }
 
-TEST_F(HostsFileTest, GivesUpWhenAFolderIsInThePlaceOfTheNewFile) {
+TEST_F(HostsFileTest, GivesUpWhenADirectoryIsInThePlaceOfTheNewFile) {
   write("a b\n");
   ASSERT_EQ(mkdir(beside.c_str(), 0755), 0);
   rewrite();
@@ -317,7 +317,7 @@ TEST_F(HostsFileTest, GivesUpWhenAFolderIsInThePlaceOfTheNewFile) {
 }
 
 TEST_F(HostsFileTest, LogsBothWhenNeitherFileCanBeOpened) {
-  const std::string missing = folder.file("none/hosts");
+  const std::string missing = directory.file("none/hosts");
   server.setEtcHosts(missing, "10.1.2.3");
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + missing},
@@ -328,7 +328,7 @@ TEST_F(HostsFileTest, LogsBothWhenNeitherFileCanBeOpened) {
 TEST_F(HostsFileTest, LeavesTheFileAloneOnAReadOnlyFileSystem) {
   mountMemory("size=64k");
   write("a b\n");
-  ASSERT_EQ(mount("tmpfs", folder.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, ""), 0);
+  ASSERT_EQ(mount("tmpfs", directory.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, ""), 0);
   rewrite();
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: cannot open " +
                                                                beside + ",Read-only file system"}));
@@ -338,7 +338,7 @@ TEST_F(HostsFileTest, LeavesTheFileAloneOnAReadOnlyFileSystem) {
 TEST_F(HostsFileTest, LeavesTheFileAloneOnAFullFileSystem) {
   mountMemory("size=8k");
   write("a b\n");
-  (void)folder.write("filler", std::string(4096, 'x'));
+  (void)directory.write("filler", std::string(4096, 'x'));
   rewrite();
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error writing " + beside +
@@ -353,7 +353,7 @@ TEST_F(HostsFileTest, TellsTheFirstOfTwoErrors) {
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
   const UniqueFd writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::write(writer.get(), "a b\n", 4), 4);
-  (void)folder.write("filler", std::string(8192, 'x'));
+  (void)directory.write("filler", std::string(8192, 'x'));
   rewrite();
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error reading " + path +
@@ -377,7 +377,7 @@ TEST_F(HostsFileTest, LeavesALongFileAloneWhenTheFileSystemFillsUpInTheMiddle) {
 
 TEST_F(HostsFileTest, LeavesAMountPointAlone) {
   write("below\n");
-  const std::string mounted = folder.write("mounted", "a b\n");
+  const std::string mounted = directory.write("mounted", "a b\n");
   ASSERT_EQ(mount(mounted.c_str(), path.c_str(), "none", MS_BIND, nullptr), 0);
   rewrite();
   EXPECT_THAT(log.entries(),

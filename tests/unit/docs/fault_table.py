@@ -15,9 +15,9 @@ PREFIXES = {"test": "", "verify": "verify_", "fuzz": "fuzz_"}
 ROWS = 55
 
 
-def files(*folders, suffixes):
-    for folder in folders:
-        for path, _, names in os.walk(os.path.join(ROOT, folder)):
+def files(*directories, suffixes):
+    for directory in directories:
+        for path, _, names in os.walk(os.path.join(ROOT, directory)):
             for name in names:
                 if name.endswith(suffixes):
                     yield os.path.join(path, name)

@@ -100,7 +100,7 @@ TEST_F(ServerDaemon, ReplacesWhatAnInterruptedStartLeftBehind) {
 }
 
 TEST_F(ServerDaemon, ReturnsOneAlsoWhenThePidFileCannotBeWritten) {
-  OpenServer server("no/such/folder");
+  OpenServer server("no/such/directory");
   sys.forkResult = 4321;
   EXPECT_EQ(server.run(true), 1);
   EXPECT_THAT(lines(), ElementsAre("NOTICE (PID) daemon backgrounded",
@@ -133,13 +133,13 @@ TEST_F(ServerDaemon, GoesOnInTheChildWithoutWritingThePidFile) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ServerDaemon, StaysInItsFolderAndSession) {
-  const auto folder = std::filesystem::current_path();
+TEST_F(ServerDaemon, StaysInItsDirectoryAndSession) {
+  const auto directory = std::filesystem::current_path();
   const pid_t session = getsid(0);
   const mode_t mask = umask(0);
   umask(mask);
   EXPECT_EQ(runAs(0), 0);
-  EXPECT_EQ(std::filesystem::current_path(), folder);
+  EXPECT_EQ(std::filesystem::current_path(), directory);
   EXPECT_EQ(getsid(0), session);
   EXPECT_EQ(umask(mask), mask);
 }
@@ -232,7 +232,7 @@ TEST_F(UnreadablePidFile, OfBinaryBytesRefusesTheStart) {
   expectRefusal();
 }
 
-TEST_F(UnreadablePidFile, ThatIsAFolderRefusesTheStart) {
+TEST_F(UnreadablePidFile, ThatIsADirectoryRefusesTheStart) {
   ASSERT_EQ(mkdir(kPidFile.c_str(), 0700), 0);
   expectRefusal();
 }

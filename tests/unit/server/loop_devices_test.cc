@@ -11,8 +11,8 @@ namespace {
 using ::testing::ElementsAre;
 
 TEST_F(ServerLoop, ServesADevice) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   device.write("ready");
   std::string got;
@@ -30,8 +30,8 @@ TEST_F(ServerLoop, ServesADevice) {
 }
 
 TEST_F(ServerLoop, OpensDevicesForReadingAndForItselfOnly) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   int mode = -1;
   int flags = 0;
@@ -54,9 +54,9 @@ TEST_F(ServerLoop, GoesOnWithoutADeviceThatIsMissing) {
 }
 
 TEST_F(ServerLoop, ServesDevicesInListOrder) {
-  const TempDir folder;
-  const Fifo a(folder, "a");
-  const Fifo b(folder, "b");
+  const TempDir directory;
+  const Fifo a(directory, "a");
+  const Fifo b(directory, "b");
   server_.add_device(b.path());
   server_.add_device(a.path());
   a.write("1");
@@ -70,8 +70,8 @@ TEST_F(ServerLoop, ServesDevicesInListOrder) {
 }
 
 TEST_F(ServerLoop, ServesADeviceForEachTimeThatItIsListed) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   server_.add_device(device.path());
   device.write("12");
@@ -87,8 +87,8 @@ TEST_F(ServerLoop, ServesADeviceForEachTimeThatItIsListed) {
 }
 
 TEST_F(ServerLoop, NeverWatchesADeviceForExceptions) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   fd_set readSet{};
   fd_set exceptSet{};
@@ -107,8 +107,8 @@ TEST_F(ServerLoop, NeverWatchesADeviceForExceptions) {
 
 // A kernel that reported one all the same: the line stands, and nothing is closed.
 TEST_F(ServerLoop, AsksToReconnectADeviceThatIsDisconnected) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   device.write("x");
   server_.onSelect = [&](int) {

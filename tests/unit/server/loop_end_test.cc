@@ -143,8 +143,8 @@ TEST_F(ServerLoop, GoesOnAfterASelectError) {
 }
 
 TEST_F(HostLoop, ClosesEverythingInOrder) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_device(device.path());
   server_.add_port(kPort, false, true);
   server_.add_port(kOtherPort, false, true);

@@ -7,7 +7,7 @@
 
 namespace zell::test {
 
-Fifo::Fifo(const TempDir& folder, const std::string& name) : path_(folder.file(name)) {
+Fifo::Fifo(const TempDir& directory, const std::string& name) : path_(directory.file(name)) {
   EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
   end_.reset(open(path_.c_str(), O_RDWR | O_CLOEXEC));
 }

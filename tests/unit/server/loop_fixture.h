@@ -15,7 +15,7 @@ namespace zell::test {
 /// A pipe with a name, held open by the test: opening it waits for nobody.
 class Fifo {
  public:
-  Fifo(const TempDir& folder, const std::string& name);
+  Fifo(const TempDir& directory, const std::string& name);
   [[nodiscard]] const std::string& path() const { return path_; }
   void write(const std::string& bytes) const;
 

@@ -18,8 +18,8 @@ using ::testing::IsEmpty;
 using ::testing::Not;
 
 TEST_F(HostLoop, DispatchesListenersDevicesConnectionsAndHostsInThatOrder) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_port(kPort, false, true);
   server_.add_device(device.path());
   UniqueFd far;
@@ -52,8 +52,8 @@ TEST_F(HostLoop, DispatchesListenersDevicesConnectionsAndHostsInThatOrder) {
 }
 
 TEST_F(HostLoop, TellsSelectTheHighestDescriptorOfAnyKind) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_port(kPort, false, true);
   server_.add_port(kOtherPort, true, true);
   server_.add_device(device.path());

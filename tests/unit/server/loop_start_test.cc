@@ -16,8 +16,8 @@ using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
 TEST_F(HostLoop, StartsInOrder) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_port(kOtherPort, false, true);
   server_.add_port(kPort, false, true);
   server_.add_device(device.path());

@@ -117,7 +117,7 @@ std::vector<int> openDescriptors() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     numbers.push_back(std::stoi(entry.path().filename()));
   }
-  // The folder's own descriptor was among them, and is gone by now.
+  // The directory's own descriptor was among them, and is gone by now.
   numbers.erase(std::remove_if(numbers.begin(), numbers.end(),
                                [](int fd) { return fcntl(fd, F_GETFD) == -1; }),
                 numbers.end());

@@ -251,8 +251,8 @@ TEST_F(ServerLoop, AReadingSubclassDropsItsOwnAndSaysItIsAlive) {
 }
 
 TEST_F(ServerLoop, ADeviceHandlerDropsReadableConnections) {
-  const TempDir folder;
-  const Fifo device(folder, "device");
+  const TempDir directory;
+  const Fifo device(directory, "device");
   server_.add_port(kPort, false, true);
   server_.add_device(device.path());
   UniqueFd client;

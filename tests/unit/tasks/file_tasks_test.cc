@@ -164,12 +164,12 @@ TEST_F(FileTasksTest, FreeBlocksIsZeroAfterAFailure) {
 }
 
 TEST_F(FileTasksTest, ReadDirPrintsTheNamesUnderAFixedLabel) {
-  device.folders["/d"] = {"b", "a\nb", "a"};
+  device.directories["/d"] = {"b", "a\nb", "a"};
   EXPECT_EQ(run({"readdir", "/d"}), replyRecord("StringVec 3\n1:a\n3:a\nb\n1:b\n"));
 }
 
-TEST_F(FileTasksTest, ReadDirOfAnEmptyFolderPrintsAnEmptyList) {
-  device.folders["/d"] = {};
+TEST_F(FileTasksTest, ReadDirOfAnEmptyDirectoryPrintsAnEmptyList) {
+  device.directories["/d"] = {};
   EXPECT_EQ(run({"readdir", "/d"}), replyRecord("StringVec 0\n"));
 }
 
@@ -199,7 +199,7 @@ TEST_F(FileTasksTest, UnlinkAndChmodxAnswerTheStatusAlone) {
 }
 
 TEST_F(FileTasksTest, WalkTreePrintsTheTree) {
-  device.folders["/d"] = {};
+  device.directories["/d"] = {};
   device.tree = "d0755 0 0 0 1 .\n";
   EXPECT_EQ(run({"walktree", "/d"}), replyRecord("d0755 0 0 0 1 .\n"));
 }
@@ -210,7 +210,7 @@ TEST_F(FileTasksTest, WalkTreeWithoutAWalkerHasNoText) {
 }
 
 TEST_F(FileTasksTest, WalkTreeFailureCarriesWhatWasGathered) {
-  device.folders["/d"] = {};
+  device.directories["/d"] = {};
   device.tree = "d0755 0 0 0 1 .\n";
   device.failures["walkTree"] = EACCES;
   EXPECT_EQ(run({"walktree", "/d"}), replyRecord("d0755 0 0 0 1 .\n", "1 0 1 13 0"));

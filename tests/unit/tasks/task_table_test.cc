@@ -63,7 +63,7 @@ class EveryTaskTest : public TaskCase, public ::testing::WithParamInterface<Task
  protected:
   EveryTaskTest() {
     device.files["/a"] = "content";
-    device.folders["/a"] = {"x"};
+    device.directories["/a"] = {"x"};
     device.processes = {"init"};
   }
 

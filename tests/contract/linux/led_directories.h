@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // LEDs as the kernel shows them, in memory.
-#ifndef TESTS_CONTRACT_LINUX_LED_FOLDERS_H_
-#define TESTS_CONTRACT_LINUX_LED_FOLDERS_H_
+#ifndef TESTS_CONTRACT_LINUX_LED_DIRECTORIES_H_
+#define TESTS_CONTRACT_LINUX_LED_DIRECTORIES_H_
 
 #include <string>
 
@@ -9,11 +9,11 @@
 
 namespace zell::test {
 
-/// Puts an empty /sys over the machine's and makes the two LED folders that the build was
+/// Puts an empty /sys over the machine's and makes the two LED directories that the build was
 /// configured with, dark, with a brightness of at most 255 and without a trigger.
-class LedFolders {
+class LedDirectories {
  public:
-  LedFolders();
+  LedDirectories();
 
   /// The path of a file of the first or second LED.
   static std::string first(const std::string& name);
@@ -27,4 +27,4 @@ class LedFolders {
 
 }  // namespace zell::test
 
-#endif  // TESTS_CONTRACT_LINUX_LED_FOLDERS_H_
+#endif  // TESTS_CONTRACT_LINUX_LED_DIRECTORIES_H_

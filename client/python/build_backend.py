@@ -50,7 +50,7 @@ def build_wheel(
     config_settings: Optional[Dict[str, Any]] = None,
     metadata_directory: Optional[str] = None,
 ) -> str:
-    """Writes the wheel into `wheel_directory` and gives its name."""
+    """Writes the wheel into `wheel_directory` and returns its name."""
     project = _project()
     stem = f"{project['name']}-{project['version']}"
     files = dict(_package())
@@ -67,7 +67,7 @@ def build_wheel(
 
 
 def build_sdist(sdist_directory: str, config_settings: Optional[Dict[str, Any]] = None) -> str:
-    """Writes the source archive into `sdist_directory` and gives its name."""
+    """Writes the source archive into `sdist_directory` and returns its name."""
     project = _project()
     stem = f"{project['name']}-{project['version']}"
     name = f"{stem}.tar.gz"

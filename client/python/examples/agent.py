@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""A local agent: sends one clause to the master and shows its answer: agent.py CLAUSE"""
+"""A local agent: sends one clause to the master and prints the next clause: agent.py CLAUSE"""
 import sys
 
 import runel

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""A master: waits for devices, asks each for its kernel, then tells what their agents say.
+"""A master: waits for devices, asks each for its kernel version, then prints the agents' clauses.
 
 master.py [DEVICES [PORT]]    DEVICES: how many to wait for (default: 10)
 """

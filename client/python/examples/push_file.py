@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Copies a file to a device and shows the progress: push_file.py HOST SOURCE TARGET"""
+"""Copies a file to a device and prints the progress: push_file.py HOST SOURCE TARGET"""
 import sys
 
 import runel

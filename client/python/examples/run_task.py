@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Runs a program on a device and shows what it wrote: run_task.py HOST PROGRAM [ARGUMENT...]"""
+"""Runs a program on a device and prints its output: run_task.py HOST PROGRAM [ARGUMENT...]"""
 import sys
 
 import runel

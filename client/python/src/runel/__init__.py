@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Client of the runeld daemon: devices, masters, agents and fleets, blocking or with asyncio.
 
-Each class has two faces with the same methods: `Device` blocks and may be shared by threads,
+Each class exists twice with the same methods: `Device` blocks and may be shared by threads,
 `AsyncDevice` is for asyncio. The daemon has no authentication and no encryption.
 """
 from runel._address import MASTER_PORT, TASK_PORT

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Addresses as they are written: HOST or HOST:PORT."""
+"""Parses addresses: HOST or HOST:PORT."""
 from __future__ import annotations
 
 from typing import Tuple
@@ -7,14 +7,14 @@ from typing import Tuple
 from runel.errors import LocalError, Outcome
 
 TASK_PORT = 5111
-"""Where a device listens, for masters and for agents."""
+"""Port on which a device listens for masters and agents."""
 
 MASTER_PORT = 5112
-"""Where a master listens, for devices."""
+"""Port on which a master listens for devices."""
 
 
 def split_address(text: str, port: int) -> Tuple[str, int]:
-    """Host and port of `text`, with `port` where it names none. Raises `LocalError`.
+    """Host and port of `text`; `port` is the default. Raises `LocalError`.
 
     >>> split_address("gw-3:80", 5111), split_address("gw-3", 5111)
     (('gw-3', 80), ('gw-3', 5111))

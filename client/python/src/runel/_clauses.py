@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The relay's clauses without I/O: cutting them out of a stream, checking one before it is sent.
+"""The relay's clauses without I/O: splits a stream into clauses, checks a clause to send.
 
-The rules are those of the daemon, which does not parse XML: a clause ends at the first ``>`` when
-a ``/`` stands before it, otherwise behind the first place where its tag comes again as ``</tag>``.
+The rules are those of the daemon, which does not parse XML: a clause ends at the first ``>`` if a
+``/`` precedes it, otherwise after the first ``</tag>`` of its tag.
 """
 from __future__ import annotations
 
@@ -11,14 +11,14 @@ from typing import Optional
 from runel._protocol import ProtocolError
 
 MAX_CLAUSE = 1048576
-"""Longest clause that is taken from a peer, in bytes."""
+"""Maximum length of a received clause, in bytes."""
 
 PING = b"<ping/>"
 _BLANKS = b" \t\r\n"
 
 
 class ClauseCutter:
-    """Cuts a stream of bytes into clauses.
+    """Splits a stream of bytes into clauses.
 
     >>> cutter = ClauseCutter()
     >>> cutter.feed(b"<a/>\\r\\n<b>te")
@@ -32,23 +32,23 @@ class ClauseCutter:
     def __init__(self, limit: int = MAX_CLAUSE) -> None:
         self._limit = limit
         self._buffer = bytearray()
-        self._searched = 0  # bytes of the buffer that hold no end of its first clause
+        self._searched = 0  # length of the searched part of the buffer, without an end
 
     def feed(self, data: bytes) -> None:
-        """Adds received bytes, cut anywhere. Raises `ProtocolError` for the bytes of frames."""
+        """Adds received bytes, split anywhere. Raises `ProtocolError` for the bytes of frames."""
         if b"\x01" in data or b"\x02" in data:
             raise ProtocolError("bytes of a frame among clauses")
         self._buffer += data
 
     @property
     def is_empty(self) -> bool:
-        """True when nothing but blanks is left."""
+        """True if only blanks are left."""
         return not self._buffer.strip(_BLANKS)
 
     def next(self) -> Optional[bytes]:
-        """The next whole clause, or None while bytes are missing.
+        """The next complete clause, or None while bytes are missing.
 
-        Raises `ProtocolError` for what begins no clause and for a clause above the limit.
+        Raises `ProtocolError` for bytes that start no clause and for a clause above the limit.
         """
         if not self._searched:
             self._skip_blanks()
@@ -80,7 +80,7 @@ class ClauseCutter:
 
 
 def check_clause(clause: bytes) -> bytes:
-    """`clause` without the blanks around it, when it is exactly one. `ProtocolError` otherwise."""
+    """`clause` without surrounding blanks. Raises `ProtocolError` unless it is exactly one."""
     cutter = ClauseCutter(limit=len(clause))
     cutter.feed(clause)
     found = cutter.next()

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The I/O of the async face: asyncio. `_io_sync` has the same names for threads.
+"""I/O with asyncio. `_io_sync` has the same names for threads.
 
-Timeouts are in seconds, None waits without limit; `TimeoutError` and other `OSError` tell of
-failures.
+Timeouts are in seconds, None waits without limit. Failures raise `TimeoutError` or another
+`OSError`.
 """
 from __future__ import annotations
 
@@ -18,16 +18,16 @@ from runel._sockets import CHUNK, Bytes, SharedSocket, listening_socket
 
 T = TypeVar("T")
 
-_tasks: Set["asyncio.Task[None]"] = set()  # asyncio itself holds tasks weakly
+_tasks: Set["asyncio.Task[None]"] = set()  # asyncio itself has only weak references to tasks.
 
 
 def mutex() -> ContextManager[Any]:
-    """A lock for short sections without a wait in them; tasks need none."""
+    """A lock for short sections that do not wait. asyncio does not need one."""
     return contextlib.nullcontext()
 
 
 class Lock:
-    """Made in any place, bound to the event loop that first uses it."""
+    """A lock, bound to the event loop that first uses it."""
 
     def __init__(self) -> None:
         self._lock: Optional[asyncio.Lock] = None
@@ -48,7 +48,7 @@ class Lock:
 
 
 class Event:
-    """Something that happens once, or again after `clear`."""
+    """An event that happens once, or again after `clear`."""
 
     def __init__(self) -> None:
         self._set = False
@@ -67,7 +67,7 @@ class Event:
         return self._set
 
     async def wait(self, timeout: Optional[float] = None) -> bool:
-        """Waits for it; False when the timeout came first."""
+        """Waits for the event; False after the timeout."""
         if self._set:
             return True
         waiter = asyncio.get_running_loop().create_future()
@@ -80,7 +80,7 @@ class Event:
 
 
 class Mailbox(Generic[T]):
-    """Items from one side to the other. Keeps the newest `limit`; `dropped` counts the rest."""
+    """A queue that keeps the newest `limit` items; `dropped` counts the others."""
 
     def __init__(self, limit: int) -> None:
         self._items: Deque[T] = collections.deque(maxlen=limit)
@@ -94,12 +94,12 @@ class Mailbox(Generic[T]):
         self._filled.set()
 
     def close(self) -> None:
-        """No more items come."""
+        """Marks the end: no more items follow."""
         self._closed = True
         self._filled.set()
 
     async def take(self, timeout: Optional[float] = None) -> Optional[T]:
-        """The oldest item; None when the timeout came first, or no more items come."""
+        """Takes the oldest item; None after the timeout or at the end."""
         await self._filled.wait(timeout)
         item = self._items.popleft() if self._items else None
         if not self._items and not self._closed:
@@ -112,24 +112,24 @@ async def sleep(seconds: float) -> None:
 
 
 def spawn(work: Callable[..., Awaitable[None]], *args: Any) -> None:
-    """Runs `work`, which handles its own errors, beside the caller."""
+    """Runs `work` concurrently with the caller. `work` handles its errors."""
     task = asyncio.ensure_future(work(*args))
     _tasks.add(task)
     task.add_done_callback(_tasks.discard)
 
 
 def call_later(seconds: float, work: Callable[[], None]) -> Callable[[], None]:
-    """Has `work` called after `seconds`. The result calls it off."""
+    """Calls `work` after `seconds`. Returns a function that cancels the call."""
     return asyncio.get_running_loop().call_later(seconds, work).cancel
 
 
 async def call_blocking(work: Callable[..., T], *args: Any) -> T:
-    """The result of `work`, which may wait for a disk."""
+    """The result of `work`, which may block on a disk."""
     return await asyncio.get_running_loop().run_in_executor(None, work, *args)
 
 
 async def run_all(work: Callable[[T], Awaitable[None]], items: Iterable[T], parallel: int) -> None:
-    """Calls `work` with each item, at most `parallel` at a time."""
+    """Calls `work` with each item, at most `parallel` in parallel."""
     left = iter(items)
 
     async def worker() -> None:
@@ -140,15 +140,15 @@ async def run_all(work: Callable[[T], Awaitable[None]], items: Iterable[T], para
 
 
 class Stream(SharedSocket):
-    """A TCP connection: one task may send while another one receives."""
+    """A TCP connection: one task may send while another receives."""
 
     async def send(self, data: Bytes, timeout: Optional[float] = None) -> None:
-        """Hands all of `data` to the kernel."""
+        """Passes all of `data` to the kernel."""
         with self._use() as sock:
             await _within(timeout, asyncio.get_running_loop().sock_sendall(sock, data))
 
     async def receive(self, timeout: Optional[float] = None) -> bytes:
-        """Bytes that came; none at the end of the connection."""
+        """Received bytes; empty at the end of the connection."""
         with self._use() as sock:
             return await _within(timeout, asyncio.get_running_loop().sock_recv(sock, CHUNK))
 
@@ -161,7 +161,7 @@ async def _within(timeout: Optional[float], work: Awaitable[T]) -> T:
 
 
 async def connect(host: str, port: int, timeout: Optional[float]) -> Stream:
-    """A connection to `host`, a name or an IPv4 address."""
+    """Connects to `host`, a name or an IPv4 address."""
     return await _within(timeout, _connect(host, port))
 
 
@@ -179,7 +179,7 @@ async def _connect(host: str, port: int) -> Stream:
 
 
 class Listener(SharedSocket):
-    """A port that devices dial."""
+    """A listening port for devices."""
 
     def __init__(self, host: str, port: int) -> None:
         sock = listening_socket(host, port)

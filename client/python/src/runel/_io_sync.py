@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The I/O of the sync face: sockets and threads. `_io_async` has the same names for asyncio.
+"""I/O with sockets and threads. `_io_async` has the same names for asyncio.
 
-Timeouts are in seconds, None waits without limit; `TimeoutError` and other `OSError` tell of
-failures.
+Timeouts are in seconds, None waits without limit. Failures raise `TimeoutError` or another
+`OSError`.
 """
 from __future__ import annotations
 
@@ -21,12 +21,12 @@ T = TypeVar("T")
 
 
 def mutex() -> ContextManager[Any]:
-    """A lock for short sections without a wait in them."""
+    """A lock for short sections that do not wait."""
     return threading.Lock()
 
 
 class Lock:
-    """Held by one thread at a time."""
+    """A lock for one thread."""
 
     def __init__(self) -> None:
         self._lock = threading.Lock()
@@ -44,11 +44,11 @@ class Lock:
 
 
 class Event(threading.Event):
-    """Something that happens once, or again after `clear`."""
+    """An event that happens once, or again after `clear`."""
 
 
 class Mailbox(Generic[T]):
-    """Items from one side to the other. Keeps the newest `limit`; `dropped` counts the rest."""
+    """A queue that keeps the newest `limit` items; `dropped` counts the others."""
 
     def __init__(self, limit: int) -> None:
         self._items: Deque[T] = collections.deque(maxlen=limit)
@@ -63,13 +63,13 @@ class Mailbox(Generic[T]):
             self._filled.notify()
 
     def close(self) -> None:
-        """No more items come."""
+        """Marks the end: no more items follow."""
         with self._filled:
             self._closed = True
             self._filled.notify_all()
 
     def take(self, timeout: Optional[float] = None) -> Optional[T]:
-        """The oldest item; None when the timeout came first, or no more items come."""
+        """Takes the oldest item; None after the timeout or at the end."""
         with self._filled:
             self._filled.wait_for(lambda: self._items or self._closed, timeout)
             return self._items.popleft() if self._items else None
@@ -80,12 +80,12 @@ def sleep(seconds: float) -> None:
 
 
 def spawn(work: Callable[..., None], *args: Any) -> None:
-    """Runs `work`, which handles its own errors, beside the caller."""
+    """Runs `work` concurrently with the caller. `work` handles its errors."""
     threading.Thread(target=work, args=args, daemon=True).start()
 
 
 def call_later(seconds: float, work: Callable[[], None]) -> Callable[[], None]:
-    """Has `work` called after `seconds`. The result calls it off."""
+    """Calls `work` after `seconds`. Returns a function that cancels the call."""
     timer = threading.Timer(seconds, work)
     timer.daemon = True
     timer.start()
@@ -93,12 +93,12 @@ def call_later(seconds: float, work: Callable[[], None]) -> Callable[[], None]:
 
 
 def call_blocking(work: Callable[..., T], *args: Any) -> T:
-    """The result of `work`, which may wait for a disk."""
+    """The result of `work`, which may block on a disk."""
     return work(*args)
 
 
 def run_all(work: Callable[[T], None], items: Iterable[T], parallel: int) -> None:
-    """Calls `work` with each item, at most `parallel` at a time. The first error is raised."""
+    """Calls `work` with each item, at most `parallel` in parallel. Raises the first error."""
     left = iter(items)
     guard = threading.Lock()
     errors: List[BaseException] = []
@@ -132,10 +132,10 @@ def _wait(sock: socket.socket, event: int, timeout: Optional[float]) -> None:
 
 
 class Stream(SharedSocket):
-    """A TCP connection: one thread may send while another one receives."""
+    """A TCP connection: one thread may send while another receives."""
 
     def send(self, data: Bytes, timeout: Optional[float] = None) -> None:
-        """Hands all of `data` to the kernel."""
+        """Passes all of `data` to the kernel."""
         view = memoryview(data)
         with self._use() as sock:
             while view:
@@ -145,7 +145,7 @@ class Stream(SharedSocket):
                     _wait(sock, select.POLLOUT, timeout)
 
     def receive(self, timeout: Optional[float] = None) -> bytes:
-        """Bytes that came; none at the end of the connection."""
+        """Received bytes; empty at the end of the connection."""
         with self._use() as sock:
             while True:
                 try:
@@ -155,7 +155,7 @@ class Stream(SharedSocket):
 
 
 def connect(host: str, port: int, timeout: Optional[float]) -> Stream:
-    """A connection to `host`, a name or an IPv4 address."""
+    """Connects to `host`, a name or an IPv4 address."""
     found = socket.getaddrinfo(host, port, family=socket.AF_INET, type=socket.SOCK_STREAM)
     sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     try:
@@ -171,7 +171,7 @@ def connect(host: str, port: int, timeout: Optional[float]) -> Stream:
 
 
 class Listener(SharedSocket):
-    """A port that devices dial."""
+    """A listening port for devices."""
 
     def __init__(self, host: str, port: int) -> None:
         sock = listening_socket(host, port)

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Which of the connections from one address carries tasks. Decides only: touches no socket.
+"""Decides which of the connections from one address carries tasks. Uses no socket.
 
-A device sends nothing to tell its connections apart, and a frame on its agent bridge stops it. So a
-connection is taken for the slave connection only when it cannot be a bridge: a device has no bridge
-without a slave connection. All others are "further" ones: a bridge, or one too many.
+A device does not mark its connections, and a frame on its agent bridge stops it. So a connection
+counts as the slave connection only if it cannot be a bridge: a device has no bridge without a slave
+connection. All others are "further" connections: a bridge or a surplus connection.
 """
 from __future__ import annotations
 
@@ -11,8 +11,8 @@ from dataclasses import dataclass, field
 from typing import Dict, List, Optional
 
 OUTLIVE = 5.0
-"""Seconds. A device ends its bridge together with its slave connection: what is still there so long
-after the slave connection is lost was not a bridge."""
+"""Seconds. A device closes its bridge together with its slave connection: a connection that
+outlives the slave connection by this time is not a bridge."""
 
 
 @dataclass
@@ -24,7 +24,7 @@ class _Member:
 
 @dataclass
 class _Place:
-    """All connections from one address, in the order in which they were accepted."""
+    """All connections from one address, in the order of their acceptance."""
 
     members: Dict[int, _Member] = field(default_factory=dict)
     slave_lost: float = 0.0
@@ -35,9 +35,9 @@ class _Place:
 
 
 class Lineup:
-    """`shared`: several devices may be behind one address, and a further connection that has been
-    silent for so many seconds is taken for another device's slave connection. None: every address
-    is one device.
+    """`shared`: seconds, for several devices behind one address: a further connection that is
+    silent for this time counts as the slave connection of another device. None: each address is
+    one device.
     """
 
     def __init__(self, shared: Optional[float] = None) -> None:
@@ -46,7 +46,7 @@ class Lineup:
         self._addresses: Dict[int, str] = {}
 
     def opened(self, number: int, address: str, now: float) -> bool:
-        """A new connection. True when it is a slave connection."""
+        """Adds a new connection. True if it is a slave connection."""
         place = self._places.setdefault(address, _Place())
         slave = not place.has_slave
         place.members[number] = _Member(slave, now)
@@ -54,7 +54,7 @@ class Lineup:
         return slave
 
     def spoke(self, number: int) -> None:
-        """It said something of its own accord: it never becomes a slave connection."""
+        """Records that it sent bytes unasked: it never becomes a slave connection."""
         self._places[self._addresses[number]].members[number].spoke = True
 
     def closed(self, number: int, now: float) -> None:
@@ -67,18 +67,18 @@ class Lineup:
             place.slave_lost = now
 
     def due(self, now: float) -> List[int]:
-        """Those that have become slave connections, each told once."""
+        """The connections that have become slave connections, each returned once."""
         found = []
         for place in self._places.values():
             for number, member in place.members.items():
                 time = self._due_time(place, member)
                 if time is not None and time <= now:
-                    member.slave = True  # and keeps the others of its address from it
+                    member.slave = True  # it keeps the others of its address from becoming one
                     found.append(number)
         return found
 
     def next_due(self) -> Optional[float]:
-        """When to ask for them again."""
+        """When to call `due` again."""
         times = [
             self._due_time(place, member)
             for place in self._places.values()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a peer is that speaks another protocol, by its first bytes."""
+"""Guesses which other protocol a peer speaks, from its first bytes."""
 from __future__ import annotations
 
 _KNOWN = (
@@ -21,7 +21,7 @@ _KNOWN = (
 
 
 def guess_peer(first: bytes) -> str:
-    """ "not a runeld: ..." for the first bytes of a peer; empty when they begin a frame.
+    """ "not a runeld: ..." for the first bytes of a peer; empty if they start a frame.
 
     >>> guess_peer(b"SSH-2.0-x")
     'not a runeld: it speaks like an SSH server'

@@ -1,9 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The task protocol without I/O: frames and records, to and from bytes.
+"""The task protocol without I/O: encodes and decodes frames and records.
 
-A frame is ``0x01 COUNT 0x02 PAYLOAD``; every payload is a record. Input is checked to the letter:
-what is malformed raises `ProtocolError`. Memory grows with the bytes received, never with a length
-that the peer announces.
+A frame is ``0x01 COUNT 0x02 PAYLOAD``; every payload is a record. Malformed input raises
+`ProtocolError`. Memory grows with the bytes received, never with a length that the peer announces.
 """
 from __future__ import annotations
 
@@ -12,10 +11,10 @@ from dataclasses import dataclass
 from typing import Optional, Tuple
 
 MAX_PAYLOAD = 268435456
-"""Largest payload of a frame, in bytes."""
+"""Maximum payload of a frame, in bytes."""
 
 SMALL_REPLY = 65536
-"""Most bytes that the reply to a task without content may have."""
+"""Maximum size of the reply to a task without content, in bytes."""
 
 _MAX_COUNT_DIGITS = 9
 _COUNT = re.compile(rb"0|[1-9][0-9]*")
@@ -25,18 +24,18 @@ _RECORD_START = b"SlaveTask "
 
 
 class ProtocolError(ValueError):
-    """The bytes are not what the protocol allows."""
+    """Malformed input."""
 
 
 def encode_frame(payload: bytes) -> bytes:
-    """The frame that carries `payload`. Raises `ProtocolError` above `MAX_PAYLOAD` bytes."""
+    """The frame with `payload`. Raises `ProtocolError` above `MAX_PAYLOAD` bytes."""
     if len(payload) > MAX_PAYLOAD:
         raise ProtocolError(f"a payload of {len(payload)} bytes; at most {MAX_PAYLOAD} fit")
     return b"\x01%d\x02%s" % (len(payload), payload)
 
 
 class FrameDecoder:
-    """Cuts a stream of bytes into payloads.
+    """Splits a stream of bytes into payloads.
 
     >>> decoder = FrameDecoder()
     >>> decoder.feed(b"\\x015\\x02he")
@@ -49,22 +48,22 @@ class FrameDecoder:
 
     def __init__(self) -> None:
         self._buffer = bytearray()
-        self._length: Optional[int] = None  # of the payload at the buffer's start
+        self._length: Optional[int] = None  # of the payload at the start of the buffer
 
     def feed(self, data: bytes) -> None:
-        """Adds received bytes, cut anywhere."""
+        """Adds received bytes, split anywhere."""
         self._buffer += data
 
     @property
     def is_empty(self) -> bool:
-        """True between two frames."""
+        """True between frames."""
         return self._length is None and not self._buffer
 
     def next(self, limit: int = MAX_PAYLOAD) -> Optional[bytes]:
-        """The next whole payload, or None while bytes are missing.
+        """The next complete payload, or None while bytes are missing.
 
-        Raises `ProtocolError` for a bad frame and for a payload of more than `limit` bytes, the
-        latter as soon as its count is there. After an error the decoder is of no further use.
+        Raises `ProtocolError` for a malformed frame, and for a payload above `limit` bytes as soon
+        as its count has arrived. After an error the decoder is unusable.
         """
         if self._length is None:
             self._length = self._take_count(limit)
@@ -109,7 +108,7 @@ class Record:
 
 
 def encode_record(record: Record) -> bytes:
-    """The text form of `record`. Raises `ProtocolError` for a number that no record can hold."""
+    """The text form of `record`. Raises `ProtocolError` for a number out of range."""
     fields = (record.status, record.state, record.result, record.errno, record.signal)
     unsigned = (record.status, record.state, record.errno, record.signal)
     for number in (record.exec_param, *fields):
@@ -126,7 +125,7 @@ def encode_record(record: Record) -> bytes:
 
 
 def decode_record(payload: bytes) -> Record:
-    """The record that `payload` is the text form of. Raises `ProtocolError` if it is not one."""
+    """Parses `payload`. Raises `ProtocolError` if it is not a record."""
     fields = _Fields(payload)
     args = tuple(fields.string() for _ in range(fields.number(0)))
     record = Record(
@@ -143,7 +142,7 @@ def decode_record(payload: bytes) -> Record:
 
 
 class _Fields:
-    """Reads the fields of a record one after the other."""
+    """Parses the fields of a record in order."""
 
     def __init__(self, payload: bytes) -> None:
         if not payload.startswith(_RECORD_START):

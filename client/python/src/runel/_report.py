@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What came of one job on many devices."""
+"""The results of one job on many devices."""
 from __future__ import annotations
 
 from dataclasses import dataclass, field
@@ -9,7 +9,7 @@ T = TypeVar("T")
 
 
 class FleetError(Exception):
-    """The job did not succeed on all devices. `failures` has the errors by name."""
+    """The job failed on some devices. `failures`: the errors by device name."""
 
     def __init__(self, failures: Dict[str, Exception], skipped: List[str]) -> None:
         names = ", ".join(sorted([*failures, *skipped]))
@@ -20,22 +20,22 @@ class FleetError(Exception):
 
 @dataclass
 class FleetReport(Generic[T]):
-    """What came of it, by the devices' names."""
+    """The results by device name."""
 
     results: Dict[str, T] = field(default_factory=dict)
-    """What the job returned."""
+    """Return values of the job."""
     failures: Dict[str, Exception] = field(default_factory=dict)
-    """What it raised; a `RunelError` unless the job raised an error of its own."""
+    """Exceptions of the job; `RunelError` unless the job raised another exception."""
     skipped: List[str] = field(default_factory=list)
-    """Devices that it was not started on, because too many had failed."""
+    """Devices on which the job was not started, because too many had failed."""
 
     @property
     def ok(self) -> bool:
-        """It succeeded on all."""
+        """The job succeeded on all devices."""
         return not self.failures and not self.skipped
 
     def check(self) -> Dict[str, T]:
-        """The results. Raises `FleetError` unless it succeeded on all."""
+        """The results. Raises `FleetError` unless the job succeeded on all devices."""
         if not self.ok:
             raise FleetError(self.failures, self.skipped)
         return self.results

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What both I/O layers need of a socket: options, an owner that closes it once, a look at TCP."""
+"""Sockets for both I/O layers: options, an owner that closes once, TCP acknowledgements."""
 from __future__ import annotations
 
 import contextlib
@@ -12,15 +12,15 @@ from typing import Iterator, Union
 Bytes = Union[bytes, memoryview]
 
 CHUNK = 262144
-"""Bytes that one call sends or receives at most."""
+"""Maximum number of bytes in one send or receive call."""
 
 _SIOCOUTQ = 0x5411
-_LAST_ACK_RECV = 56  # offset in struct tcp_info, in milliseconds
+_LAST_ACK_RECV = 56  # offset in struct tcp_info; the value is in milliseconds
 _TICK = 0.02
 
 
 def set_options(sock: socket.socket) -> None:
-    """Non-blocking, without delay, and with the keepalive times that the daemon has too."""
+    """Sets non-blocking mode, TCP_NODELAY, and the keepalive times that the daemon uses."""
     sock.setblocking(False)
     sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1)
@@ -30,7 +30,7 @@ def set_options(sock: socket.socket) -> None:
 
 
 class SharedSocket:
-    """Owns a socket that several calls use at a time: closed when the last of them has left it."""
+    """Owns a socket that concurrent calls use: closed when the last of them has returned."""
 
     def __init__(self, sock: socket.socket) -> None:
         set_options(sock)
@@ -40,7 +40,7 @@ class SharedSocket:
         self._closing = False
 
     def close(self) -> None:
-        """Ends the connection and wakes the calls that wait for it. May be called again."""
+        """Shuts the connection down and wakes the calls that wait for it. May be called again."""
         with self._guard:
             if self._closing:
                 return
@@ -65,9 +65,9 @@ class SharedSocket:
                     self._sock.close()
 
     def confirms(self, since: float) -> bool:
-        """Whether the peer's kernel has confirmed anything in the last `since` seconds.
+        """Whether the peer's kernel acknowledged data in the last `since` seconds.
 
-        Nothing on its way counts as confirmed, and so does a system that cannot tell.
+        True as well without data in flight, and on a system that does not report it.
         """
         try:
             with self._use() as sock:
@@ -86,7 +86,7 @@ def listening_socket(host: str, port: int) -> socket.socket:
     try:
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         sock.bind((host, port))
-        sock.listen(4096)  # devices dial again all at once when their master was away
+        sock.listen(4096)  # all devices dial at the same time when their master returns
         sock.setblocking(False)
     except BaseException:
         sock.close()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Waves: how many devices at first, how many next."""
+"""Waves: the number of devices on which a job runs in each step."""
 from __future__ import annotations
 
 import math
@@ -9,11 +9,11 @@ from typing import List, Sequence, Union
 from runel.errors import LocalError, Outcome
 
 Wave = Union[int, str]
-"""A number of devices, a share of all such as "10%", or "rest"."""
+"""A number of devices, a percentage of all such as "10%", or "rest"."""
 
 
 def wave_sizes(waves: Sequence[Wave], devices: int) -> List[int]:
-    """The size of each wave; what is left after the last one named is one more wave.
+    """The size of each wave; the devices that remain are one more wave.
 
     >>> wave_sizes((1, "10%", "rest"), 30)
     [1, 3, 26]

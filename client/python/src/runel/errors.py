@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What can go wrong, by kind, and whether the task ran."""
+"""The exceptions, and whether the task ran."""
 from __future__ import annotations
 
 import enum
@@ -11,18 +11,18 @@ from runel.results import ProgramResult
 
 
 class Outcome(enum.Enum):
-    """What became of the request."""
+    """The outcome of a request."""
 
     NOT_SENT = "not sent"
-    """The device did not get the whole request: the task did not run."""
+    """The device did not receive the whole request: the task did not run."""
     ANSWERED = "answered"
     """The device answered."""
     UNKNOWN = "sent, outcome unknown"
-    """The request left this host and its answer did not come: the task may have run."""
+    """The request was sent and no answer arrived: the task may have run."""
 
 
 class RunelError(Exception):
-    """Base of all failures. `kind` is "link", "device", "program", "local" or "timeout"."""
+    """Base of all exceptions. `kind` is "link", "device", "program", "local" or "timeout"."""
 
     kind = "runel"
 
@@ -50,19 +50,19 @@ class RunelError(Exception):
 
 
 class LinkError(RunelError):
-    """The connection could not be made, was lost, or carried what is not the protocol."""
+    """The connection failed, was lost, or carried malformed data."""
 
     kind = "link"
 
 
 class DeviceError(RunelError):
-    """The device answered that the task failed; `errno` is its error number."""
+    """The task failed on the device; `errno` is the device's error number."""
 
     kind = "device"
 
 
 class ProgramError(RunelError):
-    """A program on the device failed: exit status, signal or time limit, see `result`."""
+    """A program on the device failed by exit status, signal or time limit: see `result`."""
 
     kind = "program"
 
@@ -72,20 +72,20 @@ class ProgramError(RunelError):
 
 
 class LocalError(RunelError):
-    """A file of this host, or an argument that cannot be sent."""
+    """A file of this host failed, or an argument cannot be sent."""
 
     kind = "local"
 
 
 class RunelTimeout(RunelError):
-    """No connection or no byte from the device within the timeout."""
+    """The connection or the next byte from the device exceeded the timeout."""
 
     kind = "timeout"
 
 
 @dataclass(frozen=True)
 class Failure:
-    """Why a connection ended: the makings of an error for each request on it."""
+    """Why a connection ended. Creates the error of each request on it."""
 
     kind: Type[RunelError]
     sentence: str
@@ -98,13 +98,13 @@ class Failure:
 
 
 def link_failure(what: str, error: OSError) -> Failure:
-    """The failure behind the system error `error` of this host's."""
+    """The failure for the system error `error` of this host."""
     text = os.strerror(error.errno) if isinstance(error.errno, int) and error.errno > 0 else error
     return Failure(LinkError, f"{what}: {text}", error.errno)
 
 
 def local_error(name: str, error: OSError, device: str = "", task: str = "") -> LocalError:
-    """The failure of a file of this host's."""
+    """The error for a file of this host."""
     return LocalError(
         f"{name}: {error.strerror or error}",
         outcome=Outcome.NOT_SENT,

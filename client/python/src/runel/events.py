@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a master hears. `device` is the device's name, `address` is HOST:PORT of the connection."""
+"""Events of a master. `device`: name of the device, `address`: HOST:PORT of the connection."""
 from __future__ import annotations
 
 from dataclasses import dataclass
@@ -8,7 +8,7 @@ from typing import Union
 
 @dataclass(frozen=True)
 class Connected:
-    """A device has connected and told who it is; it takes tasks."""
+    """A device has connected and sent its identifier; it accepts tasks."""
 
     device: str
     address: str
@@ -18,7 +18,7 @@ class Connected:
 
 @dataclass(frozen=True)
 class Lost:
-    """The connection of a device ended, because of `why`."""
+    """The connection of a device ended. `why`: the reason."""
 
     device: str
     address: str
@@ -44,7 +44,7 @@ class Clause:
 
 @dataclass(frozen=True)
 class AgentLost:
-    """The bridge to an agent ended, because of `why`."""
+    """The bridge to an agent ended. `why`: the reason."""
 
     device: str
     address: str

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What tasks answer, typed, and the reading of the texts that carry it."""
+"""Typed results of tasks, and the parsers of their texts."""
 from __future__ import annotations
 
 import enum
@@ -12,12 +12,12 @@ from runel._protocol import ProtocolError, Record, decode_record
 
 
 def to_text(name: bytes) -> str:
-    """Bytes of the device as text; bytes that are not UTF-8 become surrogates."""
+    """Decodes bytes of the device; bytes that are not UTF-8 become surrogates."""
     return name.decode("utf-8", "surrogateescape")
 
 
 class Status(enum.IntEnum):
-    """The outcome of a task at a glance."""
+    """The status of a task."""
 
     SUCCESS = 0
     FAILURE = 1
@@ -27,7 +27,7 @@ class Status(enum.IntEnum):
 
 
 class ProgramState(enum.IntEnum):
-    """What became of the program that a task was about."""
+    """The state of a program."""
 
     NONE = 0
     RUNNING = 1
@@ -37,7 +37,7 @@ class ProgramState(enum.IntEnum):
 
 
 class LedStyle(enum.Enum):
-    """How the device's two LEDs blink."""
+    """Blink styles of the device's two LEDs."""
 
     OFF = "off"
     ON = "on"
@@ -48,7 +48,7 @@ class LedStyle(enum.Enum):
 
 @dataclass(frozen=True)
 class Reply:
-    """A device's answer as it came."""
+    """A device's answer, unchecked."""
 
     text: bytes
     status: Status
@@ -59,12 +59,12 @@ class Reply:
 
     @property
     def ok(self) -> bool:
-        """The task succeeded, or its program runs in the background."""
+        """Whether the task succeeded, or its program runs in the background."""
         return self.status in (Status.SUCCESS, Status.RUNNING)
 
 
 def decode_reply(payload: bytes) -> Reply:
-    """The reply in the payload of a frame. Raises `ProtocolError` when it is not one."""
+    """Parses the payload of a frame. Raises `ProtocolError` if it is not a reply."""
     record: Record = decode_record(payload)
     if record.args or record.exec_param:
         raise ProtocolError("a request where a reply is due")
@@ -81,24 +81,24 @@ class ProgramResult:
 
     state: ProgramState
     exit_status: Optional[int]
-    """None unless it exited by itself."""
+    """Exit status; None unless the program exited."""
     signal: Optional[int]
-    """The number of the signal that ended it, or None."""
+    """Number of the signal that ended the program, or None."""
     output: bytes
-    """What it wrote to standard output and standard error, at most 16 MiB."""
+    """Standard output and standard error, at most 16 MiB."""
 
     @property
     def timed_out(self) -> bool:
-        """It was stopped at its time limit."""
+        """Whether the program was stopped at its time limit."""
         return self.state is ProgramState.TIMED_OUT
 
     @property
     def ok(self) -> bool:
-        """It exited with status 0, or runs in the background."""
+        """Whether the program exited with status 0, or runs in the background."""
         return self.state is ProgramState.RUNNING or self.exit_status == 0
 
     def describe(self) -> str:
-        """A sentence on how it ended."""
+        """A sentence about how the program ended."""
         if self.timed_out:
             return "the program ran into its time limit and was stopped"
         if self.state is ProgramState.SIGNALLED:
@@ -107,7 +107,7 @@ class ProgramResult:
 
 
 def program_result(reply: Reply) -> ProgramResult:
-    """The result that `reply`, to a task about a program, tells of."""
+    """The result in `reply`, the answer of a program task."""
     exited = reply.state is ProgramState.EXITED
     return ProgramResult(
         state=reply.state,
@@ -119,7 +119,7 @@ def program_result(reply: Reply) -> ProgramResult:
 
 @dataclass(frozen=True)
 class Stat:
-    """A file's metadata, as stat(2) has it. Sizes in bytes, times in nanoseconds since 1970."""
+    """A file's metadata as in stat(2). Sizes in bytes, times in nanoseconds since 1970."""
 
     dev: int
     ino: int
@@ -149,7 +149,7 @@ class Stat:
 
     @property
     def permissions(self) -> int:
-        """The permission bits with set-user-ID, set-group-ID and sticky."""
+        """The permission bits, including set-user-ID, set-group-ID and sticky."""
         return _stat.S_IMODE(self.mode)
 
 
@@ -168,7 +168,7 @@ _STAT = re.compile(
 
 
 def parse_stat(text: bytes) -> Stat:
-    """The line that "stat" and "lstat" answer. Raises `ProtocolError` for another text."""
+    """Parses the reply of "stat" and "lstat". Raises `ProtocolError` if malformed."""
     found = _STAT.fullmatch(text.decode("ascii", "replace"))
     if found is None:
         raise ProtocolError("malformed stat line")
@@ -184,7 +184,7 @@ _NAME_HEAD = re.compile(rb"(0|[1-9][0-9]{0,9}):")
 
 
 def parse_names(text: bytes) -> List[str]:
-    """The names that "readdir" answers. Raises `ProtocolError` for another text."""
+    """Parses the reply of "readdir". Raises `ProtocolError` if malformed."""
     head = _NAMES_HEAD.match(text)
     if head is None:
         raise ProtocolError("malformed list of names")
@@ -211,13 +211,13 @@ class TreeEntry:
     uid: int
     gid: int
     size: int
-    """In bytes; 0 unless it is a file."""
+    """Size in bytes; 0 unless it is a file."""
     mtime: int
-    """Last change of the content, in whole seconds since 1970."""
+    """Last modification, in whole seconds since 1970."""
     path: str
-    """Relative to the path asked for, which is ``.`` itself."""
+    """Path relative to the requested path, which is ``.`` itself."""
     target: Optional[str]
-    """Where a link leads. A link with `` -> `` in its own name is split there."""
+    """Target of a link. A link with `` -> `` in its name is split there."""
 
 
 _TREE_LINE = re.compile(
@@ -231,7 +231,7 @@ def _plain(name: bytes) -> str:
 
 
 def parse_tree(text: bytes) -> List[TreeEntry]:
-    """The lines that "walktree" answers. Raises `ProtocolError` for another text."""
+    """Parses the reply of "walktree". Raises `ProtocolError` if malformed."""
     lines = text.split(b"\n")
     if lines.pop():
         raise ProtocolError("a tree line without its end")
@@ -259,7 +259,7 @@ def _tree_entry(line: bytes) -> TreeEntry:
 
 
 def parse_number(text: bytes) -> int:
-    """An unsigned decimal number. Raises `ProtocolError` for another text."""
+    """Parses an unsigned decimal number. Raises `ProtocolError` if malformed."""
     if not re.fullmatch(rb"0|[1-9][0-9]{0,19}", text):
         raise ProtocolError("malformed number")
     return int(text)

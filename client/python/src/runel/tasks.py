@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The table of the 25 tasks, and requests made by it."""
+"""The table of the 25 tasks, and the requests."""
 from __future__ import annotations
 
 import enum
@@ -13,11 +13,11 @@ from runel.errors import DeviceError, LocalError, Outcome
 from runel.results import Reply, Status, to_text
 
 Name = Union[str, bytes, "os.PathLike[str]"]
-"""A path or another word for the device. Text is sent as UTF-8, surrogates as the bytes they are."""
+"""A path or another argument. Text is sent as UTF-8, surrogates as the original bytes."""
 
 
 class Answer(enum.Enum):
-    """What the text of a task's reply is."""
+    """Format of the text in a task's reply."""
 
     NOTHING = "nothing"
     FLAG = "yes or no, by the status"
@@ -38,26 +38,26 @@ class Task:
     name: str
     least_args: int
     most_args: Optional[int]
-    """None: any number."""
+    """Maximum number of arguments; None: any number."""
     answer: Answer
     unbounded: bool = False
-    """May take any time: "exec" with limit 0, and "wait"."""
+    """The duration is unbounded: "exec" with limit 0, and "wait"."""
     changes: bool = False
     """Changes something on the device."""
     repeatable: bool = False
     """Safe to repeat when it is unknown whether it ran."""
     of_connection: bool = False
-    """Acts on the program that this very connection started, so another one cannot do it."""
+    """Acts on the program of its connection, so another connection cannot run it."""
 
     def may_retry(self, outcome: Outcome) -> bool:
-        """Whether a request with this outcome may be sent again unasked."""
+        """Whether a request with this outcome may be retried automatically."""
         if outcome is Outcome.NOT_SENT:
             return not self.of_connection
         return outcome is Outcome.UNKNOWN and self.repeatable
 
     @property
     def reply_limit(self) -> int:
-        """Most bytes that the payload of its reply may have."""
+        """Maximum payload of its reply, in bytes."""
         small = self.answer in (Answer.NOTHING, Answer.FLAG, Answer.TEXT, Answer.NUMBER)
         return SMALL_REPLY if small or self.answer is Answer.STAT else MAX_PAYLOAD
 
@@ -95,31 +95,31 @@ TASKS: Dict[str, Task] = {row.name: row for row in _ROWS}
 
 
 def to_bytes(word: Name) -> bytes:
-    """`word` as it is sent."""
+    """The bytes of `word` in a request."""
     plain = os.fspath(word)
     return plain if isinstance(plain, bytes) else plain.encode("utf-8", "surrogateescape")
 
 
 @dataclass(frozen=True)
 class Request:
-    """One task with its arguments. Made by `request`."""
+    """One task with its arguments. Created by `request`."""
 
     task: Task
     args: Tuple[bytes, ...] = ()
     limit: int = 0
-    """ "exec" only, in seconds: above 0 at most so long, 0 no limit, below 0 in the background."""
+    """ "exec" only, in seconds: above 0 a time limit, 0 no limit, below 0 in the background."""
 
     @property
     def about(self) -> str:
-        """What its errors name: the first argument, as a rule a path."""
+        """The argument that errors name: the first one, usually a path."""
         return self.args[0].decode("utf-8", "backslashreplace") if self.args else ""
 
     def encode(self) -> bytes:
-        """The frame that carries it. Raises `LocalError` when it does not fit into one."""
+        """The frame of this request. Raises `LocalError` if it does not fit into one."""
         record = Record((self.task.name.encode(), *self.args), self.limit)
         size = sum(len(arg) for arg in self.args)
         try:
-            if size > MAX_PAYLOAD:  # before it is copied
+            if size > MAX_PAYLOAD:  # check before copying
                 raise ProtocolError(f"{size} bytes of arguments; at most {MAX_PAYLOAD} fit")
             return encode_frame(encode_record(record))
         except ProtocolError as error:
@@ -127,7 +127,7 @@ class Request:
 
 
 def request(name: str, *args: Name, limit: int = 0) -> Request:
-    """A request of the task `name`, for `pipeline`. Raises `LocalError` when the table forbids it.
+    """A request of the task `name`, for `pipeline`. Raises `LocalError` for wrong arguments.
 
     >>> request("write", "/tmp/f", b"content").args
     (b'/tmp/f', b'content')
@@ -149,7 +149,7 @@ def _local_error(task: str, sentence: str) -> LocalError:
 
 
 def device_error(device: str, asked: Request, reply: Reply) -> DeviceError:
-    """The error that `reply`, to a task that failed, tells of."""
+    """The error in `reply`, the answer of a failed task."""
     reason = os.strerror(reply.errno) if reply.errno else "the task failed"
     if reply.status is Status.ERROR:
         reason = f"refused: {to_text(reply.text)}"

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A local agent: speaks clauses to a daemon and hears what comes back from its master."""
+"""A local agent: exchanges clauses with the daemon's master."""
 from __future__ import annotations
 
 from types import TracebackType
@@ -15,8 +15,8 @@ from runel.errors import LinkError, LocalError, Outcome, RunelTimeout, link_fail
 class AsyncAgent:
     """A connection to a daemon as its agent. The daemon has one agent: a second one replaces it.
 
-    `host` as for a device; `timeout`, in seconds, for connecting and for sending. The daemon makes
-    its bridge to the master when the first clause comes, and keeps clauses until then.
+    `host`: as for a device. `timeout`: seconds for connecting and for sending. The daemon connects
+    the bridge to its master when the first clause arrives, and keeps clauses until then.
 
     >>> async with AsyncAgent("127.0.0.1") as agent:
     ...     await agent.send(b"<status>ready</status>")
@@ -56,12 +56,12 @@ class AsyncAgent:
             raise link_failure("cannot connect", error).error(Outcome.NOT_SENT, self.name) from None
 
     async def close(self) -> None:
-        """Ends the connection; the daemon then closes the bridge."""
+        """Closes the connection; the daemon then closes the bridge."""
         if self._stream is not None:
             self._stream.close()
 
     async def send(self, clause: bytes) -> None:
-        """Sends one clause. Raises `LocalError` when it is not exactly one."""
+        """Sends one clause. Raises `LocalError` if `clause` is not exactly one."""
         try:
             plain = check_clause(clause)
         except ProtocolError as error:
@@ -71,17 +71,17 @@ class AsyncAgent:
             async with self._sending:
                 await stream.send(plain + b"\r\n", self._timeout)
         except OSError as error:
-            stream.close()  # half a clause would spoil what follows
+            stream.close()  # a partial clause would corrupt the stream
             raise link_failure("sending failed", error).error(Outcome.UNKNOWN, self.name) from None
 
     async def ping(self) -> None:
-        """Sends a ping, which the daemon may drop: never wait for one to come back."""
+        """Sends a ping. The daemon may drop pings, so do not wait for a reply."""
         await self.send(PING)
 
     async def receive(self, timeout: Optional[float] = None) -> Optional[bytes]:
         """The next clause from the master; None at the end of the connection.
 
-        Raises `RunelTimeout` after `timeout` seconds without a byte. One caller at a time.
+        Raises `RunelTimeout` after `timeout` seconds without a byte. Not for concurrent callers.
         """
         stream = self._connected()
         try:
@@ -104,7 +104,7 @@ class AsyncAgent:
             raise failure.error(Outcome.UNKNOWN, self.name) from None
 
     async def clauses(self) -> AsyncIterator[bytes]:
-        """The master's clauses as they come, until the connection ends."""
+        """The master's clauses as they arrive, until the connection ends."""
         clause = await self.receive()
         while clause is not None:
             yield clause

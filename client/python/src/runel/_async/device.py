@@ -22,32 +22,33 @@ from runel.tasks import Answer, Name, Request, device_error, request
 T = TypeVar("T")
 
 WINDOW = 64
-"""Requests that a pipeline has on their way at a time."""
+"""Maximum number of unanswered requests in a pipeline."""
 
-_STOP_TIME = 2.0  # seconds that the daemon leaves a program between SIGTERM and SIGKILL
+_STOP_TIME = 2.0  # seconds between SIGTERM and SIGKILL when the daemon stops a program
 _ENOENT, _ESRCH, _EACCES, _ENOTDIR, _EROFS = 2, 3, 13, 20, 30
 
 
 class AsyncDevice:
-    """A device to give tasks to, over one connection, which the first task makes.
+    """A device that runs tasks, over one connection. The first task connects.
 
-    `host` is a name or an IPv4 address, with ``:PORT`` behind it for another port than 5111.
-    Times are in seconds:
+    `host` is a name or an IPv4 address; append ``:PORT`` for a port other than 5111. Times are in
+    seconds:
 
-    - `timeout`: how long the device may send nothing while its answer is due. "exec" gets its own
-      limit on top. The daemon does one thing at a time for all its connections, so this must cover
-      the work of others. None: no limit.
-    - `connect_timeout`: for making the connection.
-    - `retries`, `retry_delay`: how often a request is sent again after its connection failed, and
-      the first pause, doubled each time. Only what was not sent, or is safe to repeat, is sent
-      again (see `runel.tasks`); a timeout with an unknown outcome is not.
+    - `timeout`: I/O timeout, the limit for the time without a byte while an answer is due. The
+    limit of "exec" is added. The daemon serves all its connections one after the other, so the
+    timeout must cover the requests of other clients. None: no limit.
+    - `connect_timeout`: limit for connecting.
+    - `retries`, `retry_delay`: maximum number of retries after a failed connection, and the pause
+    before the first one, doubled each time. Only a request that was not sent, or is safe to
+    repeat, is retried (see `runel.tasks`); a timeout with an unknown outcome is not.
 
-    All callers share the connection: requests are pipelined in the order of the calls and
-    answered in this order. A device may be used by any number of tasks of one event loop. A failed
-    connection fails all requests on it; the next one connects again. Each method raises `LinkError`,
-    `RunelTimeout` and `DeviceError`, and `LocalError` for arguments that cannot be sent.
+    All callers share the connection: requests are sent in the order of the calls and answered in
+    this order. A device may be used by any number of tasks of one event loop. When the connection
+    fails, all requests on it fail; the next request connects again. Each method raises
+    `LinkError`, `RunelTimeout` and `DeviceError`, and `LocalError` for arguments that cannot be
+    sent.
 
-    Close it with `close` or a `with` block; a task that still waits then fails.
+    Close it with `close` or a `with` block; unanswered requests then fail.
 
     >>> async with AsyncDevice("127.0.0.1") as device:
     ...     await device.fileexists("/etc/hosts")
@@ -64,7 +65,7 @@ class AsyncDevice:
         retry_delay: float = 0.2,
     ) -> None:
         self.name = host
-        """Names the device in errors: the address, or at a master the host identifier."""
+        """Name of the device in errors: its address, or its host identifier at a master."""
         self.timeout = timeout
         self._address = split_address(host, TASK_PORT)
         self._connect_timeout = connect_timeout
@@ -78,7 +79,7 @@ class AsyncDevice:
 
     @classmethod
     def _over(cls, link: Link, host: str, timeout: Optional[float]) -> AsyncDevice:
-        """The device behind a connection that it has made itself. Cannot connect again."""
+        """The device at the other end of `stream`, which it dialled. Cannot connect again."""
         device = cls(host, timeout=timeout, retries=0)
         device._link = link
         device._dials = False
@@ -99,16 +100,16 @@ class AsyncDevice:
         return f"<{type(self).__name__} {self.name}>"
 
     async def connect(self) -> None:
-        """Makes the connection now, unless there is one."""
+        """Connects now, unless the device is connected."""
         await self._connected()
 
     async def close(self) -> None:
-        """Ends the connection. The next task would make another one."""
+        """Closes the connection. The next task connects again."""
         if self._link is not None:
             self._link.end(Failure(LinkError, "the connection was closed here"))
 
     def abort(self, sentence: str) -> None:
-        """Ends the connection for good: what waits and all later tasks fail with a `RunelTimeout`."""
+        """Closes the connection permanently: pending and later tasks fail with `RunelTimeout`."""
         self._given_up = Failure(RunelTimeout, sentence)
         if self._link is not None:
             self._link.end(self._given_up)
@@ -136,10 +137,10 @@ class AsyncDevice:
         return link
 
     async def ask(self, request: Request, timeout: Optional[float] = None) -> Reply:
-        """The reply to `request` as it came, whatever it says. For what the methods do not offer.
+        """The unchecked reply to `request`. For requests that the methods do not offer.
 
-        `timeout`: seconds in place of the usual ones; "wait", and "exec" without a limit, are
-        waited for without one.
+        `timeout`: seconds, replaces that of the device. By default "wait", and "exec" without a
+        limit, have no timeout.
         """
         return await self._retried(lambda: self._ask_once(request, timeout), request)
 
@@ -177,8 +178,9 @@ class AsyncDevice:
                 device=self.name,
                 task=request.task.name,
             )
-        patience = self._patience(request) if timeout is None else timeout
-        return await link.submit(request, patience)
+        if timeout is None:
+            timeout = self._timeout_of(request)
+        return await link.submit(request, timeout)
 
     async def _answer(self, link: Link, pending: Pending) -> Reply:
         reply = await link.answer(pending)
@@ -186,7 +188,7 @@ class AsyncDevice:
             self._program_link = link
         return reply
 
-    def _patience(self, request: Request) -> Optional[float]:
+    def _timeout_of(self, request: Request) -> Optional[float]:
         if self.timeout is None or not request.task.unbounded:
             return self.timeout
         if request.task.name == "wait" or request.limit == 0:
@@ -194,11 +196,11 @@ class AsyncDevice:
         return self.timeout + max(0, request.limit) + _STOP_TIME
 
     async def pipeline(self, requests: Iterable[Request]) -> AsyncIterator[Reply]:
-        """Sends many requests without waiting for each answer; gives the replies in their order.
+        """Sends many requests without waiting for each answer; yields the replies in order.
 
-        At most `WINDOW` requests are on their way. Nothing is retried: a connection that fails
-        raises for the first request without an answer, and those behind it may have run too. A
-        reply that tells of a failed task raises nothing: look at its `ok`.
+        At most `WINDOW` requests are unanswered. Nothing is retried: a failed connection raises
+        for the first request without an answer, and the requests after it may have run too. A
+        reply of a failed task raises nothing: check its `ok`.
 
         >>> from runel import request
         >>> async with AsyncDevice("127.0.0.1") as device:
@@ -215,7 +217,7 @@ class AsyncDevice:
             try:
                 waiting.append(await self._submit(link, request, None))
             except RunelError as error:
-                failure = error  # raised behind the answers to those that were sent
+                failure = error  # raised after the answers to the requests that were sent
                 break
         while waiting:
             yield await self._answer(link, waiting.popleft())
@@ -247,7 +249,7 @@ class AsyncDevice:
     # Files.
 
     async def access(self, path: Name, mode: int) -> bool:
-        """Whether the daemon may access `path`. `mode`: the sum of 4 read, 2 write, 1 execute; or 0.
+        """Whether the daemon may access `path`. `mode`: sum of 4 read, 2 write, 1 execute; or 0.
 
         False for errors 1, 2, 13, 20 and 30; others raise `DeviceError`.
 
@@ -259,9 +261,9 @@ class AsyncDevice:
         return await self._flag("access", path, str(mode), no=no)
 
     async def append(self, path: Name, data: bytes) -> None:
-        """Adds all of `data` at the end of a file, or nothing; makes a missing file.
+        """Appends all of `data` to a file, or nothing; creates a missing file.
 
-        It is on the device's disk when this returns.
+        The data is on the device's disk when this returns.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.write("/tmp/note", b"one ")
@@ -272,7 +274,7 @@ class AsyncDevice:
         await self._task("append", path, data)
 
     async def chmodx(self, path: Name) -> None:
-        """Adds execute permission for everybody (0111).
+        """Adds execute permission for owner, group and others (0111).
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.write("/tmp/program", b"#!/bin/sh\\necho ready\\n")
@@ -283,7 +285,7 @@ class AsyncDevice:
         await self._task("chmodx", path)
 
     async def fileexists(self, path: Name) -> bool:
-        """Whether `path` exists, behind symbolic links. False for errors 2 and 20; others raise.
+        """Whether `path` exists; follows symbolic links. False for errors 2 and 20; others raise.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.fileexists("/no/such/file")
@@ -292,9 +294,9 @@ class AsyncDevice:
         return await self._flag("fileexists", path, no=(_ENOENT, _ENOTDIR))
 
     async def freeblocks(self, path: Name) -> int:
-        """Blocks that users without privileges may still fill on the file system of `path`.
+        """Free blocks for unprivileged users on the file system of `path`.
 
-        The device does not tell their size; it is 4096 bytes on most file systems.
+        The device does not report the block size; it is 4096 bytes on most file systems.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.freeblocks("/tmp") >= 0
@@ -303,7 +305,7 @@ class AsyncDevice:
         return self._read(parse_number, (await self._task("freeblocks", path)).text, "freeblocks")
 
     async def lstat(self, path: Name) -> Stat:
-        """The metadata of `path`, of a symbolic link itself.
+        """The metadata of `path`; does not follow a symbolic link.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     (await device.lstat("/proc/self")).is_link
@@ -312,7 +314,7 @@ class AsyncDevice:
         return self._read(parse_stat, (await self._task("lstat", path)).text, "lstat")
 
     async def read(self, path: Name) -> bytes:
-        """The whole content of a file, at most 256 MiB less 4 KiB. `pull` reads larger ones.
+        """The whole content of a file, at most 256 MiB less 4 KiB. `pull` reads larger files.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     (await device.read("/proc/version"))[:5]
@@ -339,7 +341,7 @@ class AsyncDevice:
         return to_text((await self._task("realpath", path)).text)
 
     async def rename(self, source: Name, target: Name) -> None:
-        """Renames a file within its file system; replaces an existing `target` at once.
+        """Renames a file within its file system; replaces an existing `target` atomically.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.write("/tmp/old", b"")
@@ -348,7 +350,7 @@ class AsyncDevice:
         await self._task("rename", source, target)
 
     async def stat(self, path: Name) -> Stat:
-        """The metadata of `path`, behind symbolic links. Sizes in bytes, times in nanoseconds.
+        """The metadata of `path`; follows symbolic links. Sizes in bytes, times in nanoseconds.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.write("/tmp/four", b"1234")
@@ -369,9 +371,9 @@ class AsyncDevice:
         await self._task("unlink", path)
 
     async def walktree(self, path: Name) -> List[TreeEntry]:
-        """A directory and all below it; links are not followed.
+        """A directory and everything below it; does not follow links.
 
-        A directory that cannot be read makes this a `DeviceError`; `ask` gives what was gathered.
+        An unreadable directory raises `DeviceError`; `ask` returns the entries found.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     (await device.walktree("/proc/sys/kernel/random"))[0].path
@@ -380,10 +382,10 @@ class AsyncDevice:
         return self._read(parse_tree, (await self._task("walktree", path)).text, "walktree")
 
     async def write(self, path: Name, data: bytes) -> None:
-        """Replaces the content of a file, whole or not at all; makes a missing file.
+        """Replaces the content of a file atomically; creates a missing file.
 
-        It is on the device's disk when this returns. `data` and `path` must fit into one frame of
-        256 MiB; `push` sends more.
+        The data is on the device's disk when this returns. `data` and `path` must fit into one
+        frame of 256 MiB; `push` sends more.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.write("/tmp/greeting", b"hello")
@@ -396,12 +398,12 @@ class AsyncDevice:
         """Runs a program with its arguments, without a shell.
 
         `limit`, in seconds: above 0 the program is stopped when it takes longer; 0 waits for its
-        end without limit, and the device serves nobody meanwhile; below 0 starts it in the
-        background, for `wait` and `kill`, and throws its output away. Each connection knows one
-        background program; the next "exec" forgets it.
+        end without limit, and the device serves no other request meanwhile; below 0 starts it in
+        the background, for `wait` and `kill`, and discards its output. Each connection has at most
+        one background program; the next "exec" forgets it.
 
-        With `check`, a program that does not exit with status 0 raises `ProgramError`. One that
-        cannot be started raises `DeviceError`.
+        With `check`, a program that does not exit with status 0 raises `ProgramError`. A program
+        that cannot be started raises `DeviceError`.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     (await device.exec(["echo", "hello"], limit=10)).output
@@ -415,8 +417,8 @@ class AsyncDevice:
     async def kill(self) -> ProgramResult:
         """Stops the background program: SIGTERM to its process group, SIGKILL 2 s later.
 
-        Raises `DeviceError` with errno 3 when nothing is running, and `LinkError` when the
-        connection that started the program is gone.
+        Raises `DeviceError` with errno 3 when no program is running, and `LinkError` when the
+        connection that started the program is closed.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     _ = await device.exec(["sleep", "60"], limit=-1)
@@ -427,9 +429,10 @@ class AsyncDevice:
         return self._program(asked, await self.ask(asked), False)
 
     async def wait(self, *, check: bool = True) -> ProgramResult:
-        """Waits for the background program to end, without limit; the device serves nobody meanwhile.
+        """Waits for the background program to end, without limit.
 
-        Raises `DeviceError` with errno 10 when there is none, otherwise as `exec` does.
+        The device serves no other request meanwhile. Raises `DeviceError` with errno 10 without a
+        background program, otherwise as `exec` does.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     _ = await device.exec(["true"], limit=-1)
@@ -448,7 +451,7 @@ class AsyncDevice:
         return result
 
     async def processrunning(self, name: Name) -> bool:
-        """Whether a process of this name runs: its argv[0], or the first 15 bytes of its name.
+        """Whether a process `name` runs: its argv[0], or the first 15 bytes of its name.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.processrunning("runeld")
@@ -477,17 +480,18 @@ class AsyncDevice:
         return to_text((await self._task("devicetype")).text)
 
     async def changeleds(self, first: bool, second: bool) -> None:
-        """Lights or darkens the device's two LEDs and ends a blinking. Errno 2: it has none."""
+        """Switches the device's two LEDs on or off and stops blinking. Errno 2: no LEDs."""
         await self._task("changeleds", str(int(first)), str(int(second)))
 
     async def blinkleds(self, style: Union[LedStyle, str]) -> None:
-        """Blinks the device's two LEDs. Errno 22: no such style, 2: it has no LEDs."""
+        """Blinks the device's two LEDs. Errno 22: unknown style, 2: no LEDs."""
         await self._task("blinkleds", style.value if isinstance(style, LedStyle) else style)
 
     async def updateumstate(self, key: str, state: bytes) -> None:
-        """Keeps `state` under `key` for the update manager.
+        """Stores `state` under `key` for the update manager.
 
-        `key`: 1 to 255 letters, digits, ``.``, ``_`` and ``-``, no dot first; else errno 22.
+        `key`: 1 to 255 letters, digits, ``.``, ``_`` and ``-``, not starting with a dot; otherwise
+        errno 22.
 
         >>> async with AsyncDevice("127.0.0.1") as device:
         ...     await device.updateumstate("release", b"1.0")
@@ -495,16 +499,16 @@ class AsyncDevice:
         await self._task("updateumstate", key, state)
 
     async def reboot(self) -> None:
-        """Reboots the device. Returns when the device has acknowledged it.
+        """Reboots the device. Returns when the device has acknowledged the request.
 
-        A device that is back within seconds could not reboot: its daemon has only restarted.
+        A device that answers within seconds failed to reboot: only its daemon restarted.
         """
         await self.ask(request("reboot"))
 
     async def restart(self) -> None:
-        """Has the daemon end, to be started again by its supervisor.
+        """Ends the daemon, so that its supervisor starts it again.
 
-        There is no answer: this returns when the device has closed the connection.
+        The task has no reply: this returns when the device has closed the connection.
         """
         asked = request("restart")
         link = await self._retried(lambda: self._post(asked), asked)
@@ -520,7 +524,7 @@ class AsyncDevice:
         await link.post(asked, self.timeout)
         return link
 
-    # Whole files, of any size.
+    # Files of any size.
 
     async def push(
         self,
@@ -530,27 +534,27 @@ class AsyncDevice:
         mode: Optional[int] = None,
         progress: Optional[Progress] = None,
     ) -> int:
-        """Copies the file `source` of this host to `target` on the device; the bytes sent.
+        """Copies the file `source` of this host to `target` on the device. Returns the bytes sent.
 
-        The content goes in pieces of 8 MiB to a hidden file beside `target`, which is renamed over
-        it when it is whole: there is no limit on its size, and `target` is the old file or the new
-        one at any time. An existing file keeps its owner and permission bits unless `mode` gives
-        others; a new one gets those of `source`. A link is followed. The device needs chmod(1),
-        and chown(1) for a file of another owner. Forgets a background program, as "exec" does.
+        Sends the content in pieces of 8 MiB to a hidden file beside `target` and renames it when
+        complete: the size has no limit, and `target` is always the old file or the new one. An
+        existing file keeps its owner and permission bits unless `mode` is given; a new file gets
+        those of `source`. Follows a link. The device needs chmod(1), and chown(1) for a file of
+        another owner. Forgets a background program, as "exec" does.
 
-        `progress` is called with the bytes sent and the bytes in all after each piece. After a
-        failure the hidden file is removed if the device can still be reached.
+        `progress` is called with the bytes sent and the total after each piece. After a failure
+        the hidden file is removed if the device is reachable.
         """
         return await push_file(self, source, target, mode, progress)
 
     async def pull(
         self, source: Name, target: Name, *, progress: Optional[Progress] = None
     ) -> int:
-        """Copies the file `source` of the device to `target` on this host; the bytes received.
+        """Copies the file `source` of the device to `target` here. Returns the bytes received.
 
-        A file above 8 MiB comes in pieces that dd(1) cuts on the device, which needs a /bin/sh;
-        this forgets a background program, as "exec" does. `target` gets the permission bits of
-        `source` and is replaced when all is there. Raises `DeviceError` when the file changed
+        Reads a file above 8 MiB in pieces with dd(1) on the device, which needs a /bin/sh; this
+        forgets a background program, as "exec" does. `target` gets the permission bits of `source`
+        and is replaced when the copy is complete. Raises `DeviceError` if the file changed
         meanwhile.
         """
         return await pull_file(self, source, target, progress)

@@ -15,11 +15,11 @@ T = TypeVar("T")
 
 
 class AsyncFleet:
-    """Devices to run the same job on.
+    """Runs the same job on many devices.
 
-    `devices`: addresses, for which the fleet makes connections of its own with the device settings
-    `timeout`, `connect_timeout`, `retries` and `retry_delay`, and closes them after each job; or
-    devices by name, such as a master's, which stay the caller's.
+    `devices`: addresses, to which the fleet connects with the device settings `timeout`,
+    `connect_timeout`, `retries` and `retry_delay` for each job; or devices by name, such as a
+    master's, which the fleet does not close.
 
     >>> fleet = AsyncFleet(["127.0.0.1", "127.0.0.2"], parallel=2)
     >>> report = await fleet.run(lambda device: device.fileexists("/etc/hosts"))
@@ -39,7 +39,7 @@ class AsyncFleet:
     ) -> None:
         self._lent = dict(devices) if isinstance(devices, Mapping) else {}
         self.names: List[str] = list(dict.fromkeys(devices))
-        """The devices' names, in their order, each once."""
+        """The devices' names, in order, each once."""
         self._parallel = max(1, parallel)
         self._timeout = timeout
         self._connect_timeout = connect_timeout
@@ -54,12 +54,12 @@ class AsyncFleet:
         max_failures: Optional[int] = None,
         limit: Optional[float] = None,
     ) -> FleetReport[T]:
-        """Calls `job` with each device, `parallel` at a time. Failures are in the report.
+        """Calls `job` with each device, at most `parallel` in parallel. The report has failures.
 
-        `waves`: such as ``(1, "10%", "rest")``; each begins when the one before has ended.
-        `max_failures`: when more devices than that failed, it is not started on any other; by
-        default 0 with waves, else there is no such limit. `limit`: seconds for each device, after
-        which its connection is ended and the job fails with a `RunelTimeout`.
+        `waves`: such as ``(1, "10%", "rest")``; each starts when the previous one has ended.
+        `max_failures`: when more devices fail, the job is not started on further devices (default:
+        0 with waves, otherwise no limit). `limit`: seconds for each device, after which its
+        connection is closed and the job fails with `RunelTimeout`.
         """
         usual = 0 if waves else len(self.names)
         most = usual if max_failures is None else max_failures

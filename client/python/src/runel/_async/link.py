@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One connection that carries tasks: requests go out in order, answers come back in order."""
+"""One connection that carries tasks: requests and answers have the same order."""
 from __future__ import annotations
 
 import collections
@@ -14,21 +14,21 @@ from runel.errors import Failure, LinkError, Outcome, RunelError, RunelTimeout, 
 from runel.results import Reply, decode_reply
 from runel.tasks import Request
 
-_LOOK = 1.0  # seconds between two looks at the clock of a request that waits
+_CHECK_INTERVAL = 1.0  # interval at which a waiting request checks its timeout, in seconds
 
 
 class Sink(Protocol):
-    """What takes the bytes of a connection."""
+    """Receives the bytes of a connection."""
 
     def feed(self, data: bytes) -> None:
-        """Raises `ProtocolError` for bytes after which the connection must end."""
+        """Handles received bytes. Raises `ProtocolError` if the connection must be closed."""
 
     def end(self, failure: Failure) -> None:
-        """The connection is over. May be called again."""
+        """Handles the end of the connection. May be called again."""
 
 
 async def pump(stream: io.Stream, sink: Sink) -> None:
-    """Gives `sink` what comes in from `stream` until one of them ends; closes the stream."""
+    """Passes the bytes of `stream` to `sink` until one of them ends; closes the stream."""
     failure = Failure(LinkError, "the connection was closed here")
     try:
         data = await stream.receive()
@@ -46,7 +46,7 @@ async def pump(stream: io.Stream, sink: Sink) -> None:
 
 
 class Pending:
-    """A request whose answer is due. `timeout`: seconds without a byte while it is its turn."""
+    """An unanswered request. `timeout`: seconds without a byte while it is the oldest."""
 
     def __init__(self, request: Request, timeout: Optional[float]) -> None:
         self.request = request
@@ -58,7 +58,7 @@ class Pending:
 
 
 class Link:
-    """Requests of any number of callers on one connection. `device` names it in errors."""
+    """Requests of any number of callers on one connection. `device`: its name in errors."""
 
     def __init__(self, stream: io.Stream, device: str) -> None:
         self.device = device
@@ -74,7 +74,7 @@ class Link:
         self._answered = False
 
     async def submit(self, request: Request, timeout: Optional[float]) -> Pending:
-        """Sends `request`. Raises with `Outcome.NOT_SENT` when not all of it could be sent."""
+        """Sends `request`. Raises with `Outcome.NOT_SENT` unless all of it was sent."""
         frame = request.encode()
         pending = Pending(request, timeout)
         async with self._sending:
@@ -84,7 +84,7 @@ class Link:
                 if not self._pending:
                     self._progress = time.monotonic()
                 self._pending.append(pending)
-            # Set before: an end that is noticed meanwhile must not pass for "not sent".
+            # Set first: the end may be detected meanwhile, and must not count as "not sent".
             pending.sent = True
             await self._send(frame, pending)
         return pending
@@ -118,7 +118,7 @@ class Link:
             await self._send(frame, pending)
 
     async def answer(self, pending: Pending) -> Reply:
-        """Waits for the answer. A caller that stops waiting leaves the connection as it is."""
+        """Waits for the answer. A caller that stops waiting does not affect the connection."""
         while not await pending.done.wait(self._time_left()):
             if not pending.done.is_set():
                 self._check_silence()
@@ -130,8 +130,8 @@ class Link:
     def _time_left(self) -> float:
         timeout = self._front_timeout()
         if timeout is None:
-            return _LOOK
-        return max(0.001, min(_LOOK, self._progress + timeout - time.monotonic()))
+            return _CHECK_INTERVAL
+        return max(0.001, min(_CHECK_INTERVAL, self._progress + timeout - time.monotonic()))
 
     def _front_timeout(self) -> Optional[float]:
         with self._guard:
@@ -143,7 +143,7 @@ class Link:
             self.end(_silence(timeout))
 
     def feed(self, data: bytes) -> None:
-        """Takes bytes from the device. Raises `ProtocolError` when they are not due answers."""
+        """Takes bytes from the device. Raises `ProtocolError` unless they are expected answers."""
         self._progress = time.monotonic()
         self._decoder.feed(data)
         try:
@@ -172,7 +172,7 @@ class Link:
         return True
 
     def end(self, failure: Failure) -> None:
-        """Ends the connection; what waits fails. Only the first call counts."""
+        """Closes the connection; pending requests fail. Only the first call has an effect."""
         with self._guard:
             if self.failure is not None:
                 return
@@ -189,7 +189,7 @@ class Link:
             self.on_end(failure)
 
     def confirms(self, since: float) -> bool:
-        """Whether the device's kernel confirmed anything in the last `since` seconds."""
+        """Whether the device's kernel acknowledged data in the last `since` seconds."""
         return self._stream.confirms(since)
 
     def _error(self, failure: Failure, pending: Pending, outcome: Outcome) -> RunelError:

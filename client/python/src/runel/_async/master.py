@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A master: the port that devices dial, and what their connections are for."""
+"""A master: the port that devices dial, and the roles of their connections."""
 from __future__ import annotations
 
 import itertools
@@ -21,18 +21,18 @@ from runel.events import AgentConnected, AgentLost, Clause, Connected, Event, Lo
 from runel.tasks import request
 
 MAX_EVENTS = 4096
-"""Events that are kept for a reader; the oldest ones go first."""
+"""Maximum number of unread events; the oldest are dropped."""
 
 MAX_CONNECTIONS = 4096
-"""Connections at a time; further ones wait in the queue of the port."""
+"""Maximum number of connections; further ones wait in the queue of the port."""
 
-_CONFIRM_TIME = 5.0  # a kernel confirms what it gets within a fraction of that
-_REST = 1.0
+_CONFIRM_TIME = 5.0  # Seconds. A kernel acknowledges received data within a fraction of this.
+_ACCEPT_PAUSE = 1.0
 _USABLE_NAME = re.compile(r"[A-Za-z0-9._-]{1,128}")
 
 
 class _Further:
-    """Takes the bytes of a connection that is a bridge or one too many."""
+    """Receives the bytes of a bridge or of a surplus connection."""
 
     def __init__(self, peer: _Peer, master: AsyncMaster) -> None:
         self._peer = peer
@@ -53,11 +53,11 @@ class _Further:
             clause = self._cutter.next()
 
     def end(self, failure: Failure) -> None:
-        """The peer tells the master."""
+        """Nothing to do: the peer tells the master."""
 
 
 class _Peer:
-    """One connection at the master, in whichever role it is."""
+    """One connection at the master, in any role."""
 
     def __init__(self, number: int, stream: io.Stream, host: str, port: int) -> None:
         self.number = number
@@ -85,22 +85,22 @@ class _Peer:
 
 
 class AsyncMaster:
-    """Accepts devices. None of it is authenticated or encrypted: use a network of its own.
+    """Accepts devices. Nothing is authenticated or encrypted: use a dedicated network.
 
-    `host`, `port`: where to listen; all addresses by default. `timeout`: as for a device, in
-    seconds. `shared`: set it when several devices come from one address; a further connection that
-    has been silent for so many seconds is then taken for another device. An agent must send its
-    first clause within this time: a frame on a bridge stops the daemon.
+    `host`, `port`: where to listen (default: all addresses). `timeout`: as for a device, in
+    seconds. `shared`: seconds, for several devices behind one address: a further connection that
+    is silent for this time counts as another device. An agent must send its first clause within
+    this time, because a frame on a bridge stops the daemon.
 
     A device dials one connection for tasks and, while it has an agent, a bridge for clauses. It
-    tells neither apart. The first connection from an address carries tasks. The master writes to a
-    further one only after it has sent a clause, which makes it a bridge, or after it has outlived
-    the first one by 5 s, which makes it the connection for tasks. A connection that is one too many
-    is kept open and silent: closing it would stop the daemon.
+    does not mark which is which. The first connection from an address carries tasks. The master
+    writes to a further one only after it has sent a clause, which makes it a bridge, or after it
+    has outlived the first one by 5 s, which makes it the connection for tasks. The master keeps a
+    surplus connection open and silent: closing it would stop the daemon.
 
-    Devices are named by their host identifier, or by their address when it is not fit for a name.
-    They belong to the master: do not close them. `close`, or the end of a `with` block, ends all
-    connections; daemons dial again.
+    A device's name is its host identifier, or its address if the identifier is not a valid name.
+    The master owns its devices: do not close them. `close`, or the end of a `with` block, closes
+    all connections; daemons dial again.
 
     >>> async with AsyncMaster() as master:
     ...     device = (await master.wait_for(1, timeout=20))[0]
@@ -141,7 +141,7 @@ class AsyncMaster:
         await self.close()
 
     async def open(self) -> None:
-        """Starts to listen. Raises `LinkError` when the port cannot be had."""
+        """Starts to listen. Raises `LinkError` if the port is not available."""
         try:
             self._listener = io.Listener(*self._place)
         except OSError as error:
@@ -151,9 +151,9 @@ class AsyncMaster:
         io.spawn(self._promote)
 
     async def close(self) -> None:
-        """Stops listening and ends all connections, those for tasks first.
+        """Stops listening and closes all connections, those for tasks first.
 
-        A daemon with a connection that is one too many ends then, and its supervisor restarts it.
+        A daemon with a surplus connection then ends, and its supervisor restarts it.
         """
         self._closed = True
         if self._listener is not None:
@@ -168,12 +168,12 @@ class AsyncMaster:
 
     @property
     def port(self) -> int:
-        """The port that it listens on."""
+        """The port on which the master listens."""
         return self._place[1] if self._listener is None else self._listener.port
 
     @property
     def devices(self) -> Dict[str, AsyncDevice]:
-        """The devices that are connected, by name."""
+        """The connected devices, by name."""
         with self._guard:
             return {
                 peer.name: peer.device
@@ -183,11 +183,11 @@ class AsyncMaster:
 
     @property
     def dropped_events(self) -> int:
-        """How many events were thrown away because they were not read."""
+        """Number of events that were dropped because they were not read."""
         return self._events.dropped
 
     async def wait_for(self, count: int, timeout: Optional[float] = None) -> List[AsyncDevice]:
-        """The devices, as soon as at least `count` are connected.
+        """Waits for `count` devices or more, and returns all connected ones.
 
         Raises `RunelTimeout` when that takes longer than `timeout` seconds.
         """
@@ -205,11 +205,11 @@ class AsyncMaster:
             await self._changed.wait(left)
 
     async def next_event(self, timeout: Optional[float] = None) -> Optional[Event]:
-        """The next event; None when there is none within `timeout` seconds or after `close`."""
+        """The next event; None after `timeout` seconds without an event, or after `close`."""
         return await self._events.take(timeout)
 
     async def events(self) -> AsyncIterator[Event]:
-        """The events as they come, until the master is closed."""
+        """The events as they arrive, until the master is closed."""
         event = await self.next_event()
         while event is not None:
             yield event
@@ -218,9 +218,9 @@ class AsyncMaster:
     async def send_clause(self, device: str, clause: bytes) -> None:
         """Sends one clause to the agent of the device with this name or address.
 
-        Raises `LocalError` when `clause` is not exactly one clause, and `LinkError` when it is not
-        known which connection is the bridge to that agent: it is certain from the agent's first
-        clause on. There is no answer to tell that the agent got it.
+        Raises `LocalError` if `clause` is not exactly one clause, and `LinkError` while the bridge
+        to that agent is unknown: the agent's first clause identifies it. The agent does not
+        acknowledge a clause.
         """
         try:
             plain = check_clause(clause)
@@ -234,7 +234,7 @@ class AsyncMaster:
             async with bridges[0].sending:
                 await bridges[0].stream.send(plain + b"\r\n", self._timeout)
         except OSError as error:
-            bridges[0].stream.close()  # half a clause would spoil what follows
+            bridges[0].stream.close()  # a partial clause would corrupt the stream
             raise link_failure("sending failed", error).error(Outcome.UNKNOWN, device) from None
 
     def _bridges(self, name: str) -> List[_Peer]:
@@ -247,18 +247,18 @@ class AsyncMaster:
                 and name in (self._owner(peer), peer.host, peer.address)
             ]
 
-    # Connections come.
+    # New connections.
 
     async def _accept(self, listener: io.Listener) -> None:
         while not self._closed:
             try:
                 if len(self._peers) >= MAX_CONNECTIONS:
-                    await io.sleep(_REST)
+                    await io.sleep(_ACCEPT_PAUSE)
                     continue
                 stream, host, port = await listener.accept()
             except OSError:
                 if not self._closed:
-                    await io.sleep(_REST)  # no descriptors are left, as a rule
+                    await io.sleep(_ACCEPT_PAUSE)  # usually: out of descriptors
                 continue
             self._admit(stream, host, port)
 
@@ -289,7 +289,7 @@ class AsyncMaster:
         with self._guard:
             slave = self._only_slave(peer)
         if slave is not None and slave is not peer:
-            await slave.identified.wait()  # so that its name stands in what is told of its agent
+            await slave.identified.wait()  # so that events of its agent carry its name
         await pump(peer.stream, peer)
         with self._guard:
             owner = self._owner(peer)
@@ -333,15 +333,15 @@ class AsyncMaster:
         names = [name for name in (hostid, peer.host) if name]
         return next((name for name in names if name not in taken), peer.address)
 
-    # Connections turn out to be something.
+    # Roles of connections.
 
     def _only_slave(self, peer: _Peer) -> Optional[_Peer]:
-        """The slave connection from the same address, where there is exactly one."""
+        """The slave connection from the same address, if there is exactly one."""
         slaves = self._lineup.slaves_at(peer.host)
         return self._peers.get(slaves[0]) if len(slaves) == 1 else None
 
     def _owner(self, peer: _Peer) -> str:
-        """The name of the device that a further connection belongs to, where only one can be."""
+        """Name of the device that owns a further connection, if only one is possible."""
         slave = self._only_slave(peer)
         return peer.name if peer.connected or slave is None else slave.name
 
@@ -369,10 +369,10 @@ class AsyncMaster:
             await self._due.wait(None if next_due is None else max(0, next_due - time.monotonic()))
 
     async def _check_slaves(self, host: str) -> None:
-        """Asks the slave connections of `host` something cheap.
+        """Sends a cheap task over the slave connections of `host`.
 
-        A device has no reason for a further connection but an agent, or the loss of the first one
-        that this side does not know of yet.
+        A device dials a further connection only for an agent, or because it lost the first one and
+        this side has not detected that yet.
         """
         with self._guard:
             links = [self._peers[number].link for number in self._lineup.slaves_at(host)]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Whole files between this host and a device, by the device's tasks, in pieces."""
+"""Copies files between this host and a device in pieces, with the device's tasks."""
 from __future__ import annotations
 
 import contextlib
@@ -18,15 +18,15 @@ if TYPE_CHECKING:
     from runel._async.device import AsyncDevice
 
 PIECE = 8388608
-"""Bytes that one request or answer of a transfer carries at most."""
+"""Maximum number of content bytes in one request or answer of a transfer."""
 
 Progress = Callable[[int, int], None]
-"""Called with the bytes that have been transferred and the bytes in all."""
+"""Called with the bytes transferred and the total."""
 
 _BLOCK = 65536
 _ENOENT = 2
-_CUT = 'exec dd if="$0" bs=65536 skip=$1 count=$2 2>/dev/null'  # dd's report is not content
-_COMMAND_LIMIT = 60  # seconds for chmod, chown, and dd with one piece
+_CUT = 'exec dd if="$0" bs=65536 skip=$1 count=$2 2>/dev/null'  # dd's report is not content.
+_COMMAND_LIMIT = 60  # time limit of chmod, chown, and dd with one piece, in seconds
 
 
 async def push_file(
@@ -70,7 +70,7 @@ def _part_name(place: bytes) -> bytes:
 async def _send_pieces(
     device: AsyncDevice, file: BinaryIO, size: int, part: bytes, progress: Optional[Progress]
 ) -> None:
-    # Empty at first, and private before it has content.
+    # Create it empty, and make it private before it has content.
     await device.write(part, b"")
     await device.exec(["chmod", "0600", "--", part], limit=_COMMAND_LIMIT)
     sent = 0
@@ -85,7 +85,7 @@ async def _send_pieces(
 
 
 async def _append_once(device: AsyncDevice, part: bytes, offset: int, piece: bytes) -> None:
-    """Appends `piece`; when nobody knows whether that happened, the size of the file tells."""
+    """Appends `piece`; if the outcome is unknown, the size of the file decides."""
     try:
         await device.append(part, piece)
     except LinkError as error:

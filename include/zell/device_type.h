@@ -6,7 +6,7 @@
 
 namespace zell {
 
-/// The kinds of device that are told apart.
+/// The device types that "devicetype" distinguishes.
 enum class DeviceType_t {
   unknown = 0,
   controller = 1,  ///< a board described by a device tree
@@ -14,7 +14,7 @@ enum class DeviceType_t {
 };
 
 struct DeviceType {
-  /// The name of @p type as "devicetype" answers it. The string lives as long as the program.
+  /// The name of @p type in the reply to "devicetype". The string lives as long as the program.
   static const std::string& toString(DeviceType_t type);
 };
 

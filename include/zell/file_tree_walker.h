@@ -8,17 +8,17 @@
 
 namespace zell {
 
-/// A folder tree as it was found, ready to be printed.
+/// The listing of a directory tree, ready to be printed.
 class FileTreeWalker {
  public:
   explicit FileTreeWalker(std::string lines) : lines_(std::move(lines)) {}
 
-  /// Writes one line for each entry, a folder before what is in it: type letter, permission bits in
-  /// four octal digits, uid, gid, size in bytes, modification time in seconds, path relative to the
-  /// one walked (`.` for itself), and for a symbolic link ` -> ` and its target.
+  /// Writes one line for each entry, a directory before its contents: type letter, permission bits
+  /// in four octal digits, uid, gid, size in bytes, modification time in seconds, path relative to
+  /// the root of the walk (`.` for the root itself), and for a symbolic link ` -> ` and its target.
   void print(std::ostream& out) const;
 
-  /// What `print` writes.
+  /// The text that `print` writes.
   [[nodiscard]] const std::string& lines() const { return lines_; }
 
  private:

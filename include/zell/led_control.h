@@ -12,10 +12,10 @@ namespace zell {
 
 class SlaveProxy;
 
-/// Blinks the two LEDs of the device through the newest living connection's proxy.
+/// Blinks the two LEDs of the device through the proxy of the newest open connection.
 ///
-/// It borrows proxies: `initialize` hands one over, and a proxy takes itself back when it is
-/// destroyed. The newest of the others then takes over; with none left the LEDs stay as they are.
+/// Proxies are borrowed: `initialize` registers one, and the proxy's destructor removes it. The
+/// newest remaining proxy then takes over. Without a proxy the LEDs keep their state.
 class LedControl {
  public:
   /// The one controller of the process.
@@ -24,18 +24,18 @@ class LedControl {
   LedControl(const LedControl&) = delete;
   LedControl& operator=(const LedControl&) = delete;
 
-  /// Makes @p proxy the one that drives the LEDs. Borrowed until its destruction; null is ignored.
+  /// Makes @p proxy drive the LEDs until it is destroyed. Borrows it; ignores null.
   void initialize(const SlaveProxy* proxy);
 
-  /// Starts @p style with its first phase, at once. False, with the reason in the result status of
-  /// every proxy that it was given, when the LEDs cannot be set or the style is unknown (EINVAL,
-  /// which changes nothing).
+  /// Starts @p style with its first phase immediately. Returns false when the LEDs cannot be set or
+  /// the style is unknown (EINVAL, changes nothing), and stores the reason in the result status of
+  /// every registered proxy.
   bool blinkLeds(LedStyle::Type style);
 
-  /// The regular work of the library, to be called a few times a second: sets the LEDs when their
-  /// next phase is due (late phases are left out, not made up for), and reaps programs that nobody
-  /// asks about any more, within a second of their end. Changes no proxy's result status and never
-  /// throws.
+  /// The periodic work of the library. The server calls it a few times a second. It switches the
+  /// LEDs when their next phase is due and skips phases that it missed. It also reaps programs that
+  /// no client waits for any more, within a second of their end. It changes no proxy's result
+  /// status and never throws.
   void poll();
 
  private:
@@ -44,15 +44,15 @@ class LedControl {
   LedControl() = default;
   ~LedControl() = default;
 
-  /// Forgets @p proxy, which is about to be destroyed. Unknown proxies are ignored.
+  /// Removes @p proxy, which is about to be destroyed. Ignores unknown proxies.
   void withdraw(const SlaveProxy* proxy);
-  /// Ends a running blink and leaves the LEDs as they are.
+  /// Stops blinking and leaves the LEDs in their current state.
   void endBlink() { style_ = LedStyle::unknown; }
-  /// Sets the LEDs as the current style has them in the current phase; an errno value, 0 for
+  /// Sets the LEDs for the current phase of the current style. Returns an errno value, 0 for
   /// success.
   int showPhase() const;
 
-  std::vector<const SlaveProxy*> proxies_;  // oldest first, the last one drives
+  std::vector<const SlaveProxy*> proxies_;  // oldest first; the last one drives the LEDs
   LedStyle::Type style_ = LedStyle::unknown;
   bool phase_ = false;
   std::chrono::nanoseconds due_{0};  // monotonic time of the next phase

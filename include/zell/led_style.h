@@ -6,7 +6,7 @@
 
 namespace zell {
 
-/// The ways in which the two LEDs of a device can shine.
+/// The blink styles of the two LEDs of a device.
 struct LedStyle {
   enum Type {
     unknown,    ///< no such style; changes nothing
@@ -17,7 +17,7 @@ struct LedStyle {
     alternate,  ///< one lit while the other is dark, changing every half second
   };
 
-  /// The style named @p word (letter for letter as above), or `unknown`.
+  /// The style named @p word (exactly as spelled above), or `unknown`.
   static Type toEnum(const std::string& word);
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a connection can have done on the device.
+// The operations on the device that a connection can request.
 #ifndef ZELL_SLAVE_PROXY_H_
 #define ZELL_SLAVE_PROXY_H_
 
@@ -20,11 +20,11 @@ namespace zell {
 class FileTreeWalker;
 class ProgramRunner;
 
-/// Executor of device operations; each connection has one of its own.
+/// Executes device operations. Each connection has a separate instance.
 ///
-/// Every operation leaves its outcome as the proxy's result status, which the next reply carries; a
-/// boolean result says the same at a glance. Nothing throws on bad input: a zero byte in a path,
-/// key, program or argument is a failure with EINVAL that touches nothing.
+/// Every operation stores its outcome in the proxy's result status, which the next reply carries. A
+/// boolean return value says only whether the operation succeeded. Bad input never throws: a zero
+/// byte in a path, key, program or argument is a failure with EINVAL that changes nothing.
 class SlaveProxy {
  public:
   SlaveProxy();
@@ -32,72 +32,79 @@ class SlaveProxy {
   SlaveProxy(const SlaveProxy&) = delete;
   SlaveProxy& operator=(const SlaveProxy&) = delete;
 
-  /// Stops the background program of this proxy: SIGTERM to its group, SIGKILL 2 s later if it
-  /// still lives. Blocks until it is reaped. ESRCH when none is running.
+  /// Stops the background program of this proxy: sends SIGTERM to its process group, then SIGKILL
+  /// after 2 s if it still runs. Blocks until the program is reaped. Fails with ESRCH when no
+  /// program is running.
   virtual bool kill() = 0;
-  /// Waits until the background program has ended and takes its end as the outcome. Blocks without
-  /// limit. ECHILD when there is none.
+  /// Waits until the background program has ended and takes its exit as the outcome. Blocks without
+  /// limit. Fails with ECHILD when there is no background program.
   virtual bool wait() = 0;
-  /// The device's identifier: the first word of /etc/machine-id, else gethostid(3) in hex.
+  /// The device's identifier: the first word of /etc/machine-id, otherwise gethostid(3) in
+  /// hexadecimal.
   virtual std::string hostId() = 0;
   virtual DeviceType_t deviceType() = 0;
   virtual bool fileExists(const std::string& path) = 0;
   /// access(2) with @p mode.
   virtual bool access(const std::string& path, unsigned mode) = 0;
-  /// stat(2); @p st is left alone on failure.
+  /// stat(2). Leaves @p st unchanged on failure.
   virtual bool stat(const std::string& path, struct stat& st) = 0;
-  /// lstat(2); @p st is left alone on failure.
+  /// lstat(2). Leaves @p st unchanged on failure.
   virtual bool lstat(const std::string& path, struct stat& st) = 0;
   virtual bool unlink(const std::string& path) = 0;
   /// Adds execute permission for user, group and others.
   virtual bool chmodx(const std::string& path) = 0;
-  /// The canonical absolute form of @p path, empty on failure.
+  /// The canonical absolute form of @p path. Empty on failure.
   virtual std::string realPath(const std::string& path) = 0;
   virtual bool rename(const std::string& from, const std::string& to) = 0;
-  /// Appends the names in the folder @p path to @p entries, without `.` and `..`, by byte value.
+  /// Appends the names in the directory @p path to @p entries, sorted by byte value, without `.`
+  /// and `..`.
   virtual bool readDir(const std::string& path, std::vector<std::string>& entries) = 0;
-  /// Makes the whole content of @p path the string of @p content. Never blocks in the opening;
-  /// EFBIG when a reply cannot hold it.
+  /// Makes the whole content of @p path the string of @p content. Opening never blocks. Fails with
+  /// EFBIG when the content does not fit into a reply.
   virtual bool readFile(const std::string& path, std::istringstream& content) = 0;
-  /// Replaces the content of @p path, whole or not at all, durably, before it returns.
+  /// Replaces the content of @p path atomically. The new content is on disk when the call returns.
   virtual bool writeFile(const std::string& path, const std::ostringstream& data) = 0;
-  /// Adds to the end of @p path all of @p data or nothing, durably, before it returns.
+  /// Appends all of @p data to @p path, or nothing. The data is on disk when the call returns.
   virtual bool appendFile(const std::string& path, const std::ostringstream& data) = 0;
-  /// Whether a process called @p name runs: its comm, its argv[0] or that one's last component.
+  /// Whether a process called @p name runs. Compares with its comm, its argv[0] and the last
+  /// component of its argv[0].
   virtual bool processRunning(const std::string& name) = 0;
-  /// Writes out what is cached and reboots. Returns only when that failed, or before it happened.
+  /// Flushes all cached writes to disk and reboots. Returns when the reboot failed or has not
+  /// happened yet.
   virtual bool reboot() = 0;
   /// The tree at @p path, or null when the path itself cannot be examined. The proxy keeps
-  /// ownership: the walker lives until the next call or the proxy's end.
+  /// ownership: the walker lives until the next call or until the proxy is destroyed.
   virtual FileTreeWalker* walkTree(const std::string& path) = 0;
-  /// Stores the number of blocks of @p path's file system that are free to unprivileged users.
+  /// Stores in @p blocks the number of blocks on @p path's file system that are free to
+  /// unprivileged users.
   virtual bool freeBlocks(const std::string& path, std::uint64_t& blocks) = 0;
-  /// Switches the two LEDs on (true) or off and ends a running blink.
+  /// Switches the two LEDs on (true) or off, and stops blinking.
   virtual bool changeLeds(bool first, bool second) = 0;
 
-  // The slots above keep their places in the table: new operations are added at its end.
+  // The operations above keep their slots in the virtual table: add new operations at its end.
 
   /// `readFile`, `writeFile` and `appendFile` without a stream, which would hold a second copy of a
-  /// large file. @p content is left alone on failure.
+  /// large file. Leaves @p content unchanged on failure.
   virtual bool readFile(const std::string& path, std::string& content) = 0;
   virtual bool writeFile(const std::string& path, std::string_view data) = 0;
   virtual bool appendFile(const std::string& path, std::string_view data) = 0;
 
-  /// Runs @p argv without a shell. @p execParam is in seconds: above 0 waits that long at most, 0
-  /// waits without limit, below 0 leaves the program running and returns at once. Blocks the whole
-  /// process meanwhile. Forgets the background program of before. Returns 0 when the program was
-  /// started and, unless in the background, ended, whatever its exit status; ETIMEDOUT when it ran
-  /// into the limit; else the errno value that kept it from starting.
+  /// Runs @p argv without a shell and blocks the whole process until it returns. @p execParam is
+  /// the time limit in seconds: above 0 waits at most that long, 0 waits without limit, below 0
+  /// leaves the program running in the background and returns at once. Discards the previous
+  /// background program. Returns 0 when the program was started and (unless in the background) has
+  /// ended, with any exit status; ETIMEDOUT when it exceeded the limit; otherwise the errno value
+  /// of the failed start.
   int exec(const std::vector<std::string>& argv, int execParam);
-  /// The same for @p line, split at blanks.
+  /// Runs @p line, split at spaces, in the same way.
   int exec(const std::string& line, int execParam);
   /// Runs @p line with `/bin/sh -c`; limit and result as for `exec`.
   int system(const std::string& line, int limit);
-  /// Standard output and error of the last program, in the order written, up to 16 MiB. Valid until
-  /// the next program is started.
+  /// Standard output and standard error of the last program, in the order written, up to 16 MiB.
+  /// Valid until the next program is started.
   [[nodiscard]] const std::string& output() const;
-  /// Records @p state as the update manager's state text under @p key, as `writeFile` does. EINVAL
-  /// for a key that is no plain file name.
+  /// Stores @p state as the update manager's state text under @p key, in the same way as
+  /// `writeFile`. Fails with EINVAL when the key is not a plain file name.
   bool updateUmState(const std::string& key, const std::ostringstream& state);
 
   /// The outcome of the last operation.
@@ -106,21 +113,21 @@ class SlaveProxy {
  protected:
   friend class LedControl;
 
-  /// Takes @p status as the outcome of the operation.
+  /// Stores @p status as the outcome of the operation.
   void setResultStatus(const ResultStatus& status) const { status_ = status; }
-  /// Takes success (@p error 0) or the failure with that errno value as the outcome of an operation
-  /// that runs no program; true for success.
+  /// Stores the outcome of an operation that runs no program: success (@p error 0) or the failure
+  /// with this errno value. Returns true for success.
   bool finish(int error) const;
-  /// Switches the LEDs without touching the result status; an errno value, 0 for success.
+  /// Switches the LEDs without changing the result status. Returns an errno value, 0 for success.
   int driveLeds(bool first, bool second) const;
-  /// Ends a running blink of the process's LED controller.
+  /// Stops blinking in the process's LED controller.
   static void endBlink();
 
-  /// What the proxy's programs run in.
+  /// Runs the proxy's programs.
   [[nodiscard]] ProgramRunner& programs() { return *programs_; }
 
  private:
-  // Mutable: the LED controller holds const proxies and records its outcome with each.
+  // Mutable: the LED controller holds const proxies and stores its outcome in each of them.
   mutable ResultStatus status_;
   std::unique_ptr<ProgramRunner> programs_;
 };

@@ -11,7 +11,7 @@
 
 namespace zell {
 
-/// The executor for the device that the process itself runs on.
+/// The executor for the device that this process runs on.
 class SlaveProxyLocal : public SlaveProxy {
  public:
   SlaveProxyLocal();

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a task ended, as every reply carries it.
+// The outcome of a task, as every reply carries it.
 #ifndef ZELL_SLAVE_STATUS_H_
 #define ZELL_SLAVE_STATUS_H_
 
 namespace zell {
 
-/// The outcome of a task at a glance. The numbers are those of the wire.
+/// The outcome of a task in one value. The numbers are part of the wire format.
 struct SlaveStatus {
   enum Type : int {
     success = 0,
@@ -16,17 +16,17 @@ struct SlaveStatus {
   };
 };
 
-/// What became of the program that the task was about. The numbers are those of the wire.
+/// The state of the program that the task was about. The numbers are part of the wire format.
 enum class WatchProcessState_t {
-  none = 0,  ///< the task was about no program, or it could not be started
+  none = 0,  ///< the task ran no program, or the program could not be started
   running = 1,
   exited = 2,
   signalled = 3,
   timedOut = 4,
 };
 
-/// The five status fields of a reply, in the order of the wire. All zeros: a success of a task that
-/// runs no program.
+/// The five status fields of a reply, in wire order. All zeros mean success of a task that runs no
+/// program.
 struct ResultStatus {
   SlaveStatus::Type status = SlaveStatus::success;
   WatchProcessState_t state = WatchProcessState_t::none;

@@ -7,8 +7,8 @@
 namespace zell {
 
 struct StackTrace {
-  /// The readable form of a type's mangled name (`typeid(x).name()`), or @p name itself when it is
-  /// none.
+  /// The readable form of a type's mangled name (`typeid(x).name()`). Returns @p name itself when
+  /// it is not a mangled name.
   static std::string demangle(const std::string& name);
 };
 

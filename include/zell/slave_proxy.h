@@ -96,7 +96,7 @@ class SlaveProxy {
   /// ended, with any exit status; ETIMEDOUT when it exceeded the limit; otherwise the errno value
   /// of the failed start.
   int exec(const std::vector<std::string>& argv, int execParam);
-  /// Runs @p line, split at spaces, in the same way.
+  /// Runs @p line, split at spaces and tabs, in the same way.
   int exec(const std::string& line, int execParam);
   /// Runs @p line with `/bin/sh -c`; limit and result as for `exec`.
   int system(const std::string& line, int limit);

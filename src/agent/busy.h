@@ -7,7 +7,7 @@
 
 namespace zell {
 
-/// Keeps dropped handlers alive for as long as a handler is being called.
+/// Keeps dropped handlers alive until the current handler call returns.
 class Runel::Busy {
  public:
   explicit Busy(Runel& server) : server_(server) { ++server_.busy_; }

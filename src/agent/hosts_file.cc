@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The device's hosts file, which tells the local programs where the master is.
+// The device's hosts file, which tells the local programs the address of the master.
 #include "agent/runel.h"
 
 #include <cerrno>
@@ -19,10 +19,10 @@
 namespace zell {
 namespace {
 
-// The name under which the programs on the device know the master.
+// The host name that the programs on the device use for the master.
 constexpr char kMasterAlias[] = "update-master";
 
-constexpr mode_t kFillingMode = 0600;  // the old file may be no more than its owner's to read
+constexpr mode_t kFillingMode = 0600;  // the old file may be readable only by its owner
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
 
@@ -31,32 +31,33 @@ struct CloseStream {
 };
 using Stream = std::unique_ptr<std::FILE, CloseStream>;
 
-// A stream over @p fd; null with errno set when either cannot be had.
+// Opens a stream on @p fd. Null with errno set when the open or the allocation fails.
 Stream openStream(UniqueFd fd, const char* mode) {
   Stream stream(fd.valid() ? fdopen(fd.get(), mode) : nullptr);
   if (stream != nullptr) {
-    (void)fd.release();  // the stream's now
+    (void)fd.release();  // the stream owns it now
   }
   return stream;
 }
 
-// Non-blocking, like the output: a FIFO in the place of either must not hang the daemon.
+// O_NONBLOCK, as for the output: a FIFO at either path must not hang the daemon.
 Stream openInput(const std::string& path) {
   return openStream(UniqueFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)), "r");
 }
 
-// Gives @p fd the permission bits and the owner of the file that it is going to replace.
+// Gives @p fd the permission bits and the owner of the file that it will replace.
 bool takeAttributes(int fd, std::FILE* replaced) {
   if (replaced == nullptr) {
-    return fchmod(fd, kNewFileMode) == 0;  // whatever the umask is
+    return fchmod(fd, kNewFileMode) == 0;  // sets the mode regardless of the umask
   }
   struct stat old {};
   return fstat(fileno(replaced), &old) == 0 && fchown(fd, old.st_uid, old.st_gid) == 0 &&
          fchmod(fd, old.st_mode & kPermissionBits) == 0;
 }
 
-// A file of its own: what an interrupted rewrite, or anyone else, left there is taken away first,
-// and never written through. Where that cannot be done, the error is the one of writing over it.
+// Always a new file. The unlink removes what an interrupted rewrite or another program left at the
+// path, so that nothing is written through an existing link. If the unlink fails, the open reports
+// the error.
 Stream openOutput(const std::string& path) {
   (void)unlink(path.c_str());
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -75,11 +76,11 @@ bool namesMaster(std::string_view line) {
 
 struct Copy {
   bool ended = true;  // the input was read to its end
-  bool good = true;   // the output took it all
+  bool good = true;   // every write succeeded
   int error = 0;      // errno of the first failure
 };
 
-// Copies the lines that do not name the master. A line may be of any length and hold any bytes.
+// Copies the lines that do not name the master. A line may have any length and contain any bytes.
 Copy copyLines(std::FILE* in, std::FILE* out) {
   Copy copy;
   char* line = nullptr;
@@ -99,7 +100,7 @@ Copy copyLines(std::FILE* in, std::FILE* out) {
   return copy;
 }
 
-// The whole new content, then mode and owner; all of it is on the disk when the answer is good.
+// Writes the whole new content, then sets mode and owner. On success everything is on disk.
 Copy writeHosts(std::FILE* in, std::FILE* out, const std::string& address) {
   Copy copy;
   if (in == nullptr) {
@@ -147,7 +148,7 @@ void Runel::setEtcHosts(const std::string& path, const std::string& address) {
   } else if (rename(beside.c_str(), path.c_str()) != 0) {
     logError("setEtcHosts: cannot rename " + beside + " to ", path);
   }
-  (void)unlink(beside.c_str());  // nothing is there after a successful rename
+  (void)unlink(beside.c_str());  // fails after a successful rename, which is harmless
 }
 
 }  // namespace zell

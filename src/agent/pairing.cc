@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two connections to the master, the agent, and how they come and go together.
+// The two connections to the master, the agent, and how they are opened and dropped together.
 #include "agent/runel.h"
 
 #include <syslog.h>
@@ -43,9 +43,9 @@ void Runel::handle_outgoing_connection(int socket) {
   linkRelays();
 }
 
-// Losing either connection to the master takes the bridge and the agent along: the agent starts its
-// dialogue anew when it comes back. This and drop_socket call each other; each clears its role
-// first, and that ends it.
+// Losing either connection to the master also drops the bridge and the agent: the agent starts a
+// new dialogue after it reconnects. This function and drop_socket call each other. Each clears its
+// role first, which ends the recursion.
 int Runel::drop_host_connection(int socket) {
   int result = 0;
   if (slave_ != nullptr && slave_->socket() == socket) {
@@ -63,7 +63,7 @@ int Runel::drop_host_connection(int socket) {
     unlinkRelays();
     bridge_ = nullptr;
     result |= eraseHandler(bridge);
-    remove_host(address_, kMasterPort);  // only the slave connection is to be made again
+    remove_host(address_, kMasterPort);  // only the slave connection is made again
   }
   if (agent_ != nullptr) {
     result |= drop_socket(agent_->socket());
@@ -114,15 +114,15 @@ void Runel::forgetHandler(int socket) {
   }
 }
 
-// Ends a handler; one that may be at work lives until its call is over.
+// Retires a handler. A handler that may be in a call lives until the call returns.
 void Runel::retire(std::unique_ptr<RunelConnection> handler) {
   if (busy_ > 0) {
     retired_.push_back(std::move(handler));
   }
 }
 
-// Makes room for a new agent. The old one's socket stays open and its entry in the table stays
-// without a handler: it is dropped when it next says something, or ends.
+// Replaces the current agent. The old agent's socket stays open and its table entry stays without a
+// handler. The connection is dropped at its next packet or at its end.
 void Runel::orphanAgent() {
   const int socket = agent_->socket();
   unlinkRelays();
@@ -130,14 +130,14 @@ void Runel::orphanAgent() {
   retire(std::move(handlers_[socket]));
 }
 
-// Each setPeer relays at once what came in before there was anyone to relay it to.
+// Each setPeer call relays the input that was received before the link existed.
 void Runel::linkRelays() {
   const Busy busy(*this);
   bridge_->setPeer(agent_);
   agent_->setPeer(bridge_);
 }
 
-// No relay may keep a partner that is about to go.
+// Neither relay may keep a pointer to a peer that is about to be deleted.
 void Runel::unlinkRelays() {
   if (bridge_ != nullptr) {
     bridge_->setPeer(nullptr);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What speaks on a new socket, and how packets get to their handlers.
+// How the first bytes on a new socket select its handler, and how packets reach the handlers.
 #include "agent/runel.h"
 
 #include <algorithm>
@@ -28,11 +28,11 @@ constexpr char kByteCountMark = '\x01';
 constexpr int kShownBytes = 60;
 constexpr std::size_t kDumpChunk = 1024;
 
-// Verbosity from which a packet is shown in a line, and in full.
+// The verbosity from which a packet is logged as one line, and in full.
 constexpr int kShowPackets = 2;
 constexpr int kDumpPackets = 3;
 
-// A trace of the loop on every pass would bury all else.
+// A trace line on every pass of the loop would hide all other lines.
 constexpr unsigned kTracedPasses = 100;
 
 bool isBlank(char byte) {
@@ -61,8 +61,8 @@ void Runel::handle_data_read(int socket, char* buf, size_t len, int /*port*/) {
   }
 }
 
-// Gives a new socket the handler that its first bytes ask for; false when there is none to be
-// called.
+// Gives a new socket the handler that its first bytes select. False when there is no handler to
+// call.
 bool Runel::classify(int socket, const char* buf, std::size_t len) {
   if (len == 0 || buf == nullptr) {
     logLine(LOG_ERR, "handle_data_read: new socket but buffer is empty, socket %d", socket);
@@ -87,7 +87,8 @@ bool Runel::classify(int socket, const char* buf, std::size_t len) {
   return false;
 }
 
-// The agent finds the master by its alias, which from now on names the address it came from.
+// The agent finds the master by its alias. From now on the alias names the address that the agent's
+// connection came from.
 void Runel::makeAgent(int socket) {
   if (agent_ != nullptr) {
     logLine(LOG_ERR, "handle_data_read: error orphaning agent_ (socket %d), socket %d",
@@ -119,7 +120,7 @@ void Runel::logPacket(int socket, const std::string& data) {
   }
   logPlain(LOG_DEBUG, "received: %d bytes", length);
   for (std::size_t start = 0; start < data.size(); start += kDumpChunk) {
-    // The range shown is a whole chunk's, also for a shorter last one.
+    // The range in the line is that of a whole chunk, even when the last chunk is shorter.
     logPlain(LOG_DEBUG, "bytes %d-%d: %s", static_cast<int>(start),
              static_cast<int>(start + kDumpChunk), data.substr(start, kDumpChunk).c_str());
   }
@@ -140,7 +141,7 @@ void Runel::serve(int socket, std::string& data) {
   }
 }
 
-// A replaced agent that goes on sending has nobody to talk to.
+// A replaced agent that sends again has no handler any more.
 void Runel::dropStale(int socket) {
   if (m_connections.count(socket) != 0) {
     (void)drop_socket(socket);
@@ -163,14 +164,14 @@ void Runel::handle_loop() {
     if (next->second != nullptr) {
       workOnPending(*next->second, trace);
     }
-    // Looked up only where the entry itself may be gone: with many connections the search is most
-    // of what an idle one costs.
+    // Search only when the entry itself may be erased: with many connections, the search is most of
+    // the cost of an idle one.
     next = erased == erased_ ? std::next(next) : handlers_.upper_bound(socket);
   }
 }
 
-// False for a handler that has been dropped: its socket's number may be another connection's by
-// now.
+// False for a handler that has been dropped. Its socket number may already belong to another
+// connection.
 bool Runel::isServing(const RunelConnection& handler) const {
   const auto found = handlers_.find(handler.socket());
   return found != handlers_.end() && found->second.get() == &handler;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Construction, start, and what happens when the port cannot be had.
+// Construction, start, and the reaction to a port that cannot be opened.
 #include "agent/runel.h"
 
 #include <cerrno>
@@ -22,7 +22,7 @@ namespace {
 constexpr char kName[] = "runeld";
 constexpr unsigned kSelectTimeoutMs = 100;
 
-// The waits before a new try grow by a second each: 630 s until the last one.
+// Each wait before a retry is one second longer than the one before: 630 s in all until the last.
 constexpr int kMostListenFailures = 35;
 
 // LINUX_REBOOT_CMD_RESTART of the kernel's reboot(2).
@@ -33,8 +33,8 @@ constexpr char kProcessList[] = "/zell/bin/psreal alxw -L";
 constexpr int kProcessLineSize = 256;
 constexpr char kEndTftpServer[] = "/usr/bin/killall -TERM atftpd";
 
-// Sleeps its whole time, whatever signals come: a signal must not bring the reboot nearer. What is
-// left is taken from the clock, since sleep's own answer is in whole seconds.
+// Sleeps the whole time even when signals arrive, because a signal must not bring the reboot
+// forward. The clock gives the remaining time, because sleep() returns whole seconds only.
 void sleepWhole(unsigned length) {
   using std::chrono::seconds;
   const auto end = sys::monotonicTime() + seconds(length);
@@ -54,7 +54,7 @@ Runel::Runel(const std::string& address, bool daemon, int verbose)
   add_host(address_, kMasterPort);
 }
 
-// The handlers go in ascending order of their sockets.
+// Deletes the handlers in ascending order of their sockets.
 Runel::~Runel() {
   for (auto& [socket, handler] : handlers_) {
     handler.reset();
@@ -103,8 +103,8 @@ bool Runel::handle_listen_failure(int port) {
   return false;
 }
 
-// Shows in the log what holds the port. The last line comes twice: a read is only known to be the
-// last one when the next has failed, and its line is logged all the same.
+// Logs the process list, which shows what holds the port. The last line is logged twice: only the
+// read after it fails, and its unchanged buffer is logged all the same.
 void Runel::logProcessList() {
   std::FILE* list = sys::popen(kProcessList, "r");
   char line[kProcessLineSize] = "";
@@ -115,7 +115,7 @@ void Runel::logProcessList() {
   (void)sys::pclose(list);
 }
 
-// The usual holder of the port.
+// The TFTP server is the usual holder of the port.
 void Runel::endTftpServer() {
   logLine(LOG_WARNING, "%s", kEndTftpServer);
   if (sys::system(kEndTftpServer) == -1) {

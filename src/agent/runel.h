@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The daemon's own policy: what it listens to, whom it connects to, and who serves which socket.
+// The daemon's policy: the port it listens on, the host it connects to, the handler for each
+// socket.
 #ifndef ZELL_AGENT_RUNEL_H_
 #define ZELL_AGENT_RUNEL_H_
 
@@ -18,22 +19,23 @@ class RunelConnection;
 class XmlSlave;
 
 /// The agent server. It keeps a connection to the master (the slave connection, on which the master
-/// sends tasks) and, while an update manager agent is connected, a second one (the agent bridge, to
-/// which the agent's clauses are relayed). It owns one handler for each socket that it serves.
+/// sends tasks). While an update manager agent is connected, it keeps a second one (the agent
+/// bridge, to which the agent's clauses are relayed). It owns one handler for each socket that it
+/// serves.
 class Runel : public ServerBase {
  public:
-  /// A server for the master at @p address, a host name or dotted address. @p daemon has `run` go
-  /// into the background; each step of @p verbose shows more.
+  /// A server for the master at @p address, a host name or dotted address. With @p daemon, `run`
+  /// forks into the background. A higher @p verbose logs more.
   Runel(const std::string& address, bool daemon, int verbose);
   ~Runel() override;
 
-  /// Runs the server to its end. Always 0, which is the program's exit status.
+  /// Runs the server until it ends. Always returns 0, the program's exit status.
   int run();
 
   int drop_socket(int socket) override;
   int drop_host_connection(int socket) override;
   void handle_startup() override;
-  /// Waits longer each time, then says true; after 35 failures reboots the device.
+  /// Waits, each time longer, then returns true. After 35 failures reboots the device.
   bool handle_listen_failure(int port) override;
   using ServerBase::handle_data_read;
   void handle_data_read(int socket, char* buf, size_t len, int port) override;
@@ -46,26 +48,26 @@ class Runel : public ServerBase {
   /// The address of the inbound connection on @p socket. Valid until the connection is dropped.
   const std::string& getConnectionAddress(int socket);
 
-  /// Makes the master's alias name @p address (a dotted quad) in the hosts file @p path: drops
-  /// every line in which a blank stands before the alias, keeps all others, adds one line. A
-  /// missing file is made. The new content is written to @p path + ".new", synced and renamed, so
-  /// that the file is always the old or the new one. Only root can read the new file until it is
-  /// complete; then it gets the mode and the owner of the old one (0644 for a missing one). Every
-  /// failure is logged and leaves the file as it was.
+  /// Makes the master's alias name @p address (a dotted quad) in the hosts file @p path. Drops
+  /// every line that contains the alias after a space, keeps all others and adds one line. Creates
+  /// a missing file. Writes the new content to @p path + ".new", syncs and renames it, so that the
+  /// file always has either the old or the new content. Only root can read the new file until it is
+  /// complete; then it gets the mode and the owner of the old one (0644 for a missing one). Logs
+  /// every failure and leaves the file unchanged then.
   void setEtcHosts(const std::string& path, const std::string& address);
-  /// Logs @p a and @p b, without a blank between them, with a comma and the text of errno.
+  /// Logs @p a and @p b without a separator, then a comma and the text of errno.
   void logError(const std::string& a, const std::string& b);
-  /// Logs @p a and @p b as a warning, without a blank between them.
+  /// Logs @p a and @p b as a warning, without a separator.
   void logWarning(const std::string& a, const std::string& b);
 
-  // A test holds the order of these members.
+  // Tests cover the order of these members.
   std::string address_;
-  int spare_ = -1;  // reserved: read nowhere, it keeps the members behind it in their places
+  int spare_ = -1;  // reserved and never read; keeps the following members at their offsets
   int verbose_;
   int daemon_;
-  // A replaced agent's entry stays, with null for its handler. Only forgetHandler() erases one.
+  // The entry of a replaced agent stays with a null handler. Only forgetHandler() erases entries.
   std::map<int, std::unique_ptr<RunelConnection>> handlers_;
-  // The roles; each is also in handlers_, which owns it.
+  // The roles. Each handler is also in handlers_, which owns it.
   ByteCountSlave* slave_ = nullptr;
   XmlSlave* bridge_ = nullptr;
   XmlSlave* agent_ = nullptr;
@@ -96,10 +98,10 @@ class Runel : public ServerBase {
   void linkRelays();
   void unlinkRelays();
 
-  // Handlers that were dropped while one of them was at work: it may be the one that is being
-  // called. They are deleted when the call is over.
+  // Handlers that were dropped during a handler call: one of them may be the caller. They are
+  // deleted when the call returns.
   std::vector<std::unique_ptr<RunelConnection>> retired_;
-  int busy_ = 0;         // handler calls that are under way
+  int busy_ = 0;         // handler calls in progress
   unsigned erased_ = 0;  // entries erased from handlers_ so far
 };
 

@@ -14,14 +14,14 @@
 namespace zell {
 namespace {
 
-// Most lines are short; longer ones (a dumped packet, a path) take memory for themselves.
+// Most lines are short. Longer ones (a dumped packet, a path) are formatted in allocated memory.
 constexpr std::size_t kShortLine = 1024;
 
-// What the system log takes as one datagram, with a margin. A longer line would be lost.
+// The longest datagram that the system log accepts, with a margin. It would drop a longer line.
 constexpr std::size_t kLongestLine = 131072;
 constexpr std::string_view kCutMark = "...";
 
-// The text of @p length bytes, or its beginning and the mark in the @p room that there is.
+// Formats a text of @p length bytes. Truncates it to @p room bytes, which end with the mark.
 __attribute__((format(printf, 3, 0))) std::string longText(std::size_t length, std::size_t room,
                                                            const char* format, va_list args) {
   std::string text(std::min(length, room) + 1, '\0');
@@ -33,8 +33,8 @@ __attribute__((format(printf, 3, 0))) std::string longText(std::size_t length, s
   return text;
 }
 
-// Formats a line and hands it to the system log, behind @p prefix. errno is restored before each
-// use of %m, since the formatting itself may change it.
+// Formats a line and passes it to the system log, behind @p prefix. Restores errno before each use
+// of %m, because the formatting itself may change errno.
 __attribute__((format(printf, 3, 0))) void send(int priority, const std::string& prefix,
                                                 const char* format, va_list args) {
   const int saved = errno;
@@ -58,7 +58,7 @@ __attribute__((format(printf, 3, 0))) void send(int priority, const std::string&
 
 }  // namespace
 
-// The process id is asked for each time: a fork changes it.
+// Asks for the process id at each call, because a fork changes it.
 void logLine(int priority, const char* format, ...) {
   const std::string prefix = "(" + std::to_string(getpid()) + ") ";
   va_list args;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What must happen on every way out of a function.
+// Runs an action on every exit from a scope.
 #ifndef ZELL_BASE_SCOPE_GUARD_H_
 #define ZELL_BASE_SCOPE_GUARD_H_
 
@@ -7,7 +7,7 @@
 
 namespace zell {
 
-/// Calls @p action when it goes out of scope, also when an exception passes through.
+/// Calls @p action when it goes out of scope, also during stack unwinding.
 template <typename Action>
 class ScopeGuard {
  public:

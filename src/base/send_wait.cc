@@ -16,9 +16,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
-constexpr int kLooks = 30;  // per stall: one a second for a stall of 30 s
+constexpr int kLooks = 30;  // steps per stall: one a second for a stall of 30 s
 
-// The bytes that the peer has not acknowledged, sent or unsent; -1 on an error.
+// The bytes that the peer has not acknowledged, sent or unsent. -1 on an error.
 long long unacknowledgedBytes(int socket) {
   int bytes = 0;
   return ioctl(socket, SIOCOUTQ, &bytes) == 0 ? bytes : -1;

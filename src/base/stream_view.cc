@@ -4,8 +4,8 @@
 namespace zell {
 namespace {
 
-// A stream buffer's pointers are protected; a derived class may name them and apply them to any
-// string buffer. C++20 has view() for this.
+// The pointers of a stream buffer are protected. A derived class may name them and apply them to
+// any string buffer. C++20 has view() for this.
 struct Pointers : std::stringbuf {
   using std::stringbuf::eback;
   using std::stringbuf::egptr;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The contents of string streams without the copy that str() makes: a file of 256 MiB passes
-// through them.
+// The contents of string streams without the copy that str() makes. Files of up to 256 MiB pass
+// through such streams.
 #ifndef ZELL_BASE_STREAM_VIEW_H_
 #define ZELL_BASE_STREAM_VIEW_H_
 
@@ -12,7 +12,7 @@ namespace zell {
 /// The bytes written to @p stream so far. Valid until the stream is written to, moved or destroyed.
 [[nodiscard]] std::string_view viewOf(const std::ostringstream& stream);
 
-/// The whole string of @p stream, whatever has been read from it. Valid until the stream gets
+/// The whole string of @p stream, including the part already read. Valid until the stream gets
 /// another string, is moved or destroyed.
 [[nodiscard]] std::string_view viewOf(const std::istringstream& stream);
 

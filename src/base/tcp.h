@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tells TCP sockets from others: some socket options have a meaning for TCP only.
+// Distinguishes TCP sockets from others: some socket options apply to TCP only.
 #ifndef ZELL_BASE_TCP_H_
 #define ZELL_BASE_TCP_H_
 

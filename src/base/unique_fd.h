@@ -10,8 +10,8 @@
 
 namespace zell {
 
-/// Owns one descriptor and closes it; -1 is "none". Closing leaves errno as it was, so that an
-/// early return keeps the error it is about.
+/// Owns one descriptor and closes it; -1 means no descriptor. Closing leaves errno unchanged, so
+/// that an early return keeps the error of the failed call.
 class UniqueFd {
  public:
   UniqueFd() = default;
@@ -28,15 +28,15 @@ class UniqueFd {
   [[nodiscard]] int get() const { return fd_; }
   [[nodiscard]] bool valid() const { return fd_ >= 0; }
 
-  /// Gives the descriptor away: the caller closes it.
+  /// Releases ownership: the caller closes the descriptor.
   [[nodiscard]] int release() { return std::exchange(fd_, -1); }
 
-  /// Closes what is owned and takes @p fd in its place.
+  /// Closes the owned descriptor and takes ownership of @p fd.
   void reset(int fd = -1) {
     const int old = std::exchange(fd_, fd);
     if (old >= 0) {
       const int saved = errno;
-      (void)::close(old);  // on Linux the descriptor is gone whatever close answers
+      (void)::close(old);  // Linux frees the descriptor even when close fails
       errno = saved;
     }
   }

@@ -24,7 +24,7 @@ std::string shownBytes(const std::string& bytes) {
 
 ByteCountSlave::ByteCountSlave(int socket)
     : RunelConnection(socket, kByteCount), codec_(std::make_unique<ByteCountProtocol>(socket)) {
-  // An answer must not wait for the peer's delayed acknowledgement. Without it, it only takes
+  // A reply must not wait for the peer's delayed acknowledgement. Without this option it only takes
   // longer.
   const int on = 1;
   (void)setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -50,7 +50,7 @@ void ByteCountSlave::handleMessage(std::string& packet) {
   }
   std::string message;
   while (codec_->dataAvailable()) {
-    (void)codec_->recvMessage(message);  // there is one
+    (void)codec_->recvMessage(message);  // a message is available
     runMessage(message);
   }
 }
@@ -61,18 +61,18 @@ void ByteCountSlave::runMessage(std::string& message) {
     return;
   }
   SlaveTask task;
-  (void)task.parse(std::move(message));  // a malformed one has no arguments, and is refused as such
+  (void)task.parse(std::move(message));  // a malformed record has no arguments
   const std::unique_ptr<SlaveTask> reply(dispatchTask(task));
   if (reply != nullptr) {
     send(*reply);
   }
 }
 
-// The text goes out from where it is: of a large file no copy is held while the peer takes its
-// time.
+// Sends the output without a copy: a large file would otherwise be in memory twice while a slow
+// peer receives it.
 void ByteCountSlave::send(const SlaveTask& reply) {
   const SlaveTask::Parts record = reply.parts();
-  // A peer that is lost is dropped by the loop.
+  // The loop drops a lost peer.
   (void)codec_->sendMessage(record.head, record.output, record.tail);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Serves a socket on which a master sends tasks.
+// Serves a socket on which the master sends tasks.
 #ifndef ZELL_CONNECTIONS_BYTE_COUNT_SLAVE_H_
 #define ZELL_CONNECTIONS_BYTE_COUNT_SLAVE_H_
 
@@ -18,8 +18,8 @@ namespace zell {
 
 class FileTreeWalker;
 
-/// Runs the tasks that come in on a socket, one after the other, and answers each on the same
-/// socket before the next is looked at. A task that takes long holds up the whole daemon.
+/// Runs the tasks of a socket one after the other, and replies to each before it reads the next. A
+/// slow task blocks the whole daemon.
 class ByteCountSlave : public RunelConnection {
  public:
   /// Serves @p socket; its proxy becomes the one that drives the LEDs.
@@ -28,16 +28,16 @@ class ByteCountSlave : public RunelConnection {
 
   bool inputPending() override;
   void handleMessage(std::string& packet) override;
-  /// True after "restart" or "reboot", for good.
+  /// True for good after "restart" or "reboot".
   bool stopRequested() override;
 
-  /// Runs @p task. Returns the reply, which the caller owns, or null when none is to be sent.
+  /// Runs @p task. Returns the reply, which the caller owns, or null when no reply is sent.
   SlaveTask* dispatchTask(const SlaveTask& task);
 
  private:
   using Args = std::vector<std::string>;
 
-  // A task's name, the arguments it reads besides its name, and what runs it.
+  // A task's name, the number of arguments besides the name, and the function that runs it.
   struct TaskRow {
     const char* name;
     std::size_t arguments;
@@ -49,7 +49,7 @@ class ByteCountSlave : public RunelConnection {
   void runMessage(std::string& message);
   void send(const SlaveTask& reply);
 
-  // tasks/replies.cc: a reply carries what the proxy says of the operation that it ran last.
+  // tasks/replies.cc: a reply carries the proxy's status of the last operation.
   SlaveTask* makeReply(std::string text);
   SlaveTask* makeReply(bool done);
   SlaveTask* makeReply(const struct stat& st);

@@ -14,7 +14,7 @@ constexpr bool isBlank(char byte) {
   return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
 
-// Empties @p text, and gives its storage back when that is large.
+// Empties @p text and releases its storage when that is large.
 void release(std::string& text) {
   text.clear();
   if (text.capacity() > ClauseBuffer::kKeptCapacity) {
@@ -106,13 +106,13 @@ bool ClauseBuffer::findGt() {
   return search_.gt != kUnknown;
 }
 
-// The tag is '<' and a name that ends in the tag's '>', its only one; the closing tag is "</" and
-// that name, and is looked for in the whole buffer. It ends in a '>' and holds no other, so it can
-// only end at a '>' from which the one before is at least its own length away; the windows that are
-// compared do not overlap, and all comparing together costs no more than the searching. No window
-// ends at the tag's own '>' or begins before it: before the tag there are only blanks, and a match
-// that began with the tag's '<' would need a name of slashes alone. So the first window that
-// matches is the first place where the closing tag stands in the buffer.
+// Searches the whole buffer for the closing tag: "</" and the name in the opening tag, which
+// includes the tag's only '>'. A match ends in a '>' and contains no other '>', so it can only end
+// at a '>' that follows the previous '>' by at least the length of the closing tag. So the compared
+// windows never overlap, and all comparisons together cost no more than the search for '>'. No
+// window ends at the opening tag's '>' or begins before that tag: only whitespace precedes the tag,
+// and a match that begins at its '<' would require a name of slashes alone. So the first match is
+// the first closing tag in the buffer.
 bool ClauseBuffer::findClosing(std::size_t& end) {
   const std::string_view name = rest().substr(search_.start + 1, search_.gt - search_.start);
   const std::size_t length = name.size() + 2;
@@ -134,8 +134,8 @@ bool ClauseBuffer::findClosing(std::size_t& end) {
   }
 }
 
-// Where the next '>' stands; kUnknown when it has not come, and then the search goes on with what
-// comes.
+// Finds the next '>'. Returns kUnknown when it has not been received; the search then continues
+// with the next bytes.
 std::size_t ClauseBuffer::nextGt() {
   const std::string_view bytes = rest();
   const std::size_t found = bytes.find('>', search_.resume);
@@ -148,7 +148,8 @@ std::size_t ClauseBuffer::nextGt() {
   return found;
 }
 
-// Makes the bytes from the search's start to @p end the clause, and the byte at @p end the head.
+// Moves the bytes from the start of the search to @p end into the clause. The head is then at @p
+// end.
 void ClauseBuffer::take(std::size_t end, std::string& clause) {
   const std::size_t start = search_.start;
   const std::size_t length = end - start;
@@ -165,7 +166,7 @@ void ClauseBuffer::take(std::size_t end, std::string& clause) {
   compact();
 }
 
-// A large clause with less behind it keeps the storage that it lies in, and what is behind moves.
+// A large clause with fewer bytes behind it keeps its storage, and the bytes behind it move.
 void ClauseBuffer::takeStorage(std::size_t start, std::size_t end, std::string& clause) {
   std::string behind(rest().substr(end));
   work_ += behind.size();
@@ -179,8 +180,8 @@ void ClauseBuffer::takeStorage(std::size_t start, std::size_t end, std::string& 
   head_ = 0;
 }
 
-// Moves the rest to the front once as many bytes lie cut before it. Each move is paid for by the
-// cuts since the last one, and the storage holds at most twice what waits.
+// Moves the rest to the front once the removed bytes before it are as many. The removed bytes pay
+// for each move, and the storage is at most twice as large as the waiting bytes.
 void ClauseBuffer::compact() {
   if (head_ < rest().size()) {
     return;

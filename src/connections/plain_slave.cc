@@ -35,7 +35,7 @@ constexpr int kNoLimit = 0;
 constexpr std::size_t kHostNameSize = 1024;
 constexpr int kCommandShown = 60;
 
-// Writes @p text with one system call; false when not all of it went out.
+// Writes @p text with one system call. False when not all of it was written.
 bool writeAll(int socket, std::string_view text) {
   return ::write(socket, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
@@ -69,7 +69,7 @@ void PlainSlave::writeOutput() {
   std::size_t begin = 0;
   while (begin < output.size()) {
     const std::size_t end = std::min(output.find('\n', begin), output.size());
-    (void)write(output.substr(begin, end - begin));  // a client that is gone ends its connection
+    (void)write(output.substr(begin, end - begin));  // ignored: the loop drops a lost client
     if (!writeAll(socket_, "\n")) {
       logLine(LOG_DEBUG, "handleMessage: write error, (%d, %m)", errno);
     }
@@ -85,7 +85,7 @@ void PlainSlave::prompt() {
   writePrompt(socket_, "$ ");
 }
 
-// A negative socket only: the prompt takes any other number, unlike the relay.
+// Refuses only a negative socket. Unlike the relay, the prompt accepts any other number.
 int PlainSlave::write(const std::string& text) {
   if (socket_ < 0) {
     logLine(LOG_ERR, "write: socket_ is %d", socket_);
@@ -127,7 +127,7 @@ void PlainSlave::execute(int code, const std::string& args) {
       break;
     case kTerminate:
       logPlain(LOG_DEBUG, "execute: terminate");
-      (void)proxy_->kill();  // nothing to stop is fine
+      (void)proxy_->kill();  // without a program there is nothing to stop
       break;
     case kExec:
       runProgram(args);
@@ -142,7 +142,7 @@ void PlainSlave::execute(int code, const std::string& args) {
       logLine(LOG_DEBUG, "shutdown: not implemented");
       break;
     default:
-      break;  // no word leads here; nobody is told
+      break;  // no command has another code
   }
 }
 
@@ -162,11 +162,11 @@ void PlainSlave::runShell(const std::string& args) {
   }
 }
 
-// Both lines every time; the first is what those who read the logs look for.
+// Always logs both lines: existing log searches look for the first one.
 void PlainSlave::setLeds(const std::string& args) {
   logLine(LOG_DEBUG, "syscall: not implemented");
   logLine(LOG_DEBUG, "syscall: setting leds to '%s'", args.c_str());
-  (void)LedControl::instance().blinkLeds(LedStyle::toEnum(args));  // the prompt has no reply for it
+  (void)LedControl::instance().blinkLeds(LedStyle::toEnum(args));  // the prompt sends no reply
 }
 
 void PlainSlave::reportError(int code, const std::string& message) {

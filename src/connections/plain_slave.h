@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A command prompt for people, on a socket.
+// An interactive command prompt on a socket.
 #ifndef ZELL_CONNECTIONS_PLAIN_SLAVE_H_
 #define ZELL_CONNECTIONS_PLAIN_SLAVE_H_
 
@@ -9,31 +9,30 @@
 
 namespace zell {
 
-/// Takes each packet as one command line, runs it, and answers with the output and a prompt. It
-/// keeps nothing between packets: a line that comes in two packets is two lines. A running command
-/// stops the whole daemon.
+/// Runs each packet as one command line and sends the output and a prompt. Keeps nothing between
+/// packets: a line in two packets is two lines. A running command blocks the whole daemon.
 ///
-/// No route of the server leads here; the handler is complete for one that will.
+/// The server does not route any connection here yet; the handler is complete.
 class PlainSlave : public RunelConnection {
  public:
   explicit PlainSlave(int socket);
 
-  /// Always false: nothing is ever buffered.
+  /// Always false, because nothing is ever buffered.
   bool inputPending() override;
-  /// Runs the command line @p packet, which is cleaned and shortened in place.
+  /// Runs the command line @p packet, which is cleaned and truncated in place.
   void handleMessage(std::string& packet) override;
 
   /// Sends the host name and "$ ".
   void prompt();
-  /// Sends @p text as it is with one system call and returns what write(2) returned; -1 for a
+  /// Sends @p text unchanged with one system call and returns the result of write(2); -1 for a
   /// negative socket.
   int write(const std::string& text);
-  /// Cleans @p line and leaves the command's arguments in it: the whole line where its first word
-  /// is no command, which is a command line for the shell then. False for an empty line.
+  /// Cleans @p line and leaves the command's arguments in it. If the first word is not a command,
+  /// the whole line stays, as a command line for the shell. False for an empty line.
   bool parseCommand(int& code, std::string& line);
-  /// The code of the command @p word, 0 when it is none.
+  /// The code of the command @p word; 0 if it is not a command.
   int commandCode(const std::string& word);
-  /// Runs the command @p code. Errors go to the client, ahead of the output.
+  /// Runs the command @p code. Sends errors to the client before the output.
   void execute(int code, const std::string& args);
 
  private:

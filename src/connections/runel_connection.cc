@@ -10,7 +10,7 @@
 namespace zell {
 namespace {
 
-// No table of descriptors is larger. Compared unsigned, so that a negative number is out of range
+// No descriptor table is larger. Compared as unsigned, so that a negative number is out of range
 // too.
 constexpr unsigned kSocketNumbers = 65536;
 

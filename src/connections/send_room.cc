@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::size_t kEndless = std::numeric_limits<std::size_t>::max();
 
-// The buffer also holds the kernel's data on each packet, some 1.3 KiB. A small write adds at most
-// one packet. In a long write, each packet has more payload than that.
+// The buffer also contains the kernel's data for each packet, about 1.3 KiB. A small write adds at
+// most one packet. In a long write, each packet has more payload than that.
 constexpr std::size_t kPacket = 4096;
 
 std::size_t needed(std::size_t size) {
@@ -40,8 +40,8 @@ bool SendRoom::canEverTake(std::size_t size) const {
   return needed(size) <= whole_;
 }
 
-// Acknowledgements only add room, so the answer stays a lower bound. An exception is a kernel that
-// is short of memory and shrinks the buffer: the write then blocks, up to SO_SNDTIMEO.
+// Acknowledgements only add room, so the result stays a lower bound. The exception is a kernel that
+// is short of memory and shrinks the buffer: then the write blocks, up to SO_SNDTIMEO.
 void SendRoom::ask() {
   unsigned memory[SK_MEMINFO_VARS] = {};
   socklen_t length = sizeof memory;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tells before a write to a socket whether the write will block.
+// Predicts whether a write to a socket will block.
 #ifndef ZELL_CONNECTIONS_SEND_ROOM_H_
 #define ZELL_CONNECTIONS_SEND_ROOM_H_
 
@@ -14,10 +14,10 @@ class SendRoom {
   /// Does not own @p socket.
   explicit SendRoom(int socket) : socket_(socket) {}
 
-  /// Whether a write of @p size bytes will not block. If so, reserves the space for it. Asks the
-  /// kernel only when the reserved space reaches what the kernel reported last.
+  /// Whether a write of @p size bytes will not block. If so, reserves the space for it. Queries the
+  /// kernel only when the reserved space reaches the last reported space.
   bool take(std::size_t size);
-  /// Whether an empty buffer has room for @p size bytes, as of the last question to the kernel.
+  /// Whether an empty buffer has room for @p size bytes, as of the last query of the kernel.
   [[nodiscard]] bool canEverTake(std::size_t size) const;
 
  private:

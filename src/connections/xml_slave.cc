@@ -31,8 +31,8 @@ constexpr std::size_t kShown = 60;
 constexpr std::size_t kShownEnd = 40;
 constexpr std::chrono::seconds kWriteLimit(30);
 
-// What a log line shows of a text that begins with @p text, of which trimming needs one byte more
-// than it shows.
+// The part of a text that a log line shows. @p text is the beginning of it: trimming needs one byte
+// more than it shows.
 std::string shown(std::string text) {
   return trimOutput(std::move(text), kShown);
 }
@@ -41,7 +41,7 @@ std::string shown(const ClauseBuffer& buffer) {
   return shown(buffer.first(kShown + 1));
 }
 
-// Where a socket refuses, it works as it is.
+// If the socket refuses the option, writes keep the previous limit.
 void limitWrites(int socket, nanoseconds limit) {
   const microseconds whole = std::chrono::ceil<microseconds>(limit);
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(whole);
@@ -49,8 +49,8 @@ void limitWrites(int socket, nanoseconds limit) {
   (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
-// A clause must not wait for the acknowledgement of the one before, and a peer that reads nothing
-// must not stop the daemon for ever.
+// A clause must not wait for the acknowledgement of the previous one, and a peer that reads nothing
+// must not block the daemon for ever.
 void setUpForRelay(int socket) {
   const int on = 1;
   (void)setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -71,7 +71,7 @@ void waitForRoom(SendWait& wait, SendRoom& room, std::size_t size) {
   }
 }
 
-// Says that fewer bytes were written than there were; errno is as write(2) left it.
+// Logs an incomplete write. errno is the one of write(2).
 void logFailedWrite(int socket, ssize_t result) {
   if (result == -1) {
     logLine(LOG_ERR, "write: error on socket %d (%d, %m)", socket, errno);
@@ -82,8 +82,8 @@ void logFailedWrite(int socket, ssize_t result) {
   }
 }
 
-// Whether a write that began at @p begun and did not get everything out ran into the time limit; a
-// signal ends a write early as well. errno is as write(2) left it.
+// Whether an incomplete write that began at @p begun reached the time limit: a signal may also end
+// a write early. errno is the one of write(2).
 bool timedOut(ssize_t result, nanoseconds begun) {
   if (result == -1) {
     return errno == EAGAIN;
@@ -111,7 +111,7 @@ void XmlSlave::handleMessage(std::string& packet) {
     return;
   }
   while (nextXmlClause()) {
-    (void)peer_->write(clause_);  // logs its failures; the clauses that follow may get through
+    (void)peer_->write(clause_);  // logs its failures; later clauses may succeed
   }
   if (clause_.capacity() > ClauseBuffer::kKeptCapacity) {
     std::string().swap(clause_);
@@ -130,9 +130,10 @@ void XmlSlave::setPeer(XmlSlave* peer) {
   }
 }
 
-// Pings that nobody fetches must not pile up, so one is enough at the end of the buffer. Exactly
-// eight waiting bytes count as an end with a ping too: it would begin one byte before the buffer,
-// where a search that finds none (-1) has it. Meant; a keep-alive that is lost comes again.
+// Pings must not accumulate while they are not relayed, so one at the end of the buffer is enough.
+// A buffer of exactly eight bytes also counts as ending with a ping: the ping would begin one byte
+// before the buffer, which equals the "not found" value -1 of a search. Intentional: a lost
+// keep-alive is repeated.
 void XmlSlave::appendPacket(const std::string& packet) {
   if (packet == kPing && (buffer_.endsWith(kPing) || buffer_.size() + 1 == kPing.size())) {
     logLine(LOG_DEBUG, "appendPacket: discarding <ping/>");
@@ -183,16 +184,16 @@ int XmlSlave::write(std::string& text) {
   if (result < static_cast<ssize_t>(text.size())) {
     logFailedWrite(socket_, result);
     if (timedOut_ || timedOut(result, begun)) {
-      // Once is enough: the next clause must not stop the whole daemon for as long again.
+      // Shut down at the first timeout: the next clause must not block the whole daemon again.
       (void)shutdown(socket_, SHUT_RDWR);
     }
   }
   return static_cast<int>(result);  // the kernel takes less than 2 GiB in one call
 }
 
-// Waits for room, then writes; both share the time limit. After a timeout the write may still
-// succeed, since the kernel fills up the last packet without a check. So the next clause does not
-// wait again until there is room. Leaves errno as write(2) set it.
+// Waits for room, then writes. Both share the time limit. After a timeout the write may still
+// succeed, because the kernel fills up the last packet without a check. So the next clause does not
+// wait again until there is room. Leaves errno as set by write(2).
 ssize_t XmlSlave::writeInTime(const std::string& text, nanoseconds begun) {
   int error = errno;
   SendWait wait(socket_, kWriteLimit, kWriteLimit, begun);
@@ -200,7 +201,7 @@ ssize_t XmlSlave::writeInTime(const std::string& text, nanoseconds begun) {
     waitForRoom(wait, room_, text.size());
     timedOut_ = wait.left() <= nanoseconds(0);
   }
-  const nanoseconds left = timedOut_ ? microseconds(1) : wait.left();  // 0 would be no limit
+  const nanoseconds left = timedOut_ ? microseconds(1) : wait.left();  // 0 would mean no limit
   limitWrites(socket_, left);
   errno = error;
   const ssize_t result = ::write(socket_, text.data(), text.size());

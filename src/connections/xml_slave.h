@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The relay between an update manager agent and its master: one end of it.
+// One end of the relay between an update manager agent and its master.
 #ifndef ZELL_CONNECTIONS_XML_SLAVE_H_
 #define ZELL_CONNECTIONS_XML_SLAVE_H_
 
@@ -14,37 +14,40 @@
 
 namespace zell {
 
-/// Cuts what its socket sends into XML clauses and writes each to the socket of its peer, the relay
-/// at the other end. Without a peer it keeps what comes.
+/// Splits the input of its socket into XML clauses and writes each to the socket of its peer, the
+/// relay at the other end. Buffers the input while it has no peer.
 ///
-/// It reads no XML: ClauseBuffer tells what a clause is. Input that is none is kept and keeps the
-/// relay blocked, with a warning each time it is driven, for as long as the connection lives.
+/// It does not parse XML: ClauseBuffer defines what a clause is. Other input stays in the buffer
+/// and blocks the relay as long as the connection lives. Each attempt to relay logs a warning.
 class XmlSlave : public RunelConnection {
  public:
-  /// Makes @p socket send without delay, and give a write up after 30 s.
+  /// Disables delayed sending on @p socket and sets a write timeout of 30 s.
   explicit XmlSlave(int socket);
-  /// Leaves the peer alone: whoever deletes a relay unlinks the other first.
+  /// Does not change the peer: unlink both relays before deleting one.
   ~XmlSlave() override;
 
-  /// True while there is a peer and anything is buffered.
+  /// True while it has a peer and a non-empty buffer.
   bool inputPending() override;
-  /// Buffers @p packet and relays every clause that is complete.
+  /// Buffers @p packet and relays every complete clause.
   void handleMessage(std::string& packet) override;
-  /// True once a byte that opens a byte-count frame was among the input.
+  /// True once the input contained a byte that begins a byte-count frame.
   bool stopRequested() override;
 
-  /// Links this end to @p peer, which is borrowed, and relays at once what was kept; null unlinks.
+  /// Links this end to @p peer, which is borrowed, and relays the buffered clauses at once. Null
+  /// unlinks.
   void setPeer(XmlSlave* peer);
-  /// Adds @p packet to the buffer, unless it is a keep-alive ping and one waits at the end already.
+  /// Appends @p packet to the buffer. Discards a keep-alive ping when the buffer already ends with
+  /// one.
   void appendPacket(const std::string& packet);
-  /// Cuts the next complete clause; false, with a line that tells why, when there is none.
+  /// Removes the next complete clause. Returns false and logs the reason without one.
   bool nextXmlClause();
-  /// Sends @p text, which gets CR LF appended, with one write(2). Waits before it until the send
-  /// buffer has room. Returns what write(2) returned; what was not sent is lost. A timeout of the
-  /// wait and the write, 30 s together, shuts the socket down, so that the server drops it.
+  /// Appends CR LF to @p text and sends it with one write(2). Waits before that until the send
+  /// buffer has room. Returns the result of write(2); bytes not sent are lost. The wait and the
+  /// write together time out after 30 s. A timeout shuts the socket down, so that the server drops
+  /// it.
   int write(std::string& text);
 
-  /// The clause that was cut last; CR LF is appended when it is sent.
+  /// The clause removed last. CR LF is appended when it is sent.
   [[nodiscard]] const std::string& clause() const { return clause_; }
   [[nodiscard]] const ClauseBuffer& buffer() const { return buffer_; }
 
@@ -53,7 +56,7 @@ class XmlSlave : public RunelConnection {
 
   XmlSlave* peer_ = nullptr;
   SendRoom room_;
-  bool timedOut_ = false;  // the last wait for room; reset when there is room
+  bool timedOut_ = false;  // the last wait for room timed out; reset when there is room
   ClauseBuffer buffer_;
   std::string clause_;
   bool stop_ = false;

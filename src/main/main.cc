@@ -23,12 +23,12 @@
 namespace zell {
 namespace {
 
-// A standard stream that is closed would lend its number to the listening socket, and a socket 0
-// counts as one that could not be opened.
+// With a closed standard stream, the listening socket could get number 0, which the server treats
+// as a failure to open it.
 void openStandardStreams() {
   int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
   while (fd >= 0 && fd <= STDERR_FILENO) {
-    (void)fcntl(fd, F_SETFD, 0);  // programs are to have their standard streams
+    (void)fcntl(fd, F_SETFD, 0);  // child programs inherit the standard streams
     fd = open("/dev/null", O_RDWR | O_CLOEXEC);
   }
   if (fd >= 0) {
@@ -36,13 +36,15 @@ void openStandardStreams() {
   }
 }
 
-// Whoever starts the daemon may have left SIGCHLD ignored: then no program's end could be seen.
+// The parent process may have left SIGCHLD ignored. Then the daemon could not wait for its
+// programs.
 void restoreChildSignal() {
   (void)signal(SIGCHLD, SIG_DFL);
 }
 
-// libc makes its resolver's state at the first lookup. If it gets no memory for it then, it keeps a
-// lock, and the next lookup waits for ever; so it is made now, or the daemon does not start.
+// The C library allocates its resolver state at the first lookup. If that allocation fails, it
+// keeps a lock and the next lookup hangs. So the state is allocated here, and on failure the daemon
+// does not start.
 bool prepareResolver() {
   errno = 0;
   return res_init() == 0 || errno != ENOMEM;

@@ -5,10 +5,9 @@
 
 namespace zell {
 
-// Left alone, the C library raises the limit from which blocks come from the system one by one to
-// the largest it has seen, and keeps the next ones for itself: a device that was once sent a large
-// file is short of its memory for good. Smaller blocks are frequent, and would cost the faults of
-// new pages each time.
+// By default, the C library raises its mmap threshold to the largest block freed so far and then
+// keeps later blocks of that size. A device that once received a large file would lose that memory
+// permanently. Smaller blocks are frequent, and mapping each of them would cost page faults.
 void giveMemoryBack() {
   constexpr int kLargeBlock = 1048576;
   (void)mallopt(M_MMAP_THRESHOLD, kLargeBlock);

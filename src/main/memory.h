@@ -4,7 +4,7 @@
 
 namespace zell {
 
-/// Has blocks of a megabyte and more go back to the system as soon as they are free.
+/// Makes the allocator return freed blocks of 1 MiB and more to the system at once.
 void giveMemoryBack();
 
 }  // namespace zell

@@ -9,7 +9,7 @@
 namespace zell {
 namespace {
 
-// Integrators' scripts compare this text: it stays as it is, its slips included.
+// Integrators' scripts compare this text, so it stays as it is, spelling errors included.
 constexpr const char* kUsage[] = {
     "Usage: runeld [OPTION]",
     "Execute commands from the update manager daemon",

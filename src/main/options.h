@@ -10,19 +10,19 @@
 
 namespace zell {
 
-/// What the command line sets.
+/// The settings from the command line.
 struct Options {
-  std::string address = "127.0.0.1";  ///< of the master; not checked here
+  std::string address = "127.0.0.1";  ///< address of the master; not checked here
   bool daemon = true;
   int verbose = 0;
   int logOptions = 0;  ///< for openlog(3)
 
-  /// Set when the program is to end at once with this status.
+  /// Set when the program ends at once with this status.
   std::optional<int> exitStatus;
 };
 
-/// Reads @p args, the program's name left out, from the left. Unknown arguments are ignored. Writes
-/// the usage text to @p out where it is asked for or an address is missing.
+/// Parses @p args (without the program's name) from the left. Ignores unknown arguments. Writes the
+/// usage text to @p out when it is requested or when an address is missing.
 Options scanOptions(const std::vector<std::string>& args, std::ostream& out);
 
 }  // namespace zell

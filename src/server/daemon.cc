@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the server goes into the background, guards against a second copy, and is ended.
+// Runs the server in the background, prevents a second instance, and stops a running one.
 #include "server/server_base.h"
 
 #include <cerrno>
@@ -30,9 +30,9 @@ void ServerBase::signal_quit(int sig) {
   s_run = false;
 }
 
-// What `run` is to return at once, or nothing in the child, which goes on as the daemon. The child
-// stays in its folder and session and keeps its standard streams: who starts it decides about
-// those.
+// Returns the result of `run` when `run` is to return at once, or nothing in the child, which
+// continues as the daemon. The child keeps its working directory, session and standard streams: the
+// parent process chooses them.
 std::optional<int> ServerBase::start_daemon() {
   if (!may_start()) {
     return -1;
@@ -56,21 +56,21 @@ bool ServerBase::may_start() {
   }
   int pid = 0;
   if (!read_pid(&pid)) {
-    // The stream stays open: the process is about to end.
+    // The stream stays open, because the process is about to end.
     logPlain(LOG_ERR, "(%d) cannot parse pid file", pid);
     return false;
   }
   (void)std::fclose(m_pid_fp);
   m_pid_fp = nullptr;
   if (sys::kill(pid, 0) == 0) {
-    // The number in front is the running daemon's, so that the line says whom to look at.
+    // The prefix shows the number of the running daemon, so that users know which process to check.
     logPlain(LOG_ERR, "(%d) daemon is already running", pid);
     return false;
   }
   return true;
 }
 
-// Non-blocking, so that a FIFO in the pid file's place reads as empty instead of hanging the start.
+// O_NONBLOCK makes a FIFO at the pid file's path read as empty instead of hanging the start.
 bool ServerBase::open_pid_file() {
   UniqueFd fd(open(m_pid_file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd.valid()) {
@@ -80,7 +80,7 @@ bool ServerBase::open_pid_file() {
   if (m_pid_fp == nullptr) {
     return false;
   }
-  (void)fd.release();  // the stream's now
+  (void)fd.release();  // the stream owns it now
   return true;
 }
 
@@ -88,8 +88,8 @@ bool ServerBase::read_pid(int* pid) {
   return std::fscanf(m_pid_fp, "%d", pid) == 1;
 }
 
-// Written beside and renamed, so that a power cut leaves no empty file: that would keep every later
-// start from going on.
+// Written to a temporary name and renamed, so that a power cut leaves no empty pid file. An empty
+// one would prevent every later start.
 void ServerBase::write_pid_file() {
   const std::string beside = m_pid_file + ".new";
   (void)unlink(beside.c_str());
@@ -119,8 +119,8 @@ void ServerBase::stop() {
   m_pid_fp = nullptr;
   (void)unlink(m_pid_file.c_str());
   logLine(LOG_INFO, "stop ServerBase with SIGTERM");
-  // `pid` is still 0 when the file held no number, so this signals our whole process group. Meant;
-  // do not guard it.
+  // `pid` is still 0 when the file contained no number, so this signals our whole process group.
+  // Intentional: do not add a guard.
   (void)sys::kill(pid, SIGTERM);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The life of the server: open, select, dispatch, close.
+// The life cycle of the server: open, select, dispatch, close.
 #include "server/server_base.h"
 
 #include <cerrno>
@@ -16,8 +16,8 @@
 namespace zell {
 namespace {
 
-// Holds the ending signals back for as long as it lives: one that came between the installation of
-// the handlers and the setting of s_run would be forgotten.
+// Blocks the termination signals during its lifetime. Setting s_run would otherwise discard a
+// signal that arrives after the handlers are installed.
 class SignalHold {
  public:
   SignalHold() {
@@ -36,7 +36,7 @@ class SignalHold {
   sigset_t m_before{};
 };
 
-// The log keeps the pointer that it is given, and lines may follow when the server is gone.
+// syslog keeps the pointer to the ident, and lines may follow after the server is destroyed.
 void open_log(const std::string& name, int options, int facility) {
   static std::string ident;
   ident = name;
@@ -104,8 +104,7 @@ void ServerBase::open_devices() {
     }
     const auto earlier = m_device_fds.find(path);
     if (earlier != m_device_fds.end() && earlier->second > 0) {
-      (void)close(
-          earlier->second);  // listed twice: the later descriptor is the one that is watched
+      (void)close(earlier->second);  // listed twice: only the later one is watched
     }
     m_device_fds[path] = fd;
   }
@@ -157,7 +156,7 @@ void ServerBase::fill_sets() {
 
 void ServerBase::watch(int fd, bool except) {
   if (fd >= FD_SETSIZE) {
-    return;  // would be written behind the sets' end
+    return;  // would be written behind the end of the sets
   }
   FD_SET(fd, &m_read_set);
   if (except) {
@@ -168,8 +167,8 @@ void ServerBase::watch(int fd, bool except) {
   }
 }
 
-// A closed descriptor's number may be given out again before the pass is over: whoever has it then
-// must not be served with the readiness of the one before.
+// The number of a closed descriptor may be reused in the same pass. The new connection must not be
+// served with the readiness of the old one.
 void ServerBase::unwatch(int fd) {
   if (fd >= 0 && fd < FD_SETSIZE) {
     FD_CLR(fd, &m_read_set);
@@ -207,7 +206,7 @@ void ServerBase::dispatch_devices() {
   for (const std::string& path : m_devices) {
     const int fd = m_device_fds[path];
     if (is_exceptional(fd)) {
-      // Devices are never put into the except set; kept for a kernel that says so all the same.
+      // Devices are never in the except set. Kept for a kernel that reports one all the same.
       logLine(LOG_INFO, "device %d disconnected, need to reconnect?", fd);
     }
     if (is_readable(fd)) {
@@ -216,8 +215,8 @@ void ServerBase::dispatch_devices() {
   }
 }
 
-// Whatever is called here may drop this connection and others: the place in the table is looked up
-// again after each call. At most one dead connection is dropped in a pass; select() reports the
+// A handler called here may drop this connection and others, so the position in the table is looked
+// up again after each call. At most one dead connection is dropped in a pass; select() reports the
 // others again.
 void ServerBase::dispatch_connections() {
   auto next = m_connections.upper_bound(0);
@@ -254,8 +253,8 @@ void ServerBase::dispatch_hosts() {
   }
 }
 
-// False when the table has changed and the scan must end. A socket that is a host's and yet is not
-// found among the hosts when it is to be dropped would be reported for ever: that ends the server.
+// False when the table has changed and the scan must end. A host's socket that is missing from the
+// table when it is dropped would be reported for ever, so that ends the server.
 bool ServerBase::dispatch_host(int fd, int port) {
   if (is_exceptional(fd)) {
     logLine(LOG_INFO, "outbound connection %d disconnected", fd);
@@ -282,7 +281,7 @@ void ServerBase::close_everything() {
   handle_shutdown();
   close_listeners();
   if (!m_connections.empty()) {
-    close_connections(-1);  // a server of UDP ports alone has no listening socket to do it
+    close_connections(-1);  // a server with only UDP ports has no listening socket to do it
   }
   close_devices();
   close_hosts();

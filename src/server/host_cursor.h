@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the server walks its hosts while its own virtual operations add and remove some.
+// Iterates over the hosts while virtual operations of the server add and remove some.
 #ifndef ZELL_SERVER_HOST_CURSOR_H_
 #define ZELL_SERVER_HOST_CURSOR_H_
 
@@ -9,8 +9,8 @@
 
 namespace zell {
 
-/// Walks a server's hosts in list order. Hosts that are appended meanwhile are met; when the
-/// current one is removed, the walk goes on with the one behind it.
+/// Walks a server's hosts in list order. The walk includes hosts that are appended meanwhile. When
+/// the current host is removed, the walk continues with the next one.
 class ServerBase::HostCursor {
  public:
   explicit HostCursor(ServerBase& server) : m_server(server), m_current(server.m_hosts.begin()) {
@@ -29,7 +29,7 @@ class ServerBase::HostCursor {
     m_moved = false;
   }
 
-  /// Moves on if @p doomed, which is about to be erased, is the current host.
+  /// Moves to the next host if @p doomed, which is about to be erased, is the current one.
   void leave(std::list<Host>::iterator doomed) {
     if (m_current == doomed) {
       ++m_current;
@@ -37,7 +37,7 @@ class ServerBase::HostCursor {
     }
   }
 
-  /// Ends the walk: the list is about to be emptied.
+  /// Ends the walk, because the list is about to be emptied.
   void leave_all() {
     m_current = m_server.m_hosts.end();
     m_moved = true;
@@ -46,7 +46,7 @@ class ServerBase::HostCursor {
  private:
   ServerBase& m_server;
   std::list<Host>::iterator m_current;
-  bool m_moved = false;  // off a removed host, onto the one to be met next
+  bool m_moved = false;  // the current host was removed, and the cursor is already on the next one
 };
 
 }  // namespace zell

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The server's tables and settings, and the operations that a subclass is meant to replace.
+// The server's tables and settings, and the operations that subclasses replace.
 #include "server/server_base.h"
 
 #include <algorithm>
@@ -24,8 +24,8 @@ void log_override_needed(const char* signature) {
 std::atomic<bool> ServerBase::s_run{false};
 std::atomic<int> ServerBase::s_signal{-1};
 
-// The base facility is an odd one on purpose: a server that forgets to choose its own shows up
-// where nobody expects it.
+// The default facility is an unusual one on purpose: the lines of a server that forgets to choose a
+// facility appear in a place where they stand out.
 ServerBase::ServerBase(const std::string& name)
     : m_name(name), m_pid_file("/var/run/" + name + ".pid"), m_log_facility(LOG_LPR) {
   set_timeout(kDefaultTimeoutMs);
@@ -81,7 +81,7 @@ bool ServerBase::handle_listen_failure(int /*port*/) {
 }
 
 void ServerBase::handle_data_read(int fd, char* buf, size_t len, int port) {
-  // The packet ends with its length, not with a zero byte: a full buffer has none.
+  // The packet is not zero-terminated: a full buffer has no space for a zero byte.
   const int length = static_cast<int>(len);
   logPlain(LOG_INFO, "Need to override - %s, handle=%d, port=%d , buf_len= %d, buf='%.*s'",
            "virtual void zell::ServerBase::handle_data_read(int, char*, size_t, int)", fd, port,
@@ -171,7 +171,7 @@ void ServerBase::set_timeout(unsigned ms) {
 }
 
 void ServerBase::set_read_buffer_size(unsigned size) {
-  m_read_buffer.reset();  // first, so that the two never stand side by side
+  m_read_buffer.reset();  // first, so that only one buffer is allocated at a time
   m_read_buffer = std::make_unique<char[]>(size);
   m_read_buffer_size = size;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Everything the server does with single sockets: connecting, listening, reading, closing.
+// The operations on single sockets: connecting, listening, reading, closing.
 #include "server/server_base.h"
 
 #include <algorithm>
@@ -25,13 +25,13 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
-// A master that swallows packets would otherwise hold the daemon for minutes in connect(). Each
-// connect of a pass still gets the least of it, so that every host is tried.
-constexpr nanoseconds kConnectPatience = seconds(3);
-constexpr nanoseconds kLeastConnectPatience = milliseconds(10);
+// A master whose packets are lost would otherwise block the daemon in connect() for minutes. Every
+// host of a pass gets at least the minimum, so that every host is tried.
+constexpr nanoseconds kConnectTimeout = seconds(3);
+constexpr nanoseconds kMinConnectTimeout = milliseconds(10);
 
-// Seconds without traffic before the first probe, seconds between probes, and probes without an
-// answer until the peer counts as dead: about a minute in all.
+// Seconds without traffic before the first probe, seconds between probes, and unanswered probes
+// until the peer counts as dead: about a minute in all.
 constexpr int kKeepIdle = 10;
 constexpr int kKeepInterval = 10;
 constexpr int kKeepProbes = 5;
@@ -40,7 +40,7 @@ constexpr int kBacklog = 128;
 constexpr unsigned kPacketSize = 4096;
 constexpr std::size_t kLookupBuffer = 1024;
 
-// Descriptors above the loop's sockets stay free for what tasks open: files, pipes, the log.
+// Descriptors above this number stay free for what tasks open: files, pipes, the log.
 constexpr int kFirstRefused = FD_SETSIZE - 64;
 
 struct SocketOption {
@@ -79,11 +79,11 @@ void set_send_timeout(int fd, nanoseconds timeout) {
   value.tv_sec = std::chrono::duration_cast<seconds>(timeout).count();
   value.tv_usec =
       std::chrono::duration_cast<std::chrono::microseconds>(timeout % seconds(1)).count();
-  // Without it the connect only takes longer.
+  // Without this timeout only the connect takes longer.
   (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
 }
 
-// Tells a generic address from its family's own form where the socket calls want one.
+// Casts an address of one family to the generic type that the socket calls expect.
 template <typename Address>
 sockaddr* generic(Address* address) {
   return reinterpret_cast<sockaddr*>(address);
@@ -140,26 +140,26 @@ void ServerBase::set_keepalive(int fd) {
 }
 
 void ServerBase::connect_host(Host& host) {
-  nanoseconds patience = kConnectPatience;
-  connect_within(host, &patience);
+  nanoseconds time_left = kConnectTimeout;
+  connect_within(host, &time_left);
 }
 
 void ServerBase::connect_hosts() {
-  nanoseconds patience = kConnectPatience;
+  nanoseconds time_left = kConnectTimeout;
   for (HostCursor cursor(*this); !cursor.at_end(); cursor.advance()) {
     if (cursor.host().socket == -1) {
-      connect_within(cursor.host(), &patience);
+      connect_within(cursor.host(), &time_left);
     }
   }
 }
 
-void ServerBase::connect_within(Host& host, nanoseconds* patience) {
+void ServerBase::connect_within(Host& host, nanoseconds* time_left) {
   sockaddr_in address{};
   if (resolve_master(host, &address) != 0) {
     logLine(LOG_ERR, "cannot resolve host '%s'", host.name.c_str());
     return;
   }
-  UniqueFd fd = connect_socket(address, patience);
+  UniqueFd fd = connect_socket(address, time_left);
   if (!fd.valid()) {
     return;
   }
@@ -171,24 +171,23 @@ void ServerBase::connect_within(Host& host, nanoseconds* patience) {
     return;
   }
   host.socket = fd.release();
-  handle_outgoing_connection(host.socket);  // may add and remove hosts: `host` is not used after it
+  handle_outgoing_connection(host.socket);  // may add and remove hosts: do not use `host` after it
 }
 
-// A refused connect is not worth a line: it is tried again on every pass. Only the connect itself
-// is taken off the patience: a slow resolver must not leave a master some way off too little for
-// ever.
-UniqueFd ServerBase::connect_socket(const sockaddr_in& address, nanoseconds* patience) {
+// A refused connect is not logged, because every pass retries it. Only connect() counts against the
+// timeout: a slow resolver must not permanently leave a distant master too little time.
+UniqueFd ServerBase::connect_socket(const sockaddr_in& address, nanoseconds* time_left) {
   UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
   if (!fd.valid()) {
     const int error = errno;
     logLine(LOG_WARNING, "failed to open socket: %d %m", error);
     return fd;
   }
-  set_send_timeout(fd.get(), std::max(*patience, kLeastConnectPatience));
+  set_send_timeout(fd.get(), std::max(*time_left, kMinConnectTimeout));
   const nanoseconds start = sys::monotonicTime();
   const bool connected =
       connect(fd.get(), generic(const_cast<sockaddr_in*>(&address)), sizeof address) == 0;
-  *patience -= sys::monotonicTime() - start;
+  *time_left -= sys::monotonicTime() - start;
   if (!connected) {
     fd.reset();
     return fd;
@@ -245,7 +244,7 @@ bool ServerBase::listen_port(int fd, const Port& p) {
 void ServerBase::dump_socket_options(int fd) {
   for (const SocketOption* option = kSocketOptions; option->value != 0; ++option) {
     int value = 0;
-    socklen_t length = sizeof value;  // too short for the two timeouts, which the kernel may refuse
+    socklen_t length = sizeof value;  // too short for the two timeouts: the kernel may refuse them
     if (getsockopt(fd, SOL_SOCKET, option->value, &value, &length) == 0) {
       logLine(LOG_DEBUG, "socket option %s = %d", option->name, value);
     } else {
@@ -285,8 +284,8 @@ void ServerBase::process_socket(int listening_socket) {
   handle_incoming_connection(fd.release());
 }
 
-// With no descriptor left the waiting connection would keep select() from ever waiting again: take
-// it with the one in reserve, and close it.
+// Without a free descriptor the waiting connection would make every select() return at once. Accept
+// it with the reserved descriptor and close it.
 void ServerBase::refuse_with_reserve(int listening_socket) {
   m_reserve.reset();
   UniqueFd surplus(accept4(listening_socket, nullptr, nullptr, SOCK_CLOEXEC));
@@ -295,7 +294,7 @@ void ServerBase::refuse_with_reserve(int listening_socket) {
 }
 
 void ServerBase::keep_reserve() {
-  m_reserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));  // without one a surplus peer waits
+  m_reserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));  // without it, a surplus peer waits
 }
 
 void ServerBase::enter_connection(int fd, int listening_socket, const std::string& ip) {
@@ -317,7 +316,7 @@ int ServerBase::process_read(int fd, int port, bool read) {
     set_read_buffer_size(kPacketSize);
   }
   std::memset(m_read_buffer.get(), 0, m_read_buffer_size);
-  sockaddr_in source{};  // who sent it is told by the connection's record
+  sockaddr_in source{};  // unused: the connection's record names the sender
   socklen_t length = sizeof source;
   const ssize_t got =
       recvfrom(fd, m_read_buffer.get(), m_read_buffer_size, 0, generic(&source), &length);
@@ -330,8 +329,8 @@ int ServerBase::process_read(int fd, int port, bool read) {
     log_empty_read(fd);
     return 1;
   }
-  // One read per readiness. Draining here would let a peer that pushes a large file keep all others
-  // waiting; select() reports the rest on the next pass.
+  // One read per readiness. Draining the socket here would let a peer that pushes a large file
+  // starve all others; select() reports the rest on the next pass.
   handle_data_read(fd, m_read_buffer.get(), static_cast<std::size_t>(got), port);
   return 0;
 }
@@ -378,8 +377,8 @@ void ServerBase::close_hosts() {
   m_hosts.clear();
 }
 
-// Closes all connections whichever listening socket is given, and the log each time: the first
-// listening socket's call leaves nothing for the others, and the next line opens the log again.
+// Closes all connections for any listening socket, and the log each time. The first call leaves no
+// connections for the others, and the next line opens the log again.
 void ServerBase::close_connections(int listening_socket) {
   for (const auto& [socket, connection] : m_connections) {
     if (socket > 0) {

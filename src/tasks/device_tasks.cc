@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tasks that are about the device itself.
+// Tasks about the device itself.
 #include <sstream>
 
 #include <zell/device_type.h>
@@ -11,7 +11,7 @@
 namespace zell {
 namespace {
 
-// How a master says "on"; everything else is off.
+// The argument for "on". Every other value means off.
 constexpr char kOn[] = "1";
 
 }  // namespace
@@ -32,8 +32,8 @@ SlaveTask* ByteCountSlave::runHostId(const SlaveTask& /*task*/) {
   return makeReply(proxy_->hostId());
 }
 
-// The acknowledgement leaves before the device goes down, and once. The daemon stops also when the
-// reboot fails: the master has been told that it will.
+// Sends the acknowledgement once, before the device goes down. The daemon stops even if the reboot
+// fails, because the master has been told that the device reboots.
 SlaveTask* ByteCountSlave::runReboot(const SlaveTask& /*task*/) {
   const std::unique_ptr<SlaveTask> reply(makeReply(true));
   send(*reply);
@@ -42,14 +42,14 @@ SlaveTask* ByteCountSlave::runReboot(const SlaveTask& /*task*/) {
   return nullptr;
 }
 
-// Without an answer: whoever supervises the daemon starts it again.
+// Sends no reply. The service supervisor starts the daemon again.
 SlaveTask* ByteCountSlave::runRestart(const SlaveTask& /*task*/) {
   stopRequested_ = true;
   return nullptr;
 }
 
 SlaveTask* ByteCountSlave::runUpdateUmState(const SlaveTask& task) {
-  // Not by <<, which keeps it to itself when there is no memory for all.
+  // operator<< swallows bad_alloc and truncates; construct the stream from the string.
   const std::ostringstream state(task.args()[2], std::ios_base::ate);
   return makeReply(proxy_->updateUmState(task.args()[1], state));
 }

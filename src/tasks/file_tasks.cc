@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tasks that look at files and change them. Whether the operation succeeded is told by the status
-// that the reply takes from the proxy: a record or number is formatted also after a failure.
+// Tasks that read and change files. The status that the reply takes from the proxy tells whether
+// the operation succeeded. A record or number is formatted even after a failure.
 #include <sstream>
 #include <utility>
 
@@ -11,7 +11,7 @@
 namespace zell {
 namespace {
 
-// A number as a master writes it; without one at the front, 0.
+// Parses the number at the front of @p text; 0 when there is no number.
 unsigned toUnsigned(const std::string& text) {
   std::istringstream in(text);
   unsigned value = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tasks that run programs. The proxy remembers the program that it left running: "kill" and "wait"
-// act on that one, and no other connection can.
+// Tasks that run programs. "kill" and "wait" act on the background program of this connection's
+// proxy, which no other connection can reach.
 #include "connections/byte_count_slave.h"
 
 namespace zell {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the result of a task becomes its reply.
+// Builds the reply from the result of a task.
 #include <cerrno>
 #include <sstream>
 
@@ -15,8 +15,8 @@
 namespace zell {
 namespace {
 
-// A text put together piece by piece. Left to itself, a stream that gets no memory keeps what it
-// has so far, and a part of the text would be sent as the whole; this one passes the exception on.
+// Assembles a text piece by piece. An ordinary stream swallows bad_alloc and keeps the part written
+// so far, and that part would be sent as the whole text. This stream rethrows the exception.
 class PiecedText : public std::ostringstream {
  public:
   PiecedText() { exceptions(std::ios_base::badbit); }
@@ -28,7 +28,7 @@ SlaveTask* ByteCountSlave::makeReply(std::string text) {
   return new SlaveTask(std::move(text), proxy_.get());
 }
 
-// The boolean says no more than the proxy's status, which the reply takes.
+// The boolean adds nothing to the proxy's status, which the reply contains.
 SlaveTask* ByteCountSlave::makeReply(bool /*done*/) {
   return new SlaveTask(std::string(), proxy_.get());
 }
@@ -53,8 +53,8 @@ SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
   return makeReply(text.str());
 }
 
-// The answer to a request that cannot be run at all; it is logged as it is sent. A name that a
-// frame just holds makes it longer than a reply may be.
+// The reply to a request that cannot be run at all. The text is logged and sent. With a task name
+// near the frame limit, the text exceeds the limit of a reply.
 SlaveTask* ByteCountSlave::refuse(const std::string& complaint, int error) {
   const std::string text = "(" + std::to_string(getpid()) + ") " + complaint;
   logPlain(LOG_ERR, "%s", text.c_str());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The tasks by name.
+// The table of tasks by name.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -9,8 +9,8 @@
 
 namespace zell {
 
-// In alphabetical order: a name is found by halving. "exec" counts no argument: without a program
-// it is the proxy that says no.
+// In alphabetical order for a binary search. "exec" requires no argument here: the proxy rejects a
+// missing program.
 const ByteCountSlave::TaskRow ByteCountSlave::kTasks[] = {
     {"access", 2, &ByteCountSlave::runAccess},
     {"append", 2, &ByteCountSlave::runAppend},

@@ -15,12 +15,13 @@
 namespace zell {
 namespace {
 
-// Half of the second that an ended program may stay unreaped: the loop's own pace comes on top.
+// Half of the second within which an ended program is reaped. The period of the loop is added to
+// it.
 constexpr std::chrono::milliseconds kReapInterval(500);
 
 struct Forgotten {
   std::list<pid_t> pids;
-  std::chrono::nanoseconds due{0};  // monotonic time of the next look at them
+  std::chrono::nanoseconds due{0};  // monotonic time of the next check
 };
 
 Forgotten& forgotten() {
@@ -28,7 +29,7 @@ Forgotten& forgotten() {
   return programs;
 }
 
-// A process that inherited SIGCHLD as ignored would never learn how its programs ended.
+// A process that inherited SIGCHLD as ignored could not wait for its programs.
 void keepEndedChildren() {
   struct sigaction action {};
   if (sigaction(SIGCHLD, nullptr, &action) == 0 &&
@@ -39,7 +40,7 @@ void keepEndedChildren() {
   }
 }
 
-// The arguments as exec(2) takes them, which does not change what it points at.
+// The arguments in the form that exec(2) expects. exec(2) does not change the strings.
 std::vector<char*> pointersTo(const std::vector<std::string>& argv) {
   std::vector<char*> pointers;
   pointers.reserve(argv.size() + 1);
@@ -50,7 +51,7 @@ std::vector<char*> pointersTo(const std::vector<std::string>& argv) {
   return pointers;
 }
 
-// Answers what waitpid does, whatever signals come in between.
+// waitpid(2), restarted after a signal.
 pid_t waitFor(pid_t pid, int* status, int options) {
   pid_t result = 0;
   do {
@@ -59,7 +60,7 @@ pid_t waitFor(pid_t pid, int* status, int options) {
   return result;
 }
 
-// Whether a child, forgotten or not, has ended and is still to be reaped, or none is left at all.
+// Whether any child, forgotten or not, has ended and is not reaped yet, or no child exists.
 bool someChildHasEnded() {
   siginfo_t info{};
   const int result = waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
@@ -93,7 +94,7 @@ bool ChildProcess::hasEnded() const {
 void ChildProcess::signal(int signal) const {
   (void)::kill(-pid(), signal);  // fails when the group is empty
   if (getpgid(pid()) != pid()) {
-    (void)::kill(pid(), signal);  // it went over to another group
+    (void)::kill(pid(), signal);  // it moved to another group
   }
 }
 
@@ -119,7 +120,7 @@ void ChildProcess::reapForgotten() noexcept {
   }
   programs.due = now + kReapInterval;
   if (someChildHasEnded()) {
-    // 0 is the answer while it runs; an error means that there is nothing to reap any more.
+    // 0 means that it still runs; on an error there is nothing to reap.
     programs.pids.remove_if([](pid_t pid) { return waitFor(pid, nullptr, WNOHANG) != 0; });
   }
 }

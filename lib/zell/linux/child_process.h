@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One started program, from its start until it is reaped.
+// A started program, from its start until it is reaped.
 #ifndef ZELL_LINUX_CHILD_PROCESS_H_
 #define ZELL_LINUX_CHILD_PROCESS_H_
 
@@ -12,8 +12,8 @@
 
 namespace zell {
 
-/// Holds at most one program. While it is held its process id cannot go to another process, since
-/// nobody else reaps it; so signals always reach the right one.
+/// Holds at most one program. Only this class reaps it, so its process id cannot be reused while it
+/// is held, and signals always reach the right process.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -21,32 +21,33 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  /// Starts argv[0], searched in PATH when it has no slash, in a process group of its own, with
-  /// default signal dispositions, an empty signal mask, /dev/null as standard input, @p output
-  /// (borrowed) as standard output and error, and no other descriptor. 0, or the errno value that
-  /// kept it from starting. Not to be called while a program is held.
+  /// Starts argv[0], searched in PATH when it contains no slash. The program gets a separate
+  /// process group, default signal dispositions, an empty signal mask, /dev/null as standard input,
+  /// @p output (borrowed) as standard output and error, and no other descriptor. Returns 0 or the
+  /// errno value of the failed start. Must not be called while a program is held.
   [[nodiscard]] int start(const std::vector<std::string>& argv, int output);
 
   [[nodiscard]] bool held() const { return !pid_.empty(); }
-  /// The process id; only while a program is held.
+  /// The process id. Valid only while a program is held.
   [[nodiscard]] pid_t pid() const { return pid_.front(); }
-  /// Whether the program has ended. It stays to be reaped.
+  /// Whether the program has ended. Does not reap it.
   [[nodiscard]] bool hasEnded() const;
   /// Sends @p signal to the program and its process group.
   void signal(int signal) const;
-  /// Blocks until the program has ended, lets go of it, and answers its wait status; nothing when
-  /// the system cannot tell.
+  /// Blocks until the program has ended and reaps it. Returns its wait status, or nothing when the
+  /// system does not report one.
   std::optional<int> reap();
-  /// Lets the program run on unwatched, if one is held. `reapForgotten` sees to its end.
+  /// Stops watching the program, if one is held, and lets it run. `reapForgotten` reaps it at its
+  /// end.
   void forget() noexcept;
 
-  /// Reaps the forgotten programs that have ended. Asks the kernel at most twice a second, however
-  /// often it is called: with many connections that is thousands of times. Never blocks.
+  /// Reaps the forgotten programs that have ended. Asks the kernel at most twice a second: with
+  /// many connections it is called thousands of times a second. Never blocks.
   static void reapForgotten() noexcept;
 
  private:
-  // No element or one. A list, because its element can be handed to the list of the forgotten
-  // without taking memory: forgetting must not fail.
+  // Empty or one element. A list, because splicing its element into the list of forgotten programs
+  // needs no memory: forgetting must not fail.
   std::list<pid_t> pid_;
 };
 

@@ -28,7 +28,7 @@ int appendTo(int file, std::string_view data) {
     error = errno;
   }
   if (error != 0 && ftruncate(file, st.st_size) == 0) {
-    (void)fsync(file);  // the first error is the one to tell
+    (void)fsync(file);  // report the first error
   }
   return error;
 }
@@ -39,17 +39,17 @@ int appendToNewFile(const std::string& path, std::string_view data) {
     return error;
   }
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const int folder = place.folder.get();
-  const UniqueFd file(openat(folder, place.name.c_str(), kFlags, kNewFileMode));
+  const int directory = place.directory.get();
+  const UniqueFd file(openat(directory, place.name.c_str(), kFlags, kNewFileMode));
   if (!file.valid()) {
     return errno;
   }
   int error = appendTo(file.get(), data);
   if (error == 0) {
-    error = syncFolder(folder);
+    error = syncDirectory(directory);
   }
   if (error != 0) {
-    (void)unlinkat(folder, place.name.c_str(), 0);  // there was none before
+    (void)unlinkat(directory, place.name.c_str(), 0);  // the file did not exist before
   }
   return error;
 }

@@ -12,19 +12,19 @@
 namespace zell {
 namespace {
 
-constexpr int kPatience = 2000;  // milliseconds
+constexpr int kReaderTimeout = 2000;  // milliseconds
 
-// Whether the reader of @p fd takes something soon.
+// Waits until the reader of @p fd accepts data, or until the timeout.
 bool becomesWritable(int fd) {
   pollfd set{fd, POLLOUT, 0};
   int ready = 0;
   do {
-    ready = poll(&set, 1, kPatience);
+    ready = poll(&set, 1, kReaderTimeout);
   } while (ready < 0 && errno == EINTR);
   return ready > 0;
 }
 
-// Devices and FIFOs have no disk behind them; asking for a sync is an EINVAL there.
+// Devices and FIFOs have no storage: fsync fails with EINVAL on them.
 int syncIfPossible(int fd) {
   return fsync(fd) == 0 || errno == EINVAL || errno == EROFS ? 0 : errno;
 }

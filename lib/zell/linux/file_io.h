@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whole files in one call.
+// Reads and writes whole files.
 #ifndef ZELL_LINUX_FILE_IO_H_
 #define ZELL_LINUX_FILE_IO_H_
 
@@ -14,35 +14,36 @@ namespace zell {
 /// The permission bits of a file's mode, with the set-id bits and the sticky bit.
 constexpr mode_t kPermissionBits = 07777;
 
-/// Makes @p text the whole content of @p path, read to its end whatever size the file claims. Never
-/// waits for data: what is not there now (a FIFO without a writer) is the end. 0 or an errno value:
-/// EFBIG, without reading on, for more than @p limit bytes. @p text is unspecified after a failure.
+/// Reads the whole content of @p path into @p text, to its end for any announced size. Never waits
+/// for data: a FIFO without a writer counts as empty. Returns 0 or an errno value: EFBIG, without
+/// reading further, for more than @p limit bytes. @p text is unspecified after a failure.
 [[nodiscard]] int readWholeFile(const std::string& path, std::size_t limit, std::string& text);
 
-/// Replaces the content of @p path by @p data, on disk before it returns. 0 or an errno value.
+/// Replaces the content of @p path by @p data, on disk before it returns. Returns 0 or an errno
+/// value.
 ///
-/// Links are followed, and a dangling one gets its target. A regular file is replaced by a new one
-/// with its permission bits and owner, so that whoever reads sees the old or the new content, and
-/// after a failure the old; a missing one is made with 0666 less the umask. What is no regular file
-/// is written in place, and so is an existing file that cannot be replaced; a failure in the middle
-/// leaves that half written. A file cannot be replaced where
+/// Follows symbolic links and creates the target of a dangling one. A regular file is replaced by a
+/// new one with the same permission bits and owner, so that readers see the old or the new content,
+/// and the old content stays after a failure. A missing file is created with 0666 less the umask. A
+/// file that is not regular is written in place, and so is an existing file that cannot be
+/// replaced; a failure then leaves it half written. A file cannot be replaced if
 ///   - its directory cannot be found or opened: ENOENT, EACCES, EPERM, EROFS;
-///   - a link of the kernel's leads to it whose text names no file or another one;
-///   - the temporary file cannot be made: ENOENT, EACCES, EPERM, EROFS;
-///   - the rename answers EBUSY, which means a mount point.
-/// Every other error leaves the file as it was.
+///   - a kernel link leads to it, and the link's text names no file or a different one;
+///   - the temporary file cannot be created: ENOENT, EACCES, EPERM, EROFS;
+///   - the rename fails with EBUSY, which means a mount point.
+/// On every other error the file stays unchanged.
 [[nodiscard]] int replaceFile(const std::string& path, std::string_view data);
 
-/// Adds @p data to the end of @p path, on disk before it returns; makes the file (0666 less the
-/// umask) when it is missing. 0 or an errno value; after a failure a regular file is as it was.
+/// Appends @p data to @p path, on disk before it returns. Creates a missing file (0666 less the
+/// umask). Returns 0 or an errno value; after a failure a regular file is unchanged.
 [[nodiscard]] int appendToFile(const std::string& path, std::string_view data);
 
-/// Writes @p data over the content of the existing file @p path, without waiting in the opening.
-/// For what has no content to lose: devices, FIFOs, the kernel's own files. 0 or an errno value.
+/// Overwrites the content of the existing file @p path. Opening does not wait. For files without
+/// content to lose: devices, FIFOs, kernel files. Returns 0 or an errno value.
 [[nodiscard]] int overwriteFile(const char* path, std::string_view data);
 
-/// Writes all of @p data to @p fd. On a descriptor that does not block it waits for a reader, but
-/// gives up with EAGAIN when 2 s pass without one byte taken. 0 or an errno value.
+/// Writes all of @p data to @p fd. On a non-blocking descriptor it waits for a reader, and fails
+/// with EAGAIN after 2 s without progress. Returns 0 or an errno value.
 [[nodiscard]] int writeAll(int fd, std::string_view data);
 
 }  // namespace zell

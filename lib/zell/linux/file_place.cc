@@ -10,10 +10,10 @@
 namespace zell {
 namespace {
 
-constexpr int kMaxLinks = 40;  // the kernel's own limit
+constexpr int kMaxLinks = 40;  // the limit of the kernel
 
-// The part of @p path before its last component, as a path that can be opened.
-std::string folderOf(const std::string& path) {
+// The directory part of @p path, in a form that can be opened.
+std::string directoryOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) {
     return ".";
@@ -21,16 +21,16 @@ std::string folderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Goes from the open folder of @p place (or from the current one) to where @p path leads, but does
-// not follow its last component.
+// Resolves @p path relative to the open directory of @p place (or to the working directory),
+// without following its last component.
 int step(const std::string& path, FilePlace& place) {
-  const int from = place.folder.valid() ? place.folder.get() : AT_FDCWD;
-  UniqueFd folder(openat(from, folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder.valid()) {
+  const int from = place.directory.valid() ? place.directory.get() : AT_FDCWD;
+  UniqueFd directory(openat(from, directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
     return errno;
   }
   place.name = path.substr(path.rfind('/') + 1);  // npos + 1 is 0: the whole path
-  place.folder = std::move(folder);
+  place.directory = std::move(directory);
   return place.name.empty() || place.name == "." || place.name == ".." ? EISDIR : 0;
 }
 
@@ -47,17 +47,17 @@ int findPlace(const std::string& path, FilePlace& place) {
     }
     char target[PATH_MAX];
     const ssize_t length =
-        readlinkat(place.folder.get(), place.name.c_str(), target, sizeof target);
+        readlinkat(place.directory.get(), place.name.c_str(), target, sizeof target);
     if (length < 0) {
-      return errno == EINVAL || errno == ENOENT ? 0 : errno;  // no link, or nothing at all
+      return errno == EINVAL || errno == ENOENT ? 0 : errno;  // not a link, or missing
     }
     next.assign(target, static_cast<std::size_t>(length));
   }
   return ELOOP;  // GCOVR_EXCL_LINE
 }
 
-int syncFolder(int fd) {
-  // A file system whose folders cannot be synced says so with EINVAL; there is no more to be had.
+int syncDirectory(int fd) {
+  // EINVAL: the file system cannot sync directories. That is not an error here.
   return fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
 }
 

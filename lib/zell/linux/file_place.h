@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a file is, or would be made.
+// The location of a file that exists or will be created.
 #ifndef ZELL_LINUX_FILE_PLACE_H_
 #define ZELL_LINUX_FILE_PLACE_H_
 
@@ -9,19 +9,19 @@
 
 namespace zell {
 
-/// A file as a name in an open folder: what is made beside it is in the same folder, however long
-/// the path and whoever renames its folders meanwhile.
+/// A file as a name in an open directory. Files created beside it are in the same directory,
+/// independent of the length of the path and of concurrent renames of its directories.
 struct FilePlace {
-  UniqueFd folder;
+  UniqueFd directory;
   std::string name;
 };
 
-/// Finds the place of @p path, following symbolic links, also those that lead to no file yet. 0 or
-/// an errno value; EISDIR when the path can only be a folder.
+/// Resolves @p path to its directory and name. Follows symbolic links, also dangling ones. Returns
+/// 0 or an errno value; EISDIR when the path can only name a directory.
 [[nodiscard]] int findPlace(const std::string& path, FilePlace& place);
 
-/// Has the folder @p fd on disk with all its names. 0 or an errno value.
-[[nodiscard]] int syncFolder(int fd);
+/// Syncs the directory @p fd with all its entries to disk. Returns 0 or an errno value.
+[[nodiscard]] int syncDirectory(int fd);
 
 }  // namespace zell
 

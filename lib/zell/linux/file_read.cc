@@ -13,11 +13,11 @@
 namespace zell {
 namespace {
 
-// Small enough that the zeros which a string puts under a piece are still in the processor's cache
-// when the piece is read over them.
+// Small enough that the zeros which the string writes for a piece are still in the processor's
+// cache when the read overwrites them.
 constexpr std::size_t kReadPiece = std::size_t{64} * 1024;
 
-// Reads the next piece behind @p text. Above 0 there may be more, 0 is the end, below 0 an error.
+// Appends the next piece to @p text. Above 0 there may be more, 0 is the end, below 0 an error.
 ssize_t readPiece(int fd, std::string& text) {
   const std::size_t before = text.size();
   text.resize(before + kReadPiece);
@@ -31,7 +31,7 @@ ssize_t readPiece(int fd, std::string& text) {
   return length;
 }
 
-// @p mayWait: there is more behind what can be read now, but it is not waited for.
+// @p mayWait: more data may follow later, but the read does not wait for it.
 int readToEnd(int fd, bool mayWait, std::size_t limit, std::string& text) {
   for (;;) {
     const ssize_t length = readPiece(fd, text);
@@ -66,7 +66,7 @@ int readWholeFile(const std::string& path, std::size_t limit, std::string& text)
     return EFBIG;
   }
   text.clear();
-  text.reserve(size + kReadPiece);  // room for the read that finds the end
+  text.reserve(size + kReadPiece);  // includes the read that detects the end
   return readToEnd(file.get(), !S_ISREG(st.st_mode), limit, text);
 }
 

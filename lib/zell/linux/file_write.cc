@@ -12,7 +12,7 @@
 namespace zell {
 namespace {
 
-// An attempt to replace a file: its error, and whether the file may be written in place instead.
+// The result of an attempt to replace a file: the error, and whether to write in place instead.
 struct Attempt {
   int error;
   bool inPlace;
@@ -22,16 +22,16 @@ bool refusesNewFiles(int error) {
   return error == EACCES || error == EPERM || error == EROFS;
 }
 
-// The kernel's own folders (/proc) take no new files either, but say that there is no such one.
+// The kernel's directories (/proc) accept no new files and report ENOENT.
 bool refusesTemporaryFile(int error) {
   return refusesNewFiles(error) || error == ENOENT;
 }
 
-// Whether the file at @p place is the one that @p st is about: ENOENT when not. It is not when the
-// kernel led there by a link that is more than its text, such as /proc/self/fd/1.
+// Checks whether the file at @p place is the one that @p st describes. Returns ENOENT when it is
+// not: the kernel resolves links such as /proc/self/fd/1 to more than their text.
 int lookAt(const FilePlace& place, const struct stat& st) {
   struct stat there {};
-  if (fstatat(place.folder.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(place.directory.get(), place.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno;
   }
   return there.st_dev == st.st_dev && there.st_ino == st.st_ino ? 0 : ENOENT;
@@ -48,10 +48,10 @@ Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_vi
   if (const int error = replacement.move()) {
     return {error, error == EBUSY};
   }
-  return {syncFolder(place.folder.get()), false};
+  return {syncDirectory(place.directory.get()), false};
 }
 
-// @p old is null when there is no file yet.
+// @p old is null when the file does not exist yet.
 Attempt replace(const std::string& path, const struct stat* old, std::string_view data) {
   FilePlace place;
   int error = findPlace(path, place);

@@ -19,7 +19,7 @@ bool isDotOrDotDot(const char* name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// Takes the names out of the first @p length bytes of @p buffer, as the kernel filled it.
+// Extracts the names from the first @p length bytes of @p buffer, as getdents64 filled it.
 void addNames(const char* buffer, std::size_t length, std::vector<std::string>& names) {
   for (std::size_t at = 0; at < length;) {
     const auto* entry = reinterpret_cast<const dirent64*>(buffer + at);
@@ -52,12 +52,12 @@ int readNames(const std::string& path, std::vector<std::string>& names) {
   if (hasZeroByte(path)) {
     return EINVAL;
   }
-  const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder.valid()) {
+  const UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
     return errno;
   }
   std::vector<std::string> found;
-  const int error = readNames(folder.get(), found);
+  const int error = readNames(directory.get(), found);
   if (error == 0) {
     std::move(found.begin(), found.end(), std::back_inserter(names));
   }

@@ -7,11 +7,11 @@
 
 namespace zell {
 
-/// Appends the names in the open folder @p fd to @p names, without `.` and `..`, by byte value. 0
-/// or an errno value; @p names may have grown then.
+/// Appends the names in the open directory @p fd to @p names, sorted by byte value, without `.` and
+/// `..`. Returns 0 or an errno value; @p names may have grown on failure.
 [[nodiscard]] int readNames(int fd, std::vector<std::string>& names);
 
-/// The same for the folder @p path; @p names is left alone on failure.
+/// The same for the directory @p path. Leaves @p names unchanged on failure.
 [[nodiscard]] int readNames(const std::string& path, std::vector<std::string>& names);
 
 }  // namespace zell

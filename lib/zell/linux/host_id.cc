@@ -25,7 +25,7 @@ std::string readHostId() {
   if (readWholeFile("/etc/machine-id", kLongestId, content) == 0) {
     std::string word;
     std::istringstream in(content);
-    in.exceptions(std::ios_base::badbit);  // want of memory must not give another id
+    in.exceptions(std::ios_base::badbit);  // an allocation failure must not give another id
     if (in >> word) {
       return word;
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the device says about itself.
+// The identity and the type of the device.
 #ifndef ZELL_LINUX_HOST_ID_H_
 #define ZELL_LINUX_HOST_ID_H_
 
@@ -9,10 +9,10 @@
 
 namespace zell {
 
-/// The first word of /etc/machine-id; without one, gethostid(3) in eight hexadecimal digits.
+/// The first word of /etc/machine-id. Without one, gethostid(3) in eight hexadecimal digits.
 [[nodiscard]] std::string readHostId();
 
-/// What the kernel's descriptions of the hardware tell this device from.
+/// The device type according to the kernel's descriptions of the hardware.
 [[nodiscard]] DeviceType_t findDeviceType();
 
 }  // namespace zell

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// How long one phase of @p style lasts; zero for a style that has only one.
+// The duration of one phase of @p style. Zero for a style with a single phase.
 nanoseconds phaseLength(LedStyle::Type style) {
   switch (style) {
     case LedStyle::slow:
@@ -48,7 +48,7 @@ void LedControl::withdraw(const SlaveProxy* proxy) {
 bool LedControl::blinkLeds(LedStyle::Type style) {
   int error = EINVAL;
   if (style > LedStyle::unknown && style <= LedStyle::alternate) {
-    // A device may lack one of the LEDs: the other one blinks all the same.
+    // A device may lack one of the LEDs. The other one blinks all the same.
     style_ = style;
     phase_ = true;
     due_ = sys::monotonicTime() + phaseLength(style);
@@ -70,7 +70,7 @@ void LedControl::poll() {
   if (late >= nanoseconds(0)) {
     phase_ = !phase_;
     due_ += length * (late / length + 1);
-    (void)showPhase();  // nobody asked for it, so there is nobody to tell
+    (void)showPhase();  // no client waits for the result
   }
 }
 

@@ -14,7 +14,7 @@
 namespace zell {
 namespace {
 
-// The files of one LED of the kernel's LED class.
+// The files of one LED in the kernel's LED class.
 struct Led {
   const char* trigger;
   const char* maxBrightness;
@@ -26,7 +26,7 @@ constexpr Led kFirst{RUNELD_LED_FIRST "/trigger", RUNELD_LED_FIRST "/max_brightn
 constexpr Led kSecond{RUNELD_LED_SECOND "/trigger", RUNELD_LED_SECOND "/max_brightness",
                       RUNELD_LED_SECOND "/brightness"};
 
-// Puts the digits of the LED's full brightness into @p buffer; "1" when it does not tell.
+// Writes the digits of the LED's full brightness to @p buffer; "1" when it is unknown.
 std::string_view fullBrightness(const Led& led, char* buffer, std::size_t size) {
   const UniqueFd file(open(led.maxBrightness, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   const ssize_t length = file.valid() ? read(file.get(), buffer, size) : -1;
@@ -37,7 +37,7 @@ std::string_view fullBrightness(const Led& led, char* buffer, std::size_t size) 
 }
 
 int setLed(const Led& led, bool lit) {
-  // As long as a trigger drives the LED, what is written to its brightness does not stay.
+  // While a trigger drives the LED, the kernel overwrites its brightness.
   const int trigger = overwriteFile(led.trigger, "none");
   if (trigger != 0 && trigger != ENOENT) {
     return trigger;

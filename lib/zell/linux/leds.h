@@ -4,8 +4,8 @@
 
 namespace zell {
 
-/// Lights (true) or darkens the two LEDs of the device, in the folders that the build was
-/// configured with. Tries both. Takes no memory. The first error as an errno value, 0 for none.
+/// Switches the two LEDs of the device on (true) or off, in the directories from the build options.
+/// Tries both LEDs. Allocates no memory. Returns the first error as an errno value, 0 for success.
 [[nodiscard]] int setLeds(bool first, bool second) noexcept;
 
 }  // namespace zell

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every operation that takes a name from a master has to look at first.
+// Helpers for operations that take a path from the master.
 #ifndef ZELL_LINUX_PATHS_H_
 #define ZELL_LINUX_PATHS_H_
 
@@ -8,12 +8,12 @@
 
 namespace zell {
 
-/// Whether the kernel would see less of @p text than is in it.
+/// Whether @p text contains a zero byte, where the kernel would truncate it.
 [[nodiscard]] inline bool hasZeroByte(const std::string& text) {
   return text.find('\0') != std::string::npos;
 }
 
-/// The errno value of @p call on @p path, which answers as system calls do; 0 for success.
+/// Runs @p call on @p path and returns 0 or, when it fails, the errno value.
 template <typename Call>
 [[nodiscard]] int errorOf(const std::string& path, Call call) {
   if (hasZeroByte(path)) {

@@ -6,8 +6,8 @@
 
 namespace zell {
 
-/// Looks for a process that is no zombie and whose comm, or argv[0], or that one's last component,
-/// is @p name. 0 when there is one, ESRCH when there is none, another errno value when the
+/// Searches for a process, not a zombie, whose comm, argv[0] or last component of argv[0] is @p
+/// name. Returns 0 when there is one, ESRCH when there is not, another errno value when the
 /// processes cannot be listed.
 [[nodiscard]] int findProcess(const std::string& name);
 

@@ -14,9 +14,9 @@
 namespace zell {
 namespace {
 
-constexpr std::size_t kPiece = std::size_t{64} * 1024;  // what a pipe holds
-// From here on a text is likely to become very long: it gets the address space for all that is
-// kept (no memory yet), which spares the copies of growing.
+constexpr std::size_t kPiece = std::size_t{64} * 1024;  // the capacity of a pipe
+// A text of this length probably becomes very long. It gets the address space for the maximum (no
+// memory yet), which avoids copies when it grows.
 constexpr std::size_t kLongText = std::size_t{256} * 1024;
 
 }  // namespace

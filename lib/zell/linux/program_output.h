@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a program writes.
+// Collects the output of a program.
 #ifndef ZELL_LINUX_PROGRAM_OUTPUT_H_
 #define ZELL_LINUX_PROGRAM_OUTPUT_H_
 
@@ -10,28 +10,28 @@
 
 namespace zell {
 
-/// The most that is kept of a program's output, in bytes.
+/// The limit of the stored output of a program, in bytes.
 constexpr std::size_t kMaxProgramOutput = std::size_t{16} * 1024 * 1024;
 
-/// The reading end of the pipe that a program writes its output into. What comes after
-/// kMaxProgramOutput bytes is read all the same, so that the program is not held up, and thrown
-/// away.
+/// The reading end of the pipe for a program's output. Reads and discards everything after
+/// kMaxProgramOutput bytes, so that the program does not block.
 class ProgramOutput {
  public:
-  /// Collects into @p text, borrowed.
+  /// Appends to @p text, which is borrowed.
   explicit ProgramOutput(std::string& text) : text_(text) {}
 
-  /// Makes the pipe and puts its writing end, which blocks, into @p writing. 0 or an errno value.
+  /// Creates the pipe and stores its blocking writing end in @p writing. Returns 0 or an errno
+  /// value.
   [[nodiscard]] int open(UniqueFd& writing);
-  /// The descriptor to wait on; -1 once all writers have closed the pipe.
+  /// The descriptor to wait on. -1 once all writers have closed the pipe.
   [[nodiscard]] int fd() const { return reading_.get(); }
-  /// Takes one piece of what is waiting. Never blocks.
+  /// Reads one piece of the waiting output. Never blocks.
   void takeSome();
-  /// Takes what is in the pipe now, and no more: others may hold the pipe and go on writing.
+  /// Reads what is in the pipe now and no more: other processes may still write to the pipe.
   void takeRest();
 
  private:
-  /// Reads at most @p most bytes; how many came.
+  /// Reads at most @p most bytes. Returns the number of bytes read.
   std::size_t take(std::size_t most);
   void keep(const char* piece, std::size_t length);
 

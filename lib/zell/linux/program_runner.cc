@@ -27,7 +27,7 @@ ResultStatus signalled(Status::Type status, int waitStatus) {
   return {status, State::signalled, -1, 0, WTERMSIG(waitStatus)};
 }
 
-// The outcome for a program that ended as it liked.
+// The outcome of a program that ended by itself.
 ResultStatus ended(std::optional<int> end) {
   if (!end) {
     return failed(ECHILD);
@@ -39,13 +39,13 @@ ResultStatus ended(std::optional<int> end) {
   return {exitStatus == 0 ? Status::success : Status::failure, State::exited, exitStatus, 0, 0};
 }
 
-// The outcome for one that was stopped at its time limit.
+// The outcome of a program that was stopped at its time limit.
 ResultStatus timedOut(std::optional<int> end) {
   const int signal = end && WIFSIGNALED(*end) ? WTERMSIG(*end) : 0;
   return {Status::timeout, State::timedOut, -1, ETIMEDOUT, signal};
 }
 
-// The outcome for one that was stopped on request: to stop it was what was asked for.
+// The outcome of a program that was stopped on request. The request succeeded.
 ResultStatus stopped(std::optional<int> end) {
   if (!end) {
     return failed(ECHILD);
@@ -64,7 +64,7 @@ ProgramWatch::Clock::time_point deadlineIn(int limit) {
 }  // namespace
 
 ResultStatus ProgramRunner::run(const std::vector<std::string>& argv, int limit) {
-  output_ = std::string();  // gives back the memory of a long one, too
+  output_ = std::string();  // also releases the memory of a long output
   background_.forget();
   if (argv.empty() || std::any_of(argv.begin(), argv.end(), hasZeroByte)) {
     return failed(EINVAL);
@@ -104,7 +104,7 @@ ResultStatus ProgramRunner::leaveRunning(const std::vector<std::string>& argv) {
 }
 
 ResultStatus ProgramRunner::kill() {
-  // One that ended before is left for `wait` to fetch.
+  // The end of a program that ended before stays available to `wait`.
   if (!background_.held() || background_.hasEnded()) {
     return failed(ESRCH);
   }

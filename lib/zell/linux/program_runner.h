@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The programs of one connection.
+// Runs the programs of one connection.
 #ifndef ZELL_LINUX_PROGRAM_RUNNER_H_
 #define ZELL_LINUX_PROGRAM_RUNNER_H_
 
@@ -12,19 +12,21 @@
 
 namespace zell {
 
-/// Runs one program at a time and remembers the one it left in the background. What it answers is
-/// the outcome as replies carry it.
+/// Runs one program at a time and remembers the one in the background. Returns outcomes in the form
+/// that replies carry.
 class ProgramRunner {
  public:
-  /// Runs @p argv: @p limit is in seconds, above 0 the longest time, 0 no limit, below 0 the
-  /// program is left in the background. Forgets the background program of before in any case.
+  /// Runs @p argv. @p limit is the time limit in seconds: above 0 waits at most that long, 0 waits
+  /// without limit, below 0 leaves the program in the background. Always forgets the previous
+  /// background program.
   ResultStatus run(const std::vector<std::string>& argv, int limit);
-  /// Stops the background program. ESRCH when none is running.
+  /// Stops the background program. Fails with ESRCH when no program is running.
   ResultStatus kill();
-  /// Blocks until the background program has ended. ECHILD when there is none.
+  /// Blocks until the background program has ended. Fails with ECHILD when there is no such
+  /// program.
   ResultStatus wait();
 
-  /// Standard output and error of the last program that was not left in the background.
+  /// Standard output and error of the last program that ran in the foreground.
   [[nodiscard]] const std::string& output() const { return output_; }
 
  private:

@@ -19,8 +19,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kGrace{2};    // between SIGTERM and SIGKILL
-constexpr milliseconds kLookAgain{10};       // where the end of a program wakes nobody
-constexpr milliseconds kLongestWait{60000};  // keeps the milliseconds in an int
+constexpr milliseconds kCheckInterval{10};   // interval where the kernel has no pidfd
+constexpr milliseconds kLongestWait{60000};  // keeps the milliseconds in the range of int
 
 // The time until @p deadline in whole milliseconds, rounded up, at most @p most.
 int timeoutUntil(ProgramWatch::Clock::time_point deadline, milliseconds most) {
@@ -31,7 +31,7 @@ int timeoutUntil(ProgramWatch::Clock::time_point deadline, milliseconds most) {
 
 void pause(milliseconds time) {
   const timespec wanted{0, std::chrono::nanoseconds(time).count()};
-  (void)nanosleep(&wanted, nullptr);  // a signal may cut it short: the caller looks again anyway
+  (void)nanosleep(&wanted, nullptr);  // a signal may interrupt it: the caller checks again anyway
 }
 
 }  // namespace
@@ -42,7 +42,7 @@ ProgramWatch::ProgramWatch(const ChildProcess& program, ProgramOutput* output)
       end_(static_cast<int>(syscall(SYS_pidfd_open, program.pid(), 0))) {}
 
 bool ProgramWatch::endsBefore(Clock::time_point deadline) {
-  const milliseconds most = end_.valid() ? kLongestWait : kLookAgain;
+  const milliseconds most = end_.valid() ? kLongestWait : kCheckInterval;
   for (;;) {
     if (lookFor(timeoutUntil(deadline, most))) {
       return true;
@@ -53,12 +53,12 @@ bool ProgramWatch::endsBefore(Clock::time_point deadline) {
   }
 }
 
-// Waits up to @p timeout milliseconds for something to happen; whether the program has ended.
+// Waits up to @p timeout milliseconds for an event. Returns whether the program has ended.
 bool ProgramWatch::lookFor(int timeout) {
   pollfd set[] = {{end_.get(), POLLIN, 0}, {output_ == nullptr ? -1 : output_->fd(), POLLIN, 0}};
   const bool failed = poll(set, 2, timeout) < 0 && errno != EINTR;
   if (failed) {
-    pause(kLookAgain);
+    pause(kCheckInterval);
   }
   if (set[0].revents != 0 || ((failed || !end_.valid()) && program_.hasEnded())) {
     return true;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Waiting for the end of a program.
+// Waits for the end of a program.
 #ifndef ZELL_LINUX_PROGRAM_WATCH_H_
 #define ZELL_LINUX_PROGRAM_WATCH_H_
 
@@ -12,19 +12,19 @@ namespace zell {
 class ChildProcess;
 class ProgramOutput;
 
-/// Waits for a program and takes its output meanwhile.
+/// Waits for a program and reads its output meanwhile.
 class ProgramWatch {
  public:
-  /// The monotonic clock itself and not the seam's: programs run in real time.
+  /// The real monotonic clock, not the one that tests replace: programs run in real time.
   using Clock = std::chrono::steady_clock;
 
-  /// Borrows both; @p output is null for a program whose output nobody reads.
+  /// Borrows both. @p output is null for a program whose output is not collected.
   ProgramWatch(const ChildProcess& program, ProgramOutput* output);
 
-  /// Waits until the program has ended (true; it stays to be reaped) or @p deadline has passed.
-  /// Signals do not end the wait.
+  /// Waits until the program has ended or @p deadline has passed. Returns true when it has ended;
+  /// it is not reaped yet. Signals do not end the wait.
   [[nodiscard]] bool endsBefore(Clock::time_point deadline);
-  /// Stops the program: SIGTERM, and SIGKILL 2 s later if it still lives. It has ended then.
+  /// Stops the program: sends SIGTERM, then SIGKILL after 2 s. The program has ended on return.
   void stop();
 
  private:
@@ -32,7 +32,7 @@ class ProgramWatch {
 
   const ChildProcess& program_;
   ProgramOutput* output_;
-  UniqueFd end_;  // readable when the program has ended; none where the kernel has no such thing
+  UniqueFd end_;  // a pidfd, readable when the program has ended; invalid without pidfd support
 };
 
 }  // namespace zell

@@ -14,7 +14,7 @@ SpawnSettings::SpawnSettings(int output) {
   note(posix_spawnattr_init(&attributes_));
   setDescriptors(output);
   setSignals();
-  note(posix_spawnattr_setpgroup(&attributes_, 0));  // a group of its own
+  note(posix_spawnattr_setpgroup(&attributes_, 0));  // a separate process group
   constexpr int kFlags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
   note(posix_spawnattr_setflags(&attributes_, static_cast<short>(kFlags)));
 }
@@ -25,7 +25,7 @@ SpawnSettings::~SpawnSettings() {
 }
 
 void SpawnSettings::setDescriptors(int output) {
-  // Standard input comes last: `output` itself may have the number 0.
+  // Standard input comes last, because `output` itself may be descriptor 0.
   note(posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
   note(posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO));
   note(posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0));
@@ -33,8 +33,8 @@ void SpawnSettings::setDescriptors(int output) {
 }
 
 void SpawnSettings::setSignals() {
-  // Not sigfillset: that leaves out the two signals that the C library keeps for itself, and a
-  // program would be started with those ignored.
+  // Not sigfillset: it omits the two signals that the C library reserves, and a program would be
+  // started with those ignored.
   sigset_t all;
   std::memset(&all, 0xff, sizeof all);
   note(posix_spawnattr_setsigdefault(&attributes_, &all));

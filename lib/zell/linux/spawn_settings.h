@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a program starts with: descriptors, signals, process group.
+// The settings that a program starts with: descriptors, signals, process group.
 #ifndef ZELL_LINUX_SPAWN_SETTINGS_H_
 #define ZELL_LINUX_SPAWN_SETTINGS_H_
 
@@ -10,13 +10,13 @@ namespace zell {
 /// The settings of posix_spawn(3) for every program that this library starts.
 class SpawnSettings {
  public:
-  /// The program's standard output and error go to @p output, borrowed until the start.
+  /// Connects the program's standard output and error to @p output, borrowed until the start.
   explicit SpawnSettings(int output);
   ~SpawnSettings();
   SpawnSettings(const SpawnSettings&) = delete;
   SpawnSettings& operator=(const SpawnSettings&) = delete;
 
-  /// The errno value that kept the settings from being made, 0 for none.
+  /// The errno value of the first setting that failed; 0 on success.
   [[nodiscard]] int error() const { return error_; }
   [[nodiscard]] const posix_spawn_file_actions_t* actions() const { return &actions_; }
   [[nodiscard]] const posix_spawnattr_t* attributes() const { return &attributes_; }
@@ -24,7 +24,7 @@ class SpawnSettings {
  private:
   void setDescriptors(int output);
   void setSignals();
-  /// Remembers the first error.
+  /// Stores the first error.
   void note(int error) { error_ = error_ == 0 ? error : error_; }
 
   posix_spawn_file_actions_t actions_{};

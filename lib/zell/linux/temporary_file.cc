@@ -17,8 +17,9 @@ namespace {
 
 constexpr int kTries = 8;
 
-// A name of fixed length, so that one of 255 bytes can be replaced too. It depends on @p target
-// alone: what a power cut leaves behind is taken away by the next replacement of the same file.
+// A name of fixed length, so that a file with a name of 255 bytes can be replaced too. The name
+// depends on @p target alone: the next replacement of the same file removes what a power cut leaves
+// behind.
 std::string temporaryName(const std::string& target, int salt) {
   std::uint64_t hash = 14695981039346656037U;  // FNV-1a
   for (const char c : target + static_cast<char>(salt)) {
@@ -34,7 +35,7 @@ std::string temporaryName(const std::string& target, int salt) {
 TemporaryFile::~TemporaryFile() {
   if (!name_.empty()) {
     const int saved = errno;
-    (void)unlinkat(place_.folder.get(), name_.c_str(), 0);  // nothing more can be done
+    (void)unlinkat(place_.directory.get(), name_.c_str(), 0);  // a failure leaves the file behind
     errno = saved;
   }
 }
@@ -42,11 +43,11 @@ TemporaryFile::~TemporaryFile() {
 int TemporaryFile::open(int mode) {
   for (int salt = 0; salt < kTries; ++salt) {
     const std::string name = temporaryName(place_.name, salt);
-    const int folder = place_.folder.get();
+    const int directory = place_.directory.get();
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    file_.reset(openat(folder, name.c_str(), kFlags, mode));
-    if (!file_.valid() && errno == EEXIST && unlinkat(folder, name.c_str(), 0) == 0) {
-      file_.reset(openat(folder, name.c_str(), kFlags, mode));
+    file_.reset(openat(directory, name.c_str(), kFlags, mode));
+    if (!file_.valid() && errno == EEXIST && unlinkat(directory, name.c_str(), 0) == 0) {
+      file_.reset(openat(directory, name.c_str(), kFlags, mode));
     }
     if (file_.valid()) {
       name_ = name;
@@ -63,10 +64,10 @@ int TemporaryFile::make(const struct stat* old) {
   if (old == nullptr) {
     return open(0666);
   }
-  if (const int error = open(0600)) {  // nobody else may look into it before it has its owner
+  if (const int error = open(0600)) {  // stays private until it has the right owner
     return error;
   }
-  // The owner first: a change of owner takes the set-id bits away.
+  // Set the owner first, because a change of owner clears the set-id bits.
   if (fchown(file_.get(), old->st_uid, old->st_gid) != 0 ||
       fchmod(file_.get(), old->st_mode & kPermissionBits) != 0) {
     return errno;
@@ -81,13 +82,13 @@ int TemporaryFile::fill(std::string_view data) {
   if (fsync(file_.get()) != 0) {
     return errno;
   }
-  // Some file systems tell of a failed write only here.
+  // Some file systems report a failed write only on close.
   return ::close(file_.release()) == 0 || errno == EINTR ? 0 : errno;
 }
 
 int TemporaryFile::move() {
-  const int folder = place_.folder.get();
-  if (renameat(folder, name_.c_str(), folder, place_.name.c_str()) != 0) {
+  const int directory = place_.directory.get();
+  if (renameat(directory, name_.c_str(), directory, place_.name.c_str()) != 0) {
     return errno;
   }
   name_.clear();

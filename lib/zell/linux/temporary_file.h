@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The new content of a file, before it takes the old one's place.
+// Holds the new content of a file until it replaces the old one.
 #ifndef ZELL_LINUX_TEMPORARY_FILE_H_
 #define ZELL_LINUX_TEMPORARY_FILE_H_
 
@@ -13,7 +13,8 @@ struct stat;
 
 namespace zell {
 
-/// A file beside the one at a place. It is removed at the end unless it has moved there.
+/// A temporary file beside the file at a place. The destructor removes it unless it was moved
+/// there.
 class TemporaryFile {
  public:
   /// Borrows @p place.
@@ -22,12 +23,13 @@ class TemporaryFile {
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-  /// Makes the file with the permission bits and the owner of @p old, or as a new one (0666 less
-  /// the umask) when that is null. 0 or an errno value.
+  /// Creates the file with the permission bits and the owner of @p old, or as a new file (0666 less
+  /// the umask) when @p old is null. Returns 0 or an errno value.
   [[nodiscard]] int make(const struct stat* old);
-  /// Writes all of @p data and has it on disk. 0 or an errno value.
+  /// Writes all of @p data and syncs it to disk. Returns 0 or an errno value.
   [[nodiscard]] int fill(std::string_view data);
-  /// Takes the place; the caller syncs the folder. 0 or an errno value.
+  /// Renames the file to the place's name. The caller syncs the directory. Returns 0 or an errno
+  /// value.
   [[nodiscard]] int move();
 
  private:

@@ -67,12 +67,12 @@ void addEscaped(std::string& out, const char* text, std::size_t length) {
   }
 }
 
-// Whether the thing that an operation failed about with @p error is gone, or is something else now.
+// Whether @p error means that the entry was removed or replaced since it was listed.
 bool vanished(int error) {
   return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-int openFolder(int from, const char* name) {
+int openDirectory(int from, const char* name) {
   return openat(from, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
@@ -98,10 +98,11 @@ bool TreeWalk::run(const std::string& path) {
   return true;
 }
 
-// Goes on with what is in the folder @p name, which has its line already.
+// Enters the directory @p name, which already has its line.
 void TreeWalk::enter(int from, const char* name, const struct stat& st) {
-  Level level{UniqueFd(openFolder(from, name)), st.st_dev, st.st_ino, {}, 0, path_.size()};
-  const int failure = level.folder.valid() ? readNames(level.folder.get(), level.names) : errno;
+  Level level{UniqueFd(openDirectory(from, name)), st.st_dev, st.st_ino, {}, 0, path_.size()};
+  const int failure =
+      level.directory.valid() ? readNames(level.directory.get(), level.names) : errno;
   if (failure != 0 && !vanished(failure)) {
     note(failure);
   }
@@ -110,29 +111,29 @@ void TreeWalk::enter(int from, const char* name, const struct stat& st) {
   }
   levels_.push_back(std::move(level));
   if (levels_.size() > kOpenLevels) {
-    levels_[levels_.size() - kOpenLevels - 1].folder.reset();
+    levels_[levels_.size() - kOpenLevels - 1].directory.reset();
   }
 }
 
 void TreeWalk::leave() {
   const Level done = std::move(levels_.back());
   levels_.pop_back();
-  if (!levels_.empty() && !levels_.back().folder.valid() &&
-      !reopen(levels_.back(), done.folder.get())) {
+  if (!levels_.empty() && !levels_.back().directory.valid() &&
+      !reopen(levels_.back(), done.directory.get())) {
     levels_.back().next = levels_.back().names.size();
   }
 }
 
-// Opens a folder again that was closed for the sake of the ones @p below it.
+// Reopens a directory that was closed to save descriptors for the ones @p below it.
 bool TreeWalk::reopen(Level& level, int below) {
-  level.folder.reset(openFolder(below, ".."));
+  level.directory.reset(openDirectory(below, ".."));
   struct stat st {};
-  if (!level.folder.valid() || fstat(level.folder.get(), &st) != 0) {
+  if (!level.directory.valid() || fstat(level.directory.get(), &st) != 0) {
     note(errno);
     return false;
   }
   if (st.st_dev != level.device || st.st_ino != level.inode) {
-    note(ESTALE);  // somebody moved the folder below; there is no way back
+    note(ESTALE);  // the directory below was moved, so ".." leads elsewhere
     return false;
   }
   return true;
@@ -145,12 +146,12 @@ void TreeWalk::visitNext() {
     return;
   }
   const std::string name = std::move(level.names[level.next++]);
-  visit(level.folder.get(), name, level.pathLength);
+  visit(level.directory.get(), name, level.pathLength);
 }
 
-void TreeWalk::visit(int folder, const std::string& name, std::size_t pathLength) {
+void TreeWalk::visit(int directory, const std::string& name, std::size_t pathLength) {
   struct stat st {};
-  if (fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     if (!vanished(errno)) {
       note(errno);
     }
@@ -161,17 +162,17 @@ void TreeWalk::visit(int folder, const std::string& name, std::size_t pathLength
     path_ += '/';
   }
   addEscaped(path_, name.data(), name.size());
-  if (addLine(folder, name.c_str(), st) && S_ISDIR(st.st_mode)) {
-    enter(folder, name.c_str(), st);
+  if (addLine(directory, name.c_str(), st) && S_ISDIR(st.st_mode)) {
+    enter(directory, name.c_str(), st);
   }
 }
 
-// Adds the line of an entry; false when it is a link that is not there any more.
-bool TreeWalk::addLine(int folder, const char* name, const struct stat& st) {
+// Adds the line of an entry. Returns false for a link that no longer exists.
+bool TreeWalk::addLine(int directory, const char* name, const struct stat& st) {
   char target[PATH_MAX];
   ssize_t targetLength = 0;
   if (S_ISLNK(st.st_mode)) {
-    targetLength = readlinkat(folder, name, target, sizeof target);
+    targetLength = readlinkat(directory, name, target, sizeof target);
     if (targetLength < 0) {
       if (!vanished(errno) && errno != EINVAL) {
         note(errno);
@@ -193,7 +194,7 @@ bool TreeWalk::addLine(int folder, const char* name, const struct stat& st) {
   }
   lines_ += '\n';
   if (lines_.size() > kMaxReplyText) {
-    error_ = EFBIG;  // no reply can hold it: the walk ends
+    error_ = EFBIG;  // does not fit into a reply: stop the walk
   }
   return true;
 }

@@ -16,7 +16,7 @@ namespace {
 
 const char* const kStore = "/var/lib/runeld/umstate";
 constexpr std::size_t kLongestKey = 255;
-constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kDirectoryMode = 0755;
 
 bool isKeyByte(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
@@ -28,22 +28,22 @@ bool isKey(const std::string& key) {
          std::all_of(key.begin(), key.end(), isKeyByte);
 }
 
-// Makes the folder @p path, with these permissions whatever the umask, and has it on disk.
-int makeFolder(const std::string& path) {
-  if (mkdir(path.c_str(), kFolderMode) != 0) {
+// Creates the directory @p path with these permissions, regardless of the umask, and syncs it.
+int makeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), kDirectoryMode) != 0) {
     return errno == EEXIST ? 0 : errno;
   }
   FilePlace place;
   if (const int error = findPlace(path, place)) {
     return error;
   }
-  return chmod(path.c_str(), kFolderMode) == 0 ? syncFolder(place.folder.get()) : errno;
+  return chmod(path.c_str(), kDirectoryMode) == 0 ? syncDirectory(place.directory.get()) : errno;
 }
 
-// Makes @p path and the folders above it where they are missing.
-int makeFolders(const std::string& path) {
+// Creates @p path and its missing parents.
+int makeDirectories(const std::string& path) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-    const int error = makeFolder(path.substr(0, end));
+    const int error = makeDirectory(path.substr(0, end));
     if (error != 0 || end == std::string::npos) {
       return error;
     }
@@ -61,7 +61,7 @@ int storeUmState(const std::string& key, std::string_view state) {
   if (error != ENOENT) {
     return error;
   }
-  const int madeError = makeFolders(kStore);
+  const int madeError = makeDirectories(kStore);
   return madeError != 0 ? madeError : replaceFile(path, state);
 }
 

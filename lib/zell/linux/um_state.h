@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The update manager's state texts, one file each.
+// Stores the update manager's state texts, one file each.
 #ifndef ZELL_LINUX_UM_STATE_H_
 #define ZELL_LINUX_UM_STATE_H_
 
@@ -8,8 +8,8 @@
 
 namespace zell {
 
-/// Records @p state under @p key, durably. 0 or an errno value; EINVAL for a key that is not 1 to
-/// 255 letters, digits, `.`, `_` and `-`, or that begins with a dot.
+/// Stores @p state under @p key durably. Returns 0 or an errno value; EINVAL for a key that is not
+/// 1 to 255 letters, digits, `.`, `_` and `-`, or that begins with a dot.
 [[nodiscard]] int storeUmState(const std::string& key, std::string_view state);
 
 }  // namespace zell

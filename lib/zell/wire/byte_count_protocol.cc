@@ -19,14 +19,14 @@ constexpr char kCountEnd = '\x02';
 constexpr char kBlanks[] = " \t\r\n";
 constexpr std::size_t kMaxCountDigits = 9;
 
-// What is kept for later messages, so that small ones cost no allocation: a connection has 64 KiB
-// of it at most.
+// Spare buffers for later messages, so that small messages need no allocation. They hold at most 64
+// KiB for each connection.
 constexpr std::size_t kSpareSlots = 64;
 constexpr std::size_t kSpareBytes = 1024;
 
-// Makes room for @p part more bytes of a payload of @p whole bytes. Grows with what came, not with
-// what was announced: nine digits can claim a quarter of a gigabyte. The steps are quarters of the
-// whole, so that all copies together are a third of it and the last buffer fits exactly.
+// Makes room for @p part more bytes of a payload of @p whole bytes. Grows with the bytes received,
+// not with the announced length: nine digits can claim a quarter of a gigabyte. Each step is a
+// quarter of the whole, so all copies together are a third of it and the last buffer fits exactly.
 void makeRoom(std::string& payload, std::size_t part, std::size_t whole) {
   const std::size_t needed = payload.size() + part;
   if (needed > payload.capacity()) {
@@ -57,7 +57,7 @@ void ByteCountProtocol::acceptBytes(const std::string& bytes) {
   }
 }
 
-// Blanks are skipped before every frame: a first packet is delivered with those that lead it.
+// Skips whitespace before every frame: the server passes on a first packet with leading whitespace.
 void ByteCountProtocol::acceptMarker(std::string_view& bytes) {
   bytes.remove_prefix(std::min(bytes.find_first_not_of(kBlanks), bytes.size()));
   if (bytes.empty()) {
@@ -113,7 +113,7 @@ void ByteCountProtocol::beginPayload() {
     return;
   }
   if (coming_ == slots_.size() && next_ > coming_ / 2) {
-    // Most slots are spare: use them again instead of making more.
+    // Most slots are spare: reuse them instead of adding more.
     const auto waiting = slots_.begin() + static_cast<std::ptrdiff_t>(next_);
     std::rotate(slots_.begin(), waiting, slots_.end());
     coming_ -= next_;
@@ -146,8 +146,8 @@ void ByteCountProtocol::finishPayload() {
   state_ = State::marker;
 }
 
-// The reading side ends, so that the server's next read finds the end and drops the connection; a
-// peer that goes on sending is read and ignored until then.
+// Shuts down the reading side, so that the server's next read finds the end and drops the
+// connection. Until then the server reads and ignores what the peer sends.
 void ByteCountProtocol::fail(const char* what) {
   state_ = State::bad;
   error_ = what;
@@ -155,7 +155,7 @@ void ByteCountProtocol::fail(const char* what) {
     return;
   }
   logLine(LOG_ERR, "acceptBytes: bad frame on socket %d, %s", socket_, what);
-  (void)shutdown(socket_, SHUT_RD);  // a peer that has gone already is as good
+  (void)shutdown(socket_, SHUT_RD);  // failure is harmless: the peer has disconnected
 }
 
 bool ByteCountProtocol::recvMessage(std::string& message) {
@@ -174,7 +174,7 @@ bool ByteCountProtocol::recvMessage(std::string& message) {
   return true;
 }
 
-// Gives the memory of a burst of small messages back. What has come in of the next one stays.
+// Releases the memory of a burst of small messages. Keeps the received part of the next message.
 void ByteCountProtocol::dropSpareSlots() {
   if (coming_ < slots_.size()) {
     slots_.front().swap(slots_[coming_]);
@@ -195,7 +195,7 @@ bool ByteCountProtocol::sendMessage(std::string_view head, std::string_view body
   }
   if (!sendFrame(socket_, payload)) {
     logLine(LOG_ERR, "sendMessage: socket %d, %m", socket_);
-    (void)shutdown(socket_, SHUT_RDWR);  // likewise
+    (void)shutdown(socket_, SHUT_RDWR);  // failure is harmless: the peer has disconnected
     return false;
   }
   return true;

@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 constexpr std::size_t kMaxHeader = 24;  // two markers and the digits of any length
 constexpr std::size_t kMiB = 1048576;
 
-// Writes the head of a frame to @p head, which has room for kMaxHeader bytes, and gives its length.
+// Writes the head of a frame to @p head, which has room for kMaxHeader bytes. Returns its length.
 std::size_t writeHead(char* head, std::size_t payload) {
   head[0] = '\x01';
   char* end = std::to_chars(head + 1, head + kMaxHeader - 1, payload).ptr;
@@ -31,7 +31,7 @@ std::size_t writeHead(char* head, std::size_t payload) {
   return static_cast<std::size_t>(end - head);
 }
 
-// One frame on its way: what is still to be sent of header and payload.
+// A frame in transmission: the unsent parts of header and payload.
 class Frame {
  public:
   explicit Frame(const FramePayload& payload) {
@@ -45,8 +45,8 @@ class Frame {
 
   [[nodiscard]] bool sent() const { return left() == 0; }
 
-  /// Sends what @p socket takes now: false with errno for an error. A full buffer and a signal are
-  /// none.
+  /// Sends as much as @p socket accepts now. Returns false with errno on an error; a full buffer
+  /// and a signal are not errors.
   bool sendSome(int socket) {
     msghdr message{};
     message.msg_iov = parts_;
@@ -65,7 +65,7 @@ class Frame {
   }
 
  private:
-  // The interface is older than const: nothing writes through it.
+  // iovec has no const version; nothing writes through this pointer.
   static iovec partOf(std::string_view bytes) {
     return {const_cast<char*>(bytes.data()), bytes.size()};
   }
@@ -80,10 +80,10 @@ class Frame {
   }
 
   char header_[kMaxHeader];
-  iovec parts_[4];  // the header, then the payload's
+  iovec parts_[4];  // the header, then the parts of the payload
 };
 
-// The slow way, for what the socket's buffer did not take at once.
+// Sends what the socket's buffer did not accept at once.
 bool sendRest(int socket, Frame& frame, milliseconds stall, milliseconds whole) {
   SendWait wait(socket, stall, whole, sys::monotonicTime());
   while (!frame.sent()) {

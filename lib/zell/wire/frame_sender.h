@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sends one frame whole, to a peer that may be slow, but not without end.
+// Sends one complete frame, with a timeout for slow peers.
 #ifndef ZELL_WIRE_FRAME_SENDER_H_
 #define ZELL_WIRE_FRAME_SENDER_H_
 
@@ -10,14 +10,14 @@
 
 namespace zell {
 
-/// How long a peer may keep the daemon, which does nothing else meanwhile.
+/// The time limits for a peer. The daemon is blocked while it sends.
 struct SendLimits {
-  std::chrono::milliseconds stall{30000};  ///< without acknowledging a byte
+  std::chrono::milliseconds stall{30000};  ///< without an acknowledged byte
   std::chrono::milliseconds whole{30000};  ///< for the frame...
-  std::chrono::milliseconds perMiB{1000};  ///< ...and so much more for each MiB of it
+  std::chrono::milliseconds perMiB{1000};  ///< ...and in addition for each MiB of it
 };
 
-/// What a frame carries, in parts that lie apart.
+/// The payload of a frame, in separate parts.
 struct FramePayload {
   std::string_view head;
   std::string_view body{};
@@ -26,14 +26,14 @@ struct FramePayload {
   [[nodiscard]] std::size_t size() const { return head.size() + body.size() + tail.size(); }
 };
 
-/// Sends @p payload as one frame on @p socket, blocking or not. Never raises SIGPIPE. A frame that
-/// the socket's buffer can take costs one system call. False with errno when it was not sent to its
-/// end, ETIMEDOUT when the peer was too slow; how much of it went out is then unknown. On sockets
-/// other than TCP, bytes that the socket took count as acknowledged.
+/// Sends @p payload as one frame on @p socket, blocking or not. Never raises SIGPIPE. Makes one
+/// system call for a frame that fits into the socket's buffer. Returns false with errno when the
+/// frame was not sent completely, ETIMEDOUT when the peer was too slow; an unknown part of it may
+/// have been sent. On sockets other than TCP, bytes that the socket accepted count as acknowledged.
 [[nodiscard]] bool sendFrame(int socket, const FramePayload& payload,
                              const SendLimits& limits = {});
 
-/// What goes before a payload of @p size bytes, for whoever sends frames in a loop of its own.
+/// The head of a frame with a payload of @p size bytes, for callers that send frames themselves.
 [[nodiscard]] std::string frameHead(std::size_t size);
 
 }  // namespace zell

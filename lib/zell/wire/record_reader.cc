@@ -15,7 +15,7 @@ bool RecordReader::skip(char expected) {
   return true;
 }
 
-// from_chars takes neither blanks nor '+'. It would take zeros in front, and "-0".
+// from_chars accepts neither spaces nor '+'. It would accept leading zeros and "-0".
 bool RecordReader::takeNumber(std::int32_t& value) {
   const char* begin = rest_.data();
   const char* end = begin + rest_.size();

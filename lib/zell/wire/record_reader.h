@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads the fields of a task record one after the other.
+// Parses the fields of a task record one after the other.
 #ifndef ZELL_WIRE_RECORD_READER_H_
 #define ZELL_WIRE_RECORD_READER_H_
 
@@ -8,22 +8,22 @@
 
 namespace zell {
 
-/// How every record begins; isA() looks for it with the blank that follows.
+/// The first word of every record. isA() searches for it with the space that follows.
 constexpr std::string_view kRecordName = "SlaveTask";
 
-/// Takes fields off the front of a text that it borrows. There is one way to write each value, and
-/// anything else is refused. After a refusal nothing more may be read.
+/// Parses fields from the front of a borrowed text. Each value has exactly one valid form; any
+/// other is refused. Do not read any more after a refusal.
 class RecordReader {
  public:
   explicit RecordReader(std::string_view text) : rest_(text) {}
 
-  /// The name of the record, without a blank in front.
+  /// The name of the record, without a leading space.
   [[nodiscard]] bool readName();
-  /// A blank and a number from 0 to INT32_MAX.
+  /// A space and a number from 0 to INT32_MAX.
   [[nodiscard]] bool readNumber(std::int32_t& value);
-  /// A blank and a number from INT32_MIN to INT32_MAX.
+  /// A space and a number from INT32_MIN to INT32_MAX.
   [[nodiscard]] bool readSigned(std::int32_t& value);
-  /// A blank, a length, `:` and so many bytes. @p bytes points into the text.
+  /// A space, a length, `:` and that number of bytes. @p bytes points into the text.
   [[nodiscard]] bool readString(std::string_view& bytes);
   [[nodiscard]] bool atEnd() const { return rest_.empty(); }
 

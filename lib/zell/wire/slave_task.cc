@@ -13,11 +13,11 @@
 namespace zell {
 namespace {
 
-// From this length on, an output goes to the stream by itself and an argument takes the message's
-// memory: below it, one more copy costs less than the care.
+// From this length on, an output goes to the stream separately and an argument takes over the
+// message's memory. Below it, an additional copy is cheaper.
 constexpr std::size_t kLong = 65536;
 
-// Most replies are shorter than this.
+// The size that most replies do not exceed.
 constexpr std::size_t kShort = 256;
 
 template <typename Number>
@@ -27,7 +27,7 @@ void addNumber(std::string& text, Number number) {
   text.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
 }
 
-// All of a string's field but its bytes.
+// The field of a string, without its bytes.
 void addLength(std::string& text, const std::string& bytes) {
   addNumber(text, bytes.size());
   text += ':';
@@ -49,18 +49,18 @@ bool readStatus(RecordReader& reader, ResultStatus& status) {
   return true;
 }
 
-// Takes the arguments out of a message whose layout is known to be sound. @p skipped, a part of the
-// message or nothing, gets an empty place in the list, which is the result.
+// Extracts the arguments from a message with a valid layout. @p skipped, a part of the message or
+// empty, becomes an empty string in the list. Returns the index of that string.
 std::size_t takeArgs(std::string_view message, std::string_view skipped,
                      std::vector<std::string>& args) {
   RecordReader reader(message);
   std::int32_t argc = 0;
   std::size_t place = 0;
-  bool sound = reader.readName() && reader.readNumber(argc);
+  bool valid = reader.readName() && reader.readNumber(argc);
   args.reserve(static_cast<std::size_t>(argc));
-  for (std::int32_t i = 0; sound && i < argc; ++i) {
+  for (std::int32_t i = 0; valid && i < argc; ++i) {
     std::string_view arg;
-    sound = reader.readString(arg);
+    valid = reader.readString(arg);
     if (!skipped.empty() && arg.data() == skipped.data()) {
       place = args.size();
       args.emplace_back();
@@ -71,7 +71,7 @@ std::size_t takeArgs(std::string_view message, std::string_view skipped,
   return place;
 }
 
-// Cuts @p message down to @p part of it, in place.
+// Truncates @p message to @p part of it, in place.
 void keepOnly(std::string& message, std::string_view part) {
   const auto begin = static_cast<std::size_t>(part.data() - message.data());
   message.resize(begin + part.size());
@@ -80,16 +80,16 @@ void keepOnly(std::string& message, std::string_view part) {
 
 }  // namespace
 
-// What a well-formed record holds, its strings still in the message.
+// The fields of a well-formed record. The strings refer to the message.
 struct SlaveTask::Layout {
   std::int32_t argc = 0;
-  std::string_view longest;  // of the arguments
+  std::string_view longest;  // the longest argument
   std::int32_t execParam = 0;
   std::string_view output;
   ResultStatus status;
 
-  // Looks the whole record through before anything is stored: the number of arguments that it
-  // claims is then a true one.
+  // Validates the whole record before anything is stored, so that the number of arguments that it
+  // claims is correct.
   bool read(std::string_view message) {
     RecordReader reader(message);
     return reader.readName() && readArgs(reader) && reader.readSigned(execParam) &&
@@ -97,13 +97,13 @@ struct SlaveTask::Layout {
   }
 
   bool readArgs(RecordReader& reader) {
-    bool sound = reader.readNumber(argc);
-    for (std::int32_t i = 0; sound && i < argc; ++i) {
+    bool valid = reader.readNumber(argc);
+    for (std::int32_t i = 0; valid && i < argc; ++i) {
       std::string_view arg;
-      sound = reader.readString(arg);
+      valid = reader.readString(arg);
       longest = arg.size() > longest.size() ? arg : longest;
     }
-    return sound;
+    return valid;
   }
 };
 
@@ -186,7 +186,7 @@ bool SlaveTask::parse(const std::string& message) {
     return false;
   }
   take(layout);
-  (void)takeArgs(message, {}, args_);  // none is left out
+  (void)takeArgs(message, {}, args_);  // without a skipped argument
   return true;
 }
 
@@ -198,7 +198,7 @@ bool SlaveTask::parse(std::string&& message) {
   }
   take(layout);
   if (layout.longest.size() < kLong) {
-    (void)takeArgs(message, {}, args_);  // likewise
+    (void)takeArgs(message, {}, args_);  // without a skipped argument
     return true;
   }
   const std::size_t place = takeArgs(message, layout.longest, args_);

@@ -9,10 +9,10 @@
 namespace zell {
 namespace {
 
-// Room for thirteen names and sixteen numbers of 64 bits.
+// Enough for thirteen names and sixteen numbers of 64 bits.
 constexpr std::size_t kMaxStatLine = 512;
 
-// The fields' widths and signs differ from one processor to the next; the text does not.
+// The fields' widths and signs depend on the processor; the text does not.
 template <typename Field>
 long long number(Field field) {
   return static_cast<long long>(field);

@@ -54,7 +54,7 @@ TEST_F(FilePlaceTest, IsInTheTopmostDirectoryForAPathWithOneSlash) {
   ASSERT_EQ(findPlace("/none-of-this-name", place), 0);
   EXPECT_EQ(place.name, "none-of-this-name");
   struct stat there {};
-  ASSERT_EQ(fstat(place.folder.get(), &there), 0);
+  ASSERT_EQ(fstat(place.directory.get(), &there), 0);
   EXPECT_EQ(there.st_ino, statusOf("/").st_ino);
 }
 

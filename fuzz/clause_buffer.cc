@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clause cutter, compared step by step with its rules written out. The input is a list of
-// steps: a byte that says what happens, and for a packet how long it is, then the packet.
+// The clause buffer, compared step by step with a model of its rules. The input is a list of steps:
+// a byte that selects the action, and for a packet its length and its bytes.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -20,7 +20,7 @@ struct Pair {
   std::string clause;
 };
 
-// Whether what was found is what the rules say, by the line that they have for it.
+// Whether the result @p found agrees with the rules.
 bool agrees(const Pair& pair, Next found) {
   if (pair.rules.log.empty()) {
     return found == Next::empty;
@@ -52,7 +52,7 @@ void compareContents(const Pair& pair) {
   require(pair.buffer.endsWith("<a>") == ends);
 }
 
-// False when nothing was cut.
+// Removes one clause. False when no clause was removed.
 bool cut(Pair* pair) {
   pair->rules.log.clear();
   const Next found = pair->buffer.next(pair->clause);
@@ -78,7 +78,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     while (step % 2 == 0 && cut(&pair)) {
     }
   }
-  // The work grows with the bytes that came: each is looked at a few times at most, per search.
+  // The work grows linearly with the bytes received: each search reads each byte a few times at
+  // most.
   require(pair.buffer.work() <= 16 * (size + 1));
   return 0;
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole daemon in one process: its loop over socket pairs, on a fake device and system. The
-// input is a list of steps, one at the end of each pass: a byte that says what happens, one that
-// says to whom, and for bytes to be sent how many they are, then the bytes.
+// The whole daemon in one process: its loop over socket pairs, on a fake device and a fake system.
+// The input is a list of steps, one at the end of each pass: a byte that selects the action, a byte
+// that selects the connection, and for bytes to send their number and the bytes.
 #include <cerrno>
 #include <cstddef>
 #include <deque>
@@ -30,7 +30,7 @@ class World : public zell::test::AgentCase {
   [[nodiscard]] const std::vector<LogEntry>& lines() const { return log.entries(); }
 };
 
-// The other ends of the server's connections, and what goes on there.
+// The peers of the server's connections, and the actions on them.
 class Script {
  public:
   explicit Script(std::string_view input) : rest_(input) {}
@@ -86,7 +86,7 @@ class Script {
     }
   }
 
-  // Has a task fail, or work again.
+  // Makes a task fail, or succeed again.
   static void fail(unsigned what) {
     static const std::string kTasks[] = {"writeFile", "stat", "exec", "kill", "readFile", "reboot"};
     auto& failures = zell::test::FakeDevice::instance().failures;
@@ -113,13 +113,13 @@ class Script {
 };
 
 std::size_t openDescriptors() {
-  DIR* const folder = opendir("/proc/self/fd");
-  require(folder != nullptr);
+  DIR* const directory = opendir("/proc/self/fd");
+  require(directory != nullptr);
   std::size_t count = 0;
-  while (readdir(folder) != nullptr) {
+  while (readdir(directory) != nullptr) {
     ++count;
   }
-  (void)closedir(folder);
+  (void)closedir(directory);
   return count;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame codec. The first byte of the input says how the others are cut into packets.
+// The frame codec. The first byte of the input controls how the other bytes are split into packets.
 #include <string>
 #include <vector>
 
@@ -11,7 +11,7 @@ namespace {
 
 using Messages = std::vector<std::string>;
 
-// What a codec makes of @p stream in packets of up to @p most bytes, of changing length.
+// The messages that a codec finds in @p stream, in packets of varying length up to @p most bytes.
 Messages messagesOf(const std::string& stream, std::size_t most) {
   zell::ByteCountProtocol codec(-1);
   Messages messages;
@@ -36,7 +36,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto [choice, stream] = zell::fuzz::firstByteChooses(data, size);
   const Messages messages = messagesOf(stream, choice + 1);
   zell::fuzz::require(messages == messagesOf(stream, stream.size() + 1));
-  std::size_t at = 0;  // each message stands in the stream as a frame, one behind the other
+  std::size_t at = 0;  // the messages appear in the stream as frames, in order
   for (const std::string& message : messages) {
     const std::string frame = '\x01' + std::to_string(message.size()) + '\x02' + message;
     at = stream.find(frame, at);

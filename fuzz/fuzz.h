@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the fuzz targets share.
+// Helpers for the fuzz targets.
 #ifndef ZELL_FUZZ_FUZZ_H_
 #define ZELL_FUZZ_FUZZ_H_
 
@@ -16,7 +16,7 @@ inline std::string toString(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// An input whose first byte chooses something; an empty one chooses 0.
+/// An input whose first byte selects a variant. An empty input selects 0.
 struct Choice {
   unsigned choice;
   std::string rest;
@@ -26,7 +26,7 @@ inline Choice firstByteChooses(const std::uint8_t* data, std::size_t size) {
   return size == 0 ? Choice{0, {}} : Choice{data[0], toString(data + 1, size - 1)};
 }
 
-/// Ends the program, and so tells the fuzzer of a find, when @p holds is false.
+/// Aborts when @p holds is false, which the fuzzer reports as a crash.
 inline void require(bool holds) {
   if (!holds) {
     std::abort();

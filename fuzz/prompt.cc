@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The prompt, compared with its rules written out. The first byte of the input is how much of it
-// every program writes; the rest are the packets, a zero byte between two.
+// The prompt, compared with a model of its rules. The first byte of the input is the number of
+// bytes that every program writes. The rest are the packets, separated by zero bytes.
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,7 +20,7 @@ using zell::fuzz::require;
 
 const std::string kBlanks = " \t\r\n\v\f";
 
-// The controls but tabs go first, so that of the blanks only spaces and tabs are left.
+// Control bytes except tab are removed first, so only spaces and tabs remain as whitespace.
 std::string cleaned(const std::string& packet) {
   std::string text;
   for (const char byte : packet) {
@@ -53,7 +53,7 @@ std::string hostName() {
   return name;
 }
 
-// One command line, as the rules take it apart.
+// One command line, parsed by the rules.
 struct Command {
   explicit Command(const std::string& packet)
       : line(cleaned(packet)), word(line.substr(0, line.find_first_of(kBlanks))) {
@@ -64,7 +64,7 @@ struct Command {
   std::string args;
 };
 
-// What the device is asked for @p command; nothing for most.
+// The device operation that @p command calls. Empty for most commands.
 std::string callFor(const Command& command) {
   static const std::set<std::string> kStyles = {"off", "on", "slow", "fast", "alternate"};
   if (command.line.empty() || command.word == "version" || command.word == "quit") {
@@ -82,7 +82,7 @@ std::string callFor(const Command& command) {
   return "system " + (command.word == "shell" ? command.args : command.line) + " | 0";
 }
 
-// The error that the client is told of before all else.
+// The error that the client receives first.
 std::string errorFor(const Command& command) {
   if (command.word == "version" && command.args != "1") {
     return "error 1 version: invalid protocol version\n";
@@ -91,7 +91,7 @@ std::string errorFor(const Command& command) {
                                                         : "";
 }
 
-// A prompt, what its programs write, and what the last one wrote.
+// The model of a prompt, of the output of its programs and of the last output.
 class Model {
  public:
   explicit Model(std::string output) : output_(std::move(output)) {}

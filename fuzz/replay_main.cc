@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a fuzz target over files and folders of files, without a fuzzer.
+// Runs a fuzz target on files and directories of files, without a fuzzer.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -34,5 +34,5 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%d inputs\n", g_inputs);
-  return g_inputs == 0 ? 1 : 0;  // a corpus that is not there proves nothing
+  return g_inputs == 0 ? 1 : 0;  // a missing corpus must not pass
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The agent server with several sockets, beside the model of its tables. The input decides what
-// happens next, and what the sockets say.
+// The agent server with several sockets, compared with a model of its tables. The input selects the
+// events and the bytes that the sockets send.
 #include <algorithm>
 #include <string>
 #include <string_view>

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The line for a file's record, whatever stands in the record, compared with the one that streams
-// write.
+// The line for a file's record with any field values, compared with the output of streams.
 #include <algorithm>
 #include <cstring>
 #include <iomanip>
@@ -37,7 +36,7 @@ std::string byStreams(const struct stat& st) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   struct stat st {};
   std::memcpy(&st, data, std::min(size, sizeof st));
-  st.st_mode &= 0777777;  // more is no mode of any system
+  st.st_mode &= 0777777;  // no system has a mode above it
   for (timespec* const time : {&st.st_atim, &st.st_mtim, &st.st_ctim}) {
     time->tv_nsec = static_cast<long>(static_cast<unsigned long>(time->tv_nsec) % 1000000000);
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The texts of log lines and replies. The first byte of the input is the limit to trim to.
+// The texts of log lines and replies. The first byte of the input is the length limit.
 #include <algorithm>
 #include <cstring>
 #include <sstream>

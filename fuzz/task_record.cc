@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The task record: there is one way to write each, so what is taken is written as it was read, and
-// what is refused leaves nothing behind.
+// The task record. Each record has exactly one form: an accepted record is written exactly as it
+// was read, and a refused record leaves the object empty.
 #include <sstream>
 #include <string>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a walk writes names and links' targets: the input is a name, a zero byte, a target.
+// Names and link targets in the output of a walk. The input is a name, a zero byte, a target.
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -37,7 +37,7 @@ std::string escaped(std::string_view text) {
   return out.str();
 }
 
-// What of @p text can be a name in a folder.
+// The bytes of @p text that may occur in a file name.
 std::string nameFrom(std::string text) {
   for (char& byte : text) {
     byte = byte == '/' ? '|' : byte;
@@ -54,7 +54,7 @@ std::string endOf(const struct stat& st, const std::string& name) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const zell::test::TempDir kFolder;
+  static const zell::test::TempDir kDirectory;
   const std::string input = zell::fuzz::toString(data, size);
   const std::size_t zero = input.find('\0');
   const std::string name = nameFrom(input.substr(0, zero));
@@ -62,20 +62,20 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   target = target.substr(0, std::min(target.find('\0'), kLongestTarget));
   target = target.empty() ? "target" : target;
 
-  const zell::UniqueFd folder(open(kFolder.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  require(symlinkat(target.c_str(), folder.get(), name.c_str()) == 0);
+  const zell::UniqueFd directory(open(kDirectory.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  require(symlinkat(target.c_str(), directory.get(), name.c_str()) == 0);
   struct stat top {};
   struct stat link {};
-  require(fstat(folder.get(), &top) == 0);
-  require(fstatat(folder.get(), name.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0);
+  require(fstat(directory.get(), &top) == 0);
+  require(fstatat(directory.get(), name.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0);
 
   zell::SlaveProxyLocal proxy;
-  const zell::FileTreeWalker* const walker = proxy.walkTree(kFolder.path());
+  const zell::FileTreeWalker* const walker = proxy.walkTree(kDirectory.path());
   require(walker != nullptr);
   std::ostringstream printed;
   walker->print(printed);
   require(printed.str() == "d 0700 " + endOf(top, ".") + "\nl 0777 " + endOf(link, name) + " -> " +
                                escaped(target) + "\n");
-  require(unlinkat(folder.get(), name.c_str(), 0) == 0);
+  require(unlinkat(directory.get(), name.c_str(), 0) == 0);
   return 0;
 }

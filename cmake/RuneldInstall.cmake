@@ -1,5 +1,6 @@
-# What `cmake --install` puts where. DESTDIR and CMAKE_INSTALL_PREFIX work as usual.
-# `--component documents` installs the manuals and documents alone, which need no build.
+# The files that `cmake --install` installs, and their directories. DESTDIR and CMAKE_INSTALL_PREFIX
+# work as usual. `--component documents` installs only the manuals and documents, which need no
+# build.
 set(RUNELD_UNIT_DIR "lib/systemd/system" CACHE STRING "Directory of the systemd service files")
 
 configure_file("${PROJECT_SOURCE_DIR}/packaging/runeld.service.in"
@@ -15,7 +16,7 @@ if(RUNELD_CTL)
     COMPONENT documents)
 endif()
 
-# The documents for operators and for authors of masters, in the directories that they have in the
+# The documents for operators and for authors of masters. They keep their directories of the source
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
   docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md)

@@ -1,11 +1,11 @@
-# One interface target carries the language level, the warnings and the instrumentation to every
-# target of the tree.
+# An interface target with the language level, the warnings and the instrumentation for every target
+# of the tree.
 add_library(runeld_options INTERFACE)
 target_compile_features(runeld_options INTERFACE cxx_std_17)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
-# No -Wpedantic: GCC then calls every %m of a log format an extension.
+# No -Wpedantic: GCC would warn about every %m in a log format.
 target_compile_options(runeld_options INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wold-style-cast -Woverloaded-virtual -Wnon-virtual-dtor>
@@ -18,7 +18,7 @@ if(RUNELD_SANITIZE)
   target_link_options(runeld_options INTERFACE -fsanitize=${RUNELD_SANITIZE})
 endif()
 if(RUNELD_FUZZ)
-  # Everything tells the fuzzer which way it went; only the fuzzers link one.
+  # Instruments all targets for the fuzzer; only the fuzzers link it.
   target_compile_options(runeld_options INTERFACE -fsanitize=fuzzer-no-link)
   target_link_options(runeld_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
@@ -28,7 +28,8 @@ if(RUNELD_COVERAGE)
   target_link_options(runeld_options INTERFACE --coverage)
 endif()
 
-# Adds a static library of the tree: its sources, the options above, and what it is built on.
+# Adds a static library of the tree: its sources, the options above, and the libraries it depends
+# on.
 function(runeld_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
@@ -40,9 +41,9 @@ function(runeld_library name)
   endif()
 endfunction()
 
-# Compiles the sources of @p name a batch at a time: libraries of nothing but templates, read and
-# instantiated once for each source, are most of a build otherwise. A batch shares one scope, so
-# helpers in unnamed namespaces need names of their own within a target.
+# Compiles the sources of @p name in batches. Otherwise most of the build time goes into header-only
+# template libraries, which each source parses and instantiates again. A batch shares one scope, so
+# helpers in unnamed namespaces need unique names within a target.
 function(runeld_unity name)
   set_target_properties(${name} PROPERTIES
     UNITY_BUILD ${RUNELD_UNITY} UNITY_BUILD_MODE BATCH UNITY_BUILD_BATCH_SIZE 16)

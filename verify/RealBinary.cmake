@@ -1,5 +1,5 @@
-# Preloaded into the daemon under test. They know the kernel's calling convention and so exist for
-# one architecture.
+# Preloaded into the daemon under test. They depend on the kernel's calling convention and exist for
+# one architecture only.
 add_library(verify_dispatch MODULE
   preload/dispatch.c preload/library_calls.c preload/state.c preload/trace.c)
 add_library(verify_allocations MODULE preload/allocations.c preload/state.c)
@@ -12,7 +12,7 @@ foreach(library verify_dispatch verify_allocations)
   target_link_libraries(${library} PRIVATE ${CMAKE_DL_LIBS})
 endforeach()
 
-# The short form of a command, in a world of its own.
+# The short form of a command, in an isolated namespace.
 function(runeld_verify name timeout)
   add_test(NAME verify_${name}
     COMMAND "${PROJECT_SOURCE_DIR}/scripts/world" --no-log "${Python3_EXECUTABLE}" -B -m ${name} ${ARGN}

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Included before everything else in a tree that holds all mutants at once: asks which one is
-// meant.
+// Included before everything else in a tree that contains all mutants at once. Selects the active
+// mutant at run time.
 #ifndef ZELL_MUTATION_MUTANT_H_
 #define ZELL_MUTATION_MUTANT_H_
 
@@ -13,11 +13,11 @@
 
 namespace mutant {
 
-/// The most mutants that a tree may hold.
+/// The limit for the number of mutants in a tree.
 constexpr std::size_t kMost = 65536;
 
-/// The file that RUNELD_MUTANT_REACH names, one byte for each mutant, shared with child processes;
-/// null without it.
+/// The mapping of the file that RUNELD_MUTANT_REACH names, one byte for each mutant, shared with
+/// child processes. Null without it.
 inline char* openReach() {
   const char* const path = std::getenv("RUNELD_MUTANT_REACH");
   const int fd = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
@@ -34,11 +34,11 @@ inline int readChosen() {
   return text == nullptr ? -1 : std::atoi(text);
 }
 
-// Set before main, so that no test's errno or descriptors change on the way.
+// Initialized before main, so that no test sees a change of errno or of its descriptors.
 inline const int kChosen = readChosen();
 inline char* const kReach = openReach();
 
-/// Whether mutant @p number is the chosen one; notes that it was reached.
+/// Whether mutant @p number is active. Records that it was reached.
 inline bool on(int number) {
   if (kReach != nullptr) {
     kReach[number] = 1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: counts what it allocates, keeps the sum of what is alive, and
-// lets the allocations fail that the plan names. operator new takes its memory here too, and throws
-// when there is none.
+// Preloaded into a daemon under test: counts its allocations, keeps the sum of the live bytes, and
+// fails the allocations that the plan names. operator new calls these functions too, and throws
+// when they return null.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -22,7 +22,7 @@ static int64_t live_blocks;
 static int64_t live_bytes;
 
 #ifdef VERIFY_COVERAGE
-// The counts of executed lines are written on the way out, and are no part of the daemon.
+// The coverage counts are written at exit. They are not part of the daemon.
 VISIBLE void exit(int status) {
   void (*next)(int) = (void (*)(int))dlsym(RTLD_NEXT, "exit");
   state = NULL;

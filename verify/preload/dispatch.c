@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: every system call of the process, those that libc makes for
-// itself included, comes as a SIGSYS to `on_call`, which counts it, lets it fail as the plan says,
-// or makes it. The kernel does that for all code but the few instructions below (Linux 5.11 and
-// later, x86-64). Child processes that the daemon starts are free of it.
+// Preloaded into a daemon under test. Every system call of the process, including those inside
+// libc, raises a SIGSYS that calls `on_call`, which counts the call and then fails it according to
+// the plan, or makes it. The kernel does that for all code except the few instructions below (Linux
+// 5.11 and later, x86-64). It does not apply to the child processes of the daemon.
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -34,8 +34,8 @@ enum { kHurry = 10, kLongWaitMs = 20, kLoopWaitMs = 10 };
 static struct State* state;
 static volatile char selector = kPass;
 
-// The instructions that may make system calls as they are. verify_raw is a plain call; a process
-// sent to verify_return leaves the signal handler whose frame is on its stack.
+// The instructions that may make system calls directly. verify_raw is a plain call. A process sent
+// to verify_return returns from the signal handler whose frame is on its stack.
 __asm__(
     ".pushsection .text\n"
     ".globl verify_gate_begin, verify_gate_end, verify_raw, verify_return\n"
@@ -81,7 +81,7 @@ struct State* verify_state(void) {
   return state;
 }
 
-// What the plan has for this call: 0 to make it.
+// The planned error of this call; 0 to make it.
 int verify_planned(int call) {
   struct Process* process = verify_process();
   ++process->all;
@@ -112,7 +112,7 @@ static void rest(long nanoseconds) {
   verify_raw(SYS_nanosleep, (long)&time, 0, 0, 0, 0, 0);
 }
 
-// A sleep takes a thousandth of a second at most, and the clock shows that it was a whole one.
+// A sleep lasts a thousandth of a second at most, and the clock then advances by the whole time.
 static long hurry_sleep(const struct timespec* wanted) {
   const long milliseconds = wanted->tv_sec * 1000 + (wanted->tv_nsec + 999999) / 1000000;
   rest(milliseconds < 10 ? milliseconds * 100000 : 1000000);
@@ -120,7 +120,7 @@ static long hurry_sleep(const struct timespec* wanted) {
   return 0;
 }
 
-// A long wait for something to happen takes a tenth of its time.
+// A long wait for events lasts a tenth of its time.
 static long hurry_poll(const long* a) {
   const int wanted = (int)a[2];
   if (wanted <= kLongWaitMs) {
@@ -154,7 +154,8 @@ static long refuse_reboot(const long* a) {
   return 0;
 }
 
-// The mask is the one that this signal's end brings back, and SIGSYS is never in it.
+// Changes the mask in the signal frame, which is restored when this handler returns. SIGSYS is
+// never in it.
 static long change_mask(const long* a, ucontext_t* context) {
   const long result = verify_raw(SYS_rt_sigprocmask, a[0], a[1], a[2], a[3], 0, 0);
   uint64_t mask = 0;
@@ -193,7 +194,7 @@ static long make_call(long call, const long* a, ucontext_t* context) {
   return verify_raw(call, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
 
-// A part of what was asked for: one byte of a read or a write, none of more than one.
+// Makes a partial call: one byte of a read or write of more than one byte.
 static long make_short(long call, const long* a, ucontext_t* context) {
   if (call == SYS_sendmsg) {
     struct msghdr message = *(const struct msghdr*)a[1];
@@ -209,8 +210,8 @@ static long make_short(long call, const long* a, ucontext_t* context) {
   return make_call(call, less, context);
 }
 
-// What a call does although it fails: a descriptor is gone whatever close says, and so is a child
-// that the kernel does not know any more.
+// The effect that a call has even when it fails: close frees the descriptor, and waitpid removes a
+// child.
 static void make_all_the_same(long call, const long* a, int error) {
   if (call == SYS_close) {
     verify_raw(call, a[0], 0, 0, 0, 0, 0);
@@ -226,7 +227,7 @@ static long answer(long call, const long* a, ucontext_t* context) {
   }
   if (planned != 0) {
     make_all_the_same(call, a, planned);
-    // brk has no error number: it answers where the end of the memory is.
+    // brk has no error number: it returns the current end of the memory.
     return call == SYS_brk ? verify_raw(SYS_brk, 0, 0, 0, 0, 0, 0) : -planned;
   }
   return make_call(call, a, context);
@@ -258,7 +259,7 @@ static void on_call(int number, siginfo_t* info, void* memory) {
   selector = kBlock;
 }
 
-// The kernel's form of the action, so that the end of the handler is in the gate too.
+// The kernel's form of the action, so that the return from the handler is in the gate too.
 struct KernelAction {
   void (*handler)(int, siginfo_t*, void*);
   unsigned long flags;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whole library calls: those that make a process (its first steps must not be dispatched), those
-// that are never let through, and the clock, which is no system call.
+// Replaces whole library calls: those that create a process (its first steps must not be
+// dispatched), those that are never made, and the clock, which is not a system call.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -23,7 +23,7 @@ static int planned(int call) {
 }
 
 #ifdef VERIFY_COVERAGE
-// The counts of executed lines are written on the way out, and are no part of the daemon.
+// The coverage counts are written at exit. They are not part of the daemon.
 VISIBLE void exit(int status) {
   void (*next)(int) = (void (*)(int))real("exit");
   verify_pass_all();
@@ -45,7 +45,7 @@ VISIBLE pid_t fork(void) {
     verify_block_all();
   }
   if (pid > 0 && verify_state() != NULL) {
-    verify_state()->processes[1].pid = pid;  // the child may not have come to say so itself
+    verify_state()->processes[1].pid = pid;  // the child may not have stored it yet
   }
   return pid;
 }

@@ -8,9 +8,9 @@
 
 #include "gate.h"
 
-// Calls that make, change, order or remove files. A send belongs to them, because what was answered
-// must be on the disk; an open does only if it makes or empties a file, but its descriptor must be
-// known, so all are taken.
+// Calls that create, change, order or remove files. Sends are included, because acknowledged data
+// must be on disk. An open matters only if it creates or truncates a file, but its descriptor must
+// be known, so all opens are included.
 int verify_is_traced(long call) {
   switch (call) {
     case SYS_openat:
@@ -88,7 +88,7 @@ void verify_trace(struct State* state, long call, const long* arguments, long re
   memcpy(record.arguments, arguments, sizeof record.arguments);
   const size_t size = (sizeof record + first.size + second.size + 7) & ~(size_t)7;
   if (size > kTraceBytes - state->trace_used) {
-    state->tracing = 0;  // the harness sees that the trace is full
+    state->tracing = 0;  // tells the harness that the trace is full
     return;
   }
   unsigned char* place = state->trace + state->trace_used;

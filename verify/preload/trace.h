@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes down the calls that change files, and can stop the daemon before each of them.
+// Records the calls that change files, and can stop the daemon before each of them.
 #ifndef VERIFY_PRELOAD_TRACE_H_
 #define VERIFY_PRELOAD_TRACE_H_
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Each allocation of the agent server's work fails: once, or with all that follow. An exception may
-// pass; an answer that is sent is the right one, nothing is lost of the memory, and afterwards the
-// same work is done as if nothing had been.
+// Fails each allocation of the agent server's work: once, or with all that follow. An exception may
+// propagate. Every reply that is sent is correct, no memory leaks, and the same work succeeds
+// afterwards.
 #include <functional>
 #include <new>
 #include <string>
@@ -19,13 +19,13 @@ class AllocationFailureTest : public AgentCase {
  protected:
   AllocationFailureTest() {
     device.files["/file"] = std::string(3000, 'x');
-    device.folders["/folder"] = {std::string(300, 'a'), std::string(300, 'b')};
+    device.directories["/directory"] = {std::string(300, 'a'), std::string(300, 'b')};
     device.tree = std::string(3000, 't');
   }
 
   using Scenario = std::function<void(TestRunel& server)>;
 
-  // Runs @p scenario on a server of its own; an exception ends it, as it would end the daemon.
+  // Runs @p scenario on a new server. An exception ends it, as it would end the daemon.
   static void live(const Scenario& scenario) {
     try {
       TestRunel server("192.0.2.1", false, 0);
@@ -34,9 +34,9 @@ class AllocationFailureTest : public AgentCase {
     }
   }
 
-  // The allocations of a run in which none fails, all of whose work is done.
+  // The number of allocations in a run without failures, which does all work.
   static long countIn(const Scenario& scenario) {
-    live(scenario);  // what is made once stays
+    live(scenario);  // allocates the data that is kept between runs
     const FailingNew count(0, 0);
     live(scenario);
     return allocationsAsked();
@@ -60,7 +60,7 @@ class AllocationFailureTest : public AgentCase {
     }
   }
 
-  // Lets go of what the test's own recorders keep.
+  // Releases the memory of the test's recorders.
   void forget() {
     log.clear();
     std::vector<std::string>().swap(device.calls);
@@ -68,7 +68,7 @@ class AllocationFailureTest : public AgentCase {
   }
 };
 
-// Sends @p tasks to the server one by one; each answer that comes is the one that is right.
+// Sends @p tasks to the server one by one. Each reply that arrives must be the expected one.
 void expectRightOrNoAnswers(TestRunel& server, const Peer& peer,
                             const std::vector<std::vector<std::string>>& tasks,
                             const std::vector<std::string>& answers) {
@@ -80,8 +80,11 @@ void expectRightOrNoAnswers(TestRunel& server, const Peer& peer,
 }
 
 TEST_F(AllocationFailureTest, AnswersOfTasksAreRightOrNotSent) {
-  const std::vector<std::vector<std::string>> tasks = {
-      {"read", "/file"}, {"readdir", "/folder"}, {"walktree", "/"}, {"hostid"}, {"stat", "/file"}};
+  const std::vector<std::vector<std::string>> tasks = {{"read", "/file"},
+                                                       {"readdir", "/directory"},
+                                                       {"walktree", "/"},
+                                                       {"hostid"},
+                                                       {"stat", "/file"}};
   std::vector<std::string> answers;
   {
     TestRunel server("192.0.2.1", false, 0);
@@ -117,7 +120,7 @@ TEST_F(AllocationFailureTest, WhatIsStoredIsWhole) {
   device.onCall = nullptr;
 }
 
-// The bridge must never keep a partner that is gone.
+// The bridge must never keep a pointer to a deleted peer.
 TEST_F(AllocationFailureTest, RelayedClausesAreWhole) {
   failEach([](TestRunel& server) {
     const Peer master = server.connect();

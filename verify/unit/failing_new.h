@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// operator new with a mind of its own. Linking it replaces the usual one.
+// An operator new that fails on request. Linking it replaces the standard one.
 #ifndef VERIFY_UNIT_FAILING_NEW_H_
 #define VERIFY_UNIT_FAILING_NEW_H_
 
 namespace zell::test {
 
-/// While it lives, the allocations with the numbers @p first to @p first + @p times - 1, counted
-/// from 1, throw std::bad_alloc.
+/// During its lifetime, the allocations number @p first to @p first + @p times - 1, counted from 1,
+/// throw std::bad_alloc.
 class FailingNew {
  public:
   FailingNew(long first, long times);
@@ -15,10 +15,10 @@ class FailingNew {
   FailingNew& operator=(const FailingNew&) = delete;
 };
 
-/// How many allocations were asked for since the newest FailingNew was made.
+/// The number of allocations requested since the newest FailingNew was constructed.
 long allocationsAsked();
 
-/// How many of all allocations are alive.
+/// The number of live allocations.
 long allocationsAlive();
 
 }  // namespace zell::test

@@ -25,7 +25,7 @@ void RelayFloor::forget(int fd) {
   }
 }
 
-// The first connection carries tasks, the second one the clauses.
+// The first connection carries tasks, the second one clauses.
 void RelayFloor::connected(int fd) {
   if (!hasSlave_) {
     hasSlave_ = true;

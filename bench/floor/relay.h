@@ -10,8 +10,8 @@
 
 namespace zell::bench {
 
-/// Relays clauses from the connection that it accepts to a second one to the master: finds the end
-/// of each and writes it out, with one system call each.
+/// Relays clauses from the accepted connection to a second connection to the master: finds the end
+/// of each clause and writes the clause with one system call.
 class RelayFloor : public FloorServer {
  public:
   using FloorServer::FloorServer;
@@ -30,9 +30,9 @@ class RelayFloor : public FloorServer {
   int bridge_ = -1;
   std::string waiting_;
   std::size_t start_ = 0;     // of the clause at the head
-  std::size_t searched_ = 0;  // so far its end has been looked for
-  std::size_t end_ = 0;       // of the clause that was found
-  std::string closing_;       // what ends it; empty until its tag has come
+  std::size_t searched_ = 0;  // end of the bytes already searched for its end
+  std::size_t end_ = 0;       // end of the clause that was found
+  std::string closing_;       // its closing tag; empty until the opening tag is complete
 };
 
 }  // namespace zell::bench

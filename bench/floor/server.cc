@@ -95,7 +95,7 @@ void FloorServer::acceptOne() {
   }
 }
 
-// False when the peer has gone.
+// False when the peer has disconnected.
 bool FloorServer::readOne(int fd) {
   char packet[kPacket];
   std::memset(packet, 0, sizeof packet);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The least that a server of the daemon's kind can do, to measure the daemon against.
+// The minimal server of the daemon's kind, as a lower bound for measurements of the daemon.
 #ifndef ZELL_BENCH_FLOOR_SERVER_H_
 #define ZELL_BENCH_FLOOR_SERVER_H_
 
@@ -10,10 +10,10 @@
 
 namespace zell::bench {
 
-/// A select() loop as the daemon's, with its system calls and nothing else: the sets rebuilt for
-/// each pass, one recv of up to 4096 bytes into a cleared buffer for each readable connection. It
-/// listens on one port and keeps connections to a master, tried again on each pass. No table, no
-/// log, no check: it is made for loads that behave.
+/// A select() loop like the daemon's, with the same system calls and nothing else: the sets rebuilt
+/// for each pass, one recv of up to 4096 bytes into a cleared buffer for each readable connection.
+/// Listens on one port and keeps connections to a master, which each pass retries. It has no table,
+/// no log and no checks, so it needs well-behaved loads.
 class FloorServer {
  public:
   explicit FloorServer(int masterPort) : masterPort_(masterPort) {}
@@ -21,17 +21,17 @@ class FloorServer {
   FloorServer(const FloorServer&) = delete;
   FloorServer& operator=(const FloorServer&) = delete;
 
-  /// Serves @p port until a signal ends the process; returns only when it cannot listen.
+  /// Serves @p port until a signal ends the process. Returns only when it cannot listen.
   int run(int port);
 
  protected:
-  /// @p bytes came in on @p fd.
+  /// @p bytes were received on @p fd.
   virtual void receive(int fd, std::string_view bytes) = 0;
-  /// The connection on @p fd is gone.
+  /// The connection on @p fd was closed.
   virtual void forget(int fd) = 0;
   /// A connection to the master was made.
   virtual void connected(int /*fd*/) {}
-  /// Has one more connection to the master made.
+  /// Opens one more connection to the master.
   void wantMaster() { ++wanted_; }
 
  private:
@@ -44,7 +44,7 @@ class FloorServer {
 
   int masterPort_;
   int listener_ = -1;
-  int wanted_ = 1;  // connections to the master that are still to be made
+  int wanted_ = 1;  // connections to the master still to be made
   int highest_ = 0;
   std::vector<int> connections_;
   fd_set readable_{};

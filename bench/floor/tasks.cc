@@ -14,14 +14,14 @@
 namespace zell::bench {
 namespace {
 
-// The name of a task and its first two arguments, and nothing more of the record.
+// The name of a task and its first two arguments, without the rest of the record.
 struct Request {
   std::string_view args[3];
 };
 
 std::size_t takeNumber(const char*& at, const char* end) {
   std::size_t number = 0;
-  at = std::from_chars(at, end, number).ptr + 1;  // with the byte that ends it
+  at = std::from_chars(at, end, number).ptr + 1;  // skips the byte after the number
   return number;
 }
 
@@ -47,7 +47,7 @@ iovec part(const char* begin, std::size_t length) {
   return {const_cast<char*>(begin), length};
 }
 
-// The record around the text, framed, in one send as long as the socket's buffer takes it.
+// Sends the framed record of the reply in one call when the socket's buffer has room for it.
 void answer(int fd, const Outcome& outcome) {
   char head[64];
   char* end = put(head, head, "SlaveTask 0 0 ");
@@ -98,13 +98,13 @@ void TaskFloor::receive(int fd, std::string_view bytes) {
       serve(fd, inbox.payload);
     }
     bytes.remove_prefix(missing);
-    std::string().swap(inbox.payload);  // gives its memory back
+    std::string().swap(inbox.payload);  // releases its memory
     inbox.inHeader = true;
     inbox.count = 0;
   }
 }
 
-// Reads what is there of marker, count and end mark; the rest is payload.
+// Parses the available part of marker, count and end mark. Returns the payload behind them.
 std::string_view TaskFloor::takeHeader(Inbox& inbox, std::string_view bytes) {
   while (inbox.inHeader && !bytes.empty()) {
     const char byte = bytes.front();

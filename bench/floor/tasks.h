@@ -11,7 +11,7 @@
 
 namespace zell::bench {
 
-/// Runs the few tasks that the workloads ask for, each with the system calls that it takes.
+/// Runs the few tasks of the workloads, each with only the system calls that it needs.
 class TaskFloor : public FloorServer {
  public:
   explicit TaskFloor(int masterPort) : FloorServer(masterPort), inboxes_(FD_SETSIZE) {}
@@ -21,11 +21,11 @@ class TaskFloor : public FloorServer {
   void forget(int fd) override { inboxes_[static_cast<std::size_t>(fd)] = Inbox(); }
 
  private:
-  // A frame on its way in.
+  // A partly received frame.
   struct Inbox {
     bool inHeader = true;
-    std::size_t count = 0;  // of the payload
-    std::string payload;    // what has come of it in earlier packets
+    std::size_t count = 0;  // length of the payload
+    std::string payload;    // the part of it in earlier packets
   };
 
   static std::string_view takeHeader(Inbox& inbox, std::string_view bytes);

@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t kPiece = 65536;
 constexpr mode_t kPermissions = 07777;
 
-std::string folderOf(const std::string& path) {
+std::string directoryOf(const std::string& path) {
   return path.substr(0, path.rfind('/') + 1);
 }
 
@@ -33,14 +33,14 @@ Outcome exists(const std::string& path) {
 Outcome writeFile(const std::string& path, std::string_view data) {
   struct stat old {};
   (void)stat(path.c_str(), &old);
-  const std::string beside = folderOf(path) + ".floor";
+  const std::string beside = directoryOf(path) + ".floor";
   const int file = open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  const int folder = open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int directory = open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const bool done = write(file, data.data(), data.size()) == static_cast<ssize_t>(data.size()) &&
                     fsync(file) == 0 && close(file) == 0 &&
-                    rename(beside.c_str(), path.c_str()) == 0 && fsync(folder) == 0;
+                    rename(beside.c_str(), path.c_str()) == 0 && fsync(directory) == 0;
   const int error = done ? 0 : errno;
-  (void)close(folder);
+  (void)close(directory);
   return {"", error};
 }
 
@@ -85,11 +85,11 @@ Outcome exec(const std::string& program, const std::string& argument) {
   return outcome;
 }
 
-std::vector<std::string> namesIn(int folder) {
+std::vector<std::string> namesIn(int directory) {
   std::vector<std::string> names;
   alignas(dirent64) char buffer[32768];
   ssize_t length = 0;
-  while ((length = getdents64(folder, buffer, sizeof buffer)) > 0) {
+  while ((length = getdents64(directory, buffer, sizeof buffer)) > 0) {
     for (ssize_t at = 0; at < length;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer + at);
       if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
@@ -103,9 +103,9 @@ std::vector<std::string> namesIn(int folder) {
 }
 
 Outcome readDir(const std::string& path) {
-  const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const std::vector<std::string> names = namesIn(folder);
-  (void)close(folder);
+  const int directory = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const std::vector<std::string> names = namesIn(directory);
+  (void)close(directory);
   Outcome outcome{"StringVec " + std::to_string(names.size()) + '\n', 0};
   for (const std::string& name : names) {
     outcome.text += std::to_string(name.size());
@@ -126,18 +126,18 @@ void addLine(std::string& text, const char* name, const struct stat& st) {
   text.append(line, static_cast<std::size_t>(length));
 }
 
-// Of one folder with files in it.
+// Lists one directory with files in it.
 Outcome walkTree(const std::string& path) {
   Outcome outcome;
   struct stat st {};
   (void)lstat(path.c_str(), &st);
   addLine(outcome.text, ".", st);
-  const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  for (const std::string& name : namesIn(folder)) {
-    (void)fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+  const int directory = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (const std::string& name : namesIn(directory)) {
+    (void)fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW);
     addLine(outcome.text, name.c_str(), st);
   }
-  (void)close(folder);
+  (void)close(directory);
   return outcome;
 }
 

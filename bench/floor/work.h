@@ -7,13 +7,13 @@
 
 namespace zell::bench {
 
-/// What a task answers.
+/// The result of a task.
 struct Outcome {
   std::string text;
   int error = 0;  ///< an errno value, 0 for success
 };
 
-/// Carries out the task @p name; one that the floor does not know succeeds with an empty text.
+/// Runs the task @p name. An unknown task succeeds with an empty text.
 [[nodiscard]] Outcome runTask(std::string_view name, std::string_view first,
                               std::string_view second);
 

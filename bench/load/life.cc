@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A server's start, and its life without work.
+// Measures the start of a server, and an idle server.
 #include <cstdio>
 
 #include <fcntl.h>
@@ -21,7 +21,7 @@ constexpr int kSettleMilliseconds = 500;
 void runStart(const Options& options) {
   const std::string& program = options.text("--command");
   char* const argv[] = {const_cast<char*>(program.c_str()), nullptr};
-  // It keeps its standard streams, and ours may be a pipe that somebody reads to its end.
+  // The server keeps its standard streams, and ours may be a pipe whose reader waits for its end.
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
@@ -32,7 +32,7 @@ void runStart(const Options& options) {
   }
   const UniqueFd client = connectTo(options.port("--port"));
   const std::uint64_t elapsed = now() - begin;
-  (void)waitpid(pid, nullptr, 0);  // it goes on in the background
+  (void)waitpid(pid, nullptr, 0);  // the server continues in the background
   std::printf("{\"start_ms\": %.3f}\n", static_cast<double>(elapsed) / 1e6);
 }
 

@@ -17,7 +17,7 @@ constexpr struct {
     {"idle", zell::bench::runIdle},     {"start", zell::bench::runStart},
 };
 
-// A load may have as many connections as the server can hold.
+// A load may open as many connections as the server supports.
 void raiseDescriptorLimit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {

@@ -9,16 +9,16 @@ namespace zell::bench {
 
 std::uint64_t Meter::processorTime() const {
   std::uint64_t time = 0;
-  std::ifstream(folder_ + "schedstat") >> time;
+  std::ifstream(directory_ + "schedstat") >> time;
   return time;
 }
 
 void Meter::forgetPeak() const {
-  std::ofstream(folder_ + "clear_refs") << "5";
+  std::ofstream(directory_ + "clear_refs") << "5";
 }
 
 std::uint64_t Meter::status(const std::string& field) const {
-  std::ifstream file(folder_ + "status");
+  std::ifstream file(directory_ + "status");
   std::string word;
   while (file >> word) {
     if (word == field) {

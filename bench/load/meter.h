@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the kernel says that a process has used.
+// The kernel's counters of the resources that a process uses.
 #ifndef ZELL_BENCH_LOAD_METER_H_
 #define ZELL_BENCH_LOAD_METER_H_
 
@@ -11,31 +11,31 @@
 
 namespace zell::bench {
 
-/// Reads the counters of one process. A process that is not there reads as zeros.
+/// Reads the counters of one process. A missing process reads as zeros.
 class Meter {
  public:
-  explicit Meter(pid_t pid) : folder_("/proc/" + std::to_string(pid) + "/") {}
+  explicit Meter(pid_t pid) : directory_("/proc/" + std::to_string(pid) + "/") {}
 
   /// Processor time, in nanoseconds.
   [[nodiscard]] std::uint64_t processorTime() const;
   /// Memory in use, in bytes.
   [[nodiscard]] std::uint64_t resident() const { return status("VmRSS:") * 1024; }
-  /// The most memory that was in use since the last `forgetPeak`, in bytes.
+  /// The peak memory use since the last `forgetPeak`, in bytes.
   [[nodiscard]] std::uint64_t peak() const { return status("VmHWM:") * 1024; }
-  /// How often it has gone to sleep.
+  /// The number of voluntary context switches.
   [[nodiscard]] std::uint64_t sleeps() const { return status("voluntary_ctxt_switches:"); }
   void forgetPeak() const;
 
  private:
   [[nodiscard]] std::uint64_t status(const std::string& field) const;
 
-  std::string folder_;
+  std::string directory_;
 };
 
 /// Monotonic time in nanoseconds.
 [[nodiscard]] std::uint64_t now();
 
-/// The figure below which @p part of all lie; @p figures is put in order.
+/// The @p part percentile of @p figures, which this sorts.
 [[nodiscard]] std::uint64_t percentile(std::vector<std::uint64_t>& figures, double part);
 
 }  // namespace zell::bench

@@ -20,7 +20,7 @@ class Options {
   }
 
   [[nodiscard]] bool has(const std::string& name) const { return values_.count(name) != 0; }
-  /// An option that must be there.
+  /// A required option.
   [[nodiscard]] const std::string& text(const std::string& name) const {
     const auto found = values_.find(name);
     if (found == values_.end()) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes in at one connection and comes out at another: clauses, and a broker's messages.
+// Loads that enter on one connection and leave on another: clauses, and messages of a broker.
 #include <cerrno>
 #include <cstdio>
 #include <vector>
@@ -14,10 +14,10 @@ namespace zell::bench {
 namespace {
 
 constexpr char kHello[] = "<hello/>";
-constexpr std::size_t kHelloOut = sizeof kHello - 1 + 2;  // CR LF comes behind
-constexpr int kPatience = 60000;
+constexpr std::size_t kHelloOut = sizeof kHello - 1 + 2;  // the relay appends CR LF
+constexpr int kTimeout = 60000;
 
-// What the server used since this was made.
+// The resources that the server used since construction.
 class Stopwatch {
  public:
   explicit Stopwatch(const Meter& meter)
@@ -36,13 +36,13 @@ class Stopwatch {
   std::uint64_t begin_;
 };
 
-// Sends @p bytes @p repeat times on @p out while @p expected bytes come in on @p in.
+// Sends @p bytes @p repeat times on @p out while it receives @p expected bytes on @p in.
 void pump(int out, std::string_view bytes, std::size_t repeat, int in, std::size_t expected) {
   std::vector<char> buffer(256 * 1024);
   std::string_view rest = bytes;
   while (expected > 0) {
     pollfd set[] = {{in, POLLIN, 0}, {repeat > 0 ? out : -1, POLLOUT, 0}};
-    if (poll(set, 2, kPatience) <= 0) {
+    if (poll(set, 2, kTimeout) <= 0) {
       fail("nothing comes out");
     }
     if (set[1].revents != 0) {

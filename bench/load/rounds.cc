@@ -10,7 +10,7 @@
 namespace zell::bench {
 namespace {
 
-// One connection with requests on the way.
+// One connection with outstanding requests.
 class Client {
  public:
   Client(UniqueFd socket, const std::string& request, std::size_t replySize)
@@ -25,7 +25,7 @@ class Client {
     sendAll(socket_.get(), batch_);
   }
 
-  /// Waits for replies and notes how long each took; how many came.
+  /// Waits for replies and stores the duration of each. Returns the number of replies.
   std::size_t receive(std::vector<std::uint64_t>& times) {
     char buffer[65536];
     have_ += receiveSome(socket_.get(), buffer, sizeof buffer);
@@ -45,12 +45,12 @@ class Client {
   UniqueFd socket_;
   const std::string& request_;
   std::size_t replySize_;
-  std::size_t have_ = 0;  // of the next reply
+  std::size_t have_ = 0;  // bytes received of the next reply
   std::string batch_;
   std::deque<std::uint64_t> sent_;
 };
 
-// The connections take turns until @p count replies have come.
+// Uses the connections in turn until @p count replies have arrived.
 std::vector<std::uint64_t> exchange(std::vector<Client>& clients, std::size_t depth,
                                     std::size_t count) {
   std::vector<std::uint64_t> times;
@@ -74,7 +74,7 @@ std::vector<std::uint64_t> exchange(std::vector<Client>& clients, std::size_t de
   return times;
 }
 
-// The size of a reply to @p request: as told, or as the first frame that comes has it.
+// The size of a reply to @p request: from the option, or measured with the first frame received.
 std::size_t replySizeOf(const Options& options, const UniqueFd& master,
                         const std::string& request) {
   if (options.has("--reply")) {
@@ -84,7 +84,7 @@ std::size_t replySizeOf(const Options& options, const UniqueFd& master,
   return receiveReply(master.get());
 }
 
-// Connections that have been served once and say no more.
+// Connections that have been served once and then stay silent.
 std::vector<UniqueFd> openIdle(const Options& options, const std::string& request,
                                std::size_t replySize) {
   std::vector<UniqueFd> idle(options.number("--idle", 0));
@@ -127,7 +127,7 @@ void runRounds(const Options& options) {
   } else {
     clients.emplace_back(std::move(master), request, replySize);
   }
-  (void)exchange(clients, depth, count / 10);  // until everything is warm
+  (void)exchange(clients, depth, count / 10);  // warm-up
   const std::uint64_t processor = meter.processorTime();
   const std::uint64_t begin = now();
   std::vector<std::uint64_t> times = exchange(clients, depth, count);

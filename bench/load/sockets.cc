@@ -20,7 +20,7 @@
 namespace zell::bench {
 namespace {
 
-constexpr int kPatienceSeconds = 60;
+constexpr int kTimeoutSeconds = 60;
 constexpr std::size_t kPiece = 256 * 1024;
 constexpr int kBacklog = 1024;
 
@@ -35,12 +35,12 @@ sockaddr_in loopback(int port) {
 void setUp(int fd) {
   const int on = 1;
   (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const timeval patience{kPatienceSeconds, 0};
-  (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  const timeval timeout{kTimeoutSeconds, 0};
+  (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
 
-// What the kernel holds for the reader at @p port of the connection from @p ownPort.
+// Whether the reader at @p port has read everything from the connection from @p ownPort.
 bool allRead(int port, int ownPort) {
   std::ifstream table("/proc/net/tcp");
   std::string line;
@@ -54,7 +54,7 @@ bool allRead(int port, int ownPort) {
       return waiting == 0;
     }
   }
-  fail("the connection is gone");
+  fail("the connection was closed");
 }
 
 std::size_t unsent(int fd) {
@@ -89,8 +89,8 @@ UniqueFd listenOn(int port) {
 
 UniqueFd acceptFrom(const UniqueFd& listener) {
   pollfd wanted{listener.get(), POLLIN, 0};
-  if (poll(&wanted, 1, kPatienceSeconds * 1000) != 1) {
-    fail("nobody connects");
+  if (poll(&wanted, 1, kTimeoutSeconds * 1000) != 1) {
+    fail("no connection before the timeout");
   }
   UniqueFd fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
   if (!fd.valid()) {
@@ -102,7 +102,7 @@ UniqueFd acceptFrom(const UniqueFd& listener) {
 
 UniqueFd connectTo(int port) {
   const sockaddr_in address = loopback(port);
-  const std::uint64_t end = now() + kPatienceSeconds * UINT64_C(1000000000);
+  const std::uint64_t end = now() + kTimeoutSeconds * UINT64_C(1000000000);
   do {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
@@ -149,7 +149,7 @@ std::size_t receiveReply(int fd) {
   }
   const std::size_t size = std::strtoul(head.c_str() + 1, nullptr, 10);
   const std::size_t missing = size - std::min(size, head.size() - mark - 1);
-  // The fields after the text are the last bytes: 64 are enough for them.
+  // The fields after the text are the last bytes. 64 bytes are enough for them.
   const std::size_t tail = std::min<std::size_t>(missing, 64);
   receive(fd, missing - tail);
   std::string end(tail, '\0');
@@ -171,7 +171,7 @@ void waitUntilRead(int fd, int port) {
   if (getsockname(fd, reinterpret_cast<sockaddr*>(&own), &length) != 0) {
     fail("getsockname");
   }
-  const std::uint64_t end = now() + kPatienceSeconds * UINT64_C(1000000000);
+  const std::uint64_t end = now() + kTimeoutSeconds * UINT64_C(1000000000);
   while (unsent(fd) != 0 || !allRead(port, ntohs(own.sin_port))) {
     if (now() > end) {
       fail("what was sent is not read");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One large request or reply, and what the server needs for it.
+// Measures one large request or reply, and the memory that the server needs for it.
 #include <cstdio>
 
 #include <poll.h>
@@ -10,7 +10,7 @@
 namespace zell::bench {
 namespace {
 
-// Memory that is given back is so at once; a moment allows for what the server does afterwards.
+// Freed memory returns to the system at once. The delay covers the server's work after the reply.
 constexpr int kSettleMilliseconds = 250;
 
 }  // namespace

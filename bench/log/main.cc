@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// bench_log: reads /dev/log, so that a server that logs never waits, and throws the lines away. It
-// runs until a signal ends it. It looks in from time to time instead of sleeping until a line
-// comes: a line must not cost its sender the wake-up of another processor, which on a virtual
-// machine costs more than all the rest of it and is never twice the same.
+// bench_log: reads /dev/log and discards the lines, so that a logging server never blocks. Runs
+// until a signal ends it. It polls instead of sleeping until a line arrives, so that a line never
+// costs its sender the wake-up of another processor. On a virtual machine, such a wake-up costs
+// more than the rest of the line and varies widely.
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -18,7 +18,7 @@ constexpr int kLines = 64;
 constexpr std::size_t kLineSize = 8192;
 constexpr timespec kPause{0, 300000};
 
-// As many waiting lines as on a machine with an ordinary init; the kernel's own 10 are few.
+// As many queued lines as on a machine with an ordinary init. The kernel's default of 10 is low.
 void lengthenQueue() {
   std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 512;
 }

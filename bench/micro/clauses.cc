@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clause cutter.
+// Benchmarks of the clause buffer.
 #include <string>
 #include <vector>
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kPacket = 4096;
 
-// Range: a clause's size, and how many follow one another.
+// Range: the size of a clause, and the number of consecutive clauses.
 void clauses(benchmark::State& state) {
   const std::string begin = "<report>";
   const std::string end = "</report>";

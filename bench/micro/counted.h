@@ -10,8 +10,8 @@
 
 namespace zell::bench {
 
-/// Runs @p work until it has been measured. Each time it handles @p messages of @p bytes together.
-/// Reported are messages and bytes a second, and the allocations for one message.
+/// Runs @p work until it is measured. Each run handles @p messages of @p bytes together. Reports
+/// messages and bytes per second, and the allocations per message.
 template <typename Work>
 void measure(benchmark::State& state, std::size_t messages, std::size_t bytes, Work work) {
   const test::AllocationCount memory;

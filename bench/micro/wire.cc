@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The codec, the record and the formatters.
+// Benchmarks of the codec, the record and the formatters.
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kPacket = 4096;
 
-// Bytes as the loop hands them on.
+// Splits bytes into packets as the loop receives them.
 std::vector<std::string> packetsOf(const std::string& bytes) {
   std::vector<std::string> packets;
   for (std::size_t at = 0; at < bytes.size(); at += kPacket) {
@@ -32,7 +32,7 @@ std::string request(std::size_t size) {
          " 0 0: 0 0 0 0 0";
 }
 
-// Range: payload, and how many frames follow one another.
+// Range: the payload size, and the number of consecutive frames.
 void codec(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(1));
   std::string stream;
@@ -90,7 +90,7 @@ void formatStat(benchmark::State& state) {
 }
 BENCHMARK(formatStat);
 
-// Range: how many names.
+// Range: the number of names.
 void formatStringVec(benchmark::State& state) {
   const std::vector<std::string> names(static_cast<std::size_t>(state.range(0)), "entry-00000");
   std::ostringstream first;

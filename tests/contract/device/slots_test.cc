@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The order of the proxy's virtual operations. Code that was compiled separately relies on it.
+// The order of the proxy's virtual operations. Separately compiled code relies on it.
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -46,7 +46,7 @@ TEST(SlaveProxySlots, StandInTheirOrder) {
   EXPECT_EQ(slots, slotsBehindDestructors(slots.size()));
 }
 
-TEST(SlaveProxySlots, HoldNoProgramsAndNoStates) {
+TEST(SlaveProxySlots, HaveNoProgramsAndNoStates) {
   EXPECT_EQ(slotOf<int(const std::vector<std::string>&, int)>(&SlaveProxy::exec), -1);
   EXPECT_EQ(slotOf(&SlaveProxy::output), -1);
   EXPECT_EQ(slotOf(&SlaveProxy::updateUmState), -1);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files that are added to, with all the bytes or none.
+// Appending to files: all bytes or none.
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -19,7 +19,7 @@ namespace {
 using Names = std::vector<std::string>;
 using AppendTest = ProxyTest;
 
-TEST_F(AppendTest, AddsAtTheEndOfTheSameFile) {
+TEST_F(AppendTest, AppendsToTheSameFile) {
   const std::string path = dir_.write("a", "begin ");
   ASSERT_EQ(chmod(path.c_str(), 0600), 0);
   const ino_t inode = statusOf(path).st_ino;
@@ -31,7 +31,7 @@ TEST_F(AppendTest, AddsAtTheEndOfTheSameFile) {
   EXPECT_EQ(statusOf(path).st_mode, S_IFREG | 0600U);
 }
 
-TEST_F(AppendTest, MakesAMissingFileWithThePermissionsOfTheUmask) {
+TEST_F(AppendTest, CreatesAMissingFileWithThePermissionsOfTheUmask) {
   const mode_t before = umask(027);
   EXPECT_EQ(append(dir_.file("a"), "content"), kSuccess);
   umask(before);
@@ -39,7 +39,7 @@ TEST_F(AppendTest, MakesAMissingFileWithThePermissionsOfTheUmask) {
   EXPECT_EQ(statusOf(dir_.file("a")).st_mode, S_IFREG | 0640U);
 }
 
-TEST_F(AppendTest, MakesTheTargetOfADanglingLink) {
+TEST_F(AppendTest, CreatesTheTargetOfADanglingLink) {
   ASSERT_EQ(symlink("target", dir_.file("link").c_str()), 0);
   EXPECT_EQ(append(dir_.file("link"), "content"), kSuccess);
   EXPECT_EQ(contentOf(dir_.file("target")), "content");
@@ -59,7 +59,7 @@ TEST_F(AppendTest, SyncsTheDirectoryOfANewFile) {
   EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "fsync directory"}));
 }
 
-TEST_F(AppendTest, CutsBackWhatDidNotFit) {
+TEST_F(AppendTest, TruncatesAfterAPartialWrite) {
   const Mount memory = Mount::memory(dir_.path(), "size=64k");
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(append(path, std::string(100000, 'x')), failureWith(ENOSPC));
@@ -67,7 +67,7 @@ TEST_F(AppendTest, CutsBackWhatDidNotFit) {
   EXPECT_EQ(append(path, std::string(30000, 'x')), kSuccess);
 }
 
-TEST_F(AppendTest, MakesNoFileForWhatDoesNotFit) {
+TEST_F(AppendTest, CreatesNoFileWhenTheContentDoesNotFit) {
   const Mount memory = Mount::memory(dir_.path(), "size=64k");
   EXPECT_EQ(append(dir_.file("a"), std::string(100000, 'x')), failureWith(ENOSPC));
   Names names;
@@ -75,7 +75,7 @@ TEST_F(AppendTest, MakesNoFileForWhatDoesNotFit) {
   EXPECT_EQ(names, Names{});
 }
 
-TEST_F(AppendTest, CutsBackWhatCouldNotBeSynced) {
+TEST_F(AppendTest, TruncatesAfterAFailedSync) {
   const std::string path = dir_.write("a", "old");
   SpiedCalls spy;
   spy.fail("fsync file", EIO);
@@ -84,14 +84,14 @@ TEST_F(AppendTest, CutsBackWhatCouldNotBeSynced) {
   EXPECT_EQ(spy.calls(), (Names{"write", "fsync file", "ftruncate", "fsync file"}));
 }
 
-TEST_F(AppendTest, MakesNoFileWhoseNameCouldNotBeSynced) {
+TEST_F(AppendTest, CreatesNoFileWhenTheDirectoryCannotBeSynced) {
   SpiedCalls spy;
   spy.fail("fsync directory", EIO);
   EXPECT_EQ(append(dir_.file("a"), "new"), failureWith(EIO));
   EXPECT_FALSE(proxy_.fileExists(dir_.file("a")));
 }
 
-TEST_F(AppendTest, FailsWhereNoFileCanBe) {
+TEST_F(AppendTest, FailsOnAPathThatCannotBeAFile) {
   EXPECT_EQ(append("", "x"), failureWith(ENOENT));
   EXPECT_EQ(append(dir_.path(), "x"), failureWith(EISDIR));
   EXPECT_EQ(append(dir_.file("none/a"), "x"), failureWith(ENOENT));
@@ -107,17 +107,17 @@ TEST_F(AppendTest, WritesToDevicesAndDoesNotWaitForTheReaderOfAFifo) {
   EXPECT_EQ(append("/dev/full", "x"), failureWith(ENOSPC));
 }
 
-TEST_F(AppendTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
+TEST_F(AppendTest, GivesUpWhenTheReaderOfAFifoReadsNothing) {
   const SilentReader reader = SilentReader::ofFifo(dir_.file("fifo"));
   expectGivesUp(reader, [&](const std::string& data) { return append(reader.path(), data); });
 }
 
-TEST_F(AppendTest, GivesUpOnTheReaderOfATerminalThatTakesNothing) {
+TEST_F(AppendTest, GivesUpWhenTheReaderOfATerminalReadsNothing) {
   const SilentReader reader = SilentReader::ofTerminal();
   expectGivesUp(reader, [&](const std::string& data) { return append(reader.path(), data); });
 }
 
-TEST_F(AppendTest, FailsWhereItCannotTellHowLongTheFileIs) {
+TEST_F(AppendTest, FailsWhenTheSizeOfTheFileIsUnknown) {
   const std::string path = dir_.write("a", "old");
   SpiedCalls spy;
   spy.fail("fstat", EIO);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Programs that are left running: how they are stopped, waited for, and forgotten.
+// Background programs: how they are stopped, waited for, and forgotten.
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -27,8 +27,8 @@ const char* const kRunning = "2 1 0 0 0";
 
 class BackgroundProgramsTest : public ProxyTest {
  protected:
-  /// Starts @p script in the background of @p proxy; the process id of its shell, once it has come
-  /// to the place of the script that says "ready".
+  /// Starts @p script in the background of @p proxy. Waits until the script runs "ready" and
+  /// returns the process id of its shell.
   int start(SlaveProxy& proxy, const std::string& script) {
     const std::string marker = dir_.file("ready" + std::to_string(++started_));
     const std::string ready = "echo $$ > " + marker + ".new; mv " + marker + ".new " + marker;
@@ -45,13 +45,13 @@ class BackgroundProgramsTest : public ProxyTest {
     return becomesTrue([&] { return stateOf(pid) == "Z"; });
   }
 
-  /// The regular work of a pass of the loop @p time later.
+  /// The periodic work of a loop pass @p time later.
   static void workAfter(milliseconds time) {
     FakeSystem::instance().now += time;
     LedControl::instance().poll();
   }
 
-  /// What the regular work asks the kernel @p time later.
+  /// The system calls of the periodic work @p time later.
   static Names askedAfter(milliseconds time) {
     const SpiedCalls spy;
     workAfter(time);
@@ -66,14 +66,14 @@ class BackgroundProgramsTest : public ProxyTest {
   int started_ = 0;
 };
 
-TEST_F(BackgroundProgramsTest, AreAnsweredAtOnceWithoutOutput) {
+TEST_F(BackgroundProgramsTest, AreAnsweredImmediatelyWithoutOutput) {
   EXPECT_EQ(proxy_.system("echo unseen; exec sleep 1000", -1), 0);
   EXPECT_EQ(fields(proxy_), kRunning);
   EXPECT_EQ(proxy_.output(), "");
   EXPECT_TRUE(proxy_.kill());
 }
 
-TEST_F(BackgroundProgramsTest, WriteToNowhere) {
+TEST_F(BackgroundProgramsTest, WriteToDevNull) {
   const int pid = start("ready; exec sleep 1000");
   for (const char* fd : {"0", "1", "2"}) {
     EXPECT_EQ(proxy_.realPath("/proc/" + std::to_string(pid) + "/fd/" + fd), "/dev/null");
@@ -129,7 +129,7 @@ TEST_F(BackgroundProgramsTest, CannotBeKilledAfterTheirEndButWaitedForOnce) {
   EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
 }
 
-TEST_F(BackgroundProgramsTest, TellTheirEndToWait) {
+TEST_F(BackgroundProgramsTest, ReportTheirEndToWait) {
   start("ready; sleep 0.2; exit 0");
   EXPECT_TRUE(proxy_.wait());
   EXPECT_EQ(fields(proxy_), "0 2 0 0 0");
@@ -153,7 +153,7 @@ TEST_F(BackgroundProgramsTest, AreWaitedForThroughSignals) {
   EXPECT_EQ(fields(proxy_), "1 2 6 0 0");
 }
 
-TEST_F(BackgroundProgramsTest, AreNoneAfterAProgramThatWasWaitedFor) {
+TEST_F(BackgroundProgramsTest, AreForgottenByAForegroundProgram) {
   (void)shell("exit 0");
   EXPECT_FALSE(proxy_.kill());
   EXPECT_EQ(fields(proxy_), failureWith(ESRCH));
@@ -161,7 +161,7 @@ TEST_F(BackgroundProgramsTest, AreNoneAfterAProgramThatWasWaitedFor) {
   EXPECT_EQ(fields(proxy_), failureWith(ECHILD));
 }
 
-TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramStarts) {
+TEST_F(BackgroundProgramsTest, KeepRunningWhenTheNextProgramStarts) {
   const int pid = start("ready; exec sleep 1000");
   (void)shell("exit 0");
   EXPECT_FALSE(proxy_.kill());
@@ -170,7 +170,7 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramStarts) {
   end(pid);
 }
 
-TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramFailsToStart) {
+TEST_F(BackgroundProgramsTest, KeepRunningWhenTheNextProgramFailsToStart) {
   const int pid = start("ready; exec sleep 1000");
   EXPECT_EQ(proxy_.exec("/no/such/program", -1), ENOENT);
   EXPECT_FALSE(proxy_.wait());
@@ -179,7 +179,7 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheNextProgramFailsToStart) {
   end(pid);
 }
 
-TEST_F(BackgroundProgramsTest, RunOnWhenTheirProxyGoes) {
+TEST_F(BackgroundProgramsTest, KeepRunningWhenTheirProxyIsDestroyed) {
   auto proxy = std::make_unique<SlaveProxyLocal>();
   const int pid = start(*proxy, "ready; exec sleep 1000");
   proxy.reset();
@@ -187,14 +187,14 @@ TEST_F(BackgroundProgramsTest, RunOnWhenTheirProxyGoes) {
   end(pid);
 }
 
-TEST_F(BackgroundProgramsTest, AreReapedByTheRegularWorkOnceForgotten) {
+TEST_F(BackgroundProgramsTest, AreReapedByThePeriodicWorkOnceForgotten) {
   auto proxy = std::make_unique<SlaveProxyLocal>();
   const int running = start(*proxy, "ready; exec sleep 1000");
   const int ended = start("ready; exit 0");
   proxy.reset();
   (void)shell("true");
   EXPECT_TRUE(endsUnreaped(ended));
-  errno = EINTR;  // what an earlier call left behind
+  errno = EINTR;  // left by an earlier call
   workAfter(milliseconds(500));
   EXPECT_EQ(stateOf(ended), "");
   EXPECT_TRUE(lives(running));
@@ -203,7 +203,7 @@ TEST_F(BackgroundProgramsTest, AreReapedByTheRegularWorkOnceForgotten) {
   EXPECT_EQ(stateOf(running), "");
 }
 
-TEST_F(BackgroundProgramsTest, AreAskedAboutTwiceASecondOnceForgotten) {
+TEST_F(BackgroundProgramsTest, ArePolledTwiceASecondOnceForgotten) {
   const int pid = start("ready; exec sleep 1000");
   (void)shell("true");
   workAfter(milliseconds(500));
@@ -214,10 +214,10 @@ TEST_F(BackgroundProgramsTest, AreAskedAboutTwiceASecondOnceForgotten) {
   end(pid);
   EXPECT_EQ(askedAfter(milliseconds(499)), Names{});
   EXPECT_EQ(askedAfter(milliseconds(1)), (Names{"waitid", "waitpid"}));
-  EXPECT_EQ(askedAfter(std::chrono::hours(1)), Names{});  // none is left
+  EXPECT_EQ(askedAfter(std::chrono::hours(1)), Names{});  // all are reaped
 }
 
-TEST_F(BackgroundProgramsTest, AreAskedAboutAllAtOnceWhileNoneHasEnded) {
+TEST_F(BackgroundProgramsTest, ArePolledInOneCallWhileAllRun) {
   std::vector<int> pids;
   for (int i = 0; i < 20; ++i) {
     pids.push_back(start("ready; exec sleep 1000"));
@@ -234,7 +234,7 @@ TEST_F(BackgroundProgramsTest, AreAskedAboutAllAtOnceWhileNoneHasEnded) {
   }
 }
 
-// However the passes of a loop of ten a second lie.
+// For any offset of the passes, at ten passes a second.
 TEST_F(BackgroundProgramsTest, AreReapedWithinASecondOfTheirEndOnceForgotten) {
   for (int before = 0; before < 6; ++before) {
     const int pid = start("ready; exec sleep 1000");
@@ -250,7 +250,7 @@ TEST_F(BackgroundProgramsTest, AreReapedWithinASecondOfTheirEndOnceForgotten) {
   }
 }
 
-TEST_F(BackgroundProgramsTest, AreLeftToWaitByTheRegularWorkUntilForgotten) {
+TEST_F(BackgroundProgramsTest, AreNotReapedByThePeriodicWorkUntilForgotten) {
   const int pid = start("ready; exit 7");
   EXPECT_TRUE(endsUnreaped(pid));
   workAfter(milliseconds(500));
@@ -258,9 +258,9 @@ TEST_F(BackgroundProgramsTest, AreLeftToWaitByTheRegularWorkUntilForgotten) {
   EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
 }
 
-TEST_F(BackgroundProgramsTest, AreNotTakenForAForgottenOneOfTheSameNumber) {
+TEST_F(BackgroundProgramsTest, AreNotReapedInPlaceOfAForgottenOneWithTheSamePid) {
   const int first = start("ready; exec sleep 1000");
-  (void)shell("true");  // forgets it
+  (void)shell("true");  // forgets the program
   end(first);
   workAfter(milliseconds(500));
 
@@ -272,7 +272,7 @@ TEST_F(BackgroundProgramsTest, AreNotTakenForAForgottenOneOfTheSameNumber) {
   EXPECT_EQ(fields(proxy_), "1 2 7 0 0");
 }
 
-TEST_F(BackgroundProgramsTest, DoNotDisturbChildrenOfOthers) {
+TEST_F(BackgroundProgramsTest, LeaveOtherChildrenUnreaped) {
   const pid_t stranger = fork();
   if (stranger == 0) {
     _exit(9);
@@ -284,7 +284,7 @@ TEST_F(BackgroundProgramsTest, DoNotDisturbChildrenOfOthers) {
   EXPECT_EQ(WEXITSTATUS(status), 9);
 }
 
-TEST_F(BackgroundProgramsTest, AreAFailureToWaitForWhenSomebodyElseReapedThem) {
+TEST_F(BackgroundProgramsTest, FailToBeWaitedForWhenAlreadyReaped) {
   const int pid = start("ready; exec sleep 1000");
   ::kill(pid, SIGKILL);
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);

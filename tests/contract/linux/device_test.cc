@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the device says about itself, its processes, its states, and its end.
+// Identity, processes, stored states, and reboot of the device.
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -43,8 +43,8 @@ class DeviceTest : public ProxyTest {
   }
 };
 
-/// A sleeping process with the given argv[0], which can be seen: a spawn is over a moment before
-/// the kernel shows the new program's arguments.
+/// A sleeping process with the given argv[0]. Waits until /proc shows its arguments, which happens
+/// shortly after the spawn.
 class Sleeper {
  public:
   explicit Sleeper(const std::string& argument) {
@@ -83,7 +83,7 @@ TEST_F(DeviceTest, FindsNoProcessByAPartOfAName) {
   EXPECT_EQ(running(std::string("sleep\0", 6)), failureWith(EINVAL));
 }
 
-TEST_F(DeviceTest, FindsAProcessBehindOddNames) {
+TEST_F(DeviceTest, FindsAProcessAmongOddNames) {
   const std::string odd = ") Z (";
   const pid_t pid = fork();
   if (pid == 0) {
@@ -107,7 +107,7 @@ TEST_F(DeviceTest, DoesNotCountAZombieAsRunning) {
   waitpid(pid, nullptr, 0);
 }
 
-TEST_F(DeviceTest, CannotFindAProcessWhereTheyAreNotListed) {
+TEST_F(DeviceTest, FindsNoProcessWithoutProc) {
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_getdents64, EIO);
               return running("sleep");
@@ -115,7 +115,7 @@ TEST_F(DeviceTest, CannotFindAProcessWhereTheyAreNotListed) {
             failureWith(EIO));
 }
 
-// What the kernel shows of one process that the tests cannot have at will.
+// Files in /proc of a process that a test cannot create.
 struct ShownProcess {
   const char* directory;
   std::string comm;
@@ -124,7 +124,7 @@ struct ShownProcess {
   bool found;
 };
 
-TEST_F(DeviceTest, FindsAProcessByWhatTheKernelShowsOfIt) {
+TEST_F(DeviceTest, FindsAProcessByItsFilesInProc) {
   const std::string alive = "1 (x) S 0";
   const std::string arguments("wanted\0other", 12);
   const ShownProcess shown[] = {
@@ -134,10 +134,10 @@ TEST_F(DeviceTest, FindsAProcessByWhatTheKernelShowsOfIt) {
       {"10", "other\n", std::string("/bin/wanted\0", 12), alive, true},
       {"10", "other\n", std::string("other\0wanted", 12), alive, false},
       {"10", "", "", alive, false},
-      {"10", "wanted", "", alive, false},  // whole lines only
+      {"10", "wanted", "", alive, false},  // matches whole lines only
       {"10", "wanted\n", "", "1 (x) Z 0", false},
       {"10", "wanted\n", "", "1 (x) X 0", false},
-      {"10", "wanted\n", "", "", false},  // it has ended meanwhile
+      {"10", "wanted\n", "", "", false},  // the process has ended meanwhile
       {"10", "other\n", "wanted", alive, false},
       {"self", "wanted\n", arguments, alive, false},
       {"1-2", "wanted\n", arguments, alive, false},
@@ -155,7 +155,7 @@ TEST_F(DeviceTest, FindsAProcessByWhatTheKernelShowsOfIt) {
   }
 }
 
-TEST_F(DeviceTest, FindsNoProcessThatEndsWhileItIsLookedAt) {
+TEST_F(DeviceTest, FindsNoProcessThatEndsDuringTheSearch) {
   const Mount proc = Mount::memory("/proc");
   std::filesystem::create_directories("/proc/10");
   std::ofstream("/proc/10/comm") << "wanted\n";
@@ -168,7 +168,7 @@ TEST_F(DeviceTest, TakesItsIdFromTheMachineId) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(DeviceTest, TakesItsIdFromTheSystemWhereThereIsNoMachineId) {
+TEST_F(DeviceTest, TakesItsIdFromTheSystemWithoutAMachineId) {
   std::ofstream("/etc/hostid", std::ios::binary).write("\x0d\x0c\x0b\x0a", 4);
   std::filesystem::remove(kMachineId);
   EXPECT_EQ(proxy_.hostId(), "0a0b0c0d");
@@ -177,7 +177,7 @@ TEST_F(DeviceTest, TakesItsIdFromTheSystemWhereThereIsNoMachineId) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(DeviceTest, KnowsItsTypeByWhatDescribesTheHardware) {
+TEST_F(DeviceTest, DerivesItsTypeFromTheHardwareDescription) {
   const Mount sys = Mount::memory("/sys");
   ASSERT_FALSE(std::filesystem::exists("/proc/device-tree/compatible"));
   EXPECT_EQ(proxy_.deviceType(), DeviceType_t::unknown);
@@ -190,7 +190,7 @@ TEST_F(DeviceTest, KnowsItsTypeByWhatDescribesTheHardware) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(DeviceTest, MakesTheDirectoryOfTheStates) {
+TEST_F(DeviceTest, CreatesTheDirectoryOfTheStates) {
   std::filesystem::remove_all("/var/lib/runeld");
   const mode_t before = umask(077);
   EXPECT_EQ(store("first", "state"), kSuccess);
@@ -200,7 +200,7 @@ TEST_F(DeviceTest, MakesTheDirectoryOfTheStates) {
   EXPECT_EQ(statusOf(kStore).st_mode, S_IFDIR | 0755U);
 }
 
-TEST_F(DeviceTest, HasTheDirectoryOfTheStatesOnDiskToo) {
+TEST_F(DeviceTest, SyncsTheDirectoryOfTheStates) {
   std::filesystem::remove_all("/var/lib/runeld");
   SpiedCalls spy;
   EXPECT_EQ(store("first", "state"), kSuccess);
@@ -237,7 +237,7 @@ TEST_F(DeviceTest, RefusesOtherKeys) {
   EXPECT_FALSE(std::filesystem::exists("/var/lib/runeld"));
 }
 
-TEST_F(DeviceTest, FailsToStoreWhereTheDirectoryCannotBeMade) {
+TEST_F(DeviceTest, FailsToStoreWhenTheDirectoryCannotBeCreated) {
   std::filesystem::remove_all("/var/lib/runeld");
   std::ofstream("/var/lib/runeld") << "in the way";
   EXPECT_EQ(store("key", "state"), failureWith(ENOTDIR));
@@ -245,13 +245,13 @@ TEST_F(DeviceTest, FailsToStoreWhereTheDirectoryCannotBeMade) {
 }
 
 TEST_F(DeviceTest, SyncsBeforeItReboots) {
-  FakeSystem::instance().rebootErrno = EIO;  // only asked for after a failure
+  FakeSystem::instance().rebootErrno = EIO;  // only called after a failure
   EXPECT_TRUE(proxy_.reboot());
   EXPECT_EQ(FakeSystem::instance().calls, (std::vector<std::string>{"sync", "reboot 0x1234567"}));
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(DeviceTest, TellsThatItCouldNotReboot) {
+TEST_F(DeviceTest, ReportsAFailedReboot) {
   FakeSystem::instance().rebootResult = -1;
   FakeSystem::instance().rebootErrno = EPERM;
   EXPECT_FALSE(proxy_.reboot());

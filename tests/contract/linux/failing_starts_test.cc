@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Programs where the system has no more to give.
+// Starting programs when the system is out of resources.
 #include <cerrno>
 #include <chrono>
 
@@ -16,7 +16,7 @@ namespace {
 
 using FailingStartsTest = ProxyTest;
 
-TEST_F(FailingStartsTest, TellThatThereIsNoProcessLeft) {
+TEST_F(FailingStartsTest, ReportTheLimitOfProcesses) {
   EXPECT_EQ(inChild([&] {
               for (const int call : {SYS_clone, SYS_clone3, SYS_fork, SYS_vfork}) {
                 refuseCalls(call, EAGAIN);
@@ -26,7 +26,7 @@ TEST_F(FailingStartsTest, TellThatThereIsNoProcessLeft) {
             failureWith(EAGAIN) + ", " + failureWith(EAGAIN));
 }
 
-TEST_F(FailingStartsTest, TellThatThereIsNoDescriptorLeft) {
+TEST_F(FailingStartsTest, ReportTheLimitOfDescriptors) {
   EXPECT_EQ(inChild([&] {
               const rlimit none{3, 3};
               setrlimit(RLIMIT_NOFILE, &none);
@@ -35,7 +35,7 @@ TEST_F(FailingStartsTest, TellThatThereIsNoDescriptorLeft) {
             failureWith(EMFILE) + ", " + failureWith(EMFILE));
 }
 
-TEST_F(FailingStartsTest, TakeTwoDescriptorsAndNoMore) {
+TEST_F(FailingStartsTest, NeedTwoDescriptors) {
   EXPECT_EQ(inChild([&] {
               const rlimit few{64, 64};
               setrlimit(RLIMIT_NOFILE, &few);
@@ -59,7 +59,7 @@ TEST_F(FailingStartsTest, AreWaitedForWhenPollFails) {
               const auto before = processorTime();
               const std::string limited = shell("sleep 1000", 1);
               const bool asleep = processorTime() - before < std::chrono::milliseconds(200);
-              (void)close(STDIN_FILENO);  // the output's pipe has the number 0 then
+              (void)close(STDIN_FILENO);  // the output's pipe then gets the number 0
               const std::string unlimited = shell("head -c 300000 /dev/zero; exit 3");
               return limited + (asleep ? ", asleep, " : ", at work, ") + unlimited + ", " +
                      std::to_string(proxy_.output().size());
@@ -67,7 +67,7 @@ TEST_F(FailingStartsTest, AreWaitedForWhenPollFails) {
             "3 4 -1 110 15, asleep, 1 2 3 0 0, 300000");
 }
 
-TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeMeasured) {
+TEST_F(FailingStartsTest, ReportTheirEndWithoutOutputWhenItCannotBeMeasured) {
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_ioctl, EBADF);
               return shell("echo x; exit 3");
@@ -75,14 +75,14 @@ TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeMeasured
             "1 2 3 0 0");
 }
 
-TEST_F(FailingStartsTest, AnswerWithTheirEndAloneWhenTheirOutputCannotBeRead) {
+TEST_F(FailingStartsTest, ReportTheirEndWithoutOutputWhenItCannotBeRead) {
   SpiedCalls spy;
   spy.failAlways("read", EAGAIN);
   EXPECT_EQ(shell("echo x; exit 3"), "1 2 3 0 0");
   EXPECT_EQ(proxy_.output(), "");
 }
 
-TEST_F(FailingStartsTest, TellWhenTheEndOfAStoppedProgramIsUnknown) {
+TEST_F(FailingStartsTest, ReportWhenTheEndOfAStoppedProgramIsUnknown) {
   EXPECT_EQ(inChild([&] {
               const std::string started = shell("sleep 1000", -1);
               refuseCalls(SYS_wait4, ECHILD);

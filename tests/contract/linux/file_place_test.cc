@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a path leads that the kernel was not asked about, or was asked about a moment too early.
+// Resolves a path in user space: the result must not depend on an earlier system call.
 #include "zell/linux/file_place.h"
 
 #include <cerrno>
@@ -20,7 +20,7 @@ class FilePlaceTest : public ProxyTest {
   }
 };
 
-TEST_F(FilePlaceTest, IsNoneForAPathThatEndsInADirectory) {
+TEST_F(FilePlaceTest, FailsForAPathThatEndsInADirectory) {
   mkdir(dir_.file("below").c_str(), 0755);
   for (const std::string& path : {std::string("/"), dir_.path() + "/", dir_.path() + "/.",
                                   dir_.file("below/.."), std::string("."), std::string("..")}) {
@@ -28,11 +28,11 @@ TEST_F(FilePlaceTest, IsNoneForAPathThatEndsInADirectory) {
   }
 }
 
-TEST_F(FilePlaceTest, IsNoneForNoPath) {
+TEST_F(FilePlaceTest, FailsForAnEmptyPath) {
   EXPECT_EQ(find(""), ENOENT);
 }
 
-TEST_F(FilePlaceTest, IsAtTheEndOfFortyLinksAndNoMore) {
+TEST_F(FilePlaceTest, FollowsFortyLinksAndNoMore) {
   ASSERT_EQ(symlink("target", dir_.file("0").c_str()), 0);
   for (int i = 1; i <= 40; ++i) {
     const std::string next = dir_.file(std::to_string(i));
@@ -44,12 +44,12 @@ TEST_F(FilePlaceTest, IsAtTheEndOfFortyLinksAndNoMore) {
   EXPECT_EQ(find(dir_.file("40")), ELOOP);
 }
 
-TEST_F(FilePlaceTest, IsNoneForACircleOfLinks) {
+TEST_F(FilePlaceTest, FailsForALoopOfLinks) {
   ASSERT_EQ(symlink("circle", dir_.file("circle").c_str()), 0);
   EXPECT_EQ(find(dir_.file("circle")), ELOOP);
 }
 
-TEST_F(FilePlaceTest, IsInTheTopmostDirectoryForAPathWithOneSlash) {
+TEST_F(FilePlaceTest, IsInTheRootDirectoryForAPathWithOneSlash) {
   FilePlace place;
   ASSERT_EQ(findPlace("/none-of-this-name", place), 0);
   EXPECT_EQ(place.name, "none-of-this-name");

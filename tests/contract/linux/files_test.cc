@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The operations on files that are one system call.
+// File operations that are one system call.
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -42,7 +42,7 @@ TEST_F(FilesTest, ADanglingLinkDoesNotExist) {
   EXPECT_TRUE(proxy_.lstat(dir_.file("link"), st));
 }
 
-TEST_F(FilesTest, AccessTestsWhatItIsAskedFor) {
+TEST_F(FilesTest, AccessTestsTheRequestedMode) {
   const std::string path = dir_.write("a", "");
   chmod(path.c_str(), 0600);
   EXPECT_TRUE(proxy_.access(path, 0));
@@ -62,7 +62,7 @@ TEST_F(FilesTest, ChmodxAddsExecutePermissionForAll) {
   EXPECT_EQ(statusOf(path).st_mode, S_IFREG | 04751U);
 }
 
-TEST_F(FilesTest, UnlinkRemovesALinkAndNoDirectory) {
+TEST_F(FilesTest, UnlinkRemovesALinkButNotADirectory) {
   dir_.write("a", "");
   ASSERT_EQ(symlink("a", dir_.file("link").c_str()), 0);
   EXPECT_TRUE(proxy_.unlink(dir_.file("link")));
@@ -111,7 +111,7 @@ TEST_F(FilesTest, ReadDirListsManyEntries) {
   EXPECT_EQ(names, expected);
 }
 
-TEST_F(FilesTest, ReadDirListsAnEmptyDirectoryAndNoFile) {
+TEST_F(FilesTest, ReadDirListsAnEmptyDirectoryAndRefusesAFile) {
   Names names;
   EXPECT_TRUE(proxy_.readDir(dir_.path(), names));
   EXPECT_EQ(names, Names{});
@@ -130,7 +130,7 @@ TEST_F(FilesTest, ReadDirFailsWhereTheDirectoryCannotBeRead) {
             failureWith(EIO) + ", 0");
 }
 
-TEST_F(FilesTest, FreeBlocksCountsWhatUnprivilegedUsersMayTake) {
+TEST_F(FilesTest, FreeBlocksCountsTheBlocksForUnprivilegedUsers) {
   const Mount memory = Mount::memory(dir_.path(), "size=1m");
   std::uint64_t blocks = 0;
   EXPECT_TRUE(proxy_.freeBlocks(dir_.path(), blocks));
@@ -147,14 +147,14 @@ TEST_F(FilesTest, FreeBlocksHas64Bits) {
   EXPECT_EQ(blocks, 8589934592U);
 }
 
-TEST_F(FilesTest, FreeBlocksOfNothingLeavesTheNumberAlone) {
+TEST_F(FilesTest, FreeBlocksOfAMissingPathDoesNotSetTheNumber) {
   std::uint64_t blocks = 7;
   EXPECT_FALSE(proxy_.freeBlocks(dir_.file("none"), blocks));
   EXPECT_EQ(statusText(), failureWith(ENOENT));
   EXPECT_EQ(blocks, 7U);
 }
 
-TEST_F(FilesTest, AZeroByteInAPathTouchesNothing) {
+TEST_F(FilesTest, AZeroByteInAPathIsRefused) {
   dir_.write("a", "content");
   char before[4096];
   ASSERT_NE(getcwd(before, sizeof before), nullptr);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// LEDs as the kernel shows them, in memory.
+// LED directories like those of the kernel, in memory.
 #ifndef TESTS_CONTRACT_LINUX_LED_DIRECTORIES_H_
 #define TESTS_CONTRACT_LINUX_LED_DIRECTORIES_H_
 
@@ -9,8 +9,8 @@
 
 namespace zell::test {
 
-/// Puts an empty /sys over the machine's and makes the two LED directories that the build was
-/// configured with, dark, with a brightness of at most 255 and without a trigger.
+/// Mounts an empty /sys and creates the two LED directories of the build's configuration: off,
+/// maximum brightness 255, no trigger.
 class LedDirectories {
  public:
   LedDirectories();
@@ -18,7 +18,7 @@ class LedDirectories {
   /// The path of a file of the first or second LED.
   static std::string first(const std::string& name);
   static std::string second(const std::string& name);
-  /// The brightness of both, as "255 0".
+  /// The brightness of both LEDs, as "255 0".
   static std::string shown();
 
  private:

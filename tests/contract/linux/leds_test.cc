@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The LEDs, and the controller that blinks them. Time is the test's.
+// The LEDs, and the controller that blinks them, with simulated time.
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -26,12 +26,12 @@ class LedsTest : public ProxyTest {
   LedsTest() {
     FakeSystem::instance().reset();
     leds().initialize(&proxy_);
-    (void)proxy_.changeLeds(false, false);  // no blink from the test before
+    (void)proxy_.changeLeds(false, false);  // stops a blink of the previous test
   }
 
   static LedControl& leds() { return LedControl::instance(); }
 
-  /// What the LEDs show after one pass of the loop @p time later.
+  /// The brightness of the LEDs after one loop pass @p time later.
   static std::string after(milliseconds time) {
     FakeSystem::instance().now += time;
     leds().poll();
@@ -55,28 +55,28 @@ TEST_F(LedsTest, AreSwitchedOneByOne) {
   EXPECT_EQ(LedDirectories::shown(), kLit);
 }
 
-TEST_F(LedsTest, ShineWithTheirOwnFullBrightness) {
+TEST_F(LedsTest, ShineWithTheirMaximumBrightness) {
   std::ofstream(LedDirectories::first("max_brightness")) << "7\n";
   std::filesystem::remove(LedDirectories::second("max_brightness"));
   EXPECT_EQ(change(true, true), kSuccess);
   EXPECT_EQ(LedDirectories::shown(), "7 1");
 }
 
-TEST_F(LedsTest, ShineWithOneWhereTheirFullBrightnessIsNoNumber) {
+TEST_F(LedsTest, ShineWithBrightnessOneWhenTheMaximumIsMalformed) {
   std::ofstream(LedDirectories::first("max_brightness")) << "";
   std::ofstream(LedDirectories::second("max_brightness")) << "much";
   EXPECT_EQ(change(true, true), kSuccess);
   EXPECT_EQ(LedDirectories::shown(), "1 1");
 }
 
-TEST_F(LedsTest, AreTakenFromTheirTrigger) {
+TEST_F(LedsTest, AreDetachedFromTheirTrigger) {
   std::ofstream(LedDirectories::first("trigger")) << "[heartbeat] none";
   EXPECT_EQ(change(true, true), kSuccess);
   EXPECT_EQ(contentOf(LedDirectories::first("trigger")), "none");
   EXPECT_FALSE(std::filesystem::exists(LedDirectories::second("trigger")));
 }
 
-TEST_F(LedsTest, AreBothTriedAndTheFirstErrorTold) {
+TEST_F(LedsTest, AreBothTriedAndTheFirstErrorIsReported) {
   std::filesystem::remove_all(LedDirectories::first(""));
   EXPECT_EQ(change(true, true), failureWith(ENOENT));
   EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "255");
@@ -85,14 +85,14 @@ TEST_F(LedsTest, AreBothTriedAndTheFirstErrorTold) {
   EXPECT_EQ(change(true, true), failureWith(ENOENT));
 }
 
-TEST_F(LedsTest, TellTheErrorOfTheSecond) {
+TEST_F(LedsTest, ReportTheErrorOfTheSecond) {
   std::filesystem::remove(LedDirectories::second("brightness"));
   std::filesystem::create_directory(LedDirectories::second("brightness"));
   EXPECT_EQ(change(true, true), failureWith(EISDIR));
   EXPECT_EQ(contentOf(LedDirectories::first("brightness")), "255");
 }
 
-TEST_F(LedsTest, TellTheErrorOfATrigger) {
+TEST_F(LedsTest, ReportTheErrorOfATrigger) {
   std::filesystem::create_directory(LedDirectories::first("trigger"));
   EXPECT_EQ(change(true, true), failureWith(EISDIR));
 }
@@ -123,7 +123,7 @@ TEST_F(LedsTest, BlinkInTurn) {
   EXPECT_EQ(after(milliseconds(500)), "255 0");
 }
 
-TEST_F(LedsTest, ShineAndRestWithoutEnd) {
+TEST_F(LedsTest, StayOnOrOffWithASteadyStyle) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::on));
   EXPECT_EQ(LedDirectories::shown(), kLit);
   EXPECT_EQ(after(std::chrono::hours(1)), kLit);
@@ -138,7 +138,7 @@ TEST_F(LedsTest, KeepTheirRhythmWhenTheLoopIsALittleLate) {
   EXPECT_EQ(after(milliseconds(410)), kLit);
 }
 
-TEST_F(LedsTest, LeaveOutThePhasesOfALongTask) {
+TEST_F(LedsTest, SkipThePhasesDuringALongTask) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
   EXPECT_EQ(after(milliseconds(10200)), kDark);
   EXPECT_EQ(after(milliseconds(0)), kDark);
@@ -147,20 +147,20 @@ TEST_F(LedsTest, LeaveOutThePhasesOfALongTask) {
   EXPECT_EQ(after(milliseconds(0)), kLit);
 }
 
-TEST_F(LedsTest, AreNotTouchedBetweenTwoPhases) {
+TEST_F(LedsTest, AreNotWrittenBetweenTwoPhases) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
   std::ofstream(LedDirectories::first("brightness")) << "as it was";
   EXPECT_EQ(after(milliseconds(499)), "as it was 255");
 }
 
-TEST_F(LedsTest, GoOnAsTheyWereAfterAStyleThatIsNone) {
+TEST_F(LedsTest, ContinueAfterAnUnknownStyle) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
   EXPECT_FALSE(leds().blinkLeds(LedStyle::unknown));
   EXPECT_EQ(fields(proxy_), failureWith(EINVAL));
   EXPECT_EQ(after(milliseconds(500)), kDark);
 }
 
-TEST_F(LedsTest, BeginAnewWithANewStyle) {
+TEST_F(LedsTest, RestartWithANewStyle) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
   EXPECT_EQ(after(milliseconds(500)), kDark);
   EXPECT_TRUE(leds().blinkLeds(LedStyle::fast));
@@ -182,7 +182,7 @@ TEST_F(LedsTest, StopBlinkingWhenTheyAreSwitchedThroughAnotherProxy) {
   EXPECT_EQ(after(milliseconds(125)), "0 255");
 }
 
-TEST_F(LedsTest, TellEveryProxyThatTheyCannotBeSet) {
+TEST_F(LedsTest, ReportAFailureToEveryProxy) {
   SlaveProxyLocal newer;
   leds().initialize(&newer);
   std::filesystem::remove_all(LedDirectories::first(""));
@@ -191,7 +191,7 @@ TEST_F(LedsTest, TellEveryProxyThatTheyCannotBeSet) {
   EXPECT_EQ(fields(newer), failureWith(ENOENT));
 }
 
-TEST_F(LedsTest, BlinkOnOneWhereTheOtherIsMissing) {
+TEST_F(LedsTest, BlinkOneWhenTheOtherIsMissing) {
   std::filesystem::remove_all(LedDirectories::first(""));
   EXPECT_FALSE(leds().blinkLeds(LedStyle::slow));
   EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "255");
@@ -200,7 +200,7 @@ TEST_F(LedsTest, BlinkOnOneWhereTheOtherIsMissing) {
   EXPECT_EQ(contentOf(LedDirectories::second("brightness")), "0");
 }
 
-TEST_F(LedsTest, LeaveTheStatusAloneWhileTheyBlink) {
+TEST_F(LedsTest, DoNotChangeTheStatusWhileTheyBlink) {
   EXPECT_TRUE(leds().blinkLeds(LedStyle::fast));
   (void)proxy_.fileExists("/no/such/file");
   std::filesystem::remove_all(LedDirectories::first(""));
@@ -213,7 +213,7 @@ TEST_F(LedsTest, LeaveTheStatusAloneWhileTheyBlink) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(LedsTest, GoOnThroughTheNextProxyWhenTheirOwnGoes) {
+TEST_F(LedsTest, ContinueThroughTheNextProxyWhenTheirsIsDestroyed) {
   auto newer = std::make_unique<SlaveProxyLocal>();
   leds().initialize(newer.get());
   EXPECT_TRUE(leds().blinkLeds(LedStyle::slow));
@@ -222,7 +222,7 @@ TEST_F(LedsTest, GoOnThroughTheNextProxyWhenTheirOwnGoes) {
   EXPECT_EQ(after(milliseconds(500)), kLit);
 }
 
-TEST_F(LedsTest, IgnoreAProxyThatIsNone) {
+TEST_F(LedsTest, IgnoreANullProxy) {
   leds().initialize(nullptr);
   EXPECT_TRUE(leds().blinkLeds(LedStyle::on));
   EXPECT_EQ(fields(proxy_), kSuccess);

@@ -16,8 +16,7 @@ void require(int result, const std::string& target) {
   }
 }
 
-// Everything in this directory's tests mounts, signals or rewrites; none of it may touch the
-// machine.
+// The tests of this directory mount, signal and rewrite: they must not run outside a world.
 const bool g_inWorld = [] {
   if (std::getenv("RUNELD_WORLD") == nullptr) {
     std::fputs("this test runs inside scripts/world only\n", stderr);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mounts for the time of a test, which runs in a mount namespace of its own.
+// Mounts for the duration of a test, which runs in a private mount namespace.
 #ifndef TESTS_CONTRACT_LINUX_MOUNT_H_
 #define TESTS_CONTRACT_LINUX_MOUNT_H_
 
@@ -7,19 +7,19 @@
 
 namespace zell::test {
 
-/// A mount that goes with this object. A mount that fails ends the test program.
+/// A mount that the destructor removes. A failed mount ends the test program.
 class Mount {
  public:
-  /// A directory in memory over @p target, with mount(8)'s options for one ("size=64k").
+  /// A tmpfs over @p target with the options of mount(8) ("size=64k").
   static Mount memory(const std::string& target, const std::string& options = "");
-  /// @p source shown at @p target too: both files or both directories.
+  /// A bind mount of @p source at @p target: both files or both directories.
   static Mount bind(const std::string& source, const std::string& target);
 
   ~Mount();
   Mount(const Mount&) = delete;
   Mount& operator=(const Mount&) = delete;
 
-  /// Lets nobody write to it any more.
+  /// Remounts it read-only.
   void makeReadOnly() const;
 
  private:

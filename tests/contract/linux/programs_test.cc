@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Programs that run while the caller waits: what they start with, what becomes of their output, and
-// how their end is told.
+// Foreground programs: their start environment, their output, and how their end is reported.
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -30,30 +29,30 @@ const char* const kCut = "(PID) exec: output cut at 16777216 bytes";
 
 class ProgramsTest : public ProxyTest {
  protected:
-  /// What @p script writes.
+  /// The output of @p script.
   std::string outputOf(const std::string& script) {
     EXPECT_EQ(shell(script), "0 2 0 0 0");
     return proxy_.output();
   }
 };
 
-TEST_F(ProgramsTest, TellsTheExitStatus) {
+TEST_F(ProgramsTest, ReportsTheExitStatus) {
   EXPECT_EQ(shell("exit 0"), "0 2 0 0 0");
   EXPECT_EQ(shell("exit 1"), "1 2 1 0 0");
   EXPECT_EQ(shell("exit 255"), "1 2 255 0 0");
 }
 
-TEST_F(ProgramsTest, TellsTheSignalThatEndedIt) {
+TEST_F(ProgramsTest, ReportsTheSignalThatEndedIt) {
   EXPECT_EQ(shell("kill -9 $$"), "1 3 -1 0 9");
   EXPECT_EQ(shell("kill -SEGV $$"), "1 3 -1 0 11");
 }
 
-TEST_F(ProgramsTest, IsASuccessOfTheCallWhateverTheExitStatus) {
+TEST_F(ProgramsTest, ReturnsSuccessForAnyExitStatus) {
   EXPECT_EQ(proxy_.exec(Words{"/bin/sh", "-c", "exit 3"}, 0), 0);
   EXPECT_EQ(proxy_.system("kill -9 $$", 5), 0);
 }
 
-TEST_F(ProgramsTest, TellsWhatKeptAProgramFromStarting) {
+TEST_F(ProgramsTest, ReportsWhyAProgramDidNotStart) {
   const std::string script = dir_.write("script", "echo it has no interpreter line\n");
   EXPECT_EQ(proxy_.exec(Words{script}, 0), EACCES);
   EXPECT_EQ(fields(proxy_), failureWith(EACCES));
@@ -79,7 +78,7 @@ TEST_F(ProgramsTest, RefusesAZeroByteAnywhere) {
   EXPECT_NE(::access(marker.c_str(), F_OK), 0);
 }
 
-TEST_F(ProgramsTest, PassesArgumentsAsTheyAre) {
+TEST_F(ProgramsTest, PassesArgumentsUnchanged) {
   EXPECT_EQ(proxy_.exec(Words{"/bin/echo", "a  b", "", "$HOME", "*"}, 0), 0);
   EXPECT_EQ(proxy_.output(), "a  b  $HOME *\n");
 }
@@ -90,7 +89,7 @@ TEST_F(ProgramsTest, SplitsALineAtBlanks) {
   EXPECT_EQ(proxy_.exec(" \t ", 300), EINVAL);
 }
 
-TEST_F(ProgramsTest, HandsALineToTheShell) {
+TEST_F(ProgramsTest, PassesALineToTheShell) {
   EXPECT_EQ(proxy_.system("echo a | tr a b; echo $0", 0), 0);
   EXPECT_EQ(proxy_.output(), "b\n/bin/sh\n");
 }
@@ -113,7 +112,7 @@ TEST_F(ProgramsTest, StartsInTheEnvironmentAndDirectoryOfTheCaller) {
   unsetenv("RUNELD_TEST_VARIABLE");
 }
 
-TEST_F(ProgramsTest, StartsWithNothingToReadAndInAGroupOfItsOwn) {
+TEST_F(ProgramsTest, StartsWithEmptyInputInASeparateProcessGroup) {
   EXPECT_EQ(outputOf("readlink /proc/$$/fd/0; cat"), "/dev/null\n");
   EXPECT_EQ(outputOf("read -r pid comm state parent group rest < /proc/$$/stat; "
                      "[ $group = $pid ] && echo own"),
@@ -135,14 +134,14 @@ TEST_F(ProgramsTest, StartsWithoutIgnoredAndBlockedSignals) {
 }
 
 TEST_F(ProgramsTest, StartsWithThreeDescriptors) {
-  // These two would be inherited: they are not close-on-exec.
+  // Both would be inherited: they are not close-on-exec.
   const UniqueFd low(open("/dev/zero", O_RDONLY));
   const UniqueFd high(fcntl(low.get(), F_DUPFD, 500));
   ASSERT_GE(high.get(), 500);
   EXPECT_EQ(outputOf("ls /proc/$$/fd; :"), "0\n1\n2\n");
 }
 
-TEST_F(ProgramsTest, StartsWithThreeDescriptorsWhicheverTheCallerLacks) {
+TEST_F(ProgramsTest, StartsWithThreeDescriptorsWhenTheCallerLacksAny) {
   std::string outputs;
   UniqueFd kept[3];
   for (int fd = 0; fd < 3; ++fd) {
@@ -199,25 +198,25 @@ TEST_F(ProgramsTest, KeepsBytesOfEveryKind) {
   EXPECT_EQ(outputOf("cat " + path), all);
 }
 
-TEST_F(ProgramsTest, KeepsAllThatIsInThePipeAtTheEnd) {
-  // It ends before anybody has read: the pipe holds this much.
+TEST_F(ProgramsTest, KeepsTheContentOfThePipeAtTheEnd) {
+  // The program ends before the first read: the pipe holds this much.
   EXPECT_EQ(outputOf("head -c 65536 /dev/zero").size(), 65536U);
   EXPECT_EQ(outputOf("head -c 1000000 /dev/zero"), std::string(1000000, '\0'));
 }
 
-TEST_F(ProgramsTest, KeepsAsMuchAsTheLimitWithoutALogLine) {
+TEST_F(ProgramsTest, KeepsOutputUpToTheLimitWithoutALogLine) {
   EXPECT_EQ(outputOf("head -c 16777216 /dev/zero").size(), kMaxOutput);
   EXPECT_EQ(log_.count(kCut), 0);
 }
 
-TEST_F(ProgramsTest, CutsTheOutputAtTheLimitAndSaysSoOnce) {
+TEST_F(ProgramsTest, TruncatesTheOutputAtTheLimitAndLogsItOnce) {
   EXPECT_EQ(shell("echo first; head -c 1G /dev/zero; exit 9"), "1 2 9 0 0");
   EXPECT_EQ(proxy_.output().size(), kMaxOutput);
   EXPECT_EQ(proxy_.output().substr(0, 6), "first\n");
   EXPECT_EQ(log_.texts(LOG_WARNING), std::vector<std::string>{kCut});
 }
 
-TEST_F(ProgramsTest, SaysSoWhenTheOutputCannotBeRead) {
+TEST_F(ProgramsTest, LogsWhenTheOutputCannotBeRead) {
   SpiedCalls spy;
   spy.fail("read", EIO);
   EXPECT_EQ(shell("echo lost"), "0 2 0 0 0");
@@ -226,8 +225,8 @@ TEST_F(ProgramsTest, SaysSoWhenTheOutputCannotBeRead) {
             std::vector<std::string>{"(PID) exec: cannot read output, Input/output error"});
 }
 
-// The program has the one that waits for it suspended until it has written and ended.
-TEST_F(ProgramsTest, SaysSoWhenWhatIsLeftOfTheOutputCannotBeRead) {
+// The program suspends the process that waits for it until it has written and ended.
+TEST_F(ProgramsTest, LogsWhenTheRestOfTheOutputCannotBeRead) {
   EXPECT_EQ(inChild([&] {
               SpiedCalls spy;
               spy.fail("read", EIO);
@@ -239,7 +238,7 @@ TEST_F(ProgramsTest, SaysSoWhenWhatIsLeftOfTheOutputCannotBeRead) {
             "0 2 0 0 0, '', 1");
 }
 
-TEST_F(ProgramsTest, KeepsASingleByteThatIsLeftAtTheEnd) {
+TEST_F(ProgramsTest, KeepsASingleByteAtTheEnd) {
   EXPECT_EQ(inChild([&] {
               return shell("(sleep 0.3; kill -CONT $PPID) & kill -STOP $PPID; printf x") + ", " +
                      proxy_.output();
@@ -247,7 +246,7 @@ TEST_F(ProgramsTest, KeepsASingleByteThatIsLeftAtTheEnd) {
             "0 2 0 0 0, x");
 }
 
-TEST_F(ProgramsTest, EmptiesTheOutputWhenTheNextProgramIsToStart) {
+TEST_F(ProgramsTest, ClearsTheOutputBeforeTheNextProgramStarts) {
   (void)shell("echo text");
   (void)proxy_.exec(Words{}, 0);
   EXPECT_EQ(proxy_.output(), "");
@@ -267,14 +266,14 @@ TEST_F(ProgramsTest, KeepsTheOutputThroughOtherOperations) {
   EXPECT_EQ(proxy_.output(), "text\n");
 }
 
-TEST_F(ProgramsTest, DoesNotWaitForOthersThatHoldThePipe) {
+TEST_F(ProgramsTest, DoesNotWaitForOtherProcessesThatHoldThePipe) {
   EXPECT_EQ(shell("sleep 1000 & echo $!"), "0 2 0 0 0");
   const int sleeper = std::stoi(proxy_.output());
-  EXPECT_TRUE(lives(sleeper));  // it was left alone
+  EXPECT_TRUE(lives(sleeper));  // it still runs
   ::kill(sleeper, SIGKILL);
 }
 
-TEST_F(ProgramsTest, DoesNotWaitForOthersThatGoOnWriting) {
+TEST_F(ProgramsTest, DoesNotWaitForOtherProcessesThatKeepWriting) {
   EXPECT_EQ(shell("(exec yes) & echo $! >&2; exit 4"), "1 2 4 0 0");
   EXPECT_LE(proxy_.output().size(), kMaxOutput);
 }
@@ -300,7 +299,7 @@ TEST_F(ProgramsTest, StopsAProgramThatClosedItsOutputAtItsLimit) {
   EXPECT_EQ(shell("exec >&- 2>&-; exec sleep 1000", 1), "3 4 -1 110 15");
 }
 
-TEST_F(ProgramsTest, StopsAProgramThatWritesForEverAtItsLimit) {
+TEST_F(ProgramsTest, StopsAnEndlesslyWritingProgramAtItsLimit) {
   EXPECT_EQ(shell("exec yes", 1), "3 4 -1 110 15");
   EXPECT_GT(proxy_.output().size(), 0U);
 }
@@ -319,7 +318,7 @@ TEST_F(ProgramsTest, KillsAProgramThatIsSuspended) {
   EXPECT_EQ(shell("kill -STOP $$", 1), "3 4 -1 110 9");
 }
 
-TEST_F(ProgramsTest, StopsTheWholeGroupAtTheLimit) {
+TEST_F(ProgramsTest, StopsTheWholeProcessGroupAtTheLimit) {
   EXPECT_EQ(shell("sleep 1000 & echo $!; wait", 1), "3 4 -1 110 15");
   const int sleeper = std::stoi(proxy_.output());
   EXPECT_TRUE(becomesTrue([&] { return stateOf(sleeper).empty(); }));
@@ -332,7 +331,7 @@ TEST_F(ProgramsTest, KillsTheWholeGroupOfAProgramThatIgnoresSigterm) {
   EXPECT_TRUE(becomesTrue([&] { return stateOf(child).empty(); }));
 }
 
-TEST_F(ProgramsTest, StopsAProgramThatLeftItsGroup) {
+TEST_F(ProgramsTest, StopsAProgramThatLeftItsProcessGroup) {
   const std::string leave =
       "import os, time\nos.setpgid(0, os.getpgid(os.getppid()))\ntime.sleep(1000)";
   EXPECT_EQ(proxy_.exec(Words{"python3", "-c", leave}, 1), ETIMEDOUT);
@@ -361,13 +360,13 @@ TEST_F(ProgramsTest, DoesNotEndEarlyOnSignals) {
   EXPECT_EQ(stopped, "3 4 -1 110 9");
 }
 
-TEST_F(ProgramsTest, LearnsTheEndAlsoWhereSigchldWasIgnored) {
+TEST_F(ProgramsTest, DetectsTheEndWhenSigchldWasIgnored) {
   const auto before = std::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(shell("exit 7"), "1 2 7 0 0");
   std::signal(SIGCHLD, before);
 }
 
-TEST_F(ProgramsTest, LearnsTheEndAlsoWhereEndedChildrenWereNotToBeKept) {
+TEST_F(ProgramsTest, DetectsTheEndWithSaNocldwait) {
   struct sigaction reaped {};
   struct sigaction before {};
   reaped.sa_handler = SIG_DFL;
@@ -384,7 +383,7 @@ TEST_F(ProgramsTest, LeavesAHandlerOfSigchldInPlace) {
   EXPECT_EQ(std::signal(SIGCHLD, before), static_cast<void (*)(int)>(handler));
 }
 
-// Whoever waits by looking again and again takes the processor from all others.
+// Polling in a busy loop would take the processor from other processes.
 TEST_F(ProgramsTest, SleepsWhileAProgramRuns) {
   const auto before = processorTime();
   EXPECT_EQ(shell("sleep 1"), "0 2 0 0 0");

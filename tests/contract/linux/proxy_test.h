@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the real room have in common.
+// Shared parts of the tests of the Linux device library.
 #ifndef TESTS_CONTRACT_LINUX_PROXY_TEST_H_
 #define TESTS_CONTRACT_LINUX_PROXY_TEST_H_
 
@@ -20,41 +20,41 @@
 namespace zell::test {
 
 /// A user without privileges.
-inline constexpr uid_t kNobody = 65534;
+inline constexpr uid_t kUnprivileged = 65534;
 
 inline const char* const kSuccess = "0 0 0 0 0";
 
-/// How a reply tells of a failure with @p error.
+/// The status fields of a failure with @p error.
 inline std::string failureWith(int error) {
   return "1 0 1 " + std::to_string(error) + " 0";
 }
 
-/// A stream that @p text was written into.
+/// A stream with the content @p text.
 std::ostringstream streamOf(const std::string& text);
 
-/// The processor time that this process has taken.
+/// The processor time of this process.
 std::chrono::nanoseconds processorTime();
 
-/// Waits until @p condition holds; false when it does not within 30 s.
+/// Waits until @p condition holds; false after 30 s.
 bool becomesTrue(const std::function<bool()>& condition);
 
-/// The state letter of the process @p pid ("R", "S", "Z"...), empty when there is none.
+/// The state letter of the process @p pid ("R", "S", "Z"...), empty if there is no such process.
 std::string stateOf(int pid);
 
-/// Whether the process @p pid runs: it is there and no zombie.
+/// Whether the process @p pid exists and is not a zombie.
 bool lives(int pid);
 
-/// The lstat(2) of @p path; fails the test when there is none.
+/// The lstat(2) of @p path; fails the test if it is missing.
 struct stat statusOf(const std::string& path);
 
 class ProxyTest : public testing::Test {
  protected:
-  /// The fields after writing @p data to @p path, and so on.
+  /// The status fields after writing @p data to @p path.
   std::string write(const std::string& path, const std::string& data);
   std::string append(const std::string& path, const std::string& data);
-  /// The fields after reading @p path; what was read is in `text_`.
+  /// The status fields after reading @p path; stores the content in `text_`.
   std::string read(const std::string& path);
-  /// The fields after running @p script with the shell.
+  /// The status fields after running @p script with the shell.
   std::string shell(const std::string& script, int limit = 0);
 
   LogCapture log_;

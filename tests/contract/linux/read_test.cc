@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files that are read whole, without ever waiting.
+// Reading whole files without blocking.
 #include <cerrno>
 #include <string>
 
@@ -49,7 +49,7 @@ TEST_F(ReadTest, ReadsFilesOfEverySize) {
   }
 }
 
-TEST_F(ReadTest, ReadsFilesThatClaimNoSize) {
+TEST_F(ReadTest, ReadsFilesWithAnUnknownSize) {
   EXPECT_EQ(statusOf("/proc/self/status").st_size, 0);
   EXPECT_EQ(read("/proc/self/status"), kSuccess);
   EXPECT_NE(text_.find("Pid:\t" + std::to_string(getpid())), std::string::npos);
@@ -62,7 +62,7 @@ TEST_F(ReadTest, ReadsAFifoWithoutAWriterAsEmpty) {
   EXPECT_EQ(text_, "");
 }
 
-TEST_F(ReadTest, ReadsOfAFifoWhatIsInIt) {
+TEST_F(ReadTest, ReadsTheContentOfAFifo) {
   ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0644), 0);
   const UniqueFd writer(open(dir_.file("fifo").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_EQ(read(dir_.file("fifo")), kSuccess);
@@ -72,28 +72,28 @@ TEST_F(ReadTest, ReadsOfAFifoWhatIsInIt) {
   EXPECT_EQ(text_, "content");
 }
 
-// As under a mandatory lock: nothing waits behind it, and yet the file has not ended.
-TEST_F(ReadTest, FailsWhereAFileHasNothingToReadForNow) {
+// As under a mandatory lock: no data is available, but the file has not ended.
+TEST_F(ReadTest, FailsOnAFileWithoutAvailableData) {
   SpiedCalls spy;
   spy.fail("read", EAGAIN);
   EXPECT_EQ(read(dir_.write("a", "content")), failureWith(EAGAIN));
 }
 
-TEST_F(ReadTest, GoesOnAfterAnInterruptedRead) {
+TEST_F(ReadTest, ContinuesAfterAnInterruptedRead) {
   SpiedCalls spy;
   spy.fail("read", EINTR);
   EXPECT_EQ(read(dir_.write("a", "content")), kSuccess);
   EXPECT_EQ(text_, "content");
 }
 
-TEST_F(ReadTest, TakesTheErrorOfAnEarlierCallForNoneOfItsOwn) {
+TEST_F(ReadTest, IgnoresTheErrnoOfAnEarlierCall) {
   const std::string path = dir_.write("a", "content");
   errno = EINTR;
   EXPECT_EQ(read(path), kSuccess);
   EXPECT_EQ(text_, "content");
 }
 
-TEST_F(ReadTest, FailsOnAFileThatCannotBeExamined) {
+TEST_F(ReadTest, FailsWhenFstatFails) {
   const std::string path = dir_.write("a", "content");
   SpiedCalls spy;
   spy.fail("fstat", EIO);
@@ -101,13 +101,13 @@ TEST_F(ReadTest, FailsOnAFileThatCannotBeExamined) {
   EXPECT_EQ(text_, "");
 }
 
-TEST_F(ReadTest, TakesNoTerminalForItsOwn) {
+TEST_F(ReadTest, DoesNotAcquireAControllingTerminal) {
   EXPECT_EQ(inChild([&] {
               const Terminal terminal;
               const std::string result = read(terminal.path());
               return result + terminal.ownership();
             }),
-            std::string(kSuccess) + ", nobody's");
+            std::string(kSuccess) + ", unowned");
 }
 
 TEST_F(ReadTest, FollowsLinks) {
@@ -117,7 +117,7 @@ TEST_F(ReadTest, FollowsLinks) {
   EXPECT_EQ(text_, "content");
 }
 
-TEST_F(ReadTest, FailsOnWhatIsNoFile) {
+TEST_F(ReadTest, FailsOnAnInvalidPath) {
   EXPECT_EQ(read(dir_.path()), failureWith(EISDIR));
   EXPECT_EQ(read(dir_.file("none")), failureWith(ENOENT));
   EXPECT_EQ(read(""), failureWith(ENOENT));
@@ -126,17 +126,17 @@ TEST_F(ReadTest, FailsOnWhatIsNoFile) {
   EXPECT_EQ(text_, "");
 }
 
-TEST_F(ReadTest, ReadsAsMuchAsAReplyHolds) {
+TEST_F(ReadTest, ReadsUpToTheLimitOfAReply) {
   EXPECT_EQ(read(sparse(kMaxReplyText)), kSuccess);
   EXPECT_EQ(text_.size(), kMaxReplyText);
 }
 
-TEST_F(ReadTest, FailsOnMoreThanAReplyHolds) {
+TEST_F(ReadTest, FailsAboveTheLimitOfAReply) {
   EXPECT_EQ(read(sparse(kMaxReplyText + 1)), failureWith(EFBIG));
   EXPECT_EQ(text_, "");
 }
 
-TEST_F(ReadTest, DoesNotBeginToReadMoreThanAReplyHolds) {
+TEST_F(ReadTest, DoesNotStartToReadAFileAboveTheLimitOfAReply) {
   SpiedCalls spy;
   spy.fail("read", EIO);
   EXPECT_EQ(read(sparse(kMaxReplyText + 1)), failureWith(EFBIG));

@@ -32,7 +32,7 @@ std::string readAll(int fd) {
 
 [[noreturn]] void answer(int fd, const std::string& text) {
 #ifdef RUNELD_COVERAGE
-  __gcov_dump();  // _exit() does not
+  __gcov_dump();  // _exit() does not dump
 #endif
   const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   _exit(written ? 0 : 1);

@@ -8,12 +8,12 @@
 
 namespace zell::test {
 
-/// From now on the kernel answers every system call @p number of this process with @p error. It
-/// cannot be taken back, and programs that the process starts inherit it.
+/// From now on every system call @p number of this process fails with @p error. This is permanent,
+/// and programs that the process starts inherit it.
 void refuseCalls(int number, int error);
 
-/// What @p action returns, run in a child process. A child that crashes or hangs for 60 s returns
-/// "died of signal N".
+/// Runs @p action in a child process and returns its result. A child that crashes or hangs for 60 s
+/// returns "died of signal N".
 std::string inChild(const std::function<std::string()>& action);
 
 }  // namespace zell::test

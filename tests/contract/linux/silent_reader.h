@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The other end of a FIFO or a terminal, where the test decides when something is read.
+// The read end of a FIFO or a terminal. The test decides when it reads.
 #ifndef TESTS_CONTRACT_LINUX_SILENT_READER_H_
 #define TESTS_CONTRACT_LINUX_SILENT_READER_H_
 
@@ -10,15 +10,15 @@
 
 namespace zell::test {
 
-/// Reads nothing until `take` is called.
+/// Reads only when `take` is called.
 class SilentReader {
  public:
   /// The reader of a new FIFO at @p path.
   static SilentReader ofFifo(const std::string& path);
-  /// The reader of what is written to a new terminal.
+  /// The reader of a new terminal.
   static SilentReader ofTerminal();
 
-  /// The FIFO or the device.
+  /// The path of the FIFO or the terminal.
   [[nodiscard]] const std::string& path() const { return path_; }
   /// Reads everything that has been written.
   [[nodiscard]] std::string take() const;
@@ -30,8 +30,8 @@ class SilentReader {
   std::string path_;
 };
 
-/// Expects that @p task fails with EAGAIN when 2 s have passed, with a part of what it was given
-/// written. @p task writes its argument to @p reader and returns the fields of the outcome.
+/// Expects that @p task fails with EAGAIN after 2 s with a part of its argument written. @p task
+/// writes its argument to @p reader and returns the status fields.
 void expectGivesUp(const SilentReader& reader,
                    const std::function<std::string(const std::string& data)>& task);
 

@@ -16,13 +16,13 @@ namespace {
 
 SpiedCalls* g_spy = nullptr;
 
-// Whether the call @p name is to fail; errno is set then.
+// Whether the call @p name must fail; then sets errno.
 bool fails(const char* name) {
   SpiedCalls* const spy = g_spy;
   if (spy == nullptr) {
     return false;
   }
-  g_spy = nullptr;  // what follows is the test's own
+  g_spy = nullptr;  // not part of the recorded calls
   const int error = spy->note(name);
   g_spy = spy;
   errno = error;
@@ -32,7 +32,7 @@ bool fails(const char* name) {
 template <typename... Arguments>
 long forward(const char* name, long number, Arguments... arguments) {
   if (fails(name)) {
-    return errno == SpiedCalls::kTakesNothing ? 0 : -1;
+    return errno == SpiedCalls::kReturnsZero ? 0 : -1;
   }
   return syscall(number, arguments...);
 }
@@ -78,7 +78,7 @@ int SpiedCalls::note(const std::string& name) {
 
 }  // namespace zell::test
 
-// The C library's own functions, replaced by linking.
+// Replace the functions of the C library at link time.
 extern "C" {
 
 using zell::test::forward;
@@ -140,7 +140,7 @@ int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
   return static_cast<int>(forward("waitid", SYS_waitid, type, id, info, options, nullptr));
 }
 
-// The descriptor is closed also where the call "fails", as the kernel does it.
+// Like the kernel, closes the descriptor even if the call fails.
 int close(int fd) {
   const bool failed = zell::test::fails("close");
   const int error = errno;

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls that put files on disk and in place, and those that ask about programs: seen by the
-// test, and made to fail.
+// Records the system calls on files and child processes, and makes them fail.
 #ifndef TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 #define TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
 
@@ -23,23 +22,23 @@ class SpiedCalls {
   SpiedCalls(const SpiedCalls&) = delete;
   SpiedCalls& operator=(const SpiedCalls&) = delete;
 
-  /// As an error: the call succeeds with 0.
-  static constexpr int kTakesNothing = -1;
+  /// In place of an error: the call succeeds with 0.
+  static constexpr int kReturnsZero = -1;
 
-  /// Makes the call @p name (as recorded) fail with @p error the first time after @p passed calls.
+  /// Makes the call @p name (as recorded) fail with @p error once, after @p passed calls.
   void fail(const std::string& name, int error, int passed = 0) {
     failures_[name] = {error, passed, nullptr};
   }
   /// Makes every call @p name fail with @p error.
   void failAlways(const std::string& name, int error) { failures_[name] = {error, -1, nullptr}; }
-  /// Runs @p action before the call @p name, the first time after @p passed calls.
+  /// Runs @p action once before the call @p name, after @p passed calls.
   void before(const std::string& name, int passed, std::function<void()> action) {
     failures_[name] = {0, passed, std::move(action)};
   }
-  /// The calls, but those that only fail.
+  /// The recorded calls.
   [[nodiscard]] const std::vector<std::string>& calls() const { return calls_; }
 
-  /// Notes a call; the errno value it shall fail with, 0 for none.
+  /// Records a call. Returns the errno value that it must fail with, or 0.
   int note(const std::string& name);
 
  private:

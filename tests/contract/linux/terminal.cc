@@ -16,7 +16,7 @@ Terminal::Terminal() : master_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
 }
 
 std::string Terminal::ownership() const {
-  return tcgetsid(master_.get()) == getpid() ? ", this process's" : ", nobody's";
+  return tcgetsid(master_.get()) == getpid() ? ", this process's" : ", unowned";
 }
 
 }  // namespace zell::test

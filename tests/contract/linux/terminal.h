@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A terminal that a process without one of its own could take by opening it.
+// A terminal that becomes the controlling terminal of a process that opens it.
 #ifndef TESTS_CONTRACT_LINUX_TERMINAL_H_
 #define TESTS_CONTRACT_LINUX_TERMINAL_H_
 
@@ -9,14 +9,14 @@
 
 namespace zell::test {
 
-/// A new terminal, and this process at the head of a session without one: to be made in a child
-/// process of the test. Something waits to be read on it.
+/// A new terminal with input to read. Makes this process a session leader without a controlling
+/// terminal, so construct it in a child process of the test.
 class Terminal {
  public:
   Terminal();
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  /// ", nobody's", or what this process has of it.
+  /// ", unowned", or ", this process's" if it is the controlling terminal of this process.
   [[nodiscard]] std::string ownership() const;
 
  private:

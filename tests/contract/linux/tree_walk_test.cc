@@ -28,7 +28,7 @@ namespace {
 
 class TreeWalkTest : public ProxyTest {
  protected:
-  /// What the walk at @p path prints.
+  /// The output of the walk at @p path.
   std::string walk(const std::string& path) {
     std::ostringstream out;
     if (const FileTreeWalker* const walker = proxy_.walkTree(path)) {
@@ -37,7 +37,8 @@ class TreeWalkTest : public ProxyTest {
     return out.str();
   }
 
-  /// Gives @p name in the directory fixed times, permissions and owner, so that its line is known.
+  /// Sets fixed times, permissions and owner of @p name in the directory, so that its line is
+  /// known.
   void settle(const std::string& name, mode_t mode) const {
     const std::string path = dir_.file(name);
     const timespec times[] = {{1, 0}, {1700000000, 5}};
@@ -46,14 +47,14 @@ class TreeWalkTest : public ProxyTest {
     EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << name;
   }
 
-  /// Makes the link @p name with a known line.
+  /// Creates the link @p name with a known line.
   void link(const std::string& target, const std::string& name) const {
     const timespec times[] = {{1, 0}, {1600000000, 0}};
     EXPECT_EQ(symlink(target.c_str(), dir_.file(name).c_str()), 0) << name;
     EXPECT_EQ(utimensat(AT_FDCWD, dir_.file(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
   }
 
-  /// Makes @p depth directories "d", one in the other.
+  /// Creates @p depth nested directories "d".
   static void makeDeep(const std::string& top, int depth) {
     UniqueFd directory(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (int i = 0; i < depth; ++i) {
@@ -92,7 +93,7 @@ TEST_F(TreeWalkTest, PrintsALineForEachEntry) {
   EXPECT_EQ(fields(proxy_), kSuccess);
 }
 
-TEST_F(TreeWalkTest, TellsEveryTypeAndTheSizeOfRegularFilesAlone) {
+TEST_F(TreeWalkTest, PrintsEveryTypeAndTheSizeOfRegularFilesOnly) {
   const Mount memory = Mount::memory(dir_.path());
   ASSERT_EQ(mknod(dir_.file("block").c_str(), S_IFBLK | 0600, makedev(7, 200)), 0);
   ASSERT_EQ(mknod(dir_.file("char").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
@@ -112,7 +113,7 @@ TEST_F(TreeWalkTest, TellsEveryTypeAndTheSizeOfRegularFilesAlone) {
             "s 0600 12 34 0 1700000000 socket\n");
 }
 
-TEST_F(TreeWalkTest, ShowsLinksAndDoesNotFollowThem) {
+TEST_F(TreeWalkTest, PrintsLinksAndDoesNotFollowThem) {
   mkdir(dir_.file("sub").c_str(), 0755);
   dir_.write("sub/file", "");
   link("sub", "link");
@@ -123,7 +124,7 @@ TEST_F(TreeWalkTest, ShowsLinksAndDoesNotFollowThem) {
   EXPECT_EQ(lines.find("link/file"), std::string::npos) << lines;
 }
 
-TEST_F(TreeWalkTest, GivesAPathThatIsNoDirectoryItsOneLine) {
+TEST_F(TreeWalkTest, PrintsOneLineForAPathThatIsNotADirectory) {
   mkdir(dir_.file("sub").c_str(), 0755);
   dir_.write("sub/file", "123");
   settle("sub/file", 0644);
@@ -143,7 +144,7 @@ TEST_F(TreeWalkTest, SortsByByteValueWithinADirectory) {
             (std::vector<std::string>{".", "B", "a", "a/z", "a.b", "b", "\xff"}));
 }
 
-TEST_F(TreeWalkTest, EscapesWhatWouldBreakALine) {
+TEST_F(TreeWalkTest, EscapesBytesThatWouldBreakALine) {
   dir_.write("new\nline\\\x7f\x1f\x80", "");
   link("\ttarget\r", "~link");
   const std::string lines = walk(dir_.path());
@@ -165,7 +166,7 @@ TEST_F(TreeWalkTest, CrossesMounts) {
   EXPECT_EQ(paths(walk(dir_.path())), (std::vector<std::string>{".", "mount", "mount/file", "z"}));
 }
 
-TEST_F(TreeWalkTest, HasNoWalkerForWhatCannotBeExamined) {
+TEST_F(TreeWalkTest, HasNoWalkerForAPathThatCannotBeExamined) {
   EXPECT_EQ(proxy_.walkTree(dir_.file("none")), nullptr);
   EXPECT_EQ(fields(proxy_), failureWith(ENOENT));
   EXPECT_EQ(proxy_.walkTree(""), nullptr);
@@ -174,7 +175,7 @@ TEST_F(TreeWalkTest, HasNoWalkerForWhatCannotBeExamined) {
   EXPECT_EQ(fields(proxy_), failureWith(ENOTDIR));
 }
 
-TEST_F(TreeWalkTest, GoesOnAfterADirectoryThatCannotBeRead) {
+TEST_F(TreeWalkTest, ContinuesAfterADirectoryThatCannotBeRead) {
   for (const char* name : {"a", "closed", "z"}) {
     mkdir(dir_.file(name).c_str(), 0755);
   }
@@ -184,7 +185,7 @@ TEST_F(TreeWalkTest, GoesOnAfterADirectoryThatCannotBeRead) {
   chmod(dir_.file("closed").c_str(), 0);
   chmod(dir_.path().c_str(), 0755);
   const std::string answer = inChild([&] {
-    const std::string lines = setuid(kNobody) == 0 ? walk(dir_.path()) : "still root";
+    const std::string lines = setuid(kUnprivileged) == 0 ? walk(dir_.path()) : "still root";
     return fields(proxy_) + "\n" + lines;
   });
   EXPECT_EQ(answer.substr(0, answer.find('\n')), failureWith(EACCES));
@@ -192,14 +193,14 @@ TEST_F(TreeWalkTest, GoesOnAfterADirectoryThatCannotBeRead) {
             (std::vector<std::string>{".", "a", "a/1", "closed", "z", "z/3"}));
 }
 
-TEST_F(TreeWalkTest, GoesOnAfterEntriesThatCannotBeExamined) {
+TEST_F(TreeWalkTest, ContinuesAfterEntriesThatCannotBeExamined) {
   mkdir(dir_.file("listed").c_str(), 0755);
   dir_.write("listed/1", "");
   dir_.write("z", "");
   chmod(dir_.file("listed").c_str(), 0444);
   chmod(dir_.path().c_str(), 0755);
   const std::string answer = inChild([&] {
-    const std::string lines = setuid(kNobody) == 0 ? walk(dir_.path()) : "still root";
+    const std::string lines = setuid(kUnprivileged) == 0 ? walk(dir_.path()) : "still root";
     return fields(proxy_) + "\n" + lines;
   });
   EXPECT_EQ(answer.substr(0, answer.find('\n')), failureWith(EACCES));
@@ -207,9 +208,9 @@ TEST_F(TreeWalkTest, GoesOnAfterEntriesThatCannotBeExamined) {
             (std::vector<std::string>{".", "listed", "z"}));
 }
 
-TEST_F(TreeWalkTest, TakesFewDescriptorsAndNoLongPathsForADeepTree) {
+TEST_F(TreeWalkTest, NeedsFewDescriptorsAndNoLongPathsForADeepTree) {
   const Mount memory = Mount::memory(dir_.path());
-  constexpr int kDepth = 5000;  // far beyond the longest path that the kernel takes
+  constexpr int kDepth = 5000;  // far above PATH_MAX
   makeDeep(dir_.path(), kDepth);
   for (const char* name : {"z", "d/z", "d/d/z"}) {
     dir_.write(name, "");
@@ -231,8 +232,7 @@ TEST_F(TreeWalkTest, TakesFewDescriptorsAndNoLongPathsForADeepTree) {
 
 class DeepTreeTest : public TreeWalkTest {
  protected:
-  // So deep that the upper directories are closed when the walk is at the end of it, and have
-  // entries that it has not come to yet.
+  // A tree so deep that the walk closes the upper directories before it has read all their entries.
   void SetUp() override {
     TreeWalkTest::SetUp();
     makeDeep(dir_.path(), kDepth);
@@ -250,20 +250,20 @@ class DeepTreeTest : public TreeWalkTest {
     return path;
   }
 
-  static constexpr int kDepth = 33;  // three more than are kept open
+  static constexpr int kDepth = 33;  // three more than the walk keeps open
   SpiedCalls spy_;
 };
 
-TEST_F(DeepTreeTest, LeavesOutTheRestOfDirectoriesThatItCannotGoBackTo) {
+TEST_F(DeepTreeTest, SkipsTheRestOfDirectoriesThatItCannotReopen) {
   spy_.fail("fstat", EIO);
   const std::vector<std::string> all = paths(walk(dir_.path()));
   EXPECT_EQ(fields(proxy_), failureWith(EIO));
   ASSERT_EQ(all.size(),
-            static_cast<std::size_t>(kDepth) + 1 + 3);  // the topmost ones need the next
+            static_cast<std::size_t>(kDepth) + 1 + 3);  // the uppermost ones need the next
   EXPECT_EQ(all.back(), "z");
 }
 
-TEST_F(DeepTreeTest, DoesNotGoOnElsewhereWhenADirectoryIsMovedMeanwhile) {
+TEST_F(DeepTreeTest, DoesNotContinueElsewhereWhenADirectoryIsMoved) {
   ASSERT_EQ(mkdir(dir_.file("0").c_str(), 0755), 0);
   spy_.before("fstatat", kDepth - 1, [&] {
     ASSERT_EQ(rename(dir_.file(directoryAt(3)).c_str(), dir_.file("0/moved").c_str()), 0);
@@ -273,7 +273,7 @@ TEST_F(DeepTreeTest, DoesNotGoOnElsewhereWhenADirectoryIsMovedMeanwhile) {
   EXPECT_EQ(std::count(all.begin(), all.end(), "d/d/z"), 0);
 }
 
-TEST_F(TreeWalkTest, LeavesOutALinkThatGoesWhileItIsLookedAt) {
+TEST_F(TreeWalkTest, SkipsALinkThatIsRemovedDuringTheWalk) {
   link("target", "link");
   SpiedCalls spy;
   spy.fail("readlinkat", ENOENT);
@@ -292,12 +292,12 @@ TEST_F(TreeWalkTest, FailsOnALinkThatCannotBeRead) {
   EXPECT_EQ(fields(proxy_), failureWith(EIO));
 }
 
-TEST_F(TreeWalkTest, EndsWhenNoReplyCouldHoldIt) {
+TEST_F(TreeWalkTest, EndsAtTheLimitOfAReply) {
   const Mount memory = Mount::memory(dir_.path());
   std::string name(255, '\n');  // four times as long in a line
   makeDeep(dir_.path(), 1);
   UniqueFd directory(open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  for (int i = 0; i < 800; ++i) {  // the square of it times 500 bytes: some 300 MiB
+  for (int i = 0; i < 800; ++i) {  // its square times 500 bytes: about 300 MiB
     ASSERT_EQ(mkdirat(directory.get(), name.c_str(), 0755), 0);
     directory.reset(openat(directory.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_TRUE(directory.valid());
@@ -306,7 +306,7 @@ TEST_F(TreeWalkTest, EndsWhenNoReplyCouldHoldIt) {
   EXPECT_EQ(fields(proxy_), failureWith(EFBIG));
 }
 
-TEST_F(TreeWalkTest, IsNotDisturbedByEntriesThatComeAndGo) {
+TEST_F(TreeWalkTest, ToleratesEntriesThatAppearAndDisappear) {
   const Mount memory = Mount::memory(dir_.path());
   mkdir(dir_.file("stays").c_str(), 0755);
   std::atomic<bool> stop{false};
@@ -331,7 +331,7 @@ TEST_F(TreeWalkTest, IsNotDisturbedByEntriesThatComeAndGo) {
   other.join();
 }
 
-TEST_F(TreeWalkTest, PassesOverWhatHasGoneOrIsSomethingElseByNow) {
+TEST_F(TreeWalkTest, SkipsEntriesThatWereRemovedOrReplaced) {
   ASSERT_EQ(symlink("target", dir_.file("link").c_str()), 0);
   const auto walkRefused = [&](int call, int error) {
     return inChild([&] {
@@ -350,7 +350,7 @@ TEST_F(TreeWalkTest, PassesOverWhatHasGoneOrIsSomethingElseByNow) {
   EXPECT_EQ(walkRefused(SYS_getdents64, EIO), failureWith(EIO) + ", 1");
 }
 
-TEST_F(TreeWalkTest, ForgetsTheWalkBefore) {
+TEST_F(TreeWalkTest, ForgetsThePreviousWalk) {
   EXPECT_NE(walk(dir_.path()), "");
   EXPECT_EQ(walk(dir_.file("none")), "");
 }

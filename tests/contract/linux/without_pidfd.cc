@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs the tests it is linked with on a kernel without pidfd_open(2), as some devices have.
+// Makes the linked tests run without pidfd_open(2), which some devices' kernels lack.
 #include <cerrno>
 
 #include <sys/syscall.h>
@@ -17,7 +17,7 @@ const bool g_refused = [] {
   return true;
 }();
 
-TEST(WithoutPidfd, TheKernelRefusesIt) {
+TEST(WithoutPidfd, PidfdOpenFails) {
   EXPECT_EQ(syscall(SYS_pidfd_open, getpid(), 0), -1);
   EXPECT_EQ(errno, ENOSYS);
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files that are replaced, whole or not at all.
+// Replacing files atomically.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -35,7 +35,7 @@ class WriteTest : public ProxyTest {
   ino_t inodeOf(const std::string& path) { return statusOf(path).st_ino; }
 };
 
-TEST_F(WriteTest, MakesANewFileWithThePermissionsOfTheUmask) {
+TEST_F(WriteTest, CreatesANewFileWithThePermissionsOfTheUmask) {
   const mode_t before = umask(027);
   EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
   umask(before);
@@ -107,7 +107,7 @@ TEST_F(WriteTest, FollowsLinks) {
   EXPECT_EQ(namesIn(dir_.file("below")), Names{"relative"});
 }
 
-TEST_F(WriteTest, MakesTheTargetOfADanglingLink) {
+TEST_F(WriteTest, CreatesTheTargetOfADanglingLink) {
   mkdir(dir_.file("below").c_str(), 0755);
   ASSERT_EQ(symlink("below/target", dir_.file("link").c_str()), 0);
   EXPECT_EQ(write(dir_.file("link"), "content"), kSuccess);
@@ -116,14 +116,14 @@ TEST_F(WriteTest, MakesTheTargetOfADanglingLink) {
   EXPECT_EQ(contentOf(dir_.file("below/target")), "content");
 }
 
-TEST_F(WriteTest, FailsOnALinkThatLeadsToNoDirectoryOrInACircle) {
+TEST_F(WriteTest, FailsOnALinkToAMissingDirectoryOrALoop) {
   ASSERT_EQ(symlink("none/target", dir_.file("nowhere").c_str()), 0);
   ASSERT_EQ(symlink("circle", dir_.file("circle").c_str()), 0);
   EXPECT_EQ(write(dir_.file("nowhere"), "content"), failureWith(ENOENT));
   EXPECT_EQ(write(dir_.file("circle"), "content"), failureWith(ELOOP));
 }
 
-TEST_F(WriteTest, TakesNamesAndPathsOfEveryLength) {
+TEST_F(WriteTest, AcceptsNamesAndPathsOfEveryLength) {
   const std::string longest(255, 'n');
   EXPECT_EQ(write(dir_.file(longest), "content"), kSuccess);
   EXPECT_EQ(write(dir_.file(longest), "new content"), kSuccess);
@@ -152,7 +152,7 @@ TEST_F(WriteTest, WritesRelativeToTheCurrentDirectory) {
   EXPECT_EQ(contentOf(dir_.file("a")), "new");
 }
 
-TEST_F(WriteTest, FailsWhereNoFileCanBe) {
+TEST_F(WriteTest, FailsOnAPathThatCannotBeAFile) {
   const std::string file = dir_.write("file", "old");
   EXPECT_EQ(write("", "x"), failureWith(ENOENT));
   EXPECT_EQ(write(dir_.file("none/a"), "x"), failureWith(ENOENT));
@@ -172,8 +172,8 @@ TEST_F(WriteTest, RefusesAZeroByteInAPath) {
   EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
 }
 
-// Each call that a replacement is made of fails; the file is as it was, and alone.
-TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
+// Each system call of a replacement fails in turn. The file is unchanged, without a temporary file.
+TEST_F(WriteTest, LeavesTheFileUnchangedWhenACallFails) {
   const std::string path = dir_.write("a", "old");
   for (const char* call :
        {"openat file", "fchown", "fchmod", "write", "fsync file", "close", "renameat"}) {
@@ -187,8 +187,8 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenACallFails) {
   }
 }
 
-// Writing in place is for a refused temporary file. A later refusal is a failure.
-TEST_F(WriteTest, LeavesTheFileAloneWhenALaterCallIsRefused) {
+// Only a refused temporary file causes writing in place. A later refusal is a failure.
+TEST_F(WriteTest, LeavesTheFileUnchangedWhenALaterCallIsRefused) {
   const std::string path = dir_.write("a", "old");
   for (const char* call : {"write", "fsync file", "close", "renameat"}) {
     for (const int error : {EACCES, EPERM, EROFS, ENOENT}) {
@@ -201,8 +201,8 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenALaterCallIsRefused) {
   }
 }
 
-// EBUSY means a mount point only when the rename says so.
-TEST_F(WriteTest, LeavesTheFileAloneWhenAnEarlierCallIsBusy) {
+// EBUSY means a mount point only if the rename returns it.
+TEST_F(WriteTest, LeavesTheFileUnchangedWhenAnEarlierCallIsBusy) {
   const std::string path = dir_.write("a", "old");
   for (const char* call : {"openat directory", "readlinkat", "fstatat", "openat file", "fchown",
                            "fchmod", "write", "fsync file", "close"}) {
@@ -214,8 +214,8 @@ TEST_F(WriteTest, LeavesTheFileAloneWhenAnEarlierCallIsBusy) {
   }
 }
 
-// Writing in place is for files that cannot be replaced; not to know is no reason to risk one.
-TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
+// Only a file that cannot be replaced is written in place, not one whose location is unknown.
+TEST_F(WriteTest, DoesNotWriteInPlaceWhenTheLocationIsUnknown) {
   const std::string path = dir_.write("a", "old");
   for (const char* call : {"fstatat", "readlinkat"}) {
     for (const int error : {EIO, ENOMEM, ENAMETOOLONG, ELOOP}) {
@@ -228,7 +228,7 @@ TEST_F(WriteTest, DoesNotWriteInPlaceWhenItCannotTellWhereTheFileIs) {
   }
 }
 
-TEST_F(WriteTest, MakesNoNewFileWhenACallFails) {
+TEST_F(WriteTest, CreatesNoFileWhenACallFails) {
   for (const char* call : {"write", "fsync file", "renameat"}) {
     SpiedCalls spy;
     spy.fail(call, EIO);
@@ -237,26 +237,26 @@ TEST_F(WriteTest, MakesNoNewFileWhenACallFails) {
   }
 }
 
-TEST_F(WriteTest, IsAFailureWhenTheDirectoryCannotBeSynced) {
+TEST_F(WriteTest, FailsWhenTheDirectoryCannotBeSynced) {
   SpiedCalls spy;
   spy.fail("fsync directory", EIO);
   EXPECT_EQ(write(dir_.file("a"), "new"), failureWith(EIO));
 }
 
-TEST_F(WriteTest, IsASuccessWhereDirectoriesAreNeverSynced) {
+TEST_F(WriteTest, SucceedsWhereDirectoriesCannotBeSynced) {
   SpiedCalls spy;
   spy.fail("fsync directory", EINVAL);
   EXPECT_EQ(write(dir_.file("a"), "new"), kSuccess);
 }
 
-TEST_F(WriteTest, GoesOnAfterAnInterruptedWrite) {
+TEST_F(WriteTest, ContinuesAfterAnInterruptedWrite) {
   SpiedCalls spy;
   spy.fail("write", EINTR);
   EXPECT_EQ(write(dir_.file("a"), "content"), kSuccess);
   EXPECT_EQ(contentOf(dir_.file("a")), "content");
 }
 
-TEST_F(WriteTest, LeavesTheFileAloneOnAFullFileSystem) {
+TEST_F(WriteTest, LeavesTheFileUnchangedOnAFullFileSystem) {
   const Mount memory = Mount::memory(dir_.path(), "size=64k");
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(write(path, std::string(100000, 'x')), failureWith(ENOSPC));
@@ -266,14 +266,14 @@ TEST_F(WriteTest, LeavesTheFileAloneOnAFullFileSystem) {
   EXPECT_EQ(write(path, std::string(30000, 'x')), kSuccess);
 }
 
-TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfAnInode) {
+TEST_F(WriteTest, DoesNotWriteInPlaceWhenOutOfInodes) {
   const Mount memory = Mount::memory(dir_.path(), "nr_inodes=2");
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(write(path, "new"), failureWith(ENOSPC));
   EXPECT_EQ(contentOf(path), "old");
 }
 
-TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfADescriptor) {
+TEST_F(WriteTest, DoesNotWriteInPlaceWhenOutOfDescriptors) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
               std::vector<UniqueFd> all;
@@ -281,7 +281,7 @@ TEST_F(WriteTest, DoesNotWriteInPlaceForWantOfADescriptor) {
                 all.push_back(std::move(fd));
               }
               const std::string none = write(path, "new");
-              all.pop_back();  // enough for the directory, not for the file in it
+              all.pop_back();  // enough for the directory, not for the temporary file
               return none + ", " + write(path, "new");
             }),
             failureWith(EMFILE) + ", " + failureWith(EMFILE));
@@ -318,14 +318,15 @@ TEST_F(WriteTest, WritesAMountPointInPlace) {
   EXPECT_EQ(namesIn(dir_.path()), (Names{"a", "other"}));
 }
 
-TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryTakesNoFiles) {
+TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryRefusesNewFiles) {
   const std::string path = dir_.write("a", "old and long");
   chmod(path.c_str(), 0666);
   chmod(dir_.path().c_str(), 0555);
   const ino_t inode = inodeOf(path);
   EXPECT_EQ(inChild([&] {
-              return setuid(kNobody) == 0 ? write(path, "new") + ", " + write(dir_.file("b"), "new")
-                                          : "still root";
+              return setuid(kUnprivileged) == 0
+                         ? write(path, "new") + ", " + write(dir_.file("b"), "new")
+                         : "still root";
             }),
             std::string(kSuccess) + ", " + failureWith(EACCES));
   EXPECT_EQ(contentOf(path), "new");
@@ -336,7 +337,7 @@ TEST_F(WriteTest, WritesInPlaceWhereTheOwnerCannotBeKept) {
   const std::string path = dir_.write("a", "old and long");
   chmod(path.c_str(), 0666);
   chmod(dir_.path().c_str(), 0777);
-  EXPECT_EQ(inChild([&] { return setuid(kNobody) == 0 ? write(path, "new") : "still root"; }),
+  EXPECT_EQ(inChild([&] { return setuid(kUnprivileged) == 0 ? write(path, "new") : "still root"; }),
             kSuccess);
   EXPECT_EQ(contentOf(path), "new");
   EXPECT_EQ(statusOf(path).st_uid, 0U);
@@ -374,15 +375,16 @@ TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryCannotBeFound) {
   }
 }
 
-// Its files can be found by their names, but it cannot be opened.
+// Execute permission only: files are reachable by name, but the directory cannot be opened.
 TEST_F(WriteTest, WritesInPlaceWhereTheDirectoryCanOnlyBeSearched) {
   const std::string path = dir_.write("a", "old and long");
   chmod(path.c_str(), 0666);
   chmod(dir_.path().c_str(), 0333);
   const ino_t inode = inodeOf(path);
   EXPECT_EQ(inChild([&] {
-              return setuid(kNobody) == 0 ? write(path, "new") + ", " + write(dir_.file("b"), "new")
-                                          : "still root";
+              return setuid(kUnprivileged) == 0
+                         ? write(path, "new") + ", " + write(dir_.file("b"), "new")
+                         : "still root";
             }),
             std::string(kSuccess) + ", " + failureWith(EACCES));
   EXPECT_EQ(contentOf(path), "new");
@@ -411,7 +413,7 @@ TEST_F(WriteTest, WritesToDevices) {
   EXPECT_EQ(write("/dev/full", "content"), failureWith(ENOSPC));
 }
 
-TEST_F(WriteTest, WritesWhereALinkOfTheKernelLeads) {
+TEST_F(WriteTest, WritesToTheTargetOfAMagicLink) {
   const UniqueFd file(open(dir_.write("a", "old").c_str(), O_RDWR | O_CLOEXEC));
   unlink(dir_.file("a").c_str());
   EXPECT_EQ(write("/proc/self/fd/" + std::to_string(file.get()), "new"), kSuccess);
@@ -420,8 +422,8 @@ TEST_F(WriteTest, WritesWhereALinkOfTheKernelLeads) {
   EXPECT_EQ(namesIn(dir_.path()), Names{});
 }
 
-// Its text names a file that is not the one that it leads to.
-TEST_F(WriteTest, LeavesTheFileAloneThatALinkOfTheKernelOnlySeemsToLeadTo) {
+// The text of the link names a file that is not its target.
+TEST_F(WriteTest, DoesNotWriteToThePathThatAMagicLinkShows) {
   const UniqueFd file(open(dir_.write("a", "old").c_str(), O_RDWR | O_CLOEXEC));
   unlink(dir_.file("a").c_str());
   const std::string other = dir_.write("a (deleted)", "other");
@@ -431,7 +433,7 @@ TEST_F(WriteTest, LeavesTheFileAloneThatALinkOfTheKernelOnlySeemsToLeadTo) {
   EXPECT_EQ(contentOf(other), "other");
 }
 
-TEST_F(WriteTest, WritesIntoTheTopmostDirectory) {
+TEST_F(WriteTest, WritesIntoTheRootDirectory) {
   EXPECT_EQ(inChild([&] {
               return chroot(dir_.path().c_str()) == 0
                          ? write("/a", "new") + ", " + append("/b", "x")
@@ -449,7 +451,7 @@ TEST_F(WriteTest, DoesNotWaitForTheReaderOfAFifo) {
   EXPECT_TRUE(S_ISFIFO(statusOf(path).st_mode));
 }
 
-TEST_F(WriteTest, HandsTheReaderOfAFifoAllThatItTakes) {
+TEST_F(WriteTest, WritesEverythingToAFifoWithAReader) {
   const std::string path = dir_.file("fifo");
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
   const UniqueFd fifo(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -474,7 +476,7 @@ TEST_F(WriteTest, WaitsForTheReaderOfAFifoThroughSignals) {
   const UniqueFd fifo(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
   const std::string full(65536, 'f');
   ASSERT_EQ(::write(fifo.get(), full.data(), full.size()), static_cast<ssize_t>(full.size()));
-  // The first signals come while there is no room; a later one takes out what is there.
+  // The first signals arrive while the FIFO is full; a later one empties it.
   static int reader;
   static std::atomic<int> signals;
   reader = fifo.get();
@@ -498,17 +500,17 @@ TEST_F(WriteTest, WaitsForTheReaderOfAFifoThroughSignals) {
   EXPECT_GE(signals, 3);
 }
 
-TEST_F(WriteTest, GivesUpOnTheReaderOfAFifoThatTakesNothing) {
+TEST_F(WriteTest, GivesUpWhenTheReaderOfAFifoReadsNothing) {
   const SilentReader reader = SilentReader::ofFifo(dir_.file("fifo"));
   expectGivesUp(reader, [&](const std::string& data) { return write(reader.path(), data); });
 }
 
-TEST_F(WriteTest, GivesUpOnTheReaderOfATerminalThatTakesNothing) {
+TEST_F(WriteTest, GivesUpWhenTheReaderOfATerminalReadsNothing) {
   const SilentReader reader = SilentReader::ofTerminal();
   expectGivesUp(reader, [&](const std::string& data) { return write(reader.path(), data); });
 }
 
-TEST_F(WriteTest, TakesAwayWhatAPowerCutLeft) {
+TEST_F(WriteTest, RemovesTheTemporaryFileOfAPowerCut) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_renameat, EIO);
@@ -521,7 +523,7 @@ TEST_F(WriteTest, TakesAwayWhatAPowerCutLeft) {
   EXPECT_EQ(namesIn(dir_.path()), Names{"a"});
 }
 
-TEST_F(WriteTest, IsNotHeldUpByADirectoryInTheWayOfTheTemporaryFile) {
+TEST_F(WriteTest, UsesAnotherNameWhenADirectoryHasThatOfTheTemporaryFile) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
               refuseCalls(SYS_renameat, EIO);
@@ -538,7 +540,7 @@ TEST_F(WriteTest, IsNotHeldUpByADirectoryInTheWayOfTheTemporaryFile) {
   EXPECT_EQ(namesIn(dir_.path()), names);
 }
 
-TEST_F(WriteTest, FailsWhereDirectoriesTakeEveryTemporaryName) {
+TEST_F(WriteTest, FailsWhenDirectoriesHaveEveryTemporaryName) {
   const std::string path = dir_.write("a", "old");
   const auto putADirectoryInItsPlace = [&] {
     for (const std::string& name : namesIn(dir_.path())) {
@@ -557,17 +559,16 @@ TEST_F(WriteTest, FailsWhereDirectoriesTakeEveryTemporaryName) {
   EXPECT_EQ(contentOf(path), "old");
 }
 
-TEST_F(WriteTest, FailsWhereACallTakesNothing) {
+TEST_F(WriteTest, FailsWhenAWriteReturnsZero) {
   const std::string path = dir_.write("a", "old");
   SpiedCalls spy;
-  spy.fail("write", SpiedCalls::kTakesNothing);
+  spy.fail("write", SpiedCalls::kReturnsZero);
   EXPECT_EQ(write(path, "new"), failureWith(EIO));
   EXPECT_EQ(contentOf(path), "old");
 }
 
-// Directories are in the way of all names but the last, and under that one there is what was left
-// over.
-TEST_F(WriteTest, TakesTheEighthNameForTheTemporaryFileToo) {
+// Directories have all temporary names but the last one, which a stale temporary file has.
+TEST_F(WriteTest, UsesTheEighthTemporaryNameAsWell) {
   const std::string path = dir_.write("a", "old");
   std::string last;
   for (int i = 0; i < 8; ++i) {

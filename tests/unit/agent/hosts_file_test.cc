@@ -335,7 +335,7 @@ TEST_F(HostsFileTest, LeavesTheFileAloneOnAReadOnlyFileSystem) {
   EXPECT_EQ(contentOf(path), "a b\n");
 }
 
-TEST_F(HostsFileTest, LeavesTheFileAloneOnAFullFileSystem) {
+TEST_F(HostsFileTest, LeavesTheFileUnchangedOnAFullFileSystem) {
   mountMemory("size=8k");
   write("a b\n");
   (void)directory.write("filler", std::string(4096, 'x'));

@@ -3,11 +3,11 @@
 
 #include <sys/stat.h>
 
-#include "contract/device/room.h"
+#include "contract/device/environment.h"
 #include "contract/linux/led_directories.h"
 #include "support/temp_dir.h"
 
-namespace zell::test::room {
+namespace zell::test::environment {
 namespace {
 
 std::unique_ptr<TempDir> g_directory;
@@ -17,7 +17,7 @@ std::unique_ptr<LedDirectories> g_leds;
 
 void reset() {
   g_directory = std::make_unique<TempDir>();
-  g_leds.reset();  // the old ones must go before the new ones can be made
+  g_leds.reset();  // unmount the old ones before the new ones are mounted
   g_leds = std::make_unique<LedDirectories>();
 }
 
@@ -54,7 +54,7 @@ std::string missingProgram() {
 }
 
 std::string runningProcess() {
-  return "world";  // process 1 of the tests' world
+  return "world";  // process 1 of the world
 }
 
-}  // namespace zell::test::room
+}  // namespace zell::test::environment

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 
-#include "contract/device/room.h"
+#include "contract/device/environment.h"
 #include "fakes/zell/fake_zell.h"
 
-namespace zell::test::room {
+namespace zell::test::environment {
 namespace {
 
 FakeDevice& device() {
@@ -58,4 +58,4 @@ std::string runningProcess() {
   return "world";
 }
 
-}  // namespace zell::test::room
+}  // namespace zell::test::environment

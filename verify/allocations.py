@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every allocation fails: each one that the real binary makes in each scenario, libc's included.
+"""Fails every allocation that the real binary makes in each scenario, including those of libc.
 
-The scenarios and the checks are those of the system calls. Each allocation fails once, and all from
-it on fail until the scenario is over. An exception may end the daemon: then in good order, logged,
-with status 1, and the files whole.
+The scenarios and the checks are those of the system calls. For each allocation, one run fails only that
+one, and one run fails all from that one to the end of the scenario. An exception may end the daemon:
+then it exits with status 1, logs the exception and leaves complete files.
 """
 import collections
 import random
@@ -12,9 +12,9 @@ import signal
 from harness import arguments, scenarios, verifier
 
 SAMPLE = 120
-LONG_STEP = 3  # of those from one allocation on each third is run, of those that fail once all
+LONG_STEP = 3  # a long run fails each allocation once, and all from every third one on
 FOR_EVER = 1 << 40
-# The life in which libc makes most of what it makes once; a lookup that hung was found in it.
+# The scenario with most of libc's one-time allocations. It once revealed a lookup that hung.
 ALWAYS = "named_master"
 LIVES = frozenset(life.name for life in scenarios.LIVES)
 
@@ -34,14 +34,14 @@ class Job(collections.namedtuple("Job", "scenario role first times")):
         return collections.Counter(allocations=hits) if hits else collections.Counter()
 
     def may_be_silent(self, state):
-        return True  # libc and the library take what they need elsewhere, or do without
+        return True  # libc and the C++ library fall back or work without the memory
 
     def log_is_lost(self, state):
         return False
 
     def deaths_of_libc(self):
-        # glibc 2.36 goes through a null pointer or a failed assertion when the first lookup of a name
-        # gets no memory for its table of services.
+        # glibc 2.36 dereferences a null pointer or fails an assertion when the first lookup of a name
+        # cannot allocate its table of services.
         return (-signal.SIGSEGV, -signal.SIGABRT) if self.scenario == ALWAYS else ()
 
     def may_leak(self, state):
@@ -49,8 +49,8 @@ class Job(collections.namedtuple("Job", "scenario role first times")):
 
 
 def jobs_of(name, role, state):
-    # The first of a life is the C++ library's, before main: the reserve that exceptions are made of
-    # when there is no memory. Without it nothing can be thrown at all.
+    # The first allocation of a process is the C++ library's emergency pool for exceptions, before main.
+    # Without the pool nothing can be thrown.
     least = 2 if name in LIVES else 1
     return [Job(name, role, first, times)
             for first in range(least, state.process.allocations + 1) for times in (1, FOR_EVER)]

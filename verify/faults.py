@@ -1,12 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every system call fails: each call of each scenario, with each error that its manual page names.
+"""Fails every system call: each call of each scenario, with each error that its manual page names.
 
-The scenarios run against the real binary. First their system calls are counted by kind; then each
-runs again and again, each time with another call failing: once, or several times in a row, or two
-in one run. After each: the daemon lives or has ended in good order, nothing hung or spun, what it
-answered is true, files are old or new, the log or an answer told of what was wrong, nothing was
-rebooted; then the same scenario works as if nothing had been, with the descriptors and the memory
-of the beginning.
+The scenarios run against the real binary. A first run counts their system calls by kind. Then each
+scenario runs repeatedly, each time with a different failure: one call, several calls in a row, or two
+kinds in one run. After each run these rules hold:
+
+  - The daemon still runs or made a regular exit. It neither hung nor ran in a busy loop.
+  - Its replies are correct, and each file has its old or its new content.
+  - The log or a reply reports the failure. Nothing rebooted.
+  - The same scenario then succeeds, without leaks of descriptors or memory.
 """
 import collections
 import random
@@ -18,15 +20,14 @@ from harness.state import Failure
 
 SAMPLE = 500
 
-# Runs of the long form: many let several calls fail, together far more than 20,000.
+# Runs of the long form. Many fail several calls, in all far more than 20,000.
 LONG = 14_000
 
-# Of a kind that comes in great numbers the calls are alike: the first so many, and the last.
+# Frequent calls of one kind are similar: only the first ones and the last one fail.
 MOST_OF_A_KIND = 40
 FEWER_OF_A_KIND = {"ladder": 5, "move_much": 8}
 
-# Failures after which libc does not give its own memory back: dprintf's buffer, when its stream's
-# place cannot be told.
+# Failures after which libc leaks memory: dprintf's buffer, when the position of its stream is unknown.
 LEAKS_OF_LIBC = {"lseek"}
 
 
@@ -59,7 +60,7 @@ class Job(collections.namedtuple("Job", "scenario role failures")):
 
 
 def jobs_of(name, role, state):
-    """All jobs of a scenario in which one call fails, by the counts of a run without failures."""
+    """The jobs that fail one call of a scenario, from the counts of a run without failures."""
     counts = state.counts()
     unknown = [kind for kind in counts if kind not in ERRORS and kind not in WITHOUT_ERRORS]
     expect(not unknown, f"calls that the table of errors lacks: {unknown}")
@@ -70,7 +71,7 @@ def jobs_of(name, role, state):
 
 
 def more_jobs(jobs, number, choice):
-    """Jobs made of others: failures in a row, and two kinds in one run."""
+    """Combined jobs: several failures in a row, and two kinds in one run."""
     by_scenario = collections.defaultdict(list)
     for job in jobs:
         by_scenario[job.scenario].append(job)
@@ -89,7 +90,7 @@ def more_jobs(jobs, number, choice):
 
 
 def one_error_each(jobs, choice):
-    """Of the jobs in which the same call fails, one."""
+    """One of the jobs for each failing call."""
     by_call = collections.defaultdict(list)
     for job in jobs:
         failure = job.failures[0]

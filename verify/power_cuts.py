@@ -1,15 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The power goes: what a reader finds in the files that the daemon writes, after a cut at any call.
+"""Simulates a power cut at any call, and checks the content of the files that the daemon writes.
 
-Twice: in a model, which makes every state that a disk may hold by what was synced, at 512 and 4096
-bytes a sector; and on real ext4 file systems, with and without their own care for renames
-(noauto_da_alloc), of which a copy is taken at each call while the daemon stands still. There the
-journal or all of the file system is written at one of the calls before, too, as other programs would
-cause it at any time.
+Runs two checks. A model generates every possible disk state from the syncs, with sectors of 512 and
+4096 bytes. And at each call on a real ext4 file system the daemon is paused and the image is copied,
+with and without ext4's protection of renames (noauto_da_alloc). There the journal or the whole file
+system is also synced before one of the calls, because other programs may cause that at any time.
 
-A file that is replaced has its old content or its new one, whole, and the new one once the task was
-answered. One that is appended to is changed in place, since other programs may have it open: it has
-all of its old content, and the new one once the task was answered.
+A replaced file must have its complete old or new content, and the new content once the daemon has
+replied. An append changes the file in place, because other programs may have it open: the file must
+begin with all of its old content, and have the new content once the daemon has replied.
 """
 import contextlib
 import os
@@ -29,7 +28,7 @@ from support.wire import request
 
 SECTORS = (512, 4096)
 MODEL_STATES = {False: 4_000, True: 24_000}
-PLACES = {False: 1, True: 7}  # of the journal's being written, for each file and file system
+PLACES = {False: 1, True: 7}  # calls before which the journal is synced, per file and file system
 LARGE = 20_000  # bytes: several sectors of each size
 OPTIONS = ((), ("noauto_da_alloc",))
 DISK = "/dev/shm/disk"
@@ -40,7 +39,7 @@ def content(letter, size):
 
 
 class Case:
-    """A file that is written: its place, what it held, and who has it written."""
+    """A file that the daemon writes: its path, its old and new content, and the trigger."""
 
     mount = DISK
     in_place = False
@@ -54,13 +53,13 @@ class Case:
         return f"{self.mount}/file"
 
     def files(self):
-        """What is there before, by the path below the mount."""
+        """The initial files, by their path below the mount point."""
         if self.old is None:
             return {}
         return {os.path.relpath(self.target, self.mount): self.old}
 
     def check(self, found, answered):
-        """Whether a reader may find this; @p answered when the daemon has said that it is done."""
+        """Whether the content @p found is allowed. @p answered: the daemon has replied."""
         if answered:
             return found == self.new
         if self.in_place and found is not None:
@@ -106,7 +105,7 @@ class HostsCase(Case):
         agent.send(b"<hello/>")
         bridge = session.master.accept(HANG)
         agent.close()
-        bridge.read_to_end(HANG)  # it ends with the agent
+        bridge.read_to_end(HANG)  # the bridge ends with the agent
         session.forget(bridge)
 
 
@@ -122,12 +121,12 @@ class PidCase(Case):
         session.start_traced()
         expect(session.daemon.process.wait(HANG) == 0, "the daemon does not start")
         number = b"%d\n" % session.state.shared.processes[1].pid
-        expect(self.new in (None, number), f"a wrong number was found: {self.new!r}")
+        expect(self.new in (None, number), f"wrong process id: {self.new!r}")
         self.new = number
 
     def check(self, found, answered):
         if found is not None and found != self.old:
-            self.new = self.new or found  # the number is known only when it has been written
+            self.new = self.new or found  # the process id is unknown until it is written
             return found == self.new and found.rstrip(b"\n").isdigit() and found.endswith(b"\n")
         return found == self.old
 
@@ -152,7 +151,7 @@ def cases():
 
 
 class PowerSession(Session):
-    """Has its state made before the daemon starts, so that the start can be traced."""
+    """Creates the shared state before the daemon starts, so that the start can be traced."""
 
     def start_traced(self):
         self._spawn((), True)
@@ -185,7 +184,7 @@ class Report:
 # The model.
 
 def trace_of(session, case):
-    """The calls by which the daemon writes the file."""
+    """The calls with which the daemon writes the file."""
     shutil.rmtree(DISK, ignore_errors=True)
     os.makedirs(DISK)
     if case.mount == "/var/lib/runeld":
@@ -228,7 +227,7 @@ def verify_model(session, options, report):
             run_model(case, records, report, choice, 4000)
         rounds += 1
     for case, records in traced:
-        # The model would notice: without its syncs, each replacement can be lost or torn.
+        # Proves that the model detects errors: without the syncs, each replacement can be lost or torn.
         broken = Report()
         run_model(case, records, broken, random.Random(1), 4000, with_syncs=False)
         expect(broken.findings, f"{case.name}: the model finds nothing wrong without fsync")
@@ -237,15 +236,15 @@ def verify_model(session, options, report):
 # Real file systems.
 
 class RealCut:
-    """One run of a case on a file system of its own, cut at every call."""
+    """One run of a case on a separate file system, cut at every call."""
 
-    def __init__(self, session, folder, template, report):
-        self.session, self.folder, self.report = session, folder, report
+    def __init__(self, session, directory, template, report):
+        self.session, self.directory, self.report = session, directory, report
         self.template = template
 
     def look(self, case, image, answered, where):
-        copy = image.copy(f"{self.folder}/cut.img")
-        place = f"{self.folder}/cut"
+        copy = image.copy(f"{self.directory}/cut.img")
+        place = f"{self.directory}/cut"
         with copy.mounted(place):
             found = None
             with contextlib.suppress(FileNotFoundError):
@@ -254,8 +253,9 @@ class RealCut:
             self.report.check(case, found, answered, where)
 
     def run(self, case, mount_options, disturb=None, at=None):
-        """@p disturb is called with the folder before call @p at. How many calls there were."""
-        image = self.template.copy(f"{self.folder}/disk.img")
+        """Runs @p case. Calls @p disturb with the mount point before call @p at. Returns the number of
+        calls."""
+        image = self.template.copy(f"{self.directory}/disk.img")
         session = self.session
         session.prepare(case)
         with image.mounted(case.mount, mount_options):
@@ -287,33 +287,33 @@ class RealCut:
     def trigger(self, case, failures):
         try:
             case.trigger(self.session)
-        except Exception as error:  # pylint: disable=broad-except  # told by the caller
+        except Exception as error:  # pylint: disable=broad-except  # the caller raises it
             failures.append(error)
 
 
-def check_method(folder):
-    """A rename without a sync is seen to lose the file: such a cut would be noticed."""
-    image = images.Image(f"{folder}/disk.img").make()
+def check_method(directory):
+    """Proves that the method detects lost data: a rename without a sync loses the content."""
+    image = images.Image(f"{directory}/disk.img").make()
     with image.mounted(DISK, ("noauto_da_alloc",)):
         images.fill(DISK, {"file": b"old"})
         with open(f"{DISK}/new", "wb") as file:
             file.write(b"new" * 5000)
         os.rename(f"{DISK}/new", f"{DISK}/file")
         images.commit(DISK)
-        with image.copy(f"{folder}/cut.img").mounted(f"{folder}/cut") as place:
+        with image.copy(f"{directory}/cut.img").mounted(f"{directory}/cut") as place:
             with open(f"{place}/file", "rb") as file:
                 expect(file.read() == b"", "a file renamed without a sync survives the cut")
 
 
-def verify_real(session, folder, options, report):
+def verify_real(session, directory, options, report):
     images.make_loop_devices()
-    check_method(folder)
+    check_method(directory)
     choice = random.Random(options.seed)
     for number, case in enumerate(cases()):
-        template = images.Image(f"{folder}/template{number}.img").make()
-        with template.mounted(f"{folder}/template"):
-            images.fill(f"{folder}/template", case.files())
-        cut = RealCut(session, folder, template, report)
+        template = images.Image(f"{directory}/template{number}.img").make()
+        with template.mounted(f"{directory}/template"):
+            images.fill(f"{directory}/template", case.files())
+        cut = RealCut(session, directory, template, report)
         for mount_options in OPTIONS if options.long else (choice.choice(OPTIONS),):
             calls = cut.run(case, mount_options)
             places = [(disturb, at) for disturb in (images.commit, images.sync)
@@ -330,19 +330,19 @@ def main():
     options = arguments.parse("power-cuts", __doc__)
     world.adopt_orphans()
     world.reset()
-    folder = tempfile.mkdtemp(prefix="verify-", dir="/dev/shm")
+    directory = tempfile.mkdtemp(prefix="verify-", dir="/dev/shm")
     log = LogCollector()
-    session = PowerSession(folder, log, libraries=("dispatch",))
+    session = PowerSession(directory, log, libraries=("dispatch",))
     model, real = Report(), Report()
     begun = time.monotonic()
     try:
         verify_model(session, options, model)
         between = time.monotonic()
-        verify_real(session, folder, options, real)
+        verify_real(session, directory, options, real)
     finally:
         session.close()
         log.close()
-        shutil.rmtree(folder, ignore_errors=True)
+        shutil.rmtree(directory, ignore_errors=True)
     for finding in (model.findings + real.findings)[:options.most_findings]:
         print(finding)
     findings = len(model.findings) + len(real.findings)

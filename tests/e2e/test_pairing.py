@@ -62,7 +62,7 @@ class Pairing(EndToEndCase):
             if not self.ended():
                 self.running.wait_asleep()
         self.forget_gone()
-        while self.listener and not self.listener.nobody_waits():
+        while self.listener and not self.listener.no_connection_waits():
             role = next(role for role in DIALLED if role not in self.peers)
             self.peers[role] = self.listener.accept()
         self.forget_gone()

@@ -363,7 +363,7 @@ class TearingDownTest(RelayCase):
             (INFO, f"closing connection 127.0.0.1, socket {b}"),
             (INFO, f"dropping connection: {a}"),
             (DEBUG, f"drop_socket: dropping update manager agent socket {a}")])
-        self.assertTrue(self.listener.nobody_waits())
+        self.assertTrue(self.listener.no_connection_waits())
         self.assert_next_agent_is_served()
         self.assert_stops(daemon)
 

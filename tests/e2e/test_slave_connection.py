@@ -34,7 +34,7 @@ class ConnectionTest(EndToEndCase):
         daemon = self.daemon()
         master.accept().ask("hostid")
         self.client().ask("hostid")
-        self.assertTrue(master.nobody_waits())
+        self.assertTrue(master.no_connection_waits())
         self.assert_stops(daemon)
 
     def test_a_refusing_master_leaves_no_line_and_holds_nobody_up(self):
@@ -201,7 +201,7 @@ class MastersNameTest(EndToEndCase):
         failed = [(ERR, "resolve_master: cannot resolve name, the-master, -1 Resolver internal error"),
                   (ERR, "cannot resolve host 'the-master'")]
         self.assertEqual(self.log.shown(after_start)[:8], failed * 4)
-        self.assertTrue(master.nobody_waits())
+        self.assertTrue(master.no_connection_waits())
         self.write("/etc/hosts", "127.0.0.3 the-master alias-0\n")
         self.assertEqual(master.accept().ask("fileexists", "/etc/hosts").fields, SUCCESS)
         self.assert_stops(daemon)

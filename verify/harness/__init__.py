@@ -1,2 +1,2 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the verification commands share: the preloaded libraries' state, scenarios and checks."""
+"""Shared by the verification commands: the state of the preloaded libraries, scenarios and checks."""

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What a disk may hold after a power cut, by what was synced before it.
+"""A model of the disk states that are possible after a power cut.
 
-Until it is synced, each sector of what was written may have got there or not, in any order, and the
-length of a file may be any that it had since. Until their folder is synced, names may have changed or
-not, each by itself, but a rename is whole. This is less than any file system in use promises.
+Before a sync, each written sector may be on the disk or not, in any order, and the length of a file
+may be any length since the last sync. Before a sync of their directory, each change of a name may be on
+the disk or not, but a rename is atomic. Real file systems give stronger guarantees.
 """
 import itertools
 import os
@@ -13,7 +13,7 @@ AT_FDCWD = -100
 
 
 class File:
-    """An inode: its content as it is, and as it may be on the disk."""
+    """An inode: its current content, and the contents that may be on the disk."""
 
     def __init__(self, content=b""):
         self.content = bytearray(content)
@@ -36,7 +36,7 @@ class File:
         self.lengths = [len(self.content)]
 
     def choices(self, sector):
-        """How many ways there are: lengths, and sectors that differ."""
+        """The number of possible lengths, and the sectors that differ."""
         return len(set(self.lengths)), self.dirty(sector)
 
     def dirty(self, sector):
@@ -45,7 +45,7 @@ class File:
                 if self.content[at:at + sector] != self.durable[at:at + sector]]
 
     def as_cut(self, length, arrived, sector):
-        """The content with @p arrived sectors and this length; zeros where nothing ever was."""
+        """The content with @p arrived sectors and this length. Bytes never written are zeros."""
         content = bytearray(self.durable)
         content.extend(bytes(max(0, length - len(content))))
         for at in arrived:
@@ -55,27 +55,28 @@ class File:
 
 
 class Disk:
-    """Names and files, changed call by call."""
+    """Names and files. Each traced call changes them."""
 
     def __init__(self, files):
         self.durable_names = {path: File(content) for path, content in files.items()}
         self.names = dict(self.durable_names)
-        self.pending = []  # changes of names that are not synced: (folder, {path: file or None})
+        self.pending = []  # unsynced changes of names: (directory, {path: file or None})
         self.descriptors = {}
-        self.made = set()  # folders that were not there before
+        self.made = set()  # directories that the daemon created
         self.answered = False
 
     def change(self, changes):
         self.names.update(changes)
-        folder = os.path.dirname(next(iter(changes)))
-        self.pending.append((folder, changes))
+        directory = os.path.dirname(next(iter(changes)))
+        self.pending.append((directory, changes))
 
-    def path_of(self, folder, name):
+    def path_of(self, directory, name):
         name = name.decode()
-        if not name.startswith("/") and folder != AT_FDCWD:
-            name = os.path.join(self.descriptors[folder]["path"], name)
+        if not name.startswith("/") and directory != AT_FDCWD:
+            name = os.path.join(self.descriptors[directory]["path"], name)
         path = os.path.normpath(name)
-        return path[len("/var"):] if path.startswith("/var/run/") else path  # one folder, two names
+        # /var/run and /run are the same directory.
+        return path[len("/var"):] if path.startswith("/var/run/") else path
 
     def apply(self, record, with_syncs=True):
         name, arguments, result, first, second = record
@@ -116,13 +117,13 @@ class Disk:
         if target["file"] is not None:
             target["file"].sync()
         else:
-            self.sync_folder(target["path"])
+            self.sync_directory(target["path"])
 
-    def sync_folder(self, folder):
+    def sync_directory(self, directory):
         for where, changes in self.pending:
-            if where == folder:
+            if where == directory:
                 self.durable_names.update(changes)
-        self.pending = [(where, changes) for where, changes in self.pending if where != folder]
+        self.pending = [(where, changes) for where, changes in self.pending if where != directory]
 
     def on_close(self, arguments, _result, _first, _second):
         self.descriptors.pop(arguments[0], None)
@@ -152,11 +153,11 @@ class Disk:
         self.answered = True
 
     def states(self, path, sector, choice, most):
-        """Contents that @p path may have after a cut now, None for no file: at most @p most."""
+        """At most @p most of the contents that @p path may have after a cut now. None: no file."""
         for names in self.name_states():
             file = names.get(path)
-            lost = any(path.startswith(f"{folder}/") and names.get(folder) is None
-                       for folder in self.made)
+            lost = any(path.startswith(f"{directory}/") and names.get(directory) is None
+                       for directory in self.made)
             if file is None or lost:
                 yield None
             else:

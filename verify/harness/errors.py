@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The errors of each system call, as section ERRORS of its manual page names them."""
+"""The errors of each system call according to section ERRORS of its manual page."""
 import errno
 
 from harness.state import SHORT
@@ -46,7 +46,7 @@ _NAMES = {
     "prlimit64": "EFAULT EINVAL EPERM ESRCH",
     "pselect6": "EBADF EINTR EINVAL ENOMEM",
     "read": "EAGAIN EBADF EFAULT EINTR EINVAL EIO EISDIR",
-    # Without EINVAL, which is the answer that there is no link.
+    # Without EINVAL, which means that the path is not a link.
     "readlink": f"{_PATH} EIO",
     "readlinkat": f"{_PATH} EBADF EIO",
     "reboot": "EFAULT EINVAL ENOMEM EPERM",
@@ -70,64 +70,64 @@ _NAMES["renameat"] = _NAMES["rename"] + " EBADF"
 _NAMES["unlinkat"] = _NAMES["unlink"] + " EBADF EINVAL ENOTEMPTY"
 _NAMES["sendto"] = _NAMES["sendmsg"]
 
-# Calls that may do a part of what they were asked for.
+# Calls that may complete partially.
 _SHORT = ("read", "write", "recvfrom", "sendmsg")
 
 ERRORS = {name: tuple(sorted({getattr(errno, one) for one in names.split()})) +
           ((SHORT,) if name in _SHORT else ()) for name, names in _NAMES.items()}
 
-# Made by the daemon, and cannot fail, or only by arguments that are constants here.
+# Calls of the daemon that cannot fail, or only for invalid arguments, which are constants here.
 WITHOUT_ERRORS = frozenset((
     "exit_group", "futex", "getpid", "getrandom", "madvise", "munmap", "rt_sigreturn", "sync",
     "restart_syscall", "rt_sigaction",
     "rt_sigprocmask"))
 
-# Failures that are neither logged nor answered, each with the reason why nobody must know.
+# Failures that are neither logged nor reported in a reply, each with the reason why that is correct.
 SILENT = {
-    "brk": "libc takes memory elsewhere",
-    "close": "the descriptor is gone all the same",
-    "connect": "a refused connect is tried again on each pass, without a line; libc's log gives up",
+    "brk": "libc allocates with mmap instead",
+    "close": "the descriptor is freed even on failure",
+    "connect": "each pass retries a refused connect without a log line; libc's log gives up",
     "fchmod": "a file whose permissions cannot be kept is written in place",
     "fchown": "a file whose owner cannot be kept is written in place",
-    "fcntl": "a standard stream that is left close-on-exec",
-    "fsync": "a folder or a device that cannot be synced",
-    "getdents64": "a folder that goes away during a walk",
+    "fcntl": "a standard stream stays close-on-exec",
+    "fsync": "a directory or a device that cannot be synced",
+    "getdents64": "a directory that is removed during a walk",
     "getpgid": "the process is signalled directly too",
     "getsockopt": "a clause is written without a wait for room; for a slow peer, see ioctl",
-    "ioctl": "the output counts as read to its end; a slow peer's progress is what its socket takes",
-    "kill": "a program that is gone already; the wait that follows sees its end",
-    "lseek": "libc's streams work without",
-    "mkdir": "a folder that is there already",
-    "mmap": "libc takes memory elsewhere, or says that there is none",
-    "mprotect": "libc takes memory elsewhere",
-    "newfstatat": "libc's streams and its clock's zone work without",
-    "openat": "files that need not be there: the zone, the resolver's, the LEDs', the reserve",
-    "pidfd_open": "the end of a program is looked for every 10 ms instead",
-    "poll": "the end of a program is looked for every 10 ms instead",
+    "ioctl": "the output counts as complete; the bytes that the socket accepts count as progress",
+    "kill": "the program has already ended; the following wait detects it",
+    "lseek": "libc's streams work without it",
+    "mkdir": "the directory already exists",
+    "mmap": "libc allocates elsewhere, or reports that memory is exhausted",
+    "mprotect": "libc allocates elsewhere",
+    "newfstatat": "libc's streams and its time zone work without it",
+    "openat": "optional files: the time zone, the resolver's, the LEDs', the reserve",
+    "pidfd_open": "the end of a program is polled every 10 ms instead",
+    "poll": "the end of a program is polled every 10 ms instead",
     "prlimit64": "libc's number of processors or descriptors",
-    "read": "files that need not be there; a pipe counts as at its end",
-    "readlinkat": "a path that is no link",
-    "renameat": "a file that cannot be replaced is written in place; a folder that is made then",
+    "read": "optional files; a pipe counts as at its end",
+    "readlinkat": "the path is not a link",
+    "renameat": "a file that cannot be replaced is written in place; a missing directory is created",
     "sendto": "the log itself",
-    "setsockopt": "the socket works without the option, or libc says so",
-    "shutdown": "the peer has gone already",
-    "socket": "the log's or the resolver's",
-    "statfs": "libc's questions about a file system",
-    "uname": "libc's resolver, and the prompt's host name",
-    "unlink": "a file that need not be there",
-    "unlinkat": "a file that need not be there",
-    "wait4": "a program that is not there any more",
-    "waitid": "a program that is not there any more",
-    "write": "standard error's copy of the log",
-    "nanosleep": "the wait is made again",
-    "clock_nanosleep": "the wait is made again",
-    "getcwd": "libc's",
-    "faccessat": "a file that need not be there",
-    "faccessat2": "a file that need not be there",
-    "access": "a file that need not be there",
+    "setsockopt": "the socket works without the option, or libc reports the error",
+    "shutdown": "the peer has already disconnected",
+    "socket": "the socket of the log or of the resolver",
+    "statfs": "libc's queries about a file system",
+    "uname": "libc's resolver, and the host name of the prompt",
+    "unlink": "the file is optional",
+    "unlinkat": "the file is optional",
+    "wait4": "the program was already reaped",
+    "waitid": "the program was already reaped",
+    "write": "the copy of the log on standard error",
+    "nanosleep": "the wait is repeated",
+    "clock_nanosleep": "the wait is repeated",
+    "getcwd": "a call inside libc",
+    "faccessat": "the file is optional",
+    "faccessat2": "the file is optional",
+    "access": "the file is optional",
 }
 
-# The only errors of a kind in SILENT that may pass without a word, where not all may.
+# The errors that may stay silent, for the calls of SILENT where not every error may.
 _REFUSED = frozenset((errno.EACCES, errno.ENOENT, errno.EPERM, errno.EROFS))
 SILENT_ERRORS = {
     "fchmod": _REFUSED, "fchown": _REFUSED, "fsync": frozenset((errno.EINVAL, errno.EROFS)),
@@ -136,7 +136,7 @@ SILENT_ERRORS = {
 
 
 def may_be_silent(name, error):
-    """Whether a failure without a consequence may go without a word."""
+    """Whether a failure without consequences may stay unreported."""
     if error in (SHORT, errno.EINTR, errno.EAGAIN):
-        return True  # the call is made again
+        return True  # the daemon repeats the call
     return name in SILENT and error in SILENT_ERRORS.get(name, (error,))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Real ext4 file systems in files, which can be copied at any moment as a power cut leaves them."""
+"""Real ext4 file systems in image files. A copy of an image is the disk after a power cut."""
 import ctypes
 import os
 import stat
@@ -9,7 +9,8 @@ SIZE = 8 << 20
 
 
 def make_loop_devices():
-    """The world's /dev has none; they are the machine's, each image in one for as long as mounted."""
+    """Creates the loop devices, which the isolated /dev lacks. The devices themselves are the machine's;
+    each mounted image uses one."""
     if not os.path.exists("/dev/loop-control"):
         os.mknod("/dev/loop-control", stat.S_IFCHR | 0o600, os.makedev(10, 237))
     for number in range(64):
@@ -31,45 +32,45 @@ class Image:
         subprocess.run(["cp", "--sparse=always", self.path, path], check=True)
         return Image(path)
 
-    def mounted(self, folder, options=()):
-        return Mounted(self, folder, options)
+    def mounted(self, directory, options=()):
+        return Mounted(self, directory, options)
 
 
 class Mounted:
-    def __init__(self, image, folder, options):
-        self.image, self.folder, self.options = image, folder, options
+    def __init__(self, image, directory, options):
+        self.image, self.directory, self.options = image, directory, options
 
     def __enter__(self):
-        os.makedirs(self.folder, exist_ok=True)
+        os.makedirs(self.directory, exist_ok=True)
         subprocess.run(["mount", "-t", "ext4", "-o", ",".join(("loop", *self.options)),
-                        self.image.path, self.folder], check=True)
-        return self.folder
+                        self.image.path, self.directory], check=True)
+        return self.directory
 
     def __exit__(self, *_):
-        subprocess.run(["umount", self.folder], check=True)
+        subprocess.run(["umount", self.directory], check=True)
 
 
-def fill(folder, files):
-    """Puts files, by their paths below the folder, and has them on the disk."""
+def fill(directory, files):
+    """Writes and syncs @p files, whose keys are paths below the directory."""
     for name, content in files.items():
-        path = os.path.join(folder, name)
+        path = os.path.join(directory, name)
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as file:
             file.write(content)
-    sync(folder)
+    sync(directory)
 
 
-def sync(folder):
-    """All that was written to the file system is on the disk."""
-    handle = os.open(folder, os.O_RDONLY)
+def sync(directory):
+    """Writes all cached data of the file system to the disk."""
+    handle = os.open(directory, os.O_RDONLY)
     ctypes.CDLL(None).syncfs(handle)
     os.close(handle)
 
 
-def commit(folder):
-    """The file system's journal is written, as another program's fsync would have it, but not the
-    content of files that nobody synced."""
-    path = os.path.join(folder, "other-program's-file")
+def commit(directory):
+    """Commits the file system's journal, as the fsync of another program does. The content of files
+    without a sync stays unwritten."""
+    path = os.path.join(directory, "other-program's-file")
     handle = os.open(path, os.O_WRONLY | os.O_CREAT, 0o644)
     os.write(handle, b"x")
     os.fsync(handle)

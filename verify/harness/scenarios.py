@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the daemon is made to do while something fails: work on a running one, and whole lives."""
+"""The scenarios that run while calls fail: work of a running daemon, and whole life cycles."""
 import contextlib
 import os
 import select
@@ -8,7 +8,7 @@ import signal
 import socket
 import time
 
-from harness.session import HANG, SHORT_PATIENCE, Finding, Lost, expect, old_or_new
+from harness.session import HANG, SHORT_TIMEOUT, Finding, Lost, expect, old_or_new
 from support.peers import ready
 from support.wait import wait_until
 from support.wire import frame, request
@@ -17,7 +17,7 @@ HOSTS = "/etc/hosts"
 OLD_HOSTS = b"127.0.0.1 localhost\n192.0.2.1 update-master\n"
 NEW_HOSTS = b"127.0.0.1 localhost\n127.0.0.1 update-master\n"
 PID_FILE = "/var/run/runeld.pid"
-STATE_FOLDER = "/var/lib/runeld"
+STATE_DIRECTORY = "/var/lib/runeld"
 
 
 def put(path, content):
@@ -26,7 +26,7 @@ def put(path, content):
 
 
 def replace(session, task, name, old, new, data):
-    """A task that replaces a file: it has the old content or the new, and after success the new."""
+    """A task that replaces a file. The file must have its old or new content, after success the new."""
     path = session.path(name)
     if old is None:
         with contextlib.suppress(FileNotFoundError):
@@ -44,7 +44,7 @@ def replace(session, task, name, old, new, data):
 
 
 def step(session, *arguments, wanted=(0, 0, 0, 0, 0), output=None, exec_param=0, also=()):
-    """A task that changes nothing; its output is right when it succeeds."""
+    """A task that changes nothing. On success its output must be correct."""
     with contextlib.suppress(Lost):
         reply = session.ask(request(*arguments, exec_param=exec_param), wanted, also=also)
         if reply is not None and output is not None:
@@ -61,8 +61,8 @@ def write_files(session):
     replace(session, "write", "kept", b"old content\n", b"brand new", "brand new")
     replace(session, "append", "appended", None, b"first", "first")
     replace(session, "append", "log", b"a line\n", b"a line\nand one\n", "and one\n")
-    key = f"{STATE_FOLDER}/umstate/key"
-    shutil.rmtree(STATE_FOLDER, ignore_errors=True)
+    key = f"{STATE_DIRECTORY}/umstate/key"
+    shutil.rmtree(STATE_DIRECTORY, ignore_errors=True)
     for old, new in ((None, b"one"), (b"one", b"two")):
         if old is not None and not os.path.exists(key):
             os.makedirs(os.path.dirname(key), exist_ok=True)
@@ -77,21 +77,21 @@ def write_files(session):
 
 def look_at_files(session):
     path = session.path("looked-at")
-    folder = session.path("tree")
+    directory = session.path("tree")
     put(path, b"content")
-    os.makedirs(f"{folder}/below", exist_ok=True)
-    put(f"{folder}/below/file", b"x")
+    os.makedirs(f"{directory}/below", exist_ok=True)
+    put(f"{directory}/below/file", b"x")
     with contextlib.suppress(FileExistsError):
-        os.symlink("below", f"{folder}/link")
+        os.symlink("below", f"{directory}/link")
     step(session, "read", path, output=b"content")
     step(session, "stat", path)
-    step(session, "lstat", f"{folder}/link")
+    step(session, "lstat", f"{directory}/link")
     step(session, "access", path, 4)
     step(session, "fileexists", path)
-    step(session, "realpath", f"{folder}/link", output=f"{folder}/below".encode())
-    step(session, "readdir", folder, output=b"StringVec 2\n5:below\n4:link\n")
-    step(session, "walktree", folder)
-    step(session, "freeblocks", folder)
+    step(session, "realpath", f"{directory}/link", output=f"{directory}/below".encode())
+    step(session, "readdir", directory, output=b"StringVec 2\n5:below\n4:link\n")
+    step(session, "walktree", directory)
+    step(session, "freeblocks", directory)
 
 
 def change_files(session):
@@ -136,7 +136,7 @@ def move_much(session):
 
 
 def serve_clients(session):
-    """Connections that speak each of the languages of the port, and none of them."""
+    """Connections with each protocol of the port, and with invalid input."""
     with contextlib.suppress(Lost):
         client = session.client()
         with contextlib.closing(client):
@@ -156,7 +156,7 @@ def serve_clients(session):
 
 
 def send(peer, data):
-    """Sends; Lost when the connection has ended."""
+    """Sends @p data. Raises Lost when the connection has ended."""
     try:
         peer.send(data)
     except AssertionError as error:
@@ -168,7 +168,7 @@ def clause_arrives(session, source, target, clause):
     send(source, clause)
     wanted = clause + b"\r\n"
     got = b""
-    deadline = time.monotonic() + (HANG if session.strict else SHORT_PATIENCE)
+    deadline = time.monotonic() + (HANG if session.strict else SHORT_TIMEOUT)
     while len(got) < len(wanted) and ready(target.socket, select.POLLIN,
                                            deadline - time.monotonic()):
         try:
@@ -186,14 +186,14 @@ def clause_arrives(session, source, target, clause):
 
 
 def relay(session):
-    """An agent comes, the hosts file is rewritten, the bridge is made, clauses cross, it leaves."""
+    """An agent connects, the hosts file is rewritten, the bridge relays clauses, the agent leaves."""
     session.slave_or_new()
     put(HOSTS, OLD_HOSTS)
     agent = session.client()
     bridge = None
     try:
         send(agent, b"<hello/>")
-        deadline = time.monotonic() + (HANG if session.strict else SHORT_PATIENCE)
+        deadline = time.monotonic() + (HANG if session.strict else SHORT_TIMEOUT)
         while bridge is None and time.monotonic() < deadline:
             if ready(session.master.listener, select.POLLIN, 0.01):
                 bridge = session.master.accept()
@@ -227,7 +227,7 @@ WORK = {function.__name__: function for function in (
 
 
 class Life:
-    """A daemon from start to end: `role` is the process that fails in it."""
+    """The life cycle of a daemon from start to end. `role` is the process whose calls fail."""
 
     def __init__(self, name, run, role=0):
         self.name, self.run, self.role = name, run, role
@@ -242,12 +242,12 @@ def prepare(session, *arguments, background=False):
 
 
 def serve_once(session):
-    """Waits for the slave connection and asks one thing over it."""
+    """Waits for the slave connection and sends one request."""
     session.connect_slave()
     step(session, "fileexists", "/")
 
 
-# What the first lookup of the master's name leaves in the log.
+# The log line of the first lookup of the master's name.
 LOOKED_UP = r"(established connection to|cannot resolve host) .*"
 
 
@@ -270,7 +270,7 @@ def foreground(session, spawn):
 
 
 def ended_by_task(session, spawn, task, answered):
-    """Ended by its master. The failure may keep the request from arriving: then by a signal."""
+    """The master ends the daemon by a task. If a failure prevents that, a signal ends it."""
     spawn()
     try:
         peer = session.connect_slave()
@@ -298,12 +298,12 @@ def rebooted(session, spawn):
 
 
 def find_child(session):
-    """The process number of the daemon in the background; None when there is none."""
+    """The process id of the daemon in the background; None without one."""
     return session.state.shared.processes[1].pid or None
 
 
 def reap_child(session, pid):
-    """Waits for the daemon in the background to end: its exit status."""
+    """Waits for the daemon in the background to end. Returns its exit status."""
     def reaped():
         found, status = os.waitpid(pid, os.WNOHANG)
         return (os.waitstatus_to_exitcode(status),) if found else None
@@ -314,10 +314,10 @@ def reap_child(session, pid):
 
 
 def background(session, spawn):
-    """Goes into the background, writes its pid file, serves, and takes the file away."""
+    """The daemon forks into the background, writes its pid file, serves, and removes the file."""
     spawn()
     status = session.daemon.process.wait(HANG)
-    expect(status in (0, 1), f"exit status {status} of the one that launches")
+    expect(status in (0, 1), f"exit status {status} of the launching process")
     pid = find_child(session)
     if pid is None:
         session.deviate("no daemon in the background")
@@ -335,7 +335,7 @@ def background(session, spawn):
             os.kill(pid, signal.SIGTERM)
         ended = reap_child(session, pid)
         expect(ended in (0, 1), f"exit status {ended} of the daemon")
-    # One that stays names a dead process, and the next start replaces it.
+    # A remaining pid file names a dead process, and the next start replaces it.
     if old_or_new(PID_FILE, None, b"%d\n" % pid, "pid file"):
         expect(not session.strict, "the pid file stays")
 
@@ -343,20 +343,20 @@ def background(session, spawn):
 def until_child_serves(session, pid):
     begun = time.monotonic()
     while not ready(session.master.listener, select.POLLIN, 0.005):
-        if not session.strict and time.monotonic() > begun + SHORT_PATIENCE:
+        if not session.strict and time.monotonic() > begun + SHORT_TIMEOUT:
             session.state.pause()
         with open(f"/proc/{pid}/stat", encoding="latin-1") as about:
             if about.read().rpartition(")")[2].split()[0] == "Z":
                 raise Lost("the daemon ended")
         if time.monotonic() > begun + HANG:
-            raise Finding("it does not connect to its master")
+            raise Finding("the daemon does not connect to its master")
     session.slave = session.master.accept()
     session.ask(request("fileexists", "/"))
 
 
 @contextlib.contextmanager
 def held_port():
-    """Somebody else listens on the port."""
+    """Another process listens on the port."""
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as holder:
         holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         holder.bind(("0.0.0.0", 5111))
@@ -365,14 +365,14 @@ def held_port():
 
 
 def ladder(session, spawn):
-    """The port is taken for good: 35 failures later the device is rebooted."""
+    """The port stays in use. After 35 failures the daemon reboots the device."""
     with held_port():
         spawn()
         status = session.wait_end("the ladder")
     expect(status in (0, 1), f"exit status {status}")
     shared = session.state.shared
     if status == 0 and session.strict:
-        expect(shared.reboots == 1 and shared.restart_reboots == 1, "it does not reboot")
+        expect(shared.reboots == 1 and shared.restart_reboots == 1, "no reboot")
         expect(shared.popens == 1 and shared.systems == 1, "the process list is shown once")
     expect(shared.popens <= 1 and shared.systems <= 1, "the process list is shown again")
 
@@ -382,5 +382,5 @@ LIVES = (
     Life("rebooted", rebooted),
     Life("launcher", background, 0), Life("background", background, 1), Life("ladder", ladder))
 
-# Of the lives, where not the defaults are meant.
+# Command lines of the life cycles, where not the default.
 ARGUMENTS = {"named_master": ("-i", "localhost", "-v", "-v", "-v")}

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A daemon with failpoints, its master, and the steps of scenarios, strict or with failures."""
+"""A daemon with failpoints, its master, and the steps of scenarios, with or without failures."""
 import contextlib
 import os
 import select
@@ -14,23 +14,23 @@ from support.wait import wait_until
 
 SUCCESS = (0, 0, 0, 0, 0)
 
-# Far above what any step takes; only a hang is longer.
+# Seconds. Far above the duration of any step: only a hang is longer.
 HANG = 20.0
 
-# How long to wait for what a failure may have lost.
-SHORT_PATIENCE = 0.3
+# Seconds to wait for data that a failure may have lost.
+SHORT_TIMEOUT = 0.3
 UNANSWERED = 0.05
 
-# What libc says from then on when the resolver could not get memory for its modules once.
+# The error of every lookup after libc's resolver once failed to allocate memory for its modules.
 NO_RESOLVER = r"resolve_master: cannot resolve name, \S+, -1 .*"
 
 
 class Finding(AssertionError):
-    """Something that must never be."""
+    """A violation of a rule that must always hold."""
 
 
 class Lost(Exception):
-    """A connection ended before its answer; a failure may do that."""
+    """A connection ended before its reply, which a failure may cause."""
 
 
 def expect(condition, what):
@@ -39,14 +39,14 @@ def expect(condition, what):
 
 
 class Session:
-    """One daemon after the other, with what the scenarios need around it.
+    """Runs one daemon after the other, with the environment that the scenarios need.
 
-    While `strict` is set nothing may go wrong. Otherwise steps may fail, but each must end, tell
-    the truth and leave files old or new; `deviations` says what went wrong so far.
+    While `strict` is set, every step must succeed. Otherwise steps may fail, but each must end, send no
+    wrong reply and leave each file with its old or new content. `deviations` lists the failed steps.
     """
 
-    def __init__(self, folder, log, libraries=("dispatch", "allocations")):
-        self.folder = folder
+    def __init__(self, directory, log, libraries=("dispatch", "allocations")):
+        self.directory = directory
         self.log = log
         self.libraries = libraries
         self.master = Master()
@@ -56,39 +56,39 @@ class Session:
         self.strict = True
         self.deviations = []
         self.failed_replies = 0
-        self.deaths_of_libc = ()  # statuses that libc may end the daemon with in its first lookup
+        self.deaths_of_libc = ()  # exit statuses of a crash inside libc in the first lookup
         self.starts = 0
 
     def path(self, name):
-        return os.path.join(self.folder, name)
+        return os.path.join(self.directory, name)
 
     def close(self):
         self.kill()
         self.master.close()
 
-    # Life of a daemon.
+    # Start and end of a daemon.
 
     def launch(self, *arguments, background=False):
-        """Starts a daemon whose start is counted already; does not wait for it."""
+        """Prepares a daemon and starts to count. Returns the function that spawns it."""
         self.kill()
         self.starts += 1
-        self.state = State(self.folder, f"state.{self.starts}", self.libraries)
+        self.state = State(self.directory, f"state.{self.starts}", self.libraries)
         self.state.arm()
         return lambda: self._spawn(arguments, background)
 
     def _spawn(self, arguments, background):
-        self.daemon = Daemon(self.log, self.folder, *arguments, background=background,
+        self.daemon = Daemon(self.log, self.directory, *arguments, background=background,
                              environment=self.state.environment, wait=False)
         os.unlink(self.daemon.stderr_path)
 
     def start(self, *arguments):
-        """A daemon that serves, with its master connected."""
+        """Starts a daemon and waits until it is connected to its master."""
         self.strict = True
         self.launch(*arguments)()
         self.connect_slave()
 
     def kill(self):
-        """Ends the daemon, if there is one, and all that it left."""
+        """Kills the daemon, if any, and all remaining processes."""
         if self.daemon is not None:
             self.let_end()
             self.daemon.kill()
@@ -103,15 +103,15 @@ class Session:
         self.drop_slaves()
 
     def let_end(self):
-        """A build that counts executed lines writes the counts when it is asked to end."""
+        """Lets a coverage build exit on SIGTERM, because it writes its counts at exit."""
         if "VERIFY_COVERAGE" in os.environ and self.daemon.alive():
             os.kill(self.daemon.pid, signal.SIGTERM)
             with contextlib.suppress(AssertionError):
-                wait_until(lambda: self.ended() is not None, "it ends", SHORT_PATIENCE * 10)
+                wait_until(lambda: self.ended() is not None, "it ends", SHORT_TIMEOUT * 10)
 
     def drop_slaves(self):
-        """Closes the master's ends of all connections, those that wait to be accepted too."""
-        while not self.master.nobody_waits():
+        """Closes the master's ends of all connections, including those not yet accepted."""
+        while not self.master.no_connection_waits():
             self.master.accept()
         for peer in self.master.peers:
             peer.close()
@@ -125,27 +125,27 @@ class Session:
         return self.daemon.status
 
     def await_crash(self):
-        """Gives a daemon that is going down the moment it needs to be gone."""
+        """Waits for a daemon that is about to end."""
         if self.log.find(r"closing listening socket \d+"):
             self.wait_end("the listening socket is closed")
         elif self.ended() is None:
             time.sleep(0.002)
 
     def wait_end(self, what):
-        """Waits for it to end: its exit status."""
+        """Waits for the daemon to end. Returns its exit status."""
         try:
             return self.daemon.wait(HANG)
         except Exception as error:
-            raise Finding(f"it does not end: {what}: {error}") from error
+            raise Finding(f"the daemon does not end: {what}: {error}") from error
 
     # Connections.
 
     def connect_slave(self):
-        """The daemon's next connection to its master that is alive."""
+        """Waits for the daemon's next connection to its master."""
         begun = time.monotonic()
         while time.monotonic() < begun + HANG:
-            if not self.strict and time.monotonic() > begun + SHORT_PATIENCE:
-                self.state.pause()  # what fails for ever may keep it from connecting
+            if not self.strict and time.monotonic() > begun + SHORT_TIMEOUT:
+                self.state.pause()  # a permanent failure may prevent the connection
             if ready(self.master.listener, select.POLLIN, 0.005):
                 peer = self.master.accept()
                 self.slave = peer
@@ -154,7 +154,7 @@ class Session:
                 raise Lost("the daemon ended")
             if not self.strict and time.monotonic() > begun + 2 and self.log.find(NO_RESOLVER):
                 raise Lost("libc's resolver does not recover")
-        raise Finding("it does not connect to its master")
+        raise Finding("the daemon does not connect to its master")
 
     def slave_or_new(self):
         if self.slave is None or not self.slave.is_open():
@@ -182,18 +182,18 @@ class Session:
         self.deviations.append(what)
 
     def receive(self, peer, take):
-        """What @p take reads from @p peer; Lost when the connection ends, a Finding for a hang."""
+        """The data that @p take reads. Raises Lost when the connection ends, Finding for a hang."""
         try:
-            return self.patiently(take)
+            return self.wait_for_reply(take)
         except (ConnectionError, BrokenPipeError) as error:
             raise Lost(str(error)) from error
         except AssertionError as error:
             if "ended early" in str(error):
                 raise Lost(str(error)) from error
-            raise Finding(f"no answer: {error}") from error
+            raise Finding(f"no reply: {error}") from error
 
-    def patiently(self, take):
-        """Waits as long as nobody could have given up; Lost for a request that an exception ended."""
+    def wait_for_reply(self, take):
+        """Waits longer than any timeout of the daemon. Raises Lost when an exception ended the request."""
         if self.strict:
             return take(HANG)
         deadline = time.monotonic() + HANG
@@ -207,17 +207,17 @@ class Session:
                 raise Lost("an exception ended the request")
 
     def reads_end(self, peer):
-        """All that comes until the daemon closes; where a failure may keep it from that, all so far."""
+        """All data until the daemon closes the connection. With failures possible, stops at a timeout."""
         if self.strict:
             return self.receive(peer, peer.read_to_end)
         try:
-            return peer.read_to_end(SHORT_PATIENCE)
+            return peer.read_to_end(SHORT_TIMEOUT)
         except AssertionError:
             self.deviate("the connection is not closed")
             return bytes(peer.buffer)
 
     def exchange(self, peer, data):
-        """Sends @p data and gives the reply."""
+        """Sends @p data and returns the reply."""
         try:
             peer.send(data)
         except (ConnectionError, BrokenPipeError) as error:
@@ -229,9 +229,9 @@ class Session:
         return self.receive(peer, peer.receive)
 
     def ask(self, data, wanted=SUCCESS, peer=None, also=()):
-        """Asks the daemon over @p peer or the slave connection: the reply, None for a failed step.
+        """Sends a request over @p peer or the slave connection. Returns the reply, None for a failed step.
 
-        The fields in @p also are as true as those wanted when something failed.
+        After a failure, the fields in @p also are as correct as those in @p wanted.
         """
         peer = peer or self.slave_or_new()
         try:
@@ -251,11 +251,11 @@ class Session:
         return reply
 
     def settle(self):
-        """Closes what a scenario left; True when the daemon is in its normal state again."""
+        """Closes remaining connections. Returns True when the daemon is in its normal state again."""
         if self.ended() is not None:
             return False
         waiting = []
-        while not self.master.nobody_waits():
+        while not self.master.no_connection_waits():
             waiting.append(self.master.accept())
         open_ones = [peer for peer in self.master.peers if peer.is_open()]
         for peer in list(self.master.peers):
@@ -268,19 +268,19 @@ class Session:
         return len(open_ones) <= 1
 
     def stop(self):
-        """Ends it by SIGTERM, which must work whatever happened before."""
+        """Ends the daemon with SIGTERM, which must work after any failure."""
         self.daemon.send_signal(signal.SIGTERM)
         return self.wait_end("SIGTERM")
 
     def quiet(self):
-        """Waits until the loop has gone round: what was closed on our side is closed on its side."""
+        """Waits for a pass of the daemon's loop, which closes the connections that we closed."""
         before = self.state.process.all
         wait_until(lambda: self.ended() is not None or self.state.process.all >= before + 4,
-                   "the loop goes round", HANG)
+                   "a pass of the loop", HANG)
 
 
 def old_or_new(path, old, new, what):
-    """Whether @p path has its new content; None for @p old means that there was no such file."""
+    """Whether @p path has its new content. None for @p old: the file did not exist before."""
     try:
         with open(path, "rb") as file:
             content = file.read()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The file that the harness and the preloaded libraries map, laid out as in preload/state.h."""
+"""The file that the harness and the preloaded libraries map. preload/state.h has the same layout."""
 import ctypes
 import errno
 import mmap
@@ -12,7 +12,7 @@ PLANS = 4
 TRACE_BYTES = 16 << 20
 SHORT = -1
 
-# The system calls of x86-64 by name, as far as the daemon makes them or might.
+# The system calls of x86-64 that the daemon may make, by name.
 NUMBERS = {
     "read": 0, "write": 1, "open": 2, "close": 3, "stat": 4, "fstat": 5, "lstat": 6, "poll": 7,
     "lseek": 8, "mmap": 9, "mprotect": 10, "munmap": 11, "brk": 12, "rt_sigaction": 13,
@@ -58,7 +58,7 @@ class _Shared(ctypes.Structure):
 
 
 class Failure:
-    """What is to fail: calls @p first to @p first + @p times - 1 of one kind, with one error."""
+    """A planned failure: calls @p first to @p first + @p times - 1 of one kind, with one error."""
 
     def __init__(self, name, first, error, times=1):
         self.name, self.first, self.error, self.times = name, first, error, times
@@ -70,10 +70,10 @@ class Failure:
 
 
 class State:
-    """One daemon's state; put its `environment` into the daemon's."""
+    """The shared state of one daemon. Start the daemon with `environment`."""
 
-    def __init__(self, folder, name="state", libraries=("dispatch", "allocations")):
-        self.path = os.path.join(folder, name)
+    def __init__(self, directory, name="state", libraries=("dispatch", "allocations")):
+        self.path = os.path.join(directory, name)
         size = ctypes.sizeof(_Shared)
         with open(self.path, "wb") as file:
             file.truncate(size)
@@ -87,7 +87,7 @@ class State:
         self.disarm()
 
     def close(self):
-        self.shared = self.memory = None  # unmapped when nobody looks into it any more
+        self.shared = self.memory = None  # unmapped with the last reference
         os.unlink(self.path)
 
     @property
@@ -95,7 +95,7 @@ class State:
         return self.shared.processes[self.role]
 
     def watch(self, role):
-        """From here on plans and counts are about the process started (0) or its child (1)."""
+        """Applies plans and counts to the started process (0) or its child (1) from now on."""
         self.role = self.shared.role = role
 
     def clear_counts(self):
@@ -104,7 +104,7 @@ class State:
             process.hits = process.allocations = process.allocation_hits = 0
 
     def arm(self, failures=(), first_allocation=0, failing_allocations=0):
-        """Begins to count, and to let happen what is asked for."""
+        """Starts to count and to inject the given failures."""
         self.disarm()
         self.clear_counts()
         for plan, failure in zip(self.shared.plans, failures):
@@ -121,15 +121,15 @@ class State:
         self.shared.first_allocation = 0
 
     def pause(self):
-        """Lets nothing more happen; what happened can still be asked about."""
+        """Stops counting and injecting. The results stay available."""
         self.shared.counting = 0
 
     def hit(self, failures):
-        """Those of the failures that `arm` was given that have happened."""
+        """The given failures that were injected. @p failures are those of `arm`."""
         return [failure for plan, failure in zip(self.shared.plans, failures) if plan.hits]
 
     def trace(self, pausing=False):
-        """From here on writes down the calls that change files, and stops before each if asked to."""
+        """Starts to record the calls that change files. With @p pausing stops before each of them."""
         shared = self.shared
         shared.trace_used = shared.stopped = shared.resumed = 0
         shared.pausing, shared.tracing = int(pausing), 1
@@ -138,7 +138,7 @@ class State:
         self.shared.pausing = self.shared.tracing = 0
 
     def records(self):
-        """What was traced, as (name, arguments, result, first bytes, second bytes)."""
+        """The traced calls, as (name, arguments, result, first bytes, second bytes)."""
         data = bytes(self.shared.trace[:self.shared.trace_used])
         at = 0
         while at < len(data):
@@ -149,10 +149,10 @@ class State:
             at += (first + second + 7) & ~7
 
     def counts(self):
-        """How often each kind of call was made since `arm`, by name."""
+        """The number of calls of each kind since `arm`, by name."""
         return {NAMES.get(number, f"call {number}"): count
                 for number, count in enumerate(self.process.calls) if count}
 
 
-# The layout is checked where it is cheapest to get wrong.
+# Checks the layout of the structure that is most likely to differ.
 assert struct.calcsize("iIIiI") == ctypes.sizeof(Plan)

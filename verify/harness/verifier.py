@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs scenarios in which something fails, and checks what must hold whatever it was.
+"""Runs scenarios with injected failures, and checks the rules that hold after every failure.
 
-A job says what is to fail: `scenario`, `role`, `arm(state)`, and about a run that is over `hits(state)`
+A job defines the failure by `scenario`, `role` and `arm(state)`. After the run it returns `hits(state)`
 by kind, `may_be_silent`, `log_is_lost`, `may_leak` and `deaths_of_libc`.
 """
 import collections
@@ -16,20 +16,20 @@ from harness.session import Finding, Lost, Session, expect
 from support import world
 from support.logs import WARNING, LogCollector
 
-# What memory may have grown by when a scenario has run again: buffers that are kept.
+# The memory growth allowed when a scenario runs again: buffers that are kept.
 KEPT_BLOCKS, KEPT_BYTES = 24, 128 << 10
 
-# A run that makes so many times the calls of one in which nothing fails is a loop that spins.
+# A busy loop makes more calls than this factor and this allowance over a run without failures.
 SPIN_FACTOR, SPIN_ALLOWANCE = 10, 3000
 
-LOG_CALLS = {"socket", "connect", "sendto"}  # what a line takes: one that fails may cost it
+LOG_CALLS = {"socket", "connect", "sendto"}  # the calls for a log line, which is lost if one fails
 
-CPU_SECONDS = 5.0  # likewise, for one that makes no calls
+CPU_SECONDS = 5.0  # detects a busy loop without system calls
 
 
 class Verifier:
-    def __init__(self, folder, log):
-        self.session = Session(folder, log)
+    def __init__(self, directory, log):
+        self.session = Session(directory, log)
         self.log = log
         self.findings = []
         self.injected = 0
@@ -43,7 +43,7 @@ class Verifier:
     # Runs without a failure.
 
     def fresh(self):
-        """A new daemon that has done all its work once, so that what it keeps is there."""
+        """Starts a daemon and runs all work once, so that permanent buffers are allocated."""
         session = self.session
         session.start()
         for work in scenarios.WORK.values():
@@ -75,7 +75,7 @@ class Verifier:
             session.state.pause()
 
     def calibrate(self, jobs_of):
-        """Runs each scenario without a failure: what @p jobs_of makes of their counts."""
+        """Runs each scenario without a failure. Returns the jobs that @p jobs_of derives from the counts."""
         jobs = []
         self.fresh()
         for name, work in scenarios.WORK.items():
@@ -140,8 +140,8 @@ class Verifier:
             return
         made = session.state.process.all - before
         expect(made <= SPIN_FACTOR * self.usual_calls[job.scenario] + SPIN_ALLOWANCE,
-               f"it spins: {made} calls")
-        expect(session.daemon.cpu_seconds() - cpu < CPU_SECONDS, "it spins")
+               f"busy loop: {made} calls")
+        expect(session.daemon.cpu_seconds() - cpu < CPU_SECONDS, "busy loop: processor time")
         try:
             self.check_works_again(work, job.may_leak(session.state))
         except Lost:
@@ -155,15 +155,15 @@ class Verifier:
 
     def check_harmless(self, job):
         shared = self.session.state.shared
-        expect(shared.kills_of_all == 0, "it signals every process")
+        expect(shared.kills_of_all == 0, "the daemon signals every process")
         failures = self.log.count(r"failed to listen on the only port \(5111\), retrying")
         lines_may_lack = not LOG_CALLS.isdisjoint(job.hits(self.session.state))
         expect(shared.reboots == 0 or failures == 35 or job.scenario == "rebooted" or
-               (lines_may_lack and failures < 35), f"it reboots the device after {failures} failures")
+               (lines_may_lack and failures < 35), f"reboot of the device after {failures} failures")
         expect(shared.popens <= 1 and shared.systems <= 1, "the process list is shown again")
 
     def check_told(self, job):
-        """A failure that had a consequence is in the log or in an answer."""
+        """Checks that a failure with a consequence is reported in the log or in a reply."""
         session = self.session
         hits = job.hits(session.state)
         told = session.failed_replies or any(line.level <= WARNING for line in self.log.lines)
@@ -172,10 +172,10 @@ class Verifier:
         if not session.deviations and job.may_be_silent(session.state):
             self.quiet.update(hits.keys())
             return
-        raise Finding(f"nobody is told; what went wrong: {session.deviations}")
+        raise Finding(f"no log line and no reply reports the failure; deviations: {session.deviations}")
 
     def check_alive(self, job):
-        """False when the daemon has ended, in good order; it must do so when it is told to now."""
+        """False when the daemon has ended, which must be a regular exit. Stops it if it is stuck."""
         session = self.session
         if session.deviations:
             session.await_crash()
@@ -184,10 +184,10 @@ class Verifier:
         if session.ended() is None:
             return True
         self.ends += 1
-        expect(session.ended() in (0, 1), f"it ended with {session.ended()}")
+        expect(session.ended() in (0, 1), f"exit status {session.ended()}")
         expect(session.ended() == 0 or self.log.find("unhandled exception caught, .*"),
-               "it ended with 1 for no exception")
-        expect(any(line.level <= WARNING for line in self.log.lines), "it ended without a word")
+               "exit status 1 without an exception")
+        expect(any(line.level <= WARNING for line in self.log.lines), "exit without a log line")
         return False
 
     def check_works_again(self, work, may_leak):
@@ -198,8 +198,8 @@ class Verifier:
         session.quiet()
         if may_leak:
             self.remember()
-        temporary = [name for folder in (session.folder, "/etc", "/run", scenarios.STATE_FOLDER)
-                     if os.path.isdir(folder) for name in os.listdir(folder)
+        temporary = [name for directory in (session.directory, "/etc", "/run", scenarios.STATE_DIRECTORY)
+                     if os.path.isdir(directory) for name in os.listdir(directory)
                      if name.startswith(".runeld-") or name.endswith(".new")]
         expect(not temporary, f"left behind: {temporary} after {work_failed}")
         self.check_nothing_grew()
@@ -215,13 +215,13 @@ class Verifier:
             if (len(descriptors) == len(self.usual_descriptors) and blocks <= KEPT_BLOCKS and
                     size <= KEPT_BYTES and not zombies):
                 return
-            expect(time.monotonic() < deadline, f"it grew by {blocks} blocks, {size} bytes; "
-                   f"descriptors {self.usual_descriptors} are {descriptors}; zombies {zombies}")
+            expect(time.monotonic() < deadline, f"leak: {blocks} blocks, {size} bytes; "
+                   f"descriptors {self.usual_descriptors}, now {descriptors}; zombies {zombies}")
             time.sleep(0.002)
 
     def show_kinds(self):
         for kind, count in sorted(self.by_kind.items()):
-            print(f"  {kind:16} {count:6}, of {self.quiet[kind]:6} runs nobody had to be told")
+            print(f"  {kind:16} {count:6}, correctly unreported in {self.quiet[kind]:6} runs")
 
 
 def make_leds():
@@ -232,13 +232,13 @@ def make_leds():
 
 
 def run(options, name, jobs_of, choose):
-    """A command: all that @p choose takes of the jobs, and the figures. Its exit status."""
+    """Runs the jobs that @p choose selects, and prints the figures. Returns the exit status."""
     world.adopt_orphans()
     world.reset()
     make_leds()
-    folder = tempfile.mkdtemp(prefix="verify-")
+    directory = tempfile.mkdtemp(prefix="verify-")
     log = LogCollector()
-    verifier = Verifier(folder, log)
+    verifier = Verifier(directory, log)
     begun = time.monotonic()
     try:
         jobs = verifier.calibrate(jobs_of)
@@ -256,10 +256,10 @@ def run(options, name, jobs_of, choose):
     finally:
         verifier.session.close()
         log.close()
-        shutil.rmtree(folder)
+        shutil.rmtree(directory)
     verifier.show_kinds()
     print(f"{name}: seed {options.seed}, {len(jobs)} runs, {verifier.injected} failures injected, "
-          f"{verifier.ends} ends in good order, {verifier.session.starts} starts, "
+          f"{verifier.ends} regular exits, {verifier.session.starts} starts, "
           f"{len(verifier.findings)} findings, {time.monotonic() - begun:.0f} s")
     expect(verifier.injected > 0, "nothing was injected")
     return 1 if verifier.findings else 0

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Changes the sources in small ways and looks whether the tests notice: see scripts/mutate."""
+"""Makes small changes to the sources and checks whether a test fails: see scripts/mutate."""
 import argparse
 import collections
 import concurrent.futures
@@ -18,21 +18,27 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 def arguments():
     parser = argparse.ArgumentParser(prog="scripts/mutate")
-    parser.add_argument("--room", action="append", default=[],
-                        help="only mutants of files below this folder")
-    parser.add_argument("--sample", type=int, help="this many mutants, chosen by chance, not all")
-    parser.add_argument("--seed", type=int, default=secrets.randbelow(10 ** 6))
-    parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--module", action="append", default=[], metavar="DIRECTORY",
+                        help="only mutants of files below DIRECTORY; may be repeated")
+    parser.add_argument("--sample", type=int, metavar="N",
+                        help="run N mutants, selected at random (default: all)")
+    parser.add_argument("--seed", type=int, default=secrets.randbelow(10 ** 6), metavar="N",
+                        help="seed of the selection (default: random, printed)")
+    parser.add_argument("--jobs", type=int, default=2, metavar="N",
+                        help="number of parallel builds and tests (default: 2)")
     parser.add_argument("--slow", type=float, default=3, metavar="SECONDS",
-                        help="tests that take longer are run last")
+                        help="run tests that take longer last (default: 3)")
     parser.add_argument("--tests", action="append", default=[], metavar="PROGRAM",
-                        help="only these test programs")
+                        help="only this test program; may be repeated (default: all)")
     parser.add_argument("--e2e", action="append", default=[], metavar="MODULE",
-                        help="then this module of the end-to-end tests, too")
+                        help="also run this module of the end-to-end tests; may be repeated")
     parser.add_argument("--only", type=pathlib.Path, metavar="FILE",
-                        help="only the survivors of an earlier run's result")
-    parser.add_argument("--folder", type=pathlib.Path, default=ROOT / "build" / "mutation")
-    parser.add_argument("--minutes", type=float, help="begin no mutant after this time")
+                        help="only the surviving mutants of the result FILE of an earlier run")
+    parser.add_argument("--work-directory", type=pathlib.Path, metavar="DIRECTORY",
+                        default=ROOT / "build" / "mutation",
+                        help="directory of the copy of the tree (default: build/mutation)")
+    parser.add_argument("--minutes", type=float, metavar="N",
+                        help="start no mutant after N minutes (default: no limit)")
     return parser.parse_args()
 
 
@@ -41,9 +47,9 @@ def log(text):
 
 
 def chosen(mutants, options):
-    """The mutants to run, in an order in which any first part is a fair sample."""
-    if options.room:
-        mutants = [m for m in mutants if any(m.path.startswith(room) for room in options.room)]
+    """The mutants to run, in random order, so that a part of the run is a fair sample."""
+    if options.module:
+        mutants = [m for m in mutants if any(m.path.startswith(module) for module in options.module)]
     if options.only:
         earlier = {(row["path"], row["line"], row["change"], row["nth"])
                    for row in json.loads(options.only.read_text()) if row["result"] != "killed"}
@@ -62,14 +68,14 @@ def count_alike(mutants):
 
 
 def run(suite, mutants, options):
-    """The results of the mutants, in order; fewer when the time is up."""
+    """The results of the mutants, in order. Fewer when the time limit is reached."""
     end = time.monotonic() + 60 * options.minutes if options.minutes else None
     results = []
 
     def one(mutant):
         if end and time.monotonic() > end:
             return None
-        result = suite.is_noticed(mutant.number)
+        result = suite.outcome(mutant.number)
         if result != "killed":
             log(f"{result}: {mutant.path}:{mutant.line} {mutant.function}: {mutant.change}")
         return result
@@ -87,20 +93,20 @@ def report(results, path):
     rows = [{"path": m.path, "line": m.line, "nth": m.nth, "function": m.function,
              "change": m.change, "result": result} for m, result in results]
     path.write_text(json.dumps(rows, indent=1) + "\n")
-    rooms = collections.defaultdict(collections.Counter)
+    modules = collections.defaultdict(collections.Counter)
     for row in rows:
-        rooms[str(pathlib.Path(row["path"]).parent)][row["result"]] += 1
-        rooms["all"][row["result"]] += 1
+        modules[str(pathlib.Path(row["path"]).parent)][row["result"]] += 1
+        modules["all"][row["result"]] += 1
     print(f"{'':20}{'mutants':>9}{'killed':>9}{'survived':>10}{'not reached':>13}")
-    for room, counts in sorted(rooms.items(), key=lambda item: (item[0] == "all", item[0])):
-        print(f"{room:20}{sum(counts.values()):>9}{counts['killed']:>9}{counts['survived']:>10}"
+    for module, counts in sorted(modules.items(), key=lambda item: (item[0] == "all", item[0])):
+        print(f"{module:20}{sum(counts.values()):>9}{counts['killed']:>9}{counts['survived']:>10}"
               f"{counts['not reached']:>13}")
     print(f"results: {path}")
 
 
 def main():
     options = arguments()
-    tree = Tree(ROOT, options.folder.resolve(), options.jobs)
+    tree = Tree(ROOT, options.work_directory.resolve(), options.jobs)
     tree.copy()
     tree.configure()
     programs = [f"tests/{name}" for name in options.tests] or tree.test_programs()
@@ -113,7 +119,7 @@ def main():
     suite.measure(programs, options.e2e, log)
     mutants = chosen(built, options)
     log(f"running {len(mutants)}, seed {options.seed}")
-    report(run(suite, mutants, options), options.folder / "result.json")
+    report(run(suite, mutants, options), options.work_directory / "result.json")
     return 0
 
 

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs the tests of a program one by one, in a world, and prints what each reaches and how long it
-takes: {"Suite.Test": [seconds, [mutant, ...]], ...}
+"""Runs the tests of a program one by one, in isolated namespaces. Prints the duration of each test and
+the mutants that it reaches: {"Suite.Test": [seconds, [mutant, ...]], ...}
 
     measure.py PROGRAM
 """

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Finds what can be changed in a source, by clang's syntax tree.
+"""Finds the mutants of a source in clang's syntax tree.
 
-A mutant is text put in front of a piece of the source and behind it: `(mutant::on(7) ? (a <= b) :
-(a < b))`. What the change puts there is copied from the source as it was, so mutants nest, and one
-built tree holds all of them.
+A mutant inserts text before and after a piece of the source: `(mutant::on(7) ? (a <= b) : (a < b))`.
+The changed expression is copied from the original source, so mutants nest, and one build contains all
+of them.
 """
 import dataclasses
 
@@ -18,7 +18,7 @@ ARITHMETIC = {"+": "-", "-": "+", "*": "/", "/": "*", "%": "/", "&": "|", "|": "
 ASSIGNMENTS = {"+=": "-=", "-=": "+=", "*=": "/=", "/=": "*=", "|=": "&=", "&=": "|="}
 LOG_CALLS = ("logLine", "logPlain", "syslog")
 FUNCTIONS = (K.FUNCTION_DECL, K.CXX_METHOD, K.CONSTRUCTOR, K.DESTRUCTOR)
-NOTHING = ("0", "false", "nullptr", "{}", '""')  # what `return {}` would give, too
+NOTHING = ("0", "false", "nullptr", "{}", '""')  # the same value as `return {}`
 
 
 @dataclasses.dataclass
@@ -29,14 +29,14 @@ class Mutant:
     change: str  # "a < b  ->  a <= b"
     start: int   # byte offsets of the piece of source
     end: int
-    before: str  # what comes in front of it; @ is the mutant's number
+    before: str  # text inserted before it; @ is the mutant's number
     after: str
     last_line: int = 0
     number: int = 0
-    nth: int = 0  # among those that make the same change on the same line
+    nth: int = 0  # index among the mutants with the same change on the same line
 
     def place(self):
-        """What tells it from all others, whatever else changes in the file below it."""
+        """A unique key that changes below it in the file do not affect."""
         return (self.path, self.line, self.change, self.nth)
 
 
@@ -85,9 +85,9 @@ class Source:
             extent.end.offset, before, after, extent.end.line))
 
     def _replace(self, cursor, text):
-        """Has the expression become @p text."""
+        """Adds a mutant that replaces the expression with @p text."""
         text = text.strip()
-        if "//" in text:  # a comment would swallow what follows it
+        if "//" in text:  # a comment would hide the text behind it
             return
         self._add(cursor, f"{self._word(cursor)}  ->  {' '.join(text.split())}",
                   f"(mutant::on(@) ? ({' '.join(text.split())}) : (", "))")
@@ -146,7 +146,7 @@ class Source:
                 self._visit(child)
 
     def _is_compared(self, cursor, children):
-        """Whether a number beside it says what another comparison says: a > 1 is a >= 2."""
+        """Whether changing a number equals changing the comparison: a > 1 is a >= 2."""
         return (cursor.kind == K.BINARY_OPERATOR and len(children) == 2 and
                 self._operator(*children) in ("<", "<=", ">", ">="))
 
@@ -185,7 +185,7 @@ class Source:
                 self._replace(condition, f"!({self._word(condition)})")
 
     def _has_own_negation(self, cursor):
-        """Whether an operator of the expression's own is turned round already."""
+        """Whether another mutant already negates the expression's operator."""
         while cursor.kind in (K.UNEXPOSED_EXPR, K.PAREN_EXPR):
             children = list(cursor.get_children())
             if len(children) != 1:
@@ -253,11 +253,12 @@ class Source:
 
 
 def instrument(data, mutants, header):
-    """The source @p data with all of @p mutants in it, on the lines where it was."""
+    """The source @p data with all of @p mutants inserted. Line numbers stay the same."""
     insertions = []
     for order, mutant in enumerate(mutants):
         length = mutant.end - mutant.start
-        # At one place: first what closes, the shortest first; then what opens, the longest first.
+        # At one position: first the closing texts, shortest piece first, then the opening texts,
+        # longest piece first.
         insertions.append((mutant.start, 1, -length, order, mutant.before.replace("on(@)", f"on({mutant.number})")))
         if mutant.after:
             insertions.append((mutant.end, 0, length, -order, mutant.after))

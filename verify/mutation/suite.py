@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The tests of a built tree: which mutants each reaches, and whether it notices one."""
+"""The tests of a built tree: the mutants that each test reaches, and whether it fails on them."""
 import collections
 import dataclasses
 import json
@@ -12,7 +12,7 @@ import time
 MEASURE = pathlib.Path(__file__).resolve().parent / "measure.py"
 PYTHON = "/usr/bin/python3"
 MOST = 65536  # as in mutant.h
-QUICK = 0.2  # seconds: tests below are run before all others
+QUICK = 0.2  # seconds: faster tests run before all others
 
 
 @dataclasses.dataclass
@@ -24,7 +24,7 @@ class Test:
 
 
 class Suite:
-    """Runs tests of @p tree. A test that takes longer than @p slow seconds is run last."""
+    """Runs tests of @p tree. Tests that take longer than @p slow seconds run last."""
 
     def __init__(self, tree, slow):
         self.tree = tree
@@ -32,7 +32,7 @@ class Suite:
         self.tests = []
 
     def measure(self, programs, modules, log):
-        """Runs every test alone, without a mutant, and notes what it reaches."""
+        """Runs every test alone, without a mutant, and records the mutants that it reaches."""
         for program in programs:
             self._measure(program)
             log(f"{program}: {len(self.tests)} tests measured")
@@ -59,7 +59,7 @@ class Suite:
         reached = frozenset(number for number, byte in enumerate(reach.read_bytes()) if byte)
         self.tests.append(Test("", module, seconds, reached))
 
-    def is_noticed(self, number):
+    def outcome(self, number):
         """Runs the tests that reach mutant @p number until one fails: "killed", "survived", "not
         reached"."""
         reaching = [test for test in self.tests if number in test.reached]
@@ -75,7 +75,7 @@ class Suite:
         return "survived" if reaching else "not reached"
 
     def _lines(self, tests):
-        """Shell commands that run tests until one fails, the quickest program first."""
+        """Shell commands that run the tests until one fails, the fastest program first."""
         by_program = collections.defaultdict(list)
         for test in tests:
             by_program[test.program].append(test)
@@ -85,19 +85,19 @@ class Suite:
                 for program, group in groups]
 
     def _run(self, lines, number):
-        """The exit status of commands in a world of their own."""
+        """The exit status of shell commands in isolated namespaces."""
         for _ in range(3):
             process = subprocess.run(
                 self._world(["sh", "-c", "\n".join(lines)]), stdin=subprocess.DEVNULL,
                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False, cwd=self._e2e(),
                 env=self._environment(RUNELD_MUTANT=str(number)))
-            if process.returncode != 125:  # the world itself could not be made
+            if process.returncode != 125:  # scripts/world could not create the namespaces
                 return process.returncode
-        raise SystemExit("mutate: cannot make a world")
+        raise SystemExit("mutate: scripts/world cannot create the namespaces")
 
     def _run_module(self, module, seconds, **environment):
-        """The exit status of a module of the end-to-end tests. It has a world for itself: its tests
-        kill every other process there."""
+        """The exit status of a module of the end-to-end tests. It runs in separate namespaces, because
+        its tests kill every other process there."""
         command = self._world(["--no-log", PYTHON, "-B", "-m", "support.runner", module])
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                    stderr=subprocess.DEVNULL, cwd=self._e2e(),
@@ -105,7 +105,7 @@ class Suite:
         try:
             return process.wait(seconds)
         except subprocess.TimeoutExpired:
-            process.kill()  # and with it all that is in the world
+            process.kill()  # also kills all processes in its namespaces
             return process.wait()
 
     def _environment(self, **more):
@@ -113,10 +113,10 @@ class Suite:
                 "RUNELD_FAST_CLOCK": str(self._path("tests/e2e/libfast_clock.so")), **more}
 
     def _world(self, command):
-        return [str(self.tree.folder / "scripts" / "world"), *map(str, command)]
+        return [str(self.tree.directory / "scripts" / "world"), *map(str, command)]
 
     def _e2e(self):
-        return self.tree.folder / "tests" / "e2e"
+        return self.tree.directory / "tests" / "e2e"
 
     def _path(self, program):
         return self.tree.build / program
@@ -127,5 +127,5 @@ def total(tests):
 
 
 def limit(tests):
-    """A generous time in seconds: what lasts longer hangs."""
+    """A generous time limit in seconds: a longer run hangs."""
     return round(20 + 10 * total(tests))

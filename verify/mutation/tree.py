@@ -20,18 +20,18 @@ LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connection
 
 
 class Tree:
-    """@p root copied into @p folder, and built there with @p jobs at a time."""
+    """A copy of @p root in @p directory, built there with @p jobs parallel jobs."""
 
-    def __init__(self, root, folder, jobs):
+    def __init__(self, root, directory, jobs):
         self.root = root
-        self.cache = folder / "found"
-        self.folder = folder / "tree"
-        self.build = self.folder / "build" / "m"
+        self.cache = directory / "found"
+        self.directory = directory / "tree"
+        self.build = self.directory / "build" / "m"
         self.jobs = jobs
         self._arguments = {}
 
     def copy(self):
-        """Brings the copy up to date. What has not changed keeps its time, and is not built again."""
+        """Updates the copy. Unchanged files keep their time and are not built again."""
         for name in COPIED:
             path = self.root / name
             for file in path.rglob("*") if path.is_dir() else [path]:
@@ -40,21 +40,21 @@ class Tree:
 
     def _bring(self, path):
         relative = path.relative_to(self.root)
-        target = self.folder / relative
+        target = self.directory / relative
         if is_mutated(str(relative)) and target.exists():
-            return  # comes with its mutants
+            return  # _write() adds its mutants
         write_if_new(target, path.read_bytes())
         target.chmod(path.stat().st_mode)
 
     def configure(self):
-        run(["cmake", "-S", self.folder, "-B", self.build, "-G", "Ninja", "-DRUNELD_CTL=OFF",
+        run(["cmake", "-S", self.directory, "-B", self.build, "-G", "Ninja", "-DRUNELD_CTL=OFF",
              "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
              "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"])
         for entry in json.loads((self.build / "compile_commands.json").read_text()):
-            path = str(pathlib.Path(entry["file"]).relative_to(self.folder))
+            path = str(pathlib.Path(entry["file"]).relative_to(self.directory))
             if is_mutated(path):
                 self._arguments[path] = [
-                    word.replace(f"{self.folder}/", f"{self.root}/")
+                    word.replace(f"{self.directory}/", f"{self.root}/")
                     for word in shlex.split(entry["command"]) if word.startswith(("-I", "-D", "-std"))]
 
     def find_mutants(self):
@@ -67,7 +67,7 @@ class Tree:
         return mutants
 
     def _find_in(self, path):
-        """The mutants of one source, from the cache when neither it nor the operators changed."""
+        """The mutants of one source. Cached while neither the source nor the operators change."""
         text = (self.root / path).read_bytes() + (HERE / "operators.py").read_bytes()
         cached = self.cache / hashlib.sha1(path.encode() + text).hexdigest()
         if cached.exists():
@@ -78,8 +78,8 @@ class Tree:
         return found
 
     def make(self, mutants, targets):
-        """Builds @p targets with those of @p mutants that compile, and returns these."""
-        refused = self.cache / "refused"  # as known from earlier runs
+        """Builds @p targets with the mutants that compile. Returns these mutants."""
+        refused = self.cache / "refused"  # mutants that did not compile in earlier runs
         bad = set(json.loads(refused.read_text())) if refused.exists() else set()
         while True:
             mutants = [mutant for mutant in mutants if repr(mutant.place()) not in bad]
@@ -100,10 +100,10 @@ class Tree:
         for path in self._arguments:
             text = operators.instrument((self.root / path).read_bytes(), by_path[path],
                                         HERE / "mutant.h")
-            write_if_new(self.folder / path, text)
+            write_if_new(self.directory / path, text)
 
     def _ninja(self, targets, *options):
-        """None, or what a build that failed said."""
+        """Runs ninja. Returns None, or the output of a failed build."""
         result = subprocess.run(["ninja", "-C", str(self.build), f"-j{self.jobs}", *options, *targets],
                                 capture_output=True, text=True, check=False)
         return None if result.returncode == 0 else result.stdout + result.stderr
@@ -119,7 +119,7 @@ def is_mutated(path):
 
 
 def failing(mutants, output):
-    """The mutants on the lines that a compiler found errors in."""
+    """The mutants on the lines of the compiler's errors."""
     lines = collections.defaultdict(set)
     for path, line in re.findall(r"((?:src|lib)/[\w/]+\.cc):(\d+):\d+: error", output):
         lines[path].add(int(line))

@@ -151,8 +151,8 @@ class Master:
         self.peers.append(Peer(connected))
         return self.peers[-1]
 
-    def nobody_waits(self):
-        """True when no connection of the daemon's is there to be accepted."""
+    def no_connection_waits(self):
+        """True when no connection of the daemon waits to be accepted."""
         return not ready(self.listener, select.POLLIN, 0)
 
     def close(self):

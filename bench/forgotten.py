@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What programs cost that run on after their connection has gone."""
+"""Measures the cost of background programs whose connection was closed."""
 import contextlib
 import os
 import signal
@@ -25,15 +25,15 @@ def children_of(pid):
 
 
 def ask(connection, request):
-    """Sends @p request. The size of the reply, which is a small one."""
+    """Sends @p request, whose reply is small. Returns the size of the reply."""
     connection.sendall(request)
     return len(connection.recv(4096))
 
 
 @contextlib.contextmanager
 def forgotten_programs(server, start, count):
-    """The request @p start, so many times, on a connection that is closed then."""
-    with socket.create_connection((HOST, servers.LISTEN_PORT), servers.PATIENCE) as starter:
+    """Sends the request @p start @p count times on one connection, and closes that connection."""
+    with socket.create_connection((HOST, servers.LISTEN_PORT), servers.TIMEOUT) as starter:
         for _ in range(count):
             ask(starter, start)
     programs = children_of(server.pid)
@@ -49,19 +49,19 @@ def forgotten_programs(server, start, count):
 
 @contextlib.contextmanager
 def idle_connections(request, count):
-    """A master, and so many connections that have sent one request. The size of a reply."""
+    """A master, and @p count connections that have sent one request. Yields the size of a reply."""
     with contextlib.ExitStack() as open_ones:
         listener = open_ones.enter_context(socket.create_server((HOST, servers.MASTER_PORT)))
-        listener.settimeout(servers.PATIENCE)
+        listener.settimeout(servers.TIMEOUT)
         open_ones.enter_context(listener.accept()[0])
         for _ in range(count):
-            idle = socket.create_connection((HOST, servers.LISTEN_PORT), servers.PATIENCE)
+            idle = socket.create_connection((HOST, servers.LISTEN_PORT), servers.TIMEOUT)
             size = ask(open_ones.enter_context(idle), request)
         yield size
 
 
 def processor_at_rest(server, seconds):
-    """What the server takes of a processor meanwhile, in nanoseconds."""
+    """The processor time that the idle server uses in @p seconds, in nanoseconds."""
     def used():
         return int(Path(f"/proc/{server.pid}/schedstat").read_text(encoding="ascii").split()[0])
     time.sleep(SETTLE)
@@ -71,8 +71,8 @@ def processor_at_rest(server, seconds):
 
 
 def beside_forgotten_programs(bench, start, request, idle):
-    """The floor is the daemon itself without the programs, by turns. It is one process with the same
-    connections throughout: those of two differ by more than the programs may cost."""
+    """Measures the daemon with and without the programs in turn; without them it is the floor. Both use
+    the same process and the same connections, because two processes differ by more than the limit."""
     programs, turns = bench.amount(200, 5), bench.amount(20, 1)
     path = bench.file("exists.request", request)
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Running a load against servers in turn, and the figures that come of it."""
+"""Runs a load against servers in turn, and computes the figures."""
 import dataclasses
 import json
 import math
@@ -12,17 +12,17 @@ import servers
 
 @dataclasses.dataclass
 class Row:
-    """One line of the table: a figure of the daemon, of its floor and of peers."""
+    """One line of the table: a figure for the daemon, its floor and its peers."""
     number: str
     work: str
     figure: str
     subject: list
     floor: list = dataclasses.field(default_factory=list)
     peers: dict = dataclasses.field(default_factory=dict)
-    limit: Optional[float] = None  # of the judged figure; a rate must reach it, all else stay below
-    judge: str = "ratio"           # what is judged: "ratio" or "value"
+    limit: Optional[float] = None  # of the judged figure: minimum for a rate, maximum otherwise
+    judge: str = "ratio"           # the judged figure: "ratio" or "value"
     is_memory: bool = False
-    curve: Optional[dict] = None   # of a growth: pairs of size and figure, by server
+    curve: Optional[dict] = None   # for a growth: pairs of size and figure, by server
 
     @property
     def is_rate(self):
@@ -61,17 +61,17 @@ class Row:
 
 
 class Bench:
-    """Where things are, how often a load is run, and how to run it."""
+    """The directories and the repetitions of a run, and the functions that run a load."""
 
-    def __init__(self, bin_folder, folder, short):
-        self.bin, self.folder, self.short = bin_folder, folder, short
+    def __init__(self, bin_directory, directory, short):
+        self.bin, self.directory, self.short = bin_directory, directory, short
         self.repetitions = 1 if short else 5
 
     def amount(self, full, short):
         return short if self.short else full
 
     def load(self, kind, server, **options):
-        """Runs the load generator and answers its figures."""
+        """Runs the load generator and returns its figures."""
         command = [self.bin / "bench_load", kind, "--pid", getattr(server, "pid", 0)]
         for name, value in options.items():
             command += ["--" + name.replace("_", "-"), value]
@@ -82,7 +82,7 @@ class Bench:
         return json.loads(output)
 
     def file(self, name, content):
-        path = self.folder / name
+        path = self.directory / name
         path.write_bytes(content)
         return path
 
@@ -93,11 +93,11 @@ class Bench:
         return servers.Floor(self.bin, kind)
 
     def peer(self, kind, *arguments):
-        """A list of the peer, or an empty one where it is not installed or in a short run."""
+        """A list with the peer; empty when it is not installed and in a short run."""
         return [kind(*arguments)] if kind.installed() and not self.short else []
 
     def in_turn(self, loads: dict, repetitions=None):
-        """Each repetition runs each load once, the server started anew. Figures by name."""
+        """Runs each load once in each repetition, with a new server. Returns the figures by name."""
         figures = {name: [] for name in loads}
         for _ in range(repetitions or self.repetitions):
             for name, (make, drive) in loads.items():
@@ -111,13 +111,13 @@ def figures_of(results, key: str, scale: Callable = float):
 
 
 def row(number, work, figure, key, results, limit=None, scale=float):
-    """The row of one key of what in_turn() answered."""
+    """The row for one key of the result of in_turn()."""
     values = {name: figures_of(result, key, scale) for name, result in results.items()}
     return Row(number, work, figure, values.pop("runeld"), values.pop("floor", []), values, limit)
 
 
 def exponent(sizes, costs):
-    """How a cost grows with the size: 1 is in proportion, 2 with its square (least squares)."""
+    """The exponent by which a cost grows with the size (least squares): 1 is linear, 2 quadratic."""
     x, y = [math.log(size) for size in sizes], [math.log(cost) for cost in costs]
     mean_x, mean_y = statistics.fmean(x), statistics.fmean(y)
     above = sum((a - mean_x) * (b - mean_y) for a, b in zip(x, y))

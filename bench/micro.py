@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The parts on their own: codec, record, clause cutter, formatters."""
+"""Benchmarks of single parts: codec, record, clause buffer, formatters."""
 import json
 import subprocess
 

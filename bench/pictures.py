@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Draws docs/reports/performance/*.svg from the figures of a run.
 
-    bench/pictures.py FILE [FOLDER]     FILE is what scripts/bench --json wrote
+    bench/pictures.py FILE [DIRECTORY]     FILE is the output of scripts/bench --json
 """
 import json
 import math
@@ -17,7 +17,7 @@ LINES = ("#1f5fa8", "#c0392b", "#1e8449")
 
 
 class Drawing:
-    """An SVG document on white ground."""
+    """An SVG document with a white background."""
 
     def __init__(self, height, title):
         self.height = height
@@ -48,7 +48,7 @@ class Drawing:
 
 
 class LogScale:
-    """Maps the values from @p low to @p high to the places from @p begin to @p end."""
+    """Maps the values from @p low to @p high to the coordinates from @p begin to @p end."""
 
     def __init__(self, low, high, begin, end):
         self.low, self.begin = math.log(low), begin
@@ -63,7 +63,7 @@ def is_rate(row):
 
 
 def cost(row, ratio):
-    """What the same work costs: of a rate, the inverse."""
+    """The cost of the same work: for a rate, the inverse."""
     return 1 / ratio if is_rate(row) else ratio
 
 
@@ -169,11 +169,11 @@ def draw_key(drawing, y, colour, row):
 def main():
     figures = json.loads(Path(sys.argv[1]).read_text(encoding="utf-8"))
     beside = Path(__file__).resolve().parent.parent / "docs" / "reports" / "performance"
-    folder = Path(sys.argv[2]) if len(sys.argv) > 2 else beside
-    folder.mkdir(parents=True, exist_ok=True)
-    draw_ratios(figures["rows"]).save(folder / "ratios.svg")
-    draw_growth(figures["rows"]).save(folder / "growth.svg")
-    draw_connections(figures["rows"]).save(folder / "connections.svg")
+    directory = Path(sys.argv[2]) if len(sys.argv) > 2 else beside
+    directory.mkdir(parents=True, exist_ok=True)
+    draw_ratios(figures["rows"]).save(directory / "ratios.svg")
+    draw_growth(figures["rows"]).save(directory / "growth.svg")
+    draw_connections(figures["rows"]).save(directory / "connections.svg")
 
 
 if __name__ == "__main__":

@@ -1,12 +1,13 @@
 #!/usr/bin/python3 -IB
 # SPDX-License-Identifier: Apache-2.0
-"""Measures the daemon beside its floors and its peers, and prints one table.
+"""Measures the daemon, its floors and its peers, and prints one table.
 
-    bench/run.py BIN_FOLDER [--only W1,W2] [--json FILE] [--short]
+    bench/run.py BIN_DIRECTORY [--only W1,W2] [--json FILE] [--short]
 
-Runs in a world of its own only (scripts/world --no-log): scripts/bench builds everything and calls
-it. --short runs each workload once and small and without peers, to see that it works, and judges
-memory only. Exit status: 0 when every target holds, 1 when one does not, 2 when a workload failed.
+Runs only in isolated namespaces (scripts/world --no-log): scripts/bench builds everything and calls
+it. --short runs each workload once, in a small size and without peers, to check that it works, and
+judges memory only. Exit status: 0 when every target is met, 1 when one is not, 2 when a workload
+failed.
 """
 import argparse
 import json
@@ -74,7 +75,7 @@ def target(row):
 def verdict(row):
     if row.holds is None:
         return "-"
-    return "holds" if row.holds else "DOES NOT HOLD"
+    return "met" if row.holds else "NOT MET"
 
 
 def cells(row):
@@ -99,9 +100,9 @@ def machine():
             "load": os.getloadavg()[0], "date": time.strftime("%Y-%m-%d")}
 
 
-def measure(chosen, folder):
-    """The table's rows, and what the micro-benchmarks say."""
-    bench = measuring.Bench(chosen.bin.resolve(), folder, chosen.short)
+def measure(chosen, directory):
+    """The rows of the table, and the results of the micro-benchmarks."""
+    bench = measuring.Bench(chosen.bin.resolve(), directory, chosen.short)
     rows, parts = [], []
     for name in chosen.only:
         begin = time.monotonic()
@@ -131,14 +132,14 @@ def report(chosen, about, rows, parts):
 def main():
     chosen = arguments()
     if os.environ.get("RUNELD_WORLD") != "1":
-        sys.exit("bench/run.py: only in a world of its own: use scripts/bench")
+        sys.exit("bench/run.py: runs only in isolated namespaces: use scripts/bench")
     os.sched_setaffinity(0, {servers.LOG})
     about = machine()
     collector = subprocess.Popen([chosen.bin / "bench_log"], stdout=subprocess.DEVNULL)
     try:
-        servers.wait_until(lambda: os.path.exists("/dev/log"), "nobody reads /dev/log")
-        with tempfile.TemporaryDirectory() as folder:
-            rows, parts = measure(chosen, Path(folder))
+        servers.wait_until(lambda: os.path.exists("/dev/log"), "bench_log does not open /dev/log")
+        with tempfile.TemporaryDirectory() as directory:
+            rows, parts = measure(chosen, Path(directory))
     finally:
         collector.terminate()
         collector.wait()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What many devices mean: to a loop with many connections, and to the master of them all."""
+"""Measures the cost of many connections for the daemon's loop and for the master of many devices."""
 import resource
 import socket
 import time
@@ -11,7 +11,7 @@ LISTEN_BACKLOG = 1024
 
 
 def beside_more_and_more(bench, small_requests, client):
-    """One busy connection beside an ever larger number of idle ones."""
+    """One busy connection beside an increasing number of idle ones."""
     counts = bench.amount((0, 100, 300, 600, 900), (0, 10))
     rows = []
     for count in counts:
@@ -24,15 +24,15 @@ def beside_more_and_more(bench, small_requests, client):
 
 
 def kernel_memory():
-    """What the kernel has allocated for its own objects, in bytes."""
+    """The memory of the kernel's objects, in bytes."""
     for line in Path("/proc/meminfo").read_text(encoding="ascii").splitlines():
         if line.startswith("SUnreclaim:"):
             return int(line.split()[1]) * 1024
-    raise RuntimeError("the kernel does not tell of its memory")
+    raise RuntimeError("/proc/meminfo has no line SUnreclaim")
 
 
 def connections_memory(count):
-    """What the kernel takes for one end of an idle connection, in bytes."""
+    """The kernel memory of one end of an idle connection, in bytes."""
     before = kernel_memory()
     with socket.create_server(("127.0.0.1", 0), backlog=LISTEN_BACKLOG) as listener:
         ends = []
@@ -55,18 +55,18 @@ def many_connections(bench):
 
 
 def active_opens():
-    """How many connections this world has begun so far."""
+    """The number of connections opened in this network namespace so far."""
     names, values = [line.split() for line in Path("/proc/net/snmp").read_text(
         encoding="ascii").splitlines() if line.startswith("Tcp:")]
     return int(values[names.index("ActiveOpens")])
 
 
 def without_master(bench):
-    """How often a device knocks at the door of a master that is not there."""
-    knocks = []
+    """The rate at which a device tries to connect to an absent master."""
+    rates = []
     for _ in range(bench.amount(3, 1)):
         with bench.daemon():
             begin, opens = time.monotonic(), active_opens()
             time.sleep(bench.amount(3, 0.3))
-            knocks.append((active_opens() - opens) / (time.monotonic() - begin))
-    return Row("S", "the master is away", "connects, 1/s", knocks)
+            rates.append((active_opens() - opens) / (time.monotonic() - begin))
+    return Row("S", "the master is away", "connects, 1/s", rates)

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The servers that are measured: the daemon, its floors, and peers from Debian packages.
+"""The measured servers: the daemon, its floors, and peers from Debian packages.
 
-Each is a context manager: entered, it listens; left, it is gone. All of them share one processor
-with the load.
+Each is a context manager: it listens after __enter__ and has ended after __exit__. All of them share
+one processor with the load.
 """
 import os
 import shutil
@@ -15,19 +15,19 @@ from pathlib import Path
 LISTEN_PORT, MASTER_PORT = 5111, 5112
 PID_FILE = Path("/run/runeld.pid")
 WORK, LOG = min(os.sched_getaffinity(0)), max(os.sched_getaffinity(0))
-PATIENCE = 20.0
+TIMEOUT = 20.0
 
 
 def wait_until(condition, what):
-    end = time.monotonic() + PATIENCE
+    end = time.monotonic() + TIMEOUT
     while not condition():
         if time.monotonic() > end:
-            raise RuntimeError(f"waited in vain: {what}")
+            raise RuntimeError(f"timeout after {TIMEOUT:.0f} s: {what}")
         time.sleep(0.002)
 
 
 def start(command, processor=WORK, **more):
-    """Starts a program, on the processor that server and load share unless told otherwise."""
+    """Starts a program, by default on the processor that server and load share."""
     return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
                             preexec_fn=lambda: os.sched_setaffinity(0, {processor}), **more)
 
@@ -45,7 +45,7 @@ def listens(port):
 
 
 class Program:
-    """A server that stays in the foreground."""
+    """A server that runs in the foreground."""
     name, port, need = "", 0, ()
 
     def __init__(self, *arguments):
@@ -70,16 +70,16 @@ class Program:
 class Floor(Program):
     name, port = "floor", LISTEN_PORT
 
-    def __init__(self, bin_folder, kind):
-        super().__init__(bin_folder / "bench_floor", kind, LISTEN_PORT, MASTER_PORT)
+    def __init__(self, bin_directory, kind):
+        super().__init__(bin_directory / "bench_floor", kind, LISTEN_PORT, MASTER_PORT)
 
 
 class Daemon:
-    """The subject, in the background as it is meant to run."""
+    """The daemon under test, in the background as in production."""
     name, port = "runeld", LISTEN_PORT
 
-    def __init__(self, bin_folder):
-        self.program = bin_folder / "runeld"
+    def __init__(self, bin_directory):
+        self.program = bin_directory / "runeld"
 
     def __enter__(self):
         started = start([self.program])
@@ -89,7 +89,7 @@ class Daemon:
         return self
 
     def find(self):
-        """Takes over a daemon that somebody else has started."""
+        """Attaches to a daemon that another program has started."""
         wait_until(lambda: PID_FILE.exists() and PID_FILE.read_text().strip(), "no pid file")
         self.pid = int(PID_FILE.read_text())
         wait_until(lambda: listens(self.port), "the daemon does not listen")
@@ -110,8 +110,8 @@ class Redis(Program):
 class Mosquitto(Program):
     name, port, need = "mosquitto", 1883, ("mosquitto",)
 
-    def __init__(self, folder):
-        settings = folder / "mosquitto.conf"
+    def __init__(self, directory):
+        settings = directory / "mosquitto.conf"
         settings.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\n"
                             "max_queued_messages 0\nset_tcp_nodelay true\n")
         super().__init__("mosquitto", "-c", settings)
@@ -120,10 +120,10 @@ class Mosquitto(Program):
 class Rsync(Program):
     name, port, need = "rsync", 8730, ("rsync",)
 
-    def __init__(self, folder):
-        self.store = folder / "rsync"
+    def __init__(self, directory):
+        self.store = directory / "rsync"
         self.store.mkdir(exist_ok=True)
-        settings = folder / "rsyncd.conf"
+        settings = directory / "rsyncd.conf"
         settings.write_text(f"[bench]\npath = {self.store}\nuse chroot = no\nread only = no\n"
                             "uid = 0\ngid = 0\n")
         super().__init__("rsync", "--daemon", "--no-detach", "--address", "127.0.0.1", "--port",
@@ -141,21 +141,21 @@ class Rsync(Program):
 
 
 class Dropbear(Program):
-    """An SSH server with one connection that is kept open."""
+    """An SSH server with one persistent connection."""
     name, port, need = "dropbear", 2222, ("dropbear", "dropbearkey", "ssh", "ssh-keygen", "mount")
 
-    def __init__(self, folder):
-        self.folder = folder / "dropbear"
-        self.control = self.folder / "control"
+    def __init__(self, directory):
+        self.directory = directory / "dropbear"
+        self.control = self.directory / "control"
         super().__init__("dropbear", "-F", "-E", "-p", f"127.0.0.1:{self.port}", "-r",
-                         self.folder / "host", "-P", self.folder / "pid", "-W", 1048576)
+                         self.directory / "host", "-P", self.directory / "pid", "-W", 1048576)
 
     def __enter__(self):
-        if not self.folder.exists():
+        if not self.directory.exists():
             self.make_keys()
         super().__enter__()
         run(["ssh", "-M", "-S", self.control, "-N", "-f", "-F", "none", "-p", str(self.port),
-             "-i", self.folder / "key", "-o", "StrictHostKeyChecking=no", "-o",
+             "-i", self.directory / "key", "-o", "StrictHostKeyChecking=no", "-o",
              "UserKnownHostsFile=/dev/null", "root@127.0.0.1"])
         return self
 
@@ -164,22 +164,22 @@ class Dropbear(Program):
         super().__exit__()
 
     def make_keys(self):
-        self.folder.mkdir()
+        self.directory.mkdir()
         home = Path(os.path.expanduser("~root"))
-        # Our own view of it: the world's other processes see it, the machine does not.
+        # Mounted in the isolated namespaces only; the machine's directory does not change.
         run(["mount", "-t", "tmpfs", "-o", "mode=700", "tmpfs", home])
-        run(["dropbearkey", "-t", "ed25519", "-f", self.folder / "host"])
-        run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.folder / "key"])
+        run(["dropbearkey", "-t", "ed25519", "-f", self.directory / "host"])
+        run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.directory / "key"])
         (home / ".ssh").mkdir(mode=0o700)
         keys = home / ".ssh" / "authorized_keys"
-        keys.write_text((self.folder / "key.pub").read_text())
+        keys.write_text((self.directory / "key.pub").read_text())
         keys.chmod(0o600)
 
     def execute(self, command, **more):
         run(["ssh", "-S", self.control, "root@127.0.0.1", command], **more)
 
     def copy_in(self, source):
-        target = self.folder / "file"
+        target = self.directory / "file"
         target.unlink(missing_ok=True)
         with open(source, "rb") as file:
             self.execute(f"cat > {target}", stdin=file)

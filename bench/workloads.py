@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The fourteen workloads, and the memory of large transfers. Each answers rows of the table."""
+"""The fourteen workloads, and the memory use of large transfers. Each returns rows of the table."""
 import statistics
 import subprocess
 import time
@@ -10,7 +10,7 @@ import servers
 from measuring import Bench, Row, exponent, row
 
 MIB = 1 << 20
-HEADROOM = 8192  # what a record around a file needs of a frame's largest payload
+HEADROOM = 8192  # bytes of a frame's largest payload that the record around a file needs
 MASTER = {"master": servers.MASTER_PORT}
 CLIENT = {"port": servers.LISTEN_PORT}
 CPU, PEAK = "processor time", "peak memory / payload"
@@ -23,13 +23,13 @@ def record(*arguments, exec_param=0):
 
 
 def text_of(size):
-    """Bytes as of a file: nothing a frame's marks could hide in, nothing that repeats early."""
+    """Bytes like those of a file: without the marker bytes of a frame, and with a long period."""
     line = bytes(range(32, 127)) * 43 + b"\n"
     return (line * (size // len(line) + 1))[:size]
 
 
 def small_requests(bench, load, count, repetitions=None):
-    """Runs "fileexists" requests; @p load says on which connections."""
+    """Runs "fileexists" requests. @p load selects the connections."""
     request = bench.file("exists.request", record(b"fileexists", b"/etc/hosts"))
 
     def drive(server):
@@ -113,12 +113,12 @@ def transfer_rows(number, work, size, results, limit):
 
 
 def write_request(bench, size):
-    target = str(bench.folder / "written").encode()
+    target = str(bench.directory / "written").encode()
     return record(b"write", target, text_of(size))
 
 
 def file_peers(bench, copy):
-    peers = bench.peer(servers.Rsync, bench.folder) + bench.peer(servers.Dropbear, bench.folder)
+    peers = bench.peer(servers.Rsync, bench.directory) + bench.peer(servers.Dropbear, bench.directory)
     return [(server, copy) for server in peers]
 
 
@@ -133,7 +133,7 @@ def write_64(bench: Bench):
 def read_64(bench: Bench):
     size = bench.amount(64, 1) * MIB
     source = bench.file("source", text_of(size))
-    target = bench.folder / "target"
+    target = bench.directory / "target"
     results = transfer(bench, record(b"read", str(source).encode()),
                        file_peers(bench, lambda server: server.copy_out(source, target)))
     return transfer_rows("6", f'"read" of {size_name(size)}', size, results, 1.8)
@@ -157,7 +157,7 @@ def programs(bench: Bench):
         return {"p50_us": statistics.median(times) * 1e6}
 
     loads = {"runeld": (bench.daemon, drive), "floor": (lambda: bench.floor("tasks"), drive)}
-    for dropbear in bench.peer(servers.Dropbear, bench.folder):
+    for dropbear in bench.peer(servers.Dropbear, bench.directory):
         loads["dropbear"] = (lambda: dropbear, drive_ssh)
     rows = [row("8", '"exec" of /bin/true', "p50, us", "p50_us", bench.in_turn(loads), 1.10)]
     size = bench.amount(16, 1) * MIB
@@ -169,7 +169,7 @@ def programs(bench: Bench):
 
 
 def growth(number, work, sizes, by_size, key, limit):
-    """The row of the exponent. @p by_size: for each size what in_turn() answered."""
+    """The row of the growth exponent. @p by_size: the result of in_turn() for each size."""
     def of(name):
         return [exponent(sizes, [min(result[key] for result in results[name])
                                  for results in by_size])]
@@ -183,7 +183,7 @@ def growth(number, work, sizes, by_size, key, limit):
 
 def large_frames(bench: Bench):
     sizes = [size * MIB for size in bench.amount((1, 4, 16, 64), (1, 2))]
-    # More arguments than a task reads are passed over: framing and record are all there is to do.
+    # A task ignores surplus arguments, so this measures only the framing and the record.
     by_size = [transfer(bench, record(b"fileexists", b"/etc/hosts", text_of(size)))
                for size in sizes]
     return [growth("9", "a frame", sizes, by_size, "cpu_s", 1.15),
@@ -246,7 +246,7 @@ def broker(bench, mosquitto, pieces, repeat):
 def clause_stream(bench: Bench):
     pieces, repeat = 1000, bench.amount(80, 1)
     loads = relay(bench, small_clauses(pieces), pieces, 202 * pieces, repeat=repeat)
-    for mosquitto in bench.peer(servers.Mosquitto, bench.folder):
+    for mosquitto in bench.peer(servers.Mosquitto, bench.directory):
         loads["mosquitto"] = broker(bench, mosquitto, pieces, repeat)
     rows = [row("11", "clauses of 200 bytes", "rate, 1/s", "rate", bench.in_turn(loads), 0.9)]
     sizes, by_size = [size * MIB for size in bench.amount((1, 4, 16), (1, 2))], []
@@ -260,15 +260,15 @@ def clause_stream(bench: Bench):
     return rows
 
 
-def folders(bench: Bench):
-    folder = bench.folder / "folder"
-    folder.mkdir(exist_ok=True)
+def directories(bench: Bench):
+    directory = bench.directory / "directory"
+    directory.mkdir(exist_ok=True)
     entries = bench.amount(10000, 100)
     for number in range(entries):
-        (folder / f"entry-{number * 7919 % entries:05}").touch()
+        (directory / f"entry-{number * 7919 % entries:05}").touch()
     rows = []
     for task in ("readdir", "walktree"):
-        request = bench.file("folder.request", record(task.encode(), str(folder).encode()))
+        request = bench.file("directory.request", record(task.encode(), str(directory).encode()))
 
         def drive(server, request=request):
             return bench.load("rounds", server, request=request, count=bench.amount(50, 3),
@@ -310,7 +310,7 @@ def forgotten_programs(bench: Bench):
 
 
 def memory(bench: Bench):
-    """What large files need while they pass, and what is not given back."""
+    """The peak memory of large transfers, and the memory that is not released afterwards."""
     rows = []
     for size in (full * MIB - HEADROOM for full in bench.amount((16, 64, 256), (16,))):
         source = bench.file("source", text_of(size))
@@ -336,5 +336,5 @@ def many_devices(bench: Bench):
 WORKLOADS = {"W1": one_at_a_time, "W2": pipelined, "W3": fifty_connections,
              "W4": beside_idle_ones, "W5": write_64, "W6": read_64, "W7": write_256,
              "W8": programs, "W9": large_frames, "W10": one_clause, "W11": clause_stream,
-             "W12": folders, "W13": life, "W14": forgotten_programs,
+             "W12": directories, "W13": life, "W14": forgotten_programs,
              "MEMORY": memory, "SCALE": many_devices}

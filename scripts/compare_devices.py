@@ -1,15 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Many devices on one machine, for scripts/compare-runelctl: each is a network namespace with a
-daemon and an ssh server in it, and a bridge joins them."""
+"""Many devices on one machine, for scripts/compare-runelctl. Each device is a network namespace with a
+daemon and an ssh server. A bridge connects them."""
 import socket
 import subprocess
 import time
 
 MASTER, MASTER_PORT = "10.9.0.1", 5112
-PATIENCE = 300  # seconds for all devices to be there, on a machine that has other work
+TIMEOUT = 300  # seconds until all devices must serve, on a busy machine
 
-# What a device does: it tells that its namespaces are there, waits for the cable, then serves.
-# Its /run is its own: the daemon's pid file is there, and what is pushed.
+# The script of a device: reports that its namespaces exist, waits for its network interface, serves.
+# It has a private /run for the daemon's pid file and for pushed files.
 DEVICE = f"""set -e
 echo made
 read -r address
@@ -32,15 +32,15 @@ def wait_for_port(address, port, deadline):
             if probe.connect_ex((address, port)) == 0:
                 return
         if time.monotonic() > deadline:
-            raise TimeoutError(f"nobody listens at {address}:{port}")
+            raise TimeoutError(f"no server listens at {address}:{port}")
         time.sleep(0.01)
 
 
 def silent_master(address):
-    """A master for daemons that says nothing, as most do most of the time.
+    """A master that accepts the daemons' connections and sends nothing, like an idle real one.
 
-    Without one, a daemon dials it again with every packet that it reads, and ten times a second
-    when nothing comes: that is the work of a device that was cut off, not of one that serves.
+    Without a master, a daemon tries to connect with every packet that it reads, and ten times a second
+    when idle. That is the load of a disconnected device, not of a working one.
     """
     master = socket.socket()
     master.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -50,7 +50,7 @@ def silent_master(address):
 
 
 class Devices:
-    """`with Devices(...) as devices:` has them for as long as the block lasts."""
+    """The devices. They exist during the block `with Devices(...) as devices:`."""
 
     def __init__(self, count, daemon, sshd_config):
         self.addresses = [f"10.9.{number // 200 + 1}.{number % 200 + 1}" for number in range(count)]
@@ -68,7 +68,7 @@ class Devices:
 
     def __exit__(self, *_):
         for process in self.processes:
-            process.kill()  # unshare takes all that is in its namespaces along
+            process.kill()  # unshare --kill-child ends all processes in its namespaces
         for process in self.processes:
             process.wait()
         if self.master is not None:
@@ -92,7 +92,7 @@ class Devices:
         for address, process in zip(self.addresses, self.processes):
             process.stdin.write(address.encode() + b"\n")
             process.stdin.close()
-        deadline = time.monotonic() + PATIENCE
+        deadline = time.monotonic() + TIMEOUT
         for address in self.addresses:
             for port in (5111, 22):
                 wait_for_port(address, port, deadline)
@@ -102,5 +102,5 @@ class Devices:
         subprocess.run(["ip", "-batch", "-"], input="\n".join(lines).encode(), check=True)
 
     def paths(self, path):
-        """What @p path of each device is called outside of it."""
+        """The path on this machine of @p path on each device."""
         return [f"/proc/{process.pid}/root{path}" for process in self.processes]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The measurements of scripts/compare-runelctl; runs inside a private world only."""
+"""The measurements of scripts/compare-runelctl. Runs only in isolated namespaces."""
 import argparse
 import os
 import random
@@ -14,7 +14,7 @@ from compare_devices import Devices, silent_master, wait_for_port
 
 PARTS = ("memory", "disk", "commands", "devices")
 MIB = 1 << 20
-MOST = 900  # seconds for one call of one tool: more is a hang
+MOST = 900  # seconds for one call of a tool: a longer call hangs
 URL = "rsync://127.0.0.1/all"
 
 
@@ -30,13 +30,13 @@ def run(*words, **options):
 
 
 def contents(path):
-    """All that a copy of @p path must have in common with it."""
+    """The modes, times and contents in which a copy of @p path must agree with it."""
     found = {}
-    for place, folders, files in os.walk(path):
-        for name in (*folders, *files):
+    for place, directories, files in os.walk(path):
+        for name in (*directories, *files):
             full = os.path.join(place, name)
             about = os.lstat(full)
-            data = b"" if name in folders else open(full, "rb").read()
+            data = b"" if name in directories else open(full, "rb").read()
             found[os.path.relpath(full, path)] = (about.st_mode, about.st_mtime_ns, data)
     if not os.path.isdir(path):
         found[""] = (os.stat(path).st_mtime_ns, open(path, "rb").read())
@@ -45,11 +45,11 @@ def contents(path):
 
 def expect(right, what):
     if not right:
-        sys.exit(f"{what}: not what was to be measured")
+        sys.exit(f"{what}: wrong result")
 
 
 class Table:
-    """Each row's tools in turn, round by round, so that all have the same weather."""
+    """Runs the tools of each row in turn, round by round, so that all see the same machine load."""
 
     def __init__(self, rounds, limit):
         self.rounds, self.limit = rounds, limit
@@ -58,7 +58,7 @@ class Table:
               "|---|---|---|---|---|---|", flush=True)
 
     def row(self, title, rivals, prepare=lambda: None, check=lambda name, result: None):
-        """@p rivals: name and work of each, ours first. @p check sees what each work returned."""
+        """Measures a row. @p rivals: names and functions, ours first. @p check checks each result."""
         times = {name: [] for name, _ in rivals}
         end = time.monotonic() + self.limit
         done = 0
@@ -73,7 +73,7 @@ class Table:
         self.loads.append(os.getloadavg()[0])
         ours = times[rivals[0][0]]
         for name, values in times.items():
-            # Of the ratios in each round: what else the machine did then, it did to both.
+            # The median of the ratios per round, because other load affects both tools of a round.
             ratio = statistics.median(theirs / mine for theirs, mine in zip(values, ours))
             print(f"| {title} | {name} | {statistics.median(values):.3f} s | {min(values):.3f} to "
                   f"{max(values):.3f} | {done} | {ratio:.2f} |", flush=True)
@@ -83,16 +83,16 @@ class Bench:
     def __init__(self, options):
         self.ctl = os.path.join(options.binaries, "runelctl")
         self.daemon = os.path.join(options.binaries, "runeld")
-        # Not below /run, which each of many devices has for itself.
-        self.folder = tempfile.mkdtemp(dir="/dev/shm")
+        # Not below /run, because each device has a private /run.
+        self.directory = tempfile.mkdtemp(dir="/dev/shm")
         self.options = options
         self.master = silent_master("127.0.0.1")
         self.keys()
-        self.swallow_log(options.binaries)
+        self.discard_log(options.binaries)
         self.table = Table(options.rounds, options.limit)
 
-    def swallow_log(self, binaries):
-        """As many lines wait for the log's reader as on a machine that systemd started."""
+    def discard_log(self, binaries):
+        """Starts a reader of the log, with the queue length of a machine that runs systemd."""
         with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as length:
             length.write("512")
         subprocess.Popen([os.path.join(binaries, "bench_log")], start_new_session=True)
@@ -100,7 +100,7 @@ class Bench:
             time.sleep(0.01)
 
     def path(self, name):
-        return os.path.join(self.folder, name)
+        return os.path.join(self.directory, name)
 
     def keys(self):
         for name in ("host", "user"):
@@ -116,15 +116,15 @@ class Bench:
             config.write(f"IdentityFile {self.path('user')}\nStrictHostKeyChecking no\n"
                          "UserKnownHostsFile /dev/null\nLogLevel ERROR\nUser root\n")
         os.makedirs("/run/sshd", exist_ok=True)
-        # This world's own: what a login of this machine's root starts is not to be measured.
+        # Changes the isolated /etc/passwd: the login programs of the machine's root are not measured.
         with open("/etc/passwd", encoding="utf-8") as passwd:
-            lines = [f"root:x:0:0::{self.folder}:/bin/sh\n" if line.startswith("root:") else line
+            lines = [f"root:x:0:0::{self.directory}:/bin/sh\n" if line.startswith("root:") else line
                      for line in passwd]
         with open("/etc/passwd", "w", encoding="utf-8") as passwd:
             passwd.writelines(lines)
 
     def serve(self):
-        """One device here, as its unit starts it."""
+        """Starts one device in these namespaces, as its service does."""
         subprocess.Popen([self.daemon, "-n"], cwd="/", stdin=subprocess.DEVNULL,
                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                          start_new_session=True)
@@ -143,17 +143,17 @@ class Bench:
     def disk(self):
         self.files("on a disk", os.path.join(self.options.disk, "disk"))
 
-    def files(self, where, room):
-        source, there = os.path.join(room, "source"), os.path.join(room, "there")
+    def files(self, where, work):
+        source, there = os.path.join(work, "source"), os.path.join(work, "there")
         big, tree = os.path.join(source, "big"), os.path.join(source, "tree")
         os.makedirs(tree)
         data = random.Random(1)
         with open(big, "wb") as file:
             file.write(data.randbytes(64 * MIB))
         for number in range(2000):
-            folder = os.path.join(tree, f"d{number % 40}")
-            os.makedirs(folder, exist_ok=True)
-            with open(os.path.join(folder, f"f{number}"), "wb") as file:
+            directory = os.path.join(tree, f"d{number % 40}")
+            os.makedirs(directory, exist_ok=True)
+            with open(os.path.join(directory, f"f{number}"), "wb") as file:
                 file.write(data.randbytes(data.randrange(8192)))
 
         def clean():
@@ -171,7 +171,7 @@ class Bench:
                     ("rsync", lambda: run("rsync", "-a", *theirs))]
 
         def pushes(ours, theirs):
-            # On a disk also with what runelctl does: what has its name is on the disk.
+            # On a disk also with --fsync, because runelctl syncs each file before its rename.
             synced = [("rsync --fsync", lambda: run("rsync", "-a", "--fsync", *theirs))]
             return pair(ours, theirs) + (synced if "disk" in where else [])
 
@@ -187,10 +187,10 @@ class Bench:
             pair(["pull", "-r", tree, there + "/"], [URL + tree, there + "/"]), clean,
             arrived(tree))
         run(self.ctl, "sync", tree, there + "/tree")
-        row(f"2,000 files of which none differs, {where}",
+        row(f"sync of 2,000 identical files, {where}",
             pair(["sync", tree, there + "/tree"], [tree + "/", URL + there + "/tree"]),
             check=arrived(tree))
-        shutil.rmtree(room)
+        shutil.rmtree(work)
 
     def commands(self):
         control = self.path("control")
@@ -213,8 +213,8 @@ class Bench:
             ("runelctl shell", lambda: run(self.ctl, "shell", input=lines)),
             ("ssh, kept connection", each(count, *ssh, "127.0.0.1"))], check=all_ran(count))
         count //= 10
-        self.table.row(f"{count} commands, a process each", [
-            ("runelctl, a connection each", each(count, self.ctl, "exec", "--")),
+        self.table.row(f"{count} commands, one process per command", [
+            ("runelctl, one connection per command", each(count, self.ctl, "exec", "--")),
             ("ssh, kept connection", each(count, *ssh, "127.0.0.1"))], check=all_ran(count))
         master.terminate()
         master.wait()
@@ -223,7 +223,7 @@ class Bench:
         count = self.options.devices
         begin = time.monotonic()
         with Devices(count, self.daemon, self.path("sshd_config")) as devices:
-            print(f"{count} devices are there after {time.monotonic() - begin:.0f} s",
+            print(f"{count} devices serve after {time.monotonic() - begin:.0f} s",
                   file=sys.stderr, flush=True)
             names = self.path("list")
             with open(names, "w", encoding="utf-8") as lines:
@@ -236,7 +236,7 @@ class Bench:
         environment = {**os.environ, "PDSH_SSH_ARGS_APPEND": ssh}
         command = ["uname", "-r"]
         answer = os.uname().release.encode()
-        self.table.row(f"one command on {count} devices, 64 at a time", [
+        self.table.row(f"one command on {count} devices, 64 in parallel", [
             ("runelctl",
              lambda: run(self.ctl, "--devices", names, "--prefix", "exec", "--", *command)),
             ("pdsh with ssh",
@@ -261,7 +261,7 @@ class Bench:
         def arrived(name, _):
             expect(all(open(copy, "rb").read() == open(file, "rb").read() for copy in copies), name)
 
-        self.table.row(f"one file of 100 kB to {count} devices, 64 at a time", [
+        self.table.row(f"one file of 100 kB to {count} devices, 64 in parallel", [
             ("runelctl", lambda: run(self.ctl, "--devices", names, "push", file, "/run/")),
             ("parallel with scp",
              lambda: run("parallel", "-j", "64", "-a", names, f"scp -q {ssh} {file} {{}}:/run/"))],
@@ -273,22 +273,25 @@ def scan_options():
     parser.add_argument("--binaries", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--disk", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--only", default=",".join(PARTS), metavar="PART[,PART...]",
-                        help="of " + ", ".join(PARTS))
-    parser.add_argument("--rounds", type=int, default=5)
+                        help="parts to measure, of " + ", ".join(PARTS) + " (default: all)")
+    parser.add_argument("--rounds", type=int, default=5, metavar="N",
+                        help="rounds per row (default: 5)")
     parser.add_argument("--limit", type=float, default=300, metavar="SECONDS",
-                        help="begin no further round of a row after so long")
-    parser.add_argument("--commands", type=int, default=1000)
-    parser.add_argument("--devices", type=int, default=200)
+                        help="start no further round of a row after SECONDS (default: 300)")
+    parser.add_argument("--commands", type=int, default=1000, metavar="N",
+                        help="commands on one connection (default: 1000)")
+    parser.add_argument("--devices", type=int, default=200, metavar="N",
+                        help="number of devices (default: 200)")
     options = parser.parse_args()
     options.only = options.only.split(",")
     if not set(options.only) <= set(PARTS):
-        parser.error("--only has parts of " + ", ".join(PARTS))
+        parser.error("--only accepts the parts " + ", ".join(PARTS))
     return options
 
 
 def main():
     if os.environ.get("RUNELD_WORLD") != "1":
-        sys.exit("this runs in scripts/world only")
+        sys.exit("compare-runelctl: runs only in isolated namespaces: use scripts/compare-runelctl")
     options = scan_options()
     bench = Bench(options)
     if set(options.only) - {"devices"}:

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""The shortest master: waits for the daemon on port 5112 and has it do its tasks.
+"""A minimal master: waits for the daemon on port 5112 and sends it tasks.
 
-    demo_master.py TASKS | reboot      (scripts/demo runs it; it asks for real reboots)
+    demo_master.py [reboot]      (scripts/demo runs it; "reboot" requests a real reboot)
 
-A master listens; the daemon connects. A request is a frame with a record in it, and so is the reply:
+The master listens and the daemon connects. A request and its reply are frames with a record:
 
     frame    0x01 COUNT 0x02 PAYLOAD                COUNT: the payload's length in decimal
     record   SlaveTask ARGC ARG... EXECPARAM OUTPUT STATUS STATE RESULT ERRNO SIGNAL
@@ -18,7 +18,7 @@ STATUS = ("success", "failure", "running", "timeout", "error")
 
 
 def request(*arguments, limit=0):
-    """One request as it goes over the wire. `limit` is in seconds, for "exec" only."""
+    """The bytes of one request. `limit` is the time limit of "exec" in seconds."""
     texts = [text if isinstance(text, bytes) else text.encode() for text in arguments]
     counted = b"".join(b"%d:%s " % (len(text), text) for text in texts)
     record = b"SlaveTask %d %s%d 0: 0 0 0 0 0" % (len(texts), counted, limit)
@@ -26,7 +26,7 @@ def request(*arguments, limit=0):
 
 
 def reply(stream):
-    """Reads one reply: its output and its five numbers. Replies carry no arguments."""
+    """Reads one reply. Returns its output and its five numbers. Replies have no arguments."""
     assert stream.read(1) == b"\x01"
     count = b""
     while (byte := stream.read(1)) != b"\x02":
@@ -39,13 +39,13 @@ def reply(stream):
 
 
 def ask(connection, *arguments, limit=0):
-    """Has one task done and prints what was asked and what came back."""
+    """Sends one task and prints the request and the reply."""
     shown = " ".join(repr(text) if " " in text or "\n" in text else text for text in arguments)
     how = f"   (for {limit} s at most)" if limit > 0 else "   (in the background)" * (limit < 0)
     print(f"\n  > {shown}{how}", flush=True)
     connection.sendall(request(*arguments, limit=limit))
     if arguments[0] == "restart":
-        print("  < (never answered: the daemon ends and is started again)", flush=True)
+        print("  < (no reply: the daemon exits and its supervisor starts it again)", flush=True)
         return
     with connection.makefile("rb") as stream:
         output, (status, _, result, error, signal) = reply(stream)
@@ -57,7 +57,7 @@ def ask(connection, *arguments, limit=0):
 
 
 def accept():
-    """Waits for the daemon, which tries ten times a second."""
+    """Waits for the daemon, which tries to connect ten times a second."""
     with socket.create_server(("", 5112)) as listener:
         connection, (address, _) = listener.accept()
     print(f"\nmaster: the daemon on {address} connected", flush=True)
@@ -65,10 +65,10 @@ def accept():
 
 
 def all_tasks(connection):
-    """Every task but "reboot" on real files and programs."""
-    folder = "/run/tmp/demo"
-    os.makedirs(folder)
-    script = f"{folder}/update.sh"
+    """Every task except "reboot", on real files and programs."""
+    directory = "/run/tmp/demo"
+    os.makedirs(directory)
+    script = f"{directory}/update.sh"
     ask(connection, "hostid")
     ask(connection, "devicetype")
     ask(connection, "fileexists", script)
@@ -86,15 +86,15 @@ def all_tasks(connection):
     ask(connection, "processrunning", "sleep")
     ask(connection, "kill")
     ask(connection, "processrunning", "sleep")
-    ask(connection, "rename", script, f"{folder}/done.sh")
-    os.symlink("done.sh", f"{folder}/latest")
-    ask(connection, "realpath", f"{folder}/latest")
-    ask(connection, "stat", f"{folder}/latest")
-    ask(connection, "lstat", f"{folder}/latest")
-    ask(connection, "readdir", folder)
-    ask(connection, "walktree", folder)
-    ask(connection, "freeblocks", folder)
-    ask(connection, "unlink", f"{folder}/latest")
+    ask(connection, "rename", script, f"{directory}/done.sh")
+    os.symlink("done.sh", f"{directory}/latest")
+    ask(connection, "realpath", f"{directory}/latest")
+    ask(connection, "stat", f"{directory}/latest")
+    ask(connection, "lstat", f"{directory}/latest")
+    ask(connection, "readdir", directory)
+    ask(connection, "walktree", directory)
+    ask(connection, "freeblocks", directory)
+    ask(connection, "unlink", f"{directory}/latest")
     ask(connection, "updateumstate", "phase", "installed")
     ask(connection, "changeleds", "1", "0")
     ask(connection, "blinkleds", "alternate")
@@ -108,4 +108,4 @@ if __name__ == "__main__":
             ask(daemon, "reboot")
         else:
             all_tasks(daemon)
-        daemon.recv(1)  # The end of the connection: the daemon is gone.
+        daemon.recv(1)  # waits until the daemon closes the connection

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""What scripts/demo shows, inside a private world: BINARY LOGFILE."""
+"""The steps of scripts/demo, in isolated namespaces. Arguments: BINARY LOGFILE."""
 import contextlib
 import os
 import socket
@@ -42,7 +42,7 @@ def show_file(path):
 
 
 def make_leds():
-    """Two folders as the kernel shows LEDs, for a machine that may have none."""
+    """Creates two directories like those of the kernel's LED class, for a machine without LEDs."""
     subprocess.run(["mount", "-t", "tmpfs", "leds", "/sys/class"], check=True)
     for name in ("first", "second"):
         os.makedirs(f"/sys/class/leds/{name}")
@@ -51,7 +51,7 @@ def make_leds():
 
 
 def runelctl(*words):
-    """One command as it is typed. The devices are one daemon under three addresses."""
+    """Runs and prints one runelctl command. The devices are one daemon under three addresses."""
     print("\n  $ runelctl " + " ".join(words), flush=True)
     done = subprocess.run([RUNELCTL, *words], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           check=True)
@@ -59,7 +59,7 @@ def runelctl(*words):
         print(f"    {line}", flush=True)
 
 
-def people():
+def runelctl_commands():
     runelctl("info")
     hello = os.path.join(tempfile.gettempdir(), "hello.sh")
     with open(hello, "w", encoding="ascii") as script:
@@ -71,21 +71,21 @@ def people():
 
 
 def tasks():
-    title("The master has every task done over the connection that the daemon makes to it")
+    title("The master sends every task over the connection that the daemon opens to it")
     daemon = subprocess.Popen([BINARY], stdin=subprocess.DEVNULL, start_new_session=True)
-    print(f"started: {BINARY}, status {daemon.wait()}: it went to the background")
+    print(f"started: {BINARY}, status {daemon.wait()}: the daemon runs in the background")
     wait_for(lambda: logged("listening on port 5111"), "the start")
     show_file("/var/run/runeld.pid")
-    title("People use runelctl, over connections to the daemon's own port 5111")
-    people()
-    title("All of them over the connection to the master")
+    title("Users run runelctl, which connects to the daemon's port 5111")
+    runelctl_commands()
+    title("All tasks over the connection to the master")
     subprocess.run([sys.executable, MASTER], check=True)
     wait_for(lambda: logged("exit status 0"), "the restart")
-    print("\nThe daemon ended with status 0, as restart asks for; a supervisor starts it again.")
+    print("\nThe daemon exited with status 0 on \"restart\"; a supervisor starts it again.")
 
 
 def agent(number, slave_is_up):
-    """One local agent from its first clause to its last; the master answers on the bridge."""
+    """A local agent, from its first clause to its last. The master replies on the bridge."""
     address = f"127.0.0.{number}"
     with socket.create_connection(("127.0.0.1", 5111), source_address=(address, 0)) as one:
         one.sendall(b"<hello>agent on " + address.encode() + b"</hello>\r\n")
@@ -101,11 +101,11 @@ def agent(number, slave_is_up):
             one.shutdown(socket.SHUT_WR)
             while bridge.recv(4096):
                 pass
-            print("  the agent left, and its connection to the master with it", flush=True)
+            print("  the agent disconnected, and the daemon closed its bridge to the master", flush=True)
 
 
 def agents():
-    title("A local agent connects: its clauses go to the master, the master's come back")
+    title("A local agent connects: the daemon relays clauses between the agent and the master")
     show_file("/etc/hosts")
     daemon = subprocess.Popen([BINARY, "-n", "-v"], stdin=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL, start_new_session=True)
@@ -115,7 +115,7 @@ def agents():
         for number in (5, 6):
             agent(number, listener)
             if number == 5:
-                print("\n  The next agent comes:")
+                print("\n  The next agent connects:")
         with contextlib.closing(slave):
             demo_master.ask(slave, "exec", "/bin/cat", "/etc/hosts")
         daemon.terminate()
@@ -123,12 +123,12 @@ def agents():
 
 
 def reboot():
-    title("The last task is reboot: here it ends a process namespace in place of a device")
+    title("The last task is \"reboot\": here it ends a PID namespace instead of a device")
     daemon = subprocess.Popen(["unshare", "--pid", "--fork", "--kill-child", BINARY, "-n"],
                               stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                               start_new_session=True)
     subprocess.run([sys.executable, MASTER, "reboot"], check=True)
-    print(f"\n  the namespace ended by signal {-daemon.wait()}: that is a restart of its kernel")
+    print(f"\n  the namespace ended by signal {-daemon.wait()}, which stands for a restart")
 
 
 def main():
@@ -136,7 +136,7 @@ def main():
     tasks()
     agents()
     reboot()
-    title("What the daemon logged meanwhile")
+    title("The daemon's log")
     levels = ("emerg", "alert", "crit", "err", "warning", "notice", "info", "debug")
     with open(LOG, encoding="latin-1") as log:
         for line in log:

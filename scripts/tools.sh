@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Sourced by the other scripts: has a Debian machine install what they need.
+# Sourced by the other scripts: installs the Debian packages that they need.
 
-# Installs the packages named that are not there yet; asks the archive for nothing otherwise.
+# Installs the named packages that are missing. Accesses the archive only if one is missing.
 install_tools() {
   local package missing=()
   for package in "$@"; do
@@ -16,5 +16,5 @@ install_tools() {
   rm -f /tmp/runeld-apt.$$
 }
 
-# What runelctl is built with; the daemon needs none of it.
+# The build dependencies of runelctl. The daemon needs none of them.
 RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev pkg-config)

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Simulates a power cut at any call, and checks the content of the files that the daemon writes.
 
-Runs two checks. A model generates every possible disk state from the syncs, with sectors of 512 and
-4096 bytes. And at each call on a real ext4 file system the daemon is paused and the image is copied,
-with and without ext4's protection of renames (noauto_da_alloc). There the journal or the whole file
-system is also synced before one of the calls, because other programs may cause that at any time.
+Runs two checks. The first uses a model that generates every possible disk state from the syncs, with
+sectors of 512 and 4096 bytes. The second uses real ext4 file systems, with and without the protection
+of renames (noauto_da_alloc): it pauses the daemon at each call and copies the image. Before one of the
+calls it also syncs the journal or the whole file system, because other programs may do so at any time.
 
 A replaced file must have its complete old or new content, and the new content once the daemon has
 replied. An append changes the file in place, because other programs may have it open: the file must

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: sleep() returns at once and moves the monotonic clock on by
-// as much, so that a wait of ten minutes takes none. Nothing else is changed.
+// Preloaded into a daemon under test: sleep() returns immediately and advances the monotonic clock,
+// so that long waits take no time. Nothing else changes.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <time.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preloaded into a daemon under test: measures each pass of its loop, from the return of one
-// select() to the call of the next, and keeps the figures in the file that RUNELD_PASS_CLOCK names,
-// for a test to read while the daemon runs. Its layout is known to soak/meter.py.
+// select() to the call of the next. Maps the file RUNELD_PASS_CLOCK for the figures, so that a test
+// can read them while the daemon runs. soak/meter.py knows the layout.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -17,8 +17,8 @@ enum { BUCKETS = 40 };
 struct figures {
   uint64_t passes;
   uint64_t nanoseconds;
-  uint64_t worst;             // of one pass, since whoever reads it set it to 0
-  uint64_t buckets[BUCKETS];  // passes that took less than 2^N microseconds and fit none below
+  uint64_t worst;             // longest pass since the reader set it to 0
+  uint64_t buckets[BUCKETS];  // passes of 2^(N-1) to 2^N microseconds
 };
 
 static struct figures* figures;
@@ -34,7 +34,7 @@ static void open_figures(void) {
   const char* path = getenv("RUNELD_PASS_CLOCK");
   int file = path == NULL ? -1 : open(path, O_RDWR | O_CLOEXEC);
   if (file < 0) {
-    abort();  // a run that measures nothing must not look like one
+    abort();  // never run without measuring
   }
   void* mapped = mmap(NULL, sizeof *figures, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   if (mapped == MAP_FAILED) {

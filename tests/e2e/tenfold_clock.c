@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: its waits for a slow peer take a tenth of their time. Changes
+// Preloaded into a daemon under test: shortens its waits for a slow peer to a tenth. Changes
 // poll(2), SO_SNDTIMEO and the monotonic clock.
 #define _GNU_SOURCE
 #include <dlfcn.h>

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Clocks that leap: what is timed goes by the monotonic clock, whatever the day and its size."""
+"""Clocks that jump: all times use the monotonic clock, for any value of the real-time clock."""
 import os
 import signal
 import time
@@ -8,12 +8,12 @@ import unittest
 from support.case import SUCCESS
 from support.leds import LedCase
 
-# When the seconds since the device's start no longer fit into 31 bits.
+# The uptime in seconds that no longer fits into 31 bits.
 FULL = 1 << 31
 
 
 class ClockTest(LedCase):
-    """Everything that the daemon times: a program's limit, the LEDs, the end of a program."""
+    """All timed functions of the daemon: a program's limit, the LEDs, the end of a program."""
 
     def assert_keeps_time(self, client):
         self.assertEqual(client.ask("blinkleds", "fast").fields, SUCCESS)
@@ -25,11 +25,11 @@ class ClockTest(LedCase):
         self.assertEqual(client.ask("exec", "sleep", "0.2", exec_param=30).fields, (0, 2, 0, 0, 0))
         self.assert_blinks()
 
-    def test_a_clock_of_the_day_that_leaps_by_68_years(self):
-        daemon = self.daemon(environment={"LD_PRELOAD": os.environ["RUNELD_LEAPING_CLOCK"]},
+    def test_a_real_time_clock_that_jumps_by_68_years(self):
+        daemon = self.daemon(environment={"LD_PRELOAD": os.environ["RUNELD_JUMPING_CLOCK"]},
                              detect_leaks=False)
         client = self.client()
-        # The programs have its clock.
+        # The programs inherit the preloaded clock.
         year = int(client.ask("exec", "date", "+%Y").output)
         self.assertGreater(abs(year - time.gmtime().tm_year), 60)
         self.assert_keeps_time(client)
@@ -49,7 +49,7 @@ class ClockTest(LedCase):
         self.assertEqual(daemon.process.wait(60), 0)
 
     def monotonic_there(self, client):
-        """What a program of the daemon's takes for the monotonic clock."""
+        """The monotonic clock as a program of the daemon reads it."""
         code = "import time; print(int(time.clock_gettime(time.CLOCK_MONOTONIC)))"
         return int(client.ask("exec", "python3", "-c", code).output)
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The command line: what each argument does, the usage text, exit statuses, standard streams."""
+"""The command line: arguments, usage text, exit statuses, standard streams."""
 import itertools
 import os
 import re
@@ -64,10 +64,10 @@ class UsageTest(EndToEndCase):
 
 
 class SettingsTest(EndToEndCase):
-    """What the start banner says the arguments came to."""
+    """The settings that the start banner shows."""
 
     def settings(self, *arguments, **options):
-        """Address, daemon and verbose as the banner shows them."""
+        """Address, daemon and verbose in the banner."""
         mark = self.log.mark()
         daemon = self.daemon(*arguments, **options)
         shown = tuple(self.log.find(rf" {name} = .*", INFO, mark).text.partition("= ")[2]
@@ -81,7 +81,7 @@ class SettingsTest(EndToEndCase):
     def test_each_spelling_of_no_daemon_keeps_it_in_the_foreground(self):
         for spelling in ("-n", "--nodaemon", "--no-daemon"):
             with self.subTest(spelling):
-                # The harness's background start without its own -n: the process started must stay.
+                # A background start of the harness adds no -n. The started process must stay.
                 mark = self.log.mark()
                 daemon = self.daemon(spelling, background=True, wait=False)
                 daemon.pid = daemon.process.pid
@@ -133,7 +133,7 @@ class SettingsTest(EndToEndCase):
 
 
 class StopLineTest(EndToEndCase):
-    """Who says that it stopped."""
+    """The log line about the stop."""
 
     STOP = r"stop runeld \(pid = \d+\), exit status \d+"
 
@@ -159,7 +159,7 @@ class StopLineTest(EndToEndCase):
 
 
 class ExceptionTest(EndToEndCase):
-    """An exception that nothing catches on its way: a line, and status 1."""
+    """An uncaught exception: a log line and status 1."""
 
     ODD = "unhandled exception caught, outer::OddError: 100 %s of it: %m"
     UNKNOWN = "unhandled exception caught, exception unknown"
@@ -169,7 +169,7 @@ class ExceptionTest(EndToEndCase):
         return self.daemon(environment=environment, **options)
 
     def last_lines(self, daemon):
-        """The last three of the daemon, without the numbers of sockets."""
+        """The last three lines of the daemon, without socket numbers."""
         self.assertEqual(daemon.wait(), 1)
         own = [line for line in self.log.lines if line.pid == daemon.pid]
         return [(line.level, re.sub(r"socket \d+$", "socket N", line.text)) for line in own[-3:]]
@@ -191,9 +191,9 @@ class ExceptionTest(EndToEndCase):
 
 
 class DescriptorTest(EndToEndCase):
-    """No descriptor but the standard ones can be had."""
+    """Only the standard descriptors are available."""
 
-    # A sanitizer does not start before it has a descriptor of its own: with one, this cannot be tried.
+    # Not testable with a sanitizer, which needs another descriptor to start.
     if not is_instrumented():
         def test_a_start_that_can_fill_one_gap_and_no_more_does_not_hang(self):
             def leave_one_gap():
@@ -205,7 +205,7 @@ class DescriptorTest(EndToEndCase):
 
 
 class StreamsTest(EndToEndCase):
-    """What the daemon inherits may be anything."""
+    """Inherited streams and signal settings."""
 
     def test_closed_standard_streams_are_opened_on_dev_null(self):
         for count in range(4):
@@ -221,7 +221,7 @@ class StreamsTest(EndToEndCase):
                             daemon.stderr_path
                         self.assertEqual(targets[number], expected)
                         self.assertFalse(daemon.closes_on_exec(number))
-                    # The one in reserve, and none that was only opened to fill the gaps.
+                    # The reserve descriptor, but not those that only filled the gaps.
                     others = [targets[number] for number in targets if number > 2]
                     self.assertEqual(others.count("/dev/null"), 1)
                     path = self.file("there")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Going to the background, the pid file, signals, and the log from the first line to the last."""
+"""The background start, the pid file, signals, and the complete log of a run."""
 import os
 import random
 import signal
@@ -27,14 +27,14 @@ def write_pid_file(text):
 
 
 def dead_pid():
-    """The number of a process that ended."""
+    """The pid of a process that has ended."""
     process = subprocess.Popen(["true"])
     process.wait()
     return process.pid
 
 
 class BackgroundTest(EndToEndCase):
-    """What the launcher leaves and what the daemon keeps of it."""
+    """The files and output of the launcher, and the attributes that the daemon keeps."""
 
     def test_the_launcher_writes_the_daemons_number_into_the_pid_file(self):
         daemon = self.daemon(background=True)
@@ -77,17 +77,17 @@ class BackgroundTest(EndToEndCase):
 
 
 class PidFileAtStartTest(EndToEndCase):
-    """What a pid file that is already there does to a start."""
+    """The effect of an existing pid file on a start."""
 
     def refused(self, message):
-        """The start ends with 0 after one line, prefix included, and runs no daemon."""
+        """The start ends with 0 after the log line @p line and runs no daemon."""
         launcher = self.daemon(background=True, wait=False)
         self.assertEqual(launcher.process.wait(60), 0)
         self.assertEqual([(f"({line.pid}) {line.text}", line.level) for line in self.log.lines],
                          [(message, ERR)])
         self.assertEqual(world.processes(), [])
 
-    def goes_on(self):
+    def starts(self):
         daemon = self.daemon(background=True)
         self.assertEqual(pid_file(), f"{daemon.pid}\n")
         self.assert_stops(daemon)
@@ -110,7 +110,7 @@ class PidFileAtStartTest(EndToEndCase):
 
     def test_a_dead_process_number_is_overwritten(self):
         write_pid_file(f"{dead_pid()}\n")
-        self.goes_on()
+        self.starts()
 
     def test_the_number_is_read_up_to_the_first_other_byte(self):
         write_pid_file(f" \n {os.getpid()}x\n")
@@ -131,11 +131,11 @@ class PidFileAtStartTest(EndToEndCase):
         self.refused("(0) cannot parse pid file")
         self.assertTrue(os.path.isdir(PID_FILE))
 
-    def test_zero_names_the_own_group_which_is_alive(self):
+    def test_zero_names_the_own_process_group_which_is_alive(self):
         write_pid_file("0\n")
         self.refused("(0) daemon is already running")
 
-    def test_minus_one_names_everybody(self):
+    def test_minus_one_names_all_processes(self):
         bystander = subprocess.Popen(["sleep", "1000"])
         self.addCleanup(bystander.wait)
         self.addCleanup(bystander.kill)
@@ -145,21 +145,21 @@ class PidFileAtStartTest(EndToEndCase):
         self.assertEqual(self.log.wait_for("daemon is already running", ERR).pid, -1)
         self.assertIsNone(bystander.poll())
 
-    def test_the_number_of_a_group_that_is_gone_is_stale(self):
+    def test_the_number_of_a_group_that_has_ended_is_stale(self):
         write_pid_file("-4194300\n")
-        self.goes_on()
+        self.starts()
 
-    def test_a_file_that_cannot_be_opened_is_no_obstacle(self):
+    def test_a_file_that_cannot_be_opened_does_not_prevent_the_start(self):
         os.symlink(PID_FILE, PID_FILE)
         daemon = self.daemon(background=True)
         self.assertEqual(self.log.count(r".*(already running|cannot parse).*"), 0)
         self.assert_stops(daemon)
 
-    def test_a_pipe_never_holds_the_start_up(self):
+    def test_a_fifo_does_not_block_the_start(self):
         os.mkfifo(PID_FILE)
         self.refused("(0) cannot parse pid file")
 
-    def test_a_directory_that_takes_no_file_costs_the_pid_file_only(self):
+    def test_a_read_only_directory_prevents_only_the_pid_file(self):
         world.mount("-o", "remount,ro", "/run")
         self.addCleanup(world.mount, "-o", "remount,rw", "/run")
         daemon = self.daemon(background=True)
@@ -174,9 +174,9 @@ class PidFileAtStartTest(EndToEndCase):
 
 
 class PidFileAtStopTest(EndToEndCase):
-    """What the daemon does with the pid file that it finds at its end."""
+    """How the daemon uses the pid file at its end."""
 
-    def test_its_own_number_brings_it_its_own_signal(self):
+    def test_its_own_number_makes_it_signal_itself(self):
         daemon = self.daemon(background=True)
         self.assert_stops(daemon)
         self.log.wait_for("stop ServerBase with SIGTERM", INFO, pid=daemon.pid)
@@ -191,8 +191,8 @@ class PidFileAtStopTest(EndToEndCase):
         self.assertEqual(victim.wait(60), -signal.SIGTERM)
         self.assertFalse(os.path.exists(PID_FILE))
 
-    def test_text_has_the_whole_group_signalled(self):
-        # The sleep is started before the daemon, in the session that it shares with it.
+    def test_text_makes_it_signal_the_whole_group(self):
+        # The shell starts the sleep before the daemon, in the same session.
         daemon = self.daemon(background=True,
                              wrapper=("sh", "-c", 'sleep 1000 & echo $! >"$1"; shift; exec "$@"',
                                       "sh", self.path("member")))
@@ -206,7 +206,7 @@ class PidFileAtStopTest(EndToEndCase):
         self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(member, 0)[1]), -signal.SIGTERM)
         self.assertFalse(os.path.exists(PID_FILE))
 
-    def test_a_missing_file_is_logged_and_nobody_signalled(self):
+    def test_a_missing_file_is_logged_and_no_process_signalled(self):
         daemon = self.daemon(background=True)
         wait_until(lambda: os.path.exists(PID_FILE), "the pid file")
         os.unlink(PID_FILE)
@@ -217,7 +217,7 @@ class PidFileAtStopTest(EndToEndCase):
 
 
 class WholeLogTest(EndToEndCase):
-    """Every line of a life, in order, with its level."""
+    """Every log line of a run, in order, with its level."""
 
     def shown(self, pid):
         self.assertEqual({(line.facility, line.ident) for line in self.log.lines},
@@ -225,7 +225,8 @@ class WholeLogTest(EndToEndCase):
         return [(line.level, line.text) for line in self.log.lines if line.pid == pid]
 
     def expect(self, pid, expected):
-        """Compares with (level, pattern) pairs; a pattern's first group must hold one number."""
+        """Compares with (level, pattern) pairs. The first group of all patterns must match the same
+        number."""
         shown = self.shown(pid)
         self.assertEqual(len(shown), len(expected), shown)
         for (level, text), (wanted_level, pattern) in zip(shown, expected):
@@ -242,7 +243,7 @@ class WholeLogTest(EndToEndCase):
                 (DEBUG, r"bind succeeded, port = 5111, socket = \d+"),
                 (INFO, r"listening on port 5111")]
 
-    def test_a_foreground_life_with_master_and_client(self):
+    def test_a_foreground_run_with_master_and_client(self):
         daemon, master = self.slave_connection()
         client = self.client()
         self.assertEqual(client.ask("hostid").fields[0], 0)
@@ -262,7 +263,7 @@ class WholeLogTest(EndToEndCase):
             (INFO, r"closing host 127\.0\.0\.1, socket \d+"),
             (ERR, r"stop\(\) called, not running as a daemon")])
 
-    def test_a_background_life(self):
+    def test_a_background_run(self):
         daemon = self.daemon(background=True)
         daemon.wait_asleep()
         self.assert_stops(daemon)
@@ -275,7 +276,7 @@ class WholeLogTest(EndToEndCase):
             (INFO, r"stop ServerBase with SIGTERM"),
             (INFO, rf"stop runeld \(pid = {daemon.pid}\), exit status 0")])
 
-    def test_the_socket_numbers_of_a_life_belong_together(self):
+    def test_the_socket_numbers_of_a_run_are_consistent(self):
         daemon, _ = self.slave_connection()
         client = self.client()
         client.ask("hostid")
@@ -300,11 +301,11 @@ class WholeLogTest(EndToEndCase):
 
 
 class SignalTest(EndToEndCase):
-    """The four signals that end it, at rest and in the middle of things."""
+    """The four signals that end the daemon, idle and under load."""
 
     SIGNALS = (signal.SIGTERM, signal.SIGQUIT, signal.SIGINT, signal.SIGABRT)
 
-    def test_each_of_the_four_ends_it_in_good_order(self):
+    def test_each_of_the_four_ends_it_regularly(self):
         for number in self.SIGNALS:
             for background in (False, True):
                 with self.subTest(number=number, background=background):
@@ -340,7 +341,7 @@ class SignalTest(EndToEndCase):
                 daemon.send_signal(number)
                 status = daemon.wait()
                 if lines > 0 or status == 0:
-                    # From its first line on it holds signals back until it can answer them.
+                    # From its first log line on, the daemon blocks signals until it can handle them.
                     self.assertEqual(status, 0)
                     self.log.wait_for(f"exiting on signal: {int(number)}", INFO, mark)
                 else:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Hours of work in a short time: many requests on many connections, which come and go."""
+"""Hours of work in a short time: many requests on many short-lived connections."""
 import select
 import socket
 import time
@@ -12,14 +12,14 @@ from support.wire import request
 
 REQUESTS = sized(200_000, 1_000_000)
 CONNECTIONS = 50
-BURST = 100  # requests on the way on one connection
-BURSTS_EACH = 40  # then the connection goes and a new one comes
+BURST = 100  # unanswered requests on one connection
+BURSTS_EACH = 40  # then a new connection replaces the old one
 LIMIT = 900  # seconds, against a hang
-GROWTH = 2 << 20  # bytes that the allocator may keep
+GROWTH = 2 << 20  # bytes that the allocator may retain
 
 
 class Worker:
-    """One connection that has BURST requests on the way and counts the bytes of the answers."""
+    """One connection that pipelines BURST requests and counts the bytes of the answers."""
 
     def __init__(self, question, answer):
         self.question = question * BURST
@@ -33,7 +33,7 @@ class Worker:
         self.socket.sendall(self.question)
 
     def take(self):
-        """Reads what has come; True when the burst is answered, each request as it must be."""
+        """Reads received bytes. True if every request of the burst has its expected answer."""
         data = self.socket.recv(1 << 16)
         assert data, "the daemon closed a connection"
         self.received += data
@@ -91,12 +91,12 @@ class Endurance(EndToEndCase):
         daemon = self.daemon()
         daemon.wait_asleep()
         descriptors = daemon.descriptors()
-        self.run_requests(20 * CONNECTIONS * BURST)  # what is kept for reuse is there afterwards
+        self.run_requests(20 * CONNECTIONS * BURST)  # afterwards the memory for reuse is allocated
         wait_until(lambda: daemon.descriptors() == descriptors, "the connections are dropped")
         resident = daemon.resident_bytes()
         self.run_requests(REQUESTS)
         wait_until(lambda: daemon.descriptors() == descriptors, "the connections are dropped")
-        if not is_instrumented():  # which keeps what is freed
+        if not is_instrumented():  # the sanitizer retains freed memory
             self.assertLess(daemon.resident_bytes(), resident + GROWTH)
         self.assertEqual(daemon.zombies(), [])
         self.assert_stops(daemon)

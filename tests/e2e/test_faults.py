@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Bad peers, full disks and empty pockets: nothing crashes, hangs, spins, leaks or is lost."""
+"""Faulty peers, full disks, exhausted resources: no crash, hang, busy loop, leak or data loss."""
 import contextlib
 import os
 import random
@@ -23,13 +23,13 @@ from support.wire import frame, request
 EBUSY, ENOSPC = 16, 28
 THERE = request("fileexists", "/")
 
-# The number of requests of the long run, and of connections that begin with nonsense.
+# The number of requests of the long run, and of connections that send an unknown protocol.
 REQUESTS = sized(100_000, 1_000_000)
 STRAYS = sized(2000, 20_000)
 
 
 class FaultCase(EndToEndCase):
-    """A daemon that must be as at its start when the test is over."""
+    """A daemon that must have its initial resources at the end of the test."""
 
     def setUp(self):
         super().setUp()
@@ -40,7 +40,7 @@ class FaultCase(EndToEndCase):
         def limit():
             resource.setrlimit(resource.RLIMIT_NOFILE, (files, files))
         daemon = self.daemon(setup=limit, **options)
-        # Not in the middle of an attempt to reach the master, which has a descriptor of its own.
+        # Not during an attempt to connect to the master, which has an additional descriptor.
         daemon.wait_asleep()
         self.at_start = daemon.descriptors()
         return daemon
@@ -58,7 +58,7 @@ class FaultCase(EndToEndCase):
         wait_until(lambda: len(daemon.descriptors()) == len(self.at_start) + 1, "one is left")
 
     def assert_idle(self, daemon):
-        """It sleeps a tenth of a second on each pass: twenty passes take a second at the least."""
+        """The daemon sleeps 0.1 s in each pass: twenty passes take at least a second."""
         def switches():
             with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
                 return int(status.read().partition("\nvoluntary_ctxt_switches:")[2].split()[0])
@@ -69,7 +69,7 @@ class FaultCase(EndToEndCase):
 
 
 class ConnectionLimitTest(FaultCase):
-    """More connections than it can hold."""
+    """More connections than the limit."""
 
     def assert_surplus_is_refused(self, count, files):
         daemon = self.start(files)
@@ -116,14 +116,14 @@ class ConnectionLimitTest(FaultCase):
         self.assert_serves()
         self.assert_stops(daemon)
 
-    def test_tasks_fail_in_good_order_without_descriptors(self):
+    def test_tasks_fail_with_an_error_without_descriptors(self):
         daemon = self.start()
         client = self.assert_serves()
         kept = self.file("kept", b"kept")
         tasks = (("read", kept), ("write", kept, "kept"), ("append", kept, ""),
                  ("readdir", self.directory), ("exec", "/bin/true"), ("processrunning", "world"),
                  ("updateumstate", "key", "x"))
-        # Done once with descriptors, which the sanitizers need too when they see a type anew.
+        # Run once with free descriptors: a sanitizer needs one when it meets a new type.
         for arguments in tasks:
             self.assertEqual(client.ask(*arguments).fields[0], 0, arguments)
         resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE,
@@ -144,7 +144,7 @@ class ConnectionLimitTest(FaultCase):
 
 
 class LeavingPeerTest(FaultCase):
-    """Peers that go at the wrong moment."""
+    """Peers that disconnect at critical moments."""
 
     def test_peers_that_close_or_reset_in_the_middle_of_a_request(self):
         daemon = self.start()
@@ -187,7 +187,7 @@ class LeavingPeerTest(FaultCase):
         self.assertEqual(self.log.count(r"sendMessage: socket \d+, .*", ERR), 20)
         self.assert_stops(daemon)
 
-    def test_peers_that_close_with_answers_on_their_way(self):
+    def test_peers_that_close_before_they_read_their_answers(self):
         daemon = self.start()
         for _ in range(50):
             client = self.client()
@@ -216,7 +216,7 @@ class LeavingPeerTest(FaultCase):
         self.assert_serves()
         self.assert_stops(daemon)
 
-    def test_a_reply_of_64_mib_that_nobody_reads_is_given_up(self):
+    def test_a_reply_of_64_mib_that_the_peer_does_not_read_is_dropped(self):
         daemon = self.start()
         big = self.path("big")
         with open(big, "wb") as file:
@@ -240,7 +240,7 @@ class LeavingPeerTest(FaultCase):
 
 
 class SlowReaderTest(FaultCase):
-    """Readers that take few bytes of a large reply at a time."""
+    """Readers of a large reply that read it in small steps."""
 
     GIVEN_UP = r"sendMessage: socket \d+, Connection timed out"
 
@@ -264,7 +264,7 @@ class SlowReaderTest(FaultCase):
         self.assert_descriptors_as_at_start_but_one(daemon)
         self.assert_stops(daemon)
 
-    def test_a_reader_that_takes_few_bytes_has_the_whole_time(self):
+    def test_a_reader_that_reads_few_bytes_has_the_whole_time(self):
         daemon, client, begun = self.reader(16)
         hang = begun + 2 * TIMEOUT
         taken = take_slowly(client.socket, lambda: self.given_up() or time.monotonic() > hang)
@@ -278,14 +278,14 @@ class SlowReaderTest(FaultCase):
         self.assertFalse(self.given_up())
         stopped = time.monotonic()
         self.log.wait_for(self.GIVEN_UP, ERR, timeout=2 * TIMEOUT)
-        # The last acknowledgement may be older than the last read.
+        # The last acknowledgement may precede the last read.
         self.assertGreaterEqual(time.monotonic() - stopped, 0.9 * STALL)
         self.assertLess(time.monotonic() - begun, WHOLE + 128 * PER_MIB)
         self.assert_given_up(daemon, taken, 128 << 20)
 
 
 class FileSystemTest(FaultCase):
-    """Disks that are full or not what they seem."""
+    """Full and read-only disks, mount points."""
 
     def small_disk(self):
         disk = self.path("disk")
@@ -310,7 +310,7 @@ class FileSystemTest(FaultCase):
         self.assertEqual(os.listdir(disk), ["file"])
         self.assert_stops(daemon)
 
-    def test_a_disk_that_fills_up_while_it_is_appended_to(self):
+    def test_a_disk_that_fills_up_during_an_append(self):
         daemon = self.start()
         disk = self.small_disk()
         client = self.client()
@@ -325,7 +325,7 @@ class FileSystemTest(FaultCase):
         self.assertEqual(fields, failure(ENOSPC))
         self.assert_stops(daemon)
 
-    def test_a_mount_point_refuses_a_rename_and_takes_a_write(self):
+    def test_a_mount_point_refuses_a_rename_and_accepts_a_write(self):
         daemon = self.start()
         client = self.client()
         below, point = self.file("below", b"old"), self.file("point")
@@ -357,16 +357,16 @@ class FileSystemTest(FaultCase):
 
 
 class ProgramTest(FaultCase):
-    """Programs that misbehave."""
+    """Faulty programs."""
 
-    def test_a_gigabyte_of_output_is_read_away(self):
+    def test_a_gigabyte_of_output_is_read_and_discarded(self):
         daemon = self.start()
         client = self.client()
         reply = client.ask("exec", "head", "-c", str(1 << 30), "/dev/zero", timeout=300)
         self.assertEqual((reply.fields, len(reply.output)), ((0, 2, 0, 0, 0), 16 << 20))
         self.assert_stops(daemon)
 
-    def test_programs_left_behind_by_many_connections_leave_no_zombie(self):
+    def test_programs_of_many_closed_connections_leave_no_zombie(self):
         daemon = self.start()
         for _ in range(50):
             client = self.client()
@@ -377,7 +377,7 @@ class ProgramTest(FaultCase):
         self.assert_descriptors_as_at_start(daemon)
         self.assert_stops(daemon)
 
-    def test_forgotten_programs_are_asked_about_twice_a_second_by_however_many_passes(self):
+    def test_forgotten_programs_are_polled_twice_a_second_at_any_rate_of_passes(self):
         daemon = self.daemon(detect_leaks=False, wrapper=(
             "strace", "-qq", "-o", self.path("trace"), "--trace=wait4,waitid"))
         started = self.leave_behind_sleeping(20)
@@ -395,7 +395,7 @@ class ProgramTest(FaultCase):
         self.assertEqual(daemon.wait(), 0)
 
     def leave_behind_sleeping(self, count):
-        """Programs that run on when their connection has gone. Their numbers."""
+        """Starts programs that outlive their connections. Returns their pids."""
         client = self.client()
         script = f"echo $$ >>{self.path('started')}; exec sleep 1000"
         for _ in range(count):
@@ -407,9 +407,9 @@ class ProgramTest(FaultCase):
 
 
 class LedOwnerTest(LedCase, FaultCase):
-    """The connection that drives the LEDs leaves while they blink."""
+    """The connection that drives the LEDs closes while they blink."""
 
-    def test_the_blink_goes_on_through_the_connection_that_is_left(self):
+    def test_the_blink_continues_through_another_connection(self):
         daemon = self.start()
         stays, leaves = self.assert_serves(), self.assert_serves()
         self.assertEqual(leaves.ask("blinkleds", "fast").fields, SUCCESS)
@@ -421,7 +421,7 @@ class LedOwnerTest(LedCase, FaultCase):
         self.assertEqual(self.brightness(), ("0", "0"))
         self.assert_stops(daemon)
 
-    def test_with_no_connection_left_they_stay_as_they_are(self):
+    def test_without_a_connection_they_keep_their_state(self):
         daemon = self.start()
         leaves = self.assert_serves()
         self.assertEqual(leaves.ask("blinkleds", "fast").fields, SUCCESS)
@@ -433,7 +433,7 @@ class LedOwnerTest(LedCase, FaultCase):
         self.assertEqual(self.brightness(), before)
         self.assert_stops(daemon)
 
-    def test_a_blink_is_answered_on_whichever_connection_asked(self):
+    def test_a_blink_is_answered_on_the_connection_of_the_request(self):
         daemon = self.start()
         older, _ = self.assert_serves(), self.assert_serves()
         os.unlink("/sys/class/leds/second/brightness")
@@ -443,16 +443,16 @@ class LedOwnerTest(LedCase, FaultCase):
 
 
 class StrayConnectionTest(FaultCase):
-    """Connections that speak no protocol of ours."""
+    """Connections with an unknown protocol."""
 
-    def test_two_hundred_of_them_disturb_nobody(self):
+    def test_two_hundred_do_not_disturb_other_connections(self):
         daemon = self.start()
         choice = random.Random(5)
         strays = [self.client() for _ in range(200)]
         client = self.client()
         for turn in range(10):
             for stray in strays:
-                # Neither a start byte nor an agent's, so that no handler is made.
+                # Neither the first byte of a frame nor that of an agent: creates no handler.
                 stray.send(b"t" + choice.randbytes(choice.randrange(200)))
             self.assert_serves(client)
         wait_until(lambda: self.log.count(
@@ -464,36 +464,36 @@ class StrayConnectionTest(FaultCase):
         self.assert_descriptors_as_at_start(daemon)
         self.assert_stops(daemon)
 
-    def test_thousands_one_after_the_other_leave_nothing(self):
+    def test_thousands_in_sequence_leave_nothing_behind(self):
         daemon = self.start()
         client = self.assert_serves()
-        patient = self.client()
+        lasting = self.client()
         self.log.forget()
-        self.say_nonsense(patient, 100)
+        self.send_unknown_bytes(lasting, 100)
         before = daemon.resident_bytes()
         for _ in range(STRAYS // 1000):
-            self.say_nonsense(patient, 1000)
+            self.send_unknown_bytes(lasting, 1000)
         self.assert_serves(client)
-        # The address sanitizer keeps up to 256 MiB that were freed.
+        # The address sanitizer retains up to 256 MiB of freed memory.
         self.assertLess(daemon.resident_bytes() - before, (320 if is_instrumented() else 1) << 20)
-        patient.close()
+        lasting.close()
         client.close()
         self.assert_descriptors_as_at_start(daemon)
         self.assert_stops(daemon)
 
-    def say_nonsense(self, patient, count):
-        """From as many new connections, and as often from one that stays."""
+    def send_unknown_bytes(self, lasting, count):
+        """Sends them from @p count new connections and @p count times from @p lasting."""
         for number in range(count):
             stray = self.client()
-            for peer in (stray, patient):
+            for peer in (stray, lasting):
                 peer.send(b"nonsense %d\r\n" % number)
             stray.close()
-        # All was read once an end is logged for each.
+        # The daemon has read everything when each end is logged.
         wait_until(lambda: self.log.count("dropping connection: .*") >= count, "all are gone")
         self.assertEqual(self.log.count(".*creating.*"), 0)
         self.log.forget()
 
-    def test_an_unread_log_of_binary_bytes_is_no_harm(self):
+    def test_log_lines_of_binary_bytes_are_harmless(self):
         daemon = self.start()
         client = self.client()
         client.send(frame(bytes(range(256))) + THERE)
@@ -503,10 +503,10 @@ class StrayConnectionTest(FaultCase):
 
 
 class LostLogTest(FaultCase):
-    """Nobody takes the log."""
+    """No process reads the system log."""
 
     def assert_lives_without(self):
-        """A whole life; what cannot be logged still stands on standard error."""
+        """The daemon works and writes its log lines to standard error."""
         daemon = self.daemon(wait=False)
         wait_until(lambda: "listening on port 5111" in daemon.stderr(), "it listens")
         client = self.assert_serves()
@@ -517,16 +517,16 @@ class LostLogTest(FaultCase):
         self.assertEqual((targets[0], targets[1]), ("/dev/null", daemon.stderr_path))
         return daemon
 
-    def test_none_is_there(self):
+    def test_without_dev_log(self):
         with self.log.away():
             daemon = self.assert_lives_without()
-        # It is found again as soon as it is there.
+        # The daemon uses /dev/log again as soon as it exists.
         client = self.client()
         client.send(frame(b"no task either"))
         self.log.wait_for("handleMessage: unexpected task 'no task either'", ERR)
         self.assert_stops(daemon)
 
-    def test_its_socket_is_there_and_nobody_behind_it(self):
+    def test_dev_log_without_a_reader(self):
         with self.log.away():
             with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as closed:
                 closed.bind("/dev/log")
@@ -534,7 +534,7 @@ class LostLogTest(FaultCase):
             self.assert_stops(daemon)
         self.assertEqual(self.log.lines, [])
 
-    def test_it_goes_in_the_middle_of_a_life(self):
+    def test_dev_log_is_closed_during_the_run(self):
         with self.log.away():
             with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as leaving:
                 leaving.bind("/dev/log")
@@ -547,12 +547,12 @@ class LostLogTest(FaultCase):
 
 
 class LongRunTest(FaultCase):
-    """Much work on many connections that come and go."""
+    """Many requests on many short-lived connections."""
 
     CONNECTIONS = 50
     BURST = 500
 
-    def test_a_long_run_leaves_memory_and_descriptors_as_they_were(self):
+    def test_memory_and_descriptors_do_not_grow_in_a_long_run(self):
         daemon = self.start(environment={"ASAN_OPTIONS": f"log_path={self.directory}/sanitizer:"
                                          "exitcode=86:quarantine_size_mb=1"})
         warm_up = self.run_requests(20_000)
@@ -566,7 +566,7 @@ class LongRunTest(FaultCase):
         self.assert_stops(daemon)
 
     def run_requests(self, total):
-        """Pipelines @p total requests over fifty connections; how many were answered rightly."""
+        """Pipelines @p total requests over fifty connections. Returns the number of answers."""
         answer = frame(b"SlaveTask 0 0 0: 0 0 0 0 0")
         burst = THERE * self.BURST
         open_now, started, answered = {}, 0, 0

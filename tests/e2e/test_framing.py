@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Frames and records: any cutting into packets, every error, and what still gets its answer."""
+"""Frames and records: any split into packets, every error, and the requests before an error."""
 import random
 import unittest
 
@@ -12,7 +12,7 @@ from support.wire import frame, record, request
 THERE = request("fileexists", "/")
 INCOMPLETE = "handleMessage: got packet, but it is not a complete message '.*'"
 
-# What breaks a stream, by name, and how much of it is needed for that.
+# Malformed input by name, with the length at which it is detected.
 ERRORS = {
     "a letter in place of the start byte": b"x",
     "the middle byte in place of the start byte": b"\x02",
@@ -34,7 +34,7 @@ ERRORS = {
 
 
 class CuttingTest(EndToEndCase):
-    """The borders of packets mean nothing."""
+    """Packet boundaries have no meaning."""
 
     def setUp(self):
         super().setUp()
@@ -124,7 +124,7 @@ class CuttingTest(EndToEndCase):
 
 
 class FramingErrorTest(EndToEndCase):
-    """A stream that broke: what came before is answered, nothing after it runs."""
+    """A malformed stream: requests before the error are answered, none after it run."""
 
     def assert_broken(self, peer, bad, mark, after=b""):
         path = self.path("must-not-be")
@@ -173,7 +173,7 @@ class FramingErrorTest(EndToEndCase):
                 client.close()
         self.assert_stops(daemon)
 
-    def test_an_error_is_seen_at_the_first_wrong_byte(self):
+    def test_an_error_is_detected_at_the_first_wrong_byte(self):
         daemon = self.daemon()
         for name, bad in ERRORS.items():
             with self.subTest(name):
@@ -189,7 +189,7 @@ class FramingErrorTest(EndToEndCase):
                 client.close()
         self.assert_stops(daemon)
 
-    def test_a_peer_that_goes_on_sending_is_dropped_when_it_stops(self):
+    def test_a_peer_that_keeps_sending_is_dropped_when_it_stops(self):
         daemon = self.daemon()
         client = self.client()
         client.ask("fileexists", "/")
@@ -205,20 +205,20 @@ class FramingErrorTest(EndToEndCase):
         self.assertEqual(self.client().ask("fileexists", "/").fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_the_memory_of_large_messages_is_given_back(self):
+    def test_the_memory_of_large_messages_is_freed(self):
         daemon = self.daemon()
         client = self.client()
         client.ask("fileexists", "/")
         before = daemon.resident_bytes()
-        # Left alone, the allocator takes the first one's size for the usual, and keeps the next.
+        # Otherwise the allocator raises its threshold to the first size and retains the next.
         for size in (24 << 20, 20 << 20):
             self.assertEqual(client.ask("write", self.file("large"), "x" * size).fields, SUCCESS)
-        client.ask("fileexists", "/")  # whose answer follows the end of the one before
-        # The address sanitizer keeps up to 256 MiB that were freed.
+        client.ask("fileexists", "/")  # its answer follows the end of the previous request
+        # The address sanitizer retains up to 256 MiB of freed memory.
         self.assertLess(daemon.resident_bytes() - before, (320 if is_instrumented() else 8) << 20)
         self.assert_stops(daemon)
 
-    def test_the_highest_count_is_allowed_and_costs_nothing_yet(self):
+    def test_the_highest_count_is_accepted_without_allocating(self):
         daemon = self.daemon()
         client = self.client()
         client.ask("fileexists", "/")
@@ -232,7 +232,7 @@ class FramingErrorTest(EndToEndCase):
 
 
 class RecordErrorTest(EndToEndCase):
-    """A record that is not in its one form runs nothing and is answered."""
+    """A malformed record runs nothing and is answered."""
 
     MALFORMED = (
         b"SlaveTask ", b"SlaveTask x", b"SlaveTask -1 0 0: 0 0 0 0 0", b"SlaveTask 2",
@@ -294,7 +294,7 @@ class RecordErrorTest(EndToEndCase):
         self.assertEqual(client.ask("fileexists", path).fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_any_well_formed_tail_is_read_over(self):
+    def test_well_formed_fields_after_the_arguments_are_ignored(self):
         daemon = self.daemon()
         client = self.client()
         for tail in (b"5:\x01\x02abc 0 0 0 0 0", b"0: 4 4 -2147483648 2147483647 64",

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Peers that are cut off without a word: the daemon finds out by itself, and waits for nobody."""
+"""Half-open connections: the daemon detects them by itself and blocks on none of them."""
 import contextlib
 import signal
 import subprocess
@@ -16,7 +16,7 @@ TIMED_OUT = 110
 
 
 class HalfOpenTest(EndToEndCase):
-    """A firewall swallows every packet to and from some addresses."""
+    """A firewall drops every packet to and from some addresses."""
 
     def cut_off(self, *addresses):
         rules = "\n".join(f"ip {end} {one} drop" for one in addresses for end in ("saddr", "daddr"))
@@ -30,7 +30,7 @@ class HalfOpenTest(EndToEndCase):
 
     @contextlib.contextmanager
     def stopped(self, daemon):
-        """The daemon does nothing meanwhile, and finds all of what happened afterwards."""
+        """Stops the daemon meanwhile, so that it handles all events together afterwards."""
         daemon.send_signal(signal.SIGSTOP)
         wait_until(lambda: daemon.state() == "T", "it stands still")
         try:
@@ -39,7 +39,7 @@ class HalfOpenTest(EndToEndCase):
             daemon.send_signal(signal.SIGCONT)
 
     def connect(self, source):
-        """A client that was served, and the daemon's number of its socket."""
+        """A served client, and the daemon's number of its socket."""
         mark = self.log.mark()
         client = self.client(source=source)
         self.assertEqual(client.ask("fileexists", "/").fields, SUCCESS)
@@ -48,7 +48,7 @@ class HalfOpenTest(EndToEndCase):
     def assert_found_dead(self, number, since):
         self.log.wait_for(f"recvfrom: socket {number}, {TIMED_OUT} .*", ERR, since, timeout=150)
 
-    def test_idle_ones_are_dropped_after_a_minute_and_replies_hold_nobody_up(self):
+    def test_idle_ones_are_dropped_after_a_minute_and_replies_do_not_block(self):
         master = self.master(MASTER)
         daemon = self.daemon("-i", MASTER)
         slave = master.accept()
@@ -66,7 +66,7 @@ class HalfOpenTest(EndToEndCase):
             small.send(request("write", self.path("small"), "done"))
             large.send(request("read", big))
             self.cut_off(FAR, MASTER)
-        # A large reply waits for its peer, for half a minute; a small one is the kernel's.
+        # A large reply waits up to 30 s for its peer; the kernel buffers a small one.
         self.log.wait_for(f"sendMessage: socket {large_number}, .*", ERR, mark)
         self.assertGreaterEqual(time.monotonic() - begun, 29)
         self.assertEqual(near.ask("fileexists", self.path("small")).fields, SUCCESS)
@@ -75,7 +75,7 @@ class HalfOpenTest(EndToEndCase):
         self.assert_found_dead(outbound, mark)
         self.assertGreaterEqual(time.monotonic() - begun, 50)
         self.assertEqual(self.log.count(f"dropping connection: {small_number}"), 0)
-        # The master answers again and is connected to, as after any other loss.
+        # The master is reachable again: the daemon reconnects, as after any other loss.
         slave.close()
         self.reconnect()
         self.assertEqual(master.accept().ask("fileexists", "/").fields, SUCCESS)

@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the other modules rely on in the harness itself."""
+"""Tests of the harness itself."""
 import socket
 
 from support.case import EndToEndCase
 
 
 class LogCollectorTest(EndToEndCase):
-    """Lines that are logged while the collector has not come round to them yet."""
+    """Lines that the collector has not received yet."""
 
     def setUp(self):
         super().setUp()
@@ -18,13 +18,13 @@ class LogCollectorTest(EndToEndCase):
         for text in texts:
             self.sender.send(b"<174>Jan  1 00:00:00 runeld: (1) " + text.encode())
 
-    def test_forget_drops_what_is_still_on_its_way(self):
+    def test_forget_drops_lines_not_received_yet(self):
         for _ in range(500):
             self.say("first", "second", "third")
             self.log.forget()
             self.assertEqual(self.log.count(".*"), 0)
 
-    def test_forget_keeps_what_comes_after_it(self):
+    def test_forget_keeps_later_lines(self):
         for _ in range(500):
             self.say("before")
             self.log.forget()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The master's alias in /etc/hosts, which follows the agent that connects."""
+"""The master's alias in /etc/hosts, which names the host of the newest agent."""
 import os
 import stat
 import unittest
@@ -15,7 +15,7 @@ ENTRY = b"127.0.0.9 update-master\n"
 
 
 class HostsFileCase(EndToEndCase):
-    """Leaves /etc as it was, whatever a test put there."""
+    """Restores /etc after each test."""
 
     def setUp(self):
         super().setUp()
@@ -41,7 +41,7 @@ class HostsFileCase(EndToEndCase):
             return file.read()
 
     def agent_connects(self, source=AGENT):
-        """Returns when the daemon has taken the agent in: the hosts file is done then."""
+        """Returns when the daemon has accepted the agent: the hosts file is then rewritten."""
         mark = self.log.mark()
         agent = self.client(source=source)
         agent.send(b"<hello/>")
@@ -58,7 +58,7 @@ class HostsFileCase(EndToEndCase):
         self.assert_stops(daemon)
 
     def assert_untouched(self, *complaints):
-        """The lines of a rewrite that failed; the content is as before."""
+        """Expects the log lines of a failed rewrite, and the old content."""
         before = self.hosts()
         daemon = self.daemon()
         self.agent_connects()
@@ -69,9 +69,9 @@ class HostsFileCase(EndToEndCase):
 
 
 class RewriteTest(HostsFileCase):
-    """What becomes of the content."""
+    """The content after a rewrite."""
 
-    def test_the_alias_names_the_address_that_the_agent_came_from(self):
+    def test_the_alias_names_the_address_of_the_agent(self):
         self.assert_rewritten(b"127.0.0.1 localhost\n", b"127.0.0.1 localhost\n" + ENTRY)
 
     def test_an_older_entry_is_replaced_and_all_others_are_kept_in_order(self):
@@ -89,7 +89,7 @@ class RewriteTest(HostsFileCase):
     def test_an_empty_file_gets_the_entry(self):
         self.assert_rewritten(b"", ENTRY)
 
-    def test_a_last_line_without_its_end_gets_one(self):
+    def test_a_last_line_without_a_newline_gets_one(self):
         self.assert_rewritten(b"127.0.0.1 localhost", b"127.0.0.1 localhost\n" + ENTRY)
 
     def test_carriage_returns_are_kept(self):
@@ -121,7 +121,7 @@ class RewriteTest(HostsFileCase):
         self.assertEqual(self.hosts(), world.HOSTS.encode())
         self.assert_stops(daemon)
 
-    def test_a_missing_file_is_made(self):
+    def test_a_missing_file_is_created(self):
         os.unlink(HOSTS)
         daemon = self.daemon(setup=lambda: os.umask(0o077))
         self.agent_connects()
@@ -140,17 +140,17 @@ class RewriteTest(HostsFileCase):
         self.assertEqual(stat.S_IMODE(about.st_mode), 0o664)
         self.assert_stops(daemon)
 
-    def test_what_an_interrupted_rewrite_left_is_no_obstacle(self):
+    def test_a_stale_file_of_an_interrupted_rewrite_is_replaced(self):
         self.write(b"half a li", NEW)
         self.assert_rewritten(b"a b\n", b"a b\n" + ENTRY)
 
-    def test_nothing_is_written_through_a_link_in_the_new_files_place(self):
+    def test_a_link_in_place_of_the_new_file_is_not_followed(self):
         victim = self.file("victim", b"precious")
         os.symlink(victim, NEW)
         self.assert_rewritten(b"a b\n", b"a b\n" + ENTRY)
         self.assertEqual(self.content("victim"), b"precious")
 
-    def test_a_fifo_in_either_place_holds_nobody_up(self):
+    def test_a_fifo_in_either_place_does_not_block(self):
         os.mkfifo(NEW)
         self.assert_rewritten(b"a b\n", b"a b\n" + ENTRY)
         os.unlink(HOSTS)
@@ -162,7 +162,7 @@ class RewriteTest(HostsFileCase):
 
 
 class FailureTest(HostsFileCase):
-    """The file that was there is never damaged."""
+    """The old file is never damaged."""
 
     def test_a_mount_point_cannot_be_replaced(self):
         mounted = self.file("mounted", b"a b\n")
@@ -173,7 +173,7 @@ class FailureTest(HostsFileCase):
         self.assertFalse(os.path.lexists(NEW))
 
     def own_etc(self, options):
-        """An /etc that holds a hosts file and nothing else."""
+        """An /etc with only a hosts file."""
         world.mount("-t", "tmpfs", "-o", options, "tmpfs", "/etc")
         self.addCleanup(world.unmount, "/etc")
         self.write(b"127.0.0.1 localhost\n10.0.0.1 update-master\n")
@@ -190,11 +190,11 @@ class FailureTest(HostsFileCase):
                                     "No space left on device"))
         self.assertFalse(os.path.lexists(NEW))
 
-    def test_a_directory_in_the_new_files_place(self):
+    def test_a_directory_in_place_of_the_new_file(self):
         os.mkdir(NEW)
         self.assert_untouched((ERR, "setEtcHosts: cannot open /etc/hosts.new,Is a directory"))
 
-    def test_a_directory_in_the_files_place(self):
+    def test_a_directory_in_place_of_the_file(self):
         os.unlink(HOSTS)
         os.mkdir(HOSTS)
         daemon = self.daemon()

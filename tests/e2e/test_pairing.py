@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every event in every state of the daemon's connections: what is logged, who stays, who is dialled.
+"""Every event in every state of the daemon's connections: the log, the peers, the connects.
 
-The table is pairing.txt, one block for each pair of state and event. RUNELD_PAIRING=FILE adds to
-the file what a run found in the same form, for a change that means to change it.
+The table is pairing.txt, one block for each pair of state and event. RUNELD_PAIRING=FILE appends
+the results of a run to FILE in the same format, for an intended change of the table.
 """
 import os
 import re
@@ -14,12 +14,12 @@ from support.peers import Master
 from support.wire import request
 
 TABLE = os.path.join(os.path.dirname(__file__), "pairing.txt")
-DIALLED = ("slave", "bridge", "surplus")  # in the order in which the daemon makes them
+DIALLED = ("slave", "bridge", "surplus")  # in the order in which the daemon creates them
 LEVELS = {3: "ERR", 4: "WARNING", 5: "NOTICE", 6: "INFO", 7: "DEBUG"}
-ESTABLISHED = "01"  # in /proc/net/tcp
-MASTER_PORT = ":13F8"  # 5112, there
+ESTABLISHED = "01"  # the state in /proc/net/tcp
+MASTER_PORT = ":13F8"  # port 5112 in /proc/net/tcp
 
-# How each state is brought about. Everybody else is there or not, as the events made it.
+# The events that lead to each state.
 STATES = {
     "none": [],
     "none, agent waiting": ["agent connects"],
@@ -36,7 +36,7 @@ EVENTS = ["master comes", "agent connects", "agent speaks", "agent ends", "stale
 
 
 def happens_in(event, peers, listening):
-    """Whether @p event can happen while these peers are there."""
+    """Whether @p event can happen while these peers are connected."""
     if event == "master comes":
         return not listening
     who, what = event.split()
@@ -44,20 +44,20 @@ def happens_in(event, peers, listening):
 
 
 class Pairing(EndToEndCase):
-    """One daemon and all the peers it may have, by the names of their roles."""
+    """One daemon and its peers, by role."""
 
     def start(self):
         self.listener = None
-        self.peers = {}  # the test's end of each connection
-        self.names = {}  # the daemon's number of it, to its role
-        self.connected = set()  # the roles whose sockets the daemon has not closed, as it says
+        self.peers = {}  # the test's end of each connection, by role
+        self.names = {}  # role by the daemon's socket number
+        self.connected = set()  # roles whose sockets the daemon has not logged as closed
         self.told = []
         self.seen = self.log.mark()
         self.running = self.daemon("-v")
         self.settle()
 
     def settle(self):
-        """Waits until the daemon has nothing to do, and looks who came and went."""
+        """Waits until the daemon is idle, and updates the peers."""
         for _ in range(2):
             if not self.ended():
                 self.running.wait_asleep()
@@ -72,7 +72,7 @@ class Pairing(EndToEndCase):
         self.peers = {role: peer for role, peer in self.peers.items() if self.stays(peer)}
 
     def stays(self, peer):
-        """Whether the daemon keeps the connection. What it sent is thrown away."""
+        """Whether the daemon keeps the connection. Discards the bytes that it sent."""
         try:
             while peer.socket.recv(1 << 16, socket.MSG_DONTWAIT):
                 pass
@@ -117,10 +117,10 @@ class Pairing(EndToEndCase):
         self.peers[who] = self.client()
         self.peers[who].send(words[who])
 
-    # What can be seen afterwards.
+    # The results.
 
     def read_log(self):
-        """Adds what was logged to `told`, with roles in place of the sockets' numbers."""
+        """Appends the log lines to `told`, with roles in place of socket numbers."""
         lines = self.log.lines
         for line in lines[self.seen:]:
             self.note_new(line.text)
@@ -151,7 +151,7 @@ class Pairing(EndToEndCase):
         return re.sub(r"(socket|connection|connection:) (\d+)(?![\d.])", role, text)
 
     def hosts(self):
-        """How many connections to its master the daemon wants: it makes them once it can."""
+        """The number of connections to its master that the daemon wants."""
         if self.listener is None:
             self.happen("master comes")
         with open("/proc/net/tcp", encoding="ascii") as table:
@@ -159,7 +159,7 @@ class Pairing(EndToEndCase):
         return sum(1 for row in rows if row[2].endswith(MASTER_PORT) and row[3] == ESTABLISHED)
 
     def outcome(self):
-        """The lines of one event, and who is there when all is quiet."""
+        """The log lines of one event, and the connected peers afterwards."""
         told = list(self.told)
         if self.ended():
             return [*told, f"the daemon ends with status {self.running.wait()}"]
@@ -179,7 +179,7 @@ class Pairing(EndToEndCase):
         self.told.clear()
 
     def end(self):
-        """Leaves nothing for the next pair."""
+        """Cleans up for the next pair."""
         self.running.kill()
         for peer in self.peers.values():
             peer.close()
@@ -188,7 +188,7 @@ class Pairing(EndToEndCase):
 
 
 def read_table():
-    """The table: for each pair of state and event the lines under its heading."""
+    """The table: the lines of each pair of state and event."""
     table = {}
     with open(TABLE, encoding="ascii") as lines:
         for line in lines.read().splitlines():
@@ -201,10 +201,10 @@ def read_table():
 
 
 class Walk(Pairing):
-    """Compares each event in some of the states with the table."""
+    """Compares the events with the table."""
 
     def assert_each_event_is_as_in_the_table(self, kind):
-        """Covers the states of @p kind: those whose names begin with it."""
+        """Covers the states whose names begin with @p kind."""
         table, found = read_table(), {}
         for state in (state for state in STATES if state.split(",")[0] == kind):
             for event in EVENTS:
@@ -217,7 +217,7 @@ class Walk(Pairing):
         self.write_down(found)
 
     def walk(self, state, event, found):
-        """One pair, unless it cannot be: nobody hears from who is not there."""
+        """Runs one pair, unless the event is impossible in the state."""
         self.bring_about(state)
         if happens_in(event, self.peers, self.listener):
             self.happen(event)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The master that docs/protocol.md ends with, as its readers would type it in, and the example."""
+"""Runs the master in docs/protocol.md and the example in another language."""
 import os
 import re
 import subprocess
@@ -15,7 +15,7 @@ EXAMPLE = os.path.join(DOCS, "examples", "master.pl")
 
 
 def blocks(kind):
-    """The fenced blocks of the document that are marked as @p kind."""
+    """The fenced blocks of the document with the language @p kind."""
     with open(DOCUMENT, encoding="utf-8") as document:
         return re.findall(rf"^```{kind}\n(.*?)^```$", document.read(), re.MULTILINE | re.DOTALL)
 

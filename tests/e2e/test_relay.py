@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The relay between an agent and the master: what passes, what waits, and what the log says."""
+"""The relay between an agent and the master: relayed and held input, and the log."""
 import os
 import signal
 import socket
@@ -17,7 +17,7 @@ OPEN = r"nextXmlClause: closing not found, .*"
 
 
 class PassingTest(RelayCase):
-    """Clauses that are complete."""
+    """Complete clauses."""
 
     def test_clauses_pass_both_ways_with_cr_lf(self):
         daemon, agent, bridge = self.bridged()
@@ -63,7 +63,7 @@ class PassingTest(RelayCase):
             self.assertTrue(receiver.receive_bytes(len(clause) + 2) == clause + b"\r\n")
         self.assert_stops(daemon)
 
-    def test_tasks_are_answered_beside_the_relay(self):
+    def test_tasks_are_answered_while_the_relay_runs(self):
         daemon, agent, bridge = self.bridged()
         for _ in range(50):
             self.assert_relays(agent, bridge)
@@ -81,9 +81,9 @@ class PassingTest(RelayCase):
 
 
 class WaitingTest(RelayCase):
-    """Bytes that are not a clause yet, or never will be."""
+    """Incomplete clauses, and bytes that are not a clause."""
 
-    def test_an_open_clause_waits_and_is_named_on_each_pass(self):
+    def test_an_open_clause_waits_and_is_logged_on_each_pass(self):
         daemon, agent, bridge = self.bridged()
         agent.send(b"<a>1234567")
         line = r"nextXmlClause: closing not found, size = 10, buffer ='<a>1234567\.\.\.'"
@@ -92,14 +92,14 @@ class WaitingTest(RelayCase):
         self.assertEqual(bridge.receive_bytes(16), b"<a>1234567</a>\r\n")
         self.assert_stops(daemon)
 
-    def test_a_longer_open_clause_is_shown_by_both_ends(self):
+    def test_a_longer_open_clause_is_logged_with_both_ends(self):
         daemon, agent, _ = self.bridged()
         agent.send(b"<a>" + b"x" * 37 + b"\t" + b"y" * 60)
         self.log.wait_for("nextXmlClause: closing not found, size = 101, buffer ='<a>" + "x" * 37 +
                           "..." + "y" * 40 + "'", WARNING)
         self.assert_stops(daemon)
 
-    def test_an_open_tag_waits_and_is_named_on_each_pass(self):
+    def test_an_open_tag_waits_and_is_logged_on_each_pass(self):
         daemon, agent, bridge = self.bridged()
         agent.send(b" \t<long" + b"x" * 100)
         line = r"nextXmlClause: cannot find '>' at 2, got ' \.<long" + "x" * 50 + r"\.\.\.'"
@@ -108,7 +108,7 @@ class WaitingTest(RelayCase):
         self.assertEqual(bridge.receive_bytes(109), b"<long" + b"x" * 100 + b"/>\r\n")
         self.assert_stops(daemon)
 
-    def test_bytes_that_are_no_tag_block_for_as_long_as_the_agent_stays(self):
+    def test_bytes_that_are_not_a_tag_block_until_the_agent_disconnects(self):
         daemon, agent, bridge = self.bridged()
         agent.send(b"<a/>hello<b/>")
         self.assertEqual(bridge.receive_bytes(6), b"<a/>\r\n")
@@ -129,14 +129,14 @@ class WaitingTest(RelayCase):
         self.assertTrue(bridge.is_open())
         self.assert_stops(daemon)
 
-    def test_the_trace_tells_of_pending_input(self):
+    def test_the_trace_reports_pending_input(self):
         daemon, agent, _ = self.bridged("-v", "-v")
         agent.send(b"<a>")
         self.wait_count(OPEN, 3)
         self.wait_count("handle_loop: data pending, calling handleMessage", 2, DEBUG)
         self.assert_stops(daemon)
 
-    def test_a_blocked_bridge_does_not_hold_the_agent_up(self):
+    def test_a_blocked_bridge_does_not_block_the_agent(self):
         daemon, agent, bridge = self.bridged()
         bridge.send(b"junk")
         self.wait_count("nextXmlClause: expecting '<' at 0, got 'junk'", 2, WARNING)
@@ -146,9 +146,9 @@ class WaitingTest(RelayCase):
 
 
 class UnlinkedTest(RelayCase):
-    """An agent that comes before the bridge, and a bridge without an agent."""
+    """An agent that connects before the bridge, and a bridge without an agent."""
 
-    def test_what_an_agent_says_first_is_kept_for_the_bridge(self):
+    def test_early_input_of_an_agent_is_kept_for_the_bridge(self):
         daemon = self.daemon()
         agent = self.arrive(b"\r\n <a/>\r\n")
         self.log.wait_for(r"handleMessage: no peer_ link, buffering '\.\. <a/>\.\.'", WARNING)
@@ -205,7 +205,7 @@ class UnlinkedTest(RelayCase):
         self.assertEqual(self.log.count("appendPacket: .*"), 0)
         self.assert_stops(daemon)
 
-    def test_a_bridge_that_outlived_its_agents_arrival_serves_the_next_one(self):
+    def test_a_bridge_without_its_agent_serves_the_next_one(self):
         daemon = self.daemon("-v")
         early = self.arrive(b"<early/>")
         self.log.wait_for(NO_PEER)
@@ -225,10 +225,10 @@ class UnlinkedTest(RelayCase):
 
 
 class FirstPacketTest(RelayCase):
-    """What an agent may begin with."""
+    """The first packet of an agent."""
 
     def first_packets(self, *packets):
-        """An agent whose first packets are these, each read by itself, and the daemon."""
+        """An agent that has sent these packets, each read separately, and the daemon."""
         daemon = self.daemon("-v")
         agent = self.client()
         for packet in packets:
@@ -248,7 +248,7 @@ class FirstPacketTest(RelayCase):
         self.log.wait_for(r"handleMessage: no peer_ link, buffering '\.\. <a/>'", WARNING)
         self.assert_passed_on(daemon, agent, b"<a/>\r\n")
 
-    def test_a_blank_packet_is_thrown_away_and_the_next_one_decides(self):
+    def test_a_blank_packet_is_discarded_and_the_next_one_decides(self):
         daemon, agent = self.first_packets(b" \t\r\n", b"    ", b"<a/>")
         self.assertEqual(self.log.count(r"handle_data_read: discarding first packet "
                                         r"\(all whitespace\) socket \d+", DEBUG), 2)
@@ -261,11 +261,11 @@ class FirstPacketTest(RelayCase):
                                         r"socket \d+", INFO), 1)
         self.assert_passed_on(daemon, agent, b"<a/>\r\n")
 
-    def test_one_byte_is_enough(self):
+    def test_one_byte_identifies_an_agent(self):
         daemon, agent = self.first_packets(b"<", b"a", b"/", b">")
         self.assert_passed_on(daemon, agent, b"<a/>\r\n")
 
-    def test_4096_opening_brackets_block_that_agent_alone(self):
+    def test_4096_opening_brackets_block_only_that_agent(self):
         daemon, agent = self.first_packets(b"<" * 4096)
         bridge = self.listener.accept()
         self.wait_count(r"nextXmlClause: cannot find '>' at 0, got '<{57}\.\.\.'", 3, WARNING)
@@ -307,7 +307,7 @@ class FrameByteTest(RelayCase):
                           r"input '<a></a>\.'", ERR)
         self.assert_stopped(daemon, agent, bridge, self.slave)
 
-    def test_the_pid_file_goes_too(self):
+    def test_the_pid_file_is_removed(self):
         daemon, agent, bridge = self.bridged(background=True)
         with open(PID_FILE, encoding="ascii") as file:
             self.assertEqual(file.read(), f"{daemon.pid}\n")
@@ -315,14 +315,14 @@ class FrameByteTest(RelayCase):
         self.assert_stopped(daemon, agent, bridge, self.slave)
         self.assertFalse(os.path.exists(PID_FILE))
 
-    def test_before_the_bridge_it_waits_with_the_rest(self):
+    def test_before_the_bridge_it_waits_with_other_input(self):
         daemon = self.daemon()
         agent = self.arrive(b"<a/>\x01")
         self.log.wait_for(r"handleMessage: no peer_ link, buffering '<a/>\.'", WARNING)
         self.listener = self.master()
         self.slave = self.listener.accept()
         bridge = self.listener.accept()
-        # The link finds it, and each pass finds it again; only input asks for the stop.
+        # Linking finds the byte, and so does each pass, but only input requests the stop.
         error = r"\*\*\* error: nextXmlClause found byte count sentinels in input '<a/>\.'"
         self.wait_count(error, 3, ERR)
         self.assertEqual(self.slave.ask("fileexists", "/").fields, SUCCESS)
@@ -331,9 +331,9 @@ class FrameByteTest(RelayCase):
 
 
 class TearingDownTest(RelayCase):
-    """The order of the lines when one side goes."""
+    """The order of the log lines when one side disconnects."""
 
-    def test_the_agent_goes(self):
+    def test_the_agent_disconnects(self):
         daemon, agent, bridge = self.bridged("-v")
         mark = self.log.mark()
         agent.close()
@@ -367,7 +367,7 @@ class TearingDownTest(RelayCase):
         self.assert_next_agent_is_served()
         self.assert_stops(daemon)
 
-    def test_the_slave_connection_goes_and_takes_both_along(self):
+    def test_a_lost_slave_connection_closes_both(self):
         daemon, agent, bridge = self.bridged("-v")
         self.slave.close()
         self.assertEqual(agent.read_to_end(), b"")
@@ -418,10 +418,10 @@ class TearingDownTest(RelayCase):
 
 
 class CostTest(RelayCase):
-    """The processor's time grows with the bytes."""
+    """The processor time is linear in the number of bytes."""
 
     def time_for(self, agent, bridge, daemon, count, size):
-        """Processor seconds of relaying @p count clauses of @p size bytes."""
+        """Processor time, in seconds, for @p count clauses of @p size bytes."""
         clause = b"<a>" + bytes([120]) * (size - 7) + b"</a>"
         before = processor_seconds(daemon)
         for _ in range(count):
@@ -432,7 +432,7 @@ class CostTest(RelayCase):
     def test_a_clause_of_16_mib_costs_at_most_20_times_one_of_1_mib(self):
         daemon, agent, bridge = self.bridged()
         small, large = [], []
-        for _ in range(5):  # other work on the machine only adds to a time: the least is the daemon's
+        for _ in range(5):  # other load on the machine only adds time: use the minimum
             small.append(self.time_for(agent, bridge, daemon, 16, MIB) / 16)
             large.append(self.time_for(agent, bridge, daemon, 1, 16 * MIB))
         self.assertLessEqual(min(large), 20 * min(small))
@@ -454,7 +454,7 @@ class CostTest(RelayCase):
             costs.append((processor_seconds(daemon) - before) / size)
             self.assert_stops(daemon)
             master.close()
-        self.assertLessEqual(costs[1], 8 * costs[0])  # 16 times as much, were it all to be done again
+        self.assertLessEqual(costs[1], 8 * costs[0])  # 16 times: a search from the start
 
 
 if __name__ == "__main__":

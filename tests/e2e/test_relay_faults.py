@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The relay between bad peers: nobody holds the daemon for long, nothing is left behind."""
+"""The relay between faulty peers: none blocks the daemon for long, and all resources are freed."""
 import random
 import threading
 import time
@@ -15,7 +15,7 @@ from support.wait import TIMEOUT, wait_until
 
 MIB = 1 << 20
 
-# The number of agents with the master up, refusing and swallowing packets; the size of an unfinished
+# The number of agents while the master is up, refuses, and drops packets; the size of an unfinished
 # clause.
 AGENTS = 2000 if is_instrumented() else sized(2000, 10_000)
 REFUSED_AGENTS = sized(150, 500)
@@ -27,7 +27,7 @@ DROPPED = r"drop_socket: dropping update manager agent socket \d+"
 
 
 class Background(threading.Thread):
-    """Does something beside the test; `finish` waits for it and passes its failure on."""
+    """Runs a function in a thread; `finish` waits for it and raises its exception."""
 
     def __init__(self, work, *arguments):
         super().__init__(daemon=True)
@@ -38,7 +38,7 @@ class Background(threading.Thread):
     def run(self):
         try:
             self.work()
-        except BaseException as failure:  # handed to whoever waits
+        except BaseException as failure:  # raised by `finish`
             self.failure = failure
 
     def finish(self, timeout=2 * TIMEOUT):
@@ -49,10 +49,10 @@ class Background(threading.Thread):
 
 
 class StuckPeerTest(RelayCase):
-    """One side sends, the other takes nothing: the daemon waits 30 s, once."""
+    """One side sends, the other reads nothing: the daemon waits 30 s, once."""
 
     def flood(self, sender):
-        """Sends clauses without end, until the daemon drops the connection."""
+        """Sends clauses until the daemon drops the connection."""
         clauses = CLAUSE * 1000
         sent = 0
         sender.socket.settimeout(TIMEOUT)
@@ -93,7 +93,7 @@ class StuckPeerTest(RelayCase):
         self.assert_next_agent_is_served()
         self.assert_stops(daemon)
 
-    def test_a_master_that_takes_one_large_clause_too_slowly(self):
+    def test_a_master_that_reads_one_large_clause_too_slowly(self):
         daemon, agent, bridge = self.bridged()
         enough = threading.Event()
         taken = bytearray()
@@ -117,7 +117,7 @@ class StuckPeerTest(RelayCase):
         self.assert_next_agent_is_served()
         self.assert_stops(daemon)
 
-    def test_a_slow_master_that_takes_its_clauses_in_time_gets_them_all(self):
+    def test_a_slow_master_that_reads_its_clauses_in_time_gets_them_all(self):
         daemon, agent, bridge = self.bridged()
         sending = Background(agent.send, CLAUSE * 20000)
         expected = (CLAUSE + b"\r\n") * 20000
@@ -133,7 +133,7 @@ class StuckPeerTest(RelayCase):
 
 
 class SlowPeerTest(RelayCase):
-    """One side sends, the other takes few bytes at a time."""
+    """One side sends, the other reads in small steps."""
 
     COUNT = 60_000  # more than the buffers hold
 
@@ -150,17 +150,17 @@ class SlowPeerTest(RelayCase):
         self.assertEqual(self.slave.ask("fileexists", "/").fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_a_master_that_takes_little(self):
+    def test_a_master_that_reads_slowly(self):
         daemon, agent, bridge = self.bridged(**TENFOLD)
         self.assert_gets_everything(daemon, agent, bridge)
 
-    def test_an_agent_that_takes_little(self):
+    def test_an_agent_that_reads_slowly(self):
         daemon, agent, bridge = self.bridged(**TENFOLD)
         self.assert_gets_everything(daemon, bridge, agent)
 
 
 class LeavingPeerTest(RelayCase):
-    """Peers that reset at the wrong moment."""
+    """Peers that reset at critical moments."""
 
     def test_an_agent_that_resets_in_the_middle_of_a_clause(self):
         daemon, agent, bridge = self.bridged("-v")
@@ -213,10 +213,10 @@ class LeavingPeerTest(RelayCase):
 
 
 class ManyAgentsTest(RelayCase):
-    """Agents that come and go for as long as the daemon runs."""
+    """Many short-lived agents."""
 
     def assert_nothing_grew(self, daemon, descriptors, resident):
-        allowed = (16 if is_instrumented() else 2) * MIB  # a sanitizer keeps books of its own
+        allowed = (16 if is_instrumented() else 2) * MIB  # a sanitizer allocates memory itself
         wait_until(lambda: len(daemon.descriptors()) == descriptors, "descriptors as at the start")
         self.assertLess(daemon.resident_bytes() - resident, allowed)
 
@@ -230,7 +230,7 @@ class ManyAgentsTest(RelayCase):
             self.assertEqual(bridge.read_to_end(), b"")
             bridge.close()
 
-    def test_one_after_the_other_with_the_master_up(self):
+    def test_in_sequence_with_the_master_up(self):
         daemon = self.daemon(environment=NO_QUARANTINE)
         self.listener = self.master()
         self.slave = self.listener.accept()
@@ -243,7 +243,7 @@ class ManyAgentsTest(RelayCase):
         self.assert_stops(daemon)
 
     def visit(self):
-        """An agent that leaves before it was bridged."""
+        """An agent that disconnects before it is bridged."""
         mark = self.log.mark()
         agent = self.arrive()
         self.log.wait_for(NO_PEER, since=mark, timeout=2 * TIMEOUT)
@@ -262,7 +262,7 @@ class ManyAgentsTest(RelayCase):
         self.assertEqual(client.ask("fileexists", "/").fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_some_with_the_master_swallowing_packets(self):
+    def test_some_with_the_master_dropping_packets(self):
         master = self.master(backlog=0)
         fillers = self.fill_queue()
         daemon = self.daemon("-v")
@@ -278,10 +278,10 @@ class ManyAgentsTest(RelayCase):
 
 
 class MuchInputTest(RelayCase):
-    """More than a relay usually sees."""
+    """Unusually large input."""
 
     def relay_large(self, daemon, agent, bridge, size):
-        """Has an unfinished clause of @p size bytes pile up, then finished; processor seconds."""
+        """Relays a clause of @p size bytes in packets. Returns the processor time in seconds."""
         before = processor_seconds(daemon)
         agent.send(b"<a>")
         piece = b"x" * MIB
@@ -313,7 +313,7 @@ class MuchInputTest(RelayCase):
         return [b"<%s>%06d%s</%s>" % (name, number, b"." * 180, name) for number in range(count)]
 
     def assert_exchanged_at_full_speed(self, agent, bridge, count):
-        """Both sides send @p count clauses at once, and get the other's, whole and in order."""
+        """Both sides send @p count clauses concurrently, and receive them complete and in order."""
         there, back = self.clauses(b"there", count), self.clauses(b"back", count)
         sides = [Background(self.exchange, agent, b"".join(there),
                             b"".join(clause + b"\r\n" for clause in back)),

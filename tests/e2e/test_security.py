@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The recipes of docs/security.md, as they stand there, and what they are for."""
+"""Runs the recipes of docs/security.md and checks their effect."""
 import os
 import pwd
 import re
@@ -24,7 +24,7 @@ LISTENING = "listening on port 5111"
 
 
 def recipe(name):
-    """The one fenced block of the document with this name after its language."""
+    """The fenced block of the document with the name @p name after its language."""
     with open(DOCUMENT, encoding="utf-8") as document:
         found = re.findall(rf"^```\w+ {name}\n(.*?)^```$", document.read(), re.MULTILINE | re.DOTALL)
     assert len(found) == 1, f"{len(found)} recipes called {name}"
@@ -32,7 +32,7 @@ def recipe(name):
 
 
 def reaches(host, address, source=None, timeout=TIMEOUT):
-    """Whether a client on @p host has a task done at @p address."""
+    """Whether a client on @p host can run a task at @p address."""
     with inside(host):
         connecting = socket.socket()
     with connecting:
@@ -47,7 +47,7 @@ def reaches(host, address, source=None, timeout=TIMEOUT):
 
 
 def as_user(user, function):
-    """What @p function, run by @p user in a process of its own, answers."""
+    """The result of @p function in a child process that runs as @p user."""
     reading, writing = os.pipe()
     child = os.fork()
     if child == 0:
@@ -74,7 +74,7 @@ def connect():
 
 
 def bind():
-    """The ports that could be taken."""
+    """The ports that could be bound."""
     taken = []
     for port in (5111, 5112, 5113):
         with socket.socket() as listening:
@@ -97,7 +97,7 @@ class SecurityCase(EndToEndCase):
         self.search = f"{programs}:{os.environ['PATH']}:/usr/sbin:/sbin"
 
     def shell(self, name):
-        """Starts the recipe @p name in a shell, in a session of its own."""
+        """Starts the recipe @p name in a shell, in a new session."""
         with open(self.path("shell"), "ab") as output:
             process = subprocess.Popen(["sh", "-ec", recipe(name)], start_new_session=True,
                                        env={**os.environ, "PATH": self.search},
@@ -112,7 +112,7 @@ class SecurityCase(EndToEndCase):
             process.wait()
 
     def user(self, name):
-        """Adds a user to this world, and gives its number."""
+        """Adds a user to this world. Returns its number."""
         home = self.path(name)
         os.mkdir(home, 0o755)
         number = 20000 + len(pwd.getpwall())
@@ -134,7 +134,7 @@ class SecurityCase(EndToEndCase):
 
 
 class FirewallTest(SecurityCase):
-    def test_rules_by_interface_let_the_master_and_local_programs_in_alone(self):
+    def test_rules_by_interface_admit_only_the_master_and_local_programs(self):
         networks.add_host("master", "mgmt0", DEVICE, MASTER, NEIGHBOUR)
         networks.add_host("stranger", "wan0", ELSEWHERE, STRANGER)
         daemon = self.daemon()
@@ -155,7 +155,7 @@ class FirewallTest(SecurityCase):
                          ["connected", "connected", "refused"])
         self.assert_stops(daemon)
 
-    def test_privileged_ports_cannot_be_taken_by_local_users(self):
+    def test_privileged_ports_cannot_be_bound_by_local_users(self):
         with open(PRIVILEGED, encoding="ascii") as file:
             before = file.read()
         self.addCleanup(self.restore, PRIVILEGED, before)
@@ -170,7 +170,7 @@ class FirewallTest(SecurityCase):
 
 
 class NamespaceTest(SecurityCase):
-    def test_a_daemon_in_a_network_of_its_own_is_reached_over_its_cable_alone(self):
+    def test_a_daemon_in_a_network_namespace_is_reachable_only_over_its_cable(self):
         networks.add_host("stranger", "wan0", ELSEWHERE, STRANGER)
         process = self.shell("namespace")
         self.log.wait_for(LISTENING)
@@ -192,7 +192,7 @@ class TunnelTest(SecurityCase):
             self.far = self.master()
 
     def assert_tunnel_carries_tasks(self, start):
-        """The master works through the tunnel, and again when that was cut and is back."""
+        """The master works through the tunnel, and again after an interruption."""
         daemon = self.daemon()
         for _ in range(2):
             tunnel = start()
@@ -244,7 +244,7 @@ class TunnelTest(SecurityCase):
 
 
 class MemoryTest(SecurityCase):
-    # A sanitizer needs more address space than any limit leaves: with one, this cannot be tried.
+    # Not testable with a sanitizer, which needs more address space than any limit leaves.
     if not is_instrumented():
         def test_a_limit_on_memory_ends_an_endless_clause_and_nothing_else(self):
             master = self.master()

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A signal that ends the daemon, at each of its system calls: nothing is torn, nothing is lost.
+"""A signal ends the daemon at each of its system calls: no file is partial, nothing is lost.
 
-strace sends the signal: it stops the daemon at the very call, which no sleeping and killing could.
+strace sends the signal, because only it can hit an exact system call.
 """
 import collections
 import contextlib
@@ -21,7 +21,7 @@ from support.world import PID_FILE
 
 SIGNALS = (signal.SIGTERM, signal.SIGQUIT, signal.SIGINT, signal.SIGABRT)
 
-# Of a kind of call that comes in numbers the first so many are tried, and the last.
+# Of a frequent kind of call, only the first ones are tested, and the last one.
 MOST_OF_A_KIND = sized(4, 8) if is_instrumented() else 8
 
 OLD, NEW = b"old" * 100, b"new" * 200
@@ -31,14 +31,14 @@ ENTRY = "127.0.0.1 update-master\n"
 
 
 class TracedLife(EndToEndCase):
-    """A life of the daemon under strace: a client has a file written and a program run, and an agent
-    takes the master's alias over."""
+    """A run of the daemon under strace: a client writes a file and runs a program, and an agent
+    takes over the master's alias."""
 
     def live(self, *injections, background=False):
-        """One life, which a SIGTERM ends unless another signal does. Its exit status.
+        """One run, ended by SIGTERM unless another signal ends it. Returns its exit status.
 
-        The trace shows the calls that @p injections are about, since strace leaves alone what it does
-        not show, and what signals came; without injections all calls.
+        The trace shows signals and the calls of @p injections, because strace injects only into
+        traced calls. Without injections it shows all calls.
         """
         self.file("stored", OLD)
         with open(HOSTS, "w", encoding="ascii") as hosts:
@@ -59,7 +59,7 @@ class TracedLife(EndToEndCase):
 
     @staticmethod
     def no_child_is_left():
-        """Takes in a daemon that outlived its launcher: it would count as running until then."""
+        """Reaps a daemon that outlived its launcher, so that it does not count as running."""
         try:
             os.waitpid(-1, os.WNOHANG)
         except ChildProcessError:
@@ -70,13 +70,13 @@ class TracedLife(EndToEndCase):
         return self.running.process.poll() is not None
 
     def listens(self):
-        """Whether it came so far, once that is settled."""
+        """Whether the daemon listens; waits until it listens or has ended."""
         def listening():
             return self.log.find("listening on port 5111", since=self.mark)
         return wait_until(lambda: listening() or (self.ended() and "ended"), "it starts") != "ended"
 
     def work(self):
-        with contextlib.suppress(OSError, AssertionError):  # it may end at any time
+        with contextlib.suppress(OSError, AssertionError):  # the daemon may end at any time
             client = self.client()
             self.answered = client.ask("write", self.path("stored"), NEW).fields == SUCCESS
             client.ask("exec", "/bin/true")
@@ -93,7 +93,7 @@ class TracedLife(EndToEndCase):
             return hosts.read()
 
     def stop_unless_ended(self):
-        """A daemon that got a signal from strace must end by that one; others get a SIGTERM."""
+        """Sends SIGTERM, unless strace has sent a signal, which must end the daemon."""
         line = self.log.find("listening on port 5111", since=self.mark)
         taken = re.search(rf"^(?:{line.pid} +)?--- SIG.* si_code=SI_KERNEL", self.trace(), re.MULTILINE)
         if not taken:
@@ -105,7 +105,7 @@ class TracedLife(EndToEndCase):
             return lines.read()
 
     def calls(self, **options):
-        """Each system call of a life that nothing disturbs, as its kind and its place among these."""
+        """Each system call of an undisturbed run: its kind and its index among this kind."""
         self.assertEqual(self.live(**options), 0)
         kinds = re.findall(r"^(?:\d+ +)?(\w+)\(", self.trace(), re.MULTILINE)
         counts = collections.Counter(kinds)
@@ -115,17 +115,17 @@ class TracedLife(EndToEndCase):
                 for place in range(1, most + 1) if place <= MOST_OF_A_KIND or place == most]
 
     def sent(self, number):
-        """How many times strace itself sent the signal."""
+        """The number of signals that strace sent."""
         return self.trace().count(f"--- {number.name} {{si_signo={number.name}, si_code=SI_KERNEL}}")
 
     def assert_sent(self, kind, place, number):
-        """The signal came at that call, in each process that got so far."""
+        """Expects the signal at that call, in each process that reached it."""
         made = collections.Counter(re.findall(rf"^((?:\d+ +)?){kind}\(", self.trace(), re.MULTILINE))
         reached = sum(1 for most in made.values() if most >= place)
         self.assertEqual(self.sent(number), reached)
 
     def assert_whole(self):
-        """The files are old or new, the client's new if it was told so; none was left beside one."""
+        """Each file is old or new, the client's new if its task was answered. No temporary file."""
         content = self.content("stored")
         self.assertIn(content, (NEW,) if self.answered else (OLD, NEW))
         strangers = [name for name in os.listdir(self.directory)
@@ -134,8 +134,9 @@ class TracedLife(EndToEndCase):
         self.assertIn(self.hosts(), (world.HOSTS, world.HOSTS + ENTRY))
         self.assertFalse(os.path.exists(NEW_HOSTS))
 
-    def assert_good_order(self, status, number):
-        """It ended with 0 and said by what signal, or died of it before it had said a word."""
+    def assert_regular_end(self, status, number):
+        """The daemon ended with 0 and logged the signal, or the signal killed it before its first
+        log line."""
         ends = [line.text for line in self.log.lines[self.mark:]
                 if line.text.startswith("exiting on signal")]
         if status == -number:
@@ -147,7 +148,7 @@ class TracedLife(EndToEndCase):
 
 
 class EverySystemCallTest(TracedLife):
-    """One signal a life, at another call each time; the four take turns."""
+    """One signal per run, at a different call each time; alternates the four signals."""
 
     def test_of_the_foreground(self):
         numbers = itertools.cycle(SIGNALS)
@@ -156,7 +157,7 @@ class EverySystemCallTest(TracedLife):
             with self.subTest(kind=kind, place=place, number=number):
                 status = self.live(f"{kind}:signal={number.name}:when={place}")
                 self.assert_sent(kind, place, number)
-                self.assert_good_order(status, number)
+                self.assert_regular_end(status, number)
 
     def test_of_the_launcher_and_of_its_daemon(self):
         numbers = itertools.cycle(SIGNALS)
@@ -166,7 +167,7 @@ class EverySystemCallTest(TracedLife):
                 self.live(f"{kind}:signal={number.name}:when={place}", background=True)
                 self.assert_sent(kind, place, number)
                 self.assert_whole()
-                # Whatever became of the launcher, the pid file does not keep the next one out.
+                # The pid file does not prevent the next start, even if the launcher was killed.
                 self.assertEqual(self.log.count("daemon is already running", ERR, self.mark), 0)
         daemon = self.daemon(background=True)
         self.assert_stops(daemon)
@@ -177,7 +178,7 @@ class ManySignalsTest(TracedLife):
     """More than one signal."""
 
     def closes_before_the_first_line(self):
-        """Those of a life that nothing disturbs: a signal before it is ready for it would kill it."""
+        """The number of early close calls of an undisturbed run: a signal there would kill it."""
         self.assertEqual(self.live(), 0)
         before, first_line, _ = self.trace().partition("sendto(")
         self.assertTrue(first_line)
@@ -191,7 +192,7 @@ class ManySignalsTest(TracedLife):
                                    f"pselect6,select:signal={number.name}:when=1+",
                                    f"close:signal={number.name}:when={closes + 1}+")
                 self.assertGreater(self.sent(number), 5)
-                self.assert_good_order(status, number)
+                self.assert_regular_end(status, number)
 
 
 if __name__ == "__main__":

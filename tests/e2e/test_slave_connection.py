@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The connection that the daemon keeps up to its master, whatever the master does."""
+"""The slave connection, which the daemon maintains for any behaviour of its master."""
 import socket
 import unittest
 
@@ -12,7 +12,7 @@ ESTABLISHED = r"established connection to 127\.0\.0\.1, port 5112, socket \d+"
 
 
 class ConnectionTest(EndToEndCase):
-    """Made, lost, made again."""
+    """Connecting, losing the connection, reconnecting."""
 
     def test_the_first_connection_serves_tasks(self):
         daemon, master = self.slave_connection("-v")
@@ -23,7 +23,7 @@ class ConnectionTest(EndToEndCase):
         self.assertEqual(master.ask("fileexists", "/etc/hosts").fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_without_verbose_the_handler_is_made_silently(self):
+    def test_without_verbose_the_handler_is_created_silently(self):
         daemon, master = self.slave_connection()
         master.ask("hostid")
         self.assertEqual(self.log.count("handle_outgoing_connection.*"), 0)
@@ -37,7 +37,7 @@ class ConnectionTest(EndToEndCase):
         self.assertTrue(master.no_connection_waits())
         self.assert_stops(daemon)
 
-    def test_a_refusing_master_leaves_no_line_and_holds_nobody_up(self):
+    def test_a_refusing_master_is_not_logged_and_does_not_block(self):
         daemon = self.daemon()
         client = self.client()
         for _ in range(20):
@@ -45,14 +45,14 @@ class ConnectionTest(EndToEndCase):
         self.assertEqual(self.log.count(r".*(5112|127\.0\.0\.1, port).*"), 0)
         self.assert_stops(daemon)
 
-    def test_a_master_that_comes_later_is_connected_to(self):
+    def test_a_master_that_starts_later_gets_a_connection(self):
         daemon = self.daemon()
         self.client().ask("hostid")
         master = self.master().accept()
         self.assertEqual(master.ask("fileexists", "/etc/hosts").fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_a_lost_connection_is_made_again(self):
+    def test_a_lost_connection_is_reestablished(self):
         master = self.master()
         daemon = self.daemon("-v")
         first = master.accept()
@@ -86,7 +86,7 @@ class ConnectionTest(EndToEndCase):
         self.assertEqual(second.receive().fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_a_master_gone_and_back_a_hundred_times_leaves_nothing(self):
+    def test_a_hundred_restarts_of_the_master_leave_nothing_behind(self):
         daemon = self.daemon()
         before = len(daemon.descriptors())
         for _ in range(100):
@@ -96,7 +96,7 @@ class ConnectionTest(EndToEndCase):
         wait_until(lambda: len(daemon.descriptors()) == before, "descriptors as at the start")
         self.assert_stops(daemon)
 
-    def test_a_reset_is_logged_and_the_connection_made_again(self):
+    def test_a_reset_is_logged_and_the_connection_reestablished(self):
         master = self.master()
         daemon = self.daemon()
         first = master.accept()
@@ -119,9 +119,9 @@ class ConnectionTest(EndToEndCase):
 
 
 class DifficultMasterTest(EndToEndCase):
-    """A master must never keep the daemon from its other work."""
+    """A master must never block other work of the daemon."""
 
-    def test_one_that_closes_at_once_is_reconnected_to_while_clients_are_served(self):
+    def test_one_that_closes_immediately_is_redialled_while_clients_are_served(self):
         master = self.master()
         daemon = self.daemon()
         client = self.client()
@@ -132,7 +132,7 @@ class DifficultMasterTest(EndToEndCase):
         wait_until(lambda: self.log.count(ESTABLISHED) >= 200, "each connection is logged")
         self.assert_stops(daemon)
 
-    def test_one_that_swallows_packets_holds_a_pass_up_for_three_seconds_at_most(self):
+    def test_one_that_drops_packets_delays_a_pass_by_three_seconds_at_most(self):
         master = self.master(backlog=0)
         fillers = self.fill_queue()
         daemon = self.daemon()
@@ -146,7 +146,7 @@ class DifficultMasterTest(EndToEndCase):
         self.assertEqual(answer.fields, SUCCESS)
         self.assert_stops(daemon)
 
-    def test_a_stop_request_is_heard_while_a_master_swallows_packets(self):
+    def test_a_stop_request_works_while_a_master_drops_packets(self):
         self.master(backlog=0)
         self.fill_queue()
         daemon = self.daemon(wait=False)
@@ -155,7 +155,7 @@ class DifficultMasterTest(EndToEndCase):
 
 
 class MastersNameTest(EndToEndCase):
-    """The address may be a name, looked up for each attempt."""
+    """The address may be a name, which each attempt resolves."""
 
     def setUp(self):
         super().setUp()
@@ -176,10 +176,10 @@ class MastersNameTest(EndToEndCase):
         self.log.wait_for(r"established connection to the-master, port 5112, socket \d+", INFO)
         self.assert_stops(daemon)
 
-    def test_a_name_that_nobody_knows_is_tried_again_until_somebody_does(self):
+    def test_an_unknown_name_is_retried_until_it_resolves(self):
         master = self.master("127.0.0.4")
         daemon = self.daemon("-i", "no-such-master")
-        # A name that no source knows is no failure to this C library: an answer without a record.
+        # For an unknown name this C library reports success without a record.
         first = self.log.wait_for("resolve_master: .*", ERR)
         self.assertEqual(first.text,
                          "resolve_master: gethostbyname returned success, but hep is null?")
@@ -228,7 +228,7 @@ class MastersNameTest(EndToEndCase):
 
 
 class SocketOptionsTest(EndToEndCase):
-    """A silent peer is found out after a minute, an answer does not wait for one."""
+    """A dead peer is detected after a minute, and small packets are sent without delay."""
 
     def assert_options(self, daemon, descriptor):
         tcp = socket.IPPROTO_TCP
@@ -251,7 +251,7 @@ class SocketOptionsTest(EndToEndCase):
         self.assert_options(daemon, number_in(self.log.wait_for("accepted connection, .*")))
         self.assert_stops(daemon)
 
-    def test_the_time_limit_of_the_connect_does_not_stay_on_the_socket(self):
+    def test_the_timeout_of_the_connect_is_not_left_on_the_socket(self):
         daemon, master = self.slave_connection()
         master.ask("hostid")
         with daemon.socket_option_view(number_in(self.log.wait_for(ESTABLISHED))) as view:
@@ -261,7 +261,7 @@ class SocketOptionsTest(EndToEndCase):
 
 
 class SurplusConnectionTest(EndToEndCase):
-    """Agents that left before their bridge was made leave host entries behind."""
+    """Agents that disconnect before their bridge is connected leave host entries behind."""
 
     def with_surplus(self):
         """The daemon, its agent, and the master's ends of the three connections."""
@@ -287,14 +287,14 @@ class SurplusConnectionTest(EndToEndCase):
         self.log.wait_for("[*]{3} error: drop_host_connection cannot find the outbound connection "
                           f"{number}, exiting", ERR)
 
-    def test_a_third_connection_is_left_alone_and_its_end_stops_the_daemon(self):
+    def test_a_third_connection_is_ignored_and_its_end_stops_the_daemon(self):
         daemon, agent, (slave, bridge, surplus), number = self.with_surplus()
         self.assertEqual(slave.ask("fileexists", "/etc/hosts").fields, SUCCESS)
         self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
         self.assert_its_end_ends_the_daemon(daemon, surplus, number)
         self.assertEqual(agent.read_to_end(), b"")
 
-    def test_a_third_connection_that_asks_is_answered(self):
+    def test_a_third_connection_that_sends_a_request_is_answered(self):
         daemon, _, (slave, _, surplus), number = self.with_surplus()
         self.assertEqual(surplus.ask("fileexists", "/").fields, SUCCESS)
         self.log.wait_for("handle_data_read: creating byte count client connection, "
@@ -302,7 +302,7 @@ class SurplusConnectionTest(EndToEndCase):
         self.assertEqual(slave.ask("fileexists", "/").fields, SUCCESS)
         self.assert_its_end_ends_the_daemon(daemon, surplus, number)
 
-    def test_a_third_connection_that_speaks_like_an_agent_takes_the_agents_place(self):
+    def test_a_third_connection_with_a_clause_replaces_the_agent(self):
         daemon, agent, (slave, bridge, surplus), number = self.with_surplus()
         self.assertEqual(bridge.receive_bytes(10), b"<hello/>\r\n")
         surplus.send(b"<me/>")

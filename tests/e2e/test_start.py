@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The start banner, and what happens while the port cannot be had."""
+"""The start banner, and the start while the port is not available."""
 import os
 import signal
 import socket
@@ -13,7 +13,7 @@ from support.logs import CRIT, DEBUG, ERR, INFO, WARNING
 from support.peers import AGENT_PORT
 from support.world import PID_FILE
 
-# The socket options in the order in which they are listed after a failure.
+# The socket options in the order of the log after a failure.
 OPTIONS = ("SO_ACCEPTCONN", "SO_BROADCAST", "SO_BSDCOMPAT", "SO_DEBUG", "SO_ERROR", "SO_DONTROUTE",
            "SO_KEEPALIVE", "SO_OOBINLINE", "SO_PASSCRED", "SO_PRIORITY", "SO_RCVBUF",
            "SO_RCVLOWAT", "SO_SNDLOWAT", "SO_RCVTIMEO", "SO_SNDTIMEO", "SO_REUSEADDR", "SO_SNDBUF",
@@ -37,7 +37,7 @@ class BannerTest(EndToEndCase):
 
 
 class PortCase(EndToEndCase):
-    """Somebody else has the port."""
+    """Another process has the port."""
 
     def take_port(self):
         holder = socket.socket()
@@ -49,15 +49,15 @@ class PortCase(EndToEndCase):
 
 
 class ListenFailureTest(PortCase):
-    """The port is taken: wait longer each time, look who has it, in the end reboot."""
+    """The port is in use: waits longer each time, logs the processes, finally reboots."""
 
     def fast(self):
-        """A daemon whose waits pass at once, and process 1 of what its reboot ends."""
+        """A daemon whose waits are skipped, and process 1 of the namespace that its reboot ends."""
         preload = {"LD_PRELOAD": os.environ["RUNELD_FAST_CLOCK"]}
         return self.daemon(wait=False, environment=preload,
                            wrapper=("unshare", "--pid", "--fork", "--kill-child"))
 
-    def test_a_port_that_comes_free_after_two_failures_is_listened_on(self):
+    def test_a_port_that_becomes_free_after_two_failures_is_used(self):
         holder = self.take_port()
         daemon = self.daemon(wait=False)
         self.log.wait_for(RETRY, WARNING)
@@ -107,7 +107,7 @@ class ListenFailureTest(PortCase):
         self.log.wait_for("rebooting", ERR)
         lines = [(line.level, line.text) for line in self.log.lines]
         first = next(at for at, line in enumerate(lines) if "failed to listen" in line[1])
-        # There is no such tool here: its empty list is one empty line.
+        # The tool is missing here: its empty list is one empty line.
         self.assertEqual(lines[first + 1:first + 3],
                          [(DEBUG, ""), (WARNING, "/usr/bin/killall -TERM atftpd")])
         self.assertEqual(self.log.count("/usr/bin/killall -TERM atftpd"), 1)
@@ -117,7 +117,7 @@ class ListenFailureTest(PortCase):
     def test_the_thirty_fifth_failure_reboots(self):
         self.take_port()
         daemon = self.fast()
-        # The restart command ends process 1 of its namespace, the daemon, by SIGHUP.
+        # reboot(2) ends process 1 of the namespace, the daemon, by SIGHUP.
         self.assertEqual(daemon.process.wait(120), -signal.SIGHUP)
         self.log.wait_for("rebooting", ERR)
         self.assertEqual(self.log.count(RETRY, WARNING), 35)
@@ -138,10 +138,10 @@ class ListenFailureTest(PortCase):
 
 
 class AddressInUseTest(EndToEndCase):
-    """The option that lets the port be taken again at once cannot be set."""
+    """SO_REUSEADDR cannot be set."""
 
-    def test_that_is_told_and_the_port_listened_on_all_the_same(self):
-        # In a network of its own: this one's port may still be waiting for its last connections.
+    def test_the_error_is_logged_and_the_daemon_listens(self):
+        # In a private network: here the port may have connections in TIME_WAIT.
         daemon = self.daemon(detect_leaks=False, wrapper=(
             "unshare", "--net", "strace", "-qq", "-o", self.path("trace"), "--trace=setsockopt",
             "--inject=setsockopt:error=ENOPROTOOPT:when=1"))
@@ -157,7 +157,7 @@ class AddressInUseTest(EndToEndCase):
 
 
 class ResolverTest(EndToEndCase):
-    """The daemon prepares name lookups before it does anything else."""
+    """The daemon initializes the resolver first."""
 
     def start(self, error, **options):
         """A daemon whose first open of /etc/resolv.conf fails with @p error."""
@@ -169,7 +169,7 @@ class ResolverTest(EndToEndCase):
         with open(self.path("trace"), encoding="latin-1") as trace:
             self.assertRegex(trace.readline(), rf'"/etc/resolv.conf".* = -1 {error} .*\(INJECTED\)')
 
-    def test_the_daemon_does_not_start_when_the_resolver_gets_no_memory(self):
+    def test_the_daemon_does_not_start_when_the_resolver_is_out_of_memory(self):
         for background in (False, True):
             with self.subTest(background=background):
                 mark = self.log.mark()
@@ -216,7 +216,7 @@ class ProcessListTest(PortCase):
             with open(path, "w", encoding="ascii") as tool:
                 tool.write(text)
             os.chmod(path, 0o755)
-        # The binary may lie on another file system than the root's.
+        # The binary may be on another file system than the root.
         subprocess.run(["cp", BINARY, os.path.join(root, "runeld")], check=True)
         return root
 

@@ -21,7 +21,7 @@ ALL_TASKS = ("access", "append", "blinkleds", "changeleds", "chmodx", "devicetyp
              "readdir", "realpath", "reboot", "rename", "restart", "stat", "unlink",
              "updateumstate", "wait", "walktree", "write")
 
-# How many arguments each task reads. "exec" reads what there is.
+# The number of arguments that each task reads. "exec" reads all.
 ARGUMENTS_READ = {"access": 2, "append": 2, "blinkleds": 1, "changeleds": 2, "chmodx": 1,
                   "fileexists": 1, "freeblocks": 1, "lstat": 1, "processrunning": 1, "read": 1,
                   "readdir": 1, "realpath": 1, "rename": 2, "stat": 1, "unlink": 1,
@@ -32,7 +32,7 @@ ZERO_STAT = (b"dev=0 ino=0 mode=0000000 nlink=0 uid=0 gid=0 rdev=0 size=0 blksiz
 
 
 def stat_text(about):
-    """What `stat` answers for the os.stat_result @p about."""
+    """The reply of `stat` for the os.stat_result @p about."""
     def moment(nanoseconds):
         return f"{nanoseconds // 10**9}.{nanoseconds % 10**9:09d}"
     return (f"dev={about.st_dev} ino={about.st_ino} mode=0{about.st_mode:06o} "
@@ -43,7 +43,7 @@ def stat_text(about):
 
 
 class TaskCase(EndToEndCase):
-    """One daemon and one connection to give requests over; `connect` says which kind."""
+    """One daemon and one connection for requests; `connect` decides which kind."""
 
     def setUp(self):
         super().setUp()
@@ -67,7 +67,7 @@ class TaskCase(EndToEndCase):
 class FileTasks:
     """The fourteen tasks on files."""
 
-    def test_fileexists_answers_for_files_directories_and_what_is_missing(self):
+    def test_fileexists_answers_for_files_directories_and_missing_paths(self):
         self.assert_answer(("fileexists", self.file("a")), SUCCESS)
         self.assert_answer(("fileexists", self.directory), SUCCESS)
         self.assert_answer(("fileexists", self.path("missing")), failure(ENOENT))
@@ -92,7 +92,7 @@ class FileTasks:
         self.assert_answer(("access", path, "+4"), SUCCESS)
         self.assert_answer(("access", path, "+1"), failure(EACCES))
         self.assert_answer(("access", path, "-0"), SUCCESS)
-        self.assert_answer(("access", path, "-1"), failure(EINVAL))  # 4294967295: no mode
+        self.assert_answer(("access", path, "-1"), failure(EINVAL))  # 4294967295: not a mode
         self.assert_answer(("access", path, "-4294967296"), failure(EINVAL))
         self.assert_answer(("access", path, "1x"), failure(EACCES))
 
@@ -110,14 +110,14 @@ class FileTasks:
         self.assert_answer(("stat", self.path("missing")), failure(ENOENT), ZERO_STAT)
         self.assert_answer(("lstat", self.path("missing")), failure(ENOENT), ZERO_STAT)
 
-    def test_unlink_removes_a_file_and_no_directory(self):
+    def test_unlink_removes_a_file_but_not_a_directory(self):
         path = self.file("a")
         self.assert_answer(("unlink", path), SUCCESS)
         self.assertFalse(os.path.exists(path))
         self.assert_answer(("unlink", path), failure(ENOENT))
         self.assert_answer(("unlink", self.directory), failure(EISDIR))
 
-    def test_chmodx_adds_execute_for_everybody(self):
+    def test_chmodx_adds_execute_permission_for_all(self):
         path = self.file("a")
         os.chmod(path, 0o640)
         self.assert_answer(("chmodx", path), SUCCESS)
@@ -131,7 +131,7 @@ class FileTasks:
                             "//link"), SUCCESS, os.path.realpath(path).encode())
         self.assert_answer(("realpath", self.path("missing")), failure(ENOENT))
 
-    def test_rename_moves_over_what_is_there(self):
+    def test_rename_replaces_an_existing_file(self):
         self.file("a", b"new")
         self.file("b", b"old")
         self.assert_answer(("rename", self.path("a"), self.path("b")), SUCCESS)
@@ -152,14 +152,14 @@ class FileTasks:
         self.assert_answer(("readdir", self.path("missing")), failure(ENOENT), b"StringVec 0\n")
         self.assert_answer(("readdir", self.file("f")), failure(ENOTDIR), b"StringVec 0\n")
 
-    def test_read_gives_the_bytes_as_they_are(self):
+    def test_read_returns_the_bytes_unchanged(self):
         content = bytes(range(256)) * 5000
         self.assert_answer(("read", self.file("a", content)), SUCCESS, content)
         self.assert_answer(("read", self.file("empty")), SUCCESS)
         self.assert_answer(("read", self.path("missing")), failure(ENOENT))
         self.assert_answer(("read", self.directory), failure(EISDIR))
 
-    def test_read_goes_to_the_end_whatever_size_stat_gives(self):
+    def test_read_reads_to_the_end_for_any_size_in_stat(self):
         with open("/proc/cpuinfo", "rb") as file:
             head = file.read(9)
         self.assertEqual(self.peer.ask("read", "/proc/cpuinfo").output[:9], head)
@@ -181,7 +181,7 @@ class FileTasks:
         self.assertEqual((stat.S_IMODE(about.st_mode), about.st_uid, about.st_gid), (0o751, 12, 34))
         self.assertEqual(os.listdir(self.directory).count("a"), 1)
 
-    def test_write_makes_a_new_file_and_an_empty_one(self):
+    def test_write_creates_a_new_file_and_an_empty_one(self):
         self.assert_answer(("write", self.path("new"), "text"), SUCCESS)
         self.assertEqual(self.content("new"), b"text")
         umask = os.umask(0)
@@ -190,7 +190,7 @@ class FileTasks:
         self.assert_answer(("write", self.path("new"), ""), SUCCESS)
         self.assertEqual(self.content("new"), b"")
 
-    def test_write_follows_links_dangling_ones_too(self):
+    def test_write_follows_links_even_dangling_ones(self):
         os.mkdir(self.path("sub"))
         os.symlink("sub/target", self.path("link"))
         for content in (b"first", b"second"):
@@ -199,12 +199,12 @@ class FileTasks:
         self.assertTrue(os.path.islink(self.path("link")))
         self.assertEqual(os.listdir(self.path("sub")), ["target"])
 
-    def test_write_takes_the_longest_name(self):
+    def test_write_accepts_the_longest_name(self):
         path = self.path("n" * 255)
         self.assert_answer(("write", path, "x"), SUCCESS)
         self.assert_answer(("write", path + "n", "x"), failure(ENAMETOOLONG))
 
-    def test_write_to_a_device_or_a_pipe_is_in_place_and_never_waits(self):
+    def test_write_to_a_device_or_a_pipe_is_in_place_and_does_not_block(self):
         self.assert_answer(("write", "/dev/null", "gone"), SUCCESS)
         self.assertTrue(stat.S_ISCHR(os.stat("/dev/null").st_mode))
         os.mkfifo(self.path("pipe"))
@@ -214,13 +214,13 @@ class FileTasks:
         self.assert_answer(("write", self.path("pipe"), "through"), SUCCESS)
         self.assertEqual(os.read(reader, 100), b"through")
 
-    def test_failed_writes_leave_nothing_behind(self):
+    def test_failed_writes_leave_no_file_behind(self):
         self.assert_answer(("write", self.directory, "x"), failure(EISDIR))
         self.assert_answer(("write", self.path("no/such"), "x"), failure(ENOENT))
         self.assertEqual([name for name in os.listdir(self.directory)
                           if not name.startswith(("stderr.", "sanitizer."))], [])
 
-    def test_append_adds_at_the_end_and_makes_the_file(self):
+    def test_append_writes_at_the_end_and_creates_the_file(self):
         path = self.path("log")
         self.assert_answer(("append", path, "a"), SUCCESS)
         self.assert_answer(("append", path, b"b\0\xff"), SUCCESS)
@@ -254,14 +254,14 @@ class FileTasks:
             "l 0777 0 0 0 1000000000 z -> a\\x5cb\\x0a"))
         self.assert_answer(("walktree", tree), SUCCESS, expected.encode())
 
-    def test_walktree_of_what_is_missing_or_a_link(self):
+    def test_walktree_of_a_missing_path_or_a_link(self):
         self.assert_answer(("walktree", self.path("missing")), failure(ENOENT))
         os.symlink("/etc", self.path("link"))
         reply = self.peer.ask("walktree", self.path("link"))
         self.assertEqual(reply.fields, SUCCESS)
         self.assertRegex(reply.output, rb"\Al 0777 0 0 0 \d+ \. -> /etc\n\Z")
 
-    def test_freeblocks_counts_what_is_free_to_everybody(self):
+    def test_freeblocks_counts_the_blocks_for_unprivileged_users(self):
         os.mkdir(self.path("disk"))
         world.mount("-t", "tmpfs", "-o", "size=1m", "tmpfs", self.path("disk"))
         self.addCleanup(world.unmount, self.path("disk"))
@@ -269,7 +269,7 @@ class FileTasks:
         self.assert_answer(("freeblocks", self.path("disk")), SUCCESS, str(free).encode())
         self.assert_answer(("freeblocks", self.path("missing")), failure(ENOENT), b"0")
 
-    def test_a_zero_byte_in_a_path_touches_nothing(self):
+    def test_a_zero_byte_in_a_path_is_refused(self):
         path = self.file("a", b"kept").encode() + b"\0x"
         one = ("chmodx", "fileexists", "read", "realpath", "unlink", "walktree")
         for task in one:
@@ -310,7 +310,7 @@ class ProgramTasks:
                            b"out\nerr\n")
         self.assert_answer(self.shell("kill -9 $$"), (1, 3, -1, 0, 9))
 
-    def test_exec_of_what_cannot_be_started(self):
+    def test_exec_of_a_program_that_cannot_be_started(self):
         self.assert_answer(("exec",), failure(EINVAL))
         self.assert_answer(("exec", "/no/such"), failure(ENOENT))
         self.assert_answer(("exec", "no-such-program"), failure(ENOENT))
@@ -324,11 +324,11 @@ class ProgramTasks:
         self.assert_answer(("exec", "/bin/tr\0ue"), failure(EINVAL))
         self.assert_answer(("exec", "/bin/true", "a\0b"), failure(EINVAL))
 
-    def test_exec_gives_a_program_a_clean_start(self):
+    def test_exec_starts_a_program_in_a_clean_environment(self):
         reply = self.peer.ask(*self.shell("readlink /proc/self/fd/0; ls /proc/self/fd | wc -l; "
                                           "grep -E 'Sig(Blk|Ign)' /proc/self/status; pwd"))
         self.assertEqual(reply.fields, (0, 2, 0, 0, 0))
-        # 0, 1, 2 and the one that ls reads the directory through.
+        # 0, 1, 2 and the descriptor with which ls reads the directory.
         self.assertEqual(reply.output, b"/dev/null\n4\nSigBlk:\t0000000000000000\n"
                                        b"SigIgn:\t0000000000000000\n/\n")
         reply = self.peer.ask(*self.shell("cut -d' ' -f1,5 /proc/$$/stat"))
@@ -342,23 +342,23 @@ class ProgramTasks:
         self.assert_answer(self.shell("trap '' TERM; echo deaf; while :; do sleep 0.1; done"),
                            (3, 4, -1, 110, signal.SIGKILL), b"deaf\n", exec_param=1)
 
-    def test_exec_within_its_limit_is_as_without(self):
+    def test_exec_within_its_limit_answers_as_without_a_limit(self):
         self.assert_answer(("exec", "/bin/echo", "quick"), (0, 2, 0, 0, 0), b"quick\n",
                            exec_param=100)
 
-    def test_exec_does_not_wait_for_others_that_hold_the_output_open(self):
+    def test_exec_does_not_wait_for_other_processes_that_hold_the_output_open(self):
         self.assert_answer(self.shell("sleep 1000 & echo started"), (0, 2, 0, 0, 0), b"started\n")
 
     def test_exec_waits_for_a_program_that_closed_its_output(self):
         self.assert_answer(self.shell("exec >&- 2>&-; sleep 0.2; exit 4"), (1, 2, 4, 0, 0))
 
-    def test_exec_keeps_sixteen_mebibytes_and_reads_the_rest_away(self):
+    def test_exec_keeps_sixteen_mebibytes_and_discards_the_rest(self):
         size = 16 << 20
         reply = self.peer.ask("exec", "head", "-c", str(40 << 20), "/dev/zero")
         self.assertEqual((reply.fields, reply.output == bytes(size)), ((0, 2, 0, 0, 0), True))
         self.assertEqual(self.log.count(f"exec: output cut at {size} bytes", WARNING), 1)
 
-    def test_wait_fetches_the_end_of_a_background_program_once(self):
+    def test_wait_reports_the_end_of_a_background_program_once(self):
         self.background("/bin/sh", "-c", "exit 9")
         self.assert_answer(("wait",), (1, 2, 9, 0, 0))
         self.assert_answer(("wait",), failure(ECHILD))
@@ -380,7 +380,7 @@ class ProgramTasks:
         except (FileNotFoundError, ProcessLookupError):
             return False
 
-    def test_kill_says_how_a_program_ended(self):
+    def test_kill_reports_how_a_program_ended(self):
         self.background("/bin/sh", "-c", f"trap 'exit 6' TERM; touch {self.path('up')}; "
                                          "while :; do sleep 0.01; done")
         wait_until(lambda: os.path.exists(self.path("up")), "it runs")
@@ -396,7 +396,7 @@ class ProgramTasks:
         self.assert_answer(("kill",), failure(ESRCH))
         self.assert_answer(("wait",), (1, 2, 2, 0, 0))
 
-    def test_without_a_program_there_is_nothing_to_kill_or_wait_for(self):
+    def test_kill_and_wait_without_a_program_fail(self):
         self.assert_answer(("kill",), failure(ESRCH))
         self.assert_answer(("wait",), failure(ECHILD))
         self.assert_answer(("exec", "/bin/true"), (0, 2, 0, 0, 0))
@@ -413,7 +413,7 @@ class ProgramTasks:
         os.kill(first, signal.SIGKILL)
         wait_until(lambda: not os.path.exists(f"/proc/{first}"), "it is reaped")
 
-    def test_output_of_a_background_program_goes_nowhere(self):
+    def test_output_of_a_background_program_is_discarded(self):
         self.background("/bin/sh", "-c", "echo lost; readlink /proc/self/fd/1 "
                                          f">{self.path('x')}; readlink /proc/self/fd/2 "
                                          f">{self.path('where')}")
@@ -442,7 +442,7 @@ class DeviceTasks:
     """Identity, LEDs and the update manager's state."""
 
     def leds(self, *names):
-        """Gives the device LEDs, each a directory with trigger, max_brightness and brightness."""
+        """Creates LED directories, each with trigger, max_brightness and brightness."""
         world.mount("-t", "tmpfs", "tmpfs", "/sys/class")
         self.addCleanup(world.unmount, "/sys/class")
         for name in names:
@@ -456,7 +456,7 @@ class DeviceTasks:
         with open(f"/sys/class/leds/{name}/{file}", encoding="ascii") as text:
             return text.read().strip()
 
-    def test_hostid_is_the_machines(self):
+    def test_hostid_is_that_of_the_machine(self):
         with open("/etc/machine-id", "w", encoding="ascii") as file:
             file.write("  0123456789abcdef more\n")
         self.assert_answer(("hostid",), SUCCESS, b"0123456789abcdef")
@@ -465,7 +465,7 @@ class DeviceTasks:
         self.assertEqual(reply.fields, SUCCESS)
         self.assertRegex(reply.output, rb"\A[0-9a-f]{8}\Z")
 
-    def test_devicetype_follows_what_the_kernel_shows(self):
+    def test_devicetype_depends_on_the_hardware_description(self):
         self.leds()
         controller = (os.path.exists("/proc/device-tree/compatible") or
                       os.path.exists("/sys/firmware/devicetree/base/compatible"))
@@ -480,7 +480,7 @@ class DeviceTasks:
                 pass
         self.assert_answer(("devicetype",), SUCCESS, b"controller")
 
-    def test_changeleds_takes_exactly_a_one_as_on(self):
+    def test_changeleds_accepts_only_a_one_as_on(self):
         self.leds("first", "second")
         for words, expected in ((("1", "1"), ("255", "255")), (("on", "yes"), ("0", "0")),
                                 (("1", "0"), ("255", "0")), (("01", "1"), ("0", "255")),
@@ -494,13 +494,13 @@ class DeviceTasks:
         self.assert_answer(("changeleds", "1", "1"), failure(ENOENT))
         self.assertEqual(self.led("second"), "255")
 
-    def test_blinkleds_sets_the_first_phase_at_once(self):
+    def test_blinkleds_sets_the_first_phase_immediately(self):
         self.leds("first", "second")
         for style, expected in (("on", ("255", "255")), ("off", ("0", "0"))):
             self.assert_answer(("blinkleds", style), SUCCESS)
             self.assertEqual((self.led("first"), self.led("second")), expected)
 
-    def test_blinkleds_goes_on_by_itself_until_told_otherwise(self):
+    def test_blinkleds_continues_until_the_next_request(self):
         self.leds("first", "second")
         for style, together in (("slow", True), ("fast", True), ("alternate", False)):
             self.assert_answer(("blinkleds", style), SUCCESS)
@@ -519,7 +519,7 @@ class DeviceTasks:
             self.assert_answer(("blinkleds", style), failure(EINVAL))
         self.assertEqual((self.led("first"), self.led("second")), ("7", "7"))
 
-    def test_updateumstate_keeps_a_file_for_each_key(self):
+    def test_updateumstate_stores_a_file_for_each_key(self):
         key = "a.B-9_" + "k" * 249
         for content in (b"first", b"\0binary\xff", b""):
             self.assert_answer(("updateumstate", key, content), SUCCESS)
@@ -528,14 +528,14 @@ class DeviceTasks:
         self.assertEqual(stat.S_IMODE(os.stat("/var/lib/runeld/umstate").st_mode), 0o755)
         self.assertEqual(os.listdir("/var/lib/runeld/umstate"), [key])
 
-    def test_updateumstate_refuses_keys_that_are_no_plain_names(self):
+    def test_updateumstate_refuses_keys_that_are_not_file_names(self):
         for key in ("", ".hidden", "..", "a/b", "a b", "a\0", "\xe4", "k" * 256):
             self.assert_answer(("updateumstate", key, "x"), failure(EINVAL))
         self.assertFalse(os.path.exists("/var/lib/runeld/umstate/.hidden"))
 
 
 class RequestTasks:
-    """What holds for every request."""
+    """Rules for every request."""
 
     def refused(self, text):
         text = f"({self.running.pid}) {text}".encode()
@@ -549,7 +549,7 @@ class RequestTasks:
                 self.peer.send(request(name, "/"))
                 self.refused(f"unknown cmd: {name}")
 
-    def test_a_name_too_long_for_the_log_is_answered_whole_and_logged_cut(self):
+    def test_a_long_task_name_is_answered_whole_and_truncated_in_the_log(self):
         name = "n" * 300000
         mark = self.log.mark()
         self.peer.send(request(name, "/"))
@@ -590,7 +590,7 @@ class RequestTasks:
         self.assertEqual([self.peer.receive().output for _ in paths],
                          [b"%d" % number for number in range(300)])
 
-    def test_each_task_sees_what_the_one_before_it_did(self):
+    def test_each_task_sees_the_effect_of_the_previous_one(self):
         path = self.path("a")
         self.peer.send(request("write", path, "one") + request("append", path, "two") +
                        request("read", path) + request("unlink", path) +
@@ -599,7 +599,7 @@ class RequestTasks:
         self.assertEqual(fields, [(SUCCESS, b""), (SUCCESS, b""), (SUCCESS, b"onetwo"),
                                   (SUCCESS, b""), (failure(ENOENT), b"")])
 
-    def test_a_megabyte_goes_both_ways(self):
+    def test_a_megabyte_passes_in_both_directions(self):
         content = os.urandom(3 << 20)
         self.assert_answer(("write", self.path("big"), content), SUCCESS)
         self.assert_answer(("read", self.path("big")), SUCCESS, content)
@@ -621,9 +621,9 @@ class RequestTasks:
 
 
 class ClientConnectionTest(FileTasks, ProgramTasks, DeviceTasks, RequestTasks, TaskCase):
-    """All of it over a connection to port 5111."""
+    """All tasks over a connection to port 5111."""
 
-    def test_write_and_append_give_up_on_a_reader_that_takes_nothing(self):
+    def test_write_and_append_give_up_when_the_reader_reads_nothing(self):
         path = self.path("pipe")
         os.mkfifo(path)
         reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
@@ -636,14 +636,14 @@ class ClientConnectionTest(FileTasks, ProgramTasks, DeviceTasks, RequestTasks, T
 
 
 class SlaveConnectionTest(FileTasks, ProgramTasks, DeviceTasks, RequestTasks, TaskCase):
-    """All of it over the connection that the daemon made to its master."""
+    """All tasks over the slave connection."""
 
     def connect(self):
         return self.slave_connection()
 
 
 class RebootTest(EndToEndCase):
-    """reboot(2) ends the PID namespace that the daemon is process 1 of."""
+    """reboot(2) ends the PID namespace in which the daemon is process 1."""
 
     NAMESPACE = ("unshare", "--pid", "--fork", "--kill-child")
 
@@ -653,11 +653,11 @@ class RebootTest(EndToEndCase):
         peer.read_to_end()
         self.assertEqual(daemon.process.wait(60), -signal.SIGHUP)
 
-    def test_a_client_gets_its_answer_before_the_device_goes_down(self):
+    def test_a_client_gets_its_answer_before_the_reboot(self):
         daemon = self.daemon(wrapper=self.NAMESPACE)
         self.reboot(self.client(), daemon)
 
-    def test_a_master_gets_its_answer_before_the_device_goes_down(self):
+    def test_a_master_gets_its_answer_before_the_reboot(self):
         daemon, master = self.slave_connection(wrapper=self.NAMESPACE)
         self.reboot(master, daemon)
 
@@ -680,7 +680,7 @@ class RebootTest(EndToEndCase):
 
 
 class TwoConnectionsTest(EndToEndCase):
-    """What is a connection's own, and what is shared."""
+    """State per connection and shared state."""
 
     def test_programs_belong_to_their_connection(self):
         daemon = self.daemon()
@@ -717,7 +717,7 @@ class TwoConnectionsTest(EndToEndCase):
         self.assert_stops(daemon)
         self.assertTrue(os.path.exists(f"/proc/{int(self.content('pid'))}/exe"))
 
-    def test_a_program_does_not_hold_the_port(self):
+    def test_a_program_does_not_inherit_the_port(self):
         first = self.daemon()
         self.client().ask("exec", "sleep", "1000", exec_param=-1)
         self.assert_stops(first)

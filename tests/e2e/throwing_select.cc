@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: the first wait of its loop throws what RUNELD_THROW names,
-// past every guard that the loop has.
+// Preloaded into a daemon under test: the first select() of its loop throws the exception that
+// RUNELD_THROW names, outside every guard of the loop.
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>

@@ -1,2 +1,2 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Mixed work on one daemon for a long time: whether anything is lost, and whether anything grows."""
+"""Soak test: mixed work on one daemon for a long time. Checks for lost answers and for growth."""

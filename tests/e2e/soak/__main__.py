@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs a soak in this world and judges it: see scripts/soak, which builds and calls it.
+"""Runs a soak test in this world and checks the result. scripts/soak builds and calls it.
 
     scripts/world --no-log python3 -B -m soak MINUTES [--requests N] [--to DIRECTORY] [--seed N]
         [--full MINUTES]
@@ -23,17 +23,17 @@ from support.daemon import Daemon, is_instrumented, sanitizer_reports
 from support.sizes import sized
 from support.wait import TIMEOUT
 
-QUIET = 900  # connections that are there from beginning to end
-GROWTH = 2 << 20  # bytes that the allocator may keep
+QUIET = 900  # connections that last for the whole run
+GROWTH = 2 << 20  # bytes that the allocator may retain
 
-# How many of each worker besides, and their mean pause in seconds.
+# The number of the other workers of each kind, and their mean pause in seconds.
 CREW = ((workers.guest, 20, 0.5), (workers.writer, 10, 1.0), (workers.resetter, 15, 0.5),
         (workers.dawdler, 15, 0.5), (workers.intruder, 10, 1.0), (workers.slow_reader, 2, 5.0),
         (workers.programs, 5, 1.0))
 
 
 class NoSyslog:
-    """In place of the collector that other tests have: the run reads the log itself."""
+    """Replaces the log collector of other tests: the run reads the log itself."""
 
     @staticmethod
     def mark():
@@ -41,7 +41,7 @@ class NoSyslog:
 
 
 def workforce(run, work, bulk, pause, quiet):
-    """All workers of a run; @p bulk is the number of those that send a hundred at a time."""
+    """All workers of a run. @p bulk: number of workers that pipeline a hundred requests."""
     yield relays.Story(run, work, 0.2).go()
     for _ in range(quiet):
         yield workers.quiet(run, work, 10.0)
@@ -53,7 +53,7 @@ def workforce(run, work, bulk, pause, quiet):
 
 
 class Soak:
-    """One daemon and its life under load, in phases that each end with nobody connected."""
+    """One daemon under load, in phases. No peer is connected at the end of a phase."""
 
     def __init__(self, options, directory):
         self.options = options
@@ -66,7 +66,7 @@ class Soak:
                              environment={**preload, **self.meter.environment})
 
     async def phase(self, seconds, requests):
-        """Works until both @p seconds are over and @p requests are answered; then all leave."""
+        """Works until @p seconds have passed and @p requests are answered; then all disconnect."""
         self.run.working = True
         enough = self.run.answered + requests
         end = time.monotonic() + seconds
@@ -79,7 +79,7 @@ class Soak:
                                          return_when=asyncio.FIRST_EXCEPTION)
             self.check()
             for task in done:
-                task.result()  # raises what a worker found
+                task.result()  # raises the failure of a worker
         with self.run.waiting("the connections to be dropped"):
             while self.run.open > 0:
                 await asyncio.sleep(0.05)
@@ -94,7 +94,7 @@ class Soak:
             self.meter.sample(self.daemon, self.run.open, self.run.answered)
 
     async def go(self):
-        """The whole run: a part of it to warm up, the rest to see whether anything grows."""
+        """The whole run: a warm-up, then the part that is checked for growth."""
         await self.run.log.listening()
         self.idle = await self.fewest_descriptors()
         seconds = self.options.minutes * 60
@@ -102,7 +102,7 @@ class Soak:
         resident = await self.settled()
         await self.phase(seconds * 0.8, self.options.requests - self.run.answered)
         grown = await self.settled()
-        if not is_instrumented():  # which keeps what is freed
+        if not is_instrumented():  # the sanitizer retains freed memory
             assert grown < resident + GROWTH, f"memory: {resident} before, {grown} after"
         self.run.check()
         status = self.daemon.stop()
@@ -112,7 +112,7 @@ class Soak:
         self.rest = (resident, grown)
 
     async def fewest_descriptors(self):
-        """Those that are always there: it tries to reach its master now and then, which takes one."""
+        """The minimum number of descriptors: the daemon periodically opens one for its master."""
         counts = []
         for _ in range(20):
             counts.append(len(self.daemon.descriptors()))
@@ -120,7 +120,7 @@ class Soak:
         return min(counts)
 
     async def settled(self):
-        """Memory of the daemon when it has as many descriptors as at first, and no child."""
+        """Memory of the daemon, once it has its initial number of descriptors and no child."""
         deadline = time.monotonic() + TIMEOUT
         while len(self.daemon.descriptors()) > self.idle or self.daemon.zombies():
             assert time.monotonic() < deadline, (
@@ -129,7 +129,7 @@ class Soak:
         return self.daemon.resident_bytes()
 
     def report(self):
-        """What was done and found, as Markdown."""
+        """The report, in Markdown."""
         run, samples = self.run, self.meter.samples
         seconds = samples[-1].seconds
         before, after = self.rest

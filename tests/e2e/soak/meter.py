@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What is measured of the daemon while it works, once in a while and from outside."""
+"""Samples the daemon periodically from outside."""
 import dataclasses
 import mmap
 import os
@@ -7,14 +7,14 @@ import struct
 import time
 
 BUCKETS = 40
-LAYOUT = struct.Struct(f"={3 + BUCKETS}Q")  # pass_clock.c has it
-WORST = 16  # where the longest pass stands
-LONGEST_ZOMBIE = 30.0  # seconds: less than the busy part of the short form
+LAYOUT = struct.Struct(f"={3 + BUCKETS}Q")  # as in pass_clock.c
+WORST = 16  # offset of the longest pass
+LONGEST_ZOMBIE = 30.0  # seconds; less than the load phase of the short form
 
 
 @dataclasses.dataclass(frozen=True)
 class Sample:
-    """One line of the table. Times of a pass are in milliseconds, `seconds` since the beginning."""
+    """One row of the table. Pass times in milliseconds, `seconds` since the start."""
     seconds: float
     connections: int
     answers: int
@@ -23,14 +23,14 @@ class Sample:
     zombies: int
     passes: int
     median: float
-    most: float  # 99 of 100 passes took no longer
+    most: float  # 99th percentile
     worst: float
-    busy: float  # processor time of the daemon, as a share of one processor
-    harness: float  # the same of this program
+    busy: float  # processor time of the daemon, as a fraction of one processor
+    harness: float  # that of this program
 
 
 def within(buckets, share):
-    """An upper bound, in milliseconds, of what @p share of the passes took."""
+    """An upper bound, in milliseconds, for the duration of @p share of the passes."""
     wanted = sum(buckets) * share
     for number, count in enumerate(buckets):
         wanted -= count
@@ -40,7 +40,7 @@ def within(buckets, share):
 
 
 class Meter:
-    """Samples one daemon, which has pass_clock preloaded on the file that this class makes."""
+    """Samples one daemon, which runs with pass_clock and the file that this class creates."""
 
     def __init__(self, path):
         with open(path, "wb") as file:
@@ -53,10 +53,10 @@ class Meter:
         self._buckets = [0] * BUCKETS
         self._passes = 0
         self._spent = self._spent_here = 0.0
-        self._zombies = {}  # and when each was first seen
+        self._zombies = {}  # by first time seen
 
     def sample(self, daemon, connections, answers):
-        """Takes a sample of @p daemon. AssertionError for a zombie that stays."""
+        """Takes a sample of @p daemon. Raises AssertionError for a lasting zombie."""
         now = time.monotonic()
         passes, _, worst, *buckets = LAYOUT.unpack(self._clock[:])
         self._clock[WORST:WORST + 8] = bytes(8)
@@ -64,7 +64,7 @@ class Meter:
         spent, here = daemon.cpu_seconds(), sum(os.times()[:2])
         span = max(now - self._last, 1e-9)
         zombies = {pid: self._zombies.get(pid, now) for pid in daemon.zombies()}
-        # One whose connection asks for its end is one until that is served.
+        # A background program stays a zombie until the "wait" of its connection is served.
         assert all(now - since < LONGEST_ZOMBIE for since in zombies.values()), \
             "a program that ended is not taken in"
         self.samples.append(Sample(

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The samples of a run as a table and as a picture."""
+"""Renders the samples of a run as a table and as an SVG."""
 import math
 
 WIDTH, HEIGHT, LEFT, TOP, GAP = 860, 120, 90, 40, 46
@@ -21,7 +21,7 @@ COLUMNS = (
 
 
 def table(samples, rows=24):
-    """Markdown, of @p rows samples at most; times of a pass in ms, the median and 99 % as bounds."""
+    """Markdown table of at most @p rows samples. Pass times in ms; median and 99 % are bounds."""
     step = max(1, math.ceil(len(samples) / rows))
     chosen = samples[::step]
     lines = ["| " + " | ".join(name for name, _ in COLUMNS) + " |", "|---:" * len(COLUMNS) + "|"]
@@ -30,13 +30,13 @@ def table(samples, rows=24):
 
 
 def rates(samples):
-    """Answers a second, between each sample and the one before."""
+    """Answers per second between consecutive samples."""
     pairs = zip([samples[0], *samples], samples)
     return [(new.answers - old.answers) / max(new.seconds - old.seconds, 1e-3) for old, new in pairs]
 
 
 class Chart:
-    """One of the pictures' rows: some lines over the time, on one scale."""
+    """One chart of the picture: lines over time on one scale."""
 
     def __init__(self, title, lines, logarithmic=False):
         self.title, self.lines, self.logarithmic = title, lines, logarithmic

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The master and the local agents: what they say to each other, and how they come and go."""
+"""The master and the local agents: their clauses, connections and disconnections."""
 import asyncio
 import itertools
 import socket
@@ -12,7 +12,7 @@ CLOSING = b"\r\n"
 
 
 class Master:
-    """Listens for the daemon's connections while it is there."""
+    """Listens for the daemon's connections between `appear` and `vanish`."""
 
     def __init__(self, run):
         self._run = run
@@ -44,7 +44,7 @@ class Master:
 
 
 class Story:
-    """One master and one agent at a time, through everything that can happen between them."""
+    """Takes one master and one agent through every event between them."""
 
     def __init__(self, run, work, pause):
         self._run, self._work, self._pause = run, work, pause
@@ -53,7 +53,7 @@ class Story:
         self._slave = None
 
     async def go(self):
-        """Tells one episode after the other while the run works."""
+        """Runs one episode after the other while the run works."""
         self._master.appear()
         self._slave = await self._master.accept()
         episodes = (self._visit, self._replacement, self._bridge_lost, self._slave_lost,
@@ -78,7 +78,7 @@ class Story:
         return b"<%b>%b</%b>" % (name, b"text<br/> " * (size // 10), name)
 
     async def _relay(self, origin, target):
-        """What @p origin says, in pieces, reaches @p target."""
+        """Checks that clauses from @p origin, sent in pieces, reach @p target."""
         for _ in range(self._run.random.randrange(1, 6)):
             clause = self._clause()
             for piece in cut(self._run, clause + CLOSING):
@@ -91,7 +91,7 @@ class Story:
             self._run.counts["clauses relayed"] += 1
 
     async def _arrive(self):
-        """A new agent that has said something, which is not read yet on the other side."""
+        """A new agent that has sent a clause, which the master has not read yet."""
         agent = await self._run.connect()
         hello = self._clause()
         agent.send(hello)
@@ -156,8 +156,8 @@ class Story:
         self._slave = await self._master.accept()
         self._run.counts["masters that vanished and returned"] += 1
 
-    async def _notice(self):
-        """The daemon sees what happened before: each answer is another pass of its loop."""
+    async def _settle(self):
+        """Lets the daemon handle earlier events: each answer takes another pass of its loop."""
         client = await self._run.connect()
         for _ in range(3):
             await client.ask(*self._work.small)
@@ -165,7 +165,7 @@ class Story:
 
     async def _visit_without_master(self):
         self._master.vanish()
-        await self._notice()  # or the lost slave connection would take the new agent along
+        await self._settle()  # otherwise the lost slave connection would close the new agent
         agent, hello = await self._arrive()
         await asyncio.sleep(self._run.random.random())
         self._master.appear()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What all workers of a soak share: connections, the log, the count of what was asked and answered."""
+"""Shared state of all workers: connections, the log, the counts of requests and answers."""
 import asyncio
 import collections
 import os
@@ -13,11 +13,11 @@ from support.logs import ERR, WARNING, parse
 from support.wait import TIMEOUT
 
 MOST_CONNECTIONS = 950
-MOST_WAITING = 100  # to be accepted; the kernel forgets handshakes that do not fit its queue of 128
+MOST_WAITING = 100  # waiting for accept(); the kernel's queue holds 128
 IGNORED = ("handle_data_read: ignoring telnet", "handle_data_read: discarding first packet")
 NUMBER = re.compile(r"\d+")
 
-# What the log may have at these levels: traces of what the workers do on purpose.
+# Permitted log lines at these levels: effects of intended faults.
 EXPECTED = re.compile(
     r"empty read from (in|out)bound socket \d+, (from|to) 127\.0\.0\.1, it's dead|"
     r"recvfrom: socket \d+, 104 Connection reset by peer|"
@@ -30,7 +30,7 @@ EXPECTED = re.compile(
 
 
 class Log:
-    """Reads /dev/log on the event loop. A line that must not be there ends the run."""
+    """Reads /dev/log on the event loop. A line that is not permitted ends the run."""
 
     def __init__(self, on_accept, on_drop):
         self.kinds = collections.Counter()
@@ -39,7 +39,7 @@ class Log:
         self._on_accept = on_accept
         self._on_drop = on_drop
         with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as length:
-            length.write("4096")  # or the daemon would wait for this program's turn
+            length.write("4096")  # otherwise the daemon would wait for this program
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         self._socket.bind("/dev/log")
         self._listening = asyncio.Event()
@@ -79,7 +79,7 @@ class Log:
 
 
 class Link:
-    """One connection. What comes is compared with what must come."""
+    """One connection. Compares received bytes with the expected ones."""
 
     def __init__(self, run, reader, writer):
         self._run = run
@@ -90,7 +90,7 @@ class Link:
         self.writer.write(data)
 
     async def expect(self, data, what):
-        """Reads as many bytes as @p data has, and compares them."""
+        """Reads the length of @p data and compares the bytes."""
         with self._run.waiting(what):
             try:
                 got = await self._reader.readexactly(len(data))
@@ -99,20 +99,20 @@ class Link:
         assert got == data, f"{what}: {got[:200]!r} instead of {data[:200]!r}"
 
     async def expect_slowly(self, data, part, pause, what):
-        """As `expect`, at most @p part bytes at a time, with a pause between."""
+        """As `expect`, but reads at most @p part bytes between pauses."""
         for at in range(0, len(data), part):
             await self.expect(data[at:at + part], what)
             await asyncio.sleep(pause)
 
     async def ask(self, question, answer, count=1):
-        """Sends one question @p count times, and takes the answers."""
+        """Sends one request @p count times, and checks the answers."""
         self._run.asked += count
         self.send(question * count)
         await self.expect(answer * count, question[:80])
         self._run.answered += count
 
     async def expect_end(self, what):
-        """The daemon closes the connection and sends nothing before."""
+        """Expects that the daemon closes the connection without sending anything."""
         with self._run.waiting(what):
             try:
                 rest = await self._reader.read(1 << 16)
@@ -124,14 +124,14 @@ class Link:
         self.writer.close()
 
     def reset(self):
-        """Closes so that the other side sees a reset instead of an end."""
+        """Closes with a reset instead of an end of file."""
         connected = self.writer.get_extra_info("socket")
         connected.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.writer.transport.abort()
 
 
 class Waiting:
-    """Keeps note of what is waited for, and since when."""
+    """Records what a worker waits for, and since when."""
 
     def __init__(self, run, what):
         self._run, self._what = run, what
@@ -144,14 +144,14 @@ class Waiting:
 
 
 class Run:
-    """The state of a run. Workers go on while `working` is set."""
+    """The state of a run. Workers continue while `working` is set."""
 
     def __init__(self, seed, directory):
         self.random = random.Random(seed)
         self.directory = directory
         self.working = True
         self.asked = self.answered = self.given_up = 0
-        self.counts = collections.Counter()  # of what was done, by its name
+        self.counts = collections.Counter()  # counts of actions, by name
         self.waits = {}
         self.accepted = self.dropped = self._connects = 0
         self.one_stranger = asyncio.Lock()
@@ -168,21 +168,21 @@ class Run:
 
     @property
     def open(self):
-        """Connections that the daemon has, or is about to have."""
+        """Number of accepted and pending connections."""
         return self._connects - self.dropped
 
     def waiting(self, what):
         return Waiting(self, what)
 
     def check(self):
-        """AssertionError when something has been waited for too long, or was logged."""
+        """Raises AssertionError after a wait that is too long, or for a log line."""
         now = time.monotonic()
         for since, what in self.waits.values():
             assert now - since < TIMEOUT, f"waited {now - since:.0f} s for: {what}"
         assert self.log.failure is None, self.log.failure
 
     async def connect(self, receive_buffer=None):
-        """A new connection to the daemon; waits while there are as many as it takes."""
+        """A new connection to the daemon; waits while the daemon has the maximum number."""
         while (self.open >= MOST_CONNECTIONS or
                self._connects - self.accepted >= MOST_WAITING):
             self._room.clear()
@@ -202,7 +202,7 @@ class Run:
         return Link(self, *await asyncio.open_connection(sock=connected))
 
     async def pause(self, mean):
-        """Sleeps for a random time, in seconds, or until the work is over."""
+        """Sleeps for a random time, in seconds, or until the work ends."""
         end = time.monotonic() + self.random.expovariate(1 / mean)
         while self.working and time.monotonic() < end:
             await asyncio.sleep(min(1.0, max(end - time.monotonic(), 0)))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What clients do on port 5111: each worker is a coroutine that goes on while the run works."""
+"""Clients of port 5111. Each worker is a coroutine that continues while the run works."""
 import asyncio
 import itertools
 import os
@@ -14,7 +14,7 @@ BAD_FRAMES = (b"x", b"\x0101\x02", b"\x01\x02", b"\x01999999999", b"\x01-1\x02")
 
 
 def answer(output=b"", fields=SUCCESS):
-    """The bytes of the one reply that is right."""
+    """The bytes of the expected reply."""
     return frame(b"SlaveTask 0 0 %d:%b %b" % (len(output), output, fields))
 
 
@@ -31,7 +31,7 @@ def stat_text(path):
 
 
 class Work:
-    """The questions that any connection may ask, each with its answer, and what they need."""
+    """The requests of any connection, with their answers and files."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -82,7 +82,7 @@ def cut(run, data):
 
 
 async def quiet(run, work, pause):
-    """Is there for as long as the run, and asks now and then."""
+    """Stays connected for the whole run and sends occasional requests."""
     link = await run.connect()
     while run.working:
         await link.ask(*run.random.choice(work.mixed))
@@ -91,7 +91,7 @@ async def quiet(run, work, pause):
 
 
 async def bulk(run, work, pause):
-    """As many requests as the pause allows, a hundred on the way at a time."""
+    """Pipelines a hundred requests after each pause."""
     while run.working:
         link = await run.connect()
         for _ in range(40):
@@ -104,7 +104,7 @@ async def bulk(run, work, pause):
 
 
 async def guest(run, work, pause):
-    """Comes, asks a little, goes."""
+    """Connects, sends a few requests, disconnects."""
     while run.working:
         link = await run.connect()
         for _ in range(run.random.randrange(4)):
@@ -115,7 +115,7 @@ async def guest(run, work, pause):
 
 
 async def writer(run, work, pause):
-    """Stores a file, adds to it, reads it back, removes it."""
+    """Writes a file, appends to it, reads it, removes it."""
     link = await run.connect()
     path = os.path.join(work.directory, f"file{next(NUMBERS)}")
     while run.working:
@@ -132,7 +132,7 @@ async def writer(run, work, pause):
 
 
 async def resetter(run, work, pause):
-    """Asks, and resets its connection at any point of that."""
+    """Sends requests and resets its connection at a random point."""
     while run.working:
         link = await run.connect()
         data = b"".join(run.random.choice(work.mixed)[0] for _ in range(run.random.randrange(8)))
@@ -146,7 +146,7 @@ async def resetter(run, work, pause):
 
 
 async def dawdler(run, work, pause):
-    """Sends frames in pieces with pauses between; some are never finished."""
+    """Sends frames in pieces with pauses; leaves some unfinished."""
     while run.working:
         link = await run.connect()
         question, right = run.random.choice(work.mixed)
@@ -163,7 +163,7 @@ async def dawdler(run, work, pause):
 
 
 async def stranger(run, question, right):
-    """Says something else first, and what it wants when that has been read and ignored."""
+    """Sends bytes of no protocol first, and requests after those were read and ignored."""
     link = await run.connect()
     async with run.one_stranger:
         before = run.log.ignored
@@ -176,7 +176,7 @@ async def stranger(run, question, right):
 
 
 async def intruder(run, work, pause):
-    """Says what is no frame: before its request, which is forgiven, or behind it."""
+    """Sends malformed bytes: before its request, which is tolerated, or after it."""
     question, right = work.small
     while run.working:
         if run.random.randrange(2):
@@ -195,7 +195,7 @@ async def intruder(run, work, pause):
 
 
 async def slow_reader(run, work, pause):
-    """Takes its time over a megabyte."""
+    """Reads a megabyte slowly."""
     question, right = work.large
     while run.working:
         link = await run.connect(receive_buffer=65536)
@@ -209,7 +209,7 @@ async def slow_reader(run, work, pause):
 
 
 async def programs(run, _work, pause):
-    """Runs programs: to their end, in the background, until killed, and left behind."""
+    """Runs programs: in the foreground, in the background, killed, and left running."""
     link = await run.connect()
     started = answer(fields=b"2 1 0 0 0")
     while run.working:

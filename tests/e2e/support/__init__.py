@@ -1,2 +1,2 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the end-to-end tests share: the world they run in, the daemon, its log and its peers."""
+"""Shared parts of the end-to-end tests: the world, the daemon, its log and its peers."""

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The base of all end-to-end tests: a clean world before each, no trace and no report after it."""
+"""The base of all end-to-end tests: a clean world before each, no sanitizer report after it."""
 import os
 import shutil
 import socket
@@ -16,12 +16,12 @@ SUCCESS = (0, 0, 0, 0, 0)
 
 
 def failure(number):
-    """The fields of a task that failed with error @p number."""
+    """The status fields of a task that failed with error @p number."""
     return (1, 0, 1, number, 0)
 
 
 class EndToEndCase(unittest.TestCase):
-    """Starts daemons and peers that end with the test, and checks the sanitizers' reports."""
+    """Starts daemons and peers, ends them with the test, and checks for sanitizer reports."""
 
     maxDiff = None
 
@@ -42,7 +42,7 @@ class EndToEndCase(unittest.TestCase):
         return os.path.join(self.directory, name)
 
     def file(self, name, content=b""):
-        """Makes a file in the test's directory and gives its path."""
+        """Creates a file in the test's directory. Returns its path."""
         with open(self.path(name), "wb") as file:
             file.write(content)
         return self.path(name)
@@ -62,7 +62,7 @@ class EndToEndCase(unittest.TestCase):
         return master
 
     def fill_queue(self):
-        """Fills a master's queue, so that the kernel drops every further handshake: the clients."""
+        """Fills a master's queue: the kernel drops further handshakes. Returns the clients."""
         fillers = []
         while True:
             filler = socket.socket()
@@ -82,11 +82,11 @@ class EndToEndCase(unittest.TestCase):
         return client
 
     def slave_connection(self, *arguments, **options) -> tuple[Daemon, Peer]:
-        """A daemon and the master's end of the connection that it made to its master."""
+        """A daemon and the master's end of its slave connection."""
         master = self.master()
         daemon = self.daemon(*arguments, **options)
         return daemon, master.accept()
 
     def assert_stops(self, daemon):
-        """It ends by SIGTERM in good order, which also has the leak check run."""
+        """Expects a regular end after SIGTERM, which runs the leak check as well."""
         self.assertEqual(daemon.stop(), 0)

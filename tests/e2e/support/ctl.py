@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""runelctl as users run it, and peers that are no devices, or bad ones."""
+"""Runs runelctl as users do, against scripted and faulty peers."""
 import contextlib
 import dataclasses
 import hashlib
@@ -43,7 +43,7 @@ class Result:
 
 
 class CtlCase(EndToEndCase):
-    """Runs the binary; each run ends in time and leaves no report of a sanitizer."""
+    """Runs the binary. Each run ends within its timeout and without a sanitizer report."""
 
     def environment(self, extra=None):
         clean = {name: value for name, value in os.environ.items()
@@ -52,7 +52,7 @@ class CtlCase(EndToEndCase):
                 **sanitizer_options(self.directory), **(extra or {})}
 
     def start(self, *words, stdin=subprocess.DEVNULL, env=None, **options):
-        """Starts it with pipes on standard output and standard error."""
+        """Starts runelctl with pipes as standard output and standard error."""
         assert os.path.isabs(BINARY), "RUNELCTL_BIN must name the binary"
         streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
         process = subprocess.Popen([BINARY, *words], stdin=stdin, env=self.environment(env),
@@ -60,11 +60,11 @@ class CtlCase(EndToEndCase):
         self.addCleanup(self._end, process)
         return process
 
-    _record_mode = "w"  # what an earlier run of the tests left is not ours
+    _record_mode = "w"  # ignore the record of an earlier test run
 
     @classmethod
     def _record(cls, process):
-        """For check_runelctl_used: what was tried, and how it ended (null: it ran on)."""
+        """Records arguments and exit status for check_runelctl_used (null: still running)."""
         words = [os.fsdecode(word) for word in process.args[1:]]
         with open(RECORD, CtlCase._record_mode, encoding="ascii") as record:
             record.write(json.dumps([words, process.poll()]) + "\n")
@@ -89,13 +89,13 @@ class CtlCase(EndToEndCase):
         return Result(process.returncode, out, err)
 
     def succeed(self, *words, **options):
-        """A run that must succeed without a word on standard error."""
+        """A run that must succeed with an empty standard error."""
         result = self.ctl(*words, **options)
         self.assertEqual((result.status, result.err), (0, b""), (words, result.out[-500:]))
         return result
 
     def on_terminal(self, *words, typed=b"", columns=80, env=None, until=None, timeout=TIMEOUT):
-        """A run with a terminal on all three; gives its status and all that was shown."""
+        """A run on a terminal. Returns its status and the terminal output."""
         master, slave = pty.openpty()
         with contextlib.suppress(OSError):
             import fcntl
@@ -128,12 +128,12 @@ class CtlCase(EndToEndCase):
         return process.wait(TIMEOUT), bytes(shown)
 
     def odd_peer(self, serve, address="127.0.0.1", port=0):
-        """A listener that has @p serve deal with each connection; its address and port."""
+        """Starts a listener that calls @p serve with each connection. Returns HOST:PORT."""
         return OddPeer(self, serve, address, port).where
 
 
 class OddPeer:
-    """Accepts in a thread and serves each connection in one of its own."""
+    """Accepts connections in a thread and serves each one in a separate thread."""
 
     def __init__(self, case, serve, address, port):
         self.serve = serve
@@ -170,13 +170,13 @@ def hang(connected):
 
 
 def reply(output=b"", fields=(0, 0, 0, 0, 0)):
-    """One framed answer."""
+    """The frame of one reply."""
     record = b"SlaveTask 0 0 %d:%s %d %d %d %d %d" % (len(output), output, *fields)
     return b"\x01%d\x02%s" % (len(record), record)
 
 
 def answer_each(*answers):
-    """Sends the next of @p answers for each packet that comes, the last one again and again."""
+    """Sends the next of @p answers for each received packet, and repeats the last one."""
     def serve(connected):
         left = list(answers)
         while connected.recv(65536):
@@ -185,7 +185,7 @@ def answer_each(*answers):
 
 
 def say(*parts):
-    """Sends @p parts at the first packet and closes."""
+    """Sends @p parts after the first packet and closes."""
     def serve(connected):
         connected.recv(65536)
         for part in parts:
@@ -195,8 +195,8 @@ def say(*parts):
 
 
 class Between:
-    """Relays between runelctl and a daemon. After @p limit bytes that way, `meet` is called once in
-    place of relaying on; the connection is cut when it returns False."""
+    """Relays between runelctl and a daemon. Calls `meet` once after @p limit bytes in one
+    direction, and cuts the connection if it returns False."""
 
     def __init__(self, case, limit, meet=lambda: False, back=False, port=5111):
         self.limit = limit
@@ -233,7 +233,7 @@ def small_disk(case, name, size):
 
 
 def only_programs(case, *names):
-    """A PATH on which there are no other programs."""
+    """A PATH with only the given programs."""
     directory = case.path("bin-" + "-".join(names))
     os.mkdir(directory)
     for name in names:
@@ -242,7 +242,7 @@ def only_programs(case, *names):
 
 
 def snapshot(directory):
-    """All below @p directory: kind, mode, time and content by relative path."""
+    """Type, mode, time and content of everything below @p directory, by relative path."""
     found = {}
     directory = os.fsencode(directory)
     for top, directories, files in os.walk(directory):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The daemon under test: started as a process, looked at from outside, ended."""
+"""The daemon under test: starts it, inspects it from outside, and ends it."""
 import contextlib
 import ctypes
 import os
@@ -16,7 +16,7 @@ REPORT = re.compile(r"AddressSanitizer|LeakSanitizer|UndefinedBehaviorSanitizer|
 
 
 def is_instrumented():
-    """Whether the binary is built with the address sanitizer, which keeps freed memory for a while."""
+    """Whether the binary has the address sanitizer, which retains freed memory for some time."""
     with open(BINARY, "rb") as binary:
         return b"__asan_init" in binary.read()
 
@@ -28,7 +28,7 @@ def sanitizer_options(directory, detect_leaks=True):
 
 
 class Daemon:
-    """One run of the binary, in a session of its own: its `stop` may signal its whole group.
+    """One run of the binary, in a new session, because it may signal its whole process group.
 
     `pid` is that of the process that serves: the process started, or with `background` its child.
     """
@@ -54,7 +54,7 @@ class Daemon:
             self.wait_ready()
 
     def wait_ready(self, timeout=TIMEOUT):
-        """Waits until it listens."""
+        """Waits until the daemon listens."""
         if self.background:
             assert self.process.wait(timeout) == 0, "the launching process did not end with 0"
         line = self.log.wait_for(r"listening on port 5111", since=self.since, timeout=timeout)
@@ -70,7 +70,7 @@ class Daemon:
         os.kill(self.pid, number)
 
     def wait(self, timeout=TIMEOUT):
-        """Waits for the serving process to end: its exit status, or minus the signal's number."""
+        """Waits for the serving process to end. Returns its exit status, or minus the signal."""
         if self.status is None:
             if self.background:
                 self.status = wait_until(self._reaped, "the daemon ends", timeout)[0]
@@ -83,7 +83,7 @@ class Daemon:
         return (os.waitstatus_to_exitcode(status),) if pid else None
 
     def stop(self, number=signal.SIGTERM, timeout=TIMEOUT):
-        """Asks it to end by @p number and gives its exit status."""
+        """Sends the signal @p number and returns the exit status."""
         self.send_signal(number)
         return self.wait(timeout)
 
@@ -91,7 +91,7 @@ class Daemon:
         return self.status is None and os.path.exists(f"/proc/{self.pid}/exe")
 
     def kill(self):
-        """Ends it without its consent, whatever became of it."""
+        """Kills the daemon if it still runs."""
         if self.process.poll() is None:
             with contextlib.suppress(ProcessLookupError):
                 os.killpg(self.process.pid, signal.SIGKILL)
@@ -101,7 +101,7 @@ class Daemon:
                 os.kill(self.pid, signal.SIGKILL)
                 os.waitpid(self.pid, 0)
 
-    # What can be seen of it from outside.
+    # State that is visible from outside.
 
     def descriptors(self):
         """Number and target of each open descriptor."""
@@ -122,11 +122,11 @@ class Daemon:
             return re.search(rf"^{name}:\s*(\S+)", about.read(), re.MULTILINE)[1]
 
     def state(self):
-        """The letter for what it does: S asleep, R at work, T stopped, Z ended."""
+        """Its state in /proc: S asleep, R running, T stopped, Z zombie."""
         return self._status_field("State")
 
     def wait_asleep(self):
-        """Waits until it has gone through a pass and sleeps in the next, or has ended."""
+        """Waits until the daemon has finished a pass and sleeps in the next, or has ended."""
         def switches():
             return int(self._status_field("voluntary_ctxt_switches"))
 
@@ -163,7 +163,7 @@ class Daemon:
 
     @contextlib.contextmanager
     def socket_option_view(self, descriptor):
-        """A second handle on one of its sockets, to read the socket's options through."""
+        """A duplicate of one of its sockets, to read the socket's options."""
         process = os.pidfd_open(self.pid)
         handle = ctypes.CDLL(None, use_errno=True).syscall(438, process, descriptor, 0)
         os.close(process)
@@ -174,7 +174,7 @@ class Daemon:
 
 
 def sanitizer_reports(directory):
-    """What the sanitizers had to say about any process started with `directory`."""
+    """Sanitizer reports of the processes that were started with `directory`."""
     found = []
     for name in sorted(os.listdir(directory)):
         if name.startswith(("sanitizer.", "stderr.")):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Devices that are none: they dial a master as runeld does, and then behave or misbehave."""
+"""Fake devices: they dial a master as runeld does, and behave correctly or not."""
 import contextlib
 import re
 import select
@@ -15,8 +15,8 @@ FRAME = re.compile(rb"\x01(\d+)\x02")
 
 
 class FakeDevice:
-    """One connection to the master. Answers each request in a thread of its own, and keeps all
-    bytes that came: for a connection that must not be written to, there are none."""
+    """One connection to the master. Answers each request in a separate thread and keeps all
+    received bytes, so that a test can check that a connection received nothing."""
 
     def __init__(self, case, source="127.0.0.1", hostid="fake", answers=True, greeting=b"",
                  port=MASTER_PORT):
@@ -61,7 +61,7 @@ class FakeDevice:
         return reply()
 
     def answer_held(self):
-        """Gives the answers that were due, and all later ones at once."""
+        """Sends the pending answers, and later ones without delay."""
         self.answers = True
         held, self.held = self.held, []
         for answer in held:
@@ -71,7 +71,7 @@ class FakeDevice:
         self.socket.sendall(data)
 
     def blurt(self, data):
-        """Sends as much of @p data as the master listens to before it hangs up."""
+        """Sends @p data until the master closes the connection."""
         with contextlib.suppress(ConnectionResetError, BrokenPipeError):
             self.send(data)
 
@@ -82,8 +82,8 @@ class FakeDevice:
         assert self.ended.wait(timeout), "the master keeps the connection"
 
     def vanish(self):
-        """The connection is forgotten on this side without a word, as by a device that was switched
-        off: the kernel then knows nothing of it."""
+        """Drops the connection without sending anything, like a device that was switched off: its
+        kernel then does not know the connection."""
         self.socket.setsockopt(socket.IPPROTO_TCP, TCP_REPAIR, 1)
         self.close()
 
@@ -94,7 +94,7 @@ class FakeDevice:
 
 
 class FakeDevices:
-    """Very many of them, each with an address of its own, served by one thread."""
+    """Many fake devices with separate addresses, served by one thread."""
 
     def __init__(self, case, count):
         self.poll = select.epoll()
@@ -122,7 +122,7 @@ class FakeDevices:
                 data = connected.recv(65536)
                 if not data:
                     self.poll.unregister(fd)
-                # Requests are short: each comes whole.
+                # Requests are short: each arrives in one piece.
                 for request in re.split(rb"\x01\d+\x02", data)[1:]:
                     connected.sendall(reply(hostid if b" 6:hostid" in request else b"fake"))
 

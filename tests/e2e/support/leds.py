@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Two LEDs that are files, and what can be seen of them."""
+"""Two LEDs as files, and checks of their state."""
 import os
 
 from support import world

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The system log as the daemon sees it, and what a test may ask about the lines in it."""
+"""Collects the system log of the daemon and searches it."""
 from __future__ import annotations
 
 import contextlib
@@ -18,7 +18,7 @@ LOCAL5 = 168
 
 @dataclasses.dataclass(frozen=True)
 class Line:
-    """One line: `text` is without the "(PID) " in front, `pid` None where there is none."""
+    """One line: `text` excludes the prefix "(PID) ", `pid` is None without the prefix."""
     facility: int
     level: int
     ident: str
@@ -35,14 +35,14 @@ def parse(datagram):
 
 
 def number_in(line):
-    """The last number of a log line: most lines end with their socket."""
+    """The last number of a log line: in most lines, the socket."""
     return int(re.findall(r"\d+", line.text)[-1])
 
 
 class LogCollector:
-    """Listens on /dev/log in a thread of its own, so that whoever logs never waits.
+    """Listens on /dev/log in a separate thread, so that processes never wait for the log.
 
-    Every question sees all that was logged before it was asked.
+    Every query includes all lines that were logged before it.
     """
 
     def __init__(self):
@@ -76,12 +76,12 @@ class LogCollector:
 
     @property
     def lines(self):
-        """All lines, those included that are on their way: datagrams keep their order."""
+        """All lines, including those not received yet: datagrams keep their order."""
         self._pass_through(b"flush")
         return self._lines
 
     def _pass_through(self, marker):
-        """Sends a marker behind all lines so far, and waits until the collector has met it."""
+        """Sends a marker after all lines so far, and waits until the collector has received it."""
         self._flushes += 1
         self._send(marker)
         with self._changed:
@@ -100,7 +100,7 @@ class LogCollector:
 
     @contextlib.contextmanager
     def away(self):
-        """Nobody finds it meanwhile; what is put in its place is replaced by it afterwards."""
+        """Removes /dev/log meanwhile; afterwards replaces any file in its place."""
         self._move("/dev/log.away")
         try:
             yield
@@ -108,11 +108,11 @@ class LogCollector:
             self._move("/dev/log")
 
     def forget(self):
-        """Drops exactly the lines that were logged before the call, also those still on their way."""
+        """Drops exactly the lines logged before the call, including those not received yet."""
         self._pass_through(b"forget")
 
     def mark(self):
-        """A place in the log, to be given to `wait_for` as `since`."""
+        """A position in the log, for `since` of `wait_for`."""
         return len(self.lines)
 
     def _first(self, pattern, level, since, pid):
@@ -127,7 +127,7 @@ class LogCollector:
         return self._first(pattern, level, since, pid) if self.lines else None
 
     def wait_for(self, pattern, level=None, since=0, pid=None, timeout=TIMEOUT):
-        """Waits for the first line whose whole text matches @p pattern, and gives it."""
+        """Waits for the first line whose whole text matches @p pattern, and returns it."""
         deadline = time.monotonic() + timeout
         with self._changed:
             while True:
@@ -143,6 +143,6 @@ class LogCollector:
                    if level in (None, line.level) and re.fullmatch(pattern, line.text, re.DOTALL))
 
     def shown(self, since=0, without=r"(?!)"):
-        """All lines as (level, text), but those whose text matches @p without."""
+        """All lines as (level, text), except those whose text matches @p without."""
         return [(line.level, line.text) for line in self.lines[since:]
                 if not re.fullmatch(without, line.text, re.DOTALL)]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""runelctl master as users run it, with what it tells."""
+"""Runs `runelctl master` as users do, and reads its events."""
 import contextlib
 import json
 import os
@@ -12,7 +12,7 @@ from support.wait import TIMEOUT, wait_until
 
 
 class MasterCase(CtlCase):
-    """Starts the master and waits for what it tells, one JSON object a line."""
+    """Starts the master and waits for its events, one JSON object per line."""
 
     def setUp(self):
         super().setUp()
@@ -37,19 +37,19 @@ class MasterCase(CtlCase):
                 events.append(json.loads(line))
 
     def told(self, event, **fields):
-        """What was told of @p event so far, where each of @p fields is as given."""
+        """The events @p event so far whose fields equal @p fields."""
         return [object for object in self.events
                 if object["event"] == event and all(object.get(key) == value
                                                     for key, value in fields.items())]
 
     def wait_told(self, event, count=1, **fields):
-        """The last of @p count events that are as given."""
+        """Waits for @p count such events. Returns the last one."""
         wait_until(lambda: len(self.told(event, **fields)) >= count,
                    f"{count} times {event} {fields}; told were {self.events[-5:]}")
         return self.told(event, **fields)[count - 1]
 
     def stop_master(self, number=signal.SIGTERM):
-        """Ends it and gives what it had to say on standard error."""
+        """Ends the master and returns its standard error."""
         self.running.send_signal(number)
         self.assertEqual(self.running.wait(TIMEOUT), 0)
         return self.running.stderr.read().decode()
@@ -58,7 +58,7 @@ class MasterCase(CtlCase):
         return {object["hostid"]: object for object in self.succeed("--json", "devices").objects}
 
     def call(self, line):
-        """A connection to the control socket that has said @p line."""
+        """A connection to the control socket that has sent @p line."""
         connected = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         connected.settimeout(TIMEOUT)
         connected.connect(self.control)
@@ -67,7 +67,7 @@ class MasterCase(CtlCase):
         return connected
 
     def assert_small(self, most):
-        """The address sanitizer has memory of its own, and keeps up to 256 MiB that were freed."""
+        """Allows more with the address sanitizer, which retains up to 256 MiB of freed memory."""
         with open(BINARY, "rb") as binary:
             spare = 400_000_000 if b"__asan_init" in binary.read() else 0
         self.assertLess(self.resident_bytes(), most + spare)

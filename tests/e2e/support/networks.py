@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Other hosts around the world that a test runs in, each a network namespace with one cable."""
+"""Other hosts: network namespaces, each connected by one virtual cable to the test's world."""
 import contextlib
 import ctypes
 import os
@@ -22,7 +22,7 @@ def _enter(handle):
 
 @contextlib.contextmanager
 def inside(host):
-    """Sockets that are made meanwhile belong to @p host; None is here."""
+    """Sockets that are created meanwhile belong to @p host; None: this host."""
     if host is None:
         yield
         return
@@ -35,7 +35,7 @@ def inside(host):
 
 
 def add_host(host, interface, near, *far):
-    """Connects a new host: its addresses are @p far, ours on @p interface is @p near; all /24."""
+    """Connects a new host with the addresses @p far; @p near is ours on @p interface; all /24."""
     ip("netns", "add", host)
     ip("link", "add", interface, "type", "veth", "peer", "name", "eth0", "netns", host)
     ip("address", "add", f"{near}/24", "dev", interface)
@@ -47,7 +47,7 @@ def add_host(host, interface, near, *far):
 
 
 def remove_all_hosts():
-    """Takes every other host away, and the cables with them: at once, unlike the hosts' own end."""
+    """Removes every other host and its cable immediately, unlike the end of its processes."""
     for _, interface in socket.if_nameindex():
         if interface != "lo":
             ip("link", "delete", interface)

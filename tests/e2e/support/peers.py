@@ -14,7 +14,7 @@ MASTER_PORT = 5112
 
 
 def ready(connected, events, timeout):
-    """What of @p events the socket is ready for, within @p timeout seconds. 0 for nothing."""
+    """The events of @p events that the socket is ready for, within @p timeout seconds, or 0."""
     poll = select.poll()
     poll.register(connected, events)
     answers = poll.poll(max(timeout, 0) * 1000)
@@ -22,7 +22,7 @@ def ready(connected, events, timeout):
 
 
 class Peer:
-    """A connected socket with whole replies coming out of it. Closed by `close` or at its end."""
+    """A connected socket that returns complete replies. Closed by `close` or the destructor."""
 
     def __init__(self, connected):
         self.socket = connected
@@ -32,12 +32,12 @@ class Peer:
         self.socket.close()
 
     def reset(self):
-        """Closes so that the other side sees a reset instead of an end."""
+        """Closes with a reset instead of an end of file."""
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.socket.close()
 
     def send(self, data):
-        """Sends all bytes, reading replies meanwhile: neither side may wait for the other."""
+        """Sends all bytes and reads replies meanwhile, so that neither side waits for the other."""
         view = memoryview(data)
         while view:
             can = ready(self.socket, select.POLLIN | select.POLLOUT, TIMEOUT)
@@ -75,7 +75,7 @@ class Peer:
         return parse_record(self.receive_frame(timeout))
 
     def ask(self, *arguments, exec_param=0, timeout=TIMEOUT):
-        """Sends one request and gives its reply."""
+        """Sends one request and returns its reply."""
         self.send(request(*arguments, exec_param=exec_param))
         return self.receive(timeout)
 
@@ -89,7 +89,7 @@ class Peer:
         return data
 
     def read_to_end(self, timeout=TIMEOUT):
-        """All bytes until the daemon closes the connection; a reset counts as the end."""
+        """All bytes until the daemon closes the connection; a reset counts as the end of file."""
         deadline = time.monotonic() + timeout
         try:
             while True:
@@ -105,7 +105,7 @@ class Peer:
         return data
 
     def is_open(self):
-        """False once the daemon closed its end and everything it sent was read."""
+        """False when the daemon has closed its end and all its bytes have been read."""
         if not ready(self.socket, select.POLLIN, 0):
             return True
         try:
@@ -115,7 +115,7 @@ class Peer:
 
 
 class Client(Peer):
-    """A connection to the daemon's own port."""
+    """A connection to port 5111 of the daemon."""
 
     def __init__(self, source=None, receive_buffer=None):
         connected = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -133,7 +133,7 @@ class Client(Peer):
 
 
 class Master:
-    """Listens where the daemon looks for its master."""
+    """Listens on port 5112 for the daemon."""
 
     def __init__(self, address="127.0.0.1", backlog=128):
         self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -143,7 +143,7 @@ class Master:
         self.peers = []
 
     def accept(self, timeout=TIMEOUT):
-        """The daemon's next connection."""
+        """The next connection of the daemon."""
         self.listener.settimeout(timeout)
         connected, _ = self.listener.accept()
         connected.settimeout(None)
@@ -152,7 +152,7 @@ class Master:
         return self.peers[-1]
 
     def no_connection_waits(self):
-        """True when no connection of the daemon waits to be accepted."""
+        """True if no connection of the daemon waits for accept()."""
         return not ready(self.listener, select.POLLIN, 0)
 
     def close(self):

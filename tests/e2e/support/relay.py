@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""An agent, the daemon between, and the master's end of the bridge."""
+"""An agent, the daemon, and the master's end of the bridge."""
 from support.case import SUCCESS, EndToEndCase
 from support.logs import number_in
 from support.wait import wait_until
@@ -11,32 +11,32 @@ NEW_AGENT = r"handle_data_read: creating agent socket handler, socket \d+"
 ESTABLISHED = r"established connection to 127\.0\.0\.1, port 5112, socket \d+"
 
 
-# Memory that was given back must not wait in a sanitizer's quarantine where a test measures it.
+# No quarantine for freed memory in a sanitizer, because tests measure the memory.
 NO_QUARANTINE = {"ASAN_OPTIONS": "quarantine_size_mb=1:thread_local_quarantine_size_kb=64:"
                                  "exitcode=86"}
 
 
 class RelayCase(EndToEndCase):
-    """Brings agents and bridges up."""
+    """Connects agents and bridges."""
 
     def agent_socket(self, since=0):
-        """The daemon's number for the socket of the agent that came after @p since."""
+        """The daemon's socket number of the agent that connected after @p since."""
         return number_in(self.log.wait_for(NEW_AGENT, since=since))
 
     def arrive(self, first=GREETING):
-        """A new agent that has said @p first."""
+        """A new agent that has sent @p first."""
         agent = self.client()
         agent.send(first)
         return agent
 
     def bridge_to(self, agent, master, greeting=GREETING):
-        """The master's end of the bridge that is made for @p agent, which has said @p greeting."""
+        """The master's end of the bridge for @p agent, which has sent @p greeting."""
         bridge = master.accept()
         self.assertEqual(bridge.receive_bytes(len(greeting)), greeting)
         return bridge
 
     def bridged(self, *arguments, **options):
-        """A daemon with an agent that is bridged. Sets `master` and the sockets' numbers."""
+        """A daemon with a bridged agent. Sets `master` and the socket numbers."""
         daemon = self.daemon(*arguments, **options)
         self.listener = self.master()
         self.slave = self.listener.accept()
@@ -49,7 +49,7 @@ class RelayCase(EndToEndCase):
         return daemon, agent, bridge
 
     def assert_relays(self, agent, bridge):
-        """What either says reaches the other."""
+        """Clauses pass in both directions."""
         agent.send(b"<there/>")
         self.assertEqual(bridge.receive_bytes(10), b"<there/>\r\n")
         bridge.send(b"<back>again</back>")
@@ -67,6 +67,6 @@ class RelayCase(EndToEndCase):
 
 
 def processor_seconds(daemon):
-    """The time the daemon has spent on a processor, to the nanosecond."""
+    """The daemon's processor time, with a resolution of nanoseconds."""
     with open(f"/proc/{daemon.pid}/schedstat", encoding="ascii") as fields:
         return int(fields.read().split()[0]) / 1e9

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs test modules and ends with their counts. A skip is a failure: nobody reads it otherwise.
+"""Runs test modules and prints their counts. A skipped test counts as failed.
 
     scripts/world --no-log python3 -B -m support.runner test_tasks [test_tasks.Class.test ...]
         [--without Class [Class.test ...]]

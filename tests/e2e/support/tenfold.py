@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A daemon whose waits for a slow peer take a tenth of their time, and a slow peer."""
+"""A daemon whose waits for a slow peer are shortened to a tenth, and a slow peer."""
 import os
 import threading
 
-# Arguments for the start of the daemon.
+# Arguments of the daemon's start.
 TENFOLD = {"environment": {"LD_PRELOAD": os.environ.get("RUNELD_TENFOLD_CLOCK", "")}}
 
-# The daemon's limits in real seconds: without progress, for a reply, and more for each MiB of it.
+# The daemon's limits in real seconds: without progress, for a reply, and per MiB of the reply.
 STALL, WHOLE, PER_MIB = 3.0, 3.0, 0.1
 
 

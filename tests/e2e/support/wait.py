@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Waiting for a condition with a deadline. The deadline only guards against a hang."""
+"""Waits for a condition with a deadline, which only guards against a hang."""
 import time
 
 TIMEOUT = 180.0
@@ -7,9 +7,9 @@ LONGEST_PAUSE = 0.05
 
 
 def wait_until(condition, what, timeout=TIMEOUT, pause=0.002):
-    """Asks @p condition again and again; its first true answer, or AssertionError after timeout.
+    """Polls @p condition. Returns its first true value; AssertionError after the timeout.
 
-    The pauses grow, so that parallel tests do not use the processor up with polling.
+    The pauses grow, so that polling leaves processor time to parallel tests.
     """
     deadline = time.monotonic() + timeout
     while True:

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The task protocol from a master's side: frames, records, and what comes back in them."""
+"""The task protocol from the master's side: frames, records and replies."""
 import dataclasses
 
 MAX_PAYLOAD = 256 * 1024 * 1024
@@ -24,7 +24,7 @@ def record(arguments, exec_param=0, tail=b"0: 0 0 0 0 0"):
 
 
 def request(*arguments, exec_param=0):
-    """One framed request: the task's name, then its arguments."""
+    """The frame of a request: the task's name, then its arguments."""
     return frame(record(arguments, exec_param))
 
 
@@ -38,7 +38,7 @@ class Reply:
 
 
 class Cursor:
-    """Reads a record strictly: a reply that is not well formed to the byte is a failure."""
+    """Parses a record strictly: any malformed byte is a failure."""
 
     def __init__(self, payload):
         self.payload = payload

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Refuses to run outside scripts/world, and keeps the world's rooms as the tests expect them."""
+"""Refuses to run outside scripts/world, and restores the state of the world for each test."""
 import os
 import signal
 import subprocess
@@ -8,12 +8,12 @@ import sys
 HOSTS = "127.0.0.1 localhost\n"
 PID_FILE = "/var/run/runeld.pid"
 
-# The kernel gives the machine's own PID namespace this number, always.
+# Inode of the initial PID namespace, fixed in the kernel.
 MACHINES_OWN_PID_NAMESPACE = "pid:[4026531836]"
 
 
 def require():
-    """Ends this process unless it runs in a world of its own: the tests reboot and rewrite."""
+    """Ends this process outside an isolated world: the tests reboot and rewrite system files."""
     try:
         with open("/proc/1/comm", encoding="ascii") as name:
             first = name.read().strip()
@@ -27,13 +27,13 @@ def require():
 
 
 def processes():
-    """The numbers of all processes of this world but process 1 and this one."""
+    """The numbers of all processes of this world except process 1 and this one."""
     return [int(name) for name in os.listdir("/proc")
             if name.isdigit() and int(name) not in (1, os.getpid())]
 
 
 def kill_all_others():
-    """Ends what a test left running. Safe in here only, where there is nobody else."""
+    """Kills the processes that a test left running. Safe only in an isolated world."""
     require()
     for pid in processes():
         try:
@@ -43,14 +43,14 @@ def kill_all_others():
 
 
 def adopt_orphans():
-    """Makes this process the parent of orphans, so that a daemon's exit status can be had."""
+    """Makes this process the parent of orphans, so that it gets a daemon's exit status."""
     import ctypes
     if ctypes.CDLL(None, use_errno=True).prctl(36, 1, 0, 0, 0) != 0:  # PR_SET_CHILD_SUBREAPER
         raise OSError(ctypes.get_errno(), "prctl")
 
 
 def reset():
-    """Brings /etc/hosts and /run to where each test starts."""
+    """Restores the initial /etc/hosts and /run."""
     with open("/etc/hosts", "w", encoding="ascii") as hosts:
         hosts.write(HOSTS)
     for name in os.listdir("/run"):

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preloaded into a daemon under test: each look at the clock of the day gives another day, forward
-// and back by turns, the first ones by as much as 32 bits of seconds hold. The monotonic clock,
-// which nobody can set, goes on as it is.
+// Preloaded into a daemon under test: each reading of the real-time clock jumps, forward and back
+// in turn, by up to 68 years (the range of 32 bits of seconds). The monotonic clock, which no
+// process can set, does not change.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <sys/time.h>
 #include <time.h>
 
-static time_t leap(void) {
-  static unsigned looks;
-  static const time_t leaps[] = {2147483647, -2147483647, 86400, -86400};
-  return leaps[looks++ % (sizeof leaps / sizeof *leaps)];
+static time_t jump(void) {
+  static unsigned readings;
+  static const time_t jumps[] = {2147483647, -2147483647, 86400, -86400};
+  return jumps[readings++ % (sizeof jumps / sizeof *jumps)];
 }
 
 int clock_gettime(clockid_t clock, struct timespec* now) {
@@ -20,7 +20,7 @@ int clock_gettime(clockid_t clock, struct timespec* now) {
   }
   int result = real(clock, now);
   if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE)) {
-    now->tv_sec += leap();
+    now->tv_sec += jump();
   }
   return result;
 }

@@ -36,10 +36,11 @@ ALL = (*WORKLOADS, "MICRO")
 
 def arguments():
     parser = argparse.ArgumentParser(usage=__doc__)
-    parser.add_argument("bin", type=Path)
-    parser.add_argument("--only", default=",".join(ALL))
-    parser.add_argument("--json", type=Path)
-    parser.add_argument("--short", action="store_true")
+    parser.add_argument("bin", type=Path, help="directory of the built programs")
+    parser.add_argument("--only", default=",".join(ALL), metavar="W1,W2",
+                        help=f"workloads, of {', '.join(ALL)} (default: all)")
+    parser.add_argument("--json", type=Path, metavar="FILE", help="also write the figures to FILE")
+    parser.add_argument("--short", action="store_true", help="check that each workload works")
     chosen = parser.parse_args()
     chosen.only = [name.strip().upper() for name in chosen.only.split(",")]
     unknown = set(chosen.only) - set(ALL)

@@ -31,7 +31,7 @@ std::string explain(const CLI::App& app, const CLI::ParseError& error) {
   }
   const std::vector<std::string> left = app.remaining();
   const bool unknown = !left.empty() && left.front().compare(0, 1, "-") != 0;
-  return (unknown ? "no command '" + left.front() + "'" : std::string(error.what())) +
+  return (unknown ? "unknown command '" + left.front() + "'" : std::string(error.what())) +
          " (see runelctl --help)";
 }
 
@@ -50,7 +50,7 @@ CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands(
   defineManner();
   defineMany();
   defineCommands(commands_, command_, "Commands");
-  defineCommands(locals_, local_, "The other side");
+  defineCommands(locals_, local_, "Local commands");
   for (const auto& local : locals_) {
     if (local->hidden()) {
       app_.get_subcommand(local->name())->group("");
@@ -59,63 +59,77 @@ CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands(
 }
 
 void CommandLine::defineWhere() {
-  app_.add_option("-d,--device", devices_, "where: HOST[:PORT] or @NAME; repeated, or with commas")
+  app_.add_option(
+          "-d,--device", devices_,
+          "HOST[:PORT], or @NAME at the master; repeatable, comma-separated (default: 127.0.0.1)")
       ->allow_extra_args(false)
       ->envname("RUNELCTL_DEVICE")
       ->type_name("DEVICE");
-  app_.add_option("--devices", devicesFile_, "a file with a device a line ('-': standard input)")
+  app_.add_option("--devices", devicesFile_, "file with one device a line ('-': standard input)")
       ->type_name("FILE");
-  app_.add_option("--master-socket", settings_.masterSocket, "the running master's control socket")
+  app_.add_option("--master-socket", settings_.masterSocket,
+                  "control socket of the master (default: runelctl-master.sock in XDG_RUNTIME_DIR)")
       ->type_name("PATH");
-  app_.add_option("--timeout", settings_.timeout, "longest silence while an answer is due (30)")
+  app_.add_option("--timeout", settings_.timeout,
+                  "I/O timeout while an answer is due (default: 30)")
       ->check(secondsRange(0.001))
-      ->type_name("S");
-  app_.add_option("--connect-timeout", settings_.connectTimeout, "time for connecting (10)")
+      ->type_name("SECONDS");
+  app_.add_option("--connect-timeout", settings_.connectTimeout, "connect timeout (default: 10)")
       ->check(secondsRange(0.001))
-      ->type_name("S");
+      ->type_name("SECONDS");
 }
 
 void CommandLine::defineManner() {
-  app_.add_flag("--json", settings_.json, "one JSON object a line");
-  app_.add_flag("-q,--quiet", settings_.quiet, "no summaries, no progress");
-  app_.add_option("--color", settings_.colour, "auto, always or never")
+  app_.add_flag("--json", settings_.json, "print one JSON object a line");
+  app_.add_flag("-q,--quiet", settings_.quiet, "print no summary, progress or notes");
+  app_.add_option("--color", settings_.colour,
+                  "colors of error messages: auto, always or never (default: auto)")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->type_name("WHEN");
-  app_.add_flag("-y,--yes", settings_.yes, "do not ask before something is taken away");
-  app_.add_flag("-n,--dry-run", settings_.dryRun, "show devices and frames, send nothing");
+  app_.add_flag("-y,--yes", settings_.yes,
+                "do not ask before a destructive command on several devices");
+  app_.add_flag("-n,--dry-run", settings_.dryRun, "print devices and frames, send nothing");
 }
 
 void CommandLine::defineMany() {
-  const std::string group = "With many devices";
-  app_.add_option("-j,--jobs", settings_.jobs, "so many at a time (64)")
+  const std::string group = "Several devices";
+  app_.add_option("-j,--jobs", settings_.jobs,
+                  "devices in parallel (default: 64; reboot and restart: 1)")
       ->check(within(1, kMostJobs))
       ->each([this](const std::string&) { settings_.jobsGiven = true; })
       ->group(group)
       ->type_name("N");
-  auto* prefix = app_.add_flag("--prefix", prefix_, "the device's name before each line");
+  auto* prefix =
+      app_.add_flag("--prefix", prefix_, "prefix each line of output with the device's name");
   prefix->group(group);
-  app_.add_flag("--group", group_, "each device's output under its name, as it ends")
+  app_.add_flag("--group", group_,
+                "print the output of each device under its name when the device has finished")
       ->excludes(prefix)
       ->group(group);
-  app_.add_flag("--fail-fast", settings_.failFast, "start no more after the first failure")
+  app_.add_flag("--fail-fast", settings_.failFast,
+                "start no further device after the first failure")
       ->group(group);
-  app_.add_option("--retry", settings_.retry, "try again so often what may succeed then")
+  app_.add_option("--retry", settings_.retry, "retry transient failures up to N times (default: 0)")
       ->check(within(0, 1000))
       ->group(group)
       ->type_name("N");
-  app_.add_option("--deadline", settings_.deadline, "for all of the work on one device")
+  app_.add_option("--deadline", settings_.deadline,
+                  "time limit for each attempt on a device (default: none)")
       ->check(secondsRange(0.001))
       ->group(group)
-      ->type_name("S");
-  app_.add_option("--wave", settings_.wave, "how many first, next...: 1,10%,rest")
+      ->type_name("SECONDS");
+  app_.add_option("--wave", settings_.wave,
+                  "devices in each wave, such as 1,10%,rest (default: one wave)")
       ->group(group)
       ->type_name("LIST");
-  app_.add_option("--max-fail", settings_.maxFail, "failures that do not stop the next wave (0)")
+  app_.add_option("--max-fail", settings_.maxFail,
+                  "failed devices that do not stop the next wave (default: 0)")
       ->check(within(0, 1000000))
       ->group(group)
       ->type_name("N");
   app_.add_option("--retry-failed", settings_.retryFailed,
-                  "only the devices in FILE, where there is one; then those that failed are in it")
+                  "run on the devices listed in FILE, if it exists; then list in it those that "
+                  "failed or were skipped")
       ->group(group)
       ->type_name("FILE");
 }
@@ -154,7 +168,7 @@ int CommandLine::parse(std::vector<std::string> words) {
 std::string CommandLine::checkChosen() {
   std::vector<std::size_t> sizes;
   if (!parseWaves(settings_.wave, 1, sizes)) {
-    return "--wave: no list like 1,10%,rest: '" + settings_.wave + "'";
+    return "--wave: invalid list '" + settings_.wave + "': expected sizes such as 1,10%,rest";
   }
   return command_ != nullptr ? command_->check(settings_) : local_->check(settings_);
 }
@@ -181,7 +195,7 @@ std::string CommandLine::readTargets() {
   } else if (devices_.empty()) {
     return parseTargetList("127.0.0.1", targets, why) ? "" : why;
   }
-  return targets.empty() ? "no device in " + devicesFile_ : "";
+  return targets.empty() ? devicesFile_ + ": no devices listed" : "";
 }
 
 }  // namespace zell::ctl

@@ -43,7 +43,7 @@ class CommandLine {
                       const std::string& group);
   [[nodiscard]] std::string checkChosen();
 
-  CLI::App app_{"Run tasks of runeld on one device or on many", "runelctl"};
+  CLI::App app_{"Run tasks of runeld on one or many devices", "runelctl"};
   Settings settings_;
   std::vector<std::string> devices_;
   std::string devicesFile_;

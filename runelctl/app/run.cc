@@ -23,7 +23,8 @@ bool agreed(const Settings& settings, const Command& command) {
     return true;
   }
   if (settings.json || isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1) {
-    complain(command.name() + " on " + countText(count, "device") + " needs --yes");
+    complain(command.name() + " on " + countText(count, "device") +
+             " is destructive: confirm with --yes");
     return false;
   }
   std::cerr << command.name() << " on " << countText(count, "device") << "? [y/N] " << std::flush;
@@ -96,7 +97,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     }
     if (settings.targets.empty()) {
       if (!settings.quiet && !settings.json) {
-        complain("nothing is left to do: no device in " + settings.retryFailed);
+        complain("nothing to do: none of the devices is listed in " + settings.retryFailed);
       }
       return 0;
     }

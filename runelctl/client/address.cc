@@ -47,7 +47,7 @@ bool readLine(const std::string& line, std::vector<Target>& targets, std::string
   Target target;
   const bool named = static_cast<bool>(words >> second);
   if (words >> third) {
-    why = "more than a name and an address";
+    why = "too many fields: expected DEVICE or NAME DEVICE";
     return false;
   }
   if (!parseTarget(named ? second : first, target, why)) {
@@ -68,11 +68,11 @@ bool parseTarget(const std::string& text, Target& target, std::string& why) {
   const std::size_t colon = text.find(':');
   target = {text, text.substr(0, colon), kDevicePort, ""};
   if (!plainHost(target.host)) {
-    why = "no address or host name: '" + text + "'";
+    why = "invalid address or host name '" + text + "'";
     return false;
   }
   if (colon != std::string::npos && !parsePort(text.substr(colon + 1), target.port)) {
-    why = "no port: '" + text.substr(colon + 1) + "'";
+    why = "invalid port '" + text.substr(colon + 1) + "': expected 1 to 65535";
     return false;
   }
   return true;
@@ -95,7 +95,7 @@ bool parseTargetList(const std::string& text, std::vector<Target>& targets, std:
     addOnce(targets, target);
     any = true;
   }
-  why = any ? "" : "an empty list";
+  why = any ? "" : "empty device list";
   return any;
 }
 

@@ -155,7 +155,7 @@ bool Channel::deliver() {
     message.clear();
   }
   if (message.size() > limit_ || coming_ > limit_ + kMostRead) {
-    finish({Fault::protocol, "the answer is longer than it may be", "", 0});
+    finish({Fault::protocol, "answer exceeds the size limit", "", 0});
     return false;
   }
   if (!codec_.error().empty()) {
@@ -168,7 +168,7 @@ bool Channel::deliver() {
 Error Channel::badStream() const {
   const std::string guess = guessPeer(first_);
   return {Fault::protocol, guess.empty() ? "bad frame: " + codec_.error() : guess,
-          guess.empty() ? "" : "is this the right port? Devices listen on 5111", 0};
+          guess.empty() ? "" : "check the port: devices listen on 5111", 0};
 }
 
 Error Channel::endOfStream(int number) const {

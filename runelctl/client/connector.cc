@@ -35,10 +35,10 @@ int startConnect(int socket, const Address& address) {
 
 std::string connectHint(int number) {
   if (number == ECONNREFUSED) {
-    return "is runeld running there?";
+    return "check that runeld is running on the device";
   }
   if (number == EHOSTUNREACH || number == ENETUNREACH) {
-    return "is the address right, and the device on?";
+    return "check the address, and that the device is on";
   }
   return "";
 }
@@ -61,7 +61,8 @@ Connector::Connector(Loop& loop, const Target& target, std::string masterSocket,
                      Done done)
     : loop_(loop), target_(target), masterSocket_(std::move(masterSocket)), done_(std::move(done)) {
   limit_ = loop_.after(limit, [this] {
-    fail({Fault::unreachable, "no connection in time", "is the address right, and the device on?",
+    fail({Fault::unreachable, "connect timeout",
+          "check the address, and that the device is on, or use a larger --connect-timeout",
           ETIMEDOUT});
   });
   start_ = loop_.after(Milliseconds(0), [this] { start(); });
@@ -87,7 +88,7 @@ void Connector::connectTcp() {
   sockaddr_in address{};
   std::string why;
   if (!resolve(target_.host, target_.port, address, why)) {
-    fail({Fault::unreachable, why, "no such host name: check its spelling", 0});
+    fail({Fault::unreachable, why, "check the host name", 0});
     return;
   }
   socket_ = newSocket(AF_INET);
@@ -131,7 +132,7 @@ void Connector::connected() {
   if (getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &number, &size) != 0 || number != 0) {
     failConnect(number != 0 ? number : errno);
   } else if (target_.behindMaster() && !peerIsUs(socket_.get())) {
-    fail({Fault::unreachable, masterSocket_ + ": the master there is another user's", "", EPERM});
+    fail({Fault::unreachable, masterSocket_ + ": the master belongs to another user", "", EPERM});
   } else if (target_.behindMaster()) {
     sendGreeting();
   } else {
@@ -170,7 +171,7 @@ void Connector::readGreeting() {
     succeed();
   } else {
     fail({Fault::unreachable, greeting_.empty() ? "the master closed the connection" : greeting_,
-          "runelctl devices lists who is there", 0});
+          "runelctl devices lists the connected devices", 0});
   }
 }
 

@@ -113,7 +113,7 @@ bool Device::frontIsOut() const {
 
 void Device::take(std::string&& payload) {
   if (!frontIsOut()) {
-    ended({Fault::protocol, "an answer that nobody asked for", "", 0});
+    ended({Fault::protocol, "answer without a request", "", 0});
     return;
   }
   if (tap_) {
@@ -121,7 +121,7 @@ void Device::take(std::string&& payload) {
   }
   std::optional<Reply> reply = decodeReply(std::move(payload));
   if (!reply || !pending_.front().answered) {
-    close({Fault::protocol, "the answer is no task record", "", 0});
+    close({Fault::protocol, "malformed answer: not a task record", "", 0});
     return;
   }
   answer(std::move(*reply));
@@ -170,7 +170,7 @@ void Device::checkSilence() {
   }
   // Answers come in order, so the later ones cannot be waited for without this one.
   close({Fault::timedOut, "no answer for " + seconds(patience),
-         "it may be busy with another task: runelctl ping, or a larger --timeout", ETIMEDOUT});
+         "the device may be busy: check with runelctl ping, or use a larger --timeout", ETIMEDOUT});
 }
 
 void Device::close(const Error& why) {

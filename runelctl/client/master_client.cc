@@ -65,7 +65,7 @@ std::optional<Error> listDevices(const std::string& path, Milliseconds limit, st
     got = recv(socket.get(), part.data(), part.size(), 0);
   }
   if (got < 0) {
-    return errno == EAGAIN ? Error{Fault::timedOut, "the master does not answer", "", ETIMEDOUT}
+    return errno == EAGAIN ? Error{Fault::timedOut, "no answer from the master", "", ETIMEDOUT}
                            : Error{Fault::lost, "the master closed the connection", "", errno};
   }
   return std::nullopt;

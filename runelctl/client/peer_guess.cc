@@ -10,20 +10,20 @@ struct Known {
 };
 
 constexpr Known kKnown[] = {
-    {"SSH-", "it speaks like an SSH server"},
-    {"HTTP/", "it speaks like a web server"},
-    {"<!DOCTYPE", "it speaks like a web server"},
-    {"<html", "it speaks like a web server"},
-    {"@RSYNCD:", "it speaks like an rsync daemon"},
-    {"RFB ", "it speaks like a VNC server"},
-    {"+OK", "it speaks like a mail server"},
-    {"* OK", "it speaks like a mail server"},
-    {"220", "it speaks like a mail or FTP server"},
-    {"\x15\x03", "it speaks TLS"},
-    {"\x16\x03", "it speaks TLS"},
-    {"\xff\xfb", "it speaks like a telnet server"},
-    {"\xff\xfd", "it speaks like a telnet server"},
-    {"<", "it sends XML, as agents do"},
+    {"SSH-", "it looks like an SSH server"},
+    {"HTTP/", "it looks like a web server"},
+    {"<!DOCTYPE", "it looks like a web server"},
+    {"<html", "it looks like a web server"},
+    {"@RSYNCD:", "it looks like an rsync daemon"},
+    {"RFB ", "it looks like a VNC server"},
+    {"+OK", "it looks like a mail server"},
+    {"* OK", "it looks like a mail server"},
+    {"220", "it looks like a mail or FTP server"},
+    {"\x15\x03", "it uses TLS"},
+    {"\x16\x03", "it uses TLS"},
+    {"\xff\xfb", "it looks like a telnet server"},
+    {"\xff\xfd", "it looks like a telnet server"},
+    {"<", "it sends XML, like an agent"},
 };
 
 }  // namespace
@@ -36,10 +36,10 @@ std::string guessPeer(std::string_view first) {
   first.remove_prefix(begin);
   for (const Known& known : kKnown) {
     if (first.substr(0, known.begins.size()) == known.begins) {
-      return std::string("this is no runeld: ") + known.is;
+      return std::string("the peer is not runeld: ") + known.is;
     }
   }
-  return "this is no runeld: it speaks another protocol";
+  return "the peer is not runeld: it uses an unknown protocol";
 }
 
 }  // namespace zell::ctl

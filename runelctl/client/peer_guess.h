@@ -8,8 +8,8 @@
 
 namespace zell::ctl {
 
-/// "this is no runeld: ..." with a guess; empty when @p first, the first bytes that it sent, begins
-/// like the task protocol.
+/// "the peer is not runeld: ..." with a guess; empty when @p first, the first bytes that it sent,
+/// begins like the task protocol.
 [[nodiscard]] std::string guessPeer(std::string_view first);
 
 }  // namespace zell::ctl

@@ -29,7 +29,7 @@ std::string readInput(std::string& content) {
     }
     content.append(part, got > 0 ? static_cast<std::size_t>(got) : 0);
     if (content.size() > kMaxFramePayload - kRoomForTheRest) {
-      return "standard input: more than one task can carry; push sends files of any size";
+      return "standard input: too large for one task; use push, which has no size limit";
     }
   }
 }

@@ -24,10 +24,10 @@ bool answersAtLength(const std::string& task) {
 // What became of a program, in words.
 std::string programText(const ResultStatus& status) {
   if (status.status == SlaveStatus::timeout) {
-    return "ran into its time limit";
+    return "exceeded its time limit";
   }
   if (status.state == WatchProcessState_t::signalled) {
-    return "ended by signal " + std::to_string(status.signal);
+    return "terminated by signal " + std::to_string(status.signal);
   }
   return "exit status " + std::to_string(status.result);
 }
@@ -39,11 +39,11 @@ bool aboutProgram(const ResultStatus& status) {
 std::string taskHint(int number) {
   switch (number) {
     case ENOSPC:
-      return "the device's file system is full: runelctl df shows what is left";
+      return "the device's file system is full: check with runelctl df";
     case EROFS:
       return "the device's file system is mounted read-only";
     case EFBIG:
-      return "longer than one answer can be: runelctl pull takes it in pieces";
+      return "too large for one answer: use runelctl pull";
     default:
       return "";
   }

@@ -36,8 +36,8 @@ class PingJob : public Job {
   }
   [[nodiscard]] std::string sentLater() const override {
     return count_ == 1 ? ""
-                       : "the same after each answer, " +
-                             countText(static_cast<std::size_t>(count_), "time") + " in all";
+                       : "the same task after each answer, " +
+                             countText(static_cast<std::size_t>(count_), "time") + " in total";
   }
 
  private:
@@ -86,12 +86,14 @@ class PingJob : public Job {
 
 class PingCommand : public Command {
  public:
-  PingCommand() : Command("ping", "round trips of a cheap task") {}
+  PingCommand() : Command("ping", "measure the round-trip time") {}
   void define(CLI::App& app) override {
-    app.add_option("-c,--count", count_, "how many (5)")->check(within(1, 1000000))->type_name("N");
-    app.add_option("-i,--interval", pause_, "time between two (0.2)")
+    app.add_option("-c,--count", count_, "number of requests (default: 5)")
+        ->check(within(1, 1000000))
+        ->type_name("N");
+    app.add_option("-i,--interval", pause_, "pause between requests (default: 0.2)")
         ->check(within(0.0, 3600.0))
-        ->type_name("S");
+        ->type_name("SECONDS");
   }
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<PingJob>(std::move(context), count_, pause_);
@@ -171,7 +173,7 @@ class InfoJob : public Job {
 
 class InfoCommand : public Command {
  public:
-  InfoCommand() : Command("info", "identity, kernel, uptime and free space at a glance") {}
+  InfoCommand() : Command("info", "print identity, kernel, uptime and free space") {}
   void define(CLI::App& app) override { (void)app; }
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<InfoJob>(std::move(context));
@@ -211,16 +213,18 @@ class RawJob : public Job {
 
 class RawCommand : public Command {
  public:
-  RawCommand() : Command("raw", "send a record typed by hand and dump both frames") {}
+  RawCommand() : Command("raw", "send a raw record and dump both frames") {}
 
   void define(CLI::App& app) override {
-    app.add_option("RECORD", text_, R"(the payload; \n, \t, \\ and \xNN are understood)")
+    app.add_option("RECORD", text_, R"(the payload, with the escapes \n, \t, \r, \\ and \xNN)")
         ->required();
   }
 
   std::string check(const Settings& settings) override {
     (void)settings;
-    return readRawText(text_, payload_) ? "" : "RECORD: a backslash that begins nothing known";
+    return readRawText(text_, payload_)
+               ? ""
+               : "RECORD: invalid escape sequence (see runelctl raw --help)";
   }
 
   std::unique_ptr<Job> job(JobContext context) override {

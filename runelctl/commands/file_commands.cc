@@ -61,8 +61,8 @@ Json statJson(const StatRecord& st) {
   return object;
 }
 
-const Error kBadText{Fault::protocol, "the answer is in no known form",
-                     "device and runelctl may be of different versions", 0};
+const Error kBadText{Fault::protocol, "malformed answer",
+                     "check that the versions of runeld and runelctl match", 0};
 
 class CatJob : public EachPathJob {
  public:
@@ -88,8 +88,8 @@ class LsJob : public EachPathJob {
   LsJob(JobContext context, const std::vector<std::string>& paths, bool full)
       : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
   [[nodiscard]] std::string sentLater() const override {
-    return full_ ? "lstat for each name in a folder, and for a path that is no folder"
-                 : "lstat for a path that is no folder";
+    return full_ ? "lstat for each name in a directory, and for a path that is not a directory"
+                 : "lstat for a path that is not a directory";
   }
 
  private:
@@ -309,7 +309,7 @@ class StatJob : public EachPathJob {
 
   static const char* typeName(std::uint32_t mode) {
     static const std::pair<char, const char*> kNames[] = {
-        {'-', "file"},          {'d', "folder"},
+        {'-', "file"},          {'d', "directory"},
         {'l', "symbolic link"}, {'c', "character device"},
         {'p', "named pipe"},    {'b', "block device"},
         {'s', "socket"}};
@@ -363,7 +363,7 @@ class MvJob : public Job {
     });
   }
   [[nodiscard]] std::string sentLater() const override {
-    return "rename " + from_ + " to " + to_ + ", or into it when it is a folder";
+    return "rename " + from_ + " to " + to_ + ", or into it if it is a directory";
   }
 
  private:
@@ -383,7 +383,7 @@ class MvJob : public Job {
 
 class MvCommand : public Command {
  public:
-  MvCommand() : Command("mv", "rename a file or folder, or move it into a folder") {}
+  MvCommand() : Command("mv", "rename a file or directory, or move it into a directory") {}
 
   void define(CLI::App& app) override {
     app.add_option("FROM", from_)->required();
@@ -413,9 +413,9 @@ class EachPathCommand : public PathsCommand {
 
 class LsCommand : public PathsCommand {
  public:
-  LsCommand() : PathsCommand("ls", "list a folder", ".") {}
+  LsCommand() : PathsCommand("ls", "list a directory", ".") {}
   void define(CLI::App& app) override {
-    app.add_flag("-l", full_, "with mode, owner, size and time");
+    app.add_flag("-l", full_, "print mode, owner, size and time");
     PathsCommand::define(app);
   }
   std::unique_ptr<Job> job(JobContext context) override {
@@ -431,7 +431,7 @@ class StatCommand : public PathsCommand {
  public:
   StatCommand(const char* task, const char* help) : PathsCommand(task, help, ""), task_(task) {}
   void define(CLI::App& app) override {
-    app.add_flag("--raw", raw_, "the task's own line");
+    app.add_flag("--raw", raw_, "print the unformatted answer of the task");
     PathsCommand::define(app);
   }
   std::unique_ptr<Job> job(JobContext context) override {
@@ -448,7 +448,7 @@ class RmCommand : public PathsCommand {
  public:
   RmCommand() : PathsCommand("rm", "remove files", "") {}
   void define(CLI::App& app) override {
-    app.add_flag("-r", recursive_, "folders too, with all that is in them (by the device's rm)");
+    app.add_flag("-r", recursive_, "remove directories recursively, with the device's rm");
     PathsCommand::define(app);
   }
   std::unique_ptr<Job> job(JobContext context) override {
@@ -464,13 +464,16 @@ class RmCommand : public PathsCommand {
 }  // namespace
 
 void addFileCommands(Commands& commands) {
-  commands.push_back(std::make_unique<EachPathCommand<CatJob>>("cat", "show files", ""));
+  commands.push_back(std::make_unique<EachPathCommand<CatJob>>("cat", "print files", ""));
   commands.push_back(std::make_unique<LsCommand>());
   commands.push_back(
-      std::make_unique<EachPathCommand<TreeJob>>("tree", "show all below a folder", "."));
-  commands.push_back(std::make_unique<EachPathCommand<DfJob>>("df", "show free space", "/"));
-  commands.push_back(std::make_unique<StatCommand>("stat", "all about a file, links followed"));
-  commands.push_back(std::make_unique<StatCommand>("lstat", "all about a file or link itself"));
+      std::make_unique<EachPathCommand<TreeJob>>("tree", "print a directory tree", "."));
+  commands.push_back(
+      std::make_unique<EachPathCommand<DfJob>>("df", "print the free space of a file system", "/"));
+  commands.push_back(
+      std::make_unique<StatCommand>("stat", "print the attributes of a file; follow links"));
+  commands.push_back(std::make_unique<StatCommand>(
+      "lstat", "print the attributes of a file; do not follow links"));
   commands.push_back(std::make_unique<RmCommand>());
   commands.push_back(std::make_unique<MvCommand>());
 }

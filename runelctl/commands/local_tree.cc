@@ -122,10 +122,10 @@ std::optional<Error> scanLocal(const std::string& path, bool recursive, LocalSou
     return localError(path, errno);
   }
   if (S_ISDIR(st.st_mode) && !recursive) {
-    return Error{Fault::local, path + ": " + systemText(EISDIR), "use -r for folders", EISDIR};
+    return Error{Fault::local, path + ": " + systemText(EISDIR), "use -r for directories", EISDIR};
   }
   if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
-    return Error{Fault::local, path + ": neither file nor folder", "", EINVAL};
+    return Error{Fault::local, path + ": not a file or directory", "", EINVAL};
   }
   source.name = baseName(path);
   return Scan(source, left).run(entryOf(path, "", st));
@@ -162,7 +162,7 @@ std::optional<Error> LocalReader::read(std::uint64_t offset, std::size_t count,
 }
 
 Error LocalReader::changedError() const {
-  return {Fault::local, path_ + ": changed while it was sent", "try again", 0};
+  return {Fault::local, path_ + ": changed during the transfer", "retry the transfer", 0};
 }
 
 bool LocalReader::changed() const {

@@ -57,14 +57,15 @@ class ExecJob : public Job {
 
 class ExecCommand : public Command {
  public:
-  ExecCommand() : Command("exec", "run a program; its output and exit status become ours") {}
+  ExecCommand() : Command("exec", "run a program; return its output and exit status") {}
 
   void define(CLI::App& app) override {
     app.positionals_at_end();
-    auto* limit = app.add_option("--timeout", limit_, "end the program after so many seconds")
+    auto* limit = app.add_option("--timeout", limit_, "limit for the program (default: none)")
                       ->check(within(1, 2147483647))
-                      ->type_name("S");
-    app.add_flag("--background", background_, "start it and do not wait for it")->excludes(limit);
+                      ->type_name("SECONDS");
+    app.add_flag("--background", background_, "start the program and do not wait for it")
+        ->excludes(limit);
     app.add_option("PROGRAM", words_, "program and its arguments, after '--'")->required();
   }
 
@@ -81,13 +82,13 @@ class ExecCommand : public Command {
 
 class ShellLineCommand : public Command {
  public:
-  ShellLineCommand() : Command("sh", "run a line by the device's /bin/sh") {}
+  ShellLineCommand() : Command("sh", "run a command line with the device's /bin/sh") {}
 
   void define(CLI::App& app) override {
     app.positionals_at_end();
-    app.add_option("--timeout", limit_, "end it after so many seconds")
+    app.add_option("--timeout", limit_, "limit for the command line (default: none)")
         ->check(within(1, 2147483647))
-        ->type_name("S");
+        ->type_name("SECONDS");
     app.add_option("LINE", line_)->required();
   }
 
@@ -137,7 +138,8 @@ class PsJob : public Job {
 
 class PsCommand : public Command {
  public:
-  PsCommand() : Command("ps", "say whether a process of this name runs (status 1: it does not)") {}
+  PsCommand()
+      : Command("ps", "test whether a process with this name runs (exit status 1: it does not)") {}
 
   void define(CLI::App& app) override { app.add_option("NAME", process_)->required(); }
 

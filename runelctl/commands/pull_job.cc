@@ -13,7 +13,7 @@
 namespace zell::ctl {
 namespace {
 
-const Error kBadTree{Fault::protocol, "the tree is in no known form", "", 0};
+const Error kBadTree{Fault::protocol, "malformed directory tree", "", 0};
 
 bool isLocalFolder(const std::string& path) {
   struct stat st {};
@@ -77,9 +77,9 @@ void PullJob::start() {
 }
 
 std::string PullJob::sentLater() const {
-  return std::string("stat for each other name; ") +
-         (plan_.recursive ? "walktree for folders, and stat for what is in them; " : "") +
-         "read for each file, dd in pieces for a large one" + (plan_.checksum ? "; sha256sum" : "");
+  return std::string("stat for each further path; ") +
+         (plan_.recursive ? "walktree for directories, and stat for their entries; " : "") +
+         "read for each file, dd in pieces for large ones" + (plan_.checksum ? "; sha256sum" : "");
 }
 
 void PullJob::lookAtNext() {
@@ -110,9 +110,9 @@ void PullJob::lookAt(const std::string& remote, const Reply& reply) {
         [this, remote](const Reply& tree) { takeTree(remote, tree); });
     return;
   } else if (st->isFolder()) {
-    failed({Fault::task, remote + ": " + systemText(EISDIR), "use -r for folders", EISDIR});
+    failed({Fault::task, remote + ": " + systemText(EISDIR), "use -r for directories", EISDIR});
   } else if (!st->isRegular()) {
-    failed({Fault::task, remote + ": neither file nor folder", "", 0});
+    failed({Fault::task, remote + ": not a file or directory", "", 0});
   } else {
     auto& list = st->size > pieceBytes() ? big_ : small_;
     list.push_back({remote, placeOf(remote), *st, true, false, ""});
@@ -149,13 +149,13 @@ void PullJob::takeEntry(const std::string& remote, const std::string& base,
             false,
             entry.target};
   if (!staysBelow(entry.path)) {
-    report().warn(item.source + ": left out, its name leads elsewhere");
+    report().warn(item.source + ": skipped, its path leads out of the directory");
   } else if (entry.type == 'd') {
     folders_.push_back(std::move(item));
   } else if (entry.type == 'l') {
     links_.push_back(std::move(item));
   } else if (entry.type != '-') {
-    report().warn(item.source + ": left out, neither file, folder nor link");
+    report().warn(item.source + ": skipped, not a file, directory or link");
   } else {
     expect(entry.size);
     (entry.size > pieceBytes() ? big_ : small_).push_back(std::move(item));
@@ -271,14 +271,14 @@ bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   }
   const auto sums = parseChecksums(done.reply.output, done.names.size());
   if (!done.reply.ok() || !sums) {
-    notKept("checksums not compared: " + programTrouble(done.program, done.reply));
+    notKept("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
   }
   for (const std::string& sum : *sums) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.path, item.st.size) != sum) {
-      itemFailed(item, {Fault::local, item.path + ": its checksum is another one", "", 0});
+      itemFailed(item, {Fault::local, item.path + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;

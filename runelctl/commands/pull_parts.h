@@ -21,7 +21,7 @@ struct PullJob::BigFile {
 
 /// A file of the device that is not the one it was a moment ago.
 [[nodiscard]] inline Error changedThere(const std::string& path) {
-  return {Fault::task, path + ": changed while it was fetched", "try again", 0};
+  return {Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
 }
 
 }  // namespace zell::ctl

@@ -147,8 +147,8 @@ void PushJob::finishPart(const Reply& reply) {
     return;
   }
   if (!whole) {
-    dropPart({Fault::task, item.target + ": not whole on the device",
-              "does another runelctl send the same file?", 0});
+    dropPart({Fault::task, item.target + ": incomplete on the device",
+              "check whether another runelctl sends the same file", 0});
     return;
   }
   const auto ask = [this](const std::vector<std::string>& words, const char* what) {
@@ -162,14 +162,14 @@ void PushJob::finishPart(const Reply& reply) {
   if (item.there && (item.there->uid != st->uid || item.there->gid != st->gid)) {
     ask({"chown", std::to_string(item.there->uid) + ":" + std::to_string(item.there->gid), "--",
          part},
-        "owner not kept");
+        "owner not preserved");
   }
-  ask({"chmod", octalMode(item.entry->mode), "--", part}, "modes not kept");
+  ask({"chmod", octalMode(item.entry->mode), "--", part}, "modes not preserved");
   const std::string seconds = touchTime(item.entry->mtime, false);
   Job::ask(execRequest({"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
            [this, seconds, ask](const Reply& touched) {
              if (!touched.ok()) {
-               ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not kept");
+               ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not preserved");
              }
              renamePart();
            });

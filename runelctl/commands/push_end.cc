@@ -51,7 +51,7 @@ void PushJob::setModes() {
       }
     }
   }
-  runPrograms(runsOf(groups, {"chmod"}), "modes not kept", [this] { setTimes(true); });
+  runPrograms(runsOf(groups, {"chmod"}), "modes not preserved", [this] { setTimes(true); });
 }
 
 // Whole seconds where the device's touch knows no others.
@@ -68,7 +68,7 @@ void PushJob::setTimes(bool fractions) {
     }
   }
   (void)programFailed();
-  runPrograms(runsOf(groups, {"touch", "-c", "-d"}), fractions ? "" : "times not kept",
+  runPrograms(runsOf(groups, {"touch", "-c", "-d"}), fractions ? "" : "times not preserved",
               [this, fractions] {
                 if (programFailed() && fractions) {
                   setTimes(false);
@@ -101,14 +101,14 @@ bool PushJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   }
   const auto sums = parseChecksums(done.reply.output, done.names.size());
   if (!done.reply.ok() || !sums) {
-    notKept("checksums not compared: " + programTrouble(done.program, done.reply));
+    notKept("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
   }
   for (const std::string& sum : *sums) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.entry->path, item.entry->size) != sum) {
-      itemFailed(item, {Fault::task, item.target + ": its checksum is another one", "", 0});
+      itemFailed(item, {Fault::task, item.target + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;

@@ -41,12 +41,15 @@ std::string PushJob::sentLater() const {
       bytes += entry.size;
     }
   }
-  return std::string(plan_->sync ? "walktree of the folder there; of what differs in " : "") +
-         countText(files, "file") + " (" + sizeText(bytes) + "), " + countText(folders, "folder") +
-         " and " + countText(links, "link") +
-         ": looks at what is there; mkdir and ln; write, in pieces or as an archive for tar where "
-         "that pays, and rename; chmod and touch" +
-         (plan_->checksum ? "; sha256sum" : "") + (plan_->remove ? "; rm of what is not here" : "");
+  return std::string(plan_->sync ? "walktree of the remote directory; for the differences among "
+                                 : "for ") +
+         countText(files, "file") + " (" + sizeText(bytes) + "), " + std::to_string(folders) +
+         (folders == 1 ? " directory" : " directories") + " and " + countText(links, "link") +
+         ": fileexists and lstat of the targets; mkdir and ln; write (in pieces, or as an archive "
+         "for tar) and "
+         "rename; chmod and touch" +
+         (plan_->checksum ? "; sha256sum" : "") +
+         (plan_->remove ? "; rm of files that are missing here" : "");
 }
 
 // As cp does: several sources, a slash at the end or a folder that is there mean "into".
@@ -58,7 +61,7 @@ void PushJob::place(const Reply& reply) {
   const bool folder = (st && st->isFolder()) || (root_.size() > 1 && root_.back() == '/');
   const bool into = !plan_->sync && (folder || plan_->sources.size() > 1);
   for (const std::string& left : plan_->left) {
-    report().warn(left + ": left out, neither file, folder nor link");
+    report().warn(left + ": skipped, not a file, directory or link");
   }
   if (into && !st) {
     static const LocalEntry kPlain{'d', "", "", "", 0755, 0, {}};
@@ -114,7 +117,7 @@ void PushJob::makeFolders() {
   for (const Item& item : folders_) {
     run.names.push_back(item.target);
   }
-  runPrograms({run}, "folders not made", [this] { lookAtTargets(); });
+  runPrograms({run}, "directories not created", [this] { lookAtTargets(); });
 }
 
 // A file that replaces another one keeps its owner, and goes where a link leads, as "write" has it.
@@ -194,7 +197,7 @@ void PushJob::makeLinks() {
   for (const Item& item : links_) {
     runs.push_back({{"ln", "-s", "-f", "-n", "--", item.entry->target}, {item.target}});
   }
-  runPrograms(std::move(runs), "links not made", [this] { setFolders(); });
+  runPrograms(std::move(runs), "links not created", [this] { setFolders(); });
 }
 
 void PushJob::itemFailed(Item& item, const Error& error) {

@@ -43,7 +43,7 @@ void PushJob::compareTree(const Reply& reply) {
   }
   const auto entries = parseTree(reply.output);
   if (!entries || (!reply.ok() && reply.status.error != ENOENT)) {
-    fail(reply.ok() ? Error{Fault::protocol, "the tree is in no known form", "", 0}
+    fail(reply.ok() ? Error{Fault::protocol, "malformed directory tree", "", 0}
                     : reply.error(root_));
     return;
   }
@@ -81,7 +81,7 @@ void PushJob::removeOthers() {
   for (const std::string& path : others_) {
     run.names.push_back(joinPath(root_, path));
   }
-  runPrograms({run}, "not removed", [this] { lookAtFolders(); });
+  runPrograms({run}, "files not removed", [this] { lookAtFolders(); });
 }
 
 }  // namespace zell::ctl

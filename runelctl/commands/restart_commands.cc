@@ -59,8 +59,8 @@ class RestartJob : public Job {
     }
   }
   [[nodiscard]] std::string sentLater() const override {
-    return wait_ ? std::string("read ") + proof_.path +
-                       " again and again, until it tells of another " + proof_.name
+    return wait_ ? std::string("read ") + proof_.path + " repeatedly, until it shows a new " +
+                       proof_.name
                  : "";
   }
 
@@ -99,10 +99,10 @@ class RestartJob : public Job {
     if (different) {
       back();
     } else if (down_ < 0 && seconds() > proof_.downLimit) {
-      late("it did not go down", proof_.downLimit);
+      late("did not go down", proof_.downLimit);
     } else if (down_ >= 0 && seconds() - down_ > proof_.upLimit) {
-      late(reply.ok() ? std::string("it answers, but its ") + proof_.name + " is the old one"
-                      : "it did not come back",
+      late(reply.ok() ? std::string("the device answers, but there is no new ") + proof_.name
+                      : "did not come back",
            proof_.upLimit);
     } else {
       // A fresh connection each time: an old one may belong to what is going down.
@@ -147,18 +147,24 @@ class RestartJob : public Job {
   Loop::Timer timer_;
 };
 
+std::string wholeText(double seconds) {
+  return std::to_string(static_cast<long>(seconds));
+}
+
 class RestartCommand : public Command {
  public:
   RestartCommand(const Proof& proof, const char* help) : Command(proof.task, help), proof_(proof) {}
 
   void define(CLI::App& app) override {
-    app.add_flag("--wait", wait_, "until it is proven that it happened");
-    app.add_option("--down-timeout", proof_.downLimit, "time for going down")
+    app.add_flag("--wait", wait_, "wait until the reboot or restart is verified");
+    app.add_option("--down-timeout", proof_.downLimit,
+                   "limit for going down (default: " + wholeText(proof_.downLimit) + ")")
         ->check(within(0.1, 86400.0))
-        ->type_name("S");
-    app.add_option("--up-timeout", proof_.upLimit, "time for coming back")
+        ->type_name("SECONDS");
+    app.add_option("--up-timeout", proof_.upLimit,
+                   "limit for coming back (default: " + wholeText(proof_.upLimit) + ")")
         ->check(within(0.1, 86400.0))
-        ->type_name("S");
+        ->type_name("SECONDS");
   }
 
   std::unique_ptr<Job> job(JobContext context) override {
@@ -178,11 +184,11 @@ class RestartCommand : public Command {
 void addRestartCommands(Commands& commands) {
   commands.push_back(std::make_unique<RestartCommand>(
       Proof{"reboot", "/proc/sys/kernel/random/boot_id", "boot_id", 60, 300},
-      "reboot the device, one after the other unless -j is given"));
+      "reboot the device; several devices one after the other, unless -j is given"));
   // A program that reads /proc/self reads about itself, and the program is the daemon.
-  commands.push_back(std::make_unique<RestartCommand>(
-      Proof{"restart", "/proc/self/stat", "process", 30, 60},
-      "have the daemon end, to be started again by its supervisor"));
+  commands.push_back(
+      std::make_unique<RestartCommand>(Proof{"restart", "/proc/self/stat", "process", 30, 60},
+                                       "end the daemon, so that its supervisor starts it again"));
 }
 
 }  // namespace zell::ctl

@@ -16,9 +16,8 @@ namespace zell::ctl {
 namespace {
 
 void defineTransfer(CLI::App& app, bool& resume, bool& checksum) {
-  app.add_flag("--resume,!--no-resume", resume,
-               "take up a broken transfer where it ended (default)");
-  app.add_flag("--checksum", checksum, "compare SHA-256 sums at the end");
+  app.add_flag("--resume,!--no-resume", resume, "resume an interrupted transfer (default)");
+  app.add_flag("--checksum", checksum, "verify SHA-256 checksums after the transfer");
 }
 
 // Several words, of which the last is where they go.
@@ -45,10 +44,10 @@ std::optional<Error> scanSources(const std::vector<std::string>& paths, bool rec
 
 class PushCommand : public Command {
  public:
-  PushCommand() : Command("push", "send files, and trees with -r, to where the last name says") {}
+  PushCommand() : Command("push", "copy files, or with -r directories, to the device") {}
 
   void define(CLI::App& app) override {
-    app.add_flag("-r,--recursive", recursive_, "folders with all that is in them");
+    app.add_flag("-r,--recursive", recursive_, "copy directories recursively");
     defineTransfer(app, plan_->resume, plan_->checksum);
     app.add_option("NAMES", words_, "LOCAL... REMOTE")->required()->type_name("");
   }
@@ -56,7 +55,7 @@ class PushCommand : public Command {
   std::string check(const Settings& settings) override {
     (void)settings;
     if (!splitLast(words_, plan_->remote)) {
-      return "push: what is to be sent, and to where on the device?";
+      return "push: expected LOCAL... REMOTE";
     }
     return "";
   }
@@ -75,13 +74,15 @@ class PushCommand : public Command {
 
 class SyncCommand : public Command {
  public:
-  SyncCommand() : Command("sync", "make a folder on the device equal, sending only what differs") {}
+  SyncCommand()
+      : Command("sync",
+                "make a directory on the device equal to a local one; send only differences") {}
 
   void define(CLI::App& app) override {
-    app.add_flag("--delete", plan_->remove, "remove there what is not here");
+    app.add_flag("--delete", plan_->remove, "remove files on the device that are missing here");
     defineTransfer(app, plan_->resume, plan_->checksum);
-    app.add_option("LOCAL", local_, "a folder here")->required()->type_name("");
-    app.add_option("REMOTE", plan_->remote, "the folder there")->required()->type_name("");
+    app.add_option("LOCAL", local_, "local directory")->required()->type_name("");
+    app.add_option("REMOTE", plan_->remote, "directory on the device")->required()->type_name("");
   }
 
   std::optional<Error> prepare() override {
@@ -102,10 +103,10 @@ class SyncCommand : public Command {
 
 class PullCommand : public Command {
  public:
-  PullCommand() : Command("pull", "fetch files, and trees with -r, to where the last name says") {}
+  PullCommand() : Command("pull", "copy files, or with -r directories, from the device") {}
 
   void define(CLI::App& app) override {
-    app.add_flag("-r,--recursive", plan_.recursive, "folders with all that is in them");
+    app.add_flag("-r,--recursive", plan_.recursive, "copy directories recursively");
     defineTransfer(app, plan_.resume, plan_.checksum);
     app.add_option("NAMES", plan_.remotes, "REMOTE... LOCAL")->required()->type_name("");
   }
@@ -113,7 +114,7 @@ class PullCommand : public Command {
   std::string check(const Settings& settings) override {
     (void)settings;
     if (!splitLast(plan_.remotes, plan_.local) || plan_.local.empty()) {
-      return "pull: what is to be fetched, and to where here?";
+      return "pull: expected REMOTE... LOCAL";
     }
     return "";
   }

@@ -147,7 +147,7 @@ void Fleet::showSentLater(Member& member) const {
   const std::string text = member.job->sentLater();
   member.report->result()["dry_run"] = true;
   if (!text.empty()) {
-    member.report->line("   then, by the answers: " + forPeople(text));
+    member.report->line("   then, depending on the answers: " + forPeople(text));
     Json object{{"entry", "later"}};
     putBytes(object, "text", text);
     member.report->entry(object);
@@ -158,7 +158,7 @@ void Fleet::arm(Member& member) {
   if (settings_.deadline > 0) {
     const auto limit = static_cast<Milliseconds::rep>(std::lround(settings_.deadline * 1000));
     member.deadline = loop_.after(Milliseconds(limit), [this, &member] {
-      const Error error{Fault::timedOut, "not done within its deadline", "", ETIMEDOUT};
+      const Error error{Fault::timedOut, "deadline exceeded", "", ETIMEDOUT};
       done(member, {exitStatusOf(error), error});
     });
   }
@@ -267,7 +267,7 @@ void Fleet::endWave() {
 
 void Fleet::cancel(int status) {
   cancelled_ = status;
-  const Error error{Fault::cancelled, "given up: interrupted", "", 0};
+  const Error error{Fault::cancelled, "interrupted", "", 0};
   for (const auto& member : members_) {
     if (member->cleaner) {
       // The second signal: nothing is waited for any more.

@@ -195,7 +195,7 @@ void Printer::note(const std::string& text) {
 
 void Printer::unsent(std::size_t devices) {
   if (many_) {
-    note("a dry run: nothing was sent to " + countText(devices, "device"));
+    note("dry run: nothing was sent to " + countText(devices, "device"));
   }
 }
 
@@ -215,7 +215,7 @@ void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
     note(countText(ends.size() + skipped, "device") + ": " + std::to_string(tally.ok) + " ok, " +
          std::to_string(tally.failed) + " failed, " + std::to_string(tally.timedOut) +
          " timed out, " + std::to_string(tally.unreachable) + " unreachable" +
-         (skipped == 0 ? "" : ", " + std::to_string(skipped) + " not tried"));
+         (skipped == 0 ? "" : ", " + std::to_string(skipped) + " skipped"));
   }
 }
 

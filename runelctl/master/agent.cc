@@ -94,12 +94,12 @@ void Agent::take(std::string bytes) {
     next = typed_.next(clause);
   }
   if (next == ClauseBuffer::Next::sentinel) {
-    end(inputError("the byte 0x01 or 0x02 would stop the daemon", "--raw sends it all the same"));
+    end(inputError("byte 0x01 or 0x02 would stop the daemon", "--raw sends it anyway"));
   } else if (next == ClauseBuffer::Next::notOpening) {
-    end(inputError("what does not begin with '<' would block the daemon's relay",
-                   "--raw sends it all the same"));
+    end(inputError("input that does not begin with '<' would block the daemon's relay",
+                   "--raw sends it anyway"));
   } else if (typed_.size() > kLongestAgentClause) {
-    end(inputError("a clause of more than 1 MiB", ""));
+    end(inputError("a clause exceeds 1 MiB", ""));
   } else {
     watchSocket();
   }
@@ -111,7 +111,7 @@ void Agent::inputEnded() {
   if (typed_.first(1).empty()) {
     waitOn();
   } else {
-    end(inputError("the last clause is not complete: its closing tag is missing",
+    end(inputError("the last clause is incomplete: its closing tag is missing",
                    "tags with attributes must end in '/>'"));
   }
 }
@@ -139,7 +139,7 @@ void Agent::receive() {
   }
   if (got <= 0) {
     end(Error{Fault::lost, got < 0 ? systemText(errno) : "the device closed the connection",
-              "its daemon does so when the connection to its master ends", got < 0 ? errno : 0});
+              "the daemon closes it when its connection to the master ends", got < 0 ? errno : 0});
     return;
   }
   heard_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
@@ -148,7 +148,7 @@ void Agent::receive() {
     events_.clause(clause);
   }
   if (heard_.size() > kLongestAgentClause) {
-    end(Error{Fault::protocol, "what came back is no clause", "", 0});
+    end(Error{Fault::protocol, "malformed answer: not a clause", "", 0});
   } else if (inputOver_) {
     waitOn();
   }

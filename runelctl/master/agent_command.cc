@@ -27,24 +27,26 @@ constexpr double kMostLinger = 86400;
 class AgentCommand : public LocalCommand {
  public:
   AgentCommand()
-      : LocalCommand("agent", "play a local agent: clauses from standard input to the daemon") {}
+      : LocalCommand("agent",
+                     "act as a local agent: send clauses from standard input to the daemon") {}
 
   void define(CLI::App& app) override {
-    app.add_option("--linger", linger_,
-                   "listen on until nothing came for so long after the end of the input (2)")
+    app.add_option(
+           "--linger", linger_,
+           "after the end of the input, exit when nothing was received for SECONDS (default: 2)")
         ->check(within(0.0, kMostLinger))
-        ->type_name("S");
+        ->type_name("SECONDS");
     app.add_flag("--raw", raw_,
-                 "send the input as it is: this can block the relay or stop the daemon");
+                 "send the input unchecked: this can block the relay or stop the daemon");
   }
 
   std::string check(const Settings& settings) override {
-    return settings.dryRun ? "agent: a dry run has nothing to show: what is sent is its input" : "";
+    return settings.dryRun ? "agent: --dry-run is not supported" : "";
   }
 
   int run(const Settings& settings, const Style& style) override {
     if (settings.targets.size() != 1 || settings.targets[0].behindMaster()) {
-      complain("agent: give one device, by its address: an agent dials the daemon itself");
+      complain("agent: expected one device, by address: an agent connects to the daemon directly");
       return kExitUsage;
     }
     Loop loop;

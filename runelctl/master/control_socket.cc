@@ -81,10 +81,11 @@ std::string ControlSocket::open(const std::string& path) {
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   if (!ownFolder(path)) {
-    return folderOf(path) + ": no folder of our own for a socket: " + systemText(errno);
+    return folderOf(path) +
+           ": not a private directory for the control socket: " + systemText(errno);
   }
   if (answers(address)) {
-    return path + ": a master is running already";
+    return path + ": another master is already running";
   }
   (void)unlink(path.c_str());  // bind tells when it is still in the way
   UniqueFd listener = newSocket();
@@ -106,7 +107,7 @@ void ControlSocket::accept() {
     if (peerIsUs(socket.get())) {
       keep(std::move(socket), EPOLLIN, kLineTime, "");
     } else {
-      sendAndClose(std::move(socket), "this master is another user's\n");
+      sendAndClose(std::move(socket), "the master belongs to another user\n");
     }
   }
 }

@@ -45,7 +45,7 @@ void FurtherLink::receive() {
     return;
   }
   if (got <= 0) {
-    end(got < 0 ? systemText(errno) : "the device closed it");
+    end(got < 0 ? systemText(errno) : "the device closed the connection");
     return;
   }
   bytes_ += static_cast<std::uint64_t>(got);
@@ -65,9 +65,9 @@ void FurtherLink::cut() {
     next = buffer_.next(clause);
   }
   if (next == ClauseBuffer::Next::sentinel || next == ClauseBuffer::Next::notOpening) {
-    end("sent what is no clause");
+    end("sent data that is not a clause");
   } else if (buffer_.size() > kLongestClause) {
-    end("sent a clause of more than 1 MiB");
+    end("sent a clause that exceeds 1 MiB");
   }
 }
 

@@ -62,7 +62,7 @@ std::string Journal::keepClauses(const std::string& path) {
 }
 
 void Journal::listening(const std::string& where, const std::string& socket) {
-  tell("listening", nullptr, "waiting for devices on " + where + ", for runelctl on " + socket,
+  tell("listening", nullptr, "listening for devices on " + where + ", for runelctl on " + socket,
        {{"address", where}, {"socket", socket}});
 }
 
@@ -72,17 +72,17 @@ void Journal::connected(const Label& who, const std::string& deviceType) {
 }
 
 void Journal::further(const Label& who) {
-  tell("further", &who, "a further connection", Json::object());
+  tell("further", &who, "additional connection", Json::object());
 }
 
 void Journal::agent(const Label& who) {
-  tell("agent", &who, "it is an agent's", Json::object());
+  tell("agent", &who, "additional connection carries an agent's data", Json::object());
 }
 
 void Journal::lost(const Label& who, const std::string& role, const std::string& why) {
   const std::string what = role == "slave"   ? "lost: "
-                           : role == "agent" ? "the agent is gone: "
-                                             : "the further connection is gone: ";
+                           : role == "agent" ? "agent disconnected: "
+                                             : "additional connection closed: ";
   tell("lost", &who, what + why, {{"role", role}, {"why", why}});
 }
 

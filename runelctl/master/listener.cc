@@ -70,7 +70,7 @@ void Listener::accept() {
 
 // Those who wait would wake us again and again, and there is nothing that could be done for them.
 void Listener::rest(int number) {
-  problem_("cannot take another connection: " + systemText(number));
+  problem_("cannot accept connections: " + systemText(number));
   loop_.forget(socket_.get());
   pause_ = loop_.after(kRest, [this] {
     pause_ = Loop::Timer();

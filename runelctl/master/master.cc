@@ -78,10 +78,10 @@ void Master::accepted(UniqueFd socket, const sockaddr_in& from) {
 
 std::string Master::refusal(const sockaddr_in& from, const std::string& address) const {
   if (!options_.access.allowsAddress(ntohl(from.sin_addr.s_addr))) {
-    return "its address is not on the list";
+    return "address not allowed by --allow";
   }
   const std::size_t most = options_.shared ? kMostOfOneAddress : kMostOfOneDevice;
-  return lineup_.countAt(address) >= most ? "too many connections from there" : "";
+  return lineup_.countAt(address) >= most ? "too many connections from this address" : "";
 }
 
 void Master::turnAway(UniqueFd socket, const Label& who, const std::string& why) {
@@ -150,7 +150,7 @@ void Master::identified(Id id) {
     journal_.connected(who, station.deviceType());
     return;
   }
-  journal_.refused(who, "its hostid is not on the list");
+  journal_.refused(who, "host identifier not allowed by --allow-hostid");
   station.refuse();
   hold({UniqueFd(), id, who.address, {}});
 }
@@ -198,7 +198,7 @@ void Master::asked(const std::string& line, UniqueFd socket) {
   } else if (line.compare(0, kAttach.size(), kAttach) == 0) {
     attach(line.substr(kAttach.size()), std::move(socket));
   } else {
-    control_.sendAndClose(std::move(socket), "the master does not know this request\n");
+    control_.sendAndClose(std::move(socket), "unknown request\n");
   }
 }
 
@@ -207,8 +207,8 @@ void Master::attach(const std::string& name, UniqueFd socket) {
   if (found.size() != 1) {
     control_.sendAndClose(std::move(socket),
                           found.empty() ? "no device " + name + " is connected to the master\n"
-                                        : std::to_string(found.size()) + " devices are called " +
-                                              name + ": name one by ADDRESS:PORT\n");
+                                        : std::to_string(found.size()) + " devices are named " +
+                                              name + ": select one by ADDRESS:PORT\n");
     return;
   }
   static constexpr std::string_view kOk = "ok\n";

@@ -29,42 +29,48 @@ constexpr double kMostShared = 86400;
 
 class MasterCommand : public LocalCommand {
  public:
-  MasterCommand() : LocalCommand("master", "be the master that devices dial, until interrupted") {}
+  MasterCommand() : LocalCommand("master", "run a master that devices connect to") {}
 
   void define(CLI::App& app) override {
-    app.add_option("--listen", listen_, "where (127.0.0.1:5112); 0.0.0.0 for everywhere")
+    app.add_option("--listen", listen_,
+                   "address to listen on (default: 127.0.0.1:5112); 0.0.0.0 for all interfaces")
         ->type_name("ADDRESS[:PORT]");
-    app.add_option("--allow", addresses_, "let in only these; repeated, or with commas")
+    app.add_option("--allow", addresses_,
+                   "accept only these addresses; repeatable, comma-separated")
         ->allow_extra_args(false)
         ->type_name("ADDRESS[/BITS]");
-    app.add_option("--allow-hostid", hostids_, "let in only these; repeated, or with commas")
+    app.add_option("--allow-hostid", hostids_,
+                   "accept only these host identifiers; repeatable, comma-separated")
         ->allow_extra_args(false)
         ->type_name("ID");
     app.add_option("--shared-address", shared_,
-                   "several devices may have one address: a connection that is silent for so long "
-                   "is a device, not an agent's (see the manual for the risk)")
+                   "expect several devices at one address: treat a connection that is silent for "
+                   "SECONDS as a device, "
+                   "not as an agent (see the manual for the risk)")
         ->check(within(0.001, kMostShared))
-        ->type_name("S");
-    app.add_flag("--xml", xml_, "show what agents say");
-    app.add_option("--xml-log", xmlLog_, "keep what agents say, as JSON objects")
+        ->type_name("SECONDS");
+    app.add_flag("--xml", xml_, "print the clauses of agents");
+    app.add_option("--xml-log", xmlLog_, "append the clauses of agents to FILE, as JSON objects")
         ->type_name("FILE");
   }
 
   std::string check(const Settings& settings) override {
     if (settings.dryRun) {
-      return "master: a dry run has nothing to show: what is sent depends on who connects";
+      return "master: --dry-run is not supported";
     }
     if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
-      return "--listen: no ADDRESS[:PORT]: '" + listen_ + "'";
+      return "--listen: invalid address '" + listen_ + "': expected ADDRESS[:PORT]";
     }
     for (const std::string& list : addresses_) {
       if (!options_.access.addAddresses(list)) {
-        return "--allow: no list of ADDRESS or ADDRESS/BITS: '" + list + "'";
+        return "--allow: invalid list '" + list +
+               "': expected ADDRESS or ADDRESS/BITS, comma-separated";
       }
     }
     for (const std::string& list : hostids_) {
       if (!options_.access.addHostids(list)) {
-        return "--allow-hostid: no list of host identifiers: '" + list + "'";
+        return "--allow-hostid: invalid list '" + list +
+               "': expected host identifiers, comma-separated";
       }
     }
     return "";
@@ -148,10 +154,11 @@ void print(const Table& table) {
 
 class DevicesCommand : public LocalCommand {
  public:
-  DevicesCommand() : LocalCommand("devices", "list the devices at the running master") {}
+  DevicesCommand() : LocalCommand("devices", "list the devices that are connected to the master") {}
 
   void define(CLI::App& app) override {
-    app.add_flag("--names", names_, "one name a line, as -d @NAME takes it");
+    app.add_flag("--names", names_,
+                 "print only names, one a line, in the form that -d @NAME takes");
   }
 
   int run(const Settings& settings, const Style& style) override {

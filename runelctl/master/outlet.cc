@@ -42,7 +42,8 @@ void Outlet::flush() {
     waiting_.clear();
   }
   if (waiting_.empty() && leftOut_ > 0) {
-    waiting_ = "(" + std::to_string(leftOut_) + " lines left out: nobody read them in time)\n";
+    waiting_ =
+        "(" + std::to_string(leftOut_) + " lines dropped: the output was not read in time)\n";
     leftOut_ = 0;
   }
   if (!waiting_.empty()) {

@@ -73,7 +73,7 @@ void SlaveLink::ask(const Request& request, ReplyHandler handler) {
         --unanswered_;
         std::optional<Reply> reply = decodeReply(std::move(payload));
         if (!reply) {
-          lose({Fault::protocol, "the answer is no task record", "", 0});
+          lose({Fault::protocol, "malformed answer: not a task record", "", 0});
         } else {
           handler(std::move(*reply));
         }
@@ -104,7 +104,7 @@ void SlaveLink::send(std::string payload, Answer answer, bool own) {
 void SlaveLink::take(std::string&& payload) {
   counters_.bytesIn += payload.size();
   if (pending_.empty()) {
-    lose({Fault::protocol, "an answer that nobody asked for", "", 0});
+    lose({Fault::protocol, "answer without a request", "", 0});
     return;
   }
   const Pending front = std::move(pending_.front());
@@ -143,10 +143,11 @@ void SlaveLink::watchCheck() {
     }
     const auto since = std::chrono::duration_cast<Milliseconds>(Clock::now() - asked_);
     if (since >= kConfirmTime && !confirms(since)) {
-      lose({Fault::lost, "nobody is there any more: the connection was half-open", "", ETIMEDOUT});
+      lose(
+          {Fault::lost, "half-open connection: the peer does not acknowledge data", "", ETIMEDOUT});
     } else if (since >= patience_ && onlyOwnWork()) {
       // A device that runs a user's program is silent for as long as that takes. This one is not.
-      lose({Fault::timedOut, "no answer to a cheap task", "", ETIMEDOUT});
+      lose({Fault::timedOut, "no answer to the liveness check", "", ETIMEDOUT});
     } else {
       watchCheck();
     }

@@ -17,7 +17,7 @@ namespace {
 
 class CompletionCommand : public LocalCommand {
  public:
-  CompletionCommand() : LocalCommand("completion", "print the completion script for a shell") {}
+  CompletionCommand() : LocalCommand("completion", "print a shell completion script") {}
 
   void define(CLI::App& app) override {
     app.add_option("SHELL", shell_, "bash, zsh or fish")

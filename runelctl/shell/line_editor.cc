@@ -58,7 +58,7 @@ LineEditor::LineEditor(std::string historyFile, Complete complete)
   el_set(editor_, EL_EDITOR, "emacs");
   el_set(editor_, EL_HIST, history, history_);
   el_set(editor_, EL_GETCFN, &LineEditor::getCharacter);
-  el_wset(editor_, EL_ADDFN, L"complete", L"Completes the word",
+  el_wset(editor_, EL_ADDFN, L"complete", L"Complete the word",
           &LineEditor::tab);  // keeps no copies
   el_set(editor_, EL_BIND, "^I", "complete", nullptr);
   el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);

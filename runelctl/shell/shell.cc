@@ -145,7 +145,7 @@ void Shell::readPipe() {
 void Shell::runLine(const std::string& text) {
   const Line line = cutLine(text);
   if (line.open) {
-    complain("the line ends within a quote");
+    complain("unterminated quote or escape");
     status_ = kExitUsage;
   } else if (!line.words.empty() && !runOwn(line.words)) {
     status_ = runCommand(line.words);
@@ -164,7 +164,8 @@ bool Shell::runOwn(const std::vector<std::string>& words) {
     status_ = leave(words);
   } else if (name == "help") {
     status_ = runCommand({"--help"});
-    std::cout << "Here: cd [FOLDER], pwd, lcd [FOLDER], exit [STATUS]\n" << std::flush;
+    std::cout << "Shell commands: cd [DIRECTORY], pwd, lcd [DIRECTORY], exit [STATUS]\n"
+              << std::flush;
   } else {
     return false;
   }
@@ -182,7 +183,7 @@ int Shell::changeFolder(const std::vector<std::string>& words) {
   std::string wanted = words.size() > 1 ? words[1] : "/";
   wanted = wanted == "-" ? before_ : joinPath(session_.folder, wanted);
   if (words.size() > 2) {
-    complain("cd: one folder");
+    complain("cd: too many arguments");
     return kExitUsage;
   }
   if (device_ && !settings_.dryRun) {
@@ -212,7 +213,7 @@ int Shell::changeLocalFolder(const std::vector<std::string>& words) {
 
 int Shell::runCommand(const std::vector<std::string>& words) {
   if (words.front() == "shell") {
-    complain("this is the shell");
+    complain("shell: already running");
     return kExitUsage;
   }
   loop_.turn(Milliseconds(0));  // a connection that ended meanwhile is made anew
@@ -237,7 +238,7 @@ Reply Shell::ask(const Request& request, Milliseconds limit) {
   if (!reply) {
     device_->abandon();  // its answer would come when nobody waits for it any more
     reply.emplace();
-    reply->broken = Error{Fault::cancelled, "given up", "", 0};
+    reply->broken = Error{Fault::cancelled, "interrupted, or no answer in time", "", 0};
   }
   return std::move(*reply);
 }

@@ -12,7 +12,7 @@ namespace {
 
 class ShellCommand : public LocalCommand {
  public:
-  ShellCommand() : LocalCommand("shell", "an interactive line for all of these commands") {}
+  ShellCommand() : LocalCommand("shell", "read commands from a terminal or from standard input") {}
 
   void define(CLI::App& app) override { (void)app; }
 

@@ -34,7 +34,7 @@ class DryRun(CtlCase):
         people = self.succeed("-d", self.where, "-n", *words, **options)
         lines = [line for line in people.text.splitlines() if line.startswith(self.where + " <- ")]
         self.assertEqual(len(lines), len(frames))
-        self.assertEqual(people.text.count("\n   then, by the answers: "), len(later))
+        self.assertEqual(people.text.count("\n   then, depending on the answers: "), len(later))
         self.assertFalse(self.met.is_set(), words)
         return frames, "".join(later)
 
@@ -77,7 +77,7 @@ class DryRun(CtlCase):
         self.assertEqual((len(frames), later), (7, ""))
         self.expect(("ping", "-c", "1"), ("fileexists", "/"))
         self.expect(("ping", "-c", "3"), ("fileexists", "/"),
-                    later="the same after each answer, 3 times in all")
+                    later="the same task after each answer, 3 times in total")
         payload = "SlaveTask 1 6:hostid 0 0: 0 0 0 0 0"
         objects = self.succeed("-d", self.where, "-n", "--json", "raw", payload).objects
         self.assertEqual((objects[0]["payload"], objects[-1]["request"]), (payload, payload))
@@ -87,14 +87,16 @@ class DryRun(CtlCase):
 
     def test_what_depends_on_answers_is_said_in_words(self):
         self.expect(("mv", "/a", "/b"), ("stat", "/b"),
-                    later="rename /a to /b, or into it when it is a folder")
-        self.expect(("ls", "/a"), ("readdir", "/a"), later="lstat for a path that is no folder")
+                    later="rename /a to /b, or into it if it is a directory")
+        self.expect(("ls", "/a"), ("readdir", "/a"),
+                    later="lstat for a path that is not a directory")
         self.expect(("ls", "-l", "/a", "/b"), ("readdir", "/a"), ("readdir", "/b"),
-                    later="lstat for each name in a folder, and for a path that is no folder")
+                    later="lstat for each name in a directory, and "
+                          "for a path that is not a directory")
         for command, path, name in (("reboot", "/proc/sys/kernel/random/boot_id", "boot_id"),
                                     ("restart", "/proc/self/stat", "process")):
             self.expect((command, "--wait"), ("read", path), (command,),
-                        later=f"read {path} again and again, until it tells of another {name}")
+                        later=f"read {path} repeatedly, until it shows a new {name}")
 
     def test_transfers_say_what_would_go(self):
         os.makedirs(self.path("tree/sub"))
@@ -102,16 +104,16 @@ class DryRun(CtlCase):
         self.file("tree/sub/b", b"y" * 1024)
         os.symlink("a", self.path("tree/link"))
         for words, parts in ((("push", "-r"), ()), (("push", "-r", "--checksum"), ("sha256sum",)),
-                             (("sync",), ("walktree", "of what differs")),
-                             (("sync", "--delete"), ("walktree", "rm of what is not here"))):
+                             (("sync",), ("walktree", "the differences among")),
+                             (("sync", "--delete"), ("walktree", "rm of files that are missing"))):
             frames, later = self.shown(*words, self.path("tree"), "/x")
             self.assertEqual(frames, [record(["stat", "/x"]).decode()])
-            for part in ("2 files (2.0 KiB), 2 folders and 1 link", "mkdir", "write", "rename",
+            for part in ("2 files (2.0 KiB), 2 directories and 1 link", "mkdir", "write", "rename",
                          "chmod and touch", *parts):
                 self.assertIn(part, later, words)
         frames, later = self.shown("pull", "/a", "/b", self.path("new"))
         self.assertEqual(frames, [record(["stat", "/a"]).decode()])
-        self.assertIn("stat for each other name; read for each file", later)
+        self.assertIn("stat for each further path; read for each file", later)
         self.assertNotIn("walktree", later)
         self.assertIn("walktree", self.shown("pull", "-r", "/a", self.path("new"))[1])
         self.assertFalse(os.path.exists(self.path("new")))
@@ -130,7 +132,7 @@ class DryRun(CtlCase):
         self.assertEqual((result.status, result.text, result.errors), (
             0, f"== 127.0.0.1:{port}, 127.0.0.2:{port} (2 devices)\n"
                "<- SlaveTask 1 6:reboot 0 0: 0 0 0 0 0\n",
-            ["runelctl: a dry run: nothing was sent to 2 devices"]))
+            ["runelctl: dry run: nothing was sent to 2 devices"]))
         self.assertFalse(self.met.is_set())
 
     def test_the_list_of_what_failed_stays_as_it_is(self):
@@ -158,7 +160,7 @@ class DryRun(CtlCase):
         for words in (("master",), ("agent",)):
             result = self.ctl("-n", *words)
             self.assertEqual((result.status, len(result.errors)), (2, 1), words)
-            self.assertIn(f"{words[0]}: a dry run has nothing to show", result.errors[0])
+            self.assertIn(f"{words[0]}: --dry-run is not supported", result.errors[0])
 
 
 class BehindAMaster(MasterCase):

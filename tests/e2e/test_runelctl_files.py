@@ -170,16 +170,17 @@ class Push(Transfers):
 
     def test_a_folder_needs_r(self):
         self.serve()
-        self.fails(("push", self.there, "/tmp/x"), 1, r"device: Is a directory \(use -r for folders\)")
+        self.fails(("push", self.there, "/tmp/x"), 1,
+                   r"device: Is a directory \(use -r for directories\)")
 
     def test_what_is_missing_here_is_told(self):
         self.fails(("push", self.path("none"), "/x"), 1, "none: No such file or directory")
-        self.fails(("push", self.file("a")), 2, "to where on the device")
+        self.fails(("push", self.file("a")), 2, "push: expected LOCAL... REMOTE")
 
     def test_what_is_neither_file_nor_folder_is_left_out(self):
         self.serve()
         os.mkfifo(self.path("device/fifo"))
-        self.fails(("push", "-r", self.there, self.path("copy")), 0, "fifo: left out, neither")
+        self.fails(("push", "-r", self.there, self.path("copy")), 0, "fifo: skipped, not a file")
         self.assertEqual(os.listdir(self.path("copy")), [])
 
     def test_a_large_file_goes_in_pieces(self):
@@ -275,16 +276,18 @@ class Push(Transfers):
             big = self.file("big", noise(size))
             between = Between(self, 5 * MIB, lambda: (change(big), True)[1])
             self.fails(("-d", between.where, "push", big, self.on_device("big")), 1,
-                       "big: changed while it was sent")
+                       "big: changed during the transfer")
             self.assertEqual((self.content("device/big"), self.leftovers()), (b"old", []))
 
     def test_a_missing_program_is_told_in_one_line(self):
         self.serve(environment={"PATH": only_programs(self, "mkdir", "ln", "rm")})
         self.fails(("push", self.dated("a", b"x"), self.on_device("a")), 1,
-                   "modes not kept: chmod: No such file", "times not kept: touch: No such file")
+                   "modes not preserved: chmod: No such file",
+                   "times not preserved: touch: No such file")
         self.assertEqual(self.content("device/a"), b"x")
         self.fails(("push", "--checksum", self.file("b", b"x"), self.on_device("b")), 1,
-                   "modes not kept", "times not kept", "checksums not compared: sha256sum: No such")
+                   "modes not preserved", "times not preserved",
+                   "checksums not verified: sha256sum: No such")
 
     def test_a_touch_that_knows_no_fractions_keeps_the_seconds(self):
         programs = only_programs(self, "chmod")
@@ -304,7 +307,7 @@ class Push(Transfers):
         os.chmod(programs + "/sha256sum", 0o755)
         self.serve(environment={"PATH": programs})
         self.fails(("push", "--checksum", self.file("a"), self.on_device("a")), 1,
-                   "a: its checksum is another one")
+                   "a: checksum mismatch")
 
     def test_a_replaced_file_keeps_its_owner_and_a_link_is_followed(self):
         self.serve()
@@ -474,9 +477,9 @@ class Pull(Transfers):
         os.mkfifo(self.on_device("fifo"))
         self.fails(("pull", self.on_device("none"), self.path("x")), 1, "none: No such file")
         self.fails(("pull", self.there, self.path("x")), 1, r"Is a directory \(use -r")
-        self.fails(("pull", self.on_device("fifo"), self.path("x")), 1, "neither file nor folder")
-        self.fails(("pull", self.on_device("fifo")), 2, "to where here")
-        self.fails(("pull", "-r", self.there, self.path("y")), 0, "fifo: left out")
+        self.fails(("pull", self.on_device("fifo"), self.path("x")), 1, "not a file or directory")
+        self.fails(("pull", self.on_device("fifo")), 2, "pull: expected REMOTE... LOCAL")
+        self.fails(("pull", "-r", self.there, self.path("y")), 0, "fifo: skipped")
         self.assertFalse(os.path.exists(self.path("x")))
 
     def test_a_broken_transfer_goes_on_where_it_stopped(self):
@@ -522,7 +525,7 @@ class Pull(Transfers):
             self.file("big", b"old")
             between = Between(self, MIB, lambda: (change(there), True)[1], back=True)
             self.fails(("-d", between.where, "pull", there, self.path("big")), 1,
-                       "big: changed while it was fetched")
+                       "big: changed during the transfer")
             self.assertEqual((self.content("big"), self.leftovers(self.directory)), (b"old", []))
 
     def test_an_interrupt_leaves_no_half_target(self):

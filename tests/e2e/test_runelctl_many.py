@@ -61,8 +61,9 @@ class Where(CtlCase):
             self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted(["first", b]))
 
     def test_a_bad_file_is_told_with_its_line(self):
-        for content, pattern in ((b"a b c\n", "line 1: more than a name"), (b"\nx:y\n", "line 2: no"),
-                                 (b"#\n", "no device in")):
+        for content, pattern in ((b"a b c\n", "line 1: too many fields"),
+                                 (b"\nx:y\n", "line 2: invalid port"),
+                                 (b"#\n", "list: no devices listed")):
             result = self.ctl("--devices", self.file("list", content), "hostid")
             self.assertEqual(result.status, 2)
             self.assertRegex(result.errors[0], pattern)
@@ -71,7 +72,7 @@ class Where(CtlCase):
     def test_a_name_that_is_none_is_told_in_one_line(self):
         result = self.ctl("-d", "no-such-host.invalid", "hostid")
         self.assertEqual(result.status, 255)
-        self.assertRegex(result.errors[0], r"no-such-host\.invalid: .*\(no such host name: check")
+        self.assertRegex(result.errors[0], r"no-such-host\.invalid: .*\(check the host name\)")
         self.assertEqual(len(result.errors), 1)
 
     def test_a_host_name_is_looked_up(self):
@@ -113,8 +114,8 @@ class Together(CtlCase):
         result = self.ctl("-d", f"{both},{REFUSED}", "fileexists", "/x")
         self.assertEqual(result.status, 255)
         self.assertIn("3 devices: 1 ok, 1 failed, 0 timed out, 1 unreachable", result.errors[-1])
-        self.assertIn(f"runelctl: {REFUSED}: Connection refused (is runeld running there?)",
-                      result.errors)
+        self.assertIn(f"runelctl: {REFUSED}: Connection refused "
+                      "(check that runeld is running on the device)", result.errors)
 
     def test_json_closes_with_a_summary(self):
         fakes = Fakes(self)
@@ -129,7 +130,7 @@ class Together(CtlCase):
         fakes.failing = {names[1]}
         result = self.ctl("--fail-fast", "-j", "1", "-d", ",".join(names), "fileexists", "/x")
         self.assertEqual((result.status, fakes.order), (1, names[:2]))
-        self.assertIn("1 ok, 1 failed, 0 timed out, 0 unreachable, 3 not tried", result.errors[-1])
+        self.assertIn("1 ok, 1 failed, 0 timed out, 0 unreachable, 3 skipped", result.errors[-1])
 
     def test_what_may_succeed_later_is_tried_again(self):
         tries = []
@@ -160,7 +161,7 @@ class Together(CtlCase):
         where = self.odd_peer(hang)
         result = self.ctl("--deadline", "0.3", "-d", where, "hostid")
         self.assertEqual((result.status, result.errors),
-                         (255, [f"runelctl: {where}: not done within its deadline"]))
+                         (255, [f"runelctl: {where}: deadline exceeded"]))
         self.assertTrue(self.ctl("--json", "--deadline", "0.3", "-d", where, "hostid")
                         .objects[0]["retry"])
 
@@ -182,7 +183,7 @@ class Waves(CtlCase):
         result, order = self.waves("1,10%,rest", [2])
         self.assertEqual((result.status, sorted(order)), (1, [0, 1, 2]))
         self.assertIn("runelctl: stopped after wave 2: 1 device failed", result.errors)
-        self.assertIn("17 not tried", result.errors[-1])
+        self.assertIn("17 skipped", result.errors[-1])
 
     def test_so_many_failures_are_borne(self):
         result, order = self.waves("1,10%,rest", [2, 5], "--max-fail", "1")
@@ -205,7 +206,7 @@ class Waves(CtlCase):
         self.assertEqual((fakes.order, self.content("failed")), ([names[2]], b""))
         result = self.ctl(*words)
         self.assertEqual((result.status, result.errors),
-                         (0, ["runelctl: nothing is left to do: no device in failed"]))
+                         (0, ["runelctl: nothing to do: none of the devices is listed in failed"]))
 
 
 class Danger(CtlCase):
@@ -216,7 +217,7 @@ class Danger(CtlCase):
                       ("reboot",), ("restart",), ("sync", "--delete", self.directory, "/x"), ("kill",)):
             result = self.ctl("-d", both, *words)
             self.assertEqual((result.status, result.errors), (2, [
-                f"runelctl: {words[0]} on 2 devices needs --yes"]), words)
+                f"runelctl: {words[0]} on 2 devices is destructive: confirm with --yes"]), words)
         self.assertEqual(fakes.order, [])
         self.assertEqual(self.ctl("-d", both, "--yes", "rm", "/x").status, 0)
         self.assertEqual(self.ctl("-d", fakes.name(0), "rm", "/x").status, 0)
@@ -280,7 +281,7 @@ class Shown(CtlCase):
             self.assertTrue(asked.acquire(timeout=TIMEOUT))
         process.send_signal(signal.SIGINT)
         self.assertEqual(process.wait(TIMEOUT), 130)
-        self.assertIn(b"6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 not tried",
+        self.assertIn(b"6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 skipped",
                       process.stderr.read())
 
 

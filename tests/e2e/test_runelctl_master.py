@@ -43,7 +43,7 @@ class RealDevice(MasterCase):
         result = self.ctl("-d", "@somebody", "hostid")
         self.assertEqual((result.status, result.errors),
                          (255, ["runelctl: @somebody: no device somebody is connected to the master "
-                                "(runelctl devices lists who is there)"]))
+                                "(runelctl devices lists the connected devices)"]))
 
     def test_output_and_exit_status_come_through(self):
         result = self.ctl("-d", "@" + self.hostid, "exec", "sh", "-c", "echo a; exit 7")
@@ -217,7 +217,8 @@ class Roles(MasterCase):
         first = self.first()
         first.answers = False
         second = self.device(hostid="second")
-        self.assertEqual(self.wait_told("lost", port=first.port)["why"], "no answer to a cheap task")
+        self.assertEqual(self.wait_told("lost", port=first.port)["why"],
+                         "no answer to the liveness check")
         self.wait_told("connected", hostid="second")
 
     def test_a_first_connection_that_is_busy_is_not_given_up(self):
@@ -282,14 +283,14 @@ class Roles(MasterCase):
         self.assertEqual(self.succeed("-d", "@two", "hostid").text, "two\n")
         result = self.ctl("-d", "@127.0.0.1", "hostid")
         self.assertEqual(result.status, 255)
-        self.assertIn("3 devices are called 127.0.0.1: name one by ADDRESS:PORT", result.errors[0])
+        self.assertIn("3 devices are named 127.0.0.1: select one by ADDRESS:PORT", result.errors[0])
 
     def test_devices_with_one_hostid_are_told_apart_by_address(self):
         self.start_master()
         for address in ("127.0.0.2", "127.0.0.3"):
             self.device(address, "same")
             self.wait_told("connected", address=address)
-        self.assertIn(b"2 devices are called same", self.ctl("-d", "@same", "hostid").err)
+        self.assertIn(b"2 devices are named same", self.ctl("-d", "@same", "hostid").err)
         self.assertEqual(self.succeed("-d", "@127.0.0.3", "hostid").text, "same\n")
 
 
@@ -303,7 +304,7 @@ class Strangers(MasterCase):
             self.wait_told("connected", address=address)
         stranger = FakeDevice(self, "127.0.0.10")
         told = self.wait_told("refused", address="127.0.0.10")
-        self.assertEqual(told["why"], "its address is not on the list")
+        self.assertEqual(told["why"], "address not allowed by --allow")
         self.assertFalse(stranger.ended.is_set(), "it would dial again at once")
         stranger.wait_ended()
         self.assertEqual(stranger.came, b"")
@@ -315,7 +316,7 @@ class Strangers(MasterCase):
             self.wait_told("connected", hostid=name)
         stranger = FakeDevice(self, "127.0.0.7", "four")
         told = self.wait_told("refused", address="127.0.0.7")
-        self.assertEqual(told["why"], "its hostid is not on the list")
+        self.assertEqual(told["why"], "host identifier not allowed by --allow-hostid")
         self.assertEqual(set(self.devices()), {"one", "two", "three"})
         self.assertEqual(self.ctl("-d", "@127.0.0.7", "hostid").status, 255)
         self.assertFalse(stranger.ended.is_set(), "it would dial again at once")
@@ -325,13 +326,13 @@ class Strangers(MasterCase):
         devices = [FakeDevice(self) for _ in range(16)]
         self.wait_told("further", count=15)
         one_more = FakeDevice(self)
-        self.assertEqual(self.wait_told("refused")["why"], "too many connections from there")
+        self.assertEqual(self.wait_told("refused")["why"], "too many connections from this address")
         self.assertFalse(any(device.ended.is_set() for device in (*devices, one_more)))
 
     def test_one_that_never_answers_is_no_device(self):
         self.start_master("--timeout", "1")
         FakeDevice(self, answers=False).wait_ended()
-        self.assertEqual(self.wait_told("lost")["why"], "no answer to a cheap task")
+        self.assertEqual(self.wait_told("lost")["why"], "no answer to the liveness check")
         self.assertEqual(self.devices(), {})
 
     def test_a_name_that_is_none_is_not_shown(self):
@@ -346,18 +347,18 @@ class Strangers(MasterCase):
     def bad_answers(self):
         """What a device may say where it should answer."""
         noise = random.Random(7)
-        yield b"<a/>\r\n", "this is no runeld: it sends XML, as agents do"
-        yield b"SSH-2.0-OpenSSH_9.2\r\n", "this is no runeld: it speaks like an SSH server"
-        yield b"\x02", "this is no runeld: it speaks another protocol"
+        yield b"<a/>\r\n", "the peer is not runeld: it sends XML, like an agent"
+        yield b"SSH-2.0-OpenSSH_9.2\r\n", "the peer is not runeld: it looks like an SSH server"
+        yield b"\x02", "the peer is not runeld: it uses an unknown protocol"
         yield b"\x01x", "bad frame: byte 0x78 in a count"
         yield b"\x01\x02", "bad frame: an empty count"
         yield b"\x01268435457\x02", "bad frame: "
         yield b"\x01" + b"9" * 100, "bad frame: "
-        yield frame(b""), "the answer is no task record"
-        yield frame(b"SlaveTask 1 1:x 0 0: 0 0 0 0"), "the answer is no task record"
-        yield frame(b"x" * 70000), "the answer is longer than it may be"
-        yield b"\x0199999999\x02" + bytes(3_000_000), "the answer is longer than it may be"
-        yield reply(b"a") * 3, "an answer that nobody asked for"
+        yield frame(b""), "malformed answer: not a task record"
+        yield frame(b"SlaveTask 1 1:x 0 0: 0 0 0 0"), "malformed answer: not a task record"
+        yield frame(b"x" * 70000), "answer exceeds the size limit"
+        yield b"\x0199999999\x02" + bytes(3_000_000), "answer exceeds the size limit"
+        yield reply(b"a") * 3, "answer without a request"
         for _ in range(40):
             yield b"\x01" + noise.randbytes(noise.randrange(1, 300)), ""
             yield frame(b"SlaveTask " + noise.randbytes(noise.randrange(1, 100))), ""
@@ -388,8 +389,8 @@ class Strangers(MasterCase):
     def test_an_idle_device_that_speaks_is_lost(self):
         self.start_master()
         for number, (bad, why) in enumerate(
-                ((reply(), "an answer that nobody asked for"), (b"<a/>", "bad frame: byte 0x3c"),
-                 (b"\x01200000000\x02" + bytes(2_500_000), "longer than it may be"))):
+                ((reply(), "answer without a request"), (b"<a/>", "bad frame: byte 0x3c"),
+                 (b"\x01200000000\x02" + bytes(2_500_000), "exceeds the size limit"))):
             device = FakeDevice(self, f"127.0.0.{number + 2}")
             self.wait_told("connected", port=device.port)
             device.blurt(bad)
@@ -451,7 +452,7 @@ class Size(MasterCase):
             device.close()
         for device in devices[40:]:
             self.wait_told("connected", port=device.port)
-        self.assertIn("runelctl: cannot take another connection: Too many open files",
+        self.assertIn("runelctl: cannot accept connections: Too many open files",
                       self.stop_master())
 
     def test_nobody_who_reads_what_it_tells_holds_it_up(self):
@@ -512,7 +513,7 @@ print(s.makefile().read())"""
         self.assertIn(b"PermissionError", self.as_nobody(self.CALL).stderr)
         os.chmod(self.control, 0o666)
         answer = self.as_nobody(self.CALL)
-        self.assertEqual(answer.stdout.strip(), b"this master is another user's", answer.stderr)
+        self.assertEqual(answer.stdout.strip(), b"the master belongs to another user", answer.stderr)
 
     def test_a_master_of_another_user_is_not_used(self):
         os.chmod(self.directory, 0o777)
@@ -526,13 +527,13 @@ print(s.makefile().read())"""
         for words in (("devices",), ("-d", "@any", "hostid")):
             result = self.ctl(*words)
             self.assertEqual((result.status, len(result.errors)), (255, 1), words)
-        self.assertIn("another user's", result.errors[0])
+        self.assertIn("another user", result.errors[0])
 
     def test_a_folder_that_others_may_write_to_is_refused(self):
         os.chmod(self.directory, 0o777)
         result = self.ctl("master")
         self.assertEqual(result.status, 1)
-        self.assertIn("no folder of our own for a socket", result.errors[0])
+        self.assertIn("not a private directory for the control socket", result.errors[0])
 
     def test_without_a_runtime_folder_it_makes_one(self):
         folder = f"/tmp/runelctl-{os.geteuid()}"
@@ -560,7 +561,7 @@ print(s.makefile().read())"""
         self.start_master()
         result = self.ctl("master", "--listen", "127.0.0.1:5113")
         self.assertEqual((result.status, result.errors),
-                         (1, [f"runelctl: {self.control}: a master is running already"]))
+                         (1, [f"runelctl: {self.control}: another master is already running"]))
         self.running.kill()
         self.running.wait()
         self.assertTrue(os.path.exists(self.control))
@@ -580,8 +581,8 @@ print(s.makefile().read())"""
 
     def test_calls_that_make_no_sense_are_answered_or_dropped(self):
         self.start_master()
-        for line, answer in ((b"hello\n", b"the master does not know this request\n"),
-                             (b"\xff\x00\n", b"the master does not know this request\n"),
+        for line, answer in ((b"hello\n", b"unknown request\n"),
+                             (b"\xff\x00\n", b"unknown request\n"),
                              (b"attach \n", b"no device  is connected to the master\n"),
                              (b"x" * 5000, b"")):
             call = self.call(line)
@@ -626,18 +627,20 @@ print(s.makefile().read())"""
 
     def test_people_get_lines(self):
         process = self.start("master", "--xml")
-        for pattern in (r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d waiting for devices on 127\.0\.0\.1:5112",):
-            self.assertRegex(process.stdout.readline().decode(), pattern)
+        self.assertRegex(process.stdout.readline().decode(),
+                         r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d listening for devices on "
+                         r"127\.0\.0\.1:5112")
         first = FakeDevice(self)
         self.assertRegex(process.stdout.readline().decode(),
                          rf" fake \(127\.0\.0\.1:{first.port}\): connected, type fake\n$")
         bridge = FakeDevice(self, greeting=b"<a>\xff</a>")
         lines = [process.stdout.readline() for _ in range(3)]
-        self.assertRegex(lines[0], b": a further connection\n$")
-        self.assertRegex(lines[1], b": it is an agent's\n$")
+        self.assertRegex(lines[0], b": additional connection\n$")
+        self.assertRegex(lines[1], b": additional connection carries an agent's data\n$")
         self.assertRegex(lines[2], b": <a>\xff</a>\n$")
         bridge.close()
-        self.assertRegex(process.stdout.readline(), b": the agent is gone: the device closed it\n$")
+        self.assertRegex(process.stdout.readline(),
+                         b": agent disconnected: the device closed the connection\n$")
         first.close()
         self.assertRegex(process.stdout.readline(),
                          b": lost: the device closed the connection\n$")
@@ -685,7 +688,7 @@ class Agent(MasterCase):
 
     def test_what_would_stop_the_daemon_is_not_sent(self):
         for text, why in ((b"<a>\x01</a>", "0x01 or 0x02"), (b"hello", "does not begin with '<'"),
-                          (b'<a id="1">x</a>', "not complete"), (b"<a>", "not complete")):
+                          (b'<a id="1">x</a>', "incomplete"), (b"<a>", "incomplete")):
             result = self.ctl("agent", feed=text)
             self.assertEqual((result.status, len(result.errors)), (1, 1), text)
             self.assertIn(why, result.errors[0])
@@ -719,7 +722,7 @@ class Agent(MasterCase):
         result = self.ctl("-d", "127.0.0.1:9", "agent")
         self.assertEqual((result.status, result.errors),
                          (255, ["runelctl: 127.0.0.1:9: Connection refused "
-                                "(is runeld running there?)"]))
+                                "(check that runeld is running on the device)"]))
         result = self.ctl("--json", "-d", "127.0.0.1:9", "agent")
         self.assertEqual((result.status, result.objects[0]["where"]), (255, "link"))
 

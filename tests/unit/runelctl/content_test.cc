@@ -159,7 +159,7 @@ TEST(ErrorTest, SaysWhereAndWhetherToTryAgain) {
 TEST(PeerGuessTest, MakesNoneOfAFrame) {
   EXPECT_EQ(guessPeer("\x01"), "");
   EXPECT_EQ(guessPeer(" \r\n\x01"), "");
-  EXPECT_EQ(guessPeer("SSH-2.0"), "this is no runeld: it speaks like an SSH server");
+  EXPECT_EQ(guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ foreach(library verify_dispatch verify_allocations)
   target_link_libraries(${library} PRIVATE ${CMAKE_DL_LIBS})
 endforeach()
 
-# The short form of a command, in an isolated namespace.
+# The short form of a command, in isolated namespaces.
 function(runeld_verify name timeout)
   add_test(NAME verify_${name}
     COMMAND "${PROJECT_SOURCE_DIR}/scripts/world" --no-log "${Python3_EXECUTABLE}" -B -m ${name} ${ARGN}
@@ -26,6 +26,7 @@ endfunction()
 
 runeld_verify(faults 600)
 runeld_verify(allocations 600)
-if(NOT RUNELD_COVERAGE)  # the daemon writes the counts itself, among the files of which it takes images
+# The images of a coverage build would contain the counts that the daemon writes.
+if(NOT RUNELD_COVERAGE)
   runeld_verify(power_cuts 600)
 endif()

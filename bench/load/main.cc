@@ -36,5 +36,5 @@ int main(int argc, char* argv[]) {
       return 0;
     }
   }
-  zell::bench::fail("which load?");
+  zell::bench::fail("missing or unknown load");
 }

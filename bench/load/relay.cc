@@ -43,7 +43,7 @@ void pump(int out, std::string_view bytes, std::size_t repeat, int in, std::size
   while (expected > 0) {
     pollfd set[] = {{in, POLLIN, 0}, {repeat > 0 ? out : -1, POLLOUT, 0}};
     if (poll(set, 2, kTimeout) <= 0) {
-      fail("nothing comes out");
+      fail("no data before the timeout");
     }
     if (set[1].revents != 0) {
       const ssize_t sent = send(out, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -60,7 +60,7 @@ void pump(int out, std::string_view bytes, std::size_t repeat, int in, std::size
       const std::size_t got = receiveSome(in, buffer.data(), buffer.size());
       if (got > expected) {
         errno = 0;
-        fail("more comes out than was to");
+        fail("more data than expected");
       }
       expected -= got;
     }

@@ -174,7 +174,7 @@ void waitUntilRead(int fd, int port) {
   const std::uint64_t end = now() + kTimeoutSeconds * UINT64_C(1000000000);
   while (unsent(fd) != 0 || !allRead(port, ntohs(own.sin_port))) {
     if (now() > end) {
-      fail("what was sent is not read");
+      fail("the server did not read all data before the timeout");
     }
     (void)poll(nullptr, 0, 2);
   }

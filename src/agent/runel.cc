@@ -103,8 +103,8 @@ bool Runel::handle_listen_failure(int port) {
   return false;
 }
 
-// Logs the process list, which shows what holds the port. The last line is logged twice: only the
-// read after it fails, and its unchanged buffer is logged all the same.
+// Logs the process list, which shows what holds the port. The last line is logged twice: only a
+// failed read detects the end of the list, and the loop logs the unchanged buffer after it.
 void Runel::logProcessList() {
   std::FILE* list = sys::popen(kProcessList, "r");
   char line[kProcessLineSize] = "";

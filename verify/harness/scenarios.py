@@ -152,7 +152,7 @@ def serve_clients(session):
         client = session.client()
         with contextlib.closing(client):
             send(client, b"\x01junk")
-            expect(session.reads_end(client) == b"", "an answer to junk")
+            expect(session.reads_end(client) == b"", "a reply to malformed input")
 
 
 def send(peer, data):
@@ -277,7 +277,7 @@ def ended_by_task(session, spawn, task, answered):
         send(peer, request(task))
         reply = session.reads_end(peer)
         if (b"SlaveTask 0 0 0: 0 0 0 0 0" in reply) != answered:
-            session.deviate(f"{task} was answered with {reply!r}")
+            session.deviate(f"{task} got the reply {reply!r}")
     except (Lost, OSError) as lost:
         session.deviate(f"{task}: {lost}")
     if session.daemon.status is None:

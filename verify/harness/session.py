@@ -245,8 +245,9 @@ class Session:
             raise
         if reply.fields != wanted:
             self.failed_replies += 1
-            self.deviate(f"{data[:60]!r} answered {reply.fields}")
-            expect(reply.fields[0] != 0 or reply.fields in also, f"success, but a wrong one: {reply}, wanted {wanted}")
+            self.deviate(f"{data[:60]!r} got the reply {reply.fields}")
+            expect(reply.fields[0] != 0 or reply.fields in also,
+                   f"wrong success: {reply}, expected {wanted}")
             return None
         return reply
 

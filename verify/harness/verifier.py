@@ -118,7 +118,7 @@ class Verifier:
         self.live(self.lives[job.scenario], job)
         self.count(job)
         self.check_harmless(job)
-        self.check_told(job)
+        self.check_reported(job)
 
     def run_work(self, job):
         session = self.session
@@ -135,7 +135,7 @@ class Verifier:
         self.count(job)
         self.check_harmless(job)
         alive = self.check_alive(job)
-        self.check_told(job)
+        self.check_reported(job)
         if not alive:
             return
         made = session.state.process.all - before
@@ -162,12 +162,12 @@ class Verifier:
                (lines_may_lack and failures < 35), f"reboot of the device after {failures} failures")
         expect(shared.popens <= 1 and shared.systems <= 1, "the process list is shown again")
 
-    def check_told(self, job):
+    def check_reported(self, job):
         """Checks that a failure with a consequence is reported in the log or in a reply."""
         session = self.session
         hits = job.hits(session.state)
-        told = session.failed_replies or any(line.level <= WARNING for line in self.log.lines)
-        if not hits or told or job.log_is_lost(session.state):
+        reported = session.failed_replies or any(line.level <= WARNING for line in self.log.lines)
+        if not hits or reported or job.log_is_lost(session.state):
             return
         if not session.deviations and job.may_be_silent(session.state):
             self.quiet.update(hits.keys())

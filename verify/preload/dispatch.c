@@ -107,21 +107,21 @@ static void move_clock(long milliseconds) {
   state->clock_moved += (int64_t)milliseconds * 1000000;
 }
 
-static void rest(long nanoseconds) {
+static void pause_for(long nanoseconds) {
   struct timespec time = {0, nanoseconds};
   verify_raw(SYS_nanosleep, (long)&time, 0, 0, 0, 0, 0);
 }
 
 // A sleep lasts a thousandth of a second at most, and the clock then advances by the whole time.
-static long hurry_sleep(const struct timespec* wanted) {
+static long shorten_sleep(const struct timespec* wanted) {
   const long milliseconds = wanted->tv_sec * 1000 + (wanted->tv_nsec + 999999) / 1000000;
-  rest(milliseconds < 10 ? milliseconds * 100000 : 1000000);
+  pause_for(milliseconds < 10 ? milliseconds * 100000 : 1000000);
   move_clock(milliseconds);
   return 0;
 }
 
 // A long wait for events lasts a tenth of its time.
-static long hurry_poll(const long* a) {
+static long shorten_poll(const long* a) {
   const int wanted = (int)a[2];
   if (wanted <= kLongWaitMs) {
     return verify_raw(SYS_poll, a[0], a[1], a[2], 0, 0, 0);
@@ -134,7 +134,7 @@ static long hurry_poll(const long* a) {
   return result;
 }
 
-static long hurry_select(const long* a) {
+static long shorten_select(const long* a) {
   struct timespec* wanted = (struct timespec*)a[4];
   if (wanted == NULL || (wanted->tv_sec == 0 && wanted->tv_nsec <= kLoopWaitMs * 1000000)) {
     return verify_raw(SYS_pselect6, a[0], a[1], a[2], a[3], a[4], a[5]);
@@ -168,13 +168,13 @@ static long change_mask(const long* a, ucontext_t* context) {
 static long make_call(long call, const long* a, ucontext_t* context) {
   switch (call) {
     case SYS_nanosleep:
-      return hurry_sleep((const struct timespec*)a[0]);
+      return shorten_sleep((const struct timespec*)a[0]);
     case SYS_clock_nanosleep:
-      return hurry_sleep((const struct timespec*)a[2]);
+      return shorten_sleep((const struct timespec*)a[2]);
     case SYS_poll:
-      return hurry_poll(a);
+      return shorten_poll(a);
     case SYS_pselect6:
-      return hurry_select(a);
+      return shorten_select(a);
     case SYS_rt_sigprocmask:
       return change_mask(a, context);
     case SYS_reboot:
@@ -195,7 +195,7 @@ static long make_call(long call, const long* a, ucontext_t* context) {
 }
 
 // Makes a partial call: one byte of a read or write of more than one byte.
-static long make_short(long call, const long* a, ucontext_t* context) {
+static long make_partial(long call, const long* a, ucontext_t* context) {
   if (call == SYS_sendmsg) {
     struct msghdr message = *(const struct msghdr*)a[1];
     struct iovec part = message.msg_iov[0];
@@ -212,7 +212,7 @@ static long make_short(long call, const long* a, ucontext_t* context) {
 
 // The effect that a call has even when it fails: close frees the descriptor, and waitpid removes a
 // child.
-static void make_all_the_same(long call, const long* a, int error) {
+static void apply_effect(long call, const long* a, int error) {
   if (call == SYS_close) {
     verify_raw(call, a[0], 0, 0, 0, 0, 0);
   } else if (call == SYS_wait4 && error != EINTR) {
@@ -220,13 +220,13 @@ static void make_all_the_same(long call, const long* a, int error) {
   }
 }
 
-static long answer(long call, const long* a, ucontext_t* context) {
+static long handle(long call, const long* a, ucontext_t* context) {
   const int planned = verify_planned((int)call);
   if (planned == kShortResult) {
-    return make_short(call, a, context);
+    return make_partial(call, a, context);
   }
   if (planned != 0) {
-    make_all_the_same(call, a, planned);
+    apply_effect(call, a, planned);
     // brk has no error number: it returns the current end of the memory.
     return call == SYS_brk ? verify_raw(SYS_brk, 0, 0, 0, 0, 0, 0) : -planned;
   }
@@ -250,7 +250,7 @@ static void on_call(int number, siginfo_t* info, void* memory) {
     if (traced) {
       verify_before_traced(state);
     }
-    const long result = answer(call, a, context);
+    const long result = handle(call, a, context);
     if (traced) {
       verify_trace(state, call, a, result);
     }
@@ -274,7 +274,7 @@ static void catch_calls(void) {
   }
 }
 
-static void catch_childs_calls(void) {
+static void catch_calls_of_child(void) {
   if (state != NULL) {
     switch_on();
   }
@@ -285,7 +285,7 @@ __attribute__((constructor)) static void load(void) {
   // Programs that the daemon starts are not under test.
   unsetenv("LD_PRELOAD");
   unsetenv("VERIFY_STATE");
-  if (mapped == NULL || pthread_atfork(NULL, NULL, catch_childs_calls) != 0) {
+  if (mapped == NULL || pthread_atfork(NULL, NULL, catch_calls_of_child) != 0) {
     return;
   }
   state = mapped;

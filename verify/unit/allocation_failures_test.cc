@@ -19,7 +19,7 @@ class AllocationFailureTest : public AgentCase {
  protected:
   AllocationFailureTest() {
     device.files["/file"] = std::string(3000, 'x');
-    device.directories["/directory"] = {std::string(300, 'a'), std::string(300, 'b')};
+    device.directories["/dir"] = {std::string(300, 'a'), std::string(300, 'b')};
     device.tree = std::string(3000, 't');
   }
 
@@ -69,35 +69,32 @@ class AllocationFailureTest : public AgentCase {
 };
 
 // Sends @p tasks to the server one by one. Each reply that arrives must be the expected one.
-void expectRightOrNoAnswers(TestRunel& server, const Peer& peer,
-                            const std::vector<std::vector<std::string>>& tasks,
-                            const std::vector<std::string>& answers) {
+void expectCorrectOrNoReplies(TestRunel& server, const Peer& peer,
+                              const std::vector<std::vector<std::string>>& tasks,
+                              const std::vector<std::string>& replies) {
   for (std::size_t i = 0; i < tasks.size(); ++i) {
     server.read(peer, request(tasks[i]));
     const std::string got = peer.received();
-    EXPECT_TRUE(got.empty() || got == answers[i]) << tasks[i][0] << ": " << got;
+    EXPECT_TRUE(got.empty() || got == replies[i]) << tasks[i][0] << ": " << got;
   }
 }
 
 TEST_F(AllocationFailureTest, AnswersOfTasksAreRightOrNotSent) {
-  const std::vector<std::vector<std::string>> tasks = {{"read", "/file"},
-                                                       {"readdir", "/directory"},
-                                                       {"walktree", "/"},
-                                                       {"hostid"},
-                                                       {"stat", "/file"}};
-  std::vector<std::string> answers;
+  const std::vector<std::vector<std::string>> tasks = {
+      {"read", "/file"}, {"readdir", "/dir"}, {"walktree", "/"}, {"hostid"}, {"stat", "/file"}};
+  std::vector<std::string> replies;
   {
     TestRunel server("192.0.2.1", false, 0);
     const Peer peer = server.accept();
     for (const auto& task : tasks) {
       server.read(peer, request(task));
-      answers.push_back(peer.received());
-      ASSERT_FALSE(answers.back().empty());
+      replies.push_back(peer.received());
+      ASSERT_FALSE(replies.back().empty());
     }
   }
   failEach([&](TestRunel& server) {
     const Peer peer = server.accept();
-    expectRightOrNoAnswers(server, peer, tasks, answers);
+    expectCorrectOrNoReplies(server, peer, tasks, replies);
   });
 }
 

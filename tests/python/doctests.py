@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the examples in the docstrings and the README against a real daemon.
 
-An example may have "await" outside of a function, as in the prompt of "python3 -m asyncio".
+An example may use "await" at the top level, as at the prompt of "python3 -m asyncio".
 """
 import ast
 import asyncio
@@ -19,7 +19,7 @@ README = os.path.join(os.path.dirname(runel.__file__), "../../README.md")
 
 
 class Awaiting(doctest.DocTestRunner):
-    """Compiles examples so that they may wait, and waits for them."""
+    """Compiles examples with top-level "await", and runs them in an event loop."""
 
     def __init__(self, loop):
         super().__init__()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Runs test modules; a skipped test is a failed one.
+"""Runs test modules. A skipped test counts as failed.
 
     run.py MODULE...
 """

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the tests of the Python client share: a daemon, peers with a script, both faces as one."""
+"""Shared parts of the tests of the Python client: a daemon, scripted peers, one API for blocking
+and asyncio classes."""
 import asyncio
 import contextlib
 import inspect
@@ -17,20 +18,20 @@ import runel
 from runel import _protocol as protocol
 
 BINARY = os.environ.get("RUNELD_BIN", "")
-LONG = 20  # seconds: only a hang takes so long
+LONG = 20  # seconds, against a hang only
 
 ADDRESS = "127.0.0.1"
 
 
 def require_world():
-    """Ends this process unless it runs in a private world: the daemon reboots and rewrites."""
+    """Ends this process outside an isolated world: the daemon reboots and rewrites system files."""
     with open("/proc/1/comm", encoding="ascii") as name:
         if os.environ.get("RUNELD_WORLD") != "1" or name.read().strip() != "world":
             sys.exit("These tests run in scripts/world only: start them with ctest.")
 
 
 def wait_until(condition, what):
-    """The first true value of `condition`; fails after LONG seconds."""
+    """Polls `condition` and returns its first true value; fails after LONG seconds."""
     end = time.monotonic() + LONG
     while not (value := condition()):
         assert time.monotonic() < end, f"never: {what}"
@@ -59,13 +60,13 @@ class Daemon:
         return False
 
     def kill(self):
-        """Ends it as a crash would."""
+        """Ends the daemon like a crash."""
         self.killed = True
         self.process.kill()
         self.process.wait()
 
     def close(self):
-        """Ends it in good order, unless it has ended."""
+        """Stops the daemon, unless it has ended."""
         if self.process.poll() is None:
             os.kill(self.process.pid, signal.SIGTERM)
         try:
@@ -75,12 +76,12 @@ class Daemon:
         self.errors.seek(0)
         text = self.errors.read()
         self.errors.close()
-        expected = (-signal.SIGKILL,) if self.killed else (0, -signal.SIGHUP)  # the latter: reboot
+        expected = (-signal.SIGKILL,) if self.killed else (0, -signal.SIGHUP)  # SIGHUP: reboot
         assert status in expected and b"Sanitizer" not in text, (status, text)
 
 
 class ThreadFace:
-    """A blocking object with awaitable methods, so that one test serves both faces."""
+    """Makes the methods of a blocking object awaitable, so that one test runs with both faces."""
 
     _STREAMS = ("pipeline", "events", "clauses")
 
@@ -123,7 +124,7 @@ def _awaitable(value):
 
 
 class FaceCase(unittest.IsolatedAsyncioTestCase):
-    """A test of both faces: `self.Device` and the others have awaitable methods."""
+    """A test of the blocking and the asyncio classes: `self.Device` etc. have awaitable methods."""
 
     def __getattr__(self, name):
         if name not in ("Device", "Master", "Fleet", "Agent"):
@@ -133,14 +134,14 @@ class FaceCase(unittest.IsolatedAsyncioTestCase):
         return lambda *args, **keywords: ThreadFace(getattr(runel, name)(*args, **keywords))
 
     async def until(self, condition):
-        """Waits for it; fails after LONG seconds."""
+        """Waits for `condition`; fails after LONG seconds."""
         end = time.monotonic() + LONG
         while not condition():
             self.assertLess(time.monotonic(), end, "it never came")
             await asyncio.sleep(0.01)
 
     async def fails(self, kind, outcome, work):
-        """The error of `work`, which must be of this kind and have this outcome."""
+        """The exception of `work`, which must have this type and outcome."""
         with self.assertRaises(kind) as caught:
             await work
         self.assertEqual(caught.exception.outcome, outcome, caught.exception)
@@ -181,13 +182,13 @@ class DaemonCase(FaceCase):
 
 
 def reply(text=b"", status=0, state=0, result=0, errno=0, number=0):
-    """The frame of a reply."""
+    """The frame of one reply."""
     return protocol.encode_frame(protocol.encode_record(protocol.Record(
         (), 0, text, status, state, result, errno, number)))
 
 
 class Wire:
-    """A device's end of a connection, played by a test."""
+    """The device's end of a connection, driven by a test."""
 
     def __init__(self, sock):
         sock.settimeout(LONG)
@@ -213,7 +214,7 @@ class Wire:
 
 
 class FakeDevice:
-    """Listens, and plays `script(wire, number)` on each connection; `number` counts from 1."""
+    """Listens and runs `script(wire, number)` on each connection; `number` counts from 1."""
 
     def __init__(self, script):
         self._script = script
@@ -243,7 +244,7 @@ class FakeDevice:
 
 
 class Dialer:
-    """A device that dials the master from an address of its own and answers what it is asked."""
+    """A device that dials the master from a separate address and answers requests."""
 
     def __init__(self, port, source, hostid=b"", answers=True, content=b""):
         self.wire = Wire(socket.create_connection((ADDRESS, port), LONG, (source, 0)))
@@ -253,7 +254,7 @@ class Dialer:
             self.answer()
 
     def answer(self):
-        """Answers from now on."""
+        """Starts to answer requests."""
         threading.Thread(target=self._answer, daemon=True).start()
 
     def _answer(self):
@@ -263,7 +264,7 @@ class Dialer:
                 self.wire.send(reply(self._texts.get(args[0], b"")))
 
     def nothing_came(self):
-        """Whether the connection is open and the master has written nothing to it."""
+        """Whether the connection is open and the master has sent nothing."""
         self.wire.sock.setblocking(False)
         try:
             return self.wire.sock.recv(1) is None

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The parts without I/O."""
+"""Tests of the parts without I/O."""
 import os
 import random
 import re
@@ -27,7 +27,7 @@ def cut(data, random_):
 
 
 class FrameTest(unittest.TestCase):
-    def test_any_cutting_gives_the_same_payloads(self):
+    def test_any_split_gives_the_same_payloads(self):
         random_ = random.Random(SEED)
         for _ in range(50):
             payloads = [random_.randbytes(random_.choice((0, 1, 9, 10, 300)))
@@ -48,13 +48,13 @@ class FrameTest(unittest.TestCase):
             with self.subTest(data), self.assertRaises(ProtocolError):
                 decoder.next()
 
-    def test_a_count_above_the_limit_is_refused_before_its_payload_comes(self):
+    def test_a_count_above_the_limit_is_refused_before_its_payload_arrives(self):
         decoder = FrameDecoder()
         decoder.feed(b"\x01101\x02")
         with self.assertRaisesRegex(ProtocolError, "101 bytes where at most 100"):
             decoder.next(limit=100)
 
-    def test_the_start_of_a_frame_is_no_error(self):
+    def test_the_start_of_a_frame_is_not_an_error(self):
         frame = encode_frame(b"0123456789")
         for length in range(len(frame)):
             decoder = FrameDecoder()
@@ -86,7 +86,7 @@ class RecordTest(unittest.TestCase):
                 continue
             self.assertEqual(encode_record(record), changed)
 
-    def test_random_bytes_never_raise_anything_else(self):
+    def test_random_bytes_raise_only_protocol_errors(self):
         random_ = random.Random(SEED)
         for _ in range(3000):
             data = bytes(random_.choices(b"SlaveTask 0123456789:-+", k=random_.randrange(30)))
@@ -96,7 +96,7 @@ class RecordTest(unittest.TestCase):
                 except ProtocolError:
                     pass
 
-    def test_numbers_that_no_record_can_hold(self):
+    def test_numbers_out_of_range(self):
         for record in (Record(exec_param=2**31), Record(status=-1), Record(errno=2**31)):
             with self.assertRaises(ProtocolError):
                 encode_record(record)
@@ -110,7 +110,7 @@ class RecordTest(unittest.TestCase):
 
 
 class DocumentTest(unittest.TestCase):
-    """docs/protocol.md and the package hold each other."""
+    """Checks the package against docs/protocol.md."""
 
     def blocks(self, kind):
         with open(DOCUMENT, encoding="utf-8") as document:
@@ -165,7 +165,7 @@ class DocumentTest(unittest.TestCase):
         try:
             while (clause := cutter.next()) is not None:
                 out += clause + b"\r\n"
-        except ProtocolError:  # the daemon keeps what begins with no clause
+        except ProtocolError:  # the daemon keeps input that does not start a clause
             pass
         return out
 
@@ -177,7 +177,7 @@ class TaskTest(unittest.TestCase):
     READING = {"access", "devicetype", "fileexists", "freeblocks", "hostid", "lstat",
                "processrunning", "read", "readdir", "realpath", "stat", "walktree"}
 
-    def test_what_may_be_sent_again(self):
+    def test_what_may_be_retried(self):
         self.assertEqual(len(TASKS), 25)
         for name, task in TASKS.items():
             self.assertEqual(task.may_retry(Outcome.UNKNOWN), name in self.SAFE, name)
@@ -194,7 +194,7 @@ class TaskTest(unittest.TestCase):
                 request(*args)
             self.assertEqual(caught.exception.outcome, Outcome.NOT_SENT)
 
-    def test_a_request_that_fits_into_no_frame(self):
+    def test_a_request_too_large_for_a_frame(self):
         for size in (268435455, 268435457):
             with self.assertRaisesRegex(LocalError, "at most 268435456"):
                 request("write", "/f", bytes(size)).encode()
@@ -236,7 +236,7 @@ class TextTest(unittest.TestCase):
 
 
 class ClauseTest(unittest.TestCase):
-    def test_any_cutting_gives_the_same_clauses(self):
+    def test_any_split_gives_the_same_clauses(self):
         random_ = random.Random(SEED)
         clauses = [b"<a/>", b"<b>text</b>", b"<c>\r\n <a/>\n</c>", b"<ping/>", b"<d x='1'/>"]
         for _ in range(50):
@@ -255,14 +255,14 @@ class ClauseTest(unittest.TestCase):
                 cutter.feed(data)
                 cutter.next()
 
-    def test_what_never_ends_is_not_kept(self):
+    def test_an_endless_clause_is_not_kept(self):
         for start in (b"<a>", b"<a"):
             cutter = ClauseCutter(limit=100)
             cutter.feed(start + b"x" * 100)
             with self.assertRaises(ProtocolError):
                 cutter.next()
 
-    def test_what_may_be_sent(self):
+    def test_valid_clauses_to_send(self):
         self.assertEqual(check_clause(b" <a>b</a>\r\n"), b"<a>b</a>")
         for data in (b"", b"a", b"<a>", b"<a/><b/>", b"<a>\x01</a>", b'<a id="1">v</a>'):
             with self.subTest(data), self.assertRaises(ProtocolError):
@@ -278,7 +278,7 @@ class LineupTest(unittest.TestCase):
         self.assertEqual(lineup.slaves_at("a"), [1])
         self.assertEqual((lineup.due(1e9), lineup.next_due()), ([], None))
 
-    def test_what_outlives_the_first_one_carries_tasks(self):
+    def test_a_connection_that_outlives_the_first_one_carries_tasks(self):
         lineup = Lineup()
         for number in (1, 2, 3):
             lineup.opened(number, "a", 0)
@@ -288,7 +288,7 @@ class LineupTest(unittest.TestCase):
         self.assertEqual(lineup.due(10 + OUTLIVE), [2])
         self.assertEqual(lineup.due(1e9), [])
 
-    def test_what_spoke_never_carries_tasks(self):
+    def test_a_connection_that_sent_bytes_never_carries_tasks(self):
         lineup = Lineup(shared=1)
         lineup.opened(1, "a", 0)
         lineup.opened(2, "a", 0)
@@ -303,7 +303,7 @@ class LineupTest(unittest.TestCase):
         self.assertEqual((lineup.due(3.9), lineup.due(4)), ([], [2]))
         self.assertEqual(lineup.slaves_at("a"), [1, 2])
 
-    def test_a_new_connection_after_the_loss_takes_its_place(self):
+    def test_a_new_connection_replaces_a_lost_one(self):
         lineup = Lineup()
         lineup.opened(1, "a", 0)
         lineup.opened(2, "a", 0)

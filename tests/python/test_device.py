@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""All tasks and the transfers, against the real daemon."""
+"""All tasks and transfers against the real daemon."""
 import asyncio
 import contextlib
 import os
@@ -326,7 +326,7 @@ class TransferTest(DaemonCase):
             await self.fails(LocalError, NOT_SENT, device.pull(self.path("source"), "/none/t"))
         self.assertEqual(sorted(os.listdir(self.path(""))), ["d", "source"])
 
-    async def test_an_append_in_doubt_is_looked_after(self):
+    async def test_an_append_with_unknown_outcome_is_checked(self):
         self.file("source", self.data)
         async with self.Device(ADDRESS, retry_delay=0.01) as device:
             plain = getattr(device, "plain", device)
@@ -338,7 +338,7 @@ class TransferTest(DaemonCase):
 
 @contextlib.contextmanager
 def doubtful_append(device, face, applied):
-    """The first "append" of `device` loses its answer, after it was done or before."""
+    """Makes the first "append" of `device` fail with an unknown outcome, applied or not."""
     real, lost = device.append, LinkError("lost", outcome=Outcome.UNKNOWN)
     calls = []
 

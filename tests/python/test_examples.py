@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The programs in client/python/examples, and the shape of the package."""
+"""The programs in client/python/examples, and the structure of the package."""
 import ast
 import importlib
 import inspect
@@ -117,7 +117,7 @@ class PackageTest(unittest.TestCase):
 
 
 class InstallTest(unittest.TestCase):
-    """What pip installs. It needs no network: the package builds itself."""
+    """The files that pip installs. The build needs no network."""
 
     USE = "import sys; sys.path.insert(0, sys.argv[1]); import runel; print(len(runel.TASKS))"
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One job on many devices: one daemon at many addresses, and devices that a script plays."""
+"""One job on many devices: one daemon with many addresses, and scripted devices."""
 import threading
 
 from runel import DeviceError, FleetError, LinkError, RunelTimeout
@@ -40,13 +40,13 @@ class FleetTest(DaemonCase):
         report = await fleet.run(lambda device: device.hostid(), waves=(1, "rest"), max_failures=1)
         self.assertEqual(len(report.results), 4)
 
-    async def test_the_most_failures(self):
+    async def test_the_maximum_number_of_failures(self):
         names = [f"127.0.0.{number}:1" for number in range(1, 7)]
         fleet = self.Fleet(names, retries=0, parallel=1)
         report = await fleet.run(lambda device: device.hostid(), max_failures=2)
         self.assertEqual((len(report.failures), len(report.skipped)), (3, 3))
 
-    async def test_at_most_so_many_at_a_time(self):
+    async def test_the_limit_of_parallel_jobs(self):
         together, most, guard = [], [], threading.Lock()
         go = threading.Event()
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Devices that are slow, silent, gone or hostile, played by scripts."""
+"""Scripted devices that are slow, silent, lost or hostile."""
 import asyncio
 import errno
 import socket
@@ -20,7 +20,7 @@ class ScriptCase(FaceCase):
         return fake
 
     def answering(self, *answers):
-        """A device that gives these bytes, one for each request, then ends the connection."""
+        """A device that sends one of these texts per request, then closes the connection."""
         def script(wire, _number):
             for answer in answers:
                 wire.take()
@@ -37,14 +37,14 @@ class MalformedTest(ScriptCase):
            b"\x0142\x02SlaveTask 2 10:fileexists 1:/ 0 0: 0 0 0 0 0",
            reply(status=9), reply(state=9), reply()[:-1] + b"x")
 
-    async def test_what_is_no_reply_ends_the_connection(self):
+    async def test_a_malformed_reply_ends_the_connection(self):
         for answer in self.BAD:
             with self.subTest(answer):
                 async with self.device(self.answering(answer)) as device:
                     error = await self.fails(LinkError, UNKNOWN, device.append("/f", b"x"))
                     self.assertIn("malformed answer", str(error))
 
-    async def test_a_reply_longer_than_the_task_can_have_is_not_waited_for(self):
+    async def test_a_reply_above_the_limit_of_the_task_is_refused(self):
         async with self.device(self.answering(b"\x01268435456\x02"), retries=0) as device:
             error = await self.fails(LinkError, UNKNOWN, device.hostid())
             self.assertIn("where at most 65536", str(error))
@@ -57,14 +57,14 @@ class MalformedTest(ScriptCase):
                     with self.assertRaisesRegex(LinkError, f"not a runeld.*{name}"):
                         await device.hostid()
 
-    async def test_an_answer_that_was_not_asked_for(self):
+    async def test_an_unexpected_answer(self):
         async with self.device(self.answering(reply() + reply())) as device:
             await device.fileexists("/")
             link = getattr(device, "plain", device)._link
             await self.until(lambda: link.failure is not None)
             self.assertIn("without a request", link.failure.sentence)
 
-    async def test_a_text_of_another_form(self):
+    async def test_a_malformed_text(self):
         for task in ("stat", "lstat", "readdir", "walktree", "freeblocks"):
             async with self.device(self.answering(reply(b"nonsense"))) as device:
                 with self.subTest(task):
@@ -96,7 +96,7 @@ class LostTest(ScriptCase):
         async with self.device(self.answering(reply(b"content")[:-5])) as device:
             await self.fails(LinkError, UNKNOWN, device.append("/f", b"x"))
 
-    async def test_what_is_safe_is_sent_again(self):
+    async def test_a_safe_request_is_retried(self):
         def script(wire, number):
             wire.take()
             if number == 2:
@@ -107,7 +107,7 @@ class LostTest(ScriptCase):
             self.assertEqual(await device.read("/f"), b"content")
         self.assertEqual(fake.connections, 2)
 
-    async def test_what_is_not_safe_is_not(self):
+    async def test_an_unsafe_request_is_not_retried(self):
         for work in (lambda device: device.append("/f", b""), lambda device: device.unlink("/f"),
                      lambda device: device.exec(["x"]), lambda device: device.rename("/f", "/g"),
                      lambda device: device.kill(), lambda device: device.wait(),
@@ -127,7 +127,7 @@ class LostTest(ScriptCase):
         self.assertEqual(fake.connections, 3)
 
     async def texts_of(self, device, requests):
-        """The texts of the replies until the connection fails, and the error's outcome."""
+        """The texts of the replies until the connection fails, and the outcome of the error."""
         texts = []
         try:
             async for answer in device.pipeline(requests):
@@ -136,7 +136,7 @@ class LostTest(ScriptCase):
             return texts, error.outcome
         return texts, None
 
-    async def test_a_pipeline_tells_how_far_it_came(self):
+    async def test_a_pipeline_yields_the_answers_before_a_failure(self):
         def script(wire, _number):
             for _ in range(3):
                 wire.take()
@@ -145,7 +145,7 @@ class LostTest(ScriptCase):
             found = await self.texts_of(device, [request("read", "/f")] * 3)
         self.assertEqual(found, ([b"one", b"two"], UNKNOWN))
 
-    async def test_a_pipeline_gives_its_answers_before_the_failure_to_send(self):
+    async def test_a_pipeline_yields_its_answers_before_a_failure_to_send(self):
         async with self.device(self.answering(reply(b"one"))) as device:
             too_large = request("write", "/f", bytes(268435457))
             texts = []
@@ -154,13 +154,13 @@ class LostTest(ScriptCase):
                     texts.append(answer.text)
         self.assertEqual(texts, [b"one"])
 
-    async def test_a_task_without_answer_is_no_part_of_a_pipeline(self):
+    async def test_a_pipeline_refuses_a_task_without_an_answer(self):
         async with self.device(self.answering(reply(b"one"))) as device:
             with self.assertRaisesRegex(LocalError, "no answer to wait for"):
                 await self.texts_of(device, [request("read", "/f"), request("restart")])
             await self.fails(LocalError, NOT_SENT, device.ask(request("restart")))
 
-    async def test_all_that_wait_fail(self):
+    async def test_all_pending_requests_fail(self):
         taken = threading.Event()
 
         def script(wire, _number):
@@ -173,7 +173,7 @@ class LostTest(ScriptCase):
         self.assertTrue(taken.is_set())
         self.assertEqual([error.outcome for error in found], [UNKNOWN] * 3)
 
-    async def test_close_ends_what_waits(self):
+    async def test_close_ends_pending_requests(self):
         taken = threading.Event()
 
         def script(wire, _number):
@@ -186,7 +186,7 @@ class LostTest(ScriptCase):
         await device.close()
         await self.fails(LinkError, UNKNOWN, waiting)
 
-    async def test_a_connection_that_ended_unused_is_made_anew(self):
+    async def test_an_idle_connection_that_ended_is_reestablished(self):
         def script(wire, _number):
             wire.take()
             wire.send(reply(b"id"))
@@ -194,7 +194,7 @@ class LostTest(ScriptCase):
         async with self.device(fake) as device:
             self.assertEqual([await device.hostid() for _ in range(3)], ["id"] * 3)
 
-    async def test_the_program_of_a_lost_connection_is_not_looked_for_on_another(self):
+    async def test_the_program_of_a_lost_connection_is_not_addressed_on_another(self):
         def script(wire, number):
             wire.take()
             wire.send(reply(status=2, state=1))
@@ -207,11 +207,11 @@ class LostTest(ScriptCase):
             error = await self.fails(LinkError, NOT_SENT, device.kill())
             self.assertIn("connection that started the program", str(error))
 
-    async def test_restart_is_done_when_the_connection_ends(self):
+    async def test_restart_succeeds_when_the_connection_ends(self):
         async with self.device(self.fake(lambda wire, _number: wire.take())) as device:
             await device.restart()
 
-    async def test_restart_is_in_doubt_when_it_breaks(self):
+    async def test_restart_has_an_unknown_outcome_after_a_reset(self):
         def script(wire, _number):
             wire.take()
             wire.reset()
@@ -231,7 +231,7 @@ class TimeoutTest(ScriptCase):
             self.assertIn("silent for 0.2 s", str(error))
         self.assertEqual(fake.connections, 1)
 
-    async def test_a_device_that_takes_nothing(self):
+    async def test_a_device_that_reads_nothing(self):
         hold = threading.Event()
         self.addCleanup(hold.set)
         async with self.device(self.fake(lambda wire, _number: hold.wait(LONG)), timeout=0.2,
@@ -247,7 +247,7 @@ class TimeoutTest(ScriptCase):
         async with self.device(self.fake(script), timeout=1.0) as device:
             self.assertEqual(await device.read("/f"), b"content")
 
-    async def test_a_program_has_its_limit_on_top(self):
+    async def test_the_limit_of_a_program_extends_the_timeout(self):
         def script(wire, _number):
             wire.take()
             time.sleep(0.5)
@@ -265,7 +265,7 @@ class TimeoutTest(ScriptCase):
             self.assertTrue((await device.exec(["x"])).ok)
             self.assertTrue((await device.wait()).ok)
 
-    async def test_aborted_for_good(self):
+    async def test_aborted_permanently(self):
         device = self.device(self.silent())
         waiting = asyncio.ensure_future(device.unlink("/f"))
         await asyncio.sleep(0.1)
@@ -289,7 +289,7 @@ class AnswerTest(ScriptCase):
             with self.assertRaisesRegex(DeviceError, "refused: .*unknown cmd"):
                 await device.read("/f")
 
-    async def test_yes_and_no(self):
+    async def test_boolean_answers(self):
         no = {"fileexists": (2, 20), "access": (1, 2, 13, 20, 30), "processrunning": (3,)}
         for task, numbers in no.items():
             args = ("/f", 4) if task == "access" else ("/f",)
@@ -312,7 +312,7 @@ class AnswerTest(ScriptCase):
 class AsyncOnlyTest(ScriptCase):
     face = "async"
 
-    async def test_a_caller_that_leaves_takes_nothing_from_the_others(self):
+    async def test_a_cancelled_caller_does_not_affect_others(self):
         go = threading.Event()
 
         def script(wire, _number):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The master, with the real daemon and with devices that a script plays."""
+"""The master, with the real daemon and with scripted devices."""
 import asyncio
 import unittest.mock
 
@@ -15,7 +15,7 @@ class MasterCase(FaceCase):
         return (await master.wait_for(1, LONG))[0]
 
     async def next_of(self, master, kind):
-        """The next event of this kind; others in between are passed over."""
+        """The next event of this kind; skips others."""
         for _ in range(10000):
             event = await master.next_event(LONG)
             self.assertIsNotNone(event, kind)
@@ -56,7 +56,7 @@ class RealTest(DaemonCase, MasterCase):
         for _ in range(2):
             yield await agent.receive(LONG)
 
-    async def test_agents_one_after_the_other(self):
+    async def test_agents_in_sequence(self):
         async with self.Master() as master:
             for number in range(3):
                 async with self.Agent() as agent:
@@ -64,7 +64,7 @@ class RealTest(DaemonCase, MasterCase):
                     self.assertEqual((await self.next_of(master, Clause)).clause, b"<n%d/>" % number)
                 await self.next_of(master, AgentLost)
 
-    async def test_a_master_that_comes_again(self):
+    async def test_a_master_that_restarts(self):
         for _ in range(3):
             async with self.Master() as master:
                 self.assertTrue(await (await self.device_of(master)).fileexists("/"))
@@ -79,12 +79,12 @@ class RealTest(DaemonCase, MasterCase):
                 await self.fails(LocalError, NOT_SENT, agent.send(b"<a>\x02</a>"))
                 await agent.ping()
                 self.assertEqual((await self.next_of(master, Clause)).clause, b"<ping/>")
-            await self.next_of(master, AgentLost)  # or the next test's master hears of it
+            await self.next_of(master, AgentLost)  # otherwise the next test's master receives it
 
 
 @both_faces
 class LifeTest(MasterCase):
-    async def test_agents_that_came_and_went_while_the_master_was_away(self):
+    async def test_short_lived_agents_while_the_master_is_down(self):
         daemon = Daemon()
         self.addCleanup(daemon.close)
         for _ in range(4):
@@ -114,11 +114,11 @@ class LifeTest(MasterCase):
             await self.next_of(master, Connected)
             self.assertTrue(await (await self.device_of(master)).fileexists("/"))
 
-    async def test_a_port_that_is_taken(self):
+    async def test_a_port_in_use(self):
         async with self.Master(ADDRESS):
             await self.fails(LinkError, NOT_SENT, self.Master(ADDRESS).open())
 
-    async def test_a_wait_that_is_too_long(self):
+    async def test_wait_for_times_out(self):
         async with self.Master(port=0) as master:
             error = await self.fails(RunelTimeout, NOT_SENT, master.wait_for(1, 0.05))
             self.assertIn("0 of 1 devices", str(error))
@@ -135,7 +135,7 @@ class LifeTest(MasterCase):
 
 @both_faces
 class RoleTest(MasterCase):
-    """Which connection is which. Played, since a daemon makes most of this by accident only."""
+    """The roles of connections, with scripted devices: a daemon rarely causes these cases."""
 
     def dial(self, master, source=ADDRESS, hostid=b"", answers=True):
         dialer = Dialer(master.port, source, hostid, answers)
@@ -170,7 +170,7 @@ class RoleTest(MasterCase):
                 self.assertTrue(all(dialer.nothing_came() for dialer in further))
                 await self.fails(LinkError, NOT_SENT, master.send_clause("gw", b"<a/>"))
 
-    async def test_a_further_connection_that_outlives_the_first_takes_its_place(self):
+    async def test_a_further_connection_that_outlives_the_first_replaces_it(self):
         with unittest.mock.patch.object(_lineup, "OUTLIVE", 0.3):
             async with self.Master(port=0) as master:
                 first = self.dial(master, hostid=b"gw")
@@ -183,14 +183,14 @@ class RoleTest(MasterCase):
                 self.assertEqual((await self.next_of(master, Connected)).device, "gw")
                 self.assertEqual(second.asked, [b"hostid", b"devicetype"])
 
-    async def test_a_further_connection_has_the_first_one_looked_after(self):
+    async def test_a_further_connection_causes_a_check_of_the_first(self):
         async with self.Master(port=0) as master:
             first = self.dial(master, hostid=b"gw")
             await self.next_of(master, Connected)
             self.dial(master, answers=False)
             await asyncio.to_thread(wait_until, lambda: b"fileexists" in first.asked, "it is asked")
 
-    async def test_a_bridge_that_spoke_never_gets_a_frame(self):
+    async def test_a_bridge_that_sent_bytes_never_gets_a_frame(self):
         with unittest.mock.patch.object(_lineup, "OUTLIVE", 0.2):
             async with self.Master(port=0) as master:
                 first = self.dial(master, hostid=b"gw")
@@ -202,7 +202,7 @@ class RoleTest(MasterCase):
                 await asyncio.sleep(0.5)
                 self.assertTrue(bridge.nothing_came())
 
-    async def test_an_agent_is_named_by_a_device_that_tells_its_name_later(self):
+    async def test_an_agent_gets_the_name_of_a_device_that_identifies_later(self):
         async with self.Master(port=0) as master:
             slave = self.dial(master, hostid=b"gw", answers=False)
             self.dial(master, answers=False).wire.send(b"<early/>")

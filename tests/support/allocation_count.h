@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counts what a test program allocates. Linking it replaces operator new, so only tests that ask
-// about memory do.
+// Counts the allocations of a test program. Linking it replaces operator new, so only tests that
+// measure memory link it.
 #ifndef TESTS_SUPPORT_ALLOCATION_COUNT_H_
 #define TESTS_SUPPORT_ALLOCATION_COUNT_H_
 
@@ -8,7 +8,7 @@
 
 namespace zell::test {
 
-/// What was allocated with operator new since its construction, or the last `restart`. One thread.
+/// Counts allocations with operator new since its construction or the last `restart`. One thread.
 class AllocationCount {
  public:
   AllocationCount() { restart(); }
@@ -18,9 +18,9 @@ class AllocationCount {
   [[nodiscard]] std::size_t calls() const;
   /// Bytes of all these calls together.
   [[nodiscard]] std::size_t bytes() const;
-  /// Bytes alive now beyond those at the start; below 0 when more was given back than taken.
+  /// Allocated bytes now minus those at the start; below 0 if more were freed than allocated.
   [[nodiscard]] std::ptrdiff_t live() const;
-  /// The most that was alive at one time beyond the start.
+  /// The maximum of `live`.
   [[nodiscard]] std::ptrdiff_t peak() const;
 
  private:

@@ -88,7 +88,7 @@ void LogCapture::clear() {
 
 }  // namespace zell::test
 
-// The C library's own functions, replaced by linking.
+// Replace the functions of the C library at link time.
 extern "C" {
 
 void openlog(const char* ident, int options, int facility) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Catches what a test program would send to the system log.
+// Captures the lines that a test program sends to the system log.
 #ifndef TESTS_SUPPORT_LOG_CAPTURE_H_
 #define TESTS_SUPPORT_LOG_CAPTURE_H_
 
@@ -10,9 +10,8 @@
 
 namespace zell::test {
 
-/// One line as it was handed to syslog(3). In `text`, this process's "(PID) " in front is replaced
-/// by
-/// "(PID) " to the letter, so that expectations can be written down.
+/// One call of syslog(3). In `text`, the literal "(PID) " replaces the prefix with the number of
+/// this process, so that expectations can be constants.
 struct LogEntry {
   int priority;
   std::string text;
@@ -22,9 +21,9 @@ struct LogEntry {
 };
 std::ostream& operator<<(std::ostream& out, const LogEntry& entry);
 
-/// Collects the lines from its construction to its destruction; the newest living one gets them.
-/// syslog(), openlog() and closelog() are replaced in every program that links this: lines that
-/// nobody collects are thrown away.
+/// Collects the lines from its construction to its destruction; the newest object gets them.
+/// Replaces syslog(), openlog() and closelog() in every program that links this. Lines are
+/// discarded while no object exists.
 class LogCapture {
  public:
   LogCapture();
@@ -33,20 +32,19 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   [[nodiscard]] const std::vector<LogEntry>& entries() const { return entries_; }
-  /// The texts alone.
+  /// The texts of all lines.
   [[nodiscard]] std::vector<std::string> texts() const;
   /// The texts of @p priority.
   [[nodiscard]] std::vector<std::string> texts(int priority) const;
-  /// How many lines are @p text to the letter.
+  /// The number of lines that equal @p text.
   [[nodiscard]] int count(const std::string& text) const;
-  /// How many lines contain @p part.
+  /// The number of lines that contain @p part.
   [[nodiscard]] int countContaining(const std::string& part) const;
   /// The calls of openlog and closelog: "openlog IDENT OPTIONS FACILITY", "closelog".
   [[nodiscard]] const std::vector<std::string>& controls() const { return controls_; }
   void clear();
 
-  /// Called with each line when it has been taken: the place between two of a function's steps that
-  /// a test can act in.
+  /// Called with each captured line, so that a test can act between two steps of a function.
   std::function<void(const LogEntry&)> onEntry;
 
   // For the replaced functions.

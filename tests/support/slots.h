@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a class has its virtual operations.
+// The vtable slots of a class.
 #ifndef TESTS_SUPPORT_SLOTS_H_
 #define TESTS_SUPPORT_SLOTS_H_
 
@@ -15,12 +15,12 @@ namespace zell::test {
 /// The two slots of a virtual destructor.
 constexpr int kDestructors = 2;
 
-/// The number of @p operation's slot in the table of its class, -1 for one that is not virtual.
-/// An overload is chosen by its type: slotOf<int(bool)>(&Class::operation).
+/// The vtable slot of @p operation, -1 if it is not virtual. The type selects an overload:
+/// slotOf<int(bool)>(&Class::operation).
 ///
-/// A pointer to a member holds the number, as the C++ ABI that GCC and Clang share lays it down: an
-/// offset into the table, and a bit that tells it from an address. On ARM addresses may be odd, so
-/// the bit is in the second word there.
+/// In the C++ ABI of GCC and Clang a pointer to a member contains the offset in the vtable and a
+/// bit that distinguishes it from an address. On ARM addresses may be odd, so the bit is in the
+/// second word there.
 template <typename Function, typename Class>
 int slotOf(Function Class::*operation) {
   static_assert(std::is_function_v<Function>);
@@ -37,7 +37,7 @@ int slotOf(Function Class::*operation) {
   return mark != 0 ? static_cast<int>(offset / static_cast<std::intptr_t>(sizeof(void*))) : -1;
 }
 
-/// The numbers of @p count slots behind the destructors.
+/// The numbers of @p count slots after the destructors.
 inline std::vector<int> slotsBehindDestructors(std::size_t count) {
   std::vector<int> slots(count);
   std::iota(slots.begin(), slots.end(), kDestructors);

@@ -24,7 +24,7 @@ constexpr int kSendBuffer = 200000;
 constexpr int kLooks = 100000;  // at least 10 s, against a hang only
 constexpr timespec kBetweenLooks{0, 100000};
 
-// Of SIOCOUTQ or SIOCOUTQNSD.
+// Result of SIOCOUTQ or SIOCOUTQNSD.
 int bytes(int socket, unsigned long request) {
   int count = 0;
   if (ioctl(socket, request, &count) != 0) {
@@ -57,7 +57,7 @@ int SlowPeer::wait(short events, int timeout) {
   return answer;
 }
 
-// A system call, since a test may replace poll(2) by `wait`.
+// A direct system call, because a test may replace poll(2) by `wait`.
 int SlowPeer::ready(short events) const {
   pollfd wanted{sockets_.near(), events, 0};
   const timespec atOnce{0, 0};

@@ -10,7 +10,7 @@ namespace {
 
 const std::string kPing = "<ping/>\r\n";
 
-// What a log line shows of bytes that somebody sent.
+// Received bytes as a log line shows them.
 std::string trimmed(std::string text) {
   for (char& byte : text) {
     const auto value = static_cast<unsigned char>(byte);
@@ -19,13 +19,13 @@ std::string trimmed(std::string text) {
   return text.size() > 60 ? text.substr(0, 57) + "..." : text;
 }
 
-// What %s shows of @p text.
+// @p text up to its first zero byte, as %s shows it.
 std::string shown(const std::string& text) {
   return text.c_str();
 }
 
-// The place of the last ping in @p buffer, and the place where it would end the buffer, are
-// compared as 32-bit numbers.
+// Compares the position of the last ping in @p buffer, as a 32-bit number, with that of a ping at
+// the end of the buffer.
 bool pingWaits(const std::string& buffer) {
   const std::size_t last = buffer.rfind(kPing);
   return static_cast<std::uint32_t>(last) == static_cast<std::uint32_t>(buffer.size() - 9);

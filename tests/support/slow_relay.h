@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rules of the XML relay, spelled out one by one with no thought for their cost. What the relay
-// does is compared with it.
+// A reference implementation of the XML relay: its rules one by one, without regard to speed. Tests
+// compare the relay with it.
 #ifndef TESTS_SUPPORT_SLOW_RELAY_H_
 #define TESTS_SUPPORT_SLOW_RELAY_H_
 
@@ -11,7 +11,7 @@
 
 namespace zell::test {
 
-/// One end of a relay: strings are searched from their beginnings and erased from.
+/// One end of a relay. Searches every string from the start and erases from it.
 class SlowRelay {
  public:
   void setPeer(bool linked);
@@ -26,8 +26,8 @@ class SlowRelay {
   std::string clause;
   bool stop = false;
 
-  std::string sent;           ///< what the peer's socket got
-  std::vector<LogEntry> log;  ///< as LogCapture shows it
+  std::string sent;           ///< bytes received by the peer's socket
+  std::vector<LogEntry> log;  ///< in the form of LogCapture
 
  private:
   void warn(const std::string& text);

@@ -11,7 +11,7 @@
 namespace zell::test {
 namespace {
 
-// Without sockets no test means anything.
+// Without sockets the tests are meaningless.
 void require(bool holds) {
   if (!holds) {
     std::abort();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Two connected stream sockets: one for the handler under test, one for its peer, the test.
+// Two connected stream sockets: one for the handler under test, one for the test as its peer.
 #ifndef TESTS_SUPPORT_SOCKET_PAIR_H_
 #define TESTS_SUPPORT_SOCKET_PAIR_H_
 
@@ -11,7 +11,7 @@ namespace zell::test {
 
 class SocketPair {
  public:
-  /// Local sockets: what one end writes waits at the other as soon as write(2) is back.
+  /// Local sockets: written bytes are available at the other end as soon as write(2) returns.
   static SocketPair local();
   /// TCP over the loopback. @p receiveBuffer sets SO_RCVBUF of the far end; 0: the default.
   static SocketPair tcp(int receiveBuffer = 0);
@@ -21,16 +21,16 @@ class SocketPair {
   /// The peer's end.
   [[nodiscard]] int far() const { return far_.get(); }
 
-  /// Everything that waits at the peer's end; does not wait for more.
+  /// All available bytes at the peer's end; does not block.
   [[nodiscard]] std::string received() const;
-  /// Exactly @p count bytes from the peer's end, or fewer when the end comes first.
+  /// Exactly @p count bytes from the peer's end, or fewer at the end of file.
   [[nodiscard]] std::string receive(std::size_t count) const;
-  /// Whether the peer's end has nothing more to read, ever.
+  /// Whether the peer's end is at the end of file.
   [[nodiscard]] bool ended() const;
 
-  /// The peer goes away.
+  /// Closes the peer's end.
   void closeFar() { far_.reset(); }
-  /// The peer goes away with a reset (TCP).
+  /// Closes the peer's end with a reset (TCP).
   void resetFar();
 
  private:

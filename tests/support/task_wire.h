@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The task protocol as its bytes, put together by hand: what is compared with the codec's and the
-// record's own work must not come from them.
+// Encodes the task protocol without the code under test, so that tests can compare it with the
+// codec and the record.
 #ifndef TESTS_SUPPORT_TASK_WIRE_H_
 #define TESTS_SUPPORT_TASK_WIRE_H_
 
@@ -14,12 +14,12 @@ inline std::string frame(const std::string& payload) {
   return "\x01" + std::to_string(payload.size()) + "\x02" + payload;
 }
 
-/// A string as it stands in a record.
+/// The form of a string in a record.
 inline std::string counted(const std::string& bytes) {
   return std::to_string(bytes.size()) + ":" + bytes;
 }
 
-/// The record of a request for args[0] with the other elements as its arguments.
+/// The record of a request: args[0] is the task, the other elements are its arguments.
 inline std::string requestRecord(const std::vector<std::string>& args, int execParam = 0) {
   std::string record = "SlaveTask " + std::to_string(args.size());
   for (const std::string& arg : args) {
@@ -33,7 +33,7 @@ inline std::string request(const std::vector<std::string>& args, int execParam =
   return frame(requestRecord(args, execParam));
 }
 
-/// The record of a reply with @p text, its status fields as they stand in it.
+/// The record of a reply with @p text and the status fields @p fields.
 inline std::string replyRecord(const std::string& text, const std::string& fields = "0 0 0 0 0") {
   return "SlaveTask 0 0 " + counted(text) + " " + fields;
 }

@@ -6,7 +6,7 @@
 
 namespace zell::test {
 
-/// A directory of its own below the system's temporary directory, removed with all that is in it.
+/// A temporary directory, which the destructor removes with its content.
 class TempDir {
  public:
   TempDir();
@@ -17,14 +17,14 @@ class TempDir {
   [[nodiscard]] const std::string& path() const { return path_; }
   /// The path of @p name in the directory.
   [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }
-  /// Makes the file @p name with @p content and answers its path.
+  /// Creates the file @p name with @p content. Returns its path.
   std::string write(const std::string& name, const std::string& content) const;
 
  private:
   std::string path_;
 };
 
-/// The whole content of @p path; fails the running test when it cannot be read.
+/// The whole content of @p path; fails the running test if it cannot be read.
 std::string contentOf(const std::string& path);
 
 }  // namespace zell::test

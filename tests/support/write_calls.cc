@@ -37,7 +37,7 @@ ssize_t WriteCalls::write(int fd, const void* bytes, std::size_t count) {
 
 }  // namespace zell::test
 
-// The C library's own function, replaced by linking.
+// Replaces the function of the C library at link time.
 extern "C" ssize_t write(int fd, const void* bytes, size_t count) {
   if (zell::test::g_current != nullptr) {
     return zell::test::g_current->write(fd, bytes, count);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sees a program's calls of write(2), and answers some in the kernel's place.
+// Records a program's calls of write(2), and returns set results for some of them.
 #ifndef TESTS_SUPPORT_WRITE_CALLS_H_
 #define TESTS_SUPPORT_WRITE_CALLS_H_
 
@@ -12,8 +12,9 @@
 
 namespace zell::test {
 
-/// Collects the calls from its construction to its destruction; one at a time. write() is replaced
-/// in every program that uses this, and goes to the kernel unless an answer waits.
+/// Collects the calls from its construction to its destruction. At most one object may exist.
+/// Replaces write() in every program that links this; calls reach the kernel unless an answer is
+/// set.
 class WriteCalls {
  public:
   struct Call {
@@ -27,8 +28,8 @@ class WriteCalls {
   WriteCalls(const WriteCalls&) = delete;
   WriteCalls& operator=(const WriteCalls&) = delete;
 
-  /// The next call that has no answer yet gets @p result, and errno @p error where that is not 0;
-  /// nothing is written.
+  /// Sets an answer for a further call: it writes nothing and returns @p result, with errno @p
+  /// error unless that is 0.
   void answer(ssize_t result, int error = 0) { answers_.push_back({result, error}); }
   [[nodiscard]] const std::vector<Call>& calls() const { return calls_; }
 

@@ -29,7 +29,7 @@ void record(const std::string& call) {
   fake().calls.push_back(call);
 }
 
-// Fills @p found with the test's addresses; null without any.
+// Fills @p found with the test's addresses; null if there are no addresses.
 hostent* foundRecord(hostent* found) {
   static std::vector<char*> list;
   list.clear();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Beside the recording controller, the parts of the Linux room that ask nothing of the system.
+// The recording LED controller, and functions of the Linux library that need no system call.
 #include <zell/led_control.h>
 
 #include <algorithm>

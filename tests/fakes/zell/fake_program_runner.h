@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The part of a proxy that its header keeps hidden; here it leads to the proxy's fake.
+// The private part of a proxy, which here refers to the proxy's fake.
 #ifndef TESTS_FAKES_ZELL_FAKE_PROGRAM_RUNNER_H_
 #define TESTS_FAKES_ZELL_FAKE_PROGRAM_RUNNER_H_
 
@@ -11,10 +11,10 @@ namespace zell {
 
 class ProgramRunner {
  public:
-  /// Notes that @p call was made.
+  /// Records @p call.
   void record(const std::string& call);
-  /// The errno value with which the operation @p name fails, 0 for none; @p otherwise is what it
-  /// is without the test's intervention.
+  /// The errno value with which the operation @p name fails: that of the test, or @p otherwise; 0
+  /// for success.
   [[nodiscard]] static int errorOf(const std::string& name, int otherwise = 0);
 
   test::FakeProxy fake;

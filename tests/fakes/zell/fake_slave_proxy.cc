@@ -22,7 +22,8 @@ std::string joined(const std::vector<std::string>& words) {
   return line;
 }
 
-// The outcome of the program @p line, which does not start when @p error is one. Its output goes to
+// The outcome of the program @p line, which does not start if @p error is not 0. Writes its output
+// to
 // @p fake.
 ResultStatus run(const std::string& line, int limit, int error, test::FakeProxy& fake) {
   fake.background = false;

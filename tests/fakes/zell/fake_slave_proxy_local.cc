@@ -21,7 +21,7 @@ bool exists(const std::string& path) {
          0;
 }
 
-// The error of the operation @p name on @p path, which must exist.
+// The error of the operation @p name on @p path; ENOENT if the path is missing.
 int errorOn(const std::string& name, const std::string& path) {
   return ProgramRunner::errorOf(name, exists(path) ? 0 : ENOENT);
 }

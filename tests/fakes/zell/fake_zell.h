@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The device operations of the support library with nothing behind them: what was asked is
-// recorded, the answers are the test's.
+// A fake device support library: records the operations and returns what the test sets.
 #ifndef TESTS_FAKES_ZELL_FAKE_ZELL_H_
 #define TESTS_FAKES_ZELL_FAKE_ZELL_H_
 
@@ -25,15 +24,14 @@ namespace zell::test {
 /// How a program of the fake device ends.
 struct FakeProgram {
   std::string output;
-  /// As the reply carries it; the default is exit status 0.
+  /// The status in the reply; the default is exit status 0.
   ResultStatus end{SlaveStatus::success, WatchProcessState_t::exited, 0, 0, 0};
 };
 
-/// The outcome of an operation that failed with @p error.
+/// The status of an operation that failed with @p error.
 ResultStatus failure(int error);
 
-/// The device, which all proxies share; one for the process. Put it into its initial state with
-/// `reset`.
+/// The device that all proxies share, one per process. `reset` restores the initial state.
 struct FakeDevice {
   static FakeDevice& instance();
   void reset() { *this = FakeDevice(); }
@@ -44,27 +42,27 @@ struct FakeDevice {
   /// "reboot"... `poll` of the LED controller is only counted.
   std::vector<std::string> calls;
   int polls = 0;
-  /// Called with each entry of `calls`, and with "poll", before the operation does anything. It may
-  /// look at the world at that moment, or throw.
+  /// Called with each entry of `calls`, and with "poll", before the operation has an effect. It may
+  /// inspect the state or throw.
   std::function<void(const std::string& call)> onCall;
 
   /// Operations (by name: "writeFile", "kill", "blinkLeds"...) that fail with an errno value.
   std::map<std::string, int> failures;
 
-  /// Contents of the files, by path. Files are in directories by their paths alone.
+  /// Contents of the files by path. The path alone determines the directory of a file.
   std::map<std::string, std::string> files;
-  /// What stat and lstat fill in for a path; others get a regular file of their content's size.
+  /// Results of stat and lstat by path; the default is a regular file with the size of its content.
   std::map<std::string, struct stat> stats;
-  /// What readdir lists for a path instead of the files below it.
+  /// Results of readdir by path, in place of the files below it.
   std::map<std::string, std::vector<std::string>> directories;
-  /// What realpath answers for a path instead of the path itself.
+  /// Results of realpath by path; the default is the path itself.
   std::map<std::string, std::string> realPaths;
-  /// What walktree writes.
+  /// The output of walktree.
   std::string tree;
   std::uint64_t freeBlocks = 1000;
 
-  /// How programs end, by their command line ("/bin/echo a b"); others write nothing and exit with
-  /// 0. One that could not be started is a `failure`.
+  /// Results of programs by command line ("/bin/echo a b"); the default is no output and exit
+  /// status 0. A program that cannot be started is a `failure`.
   std::map<std::string, FakeProgram> programs;
   /// Names of running processes.
   std::vector<std::string> processes;
@@ -74,20 +72,20 @@ struct FakeDevice {
   bool firstLed = false;
   bool secondLed = false;
   LedStyle::Type blinking = LedStyle::unknown;
-  /// The proxies of the LED controller, oldest first: the last one drives.
+  /// The proxies of the LED controller, oldest first. The last one drives the LEDs.
   std::vector<const SlaveProxy*> ledProxies;
 };
 
-/// What stands behind one proxy.
+/// The state of one proxy.
 struct FakeProxy {
   FakeProxy();
   ~FakeProxy();
   FakeProxy(const FakeProxy&) = delete;
   FakeProxy& operator=(const FakeProxy&) = delete;
 
-  /// The ones whose proxies live, oldest first.
+  /// The fakes of all existing proxies, oldest first.
   static const std::vector<FakeProxy*>& living();
-  /// The newest of them; the test ends when there is none.
+  /// The newest of them; ends the test if there is no proxy.
   static FakeProxy& newest();
 
   /// The calls of this proxy, as in FakeDevice::calls.

@@ -37,7 +37,8 @@ class ClauseBuffer {
   /// Appends received bytes of any value.
   void append(std::string_view bytes);
 
-  /// Removes the next clause and stores it in @p clause. Leaves @p clause unchanged without one.
+  /// Removes the next clause and stores it in @p clause. Leaves @p clause unchanged when no clause
+  /// is complete.
   [[nodiscard]] Next next(std::string& clause);
 
   [[nodiscard]] bool empty() const { return size() == 0; }

@@ -39,7 +39,8 @@ class XmlSlave : public RunelConnection {
   /// Appends @p packet to the buffer. Discards a keep-alive ping when the buffer already ends with
   /// one.
   void appendPacket(const std::string& packet);
-  /// Removes the next complete clause. Returns false and logs the reason without one.
+  /// Removes the next complete clause. When no clause is complete, logs the reason and returns
+  /// false.
   bool nextXmlClause();
   /// Appends CR LF to @p text and sends it with one write(2). Waits before that until the send
   /// buffer has room. Returns the result of write(2); bytes not sent are lost. The wait and the

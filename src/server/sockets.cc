@@ -79,7 +79,7 @@ void set_send_timeout(int fd, nanoseconds timeout) {
   value.tv_sec = std::chrono::duration_cast<seconds>(timeout).count();
   value.tv_usec =
       std::chrono::duration_cast<std::chrono::microseconds>(timeout % seconds(1)).count();
-  // Without this timeout only the connect takes longer.
+  // A failure only makes the connect take longer.
   (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
 }
 

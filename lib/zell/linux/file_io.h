@@ -15,8 +15,9 @@ namespace zell {
 constexpr mode_t kPermissionBits = 07777;
 
 /// Reads the whole content of @p path into @p text, to its end for any announced size. Never waits
-/// for data: a FIFO without a writer counts as empty. Returns 0 or an errno value: EFBIG, without
-/// reading further, for more than @p limit bytes. @p text is unspecified after a failure.
+/// for data: reading ends where no data is available now (a FIFO without a writer). Returns 0 or an
+/// errno value: EFBIG, without reading further, for more than @p limit bytes. @p text is
+/// unspecified after a failure.
 [[nodiscard]] int readWholeFile(const std::string& path, std::size_t limit, std::string& text);
 
 /// Replaces the content of @p path by @p data, on disk before it returns. Returns 0 or an errno

@@ -11,7 +11,7 @@
 namespace zell::test {
 namespace {
 
-// The server's end, and the test's.
+// The server's end and the test's end.
 std::pair<UniqueFd, UniqueFd> connectedSockets() {
   int fds[2] = {-1, -1};
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);

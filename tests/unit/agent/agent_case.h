@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An agent server with its tables open to the test, on sockets whose other ends the test holds.
+// An agent server with accessible tables, on sockets whose other ends belong to the test.
 #ifndef TESTS_UNIT_AGENT_AGENT_CASE_H_
 #define TESTS_UNIT_AGENT_AGENT_CASE_H_
 
@@ -26,24 +26,23 @@ namespace zell::test {
 /// A request that every device can answer.
 inline const std::string kExists = request({"fileexists", "/file"});
 
-/// The test's end of a connection. The server's end belongs to the server, which closes it.
+/// The test's end of a connection. The server closes the other end.
 class Peer {
  public:
   Peer(int socket, UniqueFd far) : socket_(socket), far_(std::move(far)) {}
 
-  /// The server's number of the connection.
+  /// The server's socket number of the connection.
   [[nodiscard]] int socket() const { return socket_; }
-  /// Everything that has come, and whether the server has closed the connection behind it; does not
-  /// wait for more.
+  /// All received bytes, and whether the server has closed the connection; does not block.
   struct Seen {
     std::string bytes;
     bool ended;
   };
   [[nodiscard]] Seen look() const;
   [[nodiscard]] std::string received() const { return look().bytes; }
-  /// The other end says @p bytes, without waiting for room.
+  /// Sends @p bytes to the server without blocking.
   void say(const std::string& bytes) const;
-  /// What had come before is lost.
+  /// Discards received bytes.
   [[nodiscard]] bool ended() const { return look().ended; }
 
  private:
@@ -51,7 +50,7 @@ class Peer {
   UniqueFd far_;
 };
 
-/// The agent server, with its tables open.
+/// The agent server with accessible tables.
 class TestRunel : public Runel {
  public:
   using Runel::address_;
@@ -75,9 +74,9 @@ class TestRunel : public Runel {
 
   ~TestRunel() override;
 
-  /// An inbound connection, as if it had been accepted.
+  /// An inbound connection, as after accept().
   Peer accept(const std::string& ip = "192.0.2.7");
-  /// Connects the first host that is not connected, as if its master had answered.
+  /// Connects the first unconnected host, as if its master had accepted.
   Peer connect();
   /// The server reads @p bytes from @p socket.
   void read(int socket, std::string bytes) {
@@ -91,7 +90,7 @@ class TestRunel : public Runel {
     const auto found = handlers_.find(peer.socket());
     return found == handlers_.end() ? nullptr : dynamic_cast<Handler*>(found->second.get());
   }
-  /// Has @p handler serve @p peer.
+  /// Makes @p handler serve @p peer.
   template <typename Handler>
   Handler& serveWith(const Peer& peer, std::unique_ptr<Handler> handler) {
     Handler& made = *handler;
@@ -104,10 +103,10 @@ class TestRunel : public Runel {
   void handle_loop() override;
 };
 
-/// Everything that a server needs to be harmless: a fake device and system, and a private world.
+/// Makes a server harmless: a fake device, a fake system and a private world.
 class AgentCase : public ::testing::Test {
  public:
-  /// Fails outside of a private world: the server rewrites /etc/hosts.
+  /// Fails outside a private world, because the server rewrites /etc/hosts.
   static void SetUpTestSuite();
 
  protected:
@@ -119,7 +118,7 @@ class AgentCase : public ::testing::Test {
   LogCapture log;
 };
 
-/// A log line with the process id in front; the parts are put together as by a stream.
+/// A log line with the prefix "(PID) "; formats the parts like a stream.
 template <typename... Parts>
 LogEntry line(int priority, const Parts&... parts) {
   std::ostringstream text;

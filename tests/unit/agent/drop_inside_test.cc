@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Handlers that drop sockets, their own and others', from inside their own operations.
+// Handlers that drop sockets, theirs and others, inside their operations.
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -15,7 +15,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// What became of one handler.
+// The calls and the end of one handler.
 struct Life {
   int messages = 0;
   int pendingAsked = 0;
@@ -54,7 +54,7 @@ class Dropper : public RunelConnection {
 
 class DropInsideTest : public AgentCase {
  protected:
-  // A connection with its handler and what becomes of that.
+  // A connection with its handler.
   struct Client {
     Peer peer;
     std::shared_ptr<Life> life;
@@ -130,7 +130,7 @@ TEST_F(DropInsideTest, AnothersSocketFromHandleMessage) {
   EXPECT_FALSE(client.peer.ended());
 }
 
-TEST_F(DropInsideTest, OwnSocketFromInputPendingIsNotDrivenAnyMore) {
+TEST_F(DropInsideTest, OwnSocketFromInputPendingIsNoLongerDriven) {
   Client client = connect();
   client.handler->onPending = [&] {
     (void)server.drop_socket(client.peer.socket());
@@ -141,7 +141,7 @@ TEST_F(DropInsideTest, OwnSocketFromInputPendingIsNotDrivenAnyMore) {
   EXPECT_EQ(client.life->ended, 1);
 }
 
-TEST_F(DropInsideTest, OwnSocketFromInputPendingLeavesItsSuccessorAlone) {
+TEST_F(DropInsideTest, OwnSocketFromInputPendingDoesNotAffectItsSuccessor) {
   Client client = connect();
   std::vector<Client> successor;
   client.handler->onPending = [&] {
@@ -158,7 +158,7 @@ TEST_F(DropInsideTest, OwnSocketFromInputPendingLeavesItsSuccessorAlone) {
   EXPECT_EQ(successor[0].life->ended, 0);
 }
 
-TEST_F(DropInsideTest, LaterSocketFromTheLoopIsNotAskedAnyMore) {
+TEST_F(DropInsideTest, LaterSocketFromTheLoopIsNoLongerAsked) {
   Client first = connect();
   Client second = connect();
   Client third = connect();
@@ -204,7 +204,7 @@ TEST_F(DropInsideTest, AllSocketsFromTheLoop) {
   }
 }
 
-TEST_F(DropInsideTest, ServerFurtherInCountsAsTheSameCall) {
+TEST_F(DropInsideTest, OuterSocketFromANestedCall) {
   Client outer = connect();
   Client inner = connect();
   inner.handler->onMessage = [&] { (void)server.drop_socket(outer.peer.socket()); };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rewrite of the hosts file, and the two lines that tell of its failures.
+// The rewrite of the hosts file, and the log lines about its failures.
 #include "agent/runel.h"
 
 #include <cerrno>
@@ -29,7 +29,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-std::function<void()> g_onWrite;  // called with each line that is written
+std::function<void()> g_onWrite;  // called with each written line
 
 const std::string kEntry = "10.1.2.3 update-master\n";
 
@@ -44,13 +44,13 @@ class HostsServer : public Runel {
 class HostsFileTest : public ::testing::Test {
  protected:
   ~HostsFileTest() override {
-    (void)umount2(path.c_str(), MNT_DETACH);  // where a test mounted one
+    (void)umount2(path.c_str(), MNT_DETACH);  // unmounts the file system of a test
     (void)umount2(directory.path().c_str(), MNT_DETACH);
   }
 
   void write(const std::string& content) { (void)directory.write("hosts", content); }
   void rewrite() { server.setEtcHosts(path, "10.1.2.3"); }
-  // The content after a rewrite that went well.
+  // The content after a successful rewrite.
   std::string rewritten(const std::string& content) {
     write(content);
     rewrite();
@@ -92,7 +92,7 @@ TEST_F(HostsFileTest, LogsAWarningWithoutTheTextOfErrno) {
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_WARNING, "(PID) 100 %s of a%n"}));
 }
 
-TEST_F(HostsFileTest, AddsTheEntryBehindAllOthers) {
+TEST_F(HostsFileTest, AddsTheEntryAfterAllOthers) {
   EXPECT_EQ(rewritten("127.0.0.1 localhost\n10.0.0.9 printer\n"),
             "127.0.0.1 localhost\n10.0.0.9 printer\n" + kEntry);
 }
@@ -170,7 +170,7 @@ TEST_F(HostsFileTest, DropsALineOfAMegabyteWithTheAliasAtItsEnd) {
             "a b\nc d\n" + kEntry);
 }
 
-TEST_F(HostsFileTest, MakesAMissingFileWithTheLocalHost) {
+TEST_F(HostsFileTest, CreatesAMissingFileWithTheLocalHost) {
   rewrite();
   EXPECT_EQ(contentOf(path), "127.0.0.1 localhost\n" + kEntry);
   EXPECT_FALSE(exists(beside));
@@ -178,7 +178,7 @@ TEST_F(HostsFileTest, MakesAMissingFileWithTheLocalHost) {
               ElementsAre(LogEntry{LOG_WARNING, "(PID) setEtcHosts: cannot open " + path}));
 }
 
-TEST_F(HostsFileTest, GivesANewFileItsModeWhateverTheUmask) {
+TEST_F(HostsFileTest, SetsTheModeOfANewFileForAnyUmask) {
   for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
     const mode_t before = umask(mask);
     rewrite();
@@ -188,7 +188,7 @@ TEST_F(HostsFileTest, GivesANewFileItsModeWhateverTheUmask) {
   }
 }
 
-TEST_F(HostsFileTest, KeepsThePermissionBitsWhateverTheUmask) {
+TEST_F(HostsFileTest, KeepsThePermissionBitsForAnyUmask) {
   const mode_t before = umask(077);
   for (const mode_t mode : {0600U, 0664U, 0644U, 0000U, 04755U}) {
     write("a b\n");
@@ -199,7 +199,7 @@ TEST_F(HostsFileTest, KeepsThePermissionBitsWhateverTheUmask) {
   (void)umask(before);
 }
 
-TEST_F(HostsFileTest, KeepsTheOwnerAlsoOfASetUserIdFile) {
+TEST_F(HostsFileTest, KeepsTheOwnerOfASetUserIdFile) {
   write("a b\n");
   ASSERT_EQ(chown(path.c_str(), 12, 34), 0);
   ASSERT_EQ(chmod(path.c_str(), 06640), 0);
@@ -209,8 +209,8 @@ TEST_F(HostsFileTest, KeepsTheOwnerAlsoOfASetUserIdFile) {
   EXPECT_EQ(modeOf(path), S_IFREG | 06640U);
 }
 
-// A user who may not read the old file may not read the copy of it either.
-TEST_F(HostsFileTest, HidesTheNewFileFromAllOthersWhileItIsFilled) {
+// A user without access to the old file must not read its copy either.
+TEST_F(HostsFileTest, HidesTheNewFileFromOtherUsersWhileItIsWritten) {
   const mode_t before = umask(0);
   for (const mode_t mode : {0600U, 0640U, 0644U, 0666U}) {
     write(std::string(100000, 'x') + "\na b\n");
@@ -228,8 +228,8 @@ TEST_F(HostsFileTest, HidesTheNewFileFromAllOthersWhileItIsFilled) {
   (void)umask(before);
 }
 
-// The owner of the old file could write into it otherwise.
-TEST_F(HostsFileTest, OwnsTheNewFileWhileItIsFilled) {
+// Otherwise the owner of the old file could write to it.
+TEST_F(HostsFileTest, OwnsTheNewFileWhileItIsWritten) {
   write("a b\n");
   ASSERT_EQ(chown(path.c_str(), 12, 34), 0);
   std::set<uid_t> seen;
@@ -239,7 +239,7 @@ TEST_F(HostsFileTest, OwnsTheNewFileWhileItIsFilled) {
   EXPECT_THAT(seen, ElementsAre(geteuid()));
 }
 
-TEST_F(HostsFileTest, PutsANewFileInPlaceAndLeavesTheOldOneToItsReaders) {
+TEST_F(HostsFileTest, ReplacesTheFileSoThatReadersKeepTheOldOne) {
   write("a b\n");
   const ino_t before = statOf(path).st_ino;
   ASSERT_EQ(link(path.c_str(), directory.file("reader").c_str()), 0);
@@ -248,7 +248,7 @@ TEST_F(HostsFileTest, PutsANewFileInPlaceAndLeavesTheOldOneToItsReaders) {
   EXPECT_EQ(contentOf(directory.file("reader")), "a b\n");
 }
 
-TEST_F(HostsFileTest, ReplacesALinkByAFileAndLeavesItsTargetAlone) {
+TEST_F(HostsFileTest, ReplacesALinkByAFileAndKeepsItsTarget) {
   const std::string target = directory.write("target", "a b\n");
   ASSERT_EQ(chmod(target.c_str(), 0600), 0);
   ASSERT_EQ(symlink("target", path.c_str()), 0);
@@ -265,14 +265,14 @@ TEST_F(HostsFileTest, ReplacesADanglingLinkAsAMissingFile) {
   EXPECT_FALSE(exists(directory.file("nowhere")));
 }
 
-TEST_F(HostsFileTest, DoesNotWaitForAWriterOfAFifoInItsPlace) {
+TEST_F(HostsFileTest, DoesNotBlockOnAFifoInPlaceOfTheFile) {
   ASSERT_EQ(mkfifo(path.c_str(), 0640), 0);
   rewrite();
   EXPECT_EQ(modeOf(path), S_IFREG | 0640U);
   EXPECT_EQ(contentOf(path), kEntry);
 }
 
-TEST_F(HostsFileTest, LeavesADirectoryInItsPlaceAlone) {
+TEST_F(HostsFileTest, DoesNotReplaceADirectory) {
   ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
   rewrite();
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) setEtcHosts: error reading " +
@@ -281,32 +281,32 @@ TEST_F(HostsFileTest, LeavesADirectoryInItsPlaceAlone) {
   EXPECT_FALSE(exists(beside));
 }
 
-TEST_F(HostsFileTest, TakesAwayWhatAnInterruptedRewriteLeft) {
+TEST_F(HostsFileTest, RemovesTheStaleFileOfAnInterruptedRewrite) {
   (void)directory.write("hosts.new", "half a li");
   ASSERT_EQ(chmod(beside.c_str(), 0444), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
 }
 
-TEST_F(HostsFileTest, WritesThroughNoLinkInThePlaceOfTheNewFile) {
+TEST_F(HostsFileTest, DoesNotFollowALinkInPlaceOfTheNewFile) {
   const std::string victim = directory.write("victim", "precious");
   ASSERT_EQ(symlink(victim.c_str(), beside.c_str()), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
   EXPECT_EQ(contentOf(victim), "precious");
 }
 
-TEST_F(HostsFileTest, WritesIntoNoHardLinkInThePlaceOfTheNewFile) {
+TEST_F(HostsFileTest, DoesNotWriteToAHardLinkInPlaceOfTheNewFile) {
   const std::string victim = directory.write("victim", "precious");
   ASSERT_EQ(link(victim.c_str(), beside.c_str()), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
   EXPECT_EQ(contentOf(victim), "precious");
 }
 
-TEST_F(HostsFileTest, DoesNotWaitForAReaderOfAFifoInThePlaceOfTheNewFile) {
+TEST_F(HostsFileTest, DoesNotBlockOnAFifoInPlaceOfTheNewFile) {
   ASSERT_EQ(mkfifo(beside.c_str(), 0600), 0);
   EXPECT_EQ(rewritten("a b\n"), "a b\n" + kEntry);
 }
 
-TEST_F(HostsFileTest, GivesUpWhenADirectoryIsInThePlaceOfTheNewFile) {
+TEST_F(HostsFileTest, FailsWhenADirectoryIsInPlaceOfTheNewFile) {
   write("a b\n");
   ASSERT_EQ(mkdir(beside.c_str(), 0755), 0);
   rewrite();
@@ -325,7 +325,7 @@ TEST_F(HostsFileTest, LogsBothWhenNeitherFileCanBeOpened) {
                                                 ".new,No such file or directory"}));
 }
 
-TEST_F(HostsFileTest, LeavesTheFileAloneOnAReadOnlyFileSystem) {
+TEST_F(HostsFileTest, LeavesTheFileUnchangedOnAReadOnlyFileSystem) {
   mountMemory("size=64k");
   write("a b\n");
   ASSERT_EQ(mount("tmpfs", directory.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, ""), 0);
@@ -347,8 +347,8 @@ TEST_F(HostsFileTest, LeavesTheFileUnchangedOnAFullFileSystem) {
   EXPECT_FALSE(exists(beside));
 }
 
-// What is still to be written when the reading fails does not fit either: that is no news any more.
-TEST_F(HostsFileTest, TellsTheFirstOfTwoErrors) {
+// After the failed read, writing the buffered rest fails too. Only the first error is logged.
+TEST_F(HostsFileTest, LogsTheFirstOfTwoErrors) {
   mountMemory("size=8k");
   ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
   const UniqueFd writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
@@ -360,7 +360,7 @@ TEST_F(HostsFileTest, TellsTheFirstOfTwoErrors) {
                                                 ",Resource temporarily unavailable"}));
 }
 
-TEST_F(HostsFileTest, LeavesALongFileAloneWhenTheFileSystemFillsUpInTheMiddle) {
+TEST_F(HostsFileTest, LeavesALongFileUnchangedWhenTheFileSystemFillsUp) {
   mountMemory("size=160k");
   std::string lines;
   while (lines.size() < 100000) {
@@ -375,7 +375,7 @@ TEST_F(HostsFileTest, LeavesALongFileAloneWhenTheFileSystemFillsUpInTheMiddle) {
   EXPECT_FALSE(exists(beside));
 }
 
-TEST_F(HostsFileTest, LeavesAMountPointAlone) {
+TEST_F(HostsFileTest, LeavesAMountPointUnchanged) {
   write("below\n");
   const std::string mounted = directory.write("mounted", "a b\n");
   ASSERT_EQ(mount(mounted.c_str(), path.c_str(), "none", MS_BIND, nullptr), 0);
@@ -387,7 +387,7 @@ TEST_F(HostsFileTest, LeavesAMountPointAlone) {
   EXPECT_FALSE(exists(beside));
 }
 
-TEST_F(HostsFileTest, LeavesTheFileAloneWithoutADescriptor) {
+TEST_F(HostsFileTest, LeavesTheFileUnchangedWhenOutOfDescriptors) {
   write("a b\n");
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -419,7 +419,7 @@ TEST_F(HostsFileTest, LeavesNoDescriptorOpen) {
 }  // namespace
 }  // namespace zell::test
 
-// The C library's own function, replaced by linking.
+// Replaces the function of the C library at link time.
 extern "C" size_t fwrite(const void* data, size_t size, size_t count, FILE* out) {
   if (zell::test::g_onWrite) {
     zell::test::g_onWrite();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The slave connection, the agent and its bridge: how they are made, linked and taken down.
+// The slave connection, the agent and its bridge: how they are connected, linked and closed.
 #include <string>
 #include <vector>
 
@@ -17,12 +17,12 @@ using Lines = std::vector<LogEntry>;
 
 constexpr char kMaster[] = "192.0.2.1";
 
-// Every case at a verbosity: the lines at LOG_DEBUG come above 0 only.
+// Each case runs with two verbosities: LOG_DEBUG lines need a verbosity above 0.
 class PairingTest : public AgentCase, public ::testing::WithParamInterface<int> {
  protected:
   PairingTest() { device.files["/file"] = ""; }
 
-  // What is to be seen of @p lines at this verbosity.
+  // The lines of @p lines that this verbosity logs.
   static Lines seen(const Lines& lines) {
     Lines some;
     for (const LogEntry& entry : lines) {
@@ -38,7 +38,7 @@ class PairingTest : public AgentCase, public ::testing::WithParamInterface<int> 
     return peer;
   }
 
-  // The lines that a drop writes.
+  // The log lines of a drop.
   static LogEntry droppingSlave(const Peer& peer) {
     return line(LOG_DEBUG, "drop_host_connection: dropping slave connection, socket ",
                 peer.socket());
@@ -102,7 +102,7 @@ TEST_P(PairingTest, SecondConnectionBecomesTheBridgeAndIsLinkedBothWays) {
   EXPECT_EQ(slave.received(), "");
 }
 
-TEST_P(PairingTest, AgentThatComesFirstWaitsForBothConnections) {
+TEST_P(PairingTest, AgentThatConnectsFirstWaitsForBothConnections) {
   const Peer agent = agentConnects("<a/>");
   EXPECT_THAT(hostSockets(), ElementsAre(-1, -1));
   const Peer slave = server.connect();
@@ -113,7 +113,7 @@ TEST_P(PairingTest, AgentThatComesFirstWaitsForBothConnections) {
   EXPECT_THAT(hostSockets(), ElementsAre(slave.socket(), bridge.socket()));
 }
 
-TEST_P(PairingTest, LinkingFlushesWhatBothSidesHeld) {
+TEST_P(PairingTest, LinkingFlushesTheInputOfBothSides) {
   const Peer slave = server.connect();
   server.add_host(kMaster, 5112);
   const Peer bridge = server.connect();
@@ -132,7 +132,7 @@ TEST_P(PairingTest, BridgeIsLinkedBeforeTheAgent) {
   const Peer early = agentConnects("<early>");
   log.clear();
   const Peer late = agentConnects("<late>");
-  // Each link warns about what blocks its own side; the packet comes when both are linked.
+  // Each link warns about blocked input of its side; the packet is relayed when both are linked.
   const Lines warnings = {
       line(LOG_ERR, "handle_data_read: error orphaning agent_ (socket ", early.socket(),
            "), socket ", late.socket()),
@@ -186,7 +186,7 @@ TEST_P(PairingTest, ThirdConnectionIsAnErrorAndGetsNoHandler) {
   EXPECT_FALSE(surplus.ended());
 }
 
-TEST_P(PairingTest, SlaveAloneIsDroppedAndReadyToBeMadeAgain) {
+TEST_P(PairingTest, SlaveAloneIsDroppedAndReconnectable) {
   const Peer slave = server.connect();
   log.clear();
   EXPECT_NE(server.drop_host_connection(slave.socket()), 0);
@@ -199,7 +199,7 @@ TEST_P(PairingTest, SlaveAloneIsDroppedAndReadyToBeMadeAgain) {
   EXPECT_EQ(server.handlerOf<ByteCountSlave>(again), server.slave_);
 }
 
-TEST_P(PairingTest, SlaveThatGoesTakesBridgeAndAgentAlong) {
+TEST_P(PairingTest, LostSlaveClosesBridgeAndAgent) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   const Peer bridge = server.connect();
@@ -214,7 +214,7 @@ TEST_P(PairingTest, SlaveThatGoesTakesBridgeAndAgentAlong) {
   EXPECT_TRUE(server.m_connections.empty());
 }
 
-TEST_P(PairingTest, SlaveThatGoesTakesAWaitingAgentAlong) {
+TEST_P(PairingTest, LostSlaveClosesAWaitingAgent) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   log.clear();
@@ -225,7 +225,7 @@ TEST_P(PairingTest, SlaveThatGoesTakesAWaitingAgentAlong) {
   EXPECT_THAT(hostSockets(), ElementsAre(-1, -1)) << "the bridge's host is only removed with it";
 }
 
-TEST_P(PairingTest, BridgeThatGoesTakesTheAgentAlong) {
+TEST_P(PairingTest, LostBridgeClosesTheAgent) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   const Peer bridge = server.connect();
@@ -240,7 +240,7 @@ TEST_P(PairingTest, BridgeThatGoesTakesTheAgentAlong) {
   EXPECT_THAT(hostSockets(), ElementsAre(slave.socket()));
 }
 
-TEST_P(PairingTest, BridgeWithoutAnAgentGoesAlone) {
+TEST_P(PairingTest, LostBridgeWithoutAnAgentClosesNothingElse) {
   const Peer slave = server.connect();
   server.add_host(kMaster, 5112);
   const Peer bridge = server.connect();
@@ -250,7 +250,7 @@ TEST_P(PairingTest, BridgeWithoutAnAgentGoesAlone) {
   EXPECT_THAT(hostSockets(), ElementsAre(slave.socket()));
 }
 
-TEST_P(PairingTest, AgentThatGoesTakesTheBridgeAlong) {
+TEST_P(PairingTest, LostAgentClosesTheBridge) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   const Peer bridge = server.connect();
@@ -264,7 +264,7 @@ TEST_P(PairingTest, AgentThatGoesTakesTheBridgeAlong) {
   EXPECT_THAT(hostSockets(), ElementsAre(slave.socket()));
 }
 
-TEST_P(PairingTest, WaitingAgentThatGoesLeavesItsHostBehind) {
+TEST_P(PairingTest, LostWaitingAgentLeavesItsHostBehind) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   log.clear();
@@ -316,7 +316,7 @@ TEST_P(PairingTest, UnknownInboundSocketIsReportedAndChangesNothing) {
                   line(LOG_DEBUG, "drop_socket: dropping telnet (?) socket 77")}));
 }
 
-TEST_P(PairingTest, UnknownOutboundSocketTakesBridgeAndAgentAlong) {
+TEST_P(PairingTest, UnknownOutboundSocketClosesBridgeAndAgent) {
   const Peer slave = server.connect();
   const Peer agent = agentConnects();
   const Peer bridge = server.connect();
@@ -351,10 +351,10 @@ TEST_P(PairingTest, SurplusConnectionIsClassifiedByWhatItSends) {
   EXPECT_EQ(server.handlerOf<ByteCountSlave>(slave), server.slave_);
 }
 
-// A second agent while the first is still there.
+// A second agent while the first is connected.
 class ReplacedAgentTest : public PairingTest {
  protected:
-  // Lines of the arrival of @p second, without the one about its socket.
+  // The log lines of the arrival of @p second, without the one about its socket.
   static Lines replacing(const Peer& first, const Peer& second) {
     return {line(LOG_ERR, "handle_data_read: error orphaning agent_ (socket ", first.socket(),
                  "), socket ", second.socket()),
@@ -382,7 +382,7 @@ TEST_P(ReplacedAgentTest, LosesItsHandlerAndKeepsItsSocketAndEntry) {
   EXPECT_EQ(FakeProxy::living().size(), 1U);
 }
 
-TEST_P(ReplacedAgentTest, HasOneMoreHostAddedWhileThereIsNoBridge) {
+TEST_P(ReplacedAgentTest, CausesAnotherHostEntryWithoutABridge) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer second = agentConnects("<b/>");
@@ -393,7 +393,7 @@ TEST_P(ReplacedAgentTest, HasOneMoreHostAddedWhileThereIsNoBridge) {
   EXPECT_FALSE(server.serves(surplus.socket()));
 }
 
-TEST_P(ReplacedAgentTest, HandsTheBridgeToTheNewOne) {
+TEST_P(ReplacedAgentTest, PassesTheBridgeToTheNewAgent) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer bridge = server.connect();
@@ -405,7 +405,7 @@ TEST_P(ReplacedAgentTest, HandsTheBridgeToTheNewOne) {
   EXPECT_THAT(hostSockets(), ElementsAre(slave.socket(), bridge.socket()));
 }
 
-TEST_P(ReplacedAgentTest, IsDroppedWhenItSpeaks) {
+TEST_P(ReplacedAgentTest, IsDroppedWhenItSendsBytes) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer bridge = server.connect();
@@ -420,7 +420,7 @@ TEST_P(ReplacedAgentTest, IsDroppedWhenItSpeaks) {
   EXPECT_EQ(second.received(), "<c/>\r\n");
 }
 
-TEST_P(ReplacedAgentTest, IsDroppedWhenItEnds) {
+TEST_P(ReplacedAgentTest, IsDroppedWhenItDisconnects) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer bridge = server.connect();
@@ -432,7 +432,7 @@ TEST_P(ReplacedAgentTest, IsDroppedWhenItEnds) {
   EXPECT_FALSE(bridge.ended() || second.ended());
 }
 
-TEST_P(ReplacedAgentTest, StaysWhenTheNewOneEnds) {
+TEST_P(ReplacedAgentTest, StaysWhenTheNewAgentDisconnects) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer bridge = server.connect();
@@ -446,7 +446,7 @@ TEST_P(ReplacedAgentTest, StaysWhenTheNewOneEnds) {
   EXPECT_EQ(server.agent_, nullptr);
 }
 
-TEST_P(ReplacedAgentTest, IsNoPartOfABridgeMadeMeanwhile) {
+TEST_P(ReplacedAgentTest, IsNotLinkedToALaterBridge) {
   const Peer slave = server.connect();
   const Peer first = agentConnects("<old/>");
   const Peer second = agentConnects("<new/>");
@@ -473,7 +473,7 @@ TEST_P(ReplacedAgentTest, MayBeOneOfMany) {
   EXPECT_TRUE(server.handlers_.empty());
 }
 
-TEST_P(ReplacedAgentTest, OnASurplusConnectionIsClosedWhenItSpeaks) {
+TEST_P(ReplacedAgentTest, OnASurplusConnectionIsClosedWhenItSendsBytes) {
   const Peer slave = server.connect();
   const Peer first = agentConnects();
   const Peer bridge = server.connect();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who gets to serve a new socket, what is logged of its packets, and the work at the end of a pass.
+// The handler of a new socket, the log of its packets, and the work at the end of a pass.
 #include <stdexcept>
 #include <string>
 
@@ -21,13 +21,13 @@ class RoutingTest : public AgentCase {
   TestRunel server{"192.0.2.1", false, 0};
 };
 
-TEST_F(RoutingTest, NewSocketHasNoHandlerAndIsNotMentioned) {
+TEST_F(RoutingTest, NewSocketHasNoHandlerAndIsNotLogged) {
   const Peer peer = server.accept();
   EXPECT_FALSE(server.serves(peer.socket()));
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(RoutingTest, NewSocketIsMentionedWhenVerbose) {
+TEST_F(RoutingTest, NewSocketIsLoggedWhenVerbose) {
   TestRunel verbose("192.0.2.1", false, 1);
   const Peer peer = verbose.accept();
   EXPECT_THAT(
@@ -73,7 +73,7 @@ TEST_F(RoutingTest, ByteOneMakesAByteCountClient) {
   EXPECT_EQ(server.slave_, nullptr);
 }
 
-TEST_F(RoutingTest, LaterPacketsGoToTheHandlerWhateverTheyBeginWith) {
+TEST_F(RoutingTest, LaterPacketsGoToTheHandlerForAnyFirstByte) {
   const Peer peer = server.accept();
   server.read(peer, kExists.substr(0, 1));
   server.read(peer, kExists.substr(1));
@@ -135,7 +135,7 @@ TEST_F(RoutingTest, OpeningBracketMakesAnAgentThatTheAliasNames) {
   EXPECT_THAT(contentOf("/etc/hosts"), ::testing::EndsWith("\n198.51.100.9 update-master\n"));
 }
 
-TEST_F(RoutingTest, AgentHasASecondConnectionToTheMasterMade) {
+TEST_F(RoutingTest, AgentCausesASecondConnectionToTheMaster) {
   const Peer peer = server.accept();
   server.read(peer, "<a/>");
   ASSERT_EQ(server.m_hosts.size(), 2U);
@@ -144,7 +144,7 @@ TEST_F(RoutingTest, AgentHasASecondConnectionToTheMasterMade) {
   EXPECT_EQ(server.m_hosts.back().socket, -1);
 }
 
-TEST_F(RoutingTest, AgentIsAnnouncedBeforeTheHostsFileIsTouched) {
+TEST_F(RoutingTest, AgentIsLoggedBeforeTheHostsFileIsRewritten) {
   ASSERT_EQ(std::rename("/etc/hosts", "/etc/hosts.kept"), 0);
   const Peer peer = server.accept("198.51.100.9");
   server.read(peer, "<a/>");
@@ -157,13 +157,13 @@ TEST_F(RoutingTest, AgentIsAnnouncedBeforeTheHostsFileIsTouched) {
   ASSERT_EQ(std::rename("/etc/hosts.kept", "/etc/hosts"), 0);
 }
 
-TEST_F(RoutingTest, AddressOfAnInboundConnectionIsItsPeers) {
+TEST_F(RoutingTest, AddressOfAnInboundConnectionIsThatOfItsPeer) {
   const Peer peer = server.accept("198.51.100.9");
   EXPECT_EQ(server.getConnectionAddress(peer.socket()), "198.51.100.9");
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(RoutingTest, AddressOfAnyOtherSocketIsTheDevicesOwn) {
+TEST_F(RoutingTest, AddressOfAnyOtherSocketIsThatOfTheDevice) {
   EXPECT_EQ(server.getConnectionAddress(77), "127.0.0.1");
   EXPECT_THAT(log.entries(), ElementsAre(line(LOG_ERR,
                                               "getConnectionAddress: socket 77 is not in "
@@ -171,10 +171,10 @@ TEST_F(RoutingTest, AddressOfAnyOtherSocketIsTheDevicesOwn) {
   EXPECT_EQ(&server.getConnectionAddress(77), &server.getConnectionAddress(78));
 }
 
-// What is logged of a packet, by verbosity.
+// The log of a packet, by verbosity.
 class PacketLogTest : public AgentCase {
  protected:
-  // The lines about a packet, on a connection that has a handler already.
+  // The log lines about a packet, on a connection with a handler.
   std::vector<LogEntry> shown(int verbose, const std::string& packet) {
     TestRunel server("192.0.2.1", false, verbose);
     const Peer peer = server.accept();
@@ -232,7 +232,7 @@ TEST_F(PacketLogTest, ShowsALongPacketInChunks) {
                                  LogEntry{LOG_DEBUG, "bytes 3072-4096: d"}));
 }
 
-TEST_F(PacketLogTest, ShowsNoEmptyChunkBehindAFullOne) {
+TEST_F(PacketLogTest, ShowsNoEmptyChunkAfterAFullOne) {
   const auto lines = shown(3, std::string(1024, 'a'));
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[2].text, "bytes 0-1024: " + std::string(1024, 'a'));
@@ -246,14 +246,14 @@ TEST_F(PacketLogTest, ShowsAChunkUpToItsFirstZeroByte) {
   EXPECT_EQ(lines[2].text, "bytes 0-1024: ab");
 }
 
-TEST_F(PacketLogTest, ShowsPercentSignsAsTheyAre) {
+TEST_F(PacketLogTest, ShowsPercentSignsUnchanged) {
   const auto lines = shown(3, "%s%n%d");
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0], got(6, "%s%n%d"));
   EXPECT_EQ(lines[2].text, "bytes 0-1024: %s%n%d");
 }
 
-TEST_F(PacketLogTest, ComesBetweenTheClassificationAndTheHandler) {
+TEST_F(PacketLogTest, IsWrittenBetweenTheClassificationAndTheHandler) {
   TestRunel server("192.0.2.1", false, 2);
   const Peer peer = server.accept();
   log.clear();
@@ -268,7 +268,7 @@ TEST_F(PacketLogTest, ComesBetweenTheClassificationAndTheHandler) {
           line(LOG_DEBUG, "handleMessage: got packet, but it is not a complete message '.'")));
 }
 
-TEST_F(PacketLogTest, ShowsNoPacketThatNobodyTakes) {
+TEST_F(PacketLogTest, ShowsNoPacketWithoutAHandler) {
   TestRunel server("192.0.2.1", false, 3);
   const Peer peer = server.accept();
   log.clear();
@@ -278,7 +278,7 @@ TEST_F(PacketLogTest, ShowsNoPacketThatNobodyTakes) {
                                peer.socket())));
 }
 
-// A handler that does what its test says.
+// A handler with the behaviour that the test sets.
 struct Scripted : RunelConnection {
   using RunelConnection::RunelConnection;
   bool inputPending() override { return pending && pending(); }
@@ -307,7 +307,7 @@ class ServeTest : public RoutingTest {
   }
 };
 
-TEST_F(ServeTest, HandsOverAllBytes) {
+TEST_F(ServeTest, PassesAllBytes) {
   const Peer peer = server.accept();
   Scripted& handler = scripted(peer);
   const std::string bytes("a\0b\xff\n", 5);
@@ -315,7 +315,7 @@ TEST_F(ServeTest, HandsOverAllBytes) {
   EXPECT_THAT(handler.packets, ElementsAre(bytes));
 }
 
-TEST_F(ServeTest, HandsOverAStringThatMayBeChanged) {
+TEST_F(ServeTest, PassesAModifiableString) {
   const Peer peer = server.accept();
   Scripted& handler = scripted(peer);
   handler.onMessage = [](std::string& packet) { packet.clear(); };
@@ -324,7 +324,7 @@ TEST_F(ServeTest, HandsOverAStringThatMayBeChanged) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(ServeTest, LogsAStandardExceptionWithItsReadableNameAndGoesOn) {
+TEST_F(ServeTest, LogsAStandardExceptionWithItsReadableNameAndContinues) {
   ServerBase::s_run = true;
   struct OutOfPaper : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -344,14 +344,14 @@ TEST_F(ServeTest, LogsAStandardExceptionWithItsReadableNameAndGoesOn) {
   EXPECT_EQ(log.entries().back(), line(LOG_ERR, "handle_data_read: exception std::out_of_range: "));
 }
 
-TEST_F(ServeTest, LeavesOtherExceptionsToItsCaller) {
+TEST_F(ServeTest, PassesOtherExceptionsToItsCaller) {
   const Peer peer = server.accept();
   scripted(peer).onMessage = [](std::string&) { throw 7; };
   EXPECT_THROW(server.read(peer, "x"), int);
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(ServeTest, TaskThatThrowsIsLoggedAndTheConnectionGoesOn) {
+TEST_F(ServeTest, TaskThatThrowsIsLoggedAndTheConnectionContinues) {
   const Peer peer = server.accept();
   device.onCall = [](const std::string& call) {
     if (call == "hostId") {
@@ -364,7 +364,7 @@ TEST_F(ServeTest, TaskThatThrowsIsLoggedAndTheConnectionGoesOn) {
   EXPECT_EQ(peer.received(), reply(""));
 }
 
-TEST_F(ServeTest, StopsTheServerWhenTheHandlerAsksForIt) {
+TEST_F(ServeTest, StopsTheServerWhenTheHandlerRequestsIt) {
   ServerBase::s_run = true;
   const Peer peer = server.accept();
   Scripted& handler = scripted(peer);
@@ -378,7 +378,7 @@ TEST_F(ServeTest, StopsTheServerWhenTheHandlerAsksForIt) {
               ElementsAre(line(LOG_DEBUG, "handle_data_read: stopping server by request")));
 }
 
-TEST_F(ServeTest, StopsAfterTheAnswersThatWereStillToBeGiven) {
+TEST_F(ServeTest, StopsAfterThePendingAnswers) {
   ServerBase::s_run = true;
   const Peer peer = server.accept();
   server.read(peer, request({"restart"}) + kExists);
@@ -386,7 +386,7 @@ TEST_F(ServeTest, StopsAfterTheAnswersThatWereStillToBeGiven) {
   EXPECT_EQ(peer.received(), reply(""));
 }
 
-TEST_F(ServeTest, StopAskedForBeforeAnExceptionIsHeardAtTheNextRead) {
+TEST_F(ServeTest, StopRequestedBeforeAnExceptionTakesEffectAtTheNextRead) {
   ServerBase::s_run = true;
   const Peer peer = server.accept();
   device.onCall = [](const std::string& call) {
@@ -397,14 +397,14 @@ TEST_F(ServeTest, StopAskedForBeforeAnExceptionIsHeardAtTheNextRead) {
   server.read(peer, request({"restart"}) + request({"hostid"}) + kExists);
   EXPECT_TRUE(ServerBase::s_run);
   EXPECT_EQ(peer.received(), "");
-  server.handle_loop();  // runs what the exception left behind, and does not ask
+  server.handle_loop();  // runs the remaining requests, and does not check for a stop
   EXPECT_EQ(peer.received(), reply(""));
   EXPECT_TRUE(ServerBase::s_run);
   server.read(peer, " ");
   EXPECT_FALSE(ServerBase::s_run);
 }
 
-TEST_F(ServeTest, StopAskedForInTheLoopIsHeardAtTheNextRead) {
+TEST_F(ServeTest, StopRequestedInTheLoopTakesEffectAtTheNextRead) {
   ServerBase::s_run = true;
   const Peer peer = server.accept();
   device.onCall = [](const std::string& call) {
@@ -422,7 +422,7 @@ TEST_F(ServeTest, StopAskedForInTheLoopIsHeardAtTheNextRead) {
 
 class LoopTest : public ServeTest {
  protected:
-  // What the last of a hundred calls says: the traces count from the start of the program.
+  // The log of the last of a hundred calls: the traces count from the start of the program.
   std::vector<LogEntry> tracedPass() {
     std::vector<LogEntry> traced;
     for (int pass = 0; pass < 100; ++pass) {
@@ -473,7 +473,7 @@ TEST_F(LoopTest, AsksEveryHandlerAndDrivesThoseWithInputInAscendingOrder) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(LoopTest, DoesNotAskAboutStopping) {
+TEST_F(LoopTest, DoesNotCheckForAStop) {
   ServerBase::s_run = true;
   const Peer peer = server.accept();
   Scripted& handler = scripted(peer);
@@ -498,7 +498,7 @@ TEST_F(LoopTest, SkipsTheEntryOfAReplacedAgent) {
   EXPECT_FALSE(peer.ended());
 }
 
-TEST_F(LoopTest, RunsRequestsThatAnExceptionLeftBehind) {
+TEST_F(LoopTest, RunsTheRequestsAfterAnException) {
   const Peer peer = server.accept();
   device.onCall = [](const std::string& call) {
     if (call == "hostId") {
@@ -511,7 +511,7 @@ TEST_F(LoopTest, RunsRequestsThatAnExceptionLeftBehind) {
   EXPECT_EQ(peer.received(), reply(""));
 }
 
-TEST_F(LoopTest, SaysWhenItDrivesAHandlerFromTwoOn) {
+TEST_F(LoopTest, LogsWhenItDrivesAHandlerFromTwoOn) {
   for (const int level : {0, 1, 2, 3}) {
     TestRunel other("192.0.2.1", false, level);
     const Peer peer = other.accept();

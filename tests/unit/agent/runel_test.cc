@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Construction, the start, the end, and the wait for a port that somebody else holds.
+// Construction, the start, the end, and the wait for a port that another process holds.
 #include "agent/runel.h"
 
 #include <cerrno>
@@ -74,13 +74,13 @@ TEST_F(RunelTest, IsConstructedForItsPortAndItsMaster) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-// The place of a member in its object.
+// The position of a member in its object.
 struct Place {
   const char* begin;
   std::size_t size;
   std::size_t alignment;
 
-  // Where a member begins that follows this one at once.
+  // The position of a next member that follows without a gap.
   [[nodiscard]] const char* next(std::size_t alignmentOfNext) const {
     const auto end = reinterpret_cast<std::uintptr_t>(begin) + size;
     return begin + size + (alignmentOfNext - end % alignmentOfNext) % alignmentOfNext;
@@ -105,7 +105,7 @@ TEST_F(RunelTest, HasItsMembersInTheirOrderWithoutAGap) {
   }
 }
 
-TEST_F(RunelTest, KeepsWhatItIsConstructedWith) {
+TEST_F(RunelTest, KeepsItsConstructorArguments) {
   const TestRunel server("192.0.2.1", true, 2);
   EXPECT_EQ(server.address_, "192.0.2.1");
   EXPECT_EQ(server.spare_, -1);
@@ -114,7 +114,7 @@ TEST_F(RunelTest, KeepsWhatItIsConstructedWith) {
   EXPECT_EQ(server.retries_, 0);
 }
 
-TEST_F(RunelTest, BeginsWithoutHandlersAndRoles) {
+TEST_F(RunelTest, StartsWithoutHandlersAndRoles) {
   const TestRunel server("192.0.2.1", false, 0);
   EXPECT_TRUE(server.handlers_.empty());
   EXPECT_EQ(server.slave_, nullptr);
@@ -154,7 +154,7 @@ TEST_F(RunelTest, InstallsTheSignalHandlersAtTheStart) {
   EXPECT_EQ(handlerOfSignal(SIGPIPE), SIG_IGN);
 }
 
-TEST_F(RunelTest, HasNothingToSayAboutATimeout) {
+TEST_F(RunelTest, LogsNothingAboutATimeout) {
   TestRunel server("192.0.2.1", false, 9);
   server.handle_timeout();
   EXPECT_THAT(log.entries(), IsEmpty());
@@ -168,7 +168,7 @@ TEST_F(RunelTest, ForegroundRunEndsWithZeroAndTriesToStop) {
   EXPECT_THAT(system.calls, IsEmpty());
 }
 
-TEST_F(RunelTest, ParentOfTheDaemonEndsWithZeroAndLeavesTheDaemonAlone) {
+TEST_F(RunelTest, ParentOfTheDaemonEndsWithZeroWithoutASignal) {
   system.forkResult = 4242;
   TestRunel server("127.0.0.1", true, 0);
   EXPECT_EQ(server.run(), 0);
@@ -177,7 +177,7 @@ TEST_F(RunelTest, ParentOfTheDaemonEndsWithZeroAndLeavesTheDaemonAlone) {
   EXPECT_THAT(log.entries(), ElementsAre(line(LOG_NOTICE, "daemon backgrounded")));
 }
 
-TEST_F(RunelTest, SecondDaemonEndsWithZeroAndLeavesTheFirstAlone) {
+TEST_F(RunelTest, SecondDaemonEndsWithZeroWithoutASignal) {
   writePidFile("4242\n");
   system.living = {4242};
   TestRunel server("127.0.0.1", true, 0);
@@ -186,7 +186,7 @@ TEST_F(RunelTest, SecondDaemonEndsWithZeroAndLeavesTheFirstAlone) {
   EXPECT_THAT(system.calls, ElementsAre("kill 4242 0"));
 }
 
-TEST_F(RunelTest, DaemonEndsWithZeroRemovesThePidFileAndSignalsWhoeverItNames) {
+TEST_F(RunelTest, DaemonEndsWithZeroRemovesThePidFileAndSignalsItsProcess) {
   writePidFile("4242\n");  // as the parent would write it
   TestRunel server("127.0.0.1", true, 0);
   EXPECT_EQ(runOnce(server), 0);
@@ -216,7 +216,7 @@ TEST_F(RunelTest, DeletesItsHandlersInAscendingOrderOfTheirSockets) {
     for (const int socket : {900, 7, 40}) {
       server.handlers_[socket] = std::make_unique<Last>(socket, &order);
     }
-    server.handlers_[30] = nullptr;  // a replaced agent's
+    server.handlers_[30] = nullptr;  // of a replaced agent
   }
   EXPECT_THAT(order, ElementsAre(7, 40, 900));
 }
@@ -249,7 +249,7 @@ TEST_F(ListenFailureTest, FirstShowsTheProcessesAndEndsTheTftpServer) {
 }
 
 TEST_F(ListenFailureTest, LogsTheUnfinishedLastLineOfTheListOnce) {
-  system.popenOutput = "1 init\n2 sh";  // its reading meets the end
+  system.popenOutput = "1 init\n2 sh";  // reading it meets the end of file
   (void)server.handle_listen_failure(5111);
   EXPECT_THAT(log.texts(LOG_DEBUG), ElementsAre("(PID) 1 init\n", "(PID) 2 sh"));
 }
@@ -274,7 +274,7 @@ TEST_F(ListenFailureTest, LogsNoListWhenTheToolCannotBeRun) {
                                         "pclose null", "system /usr/bin/killall -TERM atftpd"));
 }
 
-TEST_F(ListenFailureTest, LogsAKillallThatCouldNotBeRun) {
+TEST_F(ListenFailureTest, LogsAKillallThatCannotBeRun) {
   system.systemResult = -1;
   system.systemErrno = ENOMEM;
   EXPECT_TRUE(server.handle_listen_failure(5111));
@@ -282,7 +282,7 @@ TEST_F(ListenFailureTest, LogsAKillallThatCouldNotBeRun) {
             line(LOG_WARNING, "killall failed, (12, Cannot allocate memory)"));
 }
 
-TEST_F(ListenFailureTest, LogsNothingAboutAKillallThatFoundNobody) {
+TEST_F(ListenFailureTest, LogsNothingAboutAKillallThatFoundNoProcess) {
   system.systemResult = 256;
   EXPECT_TRUE(server.handle_listen_failure(5111));
   EXPECT_EQ(log.countContaining("killall failed"), 0);
@@ -298,7 +298,7 @@ TEST_F(ListenFailureTest, LaterOnesOnlyWait) {
   EXPECT_THAT(system.calls, ElementsAre("sleep 2"));
 }
 
-TEST_F(ListenFailureTest, AnotherPortsFirstOneOnlyWaits) {
+TEST_F(ListenFailureTest, FirstOneOfAnotherPortOnlyWaits) {
   EXPECT_TRUE(server.handle_listen_failure(80));
   EXPECT_EQ(log.count("(PID) failed to listen on the only port (80), retrying"), 1);
   EXPECT_THAT(system.calls, ElementsAre("sleep 1"));
@@ -327,7 +327,7 @@ TEST_F(ListenFailureTest, WaitsASecondLongerEachTimeAndRebootsAtTheThirtyFifth) 
   EXPECT_THAT(last, ElementsAre("sleep 35", "sync", "sleep 3", "reboot 0x1234567"));
 }
 
-TEST_F(ListenFailureTest, EndsTheServerAlsoWhenTheRebootFails) {
+TEST_F(ListenFailureTest, EndsTheServerWhenTheRebootFails) {
   system.rebootResult = -1;
   system.rebootErrno = EPERM;
   for (int failure = 1; failure <= 34; ++failure) {
@@ -338,7 +338,7 @@ TEST_F(ListenFailureTest, EndsTheServerAlsoWhenTheRebootFails) {
   EXPECT_FALSE(ServerBase::s_run);
 }
 
-TEST_F(ListenFailureTest, WaitsItsFullTimeThoughSignalsEndTheSleep) {
+TEST_F(ListenFailureTest, WaitsItsFullTimeDespiteSignals) {
   const auto begun = system.now;
   (void)server.handle_listen_failure(5111);
   system.calls.clear();
@@ -351,7 +351,7 @@ TEST_F(ListenFailureTest, WaitsItsFullTimeThoughSignalsEndTheSleep) {
       << "what is left is rounded up";
 }
 
-TEST_F(ListenFailureTest, SeveralPortsAreTriedAgainAtOnceAndSilently) {
+TEST_F(ListenFailureTest, SeveralPortsAreRetriedImmediatelyAndSilently) {
   server.add_port(5113, false, true);
   for (int failure = 0; failure < 100; ++failure) {
     ASSERT_TRUE(server.handle_listen_failure(5111));
@@ -360,7 +360,7 @@ TEST_F(ListenFailureTest, SeveralPortsAreTriedAgainAtOnceAndSilently) {
   EXPECT_THAT(system.calls, IsEmpty());
 }
 
-TEST_F(ListenFailureTest, NoPortAtAllIsTriedAgainAtOnceToo) {
+TEST_F(ListenFailureTest, WithoutAPortItRetriesImmediately) {
   server.m_ports.clear();
   EXPECT_TRUE(server.handle_listen_failure(5111));
   EXPECT_THAT(system.calls, IsEmpty());

@@ -21,7 +21,7 @@ constexpr int kUnknownSocket = 900;
 
 const std::string kHostId = request({"hostid"});
 
-// What anybody may send; a byte-count connection gets parts of frames besides.
+// Packets of any peer; a byte-count connection also gets parts of frames.
 const std::vector<std::string>& packets() {
   static const std::vector<std::string> kAll = {
       "<a/>\r\n",
@@ -45,7 +45,7 @@ const std::vector<std::string>& packets() {
   return kAll;
 }
 
-// The model knows only the usual frames.
+// The model knows only these frames.
 bool beginsFrame(const std::string& text) {
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   return first != std::string::npos && text[first] == '\x01';
@@ -157,7 +157,7 @@ void Walk::accept() {
   peers_.emplace(peer.socket(), std::move(peer));
 }
 
-// The master takes some of the connections that are wanted.
+// The master accepts some of the wanted connections.
 void Walk::connect() {
   for (std::size_t count = 1 + below(3); count > 0; --count) {
     if (std::find(model_.hosts.begin(), model_.hosts.end(), -1) == model_.hosts.end()) {
@@ -195,7 +195,7 @@ bool Walk::isInFrame(int socket) const {
           found->second->frames.state == FrameModel::State::payload);
 }
 
-// A frame that has begun goes on as it must; what comes between frames may be anything.
+// A started frame continues correctly; between frames any bytes may follow.
 std::string Walk::packetFor(int socket) {
   const auto found = model_.handlers.find(socket);
   const bool tasks = found != model_.handlers.end() && found->second->kind == Kind::byteCount;
@@ -231,7 +231,7 @@ void Walk::loop() {
   model_.loop();
 }
 
-// Gives a socket that has no handler one of the test's own.
+// Gives a socket without a handler a scripted one.
 void Walk::script() {
   const int socket = anySocket();
   if (socket == kUnknownSocket || model_.handlers.count(socket) != 0) {
@@ -245,8 +245,8 @@ void Walk::script() {
   model_.serveWith(socket, script);
 }
 
-// Has the next "hostid" drop sockets, or throw. The end of a pass has no guard, so nothing throws
-// while requests wait for it.
+// Makes the next "hostid" drop sockets or throw. The end of a pass has no exception guard, so
+// nothing throws while requests wait for it.
 void Walk::armTask() {
   const bool waiting =
       std::any_of(model_.handlers.begin(), model_.handlers.end(),

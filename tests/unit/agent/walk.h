@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A sequence of events on an agent server. After each event the server is compared with the model
-// of its tables: which handlers serve which sockets, the roles, the hosts, who was sent what, who
-// was closed, what was logged.
+// A sequence of events on an agent server. After each event, compares the server with the model of
+// its tables: handlers by socket, roles, hosts, sent bytes, closed sockets and log lines.
 #ifndef TESTS_UNIT_AGENT_WALK_H_
 #define TESTS_UNIT_AGENT_WALK_H_
 
@@ -15,7 +14,7 @@
 
 namespace zell::test {
 
-/// Decides what happens next.
+/// Chooses the next event.
 class Choices {
  public:
   Choices() = default;
@@ -25,26 +24,25 @@ class Choices {
 
   /// A number below @p limit.
   virtual std::size_t below(std::size_t limit) = 0;
-  /// What somebody says, at least one byte; nothing for one of the usual packets.
+  /// The bytes of a packet; empty to choose one of the usual packets.
   virtual std::string text() { return ""; }
-  /// Whether there is to be another event.
+  /// Whether another event follows.
   virtual bool more() { return true; }
 };
 
-/// How many events each of the rarer constellations was there for: walks that never get into them
-/// would hold nothing.
+/// The number of events in each rare state: walks that never reach these states test too little.
 using Visits = std::map<std::string, long>;
 
 class Walk {
  public:
-  /// @p verbosity is the server's. The device is put into its initial state.
+  /// @p verbosity: that of the server. Resets the device.
   Walk(Choices& choices, int verbosity, LogCapture& log);
   ~Walk();
   Walk(const Walk&) = delete;
   Walk& operator=(const Walk&) = delete;
 
-  /// Goes on to the end, or to the first difference; then the test has failed, the events are
-  /// printed, and the answer is false.
+  /// Runs to the end or to the first difference, which fails the test, prints the events and
+  /// returns false.
   bool run(Visits& visits);
 
  private:
@@ -74,8 +72,8 @@ class Walk {
   LogCapture& log_;
   TestRunel server_;
   WalkModel model_;
-  std::map<int, Peer> peers_;        // by the server's socket
-  std::map<int, std::string> rest_;  // of a frame that has begun, by socket
+  std::map<int, Peer> peers_;        // by server socket
+  std::map<int, std::string> rest_;  // rest of a started frame, by socket
   std::vector<int> taskDrops_;
   bool taskThrows_ = false;
   std::string events_;

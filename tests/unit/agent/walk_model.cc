@@ -240,7 +240,7 @@ void WalkModel::reply(int socket, const std::string& text) {
   }
 }
 
-// What a relay logged, and what it sent to the other one.
+// The log lines of a relay, and the bytes that it sent to the other one.
 void WalkModel::settle(int socket, HandlerModel& handler) {
   log.insert(log.end(), handler.relay.log.begin(), handler.relay.log.end());
   handler.relay.log.clear();
@@ -344,7 +344,7 @@ bool WalkModel::dropSocket(int socket) {
 }
 
 void WalkModel::loop() {
-  static unsigned passes = 0;  // of all servers, as in the server
+  static unsigned passes = 0;  // shared by all servers, as in the server
   const bool trace = verbose > 1 && ++passes % 100 == 0;
   if (trace) {
     note(LOG_DEBUG, "handle_loop: testing");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent server's tables, its peers and its log must look like after each event: the rules
-// spelled out on plain values, without sockets and without handlers.
+// A reference model of the agent server: the expected tables, peers and log after each event, on
+// plain values, without sockets and handlers.
 #ifndef TESTS_UNIT_AGENT_WALK_MODEL_H_
 #define TESTS_UNIT_AGENT_WALK_MODEL_H_
 
@@ -19,14 +19,14 @@ namespace zell::test {
 /// The master's address.
 inline constexpr char kMaster[] = "192.0.2.1";
 
-/// What a test's own handler does when it is called: it drops sockets.
+/// The actions of a scripted handler: it drops sockets.
 struct Script {
   std::vector<int> onMessage;
   std::vector<int> onPending;
-  bool pending = false;  ///< the answer of inputPending
+  bool pending = false;  ///< the result of inputPending
 };
 
-/// The task connection's input, decoded by the book.
+/// A reference decoder for the input of a task connection.
 struct FrameModel {
   enum class State { marker, count, payload, bad };
   State state = State::marker;
@@ -35,7 +35,7 @@ struct FrameModel {
   std::deque<std::string> messages;
   bool stop = false;
 
-  /// Takes @p bytes; what is wrong with them, or nothing.
+  /// Decodes @p bytes. Returns the error, or an empty string.
   std::string accept(const std::string& bytes);
 };
 
@@ -69,14 +69,14 @@ class WalkModel {
   std::vector<int> hosts{-1};  ///< their sockets
   std::map<int, std::string> connections;
   bool run = true;
-  std::string alias;  ///< what the hosts file has for the master
+  std::string alias;  ///< the master's address in the hosts file
 
-  // What is seen of the event.
+  // The results of the event.
   std::vector<LogEntry> log;
   std::map<int, std::string> sent;  ///< by socket
   std::multiset<int> closed;
 
-  /// What the next "hostid" does before it answers.
+  /// The actions of the next "hostid" before it answers.
   std::vector<int> taskDrops;
   bool taskThrows = false;
 

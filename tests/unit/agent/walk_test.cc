@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Random walks of an agent server beside its model.
+// Compares random walks of an agent server with its model.
 //
-//   RUNELD_WALKS=100000   so many walks instead of 2,000
-//   RUNELD_WALK=17        only the one with this seed
+//   RUNELD_WALKS=100000   number of walks (default: 2,000)
+//   RUNELD_WALK=17        only the walk with this seed
 #include "unit/agent/walk.h"
 
 #include <cstdlib>

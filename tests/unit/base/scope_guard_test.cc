@@ -18,7 +18,7 @@ TEST(ScopeGuardTest, ActsOnceAtTheEndOfTheScope) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(ScopeGuardTest, ActsWhenAnExceptionPasses) {
+TEST(ScopeGuardTest, ActsDuringAnException) {
   int calls = 0;
   const auto throwing = [&calls] {
     const ScopeGuard guard([&calls] { ++calls; });
@@ -28,7 +28,7 @@ TEST(ScopeGuardTest, ActsWhenAnExceptionPasses) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(ScopeGuardTest, ActsAfterTheReturnValueIsMade) {
+TEST(ScopeGuardTest, ActsAfterTheReturnValueIsComputed) {
   std::string text = "kept";
   const auto returning = [&text] {
     const ScopeGuard guard([&text] { text.clear(); });

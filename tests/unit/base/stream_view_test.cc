@@ -15,7 +15,7 @@ TEST(StreamViewTest, OfAnEmptyStreamIsEmpty) {
   EXPECT_EQ(viewOf(in), "");
 }
 
-TEST(StreamViewTest, ShowsWhatWasWritten) {
+TEST(StreamViewTest, ShowsTheWrittenBytes) {
   std::ostringstream out;
   out << "number " << 42;
   EXPECT_EQ(viewOf(out), "number 42");
@@ -36,7 +36,7 @@ TEST(StreamViewTest, ShowsAllBytesOfALongStream) {
   EXPECT_EQ(viewOf(in), bytes);
 }
 
-TEST(StreamViewTest, ShowsTheWholeInputWhateverWasRead) {
+TEST(StreamViewTest, ShowsTheWholeInputAfterAnyRead) {
   std::istringstream in("one two");
   std::string word;
   in >> word;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The real calls behind the seam, as far as a world of their own can take them.
+// The real system calls, as far as an isolated world permits them.
 #include "base/system.h"
 
 #include <cerrno>
@@ -24,21 +24,21 @@ std::string lineOf(std::FILE* stream) {
   return line;
 }
 
-TEST(SystemTest, ReadsWhatAProgramWrites) {
+TEST(SystemTest, ReadsTheOutputOfAProgram) {
   std::FILE* stream = sys::popen("echo from the program", "r");
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(lineOf(stream), "from the program\n");
   EXPECT_EQ(sys::pclose(stream), 0);
 }
 
-TEST(SystemTest, KeepsAProgramsStreamFromOtherPrograms) {
+TEST(SystemTest, DoesNotPassAProgramsStreamToOtherPrograms) {
   std::FILE* stream = sys::popen("true", "r");
   ASSERT_NE(stream, nullptr);
   EXPECT_NE(fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_EQ(sys::pclose(stream), 0);
 }
 
-TEST(SystemTest, AnswersWithTheStatusOfAProgramsStream) {
+TEST(SystemTest, ReturnsTheStatusOfAProgramsStream) {
   std::FILE* stream = sys::popen("exit 3", "r");
   ASSERT_NE(stream, nullptr);
   const int status = sys::pclose(stream);
@@ -46,7 +46,7 @@ TEST(SystemTest, AnswersWithTheStatusOfAProgramsStream) {
   EXPECT_EQ(WEXITSTATUS(status), 3);
 }
 
-TEST(SystemTest, ClosesNoStreamWhereThereIsNone) {
+TEST(SystemTest, RefusesToCloseANullStream) {
   EXPECT_EQ(sys::pclose(nullptr), -1);
 }
 
@@ -76,7 +76,7 @@ TEST(SystemTest, EndsTheProcessWithTheStatusModulo256) {
   EXPECT_EXIT(sys::exit(-3), ::testing::ExitedWithCode(253), "");
 }
 
-TEST(SystemTest, SleepsUntilASignalComesAndTellsTheRest) {
+TEST(SystemTest, SleepsUntilASignalAndReturnsTheRest) {
   struct sigaction before {};
   struct sigaction action {};
   action.sa_handler = [](int) {};
@@ -108,7 +108,7 @@ TEST(SystemTest, NeverGoesBackInTime) {
   }
 }
 
-TEST(SystemTest, ShowsTheTimeOfTheMonotonicClock) {
+TEST(SystemTest, ReturnsTheTimeOfTheMonotonicClock) {
   const auto before = std::chrono::steady_clock::now().time_since_epoch();
   const std::chrono::nanoseconds now = sys::monotonicTime();
   const auto after = std::chrono::steady_clock::now().time_since_epoch();
@@ -116,7 +116,7 @@ TEST(SystemTest, ShowsTheTimeOfTheMonotonicClock) {
   EXPECT_LE(now, after);
 }
 
-TEST(SystemTest, ShowsATickThatIsOverAndLaterTheNext) {
+TEST(SystemTest, ReturnsAPastTickAndLaterTheNext) {
   const std::chrono::nanoseconds tick = sys::monotonicTickTime();
   EXPECT_LE(tick, sys::monotonicTime());
   const std::chrono::nanoseconds limit = sys::monotonicTime() + std::chrono::seconds(30);
@@ -125,8 +125,8 @@ TEST(SystemTest, ShowsATickThatIsOverAndLaterTheNext) {
   EXPECT_GT(sys::monotonicTickTime(), tick);
 }
 
-// A command that the kernel does not know: the answer shows that the call is the real one.
-TEST(SystemTest, TellsWhenARebootIsRefused) {
+// A command that the kernel refuses: the error shows that the call is real.
+TEST(SystemTest, ReportsARefusedReboot) {
   errno = 0;
   EXPECT_EQ(sys::reboot(0x1), -1);
   EXPECT_EQ(errno, EINVAL);

@@ -30,7 +30,7 @@ TEST(UniqueFdTest, OwnsNothingAtFirst) {
   EXPECT_EQ(none.get(), -1);
 }
 
-TEST(UniqueFdTest, ClosesWhatItOwnsAtItsEnd) {
+TEST(UniqueFdTest, ClosesItsDescriptorAtItsEnd) {
   const int fd = newDescriptor();
   {
     const UniqueFd owner(fd);
@@ -40,7 +40,7 @@ TEST(UniqueFdTest, ClosesWhatItOwnsAtItsEnd) {
   EXPECT_FALSE(isOpen(fd));
 }
 
-TEST(UniqueFdTest, GivesADescriptorAway) {
+TEST(UniqueFdTest, ReleasesADescriptor) {
   const int fd = newDescriptor();
   {
     UniqueFd owner(fd);
@@ -51,16 +51,16 @@ TEST(UniqueFdTest, GivesADescriptorAway) {
   (void)close(fd);
 }
 
-TEST(UniqueFdTest, MovesTheDescriptorWithItself) {
+TEST(UniqueFdTest, MovesTheDescriptor) {
   const int fd = newDescriptor();
   UniqueFd first(fd);
   const UniqueFd second(std::move(first));
-  EXPECT_EQ(first.get(), -1);  // NOLINT(bugprone-use-after-move): what is left is the point
+  EXPECT_EQ(first.get(), -1);  // NOLINT(bugprone-use-after-move): tests the moved-from state
   EXPECT_EQ(second.get(), fd);
   EXPECT_TRUE(isOpen(fd));
 }
 
-TEST(UniqueFdTest, ClosesTheOldOneWhenAnotherIsMovedIn) {
+TEST(UniqueFdTest, ClosesItsDescriptorBeforeAMoveAssignment) {
   const int old = newDescriptor();
   const int fresh = newDescriptor();
   UniqueFd owner(old);
@@ -79,7 +79,7 @@ TEST(UniqueFdTest, SurvivesBeingMovedIntoItself) {
   EXPECT_TRUE(isOpen(fd));
 }
 
-TEST(UniqueFdTest, ResetsToNothingOrToAnother) {
+TEST(UniqueFdTest, ResetsToNoneOrToAnother) {
   const int fd = newDescriptor();
   UniqueFd owner(fd);
   owner.reset();
@@ -90,7 +90,7 @@ TEST(UniqueFdTest, ResetsToNothingOrToAnother) {
   EXPECT_EQ(owner.get(), fresh);
 }
 
-TEST(UniqueFdTest, OwnsDescriptorZeroToo) {
+TEST(UniqueFdTest, OwnsDescriptorZero) {
   const UniqueFd saved(fcntl(0, F_DUPFD_CLOEXEC, 3));
   (void)close(0);
   {
@@ -102,11 +102,11 @@ TEST(UniqueFdTest, OwnsDescriptorZeroToo) {
   EXPECT_EQ(dup2(saved.get(), 0), 0);
 }
 
-TEST(UniqueFdTest, LeavesErrnoAloneWhenItCloses) {
+TEST(UniqueFdTest, PreservesErrnoWhenItCloses) {
   const int fd = newDescriptor();
   (void)close(fd);
   errno = ENOENT;
-  { const UniqueFd closedAlready(fd); }  // close answers EBADF
+  { const UniqueFd closedAlready(fd); }  // close fails with EBADF
   EXPECT_EQ(errno, ENOENT);
 }
 

@@ -34,7 +34,7 @@ using ::testing::IsEmpty;
 
 const std::string kExists = request({"fileexists", "/file"});
 
-// A device without a past; made before the handler is.
+// Resets the device before the handler is constructed.
 class CleanDevice {
  protected:
   CleanDevice() {
@@ -67,12 +67,12 @@ TEST_F(ByteCountSlaveTest, ServesItsSocketWithTheByteCountProtocol) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(ByteCountSlaveTest, HandsItsProxyToTheLedControllerOnce) {
+TEST_F(ByteCountSlaveTest, PassesItsProxyToTheLedControllerOnce) {
   EXPECT_THAT(device.calls, ElementsAre("initialize"));
   EXPECT_EQ(device.ledProxies.size(), 1U);
 }
 
-TEST_F(ByteCountSlaveTest, TakesTheLedsOverFromAnEarlierConnection) {
+TEST_F(ByteCountSlaveTest, TakesOverTheLedsFromAnEarlierConnection) {
   const SlaveProxy* const first = device.ledProxies.back();
   auto second = std::make_unique<ByteCountSlave>(sockets.near());
   ASSERT_EQ(device.ledProxies.size(), 2U);
@@ -81,7 +81,7 @@ TEST_F(ByteCountSlaveTest, TakesTheLedsOverFromAnEarlierConnection) {
   EXPECT_THAT(device.ledProxies, ElementsAre(first));
 }
 
-TEST_F(ByteCountSlaveTest, LetsNoAnswerWaitForAnAcknowledgement) {
+TEST_F(ByteCountSlaveTest, SendsAnswersWithoutDelay) {
   const SocketPair tcp = SocketPair::tcp();
   const ByteCountSlave connected(tcp.near());
   int set = 0;
@@ -107,14 +107,14 @@ TEST_F(ByteCountSlaveTest, LogsOneLineForAPacketThatCompletesNoMessage) {
   EXPECT_EQ(log.entries().size(), 1U);
 }
 
-TEST_F(ByteCountSlaveTest, ShowsThePacketAndNotWhatWasThereBefore) {
+TEST_F(ByteCountSlaveTest, LogsThePacketWithoutEarlierInput) {
   take(kExists.substr(0, 10));
   log.clear();
   take(kExists.substr(10, 4));
   EXPECT_THAT(log.entries(), ElementsAre(partial("ask ")));
 }
 
-TEST_F(ByteCountSlaveTest, LogsAnEmptyPacketWithNothingBuffered) {
+TEST_F(ByteCountSlaveTest, LogsAnEmptyPacketWithAnEmptyBuffer) {
   take("");
   EXPECT_THAT(log.entries(), ElementsAre(partial("")));
 }
@@ -135,7 +135,7 @@ TEST_F(ByteCountSlaveTest, ShowsFiftySevenBytesOfALongerPacket) {
   EXPECT_THAT(log.entries(), ElementsAre(partial(".999." + std::string(52, 'x') + "...")));
 }
 
-TEST_F(ByteCountSlaveTest, AnswersHoweverTheBytesWereCut) {
+TEST_F(ByteCountSlaveTest, AnswersForAnySplitOfTheBytes) {
   const std::string stream = request({"read", "/file"}) + kExists;
   const std::string answers = reply("content") + reply("");
   for (std::size_t cut = 1; cut < stream.size(); ++cut) {
@@ -161,12 +161,12 @@ TEST_F(ByteCountSlaveTest, AnswersAllRequestsOfAPacketInTheirOrder) {
   EXPECT_THAT(FakeProxy::newest().calls, ElementsAre("readFile /file", "hostId", "readFile /none"));
 }
 
-TEST_F(ByteCountSlaveTest, SkipsTheBlanksThatAFirstPacketBeginsWith) {
+TEST_F(ByteCountSlaveTest, SkipsLeadingBlanksOfAFirstPacket) {
   take(" \t\r\n" + kExists + "\r\n" + kExists);
   EXPECT_EQ(sockets.received(), reply("") + reply(""));
 }
 
-TEST_F(ByteCountSlaveTest, LeavesAnExceptionToItsCallerAndKeepsTheRequestsBehind) {
+TEST_F(ByteCountSlaveTest, PassesAnExceptionToItsCallerAndKeepsLaterRequests) {
   device.onCall = [](const std::string& call) {
     if (call == "hostId") {
       throw std::runtime_error("no host");
@@ -182,7 +182,7 @@ TEST_F(ByteCountSlaveTest, LeavesAnExceptionToItsCallerAndKeepsTheRequestsBehind
               ElementsAre("hostId", "fileExists /file", "fileExists /file"));
 }
 
-TEST_F(ByteCountSlaveTest, DropsAMessageThatIsNoTaskAndGoesOn) {
+TEST_F(ByteCountSlaveTest, DropsAMessageThatIsNotATaskAndContinues) {
   take(frame("hello") + kExists);
   EXPECT_EQ(sockets.received(), reply(""));
   EXPECT_THAT(log.entries(),
@@ -196,7 +196,7 @@ TEST_F(ByteCountSlaveTest, DropsAnEmptyMessage) {
               ElementsAre(LogEntry{LOG_ERR, "(PID) handleMessage: unexpected task ''"}));
 }
 
-TEST_F(ByteCountSlaveTest, DropsATaskNameWithoutTheBlankBehindIt) {
+TEST_F(ByteCountSlaveTest, DropsATaskNameWithoutATrailingBlank) {
   take(frame("SlaveTask") + frame("slaveTask 0") + frame("SlaveTasks 0"));
   EXPECT_EQ(sockets.received(), "");
   EXPECT_THAT(log.texts(LOG_ERR),
@@ -243,7 +243,7 @@ TEST_F(ByteCountSlaveTest, StopsAtABadFrameAfterAnsweringTheMessagesBeforeIt) {
               ElementsAre(partial(".48.SlaveTask 2 10:fileexists 5:/file 0 0: 0 0 0 0 0")));
 }
 
-TEST_F(ByteCountSlaveTest, AsksForAStopAfterRestartAndStillAnswersWhatFollows) {
+TEST_F(ByteCountSlaveTest, RequestsAStopAfterRestartAndAnswersLaterRequests) {
   take(request({"restart"}) + kExists);
   EXPECT_TRUE(slave.stopRequested());
   EXPECT_EQ(sockets.received(), reply(""));
@@ -252,7 +252,7 @@ TEST_F(ByteCountSlaveTest, AsksForAStopAfterRestartAndStillAnswersWhatFollows) {
   EXPECT_TRUE(slave.stopRequested());
 }
 
-TEST_F(ByteCountSlaveTest, RunsTheRequestsOfAPeerThatIsGone) {
+TEST_F(ByteCountSlaveTest, RunsTheRequestsOfADisconnectedPeer) {
   sockets.closeFar();
   take(kExists + request({"write", "/new", "data"}));
   EXPECT_EQ(device.files["/new"], "data");
@@ -261,7 +261,7 @@ TEST_F(ByteCountSlaveTest, RunsTheRequestsOfAPeerThatIsGone) {
       2);
 }
 
-TEST_F(ByteCountSlaveTest, SendsExactlyWhatTheReplyIs) {
+TEST_F(ByteCountSlaveTest, SendsExactlyTheReply) {
   const std::string bytes("\0\x01\x02\xff:", 5);
   device.files["/bytes"] = bytes;
   take(request({"read", "/bytes"}));

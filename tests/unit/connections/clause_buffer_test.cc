@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where clauses end, and what finding out costs.
+// Where clauses end, and the cost of the search.
 #include "connections/clause_buffer.h"
 
 #include <string>
@@ -21,7 +21,7 @@ std::string contentsOf(const ClauseBuffer& buffer) {
   return buffer.first(buffer.size());
 }
 
-// All that can be cut from @p bytes, in order, and what stays.
+// All clauses of @p bytes, in order, and the rest.
 std::pair<std::vector<std::string>, std::string> cutAll(const std::string& bytes) {
   ClauseBuffer buffer;
   buffer.append(bytes);
@@ -42,7 +42,7 @@ Next outcomeOf(const std::string& bytes) {
 
 using Cuts = std::pair<std::vector<std::string>, std::string>;
 
-TEST(ClauseBufferTest, CutsATagThatClosesItself) {
+TEST(ClauseBufferTest, CutsASelfClosingTag) {
   EXPECT_EQ(cutAll("<a/>"), Cuts({"<a/>"}, ""));
 }
 
@@ -54,7 +54,7 @@ TEST(ClauseBufferTest, CutsClausesInTheirOrder) {
   EXPECT_EQ(cutAll("<a/><b>y</b>\r\n<c/>"), Cuts({"<a/>", "<b>y</b>", "<c/>"}, ""));
 }
 
-TEST(ClauseBufferTest, LeavesTheBlanksBeforeATagThatClosesItself) {
+TEST(ClauseBufferTest, KeepsTheBlanksBeforeASelfClosingTag) {
   ClauseBuffer buffer;
   buffer.append("  <a/>");
   std::string clause;
@@ -62,7 +62,7 @@ TEST(ClauseBufferTest, LeavesTheBlanksBeforeATagThatClosesItself) {
   EXPECT_EQ(contentsOf(buffer), "  ");
 }
 
-TEST(ClauseBufferTest, TakesTheBlanksBeforeAnElementAway) {
+TEST(ClauseBufferTest, RemovesTheBlanksBeforeAnElement) {
   ClauseBuffer buffer;
   buffer.append("  <b></b>");
   std::string clause;
@@ -71,7 +71,7 @@ TEST(ClauseBufferTest, TakesTheBlanksBeforeAnElementAway) {
   EXPECT_TRUE(buffer.empty());
 }
 
-TEST(ClauseBufferTest, KeepsTheBlanksOfManyTagsInFrontOfWhatFollows) {
+TEST(ClauseBufferTest, KeepsTheBlanksOfManyTagsBeforeTheRest) {
   ClauseBuffer buffer;
   buffer.append(" <a/>\t<b/>\r\nx");
   std::string clause;
@@ -82,7 +82,7 @@ TEST(ClauseBufferTest, KeepsTheBlanksOfManyTagsInFrontOfWhatFollows) {
   EXPECT_EQ(buffer.position(), 4U);
 }
 
-TEST(ClauseBufferTest, AnElementTakesTheBlanksOfEarlierTagsAway) {
+TEST(ClauseBufferTest, AnElementRemovesTheBlanksOfEarlierTags) {
   EXPECT_EQ(cutAll(" <a/> <b></b>x"), Cuts({"<a/>", "<b></b>"}, "x"));
 }
 
@@ -97,14 +97,14 @@ TEST(ClauseBufferTest, DropsABufferOfBlanks) {
   EXPECT_EQ(cutAll(" \r\n\t "), Cuts({}, ""));
 }
 
-TEST(ClauseBufferTest, ASentinelAnywhereKeepsEarlierClausesBack) {
+TEST(ClauseBufferTest, ASentinelAnywhereBlocksEarlierClauses) {
   EXPECT_EQ(cutAll("<a/>\x01"), Cuts({}, "<a/>\x01"));
   EXPECT_EQ(cutAll("<a/><b>\x02</b>"), Cuts({}, "<a/><b>\x02</b>"));
   EXPECT_EQ(outcomeOf("\x02 junk"), Next::sentinel);
   EXPECT_EQ(outcomeOf("junk\x01"), Next::sentinel);
 }
 
-TEST(ClauseBufferTest, ASentinelStaysFoundWhateverComesAfterIt) {
+TEST(ClauseBufferTest, ASentinelStaysFoundForAnyLaterInput) {
   ClauseBuffer buffer;
   std::string clause;
   buffer.append("<a/>\x02");
@@ -115,7 +115,7 @@ TEST(ClauseBufferTest, ASentinelStaysFoundWhateverComesAfterIt) {
   EXPECT_EQ(contentsOf(buffer), "<a/>\x02<b/>");
 }
 
-TEST(ClauseBufferTest, ASentinelCountsOnlyOnceItHasCome) {
+TEST(ClauseBufferTest, ASentinelCountsOnlyOnceItHasArrived) {
   ClauseBuffer buffer;
   std::string clause;
   buffer.append("<a>");
@@ -165,7 +165,7 @@ TEST(ClauseBufferTest, ATagMayHaveNoName) {
   EXPECT_EQ(outcomeOf("<>/>"), Next::noClosing);
 }
 
-TEST(ClauseBufferTest, ALongerNameIsAnother) {
+TEST(ClauseBufferTest, ALongerNameDoesNotMatch) {
   EXPECT_EQ(cutAll("<a></ab></a>"), Cuts({"<a></ab></a>"}, ""));
   EXPECT_EQ(cutAll("<ab></a></b></ab>"), Cuts({"<ab></a></b></ab>"}, ""));
 }
@@ -205,7 +205,7 @@ TEST(ClauseBufferTest, FirstAndLastCountTheBlanksOfEarlierTags) {
   EXPECT_EQ(buffer.last(99), " \t\nxyz");
 }
 
-TEST(ClauseBufferTest, EndsWithLooksAtTheVeryEnd) {
+TEST(ClauseBufferTest, EndsWithComparesTheEnd) {
   ClauseBuffer buffer;
   EXPECT_FALSE(buffer.endsWith("yz"));
   buffer.append("xyz");
@@ -215,13 +215,13 @@ TEST(ClauseBufferTest, EndsWithLooksAtTheVeryEnd) {
   EXPECT_FALSE(buffer.endsWith("xy"));
 }
 
-TEST(ClauseBufferTest, ALargeClauseIsWholeAndSoIsWhatFollowsIt) {
+TEST(ClauseBufferTest, ALargeClauseAndTheNextOneAreWhole) {
   const std::string large = "<a>" + std::string(kMiB, 'x') + "</a>";
   EXPECT_EQ(cutAll(" <b/> " + large + "\r\n<c"), Cuts({"<b/>", large}, "\r\n<c"));
   EXPECT_EQ(cutAll(large + large + "<d/>"), Cuts({large, large, "<d/>"}, ""));
 }
 
-// Every buffer of up to seven bytes that such bytes can make, whole and byte by byte.
+// Every buffer of up to seven of these bytes, in one packet and byte by byte.
 class EveryShortBuffer : public testing::TestWithParam<bool> {
  protected:
   void compare(const std::string& bytes) {
@@ -243,7 +243,7 @@ class EveryShortBuffer : public testing::TestWithParam<bool> {
   }
 };
 
-TEST_P(EveryShortBuffer, IsCutAsTheRulesSay) {
+TEST_P(EveryShortBuffer, IsCutByTheRules) {
   const std::string alphabet = "<>/a ";
   constexpr std::size_t kLongest = 7;
   std::vector<std::string> all = {""};
@@ -260,7 +260,7 @@ TEST_P(EveryShortBuffer, IsCutAsTheRulesSay) {
 INSTANTIATE_TEST_SUITE_P(InOnePacket, EveryShortBuffer, testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(ByteByByte, EveryShortBuffer, testing::Values(true));
 
-// The work of taking in @p stream in packets of 4096 bytes, asking for clauses after each.
+// The work for @p stream in packets of 4096 bytes, with a search for clauses after each.
 std::uint64_t workFor(const std::string& stream) {
   ClauseBuffer buffer;
   std::string clause;
@@ -288,8 +288,8 @@ struct Stream {
 
 class ClauseBufferWork : public testing::TestWithParam<std::size_t> {
  protected:
-  // Streams of about the parameter's size that a search from the start, or a comparison at each
-  // '>', would make dear.
+  // Streams of about the parameter's size that would be expensive with a search from the start or a
+  // comparison at each '>'.
   static std::vector<Stream> streams() {
     const std::size_t size = GetParam();
     const std::string longName(size / 4, 'n');
@@ -321,7 +321,7 @@ TEST_P(ClauseBufferWork, GrowsWithTheBytesAndNotWithThePackets) {
   }
 }
 
-TEST_P(ClauseBufferWork, OfABacklogThatIsCutInOneSweepGrowsWithItsBytes) {
+TEST_P(ClauseBufferWork, OfABacklogGrowsWithItsBytes) {
   for (const Stream& stream : streams()) {
     ClauseBuffer buffer;
     buffer.append(stream.bytes);
@@ -332,7 +332,7 @@ TEST_P(ClauseBufferWork, OfABacklogThatIsCutInOneSweepGrowsWithItsBytes) {
   }
 }
 
-TEST_P(ClauseBufferWork, OfAskingABlockedBufferAgainIsNone) {
+TEST_P(ClauseBufferWork, DoesNotGrowForABlockedBuffer) {
   for (const Stream& stream : streams()) {
     ClauseBuffer buffer;
     buffer.append(stream.bytes);
@@ -347,7 +347,7 @@ TEST_P(ClauseBufferWork, OfAskingABlockedBufferAgainIsNone) {
   }
 }
 
-TEST_P(ClauseBufferWork, MemoryIsUsedAgainWhileSomethingAlwaysWaits) {
+TEST_P(ClauseBufferWork, MemoryIsReusedWhileTheBufferIsNeverEmpty) {
   ClauseBuffer buffer;
   std::string clause;
   buffer.append("<a>");
@@ -359,7 +359,7 @@ TEST_P(ClauseBufferWork, MemoryIsUsedAgainWhileSomethingAlwaysWaits) {
   EXPECT_LE(buffer.capacity(), 1024U);
 }
 
-TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterABacklog) {
+TEST_P(ClauseBufferWork, MemoryIsFreedAfterABacklog) {
   ClauseBuffer buffer;
   std::string clause;
   buffer.append(repeated("<a>x</a>", GetParam()) + "<a");
@@ -370,7 +370,7 @@ TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterABacklog) {
   EXPECT_EQ(contentsOf(buffer), "<a");
 }
 
-TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterManyBlanks) {
+TEST_P(ClauseBufferWork, MemoryIsFreedAfterManyBlanks) {
   ClauseBuffer buffer;
   std::string clause;
   buffer.append(std::string(GetParam(), ' ') + "<a/>");
@@ -380,7 +380,7 @@ TEST_P(ClauseBufferWork, MemoryIsGivenBackAfterManyBlanks) {
   EXPECT_LE(buffer.capacity(), 2 * ClauseBuffer::kKeptCapacity);
 }
 
-TEST(ClauseBufferTest, MemoryIsGivenBackWhenLittleIsLeftOfMuch) {
+TEST(ClauseBufferTest, MemoryIsFreedWhenLittleOfItIsInUse) {
   const std::string clause = "<a>" + std::string(ClauseBuffer::kKeptCapacity - 7, 'x') + "</a>";
   const std::string bytes = clause + clause + "<a";
   ClauseBuffer buffer;
@@ -395,14 +395,14 @@ TEST(ClauseBufferTest, MemoryIsGivenBackWhenLittleIsLeftOfMuch) {
   EXPECT_EQ(contentsOf(buffer), "<a");
 }
 
-// An element of so many bytes.
+// An element of @p size bytes.
 std::string elementOf(std::size_t size) {
   return "<a>" + std::string(size - 7, 'x') + "</a>";
 }
 
-// Cuts two elements of 105,000 bytes in all, each too short to take the storage over, off the front
-// of a buffer in which @p left bytes follow, and answers the storage that it then has.
-std::size_t storageWhenSoMuchIsLeft(std::size_t left) {
+// Cuts two elements of 105,000 bytes in total, each too short to take over the storage, from a
+// buffer in which @p left bytes follow. Returns the size of its storage afterwards.
+std::size_t storageWithRest(std::size_t left) {
   ClauseBuffer buffer;
   buffer.append(elementOf(55000) + elementOf(50000) + "<b>" + std::string(left - 3, 'x'));
   std::string clause;
@@ -413,14 +413,14 @@ std::size_t storageWhenSoMuchIsLeft(std::size_t left) {
 }
 
 TEST(ClauseBufferTest, StorageIsKeptWhileAQuarterOfItIsInUse) {
-  EXPECT_GE(storageWhenSoMuchIsLeft(35000), 140000U);
+  EXPECT_GE(storageWithRest(35000), 140000U);
 }
 
-TEST(ClauseBufferTest, StorageIsGivenBackWhenLessThanAQuarterOfItIsInUse) {
-  EXPECT_LE(storageWhenSoMuchIsLeft(34000), ClauseBuffer::kKeptCapacity);
+TEST(ClauseBufferTest, StorageIsFreedWhenLessThanAQuarterOfItIsInUse) {
+  EXPECT_LE(storageWithRest(34000), ClauseBuffer::kKeptCapacity);
 }
 
-// What ClauseBufferWork relies on: the work is the bytes that were looked at, compared, copied and
+// ClauseBufferWork relies on this: the work is the number of bytes searched, compared, copied and
 // moved.
 TEST(ClauseBufferTest, CountsEveryByteThatItTouches) {
   const auto workOf = [](const std::string& bytes) {
@@ -431,19 +431,19 @@ TEST(ClauseBufferTest, CountsEveryByteThatItTouches) {
     }
     return buffer.work();
   };
-  // Blanks, sentinels, the tag's end; then the closing tag's, its bytes, the copy, what is moved.
+  // Blanks, sentinels, end of the tag, end of the closing tag, its bytes, the copy, the moved rest.
   EXPECT_EQ(workOf("   "), 3U);
   EXPECT_EQ(workOf("x<a/>"), 5U);
   EXPECT_EQ(workOf("<a>x</a>"), 8U + 3 + 5 + 4 + 8);
   EXPECT_EQ(workOf("  <a/><b"), 2U + 8 + 6 + 4 + 2 + 2);
   constexpr std::size_t kKept = ClauseBuffer::kKeptCapacity;
-  // Both are copied; the storage is given back in the end, which moves the rest once more.
+  // Both are copied. Freeing the storage at the end moves the rest once more.
   EXPECT_EQ(workOf(elementOf(kKept) + elementOf(kKept) + "<a"),
             2 * kKept + 2 + 2 * (3 + (kKept - 3) + 4 + kKept) + 2 + 2 + 2);
-  // As much follows the first one as it has itself: it is copied, and the rest is moved.
+  // The rest is as long as the first element: the element is copied, and the rest is moved.
   EXPECT_EQ(workOf(elementOf(2 * kKept) + elementOf(2 * kKept)),
             4 * kKept + 2 * (3 + (2 * kKept - 3) + 4) + 2 * kKept + 2 * kKept);
-  // This one takes the storage over: what follows it is copied, and the blank before it goes.
+  // This element takes over the storage: the rest is copied, and the blank before it is removed.
   EXPECT_EQ(workOf(" " + elementOf(2 * kKept) + "tail"),
             1 + (2 * kKept + 5) + 4 + (2 * kKept - 3) + 4 + 4 + 2 * kKept);
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The prompt: what each command line does, and what the client sees of it.
+// The prompt: the effect and the output of each command line.
 #include "connections/plain_slave.h"
 
 #include <cerrno>
@@ -28,10 +28,10 @@ class PlainSlaveTest : public testing::Test {
  protected:
   PlainSlaveTest() {
     FakeDevice::instance().reset();
-    (void)std::signal(SIGPIPE, SIG_IGN);  // as the daemon has it
+    (void)std::signal(SIGPIPE, SIG_IGN);  // as in the daemon
   }
 
-  // What the client gets for @p line.
+  // The bytes that the client receives for @p line.
   std::string answerTo(std::string line) {
     slave.handleMessage(line);
     return sockets.received();
@@ -43,15 +43,15 @@ class PlainSlaveTest : public testing::Test {
     return std::string(host) + "$ ";
   }
 
-  // What the proxy and the LED controller were asked.
+  // The calls of the proxy and the LED controller.
   static std::vector<std::string>& calls() { return FakeDevice::instance().calls; }
 
-  // Makes the program @p line write @p output.
+  // Sets the output of the program @p line.
   static void program(const std::string& line, const std::string& output) {
     FakeDevice::instance().programs[line].output = output;
   }
 
-  // The line that says that @p text goes to the client.
+  // The log line about sending @p text to the client.
   [[nodiscard]] LogEntry writeLine(const std::string& text) const {
     return {LOG_DEBUG,
             "(PID) write: to socket_ = " + std::to_string(sockets.near()) + ", '" + text + "'"};
@@ -62,7 +62,7 @@ class PlainSlaveTest : public testing::Test {
   PlainSlave slave{sockets.near()};
 };
 
-TEST_F(PlainSlaveTest, IsAPromptHandlerThatNeverHoldsInputNorStopsTheServer) {
+TEST_F(PlainSlaveTest, IsAPromptHandlerThatNeverBuffersInputOrStopsTheServer) {
   EXPECT_EQ(slave.protocol(), 1);
   EXPECT_EQ(slave.socket(), sockets.near());
   EXPECT_FALSE(slave.inputPending());
@@ -70,7 +70,7 @@ TEST_F(PlainSlaveTest, IsAPromptHandlerThatNeverHoldsInputNorStopsTheServer) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(PlainSlaveTest, ABlankLineGetsAPromptAlone) {
+TEST_F(PlainSlaveTest, ABlankLineGetsOnlyAPrompt) {
   EXPECT_EQ(answerTo(""), prompt());
   EXPECT_EQ(answerTo("\r\n"), prompt());
   EXPECT_EQ(answerTo(" \t\x01\x7f \n"), prompt());
@@ -107,7 +107,7 @@ TEST_F(PlainSlaveTest, LogsAnErrorWithItsNewlineBeforeItIsSent) {
                           writeLine("error 1 version: invalid protocol version.")));
 }
 
-TEST_F(PlainSlaveTest, TerminateStopsWhatTheProxyRuns) {
+TEST_F(PlainSlaveTest, TerminateStopsTheProgramOfTheProxy) {
   EXPECT_EQ(answerTo("terminate"), prompt());
   EXPECT_THAT(calls(), ElementsAre("kill"));
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_DEBUG, "execute: terminate"}));
@@ -121,7 +121,7 @@ TEST_F(PlainSlaveTest, ExecStartsAProgramForThreeHundredSecondsAtMost) {
               ElementsAre(LogEntry{LOG_DEBUG, "(PID) exec: 'ls -l'"}, writeLine("a file")));
 }
 
-TEST_F(PlainSlaveTest, SaysThatAProgramCouldNotBeStarted) {
+TEST_F(PlainSlaveTest, ReportsThatAProgramCannotBeStarted) {
   FakeDevice::instance().failures["exec"] = ENOENT;
   EXPECT_EQ(answerTo("exec nothing"), "error 2 exec: start process failed\n" + prompt());
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre("(PID) error 2 exec: start process failed\n"));
@@ -166,7 +166,7 @@ TEST_F(PlainSlaveTest, SyscallSetsTheLeds) {
                           LogEntry{LOG_DEBUG, "(PID) syscall: setting leds to 'fast'"}));
 }
 
-TEST_F(PlainSlaveTest, SyscallHandsOnAStyleThatThereIsNot) {
+TEST_F(PlainSlaveTest, SyscallPassesAnUnknownStyle) {
   EXPECT_EQ(answerTo("syscall"), prompt());
   EXPECT_THAT(calls(), ElementsAre("blinkLeds unknown"));
   EXPECT_EQ(log.count("(PID) syscall: setting leds to ''"), 1);
@@ -179,7 +179,7 @@ TEST_F(PlainSlaveTest, QuitIsOnlyLogged) {
   EXPECT_FALSE(slave.stopRequested());
 }
 
-TEST_F(PlainSlaveTest, CodesWithoutAWordDoNothing) {
+TEST_F(PlainSlaveTest, CodesWithoutACommandWordDoNothing) {
   for (const int code : {0, 6, 8, -1}) {
     slave.execute(code, "arguments");
   }
@@ -199,7 +199,7 @@ TEST_F(PlainSlaveTest, EveryWordHasItsCode) {
   EXPECT_EQ(slave.commandCode(""), 0);
 }
 
-TEST_F(PlainSlaveTest, ParsingLeavesTheArguments) {
+TEST_F(PlainSlaveTest, ParsingReturnsTheArguments) {
   int code = -1;
   std::string line = "\t exec\x02  /bin/ls  -l \r\n";
   EXPECT_TRUE(slave.parseCommand(code, line));
@@ -207,7 +207,7 @@ TEST_F(PlainSlaveTest, ParsingLeavesTheArguments) {
   EXPECT_EQ(line, "/bin/ls  -l");
 }
 
-TEST_F(PlainSlaveTest, ParsingLeavesALineForTheShellWhole) {
+TEST_F(PlainSlaveTest, ParsingReturnsALineForTheShellUnchanged) {
   int code = -1;
   std::string line = " ls -l \n";
   EXPECT_TRUE(slave.parseCommand(code, line));
@@ -223,7 +223,7 @@ TEST_F(PlainSlaveTest, ParsingFindsNothingInABlankLine) {
   EXPECT_EQ(line, "");
 }
 
-TEST_F(PlainSlaveTest, CleansAndShortensThePacketInPlace) {
+TEST_F(PlainSlaveTest, CleansAndTruncatesThePacketInPlace) {
   std::string packet = "exec /bin/ls\r\n";
   slave.handleMessage(packet);
   EXPECT_EQ(packet, "/bin/ls");
@@ -246,7 +246,7 @@ TEST_F(PlainSlaveTest, SendsOutputLineByLine) {
   EXPECT_EQ(writes.calls()[3].bytes, "\n");
 }
 
-TEST_F(PlainSlaveTest, EmptyLinesAreLinesAndTheLastNewlineAddsNone) {
+TEST_F(PlainSlaveTest, EmptyLinesAreSentAndTheLastNewlineAddsNoLine) {
   program("lines", "\na\n\nb\n");
   EXPECT_EQ(answerTo("lines"), "\na\n\nb\n" + prompt());
   program("newline", "\n");
@@ -260,7 +260,7 @@ TEST_F(PlainSlaveTest, OutputIsSentAgainAfterACommandThatStartsNothing) {
   EXPECT_EQ(answerTo("quit"), "text\n" + prompt());
 }
 
-TEST_F(PlainSlaveTest, ShowsSixtyBytesOfWhatItWrites) {
+TEST_F(PlainSlaveTest, LogsSixtyBytesOfItsOutput) {
   const std::string sixty(60, 'x');
   program("long", sixty + "\n" + sixty + "y\n");
   (void)answerTo("long");
@@ -268,7 +268,7 @@ TEST_F(PlainSlaveTest, ShowsSixtyBytesOfWhatItWrites) {
               ElementsAre(testing::_, writeLine(sixty), writeLine(std::string(57, 'x') + "...")));
 }
 
-TEST_F(PlainSlaveTest, LogsANewlineThatCouldNotBeWrittenAndGoesOn) {
+TEST_F(PlainSlaveTest, LogsANewlineThatCannotBeWrittenAndContinues) {
   program("two", "a\nb\n");
   WriteCalls writes;
   writes.answer(1);
@@ -278,7 +278,7 @@ TEST_F(PlainSlaveTest, LogsANewlineThatCouldNotBeWrittenAndGoesOn) {
             1);
 }
 
-TEST_F(PlainSlaveTest, LogsEachPartOfThePromptThatCouldNotBeWritten) {
+TEST_F(PlainSlaveTest, LogsEachPartOfThePromptThatCannotBeWritten) {
   WriteCalls writes;
   writes.answer(-1, EPIPE);
   writes.answer(1, EINTR);
@@ -290,7 +290,7 @@ TEST_F(PlainSlaveTest, LogsEachPartOfThePromptThatCouldNotBeWritten) {
                                                   std::string(strerror(EINTR)) + ")"}));
 }
 
-TEST_F(PlainSlaveTest, WritesATextAsItIsAndReturnsTheResult) {
+TEST_F(PlainSlaveTest, WritesATextUnchangedAndReturnsTheResult) {
   WriteCalls writes;
   writes.answer(2);
   EXPECT_EQ(slave.write("text"), 2);
@@ -314,7 +314,7 @@ TEST_F(PlainSlaveTest, TriesAnySocketNumberThatIsNotNegative) {
               ElementsAre(LogEntry{LOG_DEBUG, "(PID) write: to socket_ = 65536, 'text'"}));
 }
 
-TEST_F(PlainSlaveTest, GoesOnWhenTheClientIsGone) {
+TEST_F(PlainSlaveTest, ContinuesWhenTheClientHasDisconnected) {
   program("two", "a\nb\n");
   sockets.closeFar();
   std::string line = "two";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Both ends of a relay on sockets of their own, not linked yet.
+// Both ends of a relay on separate sockets, not linked yet.
 #ifndef TESTS_UNIT_CONNECTIONS_RELAY_FIXTURE_H_
 #define TESTS_UNIT_CONNECTIONS_RELAY_FIXTURE_H_
 
@@ -19,17 +19,17 @@ class RelayFixture : public testing::Test {
  protected:
   RelayFixture() {
     FakeSystem::instance().reset();
-    (void)std::signal(SIGPIPE, SIG_IGN);  // as the daemon has it
+    (void)std::signal(SIGPIPE, SIG_IGN);  // as in the daemon
   }
 
-  /// Links the ends, as the server does it.
+  /// Links the ends like the server.
   void link() {
     bridge.setPeer(&agent);
     agent.setPeer(&bridge);
     log.clear();
   }
 
-  /// Hands @p packet to @p relay, as read from its socket; an empty one drives it.
+  /// Passes @p packet to @p relay, as read from its socket; an empty packet drives it.
   static void give(XmlSlave& relay, std::string packet) { relay.handleMessage(packet); }
 
   static std::string contentsOf(const XmlSlave& relay) {

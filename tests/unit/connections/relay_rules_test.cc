@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The relay does what its rules say, however its input is made up and cut into packets: compared
-// step by step with SlowRelay over random streams.
+// Compares the relay with SlowRelay, step by step, on random streams in random packets.
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -15,13 +14,13 @@
 namespace zell::test {
 namespace {
 
-// How many streams are tried; RUNELD_PROPERTY_CASES asks for more than the usual number.
+// The number of streams; RUNELD_PROPERTY_CASES overrides the default.
 unsigned long cases() {
   const char* const asked = std::getenv("RUNELD_PROPERTY_CASES");
   return asked == nullptr ? 10000 : std::strtoul(asked, nullptr, 10);
 }
 
-// One random stream and its way into the relay.
+// One random stream and its split into packets.
 class Script {
  public:
   explicit Script(unsigned seed) : random_(seed) {
@@ -47,8 +46,8 @@ class Script {
   }
 
  private:
-  // Pieces that fit together in many ways. Most streams are without those that block a relay for
-  // good, or else little would ever get through.
+  // Pieces of streams. Most streams exclude those that block a relay permanently, because otherwise
+  // little would pass.
   std::vector<std::string> choosePieces() {
     const std::string name(1 + below(50), 'n');
     std::vector<std::string> pieces = {
@@ -63,7 +62,7 @@ class Script {
     if (below(6) == 0) {
       pieces.insert(pieces.end(), {"\x01", "\x02"});
     }
-    // A few of them, so that they meet again.
+    // Only a few names, so that they recur.
     std::vector<std::string> some;
     for (std::size_t count = 1 + below(8); count > 0; --count) {
       some.push_back(pieces[below(pieces.size())]);
@@ -80,7 +79,7 @@ class Script {
 
 class RelayRulesTest : public RelayFixture {
  protected:
-  // One end of the relay and the rules it must follow.
+  // One end of the relay and its reference.
   struct Subject {
     explicit Subject(int socket) : relay(socket) {}
     XmlSlave relay;
@@ -140,7 +139,7 @@ class RelayRulesTest : public RelayFixture {
   }
 
   std::size_t relayed = 0;
-  std::map<std::string, unsigned long> lines;  // how often each kind was logged
+  std::map<std::string, unsigned long> lines;  // number of log lines of each kind
 };
 
 TEST_F(RelayRulesTest, HoldForRandomStreamsInRandomPackets) {
@@ -149,7 +148,7 @@ TEST_F(RelayRulesTest, HoldForRandomStreamsInRandomPackets) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     run(seed);
   }
-  // The streams are worth trying when much gets through and every rule has its turn.
+  // The streams are useful only if much passes and each rule applies.
   EXPECT_GE(relayed, 10 * count);
   EXPECT_EQ(lines.size(), 6U);
   for (const auto& [kind, times] : lines) {

@@ -67,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(Possible, SocketNumberTest, ::testing::Values(0, 1, 102
 
 class BogusSocketTest : public ::testing::TestWithParam<int> {};
 
-TEST_P(BogusSocketTest, LogsOneLineAndServesAllTheSame) {
+TEST_P(BogusSocketTest, LogsOneLineAndServesTheSocket) {
   const LogCapture log;
   const PlainConnection connection(GetParam(), RunelConnection::kPrompt);
   EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) RunelConnection: bogus socket_ " +
@@ -78,7 +78,7 @@ TEST_P(BogusSocketTest, LogsOneLineAndServesAllTheSame) {
 INSTANTIATE_TEST_SUITE_P(Impossible, BogusSocketTest,
                          ::testing::Values(65536, 65537, 2147483647, -1, -2, -2147483647 - 1));
 
-TEST(RunelConnectionTest, HasALocalProxyOfItsOwn) {
+TEST(RunelConnectionTest, HasASeparateLocalProxy) {
   const PlainConnection first(7, RunelConnection::kPrompt);
   const PlainConnection second(8, RunelConnection::kPrompt);
   EXPECT_NE(dynamic_cast<const SlaveProxyLocal*>(first.proxy()), nullptr);
@@ -86,7 +86,7 @@ TEST(RunelConnectionTest, HasALocalProxyOfItsOwn) {
   EXPECT_NE(first.proxy(), second.proxy());
 }
 
-TEST(RunelConnectionTest, TakesItsProxyAlongWhenDestroyedThroughTheBase) {
+TEST(RunelConnectionTest, DestroysItsProxyWhenDestroyedThroughTheBase) {
   struct Derived : RunelConnection {
     explicit Derived(bool* ended) : RunelConnection(7, kPrompt), ended_(ended) {}
     ~Derived() override { *ended_ = FakeProxy::living().size() == 1; }
@@ -100,7 +100,7 @@ TEST(RunelConnectionTest, TakesItsProxyAlongWhenDestroyedThroughTheBase) {
   EXPECT_EQ(FakeProxy::living().size(), 0U);
 }
 
-TEST(RunelConnectionTest, LogsThatInputPendingIsNotImplementedAndHasNone) {
+TEST(RunelConnectionTest, LogsThatInputPendingIsNotImplementedAndReturnsFalse) {
   const LogCapture log;
   RunelConnection connection(7, RunelConnection::kPrompt);
   EXPECT_FALSE(connection.inputPending());
@@ -109,7 +109,7 @@ TEST(RunelConnectionTest, LogsThatInputPendingIsNotImplementedAndHasNone) {
   EXPECT_THAT(log.entries(), ElementsAre(line, line));
 }
 
-TEST(RunelConnectionTest, LogsThatHandleMessageIsNotImplementedAndLeavesThePacket) {
+TEST(RunelConnectionTest, LogsThatHandleMessageIsNotImplementedAndKeepsThePacket) {
   const LogCapture log;
   RunelConnection connection(7, RunelConnection::kPrompt);
   std::string packet;
@@ -121,7 +121,7 @@ TEST(RunelConnectionTest, LogsThatHandleMessageIsNotImplementedAndLeavesThePacke
   EXPECT_THAT(log.entries(), ElementsAre(line, line));
 }
 
-TEST(RunelConnectionTest, NeverWantsTheServerToStopAndSaysNothing) {
+TEST(RunelConnectionTest, NeverRequestsAStopAndLogsNothing) {
   const LogCapture log;
   RunelConnection connection(7, RunelConnection::kPrompt);
   EXPECT_FALSE(connection.stopRequested());

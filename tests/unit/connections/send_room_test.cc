@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What SendRoom says about the send buffer, compared with the buffer.
+// Compares SendRoom with the free space in the send buffer.
 #include "connections/send_room.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace {
 // The parameter is the size of each write.
 class SendRoomTest : public testing::TestWithParam<std::size_t> {
  protected:
-  // Writes until there is no room left. No write may block. Returns the number of bytes.
+  // Writes until no room is left. No write may block. Returns the number of bytes.
   static std::size_t fill(SendRoom& room, int socket) {
     const std::string text(GetParam(), 'x');
     std::size_t all = 0;
@@ -30,14 +30,14 @@ class SendRoomTest : public testing::TestWithParam<std::size_t> {
   }
 };
 
-TEST_P(SendRoomTest, IsThereWhereItIsToldOf) {
+TEST_P(SendRoomTest, IsAvailableWhenReported) {
   SlowPeer slow(std::chrono::seconds(1));
   SendRoom room(slow.sockets().near());
   EXPECT_GT(fill(room, slow.sockets().near()), GetParam());
   EXPECT_TRUE(room.canEverTake(GetParam()));
 }
 
-TEST_P(SendRoomTest, ComesBackAsThePeerTakesSomething) {
+TEST_P(SendRoomTest, GrowsWhenThePeerReads) {
   SlowPeer slow(std::chrono::seconds(1));
   SendRoom room(slow.sockets().near());
   (void)fill(room, slow.sockets().near());
@@ -52,7 +52,7 @@ TEST_P(SendRoomTest, ComesBackAsThePeerTakesSomething) {
 INSTANTIATE_TEST_SUITE_P(Sizes, SendRoomTest,
                          testing::Values(6U, 206U, 1500U, 5000U, 20000U, 100000U));
 
-TEST(SendRoom, IsNeverThereForMoreThanTheBufferHolds) {
+TEST(SendRoom, IsNeverMoreThanTheBuffer) {
   const SlowPeer slow(std::chrono::seconds(1));
   SendRoom room(slow.sockets().near());
   EXPECT_FALSE(room.take(std::size_t{1} << 20));
@@ -60,7 +60,7 @@ TEST(SendRoom, IsNeverThereForMoreThanTheBufferHolds) {
   EXPECT_TRUE(room.take(1000));
 }
 
-TEST(SendRoom, IsEndlessWhereTheKernelDoesNotTell) {
+TEST(SendRoom, IsUnlimitedWhenTheKernelDoesNotReportIt) {
   const SocketPair local = SocketPair::local();
   for (const int socket : {local.near(), -1}) {
     SendRoom room(socket);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The relay: what it keeps, what it passes on, and what it says meanwhile.
+// The relay: buffering, relaying, and log lines.
 #include "connections/xml_slave.h"
 
 #include <string>
@@ -20,7 +20,7 @@ const std::string kPing = "<ping/>\r\n";
 
 class XmlSlaveTest : public RelayFixture {
  protected:
-  // The only line that driving @p relay with @p packet writes.
+  // The only log line of driving @p relay with @p packet.
   LogEntry lineOf(XmlSlave& relay, const std::string& packet) {
     log.clear();
     give(relay, packet);
@@ -34,7 +34,7 @@ TEST_F(XmlSlaveTest, IsAnXmlHandlerOfItsSocket) {
   EXPECT_EQ(agent.socket(), agentSockets.near());
 }
 
-TEST_F(XmlSlaveTest, PassesAClauseOnToThePeersSocketWithCrLf) {
+TEST_F(XmlSlaveTest, RelaysAClauseToThePeersSocketWithCrLf) {
   link();
   give(agent, "<a/>\r\n");
   EXPECT_EQ(masterSockets.received(), "<a/>\r\n");
@@ -48,7 +48,7 @@ TEST_F(XmlSlaveTest, ClearsTheLineEndAfterAClause) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(XmlSlaveTest, PassesOnInBothDirections) {
+TEST_F(XmlSlaveTest, RelaysInBothDirections) {
   link();
   give(agent, "<a/>");
   give(bridge, "<b/>");
@@ -65,13 +65,13 @@ TEST_F(XmlSlaveTest, HoldsAnOpenClauseUntilItsClosingTagArrives) {
   EXPECT_EQ(masterSockets.received(), "<a>x</a>\r\n");
 }
 
-TEST_F(XmlSlaveTest, PassesSeveralClausesOfAPacketOnInOrder) {
+TEST_F(XmlSlaveTest, RelaysSeveralClausesOfAPacketInOrder) {
   link();
   give(agent, "<a/><b>y</b>");
   EXPECT_EQ(masterSockets.received(), "<a/>\r\n<b>y</b>\r\n");
 }
 
-TEST_F(XmlSlaveTest, PassesContentOnByteForByte) {
+TEST_F(XmlSlaveTest, RelaysContentUnchanged) {
   link();
   const std::string clause = std::string("<a>\0\xff\r\n\x7f</a>", 12);
   give(agent, clause);
@@ -85,7 +85,7 @@ TEST_F(XmlSlaveTest, CutsOneClauseOnRequest) {
   EXPECT_EQ(contentsOf(agent), "  <b/>");
 }
 
-TEST_F(XmlSlaveTest, KeepsAllThatComesWithoutAPeer) {
+TEST_F(XmlSlaveTest, KeepsAllInputWithoutAPeer) {
   give(agent, "<a/>\r\n");
   give(agent, "<b/>");
   EXPECT_EQ(contentsOf(agent), "<a/>\r\n<b/>");
@@ -105,11 +105,11 @@ TEST_F(XmlSlaveTest, ShowsAPacketOfSixtyBytesWholeAndCutsALongerOne) {
             "(PID) handleMessage: no peer_ link, buffering '" + std::string(57, 'x') + "...'");
 }
 
-TEST_F(XmlSlaveTest, SaysThatThereIsNoPeerAlsoWhenDriven) {
+TEST_F(XmlSlaveTest, LogsThatThePeerIsMissingWhenDriven) {
   EXPECT_EQ(lineOf(agent, "").text, "(PID) handleMessage: no peer_ link, buffering ''");
 }
 
-TEST_F(XmlSlaveTest, LinkingPassesOnAtOnceWhatWasKept) {
+TEST_F(XmlSlaveTest, LinkingRelaysKeptInputImmediately) {
   give(agent, "<a/>\r\n<b>");
   agent.setPeer(&bridge);
   EXPECT_EQ(masterSockets.received(), "<a/>\r\n");
@@ -127,7 +127,7 @@ TEST_F(XmlSlaveTest, UnlinkingOnlyUnlinks) {
   EXPECT_EQ(masterSockets.received(), "");
 }
 
-TEST_F(XmlSlaveTest, InputIsPendingWithAPeerAndSomethingBuffered) {
+TEST_F(XmlSlaveTest, InputIsPendingWithAPeerAndBufferedBytes) {
   EXPECT_FALSE(agent.inputPending());
   give(agent, "<a>");
   EXPECT_FALSE(agent.inputPending());
@@ -137,7 +137,7 @@ TEST_F(XmlSlaveTest, InputIsPendingWithAPeerAndSomethingBuffered) {
   EXPECT_FALSE(agent.inputPending());
 }
 
-TEST_F(XmlSlaveTest, BlanksBeforeATagThatClosesItselfStayUntilOnlyBlanksAreLeft) {
+TEST_F(XmlSlaveTest, BlanksBeforeASelfClosingTagStayUntilOnlyBlanksAreLeft) {
   agent.appendPacket("  <a/>");
   EXPECT_TRUE(agent.nextXmlClause());
   EXPECT_EQ(contentsOf(agent), "  ");
@@ -145,7 +145,7 @@ TEST_F(XmlSlaveTest, BlanksBeforeATagThatClosesItselfStayUntilOnlyBlanksAreLeft)
   EXPECT_EQ(contentsOf(agent), "");
 }
 
-TEST_F(XmlSlaveTest, BlanksBeforeAnElementGoWithIt) {
+TEST_F(XmlSlaveTest, BlanksBeforeAnElementAreRemovedWithIt) {
   agent.appendPacket("  <b></b>");
   EXPECT_TRUE(agent.nextXmlClause());
   EXPECT_EQ(contentsOf(agent), "");
@@ -170,7 +170,7 @@ TEST_F(XmlSlaveTest, PingsCollapseWhileTheRelayIsBlocked) {
   EXPECT_EQ(contentsOf(agent), "<a>" + kPing);
 }
 
-TEST_F(XmlSlaveTest, PingsPassWhenNothingHoldsThemUp) {
+TEST_F(XmlSlaveTest, PingsPassWithoutWaitingInput) {
   link();
   give(agent, kPing);
   give(agent, kPing);
@@ -184,7 +184,7 @@ TEST_F(XmlSlaveTest, APingAfterOtherInputIsKept) {
   EXPECT_EQ(contentsOf(agent), kPing + "<a/>\r\n" + kPing);
 }
 
-TEST_F(XmlSlaveTest, APingIsDroppedBehindAPingThatCameInPieces) {
+TEST_F(XmlSlaveTest, APingIsDroppedAfterAPingInPieces) {
   give(agent, "<a/><ping");
   give(agent, "/>\r\n");
   give(agent, kPing);
@@ -215,7 +215,7 @@ TEST_F(XmlSlaveTest, APingIsKeptWhenSevenOrNineBytesWait) {
   EXPECT_EQ(contentsOf(bridge), "123456789" + kPing);
 }
 
-TEST_F(XmlSlaveTest, TheEightBytesMayBeBlanksThatEarlierTagsLeft) {
+TEST_F(XmlSlaveTest, TheEightBytesMayBeBlanksOfEarlierTags) {
   link();
   give(agent, "    <a/>  <b");
   EXPECT_EQ(contentsOf(agent), "      <b");
@@ -223,7 +223,7 @@ TEST_F(XmlSlaveTest, TheEightBytesMayBeBlanksThatEarlierTagsLeft) {
   EXPECT_EQ(contentsOf(agent), "      <b");
 }
 
-TEST_F(XmlSlaveTest, BytesThatAreNoTagBlockTheRelayForGood) {
+TEST_F(XmlSlaveTest, BytesThatAreNotATagBlockTheRelayPermanently) {
   link();
   const LogEntry warning{LOG_WARNING, "(PID) nextXmlClause: expecting '<' at 0, got 'hello<a/>'"};
   EXPECT_EQ(lineOf(agent, "hello<a/>"), warning);
@@ -234,7 +234,7 @@ TEST_F(XmlSlaveTest, BytesThatAreNoTagBlockTheRelayForGood) {
   EXPECT_TRUE(agent.inputPending());
 }
 
-TEST_F(XmlSlaveTest, TellsWhereBytesThatAreNoTagStand) {
+TEST_F(XmlSlaveTest, LogsThePositionOfBytesThatAreNotATag) {
   link();
   EXPECT_EQ(lineOf(agent, " <b/>\r\n\tx").text,
             "(PID) nextXmlClause: expecting '<' at 4, got ' ...x'");
@@ -276,13 +276,13 @@ TEST_F(XmlSlaveTest, ShowsBothEndsOfALongerOpenClause) {
                 forty.substr(1) + "y'");
 }
 
-TEST_F(XmlSlaveTest, ShowsTheBytesOfAnOpenClauseAsTheyAre) {
+TEST_F(XmlSlaveTest, ShowsTheBytesOfAnOpenClauseUnchanged) {
   link();
   EXPECT_EQ(lineOf(agent, "\t<a>\x7f\n").text,
             "(PID) nextXmlClause: closing not found, size = 6, buffer ='\t<a>\x7f\n...'");
 }
 
-TEST_F(XmlSlaveTest, AZeroByteEndsWhatIsShownOfAnOpenClause) {
+TEST_F(XmlSlaveTest, AZeroByteEndsTheLoggedPartOfAnOpenClause) {
   link();
   EXPECT_EQ(lineOf(agent, std::string("<a>\0x", 5)).text,
             "(PID) nextXmlClause: closing not found, size = 5, buffer ='<a>...'");
@@ -306,14 +306,14 @@ TEST_F(XmlSlaveTest, AFrameByteRequestsAStopAndIsKept) {
   EXPECT_EQ(contentsOf(agent), "<a>\x01</a>");
 }
 
-TEST_F(XmlSlaveTest, AFrameByteKeepsTheClausesBeforeItBack) {
+TEST_F(XmlSlaveTest, AFrameByteBlocksTheClausesBeforeIt) {
   link();
   give(agent, "<a/><b/>\x02");
   EXPECT_EQ(masterSockets.received(), "");
   EXPECT_TRUE(agent.stopRequested());
 }
 
-TEST_F(XmlSlaveTest, AFrameByteCountsAlsoBehindBytesThatBlock) {
+TEST_F(XmlSlaveTest, AFrameByteCountsAfterBlockingBytes) {
   link();
   give(agent, "junk");
   EXPECT_FALSE(agent.stopRequested());
@@ -330,7 +330,7 @@ TEST_F(XmlSlaveTest, TheStopRequestStaysAndTheErrorIsRepeated) {
   EXPECT_EQ(masterSockets.received(), "");
 }
 
-TEST_F(XmlSlaveTest, AFrameByteIsFoundOnlyOnceThereIsAPeer) {
+TEST_F(XmlSlaveTest, AFrameByteIsDetectedOnlyWithAPeer) {
   give(agent, "<a/>\x01");
   EXPECT_FALSE(agent.stopRequested());
   agent.setPeer(&bridge);
@@ -338,7 +338,7 @@ TEST_F(XmlSlaveTest, AFrameByteIsFoundOnlyOnceThereIsAPeer) {
   EXPECT_EQ(masterSockets.received(), "");
 }
 
-TEST_F(XmlSlaveTest, ALargeClauseIsNotKeptInMemory) {
+TEST_F(XmlSlaveTest, TheMemoryOfALargeClauseIsFreed) {
   link();
   const std::string clause = "<a>" + std::string(100000, 'x') + "</a>";
   give(agent, clause);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The relay's way out: one system call for each clause, whatever becomes of it.
+// The output of the relay: exactly one write per clause, for any result.
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -32,16 +32,16 @@ std::string errorText(const char* what, int socket, int error) {
 
 class XmlSlaveWriteTest : public RelayFixture {
  protected:
-  // More than a socket's buffers take.
+  // More than the buffers of a socket.
   static std::string huge() { return std::string(std::size_t{16} << 20, 'x'); }
 
-  // Makes a write to @p socket give up soon.
+  // Sets a short timeout for writes to @p socket.
   static void hurry(int socket) {
     const timeval soon{0, 20000};
     ASSERT_EQ(setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &soon, sizeof soon), 0);
   }
 
-  // Makes the clock go on by @p time from one reading to the next.
+  // Advances the clock by @p time with each reading.
   static void passBetweenReadings(std::chrono::nanoseconds time) {
     FakeSystem::instance().clock = [time] { return FakeSystem::instance().now += time; };
   }
@@ -53,8 +53,8 @@ class XmlSlaveWriteTest : public RelayFixture {
     }
   }
 
-  // Whether the handler's end of @p sockets was shut down, both ways: its peer, after what still
-  // waits there, and the server read the end.
+  // Whether the handler's end of @p sockets was shut down in both directions: its peer, after the
+  // buffered bytes, and the server read the end of file.
   static bool shutDown(const SocketPair& sockets) {
     (void)sockets.received();
     char byte = 0;
@@ -62,7 +62,7 @@ class XmlSlaveWriteTest : public RelayFixture {
   }
 };
 
-TEST_F(XmlSlaveWriteTest, ExtendsTheTextAndReturnsWhatWasWritten) {
+TEST_F(XmlSlaveWriteTest, AppendsCrLfAndReturnsTheNumberOfBytes) {
   std::string text = "<a/>";
   EXPECT_EQ(bridge.write(text), 6);
   EXPECT_EQ(text, "<a/>\r\n");
@@ -87,7 +87,7 @@ TEST_F(XmlSlaveWriteTest, LogsAnError) {
               ElementsAre(LogEntry{LOG_ERR, errorText("error", bridge.socket(), EIO)}));
 }
 
-TEST_F(XmlSlaveWriteTest, LogsAnEnd) {
+TEST_F(XmlSlaveWriteTest, LogsAWriteOfZeroBytes) {
   WriteCalls writes;
   writes.answer(0, EPIPE);
   std::string text = "<a/>";
@@ -96,7 +96,7 @@ TEST_F(XmlSlaveWriteTest, LogsAnEnd) {
               ElementsAre(LogEntry{LOG_ERR, errorText("error eof", bridge.socket(), EPIPE)}));
 }
 
-TEST_F(XmlSlaveWriteTest, LogsAShortWriteAndDoesNotGoOn) {
+TEST_F(XmlSlaveWriteTest, LogsAShortWriteAndDoesNotContinue) {
   WriteCalls writes;
   writes.answer(5, EINTR);
   std::string text = "<a/>";
@@ -107,7 +107,7 @@ TEST_F(XmlSlaveWriteTest, LogsAShortWriteAndDoesNotGoOn) {
   EXPECT_EQ(writes.calls().size(), 1U);
 }
 
-TEST_F(XmlSlaveWriteTest, GoesOnWithTheNextClauseAfterAFailure) {
+TEST_F(XmlSlaveWriteTest, ContinuesWithTheNextClauseAfterAFailure) {
   link();
   WriteCalls writes;
   writes.answer(-1, EIO);
@@ -116,7 +116,7 @@ TEST_F(XmlSlaveWriteTest, GoesOnWithTheNextClauseAfterAFailure) {
   EXPECT_EQ(contentsOf(agent), "");
 }
 
-TEST_F(XmlSlaveWriteTest, RefusesASocketNumberThatCannotBe) {
+TEST_F(XmlSlaveWriteTest, RefusesAnImpossibleSocketNumber) {
   for (const int socket : {-1, 65536, -2147483647 - 1}) {
     XmlSlave bogus(socket);
     log.clear();
@@ -173,7 +173,7 @@ TEST_F(XmlSlaveWriteTest, ShutsDownAfterAShortWriteOfThirtySeconds) {
   EXPECT_TRUE(shutDown(masterSockets));
 }
 
-TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAShortWriteOfLess) {
+TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAnEarlierShortWrite) {
   hurry(bridge.socket());
   passBetweenReadings(std::chrono::milliseconds(29999));
   std::string text = huge();
@@ -182,7 +182,7 @@ TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAShortWriteOfLess) {
   EXPECT_FALSE(shutDown(masterSockets));
 }
 
-TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAnotherErrorHoweverLate) {
+TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAnotherErrorAtAnyTime) {
   passBetweenReadings(std::chrono::minutes(1));
   WriteCalls writes;
   writes.answer(-1, EINTR);
@@ -191,14 +191,14 @@ TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterAnotherErrorHoweverLate) {
   EXPECT_FALSE(shutDown(masterSockets));
 }
 
-TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterACompleteWriteHoweverLate) {
+TEST_F(XmlSlaveWriteTest, DoesNotShutDownAfterACompleteWriteAtAnyTime) {
   passBetweenReadings(std::chrono::minutes(1));
   std::string text = "<a/>";
   EXPECT_EQ(bridge.write(text), 6);
   EXPECT_FALSE(shutDown(masterSockets));
 }
 
-TEST_F(XmlSlaveWriteTest, StopsTheLoopOnceForAPeerThatReadsNothing) {
+TEST_F(XmlSlaveWriteTest, BlocksTheLoopOnceForAPeerThatReadsNothing) {
   link();
   hurry(bridge.socket());
   fill();
@@ -231,7 +231,7 @@ class SlowRelayTest : public RelayFixture {
     log.clear();
   }
 
-  // Thousands of clauses fill the buffer, and each reads the clock. What the first ones send must
+  // Thousands of clauses fill the buffer, and each reads the clock. The data of the first ones must
   // be acknowledged before a later one waits.
   void useTimeOf(SlowPeer& slow) {
     FakeSystem::instance().clock = [&, readings = 0]() mutable {
@@ -274,7 +274,7 @@ class SlowRelayTest : public RelayFixture {
   SocketCalls calls;
 };
 
-TEST_F(SlowRelayTest, AClauseGoesOutAsSoonAsThereIsRoomForIt) {
+TEST_F(SlowRelayTest, AClauseIsSentAsSoonAsThereIsRoom) {
   SlowPeer slow(seconds(20));
   XmlSlave relay(slow.sockets().near());
   begin(slow);
@@ -306,7 +306,7 @@ TEST_F(SlowRelayTest, AllClausesArriveWholeAndInOrder) {
   EXPECT_TRUE(got.substr(got.find('<')) == expected);
 }
 
-TEST_F(SlowRelayTest, APeerThatTakesNothingIsGivenUpAfterThirtySeconds) {
+TEST_F(SlowRelayTest, APeerThatReadsNothingIsGivenUpAfterThirtySeconds) {
   SlowPeer slow(seconds(1));
   slow.stopAt(seconds(0));
   XmlSlave relay(slow.sockets().near());
@@ -324,7 +324,7 @@ TEST_F(SlowRelayTest, APeerThatTakesNothingIsGivenUpAfterThirtySeconds) {
   EXPECT_TRUE(shutDown(slow));
 }
 
-TEST_F(SlowRelayTest, ManyClausesForAPeerThatTakesNothingAreWaitedForOnce) {
+TEST_F(SlowRelayTest, ManyClausesForAPeerThatReadsNothingWaitOnce) {
   SlowPeer slow(seconds(1));
   slow.stopAt(seconds(0));
   XmlSlave relay(slow.sockets().near());
@@ -343,7 +343,7 @@ TEST_F(SlowRelayTest, WaitsAgainAfterATimeoutOnceThereWasRoom) {
   XmlSlave relay(slow.sockets().near());
   agent.setPeer(&relay);
   useTimeOf(slow);
-  giveUntilOneWaits();  // its write succeeds: the last packet has room
+  giveUntilOneWaits();  // its write succeeds: there is room for the last packet
   EXPECT_EQ(slow.now().count(), 30000);
   (void)slow.wait(0, 1000);
   giveUntilOneWaits();
@@ -351,7 +351,7 @@ TEST_F(SlowRelayTest, WaitsAgainAfterATimeoutOnceThereWasRoom) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(SlowRelayTest, AClauseForWhichThereIsNotEnoughRoomInTimeIsCut) {
+TEST_F(SlowRelayTest, AClauseWithoutEnoughRoomInTimeIsTruncated) {
   SlowPeer slow(seconds(9));
   XmlSlave relay(slow.sockets().near());
   begin(slow);
@@ -374,7 +374,7 @@ TEST_F(SlowRelayTest, AClauseOfMoreThanAThirdOfTheBufferWaitsForAllOfItsRoom) {
   EXPECT_LT(slow.now(), seconds(30));
 }
 
-TEST_F(SlowRelayTest, AClauseThatTheBufferCannotHoldIsNotWaitedFor) {
+TEST_F(SlowRelayTest, AClauseAboveTheBufferSizeDoesNotWait) {
   SlowPeer fast(seconds(0));
   XmlSlave relay(fast.sockets().near());
   std::string text(std::size_t{1} << 20, 'x');
@@ -387,7 +387,7 @@ TEST_F(SlowRelayTest, AClauseThatTheBufferCannotHoldIsNotWaitedFor) {
   EXPECT_THAT(calls.pollTimeouts, IsEmpty());
 }
 
-TEST_F(SlowRelayTest, APeerThatFreesAThirdOfTheBufferAtOnceIsWaitedForNoLonger) {
+TEST_F(SlowRelayTest, APeerThatFreesAThirdOfTheBufferAtOnceEndsTheWait) {
   SlowPeer slow(std::chrono::milliseconds(10));
   XmlSlave relay(slow.sockets().near());
   begin(slow);
@@ -396,7 +396,7 @@ TEST_F(SlowRelayTest, APeerThatFreesAThirdOfTheBufferAtOnceIsWaitedForNoLonger) 
   EXPECT_EQ(calls.pollTimeouts, std::vector<int>{1000});
 }
 
-TEST_F(SlowRelayTest, OneWriteFollowsTheWaitAndHasWhatIsLeftOfTheLimit) {
+TEST_F(SlowRelayTest, OneWriteFollowsTheWaitWithTheRestOfTheLimit) {
   SlowPeer slow(seconds(20));
   XmlSlave relay(slow.sockets().near());
   begin(slow);

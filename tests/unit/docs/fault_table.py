@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Checks that every test that docs/faults.md names is in the tree, and that no row lacks one.
+"""Checks that every test named in docs/faults.md exists, and that every row names one.
 
     python3 tests/unit/docs/fault_table.py [DOCUMENT]
 """

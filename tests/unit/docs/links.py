@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Checks that each relative link of each Markdown document leads to a file and a heading in it.
+"""Checks that the file and the heading of each relative link in the Markdown documents exist.
 
     python3 tests/unit/docs/links.py                     the documents of the tree
     python3 tests/unit/docs/links.py --installed BUILD   the documents that BUILD installs
-    python3 tests/unit/docs/links.py --in DIRECTORY      those below DIRECTORY
+    python3 tests/unit/docs/links.py --in DIRECTORY      the documents below DIRECTORY
 """
 import os
 import re
@@ -18,7 +18,7 @@ ABSOLUTE = re.compile(r"^[a-z][a-z0-9+.-]*:", re.IGNORECASE)
 
 
 def documents(top):
-    """The Markdown files below @p top, as paths from there. Of the tree, the tracked ones."""
+    """Relative paths of the Markdown files below @p top; in the tree, only tracked ones."""
     listed = subprocess.run(["git", "-c", "safe.directory=*", "-C", top, "ls-files", "-z", "*.md"],
                             capture_output=True, text=True, check=False) if top == ROOT else None
     if listed and listed.returncode == 0 and listed.stdout:
@@ -29,7 +29,7 @@ def documents(top):
 
 
 def prose(path):
-    """The text without code, on the same lines."""
+    """The text without code, with unchanged line numbers."""
     with open(path, encoding="utf-8") as file:
         text = file.read()
     text = re.sub(r"^```.*?^```$", lambda block: "\n" * block[0].count("\n"), text,
@@ -38,7 +38,7 @@ def prose(path):
 
 
 def anchors(path):
-    """The anchors of the headings, as the usual renderers name them."""
+    """The anchors of the headings, as common renderers generate them."""
     counts = {}
     for heading in re.findall(r"^#{1,6}\s+(.*?)\s*#*$", prose(path), re.MULTILINE):
         words = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", heading).lower()
@@ -49,7 +49,7 @@ def anchors(path):
 
 
 def problem(top, document, target):
-    """What is wrong with a link from @p document to @p target; None if nothing is."""
+    """The error in a link from @p document to @p target, or None."""
     path, _, anchor = target.partition("#")
     there = os.path.normpath(os.path.join(top, os.path.dirname(document), path)) if path else \
         os.path.join(top, document)
@@ -63,7 +63,7 @@ def problem(top, document, target):
 
 
 def without_code_spans(text):
-    """@p text with its code spans overwritten, so that all places stay the same."""
+    """@p text with its code spans overwritten, so that all positions stay the same."""
     return re.sub(r"(`+)(?!`)[^\n]*?(?<!`)\1(?!`)", lambda span: "x" * len(span[0]), text)
 
 
@@ -80,7 +80,7 @@ def dead_links(top):
 
 
 def installed(build, to):
-    """Installs the documents of @p build below @p to; answers the directory where they are."""
+    """Installs the documents of @p build below @p to. Returns their directory."""
     subprocess.run(["cmake", "--install", build, "--component", "documents"], check=True,
                    env={**os.environ, "DESTDIR": to}, stdout=subprocess.DEVNULL)
     found = [path for path, _, names in os.walk(to) if "README.md" in names]

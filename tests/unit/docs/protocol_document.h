@@ -12,14 +12,13 @@ namespace zell::test {
 /// The lines of one fenced block of the document.
 using Block = std::vector<std::string>;
 
-/// The blocks that are marked as @p kind, in their order.
+/// The blocks with the language @p kind, in order.
 std::vector<Block> blocksOf(const std::string& kind);
 
-/// The cells of each row of the table of the tasks, in its order.
+/// The cells of each row of the table of the tasks, in order.
 std::vector<std::vector<std::string>> taskRows();
 
-/// The bytes at the beginning of @p line, each two hex digits, and what stands behind them, which
-/// is two blanks or more away.
+/// The bytes at the start of @p line, two hex digits each, and the text after two or more blanks.
 std::pair<std::string, std::string> hexLine(const std::string& line);
 
 /// The bytes of the string literal between the first and the last quote of @p line.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What docs/protocol.md tells the people who write a master is what the daemon does.
+// Checks the examples and tables of docs/protocol.md against the daemon.
 #include <algorithm>
 #include <memory>
 #include <sstream>
@@ -40,7 +40,7 @@ std::string bytesOf(const Block& block) {
   return bytes;
 }
 
-// The record that @p text is, written again.
+// Parses the record @p text and serializes it again.
 std::string readAndWritten(const std::string& text) {
   SlaveTask task;
   task.parse(text);
@@ -62,7 +62,7 @@ TEST(ProtocolDocumentTest, EveryFrameIsOneMessage) {
   }
 }
 
-TEST(ProtocolDocumentTest, EveryFrameWithARecordHoldsASoundOne) {
+TEST(ProtocolDocumentTest, EveryRecordInAFrameIsValid) {
   int records = 0;
   for (const Block& block : blocksOf("frame")) {
     const std::string bytes = bytesOf(block);
@@ -75,7 +75,7 @@ TEST(ProtocolDocumentTest, EveryFrameWithARecordHoldsASoundOne) {
   EXPECT_GE(records, 6);
 }
 
-TEST(ProtocolDocumentTest, EveryBadFrameIsRefusedAtItsLastByteForTheReasonGiven) {
+TEST(ProtocolDocumentTest, EveryBadFrameIsRefusedAtItsLastByteForTheStatedReason) {
   const std::vector<Block> blocks = blocksOf("not-a-frame");
   ASSERT_EQ(blocks.size(), 1u);
   for (const std::string& line : blocks.front()) {
@@ -93,7 +93,7 @@ TEST(ProtocolDocumentTest, EveryBadFrameIsRefusedAtItsLastByteForTheReasonGiven)
   }
 }
 
-TEST(ProtocolDocumentTest, EveryRecordIsSound) {
+TEST(ProtocolDocumentTest, EveryRecordIsValid) {
   const std::vector<Block> blocks = blocksOf("record");
   ASSERT_EQ(blocks.size(), 1u);
   for (const std::string& line : blocks.front()) {
@@ -111,7 +111,7 @@ TEST(ProtocolDocumentTest, EveryBadRecordIsRefused) {
   }
 }
 
-// The clauses of what @p buffer holds, as they are sent on.
+// The clauses in @p buffer, in the form in which they are relayed.
 std::string relayed(ClauseBuffer& buffer) {
   std::string out;
   std::string clause;
@@ -141,14 +141,14 @@ TEST(ProtocolDocumentTest, EveryRelayExampleIsRelayedAsShown) {
   }
 }
 
-// How many arguments a task must have by its row: those in code marks, but for the ones in
+// The minimum number of arguments by the row of a task: those in code marks, except those in
 // brackets.
 int argumentsOf(const std::string& cell) {
   const std::string needed = cell.substr(0, cell.find('['));
   return static_cast<int>(std::count(needed.begin(), needed.end(), '`') / 2);
 }
 
-// The text of the reply to @p name with so many arguments; empty without a reply.
+// The text of the reply to @p name with @p count arguments; empty without a reply.
 std::string replyTo(ByteCountSlave& handler, const std::string& name, int arguments) {
   std::vector<std::string> args{name};
   args.insert(args.end(), static_cast<std::size_t>(arguments), "1");

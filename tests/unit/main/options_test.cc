@@ -24,7 +24,7 @@ constexpr char kUsage[] =
 class OptionsTest : public ::testing::Test {
  protected:
   Options scan(const std::vector<std::string>& args) { return scanOptions(args, out); }
-  // Holds for every command line that starts the daemon.
+  // Expectations for every command line that starts the daemon.
   void expectStart(const Options& options) {
     EXPECT_FALSE(options.exitStatus.has_value());
     EXPECT_EQ(out.str(), "");
@@ -50,7 +50,7 @@ TEST_F(OptionsTest, HelpPrintsTheUsageAndEndsWithZero) {
   expectEnd(scan({"-h"}), 0);
 }
 
-TEST_F(OptionsTest, LongHelpDoesTheSame) {
+TEST_F(OptionsTest, LongHelpPrintsTheUsageAndEndsWithZero) {
   expectEnd(scan({"--help"}), 0);
 }
 
@@ -62,11 +62,11 @@ TEST_F(OptionsTest, MissingAddressPrintsTheUsageAndEndsWithOne) {
   expectEnd(scan({"-n", "-i"}), 1);
 }
 
-TEST_F(OptionsTest, MissingLongAddressDoesTheSame) {
+TEST_F(OptionsTest, MissingLongAddressPrintsTheUsageAndEndsWithOne) {
   expectEnd(scan({"--ip-address"}), 1);
 }
 
-TEST_F(OptionsTest, AddressIsTakenAsItIs) {
+TEST_F(OptionsTest, AddressIsUsedUnchanged) {
   for (const char* option : {"-i", "--ip-address"}) {
     for (const char* address : {"10.0.0.1", "master.example", "", "-h", "-i"}) {
       const Options options = scan({option, address});

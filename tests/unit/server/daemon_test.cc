@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Into the background, the pid file, and stop().
+// The background start, the pid file, and stop().
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -41,7 +41,7 @@ class ServerDaemon : public ServerTest {
   static void writePidFile(const std::string& content) { std::ofstream(kPidFile) << content; }
   static bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-  /// Runs as a daemon, in the parent (@p child is above 0), the child (0) or with a fork that fails
+  /// Runs as a daemon: in the parent (@p child above 0), in the child (0), or with a failed fork
   /// (below 0).
   int runAs(pid_t child) {
     sys.forkResult = child;
@@ -60,7 +60,7 @@ TEST_F(ServerDaemon, WritesTheChildsNumberInTheParentAndReturnsOne) {
   EXPECT_THAT(lines(), ElementsAre("NOTICE (PID) daemon backgrounded"));
 }
 
-TEST_F(ServerDaemon, LeavesNoSecondFileBesideThePidFile) {
+TEST_F(ServerDaemon, LeavesNoTemporaryFileBesideThePidFile) {
   writePidFile("77\n");
   EXPECT_EQ(runAs(4321), 1);
   EXPECT_EQ(contentOf(kPidFile), "4321\n");
@@ -71,7 +71,7 @@ TEST_F(ServerDaemon, LeavesNoSecondFileBesideThePidFile) {
   EXPECT_EQ(beside, 1);
 }
 
-TEST_F(ServerDaemon, LeavesThePidFilesPermissionsToTheUmask) {
+TEST_F(ServerDaemon, CreatesThePidFileWithThePermissionsOfTheUmask) {
   for (const mode_t mask : {0022U, 0U}) {
     const mode_t before = umask(mask);
     EXPECT_EQ(runAs(4321), 1);
@@ -82,7 +82,7 @@ TEST_F(ServerDaemon, LeavesThePidFilesPermissionsToTheUmask) {
   }
 }
 
-// A reader that holds the old file open sees the old content to its end: the file was replaced.
+// A reader with the old file open sees the complete old content, because the file is replaced.
 TEST_F(ServerDaemon, ReplacesThePidFileAsAWhole) {
   writePidFile("77\n");
   std::ifstream old(kPidFile);
@@ -92,14 +92,14 @@ TEST_F(ServerDaemon, ReplacesThePidFileAsAWhole) {
   EXPECT_EQ(content, "77");
 }
 
-TEST_F(ServerDaemon, ReplacesWhatAnInterruptedStartLeftBehind) {
+TEST_F(ServerDaemon, ReplacesTheStaleFileOfAnInterruptedStart) {
   std::ofstream(kPidFile + ".new") << "half";
   EXPECT_EQ(runAs(4321), 1);
   EXPECT_EQ(contentOf(kPidFile), "4321\n");
   EXPECT_FALSE(exists(kPidFile + ".new"));
 }
 
-TEST_F(ServerDaemon, ReturnsOneAlsoWhenThePidFileCannotBeWritten) {
+TEST_F(ServerDaemon, ReturnsOneWhenThePidFileCannotBeWritten) {
   OpenServer server("no/such/directory");
   sys.forkResult = 4321;
   EXPECT_EQ(server.run(true), 1);
@@ -108,8 +108,8 @@ TEST_F(ServerDaemon, ReturnsOneAlsoWhenThePidFileCannotBeWritten) {
                                    "directory"));
 }
 
-// The file system is full, as far as this process goes: no file may grow.
-TEST_F(ServerDaemon, KeepsTheOldPidFileWhenTheNewOneCannotBeFilled) {
+// Simulates a full file system: this process may not extend files.
+TEST_F(ServerDaemon, KeepsTheOldPidFileWhenTheNewOneCannotBeWritten) {
   writePidFile("77\n");
   rlimit before{};
   getrlimit(RLIMIT_FSIZE, &before);
@@ -125,7 +125,7 @@ TEST_F(ServerDaemon, KeepsTheOldPidFileWhenTheNewOneCannotBeFilled) {
   EXPECT_EQ(lines().back(), "ERR (PID) unable to write pid file: File too large");
 }
 
-TEST_F(ServerDaemon, GoesOnInTheChildWithoutWritingThePidFile) {
+TEST_F(ServerDaemon, ContinuesInTheChildWithoutWritingThePidFile) {
   EXPECT_EQ(runAs(0), 0);
   EXPECT_FALSE(exists(kPidFile));
   EXPECT_EQ(server_.m_child_pid, 0);
@@ -152,7 +152,7 @@ TEST_F(ServerDaemon, ReturnsZeroWhenForkFails) {
   EXPECT_THAT(lines(), ElementsAre("ERR (PID) failed to fork"));
 }
 
-TEST_F(ServerDaemon, TellsNoSignalWhenForkFails) {
+TEST_F(ServerDaemon, LogsNoSignalWhenForkFails) {
   ServerBase::s_signal = SIGTERM;
   EXPECT_EQ(runAs(-1), 0);
   EXPECT_EQ(log.countContaining("exiting on signal"), 0);
@@ -192,8 +192,8 @@ TEST_F(ServerDaemon, ReadsTheFirstNumberOfThePidFile) {
   EXPECT_THAT(lines(), ElementsAre("ERR (4242) daemon is already running"));
 }
 
-// 0 and negative numbers name process groups; a group that can be signalled counts as a daemon.
-TEST_F(ServerDaemon, AsksForWhateverNumberStandsInThePidFile) {
+// 0 and negative numbers name process groups. A group that can be signalled counts as a daemon.
+TEST_F(ServerDaemon, ChecksAnyNumberInThePidFile) {
   sys.living = {0, -1};
   writePidFile("0\n");
   EXPECT_EQ(runAs(0), -1);
@@ -222,7 +222,7 @@ TEST_F(UnreadablePidFile, OfTextRefusesTheStart) {
   expectRefusal();
 }
 
-TEST_F(UnreadablePidFile, WithoutABytesRefusesTheStart) {
+TEST_F(UnreadablePidFile, ThatIsEmptyRefusesTheStart) {
   writePidFile("");
   expectRefusal();
 }
@@ -237,7 +237,7 @@ TEST_F(UnreadablePidFile, ThatIsADirectoryRefusesTheStart) {
   expectRefusal();
 }
 
-TEST_F(UnreadablePidFile, ThatIsAFifoRefusesTheStartAtOnce) {
+TEST_F(UnreadablePidFile, ThatIsAFifoRefusesTheStartImmediately) {
   ASSERT_EQ(mkfifo(kPidFile.c_str(), 0600), 0);
   expectRefusal();
 }
@@ -248,8 +248,8 @@ TEST_F(ServerDaemon, StartsWhereThePidFileCannotBeOpened) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-// Both ends of a signal that comes while the process forks: it must not be lost in the child.
-TEST_F(ServerDaemon, HoldsASignalBackFromBeforeTheFork) {
+// A signal during the fork must not be lost in the child.
+TEST_F(ServerDaemon, BlocksSignalsBeforeTheFork) {
   server_.onStartup = [] {
     sigset_t held;
     sigprocmask(SIG_BLOCK, nullptr, &held);
@@ -261,7 +261,7 @@ TEST_F(ServerDaemon, HoldsASignalBackFromBeforeTheFork) {
   EXPECT_EQ(runAs(0), 0);
 }
 
-TEST_F(ServerDaemon, GivesTheSignalMaskBackInTheParent) {
+TEST_F(ServerDaemon, RestoresTheSignalMaskInTheParent) {
   EXPECT_EQ(runAs(4321), 1);
   sigset_t held;
   sigprocmask(SIG_BLOCK, nullptr, &held);
@@ -320,7 +320,7 @@ TEST_F(StoppedDaemon, SignalsItsGroupWhenThePidFileIsEmpty) {
   EXPECT_THAT(sys.calls, ElementsAre("kill 0 15"));
 }
 
-TEST_F(StoppedDaemon, SignalsWhoeverThePidFileNamesAfterAFailedFork) {
+TEST_F(StoppedDaemon, SignalsTheProcessInThePidFileAfterAFailedFork) {
   writePidFile("4242\n");
   EXPECT_EQ(runAs(-1), 0);
   server_.stop();
@@ -328,8 +328,8 @@ TEST_F(StoppedDaemon, SignalsWhoeverThePidFileNamesAfterAFailedFork) {
   EXPECT_THAT(sys.calls, ElementsAre("kill 4242 0", "fork", "kill 4242 15"));
 }
 
-// A daemon ends itself this way: its own handler takes the signal.
-TEST_F(StoppedDaemon, OnlyNotesItsOwnSignal) {
+// A daemon ends itself this way: its handler takes the signal.
+TEST_F(StoppedDaemon, OnlyRecordsItsOwnSignal) {
   EXPECT_EQ(runAs(0), 0);
   raise(SIGTERM);
   EXPECT_EQ(ServerBase::s_signal, SIGTERM);

@@ -32,7 +32,7 @@ int FailingAccept::note() {
 
 }  // namespace zell::test
 
-// The C library's own function, replaced by linking.
+// Replaces the function of the C library at link time.
 extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
   const int error = zell::test::g_failing != nullptr ? zell::test::g_failing->note() : 0;
   if (error != 0) {

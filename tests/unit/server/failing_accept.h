@@ -7,9 +7,9 @@
 
 namespace zell::test {
 
-/// While it lives, the first accept4 fails with @p error and leaves the connection in the queue;
-/// later calls reach the kernel. accept4 is replaced in every program that links this. At most one
-/// object may live at a time.
+/// During its lifetime, the first accept4 fails with @p error and leaves the connection in the
+/// queue; later calls reach the kernel. Replaces accept4 in every program that links this. At most
+/// one object may exist.
 class FailingAccept {
  public:
   explicit FailingAccept(int error);
@@ -20,7 +20,7 @@ class FailingAccept {
   /// Runs before each accept4.
   std::function<void()> before;
 
-  /// Called by the replaced function: the errno value to fail with, 0 for none.
+  /// Called by the replaced function: the errno value to fail with, or 0.
   int note();
 
  private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Connecting to hosts, and what hosts that do not answer may cost.
+// Connecting to hosts, and the time limit for hosts that do not answer.
 #include <chrono>
 #include <utility>
 
@@ -30,7 +30,7 @@ class ServerHosts : public ServerTest {
     ServerTest::TearDown();
   }
 
-  /// How long one connect_hosts takes by the real clock.
+  /// The real duration of one connect_hosts.
   milliseconds connectAll() {
     sys.clock = [] { return steady_clock::now().time_since_epoch(); };
     const auto start = steady_clock::now();
@@ -87,7 +87,7 @@ TEST_F(ServerHosts, AreDialledAtTheFirstOfTheirAddressesOnly) {
   EXPECT_GT(server_.hostSocket(0), 0);
 }
 
-TEST_F(ServerHosts, LeaveNoTimeLimitOnTheSocket) {
+TEST_F(ServerHosts, LeaveNoTimeoutOnTheSocket) {
   const UniqueFd master = listenOn(kMasterPort);
   server_.add_host("127.0.0.1", kMasterPort);
   server_.connect_hosts();
@@ -98,7 +98,7 @@ TEST_F(ServerHosts, LeaveNoTimeLimitOnTheSocket) {
   EXPECT_EQ(limit.tv_usec, 0);
 }
 
-TEST_F(ServerHosts, ThatRefuseStayUnconnectedWithoutALine) {
+TEST_F(ServerHosts, ThatRefuseStayUnconnectedWithoutALogLine) {
   server_.add_host("127.0.0.1", kMasterPort);
   server_.connect_hosts();
   EXPECT_EQ(server_.hostSocket(0), -1);
@@ -106,7 +106,7 @@ TEST_F(ServerHosts, ThatRefuseStayUnconnectedWithoutALine) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ServerHosts, ThatCannotBeResolvedAreNamed) {
+TEST_F(ServerHosts, ThatCannotBeResolvedAreLogged) {
   sys.fakeLookup = true;
   sys.lookupResult = -1;
   sys.lookupError = TRY_AGAIN;
@@ -118,9 +118,9 @@ TEST_F(ServerHosts, ThatCannotBeResolvedAreNamed) {
                                    "ERR (PID) cannot resolve host 'nobody'"));
 }
 
-TEST_F(ServerHosts, ThatGetNoSocketAreNamedWithTheError) {
+TEST_F(ServerHosts, ThatGetNoSocketAreLoggedWithTheError) {
   server_.add_host("127.0.0.1", kMasterPort);
-  sockaddr_in address{};  // the first lookup reads the resolver's settings
+  sockaddr_in address{};  // the first lookup reads the resolver's configuration
   ASSERT_EQ(server_.resolve_master(server_.m_hosts.front(), &address), 0);
   const DescriptorLimit limit(static_cast<int>(openDescriptors().size()));
   const NumbersTaken taken(1024);
@@ -133,7 +133,7 @@ TEST_F(ServerHosts, AreConnectedInListOrderAndOnlyWhenUnconnected) {
   const UniqueFd master = listenOn(kMasterPort);
   const UniqueFd other = listenOn(kPort);
   server_.add_host("127.0.0.1", kMasterPort);
-  server_.add_host("127.0.0.1", kOtherPort);  // nobody listens
+  server_.add_host("127.0.0.1", kOtherPort);  // not listening
   server_.add_host("localhost", kPort);
   server_.connect_hosts();
   server_.connect_hosts();
@@ -147,7 +147,7 @@ TEST_F(ServerHosts, AreConnectedInListOrderAndOnlyWhenUnconnected) {
                               std::to_string(server_.hostSocket(2))));
 }
 
-TEST_F(ServerHosts, OfTheSameNameAndPortGetAConnectionEach) {
+TEST_F(ServerHosts, WithTheSameNameAndPortGetSeparateConnections) {
   const UniqueFd master = listenOn(kMasterPort);
   server_.add_host("127.0.0.1", kMasterPort);
   server_.add_host("127.0.0.1", kMasterPort);
@@ -159,7 +159,7 @@ TEST_F(ServerHosts, OfTheSameNameAndPortGetAConnectionEach) {
   EXPECT_EQ(server_.calls.size(), 2U);
 }
 
-TEST_F(ServerHosts, ThatSwallowPacketsCostThreeSecondsInAll) {
+TEST_F(ServerHosts, ThatDropPacketsCostThreeSecondsInTotal) {
   const BlackHole hole(kMasterPort);
   const UniqueFd answering = listenOn(kPort);
   server_.add_host("127.0.0.1", kMasterPort);
@@ -174,9 +174,9 @@ TEST_F(ServerHosts, ThatSwallowPacketsCostThreeSecondsInAll) {
   EXPECT_EQ(server_.calls.size(), 1U);
 }
 
-// What an operation spends is not the next host's loss: a slow resolver would otherwise leave every
-// connect the least time for ever, too little for a master some way off.
-TEST_F(ServerHosts, GetTheirTimeAlsoBehindAnOperationThatTookLong) {
+// Only connect() counts against the timeout. Otherwise a slow resolver would leave only the minimum
+// time for each connect, too little for a distant master.
+TEST_F(ServerHosts, GetTheirFullTimeAfterASlowOperation) {
   const UniqueFd master = listenOn(kPort);
   const BlackHole hole(kMasterPort);
   server_.add_host("127.0.0.1", kPort);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// When descriptors run out, or their numbers grow past what select() can hold.
+// Descriptors run out, or their numbers exceed FD_SETSIZE.
 #include <cerrno>
 #include <cstring>
 
@@ -18,12 +18,12 @@ using ::testing::IsEmpty;
 
 constexpr int kFirstRefused = FD_SETSIZE - 64;
 
-/// The first number that no descriptor has and none below lacks.
+/// The lowest free descriptor number.
 int firstFree() {
   return UniqueFd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)).get();
 }
 
-TEST_F(ServerLoop, TakesASurplusConnectionWithTheReserveAndClosesIt) {
+TEST_F(ServerLoop, AcceptsASurplusConnectionWithTheReserveAndClosesIt) {
   server_.add_port(kPort, false, true);
   std::vector<UniqueFd> clients;
   std::unique_ptr<DescriptorLimit> limit;
@@ -85,7 +85,7 @@ TEST_F(ServerLoop, KeepsTheReserveWhenAcceptFailsForAnotherReason) {
   EXPECT_EQ(log.countContaining("accepted connection"), 1) << "the waiting connection was lost";
 }
 
-TEST_F(ServerLoop, AcceptsAgainWhenDescriptorsAreBack) {
+TEST_F(ServerLoop, AcceptsAgainWhenDescriptorsAreFree) {
   server_.add_port(kPort, false, true);
   std::vector<UniqueFd> clients;
   std::unique_ptr<DescriptorLimit> limit;
@@ -131,7 +131,7 @@ class NumberLimit : public HostLoop {
   std::unique_ptr<NumbersTaken> taken_;
 };
 
-TEST_F(NumberLimit, LetsTheLastNumberBelowItIn) {
+TEST_F(NumberLimit, AcceptsTheLastNumberBelowIt) {
   UniqueFd client;
   server_.onStarted = [&] {
     client = connectTo(kPort);
@@ -168,7 +168,7 @@ TEST_F(NumberLimit, ClosesAnOutboundSocketAtItOnEveryPass) {
   server_.runPasses(1);
   EXPECT_THAT(server_.events(), ElementsAre("startup", "started", "shutdown"));
   const std::string made =
-      "INFO (PID) established connection to 127.0.0.1, port 6012, socket 961";  // 960 is in reserve
+      "INFO (PID) established connection to 127.0.0.1, port 6012, socket 961";  // 960: reserve
   const std::string closed = "WARNING (PID) too many connections, closing socket 961";
   EXPECT_THAT(lines(), ElementsAre(made, closed, made, closed));
 }
@@ -181,8 +181,8 @@ TEST_F(NumberLimit, ConnectsAnOutboundSocketBelowIt) {
   EXPECT_EQ(server_.count("outgoing 959"), 1);
 }
 
-// A subclass may put any descriptor into the tables: what select() cannot hold is left out.
-TEST_F(NumberLimit, WatchesNoNumberThatTheSetsCannotHold) {
+// A subclass may add any descriptor to the tables: the loop skips those that select() cannot hold.
+TEST_F(NumberLimit, WatchesNoNumberAboveTheSets) {
   const int high = fcntl(master_.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
   ASSERT_GE(high, FD_SETSIZE);
   const UniqueFd client = connectTo(kMasterPort);  // makes it readable
@@ -207,8 +207,8 @@ TEST_F(NumberLimit, WatchesNoNumberThatTheSetsCannotHold) {
   EXPECT_EQ(fcntl(high, F_GETFD), -1) << "it is closed with the others";
 }
 
-// A drop of such a number must not write behind the sets either; the sanitizer watches.
-TEST_F(NumberLimit, DropsNumbersThatTheSetsCannotHold) {
+// A drop of such a number must not write beyond the sets; the sanitizer detects that.
+TEST_F(NumberLimit, DropsNumbersAboveTheSets) {
   const int high = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, FD_SETSIZE + 100);
   server_.m_connections[high] = Connection{kPort, false, true, 9, high, ""};
   EXPECT_EQ(server_.drop_socket(high), -1);
@@ -220,8 +220,8 @@ TEST_F(NumberLimit, DropsNumbersThatTheSetsCannotHold) {
   EXPECT_EQ(fcntl(other, F_GETFD), -1);
 }
 
-// The same without it: every bit behind a set is another member's.
-TEST_F(NumberLimit, LeavesTheSetsAloneWhenSuchANumberIsDropped) {
+// Detects such a write without a sanitizer: the bits after a set belong to other members.
+TEST_F(NumberLimit, DoesNotChangeTheSetsWhenSuchANumberIsDropped) {
   for (const int number : {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 100}) {
     const int high = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, number);
     ASSERT_EQ(high, number);
@@ -237,7 +237,7 @@ TEST_F(NumberLimit, LeavesTheSetsAloneWhenSuchANumberIsDropped) {
   }
 }
 
-TEST_F(NumberLimit, ServesNoSuchNumberWhateverStandsBehindTheSets) {
+TEST_F(NumberLimit, ServesNoSuchNumberForAnyMemoryAfterTheSets) {
   const int high = fcntl(master_.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
   ASSERT_EQ(high, FD_SETSIZE);
   UniqueFd client;
@@ -249,8 +249,8 @@ TEST_F(NumberLimit, ServesNoSuchNumberWhateverStandsBehindTheSets) {
     server_.m_devices.emplace_back("/missing");
   };
   server_.onSelect = [&](int /*result*/) {
-    FD_SET(0, &server_.m_except_set);  // where the bit of `high` would be among the readable ones,
-    server_.m_max_fd = -1;             // and where among the exceptional ones
+    FD_SET(0, &server_.m_except_set);  // the bit of `high` in the set of readable descriptors
+    server_.m_max_fd = -1;             // and in the set of exceptional ones
     FD_SET(63, &server_.m_read_set);   // a shift by -1
     FD_SET(63, &server_.m_except_set);
     return false;

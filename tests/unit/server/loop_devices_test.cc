@@ -29,7 +29,7 @@ TEST_F(ServerLoop, ServesADevice) {
                                    std::to_string(served)));
 }
 
-TEST_F(ServerLoop, OpensDevicesForReadingAndForItselfOnly) {
+TEST_F(ServerLoop, OpensDevicesReadOnlyAndCloseOnExec) {
   const TempDir directory;
   const Fifo device(directory, "device");
   server_.add_device(device.path());
@@ -45,7 +45,7 @@ TEST_F(ServerLoop, OpensDevicesForReadingAndForItselfOnly) {
   EXPECT_NE(flags & FD_CLOEXEC, 0);
 }
 
-TEST_F(ServerLoop, GoesOnWithoutADeviceThatIsMissing) {
+TEST_F(ServerLoop, ContinuesWithoutAMissingDevice) {
   server_.add_device("/no/such/device");
   server_.runPasses(2);
   EXPECT_EQ(server_.m_device_fds.at("/no/such/device"), -1);
@@ -105,8 +105,8 @@ TEST_F(ServerLoop, NeverWatchesADeviceForExceptions) {
   EXPECT_EQ(log.countContaining("disconnected"), 0);
 }
 
-// A kernel that reported one all the same: the line stands, and nothing is closed.
-TEST_F(ServerLoop, AsksToReconnectADeviceThatIsDisconnected) {
+// If a kernel reports one nevertheless: a log line, and nothing is closed.
+TEST_F(ServerLoop, LogsThatADisconnectedDeviceMustBeReconnected) {
   const TempDir directory;
   const Fifo device(directory, "device");
   server_.add_device(device.path());

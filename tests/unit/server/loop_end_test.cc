@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the loop ends, and what is closed then.
+// How the loop ends, and what it closes.
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
@@ -54,8 +54,8 @@ TEST_P(EndingSignal, EndsTheLoopAfterThePass) {
                                               std::to_string(GetParam())});
 }
 
-// Held back from before the handlers are installed until the loop's flag is set: without that the
-// flag would be set after the signal, and the loop would run on.
+// The server blocks the signals until it has installed the handlers and set the loop's flag.
+// Otherwise the flag would be set after the signal, and the loop would continue.
 TEST_P(EndingSignal, IsNotLostWhileTheServerStarts) {
   server_.onStartup = [] { raise(GetParam()); };
   int seenInStartup = 0;
@@ -68,7 +68,7 @@ TEST_P(EndingSignal, IsNotLostWhileTheServerStarts) {
 
 INSTANTIATE_TEST_SUITE_P(Each, EndingSignal, ::testing::Values(SIGTERM, SIGQUIT, SIGABRT, SIGINT));
 
-TEST_F(ServerLoop, GivesTheSignalMaskBack) {
+TEST_F(ServerLoop, RestoresTheSignalMask) {
   sigset_t before;
   sigset_t during;
   sigprocmask(SIG_BLOCK, nullptr, &before);
@@ -79,7 +79,7 @@ TEST_F(ServerLoop, GivesTheSignalMaskBack) {
   }
 }
 
-TEST_F(ServerLoop, HoldsTheEndingSignalsBackAndNoOthers) {
+TEST_F(ServerLoop, BlocksTheEndingSignalsAndNoOthers) {
   sigset_t before;
   sigset_t during;
   sigprocmask(SIG_BLOCK, nullptr, &before);
@@ -92,7 +92,7 @@ TEST_F(ServerLoop, HoldsTheEndingSignalsBackAndNoOthers) {
   }
 }
 
-TEST_F(ServerLoop, TellsTheLastOfTwoSignals) {
+TEST_F(ServerLoop, LogsTheLastOfTwoSignals) {
   server_.onLoop = [] {
     raise(SIGTERM);
     raise(SIGINT);
@@ -117,7 +117,7 @@ TEST_F(ServerLoop, OutlivesAWriteToAClosedPeer) {
   EXPECT_TRUE(error == EPIPE || error == ECONNRESET) << error;
 }
 
-TEST_F(ServerLoop, GoesOnAfterASelectError) {
+TEST_F(ServerLoop, ContinuesAfterASelectError) {
   server_.add_port(kPort, false, true);
   int closed = -1;
   server_.onStarted = [&] {
@@ -127,9 +127,9 @@ TEST_F(ServerLoop, GoesOnAfterASelectError) {
   };
   int failures = 0;
   server_.onSelect = [&](int result) {
-    errno = EINTR;  // what the operation leaves behind is not select's error
+    errno = EINTR;  // the operation's errno is not that of select
     if (result == -1 && ++failures == 2) {
-      EXPECT_EQ(dup2(2, closed), closed);  // so that the end finds something to close
+      EXPECT_EQ(dup2(2, closed), closed);  // so that the end has something to close
     }
     return false;
   };
@@ -220,7 +220,7 @@ TEST_F(HostLoop, ClosesUdpPortsWithoutAListenerBeforeDevicesAndHosts) {
   EXPECT_THAT(server_.m_hosts, IsEmpty());
 }
 
-TEST_F(ServerLoop, ClosesUdpPortsWhenAnExceptionPasses) {
+TEST_F(ServerLoop, ClosesUdpPortsDuringAnException) {
   server_.add_port(kPort, true, true);
   std::vector<int> udp;
   server_.onLoop = [&] {
@@ -233,7 +233,7 @@ TEST_F(ServerLoop, ClosesUdpPortsWhenAnExceptionPasses) {
   EXPECT_THAT(server_.m_connections, IsEmpty());
 }
 
-TEST_F(HostLoop, ClosesEverythingWhenAnExceptionPasses) {
+TEST_F(HostLoop, ClosesEverythingDuringAnException) {
   server_.add_port(kPort, false, true);
   UniqueFd client;
   server_.onStarted = [&] { client = connectTo(kPort); };
@@ -258,13 +258,13 @@ TEST_F(ServerLoop, ClosesEverythingWhenStartupThrows) {
   EXPECT_FALSE(ServerBase::s_run);
 }
 
-TEST_F(ServerLoop, EndsWithoutALineWhenItWasNoSignal) {
+TEST_F(ServerLoop, EndsWithoutALogLineWithoutASignal) {
   server_.add_port(kPort, false, true);
   server_.runPasses(1);
   EXPECT_EQ(log.countContaining("exiting on signal"), 0);
 }
 
-// Closing on its own.
+// The close operations alone.
 
 TEST_F(ServerLoop, ClosesConnectionsWithoutAListener) {
   const int fd = dup(STDERR_FILENO);

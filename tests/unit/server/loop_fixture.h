@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the running loop share.
+// Shared parts of the tests of the running loop.
 #ifndef TESTS_UNIT_SERVER_LOOP_FIXTURE_H_
 #define TESTS_UNIT_SERVER_LOOP_FIXTURE_H_
 
@@ -12,7 +12,7 @@
 
 namespace zell::test {
 
-/// A pipe with a name, held open by the test: opening it waits for nobody.
+/// A FIFO that the test keeps open, so that opening it does not block.
 class Fifo {
  public:
   Fifo(const TempDir& directory, const std::string& name);
@@ -24,7 +24,7 @@ class Fifo {
   UniqueFd end_;
 };
 
-/// What one read(2) of @p fd gives.
+/// The bytes of one read(2) of @p fd.
 std::string readFrom(int fd);
 
 class ServerLoop : public ServerTest {
@@ -35,7 +35,7 @@ class ServerLoop : public ServerTest {
   RecordingServer server_;
 };
 
-/// A loop with one host, which listens.
+/// A loop with one listening host.
 class HostLoop : public ServerLoop {
  protected:
   void SetUp() override;

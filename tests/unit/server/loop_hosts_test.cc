@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Connections to hosts in the loop: read, lost, made again.
+// Connections to hosts in the loop: reading, losing, reconnecting.
 #include <utility>
 
 #include "unit/server/loop_fixture.h"
@@ -12,7 +12,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-TEST_F(HostLoop, HandsOverPacketsWithTheHostsPort) {
+TEST_F(HostLoop, PassesPacketsWithTheHostsPort) {
   UniqueFd far;
   server_.onStarted = [&] {
     far = acceptFrom(master_);
@@ -48,7 +48,7 @@ TEST_F(HostLoop, ReconnectsALostHostInTheSamePass) {
                           "drop host " + number, "outgoing " + number, "loop", "shutdown"));
 }
 
-TEST_F(HostLoop, TriesAnAbsentHostAgainAtTheEndOfEachPass) {
+TEST_F(HostLoop, RetriesAnAbsentHostAtTheEndOfEachPass) {
   master_.reset();
   int passes = 0;
   server_.onLoop = [&] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Connections that come in: accepted, read, dropped.
+// Inbound connections: accepting, reading, dropping.
 #include <algorithm>
 
 #include <fcntl.h>
@@ -81,7 +81,7 @@ TEST_F(ServerLoop, AcceptsOneConnectionOfAPortInAPass) {
   EXPECT_THAT(sizes, ElementsAre(1U, 2U));
 }
 
-TEST_F(ServerLoop, TellsThePortsApart) {
+TEST_F(ServerLoop, DistinguishesThePorts) {
   server_.add_port(kPort, false, true);
   server_.add_port(kOtherPort, false, true);
   UniqueFd one;
@@ -129,7 +129,7 @@ TEST_F(ServerLoop, EntersAnUnknownListenerWithPortZero) {
   server_.close_connections(-1);
 }
 
-TEST_F(ServerLoop, TellsThatAcceptingFailed) {
+TEST_F(ServerLoop, LogsThatAcceptingFailed) {
   const UniqueFd noListener = bindTo(kPort);
   server_.process_socket(noListener.get());
   EXPECT_THAT(lines(), ElementsAre("ERR (PID) unable to accept incoming connection, accept: "
@@ -139,7 +139,7 @@ TEST_F(ServerLoop, TellsThatAcceptingFailed) {
 
 // Reading.
 
-TEST_F(ServerLoop, HandsOverPackets) {
+TEST_F(ServerLoop, PassesPackets) {
   server_.add_port(kPort, false, true);
   UniqueFd client;
   server_.onStarted = [&] {
@@ -195,7 +195,7 @@ TEST_F(ServerLoop, ServesAUdpPort) {
   EXPECT_EQ(log.count("(PID) closing data socket " + std::to_string(udp[0])), 1);
 }
 
-TEST_F(ServerLoop, LetsTheSubclassReadWhereThePortSaysSo) {
+TEST_F(ServerLoop, LetsTheSubclassReadIfThePortSaysSo) {
   server_.add_port(kPort, false, false);
   UniqueFd client;
   server_.onStarted = [&] {
@@ -275,7 +275,7 @@ TEST_F(ServerLoop, DropsOneOfTwoThatCloseInTheSamePass) {
   EXPECT_THAT(tables, ElementsAre(ElementsAre(sockets[1]), IsEmpty()));
 }
 
-TEST_F(ServerLoop, ServesTheSocketsBehindADroppedOneInTheNextPass) {
+TEST_F(ServerLoop, ServesTheSocketsAfterADroppedOneInTheNextPass) {
   server_.add_port(kPort, false, true);
   std::vector<UniqueFd> clients;
   server_.onStarted = [&] {
@@ -300,7 +300,7 @@ TEST_F(ServerLoop, ServesTheSocketsBehindADroppedOneInTheNextPass) {
   EXPECT_THAT(passes, ElementsAre("drop", "data"));
 }
 
-TEST_F(ServerLoop, GoesOnBehindASocketThatCouldNotBeDropped) {
+TEST_F(ServerLoop, ContinuesAfterASocketThatCannotBeDropped) {
   server_.add_port(kPort, false, true);
   std::vector<UniqueFd> clients;
   server_.onStarted = [&] {
@@ -344,7 +344,7 @@ TEST_F(ServerLoop, DropsAnInboundConnectionInTheExceptSet) {
   EXPECT_TRUE(isClosedByPeer(client));
 }
 
-TEST_F(ServerLoop, ReadsAnExceptionalConnectionThatCouldNotBeDropped) {
+TEST_F(ServerLoop, ReadsAnExceptionalConnectionThatCannotBeDropped) {
   server_.add_port(kPort, false, true);
   UniqueFd client;
   server_.onStarted = [&] { client = connectTo(kPort); };
@@ -366,7 +366,7 @@ TEST_F(ServerLoop, DoesNotReadAnExceptionalConnectionThatIsNotReadable) {
   server_.onStarted = [&] { client = connectTo(kPort); };
   server_.onDropSocket = [](int) { return 0; };
   server_.onIncoming = [&](int fd) {
-    EXPECT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);  // a read too many is told, and does not hang
+    EXPECT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);  // a surplus read fails and does not block
     sendUrgent(client);
   };
   server_.runUntil([&] { return log.countContaining("inbound connection") == 2; });

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One pass of the loop: what is watched, and in which order it is served.
+// One pass of the loop: the watched descriptors, and the order of service.
 #include <algorithm>
 #include <chrono>
 
@@ -51,7 +51,7 @@ TEST_F(HostLoop, DispatchesListenersDevicesConnectionsAndHostsInThatOrder) {
   EXPECT_EQ(server_.calls[6], "shutdown");
 }
 
-TEST_F(HostLoop, TellsSelectTheHighestDescriptorOfAnyKind) {
+TEST_F(HostLoop, PassesTheHighestDescriptorOfAnyKindToSelect) {
   const TempDir directory;
   const Fifo device(directory, "device");
   server_.add_port(kPort, false, true);
@@ -85,7 +85,7 @@ TEST_F(ServerLoop, StartsEachPassWithEmptySets) {
   EXPECT_EQ(server_.count("select 1"), 1);
 }
 
-TEST_F(ServerLoop, WatchesNothingWhereThereIsNothing) {
+TEST_F(ServerLoop, WatchesNothingWithoutDescriptors) {
   server_.onSelect = [&](int) {
     EXPECT_EQ(server_.m_max_fd, 0);
     return false;
@@ -94,7 +94,7 @@ TEST_F(ServerLoop, WatchesNothingWhereThereIsNothing) {
   server_.runPasses(1);
 }
 
-TEST_F(ServerLoop, WatchesNothingNumberedZeroButAHost) {
+TEST_F(ServerLoop, WatchesTheNumberZeroOnlyForAHost) {
   server_.m_connections[0] = Connection{kPort, false, true, 9, 0, ""};
   server_.add_host("127.0.0.1", kMasterPort);
   const UniqueFd saved(fcntl(0, F_DUPFD_CLOEXEC, 3));
@@ -118,14 +118,14 @@ TEST_F(ServerLoop, WatchesNothingNumberedZeroButAHost) {
   EXPECT_EQ(dup2(saved.get(), 0), 0);
 }
 
-TEST_F(ServerLoop, TellsATimeout) {
+TEST_F(ServerLoop, ReportsATimeout) {
   server_.runPasses(2);
   EXPECT_THAT(server_.calls, ElementsAre("startup", "started", "select 0", "timeout", "loop",
                                          "select 0", "timeout", "loop", "shutdown"));
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ServerLoop, GivesSelectTheSetTimeoutEveryTime) {
+TEST_F(ServerLoop, PassesTheSetTimeoutToSelectEveryTime) {
   server_.set_timeout(40);
   const auto start = std::chrono::steady_clock::now();
   server_.runPasses(3);
@@ -133,7 +133,7 @@ TEST_F(ServerLoop, GivesSelectTheSetTimeoutEveryTime) {
   EXPECT_EQ(server_.m_timeout.tv_usec, 40000) << "select may change a copy only";
 }
 
-TEST_F(HostLoop, StarvesEverythingWhenSelectIsTakenOver) {
+TEST_F(HostLoop, ServesNothingWhenTheSubclassHandlesSelect) {
   server_.add_port(kPort, false, true);
   UniqueFd client;
   server_.onStarted = [&] {

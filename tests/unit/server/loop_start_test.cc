@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the server opens before its first select(), and in which order.
+// The order in which the server opens ports, devices and hosts before its first select().
 #include <map>
 
 #include <fcntl.h>
@@ -57,7 +57,7 @@ TEST_F(ServerLoop, SetsTheRunFlagBetweenStartupAndTheRest) {
   EXPECT_TRUE(duringStarted);
 }
 
-TEST_F(ServerLoop, TakesPortsAndDevicesInStartupButNotLater) {
+TEST_F(ServerLoop, AcceptsPortsAndDevicesInStartupButNotLater) {
   server_.onStartup = [&] { server_.add_port(kPort, false, true); };
   server_.onStarted = [&] { server_.add_port(kOtherPort, false, true); };
   server_.onLoop = [&] { server_.add_device("/dev/null"); };
@@ -83,7 +83,7 @@ TEST_F(ServerLoop, OpensTheLogWithTheConsoleAsADaemon) {
   EXPECT_TRUE(server_.is_daemon());
 }
 
-TEST_F(ServerLoop, IsNoDaemonInTheForeground) {
+TEST_F(ServerLoop, IsNotADaemonInTheForeground) {
   server_.runPasses(1);
   EXPECT_FALSE(server_.is_daemon());
   EXPECT_THAT(sys.calls, IsEmpty()) << "it forked or asked for another process";
@@ -101,7 +101,7 @@ TEST_F(ServerLoop, ListensOnEachPortOnce) {
   EXPECT_EQ(log.countContaining("bind succeeded"), 1);
 }
 
-TEST_F(ServerLoop, TriesAPortAgainAsOftenAsItIsTold) {
+TEST_F(ServerLoop, RetriesAPortWhileTheSubclassRequestsIt) {
   UniqueFd other = listenOn(kPort);
   server_.add_port(kPort, false, true);
   int failures = 0;
@@ -119,7 +119,7 @@ TEST_F(ServerLoop, TriesAPortAgainAsOftenAsItIsTold) {
   EXPECT_EQ(log.countContaining("cannot bind socket"), 3);
 }
 
-// Where a standard stream was closed. 0 is no socket's number in the tables.
+// A socket gets the number 0 if standard input is closed. In the tables, 0 means no socket.
 TEST_F(ServerLoop, CountsASocketWithTheNumberZeroAsNotOpened) {
   const UniqueFd kept(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
   UniqueFd other = listenOn(kPort);
@@ -157,7 +157,7 @@ TEST_F(ServerLoop, DoesNotWatchASocketWithTheNumberZero) {
   EXPECT_EQ(server_.count("listen failure 6001"), 2);
 }
 
-TEST_F(ServerLoop, GoesOnWithTheNextPortWhenOneIsGivenUp) {
+TEST_F(ServerLoop, ContinuesWithTheNextPortWhenOneIsGivenUp) {
   const UniqueFd other = listenOn(kPort);
   server_.add_port(kPort, false, true);
   server_.add_port(kOtherPort, false, true);

@@ -16,7 +16,7 @@
 namespace zell::test {
 namespace {
 
-constexpr int kPatienceMs = 20000;
+constexpr int kTimeoutMs = 20000;
 
 sockaddr* generic(sockaddr_in* address) {
   return reinterpret_cast<sockaddr*>(address);
@@ -28,7 +28,7 @@ UniqueFd streamSocket(int flags = 0) {
 
 bool waitFor(int fd, short events) {
   pollfd entry{fd, events, 0};
-  return poll(&entry, 1, kPatienceMs) == 1;
+  return poll(&entry, 1, kTimeoutMs) == 1;
 }
 
 }  // namespace
@@ -117,7 +117,7 @@ std::vector<int> openDescriptors() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     numbers.push_back(std::stoi(entry.path().filename()));
   }
-  // The directory's own descriptor was among them, and is gone by now.
+  // The descriptor of the directory was among them, and is closed now.
   numbers.erase(std::remove_if(numbers.begin(), numbers.end(),
                                [](int fd) { return fcntl(fd, F_GETFD) == -1; }),
                 numbers.end());
@@ -125,7 +125,7 @@ std::vector<int> openDescriptors() {
   return numbers;
 }
 
-// A queue of length 0 still takes one; further handshakes are left without an answer.
+// A queue of length 0 still accepts one connection. Further handshakes get no answer.
 BlackHole::BlackHole(int port) : listener_(listenOn(port, 0)) {
   for (int i = 0; i < 4; ++i) {
     UniqueFd fd = streamSocket(SOCK_NONBLOCK);

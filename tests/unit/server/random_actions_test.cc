@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Thousands of random changes of the tables from inside handlers, next to a simple model of them.
+// Thousands of random changes of the tables inside handlers, compared with a simple model.
 #include <algorithm>
 #include <map>
 #include <random>
@@ -17,11 +17,11 @@ constexpr std::size_t kMostConnections = 40;
 constexpr std::size_t kMostHosts = 12;
 constexpr int kMostActionsPerPass = 60;
 
-/// What the tables must hold, and which sockets the running pass has still to serve.
+/// The expected tables, and the sockets that the current pass has not served yet.
 struct Model {
   std::set<int> inbound;
   std::vector<int> hosts;    // sockets in list order, -1 while unconnected
-  std::vector<int> hostIds;  // in list order; they grow with the place
+  std::vector<int> hostIds;  // in list order, which is ascending
   std::set<int> readyInbound;
   std::set<int> readyHosts;
 };
@@ -53,7 +53,7 @@ class RandomActions : public HostLoop, public ::testing::WithParamInterface<unsi
     return *std::next(some.begin(), static_cast<std::ptrdiff_t>(upTo(some.size())));
   }
 
-  // What the server calls.
+  // Called by the server.
 
   void passBegins(int result) {
     model_.readyInbound.clear();
@@ -132,7 +132,7 @@ class RandomActions : public HostLoop, public ::testing::WithParamInterface<unsi
     return result;
   }
 
-  // What the handlers do.
+  // The actions of the handlers.
 
   void actSomewhat(int own) {
     const bool outer = std::exchange(acting_, true);
@@ -199,7 +199,7 @@ class RandomActions : public HostLoop, public ::testing::WithParamInterface<unsi
     }
   }
 
-  // With a byte to read at once: a number that is used again must not be served in this pass.
+  // With a byte to read: a reused number must not be served in this pass.
   void addInbound() {
     if (model_.inbound.size() >= kMostConnections) {
       return;
@@ -285,8 +285,8 @@ class RandomActions : public HostLoop, public ::testing::WithParamInterface<unsi
     }
   }
 
-  /// Nothing that was readable at the start of the pass and is still there was left out, unless the
-  /// scan ended at a dead one.
+  /// Every socket that was readable at the start of the pass and still exists was served, unless
+  /// the scan ended at a dead one.
   void passEnds() {
     if (!inboundEnded_) {
       EXPECT_TRUE(model_.readyInbound.empty()) << "not served: " << *model_.readyInbound.begin();
@@ -308,11 +308,11 @@ class RandomActions : public HostLoop, public ::testing::WithParamInterface<unsi
 
   Model model_;
   std::mt19937 random_{GetParam()};
-  std::map<int, UniqueFd> far_;  // the other ends, by the server's socket
+  std::map<int, UniqueFd> far_;  // the other ends, by server socket
   int newestHost_ = 0;
   int actionsLeft_ = 0;
   int depth_ = 0;
-  bool acting_ = false;  // inside a handler's actions: a drop is ours, not the loop's
+  bool acting_ = false;  // inside a handler's actions: the test drops, not the loop
   bool inboundEnded_ = false;
   bool hostsEnded_ = false;
   int lastInbound_ = -1;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A server that notes the order of its virtual operations and lets a test act inside them.
+// A server that records the order of its virtual operations and lets a test act inside them.
 #ifndef TESTS_UNIT_SERVER_RECORDING_SERVER_H_
 #define TESTS_UNIT_SERVER_RECORDING_SERVER_H_
 
@@ -12,7 +12,7 @@
 
 namespace zell::test {
 
-/// The framework's protected part, opened up for tests.
+/// Makes the framework's protected members accessible for tests.
 class OpenServer : public ServerBase {
  public:
   using ServerBase::ServerBase;
@@ -51,29 +51,29 @@ class OpenServer : public ServerBase {
   using ServerBase::m_timeout;
   using ServerBase::m_use_timeout;
 
-  /// The socket of the host at @p place in the list, -1 while it is not connected.
+  /// The socket of the host at @p place in the list, -1 if it is not connected.
   [[nodiscard]] int hostSocket(std::size_t place) const;
   /// The sockets of the inbound table, ascending.
   [[nodiscard]] std::vector<int> inbound() const;
 };
 
-/// Every virtual operation adds a line to `calls` and then does what the test put into its hook; an
-/// empty hook does what the base does, without the base's line in the log.
+/// Every virtual operation appends a line to `calls` and runs its hook. An empty hook acts like the
+/// base, without the log line of the base.
 class RecordingServer : public OpenServer {
  public:
   explicit RecordingServer(const std::string& name = "recorder");
 
-  /// Runs in the foreground until @p done answers true at the end of a pass. A run that takes 20 s
-  /// fails the test and ends, also when handle_select answers true for ever.
+  /// Runs in the foreground until @p done returns true at the end of a pass. After 20 s it ends and
+  /// fails the test, even if handle_select always returns true.
   int runUntil(std::function<bool()> done);
-  /// Runs in the foreground for so many passes.
+  /// Runs in the foreground for @p count passes.
   int runPasses(int passes);
 
   /// "startup", "incoming FD", "data FD BYTES", and so on, in order.
   std::vector<std::string> calls;
-  /// The calls without the ones of each pass (select, loop, timeout).
+  /// The calls except those of each pass (select, loop, timeout).
   [[nodiscard]] std::vector<std::string> events() const;
-  /// How many calls are @p call to the letter.
+  /// The number of calls that equal @p call.
   [[nodiscard]] int count(const std::string& call) const;
 
   std::function<int(int fd)> onDropSocket;

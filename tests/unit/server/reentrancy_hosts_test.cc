@@ -16,7 +16,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// Hosts that all have something to read in one pass.
+/// Hosts that are all readable in one pass.
 class HostReentrancy : public HostLoop {
  protected:
   static constexpr std::size_t kHosts = 4;
@@ -26,7 +26,7 @@ class HostReentrancy : public HostLoop {
     HostLoop::TearDown();
   }
 
-  /// Runs one pass in which every host is readable and @p handler serves each, told by its place.
+  /// Runs one pass in which every host is readable. @p handler gets the place of each.
   void serveAll(const std::function<void(std::size_t place)>& handler) {
     while (server_.m_hosts.size() < kHosts) {
       server_.add_host("127.0.0.1", kMasterPort);
@@ -166,9 +166,9 @@ TEST_F(HostReentrancy, AHostAddedByAHandlerIsConnectedAtTheEndOfThePass) {
   EXPECT_EQ(log.countContaining("established connection"), 1);
 }
 
-// The number of the dropped one is used again at once, and its peer sends: nothing of that may be
-// taken for the readiness that this pass has seen.
-TEST_F(HostReentrancy, AHandlerReconnectsALaterHostAtOnce) {
+// The number of the dropped connection is reused immediately, and the new peer sends. This must not
+// count as the readiness that this pass has detected.
+TEST_F(HostReentrancy, AHandlerReconnectsALaterHostImmediately) {
   serveAll([&](std::size_t place) {
     if (place == 0) {
       server_.drop_host_connection(sockets_[2]);
@@ -208,7 +208,7 @@ class OutgoingReentrancy : public HostLoop {
     HostLoop::TearDown();
   }
 
-  /// Connects all; @p handler acts in the first call.
+  /// Connects all hosts; @p handler acts in the first call.
   void connectWith(const std::function<void(int fd)>& handler) {
     server_.onOutgoing = [this, &handler](int fd) {
       if (std::exchange(first_, false)) {

@@ -16,8 +16,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-/// A server with so many clients connected. When all are, each sends a byte, so that one pass finds
-/// them all readable; what that pass does is the case.
+/// A server with a number of clients. When all are connected, each sends a byte, so that one pass
+/// finds them all readable. The cases test that pass.
 class InboundReentrancy : public ServerLoop {
  protected:
   static constexpr std::size_t kClients = 5;
@@ -154,7 +154,7 @@ TEST_F(InboundReentrancy, AHandlerDropsItsOwnTwice) {
   EXPECT_EQ(served_, sockets_);
 }
 
-// Numbers are given out lowest first: the new connection has the number of the dropped one.
+// The kernel assigns the lowest free number: the new connection has that of the dropped one.
 TEST_F(InboundReentrancy, AConnectionMadeInsideAHandlerWaitsForTheNextPass) {
   int fresh = -1;
   serveAll([&](int fd) {
@@ -171,7 +171,7 @@ TEST_F(InboundReentrancy, AConnectionMadeInsideAHandlerWaitsForTheNextPass) {
   EXPECT_EQ(left_, sockets_);
 }
 
-// The dropped one had urgent data too, which is not the new one's.
+// The dropped connection had urgent data, which does not belong to the new one.
 TEST_F(InboundReentrancy, AConnectionMadeInsideAHandlerDoesNotInheritTheExceptionalCondition) {
   int fresh = -1;
   server_.onSelect = [&](int /*result*/) {
@@ -238,7 +238,7 @@ TEST_F(ServerLoop, AnIncomingHandlerClosesTheListenersBehindIt) {
   EXPECT_EQ(log.countContaining("unable to accept"), 0);
 }
 
-TEST_F(ServerLoop, AReadingSubclassDropsItsOwnAndSaysItIsAlive) {
+TEST_F(ServerLoop, AReadingSubclassDropsItsOwnAndReportsItAlive) {
   server_.add_port(kPort, false, false);
   UniqueFd client;
   server_.onStarted = [&] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every test of the framework starts from and must leave behind.
+// The initial state of every test of the framework, and checks at its end.
 #ifndef TESTS_UNIT_SERVER_SERVER_TEST_H_
 #define TESTS_UNIT_SERVER_SERVER_TEST_H_
 
@@ -15,7 +15,7 @@
 
 namespace zell::test {
 
-// Ports of the tests; nothing else listens in a test's world.
+// Ports of the tests; no other process listens in a test's world.
 constexpr int kPort = 6001;
 constexpr int kOtherPort = 6002;
 constexpr int kMasterPort = 6012;
@@ -25,8 +25,8 @@ int lastNumber(const std::string& line);
 /// Whether @p fd is an open descriptor.
 bool isOpen(int fd);
 
-/// Puts the class-wide flags, the signals and the fake system back, collects the log, and fails the
-/// test that leaves a descriptor open or loses one.
+/// Resets the static flags, the signals and the fake system, collects the log, and fails a test
+/// that leaks or closes a descriptor of others.
 class ServerTest : public ::testing::Test {
  protected:
   ServerTest();
@@ -36,7 +36,7 @@ class ServerTest : public ::testing::Test {
 
   /// The lines since the last call, as "LEVEL text" (LEVEL as in "INFO").
   std::vector<std::string> lines();
-  /// The same, without the lines of level DEBUG.
+  /// As `lines`, without the level DEBUG.
   std::vector<std::string> linesAboveDebug();
 
   LogCapture log;

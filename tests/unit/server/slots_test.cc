@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The framework's virtual operations: their order, and what they do where nothing overrides them.
+// The framework's virtual operations: their order, and their default behaviour.
 #include <type_traits>
 #include <vector>
 
@@ -19,14 +19,14 @@ using ::testing::IsEmpty;
 static_assert(std::has_virtual_destructor_v<ServerBase>);
 static_assert(!std::is_copy_constructible_v<ServerBase> && !std::is_copy_assignable_v<ServerBase>);
 
-/// A record as accept() leaves it, on a real descriptor.
+/// A record as after accept(), on a real descriptor.
 int enterConnection(OpenServer& server, bool read = true) {
   const int fd = dup(STDERR_FILENO);
   server.m_connections[fd] = Connection{kPort, false, read, 99, fd, "10.0.0.1"};
   return fd;
 }
 
-// A subclass that was compiled separately relies on it.
+// A separately compiled subclass relies on it.
 TEST(ServerBaseSlots, StandInTheirOrder) {
   const std::vector<int> slots{
       slotOf(&ServerBase::drop_socket),
@@ -121,7 +121,7 @@ TEST_F(BaseSlots, GiveUpAPortThatCannotBeOpened) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(BaseSlots, ShowAPacketThatNobodyTakes) {
+TEST_F(BaseSlots, LogAnUnhandledPacket) {
   char packet[] = "hello";
   server_.handle_data_read(7, packet, 5, 6001);
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual void "
@@ -129,7 +129,7 @@ TEST_F(BaseSlots, ShowAPacketThatNobodyTakes) {
                                    "handle=7, port=6001 , buf_len= 5, buf='hello'"));
 }
 
-TEST_F(BaseSlots, ShowNothingBehindAPacket) {
+TEST_F(BaseSlots, LogNothingAfterThePacket) {
   char buffer[] = {'a', 'b', 'c', 'd'};
   server_.handle_data_read(7, buffer, 2, 6001);
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual void "
@@ -137,14 +137,14 @@ TEST_F(BaseSlots, ShowNothingBehindAPacket) {
                                    "handle=7, port=6001 , buf_len= 2, buf='ab'"));
 }
 
-TEST_F(BaseSlots, KeepAReadableSocketThatNobodyReads) {
+TEST_F(BaseSlots, KeepAnUnreadReadableSocket) {
   EXPECT_TRUE(server_.handle_data_read(7, 6001));
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual bool "
                                    "zell::ServerBase::handle_data_read(int, int), "
                                    "handle=7, port=6001"));
 }
 
-TEST_F(BaseSlots, LetThePassGoOnAfterSelect) {
+TEST_F(BaseSlots, ContinueThePassAfterSelect) {
   fd_set read_set{};
   fd_set except_set{};
   EXPECT_FALSE(server_.handle_select(1, &read_set, &except_set));
@@ -152,28 +152,28 @@ TEST_F(BaseSlots, LetThePassGoOnAfterSelect) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(BaseSlots, ShowATimeoutThatNobodyTakes) {
+TEST_F(BaseSlots, LogAnUnhandledTimeout) {
   server_.handle_timeout();
   EXPECT_THAT(
       lines(),
       ElementsAre("INFO Need to override - virtual void zell::ServerBase::handle_timeout()"));
 }
 
-TEST_F(BaseSlots, ShowADeviceThatNobodyReads) {
+TEST_F(BaseSlots, LogAnUnreadDevice) {
   server_.handle_device("/dev/a", 7);
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual void "
                                    "zell::ServerBase::handle_device(const std::string&, int), "
                                    "fn=/dev/a, handle=7"));
 }
 
-TEST_F(BaseSlots, ShowAnIncomingConnectionThatNobodyTakes) {
+TEST_F(BaseSlots, LogAnUnhandledIncomingConnection) {
   server_.handle_incoming_connection(7);
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual void "
                                    "zell::ServerBase::handle_incoming_connection(int), "
                                    "handle = 7"));
 }
 
-TEST_F(BaseSlots, ShowAnOutgoingConnectionThatNobodyTakes) {
+TEST_F(BaseSlots, LogAnUnhandledOutgoingConnection) {
   server_.handle_outgoing_connection(7);
   EXPECT_THAT(lines(), ElementsAre("INFO Need to override - virtual void "
                                    "zell::ServerBase::handle_outgoing_connection(int), "
@@ -199,7 +199,7 @@ TEST_F(BaseSlots, InstallTheSignalHandlersAtStartup) {
   EXPECT_EQ(action.sa_handler, SIG_IGN);
 }
 
-TEST_F(BaseSlots, LeaveOtherSignalsAlone) {
+TEST_F(BaseSlots, DoNotChangeOtherSignals) {
   server_.handle_startup();
   for (const int number : {SIGHUP, SIGUSR1, SIGUSR2, SIGCHLD, SIGALRM}) {
     struct sigaction action {};
@@ -208,7 +208,7 @@ TEST_F(BaseSlots, LeaveOtherSignalsAlone) {
   }
 }
 
-TEST_F(BaseSlots, NoteTheLastSignalAndEndTheLoop) {
+TEST_F(BaseSlots, RecordTheLastSignalAndEndTheLoop) {
   ServerBase::s_run = true;
   ServerBase::signal_quit(SIGTERM);
   EXPECT_FALSE(ServerBase::s_run);
@@ -218,7 +218,7 @@ TEST_F(BaseSlots, NoteTheLastSignalAndEndTheLoop) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(BaseSlots, TellAnUnknownIncomingSocketFromAServedOne) {
+TEST_F(BaseSlots, DistinguishAnUnknownIncomingSocketFromAServedOne) {
   EXPECT_EQ(server_.process_incoming(9), -3);
   EXPECT_THAT(lines(),
               ElementsAre("ERR (PID) huge problem iterator found for incoming data (fd=9)"));

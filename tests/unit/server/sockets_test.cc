@@ -36,7 +36,7 @@ struct Pair {
 
 class ServerSockets : public ServerTest {
  protected:
-  /// The socket of @p port, taken out of the tables so that the test owns it.
+  /// Removes the socket of @p port from the tables, so that the test owns it.
   UniqueFd open(const Port& port) { return UniqueFd(server_.open_port(port)); }
 
   RecordingServer server_;
@@ -62,7 +62,7 @@ TEST_F(ServerSockets, ResolveAName) {
   EXPECT_STREQ(inet_ntoa(address.sin_addr), "127.0.0.1");
 }
 
-TEST_F(ServerSockets, ResolveIntoNowhereFails) {
+TEST_F(ServerSockets, ResolveWithoutAResultPointerFails) {
   EXPECT_EQ(server_.resolve_master(Host{"10.1.2.3", 5112, -1}, nullptr), 1);
   EXPECT_THAT(lines(), ElementsAre("ERR (PID) resolve_master: null addr"));
 }
@@ -125,7 +125,7 @@ TEST_F(ServerSockets, HaveASilentPeerProbed) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ServerSockets, GiveUpKeepaliveWhereThereIsNoSocket) {
+TEST_F(ServerSockets, LogAFailedKeepaliveWithoutASocket) {
   const UniqueFd fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   server_.set_keepalive(fd.get());
   EXPECT_THAT(lines(),
@@ -204,7 +204,7 @@ struct OptionRow {
   const char* name;
 };
 
-// In the order of the log, with the numbers of the kernel's interface.
+// In the order of the log, with the option numbers of the kernel.
 constexpr OptionRow kDumpedOptions[] = {
     {30, "SO_ACCEPTCONN"}, {6, "SO_BROADCAST"}, {14, "SO_BSDCOMPAT"}, {1, "SO_DEBUG"},
     {4, "SO_ERROR"},       {5, "SO_DONTROUTE"}, {9, "SO_KEEPALIVE"},  {10, "SO_OOBINLINE"},
@@ -213,7 +213,7 @@ constexpr OptionRow kDumpedOptions[] = {
     {7, "SO_SNDBUF"},      {3, "SO_TYPE"},
 };
 
-/// The lines that a dump of @p fd makes.
+/// The log lines of a dump of @p fd.
 std::vector<std::string> dumpOf(int fd) {
   std::vector<std::string> dump;
   for (const OptionRow& row : kDumpedOptions) {
@@ -242,7 +242,7 @@ TEST_F(ServerSockets, DumpTheDeviceThatTheyAreBoundTo) {
   EXPECT_EQ(lines().back(), "DEBUG (PID) socket option SO_BINDTODEVICE = lo");
 }
 
-TEST_F(ServerSockets, DumpFailuresWhereThereIsNoSocket) {
+TEST_F(ServerSockets, DumpFailuresWithoutASocket) {
   const UniqueFd fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   std::vector<std::string> expected;
   for (const OptionRow& row : kDumpedOptions) {
@@ -253,7 +253,7 @@ TEST_F(ServerSockets, DumpFailuresWhereThereIsNoSocket) {
   EXPECT_THAT(lines(), ElementsAreArray(expected));
 }
 
-TEST_F(ServerSockets, TellThatAPortIsTakenAndDumpTheOptions) {
+TEST_F(ServerSockets, LogThatAPortIsInUseAndDumpTheOptions) {
   const UniqueFd other = listenOn(kPort);
   const UniqueFd alike = bindTo(kOtherPort);
   std::vector<std::string> expected = dumpOf(alike.get());
@@ -264,7 +264,7 @@ TEST_F(ServerSockets, TellThatAPortIsTakenAndDumpTheOptions) {
   EXPECT_THAT(lines(), ElementsAreArray(expected));
 }
 
-TEST_F(ServerSockets, TellThatAUdpPortIsTaken) {
+TEST_F(ServerSockets, LogThatAUdpPortIsInUse) {
   const UniqueFd other(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in address = loopback(kPort);
   ASSERT_EQ(bind(other.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -274,8 +274,8 @@ TEST_F(ServerSockets, TellThatAUdpPortIsTaken) {
             "CRIT (PID) cannot bind socket: port = 6001, Address already in use");
 }
 
-// Between bind and listen somebody else starts to listen on the port.
-TEST_F(ServerSockets, TellThatListeningFailed) {
+// Between bind and listen another socket starts to listen on the port.
+TEST_F(ServerSockets, LogThatListeningFailed) {
   const UniqueFd other = bindTo(kPort);
   log.onEntry = [&](const LogEntry& entry) {
     if (entry.text.find("bind succeeded") != std::string::npos) {
@@ -301,7 +301,7 @@ TEST_F(ServerSockets, DumpTheOptionsWhenListeningFailed) {
             static_cast<int>(std::size(kDumpedOptions)) + 1);
 }
 
-TEST_F(ServerSockets, TellThatNoSocketCanBeMade) {
+TEST_F(ServerSockets, LogThatNoSocketCanBeCreated) {
   const DescriptorLimit limit(static_cast<int>(openDescriptors().size()));
   const NumbersTaken taken(1024);
   EXPECT_EQ(server_.open_port(Port{kPort, false, true}), -1);
@@ -312,7 +312,7 @@ TEST_F(ServerSockets, TellThatNoSocketCanBeMade) {
 
 // Reading.
 
-TEST_F(ServerSockets, HandOverWhatCame) {
+TEST_F(ServerSockets, PassReceivedBytes) {
   const Pair pair;
   sendAll(pair.far, "hello");
   EXPECT_EQ(server_.process_read(pair.near.get(), kPort, true), 0);
@@ -328,7 +328,7 @@ TEST_F(ServerSockets, AllocateTheBufferOnFirstUse) {
   EXPECT_EQ(server_.read_buffer_size(), 4096U);
 }
 
-TEST_F(ServerSockets, KeepABufferOfTheSubclassesSize) {
+TEST_F(ServerSockets, KeepABufferWithTheSubclassesSize) {
   const Pair pair;
   server_.set_read_buffer_size(3);
   sendAll(pair.far, "abcdefgh");
@@ -369,20 +369,20 @@ TEST_F(ServerSockets, StayAliveWhenReadingFails) {
                                    ", 88 Socket operation on non-socket"));
 }
 
-TEST_F(ServerSockets, DieOfAnEmptyReadOfAnInboundConnection) {
+TEST_F(ServerSockets, EndAfterAnEmptyReadOfAnInboundConnection) {
   Pair pair;
   pair.far.reset();
   const int fd = pair.near.get();
   server_.m_connections[fd] = Connection{kPort, false, true, 9, fd, "10.0.0.1"};
   server_.add_host("also", 1);
-  server_.m_hosts.front().socket = fd;  // the inbound table is asked first
+  server_.m_hosts.front().socket = fd;  // the inbound table is searched first
   EXPECT_EQ(server_.process_read(fd, kPort, true), 1);
   EXPECT_THAT(server_.calls, IsEmpty());
   EXPECT_THAT(lines(), ElementsAre("WARNING (PID) empty read from inbound socket " +
                                    std::to_string(fd) + ", from 10.0.0.1, it's dead"));
 }
 
-TEST_F(ServerSockets, DieOfAnEmptyReadOfAnOutboundConnection) {
+TEST_F(ServerSockets, EndAfterAnEmptyReadOfAnOutboundConnection) {
   Pair pair;
   pair.far.reset();
   const int fd = pair.near.get();
@@ -394,7 +394,7 @@ TEST_F(ServerSockets, DieOfAnEmptyReadOfAnOutboundConnection) {
                                    std::to_string(fd) + ", to master, it's dead"));
 }
 
-TEST_F(ServerSockets, DieOfAnEmptyReadOfAnUnknownConnection) {
+TEST_F(ServerSockets, EndAfterAnEmptyReadOfAnUnknownConnection) {
   Pair pair;
   pair.far.reset();
   const int fd = pair.near.get();

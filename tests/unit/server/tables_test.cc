@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a new server holds, and how its tables and settings are changed.
+// The initial state of a server, and changes of its tables and settings.
 #include <syslog.h>
 
 #include "unit/server/peers.h"
@@ -12,7 +12,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Read before main, when no test has touched them yet.
+// Read before main, so that no test has changed them.
 const bool kRunAtStart = ServerBase::s_run;
 const int kSignalAtStart = ServerBase::s_signal;
 
@@ -100,7 +100,7 @@ TEST(ServerRecordsTest, TheFlagsStartClear) {
   EXPECT_EQ(kSignalAtStart, -1);
 }
 
-TEST(ServerRecordsTest, AFreshConnectionBelongsNowhere) {
+TEST(ServerRecordsTest, ANewConnectionHasNoPortAndNoSocket) {
   const Connection connection;
   EXPECT_EQ(connection.port, -1);
   EXPECT_FALSE(connection.udp);
@@ -118,7 +118,7 @@ TEST_F(ServerTables, AddAPortWithItsFlags) {
   EXPECT_FALSE(port.read);
 }
 
-TEST_F(ServerTables, ReplaceTheFlagsOfAPortThatIsThere) {
+TEST_F(ServerTables, ReplaceTheFlagsOfAnExistingPort) {
   server_.add_port(kPort, false, true);
   server_.add_port(kPort, true, false);
   ASSERT_EQ(server_.m_ports.size(), 1U);
@@ -164,7 +164,7 @@ TEST_F(ServerTables, AppendHostsUnconnected) {
   EXPECT_THAT(hostsOf(server_), ElementsAre("b:2 -1", "a:1 -1"));
 }
 
-TEST_F(ServerTables, KeepAHostTwiceThatIsAddedTwice) {
+TEST_F(ServerTables, KeepAHostThatIsAddedTwiceTwice) {
   server_.add_host("a", 1);
   server_.add_host("a", 1);
   EXPECT_THAT(hostsOf(server_), ElementsAre("a:1 -1", "a:1 -1"));
@@ -176,7 +176,7 @@ TEST_F(ServerTables, RefuseAHostWithoutAName) {
   EXPECT_THAT(lines(), ElementsAre("WARNING (PID) adding empty host, ignoring"));
 }
 
-TEST_F(ServerTables, TakeHostsWhileTheLoopRuns) {
+TEST_F(ServerTables, AcceptHostsWhileTheLoopRuns) {
   ServerBase::s_run = true;
   server_.add_host("a", 1);
   EXPECT_THAT(hostsOf(server_), ElementsAre("a:1 -1"));
@@ -195,7 +195,7 @@ TEST_F(ServerTables, RemoveTheFirstUnconnectedHostOfThatNameAndPort) {
   EXPECT_THAT(hostsOf(server_), ElementsAre("a:1 77", "a:2 -1", "a:1 -1", "b:1 -1"));
 }
 
-TEST_F(ServerTables, LeaveConnectedAndOtherHostsAlone) {
+TEST_F(ServerTables, KeepConnectedAndOtherHosts) {
   server_.add_host("a", 1);
   server_.m_hosts.front().socket = 77;
   server_.remove_host("a", 1);
@@ -205,7 +205,7 @@ TEST_F(ServerTables, LeaveConnectedAndOtherHostsAlone) {
   EXPECT_THAT(lines(), IsEmpty());
 }
 
-TEST_F(ServerTables, TakeALogFacilityBeforeTheLoopRunsOnly) {
+TEST_F(ServerTables, AcceptALogFacilityOnlyBeforeTheLoopRuns) {
   server_.set_log_facility(LOG_LOCAL5);
   EXPECT_EQ(server_.log_facility(), LOG_LOCAL5);
   ServerBase::s_run = true;
@@ -230,7 +230,7 @@ TEST_F(ServerTables, SwitchTheTimeoutOnAndOff) {
   EXPECT_FALSE(server_.m_use_timeout);
 }
 
-TEST_F(ServerTables, TakeANewReadBuffer) {
+TEST_F(ServerTables, AllocateANewReadBuffer) {
   server_.set_read_buffer_size(10);
   EXPECT_EQ(server_.read_buffer_size(), 10U);
   ASSERT_NE(server_.m_read_buffer, nullptr);

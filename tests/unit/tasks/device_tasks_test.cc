@@ -24,7 +24,7 @@ TEST_F(DeviceTasksTest, BlinkLedsStartsTheNamedStyle) {
   }
 }
 
-TEST_F(DeviceTasksTest, BlinkLedsHandsAnUnknownWordOn) {
+TEST_F(DeviceTasksTest, BlinkLedsPassesAnUnknownWord) {
   (void)run({"blinkleds", "slow"});
   for (const std::string word : {"Slow", "", "slow ", "unknown"}) {
     EXPECT_EQ(run({"blinkleds", word}), replyRecord("", "1 0 1 22 0")) << word;
@@ -33,13 +33,13 @@ TEST_F(DeviceTasksTest, BlinkLedsHandsAnUnknownWordOn) {
   EXPECT_EQ(device.blinking, LedStyle::slow);
 }
 
-TEST_F(DeviceTasksTest, BlinkLedsIsAnsweredOnTheConnectionThatAskedAlsoWhenAnotherDrives) {
+TEST_F(DeviceTasksTest, BlinkLedsIsAnsweredOnItsConnectionWhenAnotherDrivesTheLeds) {
   (void)run({"fileexists", "/none"});
   const ByteCountSlave newer(sockets.near());
   EXPECT_EQ(run({"blinkleds", "fast"}), replyRecord(""));
 }
 
-TEST_F(DeviceTasksTest, ChangeLedsTakesOnlyAOneForOn) {
+TEST_F(DeviceTasksTest, ChangeLedsAcceptsOnlyAOneAsOn) {
   (void)run({"changeleds", "1", "1"});
   EXPECT_TRUE(device.firstLed && device.secondLed);
   (void)run({"changeleds", "1", "0"});
@@ -75,7 +75,7 @@ TEST_F(DeviceTasksTest, UpdateUmStatePassesKeyAndStateUnchanged) {
   EXPECT_EQ(run({"updateumstate", "../key", state}), replyRecord("", "1 0 1 22 0"));
 }
 
-TEST_F(DeviceTasksTest, RestartAsksForAStopAndAnswersNothing) {
+TEST_F(DeviceTasksTest, RestartRequestsAStopAndAnswersNothing) {
   EXPECT_EQ(run({"restart"}), "none");
   EXPECT_TRUE(slave.stopRequested());
   EXPECT_EQ(sockets.received(), "");
@@ -106,21 +106,21 @@ TEST_F(DeviceTasksTest, RebootIsAcknowledgedWithTheStatusOfTheLastTask) {
   EXPECT_EQ(sockets.received(), reply("", "1 3 -1 0 9"));
 }
 
-TEST_F(DeviceTasksTest, RebootThatFailsStopsTheDaemonAllTheSame) {
+TEST_F(DeviceTasksTest, RebootThatFailsStillStopsTheDaemon) {
   device.failures["reboot"] = EPERM;
   EXPECT_EQ(run({"reboot"}), "none");
   EXPECT_TRUE(slave.stopRequested());
   EXPECT_EQ(sockets.received(), reply(""));
 }
 
-TEST_F(DeviceTasksTest, RebootHappensAlsoWhenThePeerIsGone) {
+TEST_F(DeviceTasksTest, RebootHappensWhenThePeerHasDisconnected) {
   sockets.closeFar();
   EXPECT_EQ(run({"reboot"}), "none");
   EXPECT_THAT(asked(), ElementsAre("reboot"));
   EXPECT_TRUE(slave.stopRequested());
 }
 
-TEST_F(DeviceTasksTest, RequestsBehindARebootAreStillAnswered) {
+TEST_F(DeviceTasksTest, RequestsAfterARebootAreStillAnswered) {
   std::string packet = request({"reboot"}) + request({"hostid"});
   slave.handleMessage(packet);
   EXPECT_EQ(sockets.received(), reply("") + reply("0123abcd"));

@@ -14,14 +14,14 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// The record that is printed when nothing could be found out.
+// The record of a failed stat.
 const std::string kZeroStat =
     "dev=0 ino=0 mode=0000000 nlink=0 uid=0 gid=0 rdev=0 size=0 blksize=0 blocks=0 "
     "atime=0.000000000 mtime=0.000000000 ctime=0.000000000\n";
 
 class FileTasksTest : public TaskCase {};
 
-TEST_F(FileTasksTest, FileExistsSaysSoInTheStatusAlone) {
+TEST_F(FileTasksTest, FileExistsAnswersInTheStatusOnly) {
   device.files["/file"] = "";
   EXPECT_EQ(run({"fileexists", "/file"}), "SlaveTask 0 0 0: 0 0 0 0 0");
   EXPECT_EQ(run({"fileexists", "/none"}), "SlaveTask 0 0 0: 1 0 1 2 0");
@@ -33,7 +33,7 @@ TEST_F(FileTasksTest, PathsArePassedUnchanged) {
   EXPECT_THAT(asked(), ElementsAre("unlink " + odd));
 }
 
-TEST_F(FileTasksTest, EmptyPathIsPassedOn) {
+TEST_F(FileTasksTest, EmptyPathIsPassed) {
   EXPECT_EQ(run({"fileexists", ""}), replyRecord("", "1 0 1 2 0"));
   EXPECT_THAT(asked(), ElementsAre("fileExists "));
 }
@@ -62,7 +62,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, AccessModeTest,
                                            // power of 32.
                                            Mode{"-1", "4294967295"}, Mode{"-4", "4294967292"},
                                            Mode{"4294967295", "4294967295"},
-                                           // More than the number can hold: the highest there is,
+                                           // Out of range: the maximum,
                                            // which access(2) refuses.
                                            Mode{"4294967296", "4294967295"},
                                            Mode{"99999999999999999999999999", "4294967295"}));
@@ -72,7 +72,7 @@ TEST_F(FileTasksTest, AccessFailureIsInTheStatus) {
   EXPECT_EQ(run({"access", "/a", "4"}), replyRecord("", "1 0 1 13 0"));
 }
 
-TEST_F(FileTasksTest, AppendTwiceLeavesBoth) {
+TEST_F(FileTasksTest, AppendTwiceKeepsBoth) {
   EXPECT_EQ(run({"append", "/log", "a"}), replyRecord(""));
   EXPECT_EQ(run({"append", "/log", "b"}), replyRecord(""));
   EXPECT_EQ(device.files["/log"], "ab");
@@ -97,7 +97,7 @@ TEST_F(FileTasksTest, WriteFailureIsInTheStatus) {
   EXPECT_EQ(run({"write", "/w", "data"}), replyRecord("", "1 0 1 28 0"));
 }
 
-TEST_F(FileTasksTest, ReadAnswersTheFileByteForByte) {
+TEST_F(FileTasksTest, ReadReturnsTheFileUnchanged) {
   device.files["/f"] = std::string("line\n\0\xff", 7);
   EXPECT_EQ(run({"read", "/f"}), replyRecord(std::string("line\n\0\xff", 7)));
 }
@@ -111,7 +111,7 @@ TEST_F(FileTasksTest, ReadFailureHasNoText) {
   EXPECT_EQ(run({"read", "/none"}), replyRecord("", "1 0 1 2 0"));
 }
 
-TEST_F(FileTasksTest, ReadOfMoreThanAReplyHoldsIsAFailureWithoutText) {
+TEST_F(FileTasksTest, ReadAboveTheLimitOfAReplyIsAFailureWithoutText) {
   device.files["/big"] = std::string(kMaxReplyText + 1, 'x');
   EXPECT_EQ(run({"read", "/big"}), replyRecord("", "1 0 1 27 0"));
 }
@@ -190,7 +190,7 @@ TEST_F(FileTasksTest, RenamePassesBothPathsInTheirOrder) {
   EXPECT_EQ(device.files["/new"], "content");
 }
 
-TEST_F(FileTasksTest, UnlinkAndChmodxAnswerTheStatusAlone) {
+TEST_F(FileTasksTest, UnlinkAndChmodxAnswerTheStatusOnly) {
   device.files["/f"] = "content";
   EXPECT_EQ(run({"chmodx", "/f"}), replyRecord(""));
   EXPECT_EQ(run({"unlink", "/f"}), replyRecord(""));
@@ -209,7 +209,7 @@ TEST_F(FileTasksTest, WalkTreeWithoutAWalkerHasNoText) {
   EXPECT_EQ(run({"walktree", "/none"}), replyRecord("", "1 0 1 2 0"));
 }
 
-TEST_F(FileTasksTest, WalkTreeFailureCarriesWhatWasGathered) {
+TEST_F(FileTasksTest, WalkTreeFailureCarriesThePartialTree) {
   device.directories["/d"] = {};
   device.tree = "d0755 0 0 0 1 .\n";
   device.failures["walkTree"] = EACCES;

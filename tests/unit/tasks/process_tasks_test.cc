@@ -24,7 +24,7 @@ TEST_F(ProcessTasksTest, ExecPassesAnyExecParamUnchanged) {
   }
 }
 
-TEST_F(ProcessTasksTest, ExecTakesArgumentsAsTheyAre) {
+TEST_F(ProcessTasksTest, ExecPassesArgumentsUnchanged) {
   (void)run({"exec", "/bin/sh", "-c", "exit 3; echo \"$HOME\"", ""});
   EXPECT_THAT(asked(), ElementsAre("exec /bin/sh -c exit 3; echo \"$HOME\"  | 0"));
 }
@@ -54,14 +54,14 @@ TEST_F(ProcessTasksTest, ExecThatCannotStartHasNoOutput) {
   EXPECT_EQ(run({"exec", "/none"}), replyRecord("", "1 0 1 2 0"));
 }
 
-TEST_F(ProcessTasksTest, KillAndWaitActOnTheProgramLeftRunning) {
+TEST_F(ProcessTasksTest, KillAndWaitActOnTheBackgroundProgram) {
   EXPECT_EQ(run({"exec", "/bin/sleep", "9"}, -1), replyRecord("", "2 1 0 0 0"));
   EXPECT_EQ(run({"kill"}), replyRecord("", "0 3 -1 0 15"));
   (void)run({"exec", "/bin/sleep", "9"}, -1);
   EXPECT_EQ(run({"wait"}), replyRecord("", "0 2 0 0 0"));
 }
 
-TEST_F(ProcessTasksTest, KillAndWaitWithoutAProgramReachTheProxyAndSaySo) {
+TEST_F(ProcessTasksTest, KillAndWaitWithoutAProgramFail) {
   EXPECT_EQ(run({"kill"}), replyRecord("", "1 0 1 3 0"));
   EXPECT_EQ(run({"wait"}), replyRecord("", "1 0 1 10 0"));
   EXPECT_THAT(asked(), ElementsAre("kill", "wait"));
@@ -76,7 +76,7 @@ TEST_F(ProcessTasksTest, ConnectionsShareNoProgram) {
   EXPECT_EQ(run({"kill"}), replyRecord("", "0 3 -1 0 15"));
 }
 
-TEST_F(ProcessTasksTest, ProcessRunningIsAFailureWhenTheAnswerIsNo) {
+TEST_F(ProcessTasksTest, ProcessRunningFailsWithoutSuchAProcess) {
   device.processes = {"init"};
   EXPECT_EQ(run({"processrunning", "init"}), replyRecord(""));
   EXPECT_EQ(run({"processrunning", "ini"}), replyRecord("", "1 0 1 3 0"));

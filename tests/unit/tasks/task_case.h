@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One byte-count connection on a fake device, to which requests are given as records.
+// One byte-count connection on a fake device. Tests pass requests as records.
 #ifndef TESTS_UNIT_TASKS_TASK_CASE_H_
 #define TESTS_UNIT_TASKS_TASK_CASE_H_
 
@@ -21,7 +21,7 @@
 
 namespace zell::test {
 
-/// A device without a past; a base, so that it is clean before the connection is made.
+/// Resets the device. A base class, so that this happens before the connection is constructed.
 class CleanDevice {
  protected:
   CleanDevice() {
@@ -52,7 +52,7 @@ class TaskCase : public ::testing::Test, protected CleanDevice {
     return text.str();
   }
 
-  /// What the connection's proxy was asked.
+  /// The calls of the connection's proxy.
   static const std::vector<std::string>& asked() { return FakeProxy::newest().calls; }
 
   static std::string ownPrefix() { return "(" + std::to_string(getpid()) + ") "; }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What holds for all 25 tasks, and for what is none.
+// Rules for all 25 tasks and for unknown tasks.
 #include <cerrno>
 #include <ostream>
 #include <string>
@@ -17,11 +17,11 @@ using ::testing::IsEmpty;
 
 using Strings = std::vector<std::string>;
 
-// A task with as many arguments as it reads.
+// A task with its arguments.
 struct Task {
   Strings request;
-  std::string call;       // what the proxy is asked
-  std::string operation;  // its name, to make it fail
+  std::string call;       // the call of the proxy
+  std::string operation;  // the operation's name, to make it fail
 };
 
 std::ostream& operator<<(std::ostream& out, const Task& task) {
@@ -99,7 +99,7 @@ TEST_P(EveryTaskTest, AnswersWithoutArgumentsAndExecParam) {
 
 TEST_P(EveryTaskTest, CarriesTheOperationsFailure) {
   if (answersItself()) {
-    return;  // those have no status of their own, see below
+    return;  // their reply has no separate status, see below
   }
   device.failures[GetParam().operation] = EIO;
   const std::string answer = run(GetParam().request);
@@ -126,13 +126,13 @@ TEST_P(EveryTaskTest, IgnoresArgumentsThatItDoesNotRead) {
   Strings more = GetParam().request;
   more.insert(more.end(), {"", "surplus", std::string("\0", 1)});
   (void)run(more);
-  if (GetParam().request[0] != "exec") {  // which reads them all
+  if (GetParam().request[0] != "exec") {  // reads all arguments
     EXPECT_EQ(asked(), expectedCalls());
   }
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_P(EveryTaskTest, IsKnownByItsNameToTheLetterOnly) {
+TEST_P(EveryTaskTest, IsKnownOnlyByItsExactName) {
   const std::string& name = GetParam().request[0];
   std::string capital = name;
   capital[0] = static_cast<char>(capital[0] - 'a' + 'A');
@@ -165,8 +165,8 @@ TEST_F(UnknownTaskTest, MayHaveAnyBytesInItsName) {
   EXPECT_THAT(log.texts(), ElementsAre("(PID) unknown cmd: a%s%n"));
 }
 
-// Text of 256 MiB: the reply is looked at in parts, since each copy takes a second.
-TEST_F(UnknownTaskTest, IsAnsweredWithoutItsNameWhenThatIsTooLongForAReply) {
+// The text has 256 MiB: the test checks the reply in parts, because each copy takes a second.
+TEST_F(UnknownTaskTest, IsAnsweredWithoutItsNameWhenTooLongForAReply) {
   std::vector<std::string> name(1);
   name[0].assign(kMaxReplyText - (ownPrefix() + "unknown cmd: ").size(), 'x');
   const std::unique_ptr<SlaveTask> fitting = answerTo(name);
@@ -181,7 +181,7 @@ TEST_F(UnknownTaskTest, IsAnsweredWithoutItsNameWhenThatIsTooLongForAReply) {
   EXPECT_EQ(log.entries().size(), 1U);
 }
 
-TEST_F(UnknownTaskTest, LeavesTheStatusOfTheLastTaskAlone) {
+TEST_F(UnknownTaskTest, DoesNotChangeTheStatusOfTheLastTask) {
   (void)run({"fileexists", "/none"});
   (void)run({"frobnicate"});
   (void)run({"reboot"});

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whatever comes, and however it is cut into packets, the codec finds what a plain reading of the
-// whole stream finds.
+// For any stream and any split into packets, the codec finds the same messages as a simple parser
+// of the whole stream.
 #include <algorithm>
 #include <random>
 #include <string>
@@ -48,7 +48,7 @@ bool isPrefixOfACount(const std::string& digits) {
          (digits.empty() || std::stoul(digits) <= kMaxFramePayload);
 }
 
-// The rules once more, with the whole stream at hand and no thought of speed.
+// A reference parser of the whole stream, without regard to speed.
 Reading readWhole(const std::string& stream) {
   Reading reading;
   std::size_t at = 0;
@@ -69,7 +69,7 @@ Reading readWhole(const std::string& stream) {
   }
 }
 
-// What the codec makes of @p stream, cut into packets of up to @p most bytes.
+// The result of the codec for @p stream in packets of up to @p most bytes.
 Reading readInCuts(Random& random, const std::string& stream, std::size_t most) {
   test::LogCapture log;
   const test::SocketPair sockets = test::SocketPair::local();
@@ -112,7 +112,7 @@ std::string randomStream(Random& random) {
   return stream;
 }
 
-TEST(FrameCodecPropertyTest, AnyCuttingGivesTheSameMessages) {
+TEST(FrameCodecPropertyTest, AnySplitGivesTheSameMessages) {
   for (unsigned seed = 1; seed <= 1500; ++seed) {
     Random random(seed);
     const std::string stream = randomStream(random);
@@ -122,7 +122,7 @@ TEST(FrameCodecPropertyTest, AnyCuttingGivesTheSameMessages) {
   }
 }
 
-TEST(FrameCodecPropertyTest, ADamagedStreamGivesNothingBeyondTheDamage) {
+TEST(FrameCodecPropertyTest, ADamagedStreamGivesNothingAfterTheDamage) {
   for (unsigned seed = 1; seed <= 3000; ++seed) {
     Random random(seed);
     std::string stream = randomStream(random);
@@ -134,7 +134,7 @@ TEST(FrameCodecPropertyTest, ADamagedStreamGivesNothingBeyondTheDamage) {
   }
 }
 
-TEST(FrameCodecPropertyTest, AnyOrderOfTheFramingsOwnBytesIsReadByTheRules) {
+TEST(FrameCodecPropertyTest, AnySequenceOfFramingBytesIsParsedByTheRules) {
   const std::string alphabet = std::string(
       "\x01\x01\x01\x02\x02\x02"
       "0012345689 \r\nx");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The framing as it comes in: what is a message, and what ends the connection.
+// Parsing of frames: messages, and errors that end the connection.
 #include <ostream>
 #include <string>
 #include <vector>
@@ -56,13 +56,13 @@ TEST_F(FrameCodecTest, HoldsNothingAtFirst) {
   EXPECT_FALSE(codec_.dataAvailable());
 }
 
-TEST_F(FrameCodecTest, LeavesTheStringAloneWhenNoMessageWaits) {
+TEST_F(FrameCodecTest, DoesNotChangeTheStringWithoutAMessage) {
   std::string message = "mine";
   EXPECT_FALSE(codec_.recvMessage(message));
   EXPECT_EQ(message, "mine");
 }
 
-TEST_F(FrameCodecTest, HandsOutThePayloadWithoutItsFraming) {
+TEST_F(FrameCodecTest, ReturnsThePayloadWithoutItsFraming) {
   codec_.acceptBytes(
       "\x01"
       "5\x02"
@@ -101,7 +101,7 @@ TEST_F(FrameCodecTest, AFrameMayComeInThousandsOfPackets) {
   EXPECT_EQ(messages(), Messages{payload});
 }
 
-TEST_F(FrameCodecTest, CutAtEveryByteTheMessagesStayTheSame) {
+TEST_F(FrameCodecTest, TheMessagesAreTheSameForASplitAtEveryByte) {
   const std::string bytes = frame("one") + " \r\n" + frame("") + frame(std::string(11, '\x01'));
   const Messages expected = {"one", "", std::string(11, '\x01')};
   for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
@@ -156,7 +156,7 @@ TEST_F(FrameCodecTest, MessagesTakenOneByOneKeepTheirOrder) {
   EXPECT_EQ(taken, 900);
 }
 
-TEST_F(FrameCodecTest, AMessageThatIsComingInSurvivesABurstBeforeIt) {
+TEST_F(FrameCodecTest, APartialMessageSurvivesABurstBeforeIt) {
   std::string burst;
   for (int i = 0; i < 500; ++i) {
     burst += frame(std::to_string(i));
@@ -177,7 +177,7 @@ TEST_F(FrameCodecTest, AcceptsTheLongestCount) {
   EXPECT_FALSE(codec_.dataAvailable());
 }
 
-TEST_F(FrameCodecTest, ABadFrameEndsTheReadingSideOnly) {
+TEST_F(FrameCodecTest, ABadFrameShutsDownOnlyTheReadingSide) {
   codec_.acceptBytes("GET / HTTP/1.1\r\n");
   char byte = 0;
   EXPECT_EQ(recv(sockets_.near(), &byte, 1, MSG_DONTWAIT), 0);
@@ -185,7 +185,7 @@ TEST_F(FrameCodecTest, ABadFrameEndsTheReadingSideOnly) {
   EXPECT_EQ(sockets_.received(), frame("an answer"));
 }
 
-TEST_F(FrameCodecTest, ABadFrameOnTcpLetsTheReaderFindTheEnd) {
+TEST_F(FrameCodecTest, ABadFrameOnTcpEndsLaterReads) {
   const SocketPair tcp = SocketPair::tcp();
   ByteCountProtocol codec(tcp.near());
   codec.acceptBytes("\x01-");
@@ -193,7 +193,7 @@ TEST_F(FrameCodecTest, ABadFrameOnTcpLetsTheReaderFindTheEnd) {
   EXPECT_EQ(recv(tcp.near(), &byte, 1, MSG_DONTWAIT), 0);
 }
 
-TEST_F(FrameCodecTest, WithoutASocketABadFrameIsToldByTheErrorAlone) {
+TEST_F(FrameCodecTest, WithoutASocketABadFrameIsReportedOnlyByTheError) {
   ByteCountProtocol codec(ByteCountProtocol::kNoSocket);
   codec.acceptBytes(
       "\x01"
@@ -206,7 +206,7 @@ TEST_F(FrameCodecTest, WithoutASocketABadFrameIsToldByTheErrorAlone) {
   EXPECT_TRUE(log_.entries().empty());
 }
 
-TEST_F(FrameCodecTest, ASoundStreamHasNoError) {
+TEST_F(FrameCodecTest, AValidStreamHasNoError) {
   codec_.acceptBytes(
       "\x01"
       "1\x02"
@@ -214,7 +214,7 @@ TEST_F(FrameCodecTest, ASoundStreamHasNoError) {
   EXPECT_EQ(codec_.error(), "");
 }
 
-TEST_F(FrameCodecTest, ABadFrameOnASocketThatIsGoneIsOnlyLogged) {
+TEST_F(FrameCodecTest, ABadFrameOnAClosedSocketIsOnlyLogged) {
   ByteCountProtocol codec(-1);
   codec.acceptBytes("x");
   EXPECT_EQ(
@@ -243,7 +243,7 @@ TEST_F(FrameCodecTest, ABadFrameIsLoggedOnce) {
             (std::vector<LogEntry>{{LOG_ERR, badFrame("byte 0x78 where a frame must begin")}}));
 }
 
-// A stream that is sound up to its last byte, and what the log says of that one.
+// A stream that is valid up to its last byte, and the log line about that byte.
 struct BadStream {
   const char* name;
   std::string bytes;
@@ -256,7 +256,7 @@ std::ostream& operator<<(std::ostream& out, const BadStream& bad) {
 
 class BadFrameTest : public FrameCodecTest, public testing::WithParamInterface<BadStream> {};
 
-TEST_P(BadFrameTest, IsSeenAtTheFirstWrongByteAndNotBefore) {
+TEST_P(BadFrameTest, IsDetectedAtTheFirstWrongByteAndNotBefore) {
   const BadStream& bad = GetParam();
   acceptByteByByte(frame("before"));
   acceptByteByByte(bad.bytes.substr(0, bad.bytes.size() - 1));
@@ -266,7 +266,7 @@ TEST_P(BadFrameTest, IsSeenAtTheFirstWrongByteAndNotBefore) {
   EXPECT_EQ(messages(), Messages{"before"});
 }
 
-TEST_P(BadFrameTest, IsTheSameInOnePacket) {
+TEST_P(BadFrameTest, IsDetectedInOnePacket) {
   const BadStream& bad = GetParam();
   codec_.acceptBytes(frame("before") + bad.bytes + frame("after"));
   EXPECT_EQ(log_.entries(), (std::vector<LogEntry>{{LOG_ERR, badFrame(bad.what)}}));

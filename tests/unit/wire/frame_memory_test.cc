@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the codec costs: memory by what came, work in proportion to it.
+// The cost of the codec: memory and work are proportional to the received bytes.
 #include <string>
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ constexpr std::size_t kPacket = 4096;
 
 class FrameMemoryTest : public testing::Test {
  protected:
-  // Hands the codec a frame of @p size bytes as the server would: in packets.
+  // Passes a frame of @p size bytes to the codec in packets, like the server.
   void acceptLarge(std::size_t size) {
     const std::string packet(kPacket, 'x');
     codec_.acceptBytes('\x01' + std::to_string(size) + '\x02');
@@ -35,7 +35,7 @@ class FrameMemoryTest : public testing::Test {
   ByteCountProtocol codec_{sockets_.near()};
 };
 
-TEST_F(FrameMemoryTest, AnAnnouncedGiantCostsNothingUntilItComes) {
+TEST_F(FrameMemoryTest, AHugeAnnouncedLengthAllocatesNothing) {
   const std::string begin =
       "\x01"
       "268435456\x02"
@@ -45,7 +45,7 @@ TEST_F(FrameMemoryTest, AnAnnouncedGiantCostsNothingUntilItComes) {
   EXPECT_LT(memory.peak(), 1024);
 }
 
-TEST_F(FrameMemoryTest, AtMostFourTimesWhatCameIsReserved) {
+TEST_F(FrameMemoryTest, AtMostFourTimesTheReceivedBytesAreReserved) {
   const AllocationCount memory;
   const std::string packet(kPacket, 'x');
   codec_.acceptBytes(
@@ -78,11 +78,11 @@ TEST_F(FrameMemoryTest, TheBufferOfAWholeMessageFitsIt) {
   EXPECT_LT(memory.peak(), static_cast<std::ptrdiff_t>(64 * kMiB * 5 / 4 + 4 * kPacket));
 }
 
-TEST_F(FrameMemoryTest, WorkGrowsWithTheMessageAndNoFaster) {
+TEST_F(FrameMemoryTest, WorkIsLinearInTheMessage) {
   for (const std::size_t size : {1 * kMiB, 4 * kMiB, 16 * kMiB, 64 * kMiB}) {
     const AllocationCount memory;
     acceptLarge(size);
-    // Whatever is copied from buffer to buffer was allocated before.
+    // All copied bytes were allocated before.
     EXPECT_LT(memory.bytes(), size + size / 2) << size;
     EXPECT_LT(memory.calls(), 20u) << size;
     std::string message;
@@ -91,7 +91,7 @@ TEST_F(FrameMemoryTest, WorkGrowsWithTheMessageAndNoFaster) {
   }
 }
 
-TEST_F(FrameMemoryTest, HandingOutALargeMessageCopiesNothing) {
+TEST_F(FrameMemoryTest, ReturningALargeMessageCopiesNothing) {
   acceptLarge(16 * kMiB);
   std::string message;
   const AllocationCount memory;
@@ -100,7 +100,7 @@ TEST_F(FrameMemoryTest, HandingOutALargeMessageCopiesNothing) {
   EXPECT_EQ(message.size(), 16 * kMiB);
 }
 
-TEST_F(FrameMemoryTest, ALargeBufferIsGivenBack) {
+TEST_F(FrameMemoryTest, ALargeBufferIsFreed) {
   const AllocationCount memory;
   for (int round = 0; round < 3; ++round) {
     acceptLarge(4 * kMiB);
@@ -110,7 +110,7 @@ TEST_F(FrameMemoryTest, ALargeBufferIsGivenBack) {
   EXPECT_LT(memory.live(), static_cast<std::ptrdiff_t>(2 * kPacket));
 }
 
-TEST_F(FrameMemoryTest, SmallMessagesCostNoAllocationOnceTheFirstHavePassed) {
+TEST_F(FrameMemoryTest, SmallMessagesCostNoAllocationAfterTheFirstOnes) {
   const std::string bytes = frame(std::string(100, 'x')) + frame(std::string(60, 'y'));
   std::string message;
   AllocationCount memory;
@@ -125,7 +125,7 @@ TEST_F(FrameMemoryTest, SmallMessagesCostNoAllocationOnceTheFirstHavePassed) {
   EXPECT_EQ(memory.calls(), 0u);
 }
 
-TEST_F(FrameMemoryTest, TheMemoryOfABurstIsGivenBack) {
+TEST_F(FrameMemoryTest, TheMemoryOfABurstIsFreed) {
   std::string burst;
   for (int i = 0; i < 100000; ++i) {
     burst += frame(std::string(40, 'x'));
@@ -138,7 +138,7 @@ TEST_F(FrameMemoryTest, TheMemoryOfABurstIsGivenBack) {
   EXPECT_LT(memory.live(), 65536);
 }
 
-TEST_F(FrameMemoryTest, ABacklogThatIsNeverEmptyStaysAsLargeAsItIs) {
+TEST_F(FrameMemoryTest, ABacklogThatIsNeverEmptyDoesNotGrow) {
   std::string message;
   codec_.acceptBytes(frame("one ahead"));
   const AllocationCount memory;

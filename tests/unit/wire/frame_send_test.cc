@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The framing as it goes out: whole, in as few calls as it takes, and never to a peer that is lost.
+// Sending of frames: complete, in the minimum number of calls, and never to a lost peer.
 #include <cerrno>
 #include <deque>
 #include <string>
@@ -36,7 +36,7 @@ using test::SlowPeer;
 using test::SocketCalls;
 using test::SocketPair;
 
-// Payload bytes that tell where they belong.
+// Payload bytes that identify their position.
 std::string patterned(std::size_t length) {
   std::string bytes(length, '\0');
   for (std::size_t i = 0; i < length; ++i) {
@@ -45,7 +45,7 @@ std::string patterned(std::size_t length) {
   return bytes;
 }
 
-// More bytes than any test has memory for; nobody reads them.
+// More bytes than a test can allocate; they are never read.
 class HugePayload {
  public:
   explicit HugePayload(std::size_t length)
@@ -97,7 +97,7 @@ class FrameSendTest : public testing::Test {
   ByteCountProtocol codec_{sockets_.near()};
 };
 
-TEST_F(FrameSendTest, ASmallReplyCostsOneCallAndNoLookAtTheClock) {
+TEST_F(FrameSendTest, ASmallReplyCostsOneCallWithoutReadingTheClock) {
   EXPECT_TRUE(codec_.sendMessage("a small reply"));
   EXPECT_EQ(sockets_.received(), frame("a small reply"));
   EXPECT_EQ(calls_.sends, 1);
@@ -114,7 +114,7 @@ TEST_F(FrameSendTest, TheCountIsTheLengthInDecimal) {
   }
 }
 
-TEST_F(FrameSendTest, AnsweredInPiecesItSendsTheRest) {
+TEST_F(FrameSendTest, PartialSendsAreContinued) {
   const std::string payload = patterned(40);
   for (std::size_t most = 1; most <= frame(payload).size(); ++most) {
     calls_.sendAtMost = most;
@@ -123,7 +123,7 @@ TEST_F(FrameSendTest, AnsweredInPiecesItSendsTheRest) {
   }
 }
 
-TEST_F(FrameSendTest, PartsThatLieApartAreOneFrame) {
+TEST_F(FrameSendTest, SeparatePartsAreOneFrame) {
   EXPECT_TRUE(codec_.sendMessage("head ", "and body ", "and tail"));
   EXPECT_EQ(sockets_.received(), frame("head and body and tail"));
   EXPECT_EQ(calls_.sends, 1);
@@ -153,13 +153,13 @@ TEST_F(FrameSendTest, PartsThatAreTooLongTogetherAreNotSent) {
   EXPECT_EQ(calls_.sends, 0);
 }
 
-TEST_F(FrameSendTest, ASignalWhileSendingIsNoError) {
+TEST_F(FrameSendTest, ASignalWhileSendingIsNotAnError) {
   calls_.sendErrors = {EINTR, EINTR};
   EXPECT_TRUE(codec_.sendMessage("text"));
   EXPECT_EQ(sockets_.received(), frame("text"));
 }
 
-TEST_F(FrameSendTest, ASignalWhileWaitingIsNoError) {
+TEST_F(FrameSendTest, ASignalWhileWaitingIsNotAnError) {
   calls_.sendErrors = {EAGAIN, EAGAIN};
   calls_.pollAnswers = {-EINTR, -EINTR};
   EXPECT_TRUE(codec_.sendMessage("text"));
@@ -185,7 +185,7 @@ TEST_F(FrameSendTest, NeverRaisesASignal) {
   EXPECT_NE(calls_.sendFlags & MSG_NOSIGNAL, 0);
 }
 
-TEST_F(FrameSendTest, AClosedPeerIsGivenUpAtOnce) {
+TEST_F(FrameSendTest, AClosedPeerIsGivenUpImmediately) {
   sockets_.closeFar();
   EXPECT_FALSE(codec_.sendMessage("text"));
   EXPECT_EQ(log_.entries(), sendFailure("Broken pipe"));
@@ -193,7 +193,7 @@ TEST_F(FrameSendTest, AClosedPeerIsGivenUpAtOnce) {
   EXPECT_TRUE(isShutDown());
 }
 
-TEST_F(FrameSendTest, APeerThatResetsIsGivenUpAtOnce) {
+TEST_F(FrameSendTest, APeerThatResetsIsGivenUpImmediately) {
   SocketPair tcp = SocketPair::tcp();
   ByteCountProtocol codec(tcp.near());
   tcp.resetFar();
@@ -204,7 +204,7 @@ TEST_F(FrameSendTest, APeerThatResetsIsGivenUpAtOnce) {
                                            ", Connection reset by peer"}}));
 }
 
-TEST_F(FrameSendTest, ANumberThatIsNoSocketIsLogged) {
+TEST_F(FrameSendTest, ANumberThatIsNotASocketIsLogged) {
   ByteCountProtocol codec(-1);
   EXPECT_FALSE(codec.sendMessage("text"));
   EXPECT_EQ(log_.texts(),
@@ -218,7 +218,7 @@ TEST_F(FrameSendTest, EveryMessageAfterALostPeerIsLoggedAndDropped) {
   EXPECT_EQ(log_.texts(LOG_ERR).size(), 2u);
 }
 
-TEST_F(FrameSendTest, APeerThatTakesNothingIsGivenUpAfterThirtySeconds) {
+TEST_F(FrameSendTest, APeerThatReadsNothingIsGivenUpAfterThirtySeconds) {
   calls_.sendErrors = {EAGAIN};
   calls_.pollAnswers = {0};
   EXPECT_FALSE(codec_.sendMessage("text"));
@@ -236,7 +236,7 @@ TEST_F(FrameSendTest, WaitingWithoutProgressAddsUp) {
   EXPECT_EQ(log_.entries(), sendFailure("Connection timed out"));
 }
 
-TEST_F(FrameSendTest, TheLastPartOfAMillisecondIsWaitedForAsAWholeOne) {
+TEST_F(FrameSendTest, AFractionOfAMillisecondIsRoundedUp) {
   std::deque<std::chrono::nanoseconds> shown = {
       std::chrono::seconds(0), std::chrono::microseconds(29999500), std::chrono::seconds(30)};
   FakeSystem::instance().clock = [&] {
@@ -261,7 +261,7 @@ TEST_F(FrameSendTest, ASteadyPeerHasOneSecondMoreForEachMebibyte) {
   EXPECT_EQ(sockets_.received().size(), 5u);
 }
 
-TEST_F(FrameSendTest, ProgressStartsTheThirtySecondsAfresh) {
+TEST_F(FrameSendTest, ProgressRestartsTheThirtySeconds) {
   clockStep_ = std::chrono::seconds(10);
   calls_.sendErrors = {0, EAGAIN, EAGAIN, 0, EAGAIN, EAGAIN, EAGAIN};
   calls_.sendAtMost = 1;
@@ -270,7 +270,7 @@ TEST_F(FrameSendTest, ProgressStartsTheThirtySecondsAfresh) {
   EXPECT_EQ(calls_.pollTimeouts, (std::vector<int>{30000, 20000, 10000, 30000, 20000, 10000}));
 }
 
-TEST_F(FrameSendTest, APeerThatNeverReadsIsGivenUpInRealTimeToo) {
+TEST_F(FrameSendTest, APeerThatNeverReadsIsGivenUpInRealTime) {
   const SendLimits limits{std::chrono::milliseconds(30), std::chrono::milliseconds(30),
                           std::chrono::milliseconds(0)};
   EXPECT_FALSE(sendFrame(sockets_.near(), {std::string(4 * kMiB, 'x')}, limits));
@@ -287,7 +287,7 @@ TEST_F(FrameSendTest, APayloadAboveTheLimitIsNotSent) {
   EXPECT_FALSE(isShutDown());
 }
 
-TEST_F(FrameSendTest, APayloadOfTheLimitIsBegun) {
+TEST_F(FrameSendTest, APayloadOfTheLimitIsAccepted) {
   const HugePayload payload(kMaxFramePayload);
   calls_.sendAtMost = 11;
   calls_.sendErrors = {0, ECONNRESET};
@@ -297,7 +297,7 @@ TEST_F(FrameSendTest, APayloadOfTheLimitIsBegun) {
             "268435456\x02");
 }
 
-// A peer that acknowledges few bytes, too few for the kernel to report the socket as writable.
+// A peer that acknowledges too few bytes for the kernel to report the socket as writable.
 class SlowPeerTest : public testing::Test {
  protected:
   using seconds = std::chrono::seconds;
@@ -317,14 +317,14 @@ class SlowPeerTest : public testing::Test {
   SocketCalls calls_;
 };
 
-TEST_F(SlowPeerTest, TakingALittleAllTheTimeHasTheWholeTime) {
+TEST_F(SlowPeerTest, ReadingALittleContinuouslyHasTheWholeTime) {
   SlowPeer peer(seconds(20));
   EXPECT_FALSE(send(peer, std::string(16 * kMiB, 'x')));
   EXPECT_EQ(errno, ETIMEDOUT);
   EXPECT_EQ(peer.now().count(), 46000);
 }
 
-TEST_F(SlowPeerTest, TakingALittleAndThenNothingIsGivenUpAfterTheLastLittle) {
+TEST_F(SlowPeerTest, ReadingALittleAndThenNothingIsGivenUpAfterTheLastRead) {
   SlowPeer peer(seconds(11));
   peer.stopAt(seconds(50));
   EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
@@ -333,7 +333,7 @@ TEST_F(SlowPeerTest, TakingALittleAndThenNothingIsGivenUpAfterTheLastLittle) {
   EXPECT_EQ(peer.now().count(), 44000 + 30000);
 }
 
-TEST_F(SlowPeerTest, TakingNothingIsGivenUpAfterTheStall) {
+TEST_F(SlowPeerTest, ReadingNothingIsGivenUpAfterTheStall) {
   SlowPeer peer(seconds(1));
   peer.stopAt(seconds(0));
   EXPECT_FALSE(send(peer, std::string(16 * kMiB, 'x')));
@@ -341,7 +341,7 @@ TEST_F(SlowPeerTest, TakingNothingIsGivenUpAfterTheStall) {
   EXPECT_EQ(peer.now().count(), 30000);
 }
 
-TEST_F(SlowPeerTest, TakingSlowlyButInTimeGetsEverything) {
+TEST_F(SlowPeerTest, ReadingSlowlyButInTimeGetsEverything) {
   SlowPeer peer(seconds(20));
   const std::string payload = patterned(2 * kMiB);
   ASSERT_TRUE(send(peer, payload, wholeOf(seconds(2000))));
@@ -357,14 +357,14 @@ TEST_F(SlowPeerTest, TheEndIsSentAsSoonAsThereIsRoomForIt) {
   EXPECT_GT(frame(payload).size() - peer.taken().size(), 5 * SlowPeer::kStep);
 }
 
-TEST_F(SlowPeerTest, AStepBetweenTwoLooksIsFoundAtTheNext) {
+TEST_F(SlowPeerTest, AReadBetweenTwoPollsIsDetectedAtTheNext) {
   SlowPeer peer(milliseconds(20900));
   peer.stopAt(seconds(21));
   EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
   EXPECT_EQ(peer.now().count(), 21000 + 30000);
 }
 
-TEST_F(SlowPeerTest, AStepAtTheLastMomentCounts) {
+TEST_F(SlowPeerTest, AReadAtTheLastMomentCounts) {
   SlowPeer peer(seconds(30));
   peer.stopAt(seconds(31));
   EXPECT_FALSE(send(peer, std::string(4 * kMiB, 'x'), wholeOf(seconds(1000))));
@@ -383,14 +383,14 @@ TEST_F(SlowPeerTest, AClockThatStandsStillDelaysNothing) {
   EXPECT_EQ(peer.now().count(), 30000);
 }
 
-TEST_F(SlowPeerTest, TheLimitsHoldInRealTimeToo) {
+TEST_F(SlowPeerTest, TheLimitsApplyInRealTime) {
   const SocketPair tcp = SocketPair::tcp();
   const SendLimits limits{milliseconds(30), milliseconds(30), milliseconds(0)};
   EXPECT_FALSE(sendFrame(tcp.near(), {std::string(64 * kMiB, 'x')}, limits));
   EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-// How a socket may be set up when a frame is to be sent on it.
+// Modes of a socket on which a frame is sent.
 enum class Mode { blocking, withSendTimeout, nonBlocking };
 
 class LargeFrameTest : public FrameSendTest, public testing::WithParamInterface<Mode> {
@@ -419,7 +419,7 @@ TEST_P(LargeFrameTest, ArrivesWhole) {
   EXPECT_TRUE(log_.entries().empty());
 }
 
-TEST_P(LargeFrameTest, IsGivenUpWhenThePeerClosesInItsMiddle) {
+TEST_P(LargeFrameTest, IsGivenUpWhenThePeerClosesDuringTheSend) {
   SocketPair tcp = SocketPair::tcp();
   setUp(tcp.near());
   std::thread peer([&] {
@@ -436,7 +436,7 @@ TEST_P(LargeFrameTest, IsGivenUpWhenThePeerClosesInItsMiddle) {
 INSTANTIATE_TEST_SUITE_P(Modes, LargeFrameTest,
                          testing::Values(Mode::blocking, Mode::withSendTimeout, Mode::nonBlocking));
 
-TEST(FrameHeadTest, IsWhatComesBeforeThePayload) {
+TEST(FrameHeadTest, PrecedesThePayload) {
   EXPECT_EQ(frameHead(0),
             "\x01"
             "0\x02");

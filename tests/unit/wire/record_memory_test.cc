@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a record costs: a file of a quarter of a gigabyte passes through it.
+// The memory of a record, which may contain a file of 256 MiB.
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -22,7 +22,7 @@ std::string writeRequest(std::size_t size) {
   return "SlaveTask 3 5:write 2:/f " + length + ':' + std::string(size, 'x') + " 0 0: 0 0 0 0 0";
 }
 
-// Counts the pieces in which a record is written, and keeps nothing.
+// Counts the pieces in which a record is written, and discards them.
 class CountingBuffer : public std::streambuf {
  public:
   int writes = 0;
@@ -41,7 +41,7 @@ class CountingBuffer : public std::streambuf {
   }
 };
 
-TEST(RecordMemoryTest, TheLongestArgumentTakesTheMessagesMemory) {
+TEST(RecordMemoryTest, TheLongestArgumentTakesOverTheMessagesMemory) {
   std::string message = writeRequest(64 * kMiB);
   SlaveTask task;
   const AllocationCount memory;
@@ -53,7 +53,7 @@ TEST(RecordMemoryTest, TheLongestArgumentTakesTheMessagesMemory) {
   EXPECT_EQ(task.args()[2].find_first_not_of('x'), std::string::npos);
 }
 
-TEST(RecordMemoryTest, AGiantNumberOfArgumentsIsNotBelieved) {
+TEST(RecordMemoryTest, AHugeNumberOfArgumentsAllocatesNothing) {
   const std::string message = "SlaveTask 2147483647 4:read 2:/f 0 0: 0 0 0 0 0";
   SlaveTask task;
   const AllocationCount memory;
@@ -61,7 +61,7 @@ TEST(RecordMemoryTest, AGiantNumberOfArgumentsIsNotBelieved) {
   EXPECT_EQ(memory.calls(), 0u);
 }
 
-TEST(RecordMemoryTest, AGiantLengthIsNotBelieved) {
+TEST(RecordMemoryTest, AHugeLengthAllocatesNothing) {
   const std::string message = "SlaveTask 1 2147483647:read 0 0: 0 0 0 0 0";
   SlaveTask task;
   const AllocationCount memory;
@@ -80,7 +80,7 @@ TEST(RecordMemoryTest, ALongTextIsWrittenInOnePiece) {
   EXPECT_LT(memory.bytes(), 4096u);
 }
 
-TEST(RecordMemoryTest, AShortReplyIsWrittenInOnePieceToo) {
+TEST(RecordMemoryTest, AShortReplyIsWrittenInOnePiece) {
   const SlaveTask reply("short", nullptr);
   CountingBuffer buffer;
   std::ostream out(&buffer);
@@ -88,7 +88,7 @@ TEST(RecordMemoryTest, AShortReplyIsWrittenInOnePieceToo) {
   EXPECT_EQ(buffer.writes, 1);
 }
 
-TEST(RecordMemoryTest, AReplyTakesItsTextOver) {
+TEST(RecordMemoryTest, AReplyTakesOverItsText) {
   std::string text(16 * kMiB, 'x');
   const AllocationCount memory;
   const SlaveTask reply(std::move(text), nullptr);
@@ -96,7 +96,7 @@ TEST(RecordMemoryTest, AReplyTakesItsTextOver) {
   EXPECT_EQ(reply.output().size(), 16 * kMiB);
 }
 
-TEST(RecordMemoryTest, ATextThatIsTooLongIsGivenBackAtOnce) {
+TEST(RecordMemoryTest, ATextThatIsTooLongIsFreedImmediately) {
   std::string text(kMaxReplyText + 1, 'x');
   const AllocationCount memory;
   const SlaveTask reply(std::move(text), nullptr);

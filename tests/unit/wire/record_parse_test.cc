@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records as they are read: one way to write each of them, and everything else refused.
+// Parsing of records: each record has exactly one valid form.
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -28,7 +28,7 @@ SlaveTask parsed(const std::string& message) {
   return task;
 }
 
-// Both ways to parse leave an empty record.
+// Both parse functions leave an empty record.
 void expectRefused(const std::string& message) {
   SlaveTask copied({"old"}, 1, "old", SlaveStatus::error, WatchProcessState_t::running, 1, 2, 3);
   EXPECT_FALSE(copied.parse(message));
@@ -38,7 +38,7 @@ void expectRefused(const std::string& message) {
   EXPECT_EQ(recordText(moved), kEmptyRecord) << testing::PrintToString(message);
 }
 
-TEST(RecordParseTest, TellsASoundRecordFromAMalformedOne) {
+TEST(RecordParseTest, DistinguishesAValidRecordFromAMalformedOne) {
   SlaveTask task;
   EXPECT_TRUE(task.parse(kEmptyRecord));
   EXPECT_TRUE(task.parse(std::string("SlaveTask 1 100000:") + std::string(100000, 'x') +
@@ -66,7 +66,7 @@ TEST(RecordParseTest, AStringMayHoldAnyBytes) {
   EXPECT_EQ(parsed("SlaveTask 2 8:" + bytes + " 0: 0 0: 0 0 0 0 0").args(), (Args{bytes, ""}));
 }
 
-TEST(RecordParseTest, ARecordReplacesTheOneBefore) {
+TEST(RecordParseTest, ARecordReplacesThePreviousOne) {
   SlaveTask task = parsed(kAllFields);
   task.parse(std::string(kFileExists));
   EXPECT_EQ(recordText(task), kFileExists);
@@ -79,7 +79,7 @@ TEST(RecordParseTest, NumbersMayHaveAnyValueOfThirtyTwoBits) {
   EXPECT_EQ(recordText(parsed(text)), text);
 }
 
-TEST(RecordParseTest, CutAtAnyByteItIsRefused) {
+TEST(RecordParseTest, ATruncatedRecordIsRefused) {
   for (const std::string text : {kFileExists, kAllFields, kEmptyRecord}) {
     for (std::size_t length = 0; length < text.size(); ++length) {
       expectRefused(text.substr(0, length));
@@ -102,7 +102,7 @@ TEST(RecordParseTest, ASecondBlankAnywhereIsRefused) {
   }
 }
 
-TEST(RecordParseTest, OtherWhiteSpaceThanABlankIsRefused) {
+TEST(RecordParseTest, WhiteSpaceOtherThanABlankIsRefused) {
   const std::string text = kAllFields;
   for (std::size_t at = text.find(' '); at != std::string::npos; at = text.find(' ', at + 1)) {
     for (const char space : {'\t', '\n', '\r', '\v', '\f'}) {
@@ -120,7 +120,7 @@ TEST(RecordParseTest, AnotherNameIsRefused) {
   expectRefused(" 0 0 0: 0 0 0 0 0");
 }
 
-// A number that stands in each field in turn, and whether the field takes it.
+// A number for each field in turn, and whether the field accepts it.
 struct Spelling {
   const char* name;
   const char* text;
@@ -142,7 +142,7 @@ class RecordNumberTest : public testing::TestWithParam<Spelling> {
   }
 };
 
-TEST_P(RecordNumberTest, IsReadInExactlyOneSpelling) {
+TEST_P(RecordNumberTest, IsAcceptedInExactlyOneSpelling) {
   const Spelling& spelling = GetParam();
   for (std::size_t place = 0; place < 6; ++place) {
     const std::string record = with(place, spelling.text);
@@ -174,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
         Spelling{"TrailingLetter", "1x", false, false}, Spelling{"Exponent", "1e1", false, false}),
     [](const auto& kind) { return std::string(kind.param.name); });
 
-TEST(RecordParseTest, ACountOfArgumentsThatIsWrongIsRefused) {
+TEST(RecordParseTest, AWrongCountOfArgumentsIsRefused) {
   expectRefused("SlaveTask 1 10:fileexists 10:/etc/hosts 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask 3 10:fileexists 10:/etc/hosts 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask 0 10:fileexists 10:/etc/hosts 0 0: 0 0 0 0 0");
@@ -185,7 +185,7 @@ TEST(RecordParseTest, ACountOfArgumentsThatIsWrongIsRefused) {
   expectRefused("SlaveTask 4294967296 0 0: 0 0 0 0 0");
 }
 
-TEST(RecordParseTest, ALengthThatIsWrongIsRefused) {
+TEST(RecordParseTest, AWrongLengthIsRefused) {
   expectRefused("SlaveTask 1 2:a 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask 1 0:a 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask 1 01:a 0 0: 0 0 0 0 0");
@@ -202,12 +202,12 @@ TEST(RecordParseTest, ALengthThatIsWrongIsRefused) {
   expectRefused("SlaveTask 0 0 1: 0 0 0 0 0");
 }
 
-TEST(RecordParseTest, ALengthMayReachToTheEndOnlyWhenNothingMustFollow) {
+TEST(RecordParseTest, ALengthMayReachTheEndOnlyIfNothingMustFollow) {
   expectRefused("SlaveTask 1 22:abc 0 0: 0 0 0 0 0");
   expectRefused("SlaveTask 0 0 10: 0 0 0 0 0");
 }
 
-TEST(RecordParseTest, BothWaysToParseReadTheSame) {
+TEST(RecordParseTest, BothParseFunctionsReadTheSame) {
   const std::string longOne(200000, 'z');
   const std::string longest(300000, '\x01');
   const SlaveTask original({"write", longOne, "", longest, "end"}, 3, "output",
@@ -219,7 +219,7 @@ TEST(RecordParseTest, BothWaysToParseReadTheSame) {
   EXPECT_TRUE(recordText(parsed(text)) == text);
 }
 
-TEST(RecordParseTest, OfTwoLongestArgumentsEachKeepsItsPlace) {
+TEST(RecordParseTest, TwoLongestArgumentsKeepTheirPlaces) {
   const std::string first(100000, '1');
   const std::string second(100000, '2');
   SlaveTask task;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every record comes back as it was, and nothing else is taken for one.
+// Every record survives serializing and parsing, and malformed input is refused.
 #include <cstdint>
 #include <random>
 #include <sstream>
@@ -56,8 +56,8 @@ bool sameFields(const SlaveTask& a, const SlaveTask& b) {
          a.status().signal == b.status().signal;
 }
 
-// There is one way to write a record, so one that was taken is written as it was read. One that was
-// refused leaves nothing behind. Says which of the two happened.
+// A record has one valid form, so an accepted one serializes to the same text. A refused one leaves
+// an empty record. Returns whether the text was accepted.
 bool expectTakenOrRefused(const std::string& text, unsigned seed) {
   SlaveTask copied;
   copied.parse(text);
@@ -70,7 +70,7 @@ bool expectTakenOrRefused(const std::string& text, unsigned seed) {
   return written == text;
 }
 
-TEST(RecordPropertyTest, WhatIsWrittenIsReadBack) {
+TEST(RecordPropertyTest, ASerializedRecordIsParsedUnchanged) {
   for (unsigned seed = 1; seed <= 500; ++seed) {
     Random random(seed);
     const SlaveTask original = randomRecord(random);
@@ -83,7 +83,7 @@ TEST(RecordPropertyTest, WhatIsWrittenIsReadBack) {
   }
 }
 
-TEST(RecordPropertyTest, ADamagedRecordIsAnotherRecordOrNone) {
+TEST(RecordPropertyTest, ADamagedRecordIsAnotherRecordOrRefused) {
   int refused = 0;
   for (unsigned seed = 1; seed <= 3000; ++seed) {
     Random random(seed);
@@ -98,7 +98,7 @@ TEST(RecordPropertyTest, ADamagedRecordIsAnotherRecordOrNone) {
   EXPECT_GT(refused, 500);
 }
 
-TEST(RecordPropertyTest, AnyOrderOfTheRecordsOwnBytesIsARecordOrNone) {
+TEST(RecordPropertyTest, AnySequenceOfRecordBytesIsARecordOrRefused) {
   const std::string alphabet = "  0001239:-+a";
   int taken = 0;
   for (unsigned seed = 1; seed <= 50000; ++seed) {
@@ -114,7 +114,7 @@ TEST(RecordPropertyTest, AnyOrderOfTheRecordsOwnBytesIsARecordOrNone) {
   RecordProperty("taken", taken);
 }
 
-TEST(RecordPropertyTest, AnyBytesAreReadWithoutAThrow) {
+TEST(RecordPropertyTest, AnyBytesAreParsedWithoutAThrow) {
   for (unsigned seed = 1; seed <= 20000; ++seed) {
     Random random(seed);
     std::string text = between(random, 0, 1) == 0 ? "" : "SlaveTask ";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A task record as its text.
+// The text of a task record.
 #ifndef TESTS_UNIT_WIRE_RECORD_TEXT_H_
 #define TESTS_UNIT_WIRE_RECORD_TEXT_H_
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records as they are made and written.
+// Construction and serialization of records.
 #include <cerrno>
 #include <cstdint>
 #include <sstream>
@@ -31,7 +31,7 @@ TEST(SlaveTaskTest, WritesEveryFieldInItsPlace) {
   EXPECT_EQ(recordText(task), "SlaveTask 3 4:exec 9:/bin/echo 3:a b -1 7:out put 3 4 -1 110 15");
 }
 
-TEST(SlaveTaskTest, WritesStringsByteForByte) {
+TEST(SlaveTaskTest, WritesStringsUnchanged) {
   const std::string bytes("\0 :\x01\x02\xff\n", 7);
   const SlaveTask task({bytes}, 0, bytes, SlaveStatus::success, WatchProcessState_t::none, 0, 0, 0);
   EXPECT_EQ(recordText(task), "SlaveTask 1 7:" + bytes + " 0 7:" + bytes + " 0 0 0 0 0");
@@ -51,7 +51,7 @@ TEST(SlaveTaskTest, WritesLongAndShortStringsInOrder) {
             "SlaveTask 3 1:a 100000:" + longOne + " 1:b 7 100000:" + longOne + " 0 0 0 0 0");
 }
 
-TEST(SlaveTaskTest, ThePartsAreTheTextAroundTheOutputWhereItIs) {
+TEST(SlaveTaskTest, ThePartsAreTheTextAroundTheOutputWithoutACopy) {
   const SlaveTask task({"a", "b"}, 7, "the output", SlaveStatus::failure, WatchProcessState_t::none,
                        1, 2, 0);
   const SlaveTask::Parts parts = task.parts();
@@ -61,7 +61,7 @@ TEST(SlaveTaskTest, ThePartsAreTheTextAroundTheOutputWhereItIs) {
   EXPECT_EQ(parts.tail, " 1 0 1 2 0");
 }
 
-TEST(SlaveTaskTest, KeepsTheFieldsItWasMadeOf) {
+TEST(SlaveTaskTest, KeepsItsConstructorArguments) {
   const SlaveTask task({"a"}, 5, "text", SlaveStatus::running, WatchProcessState_t::running, 1, 2,
                        3);
   EXPECT_EQ(task.args(), Args{"a"});
@@ -92,18 +92,18 @@ TEST(SlaveTaskTest, AReplyOfTheLongestTextIsKept) {
   EXPECT_EQ(task.status().error, 0);
 }
 
-TEST(SlaveTaskTest, AReplyThatIsTooLongBecomesAnEmptyOneThatSaysSo) {
+TEST(SlaveTaskTest, AReplyThatIsTooLongBecomesAnEmptyOneWithAnError) {
   const SlaveTask task(std::string(kMaxReplyText + 1, 'x'), nullptr);
   EXPECT_EQ(recordText(task), "SlaveTask 0 0 0: 1 0 1 27 0");
 }
 
-TEST(SlaveTaskTest, ARecordIsToldByItsNameAndABlank) {
+TEST(SlaveTaskTest, ARecordIsRecognizedByItsNameAndABlank) {
   EXPECT_TRUE(SlaveTask::isA("SlaveTask "));
   EXPECT_TRUE(SlaveTask::isA("SlaveTask 0 0 0: 0 0 0 0 0"));
   EXPECT_TRUE(SlaveTask::isA("SlaveTask whatever follows"));
 }
 
-TEST(SlaveTaskTest, NothingElseIsARecord) {
+TEST(SlaveTaskTest, OtherTextsAreNotRecords) {
   for (const char* text : {"", "S", "SlaveTask", "slaveTask ", "SlaveTasks ", " SlaveTask ",
                            "SlaveTask\t0", "SlaveTask\n", "SlaveTas ", "XlaveTask "}) {
     EXPECT_FALSE(SlaveTask::isA(text)) << text;

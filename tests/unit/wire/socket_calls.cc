@@ -84,7 +84,7 @@ SocketCalls::~SocketCalls() {
 
 }  // namespace zell::test
 
-// The C library's own functions, replaced by linking.
+// Replace the functions of the C library at link time.
 extern "C" {
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls by which a frame is sent, counted and, where a test says so, answered by it.
+// Counts the system calls that send a frame, and returns results that the test sets.
 #ifndef TESTS_UNIT_WIRE_SOCKET_CALLS_H_
 #define TESTS_UNIT_WIRE_SOCKET_CALLS_H_
 
@@ -10,8 +10,8 @@
 
 namespace zell::test {
 
-/// sendmsg(2) and poll(2) of this program, from the construction to the destruction of the one
-/// object that may live. Without a wish of the test's they do what they always do.
+/// Replaces sendmsg(2) and poll(2) of this program during its lifetime. At most one object may
+/// exist. Calls without a set result reach the kernel.
 class SocketCalls {
  public:
   SocketCalls();
@@ -21,10 +21,10 @@ class SocketCalls {
 
   int sends = 0;
   int sendFlags = 0;              ///< of the last sendmsg
-  std::size_t sendAtMost = 0;     ///< the bytes that one sendmsg takes; 0: as many as it can
-  std::deque<int> sendErrors;     ///< the next sendmsg fails with the first of these; 0: does not
+  std::size_t sendAtMost = 0;     ///< maximum bytes of one sendmsg; 0: no limit
+  std::deque<int> sendErrors;     ///< errno values of the next sendmsg calls; 0: no error
   std::vector<int> pollTimeouts;  ///< of every poll, in milliseconds
-  std::deque<int> pollAnswers;    ///< what the next polls answer; below 0 an errno value, negated
+  std::deque<int> pollAnswers;    ///< results of the next polls; below 0 a negated errno value
   /// If set, replaces every poll that has no answer above.
   std::function<int(short events, int timeout)> poll;
 };

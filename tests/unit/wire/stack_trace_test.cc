@@ -16,7 +16,7 @@ TEST(StackTraceTest, MakesATypesNameReadable) {
   EXPECT_EQ(StackTrace::demangle(typeid(StackTrace).name()), "zell::StackTrace");
 }
 
-TEST(StackTraceTest, AnswersAnyOtherTextAsItIs) {
+TEST(StackTraceTest, ReturnsAnyOtherTextUnchanged) {
   for (const std::string text : {"", "not mangled", "_Z", "\xff", "std::runtime_error"}) {
     EXPECT_EQ(StackTrace::demangle(text), text);
   }

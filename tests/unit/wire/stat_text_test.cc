@@ -71,7 +71,7 @@ TEST(PrintStatTest, WritesTheLargestNumbersWhole) {
   EXPECT_NE(text.find(" blocks=9223372036854775807 "), std::string::npos);
 }
 
-TEST(PrintStatTest, EveryLineFitsWhateverTheNumbers) {
+TEST(PrintStatTest, EveryLineFitsForAnyNumbers) {
   struct stat st {};
   std::fill_n(reinterpret_cast<char*>(&st), sizeof st, '\x80');
   const std::string text = textOf(st);
@@ -79,13 +79,13 @@ TEST(PrintStatTest, EveryLineFitsWhateverTheNumbers) {
   EXPECT_NE(text.find(" ctime=-9187201950435737472."), std::string::npos);
 }
 
-TEST(PrintStatTest, ATimeBefore1970HasANegativeSecondAndACountFromThere) {
+TEST(PrintStatTest, ATimeBefore1970HasNegativeSecondsAndPositiveNanoseconds) {
   struct stat st {};
   st.st_mtim = {-2, 500000000};
   EXPECT_NE(textOf(st).find(" mtime=-2.500000000 "), std::string::npos);
 }
 
-TEST(PrintStatTest, AgreesWithTheSystem) {
+TEST(PrintStatTest, ShowsModeAndDeviceNumberOfDevNull) {
   struct stat st {};
   ASSERT_EQ(stat("/dev/null", &st), 0);
   const std::string text = textOf(st);

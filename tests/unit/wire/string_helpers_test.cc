@@ -39,7 +39,7 @@ std::string listText(const std::vector<std::string>& strings) {
   return out.str();
 }
 
-TEST(TrimOutputTest, LeavesAShortTextAlone) {
+TEST(TrimOutputTest, KeepsAShortText) {
   EXPECT_EQ(trimOutput("", 60), "");
   EXPECT_EQ(trimOutput("short", 60), "short");
 }
@@ -62,12 +62,12 @@ TEST(TrimOutputTest, ControlBytesBecomeDots) {
   EXPECT_EQ(trimOutput(std::string("\0x", 2), 60), ".x");
 }
 
-TEST(TrimOutputTest, AllOtherBytesAreShownAsTheyAre) {
+TEST(TrimOutputTest, AllOtherBytesAreShownUnchanged) {
   const std::string shown = trimOutput(allBytes(), 256);
   EXPECT_EQ(shown, std::string(32, '.') + allBytes().substr(32, 95) + '.' + allBytes().substr(128));
 }
 
-TEST(TrimOutputTest, NeverAnswersMoreThanTheLimit) {
+TEST(TrimOutputTest, NeverReturnsMoreThanTheLimit) {
   EXPECT_EQ(trimOutput("abcdef", 4), "a...");
   EXPECT_EQ(trimOutput("abcdef", 3), "...");
   EXPECT_EQ(trimOutput("abcdef", 2), "..");
@@ -75,7 +75,7 @@ TEST(TrimOutputTest, NeverAnswersMoreThanTheLimit) {
   EXPECT_EQ(trimOutput("abcdef", -1), "");
 }
 
-TEST(TrimBogusCharsTest, TakesControlBytesOutButTheTab) {
+TEST(TrimBogusCharsTest, RemovesControlBytesExceptTheTab) {
   EXPECT_EQ(withoutBogus("a\tb\r\n\x01\x7f"
                          "c"),
             "a\tbc");
@@ -87,7 +87,7 @@ TEST(TrimBogusCharsTest, MayLeaveNothing) {
   EXPECT_EQ(withoutBogus(""), "");
 }
 
-TEST(TrimWhiteSpaceTest, StripsBothEndsAndNothingBetween) {
+TEST(TrimWhiteSpaceTest, StripsOnlyBothEnds) {
   EXPECT_EQ(trimmed(" \t\r\n\v\fa b\tc \t\r\n\v\f"), "a b\tc");
   EXPECT_EQ(trimmed("abc"), "abc");
 }
@@ -97,7 +97,7 @@ TEST(TrimWhiteSpaceTest, MayLeaveNothing) {
   EXPECT_EQ(trimmed(""), "");
 }
 
-TEST(TrimWhiteSpaceTest, OtherBytesAreNoWhiteSpace) {
+TEST(TrimWhiteSpaceTest, OtherBytesAreNotWhiteSpace) {
   const std::string text("\0a\x85\xa0", 4);
   EXPECT_EQ(trimmed(text), text);
 }
@@ -132,7 +132,7 @@ TEST(PrintStringVecTest, WritesAnEmptyListAndEmptyStrings) {
   EXPECT_EQ(listText({"", ""}), "StringVec 2\n0:\n0:\n");
 }
 
-TEST(PrintStringVecTest, WritesStringsByteForByte) {
+TEST(PrintStringVecTest, WritesStringsUnchanged) {
   EXPECT_EQ(listText({allBytes()}), "StringVec 1\n256:" + allBytes() + "\n");
 }
 

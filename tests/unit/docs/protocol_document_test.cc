@@ -148,7 +148,7 @@ int argumentsOf(const std::string& cell) {
   return static_cast<int>(std::count(needed.begin(), needed.end(), '`') / 2);
 }
 
-// The text of the reply to @p name with @p count arguments; empty without a reply.
+// The text of the reply to @p name with that number of @p arguments; empty without a reply.
 std::string replyTo(ByteCountSlave& handler, const std::string& name, int arguments) {
   std::vector<std::string> args{name};
   args.insert(args.end(), static_cast<std::size_t>(arguments), "1");

@@ -66,7 +66,7 @@ class RecordingServer : public OpenServer {
   /// Runs in the foreground until @p done returns true at the end of a pass. After 20 s it ends and
   /// fails the test, even if handle_select always returns true.
   int runUntil(std::function<bool()> done);
-  /// Runs in the foreground for @p count passes.
+  /// Runs @p passes in the foreground.
   int runPasses(int passes);
 
   /// "startup", "incoming FD", "data FD BYTES", and so on, in order.

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <vector>
 
+#include "zell/linux/directory_names.h"
 #include "zell/linux/file_io.h"
-#include "zell/linux/folder_names.h"
 #include "zell/linux/paths.h"
 
 namespace zell {

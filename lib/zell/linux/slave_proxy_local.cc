@@ -15,8 +15,8 @@
 
 #include "base/stream_view.h"
 #include "base/system.h"
+#include "zell/linux/directory_names.h"
 #include "zell/linux/file_io.h"
-#include "zell/linux/folder_names.h"
 #include "zell/linux/host_id.h"
 #include "zell/linux/paths.h"
 #include "zell/linux/process_list.h"

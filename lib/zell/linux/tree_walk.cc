@@ -12,8 +12,8 @@
 
 #include <zell/slave_task.h>
 
+#include "zell/linux/directory_names.h"
 #include "zell/linux/file_io.h"
-#include "zell/linux/folder_names.h"
 #include "zell/linux/paths.h"
 
 namespace zell {

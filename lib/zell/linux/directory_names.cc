@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "zell/linux/folder_names.h"
+#include "zell/linux/directory_names.h"
 
 #include <algorithm>
 #include <cerrno>

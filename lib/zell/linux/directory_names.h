@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef ZELL_LINUX_FOLDER_NAMES_H_
-#define ZELL_LINUX_FOLDER_NAMES_H_
+#ifndef ZELL_LINUX_DIRECTORY_NAMES_H_
+#define ZELL_LINUX_DIRECTORY_NAMES_H_
 
 #include <string>
 #include <vector>
@@ -16,4 +16,4 @@ namespace zell {
 
 }  // namespace zell
 
-#endif  // ZELL_LINUX_FOLDER_NAMES_H_
+#endif  // ZELL_LINUX_DIRECTORY_NAMES_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// runelctl: a master for people and scripts.
+// runelctl: the command-line master.
 #include <exception>
 #include <string>
 #include <vector>
@@ -13,20 +13,20 @@
 
 namespace {
 
-// A thousand devices are an ordinary case, and each takes a descriptor.
+// A thousand devices are a normal case, and each needs a descriptor.
 void allowManyDescriptors() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
     limit.rlim_cur = limit.rlim_max;
-    (void)setrlimit(RLIMIT_NOFILE, &limit);  // then fewer at a time will do
+    (void)setrlimit(RLIMIT_NOFILE, &limit);  // on failure, fewer devices run in parallel
   }
 }
 
-// Pieces of some MiB come and go. Memory that goes back to the system between them has to be
-// filled with zeros for the next one, which takes longer than the copy that it is wanted for.
+// Buffers of several MiB are allocated and freed all the time. Memory that is returned to the
+// system is zeroed before it is used again, which takes longer than copying the data.
 void keepMemory() {
   constexpr int kKept = 134217728;
-  (void)mallopt(M_MMAP_THRESHOLD, kKept / 4);  // the most that it takes
+  (void)mallopt(M_MMAP_THRESHOLD, kKept / 4);  // the largest accepted value
   (void)mallopt(M_TRIM_THRESHOLD, kKept);
 }
 
@@ -40,7 +40,7 @@ int main(int argc, char** argv) {
     zell::ctl::Session session{loop, nullptr, {}, ""};
     return zell::ctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
   } catch (const std::exception& error) {
-    // Out of memory, or a fault of ours.
+    // Out of memory, or a defect.
     zell::ctl::complain(error.what());
     return zell::ctl::kExitTaskFailed;
   }

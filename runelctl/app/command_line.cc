@@ -23,7 +23,7 @@ CLI::Validator secondsRange(double least) {
   return within(least, kMostSeconds);
 }
 
-// A word in a command's place is named: the library would only ask for a command.
+// Names an unknown command: the library would only report that a command is missing.
 std::string explain(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> chosen = app.get_subcommands();
   if (!chosen.empty()) {
@@ -38,7 +38,7 @@ std::string explain(const CLI::App& app, const CLI::ParseError& error) {
 }  // namespace
 
 void complain(const std::string& what) {
-  std::cerr << "runelctl: " << forPeople(what) << "\n";
+  std::cerr << "runelctl: " << terminalSafe(what) << "\n";
 }
 
 CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands()) {
@@ -46,9 +46,9 @@ CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands(
   app_.set_version_flag("--version", "runelctl " RUNELCTL_VERSION);
   app_.require_subcommand(1);
   app_.get_formatter()->column_width(34);
-  defineWhere();
-  defineManner();
-  defineMany();
+  defineDeviceOptions();
+  defineGeneralOptions();
+  defineFleetOptions();
   defineCommands(commands_, command_, "Commands");
   defineCommands(locals_, local_, "Local commands");
   for (const auto& local : locals_) {
@@ -58,7 +58,7 @@ CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands(
   }
 }
 
-void CommandLine::defineWhere() {
+void CommandLine::defineDeviceOptions() {
   app_.add_option(
           "-d,--device", devices_,
           "HOST[:PORT], or @NAME at the master; repeatable, comma-separated (default: 127.0.0.1)")
@@ -79,7 +79,7 @@ void CommandLine::defineWhere() {
       ->type_name("SECONDS");
 }
 
-void CommandLine::defineManner() {
+void CommandLine::defineGeneralOptions() {
   app_.add_flag("--json", settings_.json, "print one JSON object a line");
   app_.add_flag("-q,--quiet", settings_.quiet, "print no summary, progress or notes");
   app_.add_option("--color", settings_.colour,
@@ -91,7 +91,7 @@ void CommandLine::defineManner() {
   app_.add_flag("-n,--dry-run", settings_.dryRun, "print devices and frames, send nothing");
 }
 
-void CommandLine::defineMany() {
+void CommandLine::defineFleetOptions() {
   const std::string group = "Several devices";
   app_.add_option("-j,--jobs", settings_.jobs,
                   "devices in parallel (default: 64; reboot and restart: 1)")
@@ -127,9 +127,9 @@ void CommandLine::defineMany() {
       ->check(within(0, 1000000))
       ->group(group)
       ->type_name("N");
-  app_.add_option("--retry-failed", settings_.retryFailed,
-                  "run on the devices listed in FILE, if it exists; then list in it those that "
-                  "failed or were skipped")
+  app_.add_option(
+          "--retry-failed", settings_.retryFailed,
+          "run on the devices in FILE, if it exists; store failed and skipped devices in it")
       ->group(group)
       ->type_name("FILE");
 }

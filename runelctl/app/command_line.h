@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What was typed: the options that every command knows, the command and its arguments.
+// The parsed command line: the general options, the command and its arguments.
 #ifndef ZELL_RUNELCTL_APP_COMMAND_LINE_H_
 #define ZELL_RUNELCTL_APP_COMMAND_LINE_H_
 
@@ -15,18 +15,19 @@
 
 namespace zell::ctl {
 
-/// One command line, read. Made anew for each one.
+/// Parses one command line. Create a new object for each command line.
 class CommandLine {
  public:
   CommandLine();
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
-  /// Reads @p words, without the program's name. An exit status when there is nothing left to do:
-  /// 0 after help was shown, 2 after a complaint; below 0 when `command` or `local` is to be run.
+  /// Parses @p words, without the program name. Returns an exit status when nothing is left to do:
+  /// 0 after help was printed, 2 after a usage error. Returns a negative value when `command` or
+  /// `local` is to be run.
   [[nodiscard]] int parse(std::vector<std::string> words);
 
-  /// The targets as they were given, in `settings`. The reason when they cannot be had.
+  /// Reads the given targets into `settings`. Returns the error, empty for success.
   [[nodiscard]] std::string readTargets();
 
   Settings& settings() { return settings_; }
@@ -35,9 +36,9 @@ class CommandLine {
   CLI::App& app() { return app_; }
 
  private:
-  void defineWhere();
-  void defineManner();
-  void defineMany();
+  void defineDeviceOptions();
+  void defineGeneralOptions();
+  void defineFleetOptions();
   template <typename Kind>
   void defineCommands(std::vector<std::unique_ptr<Kind>>& commands, Kind*& chosen,
                       const std::string& group);
@@ -55,7 +56,7 @@ class CommandLine {
   LocalCommand* local_ = nullptr;
 };
 
-/// Tells on standard error what was wrong with a command line.
+/// Prints an error message on standard error.
 void complain(const std::string& what);
 
 }  // namespace zell::ctl

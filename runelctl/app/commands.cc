@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// All commands there are, in the order in which help shows them.
+// All commands, in the order of the help.
 #include "app/local_command.h"
 #include "commands/command.h"
 

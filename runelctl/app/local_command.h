@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Subcommands that are no work on a device: the master, the shell and the like.
+// Subcommands that are not executed on a device, such as the master and the shell.
 #ifndef ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_
 #define ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_
 
@@ -29,14 +29,14 @@ class LocalCommand {
   [[nodiscard]] const std::string& help() const { return help_; }
 
   virtual void define(CLI::App& app) = 0;
-  /// What is wrong with the arguments; empty when nothing is.
+  /// Returns the error in the arguments, empty for none.
   virtual std::string check(const Settings& settings) {
     (void)settings;
     return "";
   }
-  /// Does it, and gives the exit status.
+  /// Runs the command and returns the exit status.
   [[nodiscard]] virtual int run(const Settings& settings, const Style& style) = 0;
-  /// True for what is not listed in the help.
+  /// True for a command that the help does not list.
   [[nodiscard]] virtual bool hidden() const { return false; }
 
  private:
@@ -48,7 +48,7 @@ using LocalCommands = std::vector<std::unique_ptr<LocalCommand>>;
 
 [[nodiscard]] LocalCommands localCommands();
 
-// One function for each group; they add to @p commands.
+// One function for each group. Each adds to @p commands.
 void addMasterCommands(LocalCommands& commands);
 void addAgentCommand(LocalCommands& commands);
 void addShellCommand(LocalCommands& commands);

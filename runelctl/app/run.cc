@@ -16,10 +16,10 @@
 namespace zell::ctl {
 namespace {
 
-// Asks before something is taken away from several devices. False, and said why, for a no.
-bool agreed(const Settings& settings, const Command& command) {
+// Asks for confirmation before a destructive command on several devices. Reports a missing --yes.
+bool confirmed(const Settings& settings, const Command& command) {
   const std::size_t count = settings.targets.size();
-  if (!command.takesAway() || count < 2 || settings.yes || settings.dryRun) {
+  if (!command.destructive() || count < 2 || settings.yes || settings.dryRun) {
     return true;
   }
   if (settings.json || isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1) {
@@ -33,7 +33,8 @@ bool agreed(const Settings& settings, const Command& command) {
   return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-// Leaves in @p targets what an earlier run did not get done. The reason when that cannot be read.
+// Removes the targets that are not listed in @p path from @p targets. Returns the error, empty for
+// success.
 std::string keepFailed(const std::string& path, std::vector<Target>& targets) {
   std::ifstream file(path);
   if (!file) {
@@ -102,7 +103,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
       return 0;
     }
   }
-  if (!agreed(settings, *line.command())) {
+  if (!confirmed(settings, *line.command())) {
     return kExitUsage;
   }
   if (const auto error = line.command()->prepare()) {
@@ -123,7 +124,7 @@ int runCommandLine(Session& session, const std::vector<std::string>& words) {
     return status;
   }
   Settings& settings = line.settings();
-  settings.folder = session.folder;
+  settings.directory = session.directory;
   const std::string wrong = line.readTargets();
   if (!wrong.empty()) {
     complain(wrong);

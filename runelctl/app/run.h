@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Does what a command line asks for.
+// Runs a command line.
 #ifndef ZELL_RUNELCTL_APP_RUN_H_
 #define ZELL_RUNELCTL_APP_RUN_H_
 
@@ -11,15 +11,15 @@
 
 namespace zell::ctl {
 
-/// What outlives one command line of a session: the loop, the device in use and the folder there.
+/// The state that command lines of a session share: the loop, the device and the remote directory.
 struct Session {
   Loop& loop;
   Device* device = nullptr;
-  std::vector<std::string> before;  ///< options that each command line begins with
-  std::string folder;
+  std::vector<std::string> before;  ///< options that are prepended to each command line
+  std::string directory;
 };
 
-/// Runs @p words, a command line without the program's name. The exit status.
+/// Runs @p words, a command line without the program name. Returns the exit status.
 [[nodiscard]] int runCommandLine(Session& session, const std::vector<std::string>& words);
 
 }  // namespace zell::ctl

@@ -25,7 +25,7 @@ Signals::Signals(Loop& loop, std::function<void(int number)> caught)
     }
   };
   if (!descriptor_.valid() || !loop_.watch(descriptor_.get(), EPOLLIN, read)) {
-    sigprocmask(SIG_SETMASK, &before_, nullptr);  // then they end us as usual
+    sigprocmask(SIG_SETMASK, &before_, nullptr);  // the default action of the signals remains
   }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// SIGINT and SIGTERM as something that happens in the loop.
+// Delivers signals as events of the loop.
 #ifndef ZELL_RUNELCTL_APP_SIGNALS_H_
 #define ZELL_RUNELCTL_APP_SIGNALS_H_
 
@@ -12,7 +12,8 @@
 
 namespace zell::ctl {
 
-/// While it lives, SIGINT, SIGTERM and SIGHUP call @p caught from the loop instead of ending us.
+/// During its lifetime, SIGINT, SIGTERM and SIGHUP call @p caught from the loop and do not end the
+/// process.
 class Signals {
  public:
   Signals(Loop& loop, std::function<void(int number)> caught);

@@ -12,7 +12,7 @@
 namespace zell::ctl {
 namespace {
 
-// The words between the braces of "WHEN:{always,auto,never}"; none without braces.
+// The words between the braces of "WHEN:{always,auto,never}"; empty without braces.
 std::vector<std::string> wordsIn(const std::string& type) {
   std::vector<std::string> words;
   const std::size_t open = type.find('{');
@@ -52,7 +52,7 @@ OptionRow optionRow(const CLI::Option& option) {
   return row;
 }
 
-// What an argument is can be told from its name in the help.
+// The name of an argument in the help determines its kind.
 Value argumentOf(const std::string& name) {
   if (startsWith(name, "LOCAL")) {
     return Value::file;

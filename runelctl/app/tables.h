@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The commands and options there are, as lists: for whoever completes what somebody types.
+// All commands and options as tables, for completion.
 #ifndef ZELL_RUNELCTL_APP_TABLES_H_
 #define ZELL_RUNELCTL_APP_TABLES_H_
 
@@ -12,21 +12,21 @@ class App;
 
 namespace zell::ctl {
 
-/// What can be typed for a value or an argument.
+/// The kind of a value or an argument.
 enum class Value {
-  none,      ///< nothing: the option is all
-  any,       ///< anything
-  oneOf,     ///< one of a few words
-  file,      ///< a path of this host
-  device,    ///< an address, or the name of a device at the master
-  remote,    ///< a path of the device
-  programs,  ///< a program of the device and its arguments
+  none,      ///< the option has no value
+  any,       ///< any text
+  oneOf,     ///< one of a list of words
+  file,      ///< a local path
+  device,    ///< an address, or @NAME of a device at the master
+  remote,    ///< a remote path
+  programs,  ///< a remote program and its arguments
 };
 
 struct OptionRow {
-  std::vector<std::string> names;  ///< with their dashes
+  std::vector<std::string> names;  ///< with leading dashes
   std::string help;
-  std::string placeholder;  ///< what help calls its value
+  std::string placeholder;  ///< the name of the value in the help
   Value value = Value::none;
   std::vector<std::string> words;  ///< for Value::oneOf
 };
@@ -35,21 +35,21 @@ struct CommandRow {
   std::string name;
   std::string help;
   std::vector<OptionRow> options;
-  std::vector<OptionRow> arguments;  ///< without names; the last one stands for all that follow it
+  std::vector<OptionRow> arguments;  ///< without names; the last one may repeat
 };
 
-/// The options that all commands know, and each command with its own.
+/// The general options, and each command with its options.
 struct Tables {
   std::vector<OptionRow> options;
   std::vector<CommandRow> commands;
 
-  /// Nothing when there is none of that name.
+  /// nullptr for an unknown name.
   [[nodiscard]] const CommandRow* command(const std::string& name) const;
-  /// The option @p name of @p command (nothing for none), or of all commands.
+  /// The option @p name of @p command (may be nullptr), or the general option of that name.
   [[nodiscard]] const OptionRow* option(const CommandRow* command, const std::string& name) const;
 };
 
-/// Reads them from the command line's own definition. What help does not show is left out.
+/// Reads the tables from the definition of the command line. Omits what the help does not show.
 [[nodiscard]] Tables readTables(CLI::App& app);
 
 }  // namespace zell::ctl

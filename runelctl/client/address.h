@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where devices are: what people write in place of an address, and lists of such.
+// Device addresses and lists of them.
 #ifndef ZELL_RUNELCTL_CLIENT_ADDRESS_H_
 #define ZELL_RUNELCTL_CLIENT_ADDRESS_H_
 
@@ -12,16 +12,16 @@
 
 namespace zell::ctl {
 
-/// The port on which devices listen, and the one on which they look for their master.
+/// The port that devices listen on, and the master port that they connect to.
 constexpr std::uint16_t kDevicePort = 5111;
 constexpr std::uint16_t kMasterPort = 5112;
 
-/// One device as it was named.
+/// One device as the user named it.
 struct Target {
-  std::string name;  ///< how it is shown
-  std::string host;  ///< address or host name; empty for one behind a master
+  std::string name;  ///< the name in output
+  std::string host;  ///< address or host name; empty for a device behind a master
   std::uint16_t port = kDevicePort;
-  std::string through;  ///< its name at the master that it dialled, without the '@'
+  std::string through;  ///< its name at the master, without the '@'
 
   [[nodiscard]] bool behindMaster() const { return !through.empty(); }
   bool operator==(const Target& other) const {
@@ -29,18 +29,18 @@ struct Target {
   }
 };
 
-/// Reads HOST[:PORT] or \@NAME. False, with the reason in @p why, for anything else.
+/// Parses HOST[:PORT] or \@NAME. Returns false and the error in @p why for other text.
 [[nodiscard]] bool parseTarget(const std::string& text, Target& target, std::string& why);
 
-/// Reads a list with commas between and adds its targets to @p targets, each once.
+/// Parses a comma-separated list and adds its targets to @p targets, without duplicates.
 [[nodiscard]] bool parseTargetList(const std::string& text, std::vector<Target>& targets,
                                    std::string& why);
 
-/// Reads one target a line: HOST[:PORT], \@NAME, or a name for it and a blank before that. '#'
-/// begins a comment. The reason of a refusal names the line.
+/// Reads one target a line: HOST[:PORT] or \@NAME, optionally preceded by a name and a blank. '#'
+/// starts a comment. The error in @p why names the line.
 [[nodiscard]] bool readTargets(std::istream& lines, std::vector<Target>& targets, std::string& why);
 
-/// Splits ADDRESS:PORT for a socket to listen on; each part may be missing and is left alone then.
+/// Parses ADDRESS[:PORT] of a listening socket. An omitted part leaves its parameter unchanged.
 [[nodiscard]] bool parseListen(const std::string& text, std::string& host, std::uint16_t& port);
 
 }  // namespace zell::ctl

@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kLeastRead = 16384;
 constexpr std::size_t kMostRead = 1048576;
 constexpr std::size_t kFirstBytes = 64;
-// Short frames share a buffer: a thousand small requests go out with a few system calls.
+// Short frames share a buffer, so that a few system calls send a thousand small requests.
 constexpr std::size_t kShared = 32768;
 constexpr std::size_t kPartsAtOnce = 16;
 
@@ -62,7 +62,7 @@ void Channel::send(std::string payload) {
       out_.back() += payload;
     } else {
       out_.push_back(std::move(payload));
-      out_.emplace_back();  // what follows must not be copied behind a long one
+      out_.emplace_back();  // do not append later frames to a long one: that would copy it
     }
   }
   askFor();
@@ -79,7 +79,7 @@ void Channel::askFor() {
                                   (writing_ ? std::uint32_t{EPOLLOUT} : 0U));
 }
 
-// Reading comes first: what a peer says before it hangs up tells more than the failed write.
+// Read first: the last data of a closing peer explains more than the error of a write.
 void Channel::handle(std::uint32_t events) {
   const std::weak_ptr<bool> alive = alive_;
   if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !receive()) {
@@ -119,8 +119,8 @@ void Channel::flush() {
   askFor();
 }
 
-// One read per readiness, larger ones for a peer that has much to say. False when the channel is
-// over or gone.
+// One read per readiness; the buffer grows with the amount of data. Returns false when the channel
+// is closed or destroyed.
 bool Channel::receive() {
   const ssize_t got = recv(socket_.get(), in_.data(), in_.size(), MSG_DONTWAIT);
   if (got < 0 && wouldBlock(errno)) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A connected socket that carries frames both ways without ever making the loop wait.
+// A connected socket that sends and receives frames without blocking the loop.
 #ifndef ZELL_RUNELCTL_CLIENT_CHANNEL_H_
 #define ZELL_RUNELCTL_CLIENT_CHANNEL_H_
 
@@ -18,35 +18,35 @@
 
 namespace zell::ctl {
 
-/// Sends and receives whole frames. Any handler may destroy the channel.
+/// Sends and receives complete frames. A handler may destroy the channel.
 class Channel {
  public:
   struct Handlers {
-    /// A whole message came.
+    /// A complete message was received.
     std::function<void(std::string&& payload)> message;
-    /// The connection is over; nothing else comes after this.
+    /// The connection is closed. This is the last call.
     std::function<void(const Error& error)> end;
-    /// Some bytes went out or came in. May be empty.
+    /// Bytes were sent or received. May be empty.
     std::function<void()> progress;
   };
 
-  /// Takes over the connected, non-blocking @p socket. The loop outlives the channel.
+  /// Takes ownership of the connected, non-blocking @p socket. The loop must outlive the channel.
   Channel(Loop& loop, UniqueFd socket, Handlers handlers);
   ~Channel();
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
-  /// Queues @p payload as one frame and sends what the socket takes at the loop's next turn.
+  /// Queues @p payload as one frame. Sending starts in the next turn of the loop.
   void send(std::string payload);
-  /// Bytes queued that have not gone out.
+  /// The number of queued bytes that are not sent yet.
   [[nodiscard]] std::size_t queued() const { return queued_; }
 
-  /// Bytes that were ever queued, for whoever wants to know what of them has gone out.
+  /// The number of bytes ever queued. Minus `queued()`, it is the number of sent bytes.
   [[nodiscard]] std::uint64_t everQueued() const { return everQueued_; }
 
   /// A message longer than @p bytes ends the connection.
   void limitMessages(std::size_t bytes) { limit_ = bytes; }
-  /// Stops and goes on reading, so that a fast peer waits for a slow one.
+  /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
   [[nodiscard]] int descriptor() const { return socket_.get(); }
@@ -66,13 +66,13 @@ class Channel {
   Handlers handlers_;
   ByteCountProtocol codec_{ByteCountProtocol::kNoSocket};
   std::deque<std::string> out_;
-  std::size_t sent_ = 0;  // bytes of out_.front() that have gone out
+  std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;
-  std::size_t coming_ = 0;  // bytes that came since the last whole message
+  std::size_t coming_ = 0;  // bytes received since the last complete message
   std::size_t limit_ = kMaxFramePayload;
   std::string in_;
-  std::string first_;  // how the peer began to speak, for a guess at what it is
+  std::string first_;  // the first received bytes, for a guess at the peer's protocol
   bool reading_ = true;
   bool writing_ = false;
   std::shared_ptr<bool> alive_;

@@ -29,7 +29,7 @@ UniqueFd newSocket(int family) {
 
 template <typename Address>
 int startConnect(int socket, const Address& address) {
-  // The socket calls' one type for addresses of every kind.
+  // The generic address type of the socket calls.
   return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
@@ -44,7 +44,7 @@ std::string connectHint(int number) {
 }
 
 void setNumber(int socket, int level, int option, int value) {
-  (void)setsockopt(socket, level, option, &value, sizeof value);  // a Unix socket has none of them
+  (void)setsockopt(socket, level, option, &value, sizeof value);  // fails on a Unix socket
 }
 
 }  // namespace
@@ -110,7 +110,7 @@ void Connector::connectMaster() {
   socket_ = newSocket(AF_UNIX);
   const bool made = socket_.valid() && startConnect(socket_.get(), address) == 0;
   if (!made && errno == EAGAIN) {
-    // So many come at once that there is no place to wait at: come back in a moment.
+    // The backlog of the master is full: retry after a pause.
     start_ = loop_.after(kMasterPause, [this] { connectMaster(); });
   } else if (made) {
     watchConnect();
@@ -141,8 +141,8 @@ void Connector::connected() {
   }
 }
 
-// One line to the master says which device; its answer is "ok" or the reason why not. After that
-// the connection is the device's own.
+// One line selects the device. The master answers "ok" or an error. After "ok", the connection
+// carries the frames of the device.
 void Connector::sendGreeting() {
   const std::string line = "attach " + target_.through + "\n";
   if (::send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) !=
@@ -156,7 +156,7 @@ void Connector::sendGreeting() {
   }
 }
 
-// Byte by byte: what follows the line belongs to the device.
+// Byte by byte: the bytes after the line belong to the device.
 void Connector::readGreeting() {
   char byte = 0;
   ssize_t got = recv(socket_.get(), &byte, 1, MSG_DONTWAIT);

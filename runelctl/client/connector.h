@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Makes the connection to a device: to its own port, or through the master that it dialled.
+// Connects to a device: directly to its port, or through the master that it is connected to.
 #ifndef ZELL_RUNELCTL_CLIENT_CONNECTOR_H_
 #define ZELL_RUNELCTL_CLIENT_CONNECTOR_H_
 
@@ -14,13 +14,13 @@
 
 namespace zell::ctl {
 
-/// One attempt. Destroying it gives it up; its handler may do that.
+/// One connection attempt. Destroying it cancels the attempt; the handler may destroy it.
 class Connector {
  public:
-  /// Exactly one of the two has a value.
+  /// Exactly one of the two arguments has a value.
   using Done = std::function<void(UniqueFd socket, std::optional<Error> error)>;
 
-  /// @p masterSocket is the path of the master's control socket, for targets behind one.
+  /// @p masterSocket is the path of the master's control socket, for targets behind a master.
   Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
             Done done);
   ~Connector();
@@ -49,8 +49,8 @@ class Connector {
   Loop::Timer limit_;
 };
 
-/// Sets the options of a connection that carries tasks: no delay for small packets, and probes that
-/// notice a peer which went away without a word.
+/// Sets the options of a task connection: no delay for small packets, and keepalive probes that
+/// detect a dead peer.
 void setTaskOptions(int socket);
 
 }  // namespace zell::ctl

@@ -34,7 +34,7 @@ void Device::askRaw(std::string payload, const Request& like, ReplyHandler handl
     dryRun_(target_, payload);
     return;
   }
-  pending_.push_back({std::move(handler), like.replyLimit, like.extraPatience, like.answered});
+  pending_.push_back({std::move(handler), like.replyLimit, like.extraTimeout, like.answered});
   if (disorder_) {
     loop_.next([this, alive = std::weak_ptr<bool>(alive_)] {
       if (!alive.expired() && disorder_) {
@@ -61,7 +61,7 @@ void Device::connect() {
   connector_ = std::make_unique<Connector>(
       loop_, target_, limits_.masterSocket, limits_.connect,
       [this](UniqueFd socket, std::optional<Error> error) {
-        // Not from within the connector's own call: it goes away here.
+        // The connector is still executing this call: destroy it in the next turn.
         auto held = std::make_shared<std::unique_ptr<Connector>>(std::move(connector_));
         loop_.next([held] { held->reset(); });
         if (error) {
@@ -84,7 +84,7 @@ void Device::connected(UniqueFd socket) {
   expectFront();
 }
 
-// The oldest request has become the one whose answer is due next.
+// The answer to the oldest request is due next: apply its limits.
 void Device::expectFront() {
   lastProgress_ = Clock::now();
   if (channel_ && !pending_.empty()) {
@@ -93,7 +93,7 @@ void Device::expectFront() {
   }
 }
 
-// What an idle device says wrong is told to the next request.
+// A protocol error of an idle device is reported to the next request.
 void Device::ended(const Error& error) {
   if (pending_.empty() && error.fault == Fault::protocol) {
     disorder_ = error;
@@ -106,7 +106,7 @@ void Device::send(Pending& pending, std::string&& payload) {
   pending.end = channel_->everQueued();
 }
 
-// An answer to a request that has not gone out belongs to none.
+// An answer cannot belong to a request that is not sent completely.
 bool Device::frontIsOut() const {
   return !pending_.empty() && pending_.front().end + channel_->queued() <= channel_->everQueued();
 }
@@ -139,7 +139,7 @@ void Device::progress() {
   finishUnanswered();
 }
 
-// "restart" is done when it has gone out: no answer will come.
+// "restart" is complete when it is sent: it has no answer.
 void Device::finishUnanswered() {
   while (channel_ && channel_->queued() == 0 && !pending_.empty() && !pending_.front().answered) {
     const std::weak_ptr<bool> alive = alive_;
@@ -153,23 +153,23 @@ void Device::finishUnanswered() {
 void Device::watchSilence() {
   loop_.cancel(silence_);
   const Pending& front = pending_.front();
-  if (!front.extraPatience) {
+  if (!front.extraTimeout) {
     return;
   }
-  const Milliseconds patience = limits_.silence + *front.extraPatience;
+  const Milliseconds timeout = limits_.silence + *front.extraTimeout;
   const auto passed = std::chrono::duration_cast<Milliseconds>(Clock::now() - lastProgress_);
-  silence_ = loop_.after(patience - passed, [this] { checkSilence(); });
+  silence_ = loop_.after(timeout - passed, [this] { checkSilence(); });
 }
 
 void Device::checkSilence() {
   const Pending& front = pending_.front();
-  const Milliseconds patience = limits_.silence + front.extraPatience.value_or(Milliseconds(0));
-  if (Clock::now() - lastProgress_ < patience) {
+  const Milliseconds timeout = limits_.silence + front.extraTimeout.value_or(Milliseconds(0));
+  if (Clock::now() - lastProgress_ < timeout) {
     watchSilence();
     return;
   }
-  // Answers come in order, so the later ones cannot be waited for without this one.
-  close({Fault::timedOut, "no answer for " + seconds(patience),
+  // Answers arrive in order, so all later ones are late too.
+  close({Fault::timedOut, "no answer for " + seconds(timeout),
          "the device may be busy: check with runelctl ping, or use a larger --timeout", ETIMEDOUT});
 }
 

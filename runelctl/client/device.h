@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A device to ask things of: connects when there is something to ask, pipelines, gives up in time.
+// A client of one device: connects on demand, pipelines requests and enforces timeouts.
 #ifndef ZELL_RUNELCTL_CLIENT_DEVICE_H_
 #define ZELL_RUNELCTL_CLIENT_DEVICE_H_
 
@@ -19,47 +19,47 @@
 
 namespace zell::ctl {
 
-/// How long a device may take.
+/// Timeouts of a device, and where its master is.
 struct Limits {
   Milliseconds connect{10000};
-  /// Without a byte in or out while an answer is due.
+  /// I/O timeout: the longest time without a byte sent or received while an answer is due.
   Milliseconds silence{30000};
-  /// Where the master's control socket is, for devices behind one.
+  /// Path of the master's control socket, for devices behind a master.
   std::string masterSocket;
 };
 
-/// One device. Requests may be given at any time: they go out at once, one behind the other, and
-/// are answered in their order. When the connection is lost, all that are unanswered fail, and the
-/// next request makes a new connection.
+/// One device. Requests may be added at any time: they are sent immediately and answered in order.
+/// When the connection is lost, all pending requests fail, and the next request opens a new
+/// connection.
 class Device {
  public:
-  /// Sees each request's text form in place of the device, which then never answers.
+  /// Receives the text form of each request instead of the device. No handler is called then.
   using DryRun = std::function<void(const Target& target, const std::string& payload)>;
 
-  /// The loop outlives the device.
+  /// The loop must outlive the device.
   Device(Loop& loop, Target target, Limits limits);
   ~Device();
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  /// Calls @p handler with what came of it, never before this returns. A request that is not
-  /// answered counts as done when it has gone out.
+  /// Calls @p handler with the result, never before this call returns. A request without an answer
+  /// is complete when it is sent.
   void ask(const Request& request, ReplyHandler handler);
-  /// The same for a payload of any kind. @p like has its limits.
+  /// Sends any payload. @p like gives the limits of the answer.
   void askRaw(std::string payload, const Request& like, ReplyHandler handler);
 
-  /// Ends the connection. Requests without an answer fail with @p why.
+  /// Closes the connection. Pending requests fail with @p why.
   void close(const Error& why);
-  /// Forgets the connection and all handlers.
+  /// Closes the connection and drops all handlers without calling them.
   void abandon();
 
   void setDryRun(DryRun dryRun) { dryRun_ = std::move(dryRun); }
-  /// Called with each answer's text form as it comes. For those who want to see the bytes.
+  /// Calls @p tap with the text form of each answer as received.
   void setTap(std::function<void(const std::string& payload)> tap) { tap_ = std::move(tap); }
 
   [[nodiscard]] const Target& target() const { return target_; }
   [[nodiscard]] const Limits& limits() const { return limits_; }
-  /// Requests without an answer, and bytes of requests that have not gone out.
+  /// The number of pending requests, and of bytes that are not sent yet.
   [[nodiscard]] std::size_t waiting() const { return pending_.size(); }
   [[nodiscard]] std::size_t queued() const { return channel_ ? channel_->queued() : 0; }
 
@@ -67,9 +67,9 @@ class Device {
   struct Pending {
     ReplyHandler handler;
     std::size_t replyLimit;
-    std::optional<Milliseconds> extraPatience;
+    std::optional<Milliseconds> extraTimeout;
     bool answered;
-    std::uint64_t end = 0;  ///< where its frame ends in all that was queued
+    std::uint64_t end = 0;  ///< end of its frame, as an offset in all queued bytes
   };
 
   void connect();
@@ -90,9 +90,9 @@ class Device {
   const Limits limits_;
   std::unique_ptr<Connector> connector_;
   std::unique_ptr<Channel> channel_;
-  std::deque<std::string> early_;  // payloads that wait for the connection
+  std::deque<std::string> early_;  // payloads queued until the connection is open
   std::deque<Pending> pending_;
-  std::optional<Error> disorder_;  // what an idle device did that it must not
+  std::optional<Error> disorder_;  // protocol error of an idle device
   Clock::time_point lastProgress_;
   Loop::Timer silence_;
   DryRun dryRun_;

@@ -34,12 +34,12 @@ bool Loop::watch(int fd, std::uint32_t events, Ready ready) {
 
 void Loop::change(int fd, std::uint32_t events) {
   epoll_event event = eventFor(fd, events);
-  (void)epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);  // it is watched, so it is known
+  (void)epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);  // fd is watched
 }
 
 void Loop::forget(int fd) {
   if (watched_.erase(fd) != 0) {
-    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // likewise
+    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // fd is watched
   }
 }
 
@@ -76,8 +76,8 @@ void Loop::turn(Milliseconds limit) {
   epoll_event events[kEventsAtOnce];
   const int ready = epoll_wait(epoll_.get(), events, kEventsAtOnce, waitTime(limit));
   for (int i = 0; i < ready; ++i) {
-    // One that was forgotten by an earlier handler of this round is not found any more. A new one
-    // under the same number may be called in vain, which every handler bears.
+    // An earlier handler of this turn may have removed the descriptor. A new descriptor with the
+    // same number may get a spurious call, which every handler accepts.
     const auto found = watched_.find(events[i].data.fd);
     if (found != watched_.end()) {
       const std::shared_ptr<Ready> handler = found->second;
@@ -97,7 +97,7 @@ void Loop::runTimers() {
   }
 }
 
-// Only those that wait now: a call may ask for another one.
+// Run only the calls that are queued now: a call may queue another one.
 void Loop::runCalls() {
   std::vector<Call> calls;
   calls.swap(calls_);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One thread, one epoll: descriptors that are ready, timers that are due, calls to make next.
+// Event loop with one thread and one epoll descriptor: descriptors, timers and deferred calls.
 #ifndef ZELL_RUNELCTL_CLIENT_LOOP_H_
 #define ZELL_RUNELCTL_CLIENT_LOOP_H_
 
@@ -19,13 +19,12 @@ namespace zell::ctl {
 using Milliseconds = std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-/// Calls handlers as things happen. A handler may watch, forget, start and cancel anything, its own
-/// included.
+/// Calls handlers for events. A handler may add and remove any handler or timer, including itself.
 class Loop {
  public:
   using Ready = std::function<void(std::uint32_t events)>;
   using Call = std::function<void()>;
-  /// Names a timer: when it is due, and which one of that moment. 0 names none.
+  /// Identifies a timer by its due time and a number. Number 0 is no timer.
   struct Timer {
     Clock::time_point due;
     std::uint64_t id = 0;
@@ -36,25 +35,25 @@ class Loop {
 
   Loop();
 
-  /// Calls @p ready whenever one of @p events (EPOLLIN, EPOLLOUT...) holds for @p fd, which stays
-  /// the caller's. False with errno when it cannot be watched.
+  /// Calls @p ready whenever one of @p events (EPOLLIN, EPOLLOUT...) is pending on @p fd. The
+  /// caller keeps ownership of @p fd. Returns false with errno on failure.
   [[nodiscard]] bool watch(int fd, std::uint32_t events, Ready ready);
-  /// Asks for other @p events of a descriptor that is watched.
+  /// Replaces the @p events of a watched descriptor.
   void change(int fd, std::uint32_t events);
-  /// Must be called before @p fd is closed. One that is not watched is no error.
+  /// Must be called before @p fd is closed. Ignores a descriptor that is not watched.
   void forget(int fd);
 
-  /// Calls @p call once, @p delay from now.
+  /// Calls @p call once, after @p delay.
   Timer after(Milliseconds delay, Call call);
-  /// Nothing happens when it was called already. @p timer names none afterwards.
+  /// Ignores a timer that has already expired. Resets @p timer.
   void cancel(Timer& timer);
 
-  /// Calls @p call at the next turn: from a clean stack, after the handler that runs now.
+  /// Calls @p call in the next turn, after the current handler has returned.
   void next(Call call) { calls_.push_back(std::move(call)); }
 
-  /// Waits for something to happen and makes the calls for it, until `stop`.
+  /// Handles events until `stop`.
   void run();
-  /// One round of that, waiting at most @p limit.
+  /// Runs one turn, waiting at most @p limit for events.
   void turn(Milliseconds limit);
   void stop() { stopped_ = true; }
 
@@ -64,7 +63,7 @@ class Loop {
   void runTimers();
 
   UniqueFd epoll_;
-  // Shared, so that a handler which forgets itself lives until it returns.
+  // Shared, so that a handler that removes itself lives until it returns.
   std::unordered_map<int, std::shared_ptr<Ready>> watched_;
   std::map<Timer, Call> timers_;
   std::vector<Call> calls_;

@@ -23,7 +23,7 @@ void limitWaits(int socket, Milliseconds limit) {
   timeval time{};
   time.tv_sec = seconds.count();
   time.tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(limit - seconds).count();
-  (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);  // a socket takes it
+  (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);  // cannot fail on a socket
   (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
@@ -40,7 +40,7 @@ bool connectTo(int socket, const std::string& path) {
     return false;
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  // The socket calls' one type for addresses of every kind.
+  // The generic address type of the socket calls.
   return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A question to the running master itself.
+// Queries the running master.
 #ifndef ZELL_RUNELCTL_CLIENT_MASTER_CLIENT_H_
 #define ZELL_RUNELCTL_CLIENT_MASTER_CLIENT_H_
 
@@ -11,8 +11,8 @@
 
 namespace zell::ctl {
 
-/// Asks the master whose control socket is @p path for the list of devices, one JSON object a line,
-/// and waits @p limit for all of it.
+/// Reads the list of devices from the master with the control socket @p path, one JSON object a
+/// line. @p limit is the timeout for each read and write.
 [[nodiscard]] std::optional<Error> listDevices(const std::string& path, Milliseconds limit,
                                                std::string& lines);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a peer is that speaks another protocol, by its first bytes.
+// Guesses the protocol of an unexpected peer from its first bytes.
 #ifndef ZELL_RUNELCTL_CLIENT_PEER_GUESS_H_
 #define ZELL_RUNELCTL_CLIENT_PEER_GUESS_H_
 
@@ -8,8 +8,8 @@
 
 namespace zell::ctl {
 
-/// "the peer is not runeld: ..." with a guess; empty when @p first, the first bytes that it sent,
-/// begins like the task protocol.
+/// Returns "the peer is not runeld: ..." with a guess. Returns an empty text if @p first, the first
+/// received bytes, may begin a frame of the task protocol.
 [[nodiscard]] std::string guessPeer(std::string_view first);
 
 }  // namespace zell::ctl

@@ -12,7 +12,7 @@
 namespace zell::ctl {
 namespace {
 
-constexpr std::size_t kRoomForTheRest = 65536;  // of the record, beside the content
+constexpr std::size_t kRecordOverhead = 65536;  // bytes of the record besides the content
 
 }  // namespace
 
@@ -28,7 +28,7 @@ std::string readInput(std::string& content) {
       return "standard input: " + systemText(errno);
     }
     content.append(part, got > 0 ? static_cast<std::size_t>(got) : 0);
-    if (content.size() > kMaxFramePayload - kRoomForTheRest) {
+    if (content.size() > kMaxFramePayload - kRecordOverhead) {
       return "standard input: too large for one task; use push, which has no size limit";
     }
   }

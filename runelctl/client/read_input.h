@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Standard input, whole.
+// Reads standard input completely.
 #ifndef ZELL_RUNELCTL_CLIENT_READ_INPUT_H_
 #define ZELL_RUNELCTL_CLIENT_READ_INPUT_H_
 
@@ -7,8 +7,8 @@
 
 namespace zell::ctl {
 
-/// Reads standard input to its end into @p content. The reason when that cannot be done, or when
-/// it is more than one task can carry; empty otherwise.
+/// Reads standard input to its end into @p content. Returns the error, also for more data than one
+/// task can carry; empty for success.
 [[nodiscard]] std::string readInput(std::string& content);
 
 }  // namespace zell::ctl

@@ -8,7 +8,7 @@
 namespace zell::ctl {
 namespace {
 
-// Takes fields off the front of a text. After a refusal nothing more is taken.
+// Parses fields from the front of a text. After the first mismatch, every call fails.
 class Cutter {
  public:
   explicit Cutter(std::string_view text) : rest_(text) {}
@@ -47,7 +47,7 @@ class Cutter {
   bool sound_ = true;
 };
 
-// Undoes the \xNN of walktree.
+// Decodes the \xNN escapes of walktree.
 bool unescape(std::string_view text, std::string& plain) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '\\') {
@@ -69,7 +69,7 @@ bool unescape(std::string_view text, std::string& plain) {
 
 bool takePath(std::string_view text, TreeEntry& entry) {
   if (entry.type == 'l') {
-    // The first arrow: a name that holds one itself cannot be told apart.
+    // Split at the first arrow: the format does not escape an arrow in a name.
     const std::size_t arrow = text.find(" -> ");
     if (arrow == std::string_view::npos || !unescape(text.substr(arrow + 4), entry.target)) {
       return false;
@@ -117,7 +117,7 @@ std::optional<std::vector<std::string>> parseNames(std::string_view text) {
   if (!cutter.skip("StringVec ") || !cutter.number(count) || !cutter.skip("\n")) {
     return std::nullopt;
   }
-  std::vector<std::string> names;  // grows with what is there, not with the count
+  std::vector<std::string> names;  // grows with the data, not with the announced count
   for (std::size_t i = 0; i < count; ++i) {
     std::size_t length = 0;
     std::string_view name;
@@ -182,14 +182,14 @@ char typeLetter(std::uint32_t mode) {
   }
 }
 
-std::string joinPath(const std::string& folder, const std::string& name) {
-  if (folder.empty() || (!name.empty() && name[0] == '/')) {
+std::string joinPath(const std::string& directory, const std::string& name) {
+  if (directory.empty() || (!name.empty() && name[0] == '/')) {
     return name;
   }
   if (name.empty() || name == ".") {
-    return folder;
+    return directory;
   }
-  return folder.back() == '/' ? folder + name : folder + "/" + name;
+  return directory.back() == '/' ? directory + name : directory + "/" + name;
 }
 
 std::string baseName(const std::string& path) {
@@ -202,7 +202,7 @@ std::string baseName(const std::string& path) {
   return path.substr(begin, end + 1 - begin);
 }
 
-std::string folderOf(const std::string& path) {
+std::string directoryOf(const std::string& path) {
   const std::size_t end = path.find_last_not_of('/');
   const std::size_t slash = end == std::string::npos ? end : path.rfind('/', end);
   if (end == std::string::npos || slash == std::string::npos) {

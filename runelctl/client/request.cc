@@ -13,7 +13,7 @@
 namespace zell::ctl {
 namespace {
 
-// A program that ignores the first signal gets two more seconds before the second one.
+// The daemon waits two seconds between the first and the second signal to a program.
 constexpr std::chrono::seconds kKillTime{2};
 
 bool answersAtLength(const std::string& task) {
@@ -21,7 +21,7 @@ bool answersAtLength(const std::string& task) {
   return std::find(std::begin(kTasks), std::end(kTasks), task) != std::end(kTasks);
 }
 
-// What became of a program, in words.
+// Describes how a program ended.
 std::string programText(const ResultStatus& status) {
   if (status.status == SlaveStatus::timeout) {
     return "exceeded its time limit";
@@ -60,7 +60,7 @@ Request request(std::vector<std::string> args) {
     made.replyLimit = kMaxFramePayload;
   }
   if (task == "exec" || task == "wait") {
-    made.extraPatience.reset();
+    made.extraTimeout.reset();
   }
   return made;
 }
@@ -77,9 +77,9 @@ Request execRequest(const std::vector<std::string>& argv, int limit) {
   Request made = request(std::move(args));
   made.execParam = limit;
   if (limit < 0) {
-    made.extraPatience = std::chrono::seconds(0);
+    made.extraTimeout = std::chrono::seconds(0);
   } else if (limit > 0) {
-    made.extraPatience = std::chrono::seconds(limit) + kKillTime;
+    made.extraTimeout = std::chrono::seconds(limit) + kKillTime;
   }
   return made;
 }

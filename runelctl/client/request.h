@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One task to be run on a device, and the answer to it.
+// A task request to a device, and the reply.
 #ifndef ZELL_RUNELCTL_CLIENT_REQUEST_H_
 #define ZELL_RUNELCTL_CLIENT_REQUEST_H_
 
@@ -16,54 +16,53 @@
 
 namespace zell::ctl {
 
-/// The largest answer of a task that answers with little more than its status.
+/// The size limit of the answer of a task that returns little more than its status.
 constexpr std::size_t kSmallReply = 65536;
 
 struct Request {
-  /// The task's name, then its arguments.
+  /// The name of the task and its arguments.
   std::vector<std::string> args;
   int execParam = 0;
-  /// False for "restart": the device has nothing to say about it.
+  /// False for "restart", which has no answer.
   bool answered = true;
-  /// More than this is no answer but a fault of the device.
+  /// A larger answer is a protocol error.
   std::size_t replyLimit = kSmallReply;
-  /// How long the device may be silent beyond what it usually may, since the task itself takes its
-  /// time. Without a value: as long as it wants.
-  std::optional<std::chrono::milliseconds> extraPatience = std::chrono::milliseconds(0);
+  /// Time added to the I/O timeout for the run time of the task. Without a value there is no
+  /// timeout.
+  std::optional<std::chrono::milliseconds> extraTimeout = std::chrono::milliseconds(0);
 };
 
-/// A request for the task @p args[0], with limits that fit that task.
+/// A request for the task @p args[0], with the limits of that task.
 [[nodiscard]] Request request(std::vector<std::string> args);
 
-/// The same with @p content as the last argument; a long one is not copied.
+/// A request with @p content as its last argument, which is moved and not copied.
 [[nodiscard]] Request request(std::vector<std::string> args, std::string&& content);
 
-/// An "exec" of @p argv; @p limit in seconds as the task takes it: 0 without limit, below 0 in the
-/// background.
+/// An "exec" of @p argv. @p limit is in seconds: 0 for no limit, negative for the background.
 [[nodiscard]] Request execRequest(const std::vector<std::string>& argv, int limit);
 
-/// Its text form, to be sent as one frame.
+/// The text form of @p request, the payload of one frame.
 [[nodiscard]] std::string encode(const Request& request);
 
-/// What came of a request: an answer, or no answer (`broken`).
+/// The result of a request: an answer, or an error (`broken`).
 struct Reply {
   std::optional<Error> broken;
   std::string output;
   ResultStatus status;
 
   [[nodiscard]] bool ok() const { return !broken && status.status == SlaveStatus::success; }
-  /// The failure, told as @p what: the system's text.
+  /// The failure as an error with the text "@p what: ...".
   [[nodiscard]] Error error(const std::string& what) const;
-  /// Exit status for it: what the program's would be in a shell, see the manual.
+  /// The exit status, as a shell would report it; see the manual.
   [[nodiscard]] int exitStatus() const;
 };
 
 using ReplyHandler = std::function<void(Reply reply)>;
 
-/// Reads an answer's text form, which it may use up. Nothing when it is malformed.
+/// Parses the text form of an answer, which may be moved from. Empty for malformed text.
 [[nodiscard]] std::optional<Reply> decodeReply(std::string&& payload);
 
-/// The exit status that stands for @p error.
+/// The exit status for @p error.
 [[nodiscard]] int exitStatusOf(const Error& error);
 
 constexpr int kExitTaskFailed = 1;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Host names and addresses.
+// Resolves host names.
 #ifndef ZELL_RUNELCTL_CLIENT_RESOLVER_H_
 #define ZELL_RUNELCTL_CLIENT_RESOLVER_H_
 
@@ -10,8 +10,8 @@
 
 namespace zell::ctl {
 
-/// Finds the IPv4 address of @p host. Asks the name service, and waits for it, for anything but a
-/// dotted address; answers are remembered. False with the system's text in @p why.
+/// Resolves @p host to an IPv4 address. Blocks on the name service for a host name and caches the
+/// result. Returns false with the system's error text in @p why.
 [[nodiscard]] bool resolve(const std::string& host, std::uint16_t port, sockaddr_in& address,
                            std::string& why);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// SHA-256, to compare a file here with what the device's sha256sum says of its own.
+// SHA-256, to compare a local file with the output of the device's sha256sum.
 #ifndef ZELL_RUNELCTL_CLIENT_SHA256_H_
 #define ZELL_RUNELCTL_CLIENT_SHA256_H_
 
@@ -14,7 +14,7 @@ namespace zell::ctl {
 class Sha256 {
  public:
   void add(std::string_view bytes);
-  /// 64 lower-case hex digits. Nothing may be added afterwards.
+  /// Returns 64 lower-case hex digits. Do not call `add` afterwards.
   [[nodiscard]] std::string finish();
 
  private:

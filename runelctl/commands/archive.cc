@@ -27,7 +27,7 @@ void putOctal(char* place, int digits, std::uint64_t value) {
   std::memcpy(place, text, static_cast<std::size_t>(digits));
 }
 
-// One "LENGTH KEY=VALUE\n", whose length counts its own digits.
+// A record "LENGTH KEY=VALUE\n". LENGTH includes its own digits.
 std::string paxRecord(const std::string& rest) {
   std::size_t length = rest.size() + 3;
   while (std::to_string(length).size() + 1 + rest.size() != length) {
@@ -65,8 +65,8 @@ void Archive::padded(std::string_view content) {
   bytes_.append((kTarBlock - content.size() % kTarBlock) % kTarBlock, '\0');
 }
 
-// The plain header has room for whole seconds from 1970 on. A tar that does not know the other form
-// takes it for a file of its own and says so; all in use know it.
+// The plain header stores only whole seconds since 1970, so an extended header stores the time. All
+// tars in use support it; another one would unpack it as a file and print a warning.
 void Archive::exactTime(const Moment& mtime) {
   char time[64];
   std::snprintf(time, sizeof time, "mtime=%lld.%09lld\n", static_cast<long long>(mtime.seconds),
@@ -82,7 +82,7 @@ void Archive::add(std::string_view name, const About& about, std::string_view co
   padded(content);
 }
 
-void Archive::addFolder(std::string_view name, const About& about) {
+void Archive::addDirectory(std::string_view name, const About& about) {
   exactTime(about.mtime);
   header(name, '5', about, 0);
 }

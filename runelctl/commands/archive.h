@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many small files or folders as one: the archive format that every device's tar reads.
+// Packs many small files or directories into one tar archive.
 #ifndef ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
 #define ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
 
@@ -11,7 +11,7 @@
 
 namespace zell::ctl {
 
-/// Builds an archive of plain files and folders in memory.
+/// Builds a tar archive of regular files and directories in memory.
 class Archive {
  public:
   struct About {
@@ -23,11 +23,11 @@ class Archive {
 
   static constexpr std::size_t kMostName = 99;
 
-  /// A file. @p name is short: at most kMostName bytes.
+  /// Adds a file. @p name has at most kMostName bytes.
   void add(std::string_view name, const About& about, std::string_view content);
-  /// A folder, likewise.
-  void addFolder(std::string_view name, const About& about);
-  /// The whole archive with its end. Nothing may be added afterwards.
+  /// Adds a directory. @p name has at most kMostName bytes.
+  void addDirectory(std::string_view name, const About& about);
+  /// Returns the complete archive. Do not add anything afterwards.
   [[nodiscard]] std::string finish();
   [[nodiscard]] std::size_t size() const { return bytes_.size(); }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A subcommand: its name, its arguments, its work on a device.
+// A subcommand that runs on devices: its name, its arguments and its job.
 #ifndef ZELL_RUNELCTL_COMMANDS_COMMAND_H_
 #define ZELL_RUNELCTL_COMMANDS_COMMAND_H_
 
@@ -16,7 +16,7 @@ class App;
 
 namespace zell::ctl {
 
-/// Made anew for each command line: it holds the arguments that were given.
+/// Holds the arguments of one command line. Create a new object for each command line.
 class Command {
  public:
   Command(std::string name, std::string help) : name_(std::move(name)), help_(std::move(help)) {}
@@ -27,20 +27,20 @@ class Command {
   [[nodiscard]] const std::string& name() const { return name_; }
   [[nodiscard]] const std::string& help() const { return help_; }
 
-  /// Tells @p app about options and arguments, which are to be stored here.
+  /// Registers options and arguments with @p app, to be stored in this object.
   virtual void define(CLI::App& app) = 0;
-  /// What is wrong with the arguments beyond what @p app could see; empty when nothing is.
+  /// Checks the arguments beyond the checks of @p app. Returns the error, empty for none.
   virtual std::string check(const Settings& settings) {
     (void)settings;
     return "";
   }
-  /// Looks at what of this host the command is about, once. What is wrong with it.
+  /// Examines the local files of the command, once for all devices. Returns the error, if any.
   [[nodiscard]] virtual std::optional<Error> prepare() { return std::nullopt; }
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
-  /// True for what cannot be had back: asked for before it is done to several devices.
-  [[nodiscard]] virtual bool takesAway() const { return false; }
-  /// True for what goes one device after the other unless told otherwise.
-  [[nodiscard]] virtual bool oneAtATime() const { return false; }
+  /// True for a command that needs a confirmation on several devices.
+  [[nodiscard]] virtual bool destructive() const { return false; }
+  /// True for a command that runs on one device after the other by default.
+  [[nodiscard]] virtual bool sequential() const { return false; }
 
  private:
   const std::string name_;
@@ -49,10 +49,10 @@ class Command {
 
 using Commands = std::vector<std::unique_ptr<Command>>;
 
-/// Everything that runs on devices.
+/// All commands that run on devices.
 [[nodiscard]] Commands deviceCommands();
 
-// One function for each group; they add to @p commands.
+// One function for each group. Each adds to @p commands.
 void addTaskCommands(Commands& commands);
 void addFileCommands(Commands& commands);
 void addTransferCommands(Commands& commands);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The device as a whole: ping, info, raw.
+// Commands about the device itself: ping, info, raw.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -19,7 +19,7 @@
 namespace zell::ctl {
 namespace {
 
-// Costs the device one system call.
+// Needs only one system call on the device.
 Request cheapTask() {
   return request({"fileexists", "/"});
 }
@@ -58,7 +58,7 @@ class PingJob : public Job {
     sum();
   }
 
-  // The first one has the making of the connection in it, and is left out where there are others.
+  // The first time includes the connection setup. Exclude it if there are others.
   void sum() {
     std::vector<double> sorted(times_.begin() + (times_.size() > 1 ? 1 : 0), times_.end());
     std::sort(sorted.begin(), sorted.end());
@@ -104,7 +104,7 @@ class PingCommand : public Command {
   double pause_ = 0.2;
 };
 
-// What tells a device apart and whether it is well, in one round trip.
+// Reads the identity and the state of a device in one round trip.
 class InfoJob : public Job {
  public:
   using Job::Job;
@@ -136,7 +136,7 @@ class InfoJob : public Job {
     putBytes(report().result(), label, value);
   }
 
-  // For people; programs get the number itself.
+  // Human-readable output only: the JSON output has the number.
   void line(const std::string& label, const std::string& value) {
     report().line(label + ": " + std::string(12 - std::min<std::size_t>(label.size(), 11), ' ') +
                   report().name(value));
@@ -154,7 +154,7 @@ class InfoJob : public Job {
     report().result()["uptime_s"] = seconds;
   }
 
-  // The last of the answers ends the job.
+  // The last answer ends the job.
   void space(const Reply& reply) {
     if (reply.broken) {
       fail(*reply.broken);
@@ -180,7 +180,7 @@ class InfoCommand : public Command {
   }
 };
 
-// Shows both frames to the byte.
+// Dumps both frames completely.
 class RawJob : public Job {
  public:
   RawJob(JobContext context, std::string payload)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looking at a device's files and moving them about: cat, ls, tree, df, stat, rm, mv.
+// Commands about files on the device: cat, ls, tree, df, stat, rm, mv.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -21,7 +21,7 @@ namespace {
 std::tm localTime(const Moment& moment) {
   const std::time_t seconds = moment.seconds;
   std::tm parts{};
-  (void)localtime_r(&seconds, &parts);  // a year beyond all calendars shows as 1900
+  (void)localtime_r(&seconds, &parts);  // a time that does not fit is shown as 1900
   return parts;
 }
 
@@ -108,7 +108,7 @@ class LsJob : public EachPathJob {
     });
   }
 
-  // False when the job has ended.
+  // Returns false when the job has ended.
   bool take(const std::string& path, const std::string& text) {
     std::optional<std::vector<std::string>> names = parseNames(text);
     if (!names) {
@@ -136,15 +136,15 @@ class LsJob : public EachPathJob {
     report().entry(object);
   }
 
-  void askAbout(const std::string& folder, const std::string& name) {
-    ask(request({"lstat", joinPath(folder, name)}), [this, folder, name](const Reply& reply) {
+  void askAbout(const std::string& directory, const std::string& name) {
+    ask(request({"lstat", joinPath(directory, name)}), [this, directory, name](const Reply& reply) {
       showEntry(name, reply);
-      // One that went away meanwhile is no failure; a lost connection is.
+      // A file that was removed meanwhile is not an error. A lost connection is.
       --left_;
       if (reply.broken || left_ == 0) {
         Reply all;
         all.broken = reply.broken;
-        visited(all, folder);
+        visited(all, directory);
       }
     });
   }
@@ -225,8 +225,8 @@ class TreeJob : public EachPathJob {
   }
 };
 
-// Free blocks come without their size; the file system's preferred block is that size on all file
-// systems that a controller is likely to have.
+// The task does not report the size of a block. On the file systems of controllers it equals
+// st_blksize.
 class DfJob : public EachPathJob {
  public:
   using EachPathJob::EachPathJob;
@@ -325,7 +325,8 @@ class StatJob : public EachPathJob {
   const bool raw_;
 };
 
-// Files by the task; with -r by the device's own rm, since there is no task that removes folders.
+// Removes files with the task "unlink". With -r, runs rm on the device, because no task removes
+// directories.
 class RmJob : public EachPathJob {
  public:
   RmJob(JobContext context, std::vector<std::string> paths, bool recursive)
@@ -351,7 +352,7 @@ class MvJob : public Job {
   MvJob(JobContext context, std::string from, std::string to)
       : Job(std::move(context)), from_(std::move(from)), to_(std::move(to)) {}
 
-  // Into a folder under the old name, as people expect; what "rename" does otherwise.
+  // If the target is a directory, moves the file into it, like mv(1). "rename" alone does not.
   void start() override {
     ask(request({"stat", to_}), [this](const Reply& reply) {
       const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
@@ -359,7 +360,7 @@ class MvJob : public Job {
         fail(*reply.broken);
         return;
       }
-      move(st && st->isFolder() ? joinPath(to_, baseName(from_)) : to_);
+      move(st && st->isDirectory() ? joinPath(to_, baseName(from_)) : to_);
     });
   }
   [[nodiscard]] std::string sentLater() const override {
@@ -394,7 +395,7 @@ class MvCommand : public Command {
     return std::make_unique<MvJob>(std::move(context), settings.remote(from_),
                                    settings.remote(to_));
   }
-  [[nodiscard]] bool takesAway() const override { return true; }
+  [[nodiscard]] bool destructive() const override { return true; }
 
  private:
   std::string from_;
@@ -455,7 +456,7 @@ class RmCommand : public PathsCommand {
     std::vector<std::string> all = paths(context.settings);
     return std::make_unique<RmJob>(std::move(context), std::move(all), recursive_);
   }
-  [[nodiscard]] bool takesAway() const override { return true; }
+  [[nodiscard]] bool destructive() const override { return true; }
 
  private:
   bool recursive_ = false;

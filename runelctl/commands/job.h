@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The work of one command on one device.
+// The execution of one command on one device.
 #ifndef ZELL_RUNELCTL_COMMANDS_JOB_H_
 #define ZELL_RUNELCTL_COMMANDS_JOB_H_
 
@@ -15,14 +15,14 @@
 
 namespace zell::ctl {
 
-/// How a job ended: an exit status, and the reason where it is not 0. A program's own exit status
-/// has no reason: it is for the program to tell.
+/// The result of a job: an exit status, and the error if it is not 0. The exit status of a program
+/// comes without an error: the program reports its errors.
 struct Outcome {
   int status = 0;
   std::optional<Error> error;
 };
 
-/// What a job works with. All of it outlives the job.
+/// The environment of a job. All of it outlives the job.
 struct JobContext {
   Loop& loop;
   Device& device;
@@ -31,8 +31,9 @@ struct JobContext {
   std::function<void(Outcome)> done;
 };
 
-/// Asks the device, step by step, and calls `finish` in the end, once. It may be destroyed at any
-/// time before: then it leaves nothing of its own on this host.
+/// Sends requests to the device step by step and calls `finish` once at the end. It may be
+/// destroyed earlier; then it leaves no temporary files on this host, except a partial file for
+/// resuming.
 class Job {
  public:
   explicit Job(JobContext context) : context_(std::move(context)) {}
@@ -41,11 +42,11 @@ class Job {
   Job& operator=(const Job&) = delete;
 
   virtual void start() = 0;
-  /// What `start` alone does not ask for, since it depends on answers, in words. Empty when all
-  /// that is ever sent was asked for. For a dry run.
+  /// For a dry run: describes the requests that depend on answers, which `start` does not send.
+  /// Empty for none.
   [[nodiscard]] virtual std::string sentLater() const { return ""; }
-  /// What takes away from the device what an unfinished job left there, over a connection of its
-  /// own. Nothing when there is nothing to take away.
+  /// A request that removes the temporary files of an unfinished job from the device, for a
+  /// separate connection. Empty if no cleanup is necessary.
   [[nodiscard]] virtual std::optional<Request> cleanUp() const { return std::nullopt; }
 
  protected:
@@ -55,7 +56,7 @@ class Job {
   void finish(Outcome outcome) { context_.done(std::move(outcome)); }
   void succeed() { finish({}); }
   void fail(const Error& error) { finish({exitStatusOf(error), error}); }
-  /// Ends with the failure that @p reply tells of, about @p what.
+  /// Ends the job with the failure in @p reply of @p what.
   void fail(const Reply& reply, const std::string& what) {
     finish({reply.broken ? reply.exitStatus() : kExitTaskFailed, reply.error(what)});
   }

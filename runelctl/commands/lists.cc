@@ -48,7 +48,7 @@ void PathsCommand::define(CLI::App& app) {
 std::vector<std::string> PathsCommand::paths(const Settings& settings) const {
   std::vector<std::string> all = paths_;
   if (all.empty()) {
-    all.push_back(fallback_ == "." && settings.folder.empty() ? "/" : fallback_);
+    all.push_back(fallback_ == "." && settings.directory.empty() ? "/" : fallback_);
   }
   for (std::string& path : all) {
     path = settings.remote(path);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Commands that do the same to each of several paths.
+// Commands that process a list of paths.
 #ifndef ZELL_RUNELCTL_COMMANDS_LISTS_H_
 #define ZELL_RUNELCTL_COMMANDS_LISTS_H_
 
@@ -12,15 +12,15 @@
 
 namespace zell::ctl {
 
-/// Visits one path after the other. One that fails does not keep the others from being visited: it
-/// is told at once, and the first one becomes the outcome.
+/// Visits one path after the other. A failure does not stop the visits. The first failure is the
+/// outcome, the others are reported as warnings.
 class EachPathJob : public Job {
  public:
   EachPathJob(JobContext context, std::vector<std::string> paths);
   void start() override;
 
  protected:
-  /// Asks what is to be asked about @p path and calls `visited` in the end.
+  /// Sends the requests for @p path and calls `visited` at the end.
   virtual void visit(const std::string& path) = 0;
   void visited(const Reply& reply, const std::string& path);
 
@@ -33,7 +33,7 @@ class EachPathJob : public Job {
 /// A command with a list of remote paths.
 class PathsCommand : public Command {
  public:
-  /// @p fallback is the path when none is given; empty: one must be given.
+  /// @p fallback is the default path; empty if a path is required.
   PathsCommand(std::string name, std::string help, std::string fallback)
       : Command(std::move(name), std::move(help)), fallback_(std::move(fallback)) {}
   void define(CLI::App& app) override;

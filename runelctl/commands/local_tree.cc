@@ -32,12 +32,12 @@ bool readLink(const std::string& path, std::string& target) {
   return length >= 0;
 }
 
-struct CloseFolder {
-  void operator()(DIR* folder) const { (void)closedir(folder); }
+struct CloseDirectory {
+  void operator()(DIR* directory) const { (void)closedir(directory); }
 };
 
-bool namesIn(const std::string& folder, std::vector<std::string>& names) {
-  const std::unique_ptr<DIR, CloseFolder> open(opendir(folder.c_str()));
+bool namesIn(const std::string& directory, std::vector<std::string>& names) {
+  const std::unique_ptr<DIR, CloseDirectory> open(opendir(directory.c_str()));
   if (!open) {
     return false;
   }
@@ -61,7 +61,7 @@ LocalEntry entryOf(const std::string& path, const std::string& relative, const s
           momentOf(st.st_mtim)};
 }
 
-// Depth first, with a list instead of a call in a call: trees may be deep.
+// Depth first, with a list instead of recursion: trees may be deep.
 class Scan {
  public:
   Scan(LocalSource& source, std::vector<std::string>& left) : source_(source), left_(left) {}
@@ -80,14 +80,14 @@ class Scan {
   }
 
  private:
-  bool open(const LocalEntry& folder) {
+  bool open(const LocalEntry& directory) {
     std::vector<std::string> names;
-    if (!namesIn(folder.path, names)) {
+    if (!namesIn(directory.path, names)) {
       return false;
     }
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
-      add(joinPath(folder.path, *name),
-          folder.relative.empty() ? *name : folder.relative + "/" + *name);
+      add(joinPath(directory.path, *name),
+          directory.relative.empty() ? *name : directory.relative + "/" + *name);
     }
     return true;
   }
@@ -95,7 +95,7 @@ class Scan {
   void add(const std::string& path, const std::string& relative) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) {
-      left_.push_back(path);  // gone since its folder was read
+      left_.push_back(path);  // removed since its directory was read
       return;
     }
     LocalEntry entry = entryOf(path, relative, st);
@@ -204,7 +204,7 @@ std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
 
 std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Moment& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
-  // A mode that is kept must not make a program of another user's.
+  // Drop the set-user-ID and set-group-ID bits: the owner is a different user here.
   if (fchmod(file_.get(), mode & 0777U) != 0 || futimens(file_.get(), times) != 0 ||
       rename(hidden_.c_str(), path_.c_str()) != 0) {
     return localError(path_, errno);
@@ -221,12 +221,12 @@ LocalWriter::~LocalWriter() {
 
 void LocalWriter::discard() {
   if (file_.valid()) {
-    (void)unlink(hidden_.c_str());  // there is nobody to tell
+    (void)unlink(hidden_.c_str());  // no caller to report an error to
     file_.reset();
   }
 }
 
-std::optional<Error> makeLocalFolder(const std::string& path) {
+std::optional<Error> makeLocalDirectory(const std::string& path) {
   struct stat st {};
   if (mkdir(path.c_str(), 0700) == 0) {
     return std::nullopt;
@@ -240,20 +240,20 @@ std::optional<Error> makeLocalFolder(const std::string& path) {
 
 std::optional<Error> makeLocalLink(const std::string& path, const std::string& target) {
   const std::string hidden = partPath(path);
-  (void)unlink(hidden.c_str());  // of an earlier run; symlink() tells when it stays
+  (void)unlink(hidden.c_str());  // left by an earlier run; symlink() reports it if it stays
   if (symlink(target.c_str(), hidden.c_str()) != 0) {
     return localError(path, errno);
   }
   if (rename(hidden.c_str(), path.c_str()) != 0) {
     const int number = errno;
-    (void)unlink(hidden.c_str());  // what went wrong first is told
+    (void)unlink(hidden.c_str());  // report the first error
     return localError(path, number);
   }
   return std::nullopt;
 }
 
-std::optional<Error> finishLocalFolder(const std::string& path, std::uint32_t mode,
-                                       const Moment& mtime) {
+std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
+                                          const Moment& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   if (chmod(path.c_str(), mode & 0777U) != 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
     return localError(path, errno);
@@ -282,7 +282,7 @@ std::string partPath(const std::string& path) {
   Sha256 hash;
   hash.add(baseName(path));
   const std::string name = ".runelctl-" + hash.finish().substr(0, kHashDigits) + ".part";
-  return path.find('/') == std::string::npos ? name : joinPath(folderOf(path), name);
+  return path.find('/') == std::string::npos ? name : joinPath(directoryOf(path), name);
 }
 
 std::optional<std::string> localSha256(const std::string& path, std::uint64_t count) {

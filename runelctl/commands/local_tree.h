@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files and folders of this host: what is to be sent, and how what comes is stored.
+// Local files and directories: scanning and reading the sources of a push, writing the targets of a
+// pull.
 #ifndef ZELL_RUNELCTL_COMMANDS_LOCAL_TREE_H_
 #define ZELL_RUNELCTL_COMMANDS_LOCAL_TREE_H_
 
@@ -15,40 +16,40 @@
 
 namespace zell::ctl {
 
-/// One thing to be sent.
+/// One file, directory or link to send.
 struct LocalEntry {
   char type = '-';       ///< '-', 'd' or 'l'
-  std::string path;      ///< here
-  std::string relative;  ///< below the source that was named; "" for itself
-  std::string target;    ///< of a link
+  std::string path;      ///< local path
+  std::string relative;  ///< relative to the source; "" for the source itself
+  std::string target;    ///< target of a symbolic link
   std::uint32_t mode = 0;
   std::uint64_t size = 0;
   Moment mtime;
 };
 
-/// One source that was named, with all below it when it is a folder: folders before what is in
-/// them, by byte value.
+/// One source, with all entries below it if it is a directory. A directory precedes its entries,
+/// which are sorted by byte value.
 struct LocalSource {
   std::string name;  ///< its last component
   std::vector<LocalEntry> entries;
 };
 
-/// Looks at @p path. The reason when it cannot be sent: missing, unreadable, a folder without
-/// @p recursive, neither file, folder nor link. Below a folder, what is none of these is left out
-/// and named in @p left.
+/// Scans @p path. Returns an error if it is missing, unreadable, a directory without @p recursive,
+/// or not a file or directory. Entries below a directory that are not a file, directory or link are
+/// skipped and listed in @p left.
 [[nodiscard]] std::optional<Error> scanLocal(const std::string& path, bool recursive,
                                              LocalSource& source, std::vector<std::string>& left);
 
-/// A file of this host being read, that may be changed by others meanwhile.
+/// Reads a local file and detects changes by others during reading.
 class LocalReader {
  public:
   [[nodiscard]] std::optional<Error> open(const std::string& path);
-  /// Reads @p count bytes from @p offset. A file that ends earlier has changed.
+  /// Reads @p count bytes from @p offset. An earlier end of file is an error: the file has changed.
   [[nodiscard]] std::optional<Error> read(std::uint64_t offset, std::size_t count,
                                           std::string& bytes) const;
-  /// True when size or time are not those at `open`.
+  /// True if size or time differ from those at `open`.
   [[nodiscard]] bool changed() const;
-  /// What to say then.
+  /// The error to report then.
   [[nodiscard]] Error changedError() const;
   [[nodiscard]] std::uint64_t size() const { return size_; }
 
@@ -59,8 +60,8 @@ class LocalReader {
   Moment mtime_;
 };
 
-/// A file of this host being made under a hidden name beside its place. Given up by destroying it:
-/// one that was begun to be resumed stays for a later try, nothing is left of another one.
+/// Writes a local file under a hidden name in the directory of its target. The destructor removes
+/// an unfinished file, unless it was begun for resuming and is not empty.
 class LocalWriter {
  public:
   LocalWriter() = default;
@@ -68,15 +69,15 @@ class LocalWriter {
   LocalWriter(const LocalWriter&) = delete;
   LocalWriter& operator=(const LocalWriter&) = delete;
 
-  /// Begins @p path. With @p resume, what is there of an earlier try stays, and `size` tells how
-  /// much that is.
+  /// Starts writing @p path. With @p resume, keeps the partial file of an earlier attempt; `size`
+  /// is its size.
   [[nodiscard]] std::optional<Error> begin(const std::string& path, bool resume);
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
-  /// Keeps only the first @p size bytes.
+  /// Truncates the partial file to @p size bytes.
   [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
-  /// Puts it in its place with this mode and time.
+  /// Sets mode and time and renames the file to its target.
   [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const Moment& mtime);
-  /// Takes away what is there.
+  /// Removes the unfinished file.
   void discard();
   [[nodiscard]] std::uint64_t size() const { return size_; }
   [[nodiscard]] const std::string& hiddenPath() const { return hidden_; }
@@ -89,21 +90,21 @@ class LocalWriter {
   std::uint64_t size_ = 0;
 };
 
-/// Makes the folder @p path unless it is there; a link to a folder is none.
-[[nodiscard]] std::optional<Error> makeLocalFolder(const std::string& path);
-/// Makes the link @p path to @p target, in place of a file or link that is there.
+/// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
+[[nodiscard]] std::optional<Error> makeLocalDirectory(const std::string& path);
+/// Creates the symbolic link @p path to @p target and replaces an existing file or link.
 [[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
                                                  const std::string& target);
-/// Gives the folder @p path its mode and time.
-[[nodiscard]] std::optional<Error> finishLocalFolder(const std::string& path, std::uint32_t mode,
-                                                     const Moment& mtime);
+/// Sets mode and time of the directory @p path.
+[[nodiscard]] std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
+                                                        const Moment& mtime);
 
-/// As chmod(1) and `touch -d` take them.
+/// Format a mode for chmod(1) and a time for `touch -d`.
 [[nodiscard]] std::string octalMode(std::uint32_t mode);
 [[nodiscard]] std::string touchTime(const Moment& time, bool fractions);
 
-/// The hidden name beside @p path under which a transfer to it is gathered. Its length does not
-/// grow with the name's, and it is the same for the same path.
+/// The path of the partial file for the target @p path, in the same directory. It has a fixed
+/// length and depends only on @p path.
 [[nodiscard]] std::string partPath(const std::string& path);
 
 /// Hex SHA-256 of the first @p count bytes of @p path.

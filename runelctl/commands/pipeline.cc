@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t kMostOnTheWay = 256;
 
-// Well below what the smallest of systems take for an argument list.
+// Well below the argument list limit of small systems.
 constexpr std::size_t kMostNames = 1000;
 constexpr std::size_t kMostNameBytes = 98304;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keeps many requests on the way to one device, but not too many.
+// Keeps a limited number of requests in flight to one device.
 #ifndef ZELL_RUNELCTL_COMMANDS_PIPELINE_H_
 #define ZELL_RUNELCTL_COMMANDS_PIPELINE_H_
 
@@ -14,21 +14,21 @@
 
 namespace zell::ctl {
 
-/// A device works on one task at a time, so a pipeline saves the round trips between them.
+/// A device executes one task at a time. A pipeline saves the round trips between tasks.
 class Pipeline {
  public:
   struct Item {
     Request request;
-    /// Bytes that it keeps in memory, here or there.
+    /// Bytes that it occupies in memory, on either side.
     std::size_t weight = 0;
-    /// False: ask for nothing more and end.
+    /// Returns false to stop after the requests in flight.
     std::function<bool(const Reply& reply)> handle;
   };
-  /// The next item; nothing when there is none.
+  /// Returns the next item, or nothing at the end.
   using Source = std::function<std::optional<Item>()>;
 
-  /// Calls @p end once, when the source has no more and all is answered, or when an item ended it
-  /// and what was on the way is answered. About @p mostBytes of weight are on the way at a time.
+  /// Calls @p end once, when the source is exhausted or an item has stopped the pipeline, and all
+  /// requests in flight are answered. Keeps about @p mostBytes of weight in flight.
   Pipeline(Device& device, Source source, std::size_t mostBytes, std::function<void()> end);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
@@ -49,21 +49,21 @@ class Pipeline {
   bool dry_ = false;
 };
 
-/// Runs one program on many names: as few runs as the length of an argument list allows.
-/// "chmod 0644 --" and two thousand paths are a handful of requests.
+/// Runs one program on many names, in as few runs as the argument list limit allows. "chmod 0644
+/// --" with two thousand paths needs a few requests.
 struct ProgramRuns {
-  std::vector<std::string> words;  ///< the program and what comes before the names
+  std::vector<std::string> words;  ///< the program and the arguments before the names
   std::vector<std::string> names;
 };
 
-/// What came of one run. `names` are those that it was about.
+/// The result of one run. `names` are its arguments.
 struct ProgramRun {
   const std::string& program;
   const std::vector<std::string>& names;
   const Reply& reply;
 };
 
-/// A source for a pipeline that makes @p runs, one after the other. @p handle as in Item.
+/// A pipeline source that executes @p runs one after the other. @p handle works as in Item.
 [[nodiscard]] Pipeline::Source programSource(std::vector<ProgramRuns> runs,
                                              std::function<bool(const ProgramRun& run)> handle);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Running programs on a device: exec, sh, ps.
+// Commands about programs on the device: exec, sh, ps.
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -12,7 +12,7 @@
 namespace zell::ctl {
 namespace {
 
-// What the program wrote goes out as it is; how it ended becomes the exit status.
+// Prints the output of the program unchanged and returns its exit status.
 class ExecJob : public Job {
  public:
   ExecJob(JobContext context, Request request, std::string program)
@@ -34,7 +34,7 @@ class ExecJob : public Job {
     if (reply.ok() || (!reply.broken && reply.status.status == SlaveStatus::running)) {
       succeed();
     } else if (!reply.broken && reply.status.state == WatchProcessState_t::exited) {
-      // Its own exit status says it all, as in a shell.
+      // Report only the exit status, like a shell.
       finish({reply.exitStatus(),
               report().json() ? std::make_optional(reply.error(program_)) : std::nullopt});
     } else {
@@ -94,10 +94,10 @@ class ShellLineCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     std::string line = line_;
-    if (!context.settings.folder.empty()) {
+    if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
-          execRequest({"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.folder},
+          execRequest({"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory},
                       limit_),
           "sh");
     }
@@ -110,7 +110,7 @@ class ShellLineCommand : public Command {
   std::string line_;
 };
 
-// "processrunning" with an answer that people read.
+// "processrunning" with human-readable output.
 class PsJob : public Job {
  public:
   PsJob(JobContext context, std::string process)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A large file comes in pieces, which the device's dd cuts, to a hidden name beside its place here,
-// and is renamed when it is whole. What a broken transfer left is taken up where it ends.
+// Fetches a large file in pieces that the device's dd reads. They are written to a hidden file in
+// the target directory, which is renamed when it is complete. An interrupted transfer is resumed.
 #include <algorithm>
 #include <utility>
 
@@ -10,7 +10,7 @@
 namespace zell::ctl {
 namespace {
 
-// What dd reports goes nowhere: it would be taken for content.
+// Discard the messages of dd: they would be mixed with the content.
 std::vector<std::string> pieceProgram(const std::string& path, std::uint64_t offset,
                                       std::size_t size, std::size_t block) {
   return {"/bin/sh",
@@ -31,13 +31,13 @@ void PullJob::fetchBigFiles() {
   bigFileDone();
 }
 
-// On to the next one.
+// Starts the next file.
 void PullJob::bigFileDone() {
   if (next_ == big_.size()) {
     makeLinks();
     return;
   }
-  // Not at once: its pipeline may be what calls this.
+  // Its pipeline may be the caller: destroy it in the next turn.
   auto old = std::make_shared<std::unique_ptr<BigFile>>(std::move(bigFile_));
   loop().next([old] { old->reset(); });
   bigFile_ = std::make_unique<BigFile>();
@@ -64,7 +64,7 @@ void PullJob::beginBigFile(const Reply& reply) {
   checkPart();
 }
 
-// Is what is here the beginning of what is there? Whole blocks of it are enough.
+// Checks whether the local partial file is the beginning of the remote file, in complete blocks.
 void PullJob::checkPart() {
   BigFile& file = *bigFile_;
   const std::uint64_t size = file.writer.size() / kPieceBlock * kPieceBlock;

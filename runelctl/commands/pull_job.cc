@@ -15,12 +15,12 @@ namespace {
 
 const Error kBadTree{Fault::protocol, "malformed directory tree", "", 0};
 
-bool isLocalFolder(const std::string& path) {
+bool isLocalDirectory(const std::string& path) {
   struct stat st {};
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The device says what is in a folder of its own, not where things go here.
+// A device must not be able to write outside of the target directory.
 bool staysBelow(const std::string& relative) {
   std::string_view rest = relative;
   while (true) {
@@ -44,8 +44,8 @@ StatRecord recordOf(const TreeEntry& entry) {
   return st;
 }
 
-// A name for a folder here, from the name that somebody gave a device.
-std::string folderName(const std::string& device) {
+// A local directory name for a device name.
+std::string directoryName(const std::string& device) {
   std::string name = device;
   std::replace(name.begin(), name.end(), '/', '_');
   return name == "." || name == ".." ? "_" : name;
@@ -59,18 +59,18 @@ PullJob::PullJob(JobContext context, PullPlan plan)
 PullJob::~PullJob() = default;
 
 void PullJob::start() {
-  into_ = plan_.apart || plan_.remotes.size() > 1 || base_.back() == '/' || isLocalFolder(base_);
+  into_ = plan_.apart || plan_.remotes.size() > 1 || base_.back() == '/' || isLocalDirectory(base_);
   if (plan_.apart) {
-    base_ = joinPath(base_, folderName(device().target().name));
+    base_ = joinPath(base_, directoryName(device().target().name));
   }
   if (into_ && !settings().dryRun) {
-    for (const std::string& folder : {plan_.local, base_}) {
-      const auto error = isLocalFolder(folder) ? std::nullopt : makeLocalFolder(folder);
+    for (const std::string& directory : {plan_.local, base_}) {
+      const auto error = isLocalDirectory(directory) ? std::nullopt : makeLocalDirectory(directory);
       if (error) {
         fail(*error);
         return;
       }
-      (void)(folder == base_ || chmod(folder.c_str(), 0755));  // it is ours alone otherwise
+      (void)(directory == base_ || chmod(directory.c_str(), 0755));  // mkdir made it with mode 0700
     }
   }
   lookAtNext();
@@ -84,7 +84,7 @@ std::string PullJob::sentLater() const {
 
 void PullJob::lookAtNext() {
   if (next_ == plan_.remotes.size()) {
-    makeFolders();
+    makeDirectories();
     return;
   }
   const std::string path = remote(plan_.remotes[next_++]);
@@ -104,12 +104,12 @@ void PullJob::lookAt(const std::string& remote, const Reply& reply) {
   const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
   if (!st) {
     failed(reply.ok() ? kBadTree : reply.error(remote));
-  } else if (st->isFolder() && plan_.recursive) {
-    // The dot behind it has a link to a folder walked as the folder.
+  } else if (st->isDirectory() && plan_.recursive) {
+    // The trailing dot follows a symbolic link to a directory.
     ask(request({"walktree", remote + "/."}),
         [this, remote](const Reply& tree) { takeTree(remote, tree); });
     return;
-  } else if (st->isFolder()) {
+  } else if (st->isDirectory()) {
     failed({Fault::task, remote + ": " + systemText(EISDIR), "use -r for directories", EISDIR});
   } else if (!st->isRegular()) {
     failed({Fault::task, remote + ": not a file or directory", "", 0});
@@ -151,7 +151,7 @@ void PullJob::takeEntry(const std::string& remote, const std::string& base,
   if (!staysBelow(entry.path)) {
     report().warn(item.source + ": skipped, its path leads out of the directory");
   } else if (entry.type == 'd') {
-    folders_.push_back(std::move(item));
+    directories_.push_back(std::move(item));
   } else if (entry.type == 'l') {
     links_.push_back(std::move(item));
   } else if (entry.type != '-') {
@@ -162,18 +162,18 @@ void PullJob::takeEntry(const std::string& remote, const std::string& base,
   }
 }
 
-void PullJob::makeFolders() {
-  for (Item& folder : folders_) {
-    if (const auto error = makeLocalFolder(folder.path)) {
-      itemFailed(folder, *error);
+void PullJob::makeDirectories() {
+  for (Item& directory : directories_) {
+    if (const auto error = makeLocalDirectory(directory.path)) {
+      itemFailed(directory, *error);
     }
   }
-  // A walked tree tells whole seconds only.
+  // walktree reports only whole seconds: get the exact times.
   const auto source = [this, at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {
-    if (at == folders_.size()) {
+    if (at == directories_.size()) {
       return std::nullopt;
     }
-    Item& item = folders_[at++];
+    Item& item = directories_[at++];
     return Pipeline::Item{request({"stat", item.source}), 0,
                           [this, &item](const Reply& reply) { return statTaken(item, reply); }};
   };
@@ -185,7 +185,7 @@ void PullJob::fetchSmallFiles() {
   pipe([this] { return nextSmallFile(); }, [this] { fetchBigFiles(); });
 }
 
-// Each one's record first, unless it is known, then its content.
+// Requests the stat record of each file, unless it is known, and then its content.
 std::optional<Pipeline::Item> PullJob::nextSmallFile() {
   if (next_ == small_.size()) {
     return std::nullopt;
@@ -217,7 +217,7 @@ bool PullJob::contentTaken(Item& item, const Reply& reply) {
     itemFailed(item, reply.error(item.source));
     return true;
   }
-  // What has no size, as under /proc, may have content all the same.
+  // A file of size 0 may have content, for example below /proc.
   if (!item.known || (item.st.size != 0 && item.st.size != reply.output.size())) {
     itemFailed(item, changedThere(item.source));
     return true;
@@ -236,7 +236,7 @@ bool PullJob::contentTaken(Item& item, const Reply& reply) {
   return true;
 }
 
-// Last, so that no file goes through a link that the device made up.
+// Links are created last, so that no file is written through a link from the device.
 void PullJob::makeLinks() {
   bigFile_.reset();
   for (Item& link : links_) {
@@ -261,17 +261,17 @@ void PullJob::compareChecksums() {
   std::reverse(left->begin(), left->end());
   pipe(programSource({run},
                      [this, left](const ProgramRun& done) { return compareRun(done, *left); }),
-       [this] { finishFolders(); });
+       [this] { finishDirectories(); });
 }
 
-// @p left has the items whose checksums are still to come, the next one at its end.
+// @p left has the items without a compared checksum; the next one is at its end.
 bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   if (!alive(done.reply)) {
     return false;
   }
   const auto sums = parseChecksums(done.reply.output, done.names.size());
   if (!done.reply.ok() || !sums) {
-    notKept("checksums not verified: " + programTrouble(done.program, done.reply));
+    warnOnce("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
   }
   for (const std::string& sum : *sums) {
@@ -284,14 +284,14 @@ bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   return true;
 }
 
-// The innermost first: what changes in a folder changes its time.
-void PullJob::finishFolders() {
-  for (auto folder = folders_.rbegin(); folder != folders_.rend(); ++folder) {
-    const auto error = folder->failed
-                           ? std::nullopt
-                           : finishLocalFolder(folder->path, folder->st.mode, folder->st.mtime);
+// Innermost directories first: a change in a directory changes its time.
+void PullJob::finishDirectories() {
+  for (auto directory = directories_.rbegin(); directory != directories_.rend(); ++directory) {
+    const auto error = directory->failed ? std::nullopt
+                                         : finishLocalDirectory(directory->path, directory->st.mode,
+                                                                directory->st.mtime);
     if (error) {
-      itemFailed(*folder, *error);
+      itemFailed(*directory, *error);
     }
   }
   endTransfer();

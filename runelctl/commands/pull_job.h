@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files and trees from a device.
+// Fetches files and directory trees from a device.
 #ifndef ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
 #define ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
 
@@ -15,19 +15,19 @@
 
 namespace zell::ctl {
 
-/// What is to be fetched.
+/// The sources and options of a pull.
 struct PullPlan {
   std::vector<std::string> remotes;
   std::string local;
   bool recursive = false;
   bool resume = true;
   bool checksum = false;
-  /// The place is a folder, in which each device has a folder of its own.
+  /// Each device has a separate directory below `local`.
   bool apart = false;
 };
 
-/// Looks at everything that is to be fetched, then fetches small files in a pipeline and large ones
-/// in pieces. No name that the device tells leads out of the folder that was asked for.
+/// Gets the attributes of all sources, then fetches small files in a pipeline and large files in
+/// pieces. Skips names from the device that lead out of the requested directory.
 class PullJob : public TransferJob {
  public:
   PullJob(JobContext context, PullPlan plan);
@@ -37,12 +37,12 @@ class PullJob : public TransferJob {
 
  private:
   struct Item {
-    std::string source;  ///< there
-    std::string path;    ///< here
+    std::string source;  ///< remote path
+    std::string path;    ///< local path
     StatRecord st;
-    bool known = false;  ///< `st` is exact; what a walked tree tells is not
+    bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
     bool failed = false;
-    std::string target;  ///< of a link
+    std::string target;  ///< target of a symbolic link
   };
   struct BigFile;
 
@@ -52,7 +52,7 @@ class PullJob : public TransferJob {
   void takeTree(const std::string& remote, const Reply& reply);
   void takeEntry(const std::string& remote, const std::string& base, const TreeEntry& entry);
   [[nodiscard]] std::string placeOf(const std::string& remote) const;
-  void makeFolders();
+  void makeDirectories();
   void fetchSmallFiles();
   std::optional<Pipeline::Item> nextSmallFile();
   bool statTaken(Item& item, const Reply& reply);
@@ -60,7 +60,7 @@ class PullJob : public TransferJob {
   void makeLinks();
   void compareChecksums();
   bool compareRun(const ProgramRun& done, std::vector<Item*>& left);
-  void finishFolders();
+  void finishDirectories();
   void itemFailed(Item& item, const Error& error);
 
   // pull_big_file.cc
@@ -80,7 +80,7 @@ class PullJob : public TransferJob {
   bool into_ = false;
   std::size_t next_ = 0;
   bool statNext_ = true;
-  std::vector<Item> folders_, links_, small_, big_;
+  std::vector<Item> directories_, links_, small_, big_;
   std::unique_ptr<BigFile> bigFile_;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sources of the pull job share and nobody else sees.
+// Private declarations of the pull job's source files.
 #ifndef ZELL_RUNELCTL_COMMANDS_PULL_PARTS_H_
 #define ZELL_RUNELCTL_COMMANDS_PULL_PARTS_H_
 
@@ -11,15 +11,15 @@
 
 namespace zell::ctl {
 
-/// The large file that is on its way.
+/// The large file in transfer.
 struct PullJob::BigFile {
   Item* item = nullptr;
   LocalWriter writer;
-  std::uint64_t offset = 0;  ///< up to where pieces were asked for
+  std::uint64_t offset = 0;  ///< end of the requested pieces
   std::optional<Error> error;
 };
 
-/// A file of the device that is not the one it was a moment ago.
+/// The error for a remote file that changed during the transfer.
 [[nodiscard]] inline Error changedThere(const std::string& path) {
   return {Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
 }

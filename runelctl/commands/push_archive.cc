@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many small files as one archive, unpacked by the device's tar in a hidden folder beside them and
-// renamed one by one: one synchronised write instead of thousands, and each file is the old or the
-// new one as ever. Whatever does not work this way is sent file by file. At the end an archive of
-// the folders alone gives them their modes and times.
+// Sends many small files as one archive. The device's tar unpacks it in a hidden directory next to
+// the targets, and the files are renamed one by one. This needs one synchronised write instead of
+// thousands, and each file is still replaced atomically. The other files are sent one by one. At
+// the end, an archive of the directories sets their modes and times.
 #include <algorithm>
 #include <utility>
 
@@ -13,21 +13,21 @@
 namespace zell::ctl {
 namespace {
 
-// From so many on it pays.
+// An archive of fewer files is slower than single requests.
 constexpr std::size_t kWorthIt = 8;
 constexpr std::uint64_t kSmall = 262144;
 constexpr std::uint32_t kOthers = 0077;
 constexpr std::size_t kNameDigits = 16;
 
-// The same for the same place, so that what a lost connection left behind goes the next time.
+// The same path for the same target, so that the next transfer removes what a lost connection left.
 std::string stagePath(const std::string& target) {
-  const std::string folder = folderOf(target);
+  const std::string directory = directoryOf(target);
   Sha256 hash;
-  hash.add(folder);
-  return joinPath(folder, ".runelctl-" + hash.finish().substr(0, kNameDigits) + ".d");
+  hash.add(directory);
+  return joinPath(directory, ".runelctl-" + hash.finish().substr(0, kNameDigits) + ".d");
 }
 
-// Reads a file that must not change meanwhile.
+// Reads a file. Returns false if it changes meanwhile.
 bool readSteady(const std::string& path, std::string& content) {
   LocalReader reader;
   return !reader.open(path) && reader.size() <= kSmall &&
@@ -36,7 +36,8 @@ bool readSteady(const std::string& path, std::string& content) {
 
 }  // namespace
 
-// A file that is nobody else's business goes this way too: it has its mode before it has its name.
+// A private file is always sent in an archive: its mode is set before the rename, so that other
+// users can never read it under its final name.
 void PushJob::sendArchives() {
   next_ = 0;
   const bool secret = std::any_of(small_.begin(), small_.end(), [](const Item& item) {
@@ -68,7 +69,7 @@ void PushJob::sendArchive() {
   });
 }
 
-// What is a link there is left to "write", which goes where it leads.
+// A target that is a symbolic link is left to "write", which follows the link.
 std::string PushJob::packArchive() {
   Archive archive;
   std::string content;
@@ -87,7 +88,7 @@ std::string PushJob::packArchive() {
   return archive.finish();
 }
 
-// All steps are on their way at once. What an earlier run left there is no archive of this one.
+// All steps are pipelined. Files that an earlier run left there are removed first.
 void PushJob::unpack(std::string&& archive, const std::vector<std::string>& options,
                      std::function<void(bool done)> next) {
   const std::string path = batch_->stage + "/archive";
@@ -106,8 +107,8 @@ void PushJob::unpack(std::string&& archive, const std::vector<std::string>& opti
   });
 }
 
-// A rename may reach the disk before the content does, and a power cut would then leave an empty
-// file where the old one was. The whole device's disks where sync knows no single ones.
+// The rename may reach the disk before the content. After a power failure the file would be empty.
+// Without "sync -f", all file systems of the device are synchronised.
 void PushJob::synchronise() {
   ask(execRequest({"sync", "-f", batch_->stage}, 0), [this](const Reply& reply) {
     if (!reply.ok()) {
@@ -160,19 +161,19 @@ void PushJob::leaveStage(std::function<void()> next) {
       });
 }
 
-// One tar sets the modes and times of all folders, where touch would run once for each of them.
-// Those that it does not reach are left to chmod and touch.
-void PushJob::setFolders() {
-  const auto first = std::find_if(folders_.begin(), folders_.end(),
+// One tar sets the modes and times of all directories; touch would run once for each of them. chmod
+// and touch process the remaining directories.
+void PushJob::setDirectories() {
+  const auto first = std::find_if(directories_.begin(), directories_.end(),
                                   [](const Item& item) { return !item.complete; });
-  if (first == folders_.end() || !foldersChanged_) {
+  if (first == directories_.end() || !directoriesChanged_) {
     setModes();
     return;
   }
-  const std::string base = folderOf(first->target);
+  const std::string base = directoryOf(first->target);
   batch_ = std::make_unique<Batch>();
   batch_->stage = stagePath(first->target);
-  std::string content = packFolders(base);
+  std::string content = packDirectories(base);
   if (batch_->items.size() < kWorthIt) {
     leaveStage([this] { setModes(); });
     return;
@@ -185,16 +186,16 @@ void PushJob::setFolders() {
   });
 }
 
-// The dot behind its name has a link to a folder taken for the folder.
-std::string PushJob::packFolders(const std::string& base) {
+// The trailing dot follows a symbolic link to a directory.
+std::string PushJob::packDirectories(const std::string& base) {
   Archive archive;
   const std::string before = base == "/" ? base : base + "/";
-  for (Item& item : folders_) {
+  for (Item& item : directories_) {
     const bool below =
         item.target.size() > before.size() && item.target.compare(0, before.size(), before) == 0;
     const std::string name = below ? item.target.substr(before.size()) + "/." : "";
     if (!item.complete && !name.empty() && name.size() <= Archive::kMostName) {
-      archive.addFolder(name, {item.entry->mode, 0, 0, item.entry->mtime});
+      archive.addDirectory(name, {item.entry->mode, 0, 0, item.entry->mtime});
       batch_->items.push_back(&item);
     }
   }

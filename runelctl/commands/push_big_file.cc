@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A large file goes in pieces to a hidden name beside its target and is renamed when it is whole.
-// What a broken transfer left there is taken up where it ends, if it is a part of this file.
+// Sends a large file in pieces to a hidden file in the target directory, which is renamed when it
+// is complete. An interrupted transfer is resumed if the partial file matches this file.
 #include <algorithm>
 #include <utility>
 
@@ -13,7 +13,7 @@ void PushJob::sendBigFiles() {
   bigFileDone();
 }
 
-// On to the next one.
+// Starts the next file.
 void PushJob::bigFileDone() {
   if (next_ == big_.size()) {
     makeLinks();
@@ -79,7 +79,8 @@ void PushJob::checkPart(const Reply& reply) {
       });
 }
 
-// Empty at first and nobody else's: whoever may not read the file must not read its part.
+// Create the partial file empty and with mode 0600, so that its content is never readable by users
+// who must not read the file.
 void PushJob::sendPieces() {
   if (bigFile_->offset == 0) {
     ask(request({"write", bigFile_->part, ""}), [this](const Reply& reply) {
@@ -126,11 +127,11 @@ void PushJob::endPieces() {
     dropPart(*file.error);
     return;
   }
-  // Somebody else may have written there too.
+  // Another client may have written to the partial file too: check its size.
   ask(request({"stat", file.part}), [this](const Reply& reply) { finishPart(reply); });
 }
 
-// Its mode, owner and time before its name.
+// Sets mode, owner and time before the rename.
 void PushJob::finishPart(const Reply& reply) {
   if (!alive(reply)) {
     return;
@@ -139,7 +140,8 @@ void PushJob::finishPart(const Reply& reply) {
   const Item& item = *bigFile_->item;
   const bool whole = st && st->size == bigFile_->reader.size();
   if (!whole && !bigFile_->again) {
-    // What the lost connection of an earlier try still had on its way may have come in between.
+    // The device may have executed late requests of an earlier, lost connection: send the file
+    // again.
     bigFile_->again = true;
     bigFile_->offset = 0;
     report().result().erase("resumed_at");
@@ -154,7 +156,7 @@ void PushJob::finishPart(const Reply& reply) {
   const auto ask = [this](const std::vector<std::string>& words, const char* what) {
     Job::ask(execRequest(words, 0), [this, what, program = words[0]](const Reply& done) {
       if (!done.ok() && !done.broken) {
-        notKept(std::string(what) + ": " + programTrouble(program, done));
+        warnOnce(std::string(what) + ": " + programTrouble(program, done));
       }
     });
   };

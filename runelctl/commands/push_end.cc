@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What makes a copy complete: modes and times, by the device's own programs, and a last comparison.
+// The last stages of a push: modes and times, set by programs on the device, and checksums.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -44,7 +44,7 @@ void PushJob::setModes() {
       groups[octalMode(item->entry->mode)].push_back(item->target);
     }
   }
-  for (const Items* list : {&folders_, &modeOnly_}) {
+  for (const Items* list : {&directories_, &modeOnly_}) {
     for (const Item& item : *list) {
       if (!item.complete) {
         groups[octalMode(item.entry->mode)].push_back(item.target);
@@ -54,7 +54,7 @@ void PushJob::setModes() {
   runPrograms(runsOf(groups, {"chmod"}), "modes not preserved", [this] { setTimes(true); });
 }
 
-// Whole seconds where the device's touch knows no others.
+// Retries with whole seconds if the device's touch rejects fractions.
 void PushJob::setTimes(bool fractions) {
   Groups groups;
   for (const Item* item : sentItems()) {
@@ -62,8 +62,8 @@ void PushJob::setTimes(bool fractions) {
       groups[touchTime(item->entry->mtime, fractions)].push_back(item->target);
     }
   }
-  for (const Item& item : folders_) {
-    if (!item.complete && foldersChanged_) {
+  for (const Item& item : directories_) {
+    if (!item.complete && directoriesChanged_) {
       groups[touchTime(item.entry->mtime, fractions)].push_back(item.target);
     }
   }
@@ -94,14 +94,14 @@ void PushJob::compareChecksums() {
        [this] { end(); });
 }
 
-// @p left has the items whose checksums are still to come, the next one at its end.
+// @p left has the items without a compared checksum; the next one is at its end.
 bool PushJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   if (!alive(done.reply)) {
     return false;
   }
   const auto sums = parseChecksums(done.reply.output, done.names.size());
   if (!done.reply.ok() || !sums) {
-    notKept("checksums not verified: " + programTrouble(done.program, done.reply));
+    warnOnce("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
   }
   for (const std::string& sum : *sums) {
@@ -125,7 +125,7 @@ std::optional<std::vector<std::string>> parseChecksums(std::string_view text, st
   constexpr std::size_t kDigits = 64;
   std::vector<std::string> sums;
   while (!text.empty()) {
-    // A name with a newline or backslash has the backslash in front of its line.
+    // sha256sum starts the line with a backslash if the name contains a newline or backslash.
     text.remove_prefix(text.front() == '\\' ? 1 : 0);
     const std::string_view digits = text.substr(0, kDigits);
     if (digits.size() != kDigits ||

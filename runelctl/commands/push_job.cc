@@ -27,24 +27,24 @@ void PushJob::start() {
   ask(request({"stat", root_}), [this](const Reply& reply) { place(reply); });
 }
 
-// The plan's figures are known; in which form they go depends on what is there.
+// The amounts are known, but the requests depend on the files on the device.
 std::string PushJob::sentLater() const {
   std::size_t files = 0;
-  std::size_t folders = 0;
+  std::size_t directories = 0;
   std::size_t links = 0;
   std::uint64_t bytes = 0;
   for (const LocalSource& source : plan_->sources) {
     for (const LocalEntry& entry : source.entries) {
       files += entry.type == '-' ? 1 : 0;
-      folders += entry.type == 'd' ? 1 : 0;
+      directories += entry.type == 'd' ? 1 : 0;
       links += entry.type == 'l' ? 1 : 0;
       bytes += entry.size;
     }
   }
   return std::string(plan_->sync ? "walktree of the remote directory; for the differences among "
                                  : "for ") +
-         countText(files, "file") + " (" + sizeText(bytes) + "), " + std::to_string(folders) +
-         (folders == 1 ? " directory" : " directories") + " and " + countText(links, "link") +
+         countText(files, "file") + " (" + sizeText(bytes) + "), " + std::to_string(directories) +
+         (directories == 1 ? " directory" : " directories") + " and " + countText(links, "link") +
          ": fileexists and lstat of the targets; mkdir and ln; write (in pieces, or as an archive "
          "for tar) and "
          "rename; chmod and touch" +
@@ -52,20 +52,20 @@ std::string PushJob::sentLater() const {
          (plan_->remove ? "; rm of files that are missing here" : "");
 }
 
-// As cp does: several sources, a slash at the end or a folder that is there mean "into".
+// Like cp(1): several sources, a trailing slash or an existing directory mean "copy into".
 void PushJob::place(const Reply& reply) {
   if (!alive(reply)) {
     return;
   }
   const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
-  const bool folder = (st && st->isFolder()) || (root_.size() > 1 && root_.back() == '/');
-  const bool into = !plan_->sync && (folder || plan_->sources.size() > 1);
+  const bool directory = (st && st->isDirectory()) || (root_.size() > 1 && root_.back() == '/');
+  const bool into = !plan_->sync && (directory || plan_->sources.size() > 1);
   for (const std::string& left : plan_->left) {
     report().warn(left + ": skipped, not a file, directory or link");
   }
   if (into && !st) {
     static const LocalEntry kPlain{'d', "", "", "", 0755, 0, {}};
-    folders_.push_back({&kPlain, root_, false, true, std::nullopt});
+    directories_.push_back({&kPlain, root_, false, true, std::nullopt});
   }
   for (const LocalSource& source : plan_->sources) {
     plan(into ? joinPath(root_, source.name) : root_, source);
@@ -73,7 +73,7 @@ void PushJob::place(const Reply& reply) {
   if (plan_->sync) {
     lookAtTree();
   } else {
-    lookAtFolders();
+    lookAtDirectories();
   }
 }
 
@@ -82,7 +82,7 @@ void PushJob::plan(const std::string& base, const LocalSource& source) {
     const std::string target = entry.relative.empty() ? base : joinPath(base, entry.relative);
     const Item item{&entry, target, false, false, std::nullopt};
     if (entry.type == 'd') {
-      folders_.push_back(item);
+      directories_.push_back(item);
     } else if (entry.type == 'l') {
       links_.push_back(item);
     } else if (entry.size > pieceBytes()) {
@@ -94,38 +94,39 @@ void PushJob::plan(const std::string& base, const LocalSource& source) {
   }
 }
 
-// Nothing can be in the way in a folder that is not there yet.
-void PushJob::lookAtFolders() {
+// The targets in a new directory need no check.
+void PushJob::lookAtDirectories() {
   const auto source = [this, at = std::size_t{0}]() mutable -> std::optional<Pipeline::Item> {
-    if (at == folders_.size()) {
+    if (at == directories_.size()) {
       return std::nullopt;
     }
-    const Item& item = folders_[at++];
+    const Item& item = directories_[at++];
     return Pipeline::Item{request({"fileexists", item.target}), 0,
                           [this, &item](const Reply& reply) {
                             if (!reply.ok()) {
-                              newFolders_.insert(item.target);
+                              newDirectories_.insert(item.target);
                             }
                             return alive(reply);
                           }};
   };
-  pipe(source, [this] { makeFolders(); });
+  pipe(source, [this] { makeDirectories(); });
 }
 
-void PushJob::makeFolders() {
+void PushJob::makeDirectories() {
   ProgramRuns run{{"mkdir", "-p", "--"}, {}};
-  for (const Item& item : folders_) {
+  for (const Item& item : directories_) {
     run.names.push_back(item.target);
   }
   runPrograms({run}, "directories not created", [this] { lookAtTargets(); });
 }
 
-// A file that replaces another one keeps its owner, and goes where a link leads, as "write" has it.
+// Gets owner and type of existing targets: the owner is preserved and symbolic links are followed,
+// as "write" does.
 void PushJob::lookAtTargets() {
   std::vector<Item*> items;
   for (Items* list : {&small_, &big_}) {
     for (Item& item : *list) {
-      if (newFolders_.count(folderOf(item.target)) == 0) {
+      if (newDirectories_.count(directoryOf(item.target)) == 0) {
         items.push_back(&item);
       }
     }
@@ -197,7 +198,7 @@ void PushJob::makeLinks() {
   for (const Item& item : links_) {
     runs.push_back({{"ln", "-s", "-f", "-n", "--", item.entry->target}, {item.target}});
   }
-  runPrograms(std::move(runs), "links not created", [this] { setFolders(); });
+  runPrograms(std::move(runs), "links not created", [this] { setDirectories(); });
 }
 
 void PushJob::itemFailed(Item& item, const Error& error) {

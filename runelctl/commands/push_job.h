@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files and trees to a device.
+// Sends files and directory trees to a device.
 #ifndef ZELL_RUNELCTL_COMMANDS_PUSH_JOB_H_
 #define ZELL_RUNELCTL_COMMANDS_PUSH_JOB_H_
 
@@ -17,19 +17,20 @@
 
 namespace zell::ctl {
 
-/// What is to be sent, the same for all devices.
+/// The sources and options of a push, shared by all devices.
 struct PushPlan {
   std::vector<LocalSource> sources;
-  std::vector<std::string> left;  ///< what cannot be sent
-  std::string remote;             ///< as typed
+  std::vector<std::string> left;  ///< skipped entries
+  std::string remote;             ///< as given on the command line
   bool resume = true;
   bool checksum = false;
-  bool sync = false;    ///< only what differs, into the folder itself
-  bool remove = false;  ///< with sync: what is not here goes from there
+  bool sync = false;    ///< send only differences, into the directory itself
+  bool remove = false;  ///< with sync: remove remote files that are missing here
 };
 
-/// Goes through its stages one after the other, each a pipeline of requests. A file that fails is
-/// told and stays as it was on the device, and the others go on; a lost connection ends the job.
+/// Runs its stages one after the other, each as a pipeline of requests. A failed file is reported,
+/// keeps its old content on the device and does not stop the others. A lost connection ends the
+/// job.
 class PushJob : public TransferJob {
  public:
   PushJob(JobContext context, std::shared_ptr<const PushPlan> plan);
@@ -39,30 +40,30 @@ class PushJob : public TransferJob {
   [[nodiscard]] std::string sentLater() const override;
 
  private:
-  /// One thing to be done on the device.
+  /// One file, directory or link to create on the device.
   struct Item {
     const LocalEntry* entry;
     std::string target;
     bool failed = false;
-    bool complete = false;            ///< mode and time are right already
-    std::optional<StatRecord> there;  ///< what it replaces
+    bool complete = false;            ///< mode and time are already set
+    std::optional<StatRecord> there;  ///< the existing target
   };
   struct Batch;
   struct BigFile;
   using Items = std::vector<Item>;
 
-  // push_job.cc: the stages in their order.
+  // push_job.cc: the stages in order.
   void place(const Reply& reply);
   void plan(const std::string& base, const LocalSource& source);
-  void lookAtFolders();
-  void makeFolders();
+  void lookAtDirectories();
+  void makeDirectories();
   void lookAtTargets();
   void sendSmallFiles();
   std::optional<Pipeline::Item> nextSmallFile();
   std::optional<Error> readSmallFile(const Item& item, std::string& content) const;
   void makeLinks();
 
-  // push_end.cc: what makes the copy complete.
+  // push_end.cc: the last stages.
   void setModes();
   void setTimes(bool fractions);
   void compareChecksums();
@@ -70,12 +71,12 @@ class PushJob : public TransferJob {
   void end();
   std::vector<Item*> sentItems();
 
-  // push_sync.cc: what of it is needed.
+  // push_sync.cc: finds the differences.
   void lookAtTree();
   void compareTree(const Reply& reply);
   void removeOthers();
 
-  // push_archive.cc: many small files at once.
+  // push_archive.cc: small files in archives.
   void sendArchives();
   void sendArchive();
   std::string packArchive();
@@ -84,10 +85,10 @@ class PushJob : public TransferJob {
   void synchronise();
   void renameUnpacked();
   void leaveStage(std::function<void()> next);
-  void setFolders();
-  std::string packFolders(const std::string& base);
+  void setDirectories();
+  std::string packDirectories(const std::string& base);
 
-  // push_big_file.cc: in pieces, to be taken up again.
+  // push_big_file.cc: large files in pieces, with resuming.
   void sendBigFiles();
   void bigFileDone();
   void lookBehindLink(const std::string& target);
@@ -104,18 +105,17 @@ class PushJob : public TransferJob {
 
   const std::shared_ptr<const PushPlan> plan_;
   std::string root_;
-  std::set<std::string> newFolders_;
-  Items folders_, links_, small_, big_;
-  Items modeOnly_;                   // their content is right
-  std::vector<std::string> others_;  // there, but not here
+  std::set<std::string> newDirectories_;
+  Items directories_, links_, small_, big_;
+  Items modeOnly_;                   // only the mode differs
+  std::vector<std::string> others_;  // on the device, but missing here
   std::size_t next_ = 0;
-  bool foldersChanged_ = true;
+  bool directoriesChanged_ = true;
   std::unique_ptr<Batch> batch_;
   std::unique_ptr<BigFile> bigFile_;
 };
 
-/// The checksums that sha256sum wrote, one for each of @p count names. Nothing when it wrote
-/// something else.
+/// Parses the output of sha256sum for @p count names. Empty for other output.
 [[nodiscard]] std::optional<std::vector<std::string>> parseChecksums(std::string_view text,
                                                                      std::size_t count);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sources of the push job share and nobody else sees.
+// Private declarations of the push job's source files.
 #ifndef ZELL_RUNELCTL_COMMANDS_PUSH_PARTS_H_
 #define ZELL_RUNELCTL_COMMANDS_PUSH_PARTS_H_
 
@@ -12,21 +12,21 @@
 
 namespace zell::ctl {
 
-/// What went in one archive: files or folders.
+/// The content of one archive: files or directories.
 struct PushJob::Batch {
-  std::string stage;         ///< the hidden folder on the device
-  std::vector<Item*> items;  ///< each file in the archive under its place in this list
-  bool staged = false;       ///< the hidden folder is there
-  bool written = false;      ///< the archive is there whole
+  std::string stage;         ///< the hidden directory on the device
+  std::vector<Item*> items;  ///< a file's name in the archive is its index in this list
+  bool staged = false;       ///< the hidden directory exists
+  bool written = false;      ///< the archive is written completely
 };
 
-/// The large file that is on its way.
+/// The large file in transfer.
 struct PushJob::BigFile {
   Item* item = nullptr;
   LocalReader reader;
   std::string part;
-  std::uint64_t offset = 0;  ///< up to where pieces were asked for
-  bool again = false;        ///< sent from its beginning once more
+  std::uint64_t offset = 0;  ///< end of the sent pieces
+  bool again = false;        ///< sent again from the beginning
   std::optional<Error> error;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What of a tree has to be sent: what is not on the device, or there in another form.
+// Finds the differences between a local tree and a tree on the device.
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -12,7 +12,8 @@ namespace {
 
 using Tree = std::map<std::string, const TreeEntry*>;
 
-// Takes what is at the place of @p entry out of @p there. Nothing when that is of another kind.
+// Removes the counterpart of @p entry from @p there. Returns nullptr if it is missing or has a
+// different type.
 const TreeEntry* take(Tree& there, const LocalEntry& entry) {
   const auto found = there.find(entry.relative.empty() ? "." : entry.relative);
   if (found == there.end() || found->second->type != entry.type) {
@@ -32,7 +33,7 @@ bool sameContent(const LocalEntry& here, const TreeEntry& there) {
 
 }  // namespace
 
-// The dot behind it has a link to a folder looked at as the folder.
+// The trailing dot follows a symbolic link to a directory.
 void PushJob::lookAtTree() {
   ask(request({"walktree", root_ + "/."}), [this](const Reply& reply) { compareTree(reply); });
 }
@@ -63,16 +64,16 @@ void PushJob::compareTree(const Reply& reply) {
     return true;
   };
   std::size_t sent = 0;
-  for (Items* list : {&small_, &big_, &links_, &folders_}) {
+  for (Items* list : {&small_, &big_, &links_, &directories_}) {
     list->erase(std::remove_if(list->begin(), list->end(), same), list->end());
     sent += list->size();
   }
   for (const auto& [path, entry] : there) {
-    if (plan_->remove && path != "." && there.count(folderOf(path)) == 0) {
+    if (plan_->remove && path != "." && there.count(directoryOf(path)) == 0) {
       others_.push_back(path);
     }
   }
-  foldersChanged_ = sent > 0 || !others_.empty();
+  directoriesChanged_ = sent > 0 || !others_.empty();
   removeOthers();
 }
 
@@ -81,7 +82,7 @@ void PushJob::removeOthers() {
   for (const std::string& path : others_) {
     run.names.push_back(joinPath(root_, path));
   }
-  runPrograms({run}, "files not removed", [this] { lookAtFolders(); });
+  runPrograms({run}, "files not removed", [this] { lookAtDirectories(); });
 }
 
 }  // namespace zell::ctl

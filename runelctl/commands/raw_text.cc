@@ -7,7 +7,7 @@
 namespace zell::ctl {
 namespace {
 
-// The length of the escape that @p text begins with, behind its backslash; 0 for none.
+// The length of the escape at the start of @p text, without its backslash; 0 if it is invalid.
 std::size_t readEscape(std::string_view text, char& byte) {
   constexpr std::string_view kLetters = "ntr\\";
   constexpr std::string_view kBytes = "\n\t\r\\";

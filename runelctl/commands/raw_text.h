@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bytes typed by hand.
+// Parses bytes with escapes from the command line.
 #ifndef ZELL_RUNELCTL_COMMANDS_RAW_TEXT_H_
 #define ZELL_RUNELCTL_COMMANDS_RAW_TEXT_H_
 
@@ -8,7 +8,8 @@
 
 namespace zell::ctl {
 
-/// Reads @p text with \n, \t, \r, \\ and \xNN in it into @p bytes. False for any other backslash.
+/// Replaces the escapes \n, \t, \r, \\ and \xNN of @p text and stores the result in @p bytes.
+/// Returns false for any other escape.
 [[nodiscard]] bool readRawText(std::string_view text, std::string& bytes);
 
 }  // namespace zell::ctl

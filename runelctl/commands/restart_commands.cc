@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// reboot and restart, with proof that they happened.
+// reboot and restart, with a verification.
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -17,16 +17,17 @@ constexpr Milliseconds kPollPause{200};
 constexpr Milliseconds kPollConnect{2000};
 constexpr Milliseconds kPollSilence{5000};
 
-/// What changes when it happened, and how long each half may take.
+/// How a reboot or restart is verified, and its time limits.
 struct Proof {
   const char* task;
-  const char* path;  ///< the file on the device that says which run this is
-  const char* name;  ///< of what it holds
+  const char* path;  ///< the file on the device that identifies the current run
+  const char* name;  ///< the name of its content
   double downLimit;
   double upLimit;
 };
 
-// The daemon's own start: field 22 of its stat, behind a name that may hold anything, and its pid.
+// Identifies the daemon process by its pid and its start time, field 22 of its stat. Fields are
+// counted after the last ')', because the process name may contain any bytes.
 std::string startOf(const std::string& text) {
   std::size_t at = text.rfind(')');
   for (int field = 3; field <= 22 && at != std::string::npos; ++field) {
@@ -67,7 +68,7 @@ class RestartJob : public Job {
  private:
   void act() {
     ask(request({proof_.task}), [this](const Reply& reply) {
-      // What an answered "reboot" carries is the status of the task before it.
+      // Ignore the status: the answer to "reboot" carries the status of the previous task.
       if (reply.broken && !(wait_ && reply.broken->fault == Fault::lost)) {
         fail(*reply.broken);
       } else if (!wait_) {
@@ -105,7 +106,7 @@ class RestartJob : public Job {
                       : "did not come back",
            proof_.upLimit);
     } else {
-      // A fresh connection each time: an old one may belong to what is going down.
+      // Use a new connection each time: an old one may lead to the process that is ending.
       timer_ = loop().after(kPollPause, [this] {
         poller_->abandon();
         poll();
@@ -171,8 +172,8 @@ class RestartCommand : public Command {
     return std::make_unique<RestartJob>(std::move(context), proof_, wait_);
   }
 
-  [[nodiscard]] bool takesAway() const override { return true; }
-  [[nodiscard]] bool oneAtATime() const override { return true; }
+  [[nodiscard]] bool destructive() const override { return true; }
+  [[nodiscard]] bool sequential() const override { return true; }
 
  private:
   Proof proof_;
@@ -185,7 +186,7 @@ void addRestartCommands(Commands& commands) {
   commands.push_back(std::make_unique<RestartCommand>(
       Proof{"reboot", "/proc/sys/kernel/random/boot_id", "boot_id", 60, 300},
       "reboot the device; several devices one after the other, unless -j is given"));
-  // A program that reads /proc/self reads about itself, and the program is the daemon.
+  // The daemon executes "read", so that /proc/self is the daemon.
   commands.push_back(
       std::make_unique<RestartCommand>(Proof{"restart", "/proc/self/stat", "process", 30, 60},
                                        "end the daemon, so that its supervisor starts it again"));

@@ -21,21 +21,21 @@ Milliseconds fromSeconds(double seconds) {
   return Milliseconds(static_cast<Milliseconds::rep>(std::lround(seconds * 1000)));
 }
 
-bool isFolder(const std::string& path) {
+bool isDirectory(const std::string& path) {
   struct stat about {};
   return stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
 }
 
-// Where only this user may put a socket. The master makes the folder of last resort, and looks at
-// whose it is.
-std::string runtimeFolder() {
+// A directory in which only this user can create a socket. The master creates the one in /tmp if
+// necessary and checks its owner.
+std::string runtimeDirectory() {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && *runtime == '/') {
     return runtime;
   }
   const std::string user = std::to_string(geteuid());
-  const std::string folder = "/run/user/" + user;
-  return isFolder(folder) ? folder : "/tmp/runelctl-" + user;
+  const std::string directory = "/run/user/" + user;
+  return isDirectory(directory) ? directory : "/tmp/runelctl-" + user;
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ std::size_t Settings::memoryShare() const {
 }
 
 std::string Settings::remote(const std::string& path) const {
-  return joinPath(folder, path);
+  return joinPath(directory, path);
 }
 
 std::string defaultMasterSocket() {
@@ -58,7 +58,7 @@ std::string defaultMasterSocket() {
   if (chosen != nullptr && *chosen != '\0') {
     return chosen;
   }
-  return runtimeFolder() + "/runelctl-master.sock";
+  return runtimeDirectory() + "/runelctl-master.sock";
 }
 
 }  // namespace zell::ctl

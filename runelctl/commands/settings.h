@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The options that every command understands.
+// The values of the general options.
 #ifndef ZELL_RUNELCTL_COMMANDS_SETTINGS_H_
 #define ZELL_RUNELCTL_COMMANDS_SETTINGS_H_
 
@@ -26,22 +26,23 @@ struct Settings {
   int maxFail = 0;
   double timeout = 30;
   double connectTimeout = 10;
-  double deadline = 0;  ///< for all of the work on one device; 0 for none
+  double deadline = 0;  ///< in seconds, for each attempt on a device; 0 for none
   std::string wave;
   std::string retryFailed;
   std::string colour = "auto";
   std::string masterSocket;
   Arrange arrange = Arrange::merge;
-  std::string folder;  ///< the remote folder that relative remote paths start from
+  std::string directory;  ///< base of relative remote paths
 
   [[nodiscard]] Limits limits() const;
-  /// Bytes of content that one device's work may keep in memory, so that many have room.
+  /// Limit of file content in memory for one device, in bytes. It depends on the number of parallel
+  /// devices.
   [[nodiscard]] std::size_t memoryShare() const;
-  /// A remote path as the device should get it.
+  /// @p path relative to `directory`.
   [[nodiscard]] std::string remote(const std::string& path) const;
 };
 
-/// Where the master's control socket is unless told otherwise: in the user's runtime folder.
+/// The default path of the master's control socket, in the user's runtime directory.
 [[nodiscard]] std::string defaultMasterSocket();
 
 }  // namespace zell::ctl

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every task of the daemon under its own name, with its own arguments and its answer as it is.
+// Every task of the daemon as a command, with the arguments of the task and its unchanged answer.
 #include <cstddef>
 #include <iterator>
 #include <string>
@@ -20,10 +20,10 @@ struct TaskRow {
   const char* help;
   std::vector<const char*> parameters;
   Answer answer;
-  bool takesAway = false;
+  bool destructive = false;
 };
 
-// exec, stat, lstat, reboot and restart have commands of their own, which do more.
+// exec, stat, lstat, reboot and restart have dedicated commands with more functions.
 const std::vector<TaskRow>& rows() {
   static const std::vector<TaskRow> kRows = {
       {"access",
@@ -66,12 +66,12 @@ const std::vector<TaskRow>& rows() {
   return kRows;
 }
 
-// The arguments that are paths on the device: relative ones start from the shell's folder.
+// Arguments that are remote paths. Relative paths start from the shell's remote directory.
 bool isPath(const std::string& parameter) {
   return parameter == "PATH" || parameter == "FROM" || parameter == "TO";
 }
 
-// Texts that end in no newline get one on a terminal, where the next prompt would follow them.
+// On a terminal, add a missing newline at the end, so that the next prompt starts on a new line.
 bool wantsNewline(const Report& report, const std::string& text) {
   return report.style().outTerminal && !text.empty() && text.back() != '\n';
 }
@@ -91,7 +91,7 @@ class TaskJob : public Job {
   void show(const Reply& reply) {
     if (!reply.broken && row_.answer == Answer::text) {
       putBytes(report().result(), "output", reply.output);
-      // What was gathered before a failure is shown too; the text made of nothing is not.
+      // walktree may have partial output before a failure. The other tasks have none.
       if (reply.ok() || std::string(row_.name) == "walktree") {
         report().bytes(lines(reply.output));
       }
@@ -104,7 +104,7 @@ class TaskJob : public Job {
     }
   }
 
-  // One value a line, for those that answer with one value.
+  // Adds a newline to the answers that are a single value.
   [[nodiscard]] std::string lines(const std::string& text) {
     const bool value = words_.empty() || std::string(row_.name) == "freeblocks" ||
                        std::string(row_.name) == "realpath";
@@ -148,7 +148,7 @@ class TaskCommand : public Command {
     return std::make_unique<TaskJob>(std::move(context), row_, std::move(words));
   }
 
-  [[nodiscard]] bool takesAway() const override { return row_.takesAway; }
+  [[nodiscard]] bool destructive() const override { return row_.destructive; }
 
  private:
   const TaskRow& row_;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// push, pull and sync: their arguments.
+// The commands push, pull and sync, and their arguments.
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,7 +20,7 @@ void defineTransfer(CLI::App& app, bool& resume, bool& checksum) {
   app.add_flag("--checksum", checksum, "verify SHA-256 checksums after the transfer");
 }
 
-// Several words, of which the last is where they go.
+// Splits the target, which is the last word, from the sources.
 bool splitLast(std::vector<std::string>& words, std::string& last) {
   if (words.size() < 2) {
     return false;
@@ -94,7 +94,7 @@ class SyncCommand : public Command {
     return std::make_unique<PushJob>(std::move(context), plan_);
   }
 
-  [[nodiscard]] bool takesAway() const override { return plan_->remove; }
+  [[nodiscard]] bool destructive() const override { return plan_->remove; }
 
  private:
   std::string local_;

@@ -13,7 +13,7 @@ std::string programTrouble(const std::string& program, const Reply& reply) {
   return !reply.broken && !line.empty() ? line : reply.error(program).what;
 }
 
-// The stage before is done, but its pipeline is what calls this: it goes at the next turn.
+// The pipeline of the previous stage is the caller: destroy it in the next turn.
 void TransferJob::pipe(Pipeline::Source source, std::function<void()> next) {
   auto old = std::make_shared<std::unique_ptr<Pipeline>>(std::move(pipeline_));
   loop().next([old] { old->reset(); });
@@ -35,7 +35,7 @@ void TransferJob::runPrograms(std::vector<ProgramRuns> runs, const std::string& 
     if (!run.reply.ok()) {
       programFailed_ = true;
       if (!what.empty()) {
-        notKept(what + ": " + programTrouble(run.program, run.reply));
+        warnOnce(what + ": " + programTrouble(run.program, run.reply));
       }
     }
     return true;
@@ -64,8 +64,8 @@ void TransferJob::failed(const Error& error) {
   }
 }
 
-void TransferJob::notKept(const std::string& what) {
-  if (notKept_.insert(what).second) {
+void TransferJob::warnOnce(const std::string& what) {
+  if (warned_.insert(what).second) {
     report().warn(what);
   }
 }
@@ -86,7 +86,7 @@ void TransferJob::endTransfer() {
   if (report().style().outTerminal && !report().style().quiet) {
     report().line(countText(files_, "file") + ", " + sizeText(bytes_));
   }
-  if (!notKept_.empty() && !outcome_.error) {
+  if (!warned_.empty() && !outcome_.error) {
     outcome_.status = kExitTaskFailed;
   }
   finish(outcome_);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What sending and fetching files have in common.
+// The common part of sending and fetching files.
 #ifndef ZELL_RUNELCTL_COMMANDS_TRANSFER_JOB_H_
 #define ZELL_RUNELCTL_COMMANDS_TRANSFER_JOB_H_
 
@@ -15,40 +15,41 @@
 
 namespace zell::ctl {
 
-/// Stages of pipelined requests, of which single ones may fail; how far it has come; what went
-/// wrong first.
+/// Runs stages of pipelined requests, and records progress and the first error.
 class TransferJob : public Job {
  public:
   using Job::Job;
 
  protected:
-  /// Asks what @p source has, then calls @p next, unless the connection was lost meanwhile.
+  /// Sends the requests of @p source, then calls @p next, unless the connection is lost.
   void pipe(Pipeline::Source source, std::function<void()> next);
-  /// The same for programs. When one fails, people are told @p what and why, once for the same
-  /// reason, and the exit status is 1; nobody is told for an empty @p what.
+  /// Runs programs in the same way. A failure is reported as "@p what: reason", once for each
+  /// reason, and makes the exit status 1. With an empty @p what it is not reported.
   void runPrograms(std::vector<ProgramRuns> runs, const std::string& what,
                    std::function<void()> next);
-  /// False when the connection is lost; the job has ended then.
+  /// Returns false when the connection is lost. The job has ended then.
   bool alive(const Reply& reply);
-  /// Keeps @p error: the first is the job's, the others are told as they come.
+  /// Records @p error: the first one is the outcome of the job, the others are reported as
+  /// warnings.
   void failed(const Error& error);
-  void notKept(const std::string& what);
-  /// Counts towards the progress, and as sent or fetched.
+  /// Reports a warning, unless it was reported before, and makes the exit status 1.
+  void warnOnce(const std::string& what);
+  /// Adds @p bytes to the progress and to the transferred bytes.
   void count(std::uint64_t bytes, const std::string& name);
-  /// Counts towards the progress alone.
+  /// Adds @p bytes to the progress only.
   void skip(std::uint64_t bytes, const std::string& name);
   void expect(std::uint64_t bytes) { allBytes_ += bytes; }
   void fileDone() { ++files_; }
   void endTransfer();
 
-  /// Since the last time it was asked for.
+  /// Whether a program has failed since the previous call.
   bool programFailed();
-  /// What goes in pieces is cut into such.
+  /// The size of a piece of a large file.
   [[nodiscard]] std::size_t pieceBytes() const { return settings().memoryShare() / 2; }
 
  private:
   std::unique_ptr<Pipeline> pipeline_;
-  std::set<std::string> notKept_;
+  std::set<std::string> warned_;
   Outcome outcome_;
   bool programFailed_ = false;
   std::size_t files_ = 0;
@@ -57,7 +58,7 @@ class TransferJob : public Job {
   std::uint64_t allBytes_ = 0;
 };
 
-/// Why a program on the device failed, in one line: the first of its own where it wrote one.
+/// Why a program on the device failed, in one line: the first line of its output, if any.
 [[nodiscard]] std::string programTrouble(const std::string& program, const Reply& reply);
 
 }  // namespace zell::ctl

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Limits for the numbers of the command line.
+// Ranges of numeric options.
 #ifndef ZELL_RUNELCTL_COMMANDS_WITHIN_H_
 #define ZELL_RUNELCTL_COMMANDS_WITHIN_H_
 
@@ -7,7 +7,7 @@
 
 namespace zell::ctl {
 
-/// Lets numbers from @p least to @p most through, and does not clutter the help with them.
+/// Accepts numbers from @p least to @p most, and does not print the range in the help.
 template <typename Number>
 [[nodiscard]] CLI::Validator within(Number least, Number most) {
   CLI::Validator range = CLI::Range(least, most);

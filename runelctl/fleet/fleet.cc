@@ -14,22 +14,22 @@
 namespace zell::ctl {
 namespace {
 
-// Between two attempts, for each attempt so far.
+// The pause before a retry, multiplied by the number of attempts so far.
 constexpr Milliseconds kRetryPause{500};
-// For taking away what an unfinished job left on a device, which may be gone or busy.
+// Timeout for removing the files of an unfinished job. The device may be unreachable or busy.
 constexpr Milliseconds kCleanUpTime{3000};
-// What the device had taken of the lost connection it still works on, and that may bring back a
-// file that was taken away: so it is looked for again, until it was not there, twice at least, or
-// so often.
+// The device may still execute requests of the lost connection and create a removed file again. So
+// the removal is repeated until the file is missing: at least kLeastLooks times, at most kMostLooks
+// times.
 constexpr Milliseconds kLookAgain{250};
 constexpr int kLeastLooks = 2;
 constexpr int kMostLooks = 12;
-// Of a frame in a dry run, for people.
+// Bytes of a frame in the human-readable output of a dry run.
 constexpr std::size_t kMostPayloadShown = 400;
 
 }  // namespace
 
-// One device in the run.
+// One device of the run.
 struct Fleet::Member {
   Target target;
   std::unique_ptr<Device> own;
@@ -41,7 +41,7 @@ struct Fleet::Member {
   Loop::Timer deadline;
   Loop::Timer pause;
   int attempts = 0;
-  int looks = 0;  // for what is to be taken away
+  int looks = 0;  // attempts to remove a file of an unfinished job
   bool succeeded = false;
 };
 
@@ -52,7 +52,7 @@ Fleet::Fleet(Loop& loop, const Settings& settings, Command& command, Printer& pr
     members_.push_back(std::make_unique<Member>());
     members_.back()->target = target;
   }
-  // The text was checked with the other options.
+  // The text is valid: it was checked with the other options.
   (void)parseWaves(settings.wave, members_.size(), waves_);
   waveEnd_ = waves_.empty() ? 0 : waves_.front();
 }
@@ -64,7 +64,7 @@ Fleet::~Fleet() {
 }
 
 std::size_t Fleet::parallel() const {
-  if (command_.oneAtATime() && !settings_.jobsGiven) {
+  if (command_.sequential() && !settings_.jobsGiven) {
     return 1;
   }
   return static_cast<std::size_t>(settings_.jobs);
@@ -132,11 +132,11 @@ void Fleet::start(Member& member) {
   }
 }
 
-// Many devices have their names from the printer.
+// With several devices, the printer adds the names.
 void Fleet::showUnsent(Member& member, const std::string& payload) const {
-  const std::string shown = forPeople(payload.substr(0, kMostPayloadShown));
+  const std::string shown = terminalSafe(payload.substr(0, kMostPayloadShown));
   const bool cut = payload.size() > kMostPayloadShown;
-  member.report->line((members_.size() == 1 ? forPeople(member.target.name) + " " : "") + "<- " +
+  member.report->line((members_.size() == 1 ? terminalSafe(member.target.name) + " " : "") + "<- " +
                       shown + (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
   Json object{{"entry", "frame"}};
   putBytes(object, "payload", payload);
@@ -147,7 +147,7 @@ void Fleet::showSentLater(Member& member) const {
   const std::string text = member.job->sentLater();
   member.report->result()["dry_run"] = true;
   if (!text.empty()) {
-    member.report->line("   then, depending on the answers: " + forPeople(text));
+    member.report->line("   then, depending on the answers: " + terminalSafe(text));
     Json object{{"entry", "later"}};
     putBytes(object, "text", text);
     member.report->entry(object);
@@ -164,7 +164,7 @@ void Fleet::arm(Member& member) {
   }
 }
 
-// The job that calls this is still on the stack: it ends at the next turn.
+// The calling job is still on the stack: destroy it in the next turn.
 void Fleet::done(Member& member, Outcome outcome) {
   if (member.outcome) {
     return;
@@ -177,7 +177,7 @@ void Fleet::drop(Member& member) {
   loop_.cancel(member.deadline);
   loop_.cancel(member.pause);
   if (member.device != nullptr && member.device->waiting() > 0) {
-    member.device->abandon();  // its handlers belong to the job
+    member.device->abandon();  // its handlers refer to the job
   }
   member.job.reset();
   member.own.reset();
@@ -207,17 +207,18 @@ void Fleet::settle(Member& member) {
   }
 }
 
-// Over a connection of its own: what the lost or busy one had queued must not come first.
+// Uses a separate connection: the requests that are queued on the old one must not delay the
+// cleanup.
 void Fleet::cleanUp(Member& member, const Request& request) {
   const Limits limits{kCleanUpTime, kCleanUpTime, settings_.masterSocket};
   Request quick = request;
-  quick.extraPatience = Milliseconds(0);
+  quick.extraTimeout = Milliseconds(0);
   member.cleaner = std::make_unique<Device>(loop_, member.target, limits);
   member.looks = 0;
-  takeAway(member, quick);
+  removeLeftover(member, quick);
 }
 
-void Fleet::takeAway(Member& member, const Request& request) {
+void Fleet::removeLeftover(Member& member, const Request& request) {
   if (!member.cleaner) {
     return;
   }
@@ -225,7 +226,7 @@ void Fleet::takeAway(Member& member, const Request& request) {
     ++member.looks;
     const bool comesBack = !reply.broken && request.args.front() == "unlink";
     if (comesBack && member.looks < (reply.ok() ? kMostLooks : kLeastLooks)) {
-      loop_.after(kLookAgain, [this, &member, request] { takeAway(member, request); });
+      loop_.after(kLookAgain, [this, &member, request] { removeLeftover(member, request); });
       return;
     }
     loop_.next([this, &member] {
@@ -251,7 +252,7 @@ void Fleet::conclude(Member& member) {
   showProgress(running_ == 0);
 }
 
-// The next wave starts when this one succeeded.
+// Starts the next wave unless too many devices have failed.
 void Fleet::endWave() {
   if (wave_ + 1 >= waves_.size()) {
     return;
@@ -270,7 +271,7 @@ void Fleet::cancel(int status) {
   const Error error{Fault::cancelled, "interrupted", "", 0};
   for (const auto& member : members_) {
     if (member->cleaner) {
-      // The second signal: nothing is waited for any more.
+      // The second signal: do not wait for the cleanup.
       member->cleaner.reset();
       loop_.next([this, held = member.get()] { conclude(*held); });
     } else if (member->device != nullptr) {

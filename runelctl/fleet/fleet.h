@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs one command on many devices at once, in one loop.
+// Runs one command on many devices in parallel, in one loop.
 #ifndef ZELL_RUNELCTL_FLEET_FLEET_H_
 #define ZELL_RUNELCTL_FLEET_FLEET_H_
 
@@ -23,15 +23,15 @@ class Fleet {
   Fleet(const Fleet&) = delete;
   Fleet& operator=(const Fleet&) = delete;
 
-  /// Uses @p device, and the connection that it may have, for its target.
+  /// Uses @p device and its connection, if any, for its target.
   void lend(Device& device) { lent_ = &device; }
-  /// Does all of it and gives the exit status: the highest of the devices'.
+  /// Runs the command on all devices and returns the highest exit status.
   [[nodiscard]] int run();
-  /// Gives up what runs, leaves out what does not, and has `run` return @p status.
+  /// Cancels the running devices, skips the others and makes `run` return @p status.
   void cancel(int status);
 
   [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
-  /// Targets that did not succeed, in their order.
+  /// The targets that did not succeed, in their order.
   [[nodiscard]] std::vector<Target> unfinished() const;
 
  private:
@@ -47,7 +47,7 @@ class Fleet {
   bool again(Member& member);
   void drop(Member& member);
   void cleanUp(Member& member, const Request& request);
-  void takeAway(Member& member, const Request& request);
+  void removeLeftover(Member& member, const Request& request);
   void conclude(Member& member);
   void endWave();
   void showProgress(bool now);
@@ -62,7 +62,7 @@ class Fleet {
   Device* lent_ = nullptr;
   std::vector<std::unique_ptr<Member>> members_;
   std::vector<std::size_t> waves_;
-  std::size_t waveEnd_ = 0;  // members before this may start
+  std::size_t waveEnd_ = 0;  // only members before this index may start
   std::size_t wave_ = 0;
   std::size_t next_ = 0;
   std::size_t running_ = 0;

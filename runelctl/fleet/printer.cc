@@ -21,7 +21,7 @@ Json opening(const std::string& device, const std::string& task) {
 }
 
 std::string dump(const Json& object) {
-  // Every string in it was checked to be UTF-8 or put as base64.
+  // Every string is valid UTF-8 or was encoded in base64.
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
@@ -79,7 +79,7 @@ Printer::Printer(const Style& style, Arrange arrange, std::string task, bool man
 void Printer::out(std::string_view bytes) {
   statusLine_.clear();
   if (!writeAll(STDOUT_FILENO, bytes)) {
-    // Nobody can be told on standard output any more; a closed pipe ends us by its signal.
+    // Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
     err("runelctl: standard output: " + systemText(errno));
     _exit(kExitTaskFailed);
   }
@@ -87,7 +87,7 @@ void Printer::out(std::string_view bytes) {
 
 void Printer::err(const std::string& line) {
   statusLine_.clear();
-  (void)writeAll(STDERR_FILENO, line + "\n");  // there is no other place to complain
+  (void)writeAll(STDERR_FILENO, line + "\n");  // an error here cannot be reported
 }
 
 void Printer::stream(std::string_view bytes) {
@@ -179,17 +179,17 @@ void Printer::show(const Group& group) {
 }
 
 void Printer::printWarning(const std::string& device, const std::string& text) {
-  err("runelctl: " + forPeople(device) + ": " + forPeople(text));
+  err("runelctl: " + terminalSafe(device) + ": " + terminalSafe(text));
 }
 
 void Printer::printError(const std::string& device, const Error& error) {
-  const std::string hint = error.hint.empty() ? "" : " (" + forPeople(error.hint) + ")";
-  err("runelctl: " + forPeople(device) + ": " + style_.red(forPeople(error.what)) + hint);
+  const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";
+  err("runelctl: " + terminalSafe(device) + ": " + style_.red(terminalSafe(error.what)) + hint);
 }
 
 void Printer::note(const std::string& text) {
   if (!style_.quiet && !style_.json) {
-    err("runelctl: " + forPeople(text));
+    err("runelctl: " + terminalSafe(text));
   }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Brings what the devices had to say to standard output and standard error.
+// Writes the results of the devices to standard output and standard error.
 #ifndef ZELL_RUNELCTL_FLEET_PRINTER_H_
 #define ZELL_RUNELCTL_FLEET_PRINTER_H_
 
@@ -13,7 +13,7 @@
 
 namespace zell::ctl {
 
-/// One device's end of a run.
+/// The outcome of one device.
 struct Finished {
   std::string device;
   Outcome outcome;
@@ -21,20 +21,20 @@ struct Finished {
 
 class Printer {
  public:
-  /// @p many: there is more than one device, so its name goes with all that is shown.
+  /// @p many: there are several devices, so all output names its device.
   Printer(const Style& style, Arrange arrange, std::string task, bool many);
 
-  /// Output that cannot wait for the end, of the only device.
+  /// Writes output of a single device immediately.
   void stream(std::string_view bytes);
-  /// What a device said, with its end.
+  /// Writes or holds back the output of a device and writes its errors.
   void finished(const Finished& end, const Report& report);
-  /// Shows outputs that were held back to be grouped, in the order of @p devices.
+  /// Writes the outputs that were held back for grouping, in the order of @p devices.
   void flush(const std::vector<std::string>& devices);
-  /// The line after all of it, when there are several devices.
+  /// Writes the summary, if there are several devices.
   void summary(const std::vector<Finished>& ends, std::size_t skipped);
-  /// The same for a run in which nothing was sent.
+  /// Writes the summary of a dry run, if there are several devices.
   void unsent(std::size_t devices);
-  /// One line about the run itself.
+  /// Writes a note about the run.
   void note(const std::string& text);
 
   StatusLine& statusLine() { return statusLine_; }
@@ -63,7 +63,7 @@ class Printer {
   std::vector<Group> groups_;
 };
 
-/// The object that closes a device's part of a run in JSON.
+/// The JSON object that ends the output of a device.
 [[nodiscard]] Json closingObject(const std::string& device, const std::string& task,
                                  const Outcome& outcome, const Report& report);
 

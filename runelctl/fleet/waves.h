@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// "1,10%,rest": how many devices at first, how many next.
+// Parses the sizes of waves: "1,10%,rest".
 #ifndef ZELL_RUNELCTL_FLEET_WAVES_H_
 #define ZELL_RUNELCTL_FLEET_WAVES_H_
 
@@ -9,9 +9,9 @@
 
 namespace zell::ctl {
 
-/// Reads @p text, for @p devices devices in all, into @p sizes, which add up to them: what is left
-/// after the last wave named is one more wave. Each wave is of one device at least. False for a
-/// text of another form.
+/// Parses @p text, for a total of @p devices, into @p sizes. The sum of @p sizes is @p devices: the
+/// remaining devices are an additional wave. A wave has at least one device. Returns false for
+/// malformed text.
 [[nodiscard]] bool parseWaves(const std::string& text, std::size_t devices,
                               std::vector<std::size_t>& sizes);
 

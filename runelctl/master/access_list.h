@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who may connect to the master.
+// The devices that may connect to the master.
 #ifndef ZELL_RUNELCTL_MASTER_ACCESS_LIST_H_
 #define ZELL_RUNELCTL_MASTER_ACCESS_LIST_H_
 
@@ -10,16 +10,16 @@
 
 namespace zell::ctl {
 
-/// Addresses and host identifiers that are let in. A list that is empty lets everybody in; with
-/// both, a device must be on both.
+/// The allowed addresses and host identifiers. An empty list allows all devices. A device must be
+/// on both lists.
 class AccessList {
  public:
-  /// Adds ADDRESS or ADDRESS/BITS, or a list of them with commas. False for anything else.
+  /// Adds a comma-separated list of ADDRESS and ADDRESS/BITS. Returns false for other text.
   [[nodiscard]] bool addAddresses(const std::string& list);
-  /// Adds a host identifier, or a list of them with commas. False for one that no device can have.
+  /// Adds a comma-separated list of host identifiers. Returns false for an invalid host identifier.
   [[nodiscard]] bool addHostids(const std::string& list);
 
-  /// @p address in the host's byte order.
+  /// @p address is in host byte order.
   [[nodiscard]] bool allowsAddress(std::uint32_t address) const;
   [[nodiscard]] bool allowsHostid(const std::string& hostid) const;
 
@@ -34,8 +34,8 @@ class AccessList {
   std::set<std::string> hostids_;
 };
 
-/// True for what can serve as a device's name: letters, digits and a few marks, not too many. What
-/// a device says it is called goes through this before anybody gets to see it.
+/// True for a valid device name: 1 to 64 letters, digits, '.', '-' and '_'. The names that devices
+/// report are untrusted and must be checked.
 [[nodiscard]] bool usableName(const std::string& text);
 
 }  // namespace zell::ctl

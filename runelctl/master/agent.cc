@@ -52,11 +52,11 @@ void Agent::connected(UniqueFd socket) {
   readInput();
 }
 
-// A file cannot be waited for, and need not: it is read as fast as it is sent.
+// epoll does not support regular files. They are read as fast as the data is sent.
 void Agent::readInput() {
   loop_.cancel(pause_);
   if (out_.size() > kMostClausesQueued) {
-    loop_.forget(input_);  // until the daemon has taken some of it
+    loop_.forget(input_);  // until the daemon has read some of it
     inputWatched_ = false;
     return;
   }
@@ -167,7 +167,7 @@ void Agent::flush() {
   }
 }
 
-// The end comes when nothing has happened for a while.
+// Ends the agent after an idle time.
 void Agent::waitOn() {
   if (over_) {
     return;

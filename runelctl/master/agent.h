@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A local agent: speaks clauses to a daemon and hears what comes back from its master.
+// A local agent: sends clauses to a daemon and receives those of its master.
 #ifndef ZELL_RUNELCTL_MASTER_AGENT_H_
 #define ZELL_RUNELCTL_MASTER_AGENT_H_
 
@@ -17,25 +17,25 @@
 
 namespace zell::ctl {
 
-/// Sends the clauses that it reads, one by one, and gives what comes back.
+/// Sends the clauses that it reads and reports the received ones.
 class Agent {
  public:
   struct Options {
     Target target;
     Milliseconds connect{10000};
-    /// How long to go on listening after the end of the input, from the last thing that came: the
-    /// daemon makes its connection to the master only when the first clause is there.
+    /// The idle time after the end of the input before `end` is called. The daemon connects to the
+    /// master only after the first clause, so answers may arrive late.
     Milliseconds linger{2000};
-    /// Send the input as it is, whatever that does to the daemon.
+    /// Send the input unchecked, even if it stops the daemon.
     bool raw = false;
   };
   struct Events {
     std::function<void(const std::string& clause)> clause;
-    /// Over: with the reason, or without one at the end of the input.
+    /// The agent has ended, with an error or after the end of the input.
     std::function<void(std::optional<Error> error)> end;
   };
 
-  /// Reads from @p input, which stays the caller's.
+  /// Reads from @p input. The caller keeps its ownership.
   Agent(Loop& loop, int input, Options options, Events events);
   ~Agent();
   Agent(const Agent&) = delete;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// runelctl agent.
+// The command `agent`.
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -73,7 +73,7 @@ class AgentCommand : public LocalCommand {
   }
 
  private:
-  // A clause is passed on with the line end that the relay gives it.
+  // Ends each clause with the line end that the relay uses.
   static void print(const Target& target, const Style& style, const std::string& clause) {
     std::string line = style.name(clause) + (style.outTerminal ? "\n" : "\r\n");
     if (style.json) {
@@ -81,7 +81,7 @@ class AgentCommand : public LocalCommand {
       putBytes(object, "clause", clause);
       line = object.dump() + "\n";
     }
-    (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends us by its signal
+    (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends the process by SIGPIPE
   }
 
   static void tell(const Target& target, const Style& style, const Error& error) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Another run of runelctl that works on a device through the master.
+// A runelctl process that uses a device through the master.
 #ifndef ZELL_RUNELCTL_MASTER_ATTACHMENT_H_
 #define ZELL_RUNELCTL_MASTER_ATTACHMENT_H_
 
@@ -13,23 +13,23 @@
 
 namespace zell::ctl {
 
-/// Passes its requests on and its answers back, whole frames only: what it sends half never reaches
-/// the device.
+/// Forwards requests and answers in complete frames: an incomplete frame never reaches the device.
 class Attachment {
  public:
   struct Events {
-    /// It has gone. May be destroyed from the loop's next turn on.
+    /// The process has disconnected. The attachment may be destroyed from the next turn of the
+    /// loop.
     std::function<void()> end;
-    /// It took or sent something, so there may be more or less room than before.
+    /// Bytes were sent or received, so the fill level of the queues has changed.
     std::function<void()> progress;
   };
 
-  /// @p link lives at least as long.
+  /// @p link must outlive the attachment.
   Attachment(Loop& loop, UniqueFd socket, SlaveLink& link, Events events);
   Attachment(const Attachment&) = delete;
   Attachment& operator=(const Attachment&) = delete;
 
-  /// True while it takes its answers more slowly than the device gives them.
+  /// True while it reads its answers more slowly than the device sends them.
   [[nodiscard]] bool slow() const;
   void setReading(bool reading);
 
@@ -40,7 +40,7 @@ class Attachment {
   Events events_;
   Channel channel_;
   bool reading_ = true;
-  std::shared_ptr<Attachment*> self_;  // answers that come after its end find nobody
+  std::shared_ptr<Attachment*> self_;  // late answers are dropped
 };
 
 }  // namespace zell::ctl

@@ -19,7 +19,7 @@
 namespace zell::ctl {
 namespace {
 
-// One run of runelctl may come for each of very many devices at the same moment.
+// Many runelctl processes may connect at the same time, one for each device.
 constexpr int kControlBacklog = 4096;
 constexpr int kCallsAtOnce = 64;
 constexpr std::size_t kLongestLine = 1024;
@@ -31,7 +31,7 @@ UniqueFd newSocket() {
 }
 
 const sockaddr* generic(const sockaddr_un& address) {
-  // The socket calls' one type for addresses of every kind.
+  // The generic address type of the socket calls.
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
@@ -40,7 +40,7 @@ bool answers(const sockaddr_un& address) {
   return connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
 }
 
-// Nobody else may open it, not even for the moment between bind and a chmod.
+// Sets the mode with umask: between bind and a chmod, other users could open the socket.
 bool bindPrivately(int socket, const sockaddr_un& address) {
   const mode_t before = umask(0177);
   const bool bound = bind(socket, generic(address), sizeof address) == 0;
@@ -48,12 +48,13 @@ bool bindPrivately(int socket, const sockaddr_un& address) {
   return bound;
 }
 
-// Makes the folder of @p path if need be. False with errno for one that others could put things in.
-bool ownFolder(const std::string& path) {
-  const std::string folder = folderOf(path);
-  (void)mkdir(folder.c_str(), 0700);  // it may be there
+// Creates the directory of @p path if necessary. Returns false with errno if other users can create
+// files in it.
+bool ownDirectory(const std::string& path) {
+  const std::string directory = directoryOf(path);
+  (void)mkdir(directory.c_str(), 0700);  // it may exist
   struct stat about {};
-  if (stat(folder.c_str(), &about) != 0) {
+  if (stat(directory.c_str(), &about) != 0) {
     return false;
   }
   errno = EPERM;
@@ -69,7 +70,7 @@ ControlSocket::~ControlSocket() {
   }
   if (listener_.valid()) {
     loop_.forget(listener_.get());
-    (void)unlink(path_.c_str());  // else the next master finds that nobody answers there
+    (void)unlink(path_.c_str());  // a stale socket would be replaced by the next master
   }
 }
 
@@ -80,14 +81,14 @@ std::string ControlSocket::open(const std::string& path) {
     return path + ": " + systemText(ENAMETOOLONG);
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  if (!ownFolder(path)) {
-    return folderOf(path) +
+  if (!ownDirectory(path)) {
+    return directoryOf(path) +
            ": not a private directory for the control socket: " + systemText(errno);
   }
   if (answers(address)) {
     return path + ": another master is already running";
   }
-  (void)unlink(path.c_str());  // bind tells when it is still in the way
+  (void)unlink(path.c_str());  // if it cannot be removed, bind fails
   UniqueFd listener = newSocket();
   if (!bindPrivately(listener.get(), address) || listen(listener.get(), kControlBacklog) != 0 ||
       !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
@@ -102,7 +103,7 @@ void ControlSocket::accept() {
   for (int i = 0; i < kCallsAtOnce; ++i) {
     UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.valid()) {
-      return;  // no more, or no descriptor is left: they go on waiting
+      return;  // no pending connection, or no free descriptor: they stay in the backlog
     }
     if (peerIsUs(socket.get())) {
       keep(std::move(socket), EPOLLIN, kLineTime, "");
@@ -128,7 +129,7 @@ void ControlSocket::keep(UniqueFd socket, std::uint32_t events, Milliseconds lim
   }
 }
 
-// Byte by byte: what follows the line is not ours.
+// Byte by byte: the data after the line belongs to the attachment.
 void ControlSocket::readLine(int fd) {
   std::string& line = callers_.at(fd).text;
   char byte = 0;

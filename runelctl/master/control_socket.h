@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The socket in the user's runtime folder through which other runs of runelctl reach the master.
+// The socket in the user's runtime directory that other runelctl processes use to reach the master.
 #ifndef ZELL_RUNELCTL_MASTER_CONTROL_SOCKET_H_
 #define ZELL_RUNELCTL_MASTER_CONTROL_SOCKET_H_
 
@@ -13,11 +13,11 @@
 
 namespace zell::ctl {
 
-/// Lets in this user's programs (and root's), and reads the one line with which each begins.
+/// Accepts processes of this user and of root, and reads the request line of each.
 class ControlSocket {
  public:
-  /// A program has said what it wants. Its socket is ready to be used, and what it sent behind the
-  /// line is still to be read from it.
+  /// Called with the request line and the socket of a process. The data after the line is not read
+  /// yet.
   using Asked = std::function<void(const std::string& line, UniqueFd socket)>;
 
   ControlSocket(Loop& loop, Asked asked) : loop_(loop), asked_(std::move(asked)) {}
@@ -25,14 +25,14 @@ class ControlSocket {
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
 
-  /// Listens at @p path, in place of a master that is gone. The reason when that cannot be done.
+  /// Listens at @p path and replaces a stale socket. Returns the error, empty for success.
   [[nodiscard]] std::string open(const std::string& path);
 
-  /// Sends @p text to a program, whether it reads it or not, and closes.
+  /// Sends @p text without blocking and closes the socket.
   void sendAndClose(UniqueFd socket, std::string text);
 
  private:
-  /// One whose line is to come, or one that is sent its last answer.
+  /// A process that sends its request line or receives its last answer.
   struct Caller {
     UniqueFd socket;
     std::string text;

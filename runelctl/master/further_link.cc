@@ -15,7 +15,7 @@ namespace zell::ctl {
 namespace {
 
 constexpr std::size_t kReadSize = 16384;
-// An agent's clause is a line or two. What never ends is not kept for ever.
+// A clause of an agent has one or two lines. Limits the memory for a clause that never ends.
 constexpr std::size_t kLongestClause = 1048576;
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A connection of a device that has its slave connection already: listened to, never written to.
+// An additional connection of a device that already has a slave connection. It is only read.
 #ifndef ZELL_RUNELCTL_MASTER_FURTHER_LINK_H_
 #define ZELL_RUNELCTL_MASTER_FURTHER_LINK_H_
 
@@ -14,17 +14,17 @@
 
 namespace zell::ctl {
 
-/// A byte written to a bridge in the wrong place stops the daemon behind it, so nothing in here can
-/// write. What comes is cut into clauses as the daemon cuts them.
+/// A wrong byte on an agent bridge stops the daemon, so this class never writes. The received data
+/// is split into clauses like in the daemon.
 class FurtherLink {
  public:
   struct Events {
-    /// The first byte came: it is an agent's bridge.
+    /// The first byte was received: this is the bridge of an agent.
     std::function<void()> spoke;
-    /// One whole clause.
+    /// One complete clause.
     std::function<void(const std::string& clause)> clause;
-    /// The connection is over, or sent what no bridge sends. May be destroyed from the loop's next
-    /// turn on.
+    /// The connection is closed, or the peer sent invalid data. The link may be destroyed from the
+    /// next turn of the loop.
     std::function<void(const std::string& why)> end;
   };
 
@@ -33,7 +33,7 @@ class FurtherLink {
   FurtherLink(const FurtherLink&) = delete;
   FurtherLink& operator=(const FurtherLink&) = delete;
 
-  /// Gives up the socket, of a link that has not spoken and is not over.
+  /// Releases the socket of a link that is open and has received nothing.
   [[nodiscard]] UniqueFd take();
 
   [[nodiscard]] bool hasSpoken() const { return spoke_; }

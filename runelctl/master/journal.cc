@@ -91,12 +91,12 @@ void Journal::refused(const Label& who, const std::string& why) {
 }
 
 void Journal::clause(const Label& who, const std::string& clause) {
-  Json details{{"time", utcText(wallClock())}};  // the same where it is kept and where it is shown
+  Json details{{"time", utcText(wallClock())}};  // the same time in the file and in the output
   putBytes(details, "clause", clause);
   if (kept_.valid()) {
     Json whole = object("clause", &who);
     whole.update(details);
-    // After a failed write half a line may stand there.
+    // A failed write may have left an incomplete line.
     const bool good = writeAll(kept_.get(), (keptFailed_ ? "\n" : "") + line(whole));
     if (!good && !keptFailed_) {
       problem(keptPath_ + ": " + systemText(errno));
@@ -109,7 +109,7 @@ void Journal::clause(const Label& who, const std::string& clause) {
 }
 
 void Journal::problem(const std::string& text) {
-  errors_.write("runelctl: " + forPeople(text) + "\n");
+  errors_.write("runelctl: " + terminalSafe(text) + "\n");
 }
 
 Json Journal::object(const std::string& event, const Label* who) const {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the master tells about: who came, who went, what agents said.
+// The output of the master: connects, losses and the clauses of agents.
 #ifndef ZELL_RUNELCTL_MASTER_JOURNAL_H_
 #define ZELL_RUNELCTL_MASTER_JOURNAL_H_
 
@@ -13,19 +13,20 @@
 
 namespace zell::ctl {
 
-/// How a device is shown.
+/// The name of a device in the output.
 struct Label {
-  std::string hostid;  ///< empty while it is not known
+  std::string hostid;  ///< empty while unknown
   std::string address;
   std::uint16_t port = 0;
 };
 
 class Journal {
  public:
-  /// @p xml: agents' clauses are shown too.
+  /// @p xml: print the clauses of agents too.
   Journal(Loop& loop, const Style& style, bool xml);
 
-  /// Keeps agents' clauses in @p path, at its end, as JSON objects. The reason when that cannot be.
+  /// Appends the clauses of agents to the file @p path, as JSON objects. Returns the error, empty
+  /// for success.
   [[nodiscard]] std::string keepClauses(const std::string& path);
 
   void listening(const std::string& where, const std::string& socket);
@@ -36,7 +37,7 @@ class Journal {
   void lost(const Label& who, const std::string& role, const std::string& why);
   void refused(const Label& who, const std::string& why);
   void clause(const Label& who, const std::string& clause);
-  /// Something about the master itself that somebody should see to; goes to standard error.
+  /// Writes an error of the master itself to standard error.
   void problem(const std::string& text);
 
  private:
@@ -52,9 +53,9 @@ class Journal {
   bool keptFailed_ = false;
 };
 
-/// "2026-03-01T12:00:00.123Z" for a moment of the wall clock in milliseconds.
+/// Formats a wall clock time in milliseconds as "2026-03-01T12:00:00.123Z".
 [[nodiscard]] std::string utcText(std::int64_t milliseconds);
-/// Milliseconds of the wall clock, now.
+/// The current wall clock time in milliseconds.
 [[nodiscard]] std::int64_t wallClock();
 
 }  // namespace zell::ctl

@@ -35,7 +35,8 @@ void Lineup::closed(Id id, Time now) {
   addresses_.erase(address);
 }
 
-// When a connection becomes a slave connection as things stand. Those that spoke never do.
+// When a connection becomes a slave connection in the current state. A connection that has sent
+// data never does.
 std::optional<Lineup::Time> Lineup::dueTime(const Place& place, const Member& member) const {
   if (member.role == Role::slave || member.spoke) {
     return std::nullopt;
@@ -51,7 +52,7 @@ std::optional<Lineup::Time> Lineup::dueTime(const Place& place, const Member& me
   return due;
 }
 
-// One after the other: the first of an address that becomes one keeps the others from it.
+// Sequentially: when a connection becomes the slave connection of its address, the others do not.
 std::vector<Lineup::Id> Lineup::due(Time now) {
   std::vector<Id> found;
   for (auto& [address, place] : places_) {

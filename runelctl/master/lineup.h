@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which of the connections from one address carries tasks. Decides only: touches no socket.
+// Decides which connection from an address carries tasks. Does not use the sockets.
 #ifndef ZELL_RUNELCTL_MASTER_LINEUP_H_
 #define ZELL_RUNELCTL_MASTER_LINEUP_H_
 
@@ -14,8 +14,8 @@
 
 namespace zell::ctl {
 
-/// A device sends nothing to tell its connections apart, and a frame on its agent bridge stops it.
-/// So a connection is taken for the slave connection, the one that carries tasks, only when it
+/// A device does not identify the kind of its connections, and a frame on its agent bridge stops
+/// its daemon. So a connection is used as the slave connection, which carries tasks, only if it
 /// cannot be a bridge: a device has no bridge without a slave connection.
 class Lineup {
  public:
@@ -23,29 +23,29 @@ class Lineup {
   using Time = Clock::time_point;
   enum class Role {
     slave,    ///< frames may be written to it
-    further,  ///< a bridge or one too many: nothing is ever written to it
+    further,  ///< a bridge or a surplus connection: never written to
   };
 
   struct Rules {
-    /// A device ends its bridge together with its slave connection. What is still there so long
-    /// after the slave connection is lost was no bridge.
+    /// A device closes its bridge together with its slave connection. A connection that is still
+    /// open this long after the loss of the slave connection is not a bridge.
     Milliseconds outlive{5000};
-    /// With several devices behind one address: what has been silent for so long is taken for
-    /// another device's slave connection. Without a value every address is one device.
+    /// For several devices at one address: a connection that is silent for this long is used as the
+    /// slave connection of another device. Without a value, each address is one device.
     std::optional<Milliseconds> shared;
   };
 
   explicit Lineup(Rules rules) : rules_(rules) {}
 
-  /// A new connection @p id from @p address.
+  /// Adds the new connection @p id from @p address.
   Role opened(Id id, const std::string& address, Time now);
-  /// It said something of its own accord: it is no slave connection and never becomes one.
+  /// The connection sent data unasked: it is not a slave connection and never becomes one.
   void spoke(Id id);
   void closed(Id id, Time now);
 
-  /// Those that have become slave connections by @p now, each told once.
+  /// The connections that have become slave connections by @p now. Each is returned once.
   [[nodiscard]] std::vector<Id> due(Time now);
-  /// When to ask for them again.
+  /// When to call `due` next.
   [[nodiscard]] std::optional<Time> nextDue() const;
 
   [[nodiscard]] std::vector<Id> slavesAt(const std::string& address) const;
@@ -57,7 +57,7 @@ class Lineup {
     bool spoke = false;
     Time opened;
   };
-  /// All connections from one address, in the order of their coming.
+  /// All connections from one address, in the order of their arrival.
   struct Place {
     std::map<Id, Member> members;
     Time slaveLost;

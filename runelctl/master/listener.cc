@@ -14,7 +14,7 @@
 namespace zell::ctl {
 namespace {
 
-// Devices by the hundred dial again at the same moment when the master has been away.
+// After a restart of the master, hundreds of devices connect at the same time.
 constexpr int kDeviceBacklog = 4096;
 constexpr int kDevicesAtOnce = 64;
 constexpr Milliseconds kRest{1000};
@@ -37,8 +37,8 @@ std::string Listener::open(const std::string& host, std::uint16_t port) {
   }
   socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
-  (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind tells
-  // The socket calls' one type for addresses of every kind.
+  (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind reports errors
+  // The generic address type of the socket calls.
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   if (bind(socket_.get(), generic, sizeof address) != 0 ||
       listen(socket_.get(), kDeviceBacklog) != 0 || !watch()) {
@@ -55,7 +55,7 @@ void Listener::accept() {
   for (int i = 0; i < kDevicesAtOnce; ++i) {
     sockaddr_in from{};
     socklen_t size = sizeof from;
-    auto* generic = reinterpret_cast<sockaddr*>(&from);  // as above
+    auto* generic = reinterpret_cast<sockaddr*>(&from);  // the generic address type
     UniqueFd connected(accept4(socket_.get(), generic, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!connected.valid()) {
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
@@ -68,7 +68,7 @@ void Listener::accept() {
   }
 }
 
-// Those who wait would wake us again and again, and there is nothing that could be done for them.
+// Stop watching for a while: pending connections that cannot be accepted would keep the loop busy.
 void Listener::rest(int number) {
   problem_("cannot accept connections: " + systemText(number));
   loop_.forget(socket_.get());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The port that devices dial.
+// The port that devices connect to.
 #ifndef ZELL_RUNELCTL_MASTER_LISTENER_H_
 #define ZELL_RUNELCTL_MASTER_LISTENER_H_
 
@@ -18,14 +18,14 @@ class Listener {
  public:
   using Accepted = std::function<void(UniqueFd socket, const sockaddr_in& from)>;
 
-  /// @p problem hears of what keeps connections from being taken.
+  /// @p problem is called when connections cannot be accepted.
   Listener(Loop& loop, Accepted accepted, std::function<void(const std::string&)> problem)
       : loop_(loop), accepted_(std::move(accepted)), problem_(std::move(problem)) {}
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  /// Listens on @p host, which may be a name. The reason when that cannot be done.
+  /// Listens on @p host, which may be a name. Returns the error, empty for success.
   [[nodiscard]] std::string open(const std::string& host, std::uint16_t port);
 
  private:

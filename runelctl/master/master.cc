@@ -13,16 +13,16 @@
 namespace zell::ctl {
 namespace {
 
-// A device that is turned away dials again at once, ten times a second. It is kept waiting instead.
+// A refused device would reconnect immediately, ten times a second. So its connection is held open.
 constexpr Milliseconds kHoldTime{5000};
 constexpr std::size_t kMostHeld = 256;
-// A device has a slave connection, a bridge, and now and then one too many.
+// A device has a slave connection, a bridge and sometimes a surplus connection.
 constexpr std::size_t kMostOfOneDevice = 16;
 constexpr std::size_t kMostOfOneAddress = 4096;
 
 std::string dotted(const sockaddr_in& from) {
   char text[INET_ADDRSTRLEN] = "";
-  (void)inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);  // it has room for each address
+  (void)inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);  // the buffer fits every address
   return text;
 }
 
@@ -55,7 +55,7 @@ Master::~Master() {
 }
 
 std::string Master::open() {
-  // The control socket first: a master that runs already is found out before its port is.
+  // The control socket first: it detects another master before the port is found in use.
   std::string wrong = control_.open(options_.socket);
   if (wrong.empty()) {
     wrong = listener_.open(options_.host, options_.port);
@@ -99,7 +99,7 @@ void Master::hold(Held held) {
   held_.push_back(std::move(held));
 }
 
-// All are held for the same time, so it is the oldest one's turn.
+// All are held for the same time, so the oldest one has expired.
 void Master::letGo() {
   const Held held = std::move(held_.front());
   held_.pop_front();
@@ -112,7 +112,7 @@ void Master::letGo() {
 void Master::admit(UniqueFd socket, const Label& who) {
   const Id id = ++last_;
   stations_[id] = std::make_unique<Station>(
-      loop_, who, options_.patience,
+      loop_, who, options_.timeout,
       Station::Events{[this, id] { identified(id); }, [this, id] { spoke(id); },
                       [this, id](const std::string& clause) {
                         journal_.clause(stations_.at(id)->label(), clause);
@@ -128,14 +128,14 @@ void Master::admit(UniqueFd socket, const Label& who) {
   arm();
 }
 
-// Whose a further connection is, where only one device can have made it.
+// The host identifier for an additional connection, if its address has only one device.
 std::string Master::hostidAt(const std::string& address) const {
   const std::vector<Id> slaves = lineup_.slavesAt(address);
   return slaves.size() == 1 ? stations_.at(slaves.front())->label().hostid : "";
 }
 
-// A device has no reason for a further connection but an agent, or that it has lost the first one
-// and this side does not know yet.
+// A device opens an additional connection for an agent, or because it has lost the first one. A
+// check detects the second case.
 void Master::checkSlaves(const std::string& address) {
   for (const Id slave : lineup_.slavesAt(address)) {
     stations_.at(slave)->check();
@@ -170,7 +170,7 @@ void Master::lost(Id id, const std::string& why) {
     roll_.lost(gone->name(), wallClock(), why, gone->counters());
   }
   journal_.lost(gone->label(), gone->role(), why);
-  loop_.next([gone] { (void)gone; });  // its own call is still on the stack
+  loop_.next([gone] { (void)gone; });  // the station is still on the stack
   arm();
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The master that devices dial, and that other runs of runelctl work through.
+// The master that devices connect to and that other runelctl processes use.
 #ifndef ZELL_RUNELCTL_MASTER_MASTER_H_
 #define ZELL_RUNELCTL_MASTER_MASTER_H_
 
@@ -30,7 +30,7 @@ struct MasterOptions {
   std::string socket;
   AccessList access;
   std::optional<Milliseconds> shared;
-  Milliseconds patience{30000};
+  Milliseconds timeout{30000};
 };
 
 class Master {
@@ -40,12 +40,12 @@ class Master {
   Master(const Master&) = delete;
   Master& operator=(const Master&) = delete;
 
-  /// Opens port and control socket. The reason when that cannot be done.
+  /// Opens the port and the control socket. Returns the error, empty for success.
   [[nodiscard]] std::string open();
 
  private:
   using Id = Lineup::Id;
-  /// One that was turned away: a socket, or a station that may not be used.
+  /// A refused connection: a socket, or a station that must not be used.
   struct Held {
     UniqueFd socket;
     Id id = 0;
@@ -78,8 +78,8 @@ class Master {
   Id last_ = 0;
   std::map<Id, std::unique_ptr<Station>> stations_;
   Roll roll_;
-  std::deque<Held> held_;              // the oldest first
-  std::set<std::string> toldRefused_;  // addresses that were told of and are held
+  std::deque<Held> held_;              // oldest first
+  std::set<std::string> toldRefused_;  // reported addresses of held connections
   Loop::Timer due_;
   Listener listener_;
   ControlSocket control_;

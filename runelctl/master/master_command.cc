@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// runelctl master and runelctl devices.
+// The commands `master` and `devices`.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -78,12 +78,12 @@ class MasterCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     options_.socket = settings.masterSocket;
-    options_.patience = settings.limits().silence;
+    options_.timeout = settings.limits().silence;
     if (shared_ > 0) {
       options_.shared = Milliseconds(std::lround(shared_ * 1000));
     }
     Loop loop;
-    // Before anybody can know that we are there: who asks us to end then gets the end he expects.
+    // Before the socket exists: a SIGTERM at its first sight must already end the master cleanly.
     const Signals signals(loop, [&](int) { loop.stop(); });
     Journal journal(loop, style, xml_);
     Master master(loop, options_, journal);
@@ -148,7 +148,7 @@ void print(const Table& table) {
       line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
     }
     line.erase(line.find_last_not_of(' ') + 1);
-    std::cout << forPeople(line) << "\n";
+    std::cout << terminalSafe(line) << "\n";
   }
 }
 

@@ -11,7 +11,7 @@ namespace zell::ctl {
 namespace {
 
 constexpr std::size_t kMostKept = 4194304;
-// A pipe that is ready takes so much without waiting, whoever else writes to it.
+// A ready pipe accepts this many bytes without blocking (PIPE_BUF), even with other writers.
 constexpr std::size_t kWriteSize = 4096;
 constexpr Milliseconds kPause{50};
 
@@ -51,7 +51,7 @@ void Outlet::flush() {
   }
 }
 
-// False when the other side takes nothing now.
+// Returns false when nothing can be written now.
 bool Outlet::writeSome() {
   pollfd ready{fd_, POLLOUT, 0};
   if (broken_ || poll(&ready, 1, 0) != 1) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Standard output of a program that must go on when nobody reads it.
+// Output that never blocks the program, even if it is not read.
 #ifndef ZELL_RUNELCTL_MASTER_OUTLET_H_
 #define ZELL_RUNELCTL_MASTER_OUTLET_H_
 
@@ -11,17 +11,16 @@
 
 namespace zell::ctl {
 
-/// Writes when the other side takes it, keeps a limited amount until then, and leaves out lines
-/// beyond that.
+/// Writes without blocking. Buffers a limited amount and drops further lines.
 class Outlet {
  public:
   Outlet(Loop& loop, int fd) : loop_(loop), fd_(fd) {}
-  /// Writes what the other side takes at once.
+  /// Writes as much as possible without blocking.
   ~Outlet();
   Outlet(const Outlet&) = delete;
   Outlet& operator=(const Outlet&) = delete;
 
-  /// Whole lines only: they are left out as a whole.
+  /// Writes complete lines, which are dropped together.
   void write(std::string_view lines);
 
  private:

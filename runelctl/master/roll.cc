@@ -37,7 +37,7 @@ const Roll::Entry& Roll::of(const std::string& name) const {
   return found == entries_.end() ? kNothing : found->second;
 }
 
-// The one that has been gone for longest.
+// Removes the entry that has been disconnected for the longest time.
 void Roll::forgetOne() {
   const auto longer = [](const auto& one, const auto& other) {
     const bool oneGone = one.second.present == 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the master remembers of a device from one of its connections to the next.
+// The statistics that the master keeps of a device across its connections.
 #ifndef ZELL_RUNELCTL_MASTER_ROLL_H_
 #define ZELL_RUNELCTL_MASTER_ROLL_H_
 
@@ -12,28 +12,29 @@
 
 namespace zell::ctl {
 
-/// Times and counters of devices, by name. Times are milliseconds of the wall clock.
+/// Times and counters of devices, by name. Times are wall clock times in milliseconds.
 class Roll {
  public:
   struct Entry {
     std::int64_t firstSeen = 0;
     std::uint64_t connects = 0;
     std::uint64_t losses = 0;
-    std::int64_t lastLoss = 0;  ///< 0 while there was none
+    std::int64_t lastLoss = 0;  ///< 0 before the first loss
     std::string lastReason;
-    SlaveLink::Counters earlier;  ///< of the connections that are over
-    std::size_t present = 0;      ///< connections that are there now
+    SlaveLink::Counters earlier;  ///< of earlier connections
+    std::size_t present = 0;      ///< current connections
   };
 
-  /// Whoever connects chooses his name, so only @p most devices that are gone are remembered.
+  /// Keeps the entries of at most @p most disconnected devices: clients choose their names, so the
+  /// number of entries must be limited.
   explicit Roll(std::size_t most = 4096) : most_(most) {}
 
   void connected(const std::string& name, std::int64_t now);
-  /// The connection that is over has counted @p counters.
+  /// @p counters are those of the lost connection.
   void lost(const std::string& name, std::int64_t now, const std::string& why,
             const SlaveLink::Counters& counters);
 
-  /// An empty entry for a name that is not known.
+  /// Returns an empty entry for an unknown name.
   [[nodiscard]] const Entry& of(const std::string& name) const;
 
  private:
@@ -41,7 +42,7 @@ class Roll {
 
   const std::size_t most_;
   std::map<std::string, Entry> entries_;
-  std::size_t gone_ = 0;  // entries of which no connection is there
+  std::size_t gone_ = 0;  // entries without a current connection
 };
 
 }  // namespace zell::ctl

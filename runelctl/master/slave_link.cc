@@ -21,10 +21,10 @@ namespace {
 
 constexpr std::size_t kMostTasksQueued = 8388608;
 constexpr std::size_t kMostWaiting = 4096;
-// A kernel confirms what it gets within a fraction of a second, however busy its programs are.
+// A kernel acknowledges data within a fraction of a second, even if its programs are busy.
 constexpr Milliseconds kConfirmTime{5000};
 constexpr Milliseconds kLookPause{500};
-// The kernel counts in ticks of its own.
+// The resolution of the kernel's timestamps.
 constexpr Milliseconds kTick{20};
 
 }  // namespace
@@ -34,7 +34,7 @@ bool isAnswered(const std::string& payload) {
   if (!SlaveTask::isA(payload)) {
     return false;
   }
-  // A look at the first bytes is enough for all others: the name stands behind the count.
+  // The first bytes are sufficient for all other tasks: the name follows the count.
   if (payload.substr(0, 64).find(kName) == std::string::npos) {
     return true;
   }
@@ -42,9 +42,9 @@ bool isAnswered(const std::string& payload) {
   return !task.parse(payload) || task.args().empty() || task.args()[0] != "restart";
 }
 
-SlaveLink::SlaveLink(Loop& loop, UniqueFd socket, Milliseconds patience, Events events)
+SlaveLink::SlaveLink(Loop& loop, UniqueFd socket, Milliseconds timeout, Events events)
     : loop_(loop),
-      patience_(patience),
+      timeout_(timeout),
       events_(std::move(events)),
       channel_(loop, std::move(socket),
                {[this](std::string&& payload) { take(std::move(payload)); },
@@ -114,7 +114,8 @@ void SlaveLink::take(std::string&& payload) {
   front.answer(std::move(payload));
 }
 
-// As much as the oldest request may be answered with. Our own are answered with a few bytes.
+// Sets the size limit for the answer to the oldest request. The answers to the master's requests
+// are small.
 void SlaveLink::limitAnswers() {
   const bool users = !pending_.empty() && !pending_.front().own;
   channel_.limitMessages(users ? kMaxFramePayload : kSmallReply);
@@ -145,8 +146,9 @@ void SlaveLink::watchCheck() {
     if (since >= kConfirmTime && !confirms(since)) {
       lose(
           {Fault::lost, "half-open connection: the peer does not acknowledge data", "", ETIMEDOUT});
-    } else if (since >= patience_ && onlyOwnWork()) {
-      // A device that runs a user's program is silent for as long as that takes. This one is not.
+    } else if (since >= timeout_ && onlyOwnWork()) {
+      // A device that runs a program for a user may be silent for long. This one has only cheap
+      // tasks.
       lose({Fault::timedOut, "no answer to the liveness check", "", ETIMEDOUT});
     } else {
       watchCheck();
@@ -154,8 +156,8 @@ void SlaveLink::watchCheck() {
   });
 }
 
-// Whether the other side's kernel has confirmed anything since the question went out. A device that
-// was switched off, cut off or started anew does not, while one that is busy does.
+// Whether the peer's kernel has acknowledged any data since the request was sent. A busy device
+// does. A device that was switched off, disconnected or restarted does not.
 bool SlaveLink::confirms(Milliseconds since) const {
   int left = 0;
   if (ioctl(channel_.descriptor(), SIOCOUTQ, &left) == 0 && left == 0) {

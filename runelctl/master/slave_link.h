@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The connection on which a device takes tasks, shared by all who have tasks for it.
+// The task connection of a device, shared by all users of the device.
 #ifndef ZELL_RUNELCTL_MASTER_SLAVE_LINK_H_
 #define ZELL_RUNELCTL_MASTER_SLAVE_LINK_H_
 
@@ -17,16 +17,16 @@
 
 namespace zell::ctl {
 
-/// Sends requests one behind the other and gives each answer to the one who asked. Knows the
-/// connection to be half-open when the other side stops confirming what it gets.
+/// Sends requests in order and passes each answer to its requester. Detects a half-open connection
+/// when the peer stops acknowledging data.
 class SlaveLink {
  public:
-  /// Gets the answer's text form. Not called when the link is lost before.
+  /// Called with the text form of the answer. Not called if the link is lost before.
   using Answer = std::function<void(std::string&& payload)>;
   struct Events {
-    /// The link is over. It may be destroyed from the loop's next turn on.
+    /// The link is lost. It may be destroyed from the next turn of the loop.
     std::function<void(const Error& error)> lost;
-    /// Something went out or came in: who waits for room may look again. May be empty.
+    /// Bytes were sent or received, so `busy` may have changed. May be empty.
     std::function<void()> progress;
   };
   struct Counters {
@@ -35,22 +35,22 @@ class SlaveLink {
     std::uint64_t bytesIn = 0;
   };
 
-  /// @p patience: how long the device may take for a cheap task when it has nothing else to do.
-  SlaveLink(Loop& loop, UniqueFd socket, Milliseconds patience, Events events);
+  /// @p timeout is for the answer to a cheap task on an idle device.
+  SlaveLink(Loop& loop, UniqueFd socket, Milliseconds timeout, Events events);
   ~SlaveLink();
   SlaveLink(const SlaveLink&) = delete;
   SlaveLink& operator=(const SlaveLink&) = delete;
 
-  /// Sends a user's @p payload, whatever is in it.
+  /// Sends any @p payload of a user.
   void forward(std::string payload, Answer answer);
-  /// Asks something cheap on the master's own behalf; it must be answered in time.
+  /// Sends a cheap request of the master itself, to which the timeout applies.
   void ask(const Request& request, ReplyHandler handler);
-  /// Finds out whether anybody is still there; `lost` when nobody is.
+  /// Checks whether the peer is alive; calls `lost` later if it is not.
   void check();
 
-  /// Stops and goes on taking answers, for users who are slow to take theirs.
+  /// Pauses or resumes reading answers, for users who read slowly.
   void setReading(bool reading);
-  /// True while there is so much on the way that users should wait with more.
+  /// True while the backlog is so large that users must wait.
   [[nodiscard]] bool busy() const;
   [[nodiscard]] std::size_t waiting() const { return pending_.size(); }
   [[nodiscard]] const Counters& counters() const { return counters_; }
@@ -70,19 +70,19 @@ class SlaveLink {
   void lose(const Error& error);
 
   Loop& loop_;
-  const Milliseconds patience_;
+  const Milliseconds timeout_;
   Events events_;
   Channel channel_;
   std::deque<Pending> pending_;
-  std::size_t users_ = 0;  // of pending_, those that are not our own
+  std::size_t users_ = 0;  // pending requests of users
   Counters counters_;
   bool reading_ = true;
-  std::size_t unanswered_ = 0;  // our own requests that wait
-  Clock::time_point asked_;     // when the oldest check began
+  std::size_t unanswered_ = 0;  // pending requests of the master
+  Clock::time_point asked_;     // start time of the oldest check
   Loop::Timer timer_;
 };
 
-/// False for what a device takes without a word: "restart", and what is no record at all.
+/// False for payloads without an answer: "restart", and text that is not a record.
 [[nodiscard]] bool isAnswered(const std::string& payload);
 
 }  // namespace zell::ctl

@@ -10,14 +10,14 @@
 
 namespace zell::ctl {
 
-Station::Station(Loop& loop, Label label, Milliseconds patience, Events events)
-    : loop_(loop), label_(std::move(label)), patience_(patience), events_(std::move(events)) {}
+Station::Station(Loop& loop, Label label, Milliseconds timeout, Events events)
+    : loop_(loop), label_(std::move(label)), timeout_(timeout), events_(std::move(events)) {}
 
 void Station::beSlave(UniqueFd socket) {
   slave_ = std::make_unique<SlaveLink>(
-      loop_, std::move(socket), patience_,
+      loop_, std::move(socket), timeout_,
       SlaveLink::Events{[this](const Error& error) {
-                          users_.clear();  // their connections end with the device's
+                          users_.clear();  // closed together with the device
                           events_.lost(error.what);
                         },
                         [this] { adjust(); }});
@@ -40,7 +40,7 @@ void Station::promote() {
   beSlave(std::move(socket));
 }
 
-// What a device says it is called is shown and compared, so it must be fit for that.
+// The reported names are printed and compared, so they must be valid.
 void Station::identify() {
   slave_->ask(request({"hostid"}), [this](const Reply& reply) {
     label_.hostid = reply.ok() && usableName(reply.output) ? reply.output : "";
@@ -60,20 +60,21 @@ void Station::attach(UniqueFd socket) {
       Attachment::Events{[this, &place] { userGone(place.get()); }, [this] { adjust(); }});
 }
 
-// One that leaves without its answers may have given up on a device that is gone.
+// A user that leaves before its answers may have timed out on a dead device: check the device.
 void Station::userGone(Attachment* user) {
   const auto place = std::find_if(users_.begin(), users_.end(),
                                   [&](const auto& held) { return held.get() == user; });
   const std::shared_ptr<Attachment> gone = std::move(*place);
   users_.erase(place);
-  loop_.next([gone] { (void)gone; });  // its own call is still on the stack
+  loop_.next([gone] { (void)gone; });  // the attachment is still on the stack
   if (slave_->waiting() > 0) {
     slave_->check();
   }
   adjust();
 }
 
-// Nobody gets ahead of the others by so much that it would have to be kept here.
+// Flow control: pauses reading from users while the device is busy, and from the device while a
+// user is slow.
 void Station::adjust() {
   const bool busy = slave_->busy();
   bool slow = false;

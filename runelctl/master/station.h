@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One connection of a device at the master, in whichever role it is, with those who work through
-// it.
+// One connection of a device at the master, in any role, with its users.
 #ifndef ZELL_RUNELCTL_MASTER_STATION_H_
 #define ZELL_RUNELCTL_MASTER_STATION_H_
 
@@ -23,8 +22,8 @@ namespace zell::ctl {
 
 class Station {
  public:
-  /// What the master wants to know. After `lost` nothing else is told, and the station may be
-  /// destroyed from the loop's next turn on.
+  /// Events for the master. `lost` is the last one. The station may be destroyed from the next turn
+  /// of the loop.
   struct Events {
     std::function<void()> identified;
     std::function<void()> spoke;
@@ -32,40 +31,41 @@ class Station {
     std::function<void(const std::string& why)> lost;
   };
 
-  Station(Loop& loop, Label label, Milliseconds patience, Events events);
+  Station(Loop& loop, Label label, Milliseconds timeout, Events events);
   Station(const Station&) = delete;
   Station& operator=(const Station&) = delete;
 
-  /// Takes @p socket for the connection that carries tasks, and asks who is there.
+  /// Uses @p socket as the slave connection and requests the identity of the device.
   void beSlave(UniqueFd socket);
-  /// Listens to @p socket and writes nothing to it. @p hostid: whose it is, where that is known.
+  /// Only reads from @p socket. @p hostid is the identity of its device, if known.
   void beFurther(UniqueFd socket, const std::string& hostid);
-  /// Makes a further connection that is silent a slave connection.
+  /// Makes a silent additional connection the slave connection.
   void promote();
 
-  /// Lets the program on @p socket work on the device.
+  /// Connects the process on @p socket to the device.
   void attach(UniqueFd socket);
-  /// Finds out whether anybody is still there.
+  /// Checks whether the device is alive.
   void check();
-  /// Nobody may work on it any more.
+  /// Disconnects all users and accepts no new ones.
   void refuse();
 
-  /// True when the device has said who it is and may be worked on.
+  /// True when the device is identified and not refused.
   [[nodiscard]] bool ready() const { return identified_ && !refused_; }
   [[nodiscard]] bool isSlave() const { return slave_ != nullptr; }
   /// "slave", "agent" or "further".
   [[nodiscard]] std::string role() const;
   [[nodiscard]] const Label& label() const { return label_; }
   [[nodiscard]] const std::string& deviceType() const { return deviceType_; }
-  /// The name under which a device is counted and shown.
+  /// The name of the device in statistics and output.
   [[nodiscard]] const std::string& name() const {
     return label_.hostid.empty() ? label_.address : label_.hostid;
   }
-  /// When it came, in milliseconds of the wall clock.
+  /// The wall clock time of the connect, in milliseconds.
   [[nodiscard]] std::int64_t since() const { return since_; }
-  /// Of the connection that carries tasks; all 0 for another one.
+  /// The counters of a slave connection; all 0 for other roles.
   [[nodiscard]] SlaveLink::Counters counters() const;
-  /// What `runelctl devices` shows of a slave connection, with what @p known says of earlier ones.
+  /// The object of `runelctl devices` for a slave connection. @p known has the statistics of
+  /// earlier connections.
   [[nodiscard]] Json describe(const Roll::Entry& known) const;
   [[nodiscard]] const FurtherLink* further() const { return further_.get(); }
 
@@ -77,7 +77,7 @@ class Station {
 
   Loop& loop_;
   Label label_;
-  const Milliseconds patience_;
+  const Milliseconds timeout_;
   Events events_;
   const std::int64_t since_ = wallClock();
   const Clock::time_point start_ = Clock::now();

@@ -38,7 +38,7 @@ void putError(Json& object, const Error& error) {
   }
 }
 
-// Whether anybody hears it changes nothing: the exit status says the same.
+// Write errors are ignored: the exit status reports the failure too.
 void tellFailure(const std::string& task, const Error& error, const Style& style) {
   if (style.json) {
     Json object{
@@ -47,8 +47,8 @@ void tellFailure(const std::string& task, const Error& error, const Style& style
     (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
     return;
   }
-  const std::string hint = error.hint.empty() ? "" : " (" + forPeople(error.hint) + ")";
-  (void)writeAll(STDERR_FILENO, "runelctl: " + style.red(forPeople(error.what)) + hint + "\n");
+  const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";
+  (void)writeAll(STDERR_FILENO, "runelctl: " + style.red(terminalSafe(error.what)) + hint + "\n");
 }
 
 }  // namespace zell::ctl

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What one device had to say in one run of a command.
+// The output of one device in one run of a command.
 #ifndef ZELL_RUNELCTL_OUTPUT_REPORT_H_
 #define ZELL_RUNELCTL_OUTPUT_REPORT_H_
 
@@ -17,34 +17,34 @@
 
 namespace zell::ctl {
 
-/// What "v" is in each object. Another number stands for objects that older readers cannot read.
+/// The value of "v" in each object. It increases with an incompatible change of the objects.
 constexpr int kJsonVersion = 1;
 
-/// How far a transfer has come.
+/// The progress of a transfer, in bytes.
 struct Progress {
   std::uint64_t done = 0;
   std::uint64_t total = 0;
   std::string what;
 };
 
-/// Collects output. People get `bytes` and `line`, programs get `entry` and `result`; each call is
-/// ignored when the other kind is wanted.
+/// Collects output. Text output consists of `bytes` and `line`, JSON output of `entry` and
+/// `result`. Calls for the other kind of output are ignored.
 class Report {
  public:
   explicit Report(const Style& style) : style_(style) {}
 
-  /// Output exactly as it is.
+  /// Adds unchanged output.
   void bytes(std::string_view bytes);
-  /// One line of output; names in it come through `name`.
+  /// Adds one line of output. Names in it must be converted with `name`.
   void line(const std::string& text) { bytes(text + "\n"); }
-  /// One object of a list.
+  /// Adds one object.
   void entry(Json object);
-  /// The fields of the object that closes the run.
+  /// The fields of the last object.
   Json& result() { return result_; }
   [[nodiscard]] const Json& result() const { return result_; }
-  /// Something that did not go well but does not end the run; plain text, any bytes.
+  /// Adds a warning, which may contain any bytes.
   void warn(const std::string& text) { warnings_.push_back(text); }
-  /// Tells whoever looks how far it has come.
+  /// Reports progress.
   void progress(const Progress& progress) {
     if (onProgress) {
       onProgress(progress);
@@ -59,7 +59,7 @@ class Report {
   [[nodiscard]] const std::vector<Json>& entries() const { return entries_; }
   [[nodiscard]] const std::vector<std::string>& warnings() const { return warnings_; }
 
-  /// When set, `bytes` go there at once instead of being kept.
+  /// If set, receives the output immediately instead of collecting it.
   std::function<void(std::string_view)> stream;
   std::function<void(const Progress&)> onProgress;
 
@@ -71,11 +71,11 @@ class Report {
   Json result_ = Json::object();
 };
 
-/// Adds the fields that tell of a failure to @p object.
+/// Adds the fields of @p error to @p object.
 void putError(Json& object, const Error& error);
 
-/// Tells of a failure that is no device's: a line on standard error, or an object on standard
-/// output.
+/// Reports a failure that does not belong to a device: one line on standard error, or a JSON object
+/// on standard output.
 void tellFailure(const std::string& task, const Error& error, const Style& style);
 
 }  // namespace zell::ctl

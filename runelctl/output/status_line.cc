@@ -69,7 +69,7 @@ std::string ProgressBar::text(const Progress& progress, std::size_t columns) {
   if (columns > line.size() + kBarWidth + 4) {
     line = bar(progress.done, progress.total) + " " + line;
   }
-  const std::string name = cutTo(forPeople(progress.what), kNameWidth);
+  const std::string name = cutTo(terminalSafe(progress.what), kNameWidth);
   if (columns > line.size() + name.size() + 2) {
     line = name + " " + line;
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The one line at the bottom of the terminal that changes while the work goes on.
+// The status line at the bottom of the terminal.
 #ifndef ZELL_RUNELCTL_OUTPUT_STATUS_LINE_H_
 #define ZELL_RUNELCTL_OUTPUT_STATUS_LINE_H_
 
@@ -11,7 +11,7 @@
 
 namespace zell::ctl {
 
-/// Shows nothing unless standard error is a terminal and people read along.
+/// Enabled only if standard error is a terminal, without --quiet and --json.
 class StatusLine {
  public:
   explicit StatusLine(const Style& style)
@@ -20,9 +20,10 @@ class StatusLine {
   StatusLine(const StatusLine&) = delete;
   StatusLine& operator=(const StatusLine&) = delete;
 
-  /// Shows @p text, cut to the terminal's width; at most ten times a second unless @p now.
+  /// Shows @p text, truncated to the width of the terminal, at most ten times a second unless @p
+  /// now.
   void show(const std::string& text, bool now = false);
-  /// Takes the line away, before something else is written.
+  /// Clears the line, before other output is written.
   void clear();
   [[nodiscard]] bool enabled() const { return enabled_; }
 
@@ -32,10 +33,10 @@ class StatusLine {
   std::chrono::steady_clock::time_point last_;
 };
 
-/// Turns how far a transfer has come into a bar with rate and time left.
+/// Formats the progress of a transfer as a bar with rate and remaining time.
 class ProgressBar {
  public:
-  /// The bar for @p columns columns, the least useful parts left out where they are few.
+  /// The bar for @p columns columns. Omits the less important parts if there are few columns.
   [[nodiscard]] std::string text(const Progress& progress, std::size_t columns);
 
  private:

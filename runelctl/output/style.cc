@@ -13,7 +13,7 @@
 namespace zell::ctl {
 
 std::string Style::name(std::string_view bytes) const {
-  return outTerminal ? forPeople(bytes) : std::string(bytes);
+  return outTerminal ? terminalSafe(bytes) : std::string(bytes);
 }
 
 std::string Style::red(const std::string& text) const {
@@ -46,7 +46,7 @@ bool writeAll(int fd, std::string_view bytes) {
     if (taken >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(taken));
     } else if (errno == EAGAIN) {
-      // Somebody else made the terminal or pipe non-blocking.
+      // Another process has made the terminal or pipe non-blocking.
       pollfd wanted{fd, POLLOUT, 0};
       (void)poll(&wanted, 1, -1);
     } else if (errno != EINTR) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How what is found out is shown: to people or to programs, in colours or not.
+// The output style: text or JSON, colors, terminals.
 #ifndef ZELL_RUNELCTL_OUTPUT_STYLE_H_
 #define ZELL_RUNELCTL_OUTPUT_STYLE_H_
 
@@ -12,22 +12,22 @@ struct Style {
   bool json = false;
   bool quiet = false;
   bool colours = false;      ///< on standard error
-  bool outTerminal = false;  ///< standard output is one
+  bool outTerminal = false;  ///< standard output is a terminal
   bool errTerminal = false;
 
-  /// A name as standard output should carry it: escaped for a terminal, exact for a pipe.
+  /// A name for standard output: escaped for a terminal, unchanged otherwise.
   [[nodiscard]] std::string name(std::string_view bytes) const;
-  /// An error's text, in red where that is wanted.
+  /// The text of an error, in red if colors are enabled.
   [[nodiscard]] std::string red(const std::string& text) const;
 };
 
-/// The style of a run. @p colour is "auto", "always" or "never"; NO_COLOR is heard for "auto".
+/// The style of a run. @p colour is "auto", "always" or "never". "auto" respects NO_COLOR.
 [[nodiscard]] Style styleFor(bool json, bool quiet, const std::string& colour);
 
-/// Columns of the terminal on standard error, 80 when it does not say.
+/// The number of columns of the terminal on standard error; 80 if unknown.
 [[nodiscard]] std::size_t terminalColumns();
 
-/// Writes all of @p bytes to @p fd. False with errno.
+/// Writes all of @p bytes to @p fd. Returns false with errno on failure.
 bool writeAll(int fd, std::string_view bytes);
 
 }  // namespace zell::ctl

@@ -15,8 +15,8 @@ unsigned char at(std::string_view text, std::size_t place) {
   return static_cast<unsigned char>(text[place]);
 }
 
-// The length of the well-formed UTF-8 sequence that @p text begins with, and its code point; 0 for
-// none: too long a form, a surrogate or a number beyond the last one is none.
+// The length of the valid UTF-8 sequence at the start of @p text, and its code point. 0 for an
+// invalid sequence, such as an overlong form, a surrogate or a number above 0x10ffff.
 std::size_t sequence(std::string_view text, std::uint32_t& code) {
   const unsigned char first = at(text, 0);
   const std::size_t length = first < 0x80   ? 1
@@ -40,7 +40,7 @@ std::size_t sequence(std::string_view text, std::uint32_t& code) {
   return tooLong || noCharacter ? 0 : length;
 }
 
-// What a terminal acts on instead of showing it.
+// True for control characters, which a terminal interprets.
 bool actsOnTerminal(std::uint32_t code) {
   return code < 0x20 || (code >= 0x7f && code <= 0x9f) || code == 0x061c || code == 0x200e ||
          code == 0x200f || code == 0x2028 || code == 0x2029 || (code >= 0x202a && code <= 0x202e) ||
@@ -98,7 +98,7 @@ std::string base64(std::string_view bytes) {
 
 }  // namespace
 
-std::string forPeople(std::string_view bytes) {
+std::string terminalSafe(std::string_view bytes) {
   std::string text;
   while (!bytes.empty()) {
     std::uint32_t code = 0;

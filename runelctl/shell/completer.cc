@@ -15,7 +15,7 @@ void addMatching(std::vector<std::string>& matches, const std::vector<std::strin
                [&](const std::string& word) { return startsWith(word, start); });
 }
 
-// A name with a control character in it cannot be typed, and must not reach the terminal.
+// A name with a control character cannot be typed and must not be written to the terminal.
 bool typeable(const std::string& name) {
   return std::none_of(name.begin(), name.end(),
                       [](char byte) { return (byte >= 0 && byte < ' ') || byte == '\x7f'; });
@@ -48,7 +48,7 @@ Completer::Offer Completer::complete(const std::string& before) const {
 std::vector<std::string> Completer::candidates(const std::vector<std::string>& before,
                                                const std::string& word) const {
   const CommandRow* command = nullptr;
-  const OptionRow* option = nullptr;  // whose value is being typed
+  const OptionRow* option = nullptr;  // the option whose value is typed
   bool own = false;
   std::size_t arguments = 0;
   for (const std::string& earlier : before) {
@@ -122,13 +122,13 @@ std::vector<std::string> Completer::values(const OptionRow& row, const std::stri
 
 std::vector<std::string> Completer::paths(const List& list, const std::string& word) {
   const std::size_t slash = word.rfind('/');
-  const std::string folder = slash == std::string::npos ? "" : word.substr(0, slash + 1);
-  const std::string start = word.substr(folder.size());
+  const std::string directory = slash == std::string::npos ? "" : word.substr(0, slash + 1);
+  const std::string start = word.substr(directory.size());
   std::vector<std::string> matches;
-  for (const FolderEntry& entry : list(folder.empty() ? "." : folder)) {
+  for (const DirectoryEntry& entry : list(directory.empty() ? "." : directory)) {
     const bool hidden = startsWith(entry.name, ".") && !startsWith(start, ".");
     if (startsWith(entry.name, start) && !hidden && typeable(entry.name)) {
-      matches.push_back(folder + entry.name + (entry.folder ? "/" : ""));
+      matches.push_back(directory + entry.name + (entry.directory ? "/" : ""));
     }
   }
   return matches;
@@ -149,7 +149,7 @@ std::string sharedBeginning(const std::vector<std::string>& words) {
          (static_cast<unsigned char>(first[length]) & 0xc0U) == 0x80) {
     --length;
   }
-  // Half of an escaped character is none.
+  // Never cut inside an escape sequence.
   std::size_t slashes = 0;
   while (slashes < length && first[length - 1 - slashes] == '\\') {
     ++slashes;

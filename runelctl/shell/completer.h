@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the word that is being typed in the shell could become.
+// Completion of the current word in the shell.
 #ifndef ZELL_RUNELCTL_SHELL_COMPLETER_H_
 #define ZELL_RUNELCTL_SHELL_COMPLETER_H_
 
@@ -13,24 +13,24 @@
 
 namespace zell::ctl {
 
-/// A name in a folder of the device or of this host.
-struct FolderEntry {
+/// A name in a remote or local directory.
+struct DirectoryEntry {
   std::string name;
-  bool folder = false;
+  bool directory = false;
 };
 
-/// Asks nobody itself: what is in a folder comes through functions.
+/// Sends no requests itself: functions list the directories.
 class Completer {
  public:
-  using List = std::function<std::vector<FolderEntry>(const std::string& folder)>;
+  using List = std::function<std::vector<DirectoryEntry>(const std::string& directory)>;
 
-  /// What can stand in place of the line's last word, as it is to be typed.
+  /// The candidates for the last word of the line, quoted.
   struct Offer {
-    std::size_t begin = 0;           ///< where the word begins
-    std::vector<std::string> words;  ///< sorted; one that ends in '/' goes on
+    std::size_t begin = 0;           ///< start of the word in the line
+    std::vector<std::string> words;  ///< sorted; a trailing '/' allows further completion
   };
 
-  /// @p own are commands of the shell itself, which take a remote folder.
+  /// @p own are the built-in commands of the shell.
   Completer(Tables tables, std::vector<std::string> own, List remote, List local);
 
   /// @p before is the line up to the cursor.
@@ -52,7 +52,7 @@ class Completer {
   const List local_;
 };
 
-/// The longest beginning that all of @p words share, cut to whole characters.
+/// The longest common prefix of @p words, in complete characters.
 [[nodiscard]] std::string sharedBeginning(const std::vector<std::string>& words);
 
 }  // namespace zell::ctl

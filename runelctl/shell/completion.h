@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scripts with which the usual shells complete a command line of ours.
+// Generates the completion scripts of bash, zsh and fish.
 #ifndef ZELL_RUNELCTL_SHELL_COMPLETION_H_
 #define ZELL_RUNELCTL_SHELL_COMPLETION_H_
 

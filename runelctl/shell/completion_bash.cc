@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The script for bash.
+// The completion script for bash.
 #include <string>
 #include <vector>
 
@@ -16,7 +16,7 @@ std::string joined(const std::vector<std::string>& words, const std::string& bet
   return text;
 }
 
-// The names of all options that take a value and pass @p wanted, as a pattern of `case`.
+// The names of all options with a value for which @p wanted is true, as a pattern of `case`.
 template <typename Wanted>
 std::string pattern(const std::vector<OptionRow>& rows, const Wanted& wanted) {
   std::vector<std::string> names;
@@ -36,7 +36,7 @@ std::string names(const std::vector<OptionRow>& rows) {
   return joined(all, " ");
 }
 
-// One branch for each option of @p rows with a value, for the command @p name.
+// One branch of `case` for each option of @p rows with a value, for the command @p name.
 std::string valueBranches(const std::string& name, const std::vector<OptionRow>& rows) {
   std::string text;
   for (const OptionRow& row : rows) {
@@ -62,7 +62,7 @@ std::string valueBranches(const std::string& name, const std::vector<OptionRow>&
   return text;
 }
 
-// What stands for the arguments of @p row, where this host knows what they can be.
+// The branch of `case` for the arguments of @p row, if this host knows their values.
 std::string argumentBranch(const CommandRow& row) {
   for (const OptionRow& argument : row.arguments) {
     if (argument.value == Value::file) {
@@ -75,7 +75,7 @@ std::string argumentBranch(const CommandRow& row) {
   return "";
 }
 
-// The helpers of the script. '@' ends a word for bash: what follows it comes alone.
+// The functions of the script. '@' ends a word in bash: the text after it is a separate word.
 const char* const kHelpers = R"(_runelctl_words() {
   mapfile -t COMPREPLY < <(compgen -W "$1" -- "$word")
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// runelctl completion.
+// The command `completion`.
 #include <memory>
 #include <string>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The script for fish.
+// The completion script for fish.
 #include <string>
 #include <vector>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The script for zsh.
+// The completion script for zsh.
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -9,7 +9,7 @@
 namespace zell::ctl {
 namespace {
 
-// @p text inside single quotes, with backslashes before the bytes of @p special.
+// Escapes @p text for single quotes, with a backslash before each byte of @p special.
 std::string escaped(const std::string& text, const std::string& special) {
   std::string result;
   for (const char byte : text) {
@@ -39,11 +39,11 @@ std::string action(Value value, const std::vector<std::string>& words) {
     case Value::device:
       return "_runelctl_devices";
     default:
-      return "()";  // nothing that this host knows
+      return "()";  // unknown on this host
   }
 }
 
-// Each name by itself, and as often as wanted: what excludes what, the command itself knows.
+// Each option may repeat. The program itself checks which options exclude each other.
 std::string specs(const std::vector<OptionRow>& rows) {
   std::string text;
   for (const OptionRow& row : rows) {

@@ -28,9 +28,9 @@ void onInterrupt(int) {
   interrupted = 1;
 }
 
-// Names are UTF-8 whatever the terminal's language is.
+// Names are UTF-8, independent of the locale.
 void useUtf8() {
-  (void)std::setlocale(LC_CTYPE, "");  // then it is "C", and the next line sees that
+  (void)std::setlocale(LC_CTYPE, "");  // on failure it is "C", which the next line detects
   if (MB_CUR_MAX == 1) {
     (void)std::setlocale(LC_CTYPE, "C.UTF-8");
   }
@@ -47,25 +47,25 @@ LineEditor::LineEditor(std::string historyFile, Complete complete)
   (void)history(history_, &event, H_SETSIZE, kHistorySize);
   (void)history(history_, &event, H_SETUNIQUE, 1);
   if (!historyFile_.empty()) {
-    (void)history(history_, &event, H_LOAD, historyFile_.c_str());  // there may be none yet
+    (void)history(history_, &event, H_LOAD, historyFile_.c_str());  // the file may not exist yet
   }
-  // An interrupt makes a read return. Between two lines it must not end us either.
+  // SIGINT interrupts a read. Between two lines it must not end the process either.
   struct sigaction action {};
   action.sa_handler = onInterrupt;
-  (void)sigaction(SIGINT, &action, &before_);  // both are what sigaction takes
+  (void)sigaction(SIGINT, &action, &before_);  // the arguments are valid
   el_set(editor_, EL_CLIENTDATA, this);
   el_set(editor_, EL_PROMPT, &LineEditor::prompt);
   el_set(editor_, EL_EDITOR, "emacs");
   el_set(editor_, EL_HIST, history, history_);
   el_set(editor_, EL_GETCFN, &LineEditor::getCharacter);
   el_wset(editor_, EL_ADDFN, L"complete", L"Complete the word",
-          &LineEditor::tab);  // keeps no copies
+          &LineEditor::tab);  // does not copy the strings
   el_set(editor_, EL_BIND, "^I", "complete", nullptr);
   el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
 }
 
 LineEditor::~LineEditor() {
-  (void)sigaction(SIGINT, &before_, nullptr);  // as it was
+  (void)sigaction(SIGINT, &before_, nullptr);  // the arguments are valid
   history_end(history_);
   el_end(editor_);
 }
@@ -80,7 +80,8 @@ char* LineEditor::prompt(EditLine* editor) {
   return of(editor).prompt_.data();
 }
 
-// One character, which may be several bytes; -1 on an interrupt, 0 at the end.
+// Reads one character, which may have several bytes. Returns -1 on SIGINT, 0 at the end of the
+// input.
 int LineEditor::getCharacter(EditLine* editor, wchar_t* character) {
   (void)editor;
   std::mbstate_t state{};
@@ -107,7 +108,7 @@ LineEditor::Got LineEditor::read(const std::string& prompt, std::string& line) {
   prompt_ = prompt;
   interrupted = 0;
   int count = 0;
-  // Before the prompt is there: who answers it at once must not be answered by the terminal itself.
+  // Before the prompt is written: the terminal itself must not echo an immediate answer.
   el_set(editor_, EL_PREP_TERM, 1);
   const char* text = el_gets(editor_, &count);
   if (text == nullptr || count <= 0) {
@@ -130,7 +131,7 @@ void LineEditor::remember(const std::string& line) {
   HistEvent event;
   (void)history(history_, &event, H_ENTER, line.c_str());
   if (!historyFile_.empty()) {
-    // What was typed may hold secrets: it is for this user's eyes.
+    // The history may contain secrets: only this user may read it.
     const mode_t before = umask(077);
     (void)history(history_, &event, H_SAVE, historyFile_.c_str());
     umask(before);
@@ -168,7 +169,7 @@ void LineEditor::show(const std::vector<std::string>& words) const {
   for (std::size_t i = 0; i < words.size() && i < kMostWordsShown; ++i) {
     const std::string word = cutLine(words[i]).words.front();
     const std::size_t slash = word.find_last_of('/', word.size() - 2);
-    text += forPeople(slash == std::string::npos ? word : word.substr(slash + 1)) + "  ";
+    text += terminalSafe(slash == std::string::npos ? word : word.substr(slash + 1)) + "  ";
   }
   text += words.size() > kMostWordsShown ? "..." : "";
   (void)writeAll(STDOUT_FILENO, text + "\n");

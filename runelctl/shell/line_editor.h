@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lines from a terminal, with editing, history and completion.
+// Reads lines from a terminal, with editing, history and completion.
 #ifndef ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
 #define ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
 
@@ -19,13 +19,13 @@ class LineEditor {
   enum class Got { line, interrupted, end };
   using Complete = std::function<Completer::Offer(const std::string& before)>;
 
-  /// @p historyFile keeps the lines from one session to the next; empty for none.
+  /// @p historyFile stores the lines across sessions; empty for none.
   LineEditor(std::string historyFile, Complete complete);
   ~LineEditor();
   LineEditor(const LineEditor&) = delete;
   LineEditor& operator=(const LineEditor&) = delete;
 
-  /// Shows @p prompt and waits for a line, which comes without its end.
+  /// Writes @p prompt and reads a line, without its line end.
   [[nodiscard]] Got read(const std::string& prompt, std::string& line);
 
  private:

@@ -21,7 +21,7 @@
 namespace zell::ctl {
 namespace {
 
-// Longer than that nobody waits for a completion.
+// Timeout for the requests of a completion.
 constexpr Milliseconds kListTime{3000};
 constexpr std::size_t kMostMarked = 500;
 
@@ -32,8 +32,8 @@ std::string spelled(const Target& target) {
                                : target.host + ":" + std::to_string(target.port);
 }
 
-// The options of the shell's own command line that hold for each of its lines.
-std::vector<std::string> mannerOf(const Settings& settings) {
+// The options of the shell's command line that apply to each of its lines.
+std::vector<std::string> commonOptions(const Settings& settings) {
   std::vector<std::string> words{"--timeout",         std::to_string(settings.timeout),
                                  "--connect-timeout", std::to_string(settings.connectTimeout),
                                  "--color",           settings.colour,
@@ -61,26 +61,26 @@ bool namesDevice(const std::vector<std::string>& words) {
   });
 }
 
-// In the user's folder for such things; empty when there is no home.
+// In the user's state directory; empty without a home directory.
 std::string historyFile() {
   const char* state = std::getenv("XDG_STATE_HOME");
   const char* home = std::getenv("HOME");
-  std::string folder = state != nullptr && *state == '/' ? state : "";
-  if (folder.empty() && home != nullptr && *home == '/') {
-    folder = std::string(home) + "/.local/state";
+  std::string directory = state != nullptr && *state == '/' ? state : "";
+  if (directory.empty() && home != nullptr && *home == '/') {
+    directory = std::string(home) + "/.local/state";
   }
-  if (folder.empty()) {
+  if (directory.empty()) {
     return "";
   }
-  std::error_code ignored;  // then nothing is kept
-  std::filesystem::create_directories(folder + "/runelctl", ignored);
-  return folder + "/runelctl/history";
+  std::error_code ignored;  // on failure there is no history
+  std::filesystem::create_directories(directory + "/runelctl", ignored);
+  return directory + "/runelctl/history";
 }
 
-std::vector<FolderEntry> listLocal(const std::string& folder) {
-  std::vector<FolderEntry> entries;
+std::vector<DirectoryEntry> listLocal(const std::string& directory) {
+  std::vector<DirectoryEntry> entries;
   std::error_code wrong;
-  for (auto it = std::filesystem::directory_iterator(folder, wrong);
+  for (auto it = std::filesystem::directory_iterator(directory, wrong);
        !wrong && it != std::filesystem::directory_iterator(); it.increment(wrong)) {
     std::error_code unknown;
     entries.push_back({it->path().filename().string(), it->is_directory(unknown)});
@@ -92,12 +92,12 @@ std::vector<FolderEntry> listLocal(const std::string& folder) {
 
 Shell::Shell(const Settings& settings, const Style& style)
     : settings_(settings), style_(style), session_{loop_, nullptr, {}, "/"}, before_("/") {
-  session_.before = mannerOf(settings);
+  session_.before = commonOptions(settings);
   for (const Target& target : settings.targets) {
     where_.insert(where_.end(), {"-d", spelled(target)});
   }
   if (settings.targets.size() == 1) {
-    // As each line will name it, so that they find the connection that there is.
+    // Named as in the command lines, so that they find the open connection.
     std::vector<Target> same;
     std::string why;
     if (parseTargetList(where_[1], same, why)) {
@@ -120,7 +120,7 @@ void Shell::readTerminal() {
   CommandLine line;
   Completer completer(
       readTables(line.app()), {std::begin(kOwn), std::end(kOwn)},
-      [this](const std::string& folder) { return list(folder); }, listLocal);
+      [this](const std::string& directory) { return list(directory); }, listLocal);
   LineEditor editor(historyFile(),
                     [&](const std::string& before) { return completer.complete(before); });
   std::string text;
@@ -155,11 +155,11 @@ void Shell::runLine(const std::string& text) {
 bool Shell::runOwn(const std::vector<std::string>& words) {
   const std::string& name = words.front();
   if (name == "cd") {
-    status_ = changeFolder(words);
+    status_ = changeDirectory(words);
   } else if (name == "lcd") {
-    status_ = changeLocalFolder(words);
+    status_ = changeLocalDirectory(words);
   } else if (name == "pwd") {
-    status_ = writeAll(STDOUT_FILENO, style_.name(session_.folder) + "\n") ? 0 : kExitTaskFailed;
+    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
   } else if (name == "exit" || name == "quit") {
     status_ = leave(words);
   } else if (name == "help") {
@@ -178,10 +178,10 @@ int Shell::leave(const std::vector<std::string>& words) {
                           : status_;
 }
 
-// With several devices nobody is asked: a folder need not be on all of them.
-int Shell::changeFolder(const std::vector<std::string>& words) {
+// With several devices the directory is not checked: it may be missing on some of them.
+int Shell::changeDirectory(const std::vector<std::string>& words) {
   std::string wanted = words.size() > 1 ? words[1] : "/";
-  wanted = wanted == "-" ? before_ : joinPath(session_.folder, wanted);
+  wanted = wanted == "-" ? before_ : joinPath(session_.directory, wanted);
   if (words.size() > 2) {
     complain("cd: too many arguments");
     return kExitUsage;
@@ -191,17 +191,17 @@ int Shell::changeFolder(const std::vector<std::string>& words) {
     const Reply about =
         real.ok() ? ask(request({"stat", real.output}), settings_.limits().silence) : real;
     const std::optional<StatRecord> st = about.ok() ? parseStat(about.output) : std::nullopt;
-    if (!about.ok() || !st || !st->isFolder()) {
+    if (!about.ok() || !st || !st->isDirectory()) {
       complain(about.ok() ? wanted + ": " + systemText(ENOTDIR) : about.error(wanted).what);
       return about.broken ? about.exitStatus() : kExitTaskFailed;
     }
     wanted = real.output;
   }
-  before_ = std::exchange(session_.folder, wanted);
+  before_ = std::exchange(session_.directory, wanted);
   return 0;
 }
 
-int Shell::changeLocalFolder(const std::vector<std::string>& words) {
+int Shell::changeLocalDirectory(const std::vector<std::string>& words) {
   const char* home = std::getenv("HOME");
   const std::string wanted = words.size() > 1 ? words[1] : (home != nullptr ? home : "/");
   if (chdir(wanted.c_str()) != 0) {
@@ -216,7 +216,7 @@ int Shell::runCommand(const std::vector<std::string>& words) {
     complain("shell: already running");
     return kExitUsage;
   }
-  loop_.turn(Milliseconds(0));  // a connection that ended meanwhile is made anew
+  loop_.turn(Milliseconds(0));  // detect a closed connection
   std::vector<std::string> whole = namesDevice(words) ? std::vector<std::string>() : where_;
   whole.insert(whole.end(), words.begin(), words.end());
   return runCommandLine(session_, whole);
@@ -225,7 +225,7 @@ int Shell::runCommand(const std::vector<std::string>& words) {
 Reply Shell::ask(const Request& request, Milliseconds limit) {
   std::optional<Reply> reply;
   bool stop = false;
-  loop_.turn(Milliseconds(0));  // as above
+  loop_.turn(Milliseconds(0));  // detect a closed connection
   device_->ask(request, [&](Reply answer) { reply = std::move(answer); });
   {
     const Signals signals(loop_, [&](int) { stop = true; });
@@ -236,53 +236,53 @@ Reply Shell::ask(const Request& request, Milliseconds limit) {
     loop_.cancel(timer);
   }
   if (!reply) {
-    device_->abandon();  // its answer would come when nobody waits for it any more
+    device_->abandon();  // its answer would arrive after the handler is gone
     reply.emplace();
     reply->broken = Error{Fault::cancelled, "interrupted, or no answer in time", "", 0};
   }
   return std::move(*reply);
 }
 
-std::vector<FolderEntry> Shell::list(const std::string& folder) {
-  std::vector<FolderEntry> entries;
+std::vector<DirectoryEntry> Shell::list(const std::string& directory) {
+  std::vector<DirectoryEntry> entries;
   if (!device_ || settings_.dryRun) {
     return entries;
   }
-  const std::string path = joinPath(session_.folder, folder);
+  const std::string path = joinPath(session_.directory, directory);
   const Reply reply = ask(request({"readdir", path}), kListTime);
   const auto names = reply.ok() ? parseNames(reply.output) : std::nullopt;
   if (names) {
     for (const std::string& name : *names) {
       entries.push_back({name, false});
     }
-    markFolders(path, entries);
+    markDirectories(path, entries);
   }
   return entries;
 }
 
-// The list has names alone, so each is asked for, all on the way at once.
-void Shell::markFolders(const std::string& folder, std::vector<FolderEntry>& entries) {
+// readdir returns only names: get the type of each name with pipelined requests.
+void Shell::markDirectories(const std::string& directory, std::vector<DirectoryEntry>& entries) {
   if (entries.empty() || entries.size() > kMostMarked) {
     return;
   }
   for (std::size_t i = 0; i + 1 < entries.size(); ++i) {
-    FolderEntry* entry = &entries[i];
-    device_->ask(request({"stat", joinPath(folder, entry->name)}), [entry](const Reply& reply) {
+    DirectoryEntry* entry = &entries[i];
+    device_->ask(request({"stat", joinPath(directory, entry->name)}), [entry](const Reply& reply) {
       const auto st = reply.ok() ? parseStat(reply.output) : std::nullopt;
-      entry->folder = st && st->isFolder();
+      entry->directory = st && st->isDirectory();
     });
   }
-  // Answers come in order: with the last one, all are there.
-  const Reply last = ask(request({"stat", joinPath(folder, entries.back().name)}), kListTime);
+  // Answers arrive in order: after the last one, all have arrived.
+  const Reply last = ask(request({"stat", joinPath(directory, entries.back().name)}), kListTime);
   const auto st = last.ok() ? parseStat(last.output) : std::nullopt;
-  entries.back().folder = st && st->isFolder();
+  entries.back().directory = st && st->isDirectory();
 }
 
 std::string Shell::prompt() const {
   const std::string who = settings_.targets.size() == 1
                               ? settings_.targets.front().name
                               : countText(settings_.targets.size(), "device");
-  return forPeople(who) + ":" + forPeople(session_.folder) + "> ";
+  return terminalSafe(who) + ":" + terminalSafe(session_.directory) + "> ";
 }
 
 }  // namespace zell::ctl

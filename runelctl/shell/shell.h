@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The interactive line: command after command on the same device, over the same connection.
+// The shell: runs one command after the other, over the same connection.
 #ifndef ZELL_RUNELCTL_SHELL_SHELL_H_
 #define ZELL_RUNELCTL_SHELL_SHELL_H_
 
@@ -22,7 +22,7 @@ class Shell {
   Shell(const Shell&) = delete;
   Shell& operator=(const Shell&) = delete;
 
-  /// Reads lines and runs them until "exit" or the end. The exit status of the last one.
+  /// Reads lines and runs them until "exit" or the end of the input. Returns the last exit status.
   [[nodiscard]] int run();
 
  private:
@@ -30,22 +30,22 @@ class Shell {
   void readPipe();
   void runLine(const std::string& text);
   [[nodiscard]] bool runOwn(const std::vector<std::string>& words);
-  [[nodiscard]] int changeFolder(const std::vector<std::string>& words);
-  [[nodiscard]] int changeLocalFolder(const std::vector<std::string>& words);
+  [[nodiscard]] int changeDirectory(const std::vector<std::string>& words);
+  [[nodiscard]] int changeLocalDirectory(const std::vector<std::string>& words);
   [[nodiscard]] int leave(const std::vector<std::string>& words);
   [[nodiscard]] int runCommand(const std::vector<std::string>& words);
   [[nodiscard]] Reply ask(const Request& request, Milliseconds limit);
-  [[nodiscard]] std::vector<FolderEntry> list(const std::string& folder);
-  void markFolders(const std::string& folder, std::vector<FolderEntry>& entries);
+  [[nodiscard]] std::vector<DirectoryEntry> list(const std::string& directory);
+  void markDirectories(const std::string& directory, std::vector<DirectoryEntry>& entries);
   [[nodiscard]] std::string prompt() const;
 
   const Settings& settings_;
   const Style& style_;
   Loop loop_;
-  std::optional<Device> device_;  // of a session with one
+  std::optional<Device> device_;  // set for a single device
   Session session_;
-  std::vector<std::string> where_;  // options that say which devices
-  std::string before_;              // the folder that "cd -" goes back to
+  std::vector<std::string> where_;  // options that select the devices
+  std::string before_;              // the previous directory, for "cd -"
   int status_ = 0;
   bool over_ = false;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// runelctl shell.
+// The command `shell`.
 #include <memory>
 
 #include <CLI/CLI.hpp>

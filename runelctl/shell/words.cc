@@ -10,7 +10,7 @@ bool isBlank(char byte) {
   return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
 }
 
-// Reads one line byte by byte.
+// Parses one line byte by byte.
 class Cutter {
  public:
   void take(char byte, std::size_t place) {

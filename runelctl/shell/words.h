@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A line that was typed, cut into words as the usual shells do it.
+// Splits a line into words, like a shell.
 #ifndef ZELL_RUNELCTL_SHELL_WORDS_H_
 #define ZELL_RUNELCTL_SHELL_WORDS_H_
 
@@ -10,18 +10,18 @@
 
 namespace zell::ctl {
 
-/// What a line says. Blanks separate words; '...', "..." and a backslash keep them together; '#'
-/// begins a comment where a word could begin. Nothing is expanded.
+/// The words of a line. Blanks separate words, unless they are in '...' or "..." or follow a
+/// backslash. '#' at the start of a word starts a comment. Nothing is expanded.
 struct Line {
   std::vector<std::string> words;
-  bool open = false;     ///< a quote or a backslash waits for more
-  bool inWord = false;   ///< it ends within the last word, not behind it
-  std::size_t last = 0;  ///< where the last word begins; the line's length without one
+  bool open = false;     ///< a quote or escape is unterminated
+  bool inWord = false;   ///< the line ends inside the last word
+  std::size_t last = 0;  ///< start of the last word; the line's length without one
 };
 
 [[nodiscard]] Line cutLine(std::string_view text);
 
-/// @p word as it must be typed to be one word.
+/// Quotes @p word, so that it is parsed as one word.
 [[nodiscard]] std::string quoteWord(std::string_view word);
 
 }  // namespace zell::ctl

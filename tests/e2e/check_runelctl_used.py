@@ -1,12 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Fails when a command, an option or an exit status of runelctl was met in no end-to-end test.
+"""Fails if no end-to-end test covers a command, an option or an exit status of runelctl.
 
     check_runelctl_used.py BINARY RECORD...
 
-What there is comes from the binary's own tables, by way of a completion script. What was tried is
-in the records that the tests leave: one run a line, its words and its exit status, null for one that
-ran on to its test's end. A run that was refused for its command line (status 2) has tried nothing,
-and a request for help neither.
+The commands and options come from the tables of the binary, in the form of a completion script.
+The tests record their runs: one run a line with its words and its exit status, which is null if
+the test stopped it. Runs with a usage error (status 2) and requests for help do not count.
 """
 import dataclasses
 import json
@@ -16,13 +15,13 @@ import subprocess
 import sys
 
 STATUSES = {0, 1, 2, 124, 126, 127, 255}
-# The rest of the line is a program's, once its name is there.
+# The words after the first argument belong to the program.
 TAKE_THE_REST = ("exec", "sh")
 
 
 @dataclasses.dataclass(frozen=True)
 class Option:
-    command: str  # empty for one that all commands know
+    command: str  # empty for a general option
     names: tuple
     has_value: bool
 
@@ -31,7 +30,7 @@ class Option:
 
 
 class Tables:
-    """The commands and options, read from the script for fish: it has each on a line."""
+    """The commands and options, read from the script for fish, which has one on each line."""
 
     def __init__(self, binary):
         script = subprocess.run([binary, "completion", "fish"], check=True, text=True,
@@ -39,7 +38,7 @@ class Tables:
         self.commands = []
         self.options = []
         for line in script.splitlines():
-            # Within quotes fish writes a quote as \'.
+            # Inside quotes, fish escapes a quote as \'.
             words = shlex.split(line.replace("\\'", "'\\''"), comments=True)
             if words[:3] == ["set", "-g", "__runelctl_commands"]:
                 self.commands = words[3:]
@@ -54,13 +53,13 @@ class Tables:
             self.options.append(Option(condition[1], tuple(names), "-x" in words or "-r" in words))
 
     def find(self, command, name):
-        """The option that @p name means for @p command."""
+        """The option @p name of @p command, or the general option @p name."""
         known = {(option.command, one): option for option in self.options for one in option.names}
         return known.get((command, name)) or known.get(("", name))
 
 
 def tried(tables, words):
-    """The command of a run and its options."""
+    """The command and the options of a run."""
     command, options = "", []
     left = list(words)
     while left:
@@ -78,7 +77,7 @@ def tried(tables, words):
             command = word
         elif command in TAKE_THE_REST:
             break
-    # An option before the command may be one of all commands or the command's own.
+    # An option before the command may be a general option or one of the command.
     return command, options
 
 
@@ -96,15 +95,15 @@ def main(binary, records):
                 options.update(given)
                 if not any("--help" in option.names for option in given):
                     commands.add(command)
-    wrong = [f"{path} is not there: run that test first" for path in missing]
+    wrong = [f"{path} is missing: run that test first" for path in missing]
     wrong += [f"no test runs {name}" for name in tables.commands if name not in commands]
     wrong += [f"no test uses {option}" for option in tables.options if option not in options]
-    wrong += [f"no test meets exit status {status}" for status in sorted(STATUSES - statuses)]
+    wrong += [f"no test covers exit status {status}" for status in sorted(STATUSES - statuses)]
     if not any(status and 128 < status < 255 for status in statuses):
-        wrong.append("no test meets the exit status of a signal")
+        wrong.append("no test covers the exit status of a signal")
     print("\n".join(wrong))
     print(f"{len(tables.commands)} commands, {len(tables.options)} options, "
-          f"{len(wrong)} left out")
+          f"{len(wrong)} missing")
     return 1 if wrong or len(tables.commands) < 40 or len(tables.options) < 40 else 0
 
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The completion scripts, each in its own shell."""
+"""The completion scripts, each tested in its shell."""
 import os
 import pty
 import re
@@ -25,8 +25,8 @@ class CompletionCase(MasterCase):
         self.file("files/some-file")
 
     def shell_environment(self):
-        folder = os.path.dirname(BINARY)
-        return self.environment({"PATH": folder + ":" + os.environ["PATH"], "TERM": "dumb",
+        directory = os.path.dirname(BINARY)
+        return self.environment({"PATH": directory + ":" + os.environ["PATH"], "TERM": "dumb",
                                  "PS1": "> "})
 
     def run_shell(self, *words):
@@ -36,7 +36,7 @@ class CompletionCase(MasterCase):
         return result.stdout.decode().splitlines()
 
     def commands(self):
-        """The names of all commands, by the help."""
+        """The names of all commands, from the help."""
         text = self.succeed("--help").text
         text = text[text.index("\nCommands:"):]
         return set(re.findall(r"(?m)^  ([a-z0-9]+) ", text))
@@ -54,36 +54,36 @@ class Bash(CompletionCase):
 COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPLY[@]}" """
 
     def complete(self, *words):
-        """What is offered for the last of @p words, as bash cuts a line."""
+        """The candidates for the last of @p words, split like a line in bash."""
         return set(self.run_shell("bash", "-c", self.TRY, "bash", self.script, "runelctl", *words))
 
-    def test_commands_are_those_of_the_help(self):
+    def test_commands_match_the_help(self):
         self.assertEqual(self.complete(""), self.commands())
         self.assertEqual(self.complete("-q", "pin"), {"ping"})
 
-    def test_options_are_general_and_the_commands_own(self):
+    def test_general_and_command_options_are_offered(self):
         self.assertEqual(self.complete("--dev"), {"--device", "--devices"})
         self.assertEqual(self.complete("ls", "--dev"), {"--device", "--devices"})
         self.assertIn("-l", self.complete("ls", "-"))
         self.assertNotIn("-l", self.complete("cat", "-"))
         self.assertEqual(self.complete("reboot", "--down"), {"--down-timeout"})
 
-    def test_values_are_what_the_option_takes(self):
+    def test_option_values_are_offered(self):
         self.assertEqual(self.complete("--color", ""), {"auto", "always", "never"})
         self.assertEqual(self.complete("ls", "--color", "n"), {"never"})
         self.assertEqual(self.complete("--devices", "some"), {"some-file"})
         self.assertEqual(self.complete("master", "--xml-log", ""), {"some-file"})
         self.assertEqual(self.complete("--jobs", ""), {""})
 
-    def test_arguments_are_what_the_command_takes(self):
+    def test_arguments_are_offered(self):
         self.assertEqual(self.complete("completion", ""), {"bash", "zsh", "fish"})
         self.assertEqual(self.complete("cat", ""), {""})
 
-    def test_a_value_is_not_taken_for_the_command(self):
+    def test_an_option_value_is_not_the_command(self):
         self.assertEqual(self.complete("-d", "ls", "pin"), {"ping"})
         self.assertEqual(self.complete("-d", "@", "ls", "pin"), {"ping"})
 
-    def test_devices_are_those_at_the_master(self):
+    def test_devices_of_the_master_are_offered(self):
         self.assertEqual(self.complete("-d", ""), {""})
         self.serve_two()
         self.assertEqual(self.complete("-d", ""), {"@north", "@south"})
@@ -99,11 +99,11 @@ class Fish(CompletionCase):
                                f'source {self.script}; complete -C "runelctl {line}"')
         return {offered.split("\t")[0] for offered in lines}
 
-    def test_commands_are_those_of_the_help(self):
+    def test_commands_match_the_help(self):
         self.assertEqual(self.complete(""), self.commands())
         self.assertEqual(self.complete("-q pin"), {"ping"})
 
-    def test_options_are_general_and_the_commands_own(self):
+    def test_general_and_command_options_are_offered(self):
         self.assertEqual(self.complete("ls --dev"), {"--device", "--devices"})
         self.assertIn("-l", self.complete("ls -"))
         self.assertNotIn("-l", self.complete("cat -"))
@@ -115,14 +115,14 @@ class Fish(CompletionCase):
         self.assertEqual(self.complete("completion "), {"bash", "zsh", "fish"})
         self.assertEqual(self.complete("cat "), set())
 
-    def test_devices_are_those_at_the_master(self):
+    def test_devices_of_the_master_are_offered(self):
         self.serve_two()
         self.assertEqual(self.complete("-d "), {"@north", "@south"})
         self.assertEqual(self.complete("ls --device @no"), {"@north"})
 
 
 class Zsh(CompletionCase):
-    """zsh completes in its line editor only, so it gets a terminal."""
+    """zsh completes only in its line editor, so it needs a terminal."""
     SHELL = "zsh"
 
     def setUp(self):
@@ -154,7 +154,7 @@ class Zsh(CompletionCase):
         wait_until(seen, f"{text} is shown, not only {self.shown[-300:]!r}")
 
     def completes(self, typed, to):
-        """What is typed becomes @p to by a tab; the line is then thrown away."""
+        """A tab completes @p typed to @p to. The line is then discarded."""
         self.shown = b""
         self.type(typed + "\t")
         self.wait_shown(to.encode())
@@ -170,13 +170,13 @@ class Zsh(CompletionCase):
         self.completes("runelctl --devices so", "runelctl --devices some-file ")
         self.completes("runelctl completion fi", "runelctl completion fish ")
 
-    def test_devices_are_those_at_the_master(self):
+    def test_devices_of_the_master_are_offered(self):
         self.serve_two()
         self.completes("runelctl -d @no", "runelctl -d @north ")
 
 
 class Installed(MasterCase):
-    """What `cmake --install` puts where each shell looks by itself."""
+    """The files that `cmake --install` places in the search directories of the shells."""
 
     PLACES = {"bash": "bash-completion/completions/runelctl", "zsh": "zsh/site-functions/_runelctl",
               "fish": "fish/vendor_completions.d/runelctl.fish"}
@@ -185,7 +185,7 @@ class Installed(MasterCase):
         super().setUp()
         build = os.path.dirname(os.path.dirname(BINARY))
         prefix = self.path("prefix")
-        # Within DESTDIR not even a folder with an absolute name leads out of the test's own.
+        # DESTDIR keeps absolute paths inside the test's directory.
         subprocess.run(["cmake", "--install", build, "--prefix", prefix], check=True,
                        stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": self.path("root")})
         self.root = self.path("root") + prefix
@@ -199,34 +199,34 @@ class Installed(MasterCase):
         self.assertEqual((result.returncode, result.stderr), (0, b""), words)
         return result.stdout.decode()
 
-    def test_the_scripts_are_those_of_the_program_beside_them(self):
+    def test_installed_scripts_match_the_program(self):
         for shell, place in self.PLACES.items():
             with open(os.path.join(self.share, place), "rb") as file:
                 self.assertEqual(file.read(), self.succeed("completion", shell).out, shell)
         for path in ("bin/runelctl", "sbin/runeld", "share/man/man1/runelctl.1"):
             self.assertTrue(os.path.exists(os.path.join(self.root, path)), path)
 
-    def test_fish_finds_its_own(self):
+    def test_fish_finds_its_script(self):
         shown = self.run_shell("fish", "--no-config", "-c",
                                f"set fish_complete_path {self.share}/fish/vendor_completions.d; "
                                "complete -C 'runelctl pin'")
         self.assertEqual(shown.split("\t")[0], "ping")
 
-    def test_zsh_finds_its_own(self):
+    def test_zsh_finds_its_script(self):
         shown = self.run_shell("zsh", "-f", "-c",
                                f"fpath=({self.share}/zsh/site-functions $fpath); "
                                "autoload -U compinit; compinit -u -D; print -r $_comps[runelctl]; "
                                "whence -w _runelctl")
         self.assertEqual(shown, "_runelctl\n_runelctl: function\n")
 
-    def test_bash_finds_its_own(self):
+    def test_bash_finds_its_script(self):
         shown = self.run_shell("bash", "-c", f"source {self.share}/{self.PLACES['bash']}; "
                                              "complete -p runelctl")
         self.assertEqual(shown, "complete -F _runelctl runelctl\n")
 
 
 class Script(MasterCase):
-    def test_there_is_none_for_another_shell(self):
+    def test_another_shell_is_a_usage_error(self):
         for words in (("completion",), ("completion", "csh")):
             result = self.ctl(*words)
             self.assertEqual((result.status, result.out, len(result.errors)), (2, b"", 1), words)

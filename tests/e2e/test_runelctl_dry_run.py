@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""--dry-run: for every command devices and frames are shown, and nothing is sent."""
+"""--dry-run: every command prints devices and frames and sends nothing."""
 import os
 import threading
 import unittest
@@ -11,7 +11,7 @@ from support.wire import record
 
 
 class DryRun(CtlCase):
-    """The device that is named would answer: nobody may as much as connect to it."""
+    """The device would answer, but no run may connect to it."""
 
     def setUp(self):
         super().setUp()
@@ -24,7 +24,7 @@ class DryRun(CtlCase):
             connected.sendall(reply())
 
     def shown(self, *words, **options):
-        """The payloads that @p words would send, and what is said to depend on answers."""
+        """The payloads that @p words would send, and the description of the dependent requests."""
         objects = self.succeed("-d", self.where, "--json", "-n", *words, **options).objects
         self.assertFalse(self.met.is_set(), words)
         frames = [one["payload"] for one in objects if one.get("entry") == "frame"]
@@ -39,11 +39,11 @@ class DryRun(CtlCase):
         return frames, "".join(later)
 
     def expect(self, words, *requests, later="", **options):
-        """Exactly @p requests are shown, each a task with its arguments."""
+        """The output has exactly @p requests, each a task with its arguments."""
         expected = [record(list(request)).decode() for request in requests]
         self.assertEqual(self.shown(*words, **options), (expected, later))
 
-    def test_every_task_is_shown_as_it_would_go(self):
+    def test_every_task_prints_its_frame(self):
         for words in (("access", "/a", "4"), ("append", "/a", "x"), ("blinkleds", "slow"),
                       ("changeleds", "1", "0"), ("chmodx", "/a"), ("devicetype",),
                       ("fileexists", "/a"), ("freeblocks", "/"), ("hostid",), ("kill",),
@@ -54,7 +54,7 @@ class DryRun(CtlCase):
             self.expect(words, words)
         self.expect(("write", "/a", "-"), ("write", "/a", "typed"), feed=b"typed")
 
-    def test_every_path_is_shown(self):
+    def test_every_path_is_printed(self):
         for command, task in (("cat", "read"), ("tree", "walktree"), ("rm", "unlink"),
                               ("stat", "stat"), ("lstat", "lstat")):
             self.expect((command, "/a", "/b"), (task, "/a"), (task, "/b"))
@@ -63,7 +63,7 @@ class DryRun(CtlCase):
         self.expect(("rm", "-r", "/a", "/b"), ("exec", "rm", "-r", "--", "/a"),
                     ("exec", "rm", "-r", "--", "/b"))
 
-    def test_programs_are_shown_with_their_arguments(self):
+    def test_programs_are_printed_with_their_arguments(self):
         frames, later = self.shown("exec", "--timeout", "7", "--", "uname", "-r")
         self.assertEqual((frames, later),
                          (["SlaveTask 3 4:exec 5:uname 2:-r 7 0: 0 0 0 0 0"], ""))
@@ -72,7 +72,7 @@ class DryRun(CtlCase):
         self.expect(("sh", "echo $1"), ("exec", "/bin/sh", "-c", "echo $1"))
         self.expect(("ps", "init"), ("processrunning", "init"))
 
-    def test_the_device_as_a_whole(self):
+    def test_device_commands(self):
         frames, later = self.shown("info")
         self.assertEqual((len(frames), later), (7, ""))
         self.expect(("ping", "-c", "1"), ("fileexists", "/"))
@@ -85,7 +85,7 @@ class DryRun(CtlCase):
                       self.succeed("-d", self.where, "-n", "raw", payload).text)
         self.assertFalse(self.met.is_set())
 
-    def test_what_depends_on_answers_is_said_in_words(self):
+    def test_dependent_requests_are_described(self):
         self.expect(("mv", "/a", "/b"), ("stat", "/b"),
                     later="rename /a to /b, or into it if it is a directory")
         self.expect(("ls", "/a"), ("readdir", "/a"),
@@ -98,7 +98,7 @@ class DryRun(CtlCase):
             self.expect((command, "--wait"), ("read", path), (command,),
                         later=f"read {path} repeatedly, until it shows a new {name}")
 
-    def test_transfers_say_what_would_go(self):
+    def test_transfers_describe_their_content(self):
         os.makedirs(self.path("tree/sub"))
         self.file("tree/a", b"x" * 1024)
         self.file("tree/sub/b", b"y" * 1024)
@@ -118,14 +118,14 @@ class DryRun(CtlCase):
         self.assertIn("walktree", self.shown("pull", "-r", "/a", self.path("new"))[1])
         self.assertFalse(os.path.exists(self.path("new")))
 
-    def test_a_long_frame_is_cut_for_people_alone(self):
+    def test_a_long_frame_is_truncated_only_in_text_output(self):
         data = "x" * 5000
         text = self.succeed("-d", self.where, "-n", "write", "/a", data).text
         self.assertLess(len(text), 600)
         self.assertRegex(text, r"xxx\.\.\. \(50\d\d bytes\)\n$")
         self.assertIn(data, self.shown("write", "/a", data)[0][0])
 
-    def test_many_devices_are_named_and_equal_frames_grouped(self):
+    def test_devices_are_named_and_identical_frames_grouped(self):
         port = self.where.split(":")[1]
         both = f"127.0.0.1:{port},127.0.0.2:{port}"
         result = self.ctl("-n", "-d", both, "reboot")
@@ -135,13 +135,13 @@ class DryRun(CtlCase):
             ["runelctl: dry run: nothing was sent to 2 devices"]))
         self.assertFalse(self.met.is_set())
 
-    def test_the_list_of_what_failed_stays_as_it_is(self):
+    def test_the_file_of_retry_failed_is_not_changed(self):
         listing = (self.where + "\n").encode()
         path = self.file("failed", listing)
         self.succeed("-n", "--retry-failed", path, "-d", self.where, "hostid")
         self.assertEqual(self.content("failed"), listing)
 
-    def test_in_the_shell_the_next_line_is_sent_again(self):
+    def test_in_the_shell_it_applies_to_one_line(self):
         result = self.ctl("-d", self.where, "shell", feed=b"-n fileexists /a\n")
         self.assertIn("<- SlaveTask 2 10:fileexists 2:/a", result.text)
         self.assertFalse(self.met.is_set())
@@ -149,14 +149,14 @@ class DryRun(CtlCase):
         self.assertEqual((result.status, result.text.count("<-")), (0, 1))
         self.assertTrue(self.met.is_set())
 
-    def test_a_whole_shell_may_be_dry(self):
+    def test_it_applies_to_all_lines_of_a_shell(self):
         result = self.ctl("-d", self.where, "-n", "shell", feed=b"cd /var\npwd\nls\n")
         self.assertEqual((result.status, result.err), (0, b""))
         self.assertIn("/var\n", result.text)
         self.assertIn("<- SlaveTask 2 7:readdir 4:/var", result.text)
         self.assertFalse(self.met.is_set())
 
-    def test_master_and_agent_know_none(self):
+    def test_master_and_agent_do_not_support_it(self):
         for words in (("master",), ("agent",)):
             result = self.ctl("-n", *words)
             self.assertEqual((result.status, len(result.errors)), (2, 1), words)
@@ -164,7 +164,7 @@ class DryRun(CtlCase):
 
 
 class BehindAMaster(MasterCase):
-    def test_nothing_is_asked_for_through_the_master(self):
+    def test_nothing_is_sent_through_the_master(self):
         self.start_master()
         device = FakeDevice(self)
         self.wait_told("connected")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Devices that answer badly, late or never, peers that are none, and devices that go and come."""
+"""Malformed, late and missing answers, peers that are not runeld, and devices that restart."""
 import os
 import re
 import select
@@ -19,7 +19,7 @@ STAT = (b"dev=1 ino=1 mode=%s nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=4096 blo
 
 class Faults(CtlCase):
     def fails(self, serve, pattern, *words, status=255):
-        """A run against a peer of that kind ends with one line."""
+        """A run against this peer ends with one line of error."""
         where = self.odd_peer(serve)
         result = self.ctl("-d", where, *(words or ("hostid",)))
         self.assertEqual((result.status, len(result.errors)), (status, 1), result)
@@ -28,29 +28,29 @@ class Faults(CtlCase):
 
 
 class BadDevices(Faults):
-    def test_one_that_closes_at_once_or_in_the_middle(self):
+    def test_a_device_that_closes_before_or_inside_an_answer(self):
         whole = reply(b"x" * 100)
         for part in (b"", whole[:1], whole[:3], whole[:40], whole[:-1]):
             self.fails(say(part), "the device closed the connection")
 
-    def test_one_that_closes_in_the_middle_of_several_answers(self):
+    def test_a_device_that_closes_between_answers(self):
         names = b"StringVec 2\n1:a\n1:b\n"
         self.fails(say(reply(names), reply(STAT % b"0100644")[:30]),
                    "the device closed the connection|Connection reset by peer", "ls", "-l", "/")
 
-    def test_garbage_in_place_of_a_record(self):
+    def test_a_malformed_record(self):
         for payload in (b"", b"hello", b"SlaveTask", b"SlaveTask 0 0 0: 0 0 0 0",
                         b"SlaveTask 0 0 5:abc 0 0 0 0 0"):
             self.fails(answer_each(b"\x01%d\x02%s" % (len(payload), payload)),
                        "malformed answer: not a task record")
 
-    def test_garbage_in_place_of_a_frame(self):
+    def test_a_malformed_frame(self):
         for stream in (b"\x01x", b"\x01\x02", b"\x01999999999\x02", b"\x0101\x02"):
             self.fails(answer_each(stream), "bad frame: .*count.*")
         self.fails(answer_each(reply() + b"\xff"), "bad frame: byte 0xff where a frame must begin",
                    "ping", "-c", "2", "-i", "0.2")
 
-    def test_too_long_an_answer_is_not_gathered(self):
+    def test_an_answer_that_exceeds_the_size_limit(self):
         def flood(connected):
             connected.recv(65536)
             connected.sendall(b"\x01200000000\x02SlaveTask 0 0 199999000:")
@@ -60,36 +60,36 @@ class BadDevices(Faults):
         self.fails(flood, "answer exceeds the size limit")
         self.fails(answer_each(reply(b"x" * 70000)), "answer exceeds the size limit")
 
-    def test_an_answer_that_nobody_asked_for(self):
+    def test_an_answer_without_a_request(self):
         for pause in ("0", "0.2"):
             self.fails(answer_each(reply() + reply()), "answer without a request",
                        "ping", "-c", "2", "-i", pause)
         self.fails(answer_each(reply(STAT % b"0040755") * 2), "answer without a request",
                    "mv", "/a", "/b")
 
-    def test_an_answer_to_another_request(self):
+    def test_an_answer_in_another_format(self):
         text = r"malformed answer \(check that the versions of runeld and runelctl match\)"
         for words in (("stat", "/"), ("ls", "/"), ("tree", "/")):
             self.fails(answer_each(reply(b"something else")), text, *words)
 
-    def test_one_that_never_answers(self):
+    def test_a_device_that_never_answers(self):
         self.fails(hang, r"no answer for 0\.4 s \(the device may be busy.*",
                    "--timeout", "0.4", "hostid")
 
-    def test_a_slow_answer_that_goes_on_is_waited_for(self):
+    def test_a_slow_answer_does_not_time_out(self):
         whole = reply(b"x" * 40)
 
         def trickle(connected):
             connected.recv(65536)
             for place in range(len(whole)):
                 connected.sendall(whole[place:place + 1])
-                time.sleep(0.02)  # far below the limit each, far above it together
+                time.sleep(0.02)  # each far below the timeout, in total far above it
 
         result = self.succeed("-d", self.odd_peer(trickle), "--timeout", "0.6", "read", "/x")
         self.assertEqual(result.out, b"x" * 40)
 
-    def test_one_that_cannot_be_reached_in_time(self):
-        # Nobody takes the connection: the queue of this listener is full.
+    def test_a_connect_timeout(self):
+        # The connection is not accepted: the backlog of this listener is full.
         with socket.socket() as listener:
             listener.bind(("127.0.0.1", 0))
             listener.listen(0)
@@ -100,7 +100,7 @@ class BadDevices(Faults):
             self.assertRegex(result.errors[0], "connect timeout|no answer for")
             self.assertEqual(len(fill), 3)
 
-    def test_the_hex_of_both_frames_survives_any_answer(self):
+    def test_raw_dumps_any_answer_safely(self):
         where = self.odd_peer(answer_each(reply(b"\x1b[31m\xff")))
         status, shown = self.on_terminal("-d", where, "raw", "SlaveTask 1 6:hostid 0 0: 0 0 0 0 0")
         self.assertEqual(status, 0)
@@ -109,7 +109,7 @@ class BadDevices(Faults):
 
 
 class CutAnywhere(Faults):
-    """The connection ends behind so many bytes of the answers, within a frame or between two."""
+    """The connection is lost after a number of bytes of the answers."""
 
     PLACES = (0, 1, 3, 30, 45, 100, 300, 1000, 3000)
     if is_instrumented():
@@ -133,7 +133,7 @@ class CutAnywhere(Faults):
         return self.odd_peer(serve)
 
     def commands(self):
-        """Each with files of its own that are as they were before."""
+        """Each command, with its files in their initial state."""
         for name in ("there", "here"):
             os.makedirs(self.path(name + "/sub"), exist_ok=True)
             for number in range(12):
@@ -153,23 +153,23 @@ class CutAnywhere(Faults):
                     ("mv", there + "/f2", there + "/f3"), ("rm", "-r", there + "/sub"))
 
     def names(self):
-        """All that is there, which must be files that are whole: the old ones or the new ones."""
+        """The paths of all files, each of which must have its complete old or new content."""
         found = set()
         for top in ("there", "here"):
-            for folder, _, files in os.walk(self.path(top)):
-                found |= {os.path.join(folder, name) for name in files}
+            for directory, _, files in os.walk(self.path(top)):
+                found |= {os.path.join(directory, name) for name in files}
         for path in found:
             if ".runelctl-" not in path:
                 with open(path, "rb") as file:
                     self.assertIn(file.read(), (b"there", b"here"), path)
         return found
 
-    def test_every_command_ends_with_one_line_and_nothing_half_done(self):
+    def test_every_command_ends_with_one_line_and_complete_files(self):
         self.daemon()
         met, whole = {0: 0, 255: 0}, set()
         for place in self.PLACES:
             for number, words in enumerate(self.commands()):
-                if number in whole:  # its answers end before this place, too
+                if number in whole:  # its answers are shorter than this place
                     continue
                 result = self.ctl("-d", self.cut_behind(place), *words)
                 told = (words, place, result)
@@ -188,7 +188,7 @@ class CutAnywhere(Faults):
 
 
 class NoDevices(Faults):
-    def test_other_servers_are_known_by_how_they_begin(self):
+    def test_other_servers_are_recognized_by_their_first_bytes(self):
         hint = r" \(check the port: devices listen on 5111\)"
         for greeting, guess in ((b"SSH-2.0-x\r\n", "an SSH server"),
                                 (b"HTTP/1.1 400 Bad Request\r\n\r\n", "a web server"),
@@ -211,7 +211,7 @@ class Escapes(Faults):
     BAD = b"\x1b]0;evil\x07\n\xff\xe2\x80\xae"
     SHOWN = "\\x1b]0;evil\\x07\\n\\xff\\xe2\\x80\\xae"
 
-    def test_a_refusal_is_escaped(self):
+    def test_the_text_of_a_refused_task_is_escaped(self):
         self.fails(answer_each(reply(self.BAD, (4, 0, 1, 71, 0))),
                    "hostid: the device refused the task: " + re.escape(self.SHOWN), status=1)
 
@@ -235,7 +235,7 @@ class Escapes(Faults):
 
 
 class Output(CtlCase):
-    def test_a_full_disk_behind_standard_output_is_told(self):
+    def test_a_write_error_on_standard_output_is_reported(self):
         self.daemon()
         with open("/dev/full", "wb") as full:
             process = self.start("hostid", stdout=full)
@@ -245,8 +245,9 @@ class Output(CtlCase):
 
 class GoingAndComing(CtlCase):
     def boots(self, identities, answers_reboot=True):
-        """A device whose file reads as the next of @p identities after each reboot; None: it closes
-        instead of answering, once."""
+        """A device whose identity file has the next of @p identities at each read after a reboot.
+
+        For None it closes the connection once."""
         state = {"reboots": 0, "asked": 0}
         left = list(identities)
 
@@ -265,7 +266,7 @@ class GoingAndComing(CtlCase):
 
         return self.odd_peer(serve), state
 
-    def test_a_reboot_is_proven_by_another_boot_id(self):
+    def test_a_reboot_is_verified_by_a_new_boot_id(self):
         where, state = self.boots([b"one\n", None, None, b"two\n"])
         result = self.succeed("-d", where, "reboot", "--wait")
         self.assertRegex(result.text, r"^reboot done: down after [\d.]+ s, back after [\d.]+ s "
@@ -275,31 +276,31 @@ class GoingAndComing(CtlCase):
         last = self.succeed("-d", where, "--json", "reboot", "--wait").objects[-1]
         self.assertGreaterEqual(last["back_s"], last["down_s"])
 
-    def test_without_waiting_the_answer_is_enough(self):
+    def test_without_wait_the_answer_is_sufficient(self):
         where, state = self.boots([b"one\n"])
         self.assertEqual(self.succeed("-d", where, "reboot").out, b"")
         self.assertEqual(state["reboots"], 1)
 
-    def test_one_that_does_not_go_down_in_time(self):
+    def test_a_device_that_does_not_go_down_in_time(self):
         for command in ("reboot", "restart"):
             where, _ = self.boots([b"one\n"])
             result = self.ctl("-d", where, command, "--wait", "--down-timeout", "0.5")
             self.assertEqual(result.status, 255)
             self.assertIn(f"{command}: did not go down within 0.5 s", result.errors[0])
 
-    def test_one_that_does_not_come_back_in_time(self):
+    def test_a_device_that_does_not_come_back_in_time(self):
         where, _ = self.boots([b"one\n", None])
         result = self.ctl("-d", where, "reboot", "--wait", "--up-timeout", "0.5")
         self.assertEqual(result.status, 255)
         self.assertIn("reboot: did not come back within 0.5 s", result.errors[0])
 
-    def test_one_that_comes_back_without_a_reboot(self):
+    def test_a_device_that_comes_back_without_a_reboot(self):
         where, _ = self.boots([b"one\n", None, b"one\n"])
         result = self.ctl("-d", where, "reboot", "--wait", "--up-timeout", "0.5")
         self.assertIn("the device answers, but there is no new boot_id within 0.5 s",
                       result.errors[0])
 
-    def test_a_restart_is_proven_by_another_process(self):
+    def test_a_restart_is_verified_by_a_new_process(self):
         first = self.daemon()
         again = []
 
@@ -315,7 +316,7 @@ class GoingAndComing(CtlCase):
         self.assertRegex(result.text, r"^restart done: .*\(new process\)\n$")
         self.assertNotEqual(first.pid, again[0].pid)
 
-    def test_a_restart_that_nobody_answers_to(self):
+    def test_a_daemon_that_is_not_started_again(self):
         self.daemon()
         result = self.ctl("restart", "--wait", "--up-timeout", "0.5")
         self.assertEqual(result.status, 255)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Files and trees to a device and from it, whole or not at all."""
+"""Files and directory trees to and from a device, replaced completely or not at all."""
 import functools
 import os
 import random
@@ -22,7 +22,7 @@ def noise(size, seed=1):
 
 
 def no_client_left():
-    """True when the daemon holds no connection of a client's any more."""
+    """True when the daemon has no client connection."""
     with open("/proc/net/tcp", encoding="ascii") as lines:
         served = [line.split() for line in lines if line.split()[1].endswith(":%04X" % 5111)]
     return all(words[3] not in ("01", "08") for words in served)
@@ -47,7 +47,7 @@ class Transfers(CtlCase):
         return path
 
     def tree(self, name, files=20):
-        """Files, folders, links and odd names with modes and times of their own."""
+        """A tree of files, directories, links and unusual names with different modes and times."""
         root = self.path(name)
         os.makedirs(os.path.join(root, "empty"))
         os.makedirs(os.path.join(root, "deep/er"))
@@ -60,14 +60,14 @@ class Transfers(CtlCase):
         for odd in ODD_NAMES:
             with open(os.path.join(root.encode(), b"deep", odd), "wb") as file:
                 file.write(odd)
-        for folder, _, _ in os.walk(root, topdown=False):
-            os.chmod(folder, 0o750)
-            os.utime(folder, ns=(WHEN, WHEN))
+        for directory, _, _ in os.walk(root, topdown=False):
+            os.chmod(directory, 0o750)
+            os.utime(directory, ns=(WHEN, WHEN))
         return root
 
-    def leftovers(self, folder=None):
-        return [name for _, folders, files in os.walk(folder or self.there)
-                for name in [*folders, *files] if name.startswith(".run")]
+    def leftovers(self, directory=None):
+        return [name for _, directories, files in os.walk(directory or self.there)
+                for name in [*directories, *files] if name.startswith(".run")]
 
     def fails(self, words, status, *patterns, **options):
         result = self.ctl(*words, **options)
@@ -79,21 +79,21 @@ class Transfers(CtlCase):
 
 
 class Push(Transfers):
-    def test_a_file_arrives_with_mode_and_time(self):
+    def test_a_file_is_copied_with_mode_and_time(self):
         self.serve()
         self.assertEqual(self.succeed("push", self.dated("a", b"x\x00"), self.on_device("b")).out, b"")
         st = os.stat(self.on_device("b"))
         self.assertEqual((stat.S_IMODE(st.st_mode), st.st_mtime_ns), (0o640, WHEN))
         self.assertEqual(self.content("device/b"), b"x\x00")
 
-    def test_several_files_go_into_a_folder(self):
+    def test_several_files_are_copied_into_a_directory(self):
         self.serve()
         self.succeed("push", self.file("a", b"1"), self.file("b", b"2"), self.there)
         self.succeed("push", self.file("c", b"3"), self.on_device("new/"))
         self.assertEqual([self.content("device/" + n) for n in ("a", "b", "new/c")],
                          [b"1", b"2", b"3"])
 
-    def test_a_tree_arrives_as_it_is(self):
+    def test_a_tree_is_copied_exactly(self):
         self.serve()
         here = self.tree("here")
         self.succeed("push", "-r", "--checksum", here, self.on_device("copy"))
@@ -102,48 +102,48 @@ class Push(Transfers):
         self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
         self.assertEqual(self.leftovers(), [])
 
-    def test_a_tree_arrives_without_tar_too(self):
+    def test_a_tree_is_copied_without_tar(self):
         self.serve(environment={"PATH": only_programs(self, "mkdir", "chmod", "touch", "ln", "rm")})
         here = self.tree("here")
         self.succeed("push", "-r", here, self.on_device("copy"))
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
         self.assertEqual(self.leftovers(), [])
 
-    def folders(self, name, count=20):
-        """More folders than files, each with a mode and a time of its own."""
+    def directories(self, name, count=20):
+        """Many directories with few files, each with a different mode and time."""
         root = self.path(name)
         for number in range(count):
             os.makedirs(os.path.join(root, f"d{number}/sub"))
             self.dated(f"{name}/d{number}/sub/f", noise(number))
-        for number, (folder, _, _) in enumerate(os.walk(root, topdown=False)):
-            os.chmod(folder, 0o2700 + number)
-            os.utime(folder, ns=(WHEN, WHEN + number * 1_000_000_007))
+        for number, (directory, _, _) in enumerate(os.walk(root, topdown=False)):
+            os.chmod(directory, 0o2700 + number)
+            os.utime(directory, ns=(WHEN, WHEN + number * 1_000_000_007))
         return root
 
-    def test_many_folders_need_no_touch(self):
+    def test_many_directories_need_no_touch(self):
         self.serve(environment={"PATH": only_programs(self, "mkdir", "tar", "sync", "rm")})
-        here = self.folders("here")
+        here = self.directories("here")
         self.succeed("push", "-r", here, self.there)
         self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
         self.assertEqual(os.listdir(self.there), ["here"])
 
-    def test_many_folders_arrive_without_tar_too(self):
+    def test_many_directories_are_copied_without_tar(self):
         self.serve(environment={"PATH": only_programs(self, "mkdir", "chmod", "touch", "rm")})
-        here = self.folders("here")
+        here = self.directories("here")
         self.succeed("push", "-r", here, self.there)
         self.assertEqual(snapshot(self.on_device("here")), snapshot(here))
         self.assertEqual(os.listdir(self.there), ["here"])
 
-    def test_folders_with_long_names_keep_modes_and_times(self):
+    def test_directories_with_long_names_keep_modes_and_times(self):
         self.serve()
         name = "here/" + "long" * 20 + "/" + "name" * 20
-        here = self.folders(name)
+        here = self.directories(name)
         self.succeed("push", "-r", self.path("here"), self.there)
         self.assertEqual(snapshot(self.on_device(name)), snapshot(here))
 
-    def test_a_folder_that_is_there_keeps_its_owner_and_a_link_is_followed(self):
+    def test_an_existing_directory_keeps_its_owner_and_a_link_is_followed(self):
         self.serve()
-        here = self.folders("here")
+        here = self.directories("here")
         os.makedirs(self.on_device("here/d1"))
         os.chown(self.on_device("here/d1"), 12, 34)
         os.mkdir(self.on_device("real"))
@@ -157,10 +157,10 @@ class Push(Transfers):
         st = os.stat(self.on_device("here/d1"))
         self.assertEqual((st.st_uid, st.st_gid), (12, 34))
 
-    def test_nothing_is_left_when_only_the_first_files_fit_an_archive(self):
+    def test_nothing_remains_when_only_the_first_files_fit_an_archive(self):
         self.serve()
         os.mkdir(self.path("here"))
-        for number in range(42):  # they fill one to the last
+        for number in range(42):  # they fill one archive completely
             self.dated(f"here/f{number:02}", noise(200_000, number))
         for name in ("a", "z"):
             self.dated(f"here/{name}", noise(300_000))
@@ -168,22 +168,22 @@ class Push(Transfers):
         self.assertEqual(snapshot(self.on_device("here")), snapshot(self.path("here")))
         self.assertEqual(self.leftovers(), [])
 
-    def test_a_folder_needs_r(self):
+    def test_a_directory_requires_r(self):
         self.serve()
         self.fails(("push", self.there, "/tmp/x"), 1,
                    r"device: Is a directory \(use -r for directories\)")
 
-    def test_what_is_missing_here_is_told(self):
+    def test_a_missing_local_file_is_reported(self):
         self.fails(("push", self.path("none"), "/x"), 1, "none: No such file or directory")
         self.fails(("push", self.file("a")), 2, "push: expected LOCAL... REMOTE")
 
-    def test_what_is_neither_file_nor_folder_is_left_out(self):
+    def test_special_files_are_skipped(self):
         self.serve()
         os.mkfifo(self.path("device/fifo"))
         self.fails(("push", "-r", self.there, self.path("copy")), 0, "fifo: skipped, not a file")
         self.assertEqual(os.listdir(self.path("copy")), [])
 
-    def test_a_large_file_goes_in_pieces(self):
+    def test_a_large_file_is_sent_in_pieces(self):
         self.serve()
         content = noise(20 * MIB)
         result = self.succeed("--json", "push", "--checksum", self.dated("big", content, 0o4755),
@@ -194,7 +194,7 @@ class Push(Transfers):
         self.assertEqual(self.content("device/big"), content)
         self.assertEqual(self.leftovers(), [])
 
-    def test_a_broken_transfer_goes_on_where_it_stopped(self):
+    def test_an_interrupted_transfer_is_resumed(self):
         self.serve()
         content = noise(20 * MIB)
         big = self.file("big", content)
@@ -203,7 +203,7 @@ class Push(Transfers):
         self.fails(("-d", between.where, "push", big, self.on_device("big")), 255,
                    "the device closed the connection|reset by peer|Broken pipe")
         self.assertEqual(self.content("device/big"), b"old")
-        wait_until(no_client_left, "the daemon has read all that came")
+        wait_until(no_client_left, "the daemon has read all data")
         self.assertEqual(len(self.leftovers()), 1)
         result = self.succeed("--json", "push", big, self.on_device("big"))
         self.assertEqual(result.objects[-1]["resumed_at"] + result.objects[-1]["bytes"], 20 * MIB)
@@ -211,7 +211,7 @@ class Push(Transfers):
         self.assertEqual(self.content("device/big"), content)
         self.assertEqual(self.leftovers(), [])
 
-    def test_a_part_that_grows_meanwhile_is_sent_anew(self):
+    def test_a_partial_file_that_grows_meanwhile_is_sent_again(self):
         self.serve()
         content = noise(20 * MIB)
 
@@ -226,7 +226,7 @@ class Push(Transfers):
         self.assertEqual(result.objects[-1]["files"], 1)
         self.assertEqual((self.content("device/big"), self.leftovers()), (content, []))
 
-    def test_what_is_left_of_another_file_is_not_taken_up(self):
+    def test_a_partial_file_of_another_file_is_not_resumed(self):
         self.serve()
         for again in ("--resume", "--no-resume"):
             between = Between(self, 12 * MIB)
@@ -239,7 +239,7 @@ class Push(Transfers):
             self.assertNotIn("resumed_at", result.objects[-1])
             self.assertEqual(self.content("device/big"), other)
 
-    def test_without_resuming_nothing_is_left(self):
+    def test_without_resuming_nothing_remains(self):
         self.serve()
         between = Between(self, 12 * MIB)
         self.fails(("-d", between.where, "push", "--no-resume", self.file("big", noise(20 * MIB)),
@@ -255,7 +255,7 @@ class Push(Transfers):
                        r"a: No space left on device \(the device's file system is full")
             self.assertEqual((self.content("small/a"), os.listdir(disk)), (b"old", ["a"]))
 
-    def test_a_tree_that_does_not_fit_arrives_as_far_as_it_does(self):
+    def test_a_tree_that_does_not_fit_is_copied_as_far_as_possible(self):
         self.serve()
         disk = small_disk(self, "small", 2 * MIB)
         for number in range(30):
@@ -268,7 +268,7 @@ class Push(Transfers):
         for name in arrived:
             self.assertEqual(self.content(f"small/copy/{name}"), self.content(f"device/{name}"))
 
-    def test_a_file_that_changes_meanwhile_does_not_arrive(self):
+    def test_a_file_that_changes_meanwhile_is_not_copied(self):
         self.serve()
         for size, change in ((20 * MIB, lambda path: os.truncate(path, MIB)),
                              (20 * MIB, lambda path: os.utime(path, ns=(WHEN, WHEN)))):
@@ -279,7 +279,7 @@ class Push(Transfers):
                        "big: changed during the transfer")
             self.assertEqual((self.content("device/big"), self.leftovers()), (b"old", []))
 
-    def test_a_missing_program_is_told_in_one_line(self):
+    def test_a_missing_program_is_reported_in_one_line(self):
         self.serve(environment={"PATH": only_programs(self, "mkdir", "ln", "rm")})
         self.fails(("push", self.dated("a", b"x"), self.on_device("a")), 1,
                    "modes not preserved: chmod: No such file",
@@ -289,7 +289,7 @@ class Push(Transfers):
                    "modes not preserved", "times not preserved",
                    "checksums not verified: sha256sum: No such")
 
-    def test_a_touch_that_knows_no_fractions_keeps_the_seconds(self):
+    def test_a_touch_without_fractions_preserves_the_seconds(self):
         programs = only_programs(self, "chmod")
         self.file(os.path.basename(programs) + "/touch",
                   b"#!/bin/sh\ncase $3 in *.*) exit 1;; esac\nexec /usr/bin/touch \"$@\"\n")
@@ -300,7 +300,7 @@ class Push(Transfers):
         for name in ("a", "b"):
             self.assertEqual(os.stat(self.on_device(name)).st_mtime_ns, WHEN // 10**9 * 10**9)
 
-    def test_another_checksum_is_a_failure(self):
+    def test_a_checksum_mismatch_is_a_failure(self):
         programs = only_programs(self, "chmod", "touch")
         self.file(os.path.basename(programs) + "/sha256sum",
                   b"#!/bin/sh\necho " + b"0" * 64 + b"  x\n")
@@ -328,7 +328,7 @@ class Push(Transfers):
         self.assertTrue(os.path.islink(self.on_device("big")))
         self.assertTrue(os.path.islink(self.on_device("f3")))
 
-    def test_a_secret_file_is_never_open_to_others(self):
+    def test_a_private_file_is_never_readable_by_others(self):
         self.serve()
         self.succeed("push", self.dated("key", b"secret", 0o600), self.on_device("key"))
         self.assertEqual(stat.S_IMODE(os.stat(self.on_device("key")).st_mode), 0o600)
@@ -341,7 +341,7 @@ class Push(Transfers):
         self.assertEqual(modes, [0o600])
 
     def interrupted(self, limit, *words):
-        """Sends SIGINT when @p limit bytes have gone and no more go on."""
+        """Sends SIGINT after @p limit bytes, while the transfer is blocked."""
         met = threading.Event()
         between = Between(self, limit, lambda: (met.set(), held.wait(TIMEOUT), False)[2])
         held = threading.Event()
@@ -352,7 +352,7 @@ class Push(Transfers):
         held.set()
         return status
 
-    def test_an_interrupt_leaves_no_half_target(self):
+    def test_an_interrupt_leaves_no_incomplete_target(self):
         self.serve()
         self.file("device/big", b"old")
         big = self.file("big", noise(20 * MIB))
@@ -361,7 +361,7 @@ class Push(Transfers):
         self.succeed("push", big, self.on_device("big"))
         self.assertEqual((self.content("device/big"), self.leftovers()), (noise(20 * MIB), []))
 
-    def test_an_interrupt_takes_the_hidden_folder_away(self):
+    def test_an_interrupt_removes_the_hidden_directory(self):
         self.serve()
         for number in range(40):
             self.file(f"f{number}", noise(100_000))
@@ -369,7 +369,7 @@ class Push(Transfers):
         self.assertEqual(self.interrupted(2 * MIB, "push", *names, self.there), 130)
         self.assertEqual(os.listdir(self.there), [])
 
-    def test_a_bar_is_shown_on_a_terminal_alone(self):
+    def test_a_progress_bar_is_shown_only_on_a_terminal(self):
         self.serve()
         big = self.file("big", noise(40 * MIB))
         status, shown = self.on_terminal("push", big, self.on_device("big"))
@@ -378,7 +378,7 @@ class Push(Transfers):
         self.assertTrue(shown.endswith(b"\r\x1b[K1 file, 40.0 MiB\r\n"), shown[-80:])
         self.assertEqual(self.on_terminal("--quiet", "push", big, self.on_device("big"))[1], b"")
 
-    def test_a_narrow_terminal_gets_a_narrow_line(self):
+    def test_the_progress_bar_fits_a_narrow_terminal(self):
         self.serve()
         big = self.file("big", noise(40 * MIB))
         _, shown = self.on_terminal("push", big, self.on_device("big"), columns=20)
@@ -388,7 +388,7 @@ class Push(Transfers):
 
 
 class Sync(Transfers):
-    def test_only_what_differs_is_sent(self):
+    def test_only_differences_are_sent(self):
         self.serve()
         here = self.tree("here")
         first = self.succeed("--json", "sync", here, self.on_device("copy")).objects[-1]
@@ -403,7 +403,7 @@ class Sync(Transfers):
         self.assertEqual(again["files"], 2)
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
 
-    def test_what_is_not_here_stays_there_unless_it_is_to_go(self):
+    def test_only_delete_removes_files_that_are_missing_locally(self):
         self.serve()
         here = self.tree("here", 3)
         self.succeed("sync", here, self.on_device("copy"))
@@ -416,7 +416,7 @@ class Sync(Transfers):
         self.assertEqual(result.objects[-1]["removed"], 2)
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
 
-    def test_a_broken_one_is_taken_up_unless_told_otherwise(self):
+    def test_an_interrupted_sync_is_resumed_by_default(self):
         self.serve()
         os.mkdir(self.path("here"))
         self.file("here/big", noise(20 * MIB))
@@ -424,13 +424,13 @@ class Sync(Transfers):
             between = Between(self, 12 * MIB)
             words = ("sync", flag, self.path("here"), self.on_device("copy"))
             self.fails(("-d", between.where, *words), 255, "closed|reset|Broken|big")
-            wait_until(no_client_left, "the daemon has read all that came")
+            wait_until(no_client_left, "the daemon has read all data")
             self.assertEqual(len(self.leftovers()), int(kept))
             self.assertEqual("resumed_at" in self.succeed("--json", *words).objects[-1], kept)
             self.assertEqual(self.content("device/copy/big"), noise(20 * MIB))
             os.remove(self.on_device("copy/big"))
 
-    def test_a_link_to_the_folder_is_as_good(self):
+    def test_a_link_to_the_directory_is_followed(self):
         self.serve()
         here = self.tree("here", 3)
         os.mkdir(self.on_device("real"))
@@ -442,7 +442,7 @@ class Sync(Transfers):
 
 
 class Pull(Transfers):
-    def test_a_file_arrives_with_mode_and_time(self):
+    def test_a_file_is_copied_with_mode_and_time(self):
         self.serve()
         self.assertEqual(self.succeed("pull", self.dated("device/a", b"x\x00"), self.path("b")).out,
                          b"")
@@ -450,13 +450,13 @@ class Pull(Transfers):
         self.assertEqual((stat.S_IMODE(st.st_mode), st.st_mtime_ns), (0o640, WHEN))
         self.assertEqual(self.content("b"), b"x\x00")
 
-    def test_several_go_into_a_folder_that_is_made(self):
+    def test_several_files_are_copied_into_a_new_directory(self):
         self.serve()
         self.succeed("pull", self.file("device/a", b"1"), self.file("device/b", b"2"),
                      self.path("new"))
         self.assertEqual((self.content("new/a"), self.content("new/b")), (b"1", b"2"))
 
-    def test_a_tree_arrives_as_it_is(self):
+    def test_a_tree_is_copied_exactly(self):
         self.serve()
         there = self.tree("there")
         self.succeed("pull", "-r", "--checksum", there, self.path("copy"))
@@ -466,13 +466,13 @@ class Pull(Transfers):
         self.assertEqual(snapshot(self.path("copy2/there")), snapshot(there))
         self.assertEqual(self.leftovers(self.directory), [])
 
-    def test_what_has_no_size_is_read_to_its_end(self):
+    def test_a_file_of_size_zero_is_read_to_its_end(self):
         self.serve()
         self.succeed("pull", "/proc/version", self.path("version"))
         with open("/proc/version", "rb") as file:
             self.assertEqual(self.content("version"), file.read())
 
-    def test_what_cannot_be_fetched_is_told(self):
+    def test_sources_that_cannot_be_copied_are_reported(self):
         self.serve()
         os.mkfifo(self.on_device("fifo"))
         self.fails(("pull", self.on_device("none"), self.path("x")), 1, "none: No such file")
@@ -482,7 +482,7 @@ class Pull(Transfers):
         self.fails(("pull", "-r", self.there, self.path("y")), 0, "fifo: skipped")
         self.assertFalse(os.path.exists(self.path("x")))
 
-    def test_a_broken_transfer_goes_on_where_it_stopped(self):
+    def test_an_interrupted_transfer_is_resumed(self):
         self.serve()
         content = noise(20 * MIB)
         there = self.file("device/big", content)
@@ -497,7 +497,7 @@ class Pull(Transfers):
             self.assertEqual(self.content("big"), content)
             self.assertEqual(self.leftovers(self.directory), [])
 
-    def test_what_is_left_of_another_file_is_not_taken_up(self):
+    def test_a_partial_file_of_another_file_is_not_resumed(self):
         self.serve()
         between = Between(self, 12 * MIB, back=True)
         self.ctl("-d", between.where, "pull", self.file("device/big", noise(20 * MIB)),
@@ -508,7 +508,7 @@ class Pull(Transfers):
         self.assertNotIn("resumed_at", result.objects[-1])
         self.assertEqual(self.content("big"), other)
 
-    def test_a_full_disk_here_keeps_the_old_file_and_nothing_else(self):
+    def test_a_full_local_disk_keeps_the_old_file_and_nothing_else(self):
         self.serve()
         disk = small_disk(self, "small", 4 * MIB)
         for size in (5 * MIB, 20 * MIB):
@@ -517,7 +517,7 @@ class Pull(Transfers):
                        "a: No space left on device")
             self.assertEqual((self.content("small/a"), os.listdir(disk)), (b"old", ["a"]))
 
-    def test_a_file_that_changes_meanwhile_does_not_arrive(self):
+    def test_a_file_that_changes_meanwhile_is_not_copied(self):
         self.serve()
         for change in (lambda path: os.truncate(path, MIB),
                        lambda path: os.utime(path, ns=(WHEN, WHEN))):
@@ -528,7 +528,7 @@ class Pull(Transfers):
                        "big: changed during the transfer")
             self.assertEqual((self.content("big"), self.leftovers(self.directory)), (b"old", []))
 
-    def test_an_interrupt_leaves_no_half_target(self):
+    def test_an_interrupt_leaves_no_incomplete_target(self):
         self.serve()
         there = self.file("device/big", noise(20 * MIB))
         met, held = threading.Event(), threading.Event()
@@ -540,7 +540,7 @@ class Pull(Transfers):
         held.set()
         self.assertFalse(os.path.exists(self.path("big")))
 
-    def test_names_that_lead_elsewhere_are_left_out(self):
+    def test_names_that_lead_out_of_the_directory_are_skipped(self):
         def lie(connected):
             answers = [b"dev=1 ino=1 mode=0040755 nlink=1 uid=0 gid=0 rdev=0 size=0 blksize=4096 "
                        b"blocks=0 atime=0.000000000 mtime=0.000000000 ctime=0.000000000\n",
@@ -557,7 +557,7 @@ class Pull(Transfers):
         self.assertEqual(os.listdir(self.path("copy")), ["a"])
         self.assertFalse(os.path.exists(self.path("evil")))
 
-    def test_no_file_goes_through_a_link_that_is_there(self):
+    def test_no_file_is_written_through_an_existing_link(self):
         self.serve()
         there = self.tree("there", 3)
         os.makedirs(self.path("copy"))

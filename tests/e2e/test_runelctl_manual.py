@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The manual tells of every command, every option and every field of JSON that there is."""
+"""The manual describes every command, every option and every JSON field."""
 import json
 import os
 import re
@@ -21,7 +21,7 @@ def manual():
 
 
 def fields_of(value):
-    """The names of all fields in @p value and below."""
+    """The names of all fields in @p value, recursively."""
     if isinstance(value, list):
         for one in value:
             yield from fields_of(one)
@@ -32,7 +32,7 @@ def fields_of(value):
 
 
 class Fields(MasterCase):
-    """Of runs with --json. Each must show the fields that it is there for."""
+    """The fields of runs with --json. Each run must have its expected fields."""
 
     def setUp(self):
         super().setUp()
@@ -44,7 +44,7 @@ class Fields(MasterCase):
         self.kinds = set(re.findall(r"(?m)^\.It Cm ([a-z]+)$", section))
 
     def check(self, objects, *expected):
-        """All fields of @p objects are documented, and @p expected are among them."""
+        """All fields of @p objects are documented and include @p expected."""
         found = set(fields_of(objects))
         self.assertEqual(found - self.documented, set(), "not in the manual")
         self.assertEqual(set(expected) - found, set(), objects)
@@ -55,7 +55,7 @@ class Fields(MasterCase):
     def run_json(self, *words, **options):
         return self.ctl("--json", *words, **options).objects
 
-    def test_of_looking_at_files(self):
+    def test_file_commands(self):
         self.daemon()
         path = self.file("a", b"x")
         os.symlink(path, self.path("link"))
@@ -72,7 +72,7 @@ class Fields(MasterCase):
         modes = {one["mode"] for one in self.run_json("tree", self.directory)[:-1]}
         self.assertTrue(all(re.fullmatch("[0-7]{4}", mode) for mode in modes), modes)
 
-    def test_of_programs_and_tasks(self):
+    def test_programs_and_tasks(self):
         self.daemon()
         self.check(self.run_json("hostid"), "output")
         self.check(self.run_json("exec", "sh", "-c", "kill -9 $$"), "signal", "error")
@@ -87,7 +87,7 @@ class Fields(MasterCase):
         self.check(self.run_json("-d", "127.0.0.1,127.0.0.2", "hostid"), "summary", "failed",
                    "timed_out", "unreachable", "skipped")
 
-    def test_of_reboots(self):
+    def test_reboots(self):
         state = {"reboots": 0}
 
         def serve(connected):
@@ -99,7 +99,7 @@ class Fields(MasterCase):
 
         self.check(self.run_json("-d", self.odd_peer(serve), "reboot", "--wait"), "down_s", "back_s")
 
-    def test_of_transfers(self):
+    def test_transfers(self):
         self.daemon()
         os.makedirs(self.path("tree"))
         os.mkfifo(self.path("tree/fifo"))
@@ -115,7 +115,7 @@ class Fields(MasterCase):
         self.check(missing, "where", "error", "retry")
         self.assertEqual((missing[0]["where"], missing[0]["status"]), ("local", 1))
 
-    def test_of_the_master_and_its_devices(self):
+    def test_master_and_devices(self):
         self.check(self.run_json("devices"), "where", "retry", "error", "hint")
         self.start_master("--xml", "--allow-hostid", "fake", "--xml-log", self.path("log"))
         device = FakeDevice(self)
@@ -138,7 +138,7 @@ class Fields(MasterCase):
                    "first_seen")
         self.check(self.events, "event", "time", "socket", "role", "why", "clause")
 
-    def test_of_agents(self):
+    def test_agents(self):
         peer = self.master()
         self.daemon()
         peer.accept()
@@ -155,7 +155,7 @@ class Fields(MasterCase):
 
 
 class Readme(MasterCase):
-    def test_its_first_minute_works_as_written(self):
+    def test_the_first_example_works_as_written(self):
         self.daemon()
         with open(os.path.join(os.path.dirname(MANUAL), "../README.md"), encoding="utf-8") as file:
             text = file.read()
@@ -184,8 +184,7 @@ class Words(unittest.TestCase):
         for command in tables.commands:
             self.assertRegex(text, rf"(?m)^\.(It )?Cm {command}\b", command)
         for option in tables.options:
-            # The manual names short ones, and long ones where there are no others or people
-            # rather type them.
+            # The manual may use the short or the long name.
             told = [name for name in option.names
                     if re.search(rf"Fl {re.escape(name[1:])}(?![a-z-])", text)]
             self.assertTrue(told, f"{option} is not in the manual")

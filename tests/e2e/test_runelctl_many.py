@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One command on many devices: how many at a time, in which order, and what is shown."""
+"""One command on many devices: concurrency, order and output."""
 import re
 import signal
 import socket
@@ -14,12 +14,12 @@ REFUSED = "127.0.0.1:9"
 
 
 class Fakes:
-    """Devices at one port of all loopback addresses; counts how many were at work at once."""
+    """Devices at one port of all loopback addresses; counts the devices that work in parallel."""
 
     def __init__(self, case, answer=reply(b"same\n"), delay=0.0, failing=()):
         self.lock = threading.Lock()
         self.answer, self.delay, self.failing = answer, delay, set(failing)
-        self.busy = self.most = 0  # devices that have a request and have not answered it
+        self.busy = self.most = 0  # devices with a pending request
         self.order = []
         self.port = int(case.odd_peer(self._serve, "0.0.0.0").split(":")[1])
 
@@ -37,7 +37,7 @@ class Fakes:
             with self.lock:
                 self.busy += 1
                 self.most = max(self.most, self.busy)
-            time.sleep(self.delay)  # the work that this device has
+            time.sleep(self.delay)  # the duration of the task
             bad = f"{address}:{self.port}" in self.failing
             with self.lock:
                 self.busy -= 1
@@ -45,14 +45,14 @@ class Fakes:
 
 
 class Where(CtlCase):
-    def test_devices_come_repeated_and_with_commas_each_once(self):
+    def test_device_lists_are_combined_without_duplicates(self):
         fakes = Fakes(self)
         a, b, c = fakes.names(3)
         objects = self.succeed("--json", "-d", f"{a}, {b}", "-d", c, "-d", a, "hostid").objects
         self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted([a, b, c]))
         self.assertEqual(objects[-1]["summary"]["ok"], 3)
 
-    def test_a_file_names_devices(self):
+    def test_devices_are_read_from_a_file(self):
         fakes = Fakes(self)
         a, b = fakes.names(2)
         listing = f"# all of them\n\nfirst {a}  # the first\n{b}\n".encode()
@@ -60,7 +60,7 @@ class Where(CtlCase):
             objects = self.succeed("--json", *words, "hostid", feed=listing).objects
             self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted(["first", b]))
 
-    def test_a_bad_file_is_told_with_its_line(self):
+    def test_an_error_in_the_file_names_its_line(self):
         for content, pattern in ((b"a b c\n", "line 1: too many fields"),
                                  (b"\nx:y\n", "line 2: invalid port"),
                                  (b"#\n", "list: no devices listed")):
@@ -69,26 +69,26 @@ class Where(CtlCase):
             self.assertRegex(result.errors[0], pattern)
         self.assertRegex(self.ctl("--devices", "/none", "hostid").errors[0], "No such file")
 
-    def test_a_name_that_is_none_is_told_in_one_line(self):
+    def test_an_unknown_host_name_is_reported_in_one_line(self):
         result = self.ctl("-d", "no-such-host.invalid", "hostid")
         self.assertEqual(result.status, 255)
         self.assertRegex(result.errors[0], r"no-such-host\.invalid: .*\(check the host name\)")
         self.assertEqual(len(result.errors), 1)
 
-    def test_a_host_name_is_looked_up(self):
+    def test_a_host_name_is_resolved(self):
         self.daemon()
         self.assertEqual(self.succeed("-d", "localhost", "fileexists", "/").out, b"")
 
 
 class Together(CtlCase):
-    def test_no_more_than_asked_for_are_at_work(self):
+    def test_the_number_of_parallel_devices_is_limited(self):
         fakes = Fakes(self, delay=0.02)
         self.succeed("-q", "-j", "3", "-d", ",".join(fakes.names(30)), "hostid")
         self.assertEqual(len(fakes.order), 30)
         self.assertLessEqual(fakes.most, 3)
         self.assertGreater(fakes.most, 1)
 
-    def test_equal_outputs_are_shown_once(self):
+    def test_identical_outputs_are_printed_once(self):
         fakes = Fakes(self)
         names = fakes.names(3)
         result = self.ctl("-d", ",".join(names), "-j", "1", "read", "/x")
@@ -96,7 +96,7 @@ class Together(CtlCase):
         self.assertEqual(result.errors, ["runelctl: 3 devices: 3 ok, 0 failed, 0 timed out, "
                                          "0 unreachable"])
 
-    def test_the_name_stands_before_each_line_or_above(self):
+    def test_prefix_and_group_print_the_name(self):
         fakes = Fakes(self, reply(b"one\ntwo"))
         a, b = fakes.names(2)
         words = ("-q", "-j", "1", "-d", f"{a},{b}", "read", "/x")
@@ -106,7 +106,7 @@ class Together(CtlCase):
                          f"== {a}\none\ntwo\n== {b}\none\ntwo\n")
         self.assertEqual(self.ctl("--group", "--prefix", *words).status, 2)
 
-    def test_the_highest_status_is_the_runs(self):
+    def test_the_exit_status_is_the_highest_one(self):
         fakes = Fakes(self)
         fakes.failing = {fakes.name(1)}
         both = ",".join(fakes.names(2))
@@ -117,14 +117,14 @@ class Together(CtlCase):
         self.assertIn(f"runelctl: {REFUSED}: Connection refused "
                       "(check that runeld is running on the device)", result.errors)
 
-    def test_json_closes_with_a_summary(self):
+    def test_json_ends_with_a_summary(self):
         fakes = Fakes(self)
         result = self.ctl("--json", "-d", f"{fakes.name(0)},{REFUSED}", "hostid")
         self.assertEqual(result.objects[-1], {"v": 1, "task": "hostid", "summary": {
             "ok": 1, "failed": 0, "timed_out": 0, "unreachable": 1, "skipped": 0}})
         self.assertEqual(result.err, b"")
 
-    def test_after_a_failure_no_more_are_begun(self):
+    def test_fail_fast_starts_no_device_after_a_failure(self):
         fakes = Fakes(self)
         names = fakes.names(5)
         fakes.failing = {names[1]}
@@ -132,7 +132,7 @@ class Together(CtlCase):
         self.assertEqual((result.status, fakes.order), (1, names[:2]))
         self.assertIn("1 ok, 1 failed, 0 timed out, 0 unreachable, 3 skipped", result.errors[-1])
 
-    def test_what_may_succeed_later_is_tried_again(self):
+    def test_transient_failures_are_retried(self):
         tries = []
 
         def second_time(connected):
@@ -151,13 +151,13 @@ class Together(CtlCase):
         self.assertEqual(self.succeed("-d", where, "--retry", "1", "read", "/x").out, b"ok\n")
         self.assertEqual(len(tries), 2)
 
-    def test_what_cannot_succeed_later_is_not(self):
+    def test_permanent_failures_are_not_retried(self):
         fakes = Fakes(self)
         fakes.failing = {fakes.name(0)}
         self.assertEqual(self.ctl("--retry", "5", "-d", fakes.name(0), "fileexists", "/x").status, 1)
         self.assertEqual(len(fakes.order), 1)
 
-    def test_a_deadline_is_for_all_of_a_devices_work(self):
+    def test_a_deadline_limits_the_time_for_a_device(self):
         where = self.odd_peer(hang)
         result = self.ctl("--deadline", "0.3", "-d", where, "hostid")
         self.assertEqual((result.status, result.errors),
@@ -174,7 +174,7 @@ class Waves(CtlCase):
         result = self.ctl("--wave", wave, *words, "-d", ",".join(names), "fileexists", "/x")
         return result, [names.index(name) for name in fakes.order]
 
-    def test_a_wave_starts_when_the_one_before_it_is_done(self):
+    def test_a_wave_starts_when_the_previous_one_has_finished(self):
         result, order = self.waves("1,10%,rest")
         self.assertEqual(result.status, 0)
         self.assertEqual((order[0], sorted(order[1:3]), sorted(order)), (0, [1, 2], list(range(20))))
@@ -185,13 +185,13 @@ class Waves(CtlCase):
         self.assertIn("runelctl: stopped after wave 2: 1 device failed", result.errors)
         self.assertIn("17 skipped", result.errors[-1])
 
-    def test_so_many_failures_are_borne(self):
+    def test_max_fail_tolerates_failures(self):
         result, order = self.waves("1,10%,rest", [2, 5], "--max-fail", "1")
         self.assertEqual((result.status, len(order)), (1, 20))
         result, order = self.waves("2,rest", [0, 1], "--max-fail", "1")
         self.assertEqual((result.status, len(order)), (1, 2))
 
-    def test_what_failed_is_kept_and_tried_the_next_time(self):
+    def test_failed_devices_are_stored_and_retried_by_the_next_run(self):
         fakes = Fakes(self)
         names = fakes.names(4)
         fakes.failing = set(names[1:3])
@@ -210,7 +210,7 @@ class Waves(CtlCase):
 
 
 class Danger(CtlCase):
-    def test_what_takes_away_from_several_needs_a_yes(self):
+    def test_destructive_commands_on_several_devices_need_a_confirmation(self):
         fakes = Fakes(self)
         both = ",".join(fakes.names(2))
         for words in (("rm", "/x"), ("unlink", "/x"), ("rename", "/x", "/y"), ("mv", "/x", "/y"),
@@ -222,7 +222,7 @@ class Danger(CtlCase):
         self.assertEqual(self.ctl("-d", both, "--yes", "rm", "/x").status, 0)
         self.assertEqual(self.ctl("-d", fakes.name(0), "rm", "/x").status, 0)
 
-    def test_people_are_asked(self):
+    def test_a_terminal_asks_for_confirmation(self):
         fakes = Fakes(self)
         both = ",".join(fakes.names(2))
         for answer, status, asked in ((b"n\n", 2, 0), (b"\n", 2, 0), (b"y\n", 0, 2)):
@@ -230,7 +230,7 @@ class Danger(CtlCase):
             self.assertIn(b"rm on 2 devices? [y/N] ", shown)
             self.assertEqual((done, len(fakes.order)), (status, asked))
 
-    def test_reboots_go_one_after_the_other_unless_told(self):
+    def test_reboots_are_sequential_by_default(self):
         fakes = Fakes(self, reply(), delay=0.02)
         eight = ",".join(fakes.names(8))
         self.assertEqual(self.ctl("-q", "-y", "-d", eight, "reboot").status, 0)
@@ -238,7 +238,7 @@ class Danger(CtlCase):
         self.assertEqual(self.ctl("-q", "-y", "-j", "8", "-d", eight, "reboot").status, 0)
         self.assertGreater(fakes.most, 1)
 
-    def test_a_dry_run_names_devices_and_frames_and_sends_nothing(self):
+    def test_a_dry_run_prints_devices_and_frames_and_sends_nothing(self):
         fakes = Fakes(self)
         a, b = fakes.names(2)
         result = self.ctl("-n", "--prefix", "-d", f"{a},{b}", "rm", "/x")
@@ -249,7 +249,7 @@ class Danger(CtlCase):
 
 
 class Shown(CtlCase):
-    def test_a_live_line_counts_on_a_terminal_alone(self):
+    def test_a_status_line_is_shown_only_on_a_terminal(self):
         fakes = Fakes(self, delay=0.05)
         status, shown = self.on_terminal("-j", "2", "-d", ",".join(fakes.names(12)), "hostid")
         self.assertEqual(status, 0)
@@ -259,7 +259,7 @@ class Shown(CtlCase):
                                          "/")
         self.assertEqual((status, shown), (0, b""))
 
-    def test_a_narrow_terminal_gets_a_narrow_line(self):
+    def test_the_status_line_fits_a_narrow_terminal(self):
         fakes = Fakes(self, delay=0.05)
         _, shown = self.on_terminal("-j", "2", "-d", ",".join(fakes.names(8)), "fileexists", "/",
                                     columns=20)
@@ -267,7 +267,7 @@ class Shown(CtlCase):
         self.assertTrue(live)
         self.assertLess(max(len(line) for line in live[:-1]), 20)
 
-    def test_an_interrupt_says_what_was_not_done(self):
+    def test_an_interrupt_reports_skipped_devices(self):
         asked = threading.Semaphore(0)
 
         def never_answer(connected):
@@ -286,10 +286,10 @@ class Shown(CtlCase):
 
 
 class AThousand(CtlCase):
-    def test_a_hundred_that_hang_and_a_hundred_that_refuse_hold_nobody_up(self):
+    def test_a_hundred_hanging_and_a_hundred_refusing_devices_do_not_block_the_others(self):
         fakes = Fakes(self)
         hanging = self.odd_peer(hang, "0.0.0.0").split(":")[1]
-        with socket.socket() as closed:  # bound and not listening: its port refuses
+        with socket.socket() as closed:  # bound but not listening, so the port refuses connections
             closed.bind(("0.0.0.0", 0))
             refusing = closed.getsockname()[1]
             names = [fakes.name(number) for number in range(1000)]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""runelctl master, devices and agent: the side that devices dial."""
+"""The commands master, devices and agent."""
 import json
 import os
 import random
@@ -23,7 +23,7 @@ CHECK = b"10:fileexists 1:/"
 
 
 class RealDevice(MasterCase):
-    """A daemon that dialled the master."""
+    """A daemon that is connected to the master."""
 
     def setUp(self):
         super().setUp()
@@ -37,7 +37,7 @@ class RealDevice(MasterCase):
         self.addCleanup(agent.close)
         return agent
 
-    def test_a_device_is_named_by_hostid_address_and_port(self):
+    def test_a_device_is_selected_by_hostid_address_or_port(self):
         for name in (self.hostid, "127.0.0.1", f"127.0.0.1:{self.label['port']}"):
             self.assertEqual(self.succeed("-d", "@" + name, "hostid").text, self.hostid + "\n")
         result = self.ctl("-d", "@somebody", "hostid")
@@ -45,25 +45,25 @@ class RealDevice(MasterCase):
                          (255, ["runelctl: @somebody: no device somebody is connected to the master "
                                 "(runelctl devices lists the connected devices)"]))
 
-    def test_output_and_exit_status_come_through(self):
+    def test_output_and_exit_status_are_forwarded(self):
         result = self.ctl("-d", "@" + self.hostid, "exec", "sh", "-c", "echo a; exit 7")
         self.assertEqual((result.status, result.out, result.err), (7, b"a\n", b""))
 
-    def test_large_content_comes_through_both_ways(self):
+    def test_large_content_is_forwarded_both_ways(self):
         data = random.Random(1).randbytes(20_000_000)
         name = "@" + self.hostid
         self.succeed("-d", name, "write", self.path("large"), "-", feed=data)
         self.assertEqual(self.content("large"), data)
         self.assertEqual(self.succeed("-d", name, "cat", self.path("large")).out, data)
 
-    def test_many_calls_at_once_get_each_its_own_answer(self):
+    def test_parallel_calls_get_their_answers(self):
         calls = [self.start("-d", "@" + self.hostid, "exec", "echo", str(number))
                  for number in range(20)]
         for number, call in enumerate(calls):
             out, err = call.communicate(timeout=TIMEOUT)
             self.assertEqual((call.returncode, out, err), (0, b"%d\n" % number, b""))
 
-    def test_a_device_that_restarts_is_lost_and_comes_back(self):
+    def test_a_restarting_device_is_lost_and_reconnects(self):
         self.succeed("-d", "@" + self.hostid, "restart")
         self.wait_told("lost", role="slave")
         self.assertEqual(self.device.wait(), 0)
@@ -82,13 +82,13 @@ class RealDevice(MasterCase):
         line = self.succeed("devices").text.splitlines()[1]
         self.assertRegex(line, r" 00:\d\d:\d\d  2 +1 +2 ")
 
-    def test_the_device_is_there_again_after_the_master_was_away(self):
+    def test_the_device_reconnects_to_a_restarted_master(self):
         self.assertEqual(self.stop_master(), "")
         self.start_master()
         self.wait_told("connected", hostid=self.hostid)
         self.assertIn(self.hostid, self.devices())
 
-    def test_clauses_of_agents_are_shown_and_kept_exactly(self):
+    def test_clauses_of_agents_are_printed_and_stored_exactly(self):
         agent = self.agent()
         agent.sendall(b"<a>\xff\n\x1b[2J</a>\r\n<b/>\r\n")
         self.wait_told("agent", hostid=self.hostid)
@@ -102,7 +102,7 @@ class RealDevice(MasterCase):
         self.wait_told("lost", role="agent")
         self.assertEqual(self.told("lost", role="slave"), [])
 
-    def test_a_bridge_that_is_silent_for_long_is_not_written_to(self):
+    def test_nothing_is_written_to_a_silent_bridge(self):
         self.agent().sendall(b"<not-complete>")
         self.wait_told("further", hostid=self.hostid)
         wait_until(lambda: self.devices()[self.hostid]["connected_s"] >= 7, "more than 5 s pass")
@@ -113,7 +113,7 @@ class RealDevice(MasterCase):
         self.assertEqual(self.log.count(".*sentinels.*"), 0)
         self.assert_stops(self.device)
 
-    def test_devices_counts(self):
+    def test_devices_prints_statistics(self):
         for _ in range(3):
             self.succeed("-d", "@" + self.hostid, "fileexists", "/")
         about = self.devices()[self.hostid]
@@ -130,7 +130,7 @@ class RealDevice(MasterCase):
         self.assertRegex(line, rf"^{self.hostid}  127\.0\.0\.1:\d+ +\w+ +00:\d\d:\d\d  1 +0 +3 ")
         self.assertEqual(self.succeed("devices", "--names").text, self.hostid + "\n")
 
-    def test_half_a_frame_of_a_call_never_reaches_the_device(self):
+    def test_an_incomplete_frame_never_reaches_the_device(self):
         call = self.call(b"attach 127.0.0.1\n")
         self.assertEqual(call.recv(3), b"ok\n")
         call.sendall(request("write", self.path("a"), "x")[:-4])
@@ -140,7 +140,7 @@ class RealDevice(MasterCase):
         self.succeed("-d", "@" + self.hostid, "write", self.path("b"), "y")
         self.assertFalse(os.path.exists(self.path("a")))
 
-    def test_garbage_of_a_call_ends_that_call_alone(self):
+    def test_malformed_frames_end_only_their_call(self):
         other = self.call(b"attach 127.0.0.1\n")
         self.assertEqual(other.recv(3), b"ok\n")
         for garbage in (b"hello\n", b"\x01999999999999\x02", b"<a/>", b"\x01\x02"):
@@ -151,12 +151,12 @@ class RealDevice(MasterCase):
         self.assertIn(b"SlaveTask", other.recv(100))
         self.assertEqual(self.told("lost"), [])
 
-    def test_what_is_no_record_is_passed_on_and_not_waited_for(self):
+    def test_payloads_that_are_not_task_records_have_no_answer(self):
         call = self.call(b"attach 127.0.0.1\n" + frame(b"nonsense") + request("fileexists", "/"))
         self.assertEqual(call.recv(3), b"ok\n")
         self.assertEqual(call.recv(100), reply())
 
-    def test_a_call_that_does_not_take_its_answers_is_not_waited_for_by_the_master(self):
+    def test_a_call_that_does_not_read_its_answers_does_not_block_the_master(self):
         path = self.file("large", bytes(30_000_000))
         call = self.call(b"attach 127.0.0.1\n" + request("read", path) * 20)
         fake = FakeDevice(self, "127.0.0.9", "other")
@@ -172,7 +172,7 @@ class RealDevice(MasterCase):
 
 
 class Roles(MasterCase):
-    """Which connection is written to, and which never."""
+    """Which connections carry tasks, and which are only read."""
 
     def device(self, *arguments, **options):
         return FakeDevice(self, *arguments, **options)
@@ -182,7 +182,7 @@ class Roles(MasterCase):
         self.wait_told("connected", address="127.0.0.1")
         return device
 
-    def test_a_further_connection_gets_no_byte_and_the_first_is_checked(self):
+    def test_nothing_is_written_to_an_additional_connection_and_the_first_is_checked(self):
         self.start_master()
         first = self.first()
         second = self.device()
@@ -194,7 +194,7 @@ class Roles(MasterCase):
         self.assertEqual((second.came, third.came), (b"", b""))
         self.assertFalse(second.ended.is_set() or third.ended.is_set())
 
-    def test_a_half_open_connection_is_found_out_and_the_next_takes_its_place(self):
+    def test_a_half_open_connection_is_detected_and_replaced(self):
         self.start_master()
         self.first().vanish()
         again = self.device(hostid="again")
@@ -206,13 +206,13 @@ class Roles(MasterCase):
 
     @staticmethod
     def after(one, other):
-        """Seconds from one event to another."""
+        """The seconds between two events."""
         def moment(event):
             whole, _, fraction = event["time"].rstrip("Z").partition(".")
             return time.mktime(time.strptime(whole, "%Y-%m-%dT%H:%M:%S")) + float("0." + fraction)
         return moment(other) - moment(one)
 
-    def test_a_first_connection_that_answers_no_check_is_given_up(self):
+    def test_a_first_connection_that_does_not_answer_a_check_is_closed(self):
         self.start_master("--timeout", "1")
         first = self.first()
         first.answers = False
@@ -221,7 +221,7 @@ class Roles(MasterCase):
                          "no answer to the liveness check")
         self.wait_told("connected", hostid="second")
 
-    def test_a_first_connection_that_is_busy_is_not_given_up(self):
+    def test_a_busy_first_connection_is_not_closed(self):
         self.start_master("--timeout", "1")
         first = self.first()
         first.answers = False
@@ -234,7 +234,7 @@ class Roles(MasterCase):
         first.answer_held()
         self.assertEqual(call.wait(TIMEOUT), 0)
 
-    def test_a_call_that_gives_up_has_the_device_checked(self):
+    def test_a_timeout_of_a_call_checks_the_device(self):
         self.start_master()
         first = self.first()
         first.vanish()
@@ -242,7 +242,7 @@ class Roles(MasterCase):
         self.assertEqual(result.status, 255)
         self.wait_told("lost", role="slave")
 
-    def test_what_outlives_the_slave_connection_becomes_one_unless_it_spoke(self):
+    def test_a_silent_connection_that_outlives_the_slave_connection_replaces_it(self):
         self.start_master("--xml")
         first = self.first()
         bridge = self.device()
@@ -256,7 +256,7 @@ class Roles(MasterCase):
         self.assertGreaterEqual(self.after(lost, connected), 4.9)
         self.assertEqual(bridge.came, b"")
 
-    def test_the_next_connection_after_a_loss_is_the_slave_connection_at_once(self):
+    def test_a_new_connection_after_a_loss_is_the_slave_connection_immediately(self):
         self.start_master()
         first = self.first()
         surplus = self.device()
@@ -269,7 +269,7 @@ class Roles(MasterCase):
         self.assertEqual(surplus.came, b"")
         self.assertFalse(surplus.ended.is_set())
 
-    def test_devices_behind_one_address_are_told_apart_by_their_silence(self):
+    def test_devices_at_a_shared_address_are_detected_by_their_silence(self):
         self.start_master("--shared-address", "0.5", "--xml")
         self.device(hostid="one")
         self.wait_told("connected", hostid="one")
@@ -285,7 +285,7 @@ class Roles(MasterCase):
         self.assertEqual(result.status, 255)
         self.assertIn("3 devices are named 127.0.0.1: select one by ADDRESS:PORT", result.errors[0])
 
-    def test_devices_with_one_hostid_are_told_apart_by_address(self):
+    def test_devices_with_the_same_hostid_are_selected_by_address(self):
         self.start_master()
         for address in ("127.0.0.2", "127.0.0.3"):
             self.device(address, "same")
@@ -295,9 +295,9 @@ class Roles(MasterCase):
 
 
 class Strangers(MasterCase):
-    """Who is not let in, and who should not have been."""
+    """Refused devices, and devices that violate the protocol."""
 
-    def test_only_listed_addresses_are_let_in(self):
+    def test_only_listed_addresses_are_accepted(self):
         self.start_master("--allow", "127.0.0.8/31,127.0.1.1")
         for address in ("127.0.0.8", "127.0.0.9", "127.0.1.1"):
             FakeDevice(self, address)
@@ -309,7 +309,7 @@ class Strangers(MasterCase):
         stranger.wait_ended()
         self.assertEqual(stranger.came, b"")
 
-    def test_only_listed_hostids_are_let_in(self):
+    def test_only_listed_hostids_are_accepted(self):
         self.start_master("--allow-hostid", "one", "--allow-hostid", "two,three")
         for number, name in enumerate(("one", "two", "three")):
             FakeDevice(self, f"127.0.0.{number + 2}", name)
@@ -321,7 +321,7 @@ class Strangers(MasterCase):
         self.assertEqual(self.ctl("-d", "@127.0.0.7", "hostid").status, 255)
         self.assertFalse(stranger.ended.is_set(), "it would dial again at once")
 
-    def test_an_address_gets_so_many_connections_and_no_more(self):
+    def test_the_number_of_connections_from_an_address_is_limited(self):
         self.start_master()
         devices = [FakeDevice(self) for _ in range(16)]
         self.wait_told("further", count=15)
@@ -329,13 +329,13 @@ class Strangers(MasterCase):
         self.assertEqual(self.wait_told("refused")["why"], "too many connections from this address")
         self.assertFalse(any(device.ended.is_set() for device in (*devices, one_more)))
 
-    def test_one_that_never_answers_is_no_device(self):
+    def test_a_peer_that_never_answers_is_not_listed(self):
         self.start_master("--timeout", "1")
         FakeDevice(self, answers=False).wait_ended()
         self.assertEqual(self.wait_told("lost")["why"], "no answer to the liveness check")
         self.assertEqual(self.devices(), {})
 
-    def test_a_name_that_is_none_is_not_shown(self):
+    def test_an_invalid_name_is_not_shown(self):
         self.start_master()
         names = (b"\x1b[2J", b"a\nb", b"", b"x" * 65, b"a b", "ä".encode(), b"\xff", b"../x")
         for number, name in enumerate(names):
@@ -345,7 +345,7 @@ class Strangers(MasterCase):
         self.assertEqual(self.succeed("-d", "@127.0.0.11", "hostid").out, b"a\nb\n")
 
     def bad_answers(self):
-        """What a device may say where it should answer."""
+        """Invalid answers of a device, and the expected error."""
         noise = random.Random(7)
         yield b"<a/>\r\n", "the peer is not runeld: it sends XML, like an agent"
         yield b"SSH-2.0-OpenSSH_9.2\r\n", "the peer is not runeld: it looks like an SSH server"
@@ -363,7 +363,7 @@ class Strangers(MasterCase):
             yield b"\x01" + noise.randbytes(noise.randrange(1, 300)), ""
             yield frame(b"SlaveTask " + noise.randbytes(noise.randrange(1, 100))), ""
 
-    def test_bad_bytes_on_a_slave_connection_end_that_connection_alone(self):
+    def test_invalid_data_on_a_slave_connection_ends_only_that_connection(self):
         self.start_master()
         FakeDevice(self, "127.0.0.2", "good")
         self.wait_told("connected", hostid="good")
@@ -380,13 +380,13 @@ class Strangers(MasterCase):
 
     @staticmethod
     def close_unless_thrown_out(device):
-        """Random bytes may begin a frame that never ends: then only the device can end it."""
+        """Random bytes may start an endless frame, which only the device can end."""
         if not device.ended.wait(0.3):
             device.socket.shutdown(socket.SHUT_WR)
         device.wait_ended()
         device.close()
 
-    def test_an_idle_device_that_speaks_is_lost(self):
+    def test_an_idle_device_that_sends_data_is_lost(self):
         self.start_master()
         for number, (bad, why) in enumerate(
                 ((reply(), "answer without a request"), (b"<a/>", "bad frame: byte 0x3c"),
@@ -396,7 +396,7 @@ class Strangers(MasterCase):
             device.blurt(bad)
             self.assertIn(why, self.wait_told("lost", port=device.port)["why"])
 
-    def test_bad_bytes_on_a_bridge_end_that_connection_alone(self):
+    def test_invalid_data_on_a_bridge_ends_only_that_connection(self):
         self.start_master("--xml")
         good = FakeDevice(self)
         self.wait_told("connected")
@@ -416,11 +416,11 @@ class Strangers(MasterCase):
 
 
 class Size(MasterCase):
-    """Many devices, few descriptors, nobody who reads."""
+    """Many devices, few descriptors, and output that is not read."""
 
     COUNT = 900
 
-    def test_nine_hundred_devices_are_held_and_worked_on(self):
+    def test_nine_hundred_devices(self):
         hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
         resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
         self.start_master()
@@ -428,8 +428,8 @@ class Size(MasterCase):
         self.wait_told("connected", count=self.COUNT)
         self.assertEqual(set(self.devices()), set(devices.names))
         names = "".join(f"@{name}\n" for name in devices.names)
-        patient = ("--connect-timeout", "60", "--timeout", "60")
-        result = self.succeed("--json", "-j", "900", "--devices", "-", *patient, "hostid",
+        long_timeouts = ("--connect-timeout", "60", "--timeout", "60")
+        result = self.succeed("--json", "-j", "900", "--devices", "-", *long_timeouts, "hostid",
                               feed=names.encode(), timeout=3 * TIMEOUT)
         *answers, summary = result.objects
         self.assertEqual({"@" + answer["output"] for answer in answers},
@@ -441,13 +441,13 @@ class Size(MasterCase):
         limit = 40
         self.start_master("--allow", "127.0.0.0/8", preexec_fn=lambda: resource.setrlimit(
             resource.RLIMIT_NOFILE, (limit, limit)))
-        # Done once with descriptors, which the sanitizers need too when they see a type anew.
+        # One connection first: the sanitizers need descriptors at the first use of a type.
         early = FakeDevice(self, "127.0.3.1", "early")
         self.wait_told("connected", hostid="early")
         early.close()
         self.wait_told("lost", hostid="early")
         devices = [FakeDevice(self, f"127.0.2.{number + 1}", f"d{number}") for number in range(60)]
-        wait_until(lambda: len(self.told("connected")) > 20, "some are let in")
+        wait_until(lambda: len(self.told("connected")) > 20, "some are accepted")
         for device in devices[:40]:
             device.close()
         for device in devices[40:]:
@@ -455,7 +455,7 @@ class Size(MasterCase):
         self.assertIn("runelctl: cannot accept connections: Too many open files",
                       self.stop_master())
 
-    def test_nobody_who_reads_what_it_tells_holds_it_up(self):
+    def test_output_that_is_not_read_does_not_block_the_master(self):
         reading, writing = os.pipe()
         self.addCleanup(os.close, reading)
         self.running = self.start("master", "--xml", stdout=writing)
@@ -471,9 +471,9 @@ class Size(MasterCase):
 
 
 class ControlSocket(MasterCase):
-    """Who may use a master, and when there is none."""
+    """The control socket: access rights, requests, and a missing master."""
 
-    def test_it_is_the_users_own(self):
+    def test_it_is_private_to_the_user(self):
         self.start_master()
         about = os.stat(self.control)
         self.assertTrue(stat.S_ISSOCK(about.st_mode))
@@ -486,7 +486,7 @@ class ControlSocket(MasterCase):
         self.stop_master(signal.SIGINT)
         self.assertFalse(os.path.exists(self.control))
 
-    def test_a_signal_at_the_first_sign_of_life_ends_it_in_good_order(self):
+    def test_a_signal_during_the_start_ends_it_cleanly(self):
         for _ in range(20):
             master = self.start("master")
             wait_until(lambda: os.path.exists(self.control), "the socket is there", pause=0)
@@ -494,8 +494,8 @@ class ControlSocket(MasterCase):
             self.assertEqual(master.wait(TIMEOUT), 0)
             self.assertFalse(os.path.exists(self.control))
 
-    def as_nobody(self, code):
-        """Runs @p code as another user, who may reach the socket's folder; what it prints."""
+    def as_other_user(self, code):
+        """Runs @p code as another user with access to the socket's directory. The result."""
         os.chmod(self.directory, 0o755)
         script = "import os, socket, sys\n" + code
         return subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
@@ -506,13 +506,13 @@ class ControlSocket(MasterCase):
 s.connect(sys.argv[1])
 print(s.makefile().read())"""
 
-    def test_other_users_are_kept_out_by_its_mode_and_by_the_master(self):
+    def test_other_users_are_refused_by_its_mode_and_by_the_master(self):
         self.start_master()
         FakeDevice(self)
         self.wait_told("connected")
-        self.assertIn(b"PermissionError", self.as_nobody(self.CALL).stderr)
+        self.assertIn(b"PermissionError", self.as_other_user(self.CALL).stderr)
         os.chmod(self.control, 0o666)
-        answer = self.as_nobody(self.CALL)
+        answer = self.as_other_user(self.CALL)
         self.assertEqual(answer.stdout.strip(), b"the master belongs to another user", answer.stderr)
 
     def test_a_master_of_another_user_is_not_used(self):
@@ -529,24 +529,24 @@ print(s.makefile().read())"""
             self.assertEqual((result.status, len(result.errors)), (255, 1), words)
         self.assertIn("another user", result.errors[0])
 
-    def test_a_folder_that_others_may_write_to_is_refused(self):
+    def test_a_directory_that_is_writable_by_others_is_refused(self):
         os.chmod(self.directory, 0o777)
         result = self.ctl("master")
         self.assertEqual(result.status, 1)
         self.assertIn("not a private directory for the control socket", result.errors[0])
 
-    def test_without_a_runtime_folder_it_makes_one(self):
-        folder = f"/tmp/runelctl-{os.geteuid()}"
-        if os.path.isdir(folder):
-            os.rmdir(folder)
+    def test_a_missing_runtime_directory_is_created(self):
+        directory = f"/tmp/runelctl-{os.geteuid()}"
+        if os.path.isdir(directory):
+            os.rmdir(directory)
         env = {"XDG_RUNTIME_DIR": ""}
         self.start_master(env=env)
-        self.addCleanup(os.rmdir, folder)
-        self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o700)
+        self.addCleanup(os.rmdir, directory)
+        self.assertEqual(stat.S_IMODE(os.stat(directory).st_mode), 0o700)
         self.assertEqual(self.succeed("devices", "--names", env=env).out, b"")
         self.stop_master()
 
-    def test_its_place_may_be_chosen(self):
+    def test_its_path_is_configurable(self):
         self.control = self.path("elsewhere")
         self.start_master("--master-socket", self.control)
         FakeDevice(self)
@@ -557,7 +557,7 @@ print(s.makefile().read())"""
                                       env={"RUNELCTL_SOCKET": self.control}).text, "fake\n")
         self.assertEqual(self.ctl("devices").status, 255)
 
-    def test_a_second_master_says_so_and_a_dead_one_is_replaced(self):
+    def test_a_second_master_is_refused_and_a_stale_socket_is_replaced(self):
         self.start_master()
         result = self.ctl("master", "--listen", "127.0.0.1:5113")
         self.assertEqual((result.status, result.errors),
@@ -568,7 +568,7 @@ print(s.makefile().read())"""
         self.start_master()
         self.succeed("devices")
 
-    def test_without_a_master_there_is_one_line_and_status_255(self):
+    def test_a_missing_master_is_one_line_and_status_255(self):
         line = (f"runelctl: no master at {self.control}: No such file or directory "
                 "(start one: runelctl master)")
         result = self.ctl("devices")
@@ -579,7 +579,7 @@ print(s.makefile().read())"""
         result = self.ctl("-d", "@any", "hostid")
         self.assertEqual((result.status, len(result.errors)), (255, 1))
 
-    def test_calls_that_make_no_sense_are_answered_or_dropped(self):
+    def test_invalid_requests_are_answered_or_dropped(self):
         self.start_master()
         for line, answer in ((b"hello\n", b"unknown request\n"),
                              (b"\xff\x00\n", b"unknown request\n"),
@@ -595,7 +595,7 @@ print(s.makefile().read())"""
         slow.sendall(b"ices\n")
         self.assertEqual(slow.recv(1), b"")
 
-    def test_options_that_make_no_sense_are_refused(self):
+    def test_invalid_options_are_usage_errors(self):
         for words, why in ((("--listen", "1.2.3.4:x"), "--listen"), (("--allow", "1.2.3"), "--allow"),
                            (("--allow", "1.2.3.4/33"), "--allow"),
                            (("--allow-hostid", "a b"), "--allow-hostid"),
@@ -604,7 +604,7 @@ print(s.makefile().read())"""
             self.assertEqual((result.status, len(result.errors)), (2, 1), words)
             self.assertIn(why, result.errors[0])
 
-    def test_what_it_cannot_open_is_told(self):
+    def test_open_errors_are_reported(self):
         with socket.create_server(("127.0.0.1", MASTER_PORT)):
             result = self.ctl("master")
         self.assertEqual((result.status, result.errors),
@@ -613,7 +613,7 @@ print(s.makefile().read())"""
         self.assertEqual((result.status, result.errors),
                          (1, ["runelctl: /no/such/file: No such file or directory"]))
 
-    def test_it_listens_on_the_loopback_unless_told_otherwise(self):
+    def test_it_listens_on_the_loopback_by_default(self):
         self.start_master()
         self.assertEqual(self.listening_on(), {"0100007F:13F8"})
         self.stop_master()
@@ -625,7 +625,7 @@ print(s.makefile().read())"""
         with open("/proc/net/tcp", encoding="ascii") as table:
             return {line.split()[1] for line in table if line.split()[3] == "0A"}
 
-    def test_people_get_lines(self):
+    def test_text_output(self):
         process = self.start("master", "--xml")
         self.assertRegex(process.stdout.readline().decode(),
                          r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d listening for devices on "
@@ -660,7 +660,7 @@ class Agent(MasterCase):
     def play(self, *words):
         return self.start("agent", *words, stdin=subprocess.PIPE)
 
-    def test_clauses_go_to_the_master_and_its_answers_come_back(self):
+    def test_clauses_are_sent_to_the_master_and_its_answers_are_printed(self):
         agent = self.play()
         agent.stdin.write(b" <hello>\n")
         agent.stdin.flush()
@@ -674,7 +674,7 @@ class Agent(MasterCase):
         self.assertEqual(agent.wait(TIMEOUT), 0)
         self.assertEqual(agent.stderr.read(), b"")
 
-    def test_it_listens_on_after_the_end_of_its_input(self):
+    def test_it_lingers_after_the_end_of_its_input(self):
         clauses = b"".join(b"<n>%d</n>\n" % number for number in range(20000))
         agent = self.start("--json", "agent", "--linger", "3",
                            stdin=open(self.file("clauses", clauses), "rb"))
@@ -686,7 +686,7 @@ class Agent(MasterCase):
         self.assertEqual((agent.returncode, err), (0, b""))
         self.assertEqual(json.loads(out)["clause"], "<late/>")
 
-    def test_what_would_stop_the_daemon_is_not_sent(self):
+    def test_input_that_would_stop_the_daemon_is_refused(self):
         for text, why in ((b"<a>\x01</a>", "0x01 or 0x02"), (b"hello", "does not begin with '<'"),
                           (b'<a id="1">x</a>', "incomplete"), (b"<a>", "incomplete")):
             result = self.ctl("agent", feed=text)
@@ -694,7 +694,7 @@ class Agent(MasterCase):
             self.assertIn(why, result.errors[0])
         self.assertTrue(self.device.alive())
 
-    def test_raw_sends_all_the_same(self):
+    def test_raw_sends_any_input(self):
         agent = self.play("--raw")
         agent.stdin.write(b"<a/>")
         agent.stdin.flush()
@@ -713,12 +713,12 @@ class Agent(MasterCase):
         agent.terminate()
         self.assertEqual(agent.wait(TIMEOUT), 143)
 
-    def test_it_takes_one_device_by_its_address(self):
+    def test_it_requires_one_device_by_address(self):
         for words in (("-d", "@name"), ("-d", "127.0.0.1,127.0.0.2")):
             result = self.ctl(*words, "agent")
             self.assertEqual((result.status, len(result.errors)), (2, 1))
 
-    def test_no_daemon_is_one_line_and_status_255(self):
+    def test_a_missing_daemon_is_one_line_and_status_255(self):
         result = self.ctl("-d", "127.0.0.1:9", "agent")
         self.assertEqual((result.status, result.errors),
                          (255, ["runelctl: 127.0.0.1:9: Connection refused "

@@ -11,12 +11,12 @@ import unittest
 from support.ctl import BINARY, CtlCase
 from support.wait import TIMEOUT, wait_until
 
-# Colours, cursor movements, bells and the like.
+# Control sequences such as colors, cursor movements and bells.
 CONTROL = re.compile(rb"\x07|\r\x1b\[\d+G|\x1b\[[0-9;?]*[A-Za-z]|\x1b[=>]")
 
 
 class InPipe(CtlCase):
-    """Lines from a script: no prompt, no echo."""
+    """Lines from a pipe: no prompt, no echo."""
 
     def setUp(self):
         super().setUp()
@@ -30,11 +30,11 @@ class InPipe(CtlCase):
         result = self.feed(f"cat {self.path('a')}", "", "# nothing", "exec -- echo 'b  c'")
         self.assertEqual((result.status, result.out, result.err), (0, b"content\nb  c\n", b""))
 
-    def test_all_go_over_one_connection(self):
+    def test_all_commands_use_one_connection(self):
         self.feed("exec --background sleep 1000", "kill", "wait")
         self.assertEqual(self.log.count(r"accepted connection.*"), 1)
 
-    def test_the_folder_holds_for_remote_paths(self):
+    def test_the_directory_applies_to_remote_paths(self):
         os.makedirs(self.path("one/two"))
         self.file("one/two/f", b"x")
         result = self.feed("pwd", f"cd {self.directory}/one", "pwd", "cd two/../two", "ls", "cat f", "cd -",
@@ -42,14 +42,14 @@ class InPipe(CtlCase):
         self.assertEqual(result.text.splitlines(),
                          ["/", f"{self.directory}/one", "f", f"x{self.directory}/one", "/"])
 
-    def test_a_folder_that_is_none_is_refused(self):
+    def test_cd_requires_an_existing_directory(self):
         path = self.file("plain")
         result = self.feed(f"cd {path}", "pwd", "cd /no/such", "pwd")
         self.assertEqual(result.text, "/\n/\n")
         self.assertEqual(result.errors, [f"runelctl: {path}: Not a directory",
                                          "runelctl: /no/such: No such file or directory"])
 
-    def test_a_failure_does_not_end_it_and_the_last_status_is_its_own(self):
+    def test_a_failure_does_not_end_it_and_its_exit_status_is_the_last_one(self):
         result = self.feed("sh 'exit 3'", "no-such-command", "cat 'unfinished", "shell", "exec echo on",
                            "sh 'exit 7'")
         self.assertEqual((result.status, result.out, len(result.errors)), (7, b"on\n", 3))
@@ -58,7 +58,7 @@ class InPipe(CtlCase):
         self.assertEqual(self.feed("exit 5", "exec echo no").status, 5)
         self.assertEqual(self.feed("sh 'exit 4'", "quit", "exec echo no").status, 4)
 
-    def test_quotes_and_backslashes_keep_words_together(self):
+    def test_quotes_and_backslashes_form_words(self):
         name = self.path("a 'b' \"c\" #d")
         self.file("a 'b' \"c\" #d", b"found")
         for typed in (f"cat {self.directory}/a\\ \\'b\\'\\ \\\"c\\\"\\ \\#d",
@@ -66,7 +66,7 @@ class InPipe(CtlCase):
                       f"cat {self.directory}/'a '\\''b'\\'' \"c\" #d' # comment"):
             self.assertEqual(self.feed(typed).out, b"found", (typed, name))
 
-    def test_the_local_folder_can_be_changed(self):
+    def test_the_local_directory_can_be_changed(self):
         os.mkdir(self.path("local"))
         self.file("local/data", b"sent")
         self.assertEqual(self.feed(f"lcd {self.path('local')}",
@@ -74,20 +74,20 @@ class InPipe(CtlCase):
         self.assertEqual(self.content("copy"), b"sent")
         self.assertEqual(self.feed("lcd /no/such").status, 1)
 
-    def test_options_hold_for_every_line(self):
+    def test_options_apply_to_every_line(self):
         result = self.feed("fileexists /", "fileexists /none", options=("--json",))
         self.assertEqual([object["ok"] for object in result.objects], [True, False])
 
-    def test_a_line_may_name_another_device(self):
+    def test_a_line_may_select_another_device(self):
         result = self.feed("-d 127.0.0.1:9 hostid", "hostid")
         self.assertEqual((result.status, len(result.errors), result.out.count(b"\n")), (0, 1, 1))
 
-    def test_several_devices_are_asked_at_once(self):
+    def test_several_devices_run_in_parallel(self):
         result = self.feed("exec echo hi", options=("-d", "127.0.0.1,127.0.0.2"))
         self.assertEqual(result.status, 0)
         self.assertIn(b"(2 devices)\nhi\n", result.out)
 
-    def test_a_connection_that_was_lost_is_made_anew(self):
+    def test_a_lost_connection_is_opened_again(self):
         process = self.start("shell", stdin=subprocess.PIPE)
         process.stdin.write(b"exec echo 1\n")
         process.stdin.flush()
@@ -129,7 +129,7 @@ class Terminal(CtlCase):
             try:
                 self.shown += os.read(self.end, 65536)
             except OSError:
-                pass  # the other side has gone
+                pass  # the process has ended
         return CONTROL.sub(b"", self.shown).decode(errors="replace")
 
     def wait_shown(self, text):
@@ -148,7 +148,7 @@ class Terminal(CtlCase):
         os.write(self.end, b"\x04")
         self.assertEqual(self.process.wait(TIMEOUT), 0)
 
-    def test_the_prompt_names_device_and_folder(self):
+    def test_the_prompt_names_device_and_directory(self):
         self.open()
         self.assertIn("127.0.0.1:/> ", self.read())
         self.type(f"cd {self.directory}\r", f"127.0.0.1:{self.directory}> ")
@@ -165,18 +165,18 @@ class Terminal(CtlCase):
         self.leave()
 
     def test_remote_paths_are_completed(self):
-        os.makedirs(self.path("some-folder"))
-        self.file("some-folder/a b'c", b"odd name\n")
-        self.file("some-folder/\x1b[2J", b"")
+        os.makedirs(self.path("some-directory"))
+        self.file("some-directory/a b'c", b"odd name\n")
+        self.file("some-directory/\x1b[2J", b"")
         self.open()
         self.type(f"cd {self.directory}\r", f"{self.directory}> ")
-        self.type("cat som\t", "some-folder/")
+        self.type("cat som\t", "some-directory/")
         self.type("\t\r", "odd name")
         self.wait_shown("> ")
-        self.type("cd so\t\r", "some-folder> ")
+        self.type("cd so\t\r", "some-directory> ")
         self.leave()
 
-    def test_what_could_be_meant_is_listed(self):
+    def test_several_candidates_are_listed(self):
         self.open()
         self.type("re\t", "re")
         self.type("\t", "readdir")
@@ -185,7 +185,7 @@ class Terminal(CtlCase):
         self.type("\x15\r", "> ")
         self.leave()
 
-    def test_lines_are_remembered_across_sessions_for_the_user_alone(self):
+    def test_the_history_is_private_and_persistent(self):
         self.open()
         self.type("exec echo one\r", "\none")
         self.wait_shown("> ")
@@ -197,7 +197,7 @@ class Terminal(CtlCase):
         self.type("\r", "\none")
         self.leave()
 
-    def test_an_interrupt_drops_the_line_and_stops_a_command(self):
+    def test_an_interrupt_discards_the_line_or_stops_a_command(self):
         self.open()
         self.type("exec echo never", "never")
         self.type("\x03", "> ")
@@ -219,7 +219,7 @@ class Terminal(CtlCase):
                 continue
         return False
 
-    def test_a_device_that_is_silent_does_not_stop_the_typing(self):
+    def test_a_device_that_does_not_answer_does_not_block_the_line_editor(self):
         came = []
 
         def listen(connected):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every task and every command on one device."""
+"""All tasks and commands on one device."""
 import base64
 import json
 import os
@@ -28,7 +28,7 @@ class OneDevice(CtlCase):
 
 
 class Tasks(OneDevice):
-    def test_every_task_is_a_subcommand_under_its_own_name(self):
+    def test_every_task_is_a_subcommand(self):
         shown = self.succeed("--help").text
         for task in ("access", "append", "blinkleds", "changeleds", "chmodx", "devicetype", "exec",
                      "fileexists", "freeblocks", "hostid", "kill", "lstat", "processrunning",
@@ -37,7 +37,7 @@ class Tasks(OneDevice):
             self.assertRegex(shown, rf"(?m)^  {task} ")
             self.assertIn("Usage: runelctl " + task, self.succeed(task, "--help").text)
 
-    def test_status_tasks_answer_by_their_exit_status_alone(self):
+    def test_status_tasks_have_only_an_exit_status(self):
         path = self.file("a", b"x")
         for words in (("fileexists", path), ("access", path, "4"), ("append", path, "y"),
                       ("chmodx", path), ("rename", path, self.path("b")),
@@ -49,7 +49,7 @@ class Tasks(OneDevice):
         with open("/var/lib/runeld/umstate/key", "rb") as file:
             self.assertEqual(file.read(), b"state")
 
-    def test_text_tasks_show_their_text(self):
+    def test_text_tasks_print_their_text(self):
         path = self.file("a", b"\x00\xff\n")
         self.assertEqual(self.succeed("read", path).out, b"\x00\xff\n")
         self.assertRegex(self.succeed("hostid").text, r"^\w+\n$")
@@ -62,18 +62,18 @@ class Tasks(OneDevice):
         self.assertEqual(self.succeed("readdir", self.path("d")).out, b"StringVec 1\n3:one\n")
         self.assertRegex(self.succeed("walktree", self.path("d")).text, r"^d .* \.\n- .* one\n$")
 
-    def test_data_comes_from_standard_input_for_a_dash(self):
+    def test_a_dash_reads_data_from_standard_input(self):
         data = bytes(range(256)) * 300
         self.succeed("write", self.path("a"), "-", feed=data)
         self.succeed("append", self.path("a"), "-", feed=b"end")
         self.assertEqual(self.content("a"), data + b"end")
 
-    def test_an_empty_argument_stays_an_empty_argument(self):
+    def test_an_empty_argument_is_preserved(self):
         path = self.file("a", b"old")
         self.succeed("write", path, "")
         self.assertEqual(self.content("a"), b"")
 
-    def test_the_leds_are_driven(self):
+    def test_leds_are_switched(self):
         subprocess.run(["mount", "-t", "tmpfs", "leds", "/sys/class"], check=True)
         self.addCleanup(subprocess.run, ["umount", "-l", "/sys/class"], check=True)
         for name in ("first", "second"):
@@ -85,15 +85,15 @@ class Tasks(OneDevice):
             self.assertEqual(file.read().strip(), "1")
         self.succeed("blinkleds", "on")
 
-    def test_leds_that_are_not_there_are_told(self):
+    def test_missing_leds_are_reported(self):
         self.fails(("blinkleds", "no-such-style"), 1, "blinkleds no-such-style: Invalid argument")
         self.fails(("changeleds", "1", "0"), 1, "changeleds 1: No such file or directory")
 
-    def test_kill_and_wait_find_nothing_on_a_connection_of_their_own(self):
+    def test_kill_and_wait_find_nothing_on_a_new_connection(self):
         self.fails(("kill",), 1, "kill: No such process")
         self.fails(("wait",), 1, "wait: No child processes")
 
-    def test_a_failed_task_is_one_line_with_the_systems_text(self):
+    def test_a_failed_task_is_one_line_with_the_system_error(self):
         missing = self.path("missing")
         result = self.fails(("unlink", missing), 1, "No such file or directory")
         self.assertEqual(result.errors, [f"runelctl: 127.0.0.1: unlink {missing}: "
@@ -103,12 +103,12 @@ class Tasks(OneDevice):
 
 
 class Programs(OneDevice):
-    def test_exec_passes_output_and_status_on(self):
+    def test_exec_returns_output_and_status(self):
         self.assertEqual(self.succeed("exec", "--", "printf", r"a\n\000b").out, b"a\n\x00b")
         result = self.ctl("exec", "--", "sh", "-c", "echo out; echo err >&2; exit 42")
         self.assertEqual((result.status, result.out, result.err), (42, b"out\nerr\n", b""))
 
-    def test_exec_takes_options_of_the_program_as_its_arguments(self):
+    def test_exec_passes_options_to_the_program(self):
         self.assertEqual(self.succeed("exec", "echo", "-n", "--json", "ls").out, b"--json ls")
         self.assertEqual(self.succeed("exec", "--", "echo", "--", "x").out, b"-- x\n")
 
@@ -122,20 +122,20 @@ class Programs(OneDevice):
         self.succeed("exec", "--background", "sleep", "1000")
         self.assertEqual(self.succeed("ps", "sleep").out, b"sleep runs\n")
 
-    def test_sh_runs_a_line(self):
+    def test_sh_runs_a_command_line(self):
         self.assertEqual(self.succeed("sh", "echo $((6*7)); :").out, b"42\n")
         self.assertEqual(self.ctl("sh", "exit 3").status, 3)
         self.assertEqual(self.ctl("sh", "--timeout", "1", "sleep 60").status, 124)
 
-    def test_ps_answers_in_words_and_status(self):
+    def test_ps_prints_a_sentence_and_returns_a_status(self):
         self.assertEqual(self.succeed("ps", "runeld").out, b"runeld runs\n")
-        result = self.ctl("ps", "nobody-has-this")
+        result = self.ctl("ps", "no-such-process")
         self.assertEqual((result.status, result.out, result.err),
-                         (1, b"nobody-has-this does not run\n", b""))
+                         (1, b"no-such-process does not run\n", b""))
 
 
 class Looking(OneDevice):
-    def test_cat_shows_files_one_after_the_other(self):
+    def test_cat_prints_files_one_after_the_other(self):
         paths = [self.file("a", b"1\n"), self.file("b", b"\xff")]
         self.assertEqual(self.succeed("cat", *paths).out, b"1\n\xff")
         result = self.ctl("cat", paths[0], self.path("none"), paths[1])
@@ -162,7 +162,7 @@ class Looking(OneDevice):
         status, shown = self.on_terminal("ls", self.path("d"))
         self.assertEqual((status, shown), (0, b"a\\x1b[31m\\n\\xff\\\\\r\n"))
 
-    def test_ls_in_full(self):
+    def test_ls_long_format(self):
         os.mkdir(self.path("d"))
         path = self.file("d/file", b"12345")
         os.chmod(path, 0o4751)
@@ -174,21 +174,21 @@ class Looking(OneDevice):
         os.mkdir(self.path("d/empty"))
         self.assertEqual(self.succeed("ls", "-l", self.path("d/empty")).out, b"")
 
-    def test_tree_shows_what_is_below(self):
+    def test_tree_prints_a_directory_tree(self):
         os.makedirs(self.path("d/sub"))
         self.file("d/sub/file", b"x" * 2048)
         os.symlink("sub/file", self.path("d/to"))
         self.assertEqual(self.succeed("tree", self.path("d")).text,
                          f"{self.path('d')}/\n  sub/\n    file  2.0 KiB\n  to -> sub/file\n")
 
-    def test_df_is_made_of_freeblocks(self):
+    def test_df_uses_freeblocks(self):
         found = self.succeed("df", "--json", "/").objects[0]
         about = os.statvfs("/")
         self.assertEqual(found["block_size"], about.f_frsize)
         self.assertAlmostEqual(found["free_blocks"], about.f_bavail, delta=about.f_bavail * 0.1 + 1000)
         self.assertRegex(self.succeed("df").text, r"^/: \d+ blocks of \d+ bytes free, .*B\n$")
 
-    def test_stat_is_readable_and_has_the_tasks_own_line(self):
+    def test_stat_is_human_readable_or_raw(self):
         path = self.file("a", b"123")
         os.symlink(path, self.path("to"))
         self.assertRegex(self.succeed("stat", self.path("to")).text,
@@ -211,7 +211,7 @@ class Looking(OneDevice):
 
 
 class TheDevice(OneDevice):
-    def test_info_at_a_glance(self):
+    def test_info(self):
         self.assertRegex(self.succeed("info").text,
                          r"hostid: +\w+\ndevicetype: +\w+\nkernel: +\S+\nhostname: +\S+\n"
                          r"uptime: +\d+ days, \d\d:\d\d\nfree on /: +[\d.]+ \w+\n$")
@@ -253,7 +253,7 @@ class ForScripts(OneDevice):
                          (1, "127.0.0.1", "hostid", True, 0))
         self.assertTrue(found["output"])
 
-    def test_json_says_where_it_failed_and_whether_to_try_again(self):
+    def test_json_has_the_place_of_a_failure_and_whether_it_is_transient(self):
         def found(*words):
             result = self.ctl("--json", *words)
             self.assertEqual(result.err, b"")
@@ -284,10 +284,10 @@ class ForScripts(OneDevice):
         self.fails(("exec", "--timeout", "5", "--background", "true"), 2, "excludes")
         self.fails(("--wave", "1,x", "hostid"), 2, "--wave")
 
-    def test_the_version_is_the_projects(self):
+    def test_the_version_matches_the_project(self):
         self.assertRegex(self.succeed("--version").text, r"^runelctl \d+\.\d+\.\d+\n$")
 
-    def test_colours_come_on_a_terminal_or_when_asked_for(self):
+    def test_colors_are_used_on_a_terminal_or_on_request(self):
         red = b"\x1b[31m"
         words = ("unlink", "/none")
         self.assertNotIn(red, self.ctl(*words).err)
@@ -308,13 +308,13 @@ class ForScripts(OneDevice):
         result = self.succeed("--json", "hostid", env={"RUNELCTL_DEVICE": "127.0.0.9"})
         self.assertEqual(result.objects[0]["device"], "127.0.0.9")
 
-    def test_a_reader_that_goes_away_ends_it_by_sigpipe(self):
+    def test_a_closed_pipe_ends_it_by_sigpipe(self):
         path = self.file("big", b"x" * 4000000)
         process = self.start("cat", path)
         process.stdout.close()
         self.assertEqual(process.wait(60), -signal.SIGPIPE)
 
-    def test_signals_end_it_at_once(self):
+    def test_signals_end_it_immediately(self):
         asked = threading.Semaphore(0)
 
         def never_answer(connected):

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whom the master lets in.
+// The devices that the master allows.
 #include "master/access_list.h"
 
 #include <string>
@@ -13,14 +13,14 @@ constexpr std::uint32_t at(std::uint32_t a, std::uint32_t b, std::uint32_t c, st
   return (a << 24U) | (b << 16U) | (c << 8U) | d;
 }
 
-TEST(AccessListTest, LetsEverybodyInWhenItIsEmpty) {
+TEST(AccessListTest, AllowsAllDevicesWhenEmpty) {
   const AccessList list;
   EXPECT_TRUE(list.allowsAddress(at(1, 2, 3, 4)));
   EXPECT_TRUE(list.allowsHostid("any"));
   EXPECT_TRUE(list.allowsHostid(""));
 }
 
-TEST(AccessListTest, LetsInListedAddressesAndNetworks) {
+TEST(AccessListTest, AllowsListedAddressesAndNetworks) {
   AccessList list;
   ASSERT_TRUE(list.addAddresses("10.1.2.3,192.168.4.77/24"));
   EXPECT_TRUE(list.allowsAddress(at(10, 1, 2, 3)));
@@ -31,7 +31,7 @@ TEST(AccessListTest, LetsInListedAddressesAndNetworks) {
   EXPECT_TRUE(list.allowsHostid("any"));
 }
 
-TEST(AccessListTest, KnowsNetworksOfAllSizes) {
+TEST(AccessListTest, SupportsNetworksOfAllSizes) {
   AccessList all;
   ASSERT_TRUE(all.addAddresses("9.9.9.9/0"));
   EXPECT_TRUE(all.allowsAddress(at(255, 255, 255, 255)));
@@ -41,7 +41,7 @@ TEST(AccessListTest, KnowsNetworksOfAllSizes) {
   EXPECT_FALSE(one.allowsAddress(at(9, 9, 9, 8)));
 }
 
-TEST(AccessListTest, RefusesWhatIsNoAddress) {
+TEST(AccessListTest, RejectsInvalidAddresses) {
   for (const char* text : {"", "1.2.3", "1.2.3.4/", "1.2.3.4/33", "1.2.3.4/x", "1.2.3.4/-1", "name",
                            "1.2.3.4,", "1.2.3.4,,5.6.7.8", "1.2.3.4 "}) {
     AccessList list;
@@ -49,7 +49,7 @@ TEST(AccessListTest, RefusesWhatIsNoAddress) {
   }
 }
 
-TEST(AccessListTest, LetsInListedHostids) {
+TEST(AccessListTest, AllowsListedHostids) {
   AccessList list;
   ASSERT_TRUE(list.addHostids("one,two"));
   EXPECT_TRUE(list.allowsHostid("two"));
@@ -57,7 +57,7 @@ TEST(AccessListTest, LetsInListedHostids) {
   EXPECT_FALSE(list.allowsHostid(""));
 }
 
-TEST(AccessListTest, RefusesHostidsThatNoDeviceCanHave) {
+TEST(AccessListTest, RejectsInvalidHostids) {
   for (const char* text : {"", "a b", "a,", "a,,b", "\x1b[2J"}) {
     AccessList list;
     EXPECT_FALSE(list.addHostids(text)) << text;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client library, as any other program could use it: linked without the rest of runelctl.
+// The client library, linked without the rest of runelctl.
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +30,7 @@ std::string answer(const std::string& output) {
   return "\x01" + std::to_string(record.size()) + "\x02" + record;
 }
 
-// Listens on the loopback and lives in the same loop as the device's other end.
+// A listener on the loopback, in the same loop as the device under test.
 class Peer {
  public:
   explicit Peer(Loop& loop)
@@ -69,7 +69,7 @@ class Peer {
     listener_.reset();
   }
 
-  /// All that came on a connection so far, each time that something comes.
+  /// Called with all data of a connection so far, whenever data arrives.
   std::function<void(int fd, const std::string& bytes)> heard = [](int, const std::string&) {};
   int accepted = 0;
 
@@ -126,7 +126,7 @@ class ClientTest : public ::testing::Test {
   std::vector<Reply> replies;
 };
 
-TEST_F(ClientTest, RequestsGoOutBeforeTheFirstIsAnswered) {
+TEST_F(ClientTest, SendsRequestsBeforeTheFirstAnswer) {
   peer.heard = [&](int fd, const std::string& bytes) {
     if (countOf(bytes, "SlaveTask") == 3) {
       peer.say(fd, answer("one") + answer("two") + answer("three"));
@@ -142,7 +142,7 @@ TEST_F(ClientTest, RequestsGoOutBeforeTheFirstIsAnswered) {
   EXPECT_EQ(peer.accepted, 1);
 }
 
-TEST_F(ClientTest, SilenceEndsAllThatWaits) {
+TEST_F(ClientTest, TimeoutFailsAllPendingRequests) {
   limits.silence = Milliseconds(30);
   Device device(loop, peer.target(), limits);
   device.ask(request({"hostid"}), keep());
@@ -156,7 +156,7 @@ TEST_F(ClientTest, SilenceEndsAllThatWaits) {
   }
 }
 
-TEST_F(ClientTest, AfterALossTheNextRequestMakesANewConnection) {
+TEST_F(ClientTest, NextRequestAfterALossOpensANewConnection) {
   peer.heard = [&](int fd, const std::string&) {
     if (peer.accepted == 1) {
       peer.hangUp(fd);
@@ -175,7 +175,7 @@ TEST_F(ClientTest, AfterALossTheNextRequestMakesANewConnection) {
   EXPECT_EQ(peer.accepted, 2);
 }
 
-TEST_F(ClientTest, AHandlerMayAskAgain) {
+TEST_F(ClientTest, HandlerMaySendAnotherRequest) {
   peer.heard = [&](int fd, const std::string&) { peer.say(fd, answer("x")); };
   Device device(loop, peer.target(), limits);
   int left = 5;
@@ -189,7 +189,7 @@ TEST_F(ClientTest, AHandlerMayAskAgain) {
   EXPECT_EQ(peer.accepted, 1);
 }
 
-TEST_F(ClientTest, NobodyThereIsUnreachable) {
+TEST_F(ClientTest, RefusedConnectionIsUnreachable) {
   const Target target = peer.target();
   peer.stopListening();
   Device device(loop, target, limits);
@@ -210,7 +210,7 @@ TEST_F(ClientTest, GarbageIsAProtocolError) {
   EXPECT_FALSE(replies[0].broken->retry());
 }
 
-TEST_F(ClientTest, WhatIsAbandonedIsNotAnswered) {
+TEST_F(ClientTest, AbandonedRequestsAreNotAnswered) {
   bool heard = false;
   peer.heard = [&](int fd, const std::string&) {
     heard = true;
@@ -226,14 +226,14 @@ TEST_F(ClientTest, WhatIsAbandonedIsNotAnswered) {
   EXPECT_TRUE(replies.empty());
 }
 
-TEST_F(ClientTest, RestartIsDoneWhenItHasGoneOut) {
+TEST_F(ClientTest, RestartIsCompleteWhenSent) {
   Device device(loop, peer.target(), limits);
   device.ask(request({"restart"}), keep());
   runUntil([&] { return replies.size() == 1; });
   EXPECT_FALSE(replies[0].broken);
 }
 
-TEST_F(ClientTest, ADryRunConnectsToNobody) {
+TEST_F(ClientTest, DryRunDoesNotConnect) {
   std::vector<std::string> payloads;
   Device device(loop, peer.target(), limits);
   device.setDryRun([&](const Target&, const std::string& payload) { payloads.push_back(payload); });

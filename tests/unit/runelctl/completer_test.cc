@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a tab offers in the shell.
+// Completion in the shell.
 #include <string>
 #include <vector>
 
@@ -34,36 +34,36 @@ class CompleterTest : public ::testing::Test {
   Completer::Offer offer(const std::string& before) {
     const Completer completer(
         tables(), {"cd", "lcd"},
-        [this](const std::string& folder) {
-          asked.push_back(folder);
+        [this](const std::string& directory) {
+          asked.push_back(directory);
           return remote;
         },
         [](const std::string&) {
-          return std::vector<FolderEntry>{{"local-file", false}, {"local-folder", true}};
+          return std::vector<DirectoryEntry>{{"local-file", false}, {"local-directory", true}};
         });
     return completer.complete(before);
   }
   Words words(const std::string& before) { return offer(before).words; }
 
-  std::vector<FolderEntry> remote{
+  std::vector<DirectoryEntry> remote{
       {"etc", true}, {"exe", false}, {".hidden", false}, {"a b", false}};
   Words asked;
 };
 
-TEST_F(CompleterTest, OffersCommandsAndTheShellsOwnFirst) {
+TEST_F(CompleterTest, OffersCommandsAndShellCommandsFirst) {
   EXPECT_EQ(words("l"), (Words{"lcd", "ls", "lstat"}));
   EXPECT_EQ(words("--json l"), (Words{"lcd", "ls", "lstat"}));
   EXPECT_EQ(words("--color always pi"), (Words{"ping"}));
   EXPECT_EQ(words("nothing-like-that"), Words());
 }
 
-TEST_F(CompleterTest, ReplacesTheWordThatIsBeingTyped) {
+TEST_F(CompleterTest, ReplacesTheCurrentWord) {
   EXPECT_EQ(offer("ls /e").begin, 3U);
   EXPECT_EQ(offer("ls ").begin, 3U);
   EXPECT_EQ(offer("").begin, 0U);
 }
 
-TEST_F(CompleterTest, OffersGeneralOptionsAndTheCommandsOwn) {
+TEST_F(CompleterTest, OffersGeneralAndCommandOptions) {
   EXPECT_EQ(words("--d"), (Words{"--device", "--devices"}));
   EXPECT_EQ(words("push --c"), (Words{"--checksum", "--color"}));
   EXPECT_EQ(words("ls --c"), (Words{"--color"}));
@@ -71,57 +71,57 @@ TEST_F(CompleterTest, OffersGeneralOptionsAndTheCommandsOwn) {
 
 TEST_F(CompleterTest, OffersTheValuesOfAnOption) {
   EXPECT_EQ(words("ls --color a"), (Words{"always", "auto"}));
-  EXPECT_EQ(words("--devices "), (Words{"local-file", "local-folder/"}));
-  EXPECT_EQ(words("ping -c "), Words()) << "a number cannot be guessed";
-  EXPECT_EQ(words("-d l"), Words()) << "and is not taken for the command";
+  EXPECT_EQ(words("--devices "), (Words{"local-directory/", "local-file"}));
+  EXPECT_EQ(words("ping -c "), Words()) << "a number has no candidates";
+  EXPECT_EQ(words("-d l"), Words()) << "and is not the command";
 }
 
-TEST_F(CompleterTest, OffersPathsOfTheSideThatTheArgumentIsOn) {
+TEST_F(CompleterTest, OffersRemoteOrLocalPathsByArgument) {
   EXPECT_EQ(words("ls e"), (Words{"etc/", "exe"}));
-  EXPECT_EQ(words("push l"), (Words{"local-file", "local-folder/"}));
+  EXPECT_EQ(words("push l"), (Words{"local-directory/", "local-file"}));
   EXPECT_EQ(words("push x e"), (Words{"etc/", "exe"}));
-  EXPECT_EQ(words("push x y e"), (Words{"etc/", "exe"})) << "the last one stands for all others";
+  EXPECT_EQ(words("push x y e"), (Words{"etc/", "exe"})) << "the last argument repeats";
   EXPECT_EQ(words("ping e"), Words());
 }
 
-TEST_F(CompleterTest, OffersTheShellsOwnCommandsTheirSide) {
+TEST_F(CompleterTest, OffersRemoteOrLocalPathsToShellCommands) {
   EXPECT_EQ(words("cd e"), (Words{"etc/", "exe"}));
-  EXPECT_EQ(words("lcd l"), (Words{"local-file", "local-folder/"}));
+  EXPECT_EQ(words("lcd l"), (Words{"local-directory/", "local-file"}));
 }
 
-TEST_F(CompleterTest, AsksForTheFolderThatWasTyped) {
+TEST_F(CompleterTest, ListsTheTypedDirectory) {
   EXPECT_EQ(words("ls /var/e"), (Words{"/var/etc/", "/var/exe"}));
   EXPECT_EQ(words("ls /e"), (Words{"/etc/", "/exe"}));
   EXPECT_EQ(words("ls e"), (Words{"etc/", "exe"}));
   EXPECT_EQ(asked, (Words{"/var/", "/", "."}));
 }
 
-TEST_F(CompleterTest, HiddenNamesAreOfferedToADotAlone) {
+TEST_F(CompleterTest, OffersHiddenNamesOnlyAfterADot) {
   EXPECT_EQ(words("ls "), (Words{"a\\ b", "etc/", "exe"}));
   EXPECT_EQ(words("ls ."), (Words{".hidden"}));
 }
 
-TEST_F(CompleterTest, NamesAreQuotedAsTheyAreTyped) {
+TEST_F(CompleterTest, QuotesNames) {
   EXPECT_EQ(words("ls a"), (Words{"a\\ b"}));
   EXPECT_EQ(words("ls 'a "), (Words{"a\\ b"})) << "in place of the open quote";
 }
 
-TEST_F(CompleterTest, ANameThatNobodyCanTypeIsNotOffered) {
+TEST_F(CompleterTest, DoesNotOfferNamesWithControlCharacters) {
   remote = {{"\x1b[2J", false}, {"a\nb", false}, {"\x7f", false}, {"\xc3\xa4", false}};
   EXPECT_EQ(words("ls "), (Words{"\xc3\xa4"}));
 }
 
-TEST(SharedBeginningTest, IsAsLongAsAllShare) {
+TEST(SharedBeginningTest, IsTheLongestCommonPrefix) {
   EXPECT_EQ(sharedBeginning({}), "");
   EXPECT_EQ(sharedBeginning({"abc"}), "abc");
   EXPECT_EQ(sharedBeginning({"abc", "abd", "ab"}), "ab");
   EXPECT_EQ(sharedBeginning({"a", "b"}), "");
 }
 
-TEST(SharedBeginningTest, EndsWithAWholeCharacter) {
+TEST(SharedBeginningTest, EndsWithACompleteCharacter) {
   EXPECT_EQ(sharedBeginning({"x\xc3\xa4", "x\xc3\xb6"}), "x");
   EXPECT_EQ(sharedBeginning({"x\xe2\x82\xac", "x\xe2\x82\xa9"}), "x");
-  EXPECT_EQ(sharedBeginning({"a\\ b", "a\\'b"}), "a") << "half of an escaped one is none";
+  EXPECT_EQ(sharedBeginning({"a\\ b", "a\\'b"}), "a") << "never cut inside an escape sequence";
   EXPECT_EQ(sharedBeginning({"a\\\\b", "a\\\\c"}), "a\\\\");
 }
 

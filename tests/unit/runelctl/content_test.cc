@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes over the wire and comes back: checksums, archives, the texts of tasks.
+// Transferred content: checksums, archives, the answers of tasks.
 #include <array>
 #include <cstdio>
 #include <memory>
@@ -25,7 +25,7 @@ std::string sha256(const std::string& text) {
   return hash.finish();
 }
 
-TEST(Sha256Test, GivesThePublishedSums) {
+TEST(Sha256Test, MatchesThePublishedTestVectors) {
   EXPECT_EQ(sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   EXPECT_EQ(sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(sha256("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
@@ -34,7 +34,7 @@ TEST(Sha256Test, GivesThePublishedSums) {
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
-TEST(Sha256Test, DoesNotCareHowTheTextIsCut) {
+TEST(Sha256Test, IsIndependentOfTheSplittingOfTheInput) {
   std::string text(1000, '\0');
   for (std::size_t i = 0; i < text.size(); ++i) {
     text[i] = static_cast<char>(i * 7);
@@ -48,10 +48,10 @@ TEST(Sha256Test, DoesNotCareHowTheTextIsCut) {
   }
 }
 
-// What the tar of this host reads out of an archive.
+// The listing of an archive by the tar of this host.
 std::string listed(const std::string& archive) {
-  const test::TempDir folder;
-  const std::string path = folder.path() + "/a";
+  const test::TempDir directory;
+  const std::string path = directory.path() + "/a";
   std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
   std::fwrite(archive.data(), 1, archive.size(), file.get());
   file.reset();
@@ -70,14 +70,14 @@ TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
             "-rwsr-xr-x 0/0               0 1970-01-01 00:00:01.000000005 1\n");
 }
 
-TEST(ArchiveTest, HoldsFoldersWithModeOwnerAndNanoseconds) {
+TEST(ArchiveTest, StoresDirectoriesWithModeOwnerAndNanoseconds) {
   Archive archive;
-  archive.addFolder("a/.", {02750, 12, 34, {1600000000, 123456789}});
+  archive.addDirectory("a/.", {02750, 12, 34, {1600000000, 123456789}});
   EXPECT_EQ(listed(archive.finish()),
             "drwxr-s--- 12/34             0 2020-09-13 12:26:40.123456789 a/.\n");
 }
 
-TEST(ArchiveTest, FillsWholeBlocks) {
+TEST(ArchiveTest, ConsistsOfCompleteBlocks) {
   for (const std::size_t size : {0U, 1U, 511U, 512U, 513U}) {
     Archive archive;
     archive.add("0", {0644, 0, 0, {0, 0}}, std::string(size, 'x'));
@@ -85,7 +85,7 @@ TEST(ArchiveTest, FillsWholeBlocks) {
   }
 }
 
-TEST(RecordsTest, WalkedNamesAreReadBackExactly) {
+TEST(RecordsTest, TreeNamesAreUnescaped) {
   const auto tree = parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
   ASSERT_TRUE(tree);
   EXPECT_EQ((*tree)[0].path, "a\nb");
@@ -94,7 +94,7 @@ TEST(RecordsTest, WalkedNamesAreReadBackExactly) {
   EXPECT_EQ((*tree)[1].size, 3U);
 }
 
-TEST(RecordsTest, OtherTextsAreRefused) {
+TEST(RecordsTest, MalformedTextIsRejected) {
   for (const char* text : {"x", "- 0644 1 2 3 4 \n", "- 0644 1 2 3 4 a", "l 0777 0 0 0 5 a\n",
                            "- 0644 1 2 3 4 a\\q\n", "- 0644 1 2 3 x a\n"}) {
     EXPECT_FALSE(parseTree(text)) << text;
@@ -110,17 +110,17 @@ TEST(RecordsTest, NamesMayHoldAnyByte) {
   EXPECT_EQ(parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
 }
 
-TEST(RecordsTest, PathsAreTakenApart) {
+TEST(RecordsTest, PathsAreSplitAndJoined) {
   EXPECT_EQ(baseName("/a/b/"), "b");
   EXPECT_EQ(baseName("/"), "/");
-  EXPECT_EQ(folderOf("/a/b"), "/a");
-  EXPECT_EQ(folderOf("/a"), "/");
-  EXPECT_EQ(folderOf("a"), ".");
+  EXPECT_EQ(directoryOf("/a/b"), "/a");
+  EXPECT_EQ(directoryOf("/a"), "/");
+  EXPECT_EQ(directoryOf("a"), ".");
   EXPECT_EQ(joinPath("/a", "b"), "/a/b");
   EXPECT_EQ(joinPath("/a", "/b"), "/b");
 }
 
-TEST(ChecksumsTest, AreReadAlsoForNamesWithNewlines) {
+TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
   const std::string sum(64, 'a');
   EXPECT_EQ(parseChecksums(sum + "  x\n\\" + sum + "  a\\nb\n", 2),
             (std::vector<std::string>{sum, sum}));
@@ -143,7 +143,7 @@ TEST(ReplyTest, HasTheExitStatusOfAShell) {
   EXPECT_EQ(status(SlaveStatus::failure, State::none, 1, 2, 0), 1);
 }
 
-TEST(ErrorTest, SaysWhereAndWhetherToTryAgain) {
+TEST(ErrorTest, HasAPlaceAndIsTransientOrNot) {
   const auto about = [](Fault fault) {
     const Error error{fault, "", "", 0};
     return std::string(error.where()) + (error.retry() ? " yes" : " no");
@@ -156,7 +156,7 @@ TEST(ErrorTest, SaysWhereAndWhetherToTryAgain) {
   EXPECT_EQ(about(Fault::local), "local no");
 }
 
-TEST(PeerGuessTest, MakesNoneOfAFrame) {
+TEST(PeerGuessTest, IgnoresFramesAndRecognizesSsh) {
   EXPECT_EQ(guessPeer("\x01"), "");
   EXPECT_EQ(guessPeer(" \r\n\x01"), "");
   EXPECT_EQ(guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Which connections the master takes for slave connections.
+// The connections that the master uses as slave connections.
 #include "master/lineup.h"
 
 #include <chrono>
@@ -28,14 +28,14 @@ class LineupTest : public ::testing::Test {
   Lineup lineup_{Lineup::Rules{}};
 };
 
-TEST_F(LineupTest, TakesTheFirstOfAnAddressForItsSlaveConnection) {
+TEST_F(LineupTest, UsesTheFirstConnectionOfAnAddressAsSlaveConnection) {
   EXPECT_EQ(lineup_.opened(1, "a", start_), kSlave);
   EXPECT_EQ(lineup_.opened(2, "b", start_), kSlave);
   EXPECT_THAT(lineup_.slavesAt("a"), ElementsAre(1));
   EXPECT_THAT(lineup_.slavesAt("c"), IsEmpty());
 }
 
-TEST_F(LineupTest, TakesNoOtherForOneWhileThatLives) {
+TEST_F(LineupTest, UsesNoOtherConnectionWhileTheFirstIsOpen) {
   ASSERT_EQ(lineup_.opened(1, "a", start_), kSlave);
   EXPECT_EQ(lineup_.opened(2, "a", start_), kFurther);
   EXPECT_EQ(lineup_.opened(3, "a", start_), kFurther);
@@ -44,7 +44,7 @@ TEST_F(LineupTest, TakesNoOtherForOneWhileThatLives) {
   EXPECT_EQ(lineup_.countAt("a"), 3U);
 }
 
-TEST_F(LineupTest, TakesWhatOutlivesTheSlaveConnectionByFiveSeconds) {
+TEST_F(LineupTest, UsesAConnectionThatOutlivesTheSlaveConnectionByFiveSeconds) {
   (void)lineup_.opened(1, "a", start_);
   (void)lineup_.opened(2, "a", start_);
   lineup_.closed(1, start_ + seconds(10));
@@ -55,7 +55,7 @@ TEST_F(LineupTest, TakesWhatOutlivesTheSlaveConnectionByFiveSeconds) {
   EXPECT_THAT(lineup_.slavesAt("a"), ElementsAre(2));
 }
 
-TEST_F(LineupTest, TakesOnlyOneOfThoseThatOutliveIt) {
+TEST_F(LineupTest, UsesOnlyOneOfTheSurvivingConnections) {
   for (Lineup::Id id = 1; id <= 3; ++id) {
     (void)lineup_.opened(id, "a", start_);
   }
@@ -64,7 +64,7 @@ TEST_F(LineupTest, TakesOnlyOneOfThoseThatOutliveIt) {
   EXPECT_FALSE(lineup_.nextDue());
 }
 
-TEST_F(LineupTest, TakesTheNextOneAtOnceWhenTheSlaveConnectionIsLost) {
+TEST_F(LineupTest, UsesANewConnectionImmediatelyAfterTheSlaveConnectionIsLost) {
   (void)lineup_.opened(1, "a", start_);
   (void)lineup_.opened(2, "a", start_);
   lineup_.closed(1, start_);
@@ -72,7 +72,7 @@ TEST_F(LineupTest, TakesTheNextOneAtOnceWhenTheSlaveConnectionIsLost) {
   EXPECT_FALSE(lineup_.nextDue());
 }
 
-TEST_F(LineupTest, NeverTakesOneThatSpoke) {
+TEST_F(LineupTest, NeverUsesAConnectionThatSentData) {
   (void)lineup_.opened(1, "a", start_);
   (void)lineup_.opened(2, "a", start_);
   lineup_.spoke(2);
@@ -81,7 +81,7 @@ TEST_F(LineupTest, NeverTakesOneThatSpoke) {
   EXPECT_THAT(lineup_.due(start_ + seconds(100000)), IsEmpty());
 }
 
-TEST_F(LineupTest, ForgetsAnAddressThatHasNoConnection) {
+TEST_F(LineupTest, ForgetsAnAddressWithoutConnections) {
   (void)lineup_.opened(1, "a", start_);
   lineup_.closed(1, start_);
   EXPECT_EQ(lineup_.countAt("a"), 0U);
@@ -93,7 +93,7 @@ class SharedLineupTest : public LineupTest {
   Lineup shared_{Lineup::Rules{seconds(5), seconds(2)}};
 };
 
-TEST_F(SharedLineupTest, TakesWhatIsSilentForLongEnoughForAnotherDevice) {
+TEST_F(SharedLineupTest, TreatsASilentConnectionAsAnotherDevice) {
   (void)shared_.opened(1, "a", start_);
   ASSERT_EQ(shared_.opened(2, "a", start_), kFurther);
   EXPECT_EQ(shared_.nextDue(), start_ + seconds(2));
@@ -102,15 +102,16 @@ TEST_F(SharedLineupTest, TakesWhatIsSilentForLongEnoughForAnotherDevice) {
   EXPECT_THAT(shared_.slavesAt("a"), ElementsAre(1, 2));
 }
 
-TEST_F(SharedLineupTest, LeavesWhatSpeaksInTime) {
+TEST_F(SharedLineupTest, IgnoresAConnectionThatSendsDataInTime) {
   (void)shared_.opened(1, "a", start_);
   (void)shared_.opened(2, "a", start_);
   shared_.spoke(2);
   EXPECT_THAT(shared_.due(start_ + seconds(100)), IsEmpty());
 }
 
-// Whatever happens: no address has two slave connections, and what spoke is none.
-TEST_F(LineupTest, HoldsItsRulesThroughRandomEvents) {
+// In any sequence of events, an address has at most one slave connection, and a connection that
+// sent data is never one.
+TEST_F(LineupTest, KeepsItsRulesUnderRandomEvents) {
   std::mt19937 random(5);
   std::map<Lineup::Id, std::string> open;
   std::set<Lineup::Id> spoke;

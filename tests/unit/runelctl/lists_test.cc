@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What people type: waves, devices and lists of them, raw bytes.
+// Parsing of command line values: waves, devices, lists of devices, raw bytes.
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,16 +24,16 @@ Sizes waves(const std::string& text, std::size_t devices) {
 TEST(WavesTest, AddUpToAllDevices) {
   EXPECT_EQ(waves("1,10%,rest", 200), (Sizes{1, 20, 179}));
   EXPECT_EQ(waves("", 7), (Sizes{7}));
-  EXPECT_EQ(waves("1,2", 7), (Sizes{1, 2, 4})) << "what is left is one more";
+  EXPECT_EQ(waves("1,2", 7), (Sizes{1, 2, 4})) << "the remaining devices are one more wave";
   EXPECT_EQ(waves("5,5,5", 7), (Sizes{5, 2}));
   EXPECT_EQ(waves("100%", 7), (Sizes{7}));
 }
 
-TEST(WavesTest, AreOfOneDeviceAtLeast) {
+TEST(WavesTest, HaveAtLeastOneDevice) {
   EXPECT_EQ(waves("1%,rest", 7), (Sizes{1, 6}));
 }
 
-TEST(WavesTest, RefuseOtherWords) {
+TEST(WavesTest, RejectMalformedText) {
   for (const char* text : {"x", "0", "-1", "101%", "1,,2", "1.5", "10 %", "rest%"}) {
     Sizes sizes;
     EXPECT_FALSE(parseWaves(text, 10, sizes)) << text;
@@ -47,19 +47,19 @@ Target target(const std::string& text) {
   return parsed;
 }
 
-TEST(TargetTest, HasTheDevicesPortUnlessToldOtherwise) {
+TEST(TargetTest, HasTheDevicePortByDefault) {
   EXPECT_EQ(target("10.0.0.1").port, 5111);
   EXPECT_EQ(target("device-1.example:80").port, 80);
   EXPECT_EQ(target("device-1.example:80").host, "device-1.example");
 }
 
-TEST(TargetTest, WithAnAtIsBehindTheMaster) {
+TEST(TargetTest, WithAnAtSignIsBehindTheMaster) {
   EXPECT_EQ(target("@abc").through, "abc");
   EXPECT_TRUE(target("@abc").behindMaster());
   EXPECT_FALSE(target("abc").behindMaster());
 }
 
-TEST(TargetTest, RefusesWhatIsNoAddress) {
+TEST(TargetTest, RejectsInvalidAddresses) {
   for (const char* text : {"", "@", "a b", "a:", "a:0", "a:65536", "a:1x", ":1", "a/b", "::1"}) {
     Target parsed;
     std::string why;
@@ -68,7 +68,7 @@ TEST(TargetTest, RefusesWhatIsNoAddress) {
   }
 }
 
-TEST(TargetListTest, TakesEachOnceAndSkipsBlanks) {
+TEST(TargetListTest, RemovesDuplicatesAndBlanks) {
   std::vector<Target> targets;
   std::string why;
   EXPECT_TRUE(parseTargetList("a, b,,a:5111,a:1", targets, why));
@@ -87,13 +87,13 @@ TEST(TargetFileTest, HasNamesAndComments) {
   EXPECT_EQ(targets[1].name, "10.0.0.2:99");
 }
 
-TEST(RawTextTest, UndoesItsEscapes) {
+TEST(RawTextTest, ReplacesEscapes) {
   std::string bytes;
   EXPECT_TRUE(readRawText("a\\n\\t\\r\\\\\\x00\\xfF", bytes));
   EXPECT_EQ(bytes, std::string("a\n\t\r\\\0\xff", 7));
 }
 
-TEST(RawTextTest, RefusesOtherBackslashes) {
+TEST(RawTextTest, RejectsUnknownEscapes) {
   std::string bytes;
   for (const char* text : {"\\", "\\q", "\\x", "\\x0", "\\xg0"}) {
     EXPECT_FALSE(readRawText(text, bytes)) << text;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is shown of a run: objects for programs, the line of progress for people.
+// The output of a run: JSON objects, text and the progress bar.
 #include <cerrno>
 #include <string>
 
@@ -13,22 +13,22 @@
 namespace zell::ctl {
 namespace {
 
-Style forPrograms() {
+Style jsonStyle() {
   Style style;
   style.json = true;
   return style;
 }
 
-TEST(ClosingObjectTest, OfASuccessHasTheCommandsFields) {
-  const Style style = forPrograms();
+TEST(ClosingObjectTest, OfASuccessHasTheFieldsOfTheCommand) {
+  const Style style = jsonStyle();
   Report report(style);
   report.result()["files"] = 3;
   EXPECT_EQ(closingObject("a", "push", {}, report).dump(),
             R"({"v":1,"device":"a","task":"push","ok":true,"status":0,"files":3})");
 }
 
-TEST(ClosingObjectTest, OfAFailureSaysWhereAndWhetherToTryAgain) {
-  const Style style = forPrograms();
+TEST(ClosingObjectTest, OfAFailureHasPlaceRetryErrorAndHint) {
+  const Style style = jsonStyle();
   const Report report(style);
   const Error error{Fault::lost, "gone", "look", ECONNRESET};
   EXPECT_EQ(closingObject("a", "read", {255, error}, report).dump(),
@@ -37,7 +37,7 @@ TEST(ClosingObjectTest, OfAFailureSaysWhereAndWhetherToTryAgain) {
 }
 
 TEST(ClosingObjectTest, CarriesAnyBytes) {
-  const Style style = forPrograms();
+  const Style style = jsonStyle();
   Report report(style);
   report.warn("\xff");
   const Error error{Fault::task, "\xfe", "", 0};
@@ -46,7 +46,7 @@ TEST(ClosingObjectTest, CarriesAnyBytes) {
             R"("retry":false,"error_base64":"/g==","warnings":[{"text_base64":"/w=="}]})");
 }
 
-TEST(ErrorTest, EachFaultHasItsPlaceAndItsChance) {
+TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
   const struct {
     Fault fault;
     const char* where;
@@ -64,10 +64,10 @@ TEST(ErrorTest, EachFaultHasItsPlaceAndItsChance) {
   EXPECT_FALSE((Error{Fault::task, "", "", ENOENT}.retry()));
 }
 
-TEST(ReportTest, GivesPeopleTextAndProgramsObjects) {
-  const Style people;
-  const Style programs = forPrograms();
-  for (const Style* style : {&people, &programs}) {
+TEST(ReportTest, CollectsTextOrJsonObjects) {
+  const Style text;
+  const Style json = jsonStyle();
+  for (const Style* style : {&text, &json}) {
     Report report(*style);
     report.line("text");
     report.entry({{"entry", "name"}});
@@ -76,9 +76,9 @@ TEST(ReportTest, GivesPeopleTextAndProgramsObjects) {
   }
 }
 
-TEST(ReportTest, StreamsWhatSomebodyWaitsFor) {
-  const Style people;
-  Report report(people);
+TEST(ReportTest, StreamsOutputToTheHandler) {
+  const Style style;
+  Report report(style);
   std::string got;
   report.stream = [&](std::string_view bytes) { got += bytes; };
   report.bytes("a");
@@ -98,7 +98,7 @@ TEST(ProgressBarTest, ShowsNameBarAndPercent) {
   EXPECT_EQ(barFor({100, 100, "file"}, 80), "file [####################] 100%");
 }
 
-TEST(ProgressBarTest, LeavesOutWhatHasNoRoom) {
+TEST(ProgressBarTest, OmitsPartsThatDoNotFit) {
   EXPECT_EQ(barFor({50, 100, "file"}, 30), "[##########..........] 50%");
   EXPECT_EQ(barFor({50, 100, "file"}, 20), "file 50%");
   EXPECT_EQ(barFor({50, 100, "a-rather-long-name"}, 20), "50%");
@@ -107,7 +107,7 @@ TEST(ProgressBarTest, LeavesOutWhatHasNoRoom) {
   }
 }
 
-TEST(ProgressBarTest, BearsFiguresThatAreWrong) {
+TEST(ProgressBarTest, AcceptsInconsistentNumbers) {
   EXPECT_EQ(barFor({0, 0, "empty"}, 80), "empty [####################] 100%");
   EXPECT_EQ(barFor({300, 100, "grown"}, 80), "grown [####################] 100%");
 }
@@ -116,11 +116,11 @@ TEST(ProgressBarTest, EscapesTheName) {
   EXPECT_EQ(barFor({1, 1, "\x1b[2J\n"}, 80), "\\x1b[2J\\n [####################] 100%");
 }
 
-TEST(ProgressBarTest, TellsRateAndTimeLeftOnceItMoves) {
+TEST(ProgressBarTest, ShowsRateAndRemainingTime) {
   ProgressBar bar;
   (void)bar.text({0, 1ULL << 40U, "f"}, 80);
   std::string line;
-  // The clock may stand still for a moment.
+  // The clock may not advance between two calls.
   for (int i = 0; i < 1000000 && line.find("/s ") == std::string::npos; ++i) {
     line = bar.text({1ULL << 39U, 1ULL << 40U, "f"}, 80);
   }
@@ -129,19 +129,19 @@ TEST(ProgressBarTest, TellsRateAndTimeLeftOnceItMoves) {
   EXPECT_NE(line.find(':'), std::string::npos) << line;
 }
 
-TEST(StatusLineTest, IsForPeopleAtATerminal) {
+TEST(StatusLineTest, IsEnabledOnlyOnATerminalWithoutQuietAndJson) {
   Style style;
   EXPECT_FALSE(StatusLine(style).enabled());
   style.errTerminal = true;
   EXPECT_TRUE(StatusLine(style).enabled());
   style.quiet = true;
   EXPECT_FALSE(StatusLine(style).enabled());
-  style = forPrograms();
+  style = jsonStyle();
   style.errTerminal = true;
   EXPECT_FALSE(StatusLine(style).enabled());
 }
 
-TEST(StyleTest, EscapesNamesForATerminalAlone) {
+TEST(StyleTest, EscapesNamesOnlyForATerminal) {
   Style style;
   EXPECT_EQ(style.name("a\x1b"), "a\x1b");
   style.outTerminal = true;

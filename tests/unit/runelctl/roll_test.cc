@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the master remembers of devices that come and go.
+// The statistics of devices across connections.
 #include <string>
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ TEST(RollTest, CountsConnectsAndLosses) {
   EXPECT_EQ(roll.of("a").lastReason, "gone");
 }
 
-TEST(RollTest, AddsUpWhatEarlierConnectionsCounted) {
+TEST(RollTest, AddsUpTheCountersOfEarlierConnections) {
   Roll roll;
   for (int round = 0; round < 2; ++round) {
     roll.connected("a", 1);
@@ -32,12 +32,12 @@ TEST(RollTest, AddsUpWhatEarlierConnectionsCounted) {
   EXPECT_EQ(roll.of("a").earlier.bytesIn, 140U);
 }
 
-TEST(RollTest, KnowsNothingOfStrangers) {
+TEST(RollTest, HasAnEmptyEntryForUnknownDevices) {
   const Roll roll;
-  EXPECT_EQ(roll.of("nobody").connects, 0U);
+  EXPECT_EQ(roll.of("unknown").connects, 0U);
 }
 
-TEST(RollTest, ForgetsTheOneThatHasBeenGoneForLongest) {
+TEST(RollTest, ForgetsTheDeviceWithTheOldestLoss) {
   Roll roll(2);
   for (const char* name : {"a", "b", "c"}) {
     roll.connected(name, 1);
@@ -50,11 +50,11 @@ TEST(RollTest, ForgetsTheOneThatHasBeenGoneForLongest) {
   EXPECT_EQ(roll.of("c").connects, 1U);
 }
 
-TEST(RollTest, ForgetsNobodyWhoIsThere) {
+TEST(RollTest, KeepsConnectedDevices) {
   Roll roll(1);
   roll.connected("there", 1);
   roll.connected("there", 1);
-  roll.lost("there", 2, "", {});  // the other connection is still there
+  roll.lost("there", 2, "", {});  // the other connection is still open
   for (int number = 0; number < 10; ++number) {
     const std::string name = "n" + std::to_string(number);
     roll.connected(name, 3);
@@ -65,7 +65,7 @@ TEST(RollTest, ForgetsNobodyWhoIsThere) {
   EXPECT_EQ(roll.of("n9").connects, 1U);
 }
 
-TEST(RollTest, WhoComesBackIsNotForgotten) {
+TEST(RollTest, KeepsDevicesThatReconnect) {
   Roll roll(1);
   roll.connected("a", 1);
   roll.lost("a", 2, "", {});

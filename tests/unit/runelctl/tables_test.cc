@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The command tables that completion is made of, read from the command line's own definition.
+// The command tables for completion, which are read from the definition of the command line.
 #include <algorithm>
 #include <set>
 #include <string>
@@ -22,7 +22,7 @@ class TablesTest : public ::testing::Test {
   const Tables tables = readTables(line.app());
 };
 
-TEST_F(TablesTest, HasEachCommandOnceWithItsHelp) {
+TEST_F(TablesTest, HasEachCommandOnceWithHelp) {
   std::set<std::string> names;
   for (const CommandRow& row : tables.commands) {
     EXPECT_TRUE(names.insert(row.name).second) << row.name;
@@ -33,7 +33,7 @@ TEST_F(TablesTest, HasEachCommandOnceWithItsHelp) {
   }
 }
 
-TEST_F(TablesTest, EachOptionHasNamesWithDashesAndAHelp) {
+TEST_F(TablesTest, EachOptionHasNamesWithDashesAndHelp) {
   std::vector<OptionRow> all = tables.options;
   for (const CommandRow& row : tables.commands) {
     all.insert(all.end(), row.options.begin(), row.options.end());
@@ -47,7 +47,7 @@ TEST_F(TablesTest, EachOptionHasNamesWithDashesAndAHelp) {
   }
 }
 
-TEST_F(TablesTest, ValuesAreWhatTheOptionTakes) {
+TEST_F(TablesTest, OptionsHaveTheKindOfTheirValue) {
   EXPECT_EQ(tables.option(nullptr, "--json")->value, Value::none);
   EXPECT_EQ(tables.option(nullptr, "-d")->value, Value::device);
   EXPECT_EQ(tables.option(nullptr, "--devices")->value, Value::file);
@@ -58,7 +58,7 @@ TEST_F(TablesTest, ValuesAreWhatTheOptionTakes) {
             (std::set<std::string>{"always", "auto", "never"}));
 }
 
-TEST_F(TablesTest, ArgumentsAreOnTheirSide) {
+TEST_F(TablesTest, ArgumentsAreLocalOrRemote) {
   EXPECT_EQ(tables.command("cat")->arguments.back().value, Value::remote);
   EXPECT_EQ(tables.command("sync")->arguments.front().value, Value::file);
   EXPECT_EQ(tables.command("sync")->arguments.back().value, Value::remote);
@@ -67,7 +67,7 @@ TEST_F(TablesTest, ArgumentsAreOnTheirSide) {
   EXPECT_TRUE(tables.command("hostid")->arguments.empty());
 }
 
-TEST_F(TablesTest, ACommandsOwnOptionComesBeforeTheGeneralOne) {
+TEST_F(TablesTest, ACommandOptionHidesTheGeneralOption) {
   const CommandRow* exec = tables.command("exec");
   EXPECT_NE(tables.option(exec, "--timeout"), tables.option(nullptr, "--timeout"));
   EXPECT_EQ(tables.option(exec, "--json"), tables.option(nullptr, "--json"));
@@ -75,7 +75,7 @@ TEST_F(TablesTest, ACommandsOwnOptionComesBeforeTheGeneralOne) {
   EXPECT_EQ(tables.command("no-such"), nullptr);
 }
 
-TEST_F(TablesTest, EachScriptHasAllCommandsAndOptions) {
+TEST_F(TablesTest, EachScriptContainsAllCommandsAndOptions) {
   for (const std::string& script :
        {bashCompletion(tables), zshCompletion(tables), fishCompletion(tables)}) {
     for (const CommandRow& row : tables.commands) {
@@ -90,13 +90,13 @@ TEST_F(TablesTest, EachScriptHasAllCommandsAndOptions) {
   }
 }
 
-// What is typed by hand, against the same tables that complete it.
+// Parsing of command lines.
 int parse(Words words) {
   CommandLine typed;
   return typed.parse(std::move(words));
 }
 
-TEST(CommandLineTest, OptionsStandBeforeOrBehindTheCommand) {
+TEST(CommandLineTest, OptionsMayPrecedeOrFollowTheCommand) {
   for (const Words& words :
        {Words{"--json", "-j", "3", "hostid"}, Words{"hostid", "--json", "-j3"}}) {
     CommandLine typed;
@@ -108,7 +108,7 @@ TEST(CommandLineTest, OptionsStandBeforeOrBehindTheCommand) {
   }
 }
 
-TEST(CommandLineTest, WhatMakesNoSenseIsAUsageError) {
+TEST(CommandLineTest, InvalidCommandLinesAreUsageErrors) {
   for (const Words& words :
        {Words{}, Words{"no-such"}, Words{"hostid", "--no-such"}, Words{"--wave", "x", "hostid"},
         Words{"-j", "0", "hostid"}, Words{"--retry", "-1", "hostid"}, Words{"access", "/"}}) {
@@ -116,7 +116,7 @@ TEST(CommandLineTest, WhatMakesNoSenseIsAUsageError) {
   }
 }
 
-TEST(CommandLineTest, TheTargetIsThisHostUnlessOneIsNamed) {
+TEST(CommandLineTest, TheDefaultTargetIsTheLocalHost) {
   CommandLine plain;
   ASSERT_EQ(plain.parse({"hostid"}), -1);
   ASSERT_EQ(plain.readTargets(), "");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any bytes, made fit for a terminal or for JSON.
+// Conversion of arbitrary bytes for a terminal and for JSON.
 #include "output/text.h"
 
 #include <string>
@@ -11,45 +11,45 @@
 namespace zell::ctl {
 namespace {
 
-TEST(TextForPeopleTest, KeepsWhatATerminalShows) {
-  EXPECT_EQ(forPeople("plain, \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82 'quoted'"),
+TEST(TerminalSafeTest, KeepsPrintableCharacters) {
+  EXPECT_EQ(terminalSafe("plain, \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82 'quoted'"),
             "plain, \xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82 'quoted'");
 }
 
-TEST(TextForPeopleTest, EscapesWhatATerminalActsOn) {
-  EXPECT_EQ(forPeople("a\nb\tc\rd\x1b[31m\x7f"), "a\\nb\\tc\\rd\\x1b[31m\\x7f");
-  EXPECT_EQ(forPeople(std::string(1, '\0')), "\\x00");
+TEST(TerminalSafeTest, EscapesControlCharacters) {
+  EXPECT_EQ(terminalSafe("a\nb\tc\rd\x1b[31m\x7f"), "a\\nb\\tc\\rd\\x1b[31m\\x7f");
+  EXPECT_EQ(terminalSafe(std::string(1, '\0')), "\\x00");
 }
 
-TEST(TextForPeopleTest, EscapesTheBackslashSoThatItCanBeReadBack) {
-  EXPECT_EQ(forPeople("\\n"), "\\\\n");
+TEST(TerminalSafeTest, EscapesTheBackslash) {
+  EXPECT_EQ(terminalSafe("\\n"), "\\\\n");
 }
 
-TEST(TextForPeopleTest, EscapesTheControlCharactersBehindAscii) {
-  EXPECT_EQ(forPeople("\xc2\x9b"), "\\xc2\\x9b");
+TEST(TerminalSafeTest, EscapesC1ControlCharacters) {
+  EXPECT_EQ(terminalSafe("\xc2\x9b"), "\\xc2\\x9b");
 }
 
-TEST(TextForPeopleTest, EscapesMarksThatTurnTheDirectionOfWriting) {
-  EXPECT_EQ(forPeople("\xe2\x80\xae"), "\\xe2\\x80\\xae");
-  EXPECT_EQ(forPeople("\xe2\x81\xa6"), "\\xe2\\x81\\xa6");
+TEST(TerminalSafeTest, EscapesTextDirectionMarks) {
+  EXPECT_EQ(terminalSafe("\xe2\x80\xae"), "\\xe2\\x80\\xae");
+  EXPECT_EQ(terminalSafe("\xe2\x81\xa6"), "\\xe2\\x81\\xa6");
 }
 
-TEST(TextForPeopleTest, EscapesWhatIsNoUtf8) {
-  EXPECT_EQ(forPeople("\xff"), "\\xff");
-  EXPECT_EQ(forPeople("\xc3"), "\\xc3") << "cut short";
-  EXPECT_EQ(forPeople("\xc0\xaf"), "\\xc0\\xaf") << "too long a form";
-  EXPECT_EQ(forPeople("\xe0\x80\x80"), "\\xe0\\x80\\x80") << "too long a form";
-  EXPECT_EQ(forPeople("\xed\xa0\x80"), "\\xed\\xa0\\x80") << "a surrogate";
-  EXPECT_EQ(forPeople("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "beyond the last one";
+TEST(TerminalSafeTest, EscapesInvalidUtf8) {
+  EXPECT_EQ(terminalSafe("\xff"), "\\xff");
+  EXPECT_EQ(terminalSafe("\xc3"), "\\xc3") << "truncated";
+  EXPECT_EQ(terminalSafe("\xc0\xaf"), "\\xc0\\xaf") << "overlong form";
+  EXPECT_EQ(terminalSafe("\xe0\x80\x80"), "\\xe0\\x80\\x80") << "overlong form";
+  EXPECT_EQ(terminalSafe("\xed\xa0\x80"), "\\xed\\xa0\\x80") << "a surrogate";
+  EXPECT_EQ(terminalSafe("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "above 0x10ffff";
 }
 
-TEST(TextJsonTest, BytesThatAreTextStayText) {
+TEST(TextJsonTest, Utf8IsUnchanged) {
   Json object;
   putBytes(object, "key", "a\n\xc3\xa9");
   EXPECT_EQ(object.dump(), "{\"key\":\"a\\n\xc3\xa9\"}");
 }
 
-TEST(TextJsonTest, OtherBytesComeInBase64UnderAnotherName) {
+TEST(TextJsonTest, OtherBytesAreBase64UnderAnotherName) {
   Json object;
   putBytes(object, "key", "\xff\xfe");
   EXPECT_EQ(object.dump(), "{\"key_base64\":\"//4=\"}");
@@ -62,13 +62,13 @@ TEST(TextJsonTest, OtherBytesComeInBase64UnderAnotherName) {
   }
 }
 
-TEST(TextCutTest, CountsCharactersAndCutsNone) {
+TEST(TextCutTest, CountsCompleteCharacters) {
   EXPECT_EQ(cutTo("\xc3\xa9\xc3\xa9\xc3\xa9", 2), "\xc3\xa9\xc3\xa9");
   EXPECT_EQ(cutTo("ab", 5), "ab");
   EXPECT_EQ(cutTo("ab", 0), "");
 }
 
-TEST(TextSizeTest, UsesTheUnitThatFits) {
+TEST(TextSizeTest, UsesTheLargestFittingUnit) {
   EXPECT_EQ(sizeText(0), "0 B");
   EXPECT_EQ(sizeText(1023), "1023 B");
   EXPECT_EQ(sizeText(1536), "1.5 KiB");

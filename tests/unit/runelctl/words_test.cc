@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the shell cuts a line into words, and how a word is typed so that it stays one.
+// Splitting of lines into words, and quoting of words.
 #include <string>
 #include <vector>
 
@@ -18,13 +18,13 @@ TEST(WordsTest, AreSeparatedByBlanks) {
   EXPECT_EQ(cutLine(" \t ").words, Words());
 }
 
-TEST(WordsTest, AreKeptTogetherByQuotesAndBackslashes) {
+TEST(WordsTest, MayContainQuotedAndEscapedBlanks) {
   EXPECT_EQ(cutLine("a\\ b 'c  d' \"e  f\"").words, (Words{"a b", "c  d", "e  f"}));
-  EXPECT_EQ(cutLine("a'b'\"c\"d").words, (Words{"abcd"})) << "pieces that touch are one word";
+  EXPECT_EQ(cutLine("a'b'\"c\"d").words, (Words{"abcd"})) << "adjacent parts are one word";
   EXPECT_EQ(cutLine("'' \"\"").words, (Words{"", ""})) << "an empty word is a word";
 }
 
-TEST(WordsTest, ABackslashIsItselfInSingleQuotesAlone) {
+TEST(WordsTest, ABackslashIsLiteralOnlyInSingleQuotes) {
   EXPECT_EQ(cutLine(R"('\n\' "\"\\" \'\")").words, (Words{R"(\n\)", R"("\)", R"('")"}));
 }
 
@@ -32,13 +32,13 @@ TEST(WordsTest, NothingIsExpanded) {
   EXPECT_EQ(cutLine("$HOME *.c ~ `x` a;b|c").words, (Words{"$HOME", "*.c", "~", "`x`", "a;b|c"}));
 }
 
-TEST(WordsTest, ACommentBeginsWhereAWordCould) {
+TEST(WordsTest, ACommentStartsOnlyAtTheStartOfAWord) {
   EXPECT_EQ(cutLine("ls # all of them").words, (Words{"ls"}));
   EXPECT_EQ(cutLine("ls a#b '#' \\#").words, (Words{"ls", "a#b", "#", "#"}));
   EXPECT_FALSE(cutLine("ls # it's open?").open);
 }
 
-TEST(WordsTest, AnOpenQuoteOrBackslashIsTold) {
+TEST(WordsTest, AnUnterminatedQuoteOrEscapeIsReported) {
   for (const char* text : {"'a", "\"a", "a\\", "a '", "\"a\\\""}) {
     EXPECT_TRUE(cutLine(text).open) << text;
   }
@@ -47,7 +47,7 @@ TEST(WordsTest, AnOpenQuoteOrBackslashIsTold) {
   }
 }
 
-TEST(WordsTest, ThePlaceOfTheLastWordIsTold) {
+TEST(WordsTest, TheStartOfTheLastWordIsReported) {
   const Line within = cutLine("cat  'a b");
   EXPECT_TRUE(within.inWord);
   EXPECT_EQ(within.last, 5U);
@@ -57,11 +57,11 @@ TEST(WordsTest, ThePlaceOfTheLastWordIsTold) {
   EXPECT_EQ(behind.last, 4U);
 }
 
-TEST(WordsTest, AnyBytesGoThrough) {
+TEST(WordsTest, AnyBytesAreAccepted) {
   EXPECT_EQ(cutLine("\xff\x01 \xc3\xa4").words, (Words{"\xff\x01", "\xc3\xa4"}));
 }
 
-TEST(QuoteWordTest, WhatIsQuotedIsCutToTheSameWord) {
+TEST(QuoteWordTest, AQuotedWordIsParsedAsTheSameWord) {
   for (const std::string word :
        {"plain", "", "a b", "'", "\"", "\\", "#a", "a#", "\t", "\xff", "a\\ 'b' \"c\" #"}) {
     const Line line = cutLine("x " + quoteWord(word) + " y");
@@ -70,7 +70,7 @@ TEST(QuoteWordTest, WhatIsQuotedIsCutToTheSameWord) {
   }
 }
 
-TEST(QuoteWordTest, WhatNeedsNoneHasNone) {
+TEST(QuoteWordTest, APlainWordIsNotQuoted) {
   EXPECT_EQ(quoteWord("/etc/some-file.conf"), "/etc/some-file.conf");
 }
 

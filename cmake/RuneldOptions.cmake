@@ -34,7 +34,7 @@ function(runeld_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC
-    "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
+    "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/lib" "${PROJECT_SOURCE_DIR}/include")
   target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})
   if(RUNELD_SANITIZE)  # 20 % slower to compile, and the tests use a sixth less processor time
     target_compile_options(${name} PRIVATE -O1)

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "connections/clause_buffer.h"
+#include "protocol/clause_buffer.h"
 #include "fuzz.h"
 #include "support/slow_relay.h"
 

@@ -7,9 +7,9 @@
 #include <malloc.h>
 #include <sys/resource.h>
 
-#include "app/command_line.h"
-#include "app/run.h"
-#include "client/request.h"
+#include "cli/command_line.h"
+#include "cli/run.h"
+#include "client/core/request.h"
 
 namespace {
 

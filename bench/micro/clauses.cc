@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "connections/clause_buffer.h"
+#include "protocol/clause_buffer.h"
 #include "counted.h"
 
 namespace zell::bench {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/command_line.h"
+#include "cli/command_line.h"
 
 #include <cerrno>
 #include <fstream>
@@ -7,8 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/error.h"
-#include "client/request.h"
+#include "client/core/error.h"
+#include "client/core/request.h"
 #include "commands/within.h"
 #include "fleet/waves.h"
 #include "output/text.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The parsed command line: the general options, the command and its arguments.
-#ifndef ZELL_RUNELCTL_APP_COMMAND_LINE_H_
-#define ZELL_RUNELCTL_APP_COMMAND_LINE_H_
+#ifndef ZELL_RUNELCTL_CLI_COMMAND_LINE_H_
+#define ZELL_RUNELCTL_CLI_COMMAND_LINE_H_
 
 #include <memory>
 #include <string>
@@ -9,7 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/local_command.h"
+#include "cli/local_command.h"
 #include "commands/command.h"
 #include "commands/settings.h"
 
@@ -61,4 +61,4 @@ void complain(const std::string& what);
 
 }  // namespace zell::ctl
 
-#endif  // ZELL_RUNELCTL_APP_COMMAND_LINE_H_
+#endif  // ZELL_RUNELCTL_CLI_COMMAND_LINE_H_

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // All commands, in the order of the help.
-#include "app/local_command.h"
+#include "cli/local_command.h"
 #include "commands/command.h"
 
 namespace zell::ctl {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Subcommands that are not executed on a device, such as the master and the shell.
-#ifndef ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_
-#define ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_
+#ifndef ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_
+#define ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_
 
 #include <memory>
 #include <string>
@@ -56,4 +56,4 @@ void addCompletionCommand(LocalCommands& commands);
 
 }  // namespace zell::ctl
 
-#endif  // ZELL_RUNELCTL_APP_LOCAL_COMMAND_H_
+#endif  // ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/run.h"
+#include "cli/run.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -8,8 +8,8 @@
 
 #include <unistd.h>
 
-#include "app/command_line.h"
-#include "app/signals.h"
+#include "cli/command_line.h"
+#include "cli/signals.h"
 #include "fleet/fleet.h"
 #include "output/text.h"
 

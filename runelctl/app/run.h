@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs a command line.
-#ifndef ZELL_RUNELCTL_APP_RUN_H_
-#define ZELL_RUNELCTL_APP_RUN_H_
+#ifndef ZELL_RUNELCTL_CLI_RUN_H_
+#define ZELL_RUNELCTL_CLI_RUN_H_
 
 #include <string>
 #include <vector>
 
-#include "client/device.h"
-#include "client/loop.h"
+#include "client/core/device.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 
@@ -24,4 +24,4 @@ struct Session {
 
 }  // namespace zell::ctl
 
-#endif  // ZELL_RUNELCTL_APP_RUN_H_
+#endif  // ZELL_RUNELCTL_CLI_RUN_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/signals.h"
+#include "cli/signals.h"
 
 #include <utility>
 

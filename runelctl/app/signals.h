@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Delivers signals as events of the loop.
-#ifndef ZELL_RUNELCTL_APP_SIGNALS_H_
-#define ZELL_RUNELCTL_APP_SIGNALS_H_
+#ifndef ZELL_RUNELCTL_CLI_SIGNALS_H_
+#define ZELL_RUNELCTL_CLI_SIGNALS_H_
 
 #include <functional>
 
 #include <csignal>
 
 #include "base/unique_fd.h"
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 
@@ -30,4 +30,4 @@ class Signals {
 
 }  // namespace zell::ctl
 
-#endif  // ZELL_RUNELCTL_APP_SIGNALS_H_
+#endif  // ZELL_RUNELCTL_CLI_SIGNALS_H_

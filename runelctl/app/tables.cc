@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "app/tables.h"
+#include "cli/tables.h"
 
 #include <algorithm>
 #include <cstddef>

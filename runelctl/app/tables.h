@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // All commands and options as tables, for completion.
-#ifndef ZELL_RUNELCTL_APP_TABLES_H_
-#define ZELL_RUNELCTL_APP_TABLES_H_
+#ifndef ZELL_RUNELCTL_CLI_TABLES_H_
+#define ZELL_RUNELCTL_CLI_TABLES_H_
 
 #include <string>
 #include <vector>
@@ -54,4 +54,4 @@ struct Tables {
 
 }  // namespace zell::ctl
 
-#endif  // ZELL_RUNELCTL_APP_TABLES_H_
+#endif  // ZELL_RUNELCTL_CLI_TABLES_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/address.h"
+#include "client/core/address.h"
 
 #include <algorithm>
 #include <charconv>

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "client/error.h"
+#include "client/core/error.h"
 
 namespace zell::ctl {
 

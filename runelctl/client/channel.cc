@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/channel.h"
+#include "client/core/channel.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,8 +10,8 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "client/peer_guess.h"
-#include "zell/wire/frame_sender.h"
+#include "client/core/peer_guess.h"
+#include "protocol/frame_sender.h"
 
 namespace zell::ctl {
 namespace {

@@ -13,8 +13,8 @@
 #include <zell/byte_count_protocol.h>
 
 #include "base/unique_fd.h"
-#include "client/error.h"
-#include "client/loop.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/connector.h"
+#include "client/core/connector.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,8 +11,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "client/local_peer.h"
-#include "client/resolver.h"
+#include "client/core/local_peer.h"
+#include "client/core/resolver.h"
 
 namespace zell::ctl {
 namespace {

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/address.h"
-#include "client/error.h"
-#include "client/loop.h"
+#include "client/core/address.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

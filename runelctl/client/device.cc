@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/device.h"
+#include "client/core/device.h"
 
 #include <cerrno>
 #include <utility>

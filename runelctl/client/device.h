@@ -11,11 +11,11 @@
 #include <optional>
 #include <string>
 
-#include "client/address.h"
-#include "client/channel.h"
-#include "client/connector.h"
-#include "client/loop.h"
-#include "client/request.h"
+#include "client/core/address.h"
+#include "client/core/channel.h"
+#include "client/core/connector.h"
+#include "client/core/loop.h"
+#include "client/core/request.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/error.h"
+#include "client/core/error.h"
 
 #include <cerrno>
 #include <system_error>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/local_peer.h"
+#include "client/core/local_peer.h"
 
 #include <sys/socket.h>
 #include <unistd.h>

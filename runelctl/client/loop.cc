@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 #include <algorithm>
 #include <cstddef>

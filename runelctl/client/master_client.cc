@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/master_client.h"
+#include "client/core/master_client.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -10,7 +10,7 @@
 #include <sys/un.h>
 
 #include "base/unique_fd.h"
-#include "client/local_peer.h"
+#include "client/core/local_peer.h"
 
 namespace zell::ctl {
 namespace {

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "client/error.h"
-#include "client/loop.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

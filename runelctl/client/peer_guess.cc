@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/peer_guess.h"
+#include "client/core/peer_guess.h"
 
 namespace zell::ctl {
 namespace {

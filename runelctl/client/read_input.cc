@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/read_input.h"
+#include "client/core/read_input.h"
 
 #include <cerrno>
 
@@ -7,7 +7,7 @@
 
 #include <zell/byte_count_protocol.h>
 
-#include "client/error.h"
+#include "client/core/error.h"
 
 namespace zell::ctl {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/records.h"
+#include "client/core/records.h"
 
 #include <charconv>
 #include <cstddef>

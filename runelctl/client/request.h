@@ -12,7 +12,7 @@
 
 #include <zell/slave_status.h>
 
-#include "client/error.h"
+#include "client/core/error.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/resolver.h"
+#include "client/core/resolver.h"
 
 #include <cstring>
 #include <map>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/sha256.h"
+#include "client/core/sha256.h"
 
 #include <algorithm>
 

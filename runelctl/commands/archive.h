@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "client/records.h"
+#include "client/core/records.h"
 
 namespace zell::ctl {
 

@@ -10,11 +10,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/records.h"
+#include "client/core/records.h"
 #include "commands/command.h"
 #include "commands/raw_text.h"
 #include "commands/within.h"
-#include "zell/wire/frame_sender.h"
+#include "protocol/frame_sender.h"
 
 namespace zell::ctl {
 namespace {

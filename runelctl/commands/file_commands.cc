@@ -10,7 +10,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "client/records.h"
+#include "client/core/records.h"
 #include "commands/command.h"
 #include "commands/lists.h"
 #include "commands/local_tree.h"

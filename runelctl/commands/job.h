@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "client/device.h"
-#include "client/loop.h"
+#include "client/core/device.h"
+#include "client/core/loop.h"
 #include "commands/settings.h"
 #include "output/report.h"
 

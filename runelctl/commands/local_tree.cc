@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/sha256.h"
+#include "client/core/sha256.h"
 #include "output/style.h"
 
 namespace zell::ctl {

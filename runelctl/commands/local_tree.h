@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "client/error.h"
-#include "client/records.h"
+#include "client/core/error.h"
+#include "client/core/records.h"
 
 namespace zell::ctl {
 

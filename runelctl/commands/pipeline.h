@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/device.h"
+#include "client/core/device.h"
 
 namespace zell::ctl {
 

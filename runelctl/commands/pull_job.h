@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "client/records.h"
+#include "client/core/records.h"
 #include "commands/local_tree.h"
 #include "commands/transfer_job.h"
 

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/sha256.h"
+#include "client/core/sha256.h"
 #include "commands/archive.h"
 #include "commands/push_parts.h"
 

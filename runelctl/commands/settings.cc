@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/records.h"
+#include "client/core/records.h"
 
 namespace zell::ctl {
 namespace {

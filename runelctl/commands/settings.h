@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "client/address.h"
-#include "client/device.h"
+#include "client/core/address.h"
+#include "client/core/device.h"
 
 namespace zell::ctl {
 

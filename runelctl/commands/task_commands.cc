@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/read_input.h"
+#include "client/core/read_input.h"
 #include "commands/command.h"
 
 namespace zell::ctl {

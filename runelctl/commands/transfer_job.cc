@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "client/records.h"
+#include "client/core/records.h"
 #include "output/text.h"
 
 namespace zell::ctl {

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "client/device.h"
-#include "client/loop.h"
+#include "client/core/device.h"
+#include "client/core/loop.h"
 #include "commands/command.h"
 #include "fleet/printer.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/access_list.h"
+#include "client/master/access_list.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/agent.h"
+#include "client/master/agent.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -9,11 +9,11 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/address.h"
-#include "client/connector.h"
-#include "client/error.h"
-#include "client/loop.h"
-#include "connections/clause_buffer.h"
+#include "client/core/address.h"
+#include "client/core/connector.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
+#include "protocol/clause_buffer.h"
 
 namespace zell::ctl {
 

@@ -10,12 +10,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/command_line.h"
-#include "app/local_command.h"
-#include "app/signals.h"
-#include "client/request.h"
+#include "cli/command_line.h"
+#include "cli/local_command.h"
+#include "cli/signals.h"
+#include "client/core/request.h"
 #include "commands/within.h"
-#include "master/agent.h"
+#include "client/master/agent.h"
 #include "output/report.h"
 #include "output/text.h"
 

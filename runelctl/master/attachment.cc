@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/attachment.h"
+#include "control/attachment.h"
 
 #include <cstddef>
 #include <utility>

@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "base/unique_fd.h"
-#include "client/channel.h"
-#include "client/loop.h"
-#include "master/slave_link.h"
+#include "client/core/channel.h"
+#include "client/core/loop.h"
+#include "client/master/slave_link.h"
 
 namespace zell::ctl {
 

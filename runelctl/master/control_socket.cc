@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/control_socket.h"
+#include "control/control_socket.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -12,9 +12,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "client/error.h"
-#include "client/local_peer.h"
-#include "client/records.h"
+#include "client/core/error.h"
+#include "client/core/local_peer.h"
+#include "client/core/records.h"
 
 namespace zell::ctl {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

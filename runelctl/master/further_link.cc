@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/further_link.h"
+#include "client/master/further_link.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "client/error.h"
+#include "client/core/error.h"
 
 namespace zell::ctl {
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/loop.h"
-#include "connections/clause_buffer.h"
+#include "client/core/loop.h"
+#include "protocol/clause_buffer.h"
 
 namespace zell::ctl {
 

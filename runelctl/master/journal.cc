@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/journal.h"
+#include "control/journal.h"
 
 #include <cerrno>
 #include <chrono>
@@ -12,7 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/error.h"
+#include "client/core/error.h"
 
 namespace zell::ctl {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "master/outlet.h"
+#include "control/outlet.h"
 #include "output/style.h"
 #include "output/text.h"
 

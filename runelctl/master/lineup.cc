@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/lineup.h"
+#include "client/master/lineup.h"
 
 #include <algorithm>
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

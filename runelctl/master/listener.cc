@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/listener.h"
+#include "client/master/listener.h"
 
 #include <cerrno>
 #include <utility>
@@ -7,9 +7,9 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "client/connector.h"
-#include "client/error.h"
-#include "client/resolver.h"
+#include "client/core/connector.h"
+#include "client/core/error.h"
+#include "client/core/resolver.h"
 
 namespace zell::ctl {
 namespace {

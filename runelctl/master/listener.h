@@ -10,7 +10,7 @@
 #include <netinet/in.h>
 
 #include "base/unique_fd.h"
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/master.h"
+#include "control/master.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -12,15 +12,15 @@
 #include <string>
 #include <vector>
 
-#include "client/address.h"
-#include "client/loop.h"
-#include "master/access_list.h"
-#include "master/control_socket.h"
-#include "master/journal.h"
-#include "master/lineup.h"
-#include "master/listener.h"
-#include "master/roll.h"
-#include "master/station.h"
+#include "client/core/address.h"
+#include "client/core/loop.h"
+#include "client/master/access_list.h"
+#include "control/control_socket.h"
+#include "control/journal.h"
+#include "client/master/lineup.h"
+#include "client/master/listener.h"
+#include "client/master/roll.h"
+#include "control/station.h"
 
 namespace zell::ctl {
 

@@ -12,13 +12,13 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/command_line.h"
-#include "app/local_command.h"
-#include "app/signals.h"
-#include "client/master_client.h"
-#include "client/request.h"
+#include "cli/command_line.h"
+#include "cli/local_command.h"
+#include "cli/signals.h"
+#include "client/core/master_client.h"
+#include "client/core/request.h"
 #include "commands/within.h"
-#include "master/master.h"
+#include "control/master.h"
 #include "output/report.h"
 #include "output/text.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/outlet.h"
+#include "control/outlet.h"
 
 #include <algorithm>
 #include <cerrno>

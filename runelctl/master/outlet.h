@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "client/loop.h"
+#include "client/core/loop.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/roll.h"
+#include "client/master/roll.h"
 
 #include <algorithm>
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <string>
 
-#include "master/slave_link.h"
+#include "client/master/slave_link.h"
 
 namespace zell::ctl {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/slave_link.h"
+#include "client/master/slave_link.h"
 
 #include <algorithm>
 #include <cerrno>

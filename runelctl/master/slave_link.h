@@ -10,10 +10,10 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/channel.h"
-#include "client/error.h"
-#include "client/loop.h"
-#include "client/request.h"
+#include "client/core/channel.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
+#include "client/core/request.h"
 
 namespace zell::ctl {
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "master/station.h"
+#include "control/station.h"
 
 #include <algorithm>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
-#include "master/access_list.h"
+#include "client/master/access_list.h"
 
 namespace zell::ctl {
 

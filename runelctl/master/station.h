@@ -11,12 +11,12 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/loop.h"
-#include "master/attachment.h"
-#include "master/further_link.h"
-#include "master/journal.h"
-#include "master/roll.h"
-#include "master/slave_link.h"
+#include "client/core/loop.h"
+#include "control/attachment.h"
+#include "client/master/further_link.h"
+#include "control/journal.h"
+#include "client/master/roll.h"
+#include "client/master/slave_link.h"
 
 namespace zell::ctl {
 

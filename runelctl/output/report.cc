@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "client/request.h"
+#include "client/core/request.h"
 
 namespace zell::ctl {
 

@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/error.h"
+#include "client/core/error.h"
 #include "output/style.h"
 #include "output/text.h"
 

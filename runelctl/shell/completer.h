@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "app/tables.h"
+#include "cli/tables.h"
 #include "shell/words.h"
 
 namespace zell::ctl {

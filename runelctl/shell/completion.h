@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "app/tables.h"
+#include "cli/tables.h"
 
 namespace zell::ctl {
 

@@ -7,9 +7,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/command_line.h"
-#include "app/local_command.h"
-#include "client/request.h"
+#include "cli/command_line.h"
+#include "cli/local_command.h"
+#include "client/core/request.h"
 #include "shell/completion.h"
 
 namespace zell::ctl {

@@ -12,9 +12,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/command_line.h"
-#include "app/signals.h"
-#include "client/records.h"
+#include "cli/command_line.h"
+#include "cli/signals.h"
+#include "client/core/records.h"
 #include "output/text.h"
 #include "shell/line_editor.h"
 

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "app/run.h"
-#include "client/device.h"
-#include "client/loop.h"
+#include "cli/run.h"
+#include "client/core/device.h"
+#include "client/core/loop.h"
 #include "commands/settings.h"
 #include "output/style.h"
 #include "shell/completer.h"

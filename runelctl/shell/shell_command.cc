@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/local_command.h"
+#include "cli/local_command.h"
 #include "shell/shell.h"
 
 namespace zell::ctl {

@@ -8,7 +8,7 @@
 
 #include <sys/types.h>
 
-#include "connections/clause_buffer.h"
+#include "protocol/clause_buffer.h"
 #include "connections/runel_connection.h"
 #include "connections/send_room.h"
 

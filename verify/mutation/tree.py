@@ -16,7 +16,7 @@ COPIED = ("CMakeLists.txt", "cmake", "src", "lib", "include", "tests", "fuzz", "
           "scripts", "docs", "packaging", "man", "runelctl", "README.md", "SECURITY.md",
           "LICENSE")
 LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connections", "runeld_agent",
-             "runeld_options_scan", "zell_wire", "zell_linux", "runeld")
+             "runeld_options_scan", "runeld_protocol", "device_linux", "runeld")
 
 
 class Tree:

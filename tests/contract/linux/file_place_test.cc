@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Resolves a path in user space: the result must not depend on an earlier system call.
-#include "zell/linux/file_place.h"
+#include "device/linux/file_place.h"
 
 #include <cerrno>
 #include <string>

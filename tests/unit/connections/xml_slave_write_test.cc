@@ -17,7 +17,7 @@
 #include "support/slow_peer.h"
 #include "support/write_calls.h"
 #include "unit/connections/relay_fixture.h"
-#include "unit/wire/socket_calls.h"
+#include "unit/protocol/socket_calls.h"
 
 namespace zell::test {
 namespace {

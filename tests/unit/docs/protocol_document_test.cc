@@ -12,7 +12,7 @@
 #include <zell/slave_task.h>
 
 #include "connections/byte_count_slave.h"
-#include "connections/clause_buffer.h"
+#include "protocol/clause_buffer.h"
 #include "fakes/zell/fake_zell.h"
 #include "protocol_document.h"
 #include "support/log_capture.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The devices that the master allows.
-#include "master/access_list.h"
+#include "client/master/access_list.h"
 
 #include <string>
 

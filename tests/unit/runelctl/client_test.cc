@@ -17,9 +17,9 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
-#include "client/device.h"
-#include "client/loop.h"
-#include "client/request.h"
+#include "client/core/device.h"
+#include "client/core/loop.h"
+#include "client/core/request.h"
 
 namespace zell::ctl {
 namespace {

@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "client/peer_guess.h"
-#include "client/records.h"
-#include "client/request.h"
-#include "client/sha256.h"
+#include "client/core/peer_guess.h"
+#include "client/core/records.h"
+#include "client/core/request.h"
+#include "client/core/sha256.h"
 #include "commands/archive.h"
 #include "commands/push_job.h"
 #include "support/temp_dir.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The connections that the master uses as slave connections.
-#include "master/lineup.h"
+#include "client/master/lineup.h"
 
 #include <chrono>
 #include <map>

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client/address.h"
+#include "client/core/address.h"
 #include "commands/raw_text.h"
 #include "fleet/waves.h"
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "client/error.h"
+#include "client/core/error.h"
 #include "fleet/printer.h"
 #include "output/report.h"
 #include "output/status_line.h"

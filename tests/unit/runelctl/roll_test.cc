@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "master/roll.h"
+#include "client/master/roll.h"
 
 namespace zell::ctl {
 namespace {

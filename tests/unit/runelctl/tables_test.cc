@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app/command_line.h"
-#include "app/tables.h"
+#include "cli/command_line.h"
+#include "cli/tables.h"
 #include "shell/completion.h"
 
 namespace zell::ctl {

@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-<<<<<<<< HEAD:lib/device/linux/directory_names.cc
 #include "device/linux/directory_names.h"
-========
-#include "device/linux/folder_names.h"
->>>>>>>> 04c02a3 (lib: move the shared code out of the daemon's directories):lib/device/linux/folder_names.cc
 
 #include <algorithm>
 #include <cerrno>

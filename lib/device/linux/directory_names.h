@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-<<<<<<<< HEAD:lib/device/linux/directory_names.h
 #ifndef ZELL_DEVICE_LINUX_DIRECTORY_NAMES_H_
 #define ZELL_DEVICE_LINUX_DIRECTORY_NAMES_H_
-========
-#ifndef ZELL_DEVICE_LINUX_FOLDER_NAMES_H_
-#define ZELL_DEVICE_LINUX_FOLDER_NAMES_H_
->>>>>>>> 04c02a3 (lib: move the shared code out of the daemon's directories):lib/device/linux/folder_names.h
 
 #include <string>
 #include <vector>
@@ -21,8 +16,4 @@ namespace zell {
 
 }  // namespace zell
 
-<<<<<<<< HEAD:lib/device/linux/directory_names.h
 #endif  // ZELL_DEVICE_LINUX_DIRECTORY_NAMES_H_
-========
-#endif  // ZELL_DEVICE_LINUX_FOLDER_NAMES_H_
->>>>>>>> 04c02a3 (lib: move the shared code out of the daemon's directories):lib/device/linux/folder_names.h

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// Connects to a device: directly to its port, or through the master that it is connected to.
+#ifndef ZELL_CLIENT_CORE_CONNECTOR_H_
+#define ZELL_CLIENT_CORE_CONNECTOR_H_
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "client/core/address.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
+
+namespace zell::ctl {
+
+/// One connection attempt. Destroying it cancels the attempt; the handler may destroy it.
+class Connector {
+ public:
+  /// Exactly one of the two arguments has a value.
+  using Done = std::function<void(UniqueFd socket, std::optional<Error> error)>;
+
+  /// @p masterSocket is the path of the master's control socket, for targets behind a master.
+  Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
+            Done done);
+  ~Connector();
+  Connector(const Connector&) = delete;
+  Connector& operator=(const Connector&) = delete;
+
+ private:
+  void start();
+  void connectTcp();
+  void connectMaster();
+  void watchConnect();
+  void connected();
+  void sendGreeting();
+  void readGreeting();
+  void succeed();
+  void fail(Error error);
+  void failConnect(int number);
+
+  Loop& loop_;
+  const Target target_;
+  const std::string masterSocket_;
+  Done done_;
+  UniqueFd socket_;
+  std::string greeting_;
+  Loop::Timer start_;
+  Loop::Timer limit_;
+};
+
+/// Sets the options of a task connection: no delay for small packets, and keepalive probes that
+/// detect a dead peer.
+void setTaskOptions(int socket);
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_CLIENT_CORE_CONNECTOR_H_

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// The devices that may connect to the master.
+#ifndef ZELL_CLIENT_MASTER_ACCESS_LIST_H_
+#define ZELL_CLIENT_MASTER_ACCESS_LIST_H_
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace zell::ctl {
+
+/// The allowed addresses and host identifiers. An empty list allows all devices. A device must be
+/// on both lists.
+class AccessList {
+ public:
+  /// Adds a comma-separated list of ADDRESS and ADDRESS/BITS. Returns false for other text.
+  [[nodiscard]] bool addAddresses(const std::string& list);
+  /// Adds a comma-separated list of host identifiers. Returns false for an invalid host identifier.
+  [[nodiscard]] bool addHostids(const std::string& list);
+
+  /// @p address is in host byte order.
+  [[nodiscard]] bool allowsAddress(std::uint32_t address) const;
+  [[nodiscard]] bool allowsHostid(const std::string& hostid) const;
+
+ private:
+  struct Network {
+    std::uint32_t address;
+    std::uint32_t mask;
+  };
+  [[nodiscard]] bool addNetwork(const std::string& text);
+
+  std::vector<Network> networks_;
+  std::set<std::string> hostids_;
+};
+
+/// True for a valid device name: 1 to 64 letters, digits, '.', '-' and '_'. The names that devices
+/// report are untrusted and must be checked.
+[[nodiscard]] bool usableName(const std::string& text);
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_CLIENT_MASTER_ACCESS_LIST_H_

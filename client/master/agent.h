@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// A local agent: sends clauses to a daemon and receives those of its master.
+#ifndef ZELL_CLIENT_MASTER_AGENT_H_
+#define ZELL_CLIENT_MASTER_AGENT_H_
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "client/core/address.h"
+#include "client/core/connector.h"
+#include "client/core/error.h"
+#include "client/core/loop.h"
+#include "protocol/clause_buffer.h"
+
+namespace zell::ctl {
+
+/// Sends the clauses that it reads and reports the received ones.
+class Agent {
+ public:
+  struct Options {
+    Target target;
+    Milliseconds connect{10000};
+    /// The idle time after the end of the input before `end` is called. The daemon connects to the
+    /// master only after the first clause, so answers may arrive late.
+    Milliseconds linger{2000};
+    /// Send the input unchecked, even if it stops the daemon.
+    bool raw = false;
+  };
+  struct Events {
+    std::function<void(const std::string& clause)> clause;
+    /// The agent has ended, with an error or after the end of the input.
+    std::function<void(std::optional<Error> error)> end;
+  };
+
+  /// Reads from @p input. The caller keeps its ownership.
+  Agent(Loop& loop, int input, Options options, Events events);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+ private:
+  void connected(UniqueFd socket);
+  void readInput();
+  void take(std::string bytes);
+  void inputEnded();
+  void watchSocket();
+  void ready(std::uint32_t events);
+  void receive();
+  void flush();
+  void waitOn();
+  void end(std::optional<Error> error);
+
+  Loop& loop_;
+  const int input_;
+  const Options options_;
+  Events events_;
+  std::unique_ptr<Connector> connector_;
+  UniqueFd socket_;
+  ClauseBuffer typed_;
+  ClauseBuffer heard_;
+  std::string out_;
+  bool inputOver_ = false;
+  bool inputWatched_ = false;
+  bool over_ = false;
+  Loop::Timer pause_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_CLIENT_MASTER_AGENT_H_

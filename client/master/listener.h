@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// The port that devices connect to.
+#ifndef ZELL_CLIENT_MASTER_LISTENER_H_
+#define ZELL_CLIENT_MASTER_LISTENER_H_
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <netinet/in.h>
+
+#include "base/unique_fd.h"
+#include "client/core/loop.h"
+
+namespace zell::ctl {
+
+class Listener {
+ public:
+  using Accepted = std::function<void(UniqueFd socket, const sockaddr_in& from)>;
+
+  /// @p problem is called when connections cannot be accepted.
+  Listener(Loop& loop, Accepted accepted, std::function<void(const std::string&)> problem)
+      : loop_(loop), accepted_(std::move(accepted)), problem_(std::move(problem)) {}
+  ~Listener();
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  /// Listens on @p host, which may be a name. Returns the error, empty for success.
+  [[nodiscard]] std::string open(const std::string& host, std::uint16_t port);
+
+ private:
+  [[nodiscard]] bool watch();
+  void accept();
+  void rest(int number);
+
+  Loop& loop_;
+  const Accepted accepted_;
+  const std::function<void(const std::string&)> problem_;
+  UniqueFd socket_;
+  Loop::Timer pause_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_CLIENT_MASTER_LISTENER_H_

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// The statistics that the master keeps of a device across its connections.
+#ifndef ZELL_CLIENT_MASTER_ROLL_H_
+#define ZELL_CLIENT_MASTER_ROLL_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "client/master/slave_link.h"
+
+namespace zell::ctl {
+
+/// Times and counters of devices, by name. Times are wall clock times in milliseconds.
+class Roll {
+ public:
+  struct Entry {
+    std::int64_t firstSeen = 0;
+    std::uint64_t connects = 0;
+    std::uint64_t losses = 0;
+    std::int64_t lastLoss = 0;  ///< 0 before the first loss
+    std::string lastReason;
+    SlaveLink::Counters earlier;  ///< of earlier connections
+    std::size_t present = 0;      ///< current connections
+  };
+
+  /// Keeps the entries of at most @p most disconnected devices: clients choose their names, so the
+  /// number of entries must be limited.
+  explicit Roll(std::size_t most = 4096) : most_(most) {}
+
+  void connected(const std::string& name, std::int64_t now);
+  /// @p counters are those of the lost connection.
+  void lost(const std::string& name, std::int64_t now, const std::string& why,
+            const SlaveLink::Counters& counters);
+
+  /// Returns an empty entry for an unknown name.
+  [[nodiscard]] const Entry& of(const std::string& name) const;
+
+ private:
+  void forgetOne();
+
+  const std::size_t most_;
+  std::map<std::string, Entry> entries_;
+  std::size_t gone_ = 0;  // entries without a current connection
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_CLIENT_MASTER_ROLL_H_

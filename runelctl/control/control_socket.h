@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// The socket in the user's runtime directory that other runelctl processes use to reach the master.
+#ifndef ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_
+#define ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "client/core/loop.h"
+
+namespace zell::ctl {
+
+/// Accepts processes of this user and of root, and reads the request line of each.
+class ControlSocket {
+ public:
+  /// Called with the request line and the socket of a process. The data after the line is not read
+  /// yet.
+  using Asked = std::function<void(const std::string& line, UniqueFd socket)>;
+
+  ControlSocket(Loop& loop, Asked asked) : loop_(loop), asked_(std::move(asked)) {}
+  ~ControlSocket();
+  ControlSocket(const ControlSocket&) = delete;
+  ControlSocket& operator=(const ControlSocket&) = delete;
+
+  /// Listens at @p path and replaces a stale socket. Returns the error, empty for success.
+  [[nodiscard]] std::string open(const std::string& path);
+
+  /// Sends @p text without blocking and closes the socket.
+  void sendAndClose(UniqueFd socket, std::string text);
+
+ private:
+  /// A process that sends its request line or receives its last answer.
+  struct Caller {
+    UniqueFd socket;
+    std::string text;
+    Loop::Timer limit;
+  };
+
+  void accept();
+  void keep(UniqueFd socket, std::uint32_t events, Milliseconds limit, std::string text);
+  void readLine(int fd);
+  void sendRest(int fd);
+  void drop(int fd);
+
+  Loop& loop_;
+  const Asked asked_;
+  UniqueFd listener_;
+  std::string path_;
+  std::map<int, Caller> callers_;
+};
+
+}  // namespace zell::ctl
+
+#endif  // ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_

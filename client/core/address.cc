@@ -6,6 +6,8 @@
 #include <sstream>
 #include <system_error>
 
+#include "protocol/protocol.h"
+
 namespace zell::ctl {
 namespace {
 

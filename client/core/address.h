@@ -9,12 +9,9 @@
 #include <vector>
 
 #include "client/core/error.h"
+#include "protocol/protocol.h"
 
 namespace zell::ctl {
-
-/// The port that devices listen on, and the master port that they connect to.
-constexpr std::uint16_t kDevicePort = 5111;
-constexpr std::uint16_t kMasterPort = 5112;
 
 /// One device as the user named it.
 struct Target {

@@ -16,6 +16,9 @@
 namespace zell::ctl {
 namespace {
 
+constexpr char kPortHint[] = "check the port: devices listen on 5111";
+static_assert(contains(kPortHint, kDevicePort));
+
 constexpr std::size_t kLeastRead = 16384;
 constexpr std::size_t kMostRead = 1048576;
 constexpr std::size_t kFirstBytes = 64;
@@ -168,7 +171,7 @@ bool Channel::deliver() {
 Error Channel::badStream() const {
   const std::string guess = guessPeer(first_);
   return {Fault::protocol, guess.empty() ? "bad frame: " + codec_.error() : guess,
-          guess.empty() ? "" : "check the port: devices listen on 5111", 0};
+          guess.empty() ? "" : kPortHint, 0};
 }
 
 Error Channel::endOfStream(int number) const {

@@ -15,6 +15,7 @@
 #include "base/unique_fd.h"
 #include "client/core/error.h"
 #include "client/core/loop.h"
+#include "protocol/protocol.h"
 
 namespace zell::ctl {
 

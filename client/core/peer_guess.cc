@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/core/peer_guess.h"
 
+#include "base/blank.h"
+#include "protocol/protocol.h"
+
 namespace zell::ctl {
 namespace {
 
@@ -29,8 +32,8 @@ constexpr Known kKnown[] = {
 }  // namespace
 
 std::string guessPeer(std::string_view first) {
-  const std::size_t begin = first.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos || first[begin] == '\x01') {
+  const std::size_t begin = first.find_first_not_of(kBlanks);
+  if (begin == std::string_view::npos || first[begin] == kFrameStart) {
     return "";
   }
   first.remove_prefix(begin);

@@ -8,6 +8,7 @@
 #include <zell/byte_count_protocol.h>
 
 #include "client/core/error.h"
+#include "protocol/protocol.h"
 
 namespace zell::ctl {
 namespace {

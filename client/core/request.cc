@@ -10,16 +10,14 @@
 
 #include <zell/slave_task.h>
 
+#include "protocol/protocol.h"
+#include "protocol/task_table.h"
+
 namespace zell::ctl {
 namespace {
 
 // The daemon waits two seconds between the first and the second signal to a program.
 constexpr std::chrono::seconds kKillTime{2};
-
-bool answersAtLength(const std::string& task) {
-  static const std::string_view kTasks[] = {"exec", "read", "readdir", "walktree"};
-  return std::find(std::begin(kTasks), std::end(kTasks), task) != std::end(kTasks);
-}
 
 // Describes how a program ended.
 std::string programText(const ResultStatus& status) {
@@ -55,11 +53,15 @@ Request request(std::vector<std::string> args) {
   Request made;
   const std::string task = args.empty() ? "" : args[0];
   made.args = std::move(args);
-  made.answered = task != "restart";
-  if (answersAtLength(task)) {
+  const TaskTraits* const traits = findTask(task);
+  if (traits == nullptr) {
+    return made;
+  }
+  made.answered = traits->text != TaskText::noReply;
+  if (isLong(traits->text)) {
     made.replyLimit = kMaxFramePayload;
   }
-  if (task == "exec" || task == "wait") {
+  if (traits->unbounded) {
     made.extraTimeout.reset();
   }
   return made;

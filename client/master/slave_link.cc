@@ -16,6 +16,8 @@
 
 #include <zell/slave_task.h>
 
+#include "protocol/protocol.h"
+
 namespace zell::ctl {
 namespace {
 

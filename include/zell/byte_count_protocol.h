@@ -11,9 +11,6 @@
 
 namespace zell {
 
-/// The longest payload of a frame in bytes, in both directions.
-constexpr std::size_t kMaxFramePayload = 268435456;
-
 /// Splits the byte stream of one socket into messages and frames the replies. The memory in use
 /// grows with the bytes received, never with a length that the peer announced.
 class ByteCountProtocol {
@@ -48,7 +45,7 @@ class ByteCountProtocol {
   /// Sends @p head, @p body and @p tail together as one complete frame. Blocks while the peer is
   /// slow. Gives up on a peer that acknowledges nothing for 30 s, or that needs longer in all than
   /// 30 s plus 1 s for each MiB: logs it, shuts the socket down in both directions, returns false.
-  /// Does the same on any other error. Logs a payload above kMaxFramePayload and does not send it.
+  /// Does the same on any other error. Logs a payload of more than 268435456 bytes and does not send it.
   bool sendMessage(std::string_view head, std::string_view body = {}, std::string_view tail = {});
 
  private:

@@ -9,15 +9,11 @@
 #include <string_view>
 #include <vector>
 
-#include <zell/byte_count_protocol.h>
 #include <zell/slave_status.h>
 
 namespace zell {
 
 class SlaveProxy;
-
-/// The longest output of a reply in bytes. It leaves room for the other fields in a frame.
-constexpr std::size_t kMaxReplyText = kMaxFramePayload - 4096;
 
 /// One request or one reply. Text format, with single spaces as separators: `SlaveTask ARGC ARG...
 /// EXECPARAM OUTPUT STATUS STATE RESULT ERRNO SIGNAL`.
@@ -25,8 +21,8 @@ class SlaveTask {
  public:
   /// An empty record, to be filled by `parse`.
   SlaveTask();
-  /// A reply that carries @p text and the current result status of @p proxy. A text longer than
-  /// kMaxReplyText becomes an empty text and a failure with EFBIG.
+  /// A reply that carries @p text and the current result status of @p proxy. A text that a
+  /// frame cannot carry becomes an empty text and a failure with EFBIG.
   SlaveTask(std::string text, const SlaveProxy* proxy);
   /// A record with the given fields. For @p result, @p error and @p signal see ResultStatus.
   SlaveTask(const std::vector<std::string>& args, int execParam, const std::string& output,

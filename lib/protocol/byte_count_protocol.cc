@@ -8,16 +8,18 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include "base/blank.h"
 #include "base/log.h"
 #include "protocol/frame_sender.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
 
-constexpr char kFrameStart = '\x01';
-constexpr char kCountEnd = '\x02';
-constexpr char kBlanks[] = " \t\r\n";
-constexpr std::size_t kMaxCountDigits = 9;
+constexpr char kCountTooLong[] = "a count of more than 9 digits";
+constexpr char kCountTooHigh[] = "a count above 268435456";
+static_assert(contains(kCountTooLong, kMaxCountDigits));
+static_assert(contains(kCountTooHigh, kMaxFramePayload));
 
 // Spare buffers for later messages, so that small messages need no allocation. They hold at most 64
 // KiB for each connection.
@@ -95,14 +97,14 @@ void ByteCountProtocol::acceptDigit(char byte) {
                   static_cast<unsigned>(static_cast<unsigned char>(byte)));
     fail(what);
   } else if (digits_ == kMaxCountDigits) {
-    fail("a count of more than 9 digits");
+    fail(kCountTooLong);
   } else if (digits_ != 0 && missing_ == 0) {
     fail("a count with a leading zero");
   } else {
     ++digits_;
     missing_ = missing_ * 10 + static_cast<std::size_t>(byte - '0');
     if (missing_ > kMaxFramePayload) {
-      fail("a count above 268435456");
+      fail(kCountTooHigh);
     }
   }
 }

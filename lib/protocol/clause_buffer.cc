@@ -4,15 +4,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/blank.h"
+#include "protocol/protocol.h"
+
 namespace zell {
 namespace {
-
-constexpr char kFrameStart = '\x01';
-constexpr char kCountEnd = '\x02';
-
-constexpr bool isBlank(char byte) {
-  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
-}
 
 // Empties @p text and releases its storage when that is large.
 void release(std::string& text) {
@@ -36,7 +32,7 @@ ClauseBuffer::Next ClauseBuffer::next(std::string& clause) {
   if (findSentinel()) {
     return Next::sentinel;
   }
-  if (rest()[search_.start] != '<') {
+  if (rest()[search_.start] != kClauseStart) {
     return Next::notOpening;
   }
   if (!findGt()) {

@@ -14,6 +14,7 @@
 
 #include "base/send_wait.h"
 #include "base/system.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
@@ -25,9 +26,9 @@ constexpr std::size_t kMiB = 1048576;
 
 // Writes the head of a frame to @p head, which has room for kMaxHeader bytes. Returns its length.
 std::size_t writeHead(char* head, std::size_t payload) {
-  head[0] = '\x01';
+  head[0] = kFrameStart;
   char* end = std::to_chars(head + 1, head + kMaxHeader - 1, payload).ptr;
-  *end++ = '\x02';
+  *end++ = kCountEnd;
   return static_cast<std::size_t>(end - head);
 }
 

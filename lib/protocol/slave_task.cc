@@ -9,6 +9,7 @@
 #include <zell/slave_proxy.h>
 
 #include "protocol/record_reader.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -21,6 +21,7 @@
 #include "client/master/listener.h"
 #include "client/master/roll.h"
 #include "control/station.h"
+#include "protocol/protocol.h"
 
 namespace zell::ctl {
 

@@ -5,10 +5,10 @@
 #include <syslog.h>
 
 #include "agent/busy.h"
-#include "agent/ports.h"
 #include "base/log.h"
 #include "connections/byte_count_slave.h"
 #include "connections/xml_slave.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 

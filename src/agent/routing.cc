@@ -14,16 +14,14 @@
 #include <zell/string_helpers.h>
 
 #include "agent/busy.h"
-#include "agent/ports.h"
+#include "base/blank.h"
 #include "base/log.h"
 #include "connections/byte_count_slave.h"
 #include "connections/xml_slave.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
-
-constexpr char kAgentMark = '<';
-constexpr char kByteCountMark = '\x01';
 
 constexpr int kShownBytes = 60;
 constexpr std::size_t kDumpChunk = 1024;
@@ -34,10 +32,6 @@ constexpr int kDumpPackets = 3;
 
 // A trace line on every pass of the loop would hide all other lines.
 constexpr unsigned kTracedPasses = 100;
-
-bool isBlank(char byte) {
-  return byte == '\r' || byte == '\n' || byte == '\t' || byte == ' ';
-}
 
 }  // namespace
 
@@ -74,11 +68,11 @@ bool Runel::classify(int socket, const char* buf, std::size_t len) {
             socket);
     return false;
   }
-  if (*first == kAgentMark) {
+  if (*first == kClauseStart) {
     makeAgent(socket);
     return true;
   }
-  if (*first == kByteCountMark) {
+  if (*first == kFrameStart) {
     logLine(LOG_INFO, "handle_data_read: creating byte count client connection, socket %d", socket);
     handlers_[socket] = std::make_unique<ByteCountSlave>(socket);
     return true;

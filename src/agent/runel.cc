@@ -11,10 +11,10 @@
 #include <unistd.h>
 
 #include "agent/busy.h"
-#include "agent/ports.h"
 #include "base/log.h"
 #include "base/system.h"
 #include "connections/runel_connection.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
@@ -46,7 +46,7 @@ void sleepWhole(unsigned length) {
 }  // namespace
 
 Runel::Runel(const std::string& address, bool daemon, int verbose)
-    : ServerBase(kName, kListenPort), address_(address), verbose_(verbose), daemon_(daemon) {
+    : ServerBase(kName, kDevicePort), address_(address), verbose_(verbose), daemon_(daemon) {
   set_log_facility(LOG_LOCAL5);
   set_use_timeout(true);
   set_timeout(kSelectTimeoutMs);
@@ -80,7 +80,7 @@ void Runel::handle_startup() {
   logLine(LOG_INFO, " address = %s", address_.c_str());
   logLine(LOG_INFO, " daemon  = %d", daemon_);
   logLine(LOG_INFO, " verbose = %d", verbose_);
-  logLine(LOG_INFO, " port    = %d", kListenPort);
+  logLine(LOG_INFO, " port    = %d", kDevicePort);
 }
 
 void Runel::handle_timeout() {}
@@ -92,7 +92,7 @@ bool Runel::handle_listen_failure(int port) {
   logLine(LOG_WARNING, "failed to listen on the only port (%d), retrying", port);
   ++retries_;
   sleepWhole(static_cast<unsigned>(retries_));
-  if (retries_ == 1 && port == kListenPort) {
+  if (retries_ == 1 && port == kDevicePort) {
     logProcessList();
     endTftpServer();
   }

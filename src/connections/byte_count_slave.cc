@@ -23,7 +23,9 @@ std::string shownBytes(const std::string& bytes) {
 }  // namespace
 
 ByteCountSlave::ByteCountSlave(int socket)
-    : RunelConnection(socket, kByteCount), codec_(std::make_unique<ByteCountProtocol>(socket)) {
+    : RunelConnection(socket, kByteCount),
+      codec_(std::make_unique<ByteCountProtocol>(socket)),
+      tasks_(*proxy_, [this](const SlaveTask& reply) { send(reply); }) {
   // A reply must not wait for the peer's delayed acknowledgement. Without this option it only takes
   // longer.
   const int on = 1;
@@ -38,7 +40,7 @@ bool ByteCountSlave::inputPending() {
 }
 
 bool ByteCountSlave::stopRequested() {
-  return stopRequested_;
+  return tasks_.stopRequested();
 }
 
 void ByteCountSlave::handleMessage(std::string& packet) {
@@ -53,6 +55,10 @@ void ByteCountSlave::handleMessage(std::string& packet) {
     (void)codec_->recvMessage(message);  // a message is available
     runMessage(message);
   }
+}
+
+SlaveTask* ByteCountSlave::dispatchTask(const SlaveTask& task) {
+  return tasks_.run(task).release();
 }
 
 void ByteCountSlave::runMessage(std::string& message) {

@@ -6,7 +6,9 @@
 
 #include <sys/stat.h>
 
-#include "connections/byte_count_slave.h"
+#include <zell/slave_proxy.h>
+
+#include "tasks/tasks.h"
 
 namespace zell {
 namespace {
@@ -21,70 +23,70 @@ unsigned toUnsigned(const std::string& text) {
 
 }  // namespace
 
-SlaveTask* ByteCountSlave::runAccess(const SlaveTask& task) {
-  return makeReply(proxy_->access(task.args()[1], toUnsigned(task.args()[2])));
+Tasks::Reply Tasks::runAccess(const SlaveTask& task) {
+  return makeReply(proxy_.access(task.args()[1], toUnsigned(task.args()[2])));
 }
 
-SlaveTask* ByteCountSlave::runAppend(const SlaveTask& task) {
-  return makeReply(proxy_->appendFile(task.args()[1], task.args()[2]));
+Tasks::Reply Tasks::runAppend(const SlaveTask& task) {
+  return makeReply(proxy_.appendFile(task.args()[1], task.args()[2]));
 }
 
-SlaveTask* ByteCountSlave::runChmodx(const SlaveTask& task) {
-  return makeReply(proxy_->chmodx(task.args()[1]));
+Tasks::Reply Tasks::runChmodx(const SlaveTask& task) {
+  return makeReply(proxy_.chmodx(task.args()[1]));
 }
 
-SlaveTask* ByteCountSlave::runFileExists(const SlaveTask& task) {
-  return makeReply(proxy_->fileExists(task.args()[1]));
+Tasks::Reply Tasks::runFileExists(const SlaveTask& task) {
+  return makeReply(proxy_.fileExists(task.args()[1]));
 }
 
-SlaveTask* ByteCountSlave::runFreeBlocks(const SlaveTask& task) {
+Tasks::Reply Tasks::runFreeBlocks(const SlaveTask& task) {
   std::uint64_t blocks = 0;
-  (void)proxy_->freeBlocks(task.args()[1], blocks);
+  (void)proxy_.freeBlocks(task.args()[1], blocks);
   return makeReply(std::to_string(blocks));
 }
 
-SlaveTask* ByteCountSlave::runLstat(const SlaveTask& task) {
+Tasks::Reply Tasks::runLstat(const SlaveTask& task) {
   struct stat st {};
-  (void)proxy_->lstat(task.args()[1], st);
+  (void)proxy_.lstat(task.args()[1], st);
   return makeReply(st);
 }
 
-SlaveTask* ByteCountSlave::runRead(const SlaveTask& task) {
+Tasks::Reply Tasks::runRead(const SlaveTask& task) {
   std::string content;
-  (void)proxy_->readFile(task.args()[1], content);
+  (void)proxy_.readFile(task.args()[1], content);
   return makeReply(std::move(content));
 }
 
-SlaveTask* ByteCountSlave::runReadDir(const SlaveTask& task) {
+Tasks::Reply Tasks::runReadDir(const SlaveTask& task) {
   Args entries;
-  (void)proxy_->readDir(task.args()[1], entries);
+  (void)proxy_.readDir(task.args()[1], entries);
   return makeReply(entries);
 }
 
-SlaveTask* ByteCountSlave::runRealPath(const SlaveTask& task) {
-  return makeReply(proxy_->realPath(task.args()[1]));
+Tasks::Reply Tasks::runRealPath(const SlaveTask& task) {
+  return makeReply(proxy_.realPath(task.args()[1]));
 }
 
-SlaveTask* ByteCountSlave::runRename(const SlaveTask& task) {
-  return makeReply(proxy_->rename(task.args()[1], task.args()[2]));
+Tasks::Reply Tasks::runRename(const SlaveTask& task) {
+  return makeReply(proxy_.rename(task.args()[1], task.args()[2]));
 }
 
-SlaveTask* ByteCountSlave::runStat(const SlaveTask& task) {
+Tasks::Reply Tasks::runStat(const SlaveTask& task) {
   struct stat st {};
-  (void)proxy_->stat(task.args()[1], st);
+  (void)proxy_.stat(task.args()[1], st);
   return makeReply(st);
 }
 
-SlaveTask* ByteCountSlave::runUnlink(const SlaveTask& task) {
-  return makeReply(proxy_->unlink(task.args()[1]));
+Tasks::Reply Tasks::runUnlink(const SlaveTask& task) {
+  return makeReply(proxy_.unlink(task.args()[1]));
 }
 
-SlaveTask* ByteCountSlave::runWalkTree(const SlaveTask& task) {
-  return makeReply(proxy_->walkTree(task.args()[1]));
+Tasks::Reply Tasks::runWalkTree(const SlaveTask& task) {
+  return makeReply(proxy_.walkTree(task.args()[1]));
 }
 
-SlaveTask* ByteCountSlave::runWrite(const SlaveTask& task) {
-  return makeReply(proxy_->writeFile(task.args()[1], task.args()[2]));
+Tasks::Reply Tasks::runWrite(const SlaveTask& task) {
+  return makeReply(proxy_.writeFile(task.args()[1], task.args()[2]));
 }
 
 }  // namespace zell

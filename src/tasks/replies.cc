@@ -10,7 +10,8 @@
 #include <zell/string_helpers.h>
 
 #include "base/log.h"
-#include "connections/byte_count_slave.h"
+#include "tasks/tasks.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
@@ -24,28 +25,28 @@ class PiecedText : public std::ostringstream {
 
 }  // namespace
 
-SlaveTask* ByteCountSlave::makeReply(std::string text) {
-  return new SlaveTask(std::move(text), proxy_.get());
+Tasks::Reply Tasks::makeReply(std::string text) const {
+  return std::make_unique<SlaveTask>(std::move(text), &proxy_);
 }
 
 // The boolean adds nothing to the proxy's status, which the reply contains.
-SlaveTask* ByteCountSlave::makeReply(bool /*done*/) {
-  return new SlaveTask(std::string(), proxy_.get());
+Tasks::Reply Tasks::makeReply(bool /*done*/) const {
+  return std::make_unique<SlaveTask>(std::string(), &proxy_);
 }
 
-SlaveTask* ByteCountSlave::makeReply(const struct stat& st) {
+Tasks::Reply Tasks::makeReply(const struct stat& st) const {
   PiecedText text;
   printStat(text, st);
   return makeReply(text.str());
 }
 
-SlaveTask* ByteCountSlave::makeReply(const Args& list) {
+Tasks::Reply Tasks::makeReply(const Args& list) const {
   PiecedText text;
   printStringVec(text, "StringVec", list);
   return makeReply(text.str());
 }
 
-SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
+Tasks::Reply Tasks::makeReply(const FileTreeWalker* walker) const {
   PiecedText text;
   if (walker != nullptr) {
     walker->print(text);
@@ -55,13 +56,13 @@ SlaveTask* ByteCountSlave::makeReply(const FileTreeWalker* walker) {
 
 // The reply to a request that cannot be run at all. The text is logged and sent. With a task name
 // near the frame limit, the text exceeds the limit of a reply.
-SlaveTask* ByteCountSlave::refuse(const std::string& complaint, int error) {
+Tasks::Reply Tasks::refuse(const std::string& complaint, int error) {
   const std::string text = "(" + std::to_string(getpid()) + ") " + complaint;
   logPlain(LOG_ERR, "%s", text.c_str());
   if (text.size() > kMaxReplyText) {
-    return new SlaveTask({}, 0, "", SlaveStatus::failure, WatchProcessState_t::none, 1, EFBIG, 0);
+    return std::make_unique<SlaveTask>(Args(), 0, "", SlaveStatus::failure, WatchProcessState_t::none, 1, EFBIG, 0);
   }
-  return new SlaveTask({}, 0, text, SlaveStatus::error, WatchProcessState_t::none, 1, error, 0);
+  return std::make_unique<SlaveTask>(Args(), 0, text, SlaveStatus::error, WatchProcessState_t::none, 1, error, 0);
 }
 
 }  // namespace zell

@@ -22,6 +22,7 @@
 #include "device/linux/process_list.h"
 #include "device/linux/program_runner.h"
 #include "device/linux/tree_walk.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -15,6 +15,7 @@
 #include "device/linux/directory_names.h"
 #include "device/linux/file_io.h"
 #include "device/linux/paths.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -14,6 +14,7 @@
 #include "contract/linux/refused_calls.h"
 #include "contract/linux/spied_calls.h"
 #include "contract/linux/terminal.h"
+#include "protocol/protocol.h"
 
 namespace zell::test {
 namespace {

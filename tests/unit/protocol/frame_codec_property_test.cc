@@ -13,6 +13,7 @@
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -23,6 +23,7 @@
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
 #include "protocol/frame_sender.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -10,6 +10,7 @@
 
 #include "support/allocation_count.h"
 #include "support/sizes.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -13,6 +13,7 @@
 
 #include "fakes/zell/fake_zell.h"
 #include "record_text.h"
+#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

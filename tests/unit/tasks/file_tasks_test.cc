@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include "unit/tasks/task_case.h"
+#include "protocol/protocol.h"
 
 namespace zell::test {
 namespace {

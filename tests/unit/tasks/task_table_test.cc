@@ -8,6 +8,7 @@
 #include <syslog.h>
 
 #include "unit/tasks/task_case.h"
+#include "protocol/protocol.h"
 
 namespace zell::test {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "protocol/clause_buffer.h"
 #include "fuzz.h"
+#include "protocol/clause_buffer.h"
 #include "support/slow_relay.h"
 
 namespace {

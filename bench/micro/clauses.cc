@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "protocol/clause_buffer.h"
 #include "counted.h"
+#include "protocol/clause_buffer.h"
 
 namespace zell::bench {
 namespace {

@@ -45,7 +45,8 @@ class ByteCountProtocol {
   /// Sends @p head, @p body and @p tail together as one complete frame. Blocks while the peer is
   /// slow. Gives up on a peer that acknowledges nothing for 30 s, or that needs longer in all than
   /// 30 s plus 1 s for each MiB: logs it, shuts the socket down in both directions, returns false.
-  /// Does the same on any other error. Logs a payload of more than 268435456 bytes and does not send it.
+  /// Does the same on any other error. Logs a payload of more than 268435456 bytes and does not
+  /// send it.
   bool sendMessage(std::string_view head, std::string_view body = {}, std::string_view tail = {});
 
  private:

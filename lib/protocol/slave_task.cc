@@ -8,8 +8,8 @@
 
 #include <zell/slave_proxy.h>
 
-#include "protocol/record_reader.h"
 #include "protocol/protocol.h"
+#include "protocol/record_reader.h"
 
 namespace zell {
 namespace {

@@ -9,17 +9,15 @@
 
 #include "client/core/read_input.h"
 #include "commands/command.h"
+#include "protocol/task_table.h"
 
 namespace zell::ctl {
 namespace {
-
-enum class Answer { status, text };
 
 struct TaskRow {
   const char* name;
   const char* help;
   std::vector<const char*> parameters;
-  Answer answer;
   bool destructive = false;
 };
 
@@ -29,39 +27,26 @@ const std::vector<TaskRow>& rows() {
       {"access",
        "test access to a path: MODE is the sum of 4 (read), 2 (write) and 1 (execute); 0 tests "
        "existence",
-       {"PATH", "MODE"},
-       Answer::status},
-      {"append", "append DATA to a file ('-': standard input)", {"PATH", "DATA"}, Answer::status},
-      {"blinkleds",
-       "set the style of the LEDs: off, on, slow, fast or alternate",
-       {"STYLE"},
-       Answer::status},
-      {"changeleds",
-       "switch the two LEDs: 1 is on, any other value is off",
-       {"FIRST", "SECOND"},
-       Answer::status},
-      {"chmodx", "make a file executable for all users", {"PATH"}, Answer::status},
-      {"devicetype", "print the device type", {}, Answer::text},
-      {"fileexists", "test whether a path exists", {"PATH"}, Answer::status},
-      {"freeblocks", "print the free blocks of the file system of a path", {"PATH"}, Answer::text},
-      {"hostid", "print the device's host identifier", {}, Answer::text},
-      {"kill", "end the background program of this connection", {}, Answer::status, true},
-      {"processrunning", "test whether a process with this name runs", {"NAME"}, Answer::status},
-      {"read", "print the content of a file", {"PATH"}, Answer::text},
-      {"readdir", "list a directory, in the format of the task", {"PATH"}, Answer::text},
-      {"realpath", "print the canonical form of a path", {"PATH"}, Answer::text},
-      {"rename", "rename a file or directory", {"FROM", "TO"}, Answer::status, true},
-      {"unlink", "remove a file", {"PATH"}, Answer::status, true},
-      {"updateumstate",
-       "store the update manager's state TEXT under KEY",
-       {"KEY", "TEXT"},
-       Answer::status},
-      {"wait", "wait for the background program of this connection", {}, Answer::status},
-      {"walktree", "list a directory tree, in the format of the task", {"PATH"}, Answer::text},
-      {"write",
-       "replace the content of a file with DATA ('-': standard input)",
-       {"PATH", "DATA"},
-       Answer::status},
+       {"PATH", "MODE"}},
+      {"append", "append DATA to a file ('-': standard input)", {"PATH", "DATA"}},
+      {"blinkleds", "set the style of the LEDs: off, on, slow, fast or alternate", {"STYLE"}},
+      {"changeleds", "switch the two LEDs: 1 is on, any other value is off", {"FIRST", "SECOND"}},
+      {"chmodx", "make a file executable for all users", {"PATH"}},
+      {"devicetype", "print the device type", {}},
+      {"fileexists", "test whether a path exists", {"PATH"}},
+      {"freeblocks", "print the free blocks of the file system of a path", {"PATH"}},
+      {"hostid", "print the device's host identifier", {}},
+      {"kill", "end the background program of this connection", {}, true},
+      {"processrunning", "test whether a process with this name runs", {"NAME"}},
+      {"read", "print the content of a file", {"PATH"}},
+      {"readdir", "list a directory, in the format of the task", {"PATH"}},
+      {"realpath", "print the canonical form of a path", {"PATH"}},
+      {"rename", "rename a file or directory", {"FROM", "TO"}, true},
+      {"unlink", "remove a file", {"PATH"}, true},
+      {"updateumstate", "store the update manager's state TEXT under KEY", {"KEY", "TEXT"}},
+      {"wait", "wait for the background program of this connection", {}},
+      {"walktree", "list a directory tree, in the format of the task", {"PATH"}},
+      {"write", "replace the content of a file with DATA ('-': standard input)", {"PATH", "DATA"}},
   };
   return kRows;
 }
@@ -89,7 +74,7 @@ class TaskJob : public Job {
 
  private:
   void show(const Reply& reply) {
-    if (!reply.broken && row_.answer == Answer::text) {
+    if (!reply.broken && findTask(row_.name)->text != TaskText::empty) {
       putBytes(report().result(), "output", reply.output);
       // walktree may have partial output before a failure. The other tasks have none.
       if (reply.ok() || std::string(row_.name) == "walktree") {

@@ -14,8 +14,8 @@
 #include "cli/local_command.h"
 #include "cli/signals.h"
 #include "client/core/request.h"
-#include "commands/within.h"
 #include "client/master/agent.h"
+#include "commands/within.h"
 #include "output/report.h"
 #include "output/text.h"
 

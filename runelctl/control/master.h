@@ -15,11 +15,11 @@
 #include "client/core/address.h"
 #include "client/core/loop.h"
 #include "client/master/access_list.h"
-#include "control/control_socket.h"
-#include "control/journal.h"
 #include "client/master/lineup.h"
 #include "client/master/listener.h"
 #include "client/master/roll.h"
+#include "control/control_socket.h"
+#include "control/journal.h"
 #include "control/station.h"
 #include "protocol/protocol.h"
 

@@ -12,11 +12,11 @@
 
 #include "base/unique_fd.h"
 #include "client/core/loop.h"
-#include "control/attachment.h"
 #include "client/master/further_link.h"
-#include "control/journal.h"
 #include "client/master/roll.h"
 #include "client/master/slave_link.h"
+#include "control/attachment.h"
+#include "control/journal.h"
 
 namespace zell::ctl {
 

@@ -8,9 +8,9 @@
 
 #include <sys/types.h>
 
-#include "protocol/clause_buffer.h"
 #include "connections/runel_connection.h"
 #include "connections/send_room.h"
+#include "protocol/clause_buffer.h"
 
 namespace zell {
 

@@ -10,8 +10,8 @@
 #include <zell/string_helpers.h>
 
 #include "base/log.h"
-#include "tasks/tasks.h"
 #include "protocol/protocol.h"
+#include "tasks/tasks.h"
 
 namespace zell {
 namespace {
@@ -60,9 +60,11 @@ Tasks::Reply Tasks::refuse(const std::string& complaint, int error) {
   const std::string text = "(" + std::to_string(getpid()) + ") " + complaint;
   logPlain(LOG_ERR, "%s", text.c_str());
   if (text.size() > kMaxReplyText) {
-    return std::make_unique<SlaveTask>(Args(), 0, "", SlaveStatus::failure, WatchProcessState_t::none, 1, EFBIG, 0);
+    return std::make_unique<SlaveTask>(Args(), 0, "", SlaveStatus::failure,
+                                       WatchProcessState_t::none, 1, EFBIG, 0);
   }
-  return std::make_unique<SlaveTask>(Args(), 0, text, SlaveStatus::error, WatchProcessState_t::none, 1, error, 0);
+  return std::make_unique<SlaveTask>(Args(), 0, text, SlaveStatus::error, WatchProcessState_t::none,
+                                     1, error, 0);
 }
 
 }  // namespace zell

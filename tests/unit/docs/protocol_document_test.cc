@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Checks the examples and tables of docs/protocol.md against the daemon.
 #include <algorithm>
+#include <cstddef>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -12,8 +15,9 @@
 #include <zell/slave_task.h>
 
 #include "connections/byte_count_slave.h"
-#include "protocol/clause_buffer.h"
 #include "fakes/zell/fake_zell.h"
+#include "protocol/clause_buffer.h"
+#include "protocol/task_table.h"
 #include "protocol_document.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
@@ -181,6 +185,79 @@ TEST(ProtocolDocumentTest, EveryTaskOfTheTableNeedsTheArgumentsShown) {
       const std::string tooFew = replyTo(handler, row[0], needed - 1);
       EXPECT_NE(tooFew.find(") too few arguments: " + row[0]), std::string::npos) << row[0];
     }
+  }
+}
+
+// The cells of the rows of the task table.
+std::vector<std::vector<std::string>> taskRows() {
+  std::vector<std::vector<std::string>> rows;
+  std::ifstream document(RUNELD_DOCS "/protocol.md");
+  std::string line;
+  while (std::getline(document, line) && line.rfind("| task |", 0) != 0) {
+  }
+  std::getline(document, line);  // the rule below the heading
+  while (std::getline(document, line) && line.rfind("| ", 0) == 0) {
+    std::vector<std::string> cells;
+    std::istringstream row(line.substr(2));
+    for (std::string cell; std::getline(row, cell, '|');) {
+      cells.push_back(cell.substr(0, cell.find_last_not_of(' ') + 1));
+    }
+    rows.push_back(cells);
+  }
+  return rows;
+}
+
+// What is in backticks outside of square brackets.
+std::size_t requiredArguments(const std::string& cell) {
+  const std::string required = cell.substr(0, cell.find('['));
+  return static_cast<std::size_t>(std::count(required.begin(), required.end(), '`')) / 2;
+}
+
+bool saysEmpty(const std::string& text) {
+  return text.find("empty") != std::string::npos;
+}
+
+TEST(ProtocolDocumentTest, TheTaskTableIsThatOfTheCode) {
+  const auto rows = taskRows();
+  ASSERT_EQ(rows.size(), std::size(kTasks));
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    ASSERT_EQ(rows[i].size(), 5u) << i;
+    EXPECT_EQ(rows[i][0], kTasks[i].name);
+    EXPECT_EQ(requiredArguments(rows[i][1]), kTasks[i].arguments) << kTasks[i].name;
+    EXPECT_EQ(saysEmpty(rows[i][3]), kTasks[i].text == TaskText::empty) << kTasks[i].name;
+    EXPECT_EQ(rows[i][3].find("no reply") != std::string::npos, kTasks[i].text == TaskText::noReply)
+        << kTasks[i].name;
+  }
+}
+
+TEST(ProtocolDocumentTest, TheTasksThatAreSafeToRepeatAreThoseOfTheCode) {
+  std::ifstream document(RUNELD_DOCS "/protocol.md");
+  const std::string text(std::istreambuf_iterator<char>(document), {});
+  const std::size_t begin = text.find("wrote in between:");
+  ASSERT_NE(begin, std::string::npos);
+  std::string list = text.substr(begin, text.find('.', begin) - begin);
+  std::replace(list.begin(), list.end(), '\n', ' ');
+  std::string expected = "wrote in between:";
+  for (const TaskTraits& task : kTasks) {
+    if (task.repeatable) {
+      expected += (expected.back() == ':' ? " " : ", ") + std::string(task.name);
+    }
+  }
+  EXPECT_EQ(list, expected);
+}
+
+TEST(ProtocolDocumentTest, EveryTaskIsFoundByItsNameOnly) {
+  for (const TaskTraits& task : kTasks) {
+    EXPECT_EQ(findTask(task.name), &task);
+    EXPECT_EQ(findTask(std::string(task.name) + "x"), nullptr);
+    EXPECT_EQ(findTask(task.name.substr(0, task.name.size() - 1)), nullptr);
+  }
+  EXPECT_EQ(findTask(""), nullptr);
+}
+
+TEST(ProtocolDocumentTest, ATaskThatChangesNothingIsSafeToRepeatUnlessItWaits) {
+  for (const TaskTraits& task : kTasks) {
+    EXPECT_TRUE(task.changes || task.repeatable || task.unbounded) << task.name;
   }
 }
 

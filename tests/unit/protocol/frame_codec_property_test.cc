@@ -10,10 +10,10 @@
 
 #include <zell/byte_count_protocol.h>
 
+#include "protocol/protocol.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
-#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

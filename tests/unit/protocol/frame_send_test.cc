@@ -16,14 +16,14 @@
 #include <zell/byte_count_protocol.h>
 
 #include "fakes/system/fake_system.h"
+#include "protocol/frame_sender.h"
+#include "protocol/protocol.h"
 #include "socket_calls.h"
 #include "support/log_capture.h"
 #include "support/sizes.h"
 #include "support/slow_peer.h"
 #include "support/socket_pair.h"
 #include "support/task_wire.h"
-#include "protocol/frame_sender.h"
-#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

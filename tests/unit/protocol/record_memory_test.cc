@@ -8,9 +8,9 @@
 
 #include <zell/slave_task.h>
 
+#include "protocol/protocol.h"
 #include "support/allocation_count.h"
 #include "support/sizes.h"
-#include "protocol/protocol.h"
 
 namespace zell {
 namespace {

@@ -12,8 +12,8 @@
 #include <zell/slave_task.h>
 
 #include "fakes/zell/fake_zell.h"
-#include "record_text.h"
 #include "protocol/protocol.h"
+#include "record_text.h"
 
 namespace zell {
 namespace {

@@ -7,8 +7,8 @@
 
 #include <sys/stat.h>
 
-#include "unit/tasks/task_case.h"
 #include "protocol/protocol.h"
+#include "unit/tasks/task_case.h"
 
 namespace zell::test {
 namespace {

@@ -26,7 +26,7 @@ struct TaskTraits {
   /// Fewest arguments besides the name. "exec" has 0: the device refuses an empty program itself.
   std::size_t arguments;
   TaskText text;
-  /// May take any time: the other side sets no timeout of its own, unless the request limits it.
+  /// May take any time: a client sets no timeout unless the request has a limit.
   bool unbounded;
   /// Changes something on the device.
   bool changes;

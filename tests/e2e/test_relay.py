@@ -432,7 +432,9 @@ class CostTest(RelayCase):
     def test_a_clause_of_16_mib_costs_at_most_20_times_one_of_1_mib(self):
         daemon, agent, bridge = self.bridged()
         small, large = [], []
-        for _ in range(5):  # other load on the machine only adds time: use the minimum
+        # Other load on the machine only adds time, so the minimum approaches the daemon's own time.
+        # A cost that grows faster than the size stays above the limit however often it is measured.
+        while len(small) < 5 or (len(small) < 40 and min(large) > 20 * min(small)):
             small.append(self.time_for(agent, bridge, daemon, 16, MIB) / 16)
             large.append(self.time_for(agent, bridge, daemon, 1, 16 * MIB))
         self.assertLessEqual(min(large), 20 * min(small))

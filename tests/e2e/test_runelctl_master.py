@@ -460,7 +460,7 @@ class Size(MasterCase):
         self.addCleanup(os.close, reading)
         self.running = self.start("master", "--xml", stdout=writing)
         os.close(writing)
-        wait_until(lambda: os.path.exists(self.control), "the master listens")
+        wait_until(lambda: self.ctl("devices").status == 0, "the master listens")
         FakeDevice(self)
         wait_until(self.devices, "the device is there")
         bridge = FakeDevice(self)

@@ -213,6 +213,12 @@ class Wire:
         self.sock.close()
 
 
+def _start(target, *args):
+    thread = threading.Thread(target=target, args=args, daemon=True)
+    thread.start()
+    return thread
+
+
 class FakeDevice:
     """Listens and runs `script(wire, number)` on each connection; `number` counts from 1."""
 
@@ -222,24 +228,29 @@ class FakeDevice:
         self.address = "%s:%d" % self._socket.getsockname()
         self.connections = 0
         self._open = []
-        threading.Thread(target=self._serve, daemon=True).start()
+        self._thread = _start(self._serve)
 
     def _serve(self):
         with contextlib.suppress(OSError):
             while True:
                 sock = self._socket.accept()[0]
                 self.connections += 1
-                self._open.append(sock)
-                threading.Thread(target=self._play, args=(sock, self.connections), daemon=True).start()
+                self._open.append((sock, _start(self._play, sock, self.connections)))
 
     def _play(self, sock, number):
         with contextlib.suppress(OSError), sock:
             self._script(Wire(sock), number)
 
     def close(self):
+        """Ends the threads before it closes their sockets: a thread that is just about to call
+        accept or recv would otherwise use a later socket that got the same descriptor."""
         self._socket.shutdown(socket.SHUT_RDWR)
+        self._thread.join(LONG)
         self._socket.close()
-        for sock in self._open:
+        for sock, thread in self._open:
+            with contextlib.suppress(OSError):
+                sock.shutdown(socket.SHUT_RDWR)
+            thread.join(LONG)
             sock.close()
 
 

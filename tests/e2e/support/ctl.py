@@ -11,11 +11,11 @@ import shutil
 import socket
 import stat
 import subprocess
-import threading
 import time
 
 from support.case import EndToEndCase
 from support.daemon import sanitizer_options
+from support.threads import close_served, serve_in_thread
 from support.wait import TIMEOUT
 
 BINARY = os.environ.get("RUNELCTL_BIN", "")
@@ -137,30 +137,28 @@ class OddPeer:
 
     def __init__(self, case, serve, address, port):
         self.serve = serve
-        self.connections = []
+        self.served = []
         self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.listener.bind((address, port))
         self.listener.listen(512)
         self.where = f"{address}:{self.listener.getsockname()[1]}"
         case.addCleanup(self.close)
-        threading.Thread(target=self._accept, daemon=True).start()
+        self.thread = serve_in_thread(self._accept)
 
     def _accept(self):
         with contextlib.suppress(OSError):
             while True:
                 connected, _ = self.listener.accept()
-                self.connections.append(connected)
-                threading.Thread(target=self._serve, args=(connected,), daemon=True).start()
+                self.served.append((connected, serve_in_thread(self._serve, connected)))
 
     def _serve(self, connected):
         with contextlib.suppress(OSError):
             self.serve(connected)
 
     def close(self):
-        self.listener.close()
-        for connected in self.connections:
-            connected.close()
+        close_served([(self.listener, self.thread)])
+        close_served(self.served)
 
 
 def hang(connected):

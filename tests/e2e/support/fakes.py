@@ -8,6 +8,7 @@ import threading
 
 from support.ctl import reply
 from support.peers import MASTER_PORT
+from support.threads import serve_in_thread
 from support.wait import TIMEOUT, wait_until
 
 TCP_REPAIR = 19
@@ -29,10 +30,10 @@ class FakeDevice:
         self.socket.bind((source, 0))
         self.socket.connect(("127.0.0.1", port))
         self.port = self.socket.getsockname()[1]
-        case.addCleanup(self.close)
         if greeting:
             self.send(greeting)
-        threading.Thread(target=self._serve, daemon=True).start()
+        self.thread = serve_in_thread(self._serve)
+        case.addCleanup(self.close)
 
     def _serve(self):
         rest = b""
@@ -90,6 +91,7 @@ class FakeDevice:
     def close(self):
         with contextlib.suppress(OSError):
             self.socket.shutdown(socket.SHUT_RD)
+        self.thread.join(TIMEOUT)  # it could read from a later socket with the same descriptor
         self.socket.close()
 
 

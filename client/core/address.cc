@@ -11,7 +11,7 @@
 namespace zell::ctl {
 namespace {
 
-constexpr char kBlanks[] = " \t\r";
+constexpr char kSeparators[] = " \t\r";
 
 bool parsePort(const std::string& digits, std::uint16_t& port) {
   const char* end = digits.data() + digits.size();
@@ -85,8 +85,8 @@ bool parseTargetList(const std::string& text, std::vector<Target>& targets, std:
   std::string part;
   bool any = false;
   while (std::getline(parts, part, ',')) {
-    part.erase(part.find_last_not_of(kBlanks) + 1);
-    part.erase(0, part.find_first_not_of(kBlanks));
+    part.erase(part.find_last_not_of(kSeparators) + 1);
+    part.erase(0, part.find_first_not_of(kSeparators));
     Target target;
     if (part.empty()) {
       continue;

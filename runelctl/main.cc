@@ -36,12 +36,12 @@ int main(int argc, char** argv) {
   try {
     allowManyDescriptors();
     keepMemory();
-    zell::ctl::Loop loop;
-    zell::ctl::Session session{loop, nullptr, {}, ""};
-    return zell::ctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
+    runel::Loop loop;
+    runelctl::Session session{loop, nullptr, {}, ""};
+    return runelctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
   } catch (const std::exception& error) {
     // Out of memory, or a defect.
-    zell::ctl::complain(error.what());
-    return zell::ctl::kExitTaskFailed;
+    runelctl::complain(error.what());
+    return runel::kExitTaskFailed;
   }
 }

@@ -8,7 +8,7 @@
 
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr char kSeparators[] = " \t\r";
@@ -68,7 +68,7 @@ bool parseTarget(const std::string& text, Target& target, std::string& why) {
     return true;
   }
   const std::size_t colon = text.find(':');
-  target = {text, text.substr(0, colon), kDevicePort, ""};
+  target = {text, text.substr(0, colon), zell::kDevicePort, ""};
   if (!plainHost(target.host)) {
     why = "invalid address or host name '" + text + "'";
     return false;
@@ -121,4 +121,4 @@ bool parseListen(const std::string& text, std::string& host, std::uint16_t& port
   return plainHost(host) && (colon == std::string::npos || parsePort(text.substr(colon + 1), port));
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

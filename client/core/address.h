@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Device addresses and lists of them.
-#ifndef ZELL_CLIENT_CORE_ADDRESS_H_
-#define ZELL_CLIENT_CORE_ADDRESS_H_
+#ifndef RUNEL_CORE_ADDRESS_H_
+#define RUNEL_CORE_ADDRESS_H_
 
 #include <cstdint>
 #include <istream>
@@ -11,13 +11,13 @@
 #include "client/core/error.h"
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// One device as the user named it.
 struct Target {
   std::string name;  ///< the name in output
   std::string host;  ///< address or host name; empty for a device behind a master
-  std::uint16_t port = kDevicePort;
+  std::uint16_t port = zell::kDevicePort;
   std::string through;  ///< its name at the master, without the '@'
 
   [[nodiscard]] bool behindMaster() const { return !through.empty(); }
@@ -40,6 +40,6 @@ struct Target {
 /// Parses ADDRESS[:PORT] of a listening socket. An omitted part leaves its parameter unchanged.
 [[nodiscard]] bool parseListen(const std::string& text, std::string& host, std::uint16_t& port);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_ADDRESS_H_
+#endif  // RUNEL_CORE_ADDRESS_H_

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace zell::ctl {
+namespace runel {
 
 const char* Error::where() const {
   switch (fault) {
@@ -43,4 +43,4 @@ Error localError(const std::string& name, int number) {
   return {Fault::local, name + ": " + systemText(number), "", number};
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // An error: what failed, where, and whether a retry may succeed.
-#ifndef ZELL_CLIENT_CORE_ERROR_H_
-#define ZELL_CLIENT_CORE_ERROR_H_
+#ifndef RUNEL_CORE_ERROR_H_
+#define RUNEL_CORE_ERROR_H_
 
 #include <string>
 
-namespace zell::ctl {
+namespace runel {
 
 /// The kinds of failure.
 enum class Fault {
@@ -39,6 +39,6 @@ struct Error {
 /// A local failure with the file @p name.
 [[nodiscard]] Error localError(const std::string& name, int number);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_ERROR_H_
+#endif  // RUNEL_CORE_ERROR_H_

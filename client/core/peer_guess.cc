@@ -4,7 +4,7 @@
 #include "base/blank.h"
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 struct Known {
@@ -32,8 +32,8 @@ constexpr Known kKnown[] = {
 }  // namespace
 
 std::string guessPeer(std::string_view first) {
-  const std::size_t begin = first.find_first_not_of(kBlanks);
-  if (begin == std::string_view::npos || first[begin] == kFrameStart) {
+  const std::size_t begin = first.find_first_not_of(zell::kBlanks);
+  if (begin == std::string_view::npos || first[begin] == zell::kFrameStart) {
     return "";
   }
   first.remove_prefix(begin);
@@ -45,4 +45,4 @@ std::string guessPeer(std::string_view first) {
   return "the peer is not runeld: it uses an unknown protocol";
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

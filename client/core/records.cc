@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <system_error>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 // Parses fields from the front of a text. After the first mismatch, every call fails.
@@ -35,7 +35,7 @@ class Cutter {
     return sound_;
   }
 
-  bool moment(Moment& value) {
+  bool moment(Timestamp& value) {
     return number(value.seconds) && skip(".") && number(value.nanoseconds);
   }
 
@@ -212,4 +212,4 @@ std::string directoryOf(const std::string& path) {
   return last == std::string::npos ? "/" : path.substr(0, last + 1);
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Parsers for the answers of tasks: stat records, lists of names, directory trees.
-#ifndef ZELL_CLIENT_CORE_RECORDS_H_
-#define ZELL_CLIENT_CORE_RECORDS_H_
+#ifndef RUNEL_CORE_RECORDS_H_
+#define RUNEL_CORE_RECORDS_H_
 
 #include <cstdint>
 #include <optional>
@@ -11,13 +11,13 @@
 
 #include <sys/stat.h>
 
-namespace zell::ctl {
+namespace runel {
 
 /// A wall clock time in seconds and nanoseconds.
-struct Moment {
+struct Timestamp {
   std::int64_t seconds = 0;
   std::int64_t nanoseconds = 0;
-  bool operator==(const Moment& other) const {
+  bool operator==(const Timestamp& other) const {
     return seconds == other.seconds && nanoseconds == other.nanoseconds;
   }
 };
@@ -28,7 +28,7 @@ struct StatRecord {
   std::uint32_t mode = 0;
   std::uint64_t nlink = 0, uid = 0, gid = 0, rdev = 0;
   std::uint64_t size = 0, blksize = 0, blocks = 0;
-  Moment atime, mtime, ctime;
+  Timestamp atime, mtime, ctime;
 
   [[nodiscard]] bool isDirectory() const { return S_ISDIR(mode); }
   [[nodiscard]] bool isRegular() const { return S_ISREG(mode); }
@@ -65,6 +65,6 @@ struct TreeEntry {
 [[nodiscard]] std::string baseName(const std::string& path);
 [[nodiscard]] std::string directoryOf(const std::string& path);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_RECORDS_H_
+#endif  // RUNEL_CORE_RECORDS_H_

@@ -13,25 +13,25 @@
 #include "protocol/protocol.h"
 #include "protocol/task_table.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 // The daemon waits two seconds between the first and the second signal to a program.
 constexpr std::chrono::seconds kKillTime{2};
 
 // Describes how a program ended.
-std::string programText(const ResultStatus& status) {
-  if (status.status == SlaveStatus::timeout) {
+std::string programText(const zell::ResultStatus& status) {
+  if (status.status == zell::SlaveStatus::timeout) {
     return "exceeded its time limit";
   }
-  if (status.state == WatchProcessState_t::signalled) {
+  if (status.state == zell::WatchProcessState_t::signalled) {
     return "terminated by signal " + std::to_string(status.signal);
   }
   return "exit status " + std::to_string(status.result);
 }
 
-bool aboutProgram(const ResultStatus& status) {
-  return status.state != WatchProcessState_t::none;
+bool aboutProgram(const zell::ResultStatus& status) {
+  return status.state != zell::WatchProcessState_t::none;
 }
 
 std::string taskHint(int number) {
@@ -53,13 +53,13 @@ Request request(std::vector<std::string> args) {
   Request made;
   const std::string task = args.empty() ? "" : args[0];
   made.args = std::move(args);
-  const TaskTraits* const traits = findTask(task);
+  const zell::TaskTraits* const traits = zell::findTask(task);
   if (traits == nullptr) {
     return made;
   }
-  made.answered = traits->text != TaskText::noReply;
-  if (isLong(traits->text)) {
-    made.replyLimit = kMaxFramePayload;
+  made.answered = traits->text != zell::TaskText::noReply;
+  if (zell::isLong(traits->text)) {
+    made.replyLimit = zell::kMaxFramePayload;
   }
   if (traits->unbounded) {
     made.extraTimeout.reset();
@@ -87,16 +87,16 @@ Request execRequest(const std::vector<std::string>& argv, int limit) {
 }
 
 std::string encode(const Request& request) {
-  const SlaveTask record(request.args, request.execParam, "", SlaveStatus::success,
-                         WatchProcessState_t::none, 0, 0, 0);
-  SlaveTask::Parts parts = record.parts();
+  const zell::SlaveTask record(request.args, request.execParam, "", zell::SlaveStatus::success,
+                               zell::WatchProcessState_t::none, 0, 0, 0);
+  zell::SlaveTask::Parts parts = record.parts();
   parts.head.append(parts.output).append(parts.tail);
   return std::move(parts.head);
 }
 
 std::optional<Reply> decodeReply(std::string&& payload) {
-  SlaveTask record;
-  if (!SlaveTask::isA(payload) || !record.parse(payload)) {
+  zell::SlaveTask record;
+  if (!zell::SlaveTask::isA(payload) || !record.parse(payload)) {
     return std::nullopt;
   }
   std::string().swap(payload);
@@ -108,7 +108,7 @@ Error Reply::error(const std::string& what) const {
     return *broken;
   }
   const std::string about = what.empty() ? "" : what + ": ";
-  if (status.status == SlaveStatus::error) {
+  if (status.status == zell::SlaveStatus::error) {
     return {Fault::task, about + "the device refused the task: " + output, "", status.error};
   }
   if (aboutProgram(status)) {
@@ -121,16 +121,16 @@ int Reply::exitStatus() const {
   if (broken) {
     return exitStatusOf(*broken);
   }
-  if (status.status == SlaveStatus::success || status.status == SlaveStatus::running) {
+  if (status.status == zell::SlaveStatus::success || status.status == zell::SlaveStatus::running) {
     return 0;
   }
-  if (status.status == SlaveStatus::timeout) {
+  if (status.status == zell::SlaveStatus::timeout) {
     return kExitTimeLimit;
   }
-  if (status.state == WatchProcessState_t::signalled) {
+  if (status.state == zell::WatchProcessState_t::signalled) {
     return kExitSignalBase + (status.signal & 127);
   }
-  if (status.state == WatchProcessState_t::exited) {
+  if (status.state == zell::WatchProcessState_t::exited) {
     return WEXITSTATUS(static_cast<unsigned>(status.result) << 8U);
   }
   return kExitTaskFailed;
@@ -140,4 +140,4 @@ int exitStatusOf(const Error& error) {
   return std::string_view(error.where()) == "link" ? kExitNoConnection : kExitTaskFailed;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

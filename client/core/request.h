@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A task request to a device, and the reply.
-#ifndef ZELL_CLIENT_CORE_REQUEST_H_
-#define ZELL_CLIENT_CORE_REQUEST_H_
+#ifndef RUNEL_CORE_REQUEST_H_
+#define RUNEL_CORE_REQUEST_H_
 
 #include <chrono>
 #include <cstddef>
@@ -14,7 +14,7 @@
 
 #include "client/core/error.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// The size limit of the answer of a task that returns little more than its status.
 constexpr std::size_t kSmallReply = 65536;
@@ -48,9 +48,9 @@ struct Request {
 struct Reply {
   std::optional<Error> broken;
   std::string output;
-  ResultStatus status;
+  zell::ResultStatus status;
 
-  [[nodiscard]] bool ok() const { return !broken && status.status == SlaveStatus::success; }
+  [[nodiscard]] bool ok() const { return !broken && status.status == zell::SlaveStatus::success; }
   /// The failure as an error with the text "@p what: ...".
   [[nodiscard]] Error error(const std::string& what) const;
   /// The exit status, as a shell would report it; see the manual.
@@ -73,6 +73,6 @@ constexpr int kExitNotThere = 127;
 constexpr int kExitSignalBase = 128;
 constexpr int kExitNoConnection = 255;
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_REQUEST_H_
+#endif  // RUNEL_CORE_REQUEST_H_

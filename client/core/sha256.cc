@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kBlock = 64;
@@ -100,4 +100,4 @@ std::string Sha256::finish() {
   return text;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // SHA-256, to compare a local file with the output of the device's sha256sum.
-#ifndef ZELL_CLIENT_CORE_SHA256_H_
-#define ZELL_CLIENT_CORE_SHA256_H_
+#ifndef RUNEL_CORE_SHA256_H_
+#define RUNEL_CORE_SHA256_H_
 
 #include <array>
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace zell::ctl {
+namespace runel {
 
 class Sha256 {
  public:
@@ -26,6 +26,6 @@ class Sha256 {
   std::uint64_t length_ = 0;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_SHA256_H_
+#endif  // RUNEL_CORE_SHA256_H_

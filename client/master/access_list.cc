@@ -9,7 +9,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr unsigned kAddressBits = 32;
@@ -83,4 +83,4 @@ bool AccessList::allowsHostid(const std::string& hostid) const {
   return hostids_.empty() || hostids_.count(hostid) != 0;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

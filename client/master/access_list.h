@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The devices that may connect to the master.
-#ifndef ZELL_CLIENT_MASTER_ACCESS_LIST_H_
-#define ZELL_CLIENT_MASTER_ACCESS_LIST_H_
+#ifndef RUNEL_MASTER_ACCESS_LIST_H_
+#define RUNEL_MASTER_ACCESS_LIST_H_
 
 #include <cstdint>
 #include <set>
 #include <string>
 #include <vector>
 
-namespace zell::ctl {
+namespace runel {
 
 /// The allowed addresses and host identifiers. An empty list allows all devices. A device must be
 /// on both lists.
@@ -38,6 +38,6 @@ class AccessList {
 /// report are untrusted and must be checked.
 [[nodiscard]] bool usableName(const std::string& text);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_ACCESS_LIST_H_
+#endif  // RUNEL_MASTER_ACCESS_LIST_H_

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kAgentReadSize = 16384;
@@ -25,14 +25,15 @@ Error inputError(const std::string& what, const std::string& hint) {
 
 Agent::Agent(Loop& loop, int input, Options options, Events events)
     : loop_(loop), input_(input), options_(std::move(options)), events_(std::move(events)) {
-  connector_ = std::make_unique<Connector>(loop_, options_.target, "", options_.connect,
-                                           [this](UniqueFd socket, std::optional<Error> error) {
-                                             if (error) {
-                                               end(std::move(error));
-                                             } else {
-                                               connected(std::move(socket));
-                                             }
-                                           });
+  connector_ =
+      std::make_unique<Connector>(loop_, options_.target, "", options_.connect,
+                                  [this](zell::UniqueFd socket, std::optional<Error> error) {
+                                    if (error) {
+                                      end(std::move(error));
+                                    } else {
+                                      connected(std::move(socket));
+                                    }
+                                  });
 }
 
 Agent::~Agent() {
@@ -43,7 +44,7 @@ Agent::~Agent() {
   }
 }
 
-void Agent::connected(UniqueFd socket) {
+void Agent::connected(zell::UniqueFd socket) {
   socket_ = std::move(socket);
   if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t events) { ready(events); })) {
     end(Error{Fault::unreachable, systemText(errno), "", errno});
@@ -88,14 +89,14 @@ void Agent::take(std::string bytes) {
   }
   typed_.append(bytes);
   std::string clause;
-  ClauseBuffer::Next next = typed_.next(clause);
-  while (next == ClauseBuffer::Next::cut) {
+  zell::ClauseBuffer::Next next = typed_.next(clause);
+  while (next == zell::ClauseBuffer::Next::cut) {
     out_ += clause + "\r\n";
     next = typed_.next(clause);
   }
-  if (next == ClauseBuffer::Next::sentinel) {
+  if (next == zell::ClauseBuffer::Next::sentinel) {
     end(inputError("byte 0x01 or 0x02 would stop the daemon", "--raw sends it anyway"));
-  } else if (next == ClauseBuffer::Next::notOpening) {
+  } else if (next == zell::ClauseBuffer::Next::notOpening) {
     end(inputError("input that does not begin with '<' would block the daemon's relay",
                    "--raw sends it anyway"));
   } else if (typed_.size() > kLongestAgentClause) {
@@ -144,7 +145,7 @@ void Agent::receive() {
   }
   heard_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
   std::string clause;
-  while (heard_.next(clause) == ClauseBuffer::Next::cut) {
+  while (heard_.next(clause) == zell::ClauseBuffer::Next::cut) {
     events_.clause(clause);
   }
   if (heard_.size() > kLongestAgentClause) {
@@ -190,4 +191,4 @@ void Agent::end(std::optional<Error> error) {
   events_.end(std::move(error));
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A local agent: sends clauses to a daemon and receives those of its master.
-#ifndef ZELL_CLIENT_MASTER_AGENT_H_
-#define ZELL_CLIENT_MASTER_AGENT_H_
+#ifndef RUNEL_MASTER_AGENT_H_
+#define RUNEL_MASTER_AGENT_H_
 
 #include <functional>
 #include <memory>
@@ -10,12 +10,12 @@
 
 #include "base/unique_fd.h"
 #include "client/core/address.h"
-#include "client/core/connector.h"
 #include "client/core/error.h"
-#include "client/core/loop.h"
+#include "client/io/connector.h"
+#include "client/io/loop.h"
 #include "protocol/clause_buffer.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// Sends the clauses that it reads and reports the received ones.
 class Agent {
@@ -42,7 +42,7 @@ class Agent {
   Agent& operator=(const Agent&) = delete;
 
  private:
-  void connected(UniqueFd socket);
+  void connected(zell::UniqueFd socket);
   void readInput();
   void take(std::string bytes);
   void inputEnded();
@@ -58,9 +58,9 @@ class Agent {
   const Options options_;
   Events events_;
   std::unique_ptr<Connector> connector_;
-  UniqueFd socket_;
-  ClauseBuffer typed_;
-  ClauseBuffer heard_;
+  zell::UniqueFd socket_;
+  zell::ClauseBuffer typed_;
+  zell::ClauseBuffer heard_;
   std::string out_;
   bool inputOver_ = false;
   bool inputWatched_ = false;
@@ -68,6 +68,6 @@ class Agent {
   Loop::Timer pause_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_AGENT_H_
+#endif  // RUNEL_MASTER_AGENT_H_

@@ -7,11 +7,11 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "client/core/connector.h"
 #include "client/core/error.h"
-#include "client/core/resolver.h"
+#include "client/io/connector.h"
+#include "client/io/resolver.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 // After a restart of the master, hundreds of devices connect at the same time.
@@ -56,7 +56,7 @@ void Listener::accept() {
     sockaddr_in from{};
     socklen_t size = sizeof from;
     auto* generic = reinterpret_cast<sockaddr*>(&from);  // the generic address type
-    UniqueFd connected(accept4(socket_.get(), generic, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zell::UniqueFd connected(accept4(socket_.get(), generic, &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!connected.valid()) {
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
         rest(errno);
@@ -80,4 +80,4 @@ void Listener::rest(int number) {
   });
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

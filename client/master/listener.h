@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The port that devices connect to.
-#ifndef ZELL_CLIENT_MASTER_LISTENER_H_
-#define ZELL_CLIENT_MASTER_LISTENER_H_
+#ifndef RUNEL_MASTER_LISTENER_H_
+#define RUNEL_MASTER_LISTENER_H_
 
 #include <cstdint>
 #include <functional>
@@ -10,13 +10,13 @@
 #include <netinet/in.h>
 
 #include "base/unique_fd.h"
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 
 class Listener {
  public:
-  using Accepted = std::function<void(UniqueFd socket, const sockaddr_in& from)>;
+  using Accepted = std::function<void(zell::UniqueFd socket, const sockaddr_in& from)>;
 
   /// @p problem is called when connections cannot be accepted.
   Listener(Loop& loop, Accepted accepted, std::function<void(const std::string&)> problem)
@@ -36,10 +36,10 @@ class Listener {
   Loop& loop_;
   const Accepted accepted_;
   const std::function<void(const std::string&)> problem_;
-  UniqueFd socket_;
+  zell::UniqueFd socket_;
   Loop::Timer pause_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_LISTENER_H_
+#endif  // RUNEL_MASTER_LISTENER_H_

@@ -18,7 +18,7 @@
 
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kMostTasksQueued = 8388608;
@@ -33,18 +33,18 @@ constexpr Milliseconds kTick{20};
 
 bool isAnswered(const std::string& payload) {
   static constexpr std::string_view kName = " 7:restart ";
-  if (!SlaveTask::isA(payload)) {
+  if (!zell::SlaveTask::isA(payload)) {
     return false;
   }
   // The first bytes are sufficient for all other tasks: the name follows the count.
   if (payload.substr(0, 64).find(kName) == std::string::npos) {
     return true;
   }
-  SlaveTask task;
+  zell::SlaveTask task;
   return !task.parse(payload) || task.args().empty() || task.args()[0] != "restart";
 }
 
-SlaveLink::SlaveLink(Loop& loop, UniqueFd socket, Milliseconds timeout, Events events)
+SlaveLink::SlaveLink(Loop& loop, zell::UniqueFd socket, Milliseconds timeout, Events events)
     : loop_(loop),
       timeout_(timeout),
       events_(std::move(events)),
@@ -120,7 +120,7 @@ void SlaveLink::take(std::string&& payload) {
 // are small.
 void SlaveLink::limitAnswers() {
   const bool users = !pending_.empty() && !pending_.front().own;
-  channel_.limitMessages(users ? kMaxFramePayload : kSmallReply);
+  channel_.limitMessages(users ? zell::kMaxFramePayload : kSmallReply);
 }
 
 void SlaveLink::setReading(bool reading) {
@@ -183,4 +183,4 @@ void SlaveLink::lose(const Error& error) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

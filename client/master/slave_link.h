@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The task connection of a device, shared by all users of the device.
-#ifndef ZELL_CLIENT_MASTER_SLAVE_LINK_H_
-#define ZELL_CLIENT_MASTER_SLAVE_LINK_H_
+#ifndef RUNEL_MASTER_SLAVE_LINK_H_
+#define RUNEL_MASTER_SLAVE_LINK_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -10,12 +10,12 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/core/channel.h"
 #include "client/core/error.h"
-#include "client/core/loop.h"
 #include "client/core/request.h"
+#include "client/io/channel.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// Sends requests in order and passes each answer to its requester. Detects a half-open connection
 /// when the peer stops acknowledging data.
@@ -36,7 +36,7 @@ class SlaveLink {
   };
 
   /// @p timeout is for the answer to a cheap task on an idle device.
-  SlaveLink(Loop& loop, UniqueFd socket, Milliseconds timeout, Events events);
+  SlaveLink(Loop& loop, zell::UniqueFd socket, Milliseconds timeout, Events events);
   ~SlaveLink();
   SlaveLink(const SlaveLink&) = delete;
   SlaveLink& operator=(const SlaveLink&) = delete;
@@ -85,6 +85,6 @@ class SlaveLink {
 /// False for payloads without an answer: "restart", and text that is not a record.
 [[nodiscard]] bool isAnswered(const std::string& payload);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_SLAVE_LINK_H_
+#endif  // RUNEL_MASTER_SLAVE_LINK_H_

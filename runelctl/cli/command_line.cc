@@ -9,18 +9,18 @@
 
 #include "client/core/error.h"
 #include "client/core/request.h"
-#include "commands/within.h"
+#include "commands/number_range.h"
 #include "fleet/waves.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr int kMostJobs = 100000;
 constexpr double kMostSeconds = 86400.0 * 365;
 
 CLI::Validator secondsRange(double least) {
-  return within(least, kMostSeconds);
+  return numberRange(least, kMostSeconds);
 }
 
 // Names an unknown command: the library would only report that a command is missing.
@@ -95,7 +95,7 @@ void CommandLine::defineFleetOptions() {
   const std::string group = "Several devices";
   app_.add_option("-j,--jobs", settings_.jobs,
                   "devices in parallel (default: 64; reboot and restart: 1)")
-      ->check(within(1, kMostJobs))
+      ->check(numberRange(1, kMostJobs))
       ->each([this](const std::string&) { settings_.jobsGiven = true; })
       ->group(group)
       ->type_name("N");
@@ -110,7 +110,7 @@ void CommandLine::defineFleetOptions() {
                 "start no further device after the first failure")
       ->group(group);
   app_.add_option("--retry", settings_.retry, "retry transient failures up to N times (default: 0)")
-      ->check(within(0, 1000))
+      ->check(numberRange(0, 1000))
       ->group(group)
       ->type_name("N");
   app_.add_option("--deadline", settings_.deadline,
@@ -124,7 +124,7 @@ void CommandLine::defineFleetOptions() {
       ->type_name("LIST");
   app_.add_option("--max-fail", settings_.maxFail,
                   "failed devices that do not stop the next wave (default: 0)")
-      ->check(within(0, 1000000))
+      ->check(numberRange(0, 1000000))
       ->group(group)
       ->type_name("N");
   app_.add_option(
@@ -154,13 +154,13 @@ int CommandLine::parse(std::vector<std::string> words) {
     return app_.exit(help);
   } catch (const CLI::ParseError& error) {
     complain(explain(app_, error));
-    return kExitUsage;
+    return runel::kExitUsage;
   }
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);
   const std::string wrong = checkChosen();
   if (!wrong.empty()) {
     complain(wrong);
-    return kExitUsage;
+    return runel::kExitUsage;
   }
   return -1;
 }
@@ -175,9 +175,9 @@ std::string CommandLine::checkChosen() {
 
 std::string CommandLine::readTargets() {
   std::string why;
-  std::vector<Target>& targets = settings_.targets;
+  std::vector<runel::Target>& targets = settings_.targets;
   for (const std::string& list : devices_) {
-    if (!parseTargetList(list, targets, why)) {
+    if (!runel::parseTargetList(list, targets, why)) {
       return "-d: " + why;
     }
   }
@@ -186,16 +186,16 @@ std::string CommandLine::readTargets() {
     if (devicesFile_ != "-") {
       file.open(devicesFile_);
       if (!file) {
-        return devicesFile_ + ": " + systemText(errno);
+        return devicesFile_ + ": " + runel::systemText(errno);
       }
     }
-    if (!zell::ctl::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
+    if (!runel::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
       return devicesFile_ + ": " + why;
     }
   } else if (devices_.empty()) {
-    return parseTargetList("127.0.0.1", targets, why) ? "" : why;
+    return runel::parseTargetList("127.0.0.1", targets, why) ? "" : why;
   }
   return targets.empty() ? devicesFile_ + ": no devices listed" : "";
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

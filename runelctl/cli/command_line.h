@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The parsed command line: the general options, the command and its arguments.
-#ifndef ZELL_RUNELCTL_CLI_COMMAND_LINE_H_
-#define ZELL_RUNELCTL_CLI_COMMAND_LINE_H_
+#ifndef RUNELCTL_CLI_COMMAND_LINE_H_
+#define RUNELCTL_CLI_COMMAND_LINE_H_
 
 #include <memory>
 #include <string>
@@ -13,7 +13,7 @@
 #include "commands/command.h"
 #include "commands/settings.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Parses one command line. Create a new object for each command line.
 class CommandLine {
@@ -59,6 +59,6 @@ class CommandLine {
 /// Prints an error message on standard error.
 void complain(const std::string& what);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CLI_COMMAND_LINE_H_
+#endif  // RUNELCTL_CLI_COMMAND_LINE_H_

@@ -3,7 +3,7 @@
 #include "cli/local_command.h"
 #include "commands/command.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 Commands deviceCommands() {
   Commands commands;
@@ -25,4 +25,4 @@ LocalCommands localCommands() {
   return commands;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Subcommands that are not executed on a device, such as the master and the shell.
-#ifndef ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_
-#define ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_
+#ifndef RUNELCTL_CLI_LOCAL_COMMAND_H_
+#define RUNELCTL_CLI_LOCAL_COMMAND_H_
 
 #include <memory>
 #include <string>
@@ -15,7 +15,7 @@ namespace CLI {
 class App;
 }  // namespace CLI
 
-namespace zell::ctl {
+namespace runelctl {
 
 class LocalCommand {
  public:
@@ -54,6 +54,6 @@ void addAgentCommand(LocalCommands& commands);
 void addShellCommand(LocalCommands& commands);
 void addCompletionCommand(LocalCommands& commands);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CLI_LOCAL_COMMAND_H_
+#endif  // RUNELCTL_CLI_LOCAL_COMMAND_H_

@@ -13,7 +13,7 @@
 #include "fleet/fleet.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Asks for confirmation before a destructive command on several devices. Reports a missing --yes.
@@ -35,27 +35,27 @@ bool confirmed(const Settings& settings, const Command& command) {
 
 // Removes the targets that are not listed in @p path from @p targets. Returns the error, empty for
 // success.
-std::string keepFailed(const std::string& path, std::vector<Target>& targets) {
+std::string keepFailed(const std::string& path, std::vector<runel::Target>& targets) {
   std::ifstream file(path);
   if (!file) {
-    return errno == ENOENT ? "" : path + ": " + systemText(errno);
+    return errno == ENOENT ? "" : path + ": " + runel::systemText(errno);
   }
-  std::vector<Target> failed;
+  std::vector<runel::Target> failed;
   std::string why;
-  if (!readTargets(file, failed, why)) {
+  if (!runel::readTargets(file, failed, why)) {
     return path + ": " + why;
   }
-  const auto done = [&](const Target& target) {
+  const auto done = [&](const runel::Target& target) {
     return std::find(failed.begin(), failed.end(), target) == failed.end();
   };
   targets.erase(std::remove_if(targets.begin(), targets.end(), done), targets.end());
   return "";
 }
 
-bool writeFailed(const std::string& path, const std::vector<Target>& targets) {
+bool writeFailed(const std::string& path, const std::vector<runel::Target>& targets) {
   const std::string fresh = path + ".new";
   std::ofstream file(fresh);
-  for (const Target& target : targets) {
+  for (const runel::Target& target : targets) {
     const std::string where = target.behindMaster()
                                   ? "@" + target.through
                                   : target.host + ":" + std::to_string(target.port);
@@ -74,7 +74,8 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
       settings.targets[0] == session.device->target()) {
     fleet.lend(*session.device);
   }
-  const Signals signals(session.loop, [&](int number) { fleet.cancel(kExitSignalBase + number); });
+  const Signals signals(session.loop,
+                        [&](int number) { fleet.cancel(runel::kExitSignalBase + number); });
   const int status = fleet.run();
   if (settings.dryRun) {
     printer.unsent(settings.targets.size());
@@ -82,8 +83,8 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   }
   printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
   if (!settings.retryFailed.empty() && !writeFailed(settings.retryFailed, fleet.unfinished())) {
-    complain(settings.retryFailed + ": " + systemText(errno));
-    return std::max(status, kExitTaskFailed);
+    complain(settings.retryFailed + ": " + runel::systemText(errno));
+    return std::max(status, runel::kExitTaskFailed);
   }
   return status;
 }
@@ -94,7 +95,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     const std::string wrong = keepFailed(settings.retryFailed, settings.targets);
     if (!wrong.empty()) {
       complain(wrong);
-      return kExitUsage;
+      return runel::kExitUsage;
     }
     if (settings.targets.empty()) {
       if (!settings.quiet && !settings.json) {
@@ -104,7 +105,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     }
   }
   if (!confirmed(settings, *line.command())) {
-    return kExitUsage;
+    return runel::kExitUsage;
   }
   if (const auto error = line.command()->prepare()) {
     tellFailure(line.command()->name(), *error, style);
@@ -128,11 +129,11 @@ int runCommandLine(Session& session, const std::vector<std::string>& words) {
   const std::string wrong = line.readTargets();
   if (!wrong.empty()) {
     complain(wrong);
-    return kExitUsage;
+    return runel::kExitUsage;
   }
   const Style style = styleFor(settings.json, settings.quiet, settings.colour);
   return line.command() != nullptr ? runOnDevices(session, line, style)
                                    : line.local()->run(settings, style);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -7,9 +7,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-namespace zell::ctl {
+namespace runelctl {
 
-Signals::Signals(Loop& loop, std::function<void(int number)> caught)
+Signals::Signals(runel::Loop& loop, std::function<void(int number)> caught)
     : loop_(loop), caught_(std::move(caught)) {
   sigset_t wanted;
   sigemptyset(&wanted);
@@ -34,4 +34,4 @@ Signals::~Signals() {
   sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

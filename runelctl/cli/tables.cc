@@ -9,7 +9,7 @@
 
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // The words between the braces of "WHEN:{always,auto,never}"; empty without braces.
@@ -123,4 +123,4 @@ Tables readTables(CLI::App& app) {
   return tables;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // All commands and options as tables, for completion.
-#ifndef ZELL_RUNELCTL_CLI_TABLES_H_
-#define ZELL_RUNELCTL_CLI_TABLES_H_
+#ifndef RUNELCTL_CLI_TABLES_H_
+#define RUNELCTL_CLI_TABLES_H_
 
 #include <string>
 #include <vector>
@@ -10,7 +10,7 @@ namespace CLI {
 class App;
 }  // namespace CLI
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The kind of a value or an argument.
 enum class Value {
@@ -52,6 +52,6 @@ struct Tables {
 /// Reads the tables from the definition of the command line. Omits what the help does not show.
 [[nodiscard]] Tables readTables(CLI::App& app);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CLI_TABLES_H_
+#endif  // RUNELCTL_CLI_TABLES_H_

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kTarBlock = 512;
@@ -67,7 +67,7 @@ void Archive::padded(std::string_view content) {
 
 // The plain header stores only whole seconds since 1970, so an extended header stores the time. All
 // tars in use support it; another one would unpack it as a file and print a warning.
-void Archive::exactTime(const Moment& mtime) {
+void Archive::exactTime(const runel::Timestamp& mtime) {
   char time[64];
   std::snprintf(time, sizeof time, "mtime=%lld.%09lld\n", static_cast<long long>(mtime.seconds),
                 static_cast<long long>(mtime.nanoseconds));
@@ -92,4 +92,4 @@ std::string Archive::finish() {
   return std::move(bytes_);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

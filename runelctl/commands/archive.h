@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Packs many small files or directories into one tar archive.
-#ifndef ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
-#define ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
+#ifndef RUNELCTL_COMMANDS_ARCHIVE_H_
+#define RUNELCTL_COMMANDS_ARCHIVE_H_
 
 #include <cstdint>
 #include <string>
@@ -9,7 +9,7 @@
 
 #include "client/core/records.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Builds a tar archive of regular files and directories in memory.
 class Archive {
@@ -18,7 +18,7 @@ class Archive {
     std::uint32_t mode;
     std::uint64_t uid;
     std::uint64_t gid;
-    Moment mtime;
+    runel::Timestamp mtime;
   };
 
   static constexpr std::size_t kMostName = 99;
@@ -33,12 +33,12 @@ class Archive {
 
  private:
   void header(std::string_view name, char type, const About& about, std::size_t size);
-  void exactTime(const Moment& mtime);
+  void exactTime(const runel::Timestamp& mtime);
   void padded(std::string_view content);
 
   std::string bytes_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_ARCHIVE_H_
+#endif  // RUNELCTL_COMMANDS_ARCHIVE_H_

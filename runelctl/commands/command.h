@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A subcommand that runs on devices: its name, its arguments and its job.
-#ifndef ZELL_RUNELCTL_COMMANDS_COMMAND_H_
-#define ZELL_RUNELCTL_COMMANDS_COMMAND_H_
+#ifndef RUNELCTL_COMMANDS_COMMAND_H_
+#define RUNELCTL_COMMANDS_COMMAND_H_
 
 #include <memory>
 #include <optional>
@@ -14,7 +14,7 @@ namespace CLI {
 class App;
 }  // namespace CLI
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Holds the arguments of one command line. Create a new object for each command line.
 class Command {
@@ -35,7 +35,7 @@ class Command {
     return "";
   }
   /// Examines the local files of the command, once for all devices. Returns the error, if any.
-  [[nodiscard]] virtual std::optional<Error> prepare() { return std::nullopt; }
+  [[nodiscard]] virtual std::optional<runel::Error> prepare() { return std::nullopt; }
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
   /// True for a command that needs a confirmation on several devices.
   [[nodiscard]] virtual bool destructive() const { return false; }
@@ -60,6 +60,6 @@ void addProgramCommands(Commands& commands);
 void addDeviceCommands(Commands& commands);
 void addRestartCommands(Commands& commands);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_COMMAND_H_
+#endif  // RUNELCTL_COMMANDS_COMMAND_H_

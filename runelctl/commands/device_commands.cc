@@ -12,16 +12,16 @@
 
 #include "client/core/records.h"
 #include "commands/command.h"
+#include "commands/number_range.h"
 #include "commands/raw_text.h"
-#include "commands/within.h"
 #include "protocol/frame_sender.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Needs only one system call on the device.
-Request cheapTask() {
-  return request({"fileexists", "/"});
+runel::Request cheapTask() {
+  return runel::request({"fileexists", "/"});
 }
 
 class PingJob : public Job {
@@ -31,8 +31,8 @@ class PingJob : public Job {
   ~PingJob() override { loop().cancel(timer_); }
 
   void start() override {
-    sent_ = Clock::now();
-    ask(cheapTask(), [this](const Reply& reply) { back(reply); });
+    sent_ = runel::Clock::now();
+    ask(cheapTask(), [this](const runel::Reply& reply) { back(reply); });
   }
   [[nodiscard]] std::string sentLater() const override {
     return count_ == 1 ? ""
@@ -41,18 +41,20 @@ class PingJob : public Job {
   }
 
  private:
-  void back(const Reply& reply) {
+  void back(const runel::Reply& reply) {
     if (reply.broken) {
       fail(*reply.broken);
       return;
     }
-    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - sent_).count();
+    const double ms =
+        std::chrono::duration<double, std::milli>(runel::Clock::now() - sent_).count();
     times_.push_back(ms);
     report().line("answer " + std::to_string(times_.size()) + ": " + text(ms) + " ms");
     report().entry({{"entry", "ping"}, {"ms", ms}});
     if (times_.size() < static_cast<std::size_t>(count_)) {
       const auto pause = std::chrono::duration<double>(pause_);
-      timer_ = loop().after(std::chrono::duration_cast<Milliseconds>(pause), [this] { start(); });
+      timer_ =
+          loop().after(std::chrono::duration_cast<runel::Milliseconds>(pause), [this] { start(); });
       return;
     }
     sum();
@@ -80,8 +82,8 @@ class PingJob : public Job {
   const int count_;
   const double pause_;
   std::vector<double> times_;
-  Clock::time_point sent_;
-  Loop::Timer timer_;
+  runel::Clock::time_point sent_;
+  runel::Loop::Timer timer_;
 };
 
 class PingCommand : public Command {
@@ -89,10 +91,10 @@ class PingCommand : public Command {
   PingCommand() : Command("ping", "measure the round-trip time") {}
   void define(CLI::App& app) override {
     app.add_option("-c,--count", count_, "number of requests (default: 5)")
-        ->check(within(1, 1000000))
+        ->check(numberRange(1, 1000000))
         ->type_name("N");
     app.add_option("-i,--interval", pause_, "pause between requests (default: 0.2)")
-        ->check(within(0.0, 3600.0))
+        ->check(numberRange(0.0, 3600.0))
         ->type_name("SECONDS");
   }
   std::unique_ptr<Job> job(JobContext context) override {
@@ -114,17 +116,19 @@ class InfoJob : public Job {
     text("devicetype", {"devicetype"});
     text("kernel", {"read", "/proc/sys/kernel/osrelease"});
     text("hostname", {"read", "/proc/sys/kernel/hostname"});
-    ask(request({"read", "/proc/uptime"}), [this](const Reply& reply) { uptime(reply); });
-    ask(request({"stat", "/"}), [this](const Reply& reply) {
-      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    ask(runel::request({"read", "/proc/uptime"}),
+        [this](const runel::Reply& reply) { uptime(reply); });
+    ask(runel::request({"stat", "/"}), [this](const runel::Reply& reply) {
+      const std::optional<runel::StatRecord> st =
+          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
       blockSize_ = st ? st->blksize : 0;
     });
-    ask(request({"freeblocks", "/"}), [this](const Reply& reply) { space(reply); });
+    ask(runel::request({"freeblocks", "/"}), [this](const runel::Reply& reply) { space(reply); });
   }
 
  private:
   void text(const std::string& label, std::vector<std::string> task) {
-    ask(request(std::move(task)), [this, label](const Reply& reply) {
+    ask(runel::request(std::move(task)), [this, label](const runel::Reply& reply) {
       if (reply.ok()) {
         show(label, reply.output.substr(0, reply.output.find('\n')));
       }
@@ -142,7 +146,7 @@ class InfoJob : public Job {
                   report().name(value));
   }
 
-  void uptime(const Reply& reply) {
+  void uptime(const runel::Reply& reply) {
     if (!reply.ok()) {
       return;
     }
@@ -155,7 +159,7 @@ class InfoJob : public Job {
   }
 
   // The last answer ends the job.
-  void space(const Reply& reply) {
+  void space(const runel::Reply& reply) {
     if (reply.broken) {
       fail(*reply.broken);
       return;
@@ -189,20 +193,20 @@ class RawJob : public Job {
   void start() override {
     dump("request", payload_);
     device().setTap([this](const std::string& payload) { dump("reply", payload); });
-    Request like = request({"read"});
-    device().askRaw(payload_, like, [this](const Reply& reply) {
+    runel::Request like = runel::request({"read"});
+    device().askRaw(payload_, like, [this](const runel::Reply& reply) {
       device().setTap(nullptr);
       if (reply.broken) {
         fail(*reply.broken);
       } else {
-        finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
+        finish({reply.ok() ? 0 : runel::kExitTaskFailed, std::nullopt});
       }
     });
   }
 
  private:
   void dump(const std::string& label, const std::string& payload) {
-    const std::string frame = frameHead(payload.size()) + payload;
+    const std::string frame = zell::frameHead(payload.size()) + payload;
     report().line(label + ", " + countText(frame.size(), "byte"));
     report().bytes(hexDump(frame));
     putBytes(report().result(), label, payload);
@@ -244,4 +248,4 @@ void addDeviceCommands(Commands& commands) {
   commands.push_back(std::make_unique<RawCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -15,42 +15,42 @@
 #include "commands/lists.h"
 #include "commands/local_tree.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
-std::tm localTime(const Moment& moment) {
+std::tm localTime(const runel::Timestamp& moment) {
   const std::time_t seconds = moment.seconds;
   std::tm parts{};
   (void)localtime_r(&seconds, &parts);  // a time that does not fit is shown as 1900
   return parts;
 }
 
-std::string minuteText(const Moment& moment) {
+std::string minuteText(const runel::Timestamp& moment) {
   const std::tm parts = localTime(moment);
   char text[64];
   return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts));
 }
 
-std::string secondText(const Moment& moment) {
+std::string secondText(const runel::Timestamp& moment) {
   const std::tm parts = localTime(moment);
   char text[64];
   return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &parts));
 }
 
-std::string longLine(const StatRecord& st) {
+std::string longLine(const runel::StatRecord& st) {
   char text[128];
   std::snprintf(text, sizeof text, "%s %3llu %5llu %5llu %10llu ",
-                modeText(typeLetter(st.mode), st.mode).c_str(),
+                runel::modeText(runel::typeLetter(st.mode), st.mode).c_str(),
                 static_cast<unsigned long long>(st.nlink), static_cast<unsigned long long>(st.uid),
                 static_cast<unsigned long long>(st.gid), static_cast<unsigned long long>(st.size));
   return text + minuteText(st.mtime) + " ";
 }
 
-Json statJson(const StatRecord& st) {
+Json statJson(const runel::StatRecord& st) {
   char mode[16];
   std::snprintf(mode, sizeof mode, "%07o", st.mode);
   Json object;
-  object["type"] = std::string(1, typeLetter(st.mode));
+  object["type"] = std::string(1, runel::typeLetter(st.mode));
   object["mode"] = mode;
   object["nlink"] = st.nlink;
   object["uid"] = st.uid;
@@ -61,8 +61,8 @@ Json statJson(const StatRecord& st) {
   return object;
 }
 
-const Error kBadText{Fault::protocol, "malformed answer",
-                     "check that the versions of runeld and runelctl match", 0};
+const runel::Error kBadText{runel::Fault::protocol, "malformed answer",
+                            "check that the versions of runeld and runelctl match", 0};
 
 class CatJob : public EachPathJob {
  public:
@@ -70,7 +70,7 @@ class CatJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(request({"read", path}), [this, path](const Reply& reply) {
+    ask(runel::request({"read", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok()) {
         report().bytes(reply.output);
         Json object{{"entry", "file"}};
@@ -94,7 +94,7 @@ class LsJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(request({"readdir", path}), [this, path](const Reply& reply) {
+    ask(runel::request({"readdir", path}), [this, path](const runel::Reply& reply) {
       if (!reply.broken && reply.status.error == ENOTDIR) {
         showFile(path);
         return;
@@ -110,7 +110,7 @@ class LsJob : public EachPathJob {
 
   // Returns false when the job has ended.
   bool take(const std::string& path, const std::string& text) {
-    std::optional<std::vector<std::string>> names = parseNames(text);
+    std::optional<std::vector<std::string>> names = runel::parseNames(text);
     if (!names) {
       fail(kBadText);
       return false;
@@ -137,20 +137,22 @@ class LsJob : public EachPathJob {
   }
 
   void askAbout(const std::string& directory, const std::string& name) {
-    ask(request({"lstat", joinPath(directory, name)}), [this, directory, name](const Reply& reply) {
-      showEntry(name, reply);
-      // A file that was removed meanwhile is not an error. A lost connection is.
-      --left_;
-      if (reply.broken || left_ == 0) {
-        Reply all;
-        all.broken = reply.broken;
-        visited(all, directory);
-      }
-    });
+    ask(runel::request({"lstat", runel::joinPath(directory, name)}),
+        [this, directory, name](const runel::Reply& reply) {
+          showEntry(name, reply);
+          // A file that was removed meanwhile is not an error. A lost connection is.
+          --left_;
+          if (reply.broken || left_ == 0) {
+            runel::Reply all;
+            all.broken = reply.broken;
+            visited(all, directory);
+          }
+        });
   }
 
-  void showEntry(const std::string& name, const Reply& reply) {
-    const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  void showEntry(const std::string& name, const runel::Reply& reply) {
+    const std::optional<runel::StatRecord> st =
+        reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
     if (!st) {
       return;
     }
@@ -162,7 +164,7 @@ class LsJob : public EachPathJob {
   }
 
   void showFile(const std::string& path) {
-    ask(request({"lstat", path}), [this, path](const Reply& reply) {
+    ask(runel::request({"lstat", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok() && full_) {
         showEntry(path, reply);
       } else if (reply.ok()) {
@@ -183,8 +185,8 @@ class TreeJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(request({"walktree", path}), [this, path](const Reply& reply) {
-      const auto entries = reply.broken ? std::nullopt : parseTree(reply.output);
+    ask(runel::request({"walktree", path}), [this, path](const runel::Reply& reply) {
+      const auto entries = reply.broken ? std::nullopt : runel::parseTree(reply.output);
       if (!reply.broken && !entries) {
         fail(kBadText);
         return;
@@ -196,11 +198,11 @@ class TreeJob : public EachPathJob {
     });
   }
 
-  void show(const std::string& path, const std::vector<TreeEntry>& entries) {
-    for (const TreeEntry& entry : entries) {
+  void show(const std::string& path, const std::vector<runel::TreeEntry>& entries) {
+    for (const runel::TreeEntry& entry : entries) {
       const auto depth =
           entry.path == "." ? 0 : 1 + std::count(entry.path.begin(), entry.path.end(), '/');
-      const std::string name = entry.path == "." ? path : baseName(entry.path);
+      const std::string name = entry.path == "." ? path : runel::baseName(entry.path);
       report().line(std::string(static_cast<std::size_t>(depth) * 2, ' ') + report().name(name) +
                     (entry.type == 'd' ? "/" : "") +
                     (entry.type == 'l' ? " -> " + report().name(entry.target) : "") +
@@ -209,7 +211,7 @@ class TreeJob : public EachPathJob {
     }
   }
 
-  void showJson(const TreeEntry& entry) {
+  void showJson(const runel::TreeEntry& entry) {
     Json object{{"entry", "name"}};
     putBytes(object, "path", entry.path);
     object["type"] = std::string(1, entry.type);
@@ -233,11 +235,12 @@ class DfJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(request({"stat", path}), [this](const Reply& reply) {
-      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    ask(runel::request({"stat", path}), [this](const runel::Reply& reply) {
+      const std::optional<runel::StatRecord> st =
+          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
       blockSize_ = st ? st->blksize : 0;
     });
-    ask(request({"freeblocks", path}), [this, path](const Reply& reply) {
+    ask(runel::request({"freeblocks", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok()) {
         show(path, reply.output);
       }
@@ -266,8 +269,9 @@ class StatJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(request({task_, path}), [this, path](const Reply& reply) {
-      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    ask(runel::request({task_, path}), [this, path](const runel::Reply& reply) {
+      const std::optional<runel::StatRecord> st =
+          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
       if (reply.ok() && !st) {
         fail(kBadText);
         return;
@@ -279,7 +283,7 @@ class StatJob : public EachPathJob {
     });
   }
 
-  void show(const std::string& path, const StatRecord& st, const std::string& text) {
+  void show(const std::string& path, const runel::StatRecord& st, const std::string& text) {
     report().bytes(raw_ ? text : readable(path, st));
     Json object = statJson(st);
     object["entry"] = "name";
@@ -294,12 +298,12 @@ class StatJob : public EachPathJob {
     report().entry(object);
   }
 
-  [[nodiscard]] std::string readable(const std::string& path, const StatRecord& st) {
+  [[nodiscard]] std::string readable(const std::string& path, const runel::StatRecord& st) {
     char mode[16];
     std::snprintf(mode, sizeof mode, "%04o", st.mode & 07777U);
     const auto number = [](std::uint64_t value) { return std::to_string(value); };
     return "  path: " + report().name(path) + "\n  type: " + typeName(st.mode) +
-           "\n  mode: " + modeText(typeLetter(st.mode), st.mode) + " (" + mode + ")" +
+           "\n  mode: " + runel::modeText(runel::typeLetter(st.mode), st.mode) + " (" + mode + ")" +
            "\n owner: " + number(st.uid) + ":" + number(st.gid) + "\n  size: " + number(st.size) +
            " bytes, " + number(st.blocks) + " blocks of 512" + "\n links: " + number(st.nlink) +
            ", inode " + number(st.ino) + " on device " + number(st.dev) +
@@ -314,7 +318,7 @@ class StatJob : public EachPathJob {
         {'p', "named pipe"},    {'b', "block device"},
         {'s', "socket"}};
     for (const auto& [letter, name] : kNames) {
-      if (letter == typeLetter(mode)) {
+      if (letter == runel::typeLetter(mode)) {
         return name;
       }
     }
@@ -334,9 +338,9 @@ class RmJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    const Request one =
-        recursive_ ? execRequest({"rm", "-r", "--", path}, 0) : request({"unlink", path});
-    ask(one, [this, path](const Reply& reply) {
+    const runel::Request one = recursive_ ? runel::execRequest({"rm", "-r", "--", path}, 0)
+                                          : runel::request({"unlink", path});
+    ask(one, [this, path](const runel::Reply& reply) {
       if (!reply.ok() && recursive_ && !reply.output.empty()) {
         report().warn(reply.output.substr(0, reply.output.find('\n')));
       }
@@ -354,13 +358,14 @@ class MvJob : public Job {
 
   // If the target is a directory, moves the file into it, like mv(1). "rename" alone does not.
   void start() override {
-    ask(request({"stat", to_}), [this](const Reply& reply) {
-      const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    ask(runel::request({"stat", to_}), [this](const runel::Reply& reply) {
+      const std::optional<runel::StatRecord> st =
+          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
       if (reply.broken) {
         fail(*reply.broken);
         return;
       }
-      move(st && st->isDirectory() ? joinPath(to_, baseName(from_)) : to_);
+      move(st && st->isDirectory() ? runel::joinPath(to_, runel::baseName(from_)) : to_);
     });
   }
   [[nodiscard]] std::string sentLater() const override {
@@ -369,7 +374,7 @@ class MvJob : public Job {
 
  private:
   void move(const std::string& to) {
-    ask(request({"rename", from_, to}), [this, to](const Reply& reply) {
+    ask(runel::request({"rename", from_, to}), [this, to](const runel::Reply& reply) {
       if (reply.ok()) {
         succeed();
       } else {
@@ -479,4 +484,4 @@ void addFileCommands(Commands& commands) {
   commands.push_back(std::make_unique<MvCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,31 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 // The execution of one command on one device.
-#ifndef ZELL_RUNELCTL_COMMANDS_JOB_H_
-#define ZELL_RUNELCTL_COMMANDS_JOB_H_
+#ifndef RUNELCTL_COMMANDS_JOB_H_
+#define RUNELCTL_COMMANDS_JOB_H_
 
 #include <functional>
 #include <optional>
 #include <string>
 #include <utility>
 
-#include "client/core/device.h"
-#include "client/core/loop.h"
+#include "client/io/device.h"
+#include "client/io/loop.h"
 #include "commands/settings.h"
 #include "output/report.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The result of a job: an exit status, and the error if it is not 0. The exit status of a program
 /// comes without an error: the program reports its errors.
 struct Outcome {
   int status = 0;
-  std::optional<Error> error;
+  std::optional<runel::Error> error;
 };
 
 /// The environment of a job. All of it outlives the job.
 struct JobContext {
-  Loop& loop;
-  Device& device;
+  runel::Loop& loop;
+  runel::Device& device;
   Report& report;
   const Settings& settings;
   std::function<void(Outcome)> done;
@@ -47,18 +47,18 @@ class Job {
   [[nodiscard]] virtual std::string sentLater() const { return ""; }
   /// A request that removes the temporary files of an unfinished job from the device, for a
   /// separate connection. Empty if no cleanup is necessary.
-  [[nodiscard]] virtual std::optional<Request> cleanUp() const { return std::nullopt; }
+  [[nodiscard]] virtual std::optional<runel::Request> cleanUp() const { return std::nullopt; }
 
  protected:
-  void ask(const Request& request, ReplyHandler handler) {
+  void ask(const runel::Request& request, runel::ReplyHandler handler) {
     context_.device.ask(request, std::move(handler));
   }
   void finish(Outcome outcome) { context_.done(std::move(outcome)); }
   void succeed() { finish({}); }
-  void fail(const Error& error) { finish({exitStatusOf(error), error}); }
+  void fail(const runel::Error& error) { finish({exitStatusOf(error), error}); }
   /// Ends the job with the failure in @p reply of @p what.
-  void fail(const Reply& reply, const std::string& what) {
-    finish({reply.broken ? reply.exitStatus() : kExitTaskFailed, reply.error(what)});
+  void fail(const runel::Reply& reply, const std::string& what) {
+    finish({reply.broken ? reply.exitStatus() : runel::kExitTaskFailed, reply.error(what)});
   }
 
   Report& report() { return context_.report; }
@@ -66,13 +66,13 @@ class Job {
   [[nodiscard]] std::string remote(const std::string& path) const {
     return context_.settings.remote(path);
   }
-  Loop& loop() { return context_.loop; }
-  Device& device() { return context_.device; }
+  runel::Loop& loop() { return context_.loop; }
+  runel::Device& device() { return context_.device; }
 
  private:
   JobContext context_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_JOB_H_
+#endif  // RUNELCTL_COMMANDS_JOB_H_

@@ -3,7 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 
 EachPathJob::EachPathJob(JobContext context, std::vector<std::string> paths)
     : Job(std::move(context)), paths_(std::move(paths)) {}
@@ -18,17 +18,17 @@ void EachPathJob::start() {
   }
 }
 
-void EachPathJob::visited(const Reply& reply, const std::string& path) {
+void EachPathJob::visited(const runel::Reply& reply, const std::string& path) {
   if (reply.broken) {
     fail(*reply.broken);
     return;
   }
   if (!reply.ok()) {
-    const Error error = reply.error(path);
+    const runel::Error error = reply.error(path);
     if (outcome_.error) {
       report().warn(error.what);
     } else {
-      outcome_ = {kExitTaskFailed, error};
+      outcome_ = {runel::kExitTaskFailed, error};
     }
   }
   if (++next_ == paths_.size()) {
@@ -56,4 +56,4 @@ std::vector<std::string> PathsCommand::paths(const Settings& settings) const {
   return all;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

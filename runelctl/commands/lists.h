@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Commands that process a list of paths.
-#ifndef ZELL_RUNELCTL_COMMANDS_LISTS_H_
-#define ZELL_RUNELCTL_COMMANDS_LISTS_H_
+#ifndef RUNELCTL_COMMANDS_LISTS_H_
+#define RUNELCTL_COMMANDS_LISTS_H_
 
 #include <cstddef>
 #include <string>
@@ -10,7 +10,7 @@
 
 #include "commands/command.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Visits one path after the other. A failure does not stop the visits. The first failure is the
 /// outcome, the others are reported as warnings.
@@ -22,7 +22,7 @@ class EachPathJob : public Job {
  protected:
   /// Sends the requests for @p path and calls `visited` at the end.
   virtual void visit(const std::string& path) = 0;
-  void visited(const Reply& reply, const std::string& path);
+  void visited(const runel::Reply& reply, const std::string& path);
 
  private:
   const std::vector<std::string> paths_;
@@ -46,6 +46,6 @@ class PathsCommand : public Command {
   std::vector<std::string> paths_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_LISTS_H_
+#endif  // RUNELCTL_COMMANDS_LISTS_H_

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kMostOnTheWay = 256;
@@ -14,7 +14,8 @@ constexpr std::size_t kMostNameBytes = 98304;
 
 }  // namespace
 
-Pipeline::Pipeline(Device& device, Source source, std::size_t mostBytes, std::function<void()> end)
+Pipeline::Pipeline(runel::Device& device, Source source, std::size_t mostBytes,
+                   std::function<void()> end)
     : device_(device), source_(std::move(source)), mostBytes_(mostBytes), end_(std::move(end)) {}
 
 void Pipeline::fill() {
@@ -27,10 +28,11 @@ void Pipeline::fill() {
     }
     ++count_;
     weight_ += next->weight;
-    const Request request = std::move(next->request);
-    next->request = Request();
-    device_.ask(request,
-                [this, item = std::move(*next)](const Reply& reply) { answered(item, reply); });
+    const runel::Request request = std::move(next->request);
+    next->request = runel::Request();
+    device_.ask(request, [this, item = std::move(*next)](const runel::Reply& reply) {
+      answered(item, reply);
+    });
   }
   filling_ = false;
   if (dry_ && count_ == 0) {
@@ -39,7 +41,7 @@ void Pipeline::fill() {
   }
 }
 
-void Pipeline::answered(const Item& item, const Reply& reply) {
+void Pipeline::answered(const Item& item, const runel::Reply& reply) {
   --count_;
   weight_ -= item.weight;
   if (!item.handle(reply)) {
@@ -77,11 +79,11 @@ Pipeline::Source programSource(std::vector<ProgramRuns> runs,
     }
     std::vector<std::string> words = run.words;
     words.insert(words.end(), names->begin(), names->end());
-    return Pipeline::Item{execRequest(words, 0), kMostNameBytes,
-                          [state, names, program = words[0]](const Reply& reply) {
+    return Pipeline::Item{runel::execRequest(words, 0), kMostNameBytes,
+                          [state, names, program = words[0]](const runel::Reply& reply) {
                             return state->handle({program, *names, reply});
                           }};
   };
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

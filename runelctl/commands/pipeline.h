@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Keeps a limited number of requests in flight to one device.
-#ifndef ZELL_RUNELCTL_COMMANDS_PIPELINE_H_
-#define ZELL_RUNELCTL_COMMANDS_PIPELINE_H_
+#ifndef RUNELCTL_COMMANDS_PIPELINE_H_
+#define RUNELCTL_COMMANDS_PIPELINE_H_
 
 #include <cstddef>
 #include <functional>
@@ -10,26 +10,26 @@
 #include <string>
 #include <vector>
 
-#include "client/core/device.h"
+#include "client/io/device.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// A device executes one task at a time. A pipeline saves the round trips between tasks.
 class Pipeline {
  public:
   struct Item {
-    Request request;
+    runel::Request request;
     /// Bytes that it occupies in memory, on either side.
     std::size_t weight = 0;
     /// Returns false to stop after the requests in flight.
-    std::function<bool(const Reply& reply)> handle;
+    std::function<bool(const runel::Reply& reply)> handle;
   };
   /// Returns the next item, or nothing at the end.
   using Source = std::function<std::optional<Item>()>;
 
   /// Calls @p end once, when the source is exhausted or an item has stopped the pipeline, and all
   /// requests in flight are answered. Keeps about @p mostBytes of weight in flight.
-  Pipeline(Device& device, Source source, std::size_t mostBytes, std::function<void()> end);
+  Pipeline(runel::Device& device, Source source, std::size_t mostBytes, std::function<void()> end);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
 
@@ -37,9 +37,9 @@ class Pipeline {
 
  private:
   void fill();
-  void answered(const Item& item, const Reply& reply);
+  void answered(const Item& item, const runel::Reply& reply);
 
-  Device& device_;
+  runel::Device& device_;
   const Source source_;
   const std::size_t mostBytes_;
   std::function<void()> end_;
@@ -60,13 +60,13 @@ struct ProgramRuns {
 struct ProgramRun {
   const std::string& program;
   const std::vector<std::string>& names;
-  const Reply& reply;
+  const runel::Reply& reply;
 };
 
 /// A pipeline source that executes @p runs one after the other. @p handle works as in Item.
 [[nodiscard]] Pipeline::Source programSource(std::vector<ProgramRuns> runs,
                                              std::function<bool(const ProgramRun& run)> handle);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_PIPELINE_H_
+#endif  // RUNELCTL_COMMANDS_PIPELINE_H_

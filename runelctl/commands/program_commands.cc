@@ -7,33 +7,33 @@
 #include <CLI/CLI.hpp>
 
 #include "commands/command.h"
-#include "commands/within.h"
+#include "commands/number_range.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Prints the output of the program unchanged and returns its exit status.
 class ExecJob : public Job {
  public:
-  ExecJob(JobContext context, Request request, std::string program)
+  ExecJob(JobContext context, runel::Request request, std::string program)
       : Job(std::move(context)), request_(std::move(request)), program_(std::move(program)) {}
 
   void start() override {
-    ask(request_, [this](const Reply& reply) { show(reply); });
+    ask(request_, [this](const runel::Reply& reply) { show(reply); });
   }
 
  private:
-  void show(const Reply& reply) {
+  void show(const runel::Reply& reply) {
     if (!reply.broken) {
       putBytes(report().result(), "output", reply.output);
       report().bytes(reply.output);
-      if (reply.status.state == WatchProcessState_t::signalled) {
+      if (reply.status.state == zell::WatchProcessState_t::signalled) {
         report().result()["signal"] = reply.status.signal;
       }
     }
-    if (reply.ok() || (!reply.broken && reply.status.status == SlaveStatus::running)) {
+    if (reply.ok() || (!reply.broken && reply.status.status == zell::SlaveStatus::running)) {
       succeed();
-    } else if (!reply.broken && reply.status.state == WatchProcessState_t::exited) {
+    } else if (!reply.broken && reply.status.state == zell::WatchProcessState_t::exited) {
       // Report only the exit status, like a shell.
       finish({reply.exitStatus(),
               report().json() ? std::make_optional(reply.error(program_)) : std::nullopt});
@@ -42,16 +42,17 @@ class ExecJob : public Job {
     }
   }
 
-  static int statusOf(const Reply& reply) {
-    const bool notStarted = !reply.broken && reply.status.state == WatchProcessState_t::none &&
-                            reply.status.status == SlaveStatus::failure;
+  static int statusOf(const runel::Reply& reply) {
+    const bool notStarted = !reply.broken &&
+                            reply.status.state == zell::WatchProcessState_t::none &&
+                            reply.status.status == zell::SlaveStatus::failure;
     if (!notStarted) {
       return reply.exitStatus();
     }
-    return reply.status.error == ENOENT ? kExitNotThere : kExitCannotRun;
+    return reply.status.error == ENOENT ? runel::kExitNotThere : runel::kExitCannotRun;
   }
 
-  const Request request_;
+  const runel::Request request_;
   const std::string program_;
 };
 
@@ -62,7 +63,7 @@ class ExecCommand : public Command {
   void define(CLI::App& app) override {
     app.positionals_at_end();
     auto* limit = app.add_option("--timeout", limit_, "limit for the program (default: none)")
-                      ->check(within(1, 2147483647))
+                      ->check(numberRange(1, 2147483647))
                       ->type_name("SECONDS");
     app.add_flag("--background", background_, "start the program and do not wait for it")
         ->excludes(limit);
@@ -70,8 +71,8 @@ class ExecCommand : public Command {
   }
 
   std::unique_ptr<Job> job(JobContext context) override {
-    return std::make_unique<ExecJob>(std::move(context),
-                                     execRequest(words_, background_ ? -1 : limit_), words_[0]);
+    return std::make_unique<ExecJob>(
+        std::move(context), runel::execRequest(words_, background_ ? -1 : limit_), words_[0]);
   }
 
  private:
@@ -87,7 +88,7 @@ class ShellLineCommand : public Command {
   void define(CLI::App& app) override {
     app.positionals_at_end();
     app.add_option("--timeout", limit_, "limit for the command line (default: none)")
-        ->check(within(1, 2147483647))
+        ->check(numberRange(1, 2147483647))
         ->type_name("SECONDS");
     app.add_option("LINE", line_)->required();
   }
@@ -97,12 +98,12 @@ class ShellLineCommand : public Command {
     if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
-          execRequest({"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory},
-                      limit_),
+          runel::execRequest(
+              {"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory}, limit_),
           "sh");
     }
     return std::make_unique<ExecJob>(std::move(context),
-                                     execRequest({"/bin/sh", "-c", line}, limit_), "sh");
+                                     runel::execRequest({"/bin/sh", "-c", line}, limit_), "sh");
   }
 
  private:
@@ -117,11 +118,12 @@ class PsJob : public Job {
       : Job(std::move(context)), process_(std::move(process)) {}
 
   void start() override {
-    ask(request({"processrunning", process_}), [this](const Reply& reply) { show(reply); });
+    ask(runel::request({"processrunning", process_}),
+        [this](const runel::Reply& reply) { show(reply); });
   }
 
  private:
-  void show(const Reply& reply) {
+  void show(const runel::Reply& reply) {
     const bool absent = !reply.broken && reply.status.error == ESRCH;
     if (!reply.ok() && !absent) {
       fail(reply, "ps " + process_);
@@ -130,7 +132,7 @@ class PsJob : public Job {
     putBytes(report().result(), "name", process_);
     report().result()["running"] = reply.ok();
     report().line(report().name(process_) + (reply.ok() ? " runs" : " does not run"));
-    finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
+    finish({reply.ok() ? 0 : runel::kExitTaskFailed, std::nullopt});
   }
 
   const std::string process_;
@@ -159,4 +161,4 @@ void addProgramCommands(Commands& commands) {
   commands.push_back(std::make_unique<PsCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -7,7 +7,7 @@
 #include "commands/pull_parts.h"
 #include "commands/push_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Discard the messages of dd: they would be mixed with the content.
@@ -42,16 +42,17 @@ void PullJob::bigFileDone() {
   loop().next([old] { old->reset(); });
   bigFile_ = std::make_unique<BigFile>();
   bigFile_->item = &big_[next_++];
-  ask(request({"stat", bigFile_->item->source}),
-      [this](const Reply& reply) { beginBigFile(reply); });
+  ask(runel::request({"stat", bigFile_->item->source}),
+      [this](const runel::Reply& reply) { beginBigFile(reply); });
 }
 
-void PullJob::beginBigFile(const Reply& reply) {
+void PullJob::beginBigFile(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
   Item& item = *bigFile_->item;
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   if (!st) {
     dropBigFile(reply.ok() ? changedThere(item.source) : reply.error(item.source));
     return;
@@ -76,7 +77,7 @@ void PullJob::checkPart() {
   const std::vector<std::string> sum{"/bin/sh", "-c",
                                      "dd if=\"$0\" bs=65536 count=$1 2>/dev/null | sha256sum",
                                      file.item->source, std::to_string(size / kPieceBlock)};
-  ask(execRequest(sum, 0), [this, size](const Reply& reply) {
+  ask(runel::execRequest(sum, 0), [this, size](const runel::Reply& reply) {
     if (!alive(reply)) {
       return;
     }
@@ -106,14 +107,15 @@ std::optional<Pipeline::Item> PullJob::nextPiece() {
   const std::uint64_t offset = file.offset;
   const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, pieceBytes()));
   file.offset += size;
-  const auto handle = [this, offset, size](const Reply& reply) {
+  const auto handle = [this, offset, size](const runel::Reply& reply) {
     return pieceTaken(offset, size, reply);
   };
-  return Pipeline::Item{execRequest(pieceProgram(file.item->source, offset, size, kPieceBlock), 0),
-                        size, handle};
+  return Pipeline::Item{
+      runel::execRequest(pieceProgram(file.item->source, offset, size, kPieceBlock), 0), size,
+      handle};
 }
 
-bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const Reply& reply) {
+bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const runel::Reply& reply) {
   if (!alive(reply)) {
     return false;
   }
@@ -122,7 +124,8 @@ bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const Reply& re
     return false;
   }
   if (!reply.ok()) {
-    file.error = Error{Fault::task, file.item->source + ": " + programTrouble("dd", reply), "", 0};
+    file.error = runel::Error{runel::Fault::task,
+                              file.item->source + ": " + programTrouble("dd", reply), "", 0};
   } else if (reply.output.size() < size || file.writer.size() != offset) {
     file.error = changedThere(file.item->source);
   } else {
@@ -137,16 +140,17 @@ void PullJob::endPieces() {
     dropBigFile(*bigFile_->error);
     return;
   }
-  ask(request({"stat", bigFile_->item->source}),
-      [this](const Reply& reply) { finishBigFile(reply); });
+  ask(runel::request({"stat", bigFile_->item->source}),
+      [this](const runel::Reply& reply) { finishBigFile(reply); });
 }
 
-void PullJob::finishBigFile(const Reply& reply) {
+void PullJob::finishBigFile(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
   Item& item = *bigFile_->item;
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   if (!st || st->size != item.st.size || !(st->mtime == item.st.mtime) || st->ino != item.st.ino) {
     dropBigFile(changedThere(item.source));
   } else if (const auto error = bigFile_->writer.finish(item.st.mode, item.st.mtime)) {
@@ -157,10 +161,10 @@ void PullJob::finishBigFile(const Reply& reply) {
   }
 }
 
-void PullJob::dropBigFile(const Error& error) {
+void PullJob::dropBigFile(const runel::Error& error) {
   bigFile_->writer.discard();
   itemFailed(*bigFile_->item, error);
   bigFileDone();
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -10,10 +10,10 @@
 #include "commands/pull_parts.h"
 #include "commands/push_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
-const Error kBadTree{Fault::protocol, "malformed directory tree", "", 0};
+const runel::Error kBadTree{runel::Fault::protocol, "malformed directory tree", "", 0};
 
 bool isLocalDirectory(const std::string& path) {
   struct stat st {};
@@ -36,8 +36,8 @@ bool staysBelow(const std::string& relative) {
   }
 }
 
-StatRecord recordOf(const TreeEntry& entry) {
-  StatRecord st;
+runel::StatRecord recordOf(const runel::TreeEntry& entry) {
+  runel::StatRecord st;
   st.mode = entry.mode;
   st.size = entry.size;
   st.mtime.seconds = entry.mtime;
@@ -61,7 +61,7 @@ PullJob::~PullJob() = default;
 void PullJob::start() {
   into_ = plan_.apart || plan_.remotes.size() > 1 || base_.back() == '/' || isLocalDirectory(base_);
   if (plan_.apart) {
-    base_ = joinPath(base_, directoryName(device().target().name));
+    base_ = runel::joinPath(base_, directoryName(device().target().name));
   }
   if (into_ && !settings().dryRun) {
     for (const std::string& directory : {plan_.local, base_}) {
@@ -88,31 +88,34 @@ void PullJob::lookAtNext() {
     return;
   }
   const std::string path = remote(plan_.remotes[next_++]);
-  ask(request({"stat", path}), [this, path](const Reply& reply) { lookAt(path, reply); });
+  ask(runel::request({"stat", path}),
+      [this, path](const runel::Reply& reply) { lookAt(path, reply); });
 }
 
 std::string PullJob::placeOf(const std::string& remote) const {
-  const std::string name = baseName(remote);
+  const std::string name = runel::baseName(remote);
   const bool plain = name != "." && name != ".." && name != "/";
-  return into_ && plain ? joinPath(base_, name) : base_;
+  return into_ && plain ? runel::joinPath(base_, name) : base_;
 }
 
-void PullJob::lookAt(const std::string& remote, const Reply& reply) {
+void PullJob::lookAt(const std::string& remote, const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   if (!st) {
     failed(reply.ok() ? kBadTree : reply.error(remote));
   } else if (st->isDirectory() && plan_.recursive) {
     // The trailing dot follows a symbolic link to a directory.
-    ask(request({"walktree", remote + "/."}),
-        [this, remote](const Reply& tree) { takeTree(remote, tree); });
+    ask(runel::request({"walktree", remote + "/."}),
+        [this, remote](const runel::Reply& tree) { takeTree(remote, tree); });
     return;
   } else if (st->isDirectory()) {
-    failed({Fault::task, remote + ": " + systemText(EISDIR), "use -r for directories", EISDIR});
+    failed({runel::Fault::task, remote + ": " + runel::systemText(EISDIR), "use -r for directories",
+            EISDIR});
   } else if (!st->isRegular()) {
-    failed({Fault::task, remote + ": not a file or directory", "", 0});
+    failed({runel::Fault::task, remote + ": not a file or directory", "", 0});
   } else {
     auto& list = st->size > pieceBytes() ? big_ : small_;
     list.push_back({remote, placeOf(remote), *st, true, false, ""});
@@ -121,11 +124,11 @@ void PullJob::lookAt(const std::string& remote, const Reply& reply) {
   lookAtNext();
 }
 
-void PullJob::takeTree(const std::string& remote, const Reply& reply) {
+void PullJob::takeTree(const std::string& remote, const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const auto entries = parseTree(reply.output);
+  const auto entries = runel::parseTree(reply.output);
   if (!reply.ok()) {
     failed(reply.error(remote));
   }
@@ -133,7 +136,7 @@ void PullJob::takeTree(const std::string& remote, const Reply& reply) {
     failed(kBadTree);
   } else {
     const std::string base = placeOf(remote);
-    for (const TreeEntry& entry : *entries) {
+    for (const runel::TreeEntry& entry : *entries) {
       takeEntry(remote, base, entry);
     }
   }
@@ -141,9 +144,9 @@ void PullJob::takeTree(const std::string& remote, const Reply& reply) {
 }
 
 void PullJob::takeEntry(const std::string& remote, const std::string& base,
-                        const TreeEntry& entry) {
-  Item item{joinPath(remote, entry.path),
-            joinPath(base, entry.path),
+                        const runel::TreeEntry& entry) {
+  Item item{runel::joinPath(remote, entry.path),
+            runel::joinPath(base, entry.path),
             recordOf(entry),
             false,
             false,
@@ -174,8 +177,9 @@ void PullJob::makeDirectories() {
       return std::nullopt;
     }
     Item& item = directories_[at++];
-    return Pipeline::Item{request({"stat", item.source}), 0,
-                          [this, &item](const Reply& reply) { return statTaken(item, reply); }};
+    return Pipeline::Item{
+        runel::request({"stat", item.source}), 0,
+        [this, &item](const runel::Reply& reply) { return statTaken(item, reply); }};
   };
   pipe(source, [this] { fetchSmallFiles(); });
 }
@@ -193,23 +197,26 @@ std::optional<Pipeline::Item> PullJob::nextSmallFile() {
   Item& item = small_[next_];
   if (!item.known && statNext_) {
     statNext_ = false;
-    return Pipeline::Item{request({"stat", item.source}), 0,
-                          [this, &item](const Reply& reply) { return statTaken(item, reply); }};
+    return Pipeline::Item{
+        runel::request({"stat", item.source}), 0,
+        [this, &item](const runel::Reply& reply) { return statTaken(item, reply); }};
   }
   statNext_ = true;
   ++next_;
-  return Pipeline::Item{request({"read", item.source}), item.st.size,
-                        [this, &item](const Reply& reply) { return contentTaken(item, reply); }};
+  return Pipeline::Item{
+      runel::request({"read", item.source}), item.st.size,
+      [this, &item](const runel::Reply& reply) { return contentTaken(item, reply); }};
 }
 
-bool PullJob::statTaken(Item& item, const Reply& reply) {
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+bool PullJob::statTaken(Item& item, const runel::Reply& reply) {
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   item.known = st.has_value();
   item.st = st.value_or(item.st);
   return alive(reply);
 }
 
-bool PullJob::contentTaken(Item& item, const Reply& reply) {
+bool PullJob::contentTaken(Item& item, const runel::Reply& reply) {
   if (!alive(reply)) {
     return false;
   }
@@ -223,7 +230,7 @@ bool PullJob::contentTaken(Item& item, const Reply& reply) {
     return true;
   }
   LocalWriter writer;
-  std::optional<Error> error = writer.begin(item.path, false);
+  std::optional<runel::Error> error = writer.begin(item.path, false);
   error = error ? error : writer.add(reply.output);
   error = error ? error : writer.finish(item.st.mode, item.st.mtime);
   if (error) {
@@ -278,7 +285,8 @@ bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.path, item.st.size) != sum) {
-      itemFailed(item, {Fault::local, item.path + ": checksum mismatch", "retry the transfer", 0});
+      itemFailed(item,
+                 {runel::Fault::local, item.path + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;
@@ -297,9 +305,9 @@ void PullJob::finishDirectories() {
   endTransfer();
 }
 
-void PullJob::itemFailed(Item& item, const Error& error) {
+void PullJob::itemFailed(Item& item, const runel::Error& error) {
   item.failed = true;
   failed(error);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

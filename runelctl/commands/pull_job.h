@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Fetches files and directory trees from a device.
-#ifndef ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
-#define ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
+#ifndef RUNELCTL_COMMANDS_PULL_JOB_H_
+#define RUNELCTL_COMMANDS_PULL_JOB_H_
 
 #include <cstdint>
 #include <deque>
@@ -13,7 +13,7 @@
 #include "commands/local_tree.h"
 #include "commands/transfer_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The sources and options of a pull.
 struct PullPlan {
@@ -39,7 +39,7 @@ class PullJob : public TransferJob {
   struct Item {
     std::string source;  ///< remote path
     std::string path;    ///< local path
-    StatRecord st;
+    runel::StatRecord st;
     bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
     bool failed = false;
     std::string target;  ///< target of a symbolic link
@@ -48,32 +48,32 @@ class PullJob : public TransferJob {
 
   // pull_job.cc
   void lookAtNext();
-  void lookAt(const std::string& remote, const Reply& reply);
-  void takeTree(const std::string& remote, const Reply& reply);
-  void takeEntry(const std::string& remote, const std::string& base, const TreeEntry& entry);
+  void lookAt(const std::string& remote, const runel::Reply& reply);
+  void takeTree(const std::string& remote, const runel::Reply& reply);
+  void takeEntry(const std::string& remote, const std::string& base, const runel::TreeEntry& entry);
   [[nodiscard]] std::string placeOf(const std::string& remote) const;
   void makeDirectories();
   void fetchSmallFiles();
   std::optional<Pipeline::Item> nextSmallFile();
-  bool statTaken(Item& item, const Reply& reply);
-  bool contentTaken(Item& item, const Reply& reply);
+  bool statTaken(Item& item, const runel::Reply& reply);
+  bool contentTaken(Item& item, const runel::Reply& reply);
   void makeLinks();
   void compareChecksums();
   bool compareRun(const ProgramRun& done, std::vector<Item*>& left);
   void finishDirectories();
-  void itemFailed(Item& item, const Error& error);
+  void itemFailed(Item& item, const runel::Error& error);
 
   // pull_big_file.cc
   void fetchBigFiles();
   void bigFileDone();
-  void beginBigFile(const Reply& reply);
+  void beginBigFile(const runel::Reply& reply);
   void checkPart();
   void fetchPieces();
   std::optional<Pipeline::Item> nextPiece();
-  bool pieceTaken(std::uint64_t offset, std::size_t size, const Reply& reply);
+  bool pieceTaken(std::uint64_t offset, std::size_t size, const runel::Reply& reply);
   void endPieces();
-  void finishBigFile(const Reply& reply);
-  void dropBigFile(const Error& error);
+  void finishBigFile(const runel::Reply& reply);
+  void dropBigFile(const runel::Error& error);
 
   const PullPlan plan_;
   std::string base_;
@@ -84,6 +84,6 @@ class PullJob : public TransferJob {
   std::unique_ptr<BigFile> bigFile_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_PULL_JOB_H_
+#endif  // RUNELCTL_COMMANDS_PULL_JOB_H_

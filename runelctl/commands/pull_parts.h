@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Private declarations of the pull job's source files.
-#ifndef ZELL_RUNELCTL_COMMANDS_PULL_PARTS_H_
-#define ZELL_RUNELCTL_COMMANDS_PULL_PARTS_H_
+#ifndef RUNELCTL_COMMANDS_PULL_PARTS_H_
+#define RUNELCTL_COMMANDS_PULL_PARTS_H_
 
 #include <cstdint>
 #include <optional>
@@ -9,21 +9,21 @@
 
 #include "commands/pull_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The large file in transfer.
 struct PullJob::BigFile {
   Item* item = nullptr;
   LocalWriter writer;
   std::uint64_t offset = 0;  ///< end of the requested pieces
-  std::optional<Error> error;
+  std::optional<runel::Error> error;
 };
 
 /// The error for a remote file that changed during the transfer.
-[[nodiscard]] inline Error changedThere(const std::string& path) {
-  return {Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
+[[nodiscard]] inline runel::Error changedThere(const std::string& path) {
+  return {runel::Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_PULL_PARTS_H_
+#endif  // RUNELCTL_COMMANDS_PULL_PARTS_H_

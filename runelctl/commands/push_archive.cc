@@ -10,7 +10,7 @@
 #include "commands/archive.h"
 #include "commands/push_parts.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // An archive of fewer files is slower than single requests.
@@ -21,10 +21,10 @@ constexpr std::size_t kNameDigits = 16;
 
 // The same path for the same target, so that the next transfer removes what a lost connection left.
 std::string stagePath(const std::string& target) {
-  const std::string directory = directoryOf(target);
-  Sha256 hash;
+  const std::string directory = runel::directoryOf(target);
+  runel::Sha256 hash;
   hash.add(directory);
-  return joinPath(directory, ".runelctl-" + hash.finish().substr(0, kNameDigits) + ".d");
+  return runel::joinPath(directory, ".runelctl-" + hash.finish().substr(0, kNameDigits) + ".d");
 }
 
 // Reads a file. Returns false if it changes meanwhile.
@@ -93,14 +93,15 @@ void PushJob::unpack(std::string&& archive, const std::vector<std::string>& opti
                      std::function<void(bool done)> next) {
   const std::string path = batch_->stage + "/archive";
   if (!std::exchange(batch_->staged, true)) {
-    ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const Reply&) {});
-    ask(execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0), [](const Reply&) {});
+    ask(runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const runel::Reply&) {});
+    ask(runel::execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0),
+        [](const runel::Reply&) {});
   }
-  ask(request({"write", path}, std::move(archive)),
-      [this](const Reply& reply) { batch_->written = reply.ok(); });
+  ask(runel::request({"write", path}, std::move(archive)),
+      [this](const runel::Reply& reply) { batch_->written = reply.ok(); });
   std::vector<std::string> tar{"tar", "-x", "-p", "-f", path};
   tar.insert(tar.end(), options.begin(), options.end());
-  ask(execRequest(tar, 0), [this, next = std::move(next)](const Reply& reply) {
+  ask(runel::execRequest(tar, 0), [this, next = std::move(next)](const runel::Reply& reply) {
     if (alive(reply)) {
       next(reply.ok() && batch_->written);
     }
@@ -110,9 +111,9 @@ void PushJob::unpack(std::string&& archive, const std::vector<std::string>& opti
 // The rename may reach the disk before the content. After a power failure the file would be empty.
 // Without "sync -f", all file systems of the device are synchronised.
 void PushJob::synchronise() {
-  ask(execRequest({"sync", "-f", batch_->stage}, 0), [this](const Reply& reply) {
+  ask(runel::execRequest({"sync", "-f", batch_->stage}, 0), [this](const runel::Reply& reply) {
     if (!reply.ok()) {
-      ask(execRequest({"sync"}, 0), [](const Reply&) {});
+      ask(runel::execRequest({"sync"}, 0), [](const runel::Reply&) {});
     }
     if (alive(reply)) {
       renameUnpacked();
@@ -127,8 +128,8 @@ void PushJob::renameUnpacked() {
     }
     Item& item = *batch_->items[at];
     const std::string from = batch_->stage + "/" + std::to_string(at++);
-    return Pipeline::Item{request({"rename", from, item.target}), 0,
-                          [this, &item](const Reply& reply) {
+    return Pipeline::Item{runel::request({"rename", from, item.target}), 0,
+                          [this, &item](const runel::Reply& reply) {
                             item.complete = reply.ok();
                             if (reply.ok()) {
                               fileDone();
@@ -152,8 +153,8 @@ void PushJob::leaveStage(std::function<void()> next) {
     next();
     return;
   }
-  ask(execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0),
-      [this, next = std::move(next)](const Reply& reply) {
+  ask(runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0),
+      [this, next = std::move(next)](const runel::Reply& reply) {
         if (alive(reply)) {
           batch_.reset();
           next();
@@ -170,7 +171,7 @@ void PushJob::setDirectories() {
     setModes();
     return;
   }
-  const std::string base = directoryOf(first->target);
+  const std::string base = runel::directoryOf(first->target);
   batch_ = std::make_unique<Batch>();
   batch_->stage = stagePath(first->target);
   std::string content = packDirectories(base);
@@ -202,4 +203,4 @@ std::string PushJob::packDirectories(const std::string& base) {
   return archive.finish();
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -6,7 +6,7 @@
 
 #include "commands/push_parts.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 void PushJob::sendBigFiles() {
   next_ = 0;
@@ -26,7 +26,7 @@ void PushJob::bigFileDone() {
     itemFailed(item, *error);
     bigFileDone();
   } else if (item.there && item.there->isLink()) {
-    ask(request({"realpath", item.target}), [this](const Reply& reply) {
+    ask(runel::request({"realpath", item.target}), [this](const runel::Reply& reply) {
       if (alive(reply)) {
         lookBehindLink(reply.ok() ? reply.output : bigFile_->item->target);
       }
@@ -38,9 +38,9 @@ void PushJob::bigFileDone() {
 
 void PushJob::lookBehindLink(const std::string& target) {
   bigFile_->item->target = target;
-  ask(request({"lstat", target}), [this](const Reply& reply) {
+  ask(runel::request({"lstat", target}), [this](const runel::Reply& reply) {
     if (alive(reply)) {
-      bigFile_->item->there = reply.ok() ? parseStat(reply.output) : std::nullopt;
+      bigFile_->item->there = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
       beginBigFile();
     }
   });
@@ -49,23 +49,25 @@ void PushJob::lookBehindLink(const std::string& target) {
 void PushJob::beginBigFile() {
   bigFile_->part = partPath(bigFile_->item->target);
   if (plan_->resume) {
-    ask(request({"stat", bigFile_->part}), [this](const Reply& reply) { checkPart(reply); });
+    ask(runel::request({"stat", bigFile_->part}),
+        [this](const runel::Reply& reply) { checkPart(reply); });
   } else {
     sendPieces();
   }
 }
 
-void PushJob::checkPart(const Reply& reply) {
+void PushJob::checkPart(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   if (!st || !st->isRegular() || st->size == 0 || st->size > bigFile_->reader.size()) {
     sendPieces();
     return;
   }
-  ask(execRequest({"sha256sum", "--", bigFile_->part}, 0),
-      [this, size = st->size](const Reply& sum) {
+  ask(runel::execRequest({"sha256sum", "--", bigFile_->part}, 0),
+      [this, size = st->size](const runel::Reply& sum) {
         if (!alive(sum)) {
           return;
         }
@@ -83,12 +85,12 @@ void PushJob::checkPart(const Reply& reply) {
 // who must not read the file.
 void PushJob::sendPieces() {
   if (bigFile_->offset == 0) {
-    ask(request({"write", bigFile_->part, ""}), [this](const Reply& reply) {
+    ask(runel::request({"write", bigFile_->part, ""}), [this](const runel::Reply& reply) {
       if (!reply.ok() && !reply.broken) {
         bigFile_->error = reply.error(bigFile_->item->target);
       }
     });
-    ask(execRequest({"chmod", "0600", "--", bigFile_->part}, 0), [](const Reply&) {});
+    ask(runel::execRequest({"chmod", "0600", "--", bigFile_->part}, 0), [](const runel::Reply&) {});
   }
   pipe([this] { return nextPiece(); }, [this] { endPieces(); });
 }
@@ -105,7 +107,7 @@ std::optional<Pipeline::Item> PushJob::nextPiece() {
     return std::nullopt;
   }
   file.offset += size;
-  const auto handle = [this, size](const Reply& reply) {
+  const auto handle = [this, size](const runel::Reply& reply) {
     if (!alive(reply)) {
       return false;
     }
@@ -115,7 +117,7 @@ std::optional<Pipeline::Item> PushJob::nextPiece() {
     count(size, bigFile_->item->target);
     return reply.ok();
   };
-  return Pipeline::Item{request({"append", file.part}, std::move(bytes)), size, handle};
+  return Pipeline::Item{runel::request({"append", file.part}, std::move(bytes)), size, handle};
 }
 
 void PushJob::endPieces() {
@@ -128,15 +130,17 @@ void PushJob::endPieces() {
     return;
   }
   // Another client may have written to the partial file too: check its size.
-  ask(request({"stat", file.part}), [this](const Reply& reply) { finishPart(reply); });
+  ask(runel::request({"stat", file.part}),
+      [this](const runel::Reply& reply) { finishPart(reply); });
 }
 
 // Sets mode, owner and time before the rename.
-void PushJob::finishPart(const Reply& reply) {
+void PushJob::finishPart(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   const Item& item = *bigFile_->item;
   const bool whole = st && st->size == bigFile_->reader.size();
   if (!whole && !bigFile_->again) {
@@ -149,16 +153,17 @@ void PushJob::finishPart(const Reply& reply) {
     return;
   }
   if (!whole) {
-    dropPart({Fault::task, item.target + ": incomplete on the device",
+    dropPart({runel::Fault::task, item.target + ": incomplete on the device",
               "check whether another runelctl sends the same file", 0});
     return;
   }
   const auto ask = [this](const std::vector<std::string>& words, const char* what) {
-    Job::ask(execRequest(words, 0), [this, what, program = words[0]](const Reply& done) {
-      if (!done.ok() && !done.broken) {
-        warnOnce(std::string(what) + ": " + programTrouble(program, done));
-      }
-    });
+    Job::ask(runel::execRequest(words, 0),
+             [this, what, program = words[0]](const runel::Reply& done) {
+               if (!done.ok() && !done.broken) {
+                 warnOnce(std::string(what) + ": " + programTrouble(program, done));
+               }
+             });
   };
   const std::string& part = bigFile_->part;
   if (item.there && (item.there->uid != st->uid || item.there->gid != st->gid)) {
@@ -168,32 +173,34 @@ void PushJob::finishPart(const Reply& reply) {
   }
   ask({"chmod", octalMode(item.entry->mode), "--", part}, "modes not preserved");
   const std::string seconds = touchTime(item.entry->mtime, false);
-  Job::ask(execRequest({"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
-           [this, seconds, ask](const Reply& touched) {
-             if (!touched.ok()) {
-               ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not preserved");
-             }
-             renamePart();
-           });
+  Job::ask(
+      runel::execRequest({"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
+      [this, seconds, ask](const runel::Reply& touched) {
+        if (!touched.ok()) {
+          ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not preserved");
+        }
+        renamePart();
+      });
 }
 
 void PushJob::renamePart() {
-  ask(request({"rename", bigFile_->part, bigFile_->item->target}), [this](const Reply& renamed) {
-    if (!alive(renamed)) {
-      return;
-    }
-    if (!renamed.ok()) {
-      dropPart(renamed.error(bigFile_->item->target));
-      return;
-    }
-    bigFile_->item->complete = true;
-    fileDone();
-    bigFileDone();
-  });
+  ask(runel::request({"rename", bigFile_->part, bigFile_->item->target}),
+      [this](const runel::Reply& renamed) {
+        if (!alive(renamed)) {
+          return;
+        }
+        if (!renamed.ok()) {
+          dropPart(renamed.error(bigFile_->item->target));
+          return;
+        }
+        bigFile_->item->complete = true;
+        fileDone();
+        bigFileDone();
+      });
 }
 
-void PushJob::dropPart(const Error& error) {
-  ask(request({"unlink", bigFile_->part}), [this, error](const Reply& reply) {
+void PushJob::dropPart(const runel::Error& error) {
+  ask(runel::request({"unlink", bigFile_->part}), [this, error](const runel::Reply& reply) {
     if (alive(reply)) {
       itemFailed(*bigFile_->item, error);
       bigFileDone();
@@ -201,4 +208,4 @@ void PushJob::dropPart(const Error& error) {
   });
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

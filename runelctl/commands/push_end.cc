@@ -7,7 +7,7 @@
 
 #include "commands/push_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 using Groups = std::map<std::string, std::vector<std::string>>;
@@ -108,7 +108,8 @@ bool PushJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.entry->path, item.entry->size) != sum) {
-      itemFailed(item, {Fault::task, item.target + ": checksum mismatch", "retry the transfer", 0});
+      itemFailed(
+          item, {runel::Fault::task, item.target + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;
@@ -125,7 +126,7 @@ std::optional<std::vector<std::string>> parseChecksums(std::string_view text, st
   constexpr std::size_t kDigits = 64;
   std::vector<std::string> sums;
   while (!text.empty()) {
-    // sha256sum starts the line with a backslash if the name contains a newline or backslash.
+    // sha256sum starts the line with a backslash if the name zell::contains a newline or backslash.
     text.remove_prefix(text.front() == '\\' ? 1 : 0);
     const std::string_view digits = text.substr(0, kDigits);
     if (digits.size() != kDigits ||
@@ -139,4 +140,4 @@ std::optional<std::vector<std::string>> parseChecksums(std::string_view text, st
   return sums.size() == count ? std::make_optional(std::move(sums)) : std::nullopt;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

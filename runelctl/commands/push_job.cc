@@ -6,25 +6,25 @@
 #include "commands/push_parts.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 PushJob::PushJob(JobContext context, std::shared_ptr<const PushPlan> plan)
     : TransferJob(std::move(context)), plan_(std::move(plan)), root_(remote(plan_->remote)) {}
 
 PushJob::~PushJob() = default;
 
-std::optional<Request> PushJob::cleanUp() const {
+std::optional<runel::Request> PushJob::cleanUp() const {
   if (batch_) {
-    return execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0);
+    return runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0);
   }
   if (bigFile_ && !plan_->resume) {
-    return request({"unlink", bigFile_->part});
+    return runel::request({"unlink", bigFile_->part});
   }
   return std::nullopt;
 }
 
 void PushJob::start() {
-  ask(request({"stat", root_}), [this](const Reply& reply) { place(reply); });
+  ask(runel::request({"stat", root_}), [this](const runel::Reply& reply) { place(reply); });
 }
 
 // The amounts are known, but the requests depend on the files on the device.
@@ -53,11 +53,12 @@ std::string PushJob::sentLater() const {
 }
 
 // Like cp(1): several sources, a trailing slash or an existing directory mean "copy into".
-void PushJob::place(const Reply& reply) {
+void PushJob::place(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<StatRecord> st = reply.ok() ? parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::StatRecord> st =
+      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
   const bool directory = (st && st->isDirectory()) || (root_.size() > 1 && root_.back() == '/');
   const bool into = !plan_->sync && (directory || plan_->sources.size() > 1);
   for (const std::string& left : plan_->left) {
@@ -68,7 +69,7 @@ void PushJob::place(const Reply& reply) {
     directories_.push_back({&kPlain, root_, false, true, std::nullopt});
   }
   for (const LocalSource& source : plan_->sources) {
-    plan(into ? joinPath(root_, source.name) : root_, source);
+    plan(into ? runel::joinPath(root_, source.name) : root_, source);
   }
   if (plan_->sync) {
     lookAtTree();
@@ -79,7 +80,8 @@ void PushJob::place(const Reply& reply) {
 
 void PushJob::plan(const std::string& base, const LocalSource& source) {
   for (const LocalEntry& entry : source.entries) {
-    const std::string target = entry.relative.empty() ? base : joinPath(base, entry.relative);
+    const std::string target =
+        entry.relative.empty() ? base : runel::joinPath(base, entry.relative);
     const Item item{&entry, target, false, false, std::nullopt};
     if (entry.type == 'd') {
       directories_.push_back(item);
@@ -101,8 +103,8 @@ void PushJob::lookAtDirectories() {
       return std::nullopt;
     }
     const Item& item = directories_[at++];
-    return Pipeline::Item{request({"fileexists", item.target}), 0,
-                          [this, &item](const Reply& reply) {
+    return Pipeline::Item{runel::request({"fileexists", item.target}), 0,
+                          [this, &item](const runel::Reply& reply) {
                             if (!reply.ok()) {
                               newDirectories_.insert(item.target);
                             }
@@ -126,7 +128,7 @@ void PushJob::lookAtTargets() {
   std::vector<Item*> items;
   for (Items* list : {&small_, &big_}) {
     for (Item& item : *list) {
-      if (newDirectories_.count(directoryOf(item.target)) == 0) {
+      if (newDirectories_.count(runel::directoryOf(item.target)) == 0) {
         items.push_back(&item);
       }
     }
@@ -137,8 +139,9 @@ void PushJob::lookAtTargets() {
       return std::nullopt;
     }
     Item& item = *items[at++];
-    return Pipeline::Item{request({"lstat", item.target}), 0, [this, &item](const Reply& reply) {
-                            item.there = reply.ok() ? parseStat(reply.output) : std::nullopt;
+    return Pipeline::Item{runel::request({"lstat", item.target}), 0,
+                          [this, &item](const runel::Reply& reply) {
+                            item.there = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
                             return alive(reply);
                           }};
   };
@@ -163,7 +166,7 @@ std::optional<Pipeline::Item> PushJob::nextSmallFile() {
       continue;
     }
     const std::size_t size = content.size();
-    const auto handle = [this, &item, size](const Reply& reply) {
+    const auto handle = [this, &item, size](const runel::Reply& reply) {
       if (!alive(reply)) {
         return false;
       }
@@ -175,14 +178,14 @@ std::optional<Pipeline::Item> PushJob::nextSmallFile() {
       }
       return true;
     };
-    return Pipeline::Item{request({"write", item.target}, std::move(content)), size, handle};
+    return Pipeline::Item{runel::request({"write", item.target}, std::move(content)), size, handle};
   }
   return std::nullopt;
 }
 
-std::optional<Error> PushJob::readSmallFile(const Item& item, std::string& content) const {
+std::optional<runel::Error> PushJob::readSmallFile(const Item& item, std::string& content) const {
   LocalReader reader;
-  std::optional<Error> error = reader.open(item.entry->path);
+  std::optional<runel::Error> error = reader.open(item.entry->path);
   if (!error && reader.size() > 2 * pieceBytes()) {
     return reader.changedError();
   }
@@ -201,9 +204,9 @@ void PushJob::makeLinks() {
   runPrograms(std::move(runs), "links not created", [this] { setDirectories(); });
 }
 
-void PushJob::itemFailed(Item& item, const Error& error) {
+void PushJob::itemFailed(Item& item, const runel::Error& error) {
   item.failed = true;
   failed(error);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

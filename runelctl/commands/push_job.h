@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends files and directory trees to a device.
-#ifndef ZELL_RUNELCTL_COMMANDS_PUSH_JOB_H_
-#define ZELL_RUNELCTL_COMMANDS_PUSH_JOB_H_
+#ifndef RUNELCTL_COMMANDS_PUSH_JOB_H_
+#define RUNELCTL_COMMANDS_PUSH_JOB_H_
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +15,7 @@
 #include "commands/local_tree.h"
 #include "commands/transfer_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The sources and options of a push, shared by all devices.
 struct PushPlan {
@@ -36,7 +36,7 @@ class PushJob : public TransferJob {
   PushJob(JobContext context, std::shared_ptr<const PushPlan> plan);
   ~PushJob() override;
   void start() override;
-  [[nodiscard]] std::optional<Request> cleanUp() const override;
+  [[nodiscard]] std::optional<runel::Request> cleanUp() const override;
   [[nodiscard]] std::string sentLater() const override;
 
  private:
@@ -45,22 +45,22 @@ class PushJob : public TransferJob {
     const LocalEntry* entry;
     std::string target;
     bool failed = false;
-    bool complete = false;            ///< mode and time are already set
-    std::optional<StatRecord> there;  ///< the existing target
+    bool complete = false;                   ///< mode and time are already set
+    std::optional<runel::StatRecord> there;  ///< the existing target
   };
   struct Batch;
   struct BigFile;
   using Items = std::vector<Item>;
 
   // push_job.cc: the stages in order.
-  void place(const Reply& reply);
+  void place(const runel::Reply& reply);
   void plan(const std::string& base, const LocalSource& source);
   void lookAtDirectories();
   void makeDirectories();
   void lookAtTargets();
   void sendSmallFiles();
   std::optional<Pipeline::Item> nextSmallFile();
-  std::optional<Error> readSmallFile(const Item& item, std::string& content) const;
+  std::optional<runel::Error> readSmallFile(const Item& item, std::string& content) const;
   void makeLinks();
 
   // push_end.cc: the last stages.
@@ -73,7 +73,7 @@ class PushJob : public TransferJob {
 
   // push_sync.cc: finds the differences.
   void lookAtTree();
-  void compareTree(const Reply& reply);
+  void compareTree(const runel::Reply& reply);
   void removeOthers();
 
   // push_archive.cc: small files in archives.
@@ -93,15 +93,15 @@ class PushJob : public TransferJob {
   void bigFileDone();
   void lookBehindLink(const std::string& target);
   void beginBigFile();
-  void checkPart(const Reply& reply);
+  void checkPart(const runel::Reply& reply);
   void sendPieces();
   std::optional<Pipeline::Item> nextPiece();
   void endPieces();
-  void finishPart(const Reply& reply);
+  void finishPart(const runel::Reply& reply);
   void renamePart();
-  void dropPart(const Error& error);
+  void dropPart(const runel::Error& error);
 
-  void itemFailed(Item& item, const Error& error);
+  void itemFailed(Item& item, const runel::Error& error);
 
   const std::shared_ptr<const PushPlan> plan_;
   std::string root_;
@@ -119,6 +119,6 @@ class PushJob : public TransferJob {
 [[nodiscard]] std::optional<std::vector<std::string>> parseChecksums(std::string_view text,
                                                                      std::size_t count);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_PUSH_JOB_H_
+#endif  // RUNELCTL_COMMANDS_PUSH_JOB_H_

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Private declarations of the push job's source files.
-#ifndef ZELL_RUNELCTL_COMMANDS_PUSH_PARTS_H_
-#define ZELL_RUNELCTL_COMMANDS_PUSH_PARTS_H_
+#ifndef RUNELCTL_COMMANDS_PUSH_PARTS_H_
+#define RUNELCTL_COMMANDS_PUSH_PARTS_H_
 
 #include <cstdint>
 #include <optional>
@@ -10,7 +10,7 @@
 
 #include "commands/push_job.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The content of one archive: files or directories.
 struct PushJob::Batch {
@@ -27,9 +27,9 @@ struct PushJob::BigFile {
   std::string part;
   std::uint64_t offset = 0;  ///< end of the sent pieces
   bool again = false;        ///< sent again from the beginning
-  std::optional<Error> error;
+  std::optional<runel::Error> error;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_PUSH_PARTS_H_
+#endif  // RUNELCTL_COMMANDS_PUSH_PARTS_H_

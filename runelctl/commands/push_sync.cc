@@ -7,24 +7,24 @@
 
 #include "commands/push_parts.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
-using Tree = std::map<std::string, const TreeEntry*>;
+using Tree = std::map<std::string, const runel::TreeEntry*>;
 
 // Removes the counterpart of @p entry from @p there. Returns nullptr if it is missing or has a
 // different type.
-const TreeEntry* take(Tree& there, const LocalEntry& entry) {
+const runel::TreeEntry* take(Tree& there, const LocalEntry& entry) {
   const auto found = there.find(entry.relative.empty() ? "." : entry.relative);
   if (found == there.end() || found->second->type != entry.type) {
     return nullptr;
   }
-  const TreeEntry* taken = found->second;
+  const runel::TreeEntry* taken = found->second;
   there.erase(found);
   return taken;
 }
 
-bool sameContent(const LocalEntry& here, const TreeEntry& there) {
+bool sameContent(const LocalEntry& here, const runel::TreeEntry& there) {
   if (here.type == 'l') {
     return there.target == here.target;
   }
@@ -35,25 +35,26 @@ bool sameContent(const LocalEntry& here, const TreeEntry& there) {
 
 // The trailing dot follows a symbolic link to a directory.
 void PushJob::lookAtTree() {
-  ask(request({"walktree", root_ + "/."}), [this](const Reply& reply) { compareTree(reply); });
+  ask(runel::request({"walktree", root_ + "/."}),
+      [this](const runel::Reply& reply) { compareTree(reply); });
 }
 
-void PushJob::compareTree(const Reply& reply) {
+void PushJob::compareTree(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const auto entries = parseTree(reply.output);
+  const auto entries = runel::parseTree(reply.output);
   if (!entries || (!reply.ok() && reply.status.error != ENOENT)) {
-    fail(reply.ok() ? Error{Fault::protocol, "malformed directory tree", "", 0}
+    fail(reply.ok() ? runel::Error{runel::Fault::protocol, "malformed directory tree", "", 0}
                     : reply.error(root_));
     return;
   }
   Tree there;
-  for (const TreeEntry& entry : *entries) {
+  for (const runel::TreeEntry& entry : *entries) {
     there[entry.path] = &entry;
   }
   const auto same = [&](const Item& item) {
-    const TreeEntry* entry = take(there, *item.entry);
+    const runel::TreeEntry* entry = take(there, *item.entry);
     if (entry == nullptr || !sameContent(*item.entry, *entry)) {
       return false;
     }
@@ -69,7 +70,7 @@ void PushJob::compareTree(const Reply& reply) {
     sent += list->size();
   }
   for (const auto& [path, entry] : there) {
-    if (plan_->remove && path != "." && there.count(directoryOf(path)) == 0) {
+    if (plan_->remove && path != "." && there.count(runel::directoryOf(path)) == 0) {
       others_.push_back(path);
     }
   }
@@ -80,9 +81,9 @@ void PushJob::compareTree(const Reply& reply) {
 void PushJob::removeOthers() {
   ProgramRuns run{{"rm", "-r", "-f", "--"}, {}};
   for (const std::string& path : others_) {
-    run.names.push_back(joinPath(root_, path));
+    run.names.push_back(runel::joinPath(root_, path));
   }
   runPrograms({run}, "files not removed", [this] { lookAtDirectories(); });
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <system_error>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // The length of the escape at the start of @p text, without its backslash; 0 if it is invalid.
@@ -44,4 +44,4 @@ bool readRawText(std::string_view text, std::string& bytes) {
   return true;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // Parses bytes with escapes from the command line.
-#ifndef ZELL_RUNELCTL_COMMANDS_RAW_TEXT_H_
-#define ZELL_RUNELCTL_COMMANDS_RAW_TEXT_H_
+#ifndef RUNELCTL_COMMANDS_RAW_TEXT_H_
+#define RUNELCTL_COMMANDS_RAW_TEXT_H_
 
 #include <string>
 #include <string_view>
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Replaces the escapes \n, \t, \r, \\ and \xNN of @p text and stores the result in @p bytes.
 /// Returns false for any other escape.
 [[nodiscard]] bool readRawText(std::string_view text, std::string& bytes);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_RAW_TEXT_H_
+#endif  // RUNELCTL_COMMANDS_RAW_TEXT_H_

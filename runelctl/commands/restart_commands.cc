@@ -8,14 +8,14 @@
 #include <CLI/CLI.hpp>
 
 #include "commands/command.h"
-#include "commands/within.h"
+#include "commands/number_range.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
-constexpr Milliseconds kPollPause{200};
-constexpr Milliseconds kPollConnect{2000};
-constexpr Milliseconds kPollSilence{5000};
+constexpr runel::Milliseconds kPollPause{200};
+constexpr runel::Milliseconds kPollConnect{2000};
+constexpr runel::Milliseconds kPollSilence{5000};
 
 /// How a reboot or restart is verified, and its time limits.
 struct Proof {
@@ -47,7 +47,7 @@ class RestartJob : public Job {
       act();
       return;
     }
-    ask(request({"read", proof_.path}), [this](const Reply& reply) {
+    ask(runel::request({"read", proof_.path}), [this](const runel::Reply& reply) {
       if (!reply.ok()) {
         fail(reply, std::string("read ") + proof_.path);
         return;
@@ -67,9 +67,9 @@ class RestartJob : public Job {
 
  private:
   void act() {
-    ask(request({proof_.task}), [this](const Reply& reply) {
+    ask(runel::request({proof_.task}), [this](const runel::Reply& reply) {
       // Ignore the status: the answer to "reboot" carries the status of the previous task.
-      if (reply.broken && !(wait_ && reply.broken->fault == Fault::lost)) {
+      if (reply.broken && !(wait_ && reply.broken->fault == runel::Fault::lost)) {
         fail(*reply.broken);
       } else if (!wait_) {
         succeed();
@@ -80,19 +80,20 @@ class RestartJob : public Job {
   }
 
   void watch() {
-    begin_ = Clock::now();
-    Limits limits = device().limits();
+    begin_ = runel::Clock::now();
+    runel::Limits limits = device().limits();
     limits.connect = std::min(limits.connect, kPollConnect);
     limits.silence = std::min(limits.silence, kPollSilence);
-    poller_ = std::make_unique<Device>(loop(), device().target(), limits);
+    poller_ = std::make_unique<runel::Device>(loop(), device().target(), limits);
     poll();
   }
 
   void poll() {
-    poller_->ask(request({"read", proof_.path}), [this](const Reply& reply) { look(reply); });
+    poller_->ask(runel::request({"read", proof_.path}),
+                 [this](const runel::Reply& reply) { look(reply); });
   }
 
-  void look(const Reply& reply) {
+  void look(const runel::Reply& reply) {
     const bool different = reply.ok() && identity(reply) != before_;
     if (down_ < 0 && (reply.broken || different)) {
       down_ = seconds();
@@ -128,24 +129,24 @@ class RestartJob : public Job {
   void late(const std::string& what, double limit) {
     char text[64];
     std::snprintf(text, sizeof text, " within %g s", limit);
-    fail({Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
+    fail({runel::Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
   }
 
-  [[nodiscard]] std::string identity(const Reply& reply) const {
+  [[nodiscard]] std::string identity(const runel::Reply& reply) const {
     return std::string(proof_.task) == "restart" ? startOf(reply.output) : reply.output;
   }
 
   [[nodiscard]] double seconds() const {
-    return std::chrono::duration<double>(Clock::now() - begin_).count();
+    return std::chrono::duration<double>(runel::Clock::now() - begin_).count();
   }
 
   const Proof proof_;
   const bool wait_;
   std::string before_;
-  Clock::time_point begin_;
+  runel::Clock::time_point begin_;
   double down_ = -1;
-  std::unique_ptr<Device> poller_;
-  Loop::Timer timer_;
+  std::unique_ptr<runel::Device> poller_;
+  runel::Loop::Timer timer_;
 };
 
 std::string wholeText(double seconds) {
@@ -160,11 +161,11 @@ class RestartCommand : public Command {
     app.add_flag("--wait", wait_, "wait until the reboot or restart is verified");
     app.add_option("--down-timeout", proof_.downLimit,
                    "limit for going down (default: " + wholeText(proof_.downLimit) + ")")
-        ->check(within(0.1, 86400.0))
+        ->check(numberRange(0.1, 86400.0))
         ->type_name("SECONDS");
     app.add_option("--up-timeout", proof_.upLimit,
                    "limit for coming back (default: " + wholeText(proof_.upLimit) + ")")
-        ->check(within(0.1, 86400.0))
+        ->check(numberRange(0.1, 86400.0))
         ->type_name("SECONDS");
   }
 
@@ -192,4 +193,4 @@ void addRestartCommands(Commands& commands) {
                                        "end the daemon, so that its supervisor starts it again"));
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -10,15 +10,15 @@
 
 #include "client/core/records.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kMemory = 134217728;
 constexpr std::size_t kLeastShare = 2097152;
 constexpr std::size_t kMostShare = 16777216;
 
-Milliseconds fromSeconds(double seconds) {
-  return Milliseconds(static_cast<Milliseconds::rep>(std::lround(seconds * 1000)));
+runel::Milliseconds fromSeconds(double seconds) {
+  return runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(seconds * 1000)));
 }
 
 bool isDirectory(const std::string& path) {
@@ -40,7 +40,7 @@ std::string runtimeDirectory() {
 
 }  // namespace
 
-Limits Settings::limits() const {
+runel::Limits Settings::limits() const {
   return {fromSeconds(connectTimeout), fromSeconds(timeout), masterSocket};
 }
 
@@ -50,7 +50,7 @@ std::size_t Settings::memoryShare() const {
 }
 
 std::string Settings::remote(const std::string& path) const {
-  return joinPath(directory, path);
+  return runel::joinPath(directory, path);
 }
 
 std::string defaultMasterSocket() {
@@ -61,4 +61,4 @@ std::string defaultMasterSocket() {
   return runtimeDirectory() + "/runelctl-master.sock";
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

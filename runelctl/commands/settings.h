@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // The values of the general options.
-#ifndef ZELL_RUNELCTL_COMMANDS_SETTINGS_H_
-#define ZELL_RUNELCTL_COMMANDS_SETTINGS_H_
+#ifndef RUNELCTL_COMMANDS_SETTINGS_H_
+#define RUNELCTL_COMMANDS_SETTINGS_H_
 
 #include <string>
 #include <vector>
 
 #include "client/core/address.h"
-#include "client/core/device.h"
+#include "client/io/device.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 enum class Arrange { merge, prefix, group };
 
 struct Settings {
-  std::vector<Target> targets;
+  std::vector<runel::Target> targets;
   bool json = false;
   bool quiet = false;
   bool yes = false;
@@ -34,7 +34,7 @@ struct Settings {
   Arrange arrange = Arrange::merge;
   std::string directory;  ///< base of relative remote paths
 
-  [[nodiscard]] Limits limits() const;
+  [[nodiscard]] runel::Limits limits() const;
   /// Limit of file content in memory for one device, in bytes. It depends on the number of parallel
   /// devices.
   [[nodiscard]] std::size_t memoryShare() const;
@@ -45,6 +45,6 @@ struct Settings {
 /// The default path of the master's control socket, in the user's runtime directory.
 [[nodiscard]] std::string defaultMasterSocket();
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_SETTINGS_H_
+#endif  // RUNELCTL_COMMANDS_SETTINGS_H_

@@ -7,11 +7,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/core/read_input.h"
 #include "commands/command.h"
+#include "commands/read_input.h"
 #include "protocol/task_table.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 struct TaskRow {
@@ -69,12 +69,12 @@ class TaskJob : public Job {
   void start() override {
     std::vector<std::string> args{row_.name};
     args.insert(args.end(), words_.begin(), words_.end());
-    ask(request(args), [this](const Reply& reply) { show(reply); });
+    ask(runel::request(args), [this](const runel::Reply& reply) { show(reply); });
   }
 
  private:
-  void show(const Reply& reply) {
-    if (!reply.broken && findTask(row_.name)->text != TaskText::empty) {
+  void show(const runel::Reply& reply) {
+    if (!reply.broken && zell::findTask(row_.name)->text != zell::TaskText::empty) {
       putBytes(report().result(), "output", reply.output);
       // walktree may have partial output before a failure. The other tasks have none.
       if (reply.ok() || std::string(row_.name) == "walktree") {
@@ -96,8 +96,8 @@ class TaskJob : public Job {
     return text + (value || wantsNewline(report(), text) ? "\n" : "");
   }
 
-  static int failureStatus(const Reply& reply) {
-    return reply.broken ? reply.exitStatus() : kExitTaskFailed;
+  static int failureStatus(const runel::Reply& reply) {
+    return reply.broken ? reply.exitStatus() : runel::kExitTaskFailed;
   }
 
   [[nodiscard]] std::string about() const {
@@ -148,4 +148,4 @@ void addTaskCommands(Commands& commands) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

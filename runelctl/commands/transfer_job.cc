@@ -6,9 +6,9 @@
 #include "client/core/records.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
-std::string programTrouble(const std::string& program, const Reply& reply) {
+std::string programTrouble(const std::string& program, const runel::Reply& reply) {
   const std::string line = reply.output.substr(0, reply.output.find('\n'));
   return !reply.broken && !line.empty() ? line : reply.error(program).what;
 }
@@ -19,7 +19,7 @@ void TransferJob::pipe(Pipeline::Source source, std::function<void()> next) {
   loop().next([old] { old->reset(); });
   pipeline_ = std::make_unique<Pipeline>(device(), std::move(source), settings().memoryShare(),
                                          [this, next = std::move(next)] {
-                                           if (outcome_.status != kExitNoConnection) {
+                                           if (outcome_.status != runel::kExitNoConnection) {
                                              next();
                                            }
                                          });
@@ -47,7 +47,7 @@ bool TransferJob::programFailed() {
   return std::exchange(programFailed_, false);
 }
 
-bool TransferJob::alive(const Reply& reply) {
+bool TransferJob::alive(const runel::Reply& reply) {
   if (!reply.broken) {
     return true;
   }
@@ -56,11 +56,11 @@ bool TransferJob::alive(const Reply& reply) {
   return false;
 }
 
-void TransferJob::failed(const Error& error) {
+void TransferJob::failed(const runel::Error& error) {
   if (outcome_.error) {
     report().warn(error.what);
   } else {
-    outcome_ = {kExitTaskFailed, error};
+    outcome_ = {runel::kExitTaskFailed, error};
   }
 }
 
@@ -77,7 +77,7 @@ void TransferJob::count(std::uint64_t bytes, const std::string& name) {
 
 void TransferJob::skip(std::uint64_t bytes, const std::string& name) {
   progressed_ += bytes;
-  report().progress({progressed_, allBytes_, baseName(name)});
+  report().progress({progressed_, allBytes_, runel::baseName(name)});
 }
 
 void TransferJob::endTransfer() {
@@ -87,9 +87,9 @@ void TransferJob::endTransfer() {
     report().line(countText(files_, "file") + ", " + sizeText(bytes_));
   }
   if (!warned_.empty() && !outcome_.error) {
-    outcome_.status = kExitTaskFailed;
+    outcome_.status = runel::kExitTaskFailed;
   }
   finish(outcome_);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

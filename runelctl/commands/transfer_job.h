@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The common part of sending and fetching files.
-#ifndef ZELL_RUNELCTL_COMMANDS_TRANSFER_JOB_H_
-#define ZELL_RUNELCTL_COMMANDS_TRANSFER_JOB_H_
+#ifndef RUNELCTL_COMMANDS_TRANSFER_JOB_H_
+#define RUNELCTL_COMMANDS_TRANSFER_JOB_H_
 
 #include <cstdint>
 #include <functional>
@@ -13,7 +13,7 @@
 #include "commands/job.h"
 #include "commands/pipeline.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Runs stages of pipelined requests, and records progress and the first error.
 class TransferJob : public Job {
@@ -28,10 +28,10 @@ class TransferJob : public Job {
   void runPrograms(std::vector<ProgramRuns> runs, const std::string& what,
                    std::function<void()> next);
   /// Returns false when the connection is lost. The job has ended then.
-  bool alive(const Reply& reply);
+  bool alive(const runel::Reply& reply);
   /// Records @p error: the first one is the outcome of the job, the others are reported as
   /// warnings.
-  void failed(const Error& error);
+  void failed(const runel::Error& error);
   /// Reports a warning, unless it was reported before, and makes the exit status 1.
   void warnOnce(const std::string& what);
   /// Adds @p bytes to the progress and to the transferred bytes.
@@ -59,8 +59,8 @@ class TransferJob : public Job {
 };
 
 /// Why a program on the device failed, in one line: the first line of its output, if any.
-[[nodiscard]] std::string programTrouble(const std::string& program, const Reply& reply);
+[[nodiscard]] std::string programTrouble(const std::string& program, const runel::Reply& reply);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_COMMANDS_TRANSFER_JOB_H_
+#endif  // RUNELCTL_COMMANDS_TRANSFER_JOB_H_

@@ -15,11 +15,11 @@
 #include "cli/signals.h"
 #include "client/core/request.h"
 #include "client/master/agent.h"
-#include "commands/within.h"
+#include "commands/number_range.h"
 #include "output/report.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr double kMostLinger = 86400;
@@ -34,7 +34,7 @@ class AgentCommand : public LocalCommand {
     app.add_option(
            "--linger", linger_,
            "after the end of the input, exit when nothing was received for SECONDS (default: 2)")
-        ->check(within(0.0, kMostLinger))
+        ->check(numberRange(0.0, kMostLinger))
         ->type_name("SECONDS");
     app.add_flag("--raw", raw_,
                  "send the input unchecked: this can block the relay or stop the daemon");
@@ -47,34 +47,36 @@ class AgentCommand : public LocalCommand {
   int run(const Settings& settings, const Style& style) override {
     if (settings.targets.size() != 1 || settings.targets[0].behindMaster()) {
       complain("agent: expected one device, by address: an agent connects to the daemon directly");
-      return kExitUsage;
+      return runel::kExitUsage;
     }
-    Loop loop;
+    runel::Loop loop;
     int status = 0;
     const Signals signals(loop, [&](int number) {
-      status = kExitSignalBase + number;
+      status = runel::kExitSignalBase + number;
       loop.stop();
     });
-    const Target& target = settings.targets[0];
+    const runel::Target& target = settings.targets[0];
     const auto show = [&](const std::string& clause) { print(target, style, clause); };
-    const auto ended = [&](const std::optional<Error>& error) {
+    const auto ended = [&](const std::optional<runel::Error>& error) {
       if (error) {
         status = exitStatusOf(*error);
         tell(target, style, *error);
       }
       loop.stop();
     };
-    Agent agent(loop, STDIN_FILENO,
-                {target, settings.limits().connect,
-                 Milliseconds(static_cast<Milliseconds::rep>(std::lround(linger_ * 1000))), raw_},
-                {show, ended});
+    runel::Agent agent(
+        loop, STDIN_FILENO,
+        {target, settings.limits().connect,
+         runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(linger_ * 1000))),
+         raw_},
+        {show, ended});
     loop.run();
     return status;
   }
 
  private:
   // Ends each clause with the line end that the relay uses.
-  static void print(const Target& target, const Style& style, const std::string& clause) {
+  static void print(const runel::Target& target, const Style& style, const std::string& clause) {
     std::string line = style.name(clause) + (style.outTerminal ? "\n" : "\r\n");
     if (style.json) {
       Json object{{"v", 1}, {"device", target.name}, {"task", "agent"}, {"entry", "clause"}};
@@ -84,7 +86,7 @@ class AgentCommand : public LocalCommand {
     (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends the process by SIGPIPE
   }
 
-  static void tell(const Target& target, const Style& style, const Error& error) {
+  static void tell(const runel::Target& target, const Style& style, const runel::Error& error) {
     if (style.json) {
       Json object{{"v", 1},
                   {"device", target.name},
@@ -108,4 +110,4 @@ void addAgentCommand(LocalCommands& commands) {
   commands.push_back(std::make_unique<AgentCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

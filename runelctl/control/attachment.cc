@@ -4,19 +4,20 @@
 #include <cstddef>
 #include <utility>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kMostAnswersQueued = 8388608;
 
 }  // namespace
 
-Attachment::Attachment(Loop& loop, UniqueFd socket, SlaveLink& link, Events events)
+Attachment::Attachment(runel::Loop& loop, zell::UniqueFd socket, runel::SlaveLink& link,
+                       Events events)
     : link_(link),
       events_(std::move(events)),
       channel_(loop, std::move(socket),
                {[this](std::string&& payload) { pass(std::move(payload)); },
-                [this](const Error&) { events_.end(); }, [this] { events_.progress(); }}),
+                [this](const runel::Error&) { events_.end(); }, [this] { events_.progress(); }}),
       self_(std::make_shared<Attachment*>(this)) {}
 
 void Attachment::pass(std::string&& payload) {
@@ -39,4 +40,4 @@ void Attachment::setReading(bool reading) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

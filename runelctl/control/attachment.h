@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // A runelctl process that uses a device through the master.
-#ifndef ZELL_RUNELCTL_CONTROL_ATTACHMENT_H_
-#define ZELL_RUNELCTL_CONTROL_ATTACHMENT_H_
+#ifndef RUNELCTL_CONTROL_ATTACHMENT_H_
+#define RUNELCTL_CONTROL_ATTACHMENT_H_
 
 #include <functional>
 #include <memory>
 
 #include "base/unique_fd.h"
-#include "client/core/channel.h"
-#include "client/core/loop.h"
+#include "client/io/channel.h"
+#include "client/io/loop.h"
 #include "client/master/slave_link.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Forwards requests and answers in complete frames: an incomplete frame never reaches the device.
 class Attachment {
@@ -25,7 +25,7 @@ class Attachment {
   };
 
   /// @p link must outlive the attachment.
-  Attachment(Loop& loop, UniqueFd socket, SlaveLink& link, Events events);
+  Attachment(runel::Loop& loop, zell::UniqueFd socket, runel::SlaveLink& link, Events events);
   Attachment(const Attachment&) = delete;
   Attachment& operator=(const Attachment&) = delete;
 
@@ -36,13 +36,13 @@ class Attachment {
  private:
   void pass(std::string&& payload);
 
-  SlaveLink& link_;
+  runel::SlaveLink& link_;
   Events events_;
-  Channel channel_;
+  runel::Channel channel_;
   bool reading_ = true;
   std::shared_ptr<Attachment*> self_;  // late answers are dropped
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CONTROL_ATTACHMENT_H_
+#endif  // RUNELCTL_CONTROL_ATTACHMENT_H_

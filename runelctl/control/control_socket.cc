@@ -13,21 +13,21 @@
 #include <unistd.h>
 
 #include "client/core/error.h"
-#include "client/core/local_peer.h"
 #include "client/core/records.h"
+#include "client/io/local_peer.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Many runelctl processes may connect at the same time, one for each device.
 constexpr int kControlBacklog = 4096;
 constexpr int kCallsAtOnce = 64;
 constexpr std::size_t kLongestLine = 1024;
-constexpr Milliseconds kLineTime{30000};
-constexpr Milliseconds kSendTime{30000};
+constexpr runel::Milliseconds kLineTime{30000};
+constexpr runel::Milliseconds kSendTime{30000};
 
-UniqueFd newSocket() {
-  return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+zell::UniqueFd newSocket() {
+  return zell::UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 const sockaddr* generic(const sockaddr_un& address) {
@@ -36,7 +36,7 @@ const sockaddr* generic(const sockaddr_un& address) {
 }
 
 bool answers(const sockaddr_un& address) {
-  const UniqueFd probe = newSocket();
+  const zell::UniqueFd probe = newSocket();
   return connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
 }
 
@@ -51,7 +51,7 @@ bool bindPrivately(int socket, const sockaddr_un& address) {
 // Creates the directory of @p path if necessary. Returns false with errno if other users can create
 // files in it.
 bool ownDirectory(const std::string& path) {
-  const std::string directory = directoryOf(path);
+  const std::string directory = runel::directoryOf(path);
   (void)mkdir(directory.c_str(), 0700);  // it may exist
   struct stat about {};
   if (stat(directory.c_str(), &about) != 0) {
@@ -78,21 +78,21 @@ std::string ControlSocket::open(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    return path + ": " + systemText(ENAMETOOLONG);
+    return path + ": " + runel::systemText(ENAMETOOLONG);
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   if (!ownDirectory(path)) {
-    return directoryOf(path) +
-           ": not a private directory for the control socket: " + systemText(errno);
+    return runel::directoryOf(path) +
+           ": not a private directory for the control socket: " + runel::systemText(errno);
   }
   if (answers(address)) {
     return path + ": another master is already running";
   }
   (void)unlink(path.c_str());  // if it cannot be removed, bind fails
-  UniqueFd listener = newSocket();
+  zell::UniqueFd listener = newSocket();
   if (!bindPrivately(listener.get(), address) || listen(listener.get(), kControlBacklog) != 0 ||
       !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
-    return path + ": " + systemText(errno);
+    return path + ": " + runel::systemText(errno);
   }
   listener_ = std::move(listener);
   path_ = path;
@@ -101,11 +101,11 @@ std::string ControlSocket::open(const std::string& path) {
 
 void ControlSocket::accept() {
   for (int i = 0; i < kCallsAtOnce; ++i) {
-    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    zell::UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.valid()) {
       return;  // no pending connection, or no free descriptor: they stay in the backlog
     }
-    if (peerIsUs(socket.get())) {
+    if (runel::peerIsUs(socket.get())) {
       keep(std::move(socket), EPOLLIN, kLineTime, "");
     } else {
       sendAndClose(std::move(socket), "the master belongs to another user\n");
@@ -113,7 +113,7 @@ void ControlSocket::accept() {
   }
 }
 
-void ControlSocket::keep(UniqueFd socket, std::uint32_t events, Milliseconds limit,
+void ControlSocket::keep(zell::UniqueFd socket, std::uint32_t events, runel::Milliseconds limit,
                          std::string text) {
   const int fd = socket.get();
   const auto ready = [this, fd](std::uint32_t what) {
@@ -143,14 +143,14 @@ void ControlSocket::readLine(int fd) {
   }
   const bool whole = got == 1 && byte == '\n';
   const std::string asked = std::move(line);
-  UniqueFd socket = std::move(callers_.at(fd).socket);
+  zell::UniqueFd socket = std::move(callers_.at(fd).socket);
   drop(fd);
   if (whole) {
     asked_(asked, std::move(socket));
   }
 }
 
-void ControlSocket::sendAndClose(UniqueFd socket, std::string text) {
+void ControlSocket::sendAndClose(zell::UniqueFd socket, std::string text) {
   const int fd = socket.get();
   keep(std::move(socket), EPOLLOUT, kSendTime, std::move(text));
   if (callers_.count(fd) != 0) {
@@ -176,4 +176,4 @@ void ControlSocket::drop(int fd) {
   callers_.erase(caller);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

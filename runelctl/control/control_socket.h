@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The socket in the user's runtime directory that other runelctl processes use to reach the master.
-#ifndef ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_
-#define ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_
+#ifndef RUNELCTL_CONTROL_CONTROL_SOCKET_H_
+#define RUNELCTL_CONTROL_CONTROL_SOCKET_H_
 
 #include <cstdint>
 #include <functional>
@@ -9,18 +9,18 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Accepts processes of this user and of root, and reads the request line of each.
 class ControlSocket {
  public:
   /// Called with the request line and the socket of a process. The data after the line is not read
   /// yet.
-  using Asked = std::function<void(const std::string& line, UniqueFd socket)>;
+  using Asked = std::function<void(const std::string& line, zell::UniqueFd socket)>;
 
-  ControlSocket(Loop& loop, Asked asked) : loop_(loop), asked_(std::move(asked)) {}
+  ControlSocket(runel::Loop& loop, Asked asked) : loop_(loop), asked_(std::move(asked)) {}
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
@@ -29,29 +29,30 @@ class ControlSocket {
   [[nodiscard]] std::string open(const std::string& path);
 
   /// Sends @p text without blocking and closes the socket.
-  void sendAndClose(UniqueFd socket, std::string text);
+  void sendAndClose(zell::UniqueFd socket, std::string text);
 
  private:
   /// A process that sends its request line or receives its last answer.
   struct Caller {
-    UniqueFd socket;
+    zell::UniqueFd socket;
     std::string text;
-    Loop::Timer limit;
+    runel::Loop::Timer limit;
   };
 
   void accept();
-  void keep(UniqueFd socket, std::uint32_t events, Milliseconds limit, std::string text);
+  void keep(zell::UniqueFd socket, std::uint32_t events, runel::Milliseconds limit,
+            std::string text);
   void readLine(int fd);
   void sendRest(int fd);
   void drop(int fd);
 
-  Loop& loop_;
+  runel::Loop& loop_;
   const Asked asked_;
-  UniqueFd listener_;
+  zell::UniqueFd listener_;
   std::string path_;
   std::map<int, Caller> callers_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CONTROL_CONTROL_SOCKET_H_
+#endif  // RUNELCTL_CONTROL_CONTROL_SOCKET_H_

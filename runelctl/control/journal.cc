@@ -14,7 +14,7 @@
 
 #include "client/core/error.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 std::string localTime() {
@@ -52,13 +52,13 @@ std::string utcText(std::int64_t milliseconds) {
   return std::string(text) + fraction;
 }
 
-Journal::Journal(Loop& loop, const Style& style, bool xml)
+Journal::Journal(runel::Loop& loop, const Style& style, bool xml)
     : style_(style), xml_(xml), outlet_(loop, STDOUT_FILENO), errors_(loop, STDERR_FILENO) {}
 
 std::string Journal::keepClauses(const std::string& path) {
   keptPath_ = path;
   kept_.reset(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  return kept_.valid() ? "" : path + ": " + systemText(errno);
+  return kept_.valid() ? "" : path + ": " + runel::systemText(errno);
 }
 
 void Journal::listening(const std::string& where, const std::string& socket) {
@@ -99,7 +99,7 @@ void Journal::clause(const Label& who, const std::string& clause) {
     // A failed write may have left an incomplete line.
     const bool good = writeAll(kept_.get(), (keptFailed_ ? "\n" : "") + line(whole));
     if (!good && !keptFailed_) {
-      problem(keptPath_ + ": " + systemText(errno));
+      problem(keptPath_ + ": " + runel::systemText(errno));
     }
     keptFailed_ = !good;
   }
@@ -138,4 +138,4 @@ void Journal::tell(const std::string& event, const Label* who, const std::string
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

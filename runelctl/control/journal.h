@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The output of the master: connects, losses and the clauses of agents.
-#ifndef ZELL_RUNELCTL_CONTROL_JOURNAL_H_
-#define ZELL_RUNELCTL_CONTROL_JOURNAL_H_
+#ifndef RUNELCTL_CONTROL_JOURNAL_H_
+#define RUNELCTL_CONTROL_JOURNAL_H_
 
 #include <cstdint>
 #include <string>
 
 #include "base/unique_fd.h"
-#include "control/outlet.h"
+#include "control/nonblocking_writer.h"
 #include "output/style.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The name of a device in the output.
 struct Label {
@@ -23,7 +23,7 @@ struct Label {
 class Journal {
  public:
   /// @p xml: print the clauses of agents too.
-  Journal(Loop& loop, const Style& style, bool xml);
+  Journal(runel::Loop& loop, const Style& style, bool xml);
 
   /// Appends the clauses of agents to the file @p path, as JSON objects. Returns the error, empty
   /// for success.
@@ -46,9 +46,9 @@ class Journal {
 
   const Style& style_;
   const bool xml_;
-  Outlet outlet_;
-  Outlet errors_;
-  UniqueFd kept_;
+  NonBlockingWriter outlet_;
+  NonBlockingWriter errors_;
+  zell::UniqueFd kept_;
   std::string keptPath_;
   bool keptFailed_ = false;
 };
@@ -58,6 +58,6 @@ class Journal {
 /// The current wall clock time in milliseconds.
 [[nodiscard]] std::int64_t wallClock();
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CONTROL_JOURNAL_H_
+#endif  // RUNELCTL_CONTROL_JOURNAL_H_

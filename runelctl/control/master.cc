@@ -10,11 +10,11 @@
 
 #include <nlohmann/json.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // A refused device would reconnect immediately, ten times a second. So its connection is held open.
-constexpr Milliseconds kHoldTime{5000};
+constexpr runel::Milliseconds kHoldTime{5000};
 constexpr std::size_t kMostHeld = 256;
 // A device has a slave connection, a bridge and sometimes a surplus connection.
 constexpr std::size_t kMostOfOneDevice = 16;
@@ -26,24 +26,26 @@ std::string dotted(const sockaddr_in& from) {
   return text;
 }
 
-Lineup::Rules rulesOf(const MasterOptions& options) {
-  Lineup::Rules rules;
+runel::ConnectionRoles::Rules rulesOf(const MasterOptions& options) {
+  runel::ConnectionRoles::Rules rules;
   rules.shared = options.shared;
   return rules;
 }
 
 }  // namespace
 
-Master::Master(Loop& loop, const MasterOptions& options, Journal& journal)
+Master::Master(runel::Loop& loop, const MasterOptions& options, Journal& journal)
     : loop_(loop),
       options_(options),
       journal_(journal),
-      lineup_(rulesOf(options)),
+      roles_(rulesOf(options)),
       listener_(
           loop,
-          [this](UniqueFd socket, const sockaddr_in& from) { accepted(std::move(socket), from); },
+          [this](zell::UniqueFd socket, const sockaddr_in& from) {
+            accepted(std::move(socket), from);
+          },
           [this](const std::string& text) { journal_.problem(text); }),
-      control_(loop, [this](const std::string& line, UniqueFd socket) {
+      control_(loop, [this](const std::string& line, zell::UniqueFd socket) {
         asked(line, std::move(socket));
       }) {}
 
@@ -66,7 +68,7 @@ std::string Master::open() {
   return wrong;
 }
 
-void Master::accepted(UniqueFd socket, const sockaddr_in& from) {
+void Master::accepted(zell::UniqueFd socket, const sockaddr_in& from) {
   const Label who{"", dotted(from), ntohs(from.sin_port)};
   const std::string why = refusal(from, who.address);
   if (why.empty()) {
@@ -81,10 +83,10 @@ std::string Master::refusal(const sockaddr_in& from, const std::string& address)
     return "address not allowed by --allow";
   }
   const std::size_t most = options_.shared ? kMostOfOneAddress : kMostOfOneDevice;
-  return lineup_.countAt(address) >= most ? "too many connections from this address" : "";
+  return roles_.countAt(address) >= most ? "too many connections from this address" : "";
 }
 
-void Master::turnAway(UniqueFd socket, const Label& who, const std::string& why) {
+void Master::turnAway(zell::UniqueFd socket, const Label& who, const std::string& why) {
   if (held_.size() >= kMostHeld) {
     return;
   }
@@ -109,7 +111,7 @@ void Master::letGo() {
   }
 }
 
-void Master::admit(UniqueFd socket, const Label& who) {
+void Master::admit(zell::UniqueFd socket, const Label& who) {
   const Id id = ++last_;
   stations_[id] = std::make_unique<Station>(
       loop_, who, options_.timeout,
@@ -118,10 +120,10 @@ void Master::admit(UniqueFd socket, const Label& who) {
                         journal_.clause(stations_.at(id)->label(), clause);
                       },
                       [this, id](const std::string& why) { lost(id, why); }});
-  if (lineup_.opened(id, who.address, Clock::now()) == Lineup::Role::slave) {
-    stations_[id]->beSlave(std::move(socket));
+  if (roles_.opened(id, who.address, runel::Clock::now()) == runel::ConnectionRoles::Role::slave) {
+    stations_[id]->useAsSlave(std::move(socket));
   } else {
-    stations_[id]->beFurther(std::move(socket), hostidAt(who.address));
+    stations_[id]->useAsBridge(std::move(socket), hostidAt(who.address));
     journal_.further(stations_[id]->label());
     checkSlaves(who.address);
   }
@@ -130,14 +132,14 @@ void Master::admit(UniqueFd socket, const Label& who) {
 
 // The host identifier for an additional connection, if its address has only one device.
 std::string Master::hostidAt(const std::string& address) const {
-  const std::vector<Id> slaves = lineup_.slavesAt(address);
+  const std::vector<Id> slaves = roles_.slavesAt(address);
   return slaves.size() == 1 ? stations_.at(slaves.front())->label().hostid : "";
 }
 
 // A device opens an additional connection for an agent, or because it has lost the first one. A
 // check detects the second case.
 void Master::checkSlaves(const std::string& address) {
-  for (const Id slave : lineup_.slavesAt(address)) {
+  for (const Id slave : roles_.slavesAt(address)) {
     stations_.at(slave)->check();
   }
 }
@@ -146,17 +148,17 @@ void Master::identified(Id id) {
   Station& station = *stations_.at(id);
   const Label& who = station.label();
   if (options_.access.allowsHostid(who.hostid)) {
-    roll_.connected(station.name(), station.since());
+    history_.connected(station.name(), station.since());
     journal_.connected(who, station.deviceType());
     return;
   }
   journal_.refused(who, "host identifier not allowed by --allow-hostid");
   station.refuse();
-  hold({UniqueFd(), id, who.address, {}});
+  hold({zell::UniqueFd(), id, who.address, {}});
 }
 
 void Master::spoke(Id id) {
-  lineup_.spoke(id);
+  roles_.spoke(id);
   journal_.agent(stations_.at(id)->label());
   arm();
 }
@@ -165,9 +167,9 @@ void Master::lost(Id id, const std::string& why) {
   const auto found = stations_.find(id);
   const std::shared_ptr<Station> gone = std::move(found->second);
   stations_.erase(found);
-  lineup_.closed(id, Clock::now());
+  roles_.closed(id, runel::Clock::now());
   if (gone->isSlave() && gone->ready()) {
-    roll_.lost(gone->name(), wallClock(), why, gone->counters());
+    history_.lost(gone->name(), wallClock(), why, gone->counters());
   }
   journal_.lost(gone->label(), gone->role(), why);
   loop_.next([gone] { (void)gone; });  // the station is still on the stack
@@ -176,22 +178,22 @@ void Master::lost(Id id, const std::string& why) {
 
 void Master::arm() {
   loop_.cancel(due_);
-  const std::optional<Lineup::Time> next = lineup_.nextDue();
+  const std::optional<runel::ConnectionRoles::Time> next = roles_.nextDue();
   if (next) {
-    const auto left = std::chrono::ceil<Milliseconds>(*next - Clock::now());
-    due_ = loop_.after(std::max(left, Milliseconds(0)), [this] { promote(); });
+    const auto left = std::chrono::ceil<runel::Milliseconds>(*next - runel::Clock::now());
+    due_ = loop_.after(std::max(left, runel::Milliseconds(0)), [this] { promote(); });
   }
 }
 
 void Master::promote() {
-  due_ = Loop::Timer();
-  for (const Id id : lineup_.due(Clock::now())) {
+  due_ = runel::Loop::Timer();
+  for (const Id id : roles_.due(runel::Clock::now())) {
     stations_.at(id)->promote();
   }
   arm();
 }
 
-void Master::asked(const std::string& line, UniqueFd socket) {
+void Master::asked(const std::string& line, zell::UniqueFd socket) {
   static constexpr std::string_view kAttach = "attach ";
   if (line == "devices") {
     control_.sendAndClose(std::move(socket), list());
@@ -202,7 +204,7 @@ void Master::asked(const std::string& line, UniqueFd socket) {
   }
 }
 
-void Master::attach(const std::string& name, UniqueFd socket) {
+void Master::attach(const std::string& name, zell::UniqueFd socket) {
   const std::vector<Station*> found = named(name);
   if (found.size() != 1) {
     control_.sendAndClose(std::move(socket),
@@ -231,7 +233,7 @@ std::vector<Station*> Master::named(const std::string& name) const {
 }
 
 std::string Master::list() const {
-  std::map<std::string, std::vector<const FurtherLink*>> further;
+  std::map<std::string, std::vector<const runel::BridgeReader*>> further;
   for (const auto& [id, station] : stations_) {
     if (station->further() != nullptr) {
       further[station->label().address].push_back(station->further());
@@ -242,10 +244,10 @@ std::string Master::list() const {
     if (!station->isSlave() || !station->ready()) {
       continue;
     }
-    Json object = station->describe(roll_.of(station->name()));
+    Json object = station->describe(history_.of(station->name()));
     const auto& others = further[station->label().address];
     std::uint64_t clauses = 0;
-    for (const FurtherLink* link : others) {
+    for (const runel::BridgeReader* link : others) {
       clauses += link->clauses();
     }
     object["further"] = others.size();
@@ -257,4 +259,4 @@ std::string Master::list() const {
   return text;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

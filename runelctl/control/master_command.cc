@@ -15,14 +15,14 @@
 #include "cli/command_line.h"
 #include "cli/local_command.h"
 #include "cli/signals.h"
-#include "client/core/master_client.h"
 #include "client/core/request.h"
-#include "commands/within.h"
+#include "client/io/master_client.h"
+#include "commands/number_range.h"
 #include "control/master.h"
 #include "output/report.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr double kMostShared = 86400;
@@ -47,7 +47,7 @@ class MasterCommand : public LocalCommand {
                    "expect several devices at one address: treat a connection that is silent for "
                    "SECONDS as a device, "
                    "not as an agent (see the manual for the risk)")
-        ->check(within(0.001, kMostShared))
+        ->check(numberRange(0.001, kMostShared))
         ->type_name("SECONDS");
     app.add_flag("--xml", xml_, "print the clauses of agents");
     app.add_option("--xml-log", xmlLog_, "append the clauses of agents to FILE, as JSON objects")
@@ -58,7 +58,7 @@ class MasterCommand : public LocalCommand {
     if (settings.dryRun) {
       return "master: --dry-run is not supported";
     }
-    if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
+    if (!listen_.empty() && !runel::parseListen(listen_, options_.host, options_.port)) {
       return "--listen: invalid address '" + listen_ + "': expected ADDRESS[:PORT]";
     }
     for (const std::string& list : addresses_) {
@@ -80,9 +80,9 @@ class MasterCommand : public LocalCommand {
     options_.socket = settings.masterSocket;
     options_.timeout = settings.limits().silence;
     if (shared_ > 0) {
-      options_.shared = Milliseconds(std::lround(shared_ * 1000));
+      options_.shared = runel::Milliseconds(std::lround(shared_ * 1000));
     }
-    Loop loop;
+    runel::Loop loop;
     // Before the socket exists: a SIGTERM at its first sight must already end the master cleanly.
     const Signals signals(loop, [&](int) { loop.stop(); });
     Journal journal(loop, style, xml_);
@@ -92,8 +92,8 @@ class MasterCommand : public LocalCommand {
       wrong = master.open();
     }
     if (!wrong.empty()) {
-      tellFailure(name(), {Fault::local, wrong, "", 0}, style);
-      return kExitTaskFailed;
+      tellFailure(name(), {runel::Fault::local, wrong, "", 0}, style);
+      return runel::kExitTaskFailed;
     }
     loop.run();
     return 0;
@@ -163,17 +163,17 @@ class DevicesCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     std::string lines;
-    const auto error = listDevices(settings.masterSocket, settings.limits().silence, lines);
+    const auto error = runel::listDevices(settings.masterSocket, settings.limits().silence, lines);
     if (error) {
       tellFailure(name(), *error, style);
-      return kExitNoConnection;
+      return runel::kExitNoConnection;
     }
     if (style.json) {
       std::cout << lines;
     } else {
       show(lines, style);
     }
-    return std::cout.flush() ? 0 : kExitTaskFailed;
+    return std::cout.flush() ? 0 : runel::kExitTaskFailed;
   }
 
  private:
@@ -210,4 +210,4 @@ void addMasterCommands(LocalCommands& commands) {
   commands.push_back(std::make_unique<DevicesCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -8,51 +8,51 @@
 
 #include "client/master/access_list.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
-Station::Station(Loop& loop, Label label, Milliseconds timeout, Events events)
+Station::Station(runel::Loop& loop, Label label, runel::Milliseconds timeout, Events events)
     : loop_(loop), label_(std::move(label)), timeout_(timeout), events_(std::move(events)) {}
 
-void Station::beSlave(UniqueFd socket) {
-  slave_ = std::make_unique<SlaveLink>(
+void Station::useAsSlave(zell::UniqueFd socket) {
+  slave_ = std::make_unique<runel::SlaveLink>(
       loop_, std::move(socket), timeout_,
-      SlaveLink::Events{[this](const Error& error) {
-                          users_.clear();  // closed together with the device
-                          events_.lost(error.what);
-                        },
-                        [this] { adjust(); }});
+      runel::SlaveLink::Events{[this](const runel::Error& error) {
+                                 users_.clear();  // closed together with the device
+                                 events_.lost(error.what);
+                               },
+                               [this] { adjust(); }});
   identify();
 }
 
-void Station::beFurther(UniqueFd socket, const std::string& hostid) {
+void Station::useAsBridge(zell::UniqueFd socket, const std::string& hostid) {
   label_.hostid = hostid;
-  further_ = std::make_unique<FurtherLink>(
+  further_ = std::make_unique<runel::BridgeReader>(
       loop_, std::move(socket),
-      FurtherLink::Events{[this] { events_.spoke(); },
-                          [this](const std::string& clause) { events_.clause(clause); },
-                          [this](const std::string& why) { events_.lost(why); }});
+      runel::BridgeReader::Events{[this] { events_.spoke(); },
+                                  [this](const std::string& clause) { events_.clause(clause); },
+                                  [this](const std::string& why) { events_.lost(why); }});
 }
 
 void Station::promote() {
-  UniqueFd socket = further_->take();
+  zell::UniqueFd socket = further_->take();
   further_.reset();
   label_.hostid.clear();
-  beSlave(std::move(socket));
+  useAsSlave(std::move(socket));
 }
 
 // The reported names are printed and compared, so they must be valid.
 void Station::identify() {
-  slave_->ask(request({"hostid"}), [this](const Reply& reply) {
-    label_.hostid = reply.ok() && usableName(reply.output) ? reply.output : "";
+  slave_->ask(runel::request({"hostid"}), [this](const runel::Reply& reply) {
+    label_.hostid = reply.ok() && runel::usableName(reply.output) ? reply.output : "";
   });
-  slave_->ask(request({"devicetype"}), [this](const Reply& reply) {
-    deviceType_ = reply.ok() && usableName(reply.output) ? reply.output : "";
+  slave_->ask(runel::request({"devicetype"}), [this](const runel::Reply& reply) {
+    deviceType_ = reply.ok() && runel::usableName(reply.output) ? reply.output : "";
     identified_ = true;
     events_.identified();
   });
 }
 
-void Station::attach(UniqueFd socket) {
+void Station::attach(zell::UniqueFd socket) {
   users_.push_back(nullptr);
   std::unique_ptr<Attachment>& place = users_.back();
   place = std::make_unique<Attachment>(
@@ -103,13 +103,13 @@ void Station::refuse() {
   users_.clear();
 }
 
-SlaveLink::Counters Station::counters() const {
-  return slave_ ? slave_->counters() : SlaveLink::Counters();
+runel::SlaveLink::Counters Station::counters() const {
+  return slave_ ? slave_->counters() : runel::SlaveLink::Counters();
 }
 
-Json Station::describe(const Roll::Entry& known) const {
-  const SlaveLink::Counters now = counters();
-  const auto age = std::chrono::duration<double>(Clock::now() - start_);
+Json Station::describe(const runel::DeviceHistory::Entry& known) const {
+  const runel::SlaveLink::Counters now = counters();
+  const auto age = std::chrono::duration<double>(runel::Clock::now() - start_);
   Json object{{"v", 1},
               {"device", name()},
               {"task", "devices"},
@@ -133,4 +133,4 @@ Json Station::describe(const Roll::Entry& known) const {
   return object;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // One connection of a device at the master, in any role, with its users.
-#ifndef ZELL_RUNELCTL_CONTROL_STATION_H_
-#define ZELL_RUNELCTL_CONTROL_STATION_H_
+#ifndef RUNELCTL_CONTROL_STATION_H_
+#define RUNELCTL_CONTROL_STATION_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -11,14 +11,14 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/core/loop.h"
-#include "client/master/further_link.h"
-#include "client/master/roll.h"
+#include "client/io/loop.h"
+#include "client/master/bridge_reader.h"
+#include "client/master/device_history.h"
 #include "client/master/slave_link.h"
 #include "control/attachment.h"
 #include "control/journal.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 class Station {
  public:
@@ -31,19 +31,19 @@ class Station {
     std::function<void(const std::string& why)> lost;
   };
 
-  Station(Loop& loop, Label label, Milliseconds timeout, Events events);
+  Station(runel::Loop& loop, Label label, runel::Milliseconds timeout, Events events);
   Station(const Station&) = delete;
   Station& operator=(const Station&) = delete;
 
   /// Uses @p socket as the slave connection and requests the identity of the device.
-  void beSlave(UniqueFd socket);
+  void useAsSlave(zell::UniqueFd socket);
   /// Only reads from @p socket. @p hostid is the identity of its device, if known.
-  void beFurther(UniqueFd socket, const std::string& hostid);
+  void useAsBridge(zell::UniqueFd socket, const std::string& hostid);
   /// Makes a silent additional connection the slave connection.
   void promote();
 
   /// Connects the process on @p socket to the device.
-  void attach(UniqueFd socket);
+  void attach(zell::UniqueFd socket);
   /// Checks whether the device is alive.
   void check();
   /// Disconnects all users and accepts no new ones.
@@ -63,11 +63,11 @@ class Station {
   /// The wall clock time of the connect, in milliseconds.
   [[nodiscard]] std::int64_t since() const { return since_; }
   /// The counters of a slave connection; all 0 for other roles.
-  [[nodiscard]] SlaveLink::Counters counters() const;
+  [[nodiscard]] runel::SlaveLink::Counters counters() const;
   /// The object of `runelctl devices` for a slave connection. @p known has the statistics of
   /// earlier connections.
-  [[nodiscard]] Json describe(const Roll::Entry& known) const;
-  [[nodiscard]] const FurtherLink* further() const { return further_.get(); }
+  [[nodiscard]] Json describe(const runel::DeviceHistory::Entry& known) const;
+  [[nodiscard]] const runel::BridgeReader* further() const { return further_.get(); }
 
  private:
   void identify();
@@ -75,20 +75,20 @@ class Station {
   void adjust();
   void userGone(Attachment* user);
 
-  Loop& loop_;
+  runel::Loop& loop_;
   Label label_;
-  const Milliseconds timeout_;
+  const runel::Milliseconds timeout_;
   Events events_;
   const std::int64_t since_ = wallClock();
-  const Clock::time_point start_ = Clock::now();
+  const runel::Clock::time_point start_ = runel::Clock::now();
   std::string deviceType_;
   bool identified_ = false;
   bool refused_ = false;
-  std::unique_ptr<FurtherLink> further_;
-  std::unique_ptr<SlaveLink> slave_;
+  std::unique_ptr<runel::BridgeReader> further_;
+  std::unique_ptr<runel::SlaveLink> slave_;
   std::list<std::unique_ptr<Attachment>> users_;  // they use slave_
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CONTROL_STATION_H_
+#endif  // RUNELCTL_CONTROL_STATION_H_

@@ -11,17 +11,17 @@
 
 #include "fleet/waves.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // The pause before a retry, multiplied by the number of attempts so far.
-constexpr Milliseconds kRetryPause{500};
+constexpr runel::Milliseconds kRetryPause{500};
 // Timeout for removing the files of an unfinished job. The device may be unreachable or busy.
-constexpr Milliseconds kCleanUpTime{3000};
+constexpr runel::Milliseconds kCleanUpTime{3000};
 // The device may still execute requests of the lost connection and create a removed file again. So
 // the removal is repeated until the file is missing: at least kLeastLooks times, at most kMostLooks
 // times.
-constexpr Milliseconds kLookAgain{250};
+constexpr runel::Milliseconds kLookAgain{250};
 constexpr int kLeastLooks = 2;
 constexpr int kMostLooks = 12;
 // Bytes of a frame in the human-readable output of a dry run.
@@ -31,24 +31,24 @@ constexpr std::size_t kMostPayloadShown = 400;
 
 // One device of the run.
 struct Fleet::Member {
-  Target target;
-  std::unique_ptr<Device> own;
-  Device* device = nullptr;
+  runel::Target target;
+  std::unique_ptr<runel::Device> own;
+  runel::Device* device = nullptr;
   std::optional<Report> report;
   std::unique_ptr<Job> job;
   std::optional<Outcome> outcome;
-  std::unique_ptr<Device> cleaner;
-  Loop::Timer deadline;
-  Loop::Timer pause;
+  std::unique_ptr<runel::Device> cleaner;
+  runel::Loop::Timer deadline;
+  runel::Loop::Timer pause;
   int attempts = 0;
   int looks = 0;  // attempts to remove a file of an unfinished job
   bool succeeded = false;
 };
 
-Fleet::Fleet(Loop& loop, const Settings& settings, Command& command, Printer& printer,
+Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Printer& printer,
              const Style& style)
     : loop_(loop), settings_(settings), command_(command), printer_(printer), style_(style) {
-  for (const Target& target : settings.targets) {
+  for (const runel::Target& target : settings.targets) {
     members_.push_back(std::make_unique<Member>());
     members_.back()->target = target;
   }
@@ -77,7 +77,7 @@ bool Fleet::stopEarly() const {
 int Fleet::run() {
   startSome();
   while (running_ > 0 || (next_ < waveEnd_ && !stopEarly())) {
-    loop_.turn(Milliseconds(1000));
+    loop_.turn(runel::Milliseconds(1000));
     showProgress(false);
   }
   printer_.statusLine().clear();
@@ -113,11 +113,11 @@ void Fleet::start(Member& member) {
     };
   }
   if (lent_ == nullptr) {
-    member.own = std::make_unique<Device>(loop_, member.target, settings_.limits());
+    member.own = std::make_unique<runel::Device>(loop_, member.target, settings_.limits());
   }
   member.device = lent_ != nullptr ? lent_ : member.own.get();
   if (settings_.dryRun) {
-    member.device->setDryRun([this, &member](const Target&, const std::string& payload) {
+    member.device->setDryRun([this, &member](const runel::Target&, const std::string& payload) {
       showUnsent(member, payload);
     });
   }
@@ -156,9 +156,10 @@ void Fleet::showSentLater(Member& member) const {
 
 void Fleet::arm(Member& member) {
   if (settings_.deadline > 0) {
-    const auto limit = static_cast<Milliseconds::rep>(std::lround(settings_.deadline * 1000));
-    member.deadline = loop_.after(Milliseconds(limit), [this, &member] {
-      const Error error{Fault::timedOut, "deadline exceeded", "", ETIMEDOUT};
+    const auto limit =
+        static_cast<runel::Milliseconds::rep>(std::lround(settings_.deadline * 1000));
+    member.deadline = loop_.after(runel::Milliseconds(limit), [this, &member] {
+      const runel::Error error{runel::Fault::timedOut, "deadline exceeded", "", ETIMEDOUT};
       done(member, {exitStatusOf(error), error});
     });
   }
@@ -195,7 +196,7 @@ bool Fleet::again(Member& member) {
 
 void Fleet::settle(Member& member) {
   const bool bad = member.outcome->status != 0 && member.job;
-  const std::optional<Request> rest = bad ? member.job->cleanUp() : std::nullopt;
+  const std::optional<runel::Request> rest = bad ? member.job->cleanUp() : std::nullopt;
   drop(member);
   if (again(member)) {
     return;
@@ -209,20 +210,20 @@ void Fleet::settle(Member& member) {
 
 // Uses a separate connection: the requests that are queued on the old one must not delay the
 // cleanup.
-void Fleet::cleanUp(Member& member, const Request& request) {
-  const Limits limits{kCleanUpTime, kCleanUpTime, settings_.masterSocket};
-  Request quick = request;
-  quick.extraTimeout = Milliseconds(0);
-  member.cleaner = std::make_unique<Device>(loop_, member.target, limits);
+void Fleet::cleanUp(Member& member, const runel::Request& request) {
+  const runel::Limits limits{kCleanUpTime, kCleanUpTime, settings_.masterSocket};
+  runel::Request quick = request;
+  quick.extraTimeout = runel::Milliseconds(0);
+  member.cleaner = std::make_unique<runel::Device>(loop_, member.target, limits);
   member.looks = 0;
   removeLeftover(member, quick);
 }
 
-void Fleet::removeLeftover(Member& member, const Request& request) {
+void Fleet::removeLeftover(Member& member, const runel::Request& request) {
   if (!member.cleaner) {
     return;
   }
-  member.cleaner->ask(request, [this, &member, request](const Reply& reply) {
+  member.cleaner->ask(request, [this, &member, request](const runel::Reply& reply) {
     ++member.looks;
     const bool comesBack = !reply.broken && request.args.front() == "unlink";
     if (comesBack && member.looks < (reply.ok() ? kMostLooks : kLeastLooks)) {
@@ -268,7 +269,7 @@ void Fleet::endWave() {
 
 void Fleet::cancel(int status) {
   cancelled_ = status;
-  const Error error{Fault::cancelled, "interrupted", "", 0};
+  const runel::Error error{runel::Fault::cancelled, "interrupted", "", 0};
   for (const auto& member : members_) {
     if (member->cleaner) {
       // The second signal: do not wait for the cleanup.
@@ -294,8 +295,8 @@ void Fleet::showProgress(bool now) {
                              now);
 }
 
-std::vector<Target> Fleet::unfinished() const {
-  std::vector<Target> targets;
+std::vector<runel::Target> Fleet::unfinished() const {
+  std::vector<runel::Target> targets;
   for (const auto& member : members_) {
     if (!member->succeeded) {
       targets.push_back(member->target);
@@ -304,4 +305,4 @@ std::vector<Target> Fleet::unfinished() const {
   return targets;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,30 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs one command on many devices in parallel, in one loop.
-#ifndef ZELL_RUNELCTL_FLEET_FLEET_H_
-#define ZELL_RUNELCTL_FLEET_FLEET_H_
+#ifndef RUNELCTL_FLEET_FLEET_H_
+#define RUNELCTL_FLEET_FLEET_H_
 
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "client/core/device.h"
-#include "client/core/loop.h"
+#include "client/io/device.h"
+#include "client/io/loop.h"
 #include "commands/command.h"
 #include "fleet/printer.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 class Fleet {
  public:
-  Fleet(Loop& loop, const Settings& settings, Command& command, Printer& printer,
+  Fleet(runel::Loop& loop, const Settings& settings, Command& command, Printer& printer,
         const Style& style);
   ~Fleet();
   Fleet(const Fleet&) = delete;
   Fleet& operator=(const Fleet&) = delete;
 
   /// Uses @p device and its connection, if any, for its target.
-  void lend(Device& device) { lent_ = &device; }
+  void lend(runel::Device& device) { lent_ = &device; }
   /// Runs the command on all devices and returns the highest exit status.
   [[nodiscard]] int run();
   /// Cancels the running devices, skips the others and makes `run` return @p status.
@@ -32,7 +32,7 @@ class Fleet {
 
   [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
   /// The targets that did not succeed, in their order.
-  [[nodiscard]] std::vector<Target> unfinished() const;
+  [[nodiscard]] std::vector<runel::Target> unfinished() const;
 
  private:
   struct Member;
@@ -46,20 +46,20 @@ class Fleet {
   void settle(Member& member);
   bool again(Member& member);
   void drop(Member& member);
-  void cleanUp(Member& member, const Request& request);
-  void removeLeftover(Member& member, const Request& request);
+  void cleanUp(Member& member, const runel::Request& request);
+  void removeLeftover(Member& member, const runel::Request& request);
   void conclude(Member& member);
   void endWave();
   void showProgress(bool now);
   [[nodiscard]] std::size_t parallel() const;
   [[nodiscard]] bool stopEarly() const;
 
-  Loop& loop_;
+  runel::Loop& loop_;
   const Settings& settings_;
   Command& command_;
   Printer& printer_;
   const Style& style_;
-  Device* lent_ = nullptr;
+  runel::Device* lent_ = nullptr;
   std::vector<std::unique_ptr<Member>> members_;
   std::vector<std::size_t> waves_;
   std::size_t waveEnd_ = 0;  // only members before this index may start
@@ -72,6 +72,6 @@ class Fleet {
   ProgressBar bar_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_FLEET_FLEET_H_
+#endif  // RUNELCTL_FLEET_FLEET_H_

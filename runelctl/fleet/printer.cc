@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 Json opening(const std::string& device, const std::string& task) {
@@ -43,9 +43,9 @@ Tally count(const std::vector<Finished>& ends) {
     const auto& error = end.outcome.error;
     if (end.outcome.status == 0) {
       ++tally.ok;
-    } else if (error && error->fault == Fault::timedOut) {
+    } else if (error && error->fault == runel::Fault::timedOut) {
       ++tally.timedOut;
-    } else if (error && error->fault == Fault::unreachable) {
+    } else if (error && error->fault == runel::Fault::unreachable) {
       ++tally.unreachable;
     } else {
       ++tally.failed;
@@ -80,8 +80,8 @@ void Printer::out(std::string_view bytes) {
   statusLine_.clear();
   if (!writeAll(STDOUT_FILENO, bytes)) {
     // Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
-    err("runelctl: standard output: " + systemText(errno));
-    _exit(kExitTaskFailed);
+    err("runelctl: standard output: " + runel::systemText(errno));
+    _exit(runel::kExitTaskFailed);
   }
 }
 
@@ -182,7 +182,7 @@ void Printer::printWarning(const std::string& device, const std::string& text) {
   err("runelctl: " + terminalSafe(device) + ": " + terminalSafe(text));
 }
 
-void Printer::printError(const std::string& device, const Error& error) {
+void Printer::printError(const std::string& device, const runel::Error& error) {
   const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";
   err("runelctl: " + terminalSafe(device) + ": " + style_.red(terminalSafe(error.what)) + hint);
 }
@@ -219,4 +219,4 @@ void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Writes the results of the devices to standard output and standard error.
-#ifndef ZELL_RUNELCTL_FLEET_PRINTER_H_
-#define ZELL_RUNELCTL_FLEET_PRINTER_H_
+#ifndef RUNELCTL_FLEET_PRINTER_H_
+#define RUNELCTL_FLEET_PRINTER_H_
 
 #include <string>
 #include <vector>
@@ -11,7 +11,7 @@
 #include "output/report.h"
 #include "output/status_line.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The outcome of one device.
 struct Finished {
@@ -50,7 +50,7 @@ class Printer {
   void printPrefixed(const std::string& device, const std::string& text);
   void hold(const std::string& device, const std::string& text);
   void show(const Group& group);
-  void printError(const std::string& device, const Error& error);
+  void printError(const std::string& device, const runel::Error& error);
   void printWarning(const std::string& device, const std::string& text);
   void out(std::string_view bytes);
   void err(const std::string& line);
@@ -67,6 +67,6 @@ class Printer {
 [[nodiscard]] Json closingObject(const std::string& device, const std::string& task,
                                  const Outcome& outcome, const Report& report);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_FLEET_PRINTER_H_
+#endif  // RUNELCTL_FLEET_PRINTER_H_

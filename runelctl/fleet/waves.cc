@@ -6,7 +6,7 @@
 #include <sstream>
 #include <system_error>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kHundred = 100;
@@ -51,4 +51,4 @@ bool parseWaves(const std::string& text, std::size_t devices, std::vector<std::s
   return true;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Parses the sizes of waves: "1,10%,rest".
-#ifndef ZELL_RUNELCTL_FLEET_WAVES_H_
-#define ZELL_RUNELCTL_FLEET_WAVES_H_
+#ifndef RUNELCTL_FLEET_WAVES_H_
+#define RUNELCTL_FLEET_WAVES_H_
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Parses @p text, for a total of @p devices, into @p sizes. The sum of @p sizes is @p devices: the
 /// remaining devices are an additional wave. A wave has at least one device. Returns false for
@@ -15,6 +15,6 @@ namespace zell::ctl {
 [[nodiscard]] bool parseWaves(const std::string& text, std::size_t devices,
                               std::vector<std::size_t>& sizes);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_FLEET_WAVES_H_
+#endif  // RUNELCTL_FLEET_WAVES_H_

@@ -7,7 +7,7 @@
 
 #include "client/core/request.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 void Report::bytes(std::string_view bytes) {
   if (style_.json) {
@@ -26,7 +26,7 @@ void Report::entry(Json object) {
   }
 }
 
-void putError(Json& object, const Error& error) {
+void putError(Json& object, const runel::Error& error) {
   object["where"] = error.where();
   object["retry"] = error.retry();
   putBytes(object, "error", error.what);
@@ -39,7 +39,7 @@ void putError(Json& object, const Error& error) {
 }
 
 // Write errors are ignored: the exit status reports the failure too.
-void tellFailure(const std::string& task, const Error& error, const Style& style) {
+void tellFailure(const std::string& task, const runel::Error& error, const Style& style) {
   if (style.json) {
     Json object{
         {"v", kJsonVersion}, {"task", task}, {"ok", false}, {"status", exitStatusOf(error)}};
@@ -51,4 +51,4 @@ void tellFailure(const std::string& task, const Error& error, const Style& style
   (void)writeAll(STDERR_FILENO, "runelctl: " + style.red(terminalSafe(error.what)) + hint + "\n");
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The output of one device in one run of a command.
-#ifndef ZELL_RUNELCTL_OUTPUT_REPORT_H_
-#define ZELL_RUNELCTL_OUTPUT_REPORT_H_
+#ifndef RUNELCTL_OUTPUT_REPORT_H_
+#define RUNELCTL_OUTPUT_REPORT_H_
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +15,7 @@
 #include "output/style.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The value of "v" in each object. It increases with an incompatible change of the objects.
 constexpr int kJsonVersion = 1;
@@ -72,12 +72,12 @@ class Report {
 };
 
 /// Adds the fields of @p error to @p object.
-void putError(Json& object, const Error& error);
+void putError(Json& object, const runel::Error& error);
 
 /// Reports a failure that does not belong to a device: one line on standard error, or a JSON object
 /// on standard output.
-void tellFailure(const std::string& task, const Error& error, const Style& style);
+void tellFailure(const std::string& task, const runel::Error& error, const Style& style);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_OUTPUT_REPORT_H_
+#endif  // RUNELCTL_OUTPUT_REPORT_H_

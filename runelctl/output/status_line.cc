@@ -6,7 +6,7 @@
 
 #include <unistd.h>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::chrono::milliseconds kLeastPause{100};
@@ -76,4 +76,4 @@ std::string ProgressBar::text(const Progress& progress, std::size_t columns) {
   return line;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The status line at the bottom of the terminal.
-#ifndef ZELL_RUNELCTL_OUTPUT_STATUS_LINE_H_
-#define ZELL_RUNELCTL_OUTPUT_STATUS_LINE_H_
+#ifndef RUNELCTL_OUTPUT_STATUS_LINE_H_
+#define RUNELCTL_OUTPUT_STATUS_LINE_H_
 
 #include <chrono>
 #include <string>
@@ -9,7 +9,7 @@
 #include "output/report.h"
 #include "output/style.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Enabled only if standard error is a terminal, without --quiet and --json.
 class StatusLine {
@@ -45,6 +45,6 @@ class ProgressBar {
   bool begun_ = false;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_OUTPUT_STATUS_LINE_H_
+#endif  // RUNELCTL_OUTPUT_STATUS_LINE_H_

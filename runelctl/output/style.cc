@@ -10,7 +10,7 @@
 
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 std::string Style::name(std::string_view bytes) const {
   return outTerminal ? terminalSafe(bytes) : std::string(bytes);
@@ -56,4 +56,4 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

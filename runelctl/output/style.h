@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The output style: text or JSON, colors, terminals.
-#ifndef ZELL_RUNELCTL_OUTPUT_STYLE_H_
-#define ZELL_RUNELCTL_OUTPUT_STYLE_H_
+#ifndef RUNELCTL_OUTPUT_STYLE_H_
+#define RUNELCTL_OUTPUT_STYLE_H_
 
 #include <string>
 #include <string_view>
 
-namespace zell::ctl {
+namespace runelctl {
 
 struct Style {
   bool json = false;
@@ -30,6 +30,6 @@ struct Style {
 /// Writes all of @p bytes to @p fd. Returns false with errno on failure.
 bool writeAll(int fd, std::string_view bytes);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_OUTPUT_STYLE_H_
+#endif  // RUNELCTL_OUTPUT_STYLE_H_

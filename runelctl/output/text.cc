@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kDumpWidth = 16;
@@ -179,4 +179,4 @@ std::string hexDump(std::string_view bytes) {
   return text;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

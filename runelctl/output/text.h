@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Converts bytes from a device for a terminal or for JSON.
-#ifndef ZELL_RUNELCTL_OUTPUT_TEXT_H_
-#define ZELL_RUNELCTL_OUTPUT_TEXT_H_
+#ifndef RUNELCTL_OUTPUT_TEXT_H_
+#define RUNELCTL_OUTPUT_TEXT_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 
 using Json = nlohmann::ordered_json;
 
@@ -37,6 +37,6 @@ void putBytes(Json& object, const std::string& key, std::string_view bytes);
 /// A hex dump with the columns offset, hex and characters.
 [[nodiscard]] std::string hexDump(std::string_view bytes);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_OUTPUT_TEXT_H_
+#endif  // RUNELCTL_OUTPUT_TEXT_H_

@@ -6,7 +6,7 @@
 
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 void addMatching(std::vector<std::string>& matches, const std::vector<std::string>& words,
@@ -157,4 +157,4 @@ std::string sharedBeginning(const std::vector<std::string>& words) {
   return first.substr(0, length - slashes % 2);
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Completion of the current word in the shell.
-#ifndef ZELL_RUNELCTL_SHELL_COMPLETER_H_
-#define ZELL_RUNELCTL_SHELL_COMPLETER_H_
+#ifndef RUNELCTL_SHELL_COMPLETER_H_
+#define RUNELCTL_SHELL_COMPLETER_H_
 
 #include <cstddef>
 #include <functional>
@@ -11,7 +11,7 @@
 #include "cli/tables.h"
 #include "shell/words.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// A name in a remote or local directory.
 struct DirectoryEntry {
@@ -55,6 +55,6 @@ class Completer {
 /// The longest common prefix of @p words, in complete characters.
 [[nodiscard]] std::string sharedBeginning(const std::vector<std::string>& words);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_SHELL_COMPLETER_H_
+#endif  // RUNELCTL_SHELL_COMPLETER_H_

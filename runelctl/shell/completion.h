@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // Generates the completion scripts of bash, zsh and fish.
-#ifndef ZELL_RUNELCTL_SHELL_COMPLETION_H_
-#define ZELL_RUNELCTL_SHELL_COMPLETION_H_
+#ifndef RUNELCTL_SHELL_COMPLETION_H_
+#define RUNELCTL_SHELL_COMPLETION_H_
 
 #include <string>
 
 #include "cli/tables.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 [[nodiscard]] std::string bashCompletion(const Tables& tables);
 [[nodiscard]] std::string zshCompletion(const Tables& tables);
 [[nodiscard]] std::string fishCompletion(const Tables& tables);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_SHELL_COMPLETION_H_
+#endif  // RUNELCTL_SHELL_COMPLETION_H_

@@ -5,7 +5,7 @@
 
 #include "shell/completion.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 std::string joined(const std::vector<std::string>& words, const std::string& between) {
@@ -146,4 +146,4 @@ std::string bashCompletion(const Tables& tables) {
          "complete -F _runelctl runelctl\n";
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -12,7 +12,7 @@
 #include "client/core/request.h"
 #include "shell/completion.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 class CompletionCommand : public LocalCommand {
@@ -33,7 +33,7 @@ class CompletionCommand : public LocalCommand {
     const std::string script = shell_ == "bash"  ? bashCompletion(tables)
                                : shell_ == "zsh" ? zshCompletion(tables)
                                                  : fishCompletion(tables);
-    return writeAll(STDOUT_FILENO, script) ? 0 : kExitTaskFailed;
+    return writeAll(STDOUT_FILENO, script) ? 0 : runel::kExitTaskFailed;
   }
 
  private:
@@ -46,4 +46,4 @@ void addCompletionCommand(LocalCommands& commands) {
   commands.push_back(std::make_unique<CompletionCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

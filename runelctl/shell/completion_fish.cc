@@ -5,7 +5,7 @@
 
 #include "shell/completion.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 std::string inQuotes(const std::string& text) {
@@ -84,4 +84,4 @@ std::string fishCompletion(const Tables& tables) {
          options("complete -c runelctl", tables.options) + each;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

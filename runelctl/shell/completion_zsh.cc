@@ -6,7 +6,7 @@
 
 #include "shell/completion.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Escapes @p text for single quotes, with a backslash before each byte of @p special.
@@ -112,4 +112,4 @@ std::string zshCompletion(const Tables& tables) {
          "fi\n";
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -16,7 +16,7 @@
 #include "output/style.h"
 #include "output/text.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr int kHistorySize = 1000;
@@ -175,4 +175,4 @@ void LineEditor::show(const std::vector<std::string>& words) const {
   (void)writeAll(STDOUT_FILENO, text + "\n");
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads lines from a terminal, with editing, history and completion.
-#ifndef ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
-#define ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
+#ifndef RUNELCTL_SHELL_LINE_EDITOR_H_
+#define RUNELCTL_SHELL_LINE_EDITOR_H_
 
 #include <functional>
 #include <string>
@@ -12,7 +12,7 @@
 
 #include "shell/completer.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 class LineEditor {
  public:
@@ -46,6 +46,6 @@ class LineEditor {
   struct sigaction before_ {};
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_SHELL_LINE_EDITOR_H_
+#endif  // RUNELCTL_SHELL_LINE_EDITOR_H_

@@ -18,16 +18,16 @@
 #include "output/text.h"
 #include "shell/line_editor.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 // Timeout for the requests of a completion.
-constexpr Milliseconds kListTime{3000};
+constexpr runel::Milliseconds kListTime{3000};
 constexpr std::size_t kMostMarked = 500;
 
 const char* const kOwn[] = {"cd", "exit", "help", "lcd", "pwd", "quit"};
 
-std::string spelled(const Target& target) {
+std::string spelled(const runel::Target& target) {
   return target.behindMaster() ? "@" + target.through
                                : target.host + ":" + std::to_string(target.port);
 }
@@ -93,14 +93,14 @@ std::vector<DirectoryEntry> listLocal(const std::string& directory) {
 Shell::Shell(const Settings& settings, const Style& style)
     : settings_(settings), style_(style), session_{loop_, nullptr, {}, "/"}, before_("/") {
   session_.before = commonOptions(settings);
-  for (const Target& target : settings.targets) {
+  for (const runel::Target& target : settings.targets) {
     where_.insert(where_.end(), {"-d", spelled(target)});
   }
   if (settings.targets.size() == 1) {
     // Named as in the command lines, so that they find the open connection.
-    std::vector<Target> same;
+    std::vector<runel::Target> same;
     std::string why;
-    if (parseTargetList(where_[1], same, why)) {
+    if (runel::parseTargetList(where_[1], same, why)) {
       device_.emplace(loop_, same.front(), settings.limits());
       session_.device = &*device_;
     }
@@ -146,7 +146,7 @@ void Shell::runLine(const std::string& text) {
   const Line line = cutLine(text);
   if (line.open) {
     complain("unterminated quote or escape");
-    status_ = kExitUsage;
+    status_ = runel::kExitUsage;
   } else if (!line.words.empty() && !runOwn(line.words)) {
     status_ = runCommand(line.words);
   }
@@ -159,7 +159,9 @@ bool Shell::runOwn(const std::vector<std::string>& words) {
   } else if (name == "lcd") {
     status_ = changeLocalDirectory(words);
   } else if (name == "pwd") {
-    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
+    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n")
+                  ? 0
+                  : runel::kExitTaskFailed;
   } else if (name == "exit" || name == "quit") {
     status_ = leave(words);
   } else if (name == "help") {
@@ -181,19 +183,20 @@ int Shell::leave(const std::vector<std::string>& words) {
 // With several devices the directory is not checked: it may be missing on some of them.
 int Shell::changeDirectory(const std::vector<std::string>& words) {
   std::string wanted = words.size() > 1 ? words[1] : "/";
-  wanted = wanted == "-" ? before_ : joinPath(session_.directory, wanted);
+  wanted = wanted == "-" ? before_ : runel::joinPath(session_.directory, wanted);
   if (words.size() > 2) {
     complain("cd: too many arguments");
-    return kExitUsage;
+    return runel::kExitUsage;
   }
   if (device_ && !settings_.dryRun) {
-    const Reply real = ask(request({"realpath", wanted}), settings_.limits().silence);
-    const Reply about =
-        real.ok() ? ask(request({"stat", real.output}), settings_.limits().silence) : real;
-    const std::optional<StatRecord> st = about.ok() ? parseStat(about.output) : std::nullopt;
+    const runel::Reply real = ask(runel::request({"realpath", wanted}), settings_.limits().silence);
+    const runel::Reply about =
+        real.ok() ? ask(runel::request({"stat", real.output}), settings_.limits().silence) : real;
+    const std::optional<runel::StatRecord> st =
+        about.ok() ? runel::parseStat(about.output) : std::nullopt;
     if (!about.ok() || !st || !st->isDirectory()) {
-      complain(about.ok() ? wanted + ": " + systemText(ENOTDIR) : about.error(wanted).what);
-      return about.broken ? about.exitStatus() : kExitTaskFailed;
+      complain(about.ok() ? wanted + ": " + runel::systemText(ENOTDIR) : about.error(wanted).what);
+      return about.broken ? about.exitStatus() : runel::kExitTaskFailed;
     }
     wanted = real.output;
   }
@@ -205,8 +208,8 @@ int Shell::changeLocalDirectory(const std::vector<std::string>& words) {
   const char* home = std::getenv("HOME");
   const std::string wanted = words.size() > 1 ? words[1] : (home != nullptr ? home : "/");
   if (chdir(wanted.c_str()) != 0) {
-    complain(localError(wanted, errno).what);
-    return kExitTaskFailed;
+    complain(runel::localError(wanted, errno).what);
+    return runel::kExitTaskFailed;
   }
   return 0;
 }
@@ -214,22 +217,22 @@ int Shell::changeLocalDirectory(const std::vector<std::string>& words) {
 int Shell::runCommand(const std::vector<std::string>& words) {
   if (words.front() == "shell") {
     complain("shell: already running");
-    return kExitUsage;
+    return runel::kExitUsage;
   }
-  loop_.turn(Milliseconds(0));  // detect a closed connection
+  loop_.turn(runel::Milliseconds(0));  // detect a closed connection
   std::vector<std::string> whole = namesDevice(words) ? std::vector<std::string>() : where_;
   whole.insert(whole.end(), words.begin(), words.end());
   return runCommandLine(session_, whole);
 }
 
-Reply Shell::ask(const Request& request, Milliseconds limit) {
-  std::optional<Reply> reply;
+runel::Reply Shell::ask(const runel::Request& request, runel::Milliseconds limit) {
+  std::optional<runel::Reply> reply;
   bool stop = false;
-  loop_.turn(Milliseconds(0));  // detect a closed connection
-  device_->ask(request, [&](Reply answer) { reply = std::move(answer); });
+  loop_.turn(runel::Milliseconds(0));  // detect a closed connection
+  device_->ask(request, [&](runel::Reply answer) { reply = std::move(answer); });
   {
     const Signals signals(loop_, [&](int) { stop = true; });
-    Loop::Timer timer = loop_.after(limit, [&] { stop = true; });
+    runel::Loop::Timer timer = loop_.after(limit, [&] { stop = true; });
     while (!reply && !stop) {
       loop_.turn(limit);
     }
@@ -238,7 +241,8 @@ Reply Shell::ask(const Request& request, Milliseconds limit) {
   if (!reply) {
     device_->abandon();  // its answer would arrive after the handler is gone
     reply.emplace();
-    reply->broken = Error{Fault::cancelled, "interrupted, or no answer in time", "", 0};
+    reply->broken =
+        runel::Error{runel::Fault::cancelled, "interrupted, or no answer in time", "", 0};
   }
   return std::move(*reply);
 }
@@ -248,9 +252,9 @@ std::vector<DirectoryEntry> Shell::list(const std::string& directory) {
   if (!device_ || settings_.dryRun) {
     return entries;
   }
-  const std::string path = joinPath(session_.directory, directory);
-  const Reply reply = ask(request({"readdir", path}), kListTime);
-  const auto names = reply.ok() ? parseNames(reply.output) : std::nullopt;
+  const std::string path = runel::joinPath(session_.directory, directory);
+  const runel::Reply reply = ask(runel::request({"readdir", path}), kListTime);
+  const auto names = reply.ok() ? runel::parseNames(reply.output) : std::nullopt;
   if (names) {
     for (const std::string& name : *names) {
       entries.push_back({name, false});
@@ -267,14 +271,16 @@ void Shell::markDirectories(const std::string& directory, std::vector<DirectoryE
   }
   for (std::size_t i = 0; i + 1 < entries.size(); ++i) {
     DirectoryEntry* entry = &entries[i];
-    device_->ask(request({"stat", joinPath(directory, entry->name)}), [entry](const Reply& reply) {
-      const auto st = reply.ok() ? parseStat(reply.output) : std::nullopt;
-      entry->directory = st && st->isDirectory();
-    });
+    device_->ask(runel::request({"stat", runel::joinPath(directory, entry->name)}),
+                 [entry](const runel::Reply& reply) {
+                   const auto st = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+                   entry->directory = st && st->isDirectory();
+                 });
   }
   // Answers arrive in order: after the last one, all have arrived.
-  const Reply last = ask(request({"stat", joinPath(directory, entries.back().name)}), kListTime);
-  const auto st = last.ok() ? parseStat(last.output) : std::nullopt;
+  const runel::Reply last =
+      ask(runel::request({"stat", runel::joinPath(directory, entries.back().name)}), kListTime);
+  const auto st = last.ok() ? runel::parseStat(last.output) : std::nullopt;
   entries.back().directory = st && st->isDirectory();
 }
 
@@ -285,4 +291,4 @@ std::string Shell::prompt() const {
   return terminalSafe(who) + ":" + terminalSafe(session_.directory) + "> ";
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shell: runs one command after the other, over the same connection.
-#ifndef ZELL_RUNELCTL_SHELL_SHELL_H_
-#define ZELL_RUNELCTL_SHELL_SHELL_H_
+#ifndef RUNELCTL_SHELL_SHELL_H_
+#define RUNELCTL_SHELL_SHELL_H_
 
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/run.h"
-#include "client/core/device.h"
-#include "client/core/loop.h"
+#include "client/io/device.h"
+#include "client/io/loop.h"
 #include "commands/settings.h"
 #include "output/style.h"
 #include "shell/completer.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 class Shell {
  public:
@@ -34,15 +34,15 @@ class Shell {
   [[nodiscard]] int changeLocalDirectory(const std::vector<std::string>& words);
   [[nodiscard]] int leave(const std::vector<std::string>& words);
   [[nodiscard]] int runCommand(const std::vector<std::string>& words);
-  [[nodiscard]] Reply ask(const Request& request, Milliseconds limit);
+  [[nodiscard]] runel::Reply ask(const runel::Request& request, runel::Milliseconds limit);
   [[nodiscard]] std::vector<DirectoryEntry> list(const std::string& directory);
   void markDirectories(const std::string& directory, std::vector<DirectoryEntry>& entries);
   [[nodiscard]] std::string prompt() const;
 
   const Settings& settings_;
   const Style& style_;
-  Loop loop_;
-  std::optional<Device> device_;  // set for a single device
+  runel::Loop loop_;
+  std::optional<runel::Device> device_;  // set for a single device
   Session session_;
   std::vector<std::string> where_;  // options that select the devices
   std::string before_;              // the previous directory, for "cd -"
@@ -50,6 +50,6 @@ class Shell {
   bool over_ = false;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_SHELL_SHELL_H_
+#endif  // RUNELCTL_SHELL_SHELL_H_

@@ -7,7 +7,7 @@
 #include "cli/local_command.h"
 #include "shell/shell.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 class ShellCommand : public LocalCommand {
@@ -28,4 +28,4 @@ void addShellCommand(LocalCommands& commands) {
   commands.push_back(std::make_unique<ShellCommand>());
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -3,12 +3,10 @@
 
 #include <utility>
 
-namespace zell::ctl {
-namespace {
+#include "base/blank.h"
 
-bool isBlank(char byte) {
-  return byte == ' ' || byte == '\t' || byte == '\r' || byte == '\n';
-}
+namespace runelctl {
+namespace {
 
 // Parses one line byte by byte.
 class Cutter {
@@ -19,7 +17,7 @@ class Cutter {
       escaped_ = false;
     } else if (quote_ != '\0') {
       takeQuoted(byte);
-    } else if (isBlank(byte)) {
+    } else if (zell::isBlank(byte)) {
       finish();
     } else {
       begin(place);
@@ -107,4 +105,4 @@ std::string quoteWord(std::string_view word) {
   return text.empty() ? "''" : text;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Splits a line into words, like a shell.
-#ifndef ZELL_RUNELCTL_SHELL_WORDS_H_
-#define ZELL_RUNELCTL_SHELL_WORDS_H_
+#ifndef RUNELCTL_SHELL_WORDS_H_
+#define RUNELCTL_SHELL_WORDS_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// The words of a line. Blanks separate words, unless they are in '...' or "..." or follow a
 /// backslash. '#' at the start of a word starts a comment. Nothing is expanded.
@@ -24,6 +24,6 @@ struct Line {
 /// Quotes @p word, so that it is parsed as one word.
 [[nodiscard]] std::string quoteWord(std::string_view word);
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_SHELL_WORDS_H_
+#endif  // RUNELCTL_SHELL_WORDS_H_

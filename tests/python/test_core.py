@@ -7,7 +7,7 @@ import unittest
 
 from runel import LocalError, Outcome, TASKS, request
 from runel._clauses import ClauseCutter, check_clause
-from runel._lineup import OUTLIVE, Lineup
+from runel._roles import OUTLIVE, ConnectionRoles
 from runel._protocol import FrameDecoder, ProtocolError, Record
 from runel._protocol import decode_record, encode_frame, encode_record
 from runel._waves import wave_sizes
@@ -271,7 +271,7 @@ class ClauseTest(unittest.TestCase):
 
 class LineupTest(unittest.TestCase):
     def test_the_first_connection_of_an_address_carries_tasks(self):
-        lineup = Lineup()
+        lineup = ConnectionRoles()
         self.assertTrue(lineup.opened(1, "a", 0))
         self.assertFalse(lineup.opened(2, "a", 0))
         self.assertTrue(lineup.opened(3, "b", 0))
@@ -279,7 +279,7 @@ class LineupTest(unittest.TestCase):
         self.assertEqual((lineup.due(1e9), lineup.next_due()), ([], None))
 
     def test_a_connection_that_outlives_the_first_one_carries_tasks(self):
-        lineup = Lineup()
+        lineup = ConnectionRoles()
         for number in (1, 2, 3):
             lineup.opened(number, "a", 0)
         lineup.closed(1, 10)
@@ -289,7 +289,7 @@ class LineupTest(unittest.TestCase):
         self.assertEqual(lineup.due(1e9), [])
 
     def test_a_connection_that_sent_bytes_never_carries_tasks(self):
-        lineup = Lineup(shared=1)
+        lineup = ConnectionRoles(shared=1)
         lineup.opened(1, "a", 0)
         lineup.opened(2, "a", 0)
         lineup.spoke(2)
@@ -297,14 +297,14 @@ class LineupTest(unittest.TestCase):
         self.assertEqual((lineup.due(1e9), lineup.next_due()), ([], None))
 
     def test_several_devices_behind_one_address(self):
-        lineup = Lineup(shared=3)
+        lineup = ConnectionRoles(shared=3)
         lineup.opened(1, "a", 0)
         lineup.opened(2, "a", 1)
         self.assertEqual((lineup.due(3.9), lineup.due(4)), ([], [2]))
         self.assertEqual(lineup.slaves_at("a"), [1, 2])
 
     def test_a_new_connection_replaces_a_lost_one(self):
-        lineup = Lineup()
+        lineup = ConnectionRoles()
         lineup.opened(1, "a", 0)
         lineup.opened(2, "a", 0)
         lineup.closed(1, 5)

@@ -4,7 +4,7 @@ import asyncio
 import unittest.mock
 
 from runel import AgentConnected, AgentLost, Clause, Connected, LinkError, LocalError, Lost, Outcome
-from runel import RunelTimeout, _lineup
+from runel import RunelTimeout, _roles
 from support import ADDRESS, LONG, Daemon, DaemonCase, Dialer, FaceCase, both_faces, wait_until
 
 NOT_SENT = Outcome.NOT_SENT
@@ -161,7 +161,7 @@ class RoleTest(MasterCase):
             self.assertEqual(await self.names(master, 2), ["127.0.0.3", "clone"])
 
     async def test_nothing_is_written_to_further_connections(self):
-        with unittest.mock.patch.object(_lineup, "OUTLIVE", 0.3):
+        with unittest.mock.patch.object(_roles, "OUTLIVE", 0.3):
             async with self.Master(port=0) as master:
                 self.dial(master, hostid=b"gw")
                 await master.wait_for(1, LONG)
@@ -171,7 +171,7 @@ class RoleTest(MasterCase):
                 await self.fails(LinkError, NOT_SENT, master.send_clause("gw", b"<a/>"))
 
     async def test_a_further_connection_that_outlives_the_first_replaces_it(self):
-        with unittest.mock.patch.object(_lineup, "OUTLIVE", 0.3):
+        with unittest.mock.patch.object(_roles, "OUTLIVE", 0.3):
             async with self.Master(port=0) as master:
                 first = self.dial(master, hostid=b"gw")
                 await self.next_of(master, Connected)
@@ -191,7 +191,7 @@ class RoleTest(MasterCase):
             await asyncio.to_thread(wait_until, lambda: b"fileexists" in first.asked, "it is asked")
 
     async def test_a_bridge_that_sent_bytes_never_gets_a_frame(self):
-        with unittest.mock.patch.object(_lineup, "OUTLIVE", 0.2):
+        with unittest.mock.patch.object(_roles, "OUTLIVE", 0.2):
             async with self.Master(port=0) as master:
                 first = self.dial(master, hostid=b"gw")
                 await self.next_of(master, Connected)

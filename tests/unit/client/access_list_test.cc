@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::uint32_t at(std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
@@ -74,4 +74,4 @@ TEST(UsableNameTest, IsShortAndPlain) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runel

@@ -17,11 +17,11 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
-#include "client/core/device.h"
-#include "client/core/loop.h"
 #include "client/core/request.h"
+#include "client/io/device.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 std::string answer(const std::string& output) {
@@ -75,7 +75,7 @@ class Peer {
 
  private:
   void take() {
-    UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    zell::UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     const int fd = connection.get();
     ++accepted;
     connections_[fd] = {std::move(connection), ""};
@@ -94,9 +94,9 @@ class Peer {
   }
 
   Loop& loop_;
-  UniqueFd listener_;
+  zell::UniqueFd listener_;
   std::uint16_t port_ = 0;
-  std::map<int, std::pair<UniqueFd, std::string>> connections_;
+  std::map<int, std::pair<zell::UniqueFd, std::string>> connections_;
 };
 
 std::size_t countOf(const std::string& text, const std::string& part) {
@@ -247,4 +247,4 @@ TEST_F(ClientTest, DryRunDoesNotConnect) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runel

@@ -7,7 +7,7 @@
 
 #include "shell/completer.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 using Words = std::vector<std::string>;
@@ -126,4 +126,4 @@ TEST(SharedBeginningTest, EndsWithACompleteCharacter) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

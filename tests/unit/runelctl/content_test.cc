@@ -16,11 +16,11 @@
 #include "commands/push_job.h"
 #include "support/temp_dir.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 std::string sha256(const std::string& text) {
-  Sha256 hash;
+  runel::Sha256 hash;
   hash.add(text);
   return hash.finish();
 }
@@ -40,7 +40,7 @@ TEST(Sha256Test, IsIndependentOfTheSplittingOfTheInput) {
     text[i] = static_cast<char>(i * 7);
   }
   for (std::size_t cut = 1; cut < 200; ++cut) {
-    Sha256 hash;
+    runel::Sha256 hash;
     for (std::size_t at = 0; at < text.size(); at += cut) {
       hash.add(text.substr(at, cut));
     }
@@ -50,7 +50,7 @@ TEST(Sha256Test, IsIndependentOfTheSplittingOfTheInput) {
 
 // The listing of an archive by the tar of this host.
 std::string listed(const std::string& archive) {
-  const test::TempDir directory;
+  const zell::test::TempDir directory;
   const std::string path = directory.path() + "/a";
   std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
   std::fwrite(archive.data(), 1, archive.size(), file.get());
@@ -86,7 +86,8 @@ TEST(ArchiveTest, ConsistsOfCompleteBlocks) {
 }
 
 TEST(RecordsTest, TreeNamesAreUnescaped) {
-  const auto tree = parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
+  const auto tree =
+      runel::parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
   ASSERT_TRUE(tree);
   EXPECT_EQ((*tree)[0].path, "a\nb");
   EXPECT_EQ((*tree)[0].target, "\\x");
@@ -97,27 +98,27 @@ TEST(RecordsTest, TreeNamesAreUnescaped) {
 TEST(RecordsTest, MalformedTextIsRejected) {
   for (const char* text : {"x", "- 0644 1 2 3 4 \n", "- 0644 1 2 3 4 a", "l 0777 0 0 0 5 a\n",
                            "- 0644 1 2 3 4 a\\q\n", "- 0644 1 2 3 x a\n"}) {
-    EXPECT_FALSE(parseTree(text)) << text;
+    EXPECT_FALSE(runel::parseTree(text)) << text;
   }
   for (const char* text : {"", "StringVec", "StringVec 1\n", "StringVec 1\n5:a\n", "StringVec 0\nx",
                            "StringVec 99999999999999\n"}) {
-    EXPECT_FALSE(parseNames(text)) << text;
+    EXPECT_FALSE(runel::parseNames(text)) << text;
   }
-  EXPECT_FALSE(parseStat("dev=1"));
+  EXPECT_FALSE(runel::parseStat("dev=1"));
 }
 
 TEST(RecordsTest, NamesMayHoldAnyByte) {
-  EXPECT_EQ(parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
+  EXPECT_EQ(runel::parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
 }
 
 TEST(RecordsTest, PathsAreSplitAndJoined) {
-  EXPECT_EQ(baseName("/a/b/"), "b");
-  EXPECT_EQ(baseName("/"), "/");
-  EXPECT_EQ(directoryOf("/a/b"), "/a");
-  EXPECT_EQ(directoryOf("/a"), "/");
-  EXPECT_EQ(directoryOf("a"), ".");
-  EXPECT_EQ(joinPath("/a", "b"), "/a/b");
-  EXPECT_EQ(joinPath("/a", "/b"), "/b");
+  EXPECT_EQ(runel::baseName("/a/b/"), "b");
+  EXPECT_EQ(runel::baseName("/"), "/");
+  EXPECT_EQ(runel::directoryOf("/a/b"), "/a");
+  EXPECT_EQ(runel::directoryOf("/a"), "/");
+  EXPECT_EQ(runel::directoryOf("a"), ".");
+  EXPECT_EQ(runel::joinPath("/a", "b"), "/a/b");
+  EXPECT_EQ(runel::joinPath("/a", "/b"), "/b");
 }
 
 TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
@@ -129,38 +130,38 @@ TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
 }
 
 TEST(ReplyTest, HasTheExitStatusOfAShell) {
-  const auto status = [](SlaveStatus::Type type, WatchProcessState_t state, int result, int error,
-                         int signal) {
-    Reply reply;
+  const auto status = [](zell::SlaveStatus::Type type, zell::WatchProcessState_t state, int result,
+                         int error, int signal) {
+    runel::Reply reply;
     reply.status = {type, state, result, error, signal};
     return reply.exitStatus();
   };
-  using State = WatchProcessState_t;
-  EXPECT_EQ(status(SlaveStatus::success, State::none, 0, 0, 0), 0);
-  EXPECT_EQ(status(SlaveStatus::failure, State::exited, 42, 0, 0), 42);
-  EXPECT_EQ(status(SlaveStatus::failure, State::signalled, -1, 0, 9), 137);
-  EXPECT_EQ(status(SlaveStatus::timeout, State::timedOut, -1, 110, 15), 124);
-  EXPECT_EQ(status(SlaveStatus::failure, State::none, 1, 2, 0), 1);
+  using State = zell::WatchProcessState_t;
+  EXPECT_EQ(status(zell::SlaveStatus::success, State::none, 0, 0, 0), 0);
+  EXPECT_EQ(status(zell::SlaveStatus::failure, State::exited, 42, 0, 0), 42);
+  EXPECT_EQ(status(zell::SlaveStatus::failure, State::signalled, -1, 0, 9), 137);
+  EXPECT_EQ(status(zell::SlaveStatus::timeout, State::timedOut, -1, 110, 15), 124);
+  EXPECT_EQ(status(zell::SlaveStatus::failure, State::none, 1, 2, 0), 1);
 }
 
 TEST(ErrorTest, HasAPlaceAndIsTransientOrNot) {
-  const auto about = [](Fault fault) {
-    const Error error{fault, "", "", 0};
+  const auto about = [](runel::Fault fault) {
+    const runel::Error error{fault, "", "", 0};
     return std::string(error.where()) + (error.retry() ? " yes" : " no");
   };
-  EXPECT_EQ(about(Fault::unreachable), "link yes");
-  EXPECT_EQ(about(Fault::lost), "link yes");
-  EXPECT_EQ(about(Fault::protocol), "link no");
-  EXPECT_EQ(about(Fault::task), "device no");
-  EXPECT_EQ(about(Fault::program), "program no");
-  EXPECT_EQ(about(Fault::local), "local no");
+  EXPECT_EQ(about(runel::Fault::unreachable), "link yes");
+  EXPECT_EQ(about(runel::Fault::lost), "link yes");
+  EXPECT_EQ(about(runel::Fault::protocol), "link no");
+  EXPECT_EQ(about(runel::Fault::task), "device no");
+  EXPECT_EQ(about(runel::Fault::program), "program no");
+  EXPECT_EQ(about(runel::Fault::local), "local no");
 }
 
 TEST(PeerGuessTest, IgnoresFramesAndRecognizesSsh) {
-  EXPECT_EQ(guessPeer("\x01"), "");
-  EXPECT_EQ(guessPeer(" \r\n\x01"), "");
-  EXPECT_EQ(guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");
+  EXPECT_EQ(runel::guessPeer("\x01"), "");
+  EXPECT_EQ(runel::guessPeer(" \r\n\x01"), "");
+  EXPECT_EQ(runel::guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

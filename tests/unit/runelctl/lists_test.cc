@@ -10,7 +10,7 @@
 #include "commands/raw_text.h"
 #include "fleet/waves.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 using Sizes = std::vector<std::size_t>;
@@ -40,10 +40,10 @@ TEST(WavesTest, RejectMalformedText) {
   }
 }
 
-Target target(const std::string& text) {
-  Target parsed;
+runel::Target target(const std::string& text) {
+  runel::Target parsed;
   std::string why;
-  EXPECT_TRUE(parseTarget(text, parsed, why)) << why;
+  EXPECT_TRUE(runel::parseTarget(text, parsed, why)) << why;
   return parsed;
 }
 
@@ -61,27 +61,27 @@ TEST(TargetTest, WithAnAtSignIsBehindTheMaster) {
 
 TEST(TargetTest, RejectsInvalidAddresses) {
   for (const char* text : {"", "@", "a b", "a:", "a:0", "a:65536", "a:1x", ":1", "a/b", "::1"}) {
-    Target parsed;
+    runel::Target parsed;
     std::string why;
-    EXPECT_FALSE(parseTarget(text, parsed, why)) << text;
+    EXPECT_FALSE(runel::parseTarget(text, parsed, why)) << text;
     EXPECT_NE(why, "") << text;
   }
 }
 
 TEST(TargetListTest, RemovesDuplicatesAndBlanks) {
-  std::vector<Target> targets;
+  std::vector<runel::Target> targets;
   std::string why;
-  EXPECT_TRUE(parseTargetList("a, b,,a:5111,a:1", targets, why));
+  EXPECT_TRUE(runel::parseTargetList("a, b,,a:5111,a:1", targets, why));
   ASSERT_EQ(targets.size(), 3U);
   EXPECT_EQ(targets[1].name, "b");
-  EXPECT_FALSE(parseTargetList(" , ", targets, why));
+  EXPECT_FALSE(runel::parseTargetList(" , ", targets, why));
 }
 
 TEST(TargetFileTest, HasNamesAndComments) {
   std::istringstream lines("# all\n one 10.0.0.1 # first\n\n10.0.0.2:99\r\n");
-  std::vector<Target> targets;
+  std::vector<runel::Target> targets;
   std::string why;
-  ASSERT_TRUE(readTargets(lines, targets, why)) << why;
+  ASSERT_TRUE(runel::readTargets(lines, targets, why)) << why;
   ASSERT_EQ(targets.size(), 2U);
   EXPECT_EQ(targets[0].name, "one");
   EXPECT_EQ(targets[1].name, "10.0.0.2:99");
@@ -101,4 +101,4 @@ TEST(RawTextTest, RejectsUnknownEscapes) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -11,7 +11,7 @@
 #include "cli/tables.h"
 #include "shell/completion.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 using Words = std::vector<std::string>;
@@ -129,4 +129,4 @@ TEST(CommandLineTest, TheDefaultTargetIsTheLocalHost) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

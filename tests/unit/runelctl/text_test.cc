@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 TEST(TerminalSafeTest, KeepsPrintableCharacters) {
@@ -87,4 +87,4 @@ TEST(TextHexDumpTest, HasOffsetsBytesAndCharacters) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -7,7 +7,7 @@
 
 #include "shell/words.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 using Words = std::vector<std::string>;
@@ -75,4 +75,4 @@ TEST(QuoteWordTest, APlainWordIsNotQuoted) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -14,7 +14,7 @@ from runel._address import MASTER_PORT
 from runel._sync.device import Device
 from runel._sync.link import Link, Sink, pump
 from runel._clauses import ClauseCutter, check_clause
-from runel._lineup import Lineup
+from runel._roles import ConnectionRoles
 from runel._protocol import ProtocolError
 from runel.errors import Failure, LinkError, LocalError, Outcome, RunelError, RunelTimeout
 from runel.errors import link_failure
@@ -120,7 +120,7 @@ class Master:
         self._place = (host, port)
         self._timeout = timeout
         self._listener: Optional[io.Listener] = None
-        self._lineup = Lineup(shared)
+        self._roles = ConnectionRoles(shared)
         self._guard = io.mutex()
         self._numbers = itertools.count(1)
         self._peers: Dict[int, _Peer] = {}
@@ -266,7 +266,7 @@ class Master:
     def _admit(self, stream: io.Stream, host: str, port: int) -> None:
         peer = _Peer(next(self._numbers), stream, host, port)
         with self._guard:
-            slave = self._lineup.opened(peer.number, host, time.monotonic())
+            slave = self._roles.opened(peer.number, host, time.monotonic())
             if slave:
                 self._make_slave(peer)
             else:
@@ -295,7 +295,7 @@ class Master:
         with self._guard:
             owner = self._owner(peer)
             del self._peers[peer.number]
-            self._lineup.closed(peer.number, time.monotonic())
+            self._roles.closed(peer.number, time.monotonic())
         self._due.set()
         self._changed.set()
         if peer.connected:
@@ -338,7 +338,7 @@ class Master:
 
     def _only_slave(self, peer: _Peer) -> Optional[_Peer]:
         """The slave connection from the same address, if there is exactly one."""
-        slaves = self._lineup.slaves_at(peer.host)
+        slaves = self._roles.slaves_at(peer.host)
         return self._peers.get(slaves[0]) if len(slaves) == 1 else None
 
     def _owner(self, peer: _Peer) -> str:
@@ -348,7 +348,7 @@ class Master:
 
     def _spoke(self, peer: _Peer) -> None:
         with self._guard:
-            self._lineup.spoke(peer.number)
+            self._roles.spoke(peer.number)
             owner = self._owner(peer)
         self._events.put(AgentConnected(owner, peer.address))
 
@@ -361,10 +361,10 @@ class Master:
         while not self._closed:
             self._due.clear()
             with self._guard:
-                peers = [self._peers[number] for number in self._lineup.due(time.monotonic())]
+                peers = [self._peers[number] for number in self._roles.due(time.monotonic())]
                 for peer in peers:
                     self._make_slave(peer)
-                next_due = self._lineup.next_due()
+                next_due = self._roles.next_due()
             for peer in peers:
                 io.spawn(self._identify, peer)
             self._due.wait(None if next_due is None else max(0, next_due - time.monotonic()))
@@ -376,7 +376,7 @@ class Master:
         this side has not detected that yet.
         """
         with self._guard:
-            links = [self._peers[number].link for number in self._lineup.slaves_at(host)]
+            links = [self._peers[number].link for number in self._roles.slaves_at(host)]
         for link in links:
             if link is not None:
                 _check(link)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Event loop with one thread and one epoll descriptor: descriptors, timers and deferred calls.
-#ifndef ZELL_CLIENT_CORE_LOOP_H_
-#define ZELL_CLIENT_CORE_LOOP_H_
+#ifndef RUNEL_IO_LOOP_H_
+#define RUNEL_IO_LOOP_H_
 
 #include <chrono>
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 #include "base/unique_fd.h"
 
-namespace zell::ctl {
+namespace runel {
 
 using Milliseconds = std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
@@ -62,7 +62,7 @@ class Loop {
   void runCalls();
   void runTimers();
 
-  UniqueFd epoll_;
+  zell::UniqueFd epoll_;
   // Shared, so that a handler that removes itself lives until it returns.
   std::unordered_map<int, std::shared_ptr<Ready>> watched_;
   std::map<Timer, Call> timers_;
@@ -71,6 +71,6 @@ class Loop {
   bool stopped_ = false;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_LOOP_H_
+#endif  // RUNEL_IO_LOOP_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/channel.h"
+#include "client/io/channel.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,11 +13,11 @@
 #include "client/core/peer_guess.h"
 #include "protocol/frame_sender.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr char kPortHint[] = "check the port: devices listen on 5111";
-static_assert(contains(kPortHint, kDevicePort));
+static_assert(zell::contains(kPortHint, zell::kDevicePort));
 
 constexpr std::size_t kLeastRead = 16384;
 constexpr std::size_t kMostRead = 1048576;
@@ -32,7 +32,7 @@ bool wouldBlock(int number) {
 
 }  // namespace
 
-Channel::Channel(Loop& loop, UniqueFd socket, Handlers handlers)
+Channel::Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers)
     : loop_(loop),
       socket_(std::move(socket)),
       handlers_(std::move(handlers)),
@@ -53,7 +53,7 @@ Channel::~Channel() {
 }
 
 void Channel::send(std::string payload) {
-  std::string head = frameHead(payload.size());
+  std::string head = zell::frameHead(payload.size());
   queued_ += head.size() + payload.size();
   everQueued_ += head.size() + payload.size();
   if (!out_.empty() && out_.size() > 1 && out_.back().size() + payload.size() < kShared) {
@@ -189,4 +189,4 @@ void Channel::finish(const Error& error) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

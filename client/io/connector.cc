@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/connector.h"
+#include "client/io/connector.h"
 
 #include <cerrno>
 #include <cstring>
@@ -11,10 +11,10 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "client/core/local_peer.h"
-#include "client/core/resolver.h"
+#include "client/io/local_peer.h"
+#include "client/io/resolver.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kMaxGreeting = 1024;
@@ -23,8 +23,8 @@ constexpr int kProbeIdle = 10;
 constexpr int kProbeInterval = 10;
 constexpr int kProbeCount = 5;
 
-UniqueFd newSocket(int family) {
-  return UniqueFd(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+zell::UniqueFd newSocket(int family) {
+  return zell::UniqueFd(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 template <typename Address>
@@ -193,7 +193,7 @@ void Connector::fail(Error error) {
   }
   loop_.cancel(limit_);
   const Done done = std::move(done_);
-  done(UniqueFd(), std::move(error));
+  done(zell::UniqueFd(), std::move(error));
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Decides which connection from an address carries tasks. Does not use the sockets.
-#ifndef ZELL_CLIENT_MASTER_LINEUP_H_
-#define ZELL_CLIENT_MASTER_LINEUP_H_
+#ifndef RUNEL_MASTER_CONNECTION_ROLES_H_
+#define RUNEL_MASTER_CONNECTION_ROLES_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// A device does not identify the kind of its connections, and a frame on its agent bridge stops
 /// its daemon. So a connection is used as the slave connection, which carries tasks, only if it
 /// cannot be a bridge: a device has no bridge without a slave connection.
-class Lineup {
+class ConnectionRoles {
  public:
   using Id = std::uint64_t;
   using Time = Clock::time_point;
@@ -35,7 +35,7 @@ class Lineup {
     std::optional<Milliseconds> shared;
   };
 
-  explicit Lineup(Rules rules) : rules_(rules) {}
+  explicit ConnectionRoles(Rules rules) : rules_(rules) {}
 
   /// Adds the new connection @p id from @p address.
   Role opened(Id id, const std::string& address, Time now);
@@ -71,6 +71,6 @@ class Lineup {
   std::map<Id, std::string> addresses_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_LINEUP_H_
+#endif  // RUNEL_MASTER_CONNECTION_ROLES_H_

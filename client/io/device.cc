@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/device.h"
+#include "client/io/device.h"
 
 #include <cerrno>
 #include <utility>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 std::string seconds(Milliseconds time) {
@@ -60,7 +60,7 @@ void Device::connect() {
   }
   connector_ = std::make_unique<Connector>(
       loop_, target_, limits_.masterSocket, limits_.connect,
-      [this](UniqueFd socket, std::optional<Error> error) {
+      [this](zell::UniqueFd socket, std::optional<Error> error) {
         // The connector is still executing this call: destroy it in the next turn.
         auto held = std::make_shared<std::unique_ptr<Connector>>(std::move(connector_));
         loop_.next([held] { held->reset(); });
@@ -72,7 +72,7 @@ void Device::connect() {
       });
 }
 
-void Device::connected(UniqueFd socket) {
+void Device::connected(zell::UniqueFd socket) {
   channel_ = std::make_unique<Channel>(
       loop_, std::move(socket),
       Channel::Handlers{[this](std::string&& payload) { take(std::move(payload)); },
@@ -196,4 +196,4 @@ void Device::abandon() {
   pending_.clear();
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "control/outlet.h"
+#include "control/nonblocking_writer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -7,23 +7,23 @@
 #include <poll.h>
 #include <unistd.h>
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kMostKept = 4194304;
 // A ready pipe accepts this many bytes without blocking (PIPE_BUF), even with other writers.
 constexpr std::size_t kWriteSize = 4096;
-constexpr Milliseconds kPause{50};
+constexpr runel::Milliseconds kPause{50};
 
 }  // namespace
 
-Outlet::~Outlet() {
+NonBlockingWriter::~NonBlockingWriter() {
   loop_.cancel(timer_);
   while (!waiting_.empty() && writeSome()) {
   }
 }
 
-void Outlet::write(std::string_view lines) {
+void NonBlockingWriter::write(std::string_view lines) {
   if (waiting_.size() + lines.size() > kMostKept) {
     ++leftOut_;
     return;
@@ -34,8 +34,8 @@ void Outlet::write(std::string_view lines) {
   }
 }
 
-void Outlet::flush() {
-  timer_ = Loop::Timer();
+void NonBlockingWriter::flush() {
+  timer_ = runel::Loop::Timer();
   while (!waiting_.empty() && writeSome()) {
   }
   if (broken_) {
@@ -52,7 +52,7 @@ void Outlet::flush() {
 }
 
 // Returns false when nothing can be written now.
-bool Outlet::writeSome() {
+bool NonBlockingWriter::writeSome() {
   pollfd ready{fd_, POLLOUT, 0};
   if (broken_ || poll(&ready, 1, 0) != 1) {
     return false;
@@ -66,4 +66,4 @@ bool Outlet::writeSome() {
   return false;
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/master/lineup.h"
+#include "client/master/connection_roles.h"
 
 #include <algorithm>
 
-namespace zell::ctl {
+namespace runel {
 
-bool Lineup::Place::hasSlave() const {
+bool ConnectionRoles::Place::hasSlave() const {
   return std::any_of(members.begin(), members.end(),
                      [](const auto& entry) { return entry.second.role == Role::slave; });
 }
 
-Lineup::Role Lineup::opened(Id id, const std::string& address, Time now) {
+ConnectionRoles::Role ConnectionRoles::opened(Id id, const std::string& address, Time now) {
   Place& place = places_[address];
   const Role role = place.hasSlave() ? Role::further : Role::slave;
   place.members[id] = {role, false, now};
@@ -18,11 +18,11 @@ Lineup::Role Lineup::opened(Id id, const std::string& address, Time now) {
   return role;
 }
 
-void Lineup::spoke(Id id) {
+void ConnectionRoles::spoke(Id id) {
   places_.at(addresses_.at(id)).members.at(id).spoke = true;
 }
 
-void Lineup::closed(Id id, Time now) {
+void ConnectionRoles::closed(Id id, Time now) {
   const auto address = addresses_.find(id);
   Place& place = places_.at(address->second);
   const bool wasSlave = place.members.at(id).role == Role::slave;
@@ -37,7 +37,8 @@ void Lineup::closed(Id id, Time now) {
 
 // When a connection becomes a slave connection in the current state. A connection that has sent
 // data never does.
-std::optional<Lineup::Time> Lineup::dueTime(const Place& place, const Member& member) const {
+std::optional<ConnectionRoles::Time> ConnectionRoles::dueTime(const Place& place,
+                                                              const Member& member) const {
   if (member.role == Role::slave || member.spoke) {
     return std::nullopt;
   }
@@ -53,7 +54,7 @@ std::optional<Lineup::Time> Lineup::dueTime(const Place& place, const Member& me
 }
 
 // Sequentially: when a connection becomes the slave connection of its address, the others do not.
-std::vector<Lineup::Id> Lineup::due(Time now) {
+std::vector<ConnectionRoles::Id> ConnectionRoles::due(Time now) {
   std::vector<Id> found;
   for (auto& [address, place] : places_) {
     for (auto& [id, member] : place.members) {
@@ -67,7 +68,7 @@ std::vector<Lineup::Id> Lineup::due(Time now) {
   return found;
 }
 
-std::optional<Lineup::Time> Lineup::nextDue() const {
+std::optional<ConnectionRoles::Time> ConnectionRoles::nextDue() const {
   std::optional<Time> next;
   for (const auto& [address, place] : places_) {
     for (const auto& [id, member] : place.members) {
@@ -80,7 +81,7 @@ std::optional<Lineup::Time> Lineup::nextDue() const {
   return next;
 }
 
-std::vector<Lineup::Id> Lineup::slavesAt(const std::string& address) const {
+std::vector<ConnectionRoles::Id> ConnectionRoles::slavesAt(const std::string& address) const {
   std::vector<Id> found;
   const auto place = places_.find(address);
   if (place != places_.end()) {
@@ -93,9 +94,9 @@ std::vector<Lineup::Id> Lineup::slavesAt(const std::string& address) const {
   return found;
 }
 
-std::size_t Lineup::countAt(const std::string& address) const {
+std::size_t ConnectionRoles::countAt(const std::string& address) const {
   const auto place = places_.find(address);
   return place == places_.end() ? 0 : place->second.members.size();
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/local_peer.h"
+#include "client/io/local_peer.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace zell::ctl {
+namespace runel {
 
 bool peerIsUs(int socket) {
   ucred peer{};
@@ -13,4 +13,4 @@ bool peerIsUs(int socket) {
          (peer.uid == geteuid() || peer.uid == 0);
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

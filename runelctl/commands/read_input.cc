@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/read_input.h"
+#include "commands/read_input.h"
 
 #include <cerrno>
 
@@ -10,7 +10,7 @@
 #include "client/core/error.h"
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runelctl {
 namespace {
 
 constexpr std::size_t kRecordOverhead = 65536;  // bytes of the record besides the content
@@ -26,13 +26,13 @@ std::string readInput(std::string& content) {
       return "";
     }
     if (got < 0 && errno != EINTR) {
-      return "standard input: " + systemText(errno);
+      return "standard input: " + runel::systemText(errno);
     }
     content.append(part, got > 0 ? static_cast<std::size_t>(got) : 0);
-    if (content.size() > kMaxFramePayload - kRecordOverhead) {
+    if (content.size() > zell::kMaxFramePayload - kRecordOverhead) {
       return "standard input: too large for one task; use push, which has no size limit";
     }
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runelctl

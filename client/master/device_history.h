@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The statistics that the master keeps of a device across its connections.
-#ifndef ZELL_CLIENT_MASTER_ROLL_H_
-#define ZELL_CLIENT_MASTER_ROLL_H_
+#ifndef RUNEL_MASTER_DEVICE_HISTORY_H_
+#define RUNEL_MASTER_DEVICE_HISTORY_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 #include "client/master/slave_link.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// Times and counters of devices, by name. Times are wall clock times in milliseconds.
-class Roll {
+class DeviceHistory {
  public:
   struct Entry {
     std::int64_t firstSeen = 0;
@@ -27,7 +27,7 @@ class Roll {
 
   /// Keeps the entries of at most @p most disconnected devices: clients choose their names, so the
   /// number of entries must be limited.
-  explicit Roll(std::size_t most = 4096) : most_(most) {}
+  explicit DeviceHistory(std::size_t most = 4096) : most_(most) {}
 
   void connected(const std::string& name, std::int64_t now);
   /// @p counters are those of the lost connection.
@@ -45,6 +45,6 @@ class Roll {
   std::size_t gone_ = 0;  // entries without a current connection
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_ROLL_H_
+#endif  // RUNEL_MASTER_DEVICE_HISTORY_H_

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connects to a device: directly to its port, or through the master that it is connected to.
-#ifndef ZELL_CLIENT_CORE_CONNECTOR_H_
-#define ZELL_CLIENT_CORE_CONNECTOR_H_
+#ifndef RUNEL_IO_CONNECTOR_H_
+#define RUNEL_IO_CONNECTOR_H_
 
 #include <functional>
 #include <optional>
@@ -10,15 +10,15 @@
 #include "base/unique_fd.h"
 #include "client/core/address.h"
 #include "client/core/error.h"
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// One connection attempt. Destroying it cancels the attempt; the handler may destroy it.
 class Connector {
  public:
   /// Exactly one of the two arguments has a value.
-  using Done = std::function<void(UniqueFd socket, std::optional<Error> error)>;
+  using Done = std::function<void(zell::UniqueFd socket, std::optional<Error> error)>;
 
   /// @p masterSocket is the path of the master's control socket, for targets behind a master.
   Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
@@ -43,7 +43,7 @@ class Connector {
   const Target target_;
   const std::string masterSocket_;
   Done done_;
-  UniqueFd socket_;
+  zell::UniqueFd socket_;
   std::string greeting_;
   Loop::Timer start_;
   Loop::Timer limit_;
@@ -53,6 +53,6 @@ class Connector {
 /// detect a dead peer.
 void setTaskOptions(int socket);
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_CONNECTOR_H_
+#endif  // RUNEL_IO_CONNECTOR_H_

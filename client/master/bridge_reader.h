@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // An additional connection of a device that already has a slave connection. It is only read.
-#ifndef ZELL_CLIENT_MASTER_FURTHER_LINK_H_
-#define ZELL_CLIENT_MASTER_FURTHER_LINK_H_
+#ifndef RUNEL_MASTER_BRIDGE_READER_H_
+#define RUNEL_MASTER_BRIDGE_READER_H_
 
 #include <cstdint>
 #include <functional>
@@ -9,14 +9,14 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 #include "protocol/clause_buffer.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// A wrong byte on an agent bridge stops the daemon, so this class never writes. The received data
 /// is split into clauses like in the daemon.
-class FurtherLink {
+class BridgeReader {
  public:
   struct Events {
     /// The first byte was received: this is the bridge of an agent.
@@ -28,13 +28,13 @@ class FurtherLink {
     std::function<void(const std::string& why)> end;
   };
 
-  FurtherLink(Loop& loop, UniqueFd socket, Events events);
-  ~FurtherLink();
-  FurtherLink(const FurtherLink&) = delete;
-  FurtherLink& operator=(const FurtherLink&) = delete;
+  BridgeReader(Loop& loop, zell::UniqueFd socket, Events events);
+  ~BridgeReader();
+  BridgeReader(const BridgeReader&) = delete;
+  BridgeReader& operator=(const BridgeReader&) = delete;
 
   /// Releases the socket of a link that is open and has received nothing.
-  [[nodiscard]] UniqueFd take();
+  [[nodiscard]] zell::UniqueFd take();
 
   [[nodiscard]] bool hasSpoken() const { return spoke_; }
   [[nodiscard]] std::uint64_t clauses() const { return clauses_; }
@@ -46,14 +46,14 @@ class FurtherLink {
   void end(const std::string& why);
 
   Loop& loop_;
-  UniqueFd socket_;
+  zell::UniqueFd socket_;
   Events events_;
-  ClauseBuffer buffer_;
+  zell::ClauseBuffer buffer_;
   bool spoke_ = false;
   std::uint64_t clauses_ = 0;
   std::uint64_t bytes_ = 0;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_MASTER_FURTHER_LINK_H_
+#endif  // RUNEL_MASTER_BRIDGE_READER_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/resolver.h"
+#include "client/io/resolver.h"
 
 #include <cstring>
 #include <map>
@@ -8,7 +8,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 using Found = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
@@ -52,4 +52,4 @@ bool resolve(const std::string& host, std::uint16_t port, sockaddr_in& address, 
   return true;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 // Output that never blocks the program, even if it is not read.
-#ifndef ZELL_RUNELCTL_CONTROL_OUTLET_H_
-#define ZELL_RUNELCTL_CONTROL_OUTLET_H_
+#ifndef RUNELCTL_CONTROL_NONBLOCKING_WRITER_H_
+#define RUNELCTL_CONTROL_NONBLOCKING_WRITER_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runelctl {
 
 /// Writes without blocking. Buffers a limited amount and drops further lines.
-class Outlet {
+class NonBlockingWriter {
  public:
-  Outlet(Loop& loop, int fd) : loop_(loop), fd_(fd) {}
+  NonBlockingWriter(runel::Loop& loop, int fd) : loop_(loop), fd_(fd) {}
   /// Writes as much as possible without blocking.
-  ~Outlet();
-  Outlet(const Outlet&) = delete;
-  Outlet& operator=(const Outlet&) = delete;
+  ~NonBlockingWriter();
+  NonBlockingWriter(const NonBlockingWriter&) = delete;
+  NonBlockingWriter& operator=(const NonBlockingWriter&) = delete;
 
   /// Writes complete lines, which are dropped together.
   void write(std::string_view lines);
@@ -27,14 +27,14 @@ class Outlet {
   void flush();
   [[nodiscard]] bool writeSome();
 
-  Loop& loop_;
+  runel::Loop& loop_;
   const int fd_;
   std::string waiting_;
   std::size_t leftOut_ = 0;
   bool broken_ = false;
-  Loop::Timer timer_;
+  runel::Loop::Timer timer_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runelctl
 
-#endif  // ZELL_RUNELCTL_CONTROL_OUTLET_H_
+#endif  // RUNELCTL_CONTROL_NONBLOCKING_WRITER_H_

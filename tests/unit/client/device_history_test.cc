@@ -4,13 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "client/master/roll.h"
+#include "client/master/device_history.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
-TEST(RollTest, CountsConnectsAndLosses) {
-  Roll roll;
+TEST(DeviceHistoryTest, CountsConnectsAndLosses) {
+  DeviceHistory roll;
   roll.connected("a", 100);
   roll.lost("a", 200, "gone", {});
   roll.connected("a", 300);
@@ -21,8 +21,8 @@ TEST(RollTest, CountsConnectsAndLosses) {
   EXPECT_EQ(roll.of("a").lastReason, "gone");
 }
 
-TEST(RollTest, AddsUpTheCountersOfEarlierConnections) {
-  Roll roll;
+TEST(DeviceHistoryTest, AddsUpTheCountersOfEarlierConnections) {
+  DeviceHistory roll;
   for (int round = 0; round < 2; ++round) {
     roll.connected("a", 1);
     roll.lost("a", 2, "", {3, 50, 70});
@@ -32,13 +32,13 @@ TEST(RollTest, AddsUpTheCountersOfEarlierConnections) {
   EXPECT_EQ(roll.of("a").earlier.bytesIn, 140U);
 }
 
-TEST(RollTest, HasAnEmptyEntryForUnknownDevices) {
-  const Roll roll;
+TEST(DeviceHistoryTest, HasAnEmptyEntryForUnknownDevices) {
+  const DeviceHistory roll;
   EXPECT_EQ(roll.of("unknown").connects, 0U);
 }
 
-TEST(RollTest, ForgetsTheDeviceWithTheOldestLoss) {
-  Roll roll(2);
+TEST(DeviceHistoryTest, ForgetsTheDeviceWithTheOldestLoss) {
+  DeviceHistory roll(2);
   for (const char* name : {"a", "b", "c"}) {
     roll.connected(name, 1);
   }
@@ -50,8 +50,8 @@ TEST(RollTest, ForgetsTheDeviceWithTheOldestLoss) {
   EXPECT_EQ(roll.of("c").connects, 1U);
 }
 
-TEST(RollTest, KeepsConnectedDevices) {
-  Roll roll(1);
+TEST(DeviceHistoryTest, KeepsConnectedDevices) {
+  DeviceHistory roll(1);
   roll.connected("there", 1);
   roll.connected("there", 1);
   roll.lost("there", 2, "", {});  // the other connection is still open
@@ -65,8 +65,8 @@ TEST(RollTest, KeepsConnectedDevices) {
   EXPECT_EQ(roll.of("n9").connects, 1U);
 }
 
-TEST(RollTest, KeepsDevicesThatReconnect) {
-  Roll roll(1);
+TEST(DeviceHistoryTest, KeepsDevicesThatReconnect) {
+  DeviceHistory roll(1);
   roll.connected("a", 1);
   roll.lost("a", 2, "", {});
   roll.connected("a", 3);
@@ -77,4 +77,4 @@ TEST(RollTest, KeepsDevicesThatReconnect) {
 }
 
 }  // namespace
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A client of one device: connects on demand, pipelines requests and enforces timeouts.
-#ifndef ZELL_CLIENT_CORE_DEVICE_H_
-#define ZELL_CLIENT_CORE_DEVICE_H_
+#ifndef RUNEL_IO_DEVICE_H_
+#define RUNEL_IO_DEVICE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -12,12 +12,12 @@
 #include <string>
 
 #include "client/core/address.h"
-#include "client/core/channel.h"
-#include "client/core/connector.h"
-#include "client/core/loop.h"
 #include "client/core/request.h"
+#include "client/io/channel.h"
+#include "client/io/connector.h"
+#include "client/io/loop.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// Timeouts of a device, and where its master is.
 struct Limits {
@@ -73,7 +73,7 @@ class Device {
   };
 
   void connect();
-  void connected(UniqueFd socket);
+  void connected(zell::UniqueFd socket);
   void ended(const Error& error);
   void send(Pending& pending, std::string&& payload);
   [[nodiscard]] bool frontIsOut() const;
@@ -100,6 +100,6 @@ class Device {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_DEVICE_H_
+#endif  // RUNEL_IO_DEVICE_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/master/further_link.h"
+#include "client/master/bridge_reader.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 #include "client/core/error.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kReadSize = 16384;
@@ -20,7 +20,7 @@ constexpr std::size_t kLongestClause = 1048576;
 
 }  // namespace
 
-FurtherLink::FurtherLink(Loop& loop, UniqueFd socket, Events events)
+BridgeReader::BridgeReader(Loop& loop, zell::UniqueFd socket, Events events)
     : loop_(loop), socket_(std::move(socket)), events_(std::move(events)) {
   if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t) { receive(); })) {
     loop_.next([end = events_.end, why = systemText(errno)] { end(why); });
@@ -28,17 +28,17 @@ FurtherLink::FurtherLink(Loop& loop, UniqueFd socket, Events events)
   }
 }
 
-FurtherLink::~FurtherLink() {
+BridgeReader::~BridgeReader() {
   loop_.forget(socket_.get());
 }
 
-UniqueFd FurtherLink::take() {
+zell::UniqueFd BridgeReader::take() {
   loop_.forget(socket_.get());
   events_ = Events();
   return std::move(socket_);
 }
 
-void FurtherLink::receive() {
+void BridgeReader::receive() {
   char bytes[kReadSize];
   const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -56,22 +56,22 @@ void FurtherLink::receive() {
   cut();
 }
 
-void FurtherLink::cut() {
+void BridgeReader::cut() {
   std::string clause;
-  ClauseBuffer::Next next = buffer_.next(clause);
-  while (next == ClauseBuffer::Next::cut) {
+  zell::ClauseBuffer::Next next = buffer_.next(clause);
+  while (next == zell::ClauseBuffer::Next::cut) {
     ++clauses_;
     events_.clause(clause);
     next = buffer_.next(clause);
   }
-  if (next == ClauseBuffer::Next::sentinel || next == ClauseBuffer::Next::notOpening) {
+  if (next == zell::ClauseBuffer::Next::sentinel || next == zell::ClauseBuffer::Next::notOpening) {
     end("sent data that is not a clause");
   } else if (buffer_.size() > kLongestClause) {
     end("sent a clause that exceeds 1 MiB");
   }
 }
 
-void FurtherLink::end(const std::string& why) {
+void BridgeReader::end(const std::string& why) {
   loop_.forget(socket_.get());
   socket_.reset();
   const auto ended = std::move(events_.end);
@@ -81,4 +81,4 @@ void FurtherLink::end(const std::string& why) {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

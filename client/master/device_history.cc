@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/master/roll.h"
+#include "client/master/device_history.h"
 
 #include <algorithm>
 
-namespace zell::ctl {
+namespace runel {
 
-void Roll::connected(const std::string& name, std::int64_t now) {
+void DeviceHistory::connected(const std::string& name, std::int64_t now) {
   Entry& entry = entries_[name];
   if (entry.connects == 0) {
     entry.firstSeen = now;
@@ -16,8 +16,8 @@ void Roll::connected(const std::string& name, std::int64_t now) {
   ++entry.present;
 }
 
-void Roll::lost(const std::string& name, std::int64_t now, const std::string& why,
-                const SlaveLink::Counters& counters) {
+void DeviceHistory::lost(const std::string& name, std::int64_t now, const std::string& why,
+                         const SlaveLink::Counters& counters) {
   Entry& entry = entries_.at(name);
   ++entry.losses;
   --entry.present;
@@ -31,14 +31,14 @@ void Roll::lost(const std::string& name, std::int64_t now, const std::string& wh
   }
 }
 
-const Roll::Entry& Roll::of(const std::string& name) const {
+const DeviceHistory::Entry& DeviceHistory::of(const std::string& name) const {
   static const Entry kNothing;
   const auto found = entries_.find(name);
   return found == entries_.end() ? kNothing : found->second;
 }
 
 // Removes the entry that has been disconnected for the longest time.
-void Roll::forgetOne() {
+void DeviceHistory::forgetOne() {
   const auto longer = [](const auto& one, const auto& other) {
     const bool oneGone = one.second.present == 0;
     const bool otherGone = other.second.present == 0;
@@ -48,4 +48,4 @@ void Roll::forgetOne() {
   --gone_;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

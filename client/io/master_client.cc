@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/master_client.h"
+#include "client/io/master_client.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -10,13 +10,13 @@
 #include <sys/un.h>
 
 #include "base/unique_fd.h"
-#include "client/core/local_peer.h"
+#include "client/io/local_peer.h"
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr std::string_view kQuestion = "devices\n";
-constexpr std::size_t kReadSize = 65536;
+constexpr std::size_t kListReadSize = 65536;
 
 void limitWaits(int socket, Milliseconds limit) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
@@ -47,7 +47,7 @@ bool connectTo(int socket, const std::string& path) {
 }  // namespace
 
 std::optional<Error> listDevices(const std::string& path, Milliseconds limit, std::string& lines) {
-  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const zell::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   limitWaits(socket.get(), limit);
   if (!socket.valid() || !connectTo(socket.get(), path)) {
     return noMaster(path, errno);
@@ -58,7 +58,7 @@ std::optional<Error> listDevices(const std::string& path, Milliseconds limit, st
   if (send(socket.get(), kQuestion.data(), kQuestion.size(), MSG_NOSIGNAL) < 0) {
     return Error{Fault::lost, "the master closed the connection", "", errno};
   }
-  std::string part(kReadSize, '\0');
+  std::string part(kListReadSize, '\0');
   ssize_t got = recv(socket.get(), part.data(), part.size(), 0);
   while (got > 0) {
     lines.append(part, 0, static_cast<std::size_t>(got));
@@ -71,4 +71,4 @@ std::optional<Error> listDevices(const std::string& path, Milliseconds limit, st
   return std::nullopt;
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

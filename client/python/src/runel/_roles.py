@@ -34,7 +34,7 @@ class _Place:
         return any(member.slave for member in self.members.values())
 
 
-class Lineup:
+class ConnectionRoles:
     """`shared`: seconds, for several devices behind one address: a further connection that is
     silent for this time counts as the slave connection of another device. None: each address is
     one device.

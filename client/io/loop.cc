@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 
 #include <algorithm>
 #include <cstddef>
 
 #include <sys/epoll.h>
 
-namespace zell::ctl {
+namespace runel {
 namespace {
 
 constexpr int kEventsAtOnce = 64;
@@ -106,4 +106,4 @@ void Loop::runCalls() {
   }
 }
 
-}  // namespace zell::ctl
+}  // namespace runel

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A connected socket that sends and receives frames without blocking the loop.
-#ifndef ZELL_CLIENT_CORE_CHANNEL_H_
-#define ZELL_CLIENT_CORE_CHANNEL_H_
+#ifndef RUNEL_IO_CHANNEL_H_
+#define RUNEL_IO_CHANNEL_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -14,10 +14,10 @@
 
 #include "base/unique_fd.h"
 #include "client/core/error.h"
-#include "client/core/loop.h"
+#include "client/io/loop.h"
 #include "protocol/protocol.h"
 
-namespace zell::ctl {
+namespace runel {
 
 /// Sends and receives complete frames. A handler may destroy the channel.
 class Channel {
@@ -32,7 +32,7 @@ class Channel {
   };
 
   /// Takes ownership of the connected, non-blocking @p socket. The loop must outlive the channel.
-  Channel(Loop& loop, UniqueFd socket, Handlers handlers);
+  Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers);
   ~Channel();
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
@@ -63,15 +63,15 @@ class Channel {
   [[nodiscard]] Error endOfStream(int number) const;
 
   Loop& loop_;
-  UniqueFd socket_;
+  zell::UniqueFd socket_;
   Handlers handlers_;
-  ByteCountProtocol codec_{ByteCountProtocol::kNoSocket};
+  zell::ByteCountProtocol codec_{zell::ByteCountProtocol::kNoSocket};
   std::deque<std::string> out_;
   std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;
   std::size_t coming_ = 0;  // bytes received since the last complete message
-  std::size_t limit_ = kMaxFramePayload;
+  std::size_t limit_ = zell::kMaxFramePayload;
   std::string in_;
   std::string first_;  // the first received bytes, for a guess at the peer's protocol
   bool reading_ = true;
@@ -79,6 +79,6 @@ class Channel {
   std::shared_ptr<bool> alive_;
 };
 
-}  // namespace zell::ctl
+}  // namespace runel
 
-#endif  // ZELL_CLIENT_CORE_CHANNEL_H_
+#endif  // RUNEL_IO_CHANNEL_H_

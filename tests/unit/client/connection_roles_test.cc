@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+// The connections that the master uses as slave connections.
+#include "client/master/connection_roles.h"
+
+#include <chrono>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace runel {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr auto kSlave = ConnectionRoles::Role::slave;
+constexpr auto kFurther = ConnectionRoles::Role::further;
+
+class ConnectionRolesTest : public ::testing::Test {
+ protected:
+  const ConnectionRoles::Time start_{};
+  ConnectionRoles roles_{ConnectionRoles::Rules{}};
+};
+
+TEST_F(ConnectionRolesTest, UsesTheFirstConnectionOfAnAddressAsSlaveConnection) {
+  EXPECT_EQ(roles_.opened(1, "a", start_), kSlave);
+  EXPECT_EQ(roles_.opened(2, "b", start_), kSlave);
+  EXPECT_THAT(roles_.slavesAt("a"), ElementsAre(1));
+  EXPECT_THAT(roles_.slavesAt("c"), IsEmpty());
+}
+
+TEST_F(ConnectionRolesTest, UsesNoOtherConnectionWhileTheFirstIsOpen) {
+  ASSERT_EQ(roles_.opened(1, "a", start_), kSlave);
+  EXPECT_EQ(roles_.opened(2, "a", start_), kFurther);
+  EXPECT_EQ(roles_.opened(3, "a", start_), kFurther);
+  EXPECT_FALSE(roles_.nextDue());
+  EXPECT_THAT(roles_.due(start_ + seconds(100000)), IsEmpty());
+  EXPECT_EQ(roles_.countAt("a"), 3U);
+}
+
+TEST_F(ConnectionRolesTest, UsesAConnectionThatOutlivesTheSlaveConnectionByFiveSeconds) {
+  (void)roles_.opened(1, "a", start_);
+  (void)roles_.opened(2, "a", start_);
+  roles_.closed(1, start_ + seconds(10));
+  EXPECT_EQ(roles_.nextDue(), start_ + seconds(15));
+  EXPECT_THAT(roles_.due(start_ + milliseconds(14999)), IsEmpty());
+  EXPECT_THAT(roles_.due(start_ + seconds(15)), ElementsAre(2));
+  EXPECT_THAT(roles_.due(start_ + seconds(15)), IsEmpty());
+  EXPECT_THAT(roles_.slavesAt("a"), ElementsAre(2));
+}
+
+TEST_F(ConnectionRolesTest, UsesOnlyOneOfTheSurvivingConnections) {
+  for (ConnectionRoles::Id id = 1; id <= 3; ++id) {
+    (void)roles_.opened(id, "a", start_);
+  }
+  roles_.closed(1, start_);
+  EXPECT_THAT(roles_.due(start_ + seconds(5)), ElementsAre(2));
+  EXPECT_FALSE(roles_.nextDue());
+}
+
+TEST_F(ConnectionRolesTest, UsesANewConnectionImmediatelyAfterTheSlaveConnectionIsLost) {
+  (void)roles_.opened(1, "a", start_);
+  (void)roles_.opened(2, "a", start_);
+  roles_.closed(1, start_);
+  EXPECT_EQ(roles_.opened(3, "a", start_ + seconds(1)), kSlave);
+  EXPECT_FALSE(roles_.nextDue());
+}
+
+TEST_F(ConnectionRolesTest, NeverUsesAConnectionThatSentData) {
+  (void)roles_.opened(1, "a", start_);
+  (void)roles_.opened(2, "a", start_);
+  roles_.spoke(2);
+  roles_.closed(1, start_);
+  EXPECT_FALSE(roles_.nextDue());
+  EXPECT_THAT(roles_.due(start_ + seconds(100000)), IsEmpty());
+}
+
+TEST_F(ConnectionRolesTest, ForgetsAnAddressWithoutConnections) {
+  (void)roles_.opened(1, "a", start_);
+  roles_.closed(1, start_);
+  EXPECT_EQ(roles_.countAt("a"), 0U);
+  EXPECT_EQ(roles_.opened(2, "a", start_), kSlave);
+}
+
+class SharedLineupTest : public ConnectionRolesTest {
+ protected:
+  ConnectionRoles shared_{ConnectionRoles::Rules{seconds(5), seconds(2)}};
+};
+
+TEST_F(SharedLineupTest, TreatsASilentConnectionAsAnotherDevice) {
+  (void)shared_.opened(1, "a", start_);
+  ASSERT_EQ(shared_.opened(2, "a", start_), kFurther);
+  EXPECT_EQ(shared_.nextDue(), start_ + seconds(2));
+  EXPECT_THAT(shared_.due(start_ + milliseconds(1999)), IsEmpty());
+  EXPECT_THAT(shared_.due(start_ + seconds(2)), ElementsAre(2));
+  EXPECT_THAT(shared_.slavesAt("a"), ElementsAre(1, 2));
+}
+
+TEST_F(SharedLineupTest, IgnoresAConnectionThatSendsDataInTime) {
+  (void)shared_.opened(1, "a", start_);
+  (void)shared_.opened(2, "a", start_);
+  shared_.spoke(2);
+  EXPECT_THAT(shared_.due(start_ + seconds(100)), IsEmpty());
+}
+
+// In any sequence of events, an address has at most one slave connection, and a connection that
+// sent data is never one.
+TEST_F(ConnectionRolesTest, KeepsItsRulesUnderRandomEvents) {
+  std::mt19937 random(5);
+  std::map<ConnectionRoles::Id, std::string> open;
+  std::set<ConnectionRoles::Id> spoke;
+  ConnectionRoles::Time now = start_;
+  ConnectionRoles::Id last = 0;
+  for (int i = 0; i < 20000; ++i) {
+    now += milliseconds(random() % 4000);
+    const auto kind = random() % 4;
+    if (kind == 0 || open.empty()) {
+      open[++last] = std::string(1, static_cast<char>('a' + random() % 3));
+      (void)roles_.opened(last, open[last], now);
+    } else {
+      const auto some = std::next(open.begin(), static_cast<long>(random() % open.size()));
+      const auto slaves = roles_.slavesAt(some->second);
+      if (kind == 1) {
+        roles_.closed(some->first, now);
+        spoke.erase(some->first);
+        open.erase(some);
+      } else if (kind == 2 && (slaves.empty() || slaves[0] != some->first)) {
+        roles_.spoke(some->first);
+        spoke.insert(some->first);
+      } else {
+        (void)roles_.due(now);
+        ASSERT_TRUE(!roles_.nextDue() || *roles_.nextDue() > now);
+      }
+    }
+    for (const char* address : {"a", "b", "c"}) {
+      const auto slaves = roles_.slavesAt(address);
+      ASSERT_LE(slaves.size(), 1U);
+      ASSERT_TRUE(slaves.empty() || spoke.count(slaves[0]) == 0);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace runel

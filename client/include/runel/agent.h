@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+// A local agent: exchanges clauses with the master of a daemon.
+#ifndef RUNEL_AGENT_H_
+#define RUNEL_AGENT_H_
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <runel/address.h>
+#include <runel/export.h>
+#include <runel/loop.h>
+#include <runel/result.h>
+
+namespace runel {
+inline namespace v1 {
+
+/// The event-driven agent. The daemon has one agent: a second one replaces it. The daemon connects
+/// to its master after the first clause, and keeps clauses until then.
+class RUNEL_API AsyncAgent {
+ public:
+  struct Handlers {
+    std::function<void(const std::string& clause)> clause;
+    /// The connection ended or could not be made. Called once. May destroy the agent.
+    std::function<void(const Error& error)> end;
+  };
+
+  /// Starts to connect. The loop must outlive the agent.
+  AsyncAgent(Loop& loop, const Address& address, Milliseconds connectTimeout, Handlers handlers);
+  ~AsyncAgent();
+  AsyncAgent(const AsyncAgent&) = delete;
+  AsyncAgent& operator=(const AsyncAgent&) = delete;
+
+  /// Queues one clause, also before the connection is made. Fails with `Kind::local` if @p clause
+  /// is not exactly one: a malformed one would stop the daemon.
+  [[nodiscard]] Result<void> send(const std::string& clause);
+  /// Queues @p bytes unchecked, even if they stop the daemon.
+  void sendRaw(const std::string& bytes);
+  /// The number of bytes that are not sent yet.
+  [[nodiscard]] std::size_t queued() const;
+
+ private:
+  struct Data;
+  std::unique_ptr<Data> data_;
+};
+
+/// The blocking agent. Use one object in one thread at a time.
+class RUNEL_API Agent {
+ public:
+  /// @p address is HOST[:PORT] of the daemon, usually on this host.
+  explicit Agent(const std::string& address = "127.0.0.1",
+                 Milliseconds timeout = Milliseconds(30000));
+  ~Agent();
+  Agent(Agent&& other) noexcept;
+  Agent& operator=(Agent&& other) noexcept;
+
+  /// Connects on the first call. Returns when the system has taken the clause.
+  [[nodiscard]] Result<void> send(const std::string& clause);
+  /// The next clause of the master, waiting at most @p limit. Without a value when there was none.
+  [[nodiscard]] Result<std::optional<std::string>> receive(Milliseconds limit);
+
+ private:
+  struct Data;
+  std::unique_ptr<Data> data_;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_AGENT_H_

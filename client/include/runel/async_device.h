@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// The event-driven client of one device: connects on demand, pipelines requests, enforces timeouts.
+#ifndef RUNEL_ASYNC_DEVICE_H_
+#define RUNEL_ASYNC_DEVICE_H_
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <runel/address.h>
+#include <runel/export.h>
+#include <runel/loop.h>
+#include <runel/request.h>
+
+namespace runel {
+inline namespace v1 {
+
+/// The timeouts of a device. Copies are cheap enough to pass by value.
+class RUNEL_API DeviceOptions {
+ public:
+  DeviceOptions();
+  DeviceOptions(const DeviceOptions& other);
+  DeviceOptions& operator=(const DeviceOptions& other);
+  ~DeviceOptions();
+
+  /// The limit for connecting, 10 s by default.
+  DeviceOptions& setConnectTimeout(Milliseconds time);
+  /// The I/O timeout: the longest time without a byte sent or received while an answer is due; 30 s
+  /// by default. The daemon serves its connections one after the other, so it must cover the
+  /// requests of other clients.
+  DeviceOptions& setTimeout(Milliseconds time);
+  /// The path of the control socket of a running `runelctl master`, for devices behind it.
+  DeviceOptions& setMasterSocket(std::string path);
+  /// How often a request that was not sent, or is safe to repeat, is tried again after a transient
+  /// failure of the link, and the pause before the first repetition, which doubles each time. 0
+  /// times by default. Used by `Device` and `Fleet`; an `AsyncDevice` never repeats.
+  DeviceOptions& setRetries(int times, Milliseconds pause = Milliseconds(200));
+
+  [[nodiscard]] Milliseconds connectTimeout() const;
+  [[nodiscard]] Milliseconds timeout() const;
+  [[nodiscard]] const std::string& masterSocket() const;
+  [[nodiscard]] int retries() const;
+  [[nodiscard]] Milliseconds retryPause() const;
+
+ private:
+  struct Data;
+  std::unique_ptr<Data> data_;
+};
+
+/// One device on a loop. Requests may be added at any time: they are sent immediately and answered
+/// in order. When the connection is lost, all pending requests fail, each with its outcome, and the
+/// next request opens a new connection. Nothing is repeated.
+class RUNEL_API AsyncDevice {
+ public:
+  /// The loop must outlive the device.
+  AsyncDevice(Loop& loop, Address address, DeviceOptions options = DeviceOptions());
+  /// The device at the other end of @p socket, which it connected itself. Takes ownership of the
+  /// connected @p socket and makes it non-blocking. When the connection is lost, every later
+  /// request fails.
+  AsyncDevice(Loop& loop, int socket, std::string name, DeviceOptions options = DeviceOptions());
+  /// Drops all handlers without calling them.
+  ~AsyncDevice();
+  AsyncDevice(const AsyncDevice&) = delete;
+  AsyncDevice& operator=(const AsyncDevice&) = delete;
+
+  /// Sends @p request and calls @p handler with the reply. A request without a reply is complete
+  /// when it is sent.
+  void ask(const Request& request, ReplyHandler handler);
+  /// Sends any @p payload as one frame. @p like gives the limits of the answer.
+  void askRaw(std::string payload, const Request& like, ReplyHandler handler);
+
+  /// Closes the connection. Pending requests fail with @p why.
+  void close(const Error& why);
+  /// Closes the connection and drops all handlers without calling them.
+  void abandon();
+
+  /// Receives payloads as they are sent or received.
+  using Tap = std::function<void(const std::string& payload)>;
+  /// Gives every payload to @p dryRun instead of the device. No reply handler is called then.
+  void setDryRun(Tap dryRun);
+  /// Calls @p tap with each received payload.
+  void setTap(Tap tap);
+
+  [[nodiscard]] const Address& address() const;
+  [[nodiscard]] const DeviceOptions& options() const;
+  [[nodiscard]] Loop& loop() const;
+  /// The number of requests without a reply.
+  [[nodiscard]] std::size_t pending() const;
+  /// The number of bytes that are not sent yet.
+  [[nodiscard]] std::size_t queued() const;
+
+ private:
+  struct Data;
+  std::unique_ptr<Data> data_;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_ASYNC_DEVICE_H_

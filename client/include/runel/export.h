@@ -1,0 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
+// The visibility of the library's symbols.
+#ifndef RUNEL_EXPORT_H_
+#define RUNEL_EXPORT_H_
+
+/// Marks what the shared library exports. All other symbols are hidden.
+#define RUNEL_API __attribute__((visibility("default")))
+
+#endif  // RUNEL_EXPORT_H_

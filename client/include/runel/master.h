@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// The blocking master.
+#ifndef RUNEL_MASTER_H_
+#define RUNEL_MASTER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <runel/async_master.h>
+#include <runel/events.h>
+#include <runel/export.h>
+#include <runel/records.h>
+#include <runel/request.h>
+#include <runel/result.h>
+
+namespace runel {
+inline namespace v1 {
+
+/// A master whose calls wait. Connections are served only within its calls: call one of them at
+/// least every few seconds. Use one object in one thread at a time.
+class RUNEL_API Master {
+ public:
+  explicit Master(const MasterOptions& options = MasterOptions());
+  ~Master();
+  Master(Master&& other) noexcept;
+  Master& operator=(Master&& other) noexcept;
+
+  /// Opens the port. Fails with `Kind::local`.
+  [[nodiscard]] Result<void> open();
+  [[nodiscard]] std::uint16_t port() const;
+
+  /// Waits until @p count devices are connected, at most @p limit. Fails with `Kind::timeout`.
+  [[nodiscard]] Result<std::vector<DeviceInfo>> waitForDevices(std::size_t count,
+                                                               Milliseconds limit);
+  [[nodiscard]] std::vector<DeviceInfo> devices() const;
+
+  /// The reply of the device @p name to @p request.
+  [[nodiscard]] Result<Reply> ask(const std::string& name, const Request& request);
+  /// Sends @p request to all connected devices at once; the replies by name, in the order of
+  /// `devices`.
+  [[nodiscard]] std::vector<std::pair<std::string, Reply>> askAll(const Request& request);
+  /// See `AsyncMaster::sendClause`. Returns when the system has taken the clause.
+  [[nodiscard]] Result<void> sendClause(const std::string& name, const std::string& clause);
+
+  /// The next event, waiting at most @p limit. Without a value when none has happened.
+  [[nodiscard]] std::optional<MasterEvent> nextEvent(Milliseconds limit);
+
+ private:
+  struct Data;
+  std::unique_ptr<Data> data_;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_MASTER_H_

@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files and directory trees of any size: push, pull and sync.
+#ifndef RUNEL_TRANSFER_H_
+#define RUNEL_TRANSFER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <runel/async_device.h>
+#include <runel/error.h>
+#include <runel/export.h>
+#include <runel/request.h>
+#include <runel/result.h>
+
+namespace runel {
+inline namespace v1 {
+
+/// The progress of a transfer. `done` and `total` are bytes.
+struct Progress {
+  std::uint64_t done = 0;
+  std::uint64_t total = 0;
+  std::string name;  ///< of the file in transfer, without its directory
+};
+
+/// The options of all transfers. Copies are cheap.
+class RUNEL_API TransferOptions {
+ public:
+  TransferOptions();
+  TransferOptions(const TransferOptions& other);
+  TransferOptions& operator=(const TransferOptions& other);
+  ~TransferOptions();
+
+  /// Copies directories with all that is in them; off by default. A sync always does.
+  TransferOptions& setRecursive(bool on);
+  /// Continues an interrupted transfer of a large file after its last complete piece if the
+  /// checksum of the part matches; on by default.
+  TransferOptions& setResume(bool on);
+  /// Compares SHA-256 checksums after the transfer; off by default.
+  TransferOptions& setChecksum(bool on);
+  /// For a sync: removes files on the device that are missing here; off by default.
+  TransferOptions& setDelete(bool on);
+  /// For a pull: the local target is a directory, which is created with mode 0755 if it is missing,
+  /// and each source gets a name in it; off by default.
+  TransferOptions& setIntoDirectory(bool on);
+  /// About the memory for contents in transit, in bytes; 32 MiB by default. A piece of a large file
+  /// has half of it.
+  TransferOptions& setMemory(std::size_t bytes);
+  /// Calls @p progress after each file and each piece.
+  TransferOptions& setProgress(std::function<void(const Progress&)> progress);
+
+  [[nodiscard]] bool recursive() const;
+  [[nodiscard]] bool resume() const;
+  [[nodiscard]] bool checksum() const;
+  [[nodiscard]] bool removes() const;
+  [[nodiscard]] bool intoDirectory() const;
+  [[nodiscard]] std::size_t memory() const;
+  [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
+
+ private:
+  struct Data;
+  std::shared_ptr<Data> data_;
+};
+
+/// What a transfer has done. Copies are cheap.
+class RUNEL_API TransferReport {
+ public:
+  /// True if every file was transferred and nothing was skipped or left undone.
+  [[nodiscard]] bool ok() const;
+  /// The first failure, if any: of a file, or of the link, which ends the transfer.
+  [[nodiscard]] const std::optional<Error>& error() const;
+  /// Further failures and what was skipped, one sentence each.
+  [[nodiscard]] const std::vector<std::string>& warnings() const;
+  /// True when a warning tells of something that was not done, such as modes that were not kept.
+  [[nodiscard]] bool partial() const;
+  [[nodiscard]] std::size_t files() const;    ///< number of transferred files
+  [[nodiscard]] std::uint64_t bytes() const;  ///< number of transferred bytes of content
+  [[nodiscard]] std::size_t removed() const;  ///< number of entries that a sync removed
+  /// Where the transfer of the last resumed file continued, in bytes.
+  [[nodiscard]] std::optional<std::uint64_t> resumedAt() const;
+
+ private:
+  friend class TransferWork;
+  struct Data;
+  explicit TransferReport(std::shared_ptr<const Data> data);
+  std::shared_ptr<const Data> data_;
+};
+
+/// The local side of a push or sync, read from the file system once for any number of devices.
+class RUNEL_API PushSources {
+ public:
+  /// Reads the names and attributes below @p paths. Blocks on the local file system. Fails with
+  /// `Kind::local`.
+  [[nodiscard]] static Result<PushSources> scan(const std::vector<std::string>& paths,
+                                                bool recursive);
+  /// What was left out, one sentence each: sockets, devices and the like.
+  [[nodiscard]] const std::vector<std::string>& skipped() const;
+
+ private:
+  friend class TransferWork;
+  struct Data;
+  explicit PushSources(std::shared_ptr<const Data> data);
+  std::shared_ptr<const Data> data_;
+};
+
+/// A running transfer. A failed file is reported, keeps its old content at its target and does not
+/// stop the others. A lost connection ends the transfer. Reads and writes local files in the loop's
+/// thread.
+class RUNEL_API AsyncTransfer {
+ public:
+  /// Called once, never within the call that started the transfer. It may destroy the transfer.
+  using Done = std::function<void(TransferReport report)>;
+
+  /// Each starts at once. The device must outlive the transfer.
+  [[nodiscard]] static std::unique_ptr<AsyncTransfer> push(AsyncDevice& device,
+                                                           const PushSources& sources,
+                                                           const std::string& target,
+                                                           const TransferOptions& options,
+                                                           Done done);
+  [[nodiscard]] static std::unique_ptr<AsyncTransfer> sync(AsyncDevice& device,
+                                                           const PushSources& source,
+                                                           const std::string& target,
+                                                           const TransferOptions& options,
+                                                           Done done);
+  [[nodiscard]] static std::unique_ptr<AsyncTransfer> pull(AsyncDevice& device,
+                                                           const std::vector<std::string>& sources,
+                                                           const std::string& target,
+                                                           const TransferOptions& options,
+                                                           Done done);
+  /// Ends the transfer without calling its handler. Abandon or close the device first: its pending
+  /// requests refer to the transfer.
+  ~AsyncTransfer();
+  AsyncTransfer(const AsyncTransfer&) = delete;
+  AsyncTransfer& operator=(const AsyncTransfer&) = delete;
+
+  /// The request that removes what an unfinished transfer has left on the device, if any. Send it
+  /// on another connection.
+  [[nodiscard]] std::optional<Request> cleanUp() const;
+
+ private:
+  struct Data;
+  explicit AsyncTransfer(std::unique_ptr<Data> data);
+  std::unique_ptr<Data> data_;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_H_

@@ -40,7 +40,7 @@ class RUNEL_API Address {
   [[nodiscard]] const std::string& through() const;
   [[nodiscard]] bool isBehindMaster() const { return !through().empty(); }
 
-  /// The same device, whatever its name is.
+  /// The same device; names are not compared.
   [[nodiscard]] bool sameDevice(const Address& other) const;
 
  private:

@@ -57,7 +57,7 @@ class RUNEL_API Agent {
 
   /// Connects on the first call. Returns when the system has taken the clause.
   [[nodiscard]] Result<void> send(const std::string& clause);
-  /// The next clause of the master, waiting at most @p limit. Without a value when there was none.
+  /// The next clause of the master, waiting at most @p limit. Without a value after @p limit.
   [[nodiscard]] Result<std::optional<std::string>> receive(Milliseconds limit);
 
  private:

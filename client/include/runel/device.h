@@ -40,7 +40,7 @@ class RUNEL_API Device {
   Device(Device&& other) noexcept;
   Device& operator=(Device&& other) noexcept;
 
-  /// The checked tasks below are made of this one: the reply, whatever it says.
+  /// The unchecked reply. The tasks below check it.
   [[nodiscard]] Result<Reply> ask(const Request& request);
   /// Sends many requests without waiting for each answer; the replies in order. After a lost
   /// connection the rest of them is not `answered`. Nothing is repeated.

@@ -38,7 +38,7 @@ class RUNEL_API FleetOptions {
   FleetOptions& setMaxFailures(std::size_t devices);
   /// Starts no further device after the first failure; off by default.
   FleetOptions& setFailFast(bool on);
-  /// The limit for each attempt of each device. By default there is none.
+  /// The limit for each attempt of each device. Unlimited by default.
   FleetOptions& setDeadline(std::optional<Milliseconds> time);
   /// The timeouts and retries of each device.
   FleetOptions& setDevice(const DeviceOptions& options);

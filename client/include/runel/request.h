@@ -55,7 +55,7 @@ class RUNEL_API Request {
   [[nodiscard]] std::size_t replyLimit() const;
   /// False for "restart", which has no reply.
   [[nodiscard]] bool answered() const;
-  /// Whether it may be sent again when nobody knows whether it ran: see `repeatable`.
+  /// Whether it may be sent again when it is unknown whether it ran: see `repeatable`.
   [[nodiscard]] bool repeatable() const;
   /// The payload of its frame, as it is sent.
   [[nodiscard]] std::string encode() const;
@@ -82,7 +82,7 @@ enum class Status {
 /// The state of the program that a task was about. The numbers are those of the wire.
 enum class ProgramState { none = 0, running = 1, exited = 2, signalled = 3, timedOut = 4 };
 
-/// The reply to a request, or why there is none. Copies are cheap.
+/// The reply to a request, or the reason why it is missing. Copies are cheap.
 class RUNEL_API Reply {
  public:
   /// A successful reply without a text.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A value, or the error why there is none.
+// A value or an error.
 #ifndef RUNEL_RESULT_H_
 #define RUNEL_RESULT_H_
 

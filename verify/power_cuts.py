@@ -44,6 +44,7 @@ class Case:
     mount = DISK
     in_place = False
     fresh_daemon = False
+    replies = False
 
     def __init__(self, name, old, new):
         self.name, self.old, self.new = name, old, new
@@ -68,6 +69,8 @@ class Case:
 
 
 class TaskCase(Case):
+    replies = True
+
     def __init__(self, name, task, old, new, data=None, place=None):
         self.place = place
         super().__init__(name, old, new)
@@ -79,6 +82,7 @@ class TaskCase(Case):
 
     def trigger(self, session):
         expect(session.ask(request(self.task, self.argument(), self.data)) is not None, self.name)
+        session.quiet()  # the reply comes before its record
 
     def argument(self):
         return self.target
@@ -107,6 +111,7 @@ class HostsCase(Case):
         agent.close()
         bridge.read_to_end(HANG)  # the bridge ends with the agent
         session.forget(bridge)
+        session.quiet()
 
 
 class PidCase(Case):
@@ -198,6 +203,8 @@ def trace_of(session, case):
     case.trigger(session)
     session.state.end_trace()
     records = list(session.state.records())
+    expect(not case.replies or any(name == "sendmsg" for name, *_ in records),
+           f"{case.name}: the trace lacks the reply")
     session.put_down(case)
     return records
 

@@ -135,6 +135,8 @@ class State:
         shared.pausing, shared.tracing = int(pausing), 1
 
     def end_trace(self):
+        """Call it when the daemon has made its calls, because a record comes after its effect."""
+        assert self.shared.tracing, "the trace is full"
         self.shared.pausing = self.shared.tracing = 0
 
     def records(self):

@@ -34,15 +34,21 @@ int verify_is_traced(long call) {
   }
 }
 
+enum { kPauseNs = 20000, kRecordDelayNs = 2000000 };
+
+static void sleep_for(long nanoseconds) {
+  const struct timespec time = {0, nanoseconds};
+  verify_raw(SYS_nanosleep, (long)&time, 0, 0, 0, 0, 0);
+}
+
 void verify_before_traced(struct State* state) {
   if (!state->pausing) {
     return;
   }
   const uint32_t here = __atomic_add_fetch(&state->stopped, 1, __ATOMIC_SEQ_CST);
-  const struct timespec moment = {0, 20000};
   while (__atomic_load_n(&state->resumed, __ATOMIC_SEQ_CST) < here &&
          __atomic_load_n(&state->pausing, __ATOMIC_SEQ_CST)) {
-    verify_raw(SYS_nanosleep, (long)&moment, 0, 0, 0, 0, 0);
+    sleep_for(kPauseNs);
   }
 }
 
@@ -81,7 +87,10 @@ static struct Bytes second_of(long call, const long* a) {
   return call == SYS_renameat ? text(a[3]) : (struct Bytes){"", 0};
 }
 
+// The effect of a call, such as a reply, is visible before its record. The delay makes a harness
+// that does not wait for the record fail every time instead of by chance.
 void verify_trace(struct State* state, long call, const long* arguments, long result) {
+  sleep_for(kRecordDelayNs);
   const struct Bytes first = first_of(call, arguments, result);
   const struct Bytes second = second_of(call, arguments);
   struct TraceRecord record = {(uint32_t)call, 0, {0, 0, 0, 0}, result, first.size, second.size};

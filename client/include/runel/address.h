@@ -32,12 +32,15 @@ class RUNEL_API Address {
   /// The same address with another @p name.
   [[nodiscard]] Address named(const std::string& name) const;
 
+  /// The name in messages and reports.
   [[nodiscard]] const std::string& name() const;
   /// Empty for a device behind a master.
   [[nodiscard]] const std::string& host() const;
+  /// The TCP port. Without a meaning for a device behind a master.
   [[nodiscard]] std::uint16_t port() const;
   /// Its name at the master, without the '@'; empty for all others.
   [[nodiscard]] const std::string& through() const;
+  /// Whether a running `runelctl master` passes the requests on.
   [[nodiscard]] bool isBehindMaster() const { return !through().empty(); }
 
   /// The same device; names are not compared.

@@ -20,7 +20,9 @@ inline namespace v1 {
 /// to its master after the first clause, and keeps clauses until then.
 class RUNEL_API AsyncAgent {
  public:
+  /// The functions that an agent calls. Both must be set.
   struct Handlers {
+    /// A clause of the master has arrived.
     std::function<void(const std::string& clause)> clause;
     /// The connection ended or could not be made. Called once. May destroy the agent.
     std::function<void(const Error& error)> end;
@@ -52,8 +54,11 @@ class RUNEL_API Agent {
   explicit Agent(const std::string& address = "127.0.0.1",
                  Milliseconds timeout = Milliseconds(30000));
   ~Agent();
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
   Agent(Agent&& other) noexcept;
   Agent& operator=(Agent&& other) noexcept;
+  ///@}
 
   /// Connects on the first call. Returns when the system has taken the clause.
   [[nodiscard]] Result<void> send(const std::string& clause);

@@ -20,8 +20,11 @@ inline namespace v1 {
 class RUNEL_API DeviceOptions {
  public:
   DeviceOptions();
+  ///@{
+  /// A copy with its own settings.
   DeviceOptions(const DeviceOptions& other);
   DeviceOptions& operator=(const DeviceOptions& other);
+  ///@}
   ~DeviceOptions();
 
   /// The limit for connecting, 10 s by default.
@@ -37,11 +40,14 @@ class RUNEL_API DeviceOptions {
   /// times by default. Used by `Device` and `Fleet`; an `AsyncDevice` never repeats.
   DeviceOptions& setRetries(int times, Milliseconds pause = Milliseconds(200));
 
+  ///@{
+  /// The current setting.
   [[nodiscard]] Milliseconds connectTimeout() const;
   [[nodiscard]] Milliseconds timeout() const;
   [[nodiscard]] const std::string& masterSocket() const;
   [[nodiscard]] int retries() const;
   [[nodiscard]] Milliseconds retryPause() const;
+  ///@}
 
  private:
   struct Data;
@@ -82,9 +88,12 @@ class RUNEL_API AsyncDevice {
   /// Calls @p tap with each received payload.
   void setTap(Tap tap);
 
+  ///@{
+  /// As given to the constructor.
   [[nodiscard]] const Address& address() const;
   [[nodiscard]] const DeviceOptions& options() const;
   [[nodiscard]] Loop& loop() const;
+  ///@}
   /// The number of requests without a reply.
   [[nodiscard]] std::size_t pending() const;
   /// The number of bytes that are not sent yet.

@@ -23,8 +23,11 @@ inline namespace v1 {
 class RUNEL_API MasterOptions {
  public:
   MasterOptions();
+  ///@{
+  /// A copy with its own settings.
   MasterOptions(const MasterOptions& other);
   MasterOptions& operator=(const MasterOptions& other);
+  ///@}
   ~MasterOptions();
 
   /// The listening address, 127.0.0.1:5112 by default. Port 0 lets the system choose.
@@ -50,17 +53,30 @@ class RUNEL_API MasterOptions {
 /// 1970.
 class RUNEL_API DeviceInfo {
  public:
+  /// Its name at this master, as in its events.
   [[nodiscard]] const std::string& name() const;
+  /// Its host identifier.
   [[nodiscard]] const std::string& hostid() const;
+  /// "controller", "server" or "unknown".
   [[nodiscard]] const std::string& deviceType() const;
+  ///@{
+  /// The IPv4 address and the port at the other end of its task connection.
   [[nodiscard]] const std::string& host() const;
   [[nodiscard]] std::uint16_t port() const;
+  ///@}
+  /// When its task connection was accepted.
   [[nodiscard]] std::int64_t connectedSince() const;
+  /// When this master saw the device for the first time.
   [[nodiscard]] std::int64_t firstSeen() const;
+  ///@{
+  /// How often it connected, and how often its task connection was lost.
   [[nodiscard]] std::uint64_t connects() const;
   [[nodiscard]] std::uint64_t losses() const;
+  ///@}
   [[nodiscard]] std::int64_t lastLoss() const;  ///< 0 before the first loss
+  /// Empty before the first loss.
   [[nodiscard]] const std::string& lastLossReason() const;
+  /// The number of requests that were sent to it.
   [[nodiscard]] std::uint64_t requests() const;
   [[nodiscard]] std::uint64_t bytesToDevice() const;    ///< of payloads
   [[nodiscard]] std::uint64_t bytesFromDevice() const;  ///< of payloads
@@ -80,6 +96,7 @@ class RUNEL_API DeviceInfo {
 /// connection only when it cannot be a bridge.
 class RUNEL_API AsyncMaster {
  public:
+  /// Receives each event of the master, in order.
   using Handler = std::function<void(const MasterEvent& event)>;
 
   /// The loop must outlive the master. @p handler may destroy the master.

@@ -35,10 +35,14 @@ class RUNEL_API Device {
   /// Malformed text fails in the first call. Looks up host names with the system, which may take
   /// seconds.
   explicit Device(const std::string& address, DeviceOptions options = DeviceOptions());
+  /// The device at @p address.
   explicit Device(Address address, DeviceOptions options = DeviceOptions());
   ~Device();
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
   Device(Device&& other) noexcept;
   Device& operator=(Device&& other) noexcept;
+  ///@}
 
   /// The unchecked reply. The tasks below check it.
   [[nodiscard]] Result<Reply> ask(const Request& request);
@@ -101,6 +105,7 @@ class RUNEL_API Device {
 
   // The device.
 
+  /// The host identifier, empty if the device has none.
   [[nodiscard]] Result<std::string> hostid();
   /// "controller", "server" or "unknown".
   [[nodiscard]] Result<std::string> deviceType();
@@ -118,9 +123,11 @@ class RUNEL_API Device {
 
   // Files and trees of any size: see runel/transfer.h.
 
+  /// Copies local files and directories to @p target on the device.
   [[nodiscard]] Result<TransferReport> push(const std::vector<std::string>& sources,
                                             const std::string& target,
                                             const TransferOptions& options = TransferOptions());
+  /// Copies files and directories of the device to the local @p target.
   [[nodiscard]] Result<TransferReport> pull(const std::vector<std::string>& sources,
                                             const std::string& target,
                                             const TransferOptions& options = TransferOptions());
@@ -128,6 +135,7 @@ class RUNEL_API Device {
   [[nodiscard]] Result<TransferReport> sync(const std::string& source, const std::string& target,
                                             const TransferOptions& options = TransferOptions());
 
+  /// As given to the constructor; for malformed text, with that text as its name.
   [[nodiscard]] const Address& address() const;
 
  private:

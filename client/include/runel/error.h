@@ -56,12 +56,16 @@ enum class Cause {
 /// One failure, as a value. Copies are cheap and may be used in any thread.
 class RUNEL_API Error {
  public:
+  /// @p text is one sentence without the name of the device, @p number an errno value or 0.
   Error(Kind kind, Cause cause, std::string text, int number = 0);
   /// The failure of a system call of this host with the file @p name and the errno @p number.
   [[nodiscard]] static Error local(const std::string& name, int number);
 
+  /// Where it happened.
   [[nodiscard]] Kind kind() const;
+  /// The reason in more detail.
   [[nodiscard]] Cause cause() const;
+  /// Whether the task ran.
   [[nodiscard]] Outcome outcome() const;
   /// A Linux errno value: the device's own for `Kind::device`, else this host's; 0 for none.
   [[nodiscard]] int number() const;

@@ -15,6 +15,7 @@ inline namespace v1 {
 /// Something that happened at a master. Copies are cheap.
 class RUNEL_API MasterEvent {
  public:
+  /// What happened. New types may come with new versions: ignore an unknown one.
   enum class Type {
     connected,       ///< a device has connected and told its identity; it accepts tasks
     lost,            ///< the task connection of a device ended
@@ -26,15 +27,21 @@ class RUNEL_API MasterEvent {
     problem,         ///< connections cannot be accepted; `text` says why
   };
 
+  /// What happened.
   [[nodiscard]] Type type() const;
   /// The device's name at this master: its host identifier; or, if it is empty, unusable or taken,
   /// its address. Empty while it is unknown.
   [[nodiscard]] const std::string& device() const;
+  ///@{
+  /// As the device has told. Empty while it is unknown.
   [[nodiscard]] const std::string& hostid() const;
   [[nodiscard]] const std::string& deviceType() const;
-  /// The IPv4 address and the port of the connection.
+  ///@}
+  ///@{
+  /// The IPv4 address and the port at the other end of the connection.
   [[nodiscard]] const std::string& host() const;
   [[nodiscard]] std::uint16_t port() const;
+  ///@}
   /// The clause of `clause`; the reason of `lost`, `refused`, `additionalLost` and `problem`.
   [[nodiscard]] const std::string& text() const;
   /// For `additionalLost`: it was the bridge of an agent.

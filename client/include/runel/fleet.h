@@ -25,8 +25,11 @@ inline namespace v1 {
 class RUNEL_API FleetOptions {
  public:
   FleetOptions();
+  ///@{
+  /// A copy with its own settings.
   FleetOptions(const FleetOptions& other);
   FleetOptions& operator=(const FleetOptions& other);
+  ///@}
   ~FleetOptions();
 
   /// The number of devices in parallel, 32 by default, at least 1.
@@ -51,9 +54,9 @@ class RUNEL_API FleetOptions {
 
 /// The result of one device: its reply, or the error of its job.
 struct FleetResult {
-  std::string name;
-  Result<Reply> reply;
-  int attempts = 0;
+  std::string name;     ///< of its address
+  Result<Reply> reply;  ///< of the last attempt
+  int attempts = 0;     ///< 1 without a retry
 };
 
 /// The results of a fleet.
@@ -82,6 +85,7 @@ class RUNEL_API AsyncFleet {
   using Finish = std::function<void(Result<Reply> result)>;
   /// Starts the job on @p device, which lives until `Finish` is called, its deadline, or `cancel`.
   using Job = std::function<void(AsyncDevice& device, Finish finish)>;
+  /// The functions that a fleet calls.
   struct Handlers {
     /// One device has ended, after its retries. May be empty.
     std::function<void(const FleetResult& result)> finished;
@@ -114,8 +118,11 @@ class RUNEL_API Fleet {
   explicit Fleet(const std::vector<std::string>& devices,
                  const FleetOptions& options = FleetOptions());
   ~Fleet();
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
   Fleet(Fleet&& other) noexcept;
   Fleet& operator=(Fleet&& other) noexcept;
+  ///@}
 
   /// Sends the same request to all. A failed task makes its device fail.
   [[nodiscard]] FleetReport run(const Request& request);

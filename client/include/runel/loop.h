@@ -19,12 +19,14 @@
 namespace runel {
 inline namespace v1 {
 
+/// The clock of all deadlines: it never jumps.
 using Clock = std::chrono::steady_clock;
 
 /// Identifies a timer by its due time and a number. Number 0 is no timer.
 struct Timer {
-  Clock::time_point due;
-  std::uint64_t id = 0;
+  Clock::time_point due;  ///< when it expires
+  std::uint64_t id = 0;   ///< unique within its loop
+  /// By due time, then in the order of their creation.
   bool operator<(const Timer& other) const {
     return due != other.due ? due < other.due : id < other.id;
   }
@@ -37,7 +39,9 @@ struct Timer {
 /// `step` when it is readable and when `deadline` has come. All operations are idempotent.
 class RUNEL_API Loop {
  public:
+  /// Receives the pending events of a descriptor: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
   using Ready = std::function<void(std::uint32_t events)>;
+  /// A timer's or a deferred call.
   using Call = std::function<void()>;
 
   Loop();
@@ -62,6 +66,7 @@ class RUNEL_API Loop {
 
   /// Handles events until `stop`.
   void run();
+  /// Makes `run` return after the current handler. May be called before `run`.
   void stop();
   /// Runs one step, waiting at most @p limit for events.
   void turn(Milliseconds limit);

@@ -24,18 +24,24 @@ inline namespace v1 {
 /// least every few seconds. Use one object in one thread at a time.
 class RUNEL_API Master {
  public:
+  /// Does not open the port yet.
   explicit Master(const MasterOptions& options = MasterOptions());
   ~Master();
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
   Master(Master&& other) noexcept;
   Master& operator=(Master&& other) noexcept;
+  ///@}
 
   /// Opens the port. Fails with `Kind::local`.
   [[nodiscard]] Result<void> open();
+  /// The listening port.
   [[nodiscard]] std::uint16_t port() const;
 
   /// Waits until @p count devices are connected, at most @p limit. Fails with `Kind::timeout`.
   [[nodiscard]] Result<std::vector<DeviceInfo>> waitForDevices(std::size_t count,
                                                                Milliseconds limit);
+  /// The connected devices that have told their identity.
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
 
   /// The reply of the device @p name to @p request.

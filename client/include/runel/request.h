@@ -19,6 +19,7 @@
 namespace runel {
 inline namespace v1 {
 
+/// The unit of all timeouts.
 using Milliseconds = std::chrono::milliseconds;
 
 /// A task and its arguments, which are bytes: names of files need not be UTF-8. The tasks and their
@@ -34,10 +35,16 @@ class RUNEL_API Request {
   /// background.
   [[nodiscard]] static Request exec(std::vector<std::string> argv, int limit);
 
+  ///@{
+  /// An independent copy.
   Request(const Request& other);
   Request& operator=(const Request& other);
+  ///@}
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
   Request(Request&& other) noexcept;
   Request& operator=(Request&& other) noexcept;
+  ///@}
   ~Request();
 
   /// Adds @p time to the I/O timeout of the device while this request runs; without a value there
@@ -48,11 +55,15 @@ class RUNEL_API Request {
   /// little more than its status, and 256 MiB for all others.
   Request& setReplyLimit(std::size_t bytes);
 
+  /// The task and its arguments, without a content that was given apart.
   [[nodiscard]] const std::vector<std::string>& words() const;
   /// The limit of an "exec" in seconds, 0 for another task.
   [[nodiscard]] int execLimit() const;
+  ///@{
+  /// The current setting.
   [[nodiscard]] std::optional<Milliseconds> extraTimeout() const;
   [[nodiscard]] std::size_t replyLimit() const;
+  ///@}
   /// False for "restart", which has no reply.
   [[nodiscard]] bool answered() const;
   /// Whether it may be sent again when it is unknown whether it ran: see `repeatable`.
@@ -97,10 +108,13 @@ class RUNEL_API Reply {
   /// Whether the task succeeded.
   [[nodiscard]] bool ok() const;
 
+  /// The text or content that the task returned; for a failure, the device's message.
   [[nodiscard]] const std::string& output() const;
   /// Moves the output out of this copy of the reply.
   [[nodiscard]] std::string takeOutput();
+  /// The status of the task.
   [[nodiscard]] Status status() const;
+  /// The state of its program.
   [[nodiscard]] ProgramState state() const;
   /// The exit status of a program; 1 for another failure; -1 when a signal ended the program.
   [[nodiscard]] int result() const;

@@ -15,20 +15,27 @@ inline namespace v1 {
 template <typename Value>
 class [[nodiscard]] Result {
  public:
+  /// A success.
   Result(Value value) : value_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  /// A failure.
   Result(Error error) : error_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
+  ///@{
+  /// Whether it is a success.
   [[nodiscard]] bool ok() const { return value_.has_value(); }
   explicit operator bool() const { return ok(); }
+  ///@}
 
-  /// Only when it is `ok`.
+  ///@{
+  /// The value. Only when it is `ok`.
   [[nodiscard]] Value& operator*() & { return *value_; }
   [[nodiscard]] const Value& operator*() const& { return *value_; }
   [[nodiscard]] Value&& operator*() && { return *std::move(value_); }
   [[nodiscard]] Value* operator->() { return &*value_; }
   [[nodiscard]] const Value* operator->() const { return &*value_; }
+  ///@}
 
-  /// Only when it is not `ok`.
+  /// The reason of the failure. Only when it is not `ok`.
   [[nodiscard]] const Error& error() const { return *error_; }
 
  private:
@@ -40,12 +47,17 @@ class [[nodiscard]] Result {
 template <>
 class [[nodiscard]] Result<void> {
  public:
+  /// A success.
   Result() = default;
+  /// A failure.
   Result(Error error) : error_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
+  ///@{
+  /// Whether it is a success.
   [[nodiscard]] bool ok() const { return !error_; }
   explicit operator bool() const { return ok(); }
-  /// Only when it is not `ok`.
+  ///@}
+  /// The reason of the failure. Only when it is not `ok`.
   [[nodiscard]] const Error& error() const { return *error_; }
 
  private:

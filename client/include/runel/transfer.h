@@ -20,19 +20,22 @@
 namespace runel {
 inline namespace v1 {
 
-/// The progress of a transfer. `done` and `total` are bytes.
+/// The progress of a transfer.
 struct Progress {
-  std::uint64_t done = 0;
-  std::uint64_t total = 0;
-  std::string name;  ///< of the file in transfer, without its directory
+  std::uint64_t done = 0;   ///< in bytes
+  std::uint64_t total = 0;  ///< in bytes
+  std::string name;         ///< of the file in transfer, without its directory
 };
 
 /// The options of all transfers. Copies are cheap.
 class RUNEL_API TransferOptions {
  public:
   TransferOptions();
+  ///@{
+  /// A copy with its own settings.
   TransferOptions(const TransferOptions& other);
   TransferOptions& operator=(const TransferOptions& other);
+  ///@}
   ~TransferOptions();
 
   /// Copies directories with all that is in them; off by default. A sync always does.
@@ -53,6 +56,8 @@ class RUNEL_API TransferOptions {
   /// Calls @p progress after each file and each piece.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);
 
+  ///@{
+  /// The current setting.
   [[nodiscard]] bool recursive() const;
   [[nodiscard]] bool resume() const;
   [[nodiscard]] bool checksum() const;
@@ -60,6 +65,7 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] bool intoDirectory() const;
   [[nodiscard]] std::size_t memory() const;
   [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
+  ///@}
 
  private:
   struct Data;
@@ -115,7 +121,8 @@ class RUNEL_API AsyncTransfer {
   /// Called once, never within the call that started the transfer. It may destroy the transfer.
   using Done = std::function<void(TransferReport report)>;
 
-  /// Each starts at once. The device must outlive the transfer.
+  ///@{
+  /// Starts a transfer at once. The device must outlive it.
   [[nodiscard]] static std::unique_ptr<AsyncTransfer> push(AsyncDevice& device,
                                                            const PushSources& sources,
                                                            const std::string& target,
@@ -131,6 +138,7 @@ class RUNEL_API AsyncTransfer {
                                                            const std::string& target,
                                                            const TransferOptions& options,
                                                            Done done);
+  ///@}
   /// Ends the transfer without calling its handler. Abandon or close the device first: its pending
   /// requests refer to the transfer.
   ~AsyncTransfer();

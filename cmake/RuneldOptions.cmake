@@ -28,11 +28,15 @@ if(RUNELD_COVERAGE)
   target_link_options(runeld_options INTERFACE --coverage)
 endif()
 
-# Adds a static library of the tree: its sources, the options above, and the libraries it depends
-# on.
+# Adds a library of the tree: its sources, the options above, and the libraries it depends on. It is
+# static, or with OBJECT a part of the libraries that link it.
 function(runeld_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
-  add_library(${name} STATIC ${ARG_SOURCES})
+  cmake_parse_arguments(ARG "OBJECT" "" "SOURCES;LINK" ${ARGN})
+  set(kind STATIC)
+  if(ARG_OBJECT)
+    set(kind OBJECT)
+  endif()
+  add_library(${name} ${kind} ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC
     "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/lib" "${PROJECT_SOURCE_DIR}/include")
   target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // The prompt, compared with a model of its rules. The first byte of the input is the number of
 // bytes that every program writes. The rest are the packets, separated by zero bytes.
-#include <set>
+#include <map>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <unistd.h>
+
+#include <zell/led_control.h>
+#include <zell/slave_proxy_local.h>
 
 #include "connections/plain_slave.h"
 #include "fakes/zell/fake_zell.h"
@@ -64,9 +67,20 @@ struct Command {
   std::string args;
 };
 
+// The words of @p text with one blank between them.
+std::string spaced(const std::string& text) {
+  std::istringstream in(text);
+  std::string all;
+  for (std::string word; in >> word;) {
+    all += (all.empty() ? "" : " ") + word;
+  }
+  return all;
+}
+
 // The device operation that @p command calls. Empty for most commands.
 std::string callFor(const Command& command) {
-  static const std::set<std::string> kStyles = {"off", "on", "slow", "fast", "alternate"};
+  static const std::map<std::string, std::string> kStyles = {
+      {"off", "0 0"}, {"on", "1 1"}, {"slow", "1 1"}, {"fast", "1 1"}, {"alternate", "1 0"}};
   if (command.line.empty() || command.word == "version" || command.word == "quit") {
     return "";
   }
@@ -74,12 +88,13 @@ std::string callFor(const Command& command) {
     return "kill";
   }
   if (command.word == "syscall") {
-    return "blinkLeds " + (kStyles.count(command.args) != 0 ? command.args : "unknown");
+    const auto style = kStyles.find(command.args);
+    return style == kStyles.end() ? "" : "setLeds " + style->second;
   }
   if (command.word == "exec") {
-    return "execLine " + command.args + " | 300";
+    return "exec " + spaced(command.args) + " | 300";
   }
-  return "system " + (command.word == "shell" ? command.args : command.line) + " | 0";
+  return "exec /bin/sh -c " + (command.word == "shell" ? command.args : command.line) + " | 0";
 }
 
 // The error that the client receives first.
@@ -103,7 +118,7 @@ class Model {
     }
     const std::string call = callFor(command);
     const std::string error = errorFor(command);
-    if (call.compare(0, 4, "exec") == 0 || call.compare(0, 6, "system") == 0) {
+    if (call.compare(0, 4, "exec") == 0) {
       last_ = error.empty() ? output_ : "";
     }
     return error + lines(last_) + prompt;
@@ -125,12 +140,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string output = input.substr(0, length);
   Model model(output);
   zell::PlainSlave slave(kSockets.near());
+  const zell::SlaveProxyLocal driver;
+  zell::LedControl::instance().initialize(&driver);
   std::istringstream packets(input);
   for (std::string packet; std::getline(packets, packet, '\0');) {
     const Command command(packet);
     device.calls.clear();
-    device.programs[command.line].output = output;
-    device.programs[command.args].output = output;
+    device.programs["/bin/sh -c " + command.line].output = output;
+    device.programs["/bin/sh -c " + command.args].output = output;
+    device.programs[spaced(command.args)].output = output;
     const std::string call = callFor(command);
     slave.handleMessage(packet);
     require(kSockets.received() == model.answerTo(command));

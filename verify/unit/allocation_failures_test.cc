@@ -64,7 +64,6 @@ class AllocationFailureTest : public AgentCase {
   void forget() {
     log.clear();
     std::vector<std::string>().swap(device.calls);
-    std::vector<const SlaveProxy*>().swap(device.ledProxies);
   }
 };
 
@@ -103,7 +102,7 @@ TEST_F(AllocationFailureTest, WhatIsStoredIsWhole) {
   int stored = 0;
   device.onCall = [&](const std::string& call) {
     const bool stores = call.rfind("writeFile", 0) == 0 || call.rfind("appendFile", 0) == 0 ||
-                        call.rfind("updateUmState", 0) == 0;
+                        call.rfind("storeUmState", 0) == 0;
     stored += stores ? 1 : 0;
     EXPECT_TRUE(!stores || call.substr(call.size() - content.size()) == content) << call;
   };

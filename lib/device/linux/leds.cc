@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "device/linux/leds.h"
+#include "device/common/leds.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +14,7 @@
 namespace zell {
 namespace {
 
-// The files of one LED in the kernel's LED class.
+// The files of one LED in the kernel's LED class, in a directory from the build options.
 struct Led {
   const char* trigger;
   const char* maxBrightness;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "device/linux/program_runner.h"
+#include "device/common/program_runner.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 
 #include "base/unique_fd.h"
+#include "device/linux/child_process.h"
 #include "device/linux/paths.h"
 #include "device/linux/program_output.h"
 #include "device/linux/program_watch.h"
@@ -17,14 +18,13 @@ namespace zell {
 namespace {
 
 using Status = SlaveStatus;
-using State = WatchProcessState_t;
 
 ResultStatus failed(int error) {
-  return {Status::failure, State::none, 1, error, 0};
+  return {Status::failure, WatchProcessState_t::none, 1, error, 0};
 }
 
 ResultStatus signalled(Status::Type status, int waitStatus) {
-  return {status, State::signalled, -1, 0, WTERMSIG(waitStatus)};
+  return {status, WatchProcessState_t::signalled, -1, 0, WTERMSIG(waitStatus)};
 }
 
 // The outcome of a program that ended by itself.
@@ -36,13 +36,14 @@ ResultStatus ended(std::optional<int> end) {
     return signalled(Status::failure, *end);
   }
   const int exitStatus = WEXITSTATUS(*end);
-  return {exitStatus == 0 ? Status::success : Status::failure, State::exited, exitStatus, 0, 0};
+  return {exitStatus == 0 ? Status::success : Status::failure, WatchProcessState_t::exited,
+          exitStatus, 0, 0};
 }
 
 // The outcome of a program that was stopped at its time limit.
 ResultStatus timedOut(std::optional<int> end) {
   const int signal = end && WIFSIGNALED(*end) ? WTERMSIG(*end) : 0;
-  return {Status::timeout, State::timedOut, -1, ETIMEDOUT, signal};
+  return {Status::timeout, WatchProcessState_t::timedOut, -1, ETIMEDOUT, signal};
 }
 
 // The outcome of a program that was stopped on request. The request succeeded.
@@ -53,7 +54,7 @@ ResultStatus stopped(std::optional<int> end) {
   if (WIFSIGNALED(*end)) {
     return signalled(Status::success, *end);
   }
-  return {Status::success, State::exited, WEXITSTATUS(*end), 0, 0};
+  return {Status::success, WatchProcessState_t::exited, WEXITSTATUS(*end), 0, 0};
 }
 
 ProgramWatch::Clock::time_point deadlineIn(int limit) {
@@ -61,19 +62,8 @@ ProgramWatch::Clock::time_point deadlineIn(int limit) {
                     : ProgramWatch::Clock::now() + std::chrono::seconds(limit);
 }
 
-}  // namespace
-
-ResultStatus ProgramRunner::run(const std::vector<std::string>& argv, int limit) {
-  output_ = std::string();  // also releases the memory of a long output
-  background_.forget();
-  if (argv.empty() || std::any_of(argv.begin(), argv.end(), hasZeroByte)) {
-    return failed(EINVAL);
-  }
-  return limit < 0 ? leaveRunning(argv) : runAndWait(argv, limit);
-}
-
-ResultStatus ProgramRunner::runAndWait(const std::vector<std::string>& argv, int limit) {
-  ProgramOutput pipe(output_);
+ResultStatus runAndWait(const std::vector<std::string>& argv, int limit, std::string& output) {
+  ProgramOutput pipe(output);
   UniqueFd writing;
   if (const int error = pipe.open(writing)) {
     return failed(error);
@@ -92,28 +82,59 @@ ResultStatus ProgramRunner::runAndWait(const std::vector<std::string>& argv, int
   return inTime ? ended(program.reap()) : timedOut(program.reap());
 }
 
-ResultStatus ProgramRunner::leaveRunning(const std::vector<std::string>& argv) {
+ResultStatus leaveRunning(const std::vector<std::string>& argv, ChildProcess& background) {
   const UniqueFd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   if (!nowhere.valid()) {
     return failed(errno);
   }
-  if (const int error = background_.start(argv, nowhere.get())) {
+  if (const int error = background.start(argv, nowhere.get())) {
     return failed(error);
   }
-  return {Status::running, State::running, 0, 0, 0};
+  return {Status::running, WatchProcessState_t::running, 0, 0, 0};
+}
+
+}  // namespace
+
+struct ProgramRunner::State {
+  std::string output;
+  ChildProcess background;
+};
+
+ProgramRunner::ProgramRunner() : state_(std::make_unique<State>()) {}
+
+ProgramRunner::~ProgramRunner() = default;
+
+ResultStatus ProgramRunner::run(const std::vector<std::string>& argv, int limit) {
+  state_->output = std::string();  // also releases the memory of a long output
+  state_->background.forget();
+  if (argv.empty() || std::any_of(argv.begin(), argv.end(), hasZeroByte)) {
+    return failed(EINVAL);
+  }
+  return limit < 0 ? leaveRunning(argv, state_->background)
+                   : runAndWait(argv, limit, state_->output);
 }
 
 ResultStatus ProgramRunner::kill() {
+  ChildProcess& background = state_->background;
   // The end of a program that ended before stays available to `wait`.
-  if (!background_.held() || background_.hasEnded()) {
+  if (!background.held() || background.hasEnded()) {
     return failed(ESRCH);
   }
-  ProgramWatch(background_, nullptr).stop();
-  return stopped(background_.reap());
+  ProgramWatch(background, nullptr).stop();
+  return stopped(background.reap());
 }
 
 ResultStatus ProgramRunner::wait() {
-  return background_.held() ? ended(background_.reap()) : failed(ECHILD);
+  ChildProcess& background = state_->background;
+  return background.held() ? ended(background.reap()) : failed(ECHILD);
+}
+
+const std::string& ProgramRunner::output() const {
+  return state_->output;
+}
+
+void reapForgottenPrograms() noexcept {
+  ChildProcess::reapForgotten();
 }
 
 }  // namespace zell

@@ -13,14 +13,12 @@
 #include <zell/file_tree_walker.h>
 #include <zell/slave_task.h>
 
-#include "base/stream_view.h"
 #include "base/system.h"
 #include "device/linux/directory_names.h"
 #include "device/linux/file_io.h"
 #include "device/linux/host_id.h"
 #include "device/linux/paths.h"
 #include "device/linux/process_list.h"
-#include "device/linux/program_runner.h"
 #include "device/linux/tree_walk.h"
 #include "protocol/protocol.h"
 
@@ -39,16 +37,6 @@ int addExecutePermission(const char* path) {
 
 SlaveProxyLocal::SlaveProxyLocal() = default;
 SlaveProxyLocal::~SlaveProxyLocal() = default;
-
-bool SlaveProxyLocal::kill() {
-  setResultStatus(programs().kill());
-  return resultStatus().status == SlaveStatus::success;
-}
-
-bool SlaveProxyLocal::wait() {
-  setResultStatus(programs().wait());
-  return resultStatus().status == SlaveStatus::success;
-}
 
 std::string SlaveProxyLocal::hostId() {
   (void)finish(0);
@@ -108,23 +96,6 @@ bool SlaveProxyLocal::readDir(const std::string& path, std::vector<std::string>&
   return finish(readNames(path, entries));
 }
 
-bool SlaveProxyLocal::readFile(const std::string& path, std::istringstream& content) {
-  std::string text;
-  const bool done = readFile(path, text);
-  if (done) {
-    content.str(text);
-  }
-  return done;
-}
-
-bool SlaveProxyLocal::writeFile(const std::string& path, const std::ostringstream& data) {
-  return writeFile(path, viewOf(data));
-}
-
-bool SlaveProxyLocal::appendFile(const std::string& path, const std::ostringstream& data) {
-  return appendFile(path, viewOf(data));
-}
-
 bool SlaveProxyLocal::processRunning(const std::string& name) {
   return finish(findProcess(name));
 }
@@ -151,11 +122,6 @@ bool SlaveProxyLocal::freeBlocks(const std::string& path, std::uint64_t& blocks)
     blocks = fs.f_bavail;
   }
   return finish(error);
-}
-
-bool SlaveProxyLocal::changeLeds(bool first, bool second) {
-  endBlink();
-  return finish(driveLeds(first, second));
 }
 
 bool SlaveProxyLocal::readFile(const std::string& path, std::string& content) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "device/linux/um_state.h"
+#include "device/common/um_state.h"
 
 #include <algorithm>
 #include <cerrno>

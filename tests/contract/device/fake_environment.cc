@@ -12,7 +12,7 @@ FakeDevice& device() {
 }
 
 std::string programWith(const std::string& line, const FakeProgram& program) {
-  device().programs[line] = program;
+  device().programs["/bin/sh -c " + line] = program;
   return line;
 }
 
@@ -51,7 +51,9 @@ std::string programThatSleeps() {
 }
 
 std::string missingProgram() {
-  return programWith("/no/such/program", {"", failure(ENOENT)});
+  const std::string path = "/no/such/program";
+  device().programs[path] = {"", failure(ENOENT)};
+  return path;
 }
 
 std::string runningProcess() {

@@ -5,15 +5,24 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "fakes/zell/fake_program_runner.h"
+#include <zell/slave_proxy.h>
 
-namespace zell::test {
+#include "device/common/leds.h"
+#include "device/common/um_state.h"
+
+namespace zell {
+namespace test {
 namespace {
 
 std::vector<FakeProxy*>& registry() {
   static std::vector<FakeProxy*> proxies;
   return proxies;
 }
+
+// Access to the LED controller, which outlives the devices of all tests.
+struct Leds : SlaveProxy {
+  using SlaveProxy::endBlink;
+};
 
 }  // namespace
 
@@ -24,6 +33,24 @@ ResultStatus failure(int error) {
 FakeDevice& FakeDevice::instance() {
   static FakeDevice device;
   return device;
+}
+
+void FakeDevice::reset() {
+  *this = FakeDevice();
+  Leds::endBlink();
+}
+
+void FakeDevice::record(const std::string& call) {
+  calls.push_back(call);
+  if (onCall) {
+    onCall(call);
+  }
+}
+
+int FakeDevice::errorOf(const std::string& name, int otherwise) {
+  const auto& failures = instance().failures;
+  const auto found = failures.find(name);
+  return found == failures.end() ? otherwise : found->second;
 }
 
 FakeProxy::FakeProxy() {
@@ -47,23 +74,32 @@ FakeProxy& FakeProxy::newest() {
   return *registry().back();
 }
 
-}  // namespace zell::test
-
-namespace zell {
-
-void ProgramRunner::record(const std::string& call) {
-  test::FakeDevice& device = test::FakeDevice::instance();
-  device.calls.push_back(call);
-  fake.calls.push_back(call);
-  if (device.onCall) {
-    device.onCall(call);
-  }
+void FakeProxy::record(const std::string& call) {
+  calls.push_back(call);
+  FakeDevice::instance().record(call);
 }
 
-int ProgramRunner::errorOf(const std::string& name, int otherwise) {
-  const auto& failures = test::FakeDevice::instance().failures;
-  const auto found = failures.find(name);
-  return found == failures.end() ? otherwise : found->second;
+}  // namespace test
+
+int setLeds(bool first, bool second) noexcept {
+  test::FakeDevice& device = test::FakeDevice::instance();
+  device.record(std::string("setLeds ") + (first ? "1 " : "0 ") + (second ? "1" : "0"));
+  const int error = test::FakeDevice::errorOf("setLeds");
+  if (error == 0) {
+    device.firstLed = first;
+    device.secondLed = second;
+  }
+  return error;
+}
+
+int storeUmState(const std::string& key, std::string_view state) {
+  test::FakeDevice& device = test::FakeDevice::instance();
+  device.record("storeUmState " + key + " " + std::string(state));
+  const int error = test::FakeDevice::errorOf("storeUmState");
+  if (error == 0) {
+    device.files["/var/lib/runeld/umstate/" + key] = state;
+  }
+  return error;
 }
 
 }  // namespace zell

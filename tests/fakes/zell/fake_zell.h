@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A fake device support library: records the operations and returns what the test sets.
+// A fake of the system's part of the device support library: records the operations and returns
+// what the test sets. The portable part is the real one.
 #ifndef TESTS_FAKES_ZELL_FAKE_ZELL_H_
 #define TESTS_FAKES_ZELL_FAKE_ZELL_H_
 
@@ -12,12 +13,7 @@
 #include <sys/stat.h>
 
 #include <zell/device_type.h>
-#include <zell/led_style.h>
 #include <zell/slave_status.h>
-
-namespace zell {
-class SlaveProxy;
-}  // namespace zell
 
 namespace zell::test {
 
@@ -34,19 +30,19 @@ ResultStatus failure(int error);
 /// The device that all proxies share, one per process. `reset` restores the initial state.
 struct FakeDevice {
   static FakeDevice& instance();
-  void reset() { *this = FakeDevice(); }
+  /// Also stops the LED controller from blinking.
+  void reset();
 
   /// Every call in order, of all proxies and of the LED controller, its arguments between blanks:
-  /// "exec /bin/echo a b | 5", "execLine LINE | 300" (the exec of one string), "system LINE | 0",
-  /// "writeFile PATH DATA", "access PATH 4", "changeLeds 1 0", "initialize", "blinkLeds slow",
-  /// "reboot"... `poll` of the LED controller is only counted.
+  /// "exec /bin/echo a b | 5", "writeFile PATH DATA", "access PATH 4", "setLeds 1 0", "reboot"...
   std::vector<std::string> calls;
+  /// The number of calls of the LED controller's `poll`, which are not recorded.
   int polls = 0;
   /// Called with each entry of `calls`, and with "poll", before the operation has an effect. It may
   /// inspect the state or throw.
   std::function<void(const std::string& call)> onCall;
 
-  /// Operations (by name: "writeFile", "kill", "blinkLeds"...) that fail with an errno value.
+  /// Operations (by name: "writeFile", "kill", "setLeds"...) that fail with an errno value.
   std::map<std::string, int> failures;
 
   /// Contents of the files by path. The path alone determines the directory of a file.
@@ -71,9 +67,12 @@ struct FakeDevice {
   DeviceType_t deviceType = DeviceType_t::controller;
   bool firstLed = false;
   bool secondLed = false;
-  LedStyle::Type blinking = LedStyle::unknown;
-  /// The proxies of the LED controller, oldest first. The last one drives the LEDs.
-  std::vector<const SlaveProxy*> ledProxies;
+
+  /// Records @p call.
+  void record(const std::string& call);
+  /// The errno value with which the operation @p name fails: that of the test, or @p otherwise; 0
+  /// for success.
+  [[nodiscard]] static int errorOf(const std::string& name, int otherwise = 0);
 };
 
 /// The state of one proxy.
@@ -93,6 +92,9 @@ struct FakeProxy {
   /// Whether it has a background program.
   bool background = false;
   std::string output;
+
+  /// Records @p call here and in the device.
+  void record(const std::string& call);
 };
 
 }  // namespace zell::test

@@ -12,6 +12,8 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include <zell/led_control.h>
+
 #include "fakes/system/fake_system.h"
 #include "fakes/zell/fake_zell.h"
 #include "support/log_capture.h"
@@ -67,18 +69,17 @@ TEST_F(ByteCountSlaveTest, ServesItsSocketWithTheByteCountProtocol) {
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(ByteCountSlaveTest, PassesItsProxyToTheLedControllerOnce) {
-  EXPECT_THAT(device.calls, ElementsAre("initialize"));
-  EXPECT_EQ(device.ledProxies.size(), 1U);
+TEST_F(ByteCountSlaveTest, GivesItsProxyToTheLedController) {
+  EXPECT_THAT(device.calls, IsEmpty());
+  EXPECT_TRUE(LedControl::instance().blinkLeds(LedStyle::on));
+  EXPECT_THAT(device.calls, ElementsAre("setLeds 1 1"));
 }
 
-TEST_F(ByteCountSlaveTest, TakesOverTheLedsFromAnEarlierConnection) {
-  const SlaveProxy* const first = device.ledProxies.back();
+TEST_F(ByteCountSlaveTest, DrivesTheLedsAgainAfterALaterConnection) {
   auto second = std::make_unique<ByteCountSlave>(sockets.near());
-  ASSERT_EQ(device.ledProxies.size(), 2U);
-  EXPECT_NE(device.ledProxies.back(), first);
   second.reset();
-  EXPECT_THAT(device.ledProxies, ElementsAre(first));
+  EXPECT_TRUE(LedControl::instance().blinkLeds(LedStyle::on));
+  EXPECT_THAT(device.calls, ElementsAre("setLeds 1 1"));
 }
 
 TEST_F(ByteCountSlaveTest, SendsAnswersWithoutDelay) {

@@ -13,6 +13,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <zell/led_control.h>
+#include <zell/slave_proxy_local.h>
+
+#include "fakes/system/fake_system.h"
 #include "fakes/zell/fake_zell.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
@@ -46,9 +50,12 @@ class PlainSlaveTest : public testing::Test {
   // The calls of the proxy and the LED controller.
   static std::vector<std::string>& calls() { return FakeDevice::instance().calls; }
 
-  // Sets the output of the program @p line.
-  static void program(const std::string& line, const std::string& output) {
-    FakeDevice::instance().programs[line].output = output;
+  // The call that runs @p line in the shell.
+  static std::string shell(const std::string& line) { return "exec /bin/sh -c " + line + " | 0"; }
+
+  // The program that the shell runs for @p line.
+  static FakeProgram& program(const std::string& line) {
+    return FakeDevice::instance().programs["/bin/sh -c " + line];
   }
 
   // The log line about sending @p text to the client.
@@ -114,9 +121,9 @@ TEST_F(PlainSlaveTest, TerminateStopsTheProgramOfTheProxy) {
 }
 
 TEST_F(PlainSlaveTest, ExecStartsAProgramForThreeHundredSecondsAtMost) {
-  program("ls -l", "a file\n");
+  FakeDevice::instance().programs["ls -l"].output = "a file\n";
   EXPECT_EQ(answerTo("exec ls -l\r\n"), "a file\n" + prompt());
-  EXPECT_THAT(calls(), ElementsAre("execLine ls -l | 300"));
+  EXPECT_THAT(calls(), ElementsAre("exec ls -l | 300"));
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_DEBUG, "(PID) exec: 'ls -l'"}, writeLine("a file")));
 }
@@ -128,47 +135,52 @@ TEST_F(PlainSlaveTest, ReportsThatAProgramCannotBeStarted) {
 }
 
 TEST_F(PlainSlaveTest, ShellRunsALineWithoutLimit) {
-  program("ls -l | wc", "3\n");
+  program("ls -l | wc").output = "3\n";
   EXPECT_EQ(answerTo("shell ls -l | wc"), "3\n" + prompt());
-  EXPECT_THAT(calls(), ElementsAre("system ls -l | wc | 0"));
+  EXPECT_THAT(calls(), ElementsAre(shell("ls -l | wc")));
   EXPECT_THAT(
       log.entries(),
       ElementsAre(LogEntry{LOG_DEBUG, "(PID) shell: /bin/sh -c 'ls -l | wc'"}, writeLine("3")));
 }
 
 TEST_F(PlainSlaveTest, AnUnknownWordRunsTheWholeLineInTheShell) {
-  program("ls -l", "a\n");
+  program("ls -l").output = "a\n";
   EXPECT_EQ(answerTo("  ls -l \r\n"), "a\n" + prompt());
-  EXPECT_THAT(calls(), ElementsAre("system ls -l | 0"));
+  EXPECT_THAT(calls(), ElementsAre(shell("ls -l")));
 }
 
 TEST_F(PlainSlaveTest, CommandWordsAreExact) {
   (void)answerTo("Version 1");
   (void)answerTo("quit;");
   (void)answerTo("shellx ls");
-  EXPECT_THAT(calls(),
-              ElementsAre("system Version 1 | 0", "system quit; | 0", "system shellx ls | 0"));
+  EXPECT_THAT(calls(), ElementsAre(shell("Version 1"), shell("quit;"), shell("shellx ls")));
 }
 
 TEST_F(PlainSlaveTest, SendsTheErrorBeforeTheOutput) {
-  FakeDevice::instance().programs["slow"] = {
-      "as far as it got\n",
-      {SlaveStatus::timeout, WatchProcessState_t::timedOut, -1, ETIMEDOUT, SIGTERM}};
+  program("slow") = {"as far as it got\n",
+                     {SlaveStatus::timeout, WatchProcessState_t::timedOut, -1, ETIMEDOUT, SIGTERM}};
   EXPECT_EQ(answerTo("slow"),
             "error 110 shell: start process failed\nas far as it got\n" + prompt());
 }
 
 TEST_F(PlainSlaveTest, SyscallSetsTheLeds) {
+  const SlaveProxyLocal driver;
+  LedControl::instance().initialize(&driver);
   EXPECT_EQ(answerTo("syscall fast"), prompt());
-  EXPECT_THAT(calls(), ElementsAre("blinkLeds fast"));
+  FakeSystem::instance().now += std::chrono::milliseconds(125);
+  LedControl::instance().poll();
+  EXPECT_THAT(calls(), ElementsAre("setLeds 1 1", "setLeds 0 0"));
   EXPECT_THAT(log.entries(),
               ElementsAre(LogEntry{LOG_DEBUG, "(PID) syscall: not implemented"},
                           LogEntry{LOG_DEBUG, "(PID) syscall: setting leds to 'fast'"}));
 }
 
 TEST_F(PlainSlaveTest, SyscallPassesAnUnknownStyle) {
+  const SlaveProxyLocal driver;
+  LedControl::instance().initialize(&driver);
   EXPECT_EQ(answerTo("syscall"), prompt());
-  EXPECT_THAT(calls(), ElementsAre("blinkLeds unknown"));
+  EXPECT_THAT(calls(), IsEmpty());
+  EXPECT_EQ(driver.resultStatus().error, EINVAL);
   EXPECT_EQ(log.count("(PID) syscall: setting leds to ''"), 1);
 }
 
@@ -232,11 +244,11 @@ TEST_F(PlainSlaveTest, CleansAndTruncatesThePacketInPlace) {
 TEST_F(PlainSlaveTest, ALineInTwoPacketsIsTwoLines) {
   (void)answerTo("she");
   (void)answerTo("ll ls\n");
-  EXPECT_THAT(calls(), ElementsAre("system she | 0", "system ll ls | 0"));
+  EXPECT_THAT(calls(), ElementsAre(shell("she"), shell("ll ls")));
 }
 
 TEST_F(PlainSlaveTest, SendsOutputLineByLine) {
-  program("two", "a\nb");
+  program("two").output = "a\nb";
   const WriteCalls writes;
   EXPECT_EQ(answerTo("two"), "a\nb\n" + prompt());
   ASSERT_EQ(writes.calls().size(), 6U);
@@ -247,14 +259,14 @@ TEST_F(PlainSlaveTest, SendsOutputLineByLine) {
 }
 
 TEST_F(PlainSlaveTest, EmptyLinesAreSentAndTheLastNewlineAddsNoLine) {
-  program("lines", "\na\n\nb\n");
+  program("lines").output = "\na\n\nb\n";
   EXPECT_EQ(answerTo("lines"), "\na\n\nb\n" + prompt());
-  program("newline", "\n");
+  program("newline").output = "\n";
   EXPECT_EQ(answerTo("newline"), "\n" + prompt());
 }
 
 TEST_F(PlainSlaveTest, OutputIsSentAgainAfterACommandThatStartsNothing) {
-  program("once", "text\n");
+  program("once").output = "text\n";
   (void)answerTo("once");
   EXPECT_EQ(answerTo("version 1"), "text\n" + prompt());
   EXPECT_EQ(answerTo("quit"), "text\n" + prompt());
@@ -262,14 +274,14 @@ TEST_F(PlainSlaveTest, OutputIsSentAgainAfterACommandThatStartsNothing) {
 
 TEST_F(PlainSlaveTest, LogsSixtyBytesOfItsOutput) {
   const std::string sixty(60, 'x');
-  program("long", sixty + "\n" + sixty + "y\n");
+  program("long").output = sixty + "\n" + sixty + "y\n";
   (void)answerTo("long");
   EXPECT_THAT(log.entries(),
               ElementsAre(testing::_, writeLine(sixty), writeLine(std::string(57, 'x') + "...")));
 }
 
 TEST_F(PlainSlaveTest, LogsANewlineThatCannotBeWrittenAndContinues) {
-  program("two", "a\nb\n");
+  program("two").output = "a\nb\n";
   WriteCalls writes;
   writes.answer(1);
   writes.answer(-1, EIO);
@@ -315,7 +327,7 @@ TEST_F(PlainSlaveTest, TriesAnySocketNumberThatIsNotNegative) {
 }
 
 TEST_F(PlainSlaveTest, ContinuesWhenTheClientHasDisconnected) {
-  program("two", "a\nb\n");
+  program("two").output = "a\nb\n";
   sockets.closeFar();
   std::string line = "two";
   slave.handleMessage(line);

@@ -1,36 +1,51 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <vector>
+
+#include <zell/led_control.h>
 
 #include "unit/tasks/task_case.h"
 
 namespace zell::test {
 namespace {
 
+using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class DeviceTasksTest : public TaskCase {};
+class DeviceTasksTest : public TaskCase {
+ protected:
+  // The LEDs after one pass of the loop @p time later: "10" when only the first one is lit.
+  std::string after(std::chrono::milliseconds time) {
+    FakeSystem::instance().now += time;
+    LedControl::instance().poll();
+    return std::string(device.firstLed ? "1" : "0") + (device.secondLed ? "1" : "0");
+  }
+};
 
 TEST_F(DeviceTasksTest, BlinkLedsStartsTheNamedStyle) {
-  for (const auto& [word, style] : {std::pair<const char*, LedStyle::Type>{"off", LedStyle::off},
-                                    {"on", LedStyle::on},
-                                    {"slow", LedStyle::slow},
-                                    {"fast", LedStyle::fast},
-                                    {"alternate", LedStyle::alternate}}) {
+  device.firstLed = true;
+  for (const auto& [word, shown] : {std::pair<const char*, const char*>{"off", "00 00 00"},
+                                    {"on", "11 11 11"},
+                                    {"slow", "11 11 00"},
+                                    {"fast", "11 00 11"},
+                                    {"alternate", "10 10 01"}}) {
     EXPECT_EQ(run({"blinkleds", word}), replyRecord(""));
-    EXPECT_EQ(device.blinking, style);
+    const std::string start = after(milliseconds(0));
+    const std::string next = after(milliseconds(125));
+    EXPECT_EQ(start + " " + next + " " + after(milliseconds(375)), shown) << word;
   }
 }
 
-TEST_F(DeviceTasksTest, BlinkLedsPassesAnUnknownWord) {
+TEST_F(DeviceTasksTest, BlinkLedsWithAnUnknownWordChangesNothing) {
   (void)run({"blinkleds", "slow"});
   for (const std::string word : {"Slow", "", "slow ", "unknown"}) {
     EXPECT_EQ(run({"blinkleds", word}), replyRecord("", "1 0 1 22 0")) << word;
-    EXPECT_EQ(device.calls.back(), "blinkLeds unknown");
   }
-  EXPECT_EQ(device.blinking, LedStyle::slow);
+  EXPECT_EQ(after(milliseconds(499)), "11");
+  EXPECT_EQ(after(milliseconds(1)), "00");
 }
 
 TEST_F(DeviceTasksTest, BlinkLedsIsAnsweredOnItsConnectionWhenAnotherDrivesTheLeds) {
@@ -71,7 +86,7 @@ TEST_F(DeviceTasksTest, UpdateUmStatePassesKeyAndStateUnchanged) {
   const std::string state(" a\0b\n", 5);
   EXPECT_EQ(run({"updateumstate", "key", state}), replyRecord(""));
   EXPECT_EQ(device.files["/var/lib/runeld/umstate/key"], state);
-  device.failures["updateUmState"] = EINVAL;
+  device.failures["storeUmState"] = EINVAL;
   EXPECT_EQ(run({"updateumstate", "../key", state}), replyRecord("", "1 0 1 22 0"));
 }
 

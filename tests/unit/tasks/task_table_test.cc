@@ -21,7 +21,7 @@ using Strings = std::vector<std::string>;
 // A task with its arguments.
 struct Task {
   Strings request;
-  std::string call;       // the call of the proxy
+  std::string call;       // the call of the device
   std::string operation;  // the operation's name, to make it fail
 };
 
@@ -33,8 +33,8 @@ const std::vector<Task>& allTasks() {
   static const std::vector<Task> kAll = {
       {{"access", "/a", "4"}, "access /a 4", "access"},
       {{"append", "/a", "data"}, "appendFile /a data", "appendFile"},
-      {{"blinkleds", "slow"}, "", "blinkLeds"},
-      {{"changeleds", "1", "0"}, "changeLeds 1 0", "changeLeds"},
+      {{"blinkleds", "slow"}, "setLeds 1 1", "setLeds"},
+      {{"changeleds", "1", "0"}, "setLeds 1 0", "setLeds"},
       {{"chmodx", "/a"}, "chmodx /a", "chmodx"},
       {{"devicetype"}, "deviceType", "deviceType"},
       {{"exec"}, "exec  | 0", "exec"},
@@ -52,7 +52,7 @@ const std::vector<Task>& allTasks() {
       {{"restart"}, "", ""},
       {{"stat", "/a"}, "stat /a", "stat"},
       {{"unlink", "/a"}, "unlink /a", "unlink"},
-      {{"updateumstate", "key", "state"}, "updateUmState key state", "updateUmState"},
+      {{"updateumstate", "key", "state"}, "storeUmState key state", "storeUmState"},
       {{"wait"}, "wait", "wait"},
       {{"walktree", "/a"}, "walkTree /a", "walkTree"},
       {{"write", "/a", "data"}, "writeFile /a data", "writeFile"},
@@ -85,7 +85,7 @@ TEST(TaskTableTest, Has25Tasks) {
 
 TEST_P(EveryTaskTest, RunsOneOperationAndLogsNothing) {
   (void)run(GetParam().request);
-  EXPECT_EQ(asked(), expectedCalls());
+  EXPECT_EQ(device.calls, expectedCalls());
   EXPECT_THAT(log.entries(), IsEmpty());
 }
 
@@ -119,7 +119,7 @@ TEST_P(EveryTaskTest, RefusesARequestWithTooFewArguments) {
     EXPECT_EQ(run(tooFew), replyRecord(ownPrefix() + complaint, "4 0 1 22 0"));
     EXPECT_THAT(log.entries(), ElementsAre(LogEntry{LOG_ERR, "(PID) " + complaint}));
   }
-  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_THAT(device.calls, IsEmpty());
   EXPECT_FALSE(slave.stopRequested());
 }
 
@@ -128,7 +128,7 @@ TEST_P(EveryTaskTest, IgnoresArgumentsThatItDoesNotRead) {
   more.insert(more.end(), {"", "surplus", std::string("\0", 1)});
   (void)run(more);
   if (GetParam().request[0] != "exec") {  // reads all arguments
-    EXPECT_EQ(asked(), expectedCalls());
+    EXPECT_EQ(device.calls, expectedCalls());
   }
   EXPECT_THAT(log.entries(), IsEmpty());
 }
@@ -144,7 +144,7 @@ TEST_P(EveryTaskTest, IsKnownOnlyByItsExactName) {
     request[0] = other;
     EXPECT_EQ(run(request), replyRecord(ownPrefix() + "unknown cmd: " + other, "4 0 1 71 0"));
   }
-  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_THAT(device.calls, IsEmpty());
   EXPECT_FALSE(slave.stopRequested());
 }
 

@@ -4,9 +4,9 @@
 #include <zell/led_control.h>
 
 #include "base/stream_view.h"
-#include "device/linux/leds.h"
-#include "device/linux/program_runner.h"
-#include "device/linux/um_state.h"
+#include "device/common/leds.h"
+#include "device/common/program_runner.h"
+#include "device/common/um_state.h"
 
 namespace zell {
 namespace {

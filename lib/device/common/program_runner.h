@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs the programs of one connection.
-#ifndef ZELL_DEVICE_LINUX_PROGRAM_RUNNER_H_
-#define ZELL_DEVICE_LINUX_PROGRAM_RUNNER_H_
+// Runs the programs of one connection. The system's part of the library implements the class.
+#ifndef ZELL_DEVICE_COMMON_PROGRAM_RUNNER_H_
+#define ZELL_DEVICE_COMMON_PROGRAM_RUNNER_H_
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <zell/slave_status.h>
-
-#include "device/linux/child_process.h"
 
 namespace zell {
 
@@ -16,6 +15,14 @@ namespace zell {
 /// that replies carry.
 class ProgramRunner {
  public:
+  /// What the system's part keeps for each runner, complete only there.
+  struct State;
+
+  ProgramRunner();
+  ~ProgramRunner();
+  ProgramRunner(const ProgramRunner&) = delete;
+  ProgramRunner& operator=(const ProgramRunner&) = delete;
+
   /// Runs @p argv. @p limit is the time limit in seconds: above 0 waits at most that long, 0 waits
   /// without limit, below 0 leaves the program in the background. Always forgets the previous
   /// background program.
@@ -27,16 +34,17 @@ class ProgramRunner {
   ResultStatus wait();
 
   /// Standard output and error of the last program that ran in the foreground.
-  [[nodiscard]] const std::string& output() const { return output_; }
+  [[nodiscard]] const std::string& output() const;
+
+  [[nodiscard]] State& state() { return *state_; }
 
  private:
-  ResultStatus runAndWait(const std::vector<std::string>& argv, int limit);
-  ResultStatus leaveRunning(const std::vector<std::string>& argv);
-
-  std::string output_;
-  ChildProcess background_;
+  std::unique_ptr<State> state_;
 };
+
+/// Reaps the programs that have ended and that no runner remembers any more. Never blocks.
+void reapForgottenPrograms() noexcept;
 
 }  // namespace zell
 
-#endif  // ZELL_DEVICE_LINUX_PROGRAM_RUNNER_H_
+#endif  // ZELL_DEVICE_COMMON_PROGRAM_RUNNER_H_

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stores the update manager's state texts, one file each.
-#ifndef ZELL_DEVICE_LINUX_UM_STATE_H_
-#define ZELL_DEVICE_LINUX_UM_STATE_H_
+// The update manager's state texts. The system's part of the library stores them.
+#ifndef ZELL_DEVICE_COMMON_UM_STATE_H_
+#define ZELL_DEVICE_COMMON_UM_STATE_H_
 
 #include <string>
 #include <string_view>
@@ -14,4 +14,4 @@ namespace zell {
 
 }  // namespace zell
 
-#endif  // ZELL_DEVICE_LINUX_UM_STATE_H_
+#endif  // ZELL_DEVICE_COMMON_UM_STATE_H_

@@ -7,7 +7,7 @@
 #include <zell/slave_proxy.h>
 
 #include "base/system.h"
-#include "device/linux/child_process.h"
+#include "device/common/program_runner.h"
 
 namespace zell {
 namespace {
@@ -61,7 +61,7 @@ bool LedControl::blinkLeds(LedStyle::Type style) {
 }
 
 void LedControl::poll() {
-  ChildProcess::reapForgotten();
+  reapForgottenPrograms();
   const nanoseconds length = phaseLength(style_);
   if (length == nanoseconds(0)) {
     return;

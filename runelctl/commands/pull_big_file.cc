@@ -22,8 +22,6 @@ std::vector<std::string> pieceProgram(const std::string& path, std::uint64_t off
           std::to_string((size + block - 1) / block)};
 }
 
-constexpr std::size_t kPieceBlock = 65536;
-
 }  // namespace
 
 void PullJob::fetchBigFiles() {

@@ -15,6 +15,9 @@
 
 namespace runelctl {
 
+/// The block size of dd for the pieces of a large file.
+constexpr std::size_t kPieceBlock = 65536;
+
 /// Runs stages of pipelined requests, and records progress and the first error.
 class TransferJob : public Job {
  public:
@@ -44,8 +47,10 @@ class TransferJob : public Job {
 
   /// Whether a program has failed since the previous call.
   bool programFailed();
-  /// The size of a piece of a large file.
-  [[nodiscard]] std::size_t pieceBytes() const { return settings().memoryShare() / 2; }
+  /// The size of a piece of a large file: whole blocks of 64 KiB, because dd skips whole blocks.
+  [[nodiscard]] std::size_t pieceBytes() const {
+    return settings().memoryShare() / 2 / kPieceBlock * kPieceBlock;
+  }
 
  private:
   std::unique_ptr<Pipeline> pipeline_;

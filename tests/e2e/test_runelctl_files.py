@@ -497,6 +497,16 @@ class Pull(Transfers):
             self.assertEqual(self.content("big"), content)
             self.assertEqual(self.leftovers(self.directory), [])
 
+    def test_a_large_file_is_the_same_from_any_number_of_devices(self):
+        """The size of a piece depends on the number of devices."""
+        self.serve()
+        content = noise(10 * MIB)
+        devices = [f"127.0.0.{number}" for number in range(1, 12)]
+        self.succeed("-q", "-d", ",".join(devices), "pull", self.file("device/big", content),
+                     self.path("all"))
+        for device in devices:
+            self.assertTrue(self.content(f"all/{device}/big") == content, device)
+
     def test_a_partial_file_of_another_file_is_not_resumed(self):
         self.serve()
         between = Between(self, 12 * MIB, back=True)

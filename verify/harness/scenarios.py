@@ -8,7 +8,7 @@ import signal
 import socket
 import time
 
-from harness.session import HANG, SHORT_TIMEOUT, Finding, Lost, expect, old_or_new
+from harness.session import HANG, SHORT_TIMEOUT, Finding, Lost, Wait, expect, old_or_new
 from support.peers import ready
 from support.wait import wait_until
 from support.wire import frame, request
@@ -163,14 +163,11 @@ def send(peer, data):
         raise Lost(str(error)) from error
 
 
-def clause_arrives(session, source, target, clause):
-    """Sends a clause through the daemon. False when a failure has lost it."""
-    send(source, clause)
+def clause_arrives(session, target, clause):
+    """Reads a clause that the daemon has relayed. False when a failure has lost it."""
     wanted = clause + b"\r\n"
     got = b""
-    deadline = time.monotonic() + (HANG if session.strict else SHORT_TIMEOUT)
-    while len(got) < len(wanted) and ready(target.socket, select.POLLIN,
-                                           deadline - time.monotonic()):
+    while len(got) < len(wanted) and session.arrives(target):
         try:
             part = target.socket.recv(4096)
         except ConnectionError:
@@ -193,8 +190,8 @@ def relay(session):
     bridge = None
     try:
         send(agent, b"<hello/>")
-        deadline = time.monotonic() + (HANG if session.strict else SHORT_TIMEOUT)
-        while bridge is None and time.monotonic() < deadline:
+        wait = Wait(session)
+        while bridge is None and not wait.is_over():
             if ready(session.master.listener, select.POLLIN, 0.01):
                 bridge = session.master.accept()
             if session.ended() is not None:
@@ -202,22 +199,21 @@ def relay(session):
         if bridge is None:
             session.deviate("no bridge")
             return
-        first = bridge.socket.recv(100) if ready(bridge.socket, select.POLLIN, 0.3) else b""
-        if first != b"<hello/>\r\n":
-            session.deviate(f"the first clause came as {first!r}")
+        if not clause_arrives(session, bridge, b"<hello/>"):
             return
         expect(old_or_new(HOSTS, OLD_HOSTS, NEW_HOSTS, "hosts") or not session.strict,
                "the hosts file is as before")
-        clause_arrives(session, bridge, agent, b"<answer>yes</answer>")
-        clause_arrives(session, agent, bridge, b"<thanks>a lot</thanks>")
+        send(bridge, b"<answer>yes</answer>")
+        clause_arrives(session, agent, b"<answer>yes</answer>")
+        send(agent, b"<thanks>a lot</thanks>")
+        clause_arrives(session, bridge, b"<thanks>a lot</thanks>")
     except (OSError, Lost) as error:
         session.deviate(f"relay: {error}")
     finally:
         agent.close()
         old_or_new(HOSTS, OLD_HOSTS, NEW_HOSTS, "hosts")
         if bridge is not None:
-            wait_until(lambda: session.ended() is not None or not bridge.is_open(),
-                       "the bridge ends with the agent", HANG)
+            bridge.read_to_end(HANG)  # the bridge ends with the agent
             session.forget(bridge)
 
 

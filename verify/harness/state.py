@@ -38,7 +38,7 @@ class Plan(ctypes.Structure):
 
 
 class Process(ctypes.Structure):
-    _fields_ = [("pid", ctypes.c_int32), ("unused", ctypes.c_uint32),
+    _fields_ = [("pid", ctypes.c_int32), ("passes", ctypes.c_uint32),
                 ("calls", ctypes.c_uint64 * CALL_NUMBERS), ("all", ctypes.c_uint64),
                 ("hits", ctypes.c_uint64), ("allocations", ctypes.c_uint64),
                 ("allocation_hits", ctypes.c_uint64), ("live_blocks", ctypes.c_int64),

@@ -37,7 +37,7 @@ struct Plan {
 // One of the two processes of a run: the one started, or its child, the daemon.
 struct Process {
   int32_t pid;
-  uint32_t unused;
+  uint32_t passes;               // of the daemon's loop: calls of select()
   uint64_t calls[kCallNumbers];  // made while counting
   uint64_t all;                  // all kinds, counting or not
   uint64_t hits;                 // failures injected

@@ -1,4 +1,7 @@
-# runelctl needs three libraries. The daemon needs none and must build without them.
+# The daemon needs no other library. The client library librunel needs none either. runelctl needs
+# librunel and three more, and the rest must build without those.
+option(RUNELD_CLIENT "Build the client library librunel" ON)
+
 find_package(CLI11 QUIET)
 find_package(nlohmann_json QUIET)
 find_package(PkgConfig QUIET)
@@ -15,15 +18,19 @@ endforeach()
 string(REPLACE EDIT "libedit (with pkg-config)" missing "${missing}")
 list(JOIN missing ", " missing)
 
-if(missing)
+if(missing OR NOT RUNELD_CLIENT)
   option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json and libedit)" OFF)
 else()
   option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json and libedit)" ON)
 endif()
 if(RUNELD_CTL AND missing)
   message(FATAL_ERROR "runelctl cannot be built, because these libraries are missing: ${missing}")
+elseif(RUNELD_CTL AND NOT RUNELD_CLIENT)
+  message(FATAL_ERROR "runelctl cannot be built without the client library (RUNELD_CLIENT is off)")
 elseif(RUNELD_CTL)
   message(STATUS "runelctl: is built")
+elseif(NOT RUNELD_CLIENT)
+  message(STATUS "runelctl: is not built (RUNELD_CLIENT is off)")
 elseif(missing)
   message(STATUS "runelctl: is not built, because these libraries are missing: ${missing}")
 else()

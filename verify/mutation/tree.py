@@ -48,7 +48,7 @@ class Tree:
 
     def configure(self):
         run(["cmake", "-S", self.directory, "-B", self.build, "-G", "Ninja", "-DRUNELD_CTL=OFF",
-             "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
+             "-DRUNELD_CLIENT=OFF", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
              "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"])
         for entry in json.loads((self.build / "compile_commands.json").read_text()):
             path = str(pathlib.Path(entry["file"]).relative_to(self.directory))

@@ -7,9 +7,10 @@
 #include <malloc.h>
 #include <sys/resource.h>
 
+#include <runel/request.h>
+
 #include "cli/command_line.h"
 #include "cli/run.h"
-#include "client/core/request.h"
 
 namespace {
 
@@ -37,11 +38,12 @@ int main(int argc, char** argv) {
     allowManyDescriptors();
     keepMemory();
     runel::Loop loop;
+    loop.setResolver(runel::blockingResolver());
     runelctl::Session session{loop, nullptr, {}, ""};
     return runelctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
   } catch (const std::exception& error) {
     // Out of memory, or a defect.
     runelctl::complain(error.what());
-    return runel::kExitTaskFailed;
+    return runelctl::kExitTaskFailed;
   }
 }

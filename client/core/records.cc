@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/records.h"
+#include <runel/records.h>
 
 #include <charconv>
 #include <cstddef>
 #include <system_error>
+#include <utility>
+
+#include <sys/stat.h>
 
 namespace runel {
+inline namespace v1 {
 namespace {
 
 // Parses fields from the front of a text. After the first mismatch, every call fails.
@@ -35,7 +39,7 @@ class Cutter {
     return sound_;
   }
 
-  bool moment(Timestamp& value) {
+  bool timestamp(Timestamp& value) {
     return number(value.seconds) && skip(".") && number(value.nanoseconds);
   }
 
@@ -94,9 +98,21 @@ bool parseTreeLine(std::string_view line, TreeEntry& entry) {
 
 }  // namespace
 
-std::optional<StatRecord> parseStat(std::string_view text) {
+bool Stat::isDirectory() const {
+  return S_ISDIR(mode);
+}
+
+bool Stat::isRegular() const {
+  return S_ISREG(mode);
+}
+
+bool Stat::isLink() const {
+  return S_ISLNK(mode);
+}
+
+std::optional<Stat> parseStat(std::string_view text) {
   Cutter cutter(text);
-  StatRecord st;
+  Stat st;
   if (cutter.skip("dev=") && cutter.number(st.dev) && cutter.skip(" ino=") &&
       cutter.number(st.ino) && cutter.skip(" mode=") && cutter.number(st.mode, 8) &&
       cutter.skip(" nlink=") && cutter.number(st.nlink) && cutter.skip(" uid=") &&
@@ -104,8 +120,8 @@ std::optional<StatRecord> parseStat(std::string_view text) {
       cutter.skip(" rdev=") && cutter.number(st.rdev) && cutter.skip(" size=") &&
       cutter.number(st.size) && cutter.skip(" blksize=") && cutter.number(st.blksize) &&
       cutter.skip(" blocks=") && cutter.number(st.blocks) && cutter.skip(" atime=") &&
-      cutter.moment(st.atime) && cutter.skip(" mtime=") && cutter.moment(st.mtime) &&
-      cutter.skip(" ctime=") && cutter.moment(st.ctime) && cutter.skip("\n") && cutter.atEnd()) {
+      cutter.timestamp(st.atime) && cutter.skip(" mtime=") && cutter.timestamp(st.mtime) &&
+      cutter.skip(" ctime=") && cutter.timestamp(st.ctime) && cutter.skip("\n") && cutter.atEnd()) {
     return st;
   }
   return std::nullopt;
@@ -144,72 +160,11 @@ std::optional<std::vector<TreeEntry>> parseTree(std::string_view text) {
   return entries;
 }
 
-std::string modeText(char type, std::uint32_t mode) {
-  std::string text = "-rwxrwxrwx";
-  text[0] = type;
-  for (std::size_t bit = 0; bit < 9; ++bit) {
-    if ((mode & (0400U >> bit)) == 0) {
-      text[bit + 1] = '-';
-    }
-  }
-  const auto special = [&](std::uint32_t flag, std::size_t place, char with, char without) {
-    if ((mode & flag) != 0) {
-      text[place] = text[place] == 'x' ? with : without;
-    }
-  };
-  special(S_ISUID, 3, 's', 'S');
-  special(S_ISGID, 6, 's', 'S');
-  special(S_ISVTX, 9, 't', 'T');
-  return text;
+std::optional<std::uint64_t> parseNumber(std::string_view text) {
+  Cutter cutter(text);
+  std::uint64_t value = 0;
+  return cutter.number(value) && cutter.atEnd() ? std::make_optional(value) : std::nullopt;
 }
 
-char typeLetter(std::uint32_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFDIR:
-      return 'd';
-    case S_IFLNK:
-      return 'l';
-    case S_IFCHR:
-      return 'c';
-    case S_IFBLK:
-      return 'b';
-    case S_IFIFO:
-      return 'p';
-    case S_IFSOCK:
-      return 's';
-    default:
-      return '-';
-  }
-}
-
-std::string joinPath(const std::string& directory, const std::string& name) {
-  if (directory.empty() || (!name.empty() && name[0] == '/')) {
-    return name;
-  }
-  if (name.empty() || name == ".") {
-    return directory;
-  }
-  return directory.back() == '/' ? directory + name : directory + "/" + name;
-}
-
-std::string baseName(const std::string& path) {
-  const std::size_t end = path.find_last_not_of('/');
-  if (end == std::string::npos) {
-    return path.empty() ? "" : "/";
-  }
-  const std::size_t slash = path.rfind('/', end);
-  const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-  return path.substr(begin, end + 1 - begin);
-}
-
-std::string directoryOf(const std::string& path) {
-  const std::size_t end = path.find_last_not_of('/');
-  const std::size_t slash = end == std::string::npos ? end : path.rfind('/', end);
-  if (end == std::string::npos || slash == std::string::npos) {
-    return path.empty() || path[0] != '/' ? "." : "/";
-  }
-  const std::size_t last = path.find_last_not_of('/', slash);
-  return last == std::string::npos ? "/" : path.substr(0, last + 1);
-}
-
+}  // namespace v1
 }  // namespace runel

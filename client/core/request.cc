@@ -1,143 +1,119 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/core/request.h"
+#include <runel/request.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <string_view>
 #include <utility>
-
-#include <sys/wait.h>
 
 #include <zell/slave_task.h>
 
+#include "client/core/reply_limit.h"
 #include "protocol/protocol.h"
 #include "protocol/task_table.h"
 
 namespace runel {
+inline namespace v1 {
 namespace {
 
 // The daemon waits two seconds between the first and the second signal to a program.
 constexpr std::chrono::seconds kKillTime{2};
 
-// Describes how a program ended.
-std::string programText(const zell::ResultStatus& status) {
-  if (status.status == zell::SlaveStatus::timeout) {
-    return "exceeded its time limit";
-  }
-  if (status.state == zell::WatchProcessState_t::signalled) {
-    return "terminated by signal " + std::to_string(status.signal);
-  }
-  return "exit status " + std::to_string(status.result);
-}
-
-bool aboutProgram(const zell::ResultStatus& status) {
-  return status.state != zell::WatchProcessState_t::none;
-}
-
-std::string taskHint(int number) {
-  switch (number) {
-    case ENOSPC:
-      return "the device's file system is full: check with runelctl df";
-    case EROFS:
-      return "the device's file system is mounted read-only";
-    case EFBIG:
-      return "too large for one answer: use runelctl pull";
-    default:
-      return "";
-  }
-}
-
 }  // namespace
 
-Request request(std::vector<std::string> args) {
-  Request made;
-  const std::string task = args.empty() ? "" : args[0];
-  made.args = std::move(args);
-  const zell::TaskTraits* const traits = zell::findTask(task);
-  if (traits == nullptr) {
-    return made;
+struct Request::Data {
+  std::vector<std::string> words;
+  int execLimit = 0;
+  std::optional<Milliseconds> extraTimeout = Milliseconds(0);
+  std::size_t replyLimit = kSmallReply;
+};
+
+Request::Request(std::vector<std::string> words) : data_(std::make_unique<Data>()) {
+  data_->words = std::move(words);
+  const zell::TaskTraits* const traits =
+      zell::findTask(data_->words.empty() ? "" : data_->words.front());
+  if (traits != nullptr && zell::isLong(traits->text)) {
+    data_->replyLimit = zell::kMaxFramePayload;
   }
-  made.answered = traits->text != zell::TaskText::noReply;
-  if (zell::isLong(traits->text)) {
-    made.replyLimit = zell::kMaxFramePayload;
+  if (traits != nullptr && traits->unbounded) {
+    data_->extraTimeout.reset();
   }
-  if (traits->unbounded) {
-    made.extraTimeout.reset();
-  }
-  return made;
 }
 
-Request request(std::vector<std::string> args, std::string&& content) {
-  Request made = request(std::move(args));
-  made.args.push_back(std::move(content));
-  return made;
+Request::Request(std::vector<std::string> words, std::string content) : Request(std::move(words)) {
+  data_->words.push_back(std::move(content));
 }
 
-Request execRequest(const std::vector<std::string>& argv, int limit) {
-  std::vector<std::string> args{"exec"};
-  args.insert(args.end(), argv.begin(), argv.end());
-  Request made = request(std::move(args));
-  made.execParam = limit;
+Request Request::exec(std::vector<std::string> argv, int limit) {
+  argv.insert(argv.begin(), "exec");
+  Request made(std::move(argv));
+  made.data_->execLimit = limit;
   if (limit < 0) {
-    made.extraTimeout = std::chrono::seconds(0);
+    made.data_->extraTimeout = Milliseconds(0);
   } else if (limit > 0) {
-    made.extraTimeout = std::chrono::seconds(limit) + kKillTime;
+    made.data_->extraTimeout = std::chrono::seconds(limit) + kKillTime;
   }
   return made;
 }
 
-std::string encode(const Request& request) {
-  const zell::SlaveTask record(request.args, request.execParam, "", zell::SlaveStatus::success,
+Request::Request(const Request& other) : data_(std::make_unique<Data>(*other.data_)) {}
+
+Request& Request::operator=(const Request& other) {
+  if (this != &other) {
+    data_ = std::make_unique<Data>(*other.data_);
+  }
+  return *this;
+}
+
+Request::Request(Request&& other) noexcept = default;
+Request& Request::operator=(Request&& other) noexcept = default;
+Request::~Request() = default;
+
+Request& Request::setExtraTimeout(std::optional<Milliseconds> time) {
+  data_->extraTimeout = time;
+  return *this;
+}
+
+Request& Request::setReplyLimit(std::size_t bytes) {
+  data_->replyLimit = bytes;
+  return *this;
+}
+
+const std::vector<std::string>& Request::words() const {
+  return data_->words;
+}
+
+int Request::execLimit() const {
+  return data_->execLimit;
+}
+
+std::optional<Milliseconds> Request::extraTimeout() const {
+  return data_->extraTimeout;
+}
+
+std::size_t Request::replyLimit() const {
+  return data_->replyLimit;
+}
+
+bool Request::answered() const {
+  const zell::TaskTraits* const traits =
+      zell::findTask(data_->words.empty() ? "" : data_->words.front());
+  return traits == nullptr || traits->text != zell::TaskText::noReply;
+}
+
+bool Request::repeatable() const {
+  return !data_->words.empty() && runel::repeatable(data_->words.front());
+}
+
+std::string Request::encode() const {
+  const zell::SlaveTask record(data_->words, data_->execLimit, "", zell::SlaveStatus::success,
                                zell::WatchProcessState_t::none, 0, 0, 0);
   zell::SlaveTask::Parts parts = record.parts();
   parts.head.append(parts.output).append(parts.tail);
   return std::move(parts.head);
 }
 
-std::optional<Reply> decodeReply(std::string&& payload) {
-  zell::SlaveTask record;
-  if (!zell::SlaveTask::isA(payload) || !record.parse(payload)) {
-    return std::nullopt;
-  }
-  std::string().swap(payload);
-  return Reply{std::nullopt, record.output(), record.status()};
+bool repeatable(std::string_view name) {
+  const zell::TaskTraits* const traits = zell::findTask(name);
+  return traits != nullptr && traits->repeatable;
 }
 
-Error Reply::error(const std::string& what) const {
-  if (broken) {
-    return *broken;
-  }
-  const std::string about = what.empty() ? "" : what + ": ";
-  if (status.status == zell::SlaveStatus::error) {
-    return {Fault::task, about + "the device refused the task: " + output, "", status.error};
-  }
-  if (aboutProgram(status)) {
-    return {Fault::program, about + programText(status), "", status.error};
-  }
-  return {Fault::task, about + systemText(status.error), taskHint(status.error), status.error};
-}
-
-int Reply::exitStatus() const {
-  if (broken) {
-    return exitStatusOf(*broken);
-  }
-  if (status.status == zell::SlaveStatus::success || status.status == zell::SlaveStatus::running) {
-    return 0;
-  }
-  if (status.status == zell::SlaveStatus::timeout) {
-    return kExitTimeLimit;
-  }
-  if (status.state == zell::WatchProcessState_t::signalled) {
-    return kExitSignalBase + (status.signal & 127);
-  }
-  if (status.state == zell::WatchProcessState_t::exited) {
-    return WEXITSTATUS(static_cast<unsigned>(status.result) << 8U);
-  }
-  return kExitTaskFailed;
-}
-
-int exitStatusOf(const Error& error) {
-  return std::string_view(error.where()) == "link" ? kExitNoConnection : kExitTaskFailed;
-}
-
+}  // namespace v1
 }  // namespace runel

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -10,20 +11,11 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "client/core/peer_guess.h"
-#include "protocol/frame_sender.h"
-
 namespace runel {
 namespace {
 
-constexpr char kPortHint[] = "check the port: devices listen on 5111";
-static_assert(zell::contains(kPortHint, zell::kDevicePort));
-
 constexpr std::size_t kLeastRead = 16384;
 constexpr std::size_t kMostRead = 1048576;
-constexpr std::size_t kFirstBytes = 64;
-// Short frames share a buffer, so that a few system calls send a thousand small requests.
-constexpr std::size_t kShared = 32768;
 constexpr std::size_t kPartsAtOnce = 16;
 
 bool wouldBlock(int number) {
@@ -53,21 +45,7 @@ Channel::~Channel() {
 }
 
 void Channel::send(std::string payload) {
-  std::string head = zell::frameHead(payload.size());
-  queued_ += head.size() + payload.size();
-  everQueued_ += head.size() + payload.size();
-  if (!out_.empty() && out_.size() > 1 && out_.back().size() + payload.size() < kShared) {
-    out_.back() += head;
-    out_.back() += payload;
-  } else {
-    out_.push_back(std::move(head));
-    if (payload.size() < kShared) {
-      out_.back() += payload;
-    } else {
-      out_.push_back(std::move(payload));
-      out_.emplace_back();  // do not append later frames to a long one: that would copy it
-    }
-  }
+  stream_.send(std::move(payload));
   askFor();
 }
 
@@ -77,7 +55,7 @@ void Channel::setReading(bool reading) {
 }
 
 void Channel::askFor() {
-  writing_ = queued_ > 0;
+  writing_ = queued() > 0;
   loop_.change(socket_.get(), (reading_ ? std::uint32_t{EPOLLIN} : 0U) |
                                   (writing_ ? std::uint32_t{EPOLLOUT} : 0U));
 }
@@ -99,9 +77,8 @@ void Channel::handle(std::uint32_t events) {
 void Channel::flush() {
   iovec parts[kPartsAtOnce];
   std::size_t count = 0;
-  for (auto part = out_.begin(); part != out_.end() && count < kPartsAtOnce; ++part) {
-    const std::size_t skip = count == 0 ? sent_ : 0;
-    parts[count++] = {part->data() + skip, part->size() - skip};
+  for (const std::string_view part : stream_.outgoing(kPartsAtOnce)) {
+    parts[count++] = {const_cast<char*>(part.data()), part.size()};  // iovec has no const
   }
   msghdr message{};
   message.msg_iov = parts;
@@ -113,12 +90,7 @@ void Channel::flush() {
     }
     return;
   }
-  queued_ -= static_cast<std::size_t>(taken);
-  sent_ += static_cast<std::size_t>(taken);
-  while (!out_.empty() && sent_ >= out_.front().size()) {
-    sent_ -= out_.front().size();
-    out_.pop_front();
-  }
+  stream_.sent(static_cast<std::size_t>(taken));
   askFor();
 }
 
@@ -136,47 +108,29 @@ bool Channel::receive() {
   const auto length = static_cast<std::size_t>(got);
   const bool full = length == in_.size();
   in_.resize(length);
-  first_.append(in_, 0, kFirstBytes - std::min(first_.size(), kFirstBytes));
-  coming_ += length;
-  codec_.acceptBytes(in_);
+  stream_.receive(in_);
   in_.resize(full ? std::min(kMostRead, length * 4) : std::max(kLeastRead, length));
   return deliver();
 }
 
 bool Channel::deliver() {
   const std::weak_ptr<bool> alive = alive_;
-  std::string message;
-  while (codec_.recvMessage(message)) {
-    coming_ = 0;
-    if (message.size() > limit_) {
-      break;
-    }
-    handlers_.message(std::move(message));
+  while (std::optional<std::string> message = stream_.nextPayload()) {
+    handlers_.message(std::move(*message));
     if (alive.expired()) {
       return false;
     }
-    message.clear();
   }
-  if (message.size() > limit_ || coming_ > limit_ + kMostRead) {
-    finish({Fault::protocol, "answer exceeds the size limit", "", 0});
-    return false;
-  }
-  if (!codec_.error().empty()) {
-    finish(badStream());
+  if (const std::optional<Error> error = stream_.error()) {
+    finish(*error);
     return false;
   }
   return true;
 }
 
-Error Channel::badStream() const {
-  const std::string guess = guessPeer(first_);
-  return {Fault::protocol, guess.empty() ? "bad frame: " + codec_.error() : guess,
-          guess.empty() ? "" : kPortHint, 0};
-}
-
 Error Channel::endOfStream(int number) const {
-  return {Fault::lost, number == 0 ? "the device closed the connection" : systemText(number), "",
-          number};
+  return {Kind::link, Cause::closed,
+          number == 0 ? "the device closed the connection" : systemText(number), number};
 }
 
 void Channel::finish(const Error& error) {

@@ -5,21 +5,19 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 
-#include <zell/byte_count_protocol.h>
+#include <runel/error.h>
+#include <runel/loop.h>
 
 #include "base/unique_fd.h"
-#include "client/core/error.h"
-#include "client/io/loop.h"
-#include "protocol/protocol.h"
+#include "client/core/frame_stream.h"
 
 namespace runel {
 
-/// Sends and receives complete frames. A handler may destroy the channel.
+/// Moves the bytes of a FrameStream. A handler may destroy the channel.
 class Channel {
  public:
   struct Handlers {
@@ -40,13 +38,12 @@ class Channel {
   /// Queues @p payload as one frame. Sending starts in the next turn of the loop.
   void send(std::string payload);
   /// The number of queued bytes that are not sent yet.
-  [[nodiscard]] std::size_t queued() const { return queued_; }
-
+  [[nodiscard]] std::size_t queued() const { return stream_.queued(); }
   /// The number of bytes ever queued. Minus `queued()`, it is the number of sent bytes.
-  [[nodiscard]] std::uint64_t everQueued() const { return everQueued_; }
+  [[nodiscard]] std::uint64_t everQueued() const { return stream_.everQueued(); }
 
   /// A message longer than @p bytes ends the connection.
-  void limitMessages(std::size_t bytes) { limit_ = bytes; }
+  void limitMessages(std::size_t bytes) { stream_.limitPayloads(bytes); }
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
@@ -59,21 +56,13 @@ class Channel {
   bool deliver();
   void finish(const Error& error);
   void askFor();
-  [[nodiscard]] Error badStream() const;
   [[nodiscard]] Error endOfStream(int number) const;
 
   Loop& loop_;
   zell::UniqueFd socket_;
   Handlers handlers_;
-  zell::ByteCountProtocol codec_{zell::ByteCountProtocol::kNoSocket};
-  std::deque<std::string> out_;
-  std::size_t sent_ = 0;  // bytes of out_.front() that are sent
-  std::size_t queued_ = 0;
-  std::uint64_t everQueued_ = 0;
-  std::size_t coming_ = 0;  // bytes received since the last complete message
-  std::size_t limit_ = zell::kMaxFramePayload;
+  FrameStream stream_;
   std::string in_;
-  std::string first_;  // the first received bytes, for a guess at the peer's protocol
   bool reading_ = true;
   bool writing_ = false;
   std::shared_ptr<bool> alive_;

@@ -12,7 +12,6 @@
 #include <sys/un.h>
 
 #include "client/io/local_peer.h"
-#include "client/io/resolver.h"
 
 namespace runel {
 namespace {
@@ -33,21 +32,16 @@ int startConnect(int socket, const Address& address) {
   return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
-std::string connectHint(int number) {
-  if (number == ECONNREFUSED) {
-    return "check that runeld is running on the device";
-  }
-  if (number == EHOSTUNREACH || number == ENETUNREACH) {
-    return "check the address, and that the device is on";
-  }
-  return "";
-}
-
 void setNumber(int socket, int level, int option, int value) {
   (void)setsockopt(socket, level, option, &value, sizeof value);  // fails on a Unix socket
 }
 
 }  // namespace
+
+Error noMaster(const std::string& socket, int number) {
+  return {Kind::link, Cause::noMaster, "no master at " + socket + ": " + systemText(number),
+          number};
+}
 
 void setTaskOptions(int socket) {
   setNumber(socket, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -57,13 +51,14 @@ void setTaskOptions(int socket) {
   setNumber(socket, IPPROTO_TCP, TCP_KEEPCNT, kProbeCount);
 }
 
-Connector::Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
-                     Done done)
-    : loop_(loop), target_(target), masterSocket_(std::move(masterSocket)), done_(std::move(done)) {
+Connector::Connector(Loop& loop, const Address& address, std::string masterSocket,
+                     Milliseconds limit, Done done)
+    : loop_(loop),
+      address_(address),
+      masterSocket_(std::move(masterSocket)),
+      done_(std::move(done)) {
   limit_ = loop_.after(limit, [this] {
-    fail({Fault::unreachable, "connect timeout",
-          "check the address, and that the device is on, or use a larger --connect-timeout",
-          ETIMEDOUT});
+    fail({Kind::timeout, Cause::connectTimeout, "connect timeout", ETIMEDOUT});
   });
   start_ = loop_.after(Milliseconds(0), [this] { start(); });
 }
@@ -77,22 +72,35 @@ Connector::~Connector() {
 }
 
 void Connector::start() {
-  if (target_.behindMaster()) {
+  if (address_.isBehindMaster()) {
     connectMaster();
   } else {
-    connectTcp();
+    resolveName();
   }
 }
 
-void Connector::connectTcp() {
-  sockaddr_in address{};
-  std::string why;
-  if (!resolve(target_.host, target_.port, address, why)) {
-    fail({Fault::unreachable, why, "check the host name", 0});
-    return;
-  }
+// The resolver may answer after the attempt is over.
+void Connector::resolveName() {
+  loop_.resolve(address_.host(),
+                [this, alive = std::weak_ptr<bool>(alive_)](const Result<in_addr>& host) {
+                  if (alive.expired() || !done_) {
+                    return;
+                  }
+                  if (host) {
+                    connectTcp(*host);
+                  } else {
+                    fail(host.error());
+                  }
+                });
+}
+
+void Connector::connectTcp(in_addr host) {
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(address_.port());
+  peer.sin_addr = host;
   socket_ = newSocket(AF_INET);
-  if (!socket_.valid() || (startConnect(socket_.get(), address) != 0 && errno != EINPROGRESS)) {
+  if (!socket_.valid() || (startConnect(socket_.get(), peer) != 0 && errno != EINPROGRESS)) {
     failConnect(errno);
     return;
   }
@@ -115,8 +123,7 @@ void Connector::connectMaster() {
   } else if (made) {
     watchConnect();
   } else {
-    fail({Fault::unreachable, "no master at " + masterSocket_ + ": " + systemText(errno),
-          "start one: runelctl master", errno});
+    fail(noMaster(masterSocket_, errno));
   }
 }
 
@@ -131,9 +138,10 @@ void Connector::connected() {
   socklen_t size = sizeof number;
   if (getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &number, &size) != 0 || number != 0) {
     failConnect(number != 0 ? number : errno);
-  } else if (target_.behindMaster() && !peerIsUs(socket_.get())) {
-    fail({Fault::unreachable, masterSocket_ + ": the master belongs to another user", "", EPERM});
-  } else if (target_.behindMaster()) {
+  } else if (address_.isBehindMaster() && !peerIsUs(socket_.get())) {
+    fail({Kind::link, Cause::refusedByMaster,
+          masterSocket_ + ": the master belongs to another user", EPERM});
+  } else if (address_.isBehindMaster()) {
     sendGreeting();
   } else {
     setTaskOptions(socket_.get());
@@ -144,7 +152,7 @@ void Connector::connected() {
 // One line selects the device. The master answers "ok" or an error. After "ok", the connection
 // carries the frames of the device.
 void Connector::sendGreeting() {
-  const std::string line = "attach " + target_.through + "\n";
+  const std::string line = "attach " + address_.through() + "\n";
   if (::send(socket_.get(), line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT) !=
       static_cast<ssize_t>(line.size())) {
     failConnect(errno);
@@ -170,8 +178,8 @@ void Connector::readGreeting() {
   if (got == 1 && greeting_ == "ok") {
     succeed();
   } else {
-    fail({Fault::unreachable, greeting_.empty() ? "the master closed the connection" : greeting_,
-          "runelctl devices lists the connected devices", 0});
+    fail({Kind::link, Cause::refusedByMaster,
+          greeting_.empty() ? "the master closed the connection" : greeting_});
   }
 }
 
@@ -183,7 +191,7 @@ void Connector::succeed() {
 }
 
 void Connector::failConnect(int number) {
-  fail({Fault::unreachable, systemText(number), connectHint(number), number});
+  fail({Kind::link, Cause::connect, systemText(number), number});
 }
 
 void Connector::fail(Error error) {

@@ -4,13 +4,15 @@
 #define RUNEL_IO_CONNECTOR_H_
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include <runel/address.h>
+#include <runel/error.h>
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/core/address.h"
-#include "client/core/error.h"
-#include "client/io/loop.h"
 
 namespace runel {
 
@@ -21,7 +23,7 @@ class Connector {
   using Done = std::function<void(zell::UniqueFd socket, std::optional<Error> error)>;
 
   /// @p masterSocket is the path of the master's control socket, for targets behind a master.
-  Connector(Loop& loop, const Target& target, std::string masterSocket, Milliseconds limit,
+  Connector(Loop& loop, const Address& address, std::string masterSocket, Milliseconds limit,
             Done done);
   ~Connector();
   Connector(const Connector&) = delete;
@@ -29,7 +31,8 @@ class Connector {
 
  private:
   void start();
-  void connectTcp();
+  void resolveName();
+  void connectTcp(in_addr host);
   void connectMaster();
   void watchConnect();
   void connected();
@@ -40,14 +43,18 @@ class Connector {
   void failConnect(int number);
 
   Loop& loop_;
-  const Target target_;
+  const Address address_;
   const std::string masterSocket_;
   Done done_;
   zell::UniqueFd socket_;
   std::string greeting_;
-  Loop::Timer start_;
-  Loop::Timer limit_;
+  Timer start_;
+  Timer limit_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
+
+/// No master listens on the control socket @p socket: connecting failed with @p number.
+[[nodiscard]] Error noMaster(const std::string& socket, int number);
 
 /// Sets the options of a task connection: no delay for small packets, and keepalive probes that
 /// detect a dead peer.

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 
 #include "base/unique_fd.h"
+#include "client/io/connector.h"
 #include "client/io/local_peer.h"
 
 namespace runel {
@@ -25,11 +26,6 @@ void limitWaits(int socket, Milliseconds limit) {
   time.tv_usec = std::chrono::duration_cast<std::chrono::microseconds>(limit - seconds).count();
   (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);  // cannot fail on a socket
   (void)setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-}
-
-Error noMaster(const std::string& path, int number) {
-  return {Fault::unreachable, "no master at " + path + ": " + systemText(number),
-          "start one: runelctl master", number};
 }
 
 bool connectTo(int socket, const std::string& path) {
@@ -56,7 +52,7 @@ std::optional<Error> listDevices(const std::string& path, Milliseconds limit, st
     return noMaster(path, EPERM);
   }
   if (send(socket.get(), kQuestion.data(), kQuestion.size(), MSG_NOSIGNAL) < 0) {
-    return Error{Fault::lost, "the master closed the connection", "", errno};
+    return Error{Kind::link, Cause::closed, "the master closed the connection", errno};
   }
   std::string part(kListReadSize, '\0');
   ssize_t got = recv(socket.get(), part.data(), part.size(), 0);
@@ -65,8 +61,9 @@ std::optional<Error> listDevices(const std::string& path, Milliseconds limit, st
     got = recv(socket.get(), part.data(), part.size(), 0);
   }
   if (got < 0) {
-    return errno == EAGAIN ? Error{Fault::timedOut, "no answer from the master", "", ETIMEDOUT}
-                           : Error{Fault::lost, "the master closed the connection", "", errno};
+    return errno == EAGAIN
+               ? Error{Kind::timeout, Cause::other, "no answer from the master", ETIMEDOUT}
+               : Error{Kind::link, Cause::closed, "the master closed the connection", errno};
   }
   return std::nullopt;
 }

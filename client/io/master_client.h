@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "client/core/error.h"
-#include "client/io/loop.h"
+#include <runel/error.h>
+#include <runel/loop.h>
 
 namespace runel {
 

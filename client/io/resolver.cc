@@ -1,55 +1,60 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/io/resolver.h"
-
+// The system's name service, which blocks.
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <string>
 
-#include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <runel/loop.h>
 
 namespace runel {
+inline namespace v1 {
 namespace {
 
 using Found = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
-int ask(const std::string& host, in_addr& address) {
+Result<in_addr> lookUp(const std::string& host) {
   addrinfo wanted{};
   wanted.ai_family = AF_INET;
   wanted.ai_socktype = SOCK_STREAM;
   addrinfo* list = nullptr;
   const int error = getaddrinfo(host.c_str(), nullptr, &wanted, &list);
   const Found found(list, &freeaddrinfo);
-  if (error == 0) {
-    sockaddr_in first{};
-    std::memcpy(&first, found->ai_addr, sizeof first);
-    address = first.sin_addr;
+  if (error != 0) {
+    return Error(Kind::link, Cause::resolve, gai_strerror(error));
   }
-  return error;
+  sockaddr_in first{};
+  std::memcpy(&first, found->ai_addr, sizeof first);
+  return first.sin_addr;
 }
 
 }  // namespace
 
-bool resolve(const std::string& host, std::uint16_t port, sockaddr_in& address, std::string& why) {
+Result<in_addr> resolveBlocking(const std::string& host) {
+  static std::mutex guard;
   static std::map<std::string, in_addr> known;
-  address = sockaddr_in();
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) == 1) {
-    return true;
-  }
+  const std::lock_guard<std::mutex> held(guard);
   const auto before = known.find(host);
   if (before != known.end()) {
-    address.sin_addr = before->second;
-    return true;
+    return before->second;
   }
-  const int error = ask(host, address.sin_addr);
-  if (error != 0) {
-    why = gai_strerror(error);
-    return false;
+  Result<in_addr> address = lookUp(host);
+  if (address) {
+    known[host] = *address;
   }
-  known[host] = address.sin_addr;
-  return true;
+  return address;
 }
 
+Loop::Resolver blockingResolver() {
+  return [](const std::string& host, const Loop::Resolved& resolved) {
+    resolved(resolveBlocking(host));
+  };
+}
+
+}  // namespace v1
 }  // namespace runel

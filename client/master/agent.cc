@@ -17,8 +17,8 @@ constexpr std::size_t kAgentReadSize = 16384;
 constexpr std::size_t kMostClausesQueued = 262144;
 constexpr std::size_t kLongestAgentClause = 1048576;
 
-Error inputError(const std::string& what, const std::string& hint) {
-  return {Fault::local, "standard input: " + what, hint, 0};
+Error inputError(const std::string& what) {
+  return {Kind::local, Cause::other, "standard input: " + what};
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ Agent::~Agent() {
 void Agent::connected(zell::UniqueFd socket) {
   socket_ = std::move(socket);
   if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t events) { ready(events); })) {
-    end(Error{Fault::unreachable, systemText(errno), "", errno});
+    end(Error{Kind::link, Cause::connect, systemText(errno), errno});
     return;
   }
   readInput();
@@ -95,12 +95,12 @@ void Agent::take(std::string bytes) {
     next = typed_.next(clause);
   }
   if (next == zell::ClauseBuffer::Next::sentinel) {
-    end(inputError("byte 0x01 or 0x02 would stop the daemon", "--raw sends it anyway"));
+    end(inputError("byte 0x01 or 0x02 would stop the daemon"), "--raw sends it anyway");
   } else if (next == zell::ClauseBuffer::Next::notOpening) {
-    end(inputError("input that does not begin with '<' would block the daemon's relay",
-                   "--raw sends it anyway"));
+    end(inputError("input that does not begin with '<' would block the daemon's relay"),
+        "--raw sends it anyway");
   } else if (typed_.size() > kLongestAgentClause) {
-    end(inputError("a clause exceeds 1 MiB", ""));
+    end(inputError("a clause exceeds 1 MiB"));
   } else {
     watchSocket();
   }
@@ -112,8 +112,8 @@ void Agent::inputEnded() {
   if (typed_.first(1).empty()) {
     waitOn();
   } else {
-    end(inputError("the last clause is incomplete: its closing tag is missing",
-                   "tags with attributes must end in '/>'"));
+    end(inputError("the last clause is incomplete: its closing tag is missing"),
+        "tags with attributes must end in '/>'");
   }
 }
 
@@ -139,8 +139,10 @@ void Agent::receive() {
     return;
   }
   if (got <= 0) {
-    end(Error{Fault::lost, got < 0 ? systemText(errno) : "the device closed the connection",
-              "the daemon closes it when its connection to the master ends", got < 0 ? errno : 0});
+    end(Error{Kind::link, Cause::closed,
+              got < 0 ? systemText(errno) : "the device closed the connection",
+              got < 0 ? errno : 0},
+        "the daemon closes it when its connection to the master ends");
     return;
   }
   heard_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
@@ -149,7 +151,7 @@ void Agent::receive() {
     events_.clause(clause);
   }
   if (heard_.size() > kLongestAgentClause) {
-    end(Error{Fault::protocol, "malformed answer: not a clause", "", 0});
+    end(Error{Kind::link, Cause::protocol, "malformed answer: not a clause"});
   } else if (inputOver_) {
     waitOn();
   }
@@ -179,7 +181,7 @@ void Agent::waitOn() {
   }
 }
 
-void Agent::end(std::optional<Error> error) {
+void Agent::end(std::optional<Error> error, const std::string& hint) {
   if (std::exchange(over_, true)) {
     return;
   }
@@ -188,7 +190,7 @@ void Agent::end(std::optional<Error> error) {
   if (socket_.valid()) {
     loop_.forget(socket_.get());
   }
-  events_.end(std::move(error));
+  events_.end(std::move(error), hint);
 }
 
 }  // namespace runel

@@ -8,11 +8,12 @@
 #include <optional>
 #include <string>
 
+#include <runel/address.h>
+#include <runel/error.h>
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/core/address.h"
-#include "client/core/error.h"
 #include "client/io/connector.h"
-#include "client/io/loop.h"
 #include "protocol/clause_buffer.h"
 
 namespace runel {
@@ -21,7 +22,7 @@ namespace runel {
 class Agent {
  public:
   struct Options {
-    Target target;
+    Address target;
     Milliseconds connect{10000};
     /// The idle time after the end of the input before `end` is called. The daemon connects to the
     /// master only after the first clause, so answers may arrive late.
@@ -32,7 +33,7 @@ class Agent {
   struct Events {
     std::function<void(const std::string& clause)> clause;
     /// The agent has ended, with an error or after the end of the input.
-    std::function<void(std::optional<Error> error)> end;
+    std::function<void(std::optional<Error> error, const std::string& hint)> end;
   };
 
   /// Reads from @p input. The caller keeps its ownership.
@@ -51,7 +52,7 @@ class Agent {
   void receive();
   void flush();
   void waitOn();
-  void end(std::optional<Error> error);
+  void end(std::optional<Error> error, const std::string& hint = "");
 
   Loop& loop_;
   const int input_;
@@ -65,7 +66,7 @@ class Agent {
   bool inputOver_ = false;
   bool inputWatched_ = false;
   bool over_ = false;
-  Loop::Timer pause_;
+  Timer pause_;
 };
 
 }  // namespace runel

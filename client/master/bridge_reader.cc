@@ -9,7 +9,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "client/core/error.h"
+#include <runel/error.h>
 
 namespace runel {
 namespace {

@@ -8,8 +8,9 @@
 #include <memory>
 #include <string>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/io/loop.h"
 #include "protocol/clause_buffer.h"
 
 namespace runel {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/io/loop.h"
+#include <runel/loop.h>
 
 namespace runel {
 

@@ -7,9 +7,9 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include "client/core/error.h"
+#include <runel/error.h>
+
 #include "client/io/connector.h"
-#include "client/io/resolver.h"
 
 namespace runel {
 namespace {
@@ -30,11 +30,14 @@ Listener::~Listener() {
 
 std::string Listener::open(const std::string& host, std::uint16_t port) {
   const std::string where = host + ":" + std::to_string(port) + ": ";
-  sockaddr_in address{};
-  std::string why;
-  if (!resolve(host, port, address, why)) {
-    return where + why;
+  const Result<in_addr> found = resolveBlocking(host);
+  if (!found) {
+    return where + found.error().text();
   }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr = *found;
   socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
   (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind reports errors
@@ -73,7 +76,7 @@ void Listener::rest(int number) {
   problem_("cannot accept connections: " + systemText(number));
   loop_.forget(socket_.get());
   pause_ = loop_.after(kRest, [this] {
-    pause_ = Loop::Timer();
+    pause_ = Timer();
     if (!watch()) {
       rest(errno);
     }

@@ -9,8 +9,9 @@
 
 #include <netinet/in.h>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/io/loop.h"
 
 namespace runel {
 
@@ -37,7 +38,7 @@ class Listener {
   const Accepted accepted_;
   const std::function<void(const std::string&)> problem_;
   zell::UniqueFd socket_;
-  Loop::Timer pause_;
+  Timer pause_;
 };
 
 }  // namespace runel

@@ -16,6 +16,7 @@
 
 #include <zell/slave_task.h>
 
+#include "client/core/reply_limit.h"
 #include "protocol/protocol.h"
 
 namespace runel {
@@ -70,12 +71,12 @@ void SlaveLink::forward(std::string payload, Answer answer) {
 
 void SlaveLink::ask(const Request& request, ReplyHandler handler) {
   send(
-      encode(request),
+      request.encode(),
       [this, handler = std::move(handler)](std::string&& payload) {
         --unanswered_;
-        std::optional<Reply> reply = decodeReply(std::move(payload));
+        std::optional<Reply> reply = Reply::decode(std::move(payload));
         if (!reply) {
-          lose({Fault::protocol, "malformed answer: not a task record", "", 0});
+          lose({Kind::link, Cause::protocol, "malformed answer: not a task record"});
         } else {
           handler(std::move(*reply));
         }
@@ -89,7 +90,7 @@ void SlaveLink::ask(const Request& request, ReplyHandler handler) {
 
 void SlaveLink::check() {
   if (unanswered_ == 0) {
-    ask(request({"fileexists", "/"}), [](const Reply&) {});
+    ask(Request({"fileexists", "/"}), [](const Reply&) {});
   }
 }
 
@@ -106,7 +107,7 @@ void SlaveLink::send(std::string payload, Answer answer, bool own) {
 void SlaveLink::take(std::string&& payload) {
   counters_.bytesIn += payload.size();
   if (pending_.empty()) {
-    lose({Fault::protocol, "answer without a request", "", 0});
+    lose({Kind::link, Cause::protocol, "answer without a request"});
     return;
   }
   const Pending front = std::move(pending_.front());
@@ -146,12 +147,12 @@ void SlaveLink::watchCheck() {
     }
     const auto since = std::chrono::duration_cast<Milliseconds>(Clock::now() - asked_);
     if (since >= kConfirmTime && !confirms(since)) {
-      lose(
-          {Fault::lost, "half-open connection: the peer does not acknowledge data", "", ETIMEDOUT});
+      lose({Kind::link, Cause::closed, "half-open connection: the peer does not acknowledge data",
+            ETIMEDOUT});
     } else if (since >= timeout_ && onlyOwnWork()) {
       // A device that runs a program for a user may be silent for long. This one has only cheap
       // tasks.
-      lose({Fault::timedOut, "no answer to the liveness check", "", ETIMEDOUT});
+      lose({Kind::timeout, Cause::silence, "no answer to the liveness check", ETIMEDOUT});
     } else {
       watchCheck();
     }

@@ -9,11 +9,12 @@
 #include <functional>
 #include <string>
 
+#include <runel/error.h>
+#include <runel/loop.h>
+#include <runel/request.h>
+
 #include "base/unique_fd.h"
-#include "client/core/error.h"
-#include "client/core/request.h"
 #include "client/io/channel.h"
-#include "client/io/loop.h"
 
 namespace runel {
 
@@ -79,7 +80,7 @@ class SlaveLink {
   bool reading_ = true;
   std::size_t unanswered_ = 0;  // pending requests of the master
   Clock::time_point asked_;     // start time of the oldest check
-  Loop::Timer timer_;
+  Timer timer_;
 };
 
 /// False for payloads without an answer: "restart", and text that is not a record.

@@ -7,10 +7,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/core/error.h"
-#include "client/core/request.h"
+#include <runel/request.h>
+
+#include "cli/targets.h"
 #include "commands/number_range.h"
 #include "fleet/waves.h"
+#include "output/error.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -154,13 +156,13 @@ int CommandLine::parse(std::vector<std::string> words) {
     return app_.exit(help);
   } catch (const CLI::ParseError& error) {
     complain(explain(app_, error));
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);
   const std::string wrong = checkChosen();
   if (!wrong.empty()) {
     complain(wrong);
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   return -1;
 }
@@ -175,9 +177,9 @@ std::string CommandLine::checkChosen() {
 
 std::string CommandLine::readTargets() {
   std::string why;
-  std::vector<runel::Target>& targets = settings_.targets;
+  std::vector<runel::Address>& targets = settings_.targets;
   for (const std::string& list : devices_) {
-    if (!runel::parseTargetList(list, targets, why)) {
+    if (!parseTargetList(list, targets, why)) {
       return "-d: " + why;
     }
   }
@@ -189,11 +191,11 @@ std::string CommandLine::readTargets() {
         return devicesFile_ + ": " + runel::systemText(errno);
       }
     }
-    if (!runel::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
+    if (!runelctl::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
       return devicesFile_ + ": " + why;
     }
   } else if (devices_.empty()) {
-    return runel::parseTargetList("127.0.0.1", targets, why) ? "" : why;
+    return parseTargetList("127.0.0.1", targets, why) ? "" : why;
   }
   return targets.empty() ? devicesFile_ + ": no devices listed" : "";
 }

@@ -10,6 +10,7 @@
 
 #include "cli/command_line.h"
 #include "cli/signals.h"
+#include "cli/targets.h"
 #include "fleet/fleet.h"
 #include "output/text.h"
 
@@ -35,31 +36,29 @@ bool confirmed(const Settings& settings, const Command& command) {
 
 // Removes the targets that are not listed in @p path from @p targets. Returns the error, empty for
 // success.
-std::string keepFailed(const std::string& path, std::vector<runel::Target>& targets) {
+std::string keepFailed(const std::string& path, std::vector<runel::Address>& targets) {
   std::ifstream file(path);
   if (!file) {
     return errno == ENOENT ? "" : path + ": " + runel::systemText(errno);
   }
-  std::vector<runel::Target> failed;
+  std::vector<runel::Address> failed;
   std::string why;
-  if (!runel::readTargets(file, failed, why)) {
+  if (!readTargets(file, failed, why)) {
     return path + ": " + why;
   }
-  const auto done = [&](const runel::Target& target) {
+  const auto done = [&](const runel::Address& target) {
     return std::find(failed.begin(), failed.end(), target) == failed.end();
   };
   targets.erase(std::remove_if(targets.begin(), targets.end(), done), targets.end());
   return "";
 }
 
-bool writeFailed(const std::string& path, const std::vector<runel::Target>& targets) {
+bool writeFailed(const std::string& path, const std::vector<runel::Address>& targets) {
   const std::string fresh = path + ".new";
   std::ofstream file(fresh);
-  for (const runel::Target& target : targets) {
-    const std::string where = target.behindMaster()
-                                  ? "@" + target.through
-                                  : target.host + ":" + std::to_string(target.port);
-    file << (target.name == where ? "" : target.name + " ") << where << "\n";
+  for (const runel::Address& target : targets) {
+    const std::string where = target.text();
+    file << (target.name() == where ? "" : target.name() + " ") << where << "\n";
   }
   file.close();
   return file.good() && std::rename(fresh.c_str(), path.c_str()) == 0;
@@ -71,11 +70,10 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   Printer printer(style, settings.arrange, command.name(), settings.targets.size() > 1);
   Fleet fleet(session.loop, settings, command, printer, style);
   if (session.device != nullptr && !settings.dryRun && settings.targets.size() == 1 &&
-      settings.targets[0] == session.device->target()) {
+      settings.targets[0] == session.device->address()) {
     fleet.lend(*session.device);
   }
-  const Signals signals(session.loop,
-                        [&](int number) { fleet.cancel(runel::kExitSignalBase + number); });
+  const Signals signals(session.loop, [&](int number) { fleet.cancel(kExitSignalBase + number); });
   const int status = fleet.run();
   if (settings.dryRun) {
     printer.unsent(settings.targets.size());
@@ -84,7 +82,7 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
   if (!settings.retryFailed.empty() && !writeFailed(settings.retryFailed, fleet.unfinished())) {
     complain(settings.retryFailed + ": " + runel::systemText(errno));
-    return std::max(status, runel::kExitTaskFailed);
+    return std::max(status, kExitTaskFailed);
   }
   return status;
 }
@@ -95,7 +93,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     const std::string wrong = keepFailed(settings.retryFailed, settings.targets);
     if (!wrong.empty()) {
       complain(wrong);
-      return runel::kExitUsage;
+      return kExitUsage;
     }
     if (settings.targets.empty()) {
       if (!settings.quiet && !settings.json) {
@@ -105,7 +103,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     }
   }
   if (!confirmed(settings, *line.command())) {
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   if (const auto error = line.command()->prepare()) {
     tellFailure(line.command()->name(), *error, style);
@@ -129,7 +127,7 @@ int runCommandLine(Session& session, const std::vector<std::string>& words) {
   const std::string wrong = line.readTargets();
   if (!wrong.empty()) {
     complain(wrong);
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   const Style style = styleFor(settings.json, settings.quiet, settings.colour);
   return line.command() != nullptr ? runOnDevices(session, line, style)

@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "client/io/device.h"
-#include "client/io/loop.h"
+#include <runel/async_device.h>
+#include <runel/loop.h>
 
 namespace runelctl {
 
 /// The state that command lines of a session share: the loop, the device and the remote directory.
 struct Session {
   runel::Loop& loop;
-  runel::Device* device = nullptr;
+  runel::AsyncDevice* device = nullptr;
   std::vector<std::string> before;  ///< options that are prepended to each command line
   std::string directory;
 };

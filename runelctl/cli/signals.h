@@ -7,8 +7,9 @@
 
 #include <csignal>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/io/loop.h"
 
 namespace runelctl {
 

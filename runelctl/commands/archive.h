@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "client/core/records.h"
+#include <runel/records.h>
 
+#include "client/core/paths.h"
 namespace runelctl {
 
 /// Builds a tar archive of regular files and directories in memory.

@@ -35,7 +35,7 @@ class Command {
     return "";
   }
   /// Examines the local files of the command, once for all devices. Returns the error, if any.
-  [[nodiscard]] virtual std::optional<runel::Error> prepare() { return std::nullopt; }
+  [[nodiscard]] virtual std::optional<Error> prepare() { return std::nullopt; }
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
   /// True for a command that needs a confirmation on several devices.
   [[nodiscard]] virtual bool destructive() const { return false; }

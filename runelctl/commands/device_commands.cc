@@ -10,8 +10,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/core/records.h"
+#include <runel/records.h>
 #include "commands/command.h"
+
+#include "client/core/paths.h"
 #include "commands/number_range.h"
 #include "commands/raw_text.h"
 #include "protocol/frame_sender.h"
@@ -21,7 +23,7 @@ namespace {
 
 // Needs only one system call on the device.
 runel::Request cheapTask() {
-  return runel::request({"fileexists", "/"});
+  return runel::Request({"fileexists", "/"});
 }
 
 class PingJob : public Job {
@@ -42,8 +44,8 @@ class PingJob : public Job {
 
  private:
   void back(const runel::Reply& reply) {
-    if (reply.broken) {
-      fail(*reply.broken);
+    if (!reply.answered()) {
+      fail(reply.error());
       return;
     }
     const double ms =
@@ -83,7 +85,7 @@ class PingJob : public Job {
   const double pause_;
   std::vector<double> times_;
   runel::Clock::time_point sent_;
-  runel::Loop::Timer timer_;
+  runel::Timer timer_;
 };
 
 class PingCommand : public Command {
@@ -116,21 +118,21 @@ class InfoJob : public Job {
     text("devicetype", {"devicetype"});
     text("kernel", {"read", "/proc/sys/kernel/osrelease"});
     text("hostname", {"read", "/proc/sys/kernel/hostname"});
-    ask(runel::request({"read", "/proc/uptime"}),
+    ask(runel::Request({"read", "/proc/uptime"}),
         [this](const runel::Reply& reply) { uptime(reply); });
-    ask(runel::request({"stat", "/"}), [this](const runel::Reply& reply) {
-      const std::optional<runel::StatRecord> st =
-          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+    ask(runel::Request({"stat", "/"}), [this](const runel::Reply& reply) {
+      const std::optional<runel::Stat> st =
+          reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       blockSize_ = st ? st->blksize : 0;
     });
-    ask(runel::request({"freeblocks", "/"}), [this](const runel::Reply& reply) { space(reply); });
+    ask(runel::Request({"freeblocks", "/"}), [this](const runel::Reply& reply) { space(reply); });
   }
 
  private:
   void text(const std::string& label, std::vector<std::string> task) {
-    ask(runel::request(std::move(task)), [this, label](const runel::Reply& reply) {
+    ask(runel::Request(std::move(task)), [this, label](const runel::Reply& reply) {
       if (reply.ok()) {
-        show(label, reply.output.substr(0, reply.output.find('\n')));
+        show(label, reply.output().substr(0, reply.output().find('\n')));
       }
     });
   }
@@ -150,7 +152,7 @@ class InfoJob : public Job {
     if (!reply.ok()) {
       return;
     }
-    const auto seconds = std::strtoull(reply.output.c_str(), nullptr, 10);
+    const auto seconds = std::strtoull(reply.output().c_str(), nullptr, 10);
     char shown[64];
     std::snprintf(shown, sizeof shown, "%llu days, %02llu:%02llu", seconds / 86400,
                   seconds / 3600 % 24, seconds / 60 % 60);
@@ -160,12 +162,12 @@ class InfoJob : public Job {
 
   // The last answer ends the job.
   void space(const runel::Reply& reply) {
-    if (reply.broken) {
-      fail(*reply.broken);
+    if (!reply.answered()) {
+      fail(reply.error());
       return;
     }
     if (reply.ok()) {
-      const std::uint64_t free = std::strtoull(reply.output.c_str(), nullptr, 10) * blockSize_;
+      const std::uint64_t free = std::strtoull(reply.output().c_str(), nullptr, 10) * blockSize_;
       line("free on /", sizeText(free));
       report().result()["free_bytes"] = free;
     }
@@ -193,13 +195,13 @@ class RawJob : public Job {
   void start() override {
     dump("request", payload_);
     device().setTap([this](const std::string& payload) { dump("reply", payload); });
-    runel::Request like = runel::request({"read"});
+    runel::Request like = runel::Request({"read"});
     device().askRaw(payload_, like, [this](const runel::Reply& reply) {
       device().setTap(nullptr);
-      if (reply.broken) {
-        fail(*reply.broken);
+      if (!reply.answered()) {
+        fail(reply.error());
       } else {
-        finish({reply.ok() ? 0 : runel::kExitTaskFailed, std::nullopt});
+        finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
       }
     });
   }

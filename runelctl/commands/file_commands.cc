@@ -10,10 +10,14 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "client/core/records.h"
+#include <runel/records.h>
 #include "commands/command.h"
+
+#include "client/core/paths.h"
 #include "commands/lists.h"
 #include "commands/local_tree.h"
+
+#include "output/mode_text.h"
 
 namespace runelctl {
 namespace {
@@ -37,20 +41,20 @@ std::string secondText(const runel::Timestamp& moment) {
   return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &parts));
 }
 
-std::string longLine(const runel::StatRecord& st) {
+std::string longLine(const runel::Stat& st) {
   char text[128];
   std::snprintf(text, sizeof text, "%s %3llu %5llu %5llu %10llu ",
-                runel::modeText(runel::typeLetter(st.mode), st.mode).c_str(),
+                modeText(typeLetter(st.mode), st.mode).c_str(),
                 static_cast<unsigned long long>(st.nlink), static_cast<unsigned long long>(st.uid),
                 static_cast<unsigned long long>(st.gid), static_cast<unsigned long long>(st.size));
   return text + minuteText(st.mtime) + " ";
 }
 
-Json statJson(const runel::StatRecord& st) {
+Json statJson(const runel::Stat& st) {
   char mode[16];
   std::snprintf(mode, sizeof mode, "%07o", st.mode);
   Json object;
-  object["type"] = std::string(1, runel::typeLetter(st.mode));
+  object["type"] = std::string(1, typeLetter(st.mode));
   object["mode"] = mode;
   object["nlink"] = st.nlink;
   object["uid"] = st.uid;
@@ -61,8 +65,8 @@ Json statJson(const runel::StatRecord& st) {
   return object;
 }
 
-const runel::Error kBadText{runel::Fault::protocol, "malformed answer",
-                            "check that the versions of runeld and runelctl match", 0};
+const Error kBadText{Fault::protocol, "malformed answer",
+                     "check that the versions of runeld and runelctl match", 0};
 
 class CatJob : public EachPathJob {
  public:
@@ -70,12 +74,12 @@ class CatJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::request({"read", path}), [this, path](const runel::Reply& reply) {
+    ask(runel::Request({"read", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok()) {
-        report().bytes(reply.output);
+        report().bytes(reply.output());
         Json object{{"entry", "file"}};
         putBytes(object, "path", path);
-        putBytes(object, "content", reply.output);
+        putBytes(object, "content", reply.output());
         report().entry(object);
       }
       visited(reply, path);
@@ -94,12 +98,12 @@ class LsJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::request({"readdir", path}), [this, path](const runel::Reply& reply) {
-      if (!reply.broken && reply.status.error == ENOTDIR) {
+    ask(runel::Request({"readdir", path}), [this, path](const runel::Reply& reply) {
+      if (reply.answered() && reply.number() == ENOTDIR) {
         showFile(path);
         return;
       }
-      if (reply.ok() && !take(path, reply.output)) {
+      if (reply.ok() && !take(path, reply.output())) {
         return;
       }
       if (!reply.ok() || !full_ || left_ == 0) {
@@ -137,22 +141,20 @@ class LsJob : public EachPathJob {
   }
 
   void askAbout(const std::string& directory, const std::string& name) {
-    ask(runel::request({"lstat", runel::joinPath(directory, name)}),
+    ask(runel::Request({"lstat", runel::joinPath(directory, name)}),
         [this, directory, name](const runel::Reply& reply) {
           showEntry(name, reply);
           // A file that was removed meanwhile is not an error. A lost connection is.
           --left_;
-          if (reply.broken || left_ == 0) {
-            runel::Reply all;
-            all.broken = reply.broken;
-            visited(all, directory);
+          if (!reply.answered() || left_ == 0) {
+            visited(reply.answered() ? runel::Reply() : reply, directory);
           }
         });
   }
 
   void showEntry(const std::string& name, const runel::Reply& reply) {
-    const std::optional<runel::StatRecord> st =
-        reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+    const std::optional<runel::Stat> st =
+        reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
     if (!st) {
       return;
     }
@@ -164,7 +166,7 @@ class LsJob : public EachPathJob {
   }
 
   void showFile(const std::string& path) {
-    ask(runel::request({"lstat", path}), [this, path](const runel::Reply& reply) {
+    ask(runel::Request({"lstat", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok() && full_) {
         showEntry(path, reply);
       } else if (reply.ok()) {
@@ -185,9 +187,9 @@ class TreeJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::request({"walktree", path}), [this, path](const runel::Reply& reply) {
-      const auto entries = reply.broken ? std::nullopt : runel::parseTree(reply.output);
-      if (!reply.broken && !entries) {
+    ask(runel::Request({"walktree", path}), [this, path](const runel::Reply& reply) {
+      const auto entries = !reply.answered() ? std::nullopt : runel::parseTree(reply.output());
+      if (reply.answered() && !entries) {
         fail(kBadText);
         return;
       }
@@ -235,14 +237,14 @@ class DfJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::request({"stat", path}), [this](const runel::Reply& reply) {
-      const std::optional<runel::StatRecord> st =
-          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+    ask(runel::Request({"stat", path}), [this](const runel::Reply& reply) {
+      const std::optional<runel::Stat> st =
+          reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       blockSize_ = st ? st->blksize : 0;
     });
-    ask(runel::request({"freeblocks", path}), [this, path](const runel::Reply& reply) {
+    ask(runel::Request({"freeblocks", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok()) {
-        show(path, reply.output);
+        show(path, reply.output());
       }
       visited(reply, path);
     });
@@ -269,21 +271,21 @@ class StatJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::request({task_, path}), [this, path](const runel::Reply& reply) {
-      const std::optional<runel::StatRecord> st =
-          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+    ask(runel::Request({task_, path}), [this, path](const runel::Reply& reply) {
+      const std::optional<runel::Stat> st =
+          reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       if (reply.ok() && !st) {
         fail(kBadText);
         return;
       }
       if (st) {
-        show(path, *st, reply.output);
+        show(path, *st, reply.output());
       }
       visited(reply, path);
     });
   }
 
-  void show(const std::string& path, const runel::StatRecord& st, const std::string& text) {
+  void show(const std::string& path, const runel::Stat& st, const std::string& text) {
     report().bytes(raw_ ? text : readable(path, st));
     Json object = statJson(st);
     object["entry"] = "name";
@@ -298,12 +300,12 @@ class StatJob : public EachPathJob {
     report().entry(object);
   }
 
-  [[nodiscard]] std::string readable(const std::string& path, const runel::StatRecord& st) {
+  [[nodiscard]] std::string readable(const std::string& path, const runel::Stat& st) {
     char mode[16];
     std::snprintf(mode, sizeof mode, "%04o", st.mode & 07777U);
     const auto number = [](std::uint64_t value) { return std::to_string(value); };
     return "  path: " + report().name(path) + "\n  type: " + typeName(st.mode) +
-           "\n  mode: " + runel::modeText(runel::typeLetter(st.mode), st.mode) + " (" + mode + ")" +
+           "\n  mode: " + modeText(typeLetter(st.mode), st.mode) + " (" + mode + ")" +
            "\n owner: " + number(st.uid) + ":" + number(st.gid) + "\n  size: " + number(st.size) +
            " bytes, " + number(st.blocks) + " blocks of 512" + "\n links: " + number(st.nlink) +
            ", inode " + number(st.ino) + " on device " + number(st.dev) +
@@ -318,7 +320,7 @@ class StatJob : public EachPathJob {
         {'p', "named pipe"},    {'b', "block device"},
         {'s', "socket"}};
     for (const auto& [letter, name] : kNames) {
-      if (letter == runel::typeLetter(mode)) {
+      if (letter == typeLetter(mode)) {
         return name;
       }
     }
@@ -338,11 +340,11 @@ class RmJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    const runel::Request one = recursive_ ? runel::execRequest({"rm", "-r", "--", path}, 0)
-                                          : runel::request({"unlink", path});
+    const runel::Request one = recursive_ ? runel::Request::exec({"rm", "-r", "--", path}, 0)
+                                          : runel::Request({"unlink", path});
     ask(one, [this, path](const runel::Reply& reply) {
-      if (!reply.ok() && recursive_ && !reply.output.empty()) {
-        report().warn(reply.output.substr(0, reply.output.find('\n')));
+      if (!reply.ok() && recursive_ && !reply.output().empty()) {
+        report().warn(reply.output().substr(0, reply.output().find('\n')));
       }
       visited(reply, path);
     });
@@ -358,11 +360,11 @@ class MvJob : public Job {
 
   // If the target is a directory, moves the file into it, like mv(1). "rename" alone does not.
   void start() override {
-    ask(runel::request({"stat", to_}), [this](const runel::Reply& reply) {
-      const std::optional<runel::StatRecord> st =
-          reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
-      if (reply.broken) {
-        fail(*reply.broken);
+    ask(runel::Request({"stat", to_}), [this](const runel::Reply& reply) {
+      const std::optional<runel::Stat> st =
+          reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
+      if (!reply.answered()) {
+        fail(reply.error());
         return;
       }
       move(st && st->isDirectory() ? runel::joinPath(to_, runel::baseName(from_)) : to_);
@@ -374,7 +376,7 @@ class MvJob : public Job {
 
  private:
   void move(const std::string& to) {
-    ask(runel::request({"rename", from_, to}), [this, to](const runel::Reply& reply) {
+    ask(runel::Request({"rename", from_, to}), [this, to](const runel::Reply& reply) {
       if (reply.ok()) {
         succeed();
       } else {

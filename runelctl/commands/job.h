@@ -8,8 +8,9 @@
 #include <string>
 #include <utility>
 
-#include "client/io/device.h"
-#include "client/io/loop.h"
+#include <runel/async_device.h>
+#include <runel/loop.h>
+
 #include "commands/settings.h"
 #include "output/report.h"
 
@@ -19,13 +20,13 @@ namespace runelctl {
 /// comes without an error: the program reports its errors.
 struct Outcome {
   int status = 0;
-  std::optional<runel::Error> error;
+  std::optional<Error> error;
 };
 
 /// The environment of a job. All of it outlives the job.
 struct JobContext {
   runel::Loop& loop;
-  runel::Device& device;
+  runel::AsyncDevice& device;
   Report& report;
   const Settings& settings;
   std::function<void(Outcome)> done;
@@ -55,10 +56,10 @@ class Job {
   }
   void finish(Outcome outcome) { context_.done(std::move(outcome)); }
   void succeed() { finish({}); }
-  void fail(const runel::Error& error) { finish({exitStatusOf(error), error}); }
+  void fail(const Error& error) { finish({exitStatusOf(error), error}); }
   /// Ends the job with the failure in @p reply of @p what.
   void fail(const runel::Reply& reply, const std::string& what) {
-    finish({reply.broken ? reply.exitStatus() : runel::kExitTaskFailed, reply.error(what)});
+    finish({!reply.answered() ? exitStatusOf(reply) : kExitTaskFailed, reply.error(what)});
   }
 
   Report& report() { return context_.report; }
@@ -67,7 +68,7 @@ class Job {
     return context_.settings.remote(path);
   }
   runel::Loop& loop() { return context_.loop; }
-  runel::Device& device() { return context_.device; }
+  runel::AsyncDevice& device() { return context_.device; }
 
  private:
   JobContext context_;

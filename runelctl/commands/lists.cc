@@ -19,16 +19,16 @@ void EachPathJob::start() {
 }
 
 void EachPathJob::visited(const runel::Reply& reply, const std::string& path) {
-  if (reply.broken) {
-    fail(*reply.broken);
+  if (!reply.answered()) {
+    fail(reply.error());
     return;
   }
   if (!reply.ok()) {
-    const runel::Error error = reply.error(path);
+    const Error error = reply.error(path);
     if (outcome_.error) {
       report().warn(error.what);
     } else {
-      outcome_ = {runel::kExitTaskFailed, error};
+      outcome_ = {kExitTaskFailed, error};
     }
   }
   if (++next_ == paths_.size()) {

@@ -15,6 +15,8 @@
 #include "client/core/sha256.h"
 #include "output/style.h"
 
+#include "output/mode_text.h"
+
 namespace runelctl {
 namespace {
 
@@ -52,7 +54,7 @@ bool namesIn(const std::string& directory, std::vector<std::string>& names) {
 }
 
 LocalEntry entryOf(const std::string& path, const std::string& relative, const struct stat& st) {
-  return {runel::typeLetter(st.st_mode),
+  return {typeLetter(st.st_mode),
           path,
           relative,
           "",
@@ -66,14 +68,14 @@ class Scan {
  public:
   Scan(LocalSource& source, std::vector<std::string>& left) : source_(source), left_(left) {}
 
-  std::optional<runel::Error> run(LocalEntry top) {
+  std::optional<Error> run(LocalEntry top) {
     todo_.push_back(std::move(top));
     while (!todo_.empty()) {
       const LocalEntry entry = std::move(todo_.back());
       todo_.pop_back();
       source_.entries.push_back(entry);
       if (entry.type == 'd' && !open(entry)) {
-        return runel::localError(entry.path, errno);
+        return localError(entry.path, errno);
       }
     }
     return std::nullopt;
@@ -115,44 +117,44 @@ class Scan {
 
 }  // namespace
 
-std::optional<runel::Error> scanLocal(const std::string& path, bool recursive, LocalSource& source,
-                                      std::vector<std::string>& left) {
+std::optional<Error> scanLocal(const std::string& path, bool recursive, LocalSource& source,
+                               std::vector<std::string>& left) {
   struct stat st {};
   if (stat(path.c_str(), &st) != 0) {
-    return runel::localError(path, errno);
+    return localError(path, errno);
   }
   if (S_ISDIR(st.st_mode) && !recursive) {
-    return runel::Error{runel::Fault::local, path + ": " + runel::systemText(EISDIR),
-                        "use -r for directories", EISDIR};
+    return Error{Fault::local, path + ": " + runel::systemText(EISDIR), "use -r for directories",
+                 EISDIR};
   }
   if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
-    return runel::Error{runel::Fault::local, path + ": not a file or directory", "", EINVAL};
+    return Error{Fault::local, path + ": not a file or directory", "", EINVAL};
   }
   source.name = runel::baseName(path);
   return Scan(source, left).run(entryOf(path, "", st));
 }
 
-std::optional<runel::Error> LocalReader::open(const std::string& path) {
+std::optional<Error> LocalReader::open(const std::string& path) {
   path_ = path;
   file_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
-    return runel::localError(path, errno);
+    return localError(path, errno);
   }
   size_ = static_cast<std::uint64_t>(st.st_size);
   mtime_ = momentOf(st.st_mtim);
   return std::nullopt;
 }
 
-std::optional<runel::Error> LocalReader::read(std::uint64_t offset, std::size_t count,
-                                              std::string& bytes) const {
+std::optional<Error> LocalReader::read(std::uint64_t offset, std::size_t count,
+                                       std::string& bytes) const {
   bytes.resize(count);
   std::size_t done = 0;
   while (done < count) {
     const ssize_t got =
         pread(file_.get(), bytes.data() + done, count - done, static_cast<off_t>(offset + done));
     if (got < 0 && errno != EINTR) {
-      return runel::localError(path_, errno);
+      return localError(path_, errno);
     }
     if (got == 0) {
       return changedError();
@@ -162,8 +164,8 @@ std::optional<runel::Error> LocalReader::read(std::uint64_t offset, std::size_t 
   return std::nullopt;
 }
 
-runel::Error LocalReader::changedError() const {
-  return {runel::Fault::local, path_ + ": changed during the transfer", "retry the transfer", 0};
+Error LocalReader::changedError() const {
+  return {Fault::local, path_ + ": changed during the transfer", "retry the transfer", 0};
 }
 
 bool LocalReader::changed() const {
@@ -172,7 +174,7 @@ bool LocalReader::changed() const {
          !(momentOf(st.st_mtim) == mtime_);
 }
 
-std::optional<runel::Error> LocalWriter::begin(const std::string& path, bool resume) {
+std::optional<Error> LocalWriter::begin(const std::string& path, bool resume) {
   discard();
   path_ = path;
   resume_ = resume;
@@ -181,34 +183,34 @@ std::optional<runel::Error> LocalWriter::begin(const std::string& path, bool res
   file_.reset(::open(hidden_.c_str(), flags, 0600));
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
-    return runel::localError(path_, errno);
+    return localError(path_, errno);
   }
   size_ = static_cast<std::uint64_t>(st.st_size);
   return std::nullopt;
 }
 
-std::optional<runel::Error> LocalWriter::add(std::string_view bytes) {
+std::optional<Error> LocalWriter::add(std::string_view bytes) {
   if (!writeAll(file_.get(), bytes)) {
-    return runel::localError(path_, errno);
+    return localError(path_, errno);
   }
   size_ += bytes.size();
   return std::nullopt;
 }
 
-std::optional<runel::Error> LocalWriter::cutTo(std::uint64_t size) {
+std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
   if (ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
-    return runel::localError(path_, errno);
+    return localError(path_, errno);
   }
   size_ = size;
   return std::nullopt;
 }
 
-std::optional<runel::Error> LocalWriter::finish(std::uint32_t mode, const runel::Timestamp& mtime) {
+std::optional<Error> LocalWriter::finish(std::uint32_t mode, const runel::Timestamp& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   // Drop the set-user-ID and set-group-ID bits: the owner is a different user here.
   if (fchmod(file_.get(), mode & 0777U) != 0 || futimens(file_.get(), times) != 0 ||
       rename(hidden_.c_str(), path_.c_str()) != 0) {
-    return runel::localError(path_, errno);
+    return localError(path_, errno);
   }
   file_.reset();
   return std::nullopt;
@@ -227,7 +229,7 @@ void LocalWriter::discard() {
   }
 }
 
-std::optional<runel::Error> makeLocalDirectory(const std::string& path) {
+std::optional<Error> makeLocalDirectory(const std::string& path) {
   struct stat st {};
   if (mkdir(path.c_str(), 0700) == 0) {
     return std::nullopt;
@@ -236,28 +238,28 @@ std::optional<runel::Error> makeLocalDirectory(const std::string& path) {
   if (number == EEXIST && lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
     return std::nullopt;
   }
-  return runel::localError(path, number);
+  return localError(path, number);
 }
 
-std::optional<runel::Error> makeLocalLink(const std::string& path, const std::string& target) {
+std::optional<Error> makeLocalLink(const std::string& path, const std::string& target) {
   const std::string hidden = partPath(path);
   (void)unlink(hidden.c_str());  // left by an earlier run; symlink() reports it if it stays
   if (symlink(target.c_str(), hidden.c_str()) != 0) {
-    return runel::localError(path, errno);
+    return localError(path, errno);
   }
   if (rename(hidden.c_str(), path.c_str()) != 0) {
     const int number = errno;
     (void)unlink(hidden.c_str());  // report the first error
-    return runel::localError(path, number);
+    return localError(path, number);
   }
   return std::nullopt;
 }
 
-std::optional<runel::Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
-                                                 const runel::Timestamp& mtime) {
+std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
+                                          const runel::Timestamp& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   if (chmod(path.c_str(), mode & 0777U) != 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
-    return runel::localError(path, errno);
+    return localError(path, errno);
   }
   return std::nullopt;
 }

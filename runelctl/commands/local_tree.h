@@ -10,9 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include <runel/records.h>
+
 #include "base/unique_fd.h"
-#include "client/core/error.h"
-#include "client/core/records.h"
+#include "client/core/paths.h"
+#include "output/error.h"
 
 namespace runelctl {
 
@@ -37,21 +39,20 @@ struct LocalSource {
 /// Scans @p path. Returns an error if it is missing, unreadable, a directory without @p recursive,
 /// or not a file or directory. Entries below a directory that are not a file, directory or link are
 /// skipped and listed in @p left.
-[[nodiscard]] std::optional<runel::Error> scanLocal(const std::string& path, bool recursive,
-                                                    LocalSource& source,
-                                                    std::vector<std::string>& left);
+[[nodiscard]] std::optional<Error> scanLocal(const std::string& path, bool recursive,
+                                             LocalSource& source, std::vector<std::string>& left);
 
 /// Reads a local file and detects changes by others during reading.
 class LocalReader {
  public:
-  [[nodiscard]] std::optional<runel::Error> open(const std::string& path);
+  [[nodiscard]] std::optional<Error> open(const std::string& path);
   /// Reads @p count bytes from @p offset. An earlier end of file is an error: the file has changed.
-  [[nodiscard]] std::optional<runel::Error> read(std::uint64_t offset, std::size_t count,
-                                                 std::string& bytes) const;
+  [[nodiscard]] std::optional<Error> read(std::uint64_t offset, std::size_t count,
+                                          std::string& bytes) const;
   /// True if size or time differ from those at `open`.
   [[nodiscard]] bool changed() const;
   /// The error to report then.
-  [[nodiscard]] runel::Error changedError() const;
+  [[nodiscard]] Error changedError() const;
   [[nodiscard]] std::uint64_t size() const { return size_; }
 
  private:
@@ -72,13 +73,12 @@ class LocalWriter {
 
   /// Starts writing @p path. With @p resume, keeps the partial file of an earlier attempt; `size`
   /// is its size.
-  [[nodiscard]] std::optional<runel::Error> begin(const std::string& path, bool resume);
-  [[nodiscard]] std::optional<runel::Error> add(std::string_view bytes);
+  [[nodiscard]] std::optional<Error> begin(const std::string& path, bool resume);
+  [[nodiscard]] std::optional<Error> add(std::string_view bytes);
   /// Truncates the partial file to @p size bytes.
-  [[nodiscard]] std::optional<runel::Error> cutTo(std::uint64_t size);
+  [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
   /// Sets mode and time and renames the file to its target.
-  [[nodiscard]] std::optional<runel::Error> finish(std::uint32_t mode,
-                                                   const runel::Timestamp& mtime);
+  [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const runel::Timestamp& mtime);
   /// Removes the unfinished file.
   void discard();
   [[nodiscard]] std::uint64_t size() const { return size_; }
@@ -93,14 +93,13 @@ class LocalWriter {
 };
 
 /// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
-[[nodiscard]] std::optional<runel::Error> makeLocalDirectory(const std::string& path);
+[[nodiscard]] std::optional<Error> makeLocalDirectory(const std::string& path);
 /// Creates the symbolic link @p path to @p target and replaces an existing file or link.
-[[nodiscard]] std::optional<runel::Error> makeLocalLink(const std::string& path,
-                                                        const std::string& target);
+[[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
+                                                 const std::string& target);
 /// Sets mode and time of the directory @p path.
-[[nodiscard]] std::optional<runel::Error> finishLocalDirectory(const std::string& path,
-                                                               std::uint32_t mode,
-                                                               const runel::Timestamp& mtime);
+[[nodiscard]] std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
+                                                        const runel::Timestamp& mtime);
 
 /// Format a mode for chmod(1) and a time for `touch -d`.
 [[nodiscard]] std::string octalMode(std::uint32_t mode);

@@ -14,7 +14,7 @@ constexpr std::size_t kMostNameBytes = 98304;
 
 }  // namespace
 
-Pipeline::Pipeline(runel::Device& device, Source source, std::size_t mostBytes,
+Pipeline::Pipeline(runel::AsyncDevice& device, Source source, std::size_t mostBytes,
                    std::function<void()> end)
     : device_(device), source_(std::move(source)), mostBytes_(mostBytes), end_(std::move(end)) {}
 
@@ -29,7 +29,6 @@ void Pipeline::fill() {
     ++count_;
     weight_ += next->weight;
     const runel::Request request = std::move(next->request);
-    next->request = runel::Request();
     device_.ask(request, [this, item = std::move(*next)](const runel::Reply& reply) {
       answered(item, reply);
     });
@@ -79,7 +78,7 @@ Pipeline::Source programSource(std::vector<ProgramRuns> runs,
     }
     std::vector<std::string> words = run.words;
     words.insert(words.end(), names->begin(), names->end());
-    return Pipeline::Item{runel::execRequest(words, 0), kMostNameBytes,
+    return Pipeline::Item{runel::Request::exec(words, 0), kMostNameBytes,
                           [state, names, program = words[0]](const runel::Reply& reply) {
                             return state->handle({program, *names, reply});
                           }};

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/io/device.h"
+#include <runel/async_device.h>
 
 namespace runelctl {
 
@@ -29,7 +29,8 @@ class Pipeline {
 
   /// Calls @p end once, when the source is exhausted or an item has stopped the pipeline, and all
   /// requests in flight are answered. Keeps about @p mostBytes of weight in flight.
-  Pipeline(runel::Device& device, Source source, std::size_t mostBytes, std::function<void()> end);
+  Pipeline(runel::AsyncDevice& device, Source source, std::size_t mostBytes,
+           std::function<void()> end);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
 
@@ -39,7 +40,7 @@ class Pipeline {
   void fill();
   void answered(const Item& item, const runel::Reply& reply);
 
-  runel::Device& device_;
+  runel::AsyncDevice& device_;
   const Source source_;
   const std::size_t mostBytes_;
   std::function<void()> end_;

@@ -24,18 +24,18 @@ class ExecJob : public Job {
 
  private:
   void show(const runel::Reply& reply) {
-    if (!reply.broken) {
-      putBytes(report().result(), "output", reply.output);
-      report().bytes(reply.output);
-      if (reply.status.state == zell::WatchProcessState_t::signalled) {
-        report().result()["signal"] = reply.status.signal;
+    if (reply.answered()) {
+      putBytes(report().result(), "output", reply.output());
+      report().bytes(reply.output());
+      if (reply.state() == runel::ProgramState::signalled) {
+        report().result()["signal"] = reply.signal();
       }
     }
-    if (reply.ok() || (!reply.broken && reply.status.status == zell::SlaveStatus::running)) {
+    if (reply.ok() || (reply.answered() && reply.status() == runel::Status::running)) {
       succeed();
-    } else if (!reply.broken && reply.status.state == zell::WatchProcessState_t::exited) {
+    } else if (reply.answered() && reply.state() == runel::ProgramState::exited) {
       // Report only the exit status, like a shell.
-      finish({reply.exitStatus(),
+      finish({exitStatusOf(reply),
               report().json() ? std::make_optional(reply.error(program_)) : std::nullopt});
     } else {
       finish({statusOf(reply), reply.error(program_)});
@@ -43,13 +43,12 @@ class ExecJob : public Job {
   }
 
   static int statusOf(const runel::Reply& reply) {
-    const bool notStarted = !reply.broken &&
-                            reply.status.state == zell::WatchProcessState_t::none &&
-                            reply.status.status == zell::SlaveStatus::failure;
+    const bool notStarted = reply.answered() && reply.state() == runel::ProgramState::none &&
+                            reply.status() == runel::Status::failure;
     if (!notStarted) {
-      return reply.exitStatus();
+      return exitStatusOf(reply);
     }
-    return reply.status.error == ENOENT ? runel::kExitNotThere : runel::kExitCannotRun;
+    return reply.number() == ENOENT ? kExitNotThere : kExitCannotRun;
   }
 
   const runel::Request request_;
@@ -72,7 +71,7 @@ class ExecCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<ExecJob>(
-        std::move(context), runel::execRequest(words_, background_ ? -1 : limit_), words_[0]);
+        std::move(context), runel::Request::exec(words_, background_ ? -1 : limit_), words_[0]);
   }
 
  private:
@@ -98,12 +97,12 @@ class ShellLineCommand : public Command {
     if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
-          runel::execRequest(
+          runel::Request::exec(
               {"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory}, limit_),
           "sh");
     }
     return std::make_unique<ExecJob>(std::move(context),
-                                     runel::execRequest({"/bin/sh", "-c", line}, limit_), "sh");
+                                     runel::Request::exec({"/bin/sh", "-c", line}, limit_), "sh");
   }
 
  private:
@@ -118,13 +117,13 @@ class PsJob : public Job {
       : Job(std::move(context)), process_(std::move(process)) {}
 
   void start() override {
-    ask(runel::request({"processrunning", process_}),
+    ask(runel::Request({"processrunning", process_}),
         [this](const runel::Reply& reply) { show(reply); });
   }
 
  private:
   void show(const runel::Reply& reply) {
-    const bool absent = !reply.broken && reply.status.error == ESRCH;
+    const bool absent = reply.answered() && reply.number() == ESRCH;
     if (!reply.ok() && !absent) {
       fail(reply, "ps " + process_);
       return;
@@ -132,7 +131,7 @@ class PsJob : public Job {
     putBytes(report().result(), "name", process_);
     report().result()["running"] = reply.ok();
     report().line(report().name(process_) + (reply.ok() ? " runs" : " does not run"));
-    finish({reply.ok() ? 0 : runel::kExitTaskFailed, std::nullopt});
+    finish({reply.ok() ? 0 : kExitTaskFailed, std::nullopt});
   }
 
   const std::string process_;

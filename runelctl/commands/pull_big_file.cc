@@ -40,7 +40,7 @@ void PullJob::bigFileDone() {
   loop().next([old] { old->reset(); });
   bigFile_ = std::make_unique<BigFile>();
   bigFile_->item = &big_[next_++];
-  ask(runel::request({"stat", bigFile_->item->source}),
+  ask(runel::Request({"stat", bigFile_->item->source}),
       [this](const runel::Reply& reply) { beginBigFile(reply); });
 }
 
@@ -49,8 +49,8 @@ void PullJob::beginBigFile(const runel::Reply& reply) {
     return;
   }
   Item& item = *bigFile_->item;
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   if (!st) {
     dropBigFile(reply.ok() ? changedThere(item.source) : reply.error(item.source));
     return;
@@ -75,11 +75,11 @@ void PullJob::checkPart() {
   const std::vector<std::string> sum{"/bin/sh", "-c",
                                      "dd if=\"$0\" bs=65536 count=$1 2>/dev/null | sha256sum",
                                      file.item->source, std::to_string(size / kPieceBlock)};
-  ask(runel::execRequest(sum, 0), [this, size](const runel::Reply& reply) {
+  ask(runel::Request::exec(sum, 0), [this, size](const runel::Reply& reply) {
     if (!alive(reply)) {
       return;
     }
-    const auto sums = parseChecksums(reply.output, 1);
+    const auto sums = parseChecksums(reply.output(), 1);
     const bool same =
         reply.ok() && sums && localSha256(bigFile_->writer.hiddenPath(), size) == sums->front();
     bigFile_->error = bigFile_->writer.cutTo(same ? size : 0);
@@ -109,7 +109,7 @@ std::optional<Pipeline::Item> PullJob::nextPiece() {
     return pieceTaken(offset, size, reply);
   };
   return Pipeline::Item{
-      runel::execRequest(pieceProgram(file.item->source, offset, size, kPieceBlock), 0), size,
+      runel::Request::exec(pieceProgram(file.item->source, offset, size, kPieceBlock), 0), size,
       handle};
 }
 
@@ -122,12 +122,11 @@ bool PullJob::pieceTaken(std::uint64_t offset, std::size_t size, const runel::Re
     return false;
   }
   if (!reply.ok()) {
-    file.error = runel::Error{runel::Fault::task,
-                              file.item->source + ": " + programTrouble("dd", reply), "", 0};
-  } else if (reply.output.size() < size || file.writer.size() != offset) {
+    file.error = Error{Fault::task, file.item->source + ": " + programTrouble("dd", reply), "", 0};
+  } else if (reply.output().size() < size || file.writer.size() != offset) {
     file.error = changedThere(file.item->source);
   } else {
-    file.error = file.writer.add(std::string_view(reply.output).substr(0, size));
+    file.error = file.writer.add(std::string_view(reply.output()).substr(0, size));
     count(size, file.item->source);
   }
   return !file.error;
@@ -138,7 +137,7 @@ void PullJob::endPieces() {
     dropBigFile(*bigFile_->error);
     return;
   }
-  ask(runel::request({"stat", bigFile_->item->source}),
+  ask(runel::Request({"stat", bigFile_->item->source}),
       [this](const runel::Reply& reply) { finishBigFile(reply); });
 }
 
@@ -147,8 +146,8 @@ void PullJob::finishBigFile(const runel::Reply& reply) {
     return;
   }
   Item& item = *bigFile_->item;
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   if (!st || st->size != item.st.size || !(st->mtime == item.st.mtime) || st->ino != item.st.ino) {
     dropBigFile(changedThere(item.source));
   } else if (const auto error = bigFile_->writer.finish(item.st.mode, item.st.mtime)) {
@@ -159,7 +158,7 @@ void PullJob::finishBigFile(const runel::Reply& reply) {
   }
 }
 
-void PullJob::dropBigFile(const runel::Error& error) {
+void PullJob::dropBigFile(const Error& error) {
   bigFile_->writer.discard();
   itemFailed(*bigFile_->item, error);
   bigFileDone();

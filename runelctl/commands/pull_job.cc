@@ -13,7 +13,7 @@
 namespace runelctl {
 namespace {
 
-const runel::Error kBadTree{runel::Fault::protocol, "malformed directory tree", "", 0};
+const Error kBadTree{Fault::protocol, "malformed directory tree", "", 0};
 
 bool isLocalDirectory(const std::string& path) {
   struct stat st {};
@@ -36,8 +36,8 @@ bool staysBelow(const std::string& relative) {
   }
 }
 
-runel::StatRecord recordOf(const runel::TreeEntry& entry) {
-  runel::StatRecord st;
+runel::Stat recordOf(const runel::TreeEntry& entry) {
+  runel::Stat st;
   st.mode = entry.mode;
   st.size = entry.size;
   st.mtime.seconds = entry.mtime;
@@ -61,7 +61,7 @@ PullJob::~PullJob() = default;
 void PullJob::start() {
   into_ = plan_.apart || plan_.remotes.size() > 1 || base_.back() == '/' || isLocalDirectory(base_);
   if (plan_.apart) {
-    base_ = runel::joinPath(base_, directoryName(device().target().name));
+    base_ = runel::joinPath(base_, directoryName(device().address().name()));
   }
   if (into_ && !settings().dryRun) {
     for (const std::string& directory : {plan_.local, base_}) {
@@ -88,7 +88,7 @@ void PullJob::lookAtNext() {
     return;
   }
   const std::string path = remote(plan_.remotes[next_++]);
-  ask(runel::request({"stat", path}),
+  ask(runel::Request({"stat", path}),
       [this, path](const runel::Reply& reply) { lookAt(path, reply); });
 }
 
@@ -102,20 +102,20 @@ void PullJob::lookAt(const std::string& remote, const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   if (!st) {
     failed(reply.ok() ? kBadTree : reply.error(remote));
   } else if (st->isDirectory() && plan_.recursive) {
     // The trailing dot follows a symbolic link to a directory.
-    ask(runel::request({"walktree", remote + "/."}),
+    ask(runel::Request({"walktree", remote + "/."}),
         [this, remote](const runel::Reply& tree) { takeTree(remote, tree); });
     return;
   } else if (st->isDirectory()) {
-    failed({runel::Fault::task, remote + ": " + runel::systemText(EISDIR), "use -r for directories",
-            EISDIR});
+    failed(
+        {Fault::task, remote + ": " + runel::systemText(EISDIR), "use -r for directories", EISDIR});
   } else if (!st->isRegular()) {
-    failed({runel::Fault::task, remote + ": not a file or directory", "", 0});
+    failed({Fault::task, remote + ": not a file or directory", "", 0});
   } else {
     auto& list = st->size > pieceBytes() ? big_ : small_;
     list.push_back({remote, placeOf(remote), *st, true, false, ""});
@@ -128,7 +128,7 @@ void PullJob::takeTree(const std::string& remote, const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const auto entries = runel::parseTree(reply.output);
+  const auto entries = runel::parseTree(reply.output());
   if (!reply.ok()) {
     failed(reply.error(remote));
   }
@@ -178,7 +178,7 @@ void PullJob::makeDirectories() {
     }
     Item& item = directories_[at++];
     return Pipeline::Item{
-        runel::request({"stat", item.source}), 0,
+        runel::Request({"stat", item.source}), 0,
         [this, &item](const runel::Reply& reply) { return statTaken(item, reply); }};
   };
   pipe(source, [this] { fetchSmallFiles(); });
@@ -198,19 +198,19 @@ std::optional<Pipeline::Item> PullJob::nextSmallFile() {
   if (!item.known && statNext_) {
     statNext_ = false;
     return Pipeline::Item{
-        runel::request({"stat", item.source}), 0,
+        runel::Request({"stat", item.source}), 0,
         [this, &item](const runel::Reply& reply) { return statTaken(item, reply); }};
   }
   statNext_ = true;
   ++next_;
   return Pipeline::Item{
-      runel::request({"read", item.source}), item.st.size,
+      runel::Request({"read", item.source}), item.st.size,
       [this, &item](const runel::Reply& reply) { return contentTaken(item, reply); }};
 }
 
 bool PullJob::statTaken(Item& item, const runel::Reply& reply) {
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   item.known = st.has_value();
   item.st = st.value_or(item.st);
   return alive(reply);
@@ -225,18 +225,18 @@ bool PullJob::contentTaken(Item& item, const runel::Reply& reply) {
     return true;
   }
   // A file of size 0 may have content, for example below /proc.
-  if (!item.known || (item.st.size != 0 && item.st.size != reply.output.size())) {
+  if (!item.known || (item.st.size != 0 && item.st.size != reply.output().size())) {
     itemFailed(item, changedThere(item.source));
     return true;
   }
   LocalWriter writer;
-  std::optional<runel::Error> error = writer.begin(item.path, false);
-  error = error ? error : writer.add(reply.output);
+  std::optional<Error> error = writer.begin(item.path, false);
+  error = error ? error : writer.add(reply.output());
   error = error ? error : writer.finish(item.st.mode, item.st.mtime);
   if (error) {
     itemFailed(item, *error);
   } else {
-    item.st.size = reply.output.size();
+    item.st.size = reply.output().size();
     count(item.st.size, item.source);
     fileDone();
   }
@@ -276,7 +276,7 @@ bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   if (!alive(done.reply)) {
     return false;
   }
-  const auto sums = parseChecksums(done.reply.output, done.names.size());
+  const auto sums = parseChecksums(done.reply.output(), done.names.size());
   if (!done.reply.ok() || !sums) {
     warnOnce("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
@@ -285,8 +285,7 @@ bool PullJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.path, item.st.size) != sum) {
-      itemFailed(item,
-                 {runel::Fault::local, item.path + ": checksum mismatch", "retry the transfer", 0});
+      itemFailed(item, {Fault::local, item.path + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;
@@ -305,7 +304,7 @@ void PullJob::finishDirectories() {
   endTransfer();
 }
 
-void PullJob::itemFailed(Item& item, const runel::Error& error) {
+void PullJob::itemFailed(Item& item, const Error& error) {
   item.failed = true;
   failed(error);
 }

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "client/core/records.h"
+#include <runel/records.h>
+
+#include "client/core/paths.h"
 #include "commands/local_tree.h"
 #include "commands/transfer_job.h"
 
@@ -39,7 +41,7 @@ class PullJob : public TransferJob {
   struct Item {
     std::string source;  ///< remote path
     std::string path;    ///< local path
-    runel::StatRecord st;
+    runel::Stat st;
     bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
     bool failed = false;
     std::string target;  ///< target of a symbolic link
@@ -61,7 +63,7 @@ class PullJob : public TransferJob {
   void compareChecksums();
   bool compareRun(const ProgramRun& done, std::vector<Item*>& left);
   void finishDirectories();
-  void itemFailed(Item& item, const runel::Error& error);
+  void itemFailed(Item& item, const Error& error);
 
   // pull_big_file.cc
   void fetchBigFiles();
@@ -73,7 +75,7 @@ class PullJob : public TransferJob {
   bool pieceTaken(std::uint64_t offset, std::size_t size, const runel::Reply& reply);
   void endPieces();
   void finishBigFile(const runel::Reply& reply);
-  void dropBigFile(const runel::Error& error);
+  void dropBigFile(const Error& error);
 
   const PullPlan plan_;
   std::string base_;

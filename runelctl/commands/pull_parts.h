@@ -16,12 +16,12 @@ struct PullJob::BigFile {
   Item* item = nullptr;
   LocalWriter writer;
   std::uint64_t offset = 0;  ///< end of the requested pieces
-  std::optional<runel::Error> error;
+  std::optional<Error> error;
 };
 
 /// The error for a remote file that changed during the transfer.
-[[nodiscard]] inline runel::Error changedThere(const std::string& path) {
-  return {runel::Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
+[[nodiscard]] inline Error changedThere(const std::string& path) {
+  return {Fault::task, path + ": changed during the transfer", "retry the transfer", 0};
 }
 
 }  // namespace runelctl

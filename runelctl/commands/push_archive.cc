@@ -93,15 +93,16 @@ void PushJob::unpack(std::string&& archive, const std::vector<std::string>& opti
                      std::function<void(bool done)> next) {
   const std::string path = batch_->stage + "/archive";
   if (!std::exchange(batch_->staged, true)) {
-    ask(runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0), [](const runel::Reply&) {});
-    ask(runel::execRequest({"mkdir", "-m", "0700", "--", batch_->stage}, 0),
+    ask(runel::Request::exec({"rm", "-r", "-f", "--", batch_->stage}, 0),
+        [](const runel::Reply&) {});
+    ask(runel::Request::exec({"mkdir", "-m", "0700", "--", batch_->stage}, 0),
         [](const runel::Reply&) {});
   }
-  ask(runel::request({"write", path}, std::move(archive)),
+  ask(runel::Request({"write", path}, std::move(archive)),
       [this](const runel::Reply& reply) { batch_->written = reply.ok(); });
   std::vector<std::string> tar{"tar", "-x", "-p", "-f", path};
   tar.insert(tar.end(), options.begin(), options.end());
-  ask(runel::execRequest(tar, 0), [this, next = std::move(next)](const runel::Reply& reply) {
+  ask(runel::Request::exec(tar, 0), [this, next = std::move(next)](const runel::Reply& reply) {
     if (alive(reply)) {
       next(reply.ok() && batch_->written);
     }
@@ -111,9 +112,9 @@ void PushJob::unpack(std::string&& archive, const std::vector<std::string>& opti
 // The rename may reach the disk before the content. After a power failure the file would be empty.
 // Without "sync -f", all file systems of the device are synchronised.
 void PushJob::synchronise() {
-  ask(runel::execRequest({"sync", "-f", batch_->stage}, 0), [this](const runel::Reply& reply) {
+  ask(runel::Request::exec({"sync", "-f", batch_->stage}, 0), [this](const runel::Reply& reply) {
     if (!reply.ok()) {
-      ask(runel::execRequest({"sync"}, 0), [](const runel::Reply&) {});
+      ask(runel::Request::exec({"sync"}, 0), [](const runel::Reply&) {});
     }
     if (alive(reply)) {
       renameUnpacked();
@@ -128,7 +129,7 @@ void PushJob::renameUnpacked() {
     }
     Item& item = *batch_->items[at];
     const std::string from = batch_->stage + "/" + std::to_string(at++);
-    return Pipeline::Item{runel::request({"rename", from, item.target}), 0,
+    return Pipeline::Item{runel::Request({"rename", from, item.target}), 0,
                           [this, &item](const runel::Reply& reply) {
                             item.complete = reply.ok();
                             if (reply.ok()) {
@@ -153,7 +154,7 @@ void PushJob::leaveStage(std::function<void()> next) {
     next();
     return;
   }
-  ask(runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0),
+  ask(runel::Request::exec({"rm", "-r", "-f", "--", batch_->stage}, 0),
       [this, next = std::move(next)](const runel::Reply& reply) {
         if (alive(reply)) {
           batch_.reset();

@@ -26,9 +26,9 @@ void PushJob::bigFileDone() {
     itemFailed(item, *error);
     bigFileDone();
   } else if (item.there && item.there->isLink()) {
-    ask(runel::request({"realpath", item.target}), [this](const runel::Reply& reply) {
+    ask(runel::Request({"realpath", item.target}), [this](const runel::Reply& reply) {
       if (alive(reply)) {
-        lookBehindLink(reply.ok() ? reply.output : bigFile_->item->target);
+        lookBehindLink(reply.ok() ? reply.output() : bigFile_->item->target);
       }
     });
   } else {
@@ -38,9 +38,9 @@ void PushJob::bigFileDone() {
 
 void PushJob::lookBehindLink(const std::string& target) {
   bigFile_->item->target = target;
-  ask(runel::request({"lstat", target}), [this](const runel::Reply& reply) {
+  ask(runel::Request({"lstat", target}), [this](const runel::Reply& reply) {
     if (alive(reply)) {
-      bigFile_->item->there = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+      bigFile_->item->there = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       beginBigFile();
     }
   });
@@ -49,7 +49,7 @@ void PushJob::lookBehindLink(const std::string& target) {
 void PushJob::beginBigFile() {
   bigFile_->part = partPath(bigFile_->item->target);
   if (plan_->resume) {
-    ask(runel::request({"stat", bigFile_->part}),
+    ask(runel::Request({"stat", bigFile_->part}),
         [this](const runel::Reply& reply) { checkPart(reply); });
   } else {
     sendPieces();
@@ -60,18 +60,18 @@ void PushJob::checkPart(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   if (!st || !st->isRegular() || st->size == 0 || st->size > bigFile_->reader.size()) {
     sendPieces();
     return;
   }
-  ask(runel::execRequest({"sha256sum", "--", bigFile_->part}, 0),
+  ask(runel::Request::exec({"sha256sum", "--", bigFile_->part}, 0),
       [this, size = st->size](const runel::Reply& sum) {
         if (!alive(sum)) {
           return;
         }
-        const auto sums = parseChecksums(sum.output, 1);
+        const auto sums = parseChecksums(sum.output(), 1);
         if (sum.ok() && sums && localSha256(bigFile_->item->entry->path, size) == sums->front()) {
           bigFile_->offset = size;
           skip(size, bigFile_->item->target);
@@ -85,12 +85,13 @@ void PushJob::checkPart(const runel::Reply& reply) {
 // who must not read the file.
 void PushJob::sendPieces() {
   if (bigFile_->offset == 0) {
-    ask(runel::request({"write", bigFile_->part, ""}), [this](const runel::Reply& reply) {
-      if (!reply.ok() && !reply.broken) {
+    ask(runel::Request({"write", bigFile_->part, ""}), [this](const runel::Reply& reply) {
+      if (!reply.ok() && reply.answered()) {
         bigFile_->error = reply.error(bigFile_->item->target);
       }
     });
-    ask(runel::execRequest({"chmod", "0600", "--", bigFile_->part}, 0), [](const runel::Reply&) {});
+    ask(runel::Request::exec({"chmod", "0600", "--", bigFile_->part}, 0),
+        [](const runel::Reply&) {});
   }
   pipe([this] { return nextPiece(); }, [this] { endPieces(); });
 }
@@ -117,7 +118,7 @@ std::optional<Pipeline::Item> PushJob::nextPiece() {
     count(size, bigFile_->item->target);
     return reply.ok();
   };
-  return Pipeline::Item{runel::request({"append", file.part}, std::move(bytes)), size, handle};
+  return Pipeline::Item{runel::Request({"append", file.part}, std::move(bytes)), size, handle};
 }
 
 void PushJob::endPieces() {
@@ -130,7 +131,7 @@ void PushJob::endPieces() {
     return;
   }
   // Another client may have written to the partial file too: check its size.
-  ask(runel::request({"stat", file.part}),
+  ask(runel::Request({"stat", file.part}),
       [this](const runel::Reply& reply) { finishPart(reply); });
 }
 
@@ -139,8 +140,8 @@ void PushJob::finishPart(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   const Item& item = *bigFile_->item;
   const bool whole = st && st->size == bigFile_->reader.size();
   if (!whole && !bigFile_->again) {
@@ -153,14 +154,14 @@ void PushJob::finishPart(const runel::Reply& reply) {
     return;
   }
   if (!whole) {
-    dropPart({runel::Fault::task, item.target + ": incomplete on the device",
+    dropPart({Fault::task, item.target + ": incomplete on the device",
               "check whether another runelctl sends the same file", 0});
     return;
   }
   const auto ask = [this](const std::vector<std::string>& words, const char* what) {
-    Job::ask(runel::execRequest(words, 0),
+    Job::ask(runel::Request::exec(words, 0),
              [this, what, program = words[0]](const runel::Reply& done) {
-               if (!done.ok() && !done.broken) {
+               if (!done.ok() && done.answered()) {
                  warnOnce(std::string(what) + ": " + programTrouble(program, done));
                }
              });
@@ -173,18 +174,18 @@ void PushJob::finishPart(const runel::Reply& reply) {
   }
   ask({"chmod", octalMode(item.entry->mode), "--", part}, "modes not preserved");
   const std::string seconds = touchTime(item.entry->mtime, false);
-  Job::ask(
-      runel::execRequest({"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
-      [this, seconds, ask](const runel::Reply& touched) {
-        if (!touched.ok()) {
-          ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not preserved");
-        }
-        renamePart();
-      });
+  Job::ask(runel::Request::exec(
+               {"touch", "-c", "-d", touchTime(item.entry->mtime, true), "--", part}, 0),
+           [this, seconds, ask](const runel::Reply& touched) {
+             if (!touched.ok()) {
+               ask({"touch", "-c", "-d", seconds, "--", bigFile_->part}, "times not preserved");
+             }
+             renamePart();
+           });
 }
 
 void PushJob::renamePart() {
-  ask(runel::request({"rename", bigFile_->part, bigFile_->item->target}),
+  ask(runel::Request({"rename", bigFile_->part, bigFile_->item->target}),
       [this](const runel::Reply& renamed) {
         if (!alive(renamed)) {
           return;
@@ -199,8 +200,8 @@ void PushJob::renamePart() {
       });
 }
 
-void PushJob::dropPart(const runel::Error& error) {
-  ask(runel::request({"unlink", bigFile_->part}), [this, error](const runel::Reply& reply) {
+void PushJob::dropPart(const Error& error) {
+  ask(runel::Request({"unlink", bigFile_->part}), [this, error](const runel::Reply& reply) {
     if (alive(reply)) {
       itemFailed(*bigFile_->item, error);
       bigFileDone();

@@ -99,7 +99,7 @@ bool PushJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
   if (!alive(done.reply)) {
     return false;
   }
-  const auto sums = parseChecksums(done.reply.output, done.names.size());
+  const auto sums = parseChecksums(done.reply.output(), done.names.size());
   if (!done.reply.ok() || !sums) {
     warnOnce("checksums not verified: " + programTrouble(done.program, done.reply));
     return false;
@@ -108,8 +108,7 @@ bool PushJob::compareRun(const ProgramRun& done, std::vector<Item*>& left) {
     Item& item = *left.back();
     left.pop_back();
     if (localSha256(item.entry->path, item.entry->size) != sum) {
-      itemFailed(
-          item, {runel::Fault::task, item.target + ": checksum mismatch", "retry the transfer", 0});
+      itemFailed(item, {Fault::task, item.target + ": checksum mismatch", "retry the transfer", 0});
     }
   }
   return true;

@@ -15,16 +15,16 @@ PushJob::~PushJob() = default;
 
 std::optional<runel::Request> PushJob::cleanUp() const {
   if (batch_) {
-    return runel::execRequest({"rm", "-r", "-f", "--", batch_->stage}, 0);
+    return runel::Request::exec({"rm", "-r", "-f", "--", batch_->stage}, 0);
   }
   if (bigFile_ && !plan_->resume) {
-    return runel::request({"unlink", bigFile_->part});
+    return runel::Request({"unlink", bigFile_->part});
   }
   return std::nullopt;
 }
 
 void PushJob::start() {
-  ask(runel::request({"stat", root_}), [this](const runel::Reply& reply) { place(reply); });
+  ask(runel::Request({"stat", root_}), [this](const runel::Reply& reply) { place(reply); });
 }
 
 // The amounts are known, but the requests depend on the files on the device.
@@ -57,8 +57,8 @@ void PushJob::place(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const std::optional<runel::StatRecord> st =
-      reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+  const std::optional<runel::Stat> st =
+      reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
   const bool directory = (st && st->isDirectory()) || (root_.size() > 1 && root_.back() == '/');
   const bool into = !plan_->sync && (directory || plan_->sources.size() > 1);
   for (const std::string& left : plan_->left) {
@@ -103,7 +103,7 @@ void PushJob::lookAtDirectories() {
       return std::nullopt;
     }
     const Item& item = directories_[at++];
-    return Pipeline::Item{runel::request({"fileexists", item.target}), 0,
+    return Pipeline::Item{runel::Request({"fileexists", item.target}), 0,
                           [this, &item](const runel::Reply& reply) {
                             if (!reply.ok()) {
                               newDirectories_.insert(item.target);
@@ -139,11 +139,11 @@ void PushJob::lookAtTargets() {
       return std::nullopt;
     }
     Item& item = *items[at++];
-    return Pipeline::Item{runel::request({"lstat", item.target}), 0,
-                          [this, &item](const runel::Reply& reply) {
-                            item.there = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
-                            return alive(reply);
-                          }};
+    return Pipeline::Item{
+        runel::Request({"lstat", item.target}), 0, [this, &item](const runel::Reply& reply) {
+          item.there = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
+          return alive(reply);
+        }};
   };
   pipe(source, [this] { sendArchives(); });
 }
@@ -178,14 +178,14 @@ std::optional<Pipeline::Item> PushJob::nextSmallFile() {
       }
       return true;
     };
-    return Pipeline::Item{runel::request({"write", item.target}, std::move(content)), size, handle};
+    return Pipeline::Item{runel::Request({"write", item.target}, std::move(content)), size, handle};
   }
   return std::nullopt;
 }
 
-std::optional<runel::Error> PushJob::readSmallFile(const Item& item, std::string& content) const {
+std::optional<Error> PushJob::readSmallFile(const Item& item, std::string& content) const {
   LocalReader reader;
-  std::optional<runel::Error> error = reader.open(item.entry->path);
+  std::optional<Error> error = reader.open(item.entry->path);
   if (!error && reader.size() > 2 * pieceBytes()) {
     return reader.changedError();
   }
@@ -204,7 +204,7 @@ void PushJob::makeLinks() {
   runPrograms(std::move(runs), "links not created", [this] { setDirectories(); });
 }
 
-void PushJob::itemFailed(Item& item, const runel::Error& error) {
+void PushJob::itemFailed(Item& item, const Error& error) {
   item.failed = true;
   failed(error);
 }

@@ -45,8 +45,8 @@ class PushJob : public TransferJob {
     const LocalEntry* entry;
     std::string target;
     bool failed = false;
-    bool complete = false;                   ///< mode and time are already set
-    std::optional<runel::StatRecord> there;  ///< the existing target
+    bool complete = false;             ///< mode and time are already set
+    std::optional<runel::Stat> there;  ///< the existing target
   };
   struct Batch;
   struct BigFile;
@@ -60,7 +60,7 @@ class PushJob : public TransferJob {
   void lookAtTargets();
   void sendSmallFiles();
   std::optional<Pipeline::Item> nextSmallFile();
-  std::optional<runel::Error> readSmallFile(const Item& item, std::string& content) const;
+  std::optional<Error> readSmallFile(const Item& item, std::string& content) const;
   void makeLinks();
 
   // push_end.cc: the last stages.
@@ -99,9 +99,9 @@ class PushJob : public TransferJob {
   void endPieces();
   void finishPart(const runel::Reply& reply);
   void renamePart();
-  void dropPart(const runel::Error& error);
+  void dropPart(const Error& error);
 
-  void itemFailed(Item& item, const runel::Error& error);
+  void itemFailed(Item& item, const Error& error);
 
   const std::shared_ptr<const PushPlan> plan_;
   std::string root_;

@@ -27,7 +27,7 @@ struct PushJob::BigFile {
   std::string part;
   std::uint64_t offset = 0;  ///< end of the sent pieces
   bool again = false;        ///< sent again from the beginning
-  std::optional<runel::Error> error;
+  std::optional<Error> error;
 };
 
 }  // namespace runelctl

@@ -35,7 +35,7 @@ bool sameContent(const LocalEntry& here, const runel::TreeEntry& there) {
 
 // The trailing dot follows a symbolic link to a directory.
 void PushJob::lookAtTree() {
-  ask(runel::request({"walktree", root_ + "/."}),
+  ask(runel::Request({"walktree", root_ + "/."}),
       [this](const runel::Reply& reply) { compareTree(reply); });
 }
 
@@ -43,9 +43,9 @@ void PushJob::compareTree(const runel::Reply& reply) {
   if (!alive(reply)) {
     return;
   }
-  const auto entries = runel::parseTree(reply.output);
-  if (!entries || (!reply.ok() && reply.status.error != ENOENT)) {
-    fail(reply.ok() ? runel::Error{runel::Fault::protocol, "malformed directory tree", "", 0}
+  const auto entries = runel::parseTree(reply.output());
+  if (!entries || (!reply.ok() && reply.number() != ENOENT)) {
+    fail(reply.ok() ? Error{Fault::protocol, "malformed directory tree", "", 0}
                     : reply.error(root_));
     return;
   }

@@ -7,7 +7,7 @@
 
 #include <zell/byte_count_protocol.h>
 
-#include "client/core/error.h"
+#include "output/error.h"
 #include "protocol/protocol.h"
 
 namespace runelctl {

@@ -47,7 +47,7 @@ class RestartJob : public Job {
       act();
       return;
     }
-    ask(runel::request({"read", proof_.path}), [this](const runel::Reply& reply) {
+    ask(runel::Request({"read", proof_.path}), [this](const runel::Reply& reply) {
       if (!reply.ok()) {
         fail(reply, std::string("read ") + proof_.path);
         return;
@@ -67,10 +67,10 @@ class RestartJob : public Job {
 
  private:
   void act() {
-    ask(runel::request({proof_.task}), [this](const runel::Reply& reply) {
+    ask(runel::Request({proof_.task}), [this](const runel::Reply& reply) {
       // Ignore the status: the answer to "reboot" carries the status of the previous task.
-      if (reply.broken && !(wait_ && reply.broken->fault == runel::Fault::lost)) {
-        fail(*reply.broken);
+      if (!reply.answered() && !(wait_ && reply.error().cause() == runel::Cause::closed)) {
+        fail(reply.error());
       } else if (!wait_) {
         succeed();
       } else {
@@ -81,21 +81,21 @@ class RestartJob : public Job {
 
   void watch() {
     begin_ = runel::Clock::now();
-    runel::Limits limits = device().limits();
-    limits.connect = std::min(limits.connect, kPollConnect);
-    limits.silence = std::min(limits.silence, kPollSilence);
-    poller_ = std::make_unique<runel::Device>(loop(), device().target(), limits);
+    runel::DeviceOptions limits = device().options();
+    limits.setConnectTimeout(std::min(limits.connectTimeout(), kPollConnect));
+    limits.setTimeout(std::min(limits.timeout(), kPollSilence));
+    poller_ = std::make_unique<runel::AsyncDevice>(loop(), device().address(), limits);
     poll();
   }
 
   void poll() {
-    poller_->ask(runel::request({"read", proof_.path}),
+    poller_->ask(runel::Request({"read", proof_.path}),
                  [this](const runel::Reply& reply) { look(reply); });
   }
 
   void look(const runel::Reply& reply) {
     const bool different = reply.ok() && identity(reply) != before_;
-    if (down_ < 0 && (reply.broken || different)) {
+    if (down_ < 0 && (!reply.answered() || different)) {
       down_ = seconds();
     }
     if (different) {
@@ -129,11 +129,11 @@ class RestartJob : public Job {
   void late(const std::string& what, double limit) {
     char text[64];
     std::snprintf(text, sizeof text, " within %g s", limit);
-    fail({runel::Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
+    fail({Fault::timedOut, std::string(proof_.task) + ": " + what + text, "", 0});
   }
 
   [[nodiscard]] std::string identity(const runel::Reply& reply) const {
-    return std::string(proof_.task) == "restart" ? startOf(reply.output) : reply.output;
+    return std::string(proof_.task) == "restart" ? startOf(reply.output()) : reply.output();
   }
 
   [[nodiscard]] double seconds() const {
@@ -145,8 +145,8 @@ class RestartJob : public Job {
   std::string before_;
   runel::Clock::time_point begin_;
   double down_ = -1;
-  std::unique_ptr<runel::Device> poller_;
-  runel::Loop::Timer timer_;
+  std::unique_ptr<runel::AsyncDevice> poller_;
+  runel::Timer timer_;
 };
 
 std::string wholeText(double seconds) {

@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client/core/records.h"
+#include <runel/records.h>
+
+#include "client/core/paths.h"
 
 namespace runelctl {
 namespace {
@@ -40,8 +42,11 @@ std::string runtimeDirectory() {
 
 }  // namespace
 
-runel::Limits Settings::limits() const {
-  return {fromSeconds(connectTimeout), fromSeconds(timeout), masterSocket};
+runel::DeviceOptions Settings::limits() const {
+  return runel::DeviceOptions()
+      .setConnectTimeout(fromSeconds(connectTimeout))
+      .setTimeout(fromSeconds(timeout))
+      .setMasterSocket(masterSocket);
 }
 
 std::size_t Settings::memoryShare() const {

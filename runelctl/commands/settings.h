@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "client/core/address.h"
-#include "client/io/device.h"
+#include <runel/address.h>
+#include <runel/async_device.h>
 
 namespace runelctl {
 
 enum class Arrange { merge, prefix, group };
 
 struct Settings {
-  std::vector<runel::Target> targets;
+  std::vector<runel::Address> targets;
   bool json = false;
   bool quiet = false;
   bool yes = false;
@@ -34,7 +34,7 @@ struct Settings {
   Arrange arrange = Arrange::merge;
   std::string directory;  ///< base of relative remote paths
 
-  [[nodiscard]] runel::Limits limits() const;
+  [[nodiscard]] runel::DeviceOptions limits() const;
   /// Limit of file content in memory for one device, in bytes. It depends on the number of parallel
   /// devices.
   [[nodiscard]] std::size_t memoryShare() const;

@@ -69,23 +69,23 @@ class TaskJob : public Job {
   void start() override {
     std::vector<std::string> args{row_.name};
     args.insert(args.end(), words_.begin(), words_.end());
-    ask(runel::request(args), [this](const runel::Reply& reply) { show(reply); });
+    ask(runel::Request(args), [this](const runel::Reply& reply) { show(reply); });
   }
 
  private:
   void show(const runel::Reply& reply) {
-    if (!reply.broken && zell::findTask(row_.name)->text != zell::TaskText::empty) {
-      putBytes(report().result(), "output", reply.output);
+    if (reply.answered() && zell::findTask(row_.name)->text != zell::TaskText::empty) {
+      putBytes(report().result(), "output", reply.output());
       // walktree may have partial output before a failure. The other tasks have none.
       if (reply.ok() || std::string(row_.name) == "walktree") {
-        report().bytes(lines(reply.output));
+        report().bytes(lines(reply.output()));
       }
     }
     if (reply.ok()) {
       succeed();
     } else {
-      const bool program = !reply.broken && std::string(row_.name) == "wait";
-      finish({program ? reply.exitStatus() : failureStatus(reply), reply.error(about())});
+      const bool program = reply.answered() && std::string(row_.name) == "wait";
+      finish({program ? exitStatusOf(reply) : failureStatus(reply), reply.error(about())});
     }
   }
 
@@ -97,7 +97,7 @@ class TaskJob : public Job {
   }
 
   static int failureStatus(const runel::Reply& reply) {
-    return reply.broken ? reply.exitStatus() : runel::kExitTaskFailed;
+    return !reply.answered() ? exitStatusOf(reply) : kExitTaskFailed;
   }
 
   [[nodiscard]] std::string about() const {

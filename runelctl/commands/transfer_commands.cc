@@ -30,8 +30,8 @@ bool splitLast(std::vector<std::string>& words, std::string& last) {
   return true;
 }
 
-std::optional<runel::Error> scanSources(const std::vector<std::string>& paths, bool recursive,
-                                        PushPlan& plan) {
+std::optional<Error> scanSources(const std::vector<std::string>& paths, bool recursive,
+                                 PushPlan& plan) {
   for (const std::string& path : paths) {
     LocalSource source;
     if (auto error = scanLocal(path, recursive, source, plan.left)) {
@@ -60,7 +60,7 @@ class PushCommand : public Command {
     return "";
   }
 
-  std::optional<runel::Error> prepare() override { return scanSources(words_, recursive_, *plan_); }
+  std::optional<Error> prepare() override { return scanSources(words_, recursive_, *plan_); }
 
   std::unique_ptr<Job> job(JobContext context) override {
     return std::make_unique<PushJob>(std::move(context), plan_);
@@ -85,7 +85,7 @@ class SyncCommand : public Command {
     app.add_option("REMOTE", plan_->remote, "directory on the device")->required()->type_name("");
   }
 
-  std::optional<runel::Error> prepare() override {
+  std::optional<Error> prepare() override {
     plan_->sync = true;
     return scanSources({local_}, true, *plan_);
   }

@@ -3,14 +3,16 @@
 
 #include <utility>
 
-#include "client/core/records.h"
+#include <runel/records.h>
+
+#include "client/core/paths.h"
 #include "output/text.h"
 
 namespace runelctl {
 
 std::string programTrouble(const std::string& program, const runel::Reply& reply) {
-  const std::string line = reply.output.substr(0, reply.output.find('\n'));
-  return !reply.broken && !line.empty() ? line : reply.error(program).what;
+  const std::string line = reply.output().substr(0, reply.output().find('\n'));
+  return reply.answered() && !line.empty() ? line : reply.error(program).text();
 }
 
 // The pipeline of the previous stage is the caller: destroy it in the next turn.
@@ -19,7 +21,7 @@ void TransferJob::pipe(Pipeline::Source source, std::function<void()> next) {
   loop().next([old] { old->reset(); });
   pipeline_ = std::make_unique<Pipeline>(device(), std::move(source), settings().memoryShare(),
                                          [this, next = std::move(next)] {
-                                           if (outcome_.status != runel::kExitNoConnection) {
+                                           if (outcome_.status != kExitNoConnection) {
                                              next();
                                            }
                                          });
@@ -48,19 +50,19 @@ bool TransferJob::programFailed() {
 }
 
 bool TransferJob::alive(const runel::Reply& reply) {
-  if (!reply.broken) {
+  if (reply.answered()) {
     return true;
   }
-  outcome_ = {reply.exitStatus(), reply.broken};
+  outcome_ = {exitStatusOf(reply), Error(reply.error())};
   finish(outcome_);
   return false;
 }
 
-void TransferJob::failed(const runel::Error& error) {
+void TransferJob::failed(const Error& error) {
   if (outcome_.error) {
     report().warn(error.what);
   } else {
-    outcome_ = {runel::kExitTaskFailed, error};
+    outcome_ = {kExitTaskFailed, error};
   }
 }
 
@@ -87,7 +89,7 @@ void TransferJob::endTransfer() {
     report().line(countText(files_, "file") + ", " + sizeText(bytes_));
   }
   if (!warned_.empty() && !outcome_.error) {
-    outcome_.status = runel::kExitTaskFailed;
+    outcome_.status = kExitTaskFailed;
   }
   finish(outcome_);
 }

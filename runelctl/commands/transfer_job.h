@@ -34,7 +34,7 @@ class TransferJob : public Job {
   bool alive(const runel::Reply& reply);
   /// Records @p error: the first one is the outcome of the job, the others are reported as
   /// warnings.
-  void failed(const runel::Error& error);
+  void failed(const Error& error);
   /// Reports a warning, unless it was reported before, and makes the exit status 1.
   void warnOnce(const std::string& what);
   /// Adds @p bytes to the progress and to the transferred bytes.

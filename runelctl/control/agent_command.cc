@@ -10,10 +10,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <runel/request.h>
 #include "cli/command_line.h"
+
 #include "cli/local_command.h"
 #include "cli/signals.h"
-#include "client/core/request.h"
 #include "client/master/agent.h"
 #include "commands/number_range.h"
 #include "output/report.h"
@@ -45,28 +46,31 @@ class AgentCommand : public LocalCommand {
   }
 
   int run(const Settings& settings, const Style& style) override {
-    if (settings.targets.size() != 1 || settings.targets[0].behindMaster()) {
+    if (settings.targets.size() != 1 || settings.targets[0].isBehindMaster()) {
       complain("agent: expected one device, by address: an agent connects to the daemon directly");
-      return runel::kExitUsage;
+      return kExitUsage;
     }
     runel::Loop loop;
+    loop.setResolver(runel::blockingResolver());
     int status = 0;
     const Signals signals(loop, [&](int number) {
-      status = runel::kExitSignalBase + number;
+      status = kExitSignalBase + number;
       loop.stop();
     });
-    const runel::Target& target = settings.targets[0];
+    const runel::Address& target = settings.targets[0];
     const auto show = [&](const std::string& clause) { print(target, style, clause); };
-    const auto ended = [&](const std::optional<runel::Error>& error) {
-      if (error) {
-        status = exitStatusOf(*error);
-        tell(target, style, *error);
+    const auto ended = [&](const std::optional<runel::Error>& failure, const std::string& hint) {
+      if (failure) {
+        Error error = *failure;
+        error.hint = hint.empty() ? error.hint : hint;
+        status = exitStatusOf(error);
+        tell(target, style, error);
       }
       loop.stop();
     };
     runel::Agent agent(
         loop, STDIN_FILENO,
-        {target, settings.limits().connect,
+        {target, settings.limits().connectTimeout(),
          runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(linger_ * 1000))),
          raw_},
         {show, ended});
@@ -76,20 +80,20 @@ class AgentCommand : public LocalCommand {
 
  private:
   // Ends each clause with the line end that the relay uses.
-  static void print(const runel::Target& target, const Style& style, const std::string& clause) {
+  static void print(const runel::Address& target, const Style& style, const std::string& clause) {
     std::string line = style.name(clause) + (style.outTerminal ? "\n" : "\r\n");
     if (style.json) {
-      Json object{{"v", 1}, {"device", target.name}, {"task", "agent"}, {"entry", "clause"}};
+      Json object{{"v", 1}, {"device", target.name()}, {"task", "agent"}, {"entry", "clause"}};
       putBytes(object, "clause", clause);
       line = object.dump() + "\n";
     }
     (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends the process by SIGPIPE
   }
 
-  static void tell(const runel::Target& target, const Style& style, const runel::Error& error) {
+  static void tell(const runel::Address& target, const Style& style, const Error& error) {
     if (style.json) {
       Json object{{"v", 1},
-                  {"device", target.name},
+                  {"device", target.name()},
                   {"task", "agent"},
                   {"ok", false},
                   {"status", exitStatusOf(error)}};
@@ -97,7 +101,8 @@ class AgentCommand : public LocalCommand {
       (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
       return;
     }
-    complain(target.name + ": " + error.what + (error.hint.empty() ? "" : " (" + error.hint + ")"));
+    complain(target.name() + ": " + error.what +
+             (error.hint.empty() ? "" : " (" + error.hint + ")"));
   }
 
   double linger_ = 2;

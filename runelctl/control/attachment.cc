@@ -17,7 +17,7 @@ Attachment::Attachment(runel::Loop& loop, zell::UniqueFd socket, runel::SlaveLin
       events_(std::move(events)),
       channel_(loop, std::move(socket),
                {[this](std::string&& payload) { pass(std::move(payload)); },
-                [this](const runel::Error&) { events_.end(); }, [this] { events_.progress(); }}),
+                [this](const Error&) { events_.end(); }, [this] { events_.progress(); }}),
       self_(std::make_shared<Attachment*>(this)) {}
 
 void Attachment::pass(std::string&& payload) {

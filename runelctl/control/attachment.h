@@ -6,9 +6,10 @@
 #include <functional>
 #include <memory>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
 #include "client/io/channel.h"
-#include "client/io/loop.h"
 #include "client/master/slave_link.h"
 
 namespace runelctl {

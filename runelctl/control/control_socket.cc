@@ -12,9 +12,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "client/core/error.h"
-#include "client/core/records.h"
+#include <runel/records.h>
+
+#include "client/core/paths.h"
 #include "client/io/local_peer.h"
+#include "output/error.h"
 
 namespace runelctl {
 namespace {

@@ -8,8 +8,9 @@
 #include <map>
 #include <string>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/io/loop.h"
 
 namespace runelctl {
 
@@ -36,7 +37,7 @@ class ControlSocket {
   struct Caller {
     zell::UniqueFd socket;
     std::string text;
-    runel::Loop::Timer limit;
+    runel::Timer limit;
   };
 
   void accept();

@@ -12,8 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/core/error.h"
-
+#include "output/error.h"
 namespace runelctl {
 namespace {
 

@@ -186,7 +186,7 @@ void Master::arm() {
 }
 
 void Master::promote() {
-  due_ = runel::Loop::Timer();
+  due_ = runel::Timer();
   for (const Id id : roles_.due(runel::Clock::now())) {
     stations_.at(id)->promote();
   }

@@ -12,8 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "client/core/address.h"
-#include "client/io/loop.h"
+#include <runel/address.h>
+#include <runel/loop.h>
+
 #include "client/master/access_list.h"
 #include "client/master/connection_roles.h"
 #include "client/master/device_history.h"
@@ -51,7 +52,7 @@ class Master {
     zell::UniqueFd socket;
     Id id = 0;
     std::string address;
-    runel::Loop::Timer end;
+    runel::Timer end;
   };
 
   void accepted(zell::UniqueFd socket, const sockaddr_in& from);
@@ -81,7 +82,7 @@ class Master {
   runel::DeviceHistory history_;
   std::deque<Held> held_;              // oldest first
   std::set<std::string> toldRefused_;  // reported addresses of held connections
-  runel::Loop::Timer due_;
+  runel::Timer due_;
   runel::Listener listener_;
   ControlSocket control_;
 };

@@ -12,10 +12,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <runel/request.h>
 #include "cli/command_line.h"
+
 #include "cli/local_command.h"
 #include "cli/signals.h"
-#include "client/core/request.h"
+#include "cli/targets.h"
 #include "client/io/master_client.h"
 #include "commands/number_range.h"
 #include "control/master.h"
@@ -58,7 +60,7 @@ class MasterCommand : public LocalCommand {
     if (settings.dryRun) {
       return "master: --dry-run is not supported";
     }
-    if (!listen_.empty() && !runel::parseListen(listen_, options_.host, options_.port)) {
+    if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
       return "--listen: invalid address '" + listen_ + "': expected ADDRESS[:PORT]";
     }
     for (const std::string& list : addresses_) {
@@ -78,7 +80,7 @@ class MasterCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     options_.socket = settings.masterSocket;
-    options_.timeout = settings.limits().silence;
+    options_.timeout = settings.limits().timeout();
     if (shared_ > 0) {
       options_.shared = runel::Milliseconds(std::lround(shared_ * 1000));
     }
@@ -92,8 +94,8 @@ class MasterCommand : public LocalCommand {
       wrong = master.open();
     }
     if (!wrong.empty()) {
-      tellFailure(name(), {runel::Fault::local, wrong, "", 0}, style);
-      return runel::kExitTaskFailed;
+      tellFailure(name(), {Fault::local, wrong, "", 0}, style);
+      return kExitTaskFailed;
     }
     loop.run();
     return 0;
@@ -163,17 +165,18 @@ class DevicesCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     std::string lines;
-    const auto error = runel::listDevices(settings.masterSocket, settings.limits().silence, lines);
+    const auto error =
+        runel::listDevices(settings.masterSocket, settings.limits().timeout(), lines);
     if (error) {
       tellFailure(name(), *error, style);
-      return runel::kExitNoConnection;
+      return kExitNoConnection;
     }
     if (style.json) {
       std::cout << lines;
     } else {
       show(lines, style);
     }
-    return std::cout.flush() ? 0 : runel::kExitTaskFailed;
+    return std::cout.flush() ? 0 : kExitTaskFailed;
   }
 
  private:

@@ -35,7 +35,7 @@ void NonBlockingWriter::write(std::string_view lines) {
 }
 
 void NonBlockingWriter::flush() {
-  timer_ = runel::Loop::Timer();
+  timer_ = runel::Timer();
   while (!waiting_.empty() && writeSome()) {
   }
   if (broken_) {

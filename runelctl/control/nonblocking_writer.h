@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "client/io/loop.h"
+#include <runel/loop.h>
 
 namespace runelctl {
 
@@ -32,7 +32,7 @@ class NonBlockingWriter {
   std::string waiting_;
   std::size_t leftOut_ = 0;
   bool broken_ = false;
-  runel::Loop::Timer timer_;
+  runel::Timer timer_;
 };
 
 }  // namespace runelctl

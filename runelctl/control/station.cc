@@ -16,7 +16,7 @@ Station::Station(runel::Loop& loop, Label label, runel::Milliseconds timeout, Ev
 void Station::useAsSlave(zell::UniqueFd socket) {
   slave_ = std::make_unique<runel::SlaveLink>(
       loop_, std::move(socket), timeout_,
-      runel::SlaveLink::Events{[this](const runel::Error& error) {
+      runel::SlaveLink::Events{[this](const Error& error) {
                                  users_.clear();  // closed together with the device
                                  events_.lost(error.what);
                                },
@@ -42,11 +42,11 @@ void Station::promote() {
 
 // The reported names are printed and compared, so they must be valid.
 void Station::identify() {
-  slave_->ask(runel::request({"hostid"}), [this](const runel::Reply& reply) {
-    label_.hostid = reply.ok() && runel::usableName(reply.output) ? reply.output : "";
+  slave_->ask(runel::Request({"hostid"}), [this](const runel::Reply& reply) {
+    label_.hostid = reply.ok() && runel::usableName(reply.output()) ? reply.output() : "";
   });
-  slave_->ask(runel::request({"devicetype"}), [this](const runel::Reply& reply) {
-    deviceType_ = reply.ok() && runel::usableName(reply.output) ? reply.output : "";
+  slave_->ask(runel::Request({"devicetype"}), [this](const runel::Reply& reply) {
+    deviceType_ = reply.ok() && runel::usableName(reply.output()) ? reply.output() : "";
     identified_ = true;
     events_.identified();
   });

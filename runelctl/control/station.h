@@ -10,8 +10,9 @@
 #include <memory>
 #include <string>
 
+#include <runel/loop.h>
+
 #include "base/unique_fd.h"
-#include "client/io/loop.h"
 #include "client/master/bridge_reader.h"
 #include "client/master/device_history.h"
 #include "client/master/slave_link.h"

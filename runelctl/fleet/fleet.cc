@@ -31,15 +31,17 @@ constexpr std::size_t kMostPayloadShown = 400;
 
 // One device of the run.
 struct Fleet::Member {
-  runel::Target target;
-  std::unique_ptr<runel::Device> own;
-  runel::Device* device = nullptr;
+  explicit Member(runel::Address itsTarget) : target(std::move(itsTarget)) {}
+
+  runel::Address target;
+  std::unique_ptr<runel::AsyncDevice> own;
+  runel::AsyncDevice* device = nullptr;
   std::optional<Report> report;
   std::unique_ptr<Job> job;
   std::optional<Outcome> outcome;
-  std::unique_ptr<runel::Device> cleaner;
-  runel::Loop::Timer deadline;
-  runel::Loop::Timer pause;
+  std::unique_ptr<runel::AsyncDevice> cleaner;
+  runel::Timer deadline;
+  runel::Timer pause;
   int attempts = 0;
   int looks = 0;  // attempts to remove a file of an unfinished job
   bool succeeded = false;
@@ -48,9 +50,8 @@ struct Fleet::Member {
 Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Printer& printer,
              const Style& style)
     : loop_(loop), settings_(settings), command_(command), printer_(printer), style_(style) {
-  for (const runel::Target& target : settings.targets) {
-    members_.push_back(std::make_unique<Member>());
-    members_.back()->target = target;
+  for (const runel::Address& target : settings.targets) {
+    members_.push_back(std::make_unique<Member>(target));
   }
   // The text is valid: it was checked with the other options.
   (void)parseWaves(settings.wave, members_.size(), waves_);
@@ -83,7 +84,7 @@ int Fleet::run() {
   printer_.statusLine().clear();
   std::vector<std::string> devices;
   for (const auto& member : members_) {
-    devices.push_back(member->target.name);
+    devices.push_back(member->target.name());
   }
   printer_.flush(devices);
   int status = cancelled_;
@@ -113,13 +114,12 @@ void Fleet::start(Member& member) {
     };
   }
   if (lent_ == nullptr) {
-    member.own = std::make_unique<runel::Device>(loop_, member.target, settings_.limits());
+    member.own = std::make_unique<runel::AsyncDevice>(loop_, member.target, settings_.limits());
   }
   member.device = lent_ != nullptr ? lent_ : member.own.get();
   if (settings_.dryRun) {
-    member.device->setDryRun([this, &member](const runel::Target&, const std::string& payload) {
-      showUnsent(member, payload);
-    });
+    member.device->setDryRun(
+        [this, &member](const std::string& payload) { showUnsent(member, payload); });
   }
   arm(member);
   member.job =
@@ -136,8 +136,9 @@ void Fleet::start(Member& member) {
 void Fleet::showUnsent(Member& member, const std::string& payload) const {
   const std::string shown = terminalSafe(payload.substr(0, kMostPayloadShown));
   const bool cut = payload.size() > kMostPayloadShown;
-  member.report->line((members_.size() == 1 ? terminalSafe(member.target.name) + " " : "") + "<- " +
-                      shown + (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
+  member.report->line((members_.size() == 1 ? terminalSafe(member.target.name()) + " " : "") +
+                      "<- " + shown +
+                      (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
   Json object{{"entry", "frame"}};
   putBytes(object, "payload", payload);
   member.report->entry(object);
@@ -159,7 +160,7 @@ void Fleet::arm(Member& member) {
     const auto limit =
         static_cast<runel::Milliseconds::rep>(std::lround(settings_.deadline * 1000));
     member.deadline = loop_.after(runel::Milliseconds(limit), [this, &member] {
-      const runel::Error error{runel::Fault::timedOut, "deadline exceeded", "", ETIMEDOUT};
+      const Error error{Fault::timedOut, "deadline exceeded", "", ETIMEDOUT};
       done(member, {exitStatusOf(error), error});
     });
   }
@@ -177,7 +178,7 @@ void Fleet::done(Member& member, Outcome outcome) {
 void Fleet::drop(Member& member) {
   loop_.cancel(member.deadline);
   loop_.cancel(member.pause);
-  if (member.device != nullptr && member.device->waiting() > 0) {
+  if (member.device != nullptr && member.device->pending() > 0) {
     member.device->abandon();  // its handlers refer to the job
   }
   member.job.reset();
@@ -187,7 +188,7 @@ void Fleet::drop(Member& member) {
 
 bool Fleet::again(Member& member) {
   const auto& error = member.outcome->error;
-  if (!error || !error->retry() || member.attempts > settings_.retry || cancelled_ != 0) {
+  if (!error || !error->transient || member.attempts > settings_.retry || cancelled_ != 0) {
     return false;
   }
   member.pause = loop_.after(kRetryPause * member.attempts, [this, &member] { start(member); });
@@ -211,10 +212,13 @@ void Fleet::settle(Member& member) {
 // Uses a separate connection: the requests that are queued on the old one must not delay the
 // cleanup.
 void Fleet::cleanUp(Member& member, const runel::Request& request) {
-  const runel::Limits limits{kCleanUpTime, kCleanUpTime, settings_.masterSocket};
+  const auto limits = runel::DeviceOptions()
+                          .setConnectTimeout(kCleanUpTime)
+                          .setTimeout(kCleanUpTime)
+                          .setMasterSocket(settings_.masterSocket);
   runel::Request quick = request;
-  quick.extraTimeout = runel::Milliseconds(0);
-  member.cleaner = std::make_unique<runel::Device>(loop_, member.target, limits);
+  quick.setExtraTimeout(runel::Milliseconds(0));
+  member.cleaner = std::make_unique<runel::AsyncDevice>(loop_, member.target, limits);
   member.looks = 0;
   removeLeftover(member, quick);
 }
@@ -225,7 +229,7 @@ void Fleet::removeLeftover(Member& member, const runel::Request& request) {
   }
   member.cleaner->ask(request, [this, &member, request](const runel::Reply& reply) {
     ++member.looks;
-    const bool comesBack = !reply.broken && request.args.front() == "unlink";
+    const bool comesBack = reply.answered() && request.words().front() == "unlink";
     if (comesBack && member.looks < (reply.ok() ? kMostLooks : kLeastLooks)) {
       loop_.after(kLookAgain, [this, &member, request] { removeLeftover(member, request); });
       return;
@@ -243,7 +247,7 @@ void Fleet::conclude(Member& member) {
   --running_;
   member.succeeded = member.outcome->status == 0;
   failed_ += member.succeeded ? 0 : 1;
-  ends_.push_back({member.target.name, *member.outcome});
+  ends_.push_back({member.target.name(), *member.outcome});
   printer_.finished(ends_.back(), *member.report);
   member.report.reset();
   if (running_ == 0 && next_ == waveEnd_) {
@@ -269,7 +273,7 @@ void Fleet::endWave() {
 
 void Fleet::cancel(int status) {
   cancelled_ = status;
-  const runel::Error error{runel::Fault::cancelled, "interrupted", "", 0};
+  const Error error{Fault::cancelled, "interrupted", "", 0};
   for (const auto& member : members_) {
     if (member->cleaner) {
       // The second signal: do not wait for the cleanup.
@@ -295,8 +299,8 @@ void Fleet::showProgress(bool now) {
                              now);
 }
 
-std::vector<runel::Target> Fleet::unfinished() const {
-  std::vector<runel::Target> targets;
+std::vector<runel::Address> Fleet::unfinished() const {
+  std::vector<runel::Address> targets;
   for (const auto& member : members_) {
     if (!member->succeeded) {
       targets.push_back(member->target);

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "client/io/device.h"
-#include "client/io/loop.h"
+#include <runel/async_device.h>
+#include <runel/loop.h>
+
 #include "commands/command.h"
 #include "fleet/printer.h"
 
@@ -24,7 +25,7 @@ class Fleet {
   Fleet& operator=(const Fleet&) = delete;
 
   /// Uses @p device and its connection, if any, for its target.
-  void lend(runel::Device& device) { lent_ = &device; }
+  void lend(runel::AsyncDevice& device) { lent_ = &device; }
   /// Runs the command on all devices and returns the highest exit status.
   [[nodiscard]] int run();
   /// Cancels the running devices, skips the others and makes `run` return @p status.
@@ -32,7 +33,7 @@ class Fleet {
 
   [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
   /// The targets that did not succeed, in their order.
-  [[nodiscard]] std::vector<runel::Target> unfinished() const;
+  [[nodiscard]] std::vector<runel::Address> unfinished() const;
 
  private:
   struct Member;
@@ -59,7 +60,7 @@ class Fleet {
   Command& command_;
   Printer& printer_;
   const Style& style_;
-  runel::Device* lent_ = nullptr;
+  runel::AsyncDevice* lent_ = nullptr;
   std::vector<std::unique_ptr<Member>> members_;
   std::vector<std::size_t> waves_;
   std::size_t waveEnd_ = 0;  // only members before this index may start

@@ -43,9 +43,9 @@ Tally count(const std::vector<Finished>& ends) {
     const auto& error = end.outcome.error;
     if (end.outcome.status == 0) {
       ++tally.ok;
-    } else if (error && error->fault == runel::Fault::timedOut) {
+    } else if (error && error->fault == Fault::timedOut) {
       ++tally.timedOut;
-    } else if (error && error->fault == runel::Fault::unreachable) {
+    } else if (error && error->fault == Fault::unreachable) {
       ++tally.unreachable;
     } else {
       ++tally.failed;
@@ -81,7 +81,7 @@ void Printer::out(std::string_view bytes) {
   if (!writeAll(STDOUT_FILENO, bytes)) {
     // Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
     err("runelctl: standard output: " + runel::systemText(errno));
-    _exit(runel::kExitTaskFailed);
+    _exit(kExitTaskFailed);
   }
 }
 
@@ -182,7 +182,7 @@ void Printer::printWarning(const std::string& device, const std::string& text) {
   err("runelctl: " + terminalSafe(device) + ": " + terminalSafe(text));
 }
 
-void Printer::printError(const std::string& device, const runel::Error& error) {
+void Printer::printError(const std::string& device, const Error& error) {
   const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";
   err("runelctl: " + terminalSafe(device) + ": " + style_.red(terminalSafe(error.what)) + hint);
 }

@@ -50,7 +50,7 @@ class Printer {
   void printPrefixed(const std::string& device, const std::string& text);
   void hold(const std::string& device, const std::string& text);
   void show(const Group& group);
-  void printError(const std::string& device, const runel::Error& error);
+  void printError(const std::string& device, const Error& error);
   void printWarning(const std::string& device, const std::string& text);
   void out(std::string_view bytes);
   void err(const std::string& line);

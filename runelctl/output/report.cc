@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "client/core/request.h"
+#include <runel/request.h>
 
 namespace runelctl {
 
@@ -26,9 +26,9 @@ void Report::entry(Json object) {
   }
 }
 
-void putError(Json& object, const runel::Error& error) {
+void putError(Json& object, const Error& error) {
   object["where"] = error.where();
-  object["retry"] = error.retry();
+  object["retry"] = error.transient;
   putBytes(object, "error", error.what);
   if (error.number != 0) {
     object["errno"] = error.number;
@@ -39,7 +39,7 @@ void putError(Json& object, const runel::Error& error) {
 }
 
 // Write errors are ignored: the exit status reports the failure too.
-void tellFailure(const std::string& task, const runel::Error& error, const Style& style) {
+void tellFailure(const std::string& task, const Error& error, const Style& style) {
   if (style.json) {
     Json object{
         {"v", kJsonVersion}, {"task", task}, {"ok", false}, {"status", exitStatusOf(error)}};

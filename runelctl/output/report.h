@@ -11,7 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/core/error.h"
+#include "output/error.h"
 #include "output/style.h"
 #include "output/text.h"
 
@@ -72,11 +72,11 @@ class Report {
 };
 
 /// Adds the fields of @p error to @p object.
-void putError(Json& object, const runel::Error& error);
+void putError(Json& object, const Error& error);
 
 /// Reports a failure that does not belong to a device: one line on standard error, or a JSON object
 /// on standard output.
-void tellFailure(const std::string& task, const runel::Error& error, const Style& style);
+void tellFailure(const std::string& task, const Error& error, const Style& style);
 
 }  // namespace runelctl
 

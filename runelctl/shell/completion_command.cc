@@ -7,9 +7,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <runel/request.h>
 #include "cli/command_line.h"
+
 #include "cli/local_command.h"
-#include "client/core/request.h"
 #include "shell/completion.h"
 
 namespace runelctl {
@@ -33,7 +34,7 @@ class CompletionCommand : public LocalCommand {
     const std::string script = shell_ == "bash"  ? bashCompletion(tables)
                                : shell_ == "zsh" ? zshCompletion(tables)
                                                  : fishCompletion(tables);
-    return writeAll(STDOUT_FILENO, script) ? 0 : runel::kExitTaskFailed;
+    return writeAll(STDOUT_FILENO, script) ? 0 : kExitTaskFailed;
   }
 
  private:

@@ -12,9 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <runel/records.h>
+
 #include "cli/command_line.h"
 #include "cli/signals.h"
-#include "client/core/records.h"
+#include "cli/targets.h"
+#include "client/core/paths.h"
 #include "output/text.h"
 #include "shell/line_editor.h"
 
@@ -26,11 +29,6 @@ constexpr runel::Milliseconds kListTime{3000};
 constexpr std::size_t kMostMarked = 500;
 
 const char* const kOwn[] = {"cd", "exit", "help", "lcd", "pwd", "quit"};
-
-std::string spelled(const runel::Target& target) {
-  return target.behindMaster() ? "@" + target.through
-                               : target.host + ":" + std::to_string(target.port);
-}
 
 // The options of the shell's command line that apply to each of its lines.
 std::vector<std::string> commonOptions(const Settings& settings) {
@@ -92,15 +90,16 @@ std::vector<DirectoryEntry> listLocal(const std::string& directory) {
 
 Shell::Shell(const Settings& settings, const Style& style)
     : settings_(settings), style_(style), session_{loop_, nullptr, {}, "/"}, before_("/") {
+  loop_.setResolver(runel::blockingResolver());
   session_.before = commonOptions(settings);
-  for (const runel::Target& target : settings.targets) {
-    where_.insert(where_.end(), {"-d", spelled(target)});
+  for (const runel::Address& target : settings.targets) {
+    where_.insert(where_.end(), {"-d", target.text()});
   }
   if (settings.targets.size() == 1) {
     // Named as in the command lines, so that they find the open connection.
-    std::vector<runel::Target> same;
+    std::vector<runel::Address> same;
     std::string why;
-    if (runel::parseTargetList(where_[1], same, why)) {
+    if (parseTargetList(where_[1], same, why)) {
       device_.emplace(loop_, same.front(), settings.limits());
       session_.device = &*device_;
     }
@@ -146,7 +145,7 @@ void Shell::runLine(const std::string& text) {
   const Line line = cutLine(text);
   if (line.open) {
     complain("unterminated quote or escape");
-    status_ = runel::kExitUsage;
+    status_ = kExitUsage;
   } else if (!line.words.empty() && !runOwn(line.words)) {
     status_ = runCommand(line.words);
   }
@@ -159,9 +158,7 @@ bool Shell::runOwn(const std::vector<std::string>& words) {
   } else if (name == "lcd") {
     status_ = changeLocalDirectory(words);
   } else if (name == "pwd") {
-    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n")
-                  ? 0
-                  : runel::kExitTaskFailed;
+    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
   } else if (name == "exit" || name == "quit") {
     status_ = leave(words);
   } else if (name == "help") {
@@ -186,19 +183,22 @@ int Shell::changeDirectory(const std::vector<std::string>& words) {
   wanted = wanted == "-" ? before_ : runel::joinPath(session_.directory, wanted);
   if (words.size() > 2) {
     complain("cd: too many arguments");
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   if (device_ && !settings_.dryRun) {
-    const runel::Reply real = ask(runel::request({"realpath", wanted}), settings_.limits().silence);
+    const runel::Reply real =
+        ask(runel::Request({"realpath", wanted}), settings_.limits().timeout());
     const runel::Reply about =
-        real.ok() ? ask(runel::request({"stat", real.output}), settings_.limits().silence) : real;
-    const std::optional<runel::StatRecord> st =
-        about.ok() ? runel::parseStat(about.output) : std::nullopt;
+        real.ok() ? ask(runel::Request({"stat", real.output()}), settings_.limits().timeout())
+                  : real;
+    const std::optional<runel::Stat> st =
+        about.ok() ? runel::parseStat(about.output()) : std::nullopt;
     if (!about.ok() || !st || !st->isDirectory()) {
-      complain(about.ok() ? wanted + ": " + runel::systemText(ENOTDIR) : about.error(wanted).what);
-      return about.broken ? about.exitStatus() : runel::kExitTaskFailed;
+      complain(about.ok() ? wanted + ": " + runel::systemText(ENOTDIR)
+                          : about.error(wanted).text());
+      return about.answered() ? kExitTaskFailed : exitStatusOf(about);
     }
-    wanted = real.output;
+    wanted = real.output();
   }
   before_ = std::exchange(session_.directory, wanted);
   return 0;
@@ -208,8 +208,8 @@ int Shell::changeLocalDirectory(const std::vector<std::string>& words) {
   const char* home = std::getenv("HOME");
   const std::string wanted = words.size() > 1 ? words[1] : (home != nullptr ? home : "/");
   if (chdir(wanted.c_str()) != 0) {
-    complain(runel::localError(wanted, errno).what);
-    return runel::kExitTaskFailed;
+    complain(localError(wanted, errno).what);
+    return kExitTaskFailed;
   }
   return 0;
 }
@@ -217,7 +217,7 @@ int Shell::changeLocalDirectory(const std::vector<std::string>& words) {
 int Shell::runCommand(const std::vector<std::string>& words) {
   if (words.front() == "shell") {
     complain("shell: already running");
-    return runel::kExitUsage;
+    return kExitUsage;
   }
   loop_.turn(runel::Milliseconds(0));  // detect a closed connection
   std::vector<std::string> whole = namesDevice(words) ? std::vector<std::string>() : where_;
@@ -232,7 +232,7 @@ runel::Reply Shell::ask(const runel::Request& request, runel::Milliseconds limit
   device_->ask(request, [&](runel::Reply answer) { reply = std::move(answer); });
   {
     const Signals signals(loop_, [&](int) { stop = true; });
-    runel::Loop::Timer timer = loop_.after(limit, [&] { stop = true; });
+    runel::Timer timer = loop_.after(limit, [&] { stop = true; });
     while (!reply && !stop) {
       loop_.turn(limit);
     }
@@ -240,9 +240,8 @@ runel::Reply Shell::ask(const runel::Request& request, runel::Milliseconds limit
   }
   if (!reply) {
     device_->abandon();  // its answer would arrive after the handler is gone
-    reply.emplace();
-    reply->broken =
-        runel::Error{runel::Fault::cancelled, "interrupted, or no answer in time", "", 0};
+    reply.emplace(runel::Error(runel::Kind::local, runel::Cause::cancelled,
+                               "interrupted, or no answer in time"));
   }
   return std::move(*reply);
 }
@@ -253,8 +252,8 @@ std::vector<DirectoryEntry> Shell::list(const std::string& directory) {
     return entries;
   }
   const std::string path = runel::joinPath(session_.directory, directory);
-  const runel::Reply reply = ask(runel::request({"readdir", path}), kListTime);
-  const auto names = reply.ok() ? runel::parseNames(reply.output) : std::nullopt;
+  const runel::Reply reply = ask(runel::Request({"readdir", path}), kListTime);
+  const auto names = reply.ok() ? runel::parseNames(reply.output()) : std::nullopt;
   if (names) {
     for (const std::string& name : *names) {
       entries.push_back({name, false});
@@ -271,22 +270,22 @@ void Shell::markDirectories(const std::string& directory, std::vector<DirectoryE
   }
   for (std::size_t i = 0; i + 1 < entries.size(); ++i) {
     DirectoryEntry* entry = &entries[i];
-    device_->ask(runel::request({"stat", runel::joinPath(directory, entry->name)}),
+    device_->ask(runel::Request({"stat", runel::joinPath(directory, entry->name)}),
                  [entry](const runel::Reply& reply) {
-                   const auto st = reply.ok() ? runel::parseStat(reply.output) : std::nullopt;
+                   const auto st = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
                    entry->directory = st && st->isDirectory();
                  });
   }
   // Answers arrive in order: after the last one, all have arrived.
   const runel::Reply last =
-      ask(runel::request({"stat", runel::joinPath(directory, entries.back().name)}), kListTime);
-  const auto st = last.ok() ? runel::parseStat(last.output) : std::nullopt;
+      ask(runel::Request({"stat", runel::joinPath(directory, entries.back().name)}), kListTime);
+  const auto st = last.ok() ? runel::parseStat(last.output()) : std::nullopt;
   entries.back().directory = st && st->isDirectory();
 }
 
 std::string Shell::prompt() const {
   const std::string who = settings_.targets.size() == 1
-                              ? settings_.targets.front().name
+                              ? settings_.targets.front().name()
                               : countText(settings_.targets.size(), "device");
   return terminalSafe(who) + ":" + terminalSafe(session_.directory) + "> ";
 }

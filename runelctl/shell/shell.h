@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
+#include <runel/async_device.h>
+#include <runel/loop.h>
+
 #include "cli/run.h"
-#include "client/io/device.h"
-#include "client/io/loop.h"
 #include "commands/settings.h"
 #include "output/style.h"
 #include "shell/completer.h"
@@ -42,7 +43,7 @@ class Shell {
   const Settings& settings_;
   const Style& style_;
   runel::Loop loop_;
-  std::optional<runel::Device> device_;  // set for a single device
+  std::optional<runel::AsyncDevice> device_;  // set for a single device
   Session session_;
   std::vector<std::string> where_;  // options that select the devices
   std::string before_;              // the previous directory, for "cd -"

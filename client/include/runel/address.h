@@ -43,8 +43,11 @@ class RUNEL_API Address {
   /// Whether a running `runelctl master` passes the requests on.
   [[nodiscard]] bool isBehindMaster() const { return !through().empty(); }
 
+  /// HOST:PORT or \@NAME, which `parse` accepts.
+  [[nodiscard]] std::string text() const;
+
   /// The same device; names are not compared.
-  [[nodiscard]] bool sameDevice(const Address& other) const;
+  [[nodiscard]] bool operator==(const Address& other) const;
 
  private:
   struct Data;

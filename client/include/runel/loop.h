@@ -94,6 +94,9 @@ class RUNEL_API Loop {
   std::unique_ptr<Data> data_;
 };
 
+/// A resolver that uses `resolveBlocking`: for programs that may stand still meanwhile.
+[[nodiscard]] RUNEL_API Loop::Resolver blockingResolver();
+
 /// Looks up @p host with the system's name service, and BLOCKS meanwhile. Keeps what it has found
 /// for the rest of the process. Safe to call in any thread.
 [[nodiscard]] RUNEL_API Result<in_addr> resolveBlocking(const std::string& host);

@@ -16,10 +16,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <runel/async_device.h>
+#include <runel/loop.h>
+#include <runel/request.h>
+
 #include "base/unique_fd.h"
-#include "client/core/request.h"
-#include "client/io/device.h"
-#include "client/io/loop.h"
 
 namespace runel {
 namespace {
@@ -55,7 +56,7 @@ class Peer {
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
-  [[nodiscard]] Target target() const { return {"peer", "127.0.0.1", port_, ""}; }
+  [[nodiscard]] Address target() const { return Address("127.0.0.1", port_).named("peer"); }
   void say(int fd, const std::string& bytes) {
     EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(bytes.size()));
@@ -122,7 +123,7 @@ class ClientTest : public ::testing::Test {
 
   Loop loop;
   Peer peer{loop};
-  Limits limits;
+  DeviceOptions limits;
   std::vector<Reply> replies;
 };
 
@@ -132,27 +133,27 @@ TEST_F(ClientTest, SendsRequestsBeforeTheFirstAnswer) {
       peer.say(fd, answer("one") + answer("two") + answer("three"));
     }
   };
-  Device device(loop, peer.target(), limits);
+  AsyncDevice device(loop, peer.target(), limits);
   for (const char* path : {"/1", "/2", "/3"}) {
-    device.ask(request({"read", path}), keep());
+    device.ask(Request({"read", path}), keep());
   }
   EXPECT_TRUE(replies.empty()) << "never before it returns";
   runUntil([&] { return replies.size() == 3; });
-  EXPECT_EQ(replies[0].output + replies[1].output + replies[2].output, "onetwothree");
+  EXPECT_EQ(replies[0].output() + replies[1].output() + replies[2].output(), "onetwothree");
   EXPECT_EQ(peer.accepted, 1);
 }
 
 TEST_F(ClientTest, TimeoutFailsAllPendingRequests) {
-  limits.silence = Milliseconds(30);
-  Device device(loop, peer.target(), limits);
-  device.ask(request({"hostid"}), keep());
-  device.ask(request({"hostid"}), keep());
+  limits.setTimeout(Milliseconds(30));
+  AsyncDevice device(loop, peer.target(), limits);
+  device.ask(Request({"hostid"}), keep());
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return replies.size() == 2; });
   for (const Reply& reply : replies) {
-    ASSERT_TRUE(reply.broken);
-    EXPECT_EQ(reply.broken->fault, Fault::timedOut);
-    EXPECT_TRUE(reply.broken->retry());
-    EXPECT_EQ(reply.exitStatus(), 255);
+    ASSERT_FALSE(reply.answered());
+    EXPECT_EQ(reply.error().kind(), Kind::timeout);
+    EXPECT_EQ(reply.error().outcome(), Outcome::unknown);
+    EXPECT_TRUE(reply.error().transient());
   }
 }
 
@@ -164,50 +165,52 @@ TEST_F(ClientTest, NextRequestAfterALossOpensANewConnection) {
       peer.say(fd, answer("back"));
     }
   };
-  Device device(loop, peer.target(), limits);
-  device.ask(request({"hostid"}), keep());
+  AsyncDevice device(loop, peer.target(), limits);
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return replies.size() == 1; });
-  ASSERT_TRUE(replies[0].broken);
-  EXPECT_EQ(replies[0].broken->fault, Fault::lost);
-  device.ask(request({"hostid"}), keep());
+  ASSERT_FALSE(replies[0].answered());
+  EXPECT_EQ(replies[0].error().cause(), Cause::closed);
+  EXPECT_EQ(replies[0].error().outcome(), Outcome::unknown);
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return replies.size() == 2; });
-  EXPECT_EQ(replies[1].output, "back");
+  EXPECT_EQ(replies[1].output(), "back");
   EXPECT_EQ(peer.accepted, 2);
 }
 
 TEST_F(ClientTest, HandlerMaySendAnotherRequest) {
   peer.heard = [&](int fd, const std::string&) { peer.say(fd, answer("x")); };
-  Device device(loop, peer.target(), limits);
+  AsyncDevice device(loop, peer.target(), limits);
   int left = 5;
   ReplyHandler again = [&](const Reply&) {
     if (--left > 0) {
-      device.ask(request({"hostid"}), again);
+      device.ask(Request({"hostid"}), again);
     }
   };
-  device.ask(request({"hostid"}), again);
+  device.ask(Request({"hostid"}), again);
   runUntil([&] { return left == 0; });
   EXPECT_EQ(peer.accepted, 1);
 }
 
 TEST_F(ClientTest, RefusedConnectionIsUnreachable) {
-  const Target target = peer.target();
+  const Address target = peer.target();
   peer.stopListening();
-  Device device(loop, target, limits);
-  device.ask(request({"hostid"}), keep());
+  AsyncDevice device(loop, target, limits);
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return replies.size() == 1; });
-  ASSERT_TRUE(replies[0].broken);
-  EXPECT_EQ(replies[0].broken->fault, Fault::unreachable);
-  EXPECT_EQ(replies[0].broken->number, ECONNREFUSED);
+  ASSERT_FALSE(replies[0].answered());
+  EXPECT_EQ(replies[0].error().cause(), Cause::connect);
+  EXPECT_EQ(replies[0].error().outcome(), Outcome::notSent);
+  EXPECT_EQ(replies[0].error().number(), ECONNREFUSED);
 }
 
 TEST_F(ClientTest, GarbageIsAProtocolError) {
   peer.heard = [&](int fd, const std::string&) { peer.say(fd, "\x01zz"); };
-  Device device(loop, peer.target(), limits);
-  device.ask(request({"hostid"}), keep());
+  AsyncDevice device(loop, peer.target(), limits);
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return replies.size() == 1; });
-  ASSERT_TRUE(replies[0].broken);
-  EXPECT_EQ(replies[0].broken->fault, Fault::protocol);
-  EXPECT_FALSE(replies[0].broken->retry());
+  ASSERT_FALSE(replies[0].answered());
+  EXPECT_EQ(replies[0].error().kind(), Kind::link);
+  EXPECT_FALSE(replies[0].error().transient());
 }
 
 TEST_F(ClientTest, AbandonedRequestsAreNotAnswered) {
@@ -216,28 +219,28 @@ TEST_F(ClientTest, AbandonedRequestsAreNotAnswered) {
     heard = true;
     peer.say(fd, answer("late"));
   };
-  Device device(loop, peer.target(), limits);
-  device.ask(request({"hostid"}), keep());
+  AsyncDevice device(loop, peer.target(), limits);
+  device.ask(Request({"hostid"}), keep());
   runUntil([&] { return heard; });
   device.abandon();
-  EXPECT_EQ(device.waiting(), 0U);
+  EXPECT_EQ(device.pending(), 0U);
   loop.turn(Milliseconds(0));
   loop.turn(Milliseconds(0));
   EXPECT_TRUE(replies.empty());
 }
 
 TEST_F(ClientTest, RestartIsCompleteWhenSent) {
-  Device device(loop, peer.target(), limits);
-  device.ask(request({"restart"}), keep());
+  AsyncDevice device(loop, peer.target(), limits);
+  device.ask(Request({"restart"}), keep());
   runUntil([&] { return replies.size() == 1; });
-  EXPECT_FALSE(replies[0].broken);
+  EXPECT_TRUE(replies[0].answered());
 }
 
 TEST_F(ClientTest, DryRunDoesNotConnect) {
   std::vector<std::string> payloads;
-  Device device(loop, peer.target(), limits);
-  device.setDryRun([&](const Target&, const std::string& payload) { payloads.push_back(payload); });
-  device.ask(request({"unlink", "/a"}), keep());
+  AsyncDevice device(loop, peer.target(), limits);
+  device.setDryRun([&](const std::string& payload) { payloads.push_back(payload); });
+  device.ask(Request({"unlink", "/a"}), keep());
   for (int i = 0; i < 5; ++i) {
     loop.turn(Milliseconds(1));
   }

@@ -8,9 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <runel/records.h>
+#include <runel/request.h>
+
+#include "client/core/paths.h"
 #include "client/core/peer_guess.h"
-#include "client/core/records.h"
-#include "client/core/request.h"
 #include "client/core/sha256.h"
 #include "commands/archive.h"
 #include "commands/push_job.h"
@@ -130,31 +132,34 @@ TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
 }
 
 TEST(ReplyTest, HasTheExitStatusOfAShell) {
-  const auto status = [](zell::SlaveStatus::Type type, zell::WatchProcessState_t state, int result,
-                         int error, int signal) {
-    runel::Reply reply;
-    reply.status = {type, state, result, error, signal};
-    return reply.exitStatus();
+  const auto status = [](runel::Status type, runel::ProgramState state, int result, int error,
+                         int signal) {
+    std::string record = "SlaveTask 0 0 0:";
+    for (const int field :
+         {static_cast<int>(type), static_cast<int>(state), result, error, signal}) {
+      record += " " + std::to_string(field);
+    }
+    return exitStatusOf(runel::Reply::decode(record).value());
   };
-  using State = zell::WatchProcessState_t;
-  EXPECT_EQ(status(zell::SlaveStatus::success, State::none, 0, 0, 0), 0);
-  EXPECT_EQ(status(zell::SlaveStatus::failure, State::exited, 42, 0, 0), 42);
-  EXPECT_EQ(status(zell::SlaveStatus::failure, State::signalled, -1, 0, 9), 137);
-  EXPECT_EQ(status(zell::SlaveStatus::timeout, State::timedOut, -1, 110, 15), 124);
-  EXPECT_EQ(status(zell::SlaveStatus::failure, State::none, 1, 2, 0), 1);
+  using State = runel::ProgramState;
+  EXPECT_EQ(status(runel::Status::success, State::none, 0, 0, 0), 0);
+  EXPECT_EQ(status(runel::Status::failure, State::exited, 42, 0, 0), 42);
+  EXPECT_EQ(status(runel::Status::failure, State::signalled, -1, 0, 9), 137);
+  EXPECT_EQ(status(runel::Status::timeout, State::timedOut, -1, 110, 15), 124);
+  EXPECT_EQ(status(runel::Status::failure, State::none, 1, 2, 0), 1);
 }
 
 TEST(ErrorTest, HasAPlaceAndIsTransientOrNot) {
-  const auto about = [](runel::Fault fault) {
-    const runel::Error error{fault, "", "", 0};
-    return std::string(error.where()) + (error.retry() ? " yes" : " no");
+  const auto about = [](Fault fault) {
+    const Error error{fault, "", "", 0};
+    return std::string(error.where()) + (error.transient ? " yes" : " no");
   };
-  EXPECT_EQ(about(runel::Fault::unreachable), "link yes");
-  EXPECT_EQ(about(runel::Fault::lost), "link yes");
-  EXPECT_EQ(about(runel::Fault::protocol), "link no");
-  EXPECT_EQ(about(runel::Fault::task), "device no");
-  EXPECT_EQ(about(runel::Fault::program), "program no");
-  EXPECT_EQ(about(runel::Fault::local), "local no");
+  EXPECT_EQ(about(Fault::unreachable), "link yes");
+  EXPECT_EQ(about(Fault::lost), "link yes");
+  EXPECT_EQ(about(Fault::protocol), "link no");
+  EXPECT_EQ(about(Fault::task), "device no");
+  EXPECT_EQ(about(Fault::program), "program no");
+  EXPECT_EQ(about(Fault::local), "local no");
 }
 
 TEST(PeerGuessTest, IgnoresFramesAndRecognizesSsh) {

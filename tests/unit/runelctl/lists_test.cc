@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "client/core/address.h"
+#include <runel/address.h>
+
+#include "cli/targets.h"
 #include "commands/raw_text.h"
 #include "fleet/waves.h"
 
@@ -40,51 +42,23 @@ TEST(WavesTest, RejectMalformedText) {
   }
 }
 
-runel::Target target(const std::string& text) {
-  runel::Target parsed;
-  std::string why;
-  EXPECT_TRUE(runel::parseTarget(text, parsed, why)) << why;
-  return parsed;
-}
-
-TEST(TargetTest, HasTheDevicePortByDefault) {
-  EXPECT_EQ(target("10.0.0.1").port, 5111);
-  EXPECT_EQ(target("device-1.example:80").port, 80);
-  EXPECT_EQ(target("device-1.example:80").host, "device-1.example");
-}
-
-TEST(TargetTest, WithAnAtSignIsBehindTheMaster) {
-  EXPECT_EQ(target("@abc").through, "abc");
-  EXPECT_TRUE(target("@abc").behindMaster());
-  EXPECT_FALSE(target("abc").behindMaster());
-}
-
-TEST(TargetTest, RejectsInvalidAddresses) {
-  for (const char* text : {"", "@", "a b", "a:", "a:0", "a:65536", "a:1x", ":1", "a/b", "::1"}) {
-    runel::Target parsed;
-    std::string why;
-    EXPECT_FALSE(runel::parseTarget(text, parsed, why)) << text;
-    EXPECT_NE(why, "") << text;
-  }
-}
-
 TEST(TargetListTest, RemovesDuplicatesAndBlanks) {
-  std::vector<runel::Target> targets;
+  std::vector<runel::Address> targets;
   std::string why;
-  EXPECT_TRUE(runel::parseTargetList("a, b,,a:5111,a:1", targets, why));
+  EXPECT_TRUE(parseTargetList("a, b,,a:5111,a:1", targets, why));
   ASSERT_EQ(targets.size(), 3U);
-  EXPECT_EQ(targets[1].name, "b");
-  EXPECT_FALSE(runel::parseTargetList(" , ", targets, why));
+  EXPECT_EQ(targets[1].name(), "b");
+  EXPECT_FALSE(parseTargetList(" , ", targets, why));
 }
 
 TEST(TargetFileTest, HasNamesAndComments) {
   std::istringstream lines("# all\n one 10.0.0.1 # first\n\n10.0.0.2:99\r\n");
-  std::vector<runel::Target> targets;
+  std::vector<runel::Address> targets;
   std::string why;
-  ASSERT_TRUE(runel::readTargets(lines, targets, why)) << why;
+  ASSERT_TRUE(readTargets(lines, targets, why)) << why;
   ASSERT_EQ(targets.size(), 2U);
-  EXPECT_EQ(targets[0].name, "one");
-  EXPECT_EQ(targets[1].name, "10.0.0.2:99");
+  EXPECT_EQ(targets[0].name(), "one");
+  EXPECT_EQ(targets[1].name(), "10.0.0.2:99");
 }
 
 TEST(RawTextTest, ReplacesEscapes) {

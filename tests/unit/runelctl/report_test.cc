@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "client/core/error.h"
 #include "fleet/printer.h"
+#include "output/error.h"
 #include "output/report.h"
 #include "output/status_line.h"
 
@@ -30,7 +30,7 @@ TEST(ClosingObjectTest, OfASuccessHasTheFieldsOfTheCommand) {
 TEST(ClosingObjectTest, OfAFailureHasPlaceRetryErrorAndHint) {
   const Style style = jsonStyle();
   const Report report(style);
-  const runel::Error error{runel::Fault::lost, "gone", "look", ECONNRESET};
+  const Error error{Fault::lost, "gone", "look", ECONNRESET};
   EXPECT_EQ(closingObject("a", "read", {255, error}, report).dump(),
             R"({"v":1,"device":"a","task":"read","ok":false,"status":255,"where":"link",)"
             R"("retry":true,"error":"gone","errno":104,"hint":"look"})");
@@ -40,7 +40,7 @@ TEST(ClosingObjectTest, CarriesAnyBytes) {
   const Style style = jsonStyle();
   Report report(style);
   report.warn("\xff");
-  const runel::Error error{runel::Fault::task, "\xfe", "", 0};
+  const Error error{Fault::task, "\xfe", "", 0};
   EXPECT_EQ(closingObject("\xfd", "rm", {1, error}, report).dump(),
             R"({"v":1,"device_base64":"/Q==","task":"rm","ok":false,"status":1,"where":"device",)"
             R"("retry":false,"error_base64":"/g==","warnings":[{"text_base64":"/w=="}]})");
@@ -48,20 +48,23 @@ TEST(ClosingObjectTest, CarriesAnyBytes) {
 
 TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
   const struct {
-    runel::Fault fault;
+    Fault fault;
     const char* where;
     bool retry;
-  } kAll[] = {{runel::Fault::unreachable, "link", true}, {runel::Fault::lost, "link", true},
-              {runel::Fault::protocol, "link", false},   {runel::Fault::timedOut, "link", true},
-              {runel::Fault::task, "device", false},     {runel::Fault::program, "program", false},
-              {runel::Fault::local, "local", false},     {runel::Fault::cancelled, "local", true}};
+  } kAll[] = {{Fault::unreachable, "link", true}, {Fault::lost, "link", true},
+              {Fault::protocol, "link", false},   {Fault::timedOut, "link", true},
+              {Fault::task, "device", false},     {Fault::program, "program", false},
+              {Fault::local, "local", false},     {Fault::cancelled, "local", true}};
   for (const auto& each : kAll) {
-    const runel::Error error{each.fault, "", "", 0};
+    const Error error{each.fault, "", "", 0};
     EXPECT_STREQ(error.where(), each.where);
-    EXPECT_EQ(error.retry(), each.retry) << each.where;
+    EXPECT_EQ(error.transient, each.retry) << each.where;
   }
-  EXPECT_TRUE((runel::Error{runel::Fault::task, "", "", EBUSY}.retry()));
-  EXPECT_FALSE((runel::Error{runel::Fault::task, "", "", ENOENT}.retry()));
+  const auto device = [](int number) {
+    return Error(runel::Error(runel::Kind::device, runel::Cause::other, "", number));
+  };
+  EXPECT_TRUE(device(EBUSY).transient);
+  EXPECT_FALSE(device(ENOENT).transient);
 }
 
 TEST(ReportTest, CollectsTextOrJsonObjects) {

@@ -121,7 +121,7 @@ TEST(CommandLineTest, TheDefaultTargetIsTheLocalHost) {
   ASSERT_EQ(plain.parse({"hostid"}), -1);
   ASSERT_EQ(plain.readTargets(), "");
   ASSERT_EQ(plain.settings().targets.size(), 1U);
-  EXPECT_EQ(plain.settings().targets[0].host, "127.0.0.1");
+  EXPECT_EQ(plain.settings().targets[0].host(), "127.0.0.1");
   CommandLine several;
   ASSERT_EQ(several.parse({"-d", "a,b", "--device", "@c", "hostid"}), -1);
   ASSERT_EQ(several.readTargets(), "");

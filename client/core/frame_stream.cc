@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/core/frame_stream.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "client/core/peer_guess.h"
+#include "protocol/frame_sender.h"
+
+namespace runel {
+namespace {
+
+constexpr std::size_t kFirstBytes = 64;
+// Short frames share a buffer, so that a few system calls send a thousand small requests.
+constexpr std::size_t kShared = 32768;
+// A peer may announce a long payload and never complete it: this much more than the limit is kept.
+constexpr std::size_t kMostBeyondLimit = 1048576;
+
+}  // namespace
+
+void FrameStream::send(std::string payload) {
+  std::string head = zell::frameHead(payload.size());
+  queued_ += head.size() + payload.size();
+  everQueued_ += head.size() + payload.size();
+  if (!out_.empty() && out_.size() > 1 && out_.back().size() + payload.size() < kShared) {
+    out_.back() += head;
+    out_.back() += payload;
+  } else {
+    out_.push_back(std::move(head));
+    if (payload.size() < kShared) {
+      out_.back() += payload;
+    } else {
+      out_.push_back(std::move(payload));
+      out_.emplace_back();  // do not append later frames to a long one: that would copy it
+    }
+  }
+}
+
+std::vector<std::string_view> FrameStream::outgoing(std::size_t most) const {
+  std::vector<std::string_view> parts;
+  for (auto part = out_.begin(); part != out_.end() && parts.size() < most; ++part) {
+    parts.push_back(std::string_view(*part).substr(parts.empty() ? sent_ : 0));
+  }
+  return parts;
+}
+
+void FrameStream::sent(std::size_t bytes) {
+  queued_ -= bytes;
+  sent_ += bytes;
+  while (!out_.empty() && sent_ >= out_.front().size()) {
+    sent_ -= out_.front().size();
+    out_.pop_front();
+  }
+}
+
+void FrameStream::receive(const std::string& bytes) {
+  first_.append(bytes, 0, kFirstBytes - std::min(first_.size(), kFirstBytes));
+  coming_ += bytes.size();
+  codec_.acceptBytes(bytes);
+}
+
+std::optional<std::string> FrameStream::nextPayload() {
+  std::string payload;
+  if (tooLong_ || !codec_.recvMessage(payload)) {
+    tooLong_ = tooLong_ || coming_ > limit_ + kMostBeyondLimit;
+    return std::nullopt;
+  }
+  coming_ = 0;
+  if (payload.size() > limit_) {
+    tooLong_ = true;
+    return std::nullopt;
+  }
+  return payload;
+}
+
+std::optional<Error> FrameStream::error() const {
+  if (tooLong_) {
+    return Error(Kind::link, Cause::protocol, "answer exceeds the size limit");
+  }
+  if (codec_.error().empty()) {
+    return std::nullopt;
+  }
+  const std::string guess = guessPeer(first_);
+  if (!guess.empty()) {
+    return Error(Kind::link, Cause::wrongPeer, guess);
+  }
+  return Error(Kind::link, Cause::protocol, "bad frame: " + codec_.error());
+}
+
+}  // namespace runel

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+// Both directions of one connection: payloads become the bytes of frames, and bytes payloads.
+#ifndef RUNEL_CORE_FRAME_STREAM_H_
+#define RUNEL_CORE_FRAME_STREAM_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <runel/error.h>
+#include <zell/byte_count_protocol.h>
+
+#include "protocol/protocol.h"
+
+namespace runel {
+
+/// Performs no I/O: its user moves the bytes.
+class FrameStream {
+ public:
+  /// Queues @p payload as one frame.
+  void send(std::string payload);
+  /// The next queued bytes, in at most @p most parts. Valid until the next call.
+  [[nodiscard]] std::vector<std::string_view> outgoing(std::size_t most) const;
+  /// The first @p bytes of them are sent.
+  void sent(std::size_t bytes);
+  /// The number of queued bytes that are not sent yet.
+  [[nodiscard]] std::size_t queued() const { return queued_; }
+  /// The number of bytes ever queued. Minus `queued()`, it is the number of sent bytes.
+  [[nodiscard]] std::uint64_t everQueued() const { return everQueued_; }
+
+  /// Adds received @p bytes.
+  void receive(const std::string& bytes);
+  /// The next complete payload.
+  [[nodiscard]] std::optional<std::string> nextPayload();
+  /// The violation of the protocol that the received bytes are, if any.
+  [[nodiscard]] std::optional<Error> error() const;
+  /// A payload longer than @p bytes is a violation of the protocol.
+  void limitPayloads(std::size_t bytes) { limit_ = bytes; }
+
+ private:
+  std::deque<std::string> out_;
+  std::size_t sent_ = 0;  // bytes of out_.front() that are sent
+  std::size_t queued_ = 0;
+  std::uint64_t everQueued_ = 0;
+
+  zell::ByteCountProtocol codec_{zell::ByteCountProtocol::kNoSocket};
+  std::size_t coming_ = 0;  // bytes received since the last complete payload
+  std::size_t limit_ = zell::kMaxFramePayload;
+  bool tooLong_ = false;
+  std::string first_;  // the first received bytes, for a guess at the peer's protocol
+};
+
+}  // namespace runel
+
+#endif  // RUNEL_CORE_FRAME_STREAM_H_

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+// The requests on one connection: matches replies by their order and enforces the I/O timeout.
+#ifndef RUNEL_CORE_SESSION_H_
+#define RUNEL_CORE_SESSION_H_
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include <runel/error.h>
+#include <runel/request.h>
+
+namespace runel {
+
+/// Performs no I/O, reads no clock and calls no handler: its user moves the bytes and calls the
+/// handlers of completed requests.
+class Session {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+  /// A completed request. Call @p handler with @p reply.
+  struct Completion {
+    ReplyHandler handler;
+    Reply reply;
+  };
+
+  explicit Session(Milliseconds timeout) : timeout_(timeout) {}
+
+  /// Adds a request. @p like gives the limits of its reply.
+  void add(const Request& like, ReplyHandler handler, Time now);
+  /// The frame of the oldest request that was not queued before ends after @p end bytes of the
+  /// connection.
+  void queued(std::uint64_t end);
+  /// Bytes were moved. In sum @p sent bytes of the connection are sent.
+  void progress(std::uint64_t sent, Time now);
+  /// A payload was received. An error is a violation of the protocol: close the connection with it.
+  [[nodiscard]] std::optional<Error> receive(std::string&& payload, Time now);
+  /// The connection has ended: all requests fail with @p why, each with its outcome.
+  void fail(const Error& why);
+  /// Forgets all requests, completed ones too.
+  void clear();
+
+  /// The next completed request, each once, in the order of the requests.
+  [[nodiscard]] std::optional<Completion> nextCompletion();
+  /// When to call `expired` at the latest.
+  [[nodiscard]] std::optional<Time> deadline() const;
+  /// The error when the deadline has come: close the connection with it.
+  [[nodiscard]] std::optional<Error> expired(Time now) const;
+
+  /// The number of requests that are not completed.
+  [[nodiscard]] std::size_t pending() const { return pending_.size(); }
+  /// The size limit of the next reply in bytes.
+  [[nodiscard]] std::size_t replyLimit() const;
+
+ private:
+  struct Pending {
+    ReplyHandler handler;
+    std::size_t replyLimit;
+    std::optional<Milliseconds> extraTimeout;
+    bool answered;
+    std::optional<std::uint64_t> end;  ///< empty until its frame is queued
+  };
+
+  [[nodiscard]] bool isSent(const Pending& pending) const;
+  void complete(Reply reply, Time now);
+
+  const Milliseconds timeout_;
+  std::deque<Pending> pending_;
+  std::deque<Completion> completed_;
+  std::size_t queuedCount_ = 0;  // the first of pending_ that have an end
+  std::uint64_t sent_ = 0;
+  Time lastProgress_;
+};
+
+}  // namespace runel
+
+#endif  // RUNEL_CORE_SESSION_H_

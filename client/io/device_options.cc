@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <utility>
+
+#include <runel/async_device.h>
+
+namespace runel {
+inline namespace v1 {
+
+struct DeviceOptions::Data {
+  Milliseconds connectTimeout{10000};
+  Milliseconds timeout{30000};
+  std::string masterSocket;
+  int retries = 0;
+  Milliseconds retryPause{200};
+};
+
+DeviceOptions::DeviceOptions() : data_(std::make_unique<Data>()) {}
+DeviceOptions::DeviceOptions(const DeviceOptions& other)
+    : data_(std::make_unique<Data>(*other.data_)) {}
+
+DeviceOptions& DeviceOptions::operator=(const DeviceOptions& other) {
+  *data_ = *other.data_;
+  return *this;
+}
+
+DeviceOptions::~DeviceOptions() = default;
+
+DeviceOptions& DeviceOptions::setConnectTimeout(Milliseconds time) {
+  data_->connectTimeout = time;
+  return *this;
+}
+
+DeviceOptions& DeviceOptions::setTimeout(Milliseconds time) {
+  data_->timeout = time;
+  return *this;
+}
+
+DeviceOptions& DeviceOptions::setMasterSocket(std::string path) {
+  data_->masterSocket = std::move(path);
+  return *this;
+}
+
+DeviceOptions& DeviceOptions::setRetries(int times, Milliseconds pause) {
+  data_->retries = times;
+  data_->retryPause = pause;
+  return *this;
+}
+
+Milliseconds DeviceOptions::connectTimeout() const {
+  return data_->connectTimeout;
+}
+
+Milliseconds DeviceOptions::timeout() const {
+  return data_->timeout;
+}
+
+const std::string& DeviceOptions::masterSocket() const {
+  return data_->masterSocket;
+}
+
+int DeviceOptions::retries() const {
+  return data_->retries;
+}
+
+Milliseconds DeviceOptions::retryPause() const {
+  return data_->retryPause;
+}
+
+}  // namespace v1
+}  // namespace runel

@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "output/error.h"
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include <sys/wait.h>
+
+#include "protocol/protocol.h"
+
+namespace runelctl {
+namespace {
+
+constexpr char kPortHint[] = "check the port: devices listen on 5111";
+static_assert(zell::contains(kPortHint, zell::kDevicePort));
+
+Fault faultOf(const runel::Error& error) {
+  if (error.cause() == runel::Cause::cancelled) {
+    return Fault::cancelled;
+  }
+  switch (error.kind()) {
+    case runel::Kind::device:
+      return Fault::task;
+    case runel::Kind::program:
+      return Fault::program;
+    case runel::Kind::local:
+      return Fault::local;
+    case runel::Kind::timeout:
+      return error.cause() == runel::Cause::connectTimeout ? Fault::unreachable : Fault::timedOut;
+    case runel::Kind::link:
+      break;
+  }
+  if (error.cause() == runel::Cause::closed) {
+    return Fault::lost;
+  }
+  return error.transient() ? Fault::unreachable : Fault::protocol;
+}
+
+std::string connectHint(int number) {
+  if (number == ECONNREFUSED) {
+    return "check that runeld is running on the device";
+  }
+  if (number == EHOSTUNREACH || number == ENETUNREACH) {
+    return "check the address, and that the device is on";
+  }
+  return "";
+}
+
+std::string taskHint(int number) {
+  switch (number) {
+    case ENOSPC:
+      return "the device's file system is full: check with runelctl df";
+    case EROFS:
+      return "the device's file system is mounted read-only";
+    case EFBIG:
+      return "too large for one answer: use runelctl pull";
+    default:
+      return "";
+  }
+}
+
+std::string hintFor(const runel::Error& error) {
+  switch (error.cause()) {
+    case runel::Cause::resolve:
+      return "check the host name";
+    case runel::Cause::connect:
+      return connectHint(error.number());
+    case runel::Cause::connectTimeout:
+      return "check the address, and that the device is on, or use a larger --connect-timeout";
+    case runel::Cause::noMaster:
+      return "start one: runelctl master";
+    case runel::Cause::refusedByMaster:
+      return error.number() == 0 ? "runelctl devices lists the connected devices" : "";
+    case runel::Cause::wrongPeer:
+      return kPortHint;
+    case runel::Cause::silence:
+      return "the device may be busy: check with runelctl ping, or use a larger --timeout";
+    case runel::Cause::changed:
+    case runel::Cause::checksum:
+      return "retry the transfer";
+    case runel::Cause::incomplete:
+      return "check whether another runelctl sends the same file";
+    case runel::Cause::directory:
+      return "use -r for directories";
+    default:
+      return error.kind() == runel::Kind::device ? taskHint(error.number()) : "";
+  }
+}
+
+}  // namespace
+
+Error::Error(Fault itsFault, std::string itsText, std::string itsHint, int itsNumber)
+    : fault(itsFault),
+      what(std::move(itsText)),
+      hint(std::move(itsHint)),
+      number(itsNumber),
+      transient(fault == Fault::unreachable || fault == Fault::lost || fault == Fault::timedOut ||
+                fault == Fault::cancelled) {}
+
+Error::Error(const runel::Error& error)
+    : fault(faultOf(error)),
+      what(error.text()),
+      hint(hintFor(error)),
+      number(error.number()),
+      transient(error.transient() || fault == Fault::cancelled) {}
+
+const char* Error::where() const {
+  switch (fault) {
+    case Fault::task:
+      return "device";
+    case Fault::program:
+      return "program";
+    case Fault::local:
+    case Fault::cancelled:
+      return "local";
+    default:
+      return "link";
+  }
+}
+
+Error localError(const std::string& name, int number) {
+  return runel::Error::local(name, number);
+}
+
+int exitStatusOf(const Error& error) {
+  return std::string_view(error.where()) == "link" ? kExitNoConnection : kExitTaskFailed;
+}
+
+int exitStatusOf(const runel::Reply& reply) {
+  if (!reply.answered()) {
+    return exitStatusOf(Error(reply.error()));
+  }
+  if (reply.ok() || reply.status() == runel::Status::running) {
+    return 0;
+  }
+  if (reply.status() == runel::Status::timeout) {
+    return kExitTimeLimit;
+  }
+  if (reply.state() == runel::ProgramState::signalled) {
+    return kExitSignalBase + (reply.signal() & 127);
+  }
+  if (reply.state() == runel::ProgramState::exited) {
+    return WEXITSTATUS(static_cast<unsigned>(reply.result()) << 8U);
+  }
+  return kExitTaskFailed;
+}
+
+}  // namespace runelctl

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: Apache-2.0
+// The engine without I/O: no socket, no clock.
+#include "client/core/session.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "client/core/frame_stream.h"
+
+namespace runel {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr std::uint64_t kFrame = 10;  // the length of each frame of these tests
+
+std::string record(const std::string& output) {
+  return "SlaveTask 0 0 " + std::to_string(output.size()) + ":" + output + " 0 0 0 0 0";
+}
+
+class SessionTest : public testing::Test {
+ protected:
+  // Adds a request whose frame is queued.
+  void ask(const std::string& task) {
+    session.add(
+        Request({task}), [](const Reply&) {}, now);
+    queuedBytes += kFrame;
+    session.queued(queuedBytes);
+  }
+  std::vector<Reply> completed() {
+    std::vector<Reply> replies;
+    while (auto next = session.nextCompletion()) {
+      replies.push_back(next->reply);
+    }
+    return replies;
+  }
+
+  Session session{seconds(30)};
+  Session::Time now{seconds(1000)};
+  std::uint64_t queuedBytes = 0;
+};
+
+TEST_F(SessionTest, MatchesRepliesByTheirOrder) {
+  ask("hostid");
+  ask("devicetype");
+  session.progress(2 * kFrame, now);
+  EXPECT_FALSE(session.receive(record("one"), now));
+  EXPECT_FALSE(session.receive(record("two"), now));
+  const std::vector<Reply> replies = completed();
+  ASSERT_EQ(replies.size(), 2U);
+  EXPECT_EQ(replies[0].output(), "one");
+  EXPECT_EQ(replies[1].output(), "two");
+  EXPECT_EQ(session.pending(), 0U);
+}
+
+TEST_F(SessionTest, RejectsAReplyToARequestThatIsNotSentCompletely) {
+  ask("hostid");
+  session.progress(kFrame - 1, now);
+  const std::optional<Error> error = session.receive(record("x"), now);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->cause(), Cause::protocol);
+}
+
+TEST_F(SessionTest, RejectsAMalformedReply) {
+  ask("hostid");
+  session.progress(kFrame, now);
+  EXPECT_TRUE(session.receive("nonsense", now));
+}
+
+TEST_F(SessionTest, ALossLeavesTheOutcomeOfSentRequestsUnknown) {
+  ask("hostid");
+  ask("devicetype");
+  session.add(
+      Request({"unlink", "/x"}), [](const Reply&) {}, now);  // not even queued
+  session.progress(kFrame + 3, now);
+  session.fail(Error(Kind::link, Cause::closed, "lost"));
+  const std::vector<Reply> replies = completed();
+  ASSERT_EQ(replies.size(), 3U);
+  EXPECT_EQ(replies[0].error().outcome(), Outcome::unknown);
+  EXPECT_EQ(replies[1].error().outcome(), Outcome::notSent);
+  EXPECT_EQ(replies[2].error().outcome(), Outcome::notSent);
+}
+
+TEST_F(SessionTest, ARequestWithoutAReplyIsCompleteWhenItIsSent) {
+  ask("restart");
+  EXPECT_TRUE(completed().empty());
+  session.progress(kFrame, now);
+  const std::vector<Reply> replies = completed();
+  ASSERT_EQ(replies.size(), 1U);
+  EXPECT_TRUE(replies[0].answered());
+}
+
+TEST_F(SessionTest, TheDeadlineMovesWithEachByte) {
+  ask("hostid");
+  EXPECT_EQ(session.deadline(), now + seconds(30));
+  session.progress(1, now + seconds(20));
+  EXPECT_EQ(session.deadline(), now + seconds(50));
+  EXPECT_FALSE(session.expired(now + seconds(49)));
+  const std::optional<Error> error = session.expired(now + seconds(50));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->kind(), Kind::timeout);
+  EXPECT_EQ(error->text(), "no answer for 30 s");
+}
+
+TEST_F(SessionTest, ARequestThatIsNotQueuedHasNoDeadline) {
+  session.add(
+      Request({"hostid"}), [](const Reply&) {}, now);
+  EXPECT_FALSE(session.deadline());
+}
+
+TEST_F(SessionTest, TasksWithoutALimitHaveNoDeadline) {
+  ask("wait");
+  EXPECT_FALSE(session.deadline());
+}
+
+TEST_F(SessionTest, AClearedSessionCompletesNothing) {
+  ask("hostid");
+  session.progress(kFrame, now);
+  EXPECT_FALSE(session.receive(record("x"), now));
+  session.clear();
+  EXPECT_TRUE(completed().empty());
+}
+
+std::string sentBytes(FrameStream& stream, std::size_t most) {
+  std::string bytes;
+  while (stream.queued() > 0) {
+    const std::string part(stream.outgoing(1).front().substr(0, most));
+    bytes += part;
+    stream.sent(part.size());
+  }
+  return bytes;
+}
+
+TEST(FrameStreamTest, GivesTheSameBytesHoweverTheyAreSent) {
+  for (const std::size_t most : {1U, 3U, 100000U}) {
+    FrameStream stream;
+    stream.send("one");
+    stream.send(std::string(40000, 'x'));
+    stream.send("three");
+    EXPECT_EQ(sentBytes(stream, most),
+              "\x01"
+              "3\x02one\x01"
+              "40000\x02" +
+                  std::string(40000, 'x') +
+                  "\x01"
+                  "5\x02three");
+    EXPECT_EQ(stream.everQueued(), 40000U + 3 + 5 + 3 + 3 + 7);
+  }
+}
+
+TEST(FrameStreamTest, GivesTheSamePayloadsHoweverTheyAreReceived) {
+  const std::string bytes =
+      "\x01"
+      "3\x02one\x01"
+      "0\x02\x01"
+      "3\x02two";
+  for (std::size_t cut = 1; cut <= bytes.size(); ++cut) {
+    FrameStream stream;
+    std::vector<std::string> payloads;
+    for (std::size_t at = 0; at < bytes.size(); at += cut) {
+      stream.receive(bytes.substr(at, cut));
+      while (auto payload = stream.nextPayload()) {
+        payloads.push_back(*payload);
+      }
+    }
+    EXPECT_EQ(payloads, (std::vector<std::string>{"one", "", "two"})) << cut;
+    EXPECT_FALSE(stream.error());
+  }
+}
+
+TEST(FrameStreamTest, APayloadAboveTheLimitIsAnError) {
+  FrameStream stream;
+  stream.limitPayloads(2);
+  stream.receive(
+      "\x01"
+      "3\x02one");
+  EXPECT_FALSE(stream.nextPayload());
+  ASSERT_TRUE(stream.error());
+  EXPECT_EQ(stream.error()->text(), "answer exceeds the size limit");
+}
+
+TEST(FrameStreamTest, NamesAPeerOfAnotherProtocol) {
+  FrameStream stream;
+  stream.receive("SSH-2.0-x\r\n");
+  EXPECT_FALSE(stream.nextPayload());
+  ASSERT_TRUE(stream.error());
+  EXPECT_EQ(stream.error()->cause(), Cause::wrongPeer);
+}
+
+}  // namespace
+}  // namespace runel

@@ -50,8 +50,8 @@ class RUNEL_API Address {
   [[nodiscard]] bool operator==(const Address& other) const;
 
  private:
-  struct Data;
-  explicit Address(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit Address(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 

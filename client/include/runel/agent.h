@@ -43,7 +43,7 @@ class RUNEL_API AsyncAgent {
   [[nodiscard]] std::size_t queued() const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -66,7 +66,7 @@ class RUNEL_API Agent {
   [[nodiscard]] Result<std::optional<std::string>> receive(Milliseconds limit);
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

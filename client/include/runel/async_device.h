@@ -50,7 +50,7 @@ class RUNEL_API DeviceOptions {
   ///@}
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -100,7 +100,7 @@ class RUNEL_API AsyncDevice {
   [[nodiscard]] std::size_t queued() const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

@@ -45,7 +45,7 @@ class RUNEL_API MasterOptions {
 
  private:
   friend class MasterWork;
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -86,8 +86,8 @@ class RUNEL_API DeviceInfo {
 
  private:
   friend class MasterWork;
-  struct Data;
-  explicit DeviceInfo(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit DeviceInfo(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 
@@ -133,7 +133,7 @@ class RUNEL_API AsyncMaster {
   [[nodiscard]] Result<void> sendClause(const std::string& name, const std::string& clause);
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

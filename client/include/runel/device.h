@@ -139,7 +139,7 @@ class RUNEL_API Device {
   [[nodiscard]] const Address& address() const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

@@ -82,7 +82,7 @@ class RUNEL_API Error {
   [[nodiscard]] Error with(Outcome outcome) const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::shared_ptr<const Data> data_;
 };
 

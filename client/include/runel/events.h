@@ -49,8 +49,8 @@ class RUNEL_API MasterEvent {
 
  private:
   friend class MasterWork;
-  struct Data;
-  explicit MasterEvent(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit MasterEvent(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 

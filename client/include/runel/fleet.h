@@ -48,7 +48,7 @@ class RUNEL_API FleetOptions {
 
  private:
   friend class FleetWork;
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -73,8 +73,8 @@ class RUNEL_API FleetReport {
 
  private:
   friend class FleetWork;
-  struct Data;
-  explicit FleetReport(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit FleetReport(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 
@@ -107,7 +107,7 @@ class RUNEL_API AsyncFleet {
   void cancel();
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -130,7 +130,7 @@ class RUNEL_API Fleet {
   [[nodiscard]] FleetReport run(const AsyncFleet::Job& job);
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

@@ -90,7 +90,7 @@ class RUNEL_API Loop {
   void resolve(const std::string& host, Resolved resolved);
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

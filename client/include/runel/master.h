@@ -56,7 +56,7 @@ class RUNEL_API Master {
   [[nodiscard]] std::optional<MasterEvent> nextEvent(Milliseconds limit);
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 

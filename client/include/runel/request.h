@@ -72,7 +72,7 @@ class RUNEL_API Request {
   [[nodiscard]] std::string encode() const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
@@ -127,7 +127,7 @@ class RUNEL_API Reply {
   [[nodiscard]] Error error(std::string_view what = {}) const;
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::shared_ptr<Data> data_;
 };
 

@@ -68,7 +68,7 @@ class RUNEL_API TransferOptions {
   ///@}
 
  private:
-  struct Data;
+  struct RUNEL_LOCAL Data;
   std::shared_ptr<Data> data_;
 };
 
@@ -91,8 +91,8 @@ class RUNEL_API TransferReport {
 
  private:
   friend class TransferWork;
-  struct Data;
-  explicit TransferReport(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit TransferReport(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 
@@ -108,8 +108,8 @@ class RUNEL_API PushSources {
 
  private:
   friend class TransferWork;
-  struct Data;
-  explicit PushSources(std::shared_ptr<const Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit PushSources(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
 };
 
@@ -150,8 +150,8 @@ class RUNEL_API AsyncTransfer {
   [[nodiscard]] std::optional<Request> cleanUp() const;
 
  private:
-  struct Data;
-  explicit AsyncTransfer(std::unique_ptr<Data> data);
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit AsyncTransfer(std::unique_ptr<Data> data);
   std::unique_ptr<Data> data_;
 };
 

@@ -47,6 +47,7 @@ struct AsyncDevice::Data {
   std::deque<std::string> early_;  // payloads queued until the connection is open
   std::optional<Error> disorder_;  // protocol error of an idle device
   Timer deadline_;
+  std::function<void(const Error& why)> closed_;
   Tap dryRun_;
   Tap tap_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
@@ -179,8 +180,17 @@ void AsyncDevice::Data::close(const Error& why) {
   session_.fail(why);
   loop_.cancel(deadline_);
   connector_.reset();
+  const bool wasOpen = channel_ != nullptr;
   channel_.reset();
   early_.clear();
+  if (wasOpen && closed_) {
+    loop_.next([this, why, alive = std::weak_ptr<bool>(alive_)] {
+      if (!alive.expired() && closed_) {
+        const auto closed = closed_;  // it may replace itself
+        closed(why);
+      }
+    });
+  }
   deliver();
 }
 
@@ -229,6 +239,10 @@ void AsyncDevice::close(const Error& why) {
 
 void AsyncDevice::abandon() {
   data_->abandon();
+}
+
+void AsyncDevice::setClosed(std::function<void(const Error& why)> closed) {
+  data_->closed_ = std::move(closed);
 }
 
 void AsyncDevice::setDryRun(Tap dryRun) {

@@ -81,6 +81,10 @@ class RUNEL_API AsyncDevice {
   /// Closes the connection and drops all handlers without calling them.
   void abandon();
 
+  /// Calls @p closed when an open connection has ended, also without a pending request. The next
+  /// request connects again.
+  void setClosed(std::function<void(const Error& why)> closed);
+
   /// Receives payloads as they are sent or received.
   using Tap = std::function<void(const std::string& payload)>;
   /// Gives every payload to @p dryRun instead of the device. No reply handler is called then.

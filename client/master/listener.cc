@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -28,16 +29,14 @@ Listener::~Listener() {
   }
 }
 
-std::string Listener::open(const std::string& host, std::uint16_t port) {
-  const std::string where = host + ":" + std::to_string(port) + ": ";
-  const Result<in_addr> found = resolveBlocking(host);
-  if (!found) {
-    return where + found.error().text();
-  }
+Result<void> Listener::open(const std::string& host, std::uint16_t port) {
+  const std::string where = host + ":" + std::to_string(port);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  address.sin_addr = *found;
+  if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) {
+    return Error(Kind::local, Cause::other, where + ": not an IPv4 address");
+  }
   socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
   (void)setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);  // bind reports errors
@@ -45,9 +44,17 @@ std::string Listener::open(const std::string& host, std::uint16_t port) {
   const auto* generic = reinterpret_cast<const sockaddr*>(&address);
   if (bind(socket_.get(), generic, sizeof address) != 0 ||
       listen(socket_.get(), kDeviceBacklog) != 0 || !watch()) {
-    return where + systemText(errno);
+    return Error::local(where, errno);
   }
-  return "";
+  return {};
+}
+
+std::uint16_t Listener::port() const {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);  // the generic address type
+  const bool known = socket_.valid() && getsockname(socket_.get(), generic, &size) == 0;
+  return known ? ntohs(address.sin_port) : 0;
 }
 
 bool Listener::watch() {

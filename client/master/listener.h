@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 
 #include <runel/loop.h>
+#include <runel/result.h>
 
 #include "base/unique_fd.h"
 
@@ -26,8 +27,10 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  /// Listens on @p host, which may be a name. Returns the error, empty for success.
-  [[nodiscard]] std::string open(const std::string& host, std::uint16_t port);
+  /// Listens on the IPv4 address @p host. Fails with `Kind::local`.
+  [[nodiscard]] Result<void> open(const std::string& host, std::uint16_t port);
+  /// 0 while it does not listen.
+  [[nodiscard]] std::uint16_t port() const;
 
  private:
   [[nodiscard]] bool watch();

@@ -16,7 +16,6 @@
 
 #include <zell/slave_task.h>
 
-#include "client/core/reply_limit.h"
 #include "protocol/protocol.h"
 
 namespace runel {
@@ -24,6 +23,7 @@ namespace {
 
 constexpr std::size_t kMostTasksQueued = 8388608;
 constexpr std::size_t kMostWaiting = 4096;
+constexpr std::size_t kLongestOwnAnswer = 65536;
 // A kernel acknowledges data within a fraction of a second, even if its programs are busy.
 constexpr Milliseconds kConfirmTime{5000};
 constexpr Milliseconds kLookPause{500};
@@ -51,12 +51,7 @@ SlaveLink::SlaveLink(Loop& loop, zell::UniqueFd socket, Milliseconds timeout, Ev
       events_(std::move(events)),
       channel_(loop, std::move(socket),
                {[this](std::string&& payload) { take(std::move(payload)); },
-                [this](const Error& error) { lose(error); },
-                [this] {
-                  if (events_.progress) {
-                    events_.progress();
-                  }
-                }}) {
+                [this](const Error& error) { lose(error); }, [this] { progress(); }}) {
   limitAnswers();
 }
 
@@ -64,24 +59,23 @@ SlaveLink::~SlaveLink() {
   loop_.cancel(timer_);
 }
 
-void SlaveLink::forward(std::string payload, Answer answer) {
+void SlaveLink::forward(std::string payload, Answer answer, Ends ends) {
   ++counters_.requests;
-  send(std::move(payload), std::move(answer), false);
+  send(std::move(payload), {std::move(answer), std::move(ends), false});
 }
 
 void SlaveLink::ask(const Request& request, ReplyHandler handler) {
-  send(
-      request.encode(),
-      [this, handler = std::move(handler)](std::string&& payload) {
-        --unanswered_;
-        std::optional<Reply> reply = Reply::decode(std::move(payload));
-        if (!reply) {
-          lose({Kind::link, Cause::protocol, "malformed answer: not a task record"});
-        } else {
-          handler(std::move(*reply));
-        }
-      },
-      true);
+  send(request.encode(),
+       {[this, handler = std::move(handler)](std::string&& payload) {
+          --unanswered_;
+          std::optional<Reply> reply = Reply::decode(std::move(payload));
+          if (!reply) {
+            lose({Kind::link, Cause::protocol, "malformed answer: not a task record"});
+          } else {
+            handler(std::move(*reply));
+          }
+        },
+        Ends(), true});
   if (unanswered_++ == 0) {
     asked_ = Clock::now();
     watchCheck();
@@ -94,14 +88,18 @@ void SlaveLink::check() {
   }
 }
 
-void SlaveLink::send(std::string payload, Answer answer, bool own) {
+void SlaveLink::send(std::string payload, Pending pending) {
   counters_.bytesOut += payload.size();
-  if (isAnswered(payload)) {
-    pending_.push_back({std::move(answer), own});
-    users_ += own ? 0 : 1;
-    limitAnswers();
-  }
+  const bool answered = isAnswered(payload);
   channel_.send(std::move(payload));
+  pending.end = channel_.everQueued();
+  if (answered) {
+    users_ += pending.own ? 0 : 1;
+    pending_.push_back(std::move(pending));
+    limitAnswers();
+  } else {
+    unanswerable_.push_back(std::move(pending));
+  }
 }
 
 void SlaveLink::take(std::string&& payload) {
@@ -117,11 +115,28 @@ void SlaveLink::take(std::string&& payload) {
   front.answer(std::move(payload));
 }
 
+void SlaveLink::progress() {
+  while (!unanswerable_.empty() && isSent(unanswerable_.front())) {
+    const Pending front = std::move(unanswerable_.front());
+    unanswerable_.pop_front();
+    if (front.ends.sent) {
+      front.ends.sent();
+    }
+  }
+  if (events_.progress) {
+    events_.progress();
+  }
+}
+
+bool SlaveLink::isSent(const Pending& pending) const {
+  return channel_.everQueued() - channel_.queued() >= pending.end;
+}
+
 // Sets the size limit for the answer to the oldest request. The answers to the master's requests
 // are small.
 void SlaveLink::limitAnswers() {
   const bool users = !pending_.empty() && !pending_.front().own;
-  channel_.limitMessages(users ? zell::kMaxFramePayload : kSmallReply);
+  channel_.limitMessages(users ? zell::kMaxFramePayload : kLongestOwnAnswer);
 }
 
 void SlaveLink::setReading(bool reading) {
@@ -174,7 +189,7 @@ bool SlaveLink::confirms(Milliseconds since) const {
 
 void SlaveLink::lose(const Error& error) {
   loop_.cancel(timer_);
-  pending_.clear();
+  failAll(error);
   users_ = 0;
   unanswered_ = 0;
   const auto lost = std::move(events_.lost);
@@ -182,6 +197,18 @@ void SlaveLink::lose(const Error& error) {
   if (lost) {
     lost(error);
   }
+}
+
+void SlaveLink::failAll(const Error& error) {
+  for (const auto* requests : {&pending_, &unanswerable_}) {
+    for (const Pending& request : *requests) {
+      if (request.ends.failed) {
+        request.ends.failed(error.with(isSent(request) ? Outcome::unknown : Outcome::notSent));
+      }
+    }
+  }
+  pending_.clear();
+  unanswerable_.clear();
 }
 
 }  // namespace runel

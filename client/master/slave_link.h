@@ -22,8 +22,15 @@ namespace runel {
 /// when the peer stops acknowledging data.
 class SlaveLink {
  public:
-  /// Called with the text form of the answer. Not called if the link is lost before.
+  /// Called with the text form of the answer.
   using Answer = std::function<void(std::string&& payload)>;
+  /// How else a user's request ends. Each may be empty.
+  struct Ends {
+    /// The link is lost before the answer. The outcome of @p error is that of the request.
+    std::function<void(const Error& error)> failed;
+    /// A payload without an answer is sent.
+    std::function<void()> sent;
+  };
   struct Events {
     /// The link is lost. It may be destroyed from the next turn of the loop.
     std::function<void(const Error& error)> lost;
@@ -43,7 +50,7 @@ class SlaveLink {
   SlaveLink& operator=(const SlaveLink&) = delete;
 
   /// Sends any @p payload of a user.
-  void forward(std::string payload, Answer answer);
+  void forward(std::string payload, Answer answer, Ends ends);
   /// Sends a cheap request of the master itself, to which the timeout applies.
   void ask(const Request& request, ReplyHandler handler);
   /// Checks whether the peer is alive; calls `lost` later if it is not.
@@ -59,23 +66,29 @@ class SlaveLink {
  private:
   struct Pending {
     Answer answer;
+    Ends ends;
     bool own;
+    std::uint64_t end = 0;  ///< end of its frame, as an offset in all queued bytes
   };
 
-  void send(std::string payload, Answer answer, bool own);
+  void send(std::string payload, Pending pending);
   void take(std::string&& payload);
+  void progress();
+  [[nodiscard]] bool isSent(const Pending& pending) const;
   void limitAnswers();
   void watchCheck();
   [[nodiscard]] bool confirms(Milliseconds since) const;
   [[nodiscard]] bool onlyOwnWork() const;
   void lose(const Error& error);
+  void failAll(const Error& error);
 
   Loop& loop_;
   const Milliseconds timeout_;
   Events events_;
   Channel channel_;
   std::deque<Pending> pending_;
-  std::size_t users_ = 0;  // pending requests of users
+  std::deque<Pending> unanswerable_;  // requests without an answer that are not sent yet
+  std::size_t users_ = 0;             // pending requests of users
   Counters counters_;
   bool reading_ = true;
   std::size_t unanswered_ = 0;  // pending requests of the master

@@ -2,6 +2,7 @@
 #include "control/attachment.h"
 
 #include <cstddef>
+#include <string>
 #include <utility>
 
 namespace runelctl {
@@ -11,32 +12,42 @@ constexpr std::size_t kMostAnswersQueued = 8388608;
 
 }  // namespace
 
-Attachment::Attachment(runel::Loop& loop, zell::UniqueFd socket, runel::SlaveLink& link,
-                       Events events)
-    : link_(link),
-      events_(std::move(events)),
-      channel_(loop, std::move(socket),
-               {[this](std::string&& payload) { pass(std::move(payload)); },
-                [this](const Error&) { events_.end(); }, [this] { events_.progress(); }}),
-      self_(std::make_shared<Attachment*>(this)) {}
+runel::MasterUser::Handlers Attachment::handlers() {
+  return {[this](const runel::Error&) { finish(); },
+          [this](bool busy) { channel_->setReading(!busy); }};
+}
+
+void Attachment::start(zell::UniqueFd socket, std::unique_ptr<runel::MasterUser> user) {
+  user_ = std::move(user);
+  channel_ = std::make_unique<runel::Channel>(
+      loop_, std::move(socket),
+      runel::Channel::Handlers{[this](std::string&& payload) { pass(std::move(payload)); },
+                               [this](const runel::Error&) { finish(); },
+                               [this] { watchBacklog(); }});
+  channel_->setReading(!user_->busy());
+}
 
 void Attachment::pass(std::string&& payload) {
-  link_.forward(std::move(payload),
-                [self = std::weak_ptr<Attachment*>(self_)](std::string&& answer) {
-                  if (const auto held = self.lock()) {
-                    (*held)->channel_.send(std::move(answer));
-                  }
-                });
+  if (user_) {
+    user_->forward(std::move(payload), [this](std::string answer) {
+      channel_->send(std::move(answer));
+      watchBacklog();
+    });
+  }
 }
 
-bool Attachment::slow() const {
-  return channel_.queued() > kMostAnswersQueued;
+void Attachment::watchBacklog() {
+  const bool slow = channel_->queued() > kMostAnswersQueued;
+  if (user_ && std::exchange(slow_, slow) != slow) {
+    user_->setReading(!slow);
+  }
 }
 
-void Attachment::setReading(bool reading) {
-  if (reading_ != reading) {
-    reading_ = reading;
-    channel_.setReading(reading);
+// The process and the device may end at the same time.
+void Attachment::finish() {
+  if (user_) {
+    user_.reset();
+    end_();
   }
 }
 

@@ -5,43 +5,41 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <utility>
 
+#include <runel/async_master.h>
 #include <runel/loop.h>
 
 #include "base/unique_fd.h"
 #include "client/io/channel.h"
-#include "client/master/slave_link.h"
 
 namespace runelctl {
 
 /// Forwards requests and answers in complete frames: an incomplete frame never reaches the device.
 class Attachment {
  public:
-  struct Events {
-    /// The process has disconnected. The attachment may be destroyed from the next turn of the
-    /// loop.
-    std::function<void()> end;
-    /// Bytes were sent or received, so the fill level of the queues has changed.
-    std::function<void()> progress;
-  };
-
-  /// @p link must outlive the attachment.
-  Attachment(runel::Loop& loop, zell::UniqueFd socket, runel::SlaveLink& link, Events events);
+  /// @p end: the process has disconnected, or the device is lost. The attachment may be destroyed
+  /// from the next turn of the loop.
+  Attachment(runel::Loop& loop, std::function<void()> end) : loop_(loop), end_(std::move(end)) {}
   Attachment(const Attachment&) = delete;
   Attachment& operator=(const Attachment&) = delete;
 
-  /// True while it reads its answers more slowly than the device sends them.
-  [[nodiscard]] bool slow() const;
-  void setReading(bool reading);
+  /// For attaching it to a device.
+  [[nodiscard]] runel::MasterUser::Handlers handlers();
+  /// Connects the process on @p socket to the device of @p user.
+  void start(zell::UniqueFd socket, std::unique_ptr<runel::MasterUser> user);
 
  private:
   void pass(std::string&& payload);
+  void watchBacklog();
+  void finish();
 
-  runel::SlaveLink& link_;
-  Events events_;
-  runel::Channel channel_;
-  bool reading_ = true;
-  std::shared_ptr<Attachment*> self_;  // late answers are dropped
+  runel::Loop& loop_;
+  const std::function<void()> end_;
+  std::unique_ptr<runel::Channel> channel_;
+  std::unique_ptr<runel::MasterUser> user_;  // empty after the end
+  bool slow_ = false;  // the process reads its answers more slowly than the device sends them
 };
 
 }  // namespace runelctl

@@ -60,35 +60,35 @@ class MasterCommand : public LocalCommand {
     if (settings.dryRun) {
       return "master: --dry-run is not supported";
     }
-    if (!listen_.empty() && !parseListen(listen_, options_.host, options_.port)) {
+    if (!listen_.empty() && !parseListen(listen_, settings_.host, settings_.port)) {
       return "--listen: invalid address '" + listen_ + "': expected ADDRESS[:PORT]";
     }
     for (const std::string& list : addresses_) {
-      if (!options_.access.addAddresses(list)) {
-        return "--allow: invalid list '" + list +
-               "': expected ADDRESS or ADDRESS/BITS, comma-separated";
+      const runel::Result<void> allowed = settings_.options.allowAddresses(list);
+      if (!allowed) {
+        return "--allow: " + allowed.error().text();
       }
     }
     for (const std::string& list : hostids_) {
-      if (!options_.access.addHostids(list)) {
-        return "--allow-hostid: invalid list '" + list +
-               "': expected host identifiers, comma-separated";
+      const runel::Result<void> allowed = settings_.options.allowHostids(list);
+      if (!allowed) {
+        return "--allow-hostid: " + allowed.error().text();
       }
     }
     return "";
   }
 
   int run(const Settings& settings, const Style& style) override {
-    options_.socket = settings.masterSocket;
-    options_.timeout = settings.limits().timeout();
+    settings_.socket = settings.masterSocket;
+    settings_.options.setTimeout(settings.limits().timeout());
     if (shared_ > 0) {
-      options_.shared = runel::Milliseconds(std::lround(shared_ * 1000));
+      settings_.options.setShared(runel::Milliseconds(std::lround(shared_ * 1000)));
     }
     runel::Loop loop;
     // Before the socket exists: a SIGTERM at its first sight must already end the master cleanly.
     const Signals signals(loop, [&](int) { loop.stop(); });
     Journal journal(loop, style, xml_);
-    Master master(loop, options_, journal);
+    Master master(loop, settings_, journal);
     std::string wrong = xmlLog_.empty() ? "" : journal.keepClauses(xmlLog_);
     if (wrong.empty()) {
       wrong = master.open();
@@ -108,7 +108,7 @@ class MasterCommand : public LocalCommand {
   double shared_ = 0;
   bool xml_ = false;
   std::string xmlLog_;
-  MasterOptions options_;
+  MasterSettings settings_;
 };
 
 using Table = std::vector<std::vector<std::string>>;

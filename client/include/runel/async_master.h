@@ -3,6 +3,7 @@
 #ifndef RUNEL_ASYNC_MASTER_H_
 #define RUNEL_ASYNC_MASTER_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include <runel/error.h>
 #include <runel/events.h>
 #include <runel/export.h>
 #include <runel/loop.h>
@@ -30,7 +32,8 @@ class RUNEL_API MasterOptions {
   ///@}
   ~MasterOptions();
 
-  /// The listening address, 127.0.0.1:5112 by default. Port 0 lets the system choose.
+  /// The listening address, 127.0.0.1:5112 by default. @p host is an IPv4 address; 0.0.0.0 stands
+  /// for all interfaces. Port 0 lets the system choose.
   MasterOptions& setListen(std::string host, std::uint16_t port);
   /// Allows only these networks, a comma-separated list of ADDRESS and ADDRESS/BITS. Fails with
   /// `Kind::local`.
@@ -40,22 +43,26 @@ class RUNEL_API MasterOptions {
   /// For several devices at one address, behind a router: a connection that is silent for this long
   /// is used as the task connection of another device. By default each address is one device.
   MasterOptions& setShared(std::optional<Milliseconds> silence);
-  /// The limit for the answer to a cheap task of the master's own, 30 s by default.
+  /// The I/O timeout, 30 s by default: the longest time without a byte sent or received while the
+  /// answer to an `ask` is due. It also limits the answers to cheap tasks of the master itself. The
+  /// users of a device share its connection, so it must cover the requests of the others.
   MasterOptions& setTimeout(Milliseconds time);
 
  private:
-  friend class MasterWork;
+  friend class MasterEngine;
   struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };
 
-/// What a master knows of one connected device. Times are wall clock times in milliseconds since
-/// 1970.
+/// What a master knows of one connected device at one moment. Times are wall clock times in
+/// milliseconds since 1970. The counters cover earlier connections of the device too. Copies are
+/// cheap.
 class RUNEL_API DeviceInfo {
  public:
-  /// Its name at this master, as in its events.
+  /// Its name, which no other device has: its host identifier; if that is empty, not a valid name
+  /// or taken, its address; if that is taken, ADDRESS:PORT.
   [[nodiscard]] const std::string& name() const;
-  /// Its host identifier.
+  /// Its host identifier, if it is a valid name.
   [[nodiscard]] const std::string& hostid() const;
   /// "controller", "server" or "unknown".
   [[nodiscard]] const std::string& deviceType() const;
@@ -66,17 +73,20 @@ class RUNEL_API DeviceInfo {
   ///@}
   /// When its task connection was accepted.
   [[nodiscard]] std::int64_t connectedSince() const;
+  /// The age of the connection, by a clock that is never set.
+  [[nodiscard]] Milliseconds connectedFor() const;
   /// When this master saw the device for the first time.
   [[nodiscard]] std::int64_t firstSeen() const;
   ///@{
-  /// How often it connected, and how often its task connection was lost.
+  /// The number of its connects, and of the losses of its task connection.
   [[nodiscard]] std::uint64_t connects() const;
   [[nodiscard]] std::uint64_t losses() const;
   ///@}
   [[nodiscard]] std::int64_t lastLoss() const;  ///< 0 before the first loss
   /// Empty before the first loss.
   [[nodiscard]] const std::string& lastLossReason() const;
-  /// The number of requests that were sent to it.
+  [[nodiscard]] std::size_t users() const;  ///< attached now: see `AsyncMaster::attach`
+  /// The number of requests of users and of `AsyncMaster::ask` that were sent to it.
   [[nodiscard]] std::uint64_t requests() const;
   [[nodiscard]] std::uint64_t bytesToDevice() const;    ///< of payloads
   [[nodiscard]] std::uint64_t bytesFromDevice() const;  ///< of payloads
@@ -85,10 +95,46 @@ class RUNEL_API DeviceInfo {
   [[nodiscard]] std::uint64_t clauses() const;          ///< received on them
 
  private:
-  friend class MasterWork;
+  friend class MasterEngine;
   struct RUNEL_LOCAL Data;
   RUNEL_LOCAL explicit DeviceInfo(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;
+};
+
+/// One of several users of a device at a master, such as a program that passes on the requests of
+/// another process. Requests and answers pass byte for byte.
+class RUNEL_API MasterUser {
+ public:
+  /// The functions that a user calls.
+  struct Handlers {
+    /// The connection to the device ended. No other call follows. Pending requests have no answer.
+    std::function<void(const Error& error)> lost;
+    /// `busy` has changed. May be empty.
+    std::function<void(bool busy)> busy;
+  };
+  /// Receives the payload of an answer.
+  using Answer = std::function<void(std::string payload)>;
+
+  /// Detaches. Drops the handlers without calling them. The master may be destroyed before.
+  ~MasterUser();
+  MasterUser(const MasterUser&) = delete;
+  MasterUser& operator=(const MasterUser&) = delete;
+
+  /// Sends any @p payload as one frame and calls @p answer with the payload of its answer. A
+  /// payload without an answer, such as "restart", calls nothing. Answers come in order. There is
+  /// no timeout: detach to give up.
+  void forward(std::string payload, Answer answer);
+  /// True while so many bytes wait for the device that the user should pause.
+  [[nodiscard]] bool busy() const;
+  /// Pauses or resumes the answers, for a user that takes them slowly. A pause stops the answers to
+  /// all users of the device.
+  void setReading(bool on);
+
+ private:
+  friend class MasterEngine;
+  struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL explicit MasterUser(std::unique_ptr<Data> data);
+  std::unique_ptr<Data> data_;
 };
 
 /// The port that devices connect to. A device does not tell which of its connections is which, and
@@ -99,37 +145,39 @@ class RUNEL_API AsyncMaster {
   /// Receives each event of the master, in order.
   using Handler = std::function<void(const MasterEvent& event)>;
 
-  /// The loop must outlive the master. @p handler may destroy the master.
+  /// The loop must outlive the master. All handlers, of the master and of its users, are called
+  /// with nothing of the master on the stack: each may destroy any object of the library.
   AsyncMaster(Loop& loop, const MasterOptions& options, Handler handler);
+  /// Closes all connections. Drops all handlers without calling them.
   ~AsyncMaster();
   AsyncMaster(const AsyncMaster&) = delete;
   AsyncMaster& operator=(const AsyncMaster&) = delete;
 
   /// Opens the port. Fails with `Kind::local`.
   [[nodiscard]] Result<void> open();
-  /// The listening port.
+  /// The listening port, 0 before `open`.
   [[nodiscard]] std::uint16_t port() const;
 
-  /// The connected devices that have told their identity.
+  /// The connected devices that have told their identity, in the order of their connections.
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
-  /// The connected devices with this name, host identifier, address or ADDRESS:PORT. More than one
-  /// if the name is not unique.
+  /// The connected devices with this name, host identifier, address or ADDRESS:PORT. Several if it
+  /// is not unique: two devices may report the same host identifier. Then select one by
+  /// ADDRESS:PORT, which is always unique.
   [[nodiscard]] std::vector<DeviceInfo> find(const std::string& name) const;
 
   /// Sends @p request to the device @p name and calls @p handler with the reply. All callers of a
-  /// device share its connection. Fails at once, through @p handler, when the device is not
-  /// connected or the name is not unique.
+  /// device share its connection. Fails, through @p handler, when the device is not connected, when
+  /// `find` does not return exactly one device, and after the I/O timeout.
   void ask(const std::string& name, const Request& request, ReplyHandler handler);
-  /// Sends any @p payload and passes the answer's payload on byte for byte. An empty one, which no
-  /// device sends, tells that the connection was lost.
-  void forward(const std::string& name, std::string payload,
-               std::function<void(std::string payload)> answer);
-  /// True while so many bytes wait for the device that callers should pause.
-  [[nodiscard]] bool busy(const std::string& name) const;
+  /// Attaches a user to the device @p name. Fails with `Kind::link` when the device is not
+  /// connected or the name is not unique.
+  [[nodiscard]] Result<std::unique_ptr<MasterUser>> attach(const std::string& name,
+                                                           MasterUser::Handlers handlers);
 
   /// Sends one clause to the agent of the device @p name. The agent does not acknowledge it. Fails
-  /// if @p clause is not exactly one clause, and while no bridge to an agent is known: the agent's
-  /// first clause identifies it.
+  /// with `Kind::local` if @p clause is not exactly one clause, and with `Kind::link` while no
+  /// bridge to an agent is known: the agent's first byte identifies it. With several bridges at one
+  /// address, @p name must be the ADDRESS:PORT of the bridge.
   [[nodiscard]] Result<void> sendClause(const std::string& name, const std::string& clause);
 
  private:

@@ -18,7 +18,7 @@ class RUNEL_API MasterEvent {
   /// What happened. New types may come with new versions: ignore an unknown one.
   enum class Type {
     connected,       ///< a device has connected and told its identity; it accepts tasks
-    lost,            ///< the task connection of a device ended
+    lost,            ///< a task connection ended; `device` is empty if it was not connected before
     refused,         ///< a connection was refused; it is held open for some seconds
     additional,      ///< a device opened a further connection: a bridge, or a surplus connection
     agentConnected,  ///< the agent of a device has sent its first byte
@@ -26,17 +26,23 @@ class RUNEL_API MasterEvent {
     additionalLost,  ///< a further connection ended: a bridge, or a surplus connection
     problem,         ///< connections cannot be accepted; `text` says why
   };
+  /// Why a connection was refused.
+  enum class Refusal {
+    none,                ///< it was not
+    address,             ///< its address is not allowed
+    hostid,              ///< its host identifier is not allowed
+    tooManyConnections,  ///< its address has too many connections
+  };
 
   /// What happened.
   [[nodiscard]] Type type() const;
-  /// The device's name at this master: its host identifier; or, if it is empty, unusable or taken,
-  /// its address. Empty while it is unknown.
+  /// The device's name at this master: see `DeviceInfo::name`. Empty while it is unknown.
   [[nodiscard]] const std::string& device() const;
-  ///@{
-  /// As the device has told. Empty while it is unknown.
+  /// The host identifier, if it is a valid name. For a further connection that of its device, if it
+  /// was known when the connection was opened. Empty while it is unknown.
   [[nodiscard]] const std::string& hostid() const;
+  /// As the device has told. Empty while it is unknown.
   [[nodiscard]] const std::string& deviceType() const;
-  ///@}
   ///@{
   /// The IPv4 address and the port at the other end of the connection.
   [[nodiscard]] const std::string& host() const;
@@ -44,11 +50,13 @@ class RUNEL_API MasterEvent {
   ///@}
   /// The clause of `clause`; the reason of `lost`, `refused`, `additionalLost` and `problem`.
   [[nodiscard]] const std::string& text() const;
+  /// For `refused`: why.
+  [[nodiscard]] Refusal refusal() const;
   /// For `additionalLost`: it was the bridge of an agent.
   [[nodiscard]] bool fromAgent() const;
 
  private:
-  friend class MasterWork;
+  friend class MasterEngine;
   struct RUNEL_LOCAL Data;
   RUNEL_LOCAL explicit MasterEvent(std::shared_ptr<const Data> data);
   std::shared_ptr<const Data> data_;

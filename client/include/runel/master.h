@@ -8,12 +8,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <runel/async_master.h>
 #include <runel/events.h>
 #include <runel/export.h>
-#include <runel/records.h>
 #include <runel/request.h>
 #include <runel/result.h>
 
@@ -26,6 +26,7 @@ class RUNEL_API Master {
  public:
   /// Does not open the port yet.
   explicit Master(const MasterOptions& options = MasterOptions());
+  /// Closes all connections.
   ~Master();
   ///@{
   /// Moving leaves @p other without a state: assign to it or destroy it.
@@ -35,24 +36,28 @@ class RUNEL_API Master {
 
   /// Opens the port. Fails with `Kind::local`.
   [[nodiscard]] Result<void> open();
-  /// The listening port.
+  /// The listening port, 0 before `open`.
   [[nodiscard]] std::uint16_t port() const;
 
-  /// Waits until @p count devices are connected, at most @p limit. Fails with `Kind::timeout`.
+  /// Waits until @p count devices are connected, at most @p limit: all connected ones. Fails with
+  /// `Kind::timeout`.
   [[nodiscard]] Result<std::vector<DeviceInfo>> waitForDevices(std::size_t count,
                                                                Milliseconds limit);
-  /// The connected devices that have told their identity.
+  /// The connected devices, as the last waiting call left them.
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
 
-  /// The reply of the device @p name to @p request.
+  /// The unchecked reply of the device @p name to @p request. Fails when there is no reply: see
+  /// `AsyncMaster::ask`.
   [[nodiscard]] Result<Reply> ask(const std::string& name, const Request& request);
   /// Sends @p request to all connected devices at once; the replies by name, in the order of
   /// `devices`.
   [[nodiscard]] std::vector<std::pair<std::string, Reply>> askAll(const Request& request);
-  /// See `AsyncMaster::sendClause`. Returns when the system has taken the clause.
+  /// See `AsyncMaster::sendClause`. Returns when the system has taken the clause. Fails with
+  /// `Kind::timeout` when that takes longer than the I/O timeout; the clause stays queued.
   [[nodiscard]] Result<void> sendClause(const std::string& name, const std::string& clause);
 
-  /// The next event, waiting at most @p limit. Without a value when none has happened.
+  /// The next event, waiting at most @p limit. Without a value when none has happened. Keeps at
+  /// most 4096 unread events and drops the oldest.
   [[nodiscard]] std::optional<MasterEvent> nextEvent(Milliseconds limit);
 
  private:

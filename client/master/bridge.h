@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// An additional connection of a device that already has a slave connection. It is only read.
-#ifndef RUNEL_MASTER_BRIDGE_READER_H_
-#define RUNEL_MASTER_BRIDGE_READER_H_
+// An additional connection of a device that already has a slave connection.
+#ifndef RUNEL_MASTER_BRIDGE_H_
+#define RUNEL_MASTER_BRIDGE_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,9 +16,9 @@
 
 namespace runel {
 
-/// A wrong byte on an agent bridge stops the daemon, so this class never writes. The received data
-/// is split into clauses like in the daemon.
-class BridgeReader {
+/// Reads, and splits the received data into clauses like the daemon. A wrong byte on an agent
+/// bridge stops the daemon, so this class writes nothing but the clauses that it is given.
+class Bridge {
  public:
   struct Events {
     /// The first byte was received: this is the bridge of an agent.
@@ -29,10 +30,15 @@ class BridgeReader {
     std::function<void(const std::string& why)> end;
   };
 
-  BridgeReader(Loop& loop, zell::UniqueFd socket, Events events);
-  ~BridgeReader();
-  BridgeReader(const BridgeReader&) = delete;
-  BridgeReader& operator=(const BridgeReader&) = delete;
+  Bridge(Loop& loop, zell::UniqueFd socket, Events events);
+  ~Bridge();
+  Bridge(const Bridge&) = delete;
+  Bridge& operator=(const Bridge&) = delete;
+
+  /// Queues @p line, one clause with its line end. Only for a bridge that has spoken.
+  void send(const std::string& line);
+  /// The number of queued bytes that are not sent yet.
+  [[nodiscard]] std::size_t queued() const { return out_.size(); }
 
   /// Releases the socket of a link that is open and has received nothing.
   [[nodiscard]] zell::UniqueFd take();
@@ -42,7 +48,9 @@ class BridgeReader {
   [[nodiscard]] std::uint64_t bytes() const { return bytes_; }
 
  private:
+  void ready(std::uint32_t events);
   void receive();
+  void flush();
   void cut();
   void end(const std::string& why);
 
@@ -50,6 +58,7 @@ class BridgeReader {
   zell::UniqueFd socket_;
   Events events_;
   zell::ClauseBuffer buffer_;
+  std::string out_;
   bool spoke_ = false;
   std::uint64_t clauses_ = 0;
   std::uint64_t bytes_ = 0;
@@ -57,4 +66,4 @@ class BridgeReader {
 
 }  // namespace runel
 
-#endif  // RUNEL_MASTER_BRIDGE_READER_H_
+#endif  // RUNEL_MASTER_BRIDGE_H_

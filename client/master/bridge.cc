@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/master/bridge_reader.h"
+#include "client/master/bridge.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -20,25 +20,51 @@ constexpr std::size_t kLongestClause = 1048576;
 
 }  // namespace
 
-BridgeReader::BridgeReader(Loop& loop, zell::UniqueFd socket, Events events)
+Bridge::Bridge(Loop& loop, zell::UniqueFd socket, Events events)
     : loop_(loop), socket_(std::move(socket)), events_(std::move(events)) {
-  if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t) { receive(); })) {
+  if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t what) { ready(what); })) {
     loop_.next([end = events_.end, why = systemText(errno)] { end(why); });
     events_.end = nullptr;
   }
 }
 
-BridgeReader::~BridgeReader() {
+Bridge::~Bridge() {
   loop_.forget(socket_.get());
 }
 
-zell::UniqueFd BridgeReader::take() {
+void Bridge::send(const std::string& line) {
+  out_ += line;
+  loop_.change(socket_.get(), EPOLLIN | EPOLLOUT);
+}
+
+zell::UniqueFd Bridge::take() {
   loop_.forget(socket_.get());
   events_ = Events();
   return std::move(socket_);
 }
 
-void BridgeReader::receive() {
+void Bridge::ready(std::uint32_t events) {
+  if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+    receive();
+  }
+  if (socket_.valid() && (events & EPOLLOUT) != 0) {
+    flush();
+  }
+}
+
+// An error of the socket is reported by the next read.
+void Bridge::flush() {
+  const ssize_t taken =
+      ::send(socket_.get(), out_.data(), out_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (taken > 0) {
+    out_.erase(0, static_cast<std::size_t>(taken));
+  }
+  if (out_.empty()) {
+    loop_.change(socket_.get(), EPOLLIN);
+  }
+}
+
+void Bridge::receive() {
   char bytes[kReadSize];
   const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
@@ -56,7 +82,7 @@ void BridgeReader::receive() {
   cut();
 }
 
-void BridgeReader::cut() {
+void Bridge::cut() {
   std::string clause;
   zell::ClauseBuffer::Next next = buffer_.next(clause);
   while (next == zell::ClauseBuffer::Next::cut) {
@@ -71,7 +97,7 @@ void BridgeReader::cut() {
   }
 }
 
-void BridgeReader::end(const std::string& why) {
+void Bridge::end(const std::string& why) {
   loop_.forget(socket_.get());
   socket_.reset();
   const auto ended = std::move(events_.end);

@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/master/master_connection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <utility>
+
+#include "client/master/access_list.h"
+
+namespace runel {
+
+std::int64_t wallClockNow() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<Milliseconds>(now).count();
+}
+
+/// A request of the program. It ends once: by its reply, a loss or the I/O timeout.
+struct MasterConnection::Asked {
+  Asked(Loop& itsLoop, ReplyHandler itsHandler) : loop(itsLoop), handler(std::move(itsHandler)) {}
+  ~Asked() { loop.cancel(timer); }
+  Asked(const Asked&) = delete;
+  Asked& operator=(const Asked&) = delete;
+
+  Loop& loop;
+  ReplyHandler handler;  // empty after the end
+  Clock::time_point start = Clock::now();
+  Milliseconds limit{0};
+  Timer timer;
+};
+
+MasterConnection::MasterConnection(const Context& context, std::string host, std::uint16_t port,
+                                   Events events)
+    : context_(context),
+      host_(std::move(host)),
+      port_(port),
+      events_(std::move(events)),
+      since_(wallClockNow()) {}
+
+MasterConnection::~MasterConnection() {
+  for (const auto& user : users_) {
+    user->connection = nullptr;
+  }
+}
+
+void MasterConnection::useAsSlave(zell::UniqueFd socket) {
+  slave_ =
+      std::make_unique<SlaveLink>(context_.loop, std::move(socket), context_.timeout,
+                                  SlaveLink::Events{[this](const Error& error) { lose(error); },
+                                                    [this] {
+                                                      lastProgress_ = Clock::now();
+                                                      adjust();
+                                                    }});
+  identify();
+}
+
+void MasterConnection::useAsBridge(zell::UniqueFd socket, const MasterConnection* owner) {
+  if (owner != nullptr) {
+    hostid_ = owner->hostid();
+    name_ = owner->name();
+  }
+  bridge_ = std::make_unique<Bridge>(
+      context_.loop, std::move(socket),
+      Bridge::Events{[this] { events_.spoke(); },
+                     [this](const std::string& clause) { events_.clause(clause); },
+                     [this](const std::string& why) { events_.lost(why); }});
+}
+
+void MasterConnection::promote() {
+  zell::UniqueFd socket = bridge_->take();
+  bridge_.reset();
+  hostid_.clear();
+  name_.clear();
+  useAsSlave(std::move(socket));
+}
+
+// The reported names are printed and compared, so they must be valid.
+void MasterConnection::identify() {
+  slave_->ask(Request({"hostid"}), [this](const Reply& reply) {
+    hostid_ = reply.ok() && usableName(reply.output()) ? reply.output() : "";
+  });
+  slave_->ask(Request({"devicetype"}), [this](const Reply& reply) {
+    deviceType_ = reply.ok() && usableName(reply.output()) ? reply.output() : "";
+    identified_ = true;
+    events_.identified();
+  });
+}
+
+void MasterConnection::lose(const Error& error) {
+  endUsers(error);
+  events_.lost(error.text());
+}
+
+void MasterConnection::ask(const Request& request, ReplyHandler handler) {
+  const auto asked = std::make_shared<Asked>(context_.loop, std::move(handler));
+  const auto answered = [this, asked, most = request.replyLimit()](std::string&& payload) {
+    const bool tooLong = payload.size() > most;
+    std::optional<Reply> reply = Reply::decode(std::move(payload));
+    const Error error(
+        Kind::link, Cause::protocol,
+        tooLong ? "answer exceeds the size limit" : "malformed answer: not a task record");
+    finish(*asked, reply && !tooLong ? std::move(*reply) : Reply(error.with(Outcome::unknown)));
+  };
+  const auto failed = [this, asked](const Error& error) { finish(*asked, error); };
+  slave_->forward(request.encode(), answered, {failed, [this, asked] { finish(*asked, Reply()); }});
+  if (request.answered() && request.extraTimeout()) {
+    asked->limit = context_.timeout + *request.extraTimeout();
+    watch(asked);
+  }
+}
+
+// The answer may come after the timeout: the link must know that it is due. So the connection stays
+// open, unless the device is dead.
+void MasterConnection::watch(const std::shared_ptr<Asked>& asked) {
+  const Clock::time_point due = std::max(lastProgress_, asked->start) + asked->limit;
+  const auto left = std::chrono::ceil<Milliseconds>(due - Clock::now());
+  if (left.count() > 0) {
+    asked->timer = context_.loop.after(left, [this, weak = std::weak_ptr<Asked>(asked)] {
+      const auto held = weak.lock();
+      if (held && held->handler) {
+        watch(held);
+      }
+    });
+    return;
+  }
+  const Error error(Kind::timeout, Cause::silence, "no answer within the timeout", ETIMEDOUT);
+  finish(*asked, error.with(Outcome::unknown));
+  slave_->check();
+}
+
+void MasterConnection::finish(Asked& asked, Reply reply) {
+  context_.loop.cancel(asked.timer);
+  if (asked.handler) {
+    context_.calls.add([handler = std::exchange(asked.handler, nullptr), reply = std::move(reply)] {
+      handler(reply);
+    });
+  }
+}
+
+std::shared_ptr<MasterConnection::User> MasterConnection::attach(MasterUser::Handlers handlers) {
+  auto user = std::make_shared<User>();
+  user->handlers = std::move(handlers);
+  user->connection = this;
+  user->busy = slave_->busy();
+  users_.push_back(user);
+  return user;
+}
+
+void MasterConnection::forward(const std::shared_ptr<User>& user, std::string payload,
+                               MasterUser::Answer answer) {
+  // The handle drops `user`: late answers are ignored.
+  const auto pass = [&calls = context_.calls, weak = std::weak_ptr<User>(user),
+                     answer = std::move(answer)](std::string&& reply) {
+    calls.add([weak, answer, reply = std::move(reply)]() mutable {
+      if (!weak.expired()) {
+        answer(std::move(reply));
+      }
+    });
+  };
+  slave_->forward(std::move(payload), pass, SlaveLink::Ends());
+  adjust();
+}
+
+// A user that leaves before its answers may have timed out on a dead device: check the device.
+void MasterConnection::detach(const std::shared_ptr<User>& user) {
+  users_.erase(std::remove(users_.begin(), users_.end(), user), users_.end());
+  if (slave_->waiting() > 0) {
+    slave_->check();
+  }
+  adjust();
+}
+
+void MasterConnection::adjust() {
+  const bool busy = slave_->busy();
+  bool slow = false;
+  for (const auto& user : users_) {
+    slow = slow || !user->reading;
+    if (std::exchange(user->busy, busy) != busy && user->handlers.busy) {
+      context_.calls.add([weak = std::weak_ptr<User>(user), busy] {
+        const auto held = weak.lock();
+        if (held) {
+          held->handlers.busy(busy);
+        }
+      });
+    }
+  }
+  slave_->setReading(!slow);
+}
+
+void MasterConnection::check() {
+  if (slave_) {
+    slave_->check();
+  }
+}
+
+void MasterConnection::endUsers(const Error& error) {
+  for (const auto& user : users_) {
+    user->connection = nullptr;
+    context_.calls.add([weak = std::weak_ptr<User>(user), error] {
+      const auto held = weak.lock();
+      if (held && held->handlers.lost) {
+        held->handlers.lost(error);
+      }
+    });
+  }
+  users_.clear();
+}
+
+Milliseconds MasterConnection::age() const {
+  return std::chrono::duration_cast<Milliseconds>(Clock::now() - start_);
+}
+
+SlaveLink::Counters MasterConnection::counters() const {
+  return slave_ ? slave_->counters() : SlaveLink::Counters();
+}
+
+}  // namespace runel

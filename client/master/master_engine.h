@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+// The master: admits connections, finds their roles and reports events.
+#ifndef RUNEL_MASTER_MASTER_ENGINE_H_
+#define RUNEL_MASTER_MASTER_ENGINE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <netinet/in.h>
+
+#include <runel/async_master.h>
+#include <runel/events.h>
+#include <runel/loop.h>
+
+#include "base/unique_fd.h"
+#include "client/master/call_queue.h"
+#include "client/master/connection_roles.h"
+#include "client/master/device_history.h"
+#include "client/master/listener.h"
+#include "client/master/master_connection.h"
+#include "client/master/master_data.h"
+
+namespace runel {
+inline namespace v1 {
+
+/// The work of AsyncMaster, whose declarations say more.
+class MasterEngine {
+ public:
+  MasterEngine(Loop& loop, const MasterOptions& options, AsyncMaster::Handler handler);
+  ~MasterEngine();
+  MasterEngine(const MasterEngine&) = delete;
+  MasterEngine& operator=(const MasterEngine&) = delete;
+
+  [[nodiscard]] Result<void> open();
+  [[nodiscard]] std::uint16_t port() const { return listener_.port(); }
+
+  [[nodiscard]] std::vector<DeviceInfo> devices() const;
+  [[nodiscard]] std::vector<DeviceInfo> find(const std::string& name) const;
+
+  void ask(const std::string& name, const Request& request, ReplyHandler handler);
+  [[nodiscard]] Result<std::unique_ptr<MasterUser>> attach(const std::string& name,
+                                                           MasterUser::Handlers handlers);
+  [[nodiscard]] Result<void> sendClause(const std::string& name, const std::string& clause);
+  /// The number of bytes of clauses for the agent of @p name that are not sent yet. Without a value
+  /// when no agent is connected.
+  [[nodiscard]] std::optional<std::size_t> queuedClauses(const std::string& name) const;
+  [[nodiscard]] Milliseconds timeout() const { return options_.timeout; }
+
+ private:
+  using Id = ConnectionRoles::Id;
+  using Type = MasterEvent::Type;
+  using Refusal = MasterEvent::Refusal;
+  /// A refused connection: a socket, or a connection that must not be used.
+  struct Held {
+    zell::UniqueFd socket;
+    Id id = 0;
+    std::string host;
+    Timer end;
+  };
+  /// The additional connections from one address.
+  struct Additional {
+    std::size_t count = 0;
+    std::size_t agents = 0;
+    std::uint64_t clauses = 0;
+  };
+
+  void accepted(zell::UniqueFd socket, const sockaddr_in& from);
+  [[nodiscard]] Refusal refusal(const sockaddr_in& from, const std::string& host) const;
+  void turnAway(zell::UniqueFd socket, const MasterEvent::Data& event);
+  void hold(Held held);
+  void letGo();
+  void admit(zell::UniqueFd socket, const std::string& host, std::uint16_t port);
+  [[nodiscard]] const MasterConnection* ownerAt(const std::string& host) const;
+  void checkSlaves(const std::string& host);
+
+  void identified(Id id);
+  [[nodiscard]] std::string freeName(const MasterConnection& connection) const;
+  void spoke(Id id);
+  void clause(Id id, const std::string& text);
+  void lost(Id id, const std::string& why);
+  void arm();
+  void promote();
+
+  [[nodiscard]] MasterEvent::Data about(Type type, MasterConnection& connection) const;
+  void tell(const MasterEvent::Data& event);
+  [[nodiscard]] std::vector<MasterConnection*> named(const std::string& name) const;
+  [[nodiscard]] Result<MasterConnection*> only(const std::string& name) const;
+  [[nodiscard]] std::vector<Bridge*> bridges(const std::string& name) const;
+  [[nodiscard]] std::vector<DeviceInfo> describe(
+      const std::vector<MasterConnection*>& connections) const;
+  [[nodiscard]] std::map<std::string, Additional> additional() const;
+
+  Loop& loop_;
+  const MasterOptions::Data options_;
+  // Shared, so that a handler that destroys the master lives until it returns.
+  const std::shared_ptr<const AsyncMaster::Handler> handler_;
+  CallQueue calls_;
+  ConnectionRoles roles_;
+  Id last_ = 0;
+  std::map<Id, std::unique_ptr<MasterConnection>> connections_;
+  DeviceHistory history_;
+  std::deque<Held> held_;              // oldest first
+  std::set<std::string> toldRefused_;  // reported addresses of held connections
+  Timer due_;
+  Listener listener_;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_MASTER_MASTER_ENGINE_H_

@@ -1,0 +1,666 @@
+// SPDX-License-Identifier: Apache-2.0
+// The master, over loopback.
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <runel/async_master.h>
+#include <runel/master.h>
+
+#include "unit/client/scripted_device.h"
+
+namespace runel {
+namespace {
+
+using Type = MasterEvent::Type;
+
+class MasterTest : public ::testing::Test {
+ protected:
+  MasterTest() { options.setListen("127.0.0.1", 0); }
+
+  void open() {
+    master = std::make_unique<AsyncMaster>(loop, options, [this](const MasterEvent& event) {
+      events.push_back(event);
+      onEvent(event);
+    });
+    ASSERT_TRUE(master->open());
+    port = master->port();
+    ASSERT_NE(port, 0);
+  }
+  ScriptedDevice& dial(const std::string& hostid = "fake",
+                       const std::string& source = "127.0.0.1") {
+    return devices.emplace_back(port, hostid, source);
+  }
+  /// A device that has told its identity.
+  ScriptedDevice& dialAndWait(const std::string& hostid = "fake",
+                              const std::string& source = "127.0.0.1") {
+    ScriptedDevice& device = dial(hostid, source);
+    device.sayIdentity();
+    const std::size_t before = count(Type::connected);
+    runUntil([&] { return count(Type::connected) > before; });
+    return device;
+  }
+  /// The bridge of a device's agent.
+  ScriptedDevice& dialBridge(const std::string& greeting = "<hello/>") {
+    ScriptedDevice& bridge = dial();
+    bridge.answers = false;
+    const std::size_t before = count(Type::clause);
+    bridge.say(greeting);
+    runUntil([&] { return count(Type::clause) > before; });
+    return bridge;
+  }
+  // A generous limit against a hang.
+  void runUntil(const std::function<bool()>& done) {
+    for (int i = 0; i < 12000 && !done(); ++i) {
+      loop.turn(Milliseconds(5));
+      for (ScriptedDevice& device : devices) {
+        if (device.isOpen()) {
+          device.serve();
+        }
+      }
+    }
+    ASSERT_TRUE(done());
+  }
+  std::size_t count(Type type) const {
+    std::size_t found = 0;
+    for (const MasterEvent& event : events) {
+      found += event.type() == type ? 1 : 0;
+    }
+    return found;
+  }
+  /// The first event of this type.
+  MasterEvent told(Type type) {
+    runUntil([&] { return count(type) > 0; });
+    return *std::find_if(events.begin(), events.end(),
+                         [&](const MasterEvent& event) { return event.type() == type; });
+  }
+  Reply ask(const std::string& name, const Request& request) {
+    std::optional<Reply> reply;
+    master->ask(name, request, [&](Reply got) { reply = std::move(got); });
+    EXPECT_FALSE(reply) << "never within the call";
+    runUntil([&] { return reply.has_value(); });
+    return reply.value_or(Reply());
+  }
+  std::unique_ptr<MasterUser> attach(const std::string& name = "fake") {
+    auto user = master->attach(name, {[&](const Error& error) { lost.push_back(error.text()); },
+                                      [&](bool on) { busy.push_back(on); }});
+    EXPECT_TRUE(user.ok());
+    return user ? *std::move(user) : nullptr;
+  }
+
+  Loop loop;
+  MasterOptions options;
+  std::unique_ptr<AsyncMaster> master;
+  std::uint16_t port = 0;
+  std::list<ScriptedDevice> devices;
+  std::vector<MasterEvent> events;
+  std::function<void(const MasterEvent&)> onEvent = [](const MasterEvent&) {};
+  std::vector<std::string> lost;
+  std::vector<bool> busy;
+};
+
+TEST_F(MasterTest, ReportsTheIdentityOfADevice) {
+  open();
+  const ScriptedDevice& device = dial("gw-3");
+  const MasterEvent event = told(Type::connected);
+  EXPECT_EQ(event.device() + " " + event.hostid() + " " + event.deviceType() + " " + event.host(),
+            "gw-3 gw-3 server 127.0.0.1");
+  EXPECT_EQ(event.port(), device.port());
+  const std::vector<DeviceInfo> list = master->devices();
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].name(), "gw-3");
+  EXPECT_EQ(list[0].connects(), 1U);
+  EXPECT_EQ(list[0].firstSeen(), list[0].connectedSince());
+  for (const char* name : {"gw-3", "127.0.0.1"}) {
+    EXPECT_EQ(master->find(name).size(), 1U) << name;
+  }
+  EXPECT_TRUE(master->find("gw-4").empty());
+}
+
+TEST_F(MasterTest, InvalidHostidIsNotAName) {
+  open();
+  dial("a b");
+  const MasterEvent event = told(Type::connected);
+  EXPECT_EQ(event.hostid(), "");
+  EXPECT_EQ(event.device(), "127.0.0.1");
+}
+
+TEST_F(MasterTest, HoldsAConnectionFromAnAddressThatIsNotAllowed) {
+  ASSERT_TRUE(options.allowAddresses("127.0.0.8/31,10.0.0.1"));
+  open();
+  ScriptedDevice& stranger = dial("fake", "127.0.0.10");
+  dialAndWait("good", "127.0.0.9");
+  const MasterEvent event = told(Type::refused);
+  EXPECT_EQ(event.refusal(), MasterEvent::Refusal::address);
+  EXPECT_EQ(event.text(), "address not allowed");
+  EXPECT_EQ(event.host(), "127.0.0.10");
+  EXPECT_EQ(stranger.came, "");
+  EXPECT_FALSE(stranger.ended) << "it would connect again immediately";
+}
+
+TEST_F(MasterTest, RefusesAHostidThatIsNotAllowed) {
+  ASSERT_TRUE(options.allowHostids("one,two"));
+  open();
+  ScriptedDevice& stranger = dial("three");
+  const MasterEvent event = told(Type::refused);
+  EXPECT_EQ(event.refusal(), MasterEvent::Refusal::hostid);
+  EXPECT_EQ(event.text(), "host identifier not allowed");
+  EXPECT_EQ(event.hostid(), "three");
+  EXPECT_TRUE(master->devices().empty());
+  EXPECT_EQ(ask("three", Request({"hostid"})).error().kind(), Kind::link);
+  EXPECT_FALSE(stranger.ended);
+}
+
+TEST_F(MasterTest, InvalidListsAreRefused) {
+  for (const char* list : {"", "1.2.3", "1.2.3.4/33", "1.2.3.4,"}) {
+    EXPECT_FALSE(options.allowAddresses(list)) << list;
+  }
+  EXPECT_EQ(options.allowHostids("a b").error().kind(), Kind::local);
+}
+
+TEST_F(MasterTest, OpenFailsForAUsedPortAndForAName) {
+  open();
+  AsyncMaster second(loop, MasterOptions().setListen("127.0.0.1", port), nullptr);
+  EXPECT_EQ(second.open().error().number(), EADDRINUSE);
+  AsyncMaster named(loop, MasterOptions().setListen("localhost", 0), nullptr);
+  EXPECT_EQ(named.open().error().kind(), Kind::local);
+}
+
+TEST_F(MasterTest, NothingIsWrittenToABridgeButTheGivenClauses) {
+  open();
+  dialAndWait("gw-3");
+  ScriptedDevice& bridge = dialBridge("<hello>x</hello>\r\n");
+  EXPECT_EQ(told(Type::additional).device(), "gw-3");
+  EXPECT_EQ(told(Type::agentConnected).device(), "gw-3");
+  EXPECT_EQ(told(Type::clause).text(), "<hello>x</hello>");
+  EXPECT_EQ(bridge.came, "");
+  ASSERT_TRUE(master->sendClause("gw-3", " <a>1</a>\n"));
+  ASSERT_TRUE(master->sendClause("127.0.0.1", "<b/>"));
+  runUntil([&] { return bridge.came.size() >= 16; });
+  EXPECT_EQ(bridge.came, "<a>1</a>\r\n<b/>\r\n");
+  const std::vector<DeviceInfo> list = master->devices();
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].additional(), 1U);
+  EXPECT_EQ(list[0].agents(), 1U);
+  EXPECT_EQ(list[0].clauses(), 1U);
+}
+
+TEST_F(MasterTest, SendClauseFailsWhileNoBridgeIsKnown) {
+  open();
+  dialAndWait();
+  ScriptedDevice& silent = dial();
+  silent.answers = false;
+  told(Type::additional);
+  const Result<void> sent = master->sendClause("fake", "<a/>");
+  ASSERT_FALSE(sent);
+  EXPECT_EQ(sent.error().kind(), Kind::link);
+  EXPECT_EQ(sent.error().outcome(), Outcome::notSent);
+  EXPECT_EQ(silent.came, "");
+}
+
+TEST_F(MasterTest, SeveralBridgesAtOneAddressAreSelectedByPort) {
+  open();
+  dialAndWait();
+  ScriptedDevice& one = dialBridge();
+  ScriptedDevice& two = dialBridge();
+  EXPECT_EQ(master->sendClause("fake", "<a/>").error().text(),
+            "2 agents are at fake: select one by ADDRESS:PORT");
+  ASSERT_TRUE(master->sendClause("127.0.0.1:" + std::to_string(two.port()), "<a/>"));
+  runUntil([&] { return !two.came.empty(); });
+  EXPECT_EQ(one.came, "");
+}
+
+TEST_F(MasterTest, MalformedClausesAreNotSent) {
+  open();
+  dialAndWait();
+  ScriptedDevice& bridge = dialBridge();
+  const std::string malformed[] = {"",         " ",     "text",     "<a>",
+                                   "<a>x",     "<a/>x", "<a/><b/>", "<a>\x01</a>",
+                                   "<a/>\x02", "<a",    "x<a/>",    "<a b>x</a>"};
+  for (const std::string& text : malformed) {
+    const Result<void> sent = master->sendClause("fake", text);
+    ASSERT_FALSE(sent) << text;
+    EXPECT_EQ(sent.error().kind(), Kind::local) << text;
+  }
+  ASSERT_TRUE(master->sendClause("fake", "<end/>"));
+  runUntil([&] { return !bridge.came.empty(); });
+  EXPECT_EQ(bridge.came, "<end/>\r\n");
+}
+
+TEST_F(MasterTest, ClausesStayInOrderWhenTheBridgeIsFull) {
+  open();
+  dialAndWait();
+  ScriptedDevice& bridge = dialBridge();
+  std::string expected;
+  for (int i = 0; i < 60; ++i) {
+    const std::string clause =
+        "<n>" + std::string(100000, static_cast<char>('a' + i % 26)) + "</n>";
+    ASSERT_TRUE(master->sendClause("fake", clause)) << i;
+    expected += clause + "\r\n";
+  }
+  for (int i = 0; i < 20; ++i) {
+    loop.turn(Milliseconds(0));  // the bridge is not read
+  }
+  runUntil([&] { return bridge.came.size() >= expected.size(); });
+  EXPECT_TRUE(bridge.came == expected);
+}
+
+TEST_F(MasterTest, AnAgentThatDoesNotReadIsAnError) {
+  open();
+  dialAndWait();
+  dialBridge();
+  const std::string clause = "<n>" + std::string(1000000, 'x') + "</n>";
+  int sent = 0;
+  while (sent < 100 && master->sendClause("fake", clause)) {
+    ++sent;
+  }
+  EXPECT_GE(sent, 8);
+  EXPECT_LT(sent, 100);
+}
+
+TEST_F(MasterTest, InvalidDataEndsABridge) {
+  open();
+  dialAndWait();
+  dialBridge().say("text");
+  const MasterEvent event = told(Type::additionalLost);
+  EXPECT_TRUE(event.fromAgent());
+  EXPECT_EQ(event.text(), "sent data that is not a clause");
+  EXPECT_EQ(count(Type::lost), 0U);
+}
+
+TEST_F(MasterTest, PassesTheReplyOfATask) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.special = recordOf("content");
+  const Reply reply = ask("fake", Request({"read", "/etc/hosts"}));
+  EXPECT_TRUE(reply.ok());
+  EXPECT_EQ(reply.output(), "content");
+  EXPECT_EQ(device.last, Request({"read", "/etc/hosts"}).encode());
+  EXPECT_EQ(master->devices()[0].requests(), 1U);
+}
+
+TEST_F(MasterTest, UnknownDeviceFailsARequest) {
+  open();
+  const Reply reply = ask("nothing", Request({"hostid"}));
+  EXPECT_FALSE(reply.answered());
+  EXPECT_EQ(reply.error().text(), "no device nothing is connected to the master");
+  EXPECT_EQ(reply.error().outcome(), Outcome::notSent);
+}
+
+TEST_F(MasterTest, ALossFailsRequestsWithTheirOutcome) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  std::vector<Reply> replies;
+  const auto keep = [&](Reply reply) { replies.push_back(std::move(reply)); };
+  master->ask("fake", Request({"hostid"}), keep);
+  master->ask("fake", Request({"write", "/a"}, std::string(32000000, 'x')), keep);
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));  // sends all of the first and a part of the second
+  }
+  device.close();
+  EXPECT_EQ(told(Type::lost).device(), "fake");
+  ASSERT_EQ(replies.size(), 2U);
+  EXPECT_EQ(replies[0].error().outcome(), Outcome::unknown);
+  EXPECT_EQ(replies[1].error().outcome(), Outcome::notSent);
+  EXPECT_TRUE(master->devices().empty());
+}
+
+TEST_F(MasterTest, CountsAcrossConnections) {
+  open();
+  ScriptedDevice& first = dialAndWait();
+  ask("fake", Request({"fileexists", "/"}));
+  first.close();
+  told(Type::lost);
+  dialAndWait();
+  const DeviceInfo device = master->devices()[0];
+  EXPECT_EQ(device.connects(), 2U);
+  EXPECT_EQ(device.losses(), 1U);
+  EXPECT_EQ(device.requests(), 1U);
+  EXPECT_EQ(device.lastLossReason(), "the device closed the connection");
+}
+
+TEST_F(MasterTest, DetectsAHalfOpenConnection) {
+  open();
+  dialAndWait("one").vanish();
+  ScriptedDevice& again = dial("two");
+  EXPECT_EQ(told(Type::lost).device(), "one");
+  EXPECT_EQ(again.came, "");
+}
+
+TEST_F(MasterTest, LosesADeviceThatDoesNotAnswerACheck) {
+  options.setTimeout(Milliseconds(200));
+  open();
+  dialAndWait().answers = false;
+  dial().answers = false;  // a further connection makes the master check the first
+  EXPECT_EQ(told(Type::lost).text(), "no answer to the liveness check");
+}
+
+TEST_F(MasterTest, SilenceEndsARequestAndChecksTheDevice) {
+  options.setTimeout(Milliseconds(200));
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  const Reply reply = ask("fake", Request({"hostid"}));
+  EXPECT_EQ(reply.error().kind(), Kind::timeout);
+  EXPECT_EQ(reply.error().outcome(), Outcome::unknown);
+  runUntil([&] { return device.came.find("fileexists") != std::string::npos; });
+}
+
+TEST_F(MasterTest, LateAnswerDoesNotReachTheNextRequest) {
+  options.setTimeout(Milliseconds(2000));
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  EXPECT_FALSE(ask("fake", Request({"read", "/1"})).answered());
+  runUntil([&] { return device.came.find("fileexists") != std::string::npos; });
+  ASSERT_TRUE(device.takeRequest());
+  device.say(frameOf(recordOf("late")));
+  device.answers = true;
+  device.special = recordOf("right");
+  EXPECT_EQ(ask("fake", Request({"read", "/2"})).output(), "right");
+}
+
+TEST_F(MasterTest, RestartIsCompleteWhenSent) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  EXPECT_TRUE(ask("fake", Request({"restart"})).ok());
+  runUntil([&] { return device.came.find("restart") != std::string::npos; });
+}
+
+TEST_F(MasterTest, AnswerAboveItsLimitFailsTheRequest) {
+  open();
+  dialAndWait().special = recordOf(std::string(1000, 'x'));
+  Request request({"read", "/"});
+  request.setReplyLimit(500);
+  EXPECT_EQ(ask("fake", request).error().text(), "answer exceeds the size limit");
+}
+
+TEST_F(MasterTest, NameOfTwoDevicesSelectsNeither) {
+  open();
+  dialAndWait("same", "127.0.0.2");
+  dialAndWait("same", "127.0.0.3").special = recordOf("second");
+  EXPECT_EQ(master->devices()[0].name(), "same");
+  EXPECT_EQ(master->devices()[1].name(), "127.0.0.3");
+  EXPECT_EQ(master->find("same").size(), 2U);
+  const std::string why = "2 devices are named same: select one by ADDRESS:PORT";
+  EXPECT_EQ(ask("same", Request({"read", "/"})).error().text(), why);
+  EXPECT_EQ(master->attach("same", {}).error().text(), why);
+  EXPECT_EQ(ask("127.0.0.3", Request({"read", "/"})).output(), "second");
+}
+
+TEST_F(MasterTest, SilentConnectionsAtASharedAddressAreDevices) {
+  options.setShared(Milliseconds(50));
+  open();
+  for (const char* hostid : {"one", "", ""}) {
+    const std::size_t before = count(Type::connected);
+    dial(hostid);
+    runUntil([&] { return count(Type::connected) > before; });
+  }
+  EXPECT_EQ(events.back().device(), "127.0.0.1:" + std::to_string(devices.back().port()));
+  EXPECT_EQ(master->find("127.0.0.1").size(), 3U);
+}
+
+TEST_F(MasterTest, ForwardsByteForByte) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.special = std::string("any\0\x01\x02 bytes", 13);
+  const auto user = attach();
+  std::vector<std::string> answers;
+  const auto keep = [&](std::string payload) { answers.push_back(std::move(payload)); };
+  const std::string odd = Request({"write", "/a"}, std::string("\0\x01\x02\xff", 4)).encode();
+  user->forward("not a record", keep);
+  user->forward(odd, keep);
+  runUntil([&] { return answers.size() == 1; });
+  EXPECT_EQ(answers[0], device.special);
+  EXPECT_EQ(device.last, odd);
+  EXPECT_NE(device.came.find(frameOf("not a record")), std::string::npos);
+  EXPECT_EQ(master->devices()[0].users(), 1U);
+}
+
+TEST_F(MasterTest, SlowUserPausesTheDevice) {
+  open();
+  dialAndWait();
+  const auto user = attach();
+  user->setReading(false);
+  std::optional<std::string> answer;
+  user->forward(Request({"hostid"}).encode(), [&](std::string payload) { answer = payload; });
+  ScriptedDevice& device = devices.front();
+  const std::size_t before = device.came.size();
+  runUntil([&] { return device.came.size() > before; });
+  for (int i = 0; i < 20; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_FALSE(answer);
+  user->setReading(true);
+  runUntil([&] { return answer.has_value(); });
+}
+
+TEST_F(MasterTest, TellsUsersThatTheDeviceIsBusy) {
+  open();
+  dialAndWait();
+  const auto user = attach();
+  EXPECT_FALSE(user->busy());
+  user->forward(Request({"write", "/a"}, std::string(20000000, 'x')).encode(),
+                [](const std::string&) {});
+  EXPECT_TRUE(user->busy());
+  runUntil([&] { return busy.size() == 2; });
+  EXPECT_EQ(busy, (std::vector<bool>{true, false}));
+  EXPECT_FALSE(user->busy());
+}
+
+TEST_F(MasterTest, UserIsToldOfALoss) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  const auto user = attach();
+  device.close();
+  runUntil([&] { return !lost.empty(); });
+  EXPECT_EQ(lost, (std::vector<std::string>{"the device closed the connection"}));
+  user->forward("late", [](const std::string&) { FAIL(); });
+  user->setReading(false);
+}
+
+TEST_F(MasterTest, UserThatLeavesBeforeItsAnswerMakesTheMasterCheck) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  auto user = attach();
+  user->forward(Request({"hostid"}).encode(), [](const std::string&) { FAIL(); });
+  user.reset();
+  runUntil([&] { return device.came.find("fileexists") != std::string::npos; });
+  device.answers = true;
+  EXPECT_TRUE(ask("fake", Request({"read", "/"})).ok());
+  EXPECT_EQ(master->devices()[0].users(), 0U);
+}
+
+TEST_F(MasterTest, UserMayOutliveTheMaster) {
+  open();
+  dialAndWait();
+  const auto user = attach();
+  user->forward(Request({"hostid"}).encode(), [](const std::string&) { FAIL(); });
+  master.reset();
+  loop.step();
+  user->setReading(false);
+  user->forward("late", [](const std::string&) { FAIL(); });
+  EXPECT_TRUE(lost.empty());
+}
+
+TEST_F(MasterTest, EveryEventMayDestroyTheMaster) {
+  for (const Type type : {Type::connected, Type::additional, Type::agentConnected, Type::clause,
+                          Type::additionalLost, Type::lost, Type::refused}) {
+    if (type == Type::refused) {
+      ASSERT_TRUE(options.allowAddresses("127.0.0.2"));
+    }
+    bool gone = false;
+    onEvent = [this, type, &gone](const MasterEvent& event) {
+      if (event.type() == type) {
+        master.reset();
+        gone = true;  // a variable of this function, which must still exist
+      }
+    };
+    open();
+    dial();
+    runUntil([&] { return gone || count(Type::connected) > 0; });
+    if (!gone) {
+      dial().say("<a/><b/>");
+      devices.back().answers = false;
+      runUntil([&] { return gone || count(Type::clause) == 2; });
+    }
+    if (!gone) {
+      devices.back().close();
+      runUntil([&] { return gone || count(Type::additionalLost) == 1; });
+    }
+    if (!gone) {
+      devices.front().close();
+      runUntil([&] { return gone; });
+    }
+    loop.step();
+    EXPECT_EQ(events.back().type(), type) << "no event after the destruction";
+    devices.clear();
+    events.clear();
+  }
+}
+
+TEST_F(MasterTest, ReplyHandlerMayDestroyTheMaster) {
+  open();
+  dialAndWait();
+  bool gone = false;
+  master->ask("fake", Request({"hostid"}), [this, &gone](const Reply&) {
+    master.reset();
+    gone = true;
+  });
+  master->ask("fake", Request({"hostid"}), [](const Reply&) { FAIL(); });
+  runUntil([&] { return gone; });
+  loop.step();
+}
+
+TEST_F(MasterTest, AnswerHandlerMayDestroyTheUserAndTheMaster) {
+  open();
+  dialAndWait();
+  auto user = attach();
+  user->forward(Request({"hostid"}).encode(), [&](const std::string&) {
+    user.reset();
+    master.reset();
+  });
+  user->forward(Request({"hostid"}).encode(), [](const std::string&) { FAIL(); });
+  runUntil([&] { return !master; });
+  loop.step();
+}
+
+TEST(BlockingMasterTest, WaitsForDevicesAndAsks) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0));
+  ASSERT_TRUE(master.open());
+  ScriptedDevice one(master.port(), "one", "127.0.0.2");
+  ScriptedDevice two(master.port(), "two", "127.0.0.3");
+  one.sayIdentity();
+  two.sayIdentity();
+  const auto devices = master.waitForDevices(2, Milliseconds(60000));
+  ASSERT_TRUE(devices);
+  EXPECT_EQ((*devices)[0].name() + (*devices)[1].name(), "onetwo");
+  two.say(frameOf(recordOf("2")));
+  const Result<Reply> reply = master.ask("two", Request({"hostid"}));
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->output(), "2");
+  one.say(frameOf(recordOf("first")));
+  two.say(frameOf(recordOf("second")));
+  const auto replies = master.askAll(Request({"read", "/etc/version"}));
+  ASSERT_EQ(replies.size(), 2U);
+  EXPECT_EQ(replies[0].first + " " + replies[0].second.output(), "one first");
+  EXPECT_EQ(replies[1].first + " " + replies[1].second.output(), "two second");
+}
+
+TEST(BlockingMasterTest, WaitingHasALimit) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0));
+  ASSERT_TRUE(master.open());
+  EXPECT_FALSE(master.nextEvent(Milliseconds(0)));
+  EXPECT_FALSE(master.nextEvent(Milliseconds(20)));
+  const auto devices = master.waitForDevices(1, Milliseconds(20));
+  ASSERT_FALSE(devices);
+  EXPECT_EQ(devices.error().kind(), Kind::timeout);
+  EXPECT_EQ(devices.error().text(), "0 of 1 devices are connected");
+  EXPECT_TRUE(master.waitForDevices(0, Milliseconds(0)));
+}
+
+TEST(BlockingMasterTest, RequestHasATimeout) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0).setTimeout(Milliseconds(100)));
+  ASSERT_TRUE(master.open());
+  ScriptedDevice device(master.port());
+  device.sayIdentity();
+  ASSERT_TRUE(master.waitForDevices(1, Milliseconds(60000)));
+  const Result<Reply> reply = master.ask("fake", Request({"hostid"}));
+  ASSERT_FALSE(reply);
+  EXPECT_EQ(reply.error().kind(), Kind::timeout);
+  EXPECT_EQ(master.ask("other", Request({"hostid"})).error().kind(), Kind::link);
+}
+
+TEST(BlockingMasterTest, GivesEventsAndSendsClauses) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0));
+  ASSERT_TRUE(master.open());
+  ScriptedDevice device(master.port());
+  device.sayIdentity();
+  ASSERT_TRUE(master.waitForDevices(1, Milliseconds(60000)));
+  ScriptedDevice bridge(master.port());
+  bridge.answers = false;
+  bridge.say("<hello/>");
+  for (const Type type : {Type::connected, Type::additional, Type::agentConnected, Type::clause}) {
+    const auto event = master.nextEvent(Milliseconds(60000));
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->type(), type);
+  }
+  ASSERT_TRUE(master.sendClause("fake", "<a/>"));
+  bridge.serve();
+  EXPECT_EQ(bridge.came, "<a/>\r\n");
+  EXPECT_EQ(master.sendClause("fake", "<a>").error().kind(), Kind::local);
+}
+
+TEST(BlockingMasterTest, SendingAClauseHasATimeout) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0).setTimeout(Milliseconds(100)));
+  ASSERT_TRUE(master.open());
+  ScriptedDevice device(master.port());
+  device.sayIdentity();
+  ASSERT_TRUE(master.waitForDevices(1, Milliseconds(60000)));
+  const ScriptedDevice bridge(master.port());
+  bridge.say("<hello/>");
+  std::optional<MasterEvent> event;
+  for (int i = 0; i < 4; ++i) {
+    event = master.nextEvent(Milliseconds(60000));
+  }
+  ASSERT_TRUE(event && event->type() == Type::clause);
+  const auto sent = master.sendClause("127.0.0.1", "<a>" + std::string(30000000, 'x') + "</a>");
+  ASSERT_FALSE(sent);
+  EXPECT_EQ(sent.error().kind(), Kind::timeout);
+  EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
+}
+
+TEST(BlockingMasterTest, DropsTheOldestOfTooManyEvents) {
+  Master master(MasterOptions().setListen("127.0.0.1", 0));
+  ASSERT_TRUE(master.open());
+  ScriptedDevice device(master.port());
+  device.sayIdentity();
+  ASSERT_TRUE(master.waitForDevices(1, Milliseconds(60000)));
+  const ScriptedDevice bridge(master.port());
+  std::string clauses;
+  for (int i = 0; i < 5000; ++i) {
+    clauses += "<n>" + std::to_string(i) + "</n>";
+  }
+  bridge.say(clauses);
+  for (int i = 0; i < 12000 && master.devices()[0].clauses() < 5000; ++i) {
+    (void)master.waitForDevices(2, Milliseconds(5));
+  }
+  const auto oldest = master.nextEvent(Milliseconds(0));
+  ASSERT_TRUE(oldest);
+  EXPECT_EQ(oldest->text(), "<n>904</n>");
+}
+
+}  // namespace
+}  // namespace runel

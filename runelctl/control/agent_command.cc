@@ -15,8 +15,8 @@
 
 #include "cli/local_command.h"
 #include "cli/signals.h"
-#include "client/master/agent.h"
 #include "commands/number_range.h"
+#include "control/input_agent.h"
 #include "output/report.h"
 #include "output/text.h"
 
@@ -59,16 +59,14 @@ class AgentCommand : public LocalCommand {
     });
     const runel::Address& target = settings.targets[0];
     const auto show = [&](const std::string& clause) { print(target, style, clause); };
-    const auto ended = [&](const std::optional<runel::Error>& failure, const std::string& hint) {
-      if (failure) {
-        Error error = *failure;
-        error.hint = hint.empty() ? error.hint : hint;
-        status = exitStatusOf(error);
-        tell(target, style, error);
+    const auto ended = [&](const std::optional<Error>& error) {
+      if (error) {
+        status = exitStatusOf(*error);
+        tell(target, style, *error);
       }
       loop.stop();
     };
-    runel::Agent agent(
+    const InputAgent agent(
         loop, STDIN_FILENO,
         {target, settings.limits().connectTimeout(),
          runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(linger_ * 1000))),

@@ -1,0 +1,277 @@
+// SPDX-License-Identifier: Apache-2.0
+// The local agent, over loopback, with a daemon in the test's process.
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <runel/agent.h>
+
+#include "base/unique_fd.h"
+#include "unit/client/scripted_device.h"
+
+namespace runel {
+namespace {
+
+/// The daemon's side: a port and the agent's connection.
+class AgentPort {
+ public:
+  AgentPort() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = loopback("127.0.0.1", 0);
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
+    EXPECT_EQ(listen(listener_.get(), 5), 0);
+    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
+    port = ntohs(address.sin_port);
+  }
+
+  /// Accepts the next connection and reads what is there.
+  void serve() {
+    zell::UniqueFd next(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (next.valid()) {
+      agent = std::move(next);
+    }
+    char part[65536];
+    ssize_t got = agent.valid() ? recv(agent.get(), part, sizeof part, MSG_DONTWAIT) : 0;
+    while (got > 0) {
+      came.append(part, static_cast<std::size_t>(got));
+      got = recv(agent.get(), part, sizeof part, MSG_DONTWAIT);
+    }
+  }
+  void say(const std::string& bytes) const {
+    EXPECT_EQ(send(agent.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  void stopListening() { listener_.reset(); }
+  [[nodiscard]] std::string text() const { return "127.0.0.1:" + std::to_string(port); }
+
+  zell::UniqueFd agent;
+  std::uint16_t port = 0;
+  std::string came;
+
+ private:
+  zell::UniqueFd listener_;
+};
+
+const std::vector<std::string>& malformed() {
+  static const std::vector<std::string> kTexts{
+      "", "text", "<a>", "<a/>x", "<a/><b/>", "<a>\x01</a>", "<a/>\x02", "<a", "<a b>x</a>"};
+  return kTexts;
+}
+
+class AgentTest : public ::testing::Test {
+ protected:
+  void start() {
+    AsyncAgent::Handlers handlers;
+    handlers.clause = [this](const std::string& clause) {
+      clauses.push_back(clause);
+      called("clause");
+    };
+    handlers.end = [this](const Error& error) {
+      ended = error;
+      called("end");
+    };
+    handlers.connected = [this] { called("connected"); };
+    handlers.progress = [this] { called("progress"); };
+    agent = std::make_unique<AsyncAgent>(loop, Address("127.0.0.1", daemon.port),
+                                         Milliseconds(60000), std::move(handlers));
+  }
+  // A generous limit against a hang.
+  void runUntil(const std::function<bool()>& done) {
+    for (int i = 0; i < 12000 && !done(); ++i) {
+      loop.turn(Milliseconds(5));
+      daemon.serve();
+    }
+    ASSERT_TRUE(done());
+  }
+
+  Loop loop;
+  AgentPort daemon;
+  std::unique_ptr<AsyncAgent> agent;
+  std::vector<std::string> clauses;
+  std::optional<Error> ended;
+  std::function<void(const std::string& handler)> called = [](const std::string&) {};
+};
+
+TEST_F(AgentTest, SendsClausesThatWereQueuedBeforeItConnected) {
+  start();
+  ASSERT_TRUE(agent->send(" <a>1</a> "));
+  ASSERT_TRUE(agent->send("<b/>"));
+  EXPECT_EQ(agent->queued(), 16U);
+  runUntil([&] { return daemon.came.size() >= 16; });
+  EXPECT_EQ(daemon.came, "<a>1</a>\r\n<b/>\r\n");
+  EXPECT_EQ(agent->queued(), 0U);
+}
+
+TEST_F(AgentTest, ReportsClausesHoweverTheyArrive) {
+  start();
+  runUntil([&] { return daemon.agent.valid(); });
+  for (const char byte : std::string("<a>1</a>\r\n <b/><c>\xff</c>")) {
+    daemon.say(std::string(1, byte));
+    loop.turn(Milliseconds(1));
+  }
+  runUntil([&] { return clauses.size() == 3; });
+  EXPECT_EQ(clauses, (std::vector<std::string>{"<a>1</a>", "<b/>", "<c>\xff</c>"}));
+}
+
+TEST_F(AgentTest, MalformedClausesAreNotSent) {
+  start();
+  for (const std::string& text : malformed()) {
+    const Result<void> sent = agent->send(text);
+    ASSERT_FALSE(sent) << text;
+    EXPECT_EQ(sent.error().kind(), Kind::local) << text;
+  }
+  EXPECT_EQ(agent->queued(), 0U);
+}
+
+TEST_F(AgentTest, RawBytesAreNotChecked) {
+  start();
+  agent->sendRaw("any\x01");
+  runUntil([&] { return daemon.came.size() >= 4; });
+  EXPECT_EQ(daemon.came, "any\x01");
+}
+
+TEST_F(AgentTest, KeepsTheOrderWhenTheDaemonReadsSlowly) {
+  start();
+  std::string expected;
+  for (int i = 0; i < 100; ++i) {
+    const std::string clause =
+        "<n>" + std::string(100000, static_cast<char>('a' + i % 26)) + "</n>";
+    ASSERT_TRUE(agent->send(clause));
+    expected += clause + "\r\n";
+  }
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));  // the daemon does not read
+  }
+  EXPECT_GT(agent->queued(), 0U);
+  runUntil([&] { return daemon.came.size() >= expected.size(); });
+  EXPECT_TRUE(daemon.came == expected);
+}
+
+TEST_F(AgentTest, ReportsTheEndOnce) {
+  start();
+  runUntil([&] { return daemon.agent.valid(); });
+  daemon.agent.reset();
+  runUntil([&] { return ended.has_value(); });
+  EXPECT_EQ(ended->cause(), Cause::closed);
+  EXPECT_TRUE(agent->send("<a/>")) << "ignored";
+  ended.reset();
+  loop.turn(Milliseconds(10));
+  EXPECT_FALSE(ended);
+}
+
+TEST_F(AgentTest, RefusedConnectionIsItsEnd) {
+  daemon.stopListening();
+  start();
+  runUntil([&] { return ended.has_value(); });
+  EXPECT_EQ(ended->number(), ECONNREFUSED);
+  EXPECT_EQ(ended->outcome(), Outcome::notSent);
+}
+
+TEST_F(AgentTest, ClauseWithoutAnEndIsAProtocolError) {
+  start();
+  runUntil([&] { return daemon.agent.valid(); });
+  const std::string part(100000, 'x');
+  daemon.say("<a>");
+  for (int i = 0; i < 12 && !ended; ++i) {
+    daemon.say(part);
+    for (int turn = 0; turn < 20 && !ended; ++turn) {
+      loop.turn(Milliseconds(1));
+    }
+  }
+  runUntil([&] { return ended.has_value(); });
+  EXPECT_EQ(ended->cause(), Cause::protocol);
+}
+
+TEST_F(AgentTest, EveryHandlerMayDestroyTheAgent) {
+  for (const std::string handler : {"connected", "progress", "clause", "end"}) {
+    bool gone = false;
+    called = [this, handler, &gone](const std::string& name) {
+      EXPECT_TRUE(agent) << name << " after the destruction";
+      if (name == handler) {
+        agent.reset();
+        gone = true;  // a variable of this function, which must still exist
+      }
+    };
+    start();
+    runUntil([&] { return gone || daemon.agent.valid(); });
+    if (!gone) {
+      daemon.say("<a/><b/>");
+      runUntil([&] { return gone || clauses.size() == 2; });
+    }
+    daemon.agent.reset();
+    runUntil([&] { return gone; });
+    clauses.clear();
+  }
+}
+
+TEST(BlockingAgentTest, SendsAndReceives) {
+  AgentPort daemon;
+  Agent agent(daemon.text());
+  ASSERT_TRUE(agent.send("<a>1</a>"));
+  daemon.serve();
+  EXPECT_EQ(daemon.came, "<a>1</a>\r\n");
+  daemon.say("<one/><two/>");
+  for (const char* clause : {"<one/>", "<two/>"}) {
+    const auto received = agent.receive(Milliseconds(60000));
+    ASSERT_TRUE(received && *received) << clause;
+    EXPECT_EQ(**received, clause);
+  }
+  const auto nothing = agent.receive(Milliseconds(10));
+  ASSERT_TRUE(nothing);
+  EXPECT_FALSE(*nothing);
+}
+
+TEST(BlockingAgentTest, MalformedClauseDoesNotConnect) {
+  AgentPort daemon;
+  Agent agent(daemon.text());
+  for (const std::string& text : malformed()) {
+    EXPECT_EQ(agent.send(text).error().kind(), Kind::local) << text;
+  }
+  daemon.serve();
+  EXPECT_FALSE(daemon.agent.valid());
+}
+
+TEST(BlockingAgentTest, ConnectsAgainAfterTheEnd) {
+  AgentPort daemon;
+  Agent agent(daemon.text());
+  ASSERT_TRUE(agent.send("<a/>"));
+  daemon.serve();
+  daemon.say("<last/>");
+  daemon.agent.reset();
+  const auto last = agent.receive(Milliseconds(60000));
+  ASSERT_TRUE(last && *last);
+  EXPECT_EQ(**last, "<last/>");
+  EXPECT_EQ(agent.receive(Milliseconds(60000)).error().cause(), Cause::closed);
+  daemon.came.clear();
+  ASSERT_TRUE(agent.send("<b/>"));
+  daemon.serve();
+  EXPECT_EQ(daemon.came, "<b/>\r\n");
+}
+
+TEST(BlockingAgentTest, SendingHasATimeout) {
+  const AgentPort daemon;
+  Agent agent(daemon.text(), Milliseconds(100));
+  const auto sent = agent.send("<a>" + std::string(30000000, 'x') + "</a>");
+  ASSERT_FALSE(sent);
+  EXPECT_EQ(sent.error().kind(), Kind::timeout);
+  EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
+}
+
+TEST(BlockingAgentTest, InvalidAddressFailsInTheFirstCall) {
+  for (const char* address : {"a:b:c", "@gw-3"}) {
+    Agent agent(address);
+    EXPECT_EQ(agent.send("<a/>").error().kind(), Kind::local) << address;
+    EXPECT_EQ(agent.receive(Milliseconds(0)).error().kind(), Kind::local) << address;
+  }
+}
+
+}  // namespace
+}  // namespace runel

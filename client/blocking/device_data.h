@@ -20,7 +20,7 @@ struct Device::Data {
   bool runFor(Milliseconds time, const bool& done);
   /// The reply to one attempt.
   [[nodiscard]] Reply askOnce(const Request& request);
-  /// The reply, after retries. An error when there is none.
+  /// The reply, after retries. Fails if there is no reply.
   [[nodiscard]] Result<Reply> ask(const Request& request);
   /// The reply of a task that has succeeded.
   [[nodiscard]] Result<Reply> check(const Request& request);

@@ -19,7 +19,9 @@ endif()
 # The documents for operators and for authors of masters. They keep their directories of the source
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
-  docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md)
+  docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md docs/abi.md
+  client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
+  client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 
 # Writes the document to the build tree. Links to files that are not installed become plain text.
 function(runeld_installed_document document)

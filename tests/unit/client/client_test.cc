@@ -21,6 +21,7 @@
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
+#include "drivers.h"
 
 namespace runel {
 namespace {
@@ -110,13 +111,7 @@ std::size_t countOf(const std::string& text, const std::string& part) {
 
 class ClientTest : public ::testing::Test {
  protected:
-  // A generous limit against a hang.
-  void runUntil(const std::function<bool()>& done) {
-    for (int i = 0; i < 6000 && !done(); ++i) {
-      loop.turn(Milliseconds(10));
-    }
-    ASSERT_TRUE(done());
-  }
+  void runUntil(const test::Done& done) { ASSERT_TRUE(test::runUntil(loop, done)); }
   ReplyHandler keep() {
     return [this](Reply reply) { replies.push_back(std::move(reply)); };
   }
@@ -215,14 +210,14 @@ TEST_F(ClientTest, GarbageIsAProtocolError) {
 
 TEST_F(ClientTest, AbandonedRequestsAreNotAnswered) {
   bool heard = false;
+  AsyncDevice device(loop, peer.target(), limits);
   peer.heard = [&](int fd, const std::string&) {
     heard = true;
     peer.say(fd, answer("late"));
+    device.abandon();
   };
-  AsyncDevice device(loop, peer.target(), limits);
   device.ask(Request({"hostid"}), keep());
   runUntil([&] { return heard; });
-  device.abandon();
   EXPECT_EQ(device.pending(), 0U);
   loop.turn(Milliseconds(0));
   loop.turn(Milliseconds(0));

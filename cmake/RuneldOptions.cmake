@@ -28,18 +28,46 @@ if(RUNELD_COVERAGE)
   target_link_options(runeld_options INTERFACE --coverage)
 endif()
 
+# Lets @p name include the headers of a directory, by default the current one: as "server/x.h" for
+# src/server, "device/linux/x.h" for lib/device/linux, "unit/agent/x.h" for tests/unit/agent. An
+# include directory with a link to the directory provides this name and no other. Debuggers and
+# coverage get the path in the source tree.
+#   runeld_headers(NAME PUBLIC|PRIVATE|INTERFACE [DIRECTORY])
+function(runeld_headers name scope)
+  set(directory "${CMAKE_CURRENT_SOURCE_DIR}")
+  if(ARGN)
+    set(directory "${PROJECT_SOURCE_DIR}/${ARGN}")
+  endif()
+  file(RELATIVE_PATH spelled "${PROJECT_SOURCE_DIR}" "${directory}")
+  string(REGEX REPLACE "^(src|lib|tests)/" "" spelled "${spelled}")
+  string(REPLACE "/" "_" root "${spelled}")
+  set(root "${PROJECT_BINARY_DIR}/include/${root}")
+  get_filename_component(above "${root}/${spelled}" DIRECTORY)
+  file(MAKE_DIRECTORY "${above}")
+  file(CREATE_LINK "${directory}" "${root}/${spelled}" SYMBOLIC)
+  target_include_directories(${name} ${scope} "$<BUILD_INTERFACE:${root}>")
+  target_compile_options(${name} ${scope}
+    "$<BUILD_INTERFACE:-ffile-prefix-map=${root}/${spelled}=${directory}>")
+endfunction()
+
 # Adds a library of the tree: its sources, the options above, and the libraries it depends on. It is
 # static, or with OBJECT a part of the libraries that link it.
+#   LINK   libraries whose headers its own headers include
+#   USES   libraries whose headers only its sources include
+#   HIDDEN  targets that link it do not see its headers
 function(runeld_library name)
-  cmake_parse_arguments(ARG "OBJECT" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(ARG "OBJECT;HIDDEN" "" "SOURCES;LINK;USES" ${ARGN})
   set(kind STATIC)
   if(ARG_OBJECT)
     set(kind OBJECT)
   endif()
   add_library(${name} ${kind} ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC
-    "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/lib" "${PROJECT_SOURCE_DIR}/include")
-  target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK})
+  if(ARG_HIDDEN)
+    runeld_headers(${name} PRIVATE)
+  else()
+    runeld_headers(${name} PUBLIC)
+  endif()
+  target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK} PRIVATE ${ARG_USES})
   if(RUNELD_SANITIZE)  # 20 % slower to compile, and the tests use a sixth less processor time
     target_compile_options(${name} PRIVATE -O1)
   endif()

@@ -15,6 +15,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 COPIED = ("CMakeLists.txt", "cmake", "src", "lib", "include", "tests", "fuzz", "bench", "verify",
           "scripts", "docs", "packaging", "man", "runelctl", "README.md", "SECURITY.md",
           "LICENSE")
+PLACES = ("src", "lib", "include")
 LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connections", "runeld_agent",
              "runeld_options_scan", "runeld_protocol", "device_linux", "runeld")
 
@@ -53,9 +54,10 @@ class Tree:
         for entry in json.loads((self.build / "compile_commands.json").read_text()):
             path = str(pathlib.Path(entry["file"]).relative_to(self.directory))
             if is_mutated(path):
+                # The include directories of the build are links into the copy.
                 self._arguments[path] = [
-                    word.replace(f"{self.directory}/", f"{self.root}/")
-                    for word in shlex.split(entry["command"]) if word.startswith(("-I", "-D", "-std"))]
+                    *(f"-I{self.root / place}" for place in PLACES),
+                    *(word for word in shlex.split(entry["command"]) if word.startswith(("-D", "-std")))]
 
     def find_mutants(self):
         """All mutants of all sources, numbered."""

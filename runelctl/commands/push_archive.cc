@@ -7,11 +7,13 @@
 #include <utility>
 
 #include "client/core/sha256.h"
-#include "commands/archive.h"
+#include "client/transfer/archive.h"
 #include "commands/push_parts.h"
 
 namespace runelctl {
 namespace {
+
+using runel::Archive;
 
 // An archive of fewer files is slower than single requests.
 constexpr std::size_t kWorthIt = 8;

@@ -14,7 +14,7 @@
 #include "client/core/paths.h"
 #include "client/core/peer_guess.h"
 #include "client/core/sha256.h"
-#include "commands/archive.h"
+#include "client/transfer/archive.h"
 #include "commands/push_job.h"
 #include "support/temp_dir.h"
 
@@ -64,7 +64,7 @@ std::string listed(const std::string& archive) {
 }
 
 TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
-  Archive archive;
+  runel::Archive archive;
   archive.add("0", {0640, 12, 34, {1600000000, 123456789}}, "content");
   archive.add("1", {04755, 0, 0, {1, 5}}, "");
   EXPECT_EQ(listed(archive.finish()),
@@ -73,7 +73,7 @@ TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
 }
 
 TEST(ArchiveTest, StoresDirectoriesWithModeOwnerAndNanoseconds) {
-  Archive archive;
+  runel::Archive archive;
   archive.addDirectory("a/.", {02750, 12, 34, {1600000000, 123456789}});
   EXPECT_EQ(listed(archive.finish()),
             "drwxr-s--- 12/34             0 2020-09-13 12:26:40.123456789 a/.\n");
@@ -81,7 +81,7 @@ TEST(ArchiveTest, StoresDirectoriesWithModeOwnerAndNanoseconds) {
 
 TEST(ArchiveTest, ConsistsOfCompleteBlocks) {
   for (const std::size_t size : {0U, 1U, 511U, 512U, 513U}) {
-    Archive archive;
+    runel::Archive archive;
     archive.add("0", {0644, 0, 0, {0, 0}}, std::string(size, 'x'));
     EXPECT_EQ(archive.finish().size() % 512, 0U) << size;
   }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Packs many small files or directories into one tar archive.
-#ifndef RUNELCTL_COMMANDS_ARCHIVE_H_
-#define RUNELCTL_COMMANDS_ARCHIVE_H_
+#ifndef RUNEL_TRANSFER_ARCHIVE_H_
+#define RUNEL_TRANSFER_ARCHIVE_H_
 
 #include <cstdint>
 #include <string>
@@ -9,8 +9,7 @@
 
 #include <runel/records.h>
 
-#include "client/core/paths.h"
-namespace runelctl {
+namespace runel {
 
 /// Builds a tar archive of regular files and directories in memory.
 class Archive {
@@ -19,7 +18,7 @@ class Archive {
     std::uint32_t mode;
     std::uint64_t uid;
     std::uint64_t gid;
-    runel::Timestamp mtime;
+    Timestamp mtime;
   };
 
   static constexpr std::size_t kMostName = 99;
@@ -34,12 +33,12 @@ class Archive {
 
  private:
   void header(std::string_view name, char type, const About& about, std::size_t size);
-  void exactTime(const runel::Timestamp& mtime);
+  void exactTime(const Timestamp& mtime);
   void padded(std::string_view content);
 
   std::string bytes_;
 };
 
-}  // namespace runelctl
+}  // namespace runel
 
-#endif  // RUNELCTL_COMMANDS_ARCHIVE_H_
+#endif  // RUNEL_TRANSFER_ARCHIVE_H_

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "commands/archive.h"
+#include "client/transfer/archive.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
-namespace runelctl {
+namespace runel {
 namespace {
 
 constexpr std::size_t kTarBlock = 512;
@@ -67,7 +67,7 @@ void Archive::padded(std::string_view content) {
 
 // The plain header stores only whole seconds since 1970, so an extended header stores the time. All
 // tars in use support it; another one would unpack it as a file and print a warning.
-void Archive::exactTime(const runel::Timestamp& mtime) {
+void Archive::exactTime(const Timestamp& mtime) {
   char time[64];
   std::snprintf(time, sizeof time, "mtime=%lld.%09lld\n", static_cast<long long>(mtime.seconds),
                 static_cast<long long>(mtime.nanoseconds));
@@ -92,4 +92,4 @@ std::string Archive::finish() {
   return std::move(bytes_);
 }
 
-}  // namespace runelctl
+}  // namespace runel

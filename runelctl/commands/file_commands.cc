@@ -15,7 +15,6 @@
 
 #include "client/core/paths.h"
 #include "commands/lists.h"
-#include "commands/local_tree.h"
 
 #include "output/mode_text.h"
 

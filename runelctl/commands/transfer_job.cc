@@ -1,97 +1,141 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands/transfer_job.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <utility>
 
-#include <runel/records.h>
+#include <sys/stat.h>
 
 #include "client/core/paths.h"
 #include "output/text.h"
 
 namespace runelctl {
+namespace {
 
-std::string programTrouble(const std::string& program, const runel::Reply& reply) {
-  const std::string line = reply.output().substr(0, reply.output().find('\n'));
-  return reply.answered() && !line.empty() ? line : reply.error(program).text();
+using Way = TransferPlan::Way;
+
+// A local directory name for a device name.
+std::string directoryName(const std::string& device) {
+  std::string name = device;
+  std::replace(name.begin(), name.end(), '/', '_');
+  return name == "." || name == ".." ? "_" : name;
 }
 
-// The pipeline of the previous stage is the caller: destroy it in the next turn.
-void TransferJob::pipe(Pipeline::Source source, std::function<void()> next) {
-  auto old = std::make_shared<std::unique_ptr<Pipeline>>(std::move(pipeline_));
-  loop().next([old] { old->reset(); });
-  pipeline_ = std::make_unique<Pipeline>(device(), std::move(source), settings().memoryShare(),
-                                         [this, next = std::move(next)] {
-                                           if (outcome_.status != kExitNoConnection) {
-                                             next();
-                                           }
-                                         });
-  pipeline_->start();
-}
-
-void TransferJob::runPrograms(std::vector<ProgramRuns> runs, const std::string& what,
-                              std::function<void()> next) {
-  const auto handle = [this, what](const ProgramRun& run) {
-    if (!alive(run.reply)) {
-      return false;
-    }
-    if (!run.reply.ok()) {
-      programFailed_ = true;
-      if (!what.empty()) {
-        warnOnce(what + ": " + programTrouble(run.program, run.reply));
-      }
-    }
-    return true;
-  };
-  pipe(programSource(std::move(runs), handle), std::move(next));
-}
-
-bool TransferJob::programFailed() {
-  return std::exchange(programFailed_, false);
-}
-
-bool TransferJob::alive(const runel::Reply& reply) {
-  if (reply.answered()) {
-    return true;
+// The directory with a directory for each device.
+std::optional<Error> makeOuterDirectory(const std::string& path) {
+  struct stat st {};
+  if (mkdir(path.c_str(), 0700) == 0) {
+    (void)chmod(path.c_str(), 0755);  // the directories in it stay private
+    return std::nullopt;
   }
-  outcome_ = {exitStatusOf(reply), Error(reply.error())};
-  finish(outcome_);
-  return false;
+  const int number = errno;
+  const bool there = stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  return there ? std::nullopt : std::make_optional(localError(path, number));
 }
 
-void TransferJob::failed(const Error& error) {
-  if (outcome_.error) {
-    report().warn(error.what);
+}  // namespace
+
+TransferJob::TransferJob(JobContext context, TransferPlan plan)
+    : Job(std::move(context)), plan_(std::move(plan)) {
+  plan_.options.setMemory(settings().memoryShare());
+  plan_.options.setProgress([this](const runel::Progress& progress) {
+    report().progress({progress.done, progress.total, progress.name});
+  });
+}
+
+TransferJob::~TransferJob() {
+  if (transfer_ && !told_) {
+    tell(transfer_->report());
+  }
+}
+
+void TransferJob::start() {
+  const auto done = [this](const runel::TransferReport& report) { end(report); };
+  if (plan_.way == Way::pull) {
+    startPull(done);
   } else {
-    outcome_ = {kExitTaskFailed, error};
+    const auto start =
+        plan_.way == Way::sync ? runel::AsyncTransfer::sync : runel::AsyncTransfer::push;
+    transfer_ = start(device(), *plan_.files, remote(plan_.target), plan_.options, done);
   }
 }
 
-void TransferJob::warnOnce(const std::string& what) {
-  if (warned_.insert(what).second) {
-    report().warn(what);
+// With several devices, each has a separate directory.
+void TransferJob::startPull(const runel::AsyncTransfer::Done& done) {
+  std::vector<std::string> sources;
+  for (const std::string& source : plan_.sources) {
+    sources.push_back(remote(source));
   }
+  std::string target = plan_.target;
+  if (settings().targets.size() > 1) {
+    const auto error = settings().dryRun ? std::nullopt : makeOuterDirectory(target);
+    if (error) {
+      fail(*error);
+      return;
+    }
+    target = runel::joinPath(target, directoryName(device().address().name()));
+    plan_.options.setIntoDirectory(true);
+  }
+  transfer_ = runel::AsyncTransfer::pull(device(), sources, target, plan_.options, done);
 }
 
-void TransferJob::count(std::uint64_t bytes, const std::string& name) {
-  bytes_ += bytes;
-  skip(bytes, name);
+std::optional<runel::Request> TransferJob::cleanUp() const {
+  return transfer_ ? transfer_->cleanUp() : std::nullopt;
 }
 
-void TransferJob::skip(std::uint64_t bytes, const std::string& name) {
-  progressed_ += bytes;
-  report().progress({progressed_, allBytes_, runel::baseName(name)});
-}
-
-void TransferJob::endTransfer() {
-  report().result()["files"] = files_;
-  report().result()["bytes"] = bytes_;
+void TransferJob::tell(const runel::TransferReport& done) {
+  told_ = true;
+  for (const std::string& warning : done.warnings()) {
+    report().warn(warning);
+  }
+  Json& result = report().result();
+  if (done.resumedAt()) {
+    result["resumed_at"] = *done.resumedAt();
+  }
+  if (!done.complete()) {
+    return;
+  }
+  if (plan_.way == Way::sync) {
+    result["removed"] = done.removed();
+  }
+  result["files"] = done.files();
+  result["bytes"] = done.bytes();
   if (report().style().outTerminal && !report().style().quiet) {
-    report().line(countText(files_, "file") + ", " + sizeText(bytes_));
+    report().line(countText(done.files(), "file") + ", " + sizeText(done.bytes()));
   }
-  if (!warned_.empty() && !outcome_.error) {
-    outcome_.status = kExitTaskFailed;
+}
+
+void TransferJob::end(const runel::TransferReport& done) {
+  tell(done);
+  if (!done.complete()) {
+    fail(*done.error());
+  } else if (done.error()) {
+    finish({kExitTaskFailed, *done.error()});
+  } else {
+    finish({done.partial() ? kExitTaskFailed : 0, std::nullopt});
   }
-  finish(outcome_);
+}
+
+// The amounts are known, but the requests depend on the files on the device.
+std::string TransferJob::sentLater() const {
+  const std::string sums = plan_.options.checksum() ? "; sha256sum" : "";
+  if (plan_.way == Way::pull) {
+    return std::string("stat for each further path; ") +
+           (plan_.options.recursive() ? "walktree for directories, and stat for their entries; "
+                                      : "") +
+           "read for each file, dd in pieces for large ones" + sums;
+  }
+  const std::size_t directories = plan_.files->directories();
+  return std::string(plan_.way == Way::sync
+                         ? "walktree of the remote directory; for the differences among "
+                         : "for ") +
+         countText(plan_.files->files(), "file") + " (" + sizeText(plan_.files->bytes()) + "), " +
+         std::to_string(directories) + (directories == 1 ? " directory" : " directories") +
+         " and " + countText(plan_.files->links(), "link") +
+         ": fileexists and lstat of the targets; mkdir and ln; write (in pieces, or as an archive "
+         "for tar) and rename; chmod and touch" +
+         sums + (plan_.options.removes() ? "; rm of files that are missing here" : "");
 }
 
 }  // namespace runelctl

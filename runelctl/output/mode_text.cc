@@ -2,6 +2,7 @@
 #include "output/mode_text.h"
 
 #include <cstddef>
+#include <cstdio>
 
 #include <sys/stat.h>
 
@@ -43,6 +44,12 @@ char typeLetter(std::uint32_t mode) {
     default:
       return '-';
   }
+}
+
+std::string octalMode(std::uint32_t mode) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+  return text;
 }
 
 }  // namespace runelctl

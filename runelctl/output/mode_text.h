@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Modes of files as `ls -l` prints them.
+// Modes of files as texts.
 #ifndef RUNELCTL_OUTPUT_MODE_TEXT_H_
 #define RUNELCTL_OUTPUT_MODE_TEXT_H_
 
@@ -8,10 +8,13 @@
 
 namespace runelctl {
 
-/// "-rw-r--r--" for the type letter @p type and the permission bits @p mode.
+/// "-rw-r--r--", as in `ls -l`, for the type letter @p type and the permission bits @p mode.
 [[nodiscard]] std::string modeText(char type, std::uint32_t mode);
 /// The type letter of a mode with its type bits.
 [[nodiscard]] char typeLetter(std::uint32_t mode);
+
+/// "0644" for the permission bits @p mode.
+[[nodiscard]] std::string octalMode(std::uint32_t mode);
 
 }  // namespace runelctl
 

@@ -507,6 +507,13 @@ class Pull(Transfers):
         for device in devices:
             self.assertTrue(self.content(f"all/{device}/big") == content, device)
 
+    def test_a_private_directory_for_several_devices_stays_private(self):
+        self.serve()
+        os.mkdir(self.path("all"), 0o700)
+        self.succeed("-q", "-d", "127.0.0.1,127.0.0.2", "pull", self.file("device/a", b"1"),
+                     self.path("all"))
+        self.assertEqual(stat.S_IMODE(os.stat(self.path("all")).st_mode), 0o700)
+
     def test_a_partial_file_of_another_file_is_not_resumed(self):
         self.serve()
         between = Between(self, 12 * MIB, back=True)

@@ -47,13 +47,14 @@ class RUNEL_API TransferOptions {
   TransferOptions& setChecksum(bool on);
   /// For a sync: removes files on the device that are missing here; off by default.
   TransferOptions& setDelete(bool on);
-  /// For a pull: the local target is a directory, which is created with mode 0755 if it is missing,
-  /// and each source gets a name in it; off by default.
+  /// For a pull: the local target is a directory and each source gets a name in it; off by default,
+  /// but also the case if the target is an existing directory, ends in a slash, or has several
+  /// sources. A missing directory is created with mode 0700.
   TransferOptions& setIntoDirectory(bool on);
   /// About the memory for contents in transit, in bytes; 32 MiB by default. A piece of a large file
-  /// has half of it.
+  /// has half of it, rounded down to whole blocks of 64 KiB, but at least one.
   TransferOptions& setMemory(std::size_t bytes);
-  /// Calls @p progress after each file and each piece.
+  /// Calls @p progress after each file and each piece. It must not destroy the transfer.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);
 
   ///@{
@@ -69,6 +70,7 @@ class RUNEL_API TransferOptions {
 
  private:
   struct RUNEL_LOCAL Data;
+  RUNEL_LOCAL Data& own();
   std::shared_ptr<Data> data_;
 };
 
@@ -77,7 +79,11 @@ class RUNEL_API TransferReport {
  public:
   /// True if every file was transferred and nothing was skipped or left undone.
   [[nodiscard]] bool ok() const;
-  /// The first failure, if any: of a file, or of the link, which ends the transfer.
+  /// False if the transfer ended early: because of a lost link, whose error has
+  /// `Outcome::notSent` only if no request of the transfer was answered, or because a directory
+  /// could not be read or created.
+  [[nodiscard]] bool complete() const;
+  /// Why the transfer ended early, or the first failure of a file, if any.
   [[nodiscard]] const std::optional<Error>& error() const;
   /// Further failures and what was skipped, one sentence each.
   [[nodiscard]] const std::vector<std::string>& warnings() const;
@@ -103,13 +109,19 @@ class RUNEL_API PushSources {
   /// `Kind::local`.
   [[nodiscard]] static Result<PushSources> scan(const std::vector<std::string>& paths,
                                                 bool recursive);
-  /// What was left out, one sentence each: sockets, devices and the like.
+  /// What was left out, one sentence each: sockets, devices and the like. Reports of transfers
+  /// have them among their warnings.
   [[nodiscard]] const std::vector<std::string>& skipped() const;
+  [[nodiscard]] std::size_t files() const;        ///< number of files
+  [[nodiscard]] std::size_t directories() const;  ///< number of directories
+  [[nodiscard]] std::size_t links() const;        ///< number of symbolic links
+  [[nodiscard]] std::uint64_t bytes() const;      ///< size of all files
 
  private:
   friend class TransferWork;
   struct RUNEL_LOCAL Data;
   RUNEL_LOCAL explicit PushSources(std::shared_ptr<const Data> data);
+  [[nodiscard]] RUNEL_LOCAL std::size_t count(char type) const;
   std::shared_ptr<const Data> data_;
 };
 
@@ -139,12 +151,14 @@ class RUNEL_API AsyncTransfer {
                                                            const TransferOptions& options,
                                                            Done done);
   ///@}
-  /// Ends the transfer without calling its handler. Abandon or close the device first: its pending
-  /// requests refer to the transfer.
+  /// Ends the transfer without calling its handler. The requests that are already sent still run on
+  /// the device; abandon or close it to end them too.
   ~AsyncTransfer();
   AsyncTransfer(const AsyncTransfer&) = delete;
   AsyncTransfer& operator=(const AsyncTransfer&) = delete;
 
+  /// What the transfer has done so far.
+  [[nodiscard]] TransferReport report() const;
   /// The request that removes what an unfinished transfer has left on the device, if any. Send it
   /// on another connection.
   [[nodiscard]] std::optional<Request> cleanUp() const;

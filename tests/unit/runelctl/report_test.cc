@@ -67,6 +67,24 @@ TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
   EXPECT_FALSE(device(ENOENT).transient);
 }
 
+TEST(ReplyTest, HasTheExitStatusOfAShell) {
+  const auto status = [](runel::Status type, runel::ProgramState state, int result, int error,
+                         int signal) {
+    std::string record = "SlaveTask 0 0 0:";
+    for (const int field :
+         {static_cast<int>(type), static_cast<int>(state), result, error, signal}) {
+      record += " " + std::to_string(field);
+    }
+    return exitStatusOf(runel::Reply::decode(record).value());
+  };
+  using State = runel::ProgramState;
+  EXPECT_EQ(status(runel::Status::success, State::none, 0, 0, 0), 0);
+  EXPECT_EQ(status(runel::Status::failure, State::exited, 42, 0, 0), 42);
+  EXPECT_EQ(status(runel::Status::failure, State::signalled, -1, 0, 9), 137);
+  EXPECT_EQ(status(runel::Status::timeout, State::timedOut, -1, 110, 15), 124);
+  EXPECT_EQ(status(runel::Status::failure, State::none, 1, 2, 0), 1);
+}
+
 TEST(ReportTest, CollectsTextOrJsonObjects) {
   const Style text;
   const Style json = jsonStyle();

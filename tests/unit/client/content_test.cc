@@ -9,20 +9,19 @@
 #include <gtest/gtest.h>
 
 #include <runel/records.h>
-#include <runel/request.h>
 
 #include "client/core/paths.h"
 #include "client/core/peer_guess.h"
 #include "client/core/sha256.h"
 #include "client/transfer/archive.h"
-#include "commands/push_job.h"
+#include "client/transfer/checksums.h"
 #include "support/temp_dir.h"
 
-namespace runelctl {
+namespace runel {
 namespace {
 
 std::string sha256(const std::string& text) {
-  runel::Sha256 hash;
+  Sha256 hash;
   hash.add(text);
   return hash.finish();
 }
@@ -42,7 +41,7 @@ TEST(Sha256Test, IsIndependentOfTheSplittingOfTheInput) {
     text[i] = static_cast<char>(i * 7);
   }
   for (std::size_t cut = 1; cut < 200; ++cut) {
-    runel::Sha256 hash;
+    Sha256 hash;
     for (std::size_t at = 0; at < text.size(); at += cut) {
       hash.add(text.substr(at, cut));
     }
@@ -64,7 +63,7 @@ std::string listed(const std::string& archive) {
 }
 
 TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
-  runel::Archive archive;
+  Archive archive;
   archive.add("0", {0640, 12, 34, {1600000000, 123456789}}, "content");
   archive.add("1", {04755, 0, 0, {1, 5}}, "");
   EXPECT_EQ(listed(archive.finish()),
@@ -73,7 +72,7 @@ TEST(ArchiveTest, IsReadByTarWithModeOwnerAndNanoseconds) {
 }
 
 TEST(ArchiveTest, StoresDirectoriesWithModeOwnerAndNanoseconds) {
-  runel::Archive archive;
+  Archive archive;
   archive.addDirectory("a/.", {02750, 12, 34, {1600000000, 123456789}});
   EXPECT_EQ(listed(archive.finish()),
             "drwxr-s--- 12/34             0 2020-09-13 12:26:40.123456789 a/.\n");
@@ -81,15 +80,14 @@ TEST(ArchiveTest, StoresDirectoriesWithModeOwnerAndNanoseconds) {
 
 TEST(ArchiveTest, ConsistsOfCompleteBlocks) {
   for (const std::size_t size : {0U, 1U, 511U, 512U, 513U}) {
-    runel::Archive archive;
+    Archive archive;
     archive.add("0", {0644, 0, 0, {0, 0}}, std::string(size, 'x'));
     EXPECT_EQ(archive.finish().size() % 512, 0U) << size;
   }
 }
 
 TEST(RecordsTest, TreeNamesAreUnescaped) {
-  const auto tree =
-      runel::parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
+  const auto tree = parseTree("l 0777 0 0 0 5 a\\x0ab -> \\x5cx\n- 0644 1 2 3 4 plain name\n");
   ASSERT_TRUE(tree);
   EXPECT_EQ((*tree)[0].path, "a\nb");
   EXPECT_EQ((*tree)[0].target, "\\x");
@@ -100,27 +98,27 @@ TEST(RecordsTest, TreeNamesAreUnescaped) {
 TEST(RecordsTest, MalformedTextIsRejected) {
   for (const char* text : {"x", "- 0644 1 2 3 4 \n", "- 0644 1 2 3 4 a", "l 0777 0 0 0 5 a\n",
                            "- 0644 1 2 3 4 a\\q\n", "- 0644 1 2 3 x a\n"}) {
-    EXPECT_FALSE(runel::parseTree(text)) << text;
+    EXPECT_FALSE(parseTree(text)) << text;
   }
   for (const char* text : {"", "StringVec", "StringVec 1\n", "StringVec 1\n5:a\n", "StringVec 0\nx",
                            "StringVec 99999999999999\n"}) {
-    EXPECT_FALSE(runel::parseNames(text)) << text;
+    EXPECT_FALSE(parseNames(text)) << text;
   }
-  EXPECT_FALSE(runel::parseStat("dev=1"));
+  EXPECT_FALSE(parseStat("dev=1"));
 }
 
 TEST(RecordsTest, NamesMayHoldAnyByte) {
-  EXPECT_EQ(runel::parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
+  EXPECT_EQ(parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
 }
 
 TEST(RecordsTest, PathsAreSplitAndJoined) {
-  EXPECT_EQ(runel::baseName("/a/b/"), "b");
-  EXPECT_EQ(runel::baseName("/"), "/");
-  EXPECT_EQ(runel::directoryOf("/a/b"), "/a");
-  EXPECT_EQ(runel::directoryOf("/a"), "/");
-  EXPECT_EQ(runel::directoryOf("a"), ".");
-  EXPECT_EQ(runel::joinPath("/a", "b"), "/a/b");
-  EXPECT_EQ(runel::joinPath("/a", "/b"), "/b");
+  EXPECT_EQ(baseName("/a/b/"), "b");
+  EXPECT_EQ(baseName("/"), "/");
+  EXPECT_EQ(directoryOf("/a/b"), "/a");
+  EXPECT_EQ(directoryOf("/a"), "/");
+  EXPECT_EQ(directoryOf("a"), ".");
+  EXPECT_EQ(joinPath("/a", "b"), "/a/b");
+  EXPECT_EQ(joinPath("/a", "/b"), "/b");
 }
 
 TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
@@ -131,42 +129,11 @@ TEST(ChecksumsTest, AreParsedForNamesWithNewlines) {
   EXPECT_FALSE(parseChecksums("sha256sum: x: No such file\n", 1));
 }
 
-TEST(ReplyTest, HasTheExitStatusOfAShell) {
-  const auto status = [](runel::Status type, runel::ProgramState state, int result, int error,
-                         int signal) {
-    std::string record = "SlaveTask 0 0 0:";
-    for (const int field :
-         {static_cast<int>(type), static_cast<int>(state), result, error, signal}) {
-      record += " " + std::to_string(field);
-    }
-    return exitStatusOf(runel::Reply::decode(record).value());
-  };
-  using State = runel::ProgramState;
-  EXPECT_EQ(status(runel::Status::success, State::none, 0, 0, 0), 0);
-  EXPECT_EQ(status(runel::Status::failure, State::exited, 42, 0, 0), 42);
-  EXPECT_EQ(status(runel::Status::failure, State::signalled, -1, 0, 9), 137);
-  EXPECT_EQ(status(runel::Status::timeout, State::timedOut, -1, 110, 15), 124);
-  EXPECT_EQ(status(runel::Status::failure, State::none, 1, 2, 0), 1);
-}
-
-TEST(ErrorTest, HasAPlaceAndIsTransientOrNot) {
-  const auto about = [](Fault fault) {
-    const Error error{fault, "", "", 0};
-    return std::string(error.where()) + (error.transient ? " yes" : " no");
-  };
-  EXPECT_EQ(about(Fault::unreachable), "link yes");
-  EXPECT_EQ(about(Fault::lost), "link yes");
-  EXPECT_EQ(about(Fault::protocol), "link no");
-  EXPECT_EQ(about(Fault::task), "device no");
-  EXPECT_EQ(about(Fault::program), "program no");
-  EXPECT_EQ(about(Fault::local), "local no");
-}
-
 TEST(PeerGuessTest, IgnoresFramesAndRecognizesSsh) {
-  EXPECT_EQ(runel::guessPeer("\x01"), "");
-  EXPECT_EQ(runel::guessPeer(" \r\n\x01"), "");
-  EXPECT_EQ(runel::guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");
+  EXPECT_EQ(guessPeer("\x01"), "");
+  EXPECT_EQ(guessPeer(" \r\n\x01"), "");
+  EXPECT_EQ(guessPeer("SSH-2.0"), "the peer is not runeld: it looks like an SSH server");
 }
 
 }  // namespace
-}  // namespace runelctl
+}  // namespace runel

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files of this host: reads the sources of a push, writes the targets of a pull.
+#ifndef RUNEL_TRANSFER_LOCAL_FILE_H_
+#define RUNEL_TRANSFER_LOCAL_FILE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <runel/error.h>
+#include <runel/records.h>
+
+#include "base/unique_fd.h"
+
+namespace runel {
+
+[[nodiscard]] Timestamp timestampOf(const timespec& time);
+
+/// Reads a local file and detects changes by others during reading.
+class LocalReader {
+ public:
+  [[nodiscard]] std::optional<Error> open(const std::string& path);
+  void close() { file_.reset(); }
+  /// Reads @p count bytes from @p offset. An earlier end of file is an error: the file has changed.
+  [[nodiscard]] std::optional<Error> read(std::uint64_t offset, std::size_t count,
+                                          std::string& bytes) const;
+  /// The error to report if size or time differ from those at `open`.
+  [[nodiscard]] std::optional<Error> changed() const;
+  [[nodiscard]] std::uint64_t size() const { return size_; }
+
+ private:
+  std::string path_;
+  zell::UniqueFd file_;
+  std::uint64_t size_ = 0;
+  Timestamp mtime_;
+};
+
+/// Reads all of the local file @p path, at most @p most bytes. Fails if it changes meanwhile.
+[[nodiscard]] std::optional<Error> readWhole(const std::string& path, std::uint64_t most,
+                                             std::string& content);
+
+/// Writes a local file under a hidden name in the directory of its target. The destructor removes
+/// an unfinished file, unless it was begun for resuming and is not empty.
+class LocalWriter {
+ public:
+  LocalWriter() = default;
+  ~LocalWriter();
+  LocalWriter(const LocalWriter&) = delete;
+  LocalWriter& operator=(const LocalWriter&) = delete;
+
+  /// Starts writing @p path. With @p resume, keeps the part that an earlier attempt left; `size` is
+  /// its size.
+  [[nodiscard]] std::optional<Error> begin(const std::string& path, bool resume);
+  [[nodiscard]] std::optional<Error> add(std::string_view bytes);
+  /// Truncates the hidden file to @p size bytes.
+  [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
+  /// Sets mode and time and renames the file to its target.
+  [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const Timestamp& mtime);
+  /// Removes the unfinished file.
+  void discard();
+  [[nodiscard]] std::uint64_t size() const { return size_; }
+  [[nodiscard]] const std::string& hiddenPath() const { return hidden_; }
+
+ private:
+  std::string path_;
+  std::string hidden_;
+  zell::UniqueFd file_;
+  bool resume_ = false;
+  std::uint64_t size_ = 0;
+};
+
+[[nodiscard]] bool isLocalDirectory(const std::string& path);
+/// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
+[[nodiscard]] std::optional<Error> makeLocalDirectory(const std::string& path);
+/// Creates the symbolic link @p path to @p target and replaces an existing file or link.
+[[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
+                                                 const std::string& target);
+/// Sets mode and time of the directory @p path.
+[[nodiscard]] std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
+                                                        const Timestamp& mtime);
+
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_LOCAL_FILE_H_

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Finds the files of a push.
+#ifndef RUNEL_TRANSFER_LOCAL_TREE_H_
+#define RUNEL_TRANSFER_LOCAL_TREE_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <runel/records.h>
+#include <runel/result.h>
+
+namespace runel {
+
+/// One file, directory or link to send.
+struct LocalEntry {
+  char type = '-';       ///< '-', 'd' or 'l'
+  std::string path;      ///< local path
+  std::string relative;  ///< relative to the source; "" for the source itself
+  std::string target;    ///< target of a symbolic link
+  std::uint32_t mode = 0;
+  std::uint64_t size = 0;
+  Timestamp mtime;
+};
+
+/// One source, with all entries below it if it is a directory. A directory precedes its entries,
+/// which are sorted by byte value.
+struct LocalSource {
+  std::string name;  ///< its last component
+  std::vector<LocalEntry> entries;
+};
+
+/// Scans @p path. Fails if it is missing, unreadable, a directory without @p recursive, or not a
+/// file or directory. Entries below a directory that are not a file, directory or link are left out
+/// and listed in @p left.
+[[nodiscard]] Result<LocalSource> scanLocal(const std::string& path, bool recursive,
+                                            std::vector<std::string>& left);
+
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_LOCAL_TREE_H_

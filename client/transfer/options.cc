@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <utility>
+
+#include <runel/transfer.h>
+
+namespace runel {
+inline namespace v1 {
+namespace {
+
+constexpr std::size_t kDefaultMemory = 33554432;
+
+}  // namespace
+
+struct TransferOptions::Data {
+  bool recursive = false;
+  bool resume = true;
+  bool checksum = false;
+  bool removes = false;
+  bool intoDirectory = false;
+  std::size_t memory = kDefaultMemory;
+  std::function<void(const Progress&)> progress;
+};
+
+TransferOptions::TransferOptions() : data_(std::make_shared<Data>()) {}
+TransferOptions::TransferOptions(const TransferOptions& other) = default;
+TransferOptions& TransferOptions::operator=(const TransferOptions& other) = default;
+TransferOptions::~TransferOptions() = default;
+
+// Copies share their data until one of them changes.
+TransferOptions::Data& TransferOptions::own() {
+  if (data_.use_count() > 1) {
+    data_ = std::make_shared<Data>(*data_);
+  }
+  return *data_;
+}
+
+TransferOptions& TransferOptions::setRecursive(bool on) {
+  own().recursive = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setResume(bool on) {
+  own().resume = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setChecksum(bool on) {
+  own().checksum = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setDelete(bool on) {
+  own().removes = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setIntoDirectory(bool on) {
+  own().intoDirectory = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setMemory(std::size_t bytes) {
+  own().memory = bytes;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setProgress(std::function<void(const Progress&)> progress) {
+  own().progress = std::move(progress);
+  return *this;
+}
+
+bool TransferOptions::recursive() const {
+  return data_->recursive;
+}
+
+bool TransferOptions::resume() const {
+  return data_->resume;
+}
+
+bool TransferOptions::checksum() const {
+  return data_->checksum;
+}
+
+bool TransferOptions::removes() const {
+  return data_->removes;
+}
+
+bool TransferOptions::intoDirectory() const {
+  return data_->intoDirectory;
+}
+
+std::size_t TransferOptions::memory() const {
+  return data_->memory;
+}
+
+const std::function<void(const Progress&)>& TransferOptions::progress() const {
+  return data_->progress;
+}
+
+}  // namespace v1
+}  // namespace runel

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/transfer/pipeline.h"
+
+namespace runel {
+namespace {
+
+constexpr std::size_t kMostOnTheWay = 256;
+
+}  // namespace
+
+Pipeline::Pipeline(Ask ask, Source source, std::size_t mostBytes, std::function<void()> end)
+    : ask_(std::move(ask)),
+      source_(std::move(source)),
+      mostBytes_(mostBytes),
+      end_(std::move(end)) {}
+
+void Pipeline::fill() {
+  while (!dry_ && count_ < kMostOnTheWay && (weight_ < mostBytes_ || count_ == 0)) {
+    std::optional<Item> next = source_();
+    if (!next) {
+      dry_ = true;
+      break;
+    }
+    ++count_;
+    weight_ += next->weight;
+    ask_(next->request, [this, weight = next->weight, handle = std::move(next->handle)](
+                            const Reply& reply) { answered(weight, handle(reply)); });
+  }
+  if (dry_ && count_ == 0) {
+    const auto end = std::move(end_);
+    end();  // last, because it may destroy this object
+  }
+}
+
+void Pipeline::answered(std::size_t weight, bool more) {
+  --count_;
+  weight_ -= weight;
+  dry_ = dry_ || !more;
+  fill();
+}
+
+}  // namespace runel

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// After the contents of a pull: links and checksums.
+#include "client/transfer/checksums.h"
+#include "client/transfer/local_file.h"
+#include "client/transfer/pull/stages.h"
+
+namespace runel {
+namespace {
+
+class MakeLocalLinks : public PullStage {
+ public:
+  using PullStage::PullStage;
+
+  void start(Next next) override {
+    for (PullItem& link : work().links) {
+      if (const auto error = makeLocalLink(link.path, link.target)) {
+        work().failItem(link, *error);
+      }
+    }
+    next();
+  }
+};
+
+class CompareFetchedFiles : public PullStage {
+ public:
+  using PullStage::PullStage;
+
+  void start(Next next) override {
+    std::vector<Twin> files;
+    for (const PullItems* list : {&work().small, &work().large}) {
+      for (const PullItem& item : *list) {
+        if (work().options().checksum() && !item.failed) {
+          files.push_back(
+              {item.source, item.path, item.st.size, checksumMismatch(Kind::local, item.path)});
+        }
+      }
+    }
+    compareChecksums(work(), std::move(files), std::move(next));
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Stage> makeLocalLinks(PullWork& work) {
+  return std::make_unique<MakeLocalLinks>(work);
+}
+
+std::unique_ptr<Stage> compareFetchedFiles(PullWork& work) {
+  return std::make_unique<CompareFetchedFiles>(work);
+}
+
+}  // namespace runel

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Pull: the list of its stages.
+#include <utility>
+
+#include "client/transfer/pull/stages.h"
+#include "client/transfer/running.h"
+
+namespace runel {
+namespace {
+
+using PullStageMaker = std::unique_ptr<Stage> (*)(PullWork& work);
+
+constexpr PullStageMaker kPull[] = {
+    lookAtSources,           // "stat" of each; "walktree" of directories
+    makeLocalDirectories,    // the target too, if it is a directory
+    getDirectoryTimes,       // "stat" of each: walktree reports only whole seconds
+    fetchSmallFiles,         // "stat" and "read" of each
+    fetchLargeFiles,         // in pieces: dd for each
+    makeLocalLinks,          // last, so that no file is written through a link from the device
+    compareFetchedFiles,     // sha256sum, if requested
+    finishLocalDirectories,  // modes and times, which new entries would change
+};
+
+}  // namespace
+
+inline namespace v1 {
+
+std::unique_ptr<AsyncTransfer> AsyncTransfer::pull(AsyncDevice& device,
+                                                   const std::vector<std::string>& sources,
+                                                   const std::string& target,
+                                                   const TransferOptions& options, Done done) {
+  auto work = std::make_unique<PullWork>(device, sources, target, options, std::move(done));
+  Stages stages;
+  for (const PullStageMaker make : kPull) {
+    stages.push_back(make(*work));
+  }
+  return Data::start(std::move(work), std::move(stages));
+}
+
+}  // namespace v1
+}  // namespace runel

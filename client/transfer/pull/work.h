@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the stages of a pull share.
+#ifndef RUNEL_TRANSFER_PULL_WORK_H_
+#define RUNEL_TRANSFER_PULL_WORK_H_
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/transfer/stage.h"
+#include "client/transfer/work.h"
+
+namespace runel {
+
+/// One file, directory or link to create on this host.
+struct PullItem {
+  std::string source;  ///< path on the device
+  std::string path;    ///< local path
+  Stat st;
+  bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
+  bool failed = false;
+  std::string target;  ///< target of a symbolic link
+};
+
+using PullItems = std::vector<PullItem>;
+
+/// Filled by the first stage, worked off by the others.
+struct RUNEL_LOCAL PullWork : public TransferWork {
+  PullWork(AsyncDevice& device, std::vector<std::string> from, std::string to,
+           const TransferOptions& options, AsyncTransfer::Done done);
+
+  void failItem(PullItem& item, const Error& error);
+  /// Takes the answer to "stat" of @p item.
+  static void takeStat(PullItem& item, const Reply& reply);
+
+  const std::vector<std::string> sources;
+  const std::string root;  ///< the local target
+  const bool into;         ///< each source gets a name in `root`
+  PullItems directories, links, small, large;
+};
+
+using PullStage = StageOf<PullWork>;
+
+/// The error for a file on the device that somebody changed during the transfer.
+[[nodiscard]] Error changedThere(const PullItem& item);
+
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_PULL_WORK_H_

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+// Chooses the path of each entry on the device.
+#include "client/core/paths.h"
+#include "client/transfer/push/stages.h"
+
+namespace runel {
+namespace {
+
+class FindTarget : public PushStage {
+ public:
+  FindTarget(PushWork& work, bool sync) : PushStage(work), sync_(sync) {}
+
+  void start(Next next) override {
+    work().ask(Request({"stat", work().root}), [this, next = std::move(next)](const Reply& reply) {
+      place(statIn(reply));
+      next();
+    });
+  }
+
+ private:
+  // Like cp(1): several sources, a trailing slash or an existing directory mean "copy into".
+  void place(const std::optional<Stat>& there) {
+    const std::string& root = work().root;
+    const bool directory =
+        (there && there->isDirectory()) || (root.size() > 1 && root.back() == '/');
+    const bool into = !sync_ && (directory || work().files().size() > 1);
+    for (const std::string& skipped : work().sources.skipped()) {
+      work().warn(skipped);
+    }
+    if (into && !there) {
+      static const LocalEntry kPlain{'d', "", "", "", 0755, 0, {}};
+      work().directories.push_back({&kPlain, root, false, true, std::nullopt});
+    }
+    for (const LocalSource& source : work().files()) {
+      add(source, into ? joinPath(root, source.name) : root);
+    }
+  }
+
+  void add(const LocalSource& source, const std::string& base) {
+    for (const LocalEntry& entry : source.entries) {
+      listFor(entry).push_back({&entry,
+                                entry.relative.empty() ? base : joinPath(base, entry.relative),
+                                false, false, std::nullopt});
+      work().expect(entry.size);
+    }
+  }
+
+  PushItems& listFor(const LocalEntry& entry) const {
+    if (entry.type == 'd') {
+      return work().directories;
+    }
+    if (entry.type == 'l') {
+      return work().links;
+    }
+    return entry.size > work().pieceBytes() ? work().large : work().small;
+  }
+
+  const bool sync_;
+};
+
+}  // namespace
+
+std::unique_ptr<Stage> findPushTarget(PushWork& work) {
+  return std::make_unique<FindTarget>(work, false);
+}
+
+std::unique_ptr<Stage> findSyncTarget(PushWork& work) {
+  return std::make_unique<FindTarget>(work, true);
+}
+
+}  // namespace runel

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the stages of a push or sync share.
+#ifndef RUNEL_TRANSFER_PUSH_WORK_H_
+#define RUNEL_TRANSFER_PUSH_WORK_H_
+
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/transfer/stage.h"
+#include "client/transfer/work.h"
+
+namespace runel {
+
+/// One file, directory or link to create on the device.
+struct PushItem {
+  const LocalEntry* entry;
+  std::string target;  ///< path on the device
+  bool failed = false;
+  bool complete = false;      ///< mode and time are set too
+  std::optional<Stat> there;  ///< the existing target
+};
+
+using PushItems = std::vector<PushItem>;
+
+/// Filled by the first stages, worked off by the others.
+struct RUNEL_LOCAL PushWork : public TransferWork {
+  PushWork(AsyncDevice& device, PushSources from, std::string to, const TransferOptions& options,
+           AsyncTransfer::Done done)
+      : TransferWork(device, options, std::move(done)),
+        sources(std::move(from)),
+        root(std::move(to)) {}
+
+  [[nodiscard]] const std::vector<LocalSource>& files() const { return filesOf(sources); }
+  /// The files that did not fail.
+  [[nodiscard]] std::vector<PushItem*> sentFiles();
+  void failItem(PushItem& item, const Error& error);
+
+  const PushSources sources;
+  const std::string root;  ///< the target, as the caller gave it
+  PushItems directories, links, small, large;
+  std::set<std::string> newDirectories;  ///< missing on the device at the beginning
+  /// For a sync: the equal files and directories whose mode differs, and whether the entries of any
+  /// directory change.
+  PushItems modeOnly;
+  bool directoriesChange = true;
+  std::vector<std::string> others;  ///< for a sync: to remove, relative to the target
+};
+
+using PushStage = StageOf<PushWork>;
+
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_PUSH_WORK_H_

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the stages of one transfer share.
+#ifndef RUNEL_TRANSFER_WORK_H_
+#define RUNEL_TRANSFER_WORK_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <runel/export.h>
+#include <runel/transfer.h>
+
+#include "client/transfer/local_tree.h"
+#include "client/transfer/pipeline.h"
+
+namespace runel {
+inline namespace v1 {
+
+struct PushSources::Data {
+  std::vector<LocalSource> sources;
+  std::vector<std::string> skipped;
+};
+
+struct TransferReport::Data {
+  std::optional<Error> error;
+  std::vector<std::string> warnings;
+  bool partial = false;
+  bool complete = false;
+  std::size_t files = 0;
+  std::uint64_t bytes = 0;
+  std::size_t removed = 0;
+  std::optional<std::uint64_t> resumedAt;
+};
+
+/// The device and the options of one transfer, and what it has done. After its end it sends no
+/// requests and calls no handlers; the same applies to its destruction.
+class RUNEL_LOCAL TransferWork {
+ public:
+  using Answer = std::function<void(const Reply& reply)>;
+
+  /// @p device outlives the transfer.
+  TransferWork(AsyncDevice& device, const TransferOptions& options, AsyncTransfer::Done done);
+  virtual ~TransferWork() = default;
+  TransferWork(const TransferWork&) = delete;
+  TransferWork& operator=(const TransferWork&) = delete;
+
+  [[nodiscard]] const TransferOptions& options() const { return options_; }
+  /// The size of a piece of a large file, in bytes: a multiple of `kPieceBlock`.
+  [[nodiscard]] std::size_t pieceBytes() const;
+
+  /// Sends @p request and calls @p answer with the device's reply, later. If the connection is
+  /// lost, the transfer ends instead.
+  void ask(const Request& request, Answer answer);
+  /// Sends a request whose reply makes no difference.
+  void tell(const Request& request);
+  /// Sends the requests of @p source, then calls @p next. One at a time.
+  void pipe(Pipeline::Source source, std::function<void()> next);
+
+  /// Records the failure of one file: the first one is the error of the transfer, the others are
+  /// warnings.
+  void fail(const Error& error);
+  /// Adds a warning about what was skipped on purpose.
+  void warn(const std::string& text);
+  /// Adds a warning about what could not be done, unless it was added before.
+  void warnOnce(const std::string& text);
+
+  /// Adds @p bytes to the total of the progress.
+  void expect(std::uint64_t bytes) { expected_ += bytes; }
+  /// Adds @p bytes of the file @p name to the progress and to the transferred bytes.
+  void count(std::uint64_t bytes, const std::string& name);
+  /// Adds @p bytes to the progress only: the device has them.
+  void skip(std::uint64_t bytes, const std::string& name);
+  void fileDone() { ++done_.files; }
+  void removed(std::size_t entries) { done_.removed += entries; }
+  /// Where the transfer of the current file continues; nothing if it starts again.
+  void resumedAt(std::optional<std::uint64_t> offset) { done_.resumedAt = offset; }
+
+  /// From now on a transfer that ends early leaves files on the device, which @p remove removes;
+  /// nothing: it leaves none.
+  void leaves(std::optional<Request> remove) { leftover_ = std::move(remove); }
+  [[nodiscard]] const std::optional<Request>& leftover() const { return leftover_; }
+
+  /// Ends the transfer early.
+  void end(const Error& error);
+  /// Ends the transfer after its last stage.
+  void finish();
+  /// What was done so far.
+  [[nodiscard]] TransferReport report() const;
+
+ protected:
+  /// The files of @p sources.
+  [[nodiscard]] static const std::vector<LocalSource>& filesOf(const PushSources& sources) {
+    return sources.data_->sources;
+  }
+
+ private:
+  void callDone();
+
+  AsyncDevice& device_;
+  const TransferOptions options_;
+  AsyncTransfer::Done callback_;
+  std::unique_ptr<Pipeline> pipeline_;
+  TransferReport::Data done_;
+  std::set<std::string> warned_;
+  std::uint64_t expected_ = 0;
+  std::uint64_t progressed_ = 0;
+  std::optional<Request> leftover_;
+  bool reached_ = false;  // the device has answered a request
+  bool ended_ = false;
+  const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace v1
+
+/// The record in the reply to "stat" or "lstat". Empty for a failure and for malformed text.
+[[nodiscard]] std::optional<Stat> statIn(const Reply& reply);
+/// The error for an answer to "walktree" that cannot be parsed.
+[[nodiscard]] Error malformedTree();
+
+}  // namespace runel
+
+#endif  // RUNEL_TRANSFER_WORK_H_

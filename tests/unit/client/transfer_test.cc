@@ -1,0 +1,396 @@
+// SPDX-License-Identifier: Apache-2.0
+// Push, sync and pull against a device with prepared answers.
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <runel/transfer.h>
+
+#include "client/core/sha256.h"
+#include "client/transfer/hidden_paths.h"
+#include "drivers.h"
+#include "support/temp_dir.h"
+#include "unit/client/prepared_device.h"
+
+namespace runel {
+namespace {
+
+using Strings = std::vector<std::string>;
+using zell::test::contentOf;
+
+constexpr std::size_t kBlock = 65536;
+
+std::string sumLine(const std::string& content) {
+  Sha256 hash;
+  hash.add(content);
+  return hash.finish() + "  name\n";
+}
+
+// The part of the target /t/b.
+const char* partOfB() {
+  static const std::string path = partPath("/t/b");
+  return path.c_str();
+}
+
+class TransferTest : public ::testing::Test {
+ protected:
+  TransferTest() { options.setMemory(2 * kBlock); }
+
+  std::string file(const std::string& name, const std::string& content) {
+    const std::string path = here.write(name, content);
+    const timespec times[2] = {{7, 8}, {7, 8}};
+    EXPECT_EQ(chmod(path.c_str(), 0644) + utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    return path;
+  }
+  AsyncTransfer::Done keep() {
+    return [this](const TransferReport& done) {
+      EXPECT_FALSE(report);
+      report = done;
+    };
+  }
+  void push(const Strings& paths, const std::string& target) {
+    transfer = AsyncTransfer::push(device.client(), *PushSources::scan(paths, true), target,
+                                   options, keep());
+  }
+  void pull(const std::string& source, const std::string& target) {
+    transfer = AsyncTransfer::pull(device.client(), {source}, target, options, keep());
+  }
+  void runUntil(const test::Done& done) { ASSERT_TRUE(test::runUntil(loop, done)); }
+  void finish() {
+    runUntil([this] { return report.has_value(); });
+  }
+
+  zell::test::TempDir here;
+  Loop loop;
+  PreparedDevice device{loop};
+  TransferOptions options;
+  std::optional<TransferReport> report;
+  std::unique_ptr<AsyncTransfer> transfer;
+};
+
+class PushTest : public TransferTest {
+ protected:
+  // A file of three pieces, and the device's answers to a push of it.
+  std::string largeFile() {
+    content = std::string(kBlock, 'x') + std::string(kBlock, 'y') + "end";
+    const std::string path = file("b", content);
+    device.succeed(std::string("stat ") + partOfB(),
+                   PreparedDevice::stat("0100600", content.size()));
+    return path;
+  }
+  std::string content;
+};
+
+TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
+  options.setResume(false);
+  const std::string part = partOfB();
+  push({file("a", "hello"), largeFile()}, "/t");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->files(), 2U);
+  EXPECT_EQ(report->bytes(), 2 * kBlock + 8);
+  EXPECT_EQ(device.requests(), (Strings{
+                                   "stat /t",
+                                   "fileexists /t",
+                                   "exec mkdir -p -- /t",
+                                   "write /t/a hello",
+                                   "write " + part + " ",
+                                   "exec chmod 0600 -- " + part,
+                                   "append " + part + " (65536 bytes)",
+                                   "append " + part + " (65536 bytes)",
+                                   "append " + part + " end",
+                                   "stat " + part,
+                                   "exec chmod 0644 -- " + part,
+                                   "exec touch -c -d @7.000000008 -- " + part,
+                                   "rename " + part + " /t/b",
+                                   "exec chmod 0644 -- /t/a",
+                                   "exec touch -c -d @7.000000008 -- /t/a",
+                               }));
+}
+
+TEST_F(PushTest, SendsManySmallFilesAsAnArchive) {
+  Strings paths;
+  for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
+    paths.push_back(file(name, name));
+  }
+  push(paths, "/t");
+  finish();
+  EXPECT_TRUE(report->ok());
+  const std::string staging = stagingPath("/t/a");
+  EXPECT_EQ(device.count("exec tar -x -p -f " + staging + "/archive -C " + staging), 1U);
+  EXPECT_EQ(device.count("rename " + staging + "/7 /t/h"), 1U);
+  EXPECT_EQ(device.requests().back(), "exec rm -r -f -- " + staging);
+  EXPECT_EQ(report->files(), 8U);
+}
+
+TEST_F(PushTest, ContinuesAfterAPartWithTheSameContent) {
+  const std::string path = largeFile();
+  // The part has one piece at first, and the whole file at the end.
+  device.succeedOnce(std::string("stat ") + partOfB(), PreparedDevice::stat("0100600", kBlock));
+  device.succeed("exec sha256sum", sumLine(content.substr(0, kBlock)));
+  push({path}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->resumedAt(), kBlock);
+  EXPECT_EQ(report->bytes(), kBlock + 3);
+  EXPECT_EQ(device.count("append"), 2U);
+  EXPECT_EQ(device.count("write"), 0U);
+}
+
+TEST_F(PushTest, SendsAllAgainAfterAPartOfAnotherFile) {
+  const std::string path = largeFile();
+  device.succeed("exec sha256sum", sumLine("another"));
+  push({path}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_FALSE(report->resumedAt());
+  EXPECT_EQ(device.count("append"), 3U);
+}
+
+TEST_F(PushTest, GivesUpOnAPartThatAnotherClientWritesToo) {
+  const std::string path = largeFile();
+  device.succeed(std::string("stat ") + partOfB(), PreparedDevice::stat("0100600", 5));
+  push({path, file("c", "small")}, "/t");
+  finish();
+  EXPECT_TRUE(report->complete());
+  EXPECT_EQ(report->error()->cause(), Cause::incomplete);
+  EXPECT_EQ(device.count("append"), 6U) << "sent twice";
+  EXPECT_EQ(device.count(std::string("unlink ") + partOfB()), 1U);
+  EXPECT_EQ(report->files(), 1U) << "the others continue";
+}
+
+TEST_F(PushTest, EndsWhenTheConnectionIsLost) {
+  const std::string path = largeFile();
+  device.hangUpAt("append");
+  push({path}, "/t/b");
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_EQ(report->error()->kind(), Kind::link);
+  EXPECT_EQ(report->error()->outcome(), Outcome::unknown);
+  EXPECT_EQ(device.count("append"), 1U);
+}
+
+TEST_F(PushTest, IsNotSentWhenTheDeviceCannotBeReached) {
+  AsyncDevice unreachable(loop, Address("127.0.0.1", 9));
+  transfer = AsyncTransfer::push(unreachable, *PushSources::scan({file("a", "1")}, false), "/t",
+                                 options, keep());
+  EXPECT_FALSE(report) << "never within the call";
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_EQ(report->error()->outcome(), Outcome::notSent);
+}
+
+TEST_F(PushTest, ReportsAChecksumThatDiffers) {
+  options.setChecksum(true);
+  device.succeed("exec sha256sum", sumLine("one") + sumLine("another"));
+  push({file("a", "one"), file("b", "two")}, "/t");
+  finish();
+  EXPECT_TRUE(report->complete());
+  EXPECT_FALSE(report->ok());
+  EXPECT_EQ(report->error()->cause(), Cause::checksum);
+  EXPECT_EQ(report->error()->text(), "/t/b: checksum mismatch");
+}
+
+TEST_F(PushTest, ReportsTheFirstFailureAsItsErrorAndTheOthersAsWarnings) {
+  device.fail("write", EACCES);
+  push({file("a", "1"), file("b", "2")}, "/t");
+  finish();
+  EXPECT_EQ(report->error()->text(), "/t/a: Permission denied");
+  EXPECT_EQ(report->error()->outcome(), Outcome::answered);
+  EXPECT_EQ(report->warnings(), Strings{"/t/b: Permission denied"});
+  EXPECT_FALSE(report->partial());
+}
+
+TEST_F(PushTest, IsPartialWithoutModes) {
+  device.fail("exec chmod", ENOENT);
+  push({file("a", "1")}, "/t/a");
+  finish();
+  EXPECT_FALSE(report->error());
+  EXPECT_TRUE(report->partial());
+  EXPECT_EQ(report->warnings(), Strings{"modes not preserved: chmod: No such file or directory"});
+}
+
+TEST_F(PushTest, RemovesWhatAnUnfinishedTransferHasLeft) {
+  options.setResume(false);
+  std::optional<Request> cleanUp;
+  device.onRequest("append", [&] { cleanUp = transfer->cleanUp(); });
+  push({largeFile()}, "/t/b");
+  EXPECT_FALSE(transfer->cleanUp());
+  finish();
+  ASSERT_TRUE(cleanUp);
+  EXPECT_EQ(cleanUp->words(), (Strings{"unlink", partOfB()}));
+  EXPECT_FALSE(transfer->cleanUp());
+}
+
+TEST_F(PushTest, KeepsAPartForResuming) {
+  std::optional<Request> cleanUp = Request({"none"});
+  device.onRequest("append", [&] { cleanUp = transfer->cleanUp(); });
+  push({largeFile()}, "/t/b");
+  finish();
+  EXPECT_FALSE(cleanUp);
+}
+
+TEST_F(PushTest, MayBeDestroyedWhileRequestsArePending) {
+  device.onRequest("append", [this] { transfer.reset(); });
+  push({largeFile()}, "/t/b");
+  runUntil([this] { return !transfer && device.client().pending() == 0; });
+  EXPECT_FALSE(report);
+  EXPECT_EQ(device.count("rename"), 0U);
+}
+
+TEST_F(PushTest, MayBeDestroyedByItsHandler) {
+  bool done = false;
+  transfer = AsyncTransfer::push(device.client(), *PushSources::scan({file("a", "1")}, false), "/t",
+                                 options, [&](const TransferReport&) {
+                                   transfer.reset();
+                                   done = true;
+                                 });
+  runUntil([&] { return done; });
+}
+
+TEST_F(TransferTest, SyncSendsOnlyDifferences) {
+  options.setDelete(true);
+  EXPECT_EQ(mkdir(here.file("tree").c_str(), 0755), 0);
+  file("tree/new", "new");
+  file("tree/same", "same");
+  device.succeed(
+      "walktree /t/.",
+      "d 0755 0 0 0 0 .\n- 0644 0 0 4 7 same\nd 0755 0 0 0 0 old\n- 0644 0 0 4 7 old/x\n");
+  transfer = AsyncTransfer::sync(device.client(), *PushSources::scan({here.file("tree")}, true),
+                                 "/t", options, keep());
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->removed(), 1U);
+  EXPECT_EQ(device.count("exec rm -r -f -- /t/old"), 1U);
+  EXPECT_EQ(device.count("write"), 1U);
+  EXPECT_EQ(device.count("write /t/new new"), 1U);
+}
+
+TEST_F(TransferTest, SyncEndsWithoutTheTreeOfTheDevice) {
+  device.fail("walktree", EACCES);
+  transfer = AsyncTransfer::sync(device.client(), *PushSources::scan({here.path()}, true), "/t",
+                                 options, keep());
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_EQ(report->error()->number(), EACCES);
+  EXPECT_EQ(device.requests().size(), 2U);
+}
+
+TEST_F(TransferTest, PullSkipsAPathThatLeadsOut) {
+  options.setRecursive(true);
+  device.succeed("stat /s", PreparedDevice::stat("0040755", 0));
+  device.succeed("walktree /s/.",
+                 "d 0755 0 0 0 0 .\n- 0644 0 0 4 7 ../evil\n- 0644 0 0 4 7 /evil\n");
+  pull("/s", here.file("copy"));
+  finish();
+  EXPECT_FALSE(report->error());
+  EXPECT_EQ(report->warnings(), (Strings{"/s/../evil: skipped, its path leads out of the directory",
+                                         "/evil: skipped, its path leads out of the directory"}));
+  EXPECT_EQ(device.count("read"), 0U);
+}
+
+TEST_F(TransferTest, PullWritesASmallFileWithModeAndTime) {
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 5));
+  device.succeed("read /a", "hello");
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_TRUE(report->ok());
+  struct stat st {};
+  EXPECT_EQ(stat(here.file("copy").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode, 0100640U);
+  EXPECT_EQ(st.st_mtim.tv_sec, 5);
+  EXPECT_EQ(contentOf(here.file("copy")), "hello");
+}
+
+// dd skips whole blocks.
+TEST_F(TransferTest, PullAsksForPiecesOfWholeBlocks) {
+  options.setMemory(5 * kBlock + 4);
+  const std::string dd =
+      "exec /bin/sh -c exec dd if=\"$0\" bs=$1 skip=$2 count=$3 2>/dev/null /a 65536 ";
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 2 * kBlock + 9));
+  device.succeed(dd + "0 2", std::string(2 * kBlock, 'x'));
+  device.succeed(dd + "2 1", std::string(9, 'y'));
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(contentOf(here.file("copy")), std::string(2 * kBlock, 'x') + std::string(9, 'y'));
+}
+
+TEST_F(TransferTest, PullContinuesAfterItsPart) {
+  const std::string begin(kBlock, 'x');
+  here.write(partPath("copy"), begin + "a torn block");
+  device.succeed("stat /a", PreparedDevice::stat("0100640", kBlock + 9));
+  device.succeed("exec /bin/sh -c dd", sumLine(begin));
+  device.succeed("exec /bin/sh -c exec dd", std::string(9, 'y'));
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->resumedAt(), kBlock);
+  EXPECT_EQ(report->bytes(), 9U);
+  EXPECT_EQ(contentOf(here.file("copy")), begin + std::string(9, 'y'));
+}
+
+TEST_F(TransferTest, PullDoesNotTouchThisHostBeforeTheDeviceAnswers) {
+  device.hangUpAt("stat");
+  options.setIntoDirectory(true);
+  pull("/a", here.file("new"));
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_NE(access(here.file("new").c_str(), F_OK), 0);
+}
+
+TEST_F(TransferTest, ProgressReachesTheTotal) {
+  std::vector<std::uint64_t> seen;
+  options.setProgress([&](const Progress& progress) {
+    EXPECT_EQ(progress.total, 3U);
+    seen.push_back(progress.done);
+  });
+  push({file("a", "1"), file("b", "22")}, "/t");
+  finish();
+  EXPECT_EQ(seen, (std::vector<std::uint64_t>{1, 3}));
+}
+
+TEST(TransferOptionsTest, CopiesHaveTheirOwnSettings) {
+  TransferOptions first;
+  TransferOptions second = first;
+  second.setResume(false).setMemory(5);
+  EXPECT_TRUE(first.resume());
+  EXPECT_EQ(first.memory(), 33554432U);
+  first = second;
+  first.setMemory(6);
+  EXPECT_EQ(second.memory(), 5U);
+  EXPECT_FALSE(first.resume());
+}
+
+TEST(PushSourcesTest, CountsWhatItFinds) {
+  const zell::test::TempDir here;
+  here.write("a", "12345");
+  EXPECT_EQ(mkfifo(here.file("fifo").c_str(), 0600) + symlink("a", here.file("l").c_str()), 0);
+  const auto sources = PushSources::scan({here.path()}, true);
+  ASSERT_TRUE(sources);
+  EXPECT_EQ(sources->files(), 1U);
+  EXPECT_EQ(sources->directories(), 1U);
+  EXPECT_EQ(sources->links(), 1U);
+  EXPECT_EQ(sources->bytes(), 5U);
+  EXPECT_EQ(sources->skipped(),
+            Strings{here.file("fifo") + ": skipped, not a file, directory or link"});
+}
+
+TEST(PushSourcesTest, NeedsAnOptionForDirectories) {
+  const zell::test::TempDir here;
+  const auto sources = PushSources::scan({here.path()}, false);
+  ASSERT_FALSE(sources);
+  EXPECT_EQ(sources.error().cause(), Cause::directory);
+  EXPECT_EQ(sources.error().kind(), Kind::local);
+  EXPECT_EQ(PushSources::scan({here.file("none")}, true).error().number(), ENOENT);
+}
+
+}  // namespace
+}  // namespace runel

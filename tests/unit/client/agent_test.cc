@@ -256,6 +256,18 @@ TEST(BlockingAgentTest, ConnectsAgainAfterTheEnd) {
   EXPECT_EQ(daemon.came, "<b/>\r\n");
 }
 
+TEST(BlockingAgentTest, SendsOnANewConnectionAfterTheEndOfAnIdleOne) {
+  AgentPort daemon;
+  Agent agent(daemon.text());
+  ASSERT_TRUE(agent.send("<a/>"));
+  daemon.serve();
+  daemon.agent.reset();
+  daemon.came.clear();
+  ASSERT_TRUE(agent.send("<b/>"));
+  daemon.serve();
+  EXPECT_EQ(daemon.came, "<b/>\r\n");
+}
+
 TEST(BlockingAgentTest, SendingHasATimeout) {
   const AgentPort daemon;
   Agent agent(daemon.text(), Milliseconds(100));

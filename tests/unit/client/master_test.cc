@@ -395,7 +395,9 @@ TEST_F(MasterTest, NameOfTwoDevicesSelectsNeither) {
   EXPECT_EQ(master->find("same").size(), 2U);
   const std::string why = "2 devices are named same: select one by ADDRESS:PORT";
   EXPECT_EQ(ask("same", Request({"read", "/"})).error().text(), why);
-  EXPECT_EQ(master->attach("same", {}).error().text(), why);
+  const auto user = master->attach("same", {});
+  ASSERT_FALSE(user);
+  EXPECT_EQ(user.error().text(), why);
   EXPECT_EQ(ask("127.0.0.3", Request({"read", "/"})).output(), "second");
 }
 

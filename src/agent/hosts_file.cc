@@ -13,6 +13,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "base/file_mode.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
 
@@ -24,7 +25,6 @@ constexpr char kMasterAlias[] = "update-master";
 
 constexpr mode_t kFillingMode = 0600;  // the old file may be readable only by its owner
 constexpr mode_t kNewFileMode = 0644;
-constexpr mode_t kPermissionBits = 07777;
 
 struct CloseStream {
   void operator()(std::FILE* stream) const { (void)std::fclose(stream); }

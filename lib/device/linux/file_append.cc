@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/durable_rename.h"
 #include "base/unique_fd.h"
 #include "device/linux/file_io.h"
 #include "device/linux/file_place.h"

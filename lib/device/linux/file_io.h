@@ -7,12 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include <sys/types.h>
-
 namespace zell {
-
-/// The permission bits of a file's mode, with the set-id bits and the sticky bit.
-constexpr mode_t kPermissionBits = 07777;
 
 /// Reads the whole content of @p path into @p text, to its end for any announced size. Never waits
 /// for data: reading ends where no data is available now (a FIFO without a writer). Returns 0 or an

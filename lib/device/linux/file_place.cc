@@ -56,9 +56,4 @@ int findPlace(const std::string& path, FilePlace& place) {
   return ELOOP;  // GCOVR_EXCL_LINE
 }
 
-int syncDirectory(int fd) {
-  // EINVAL: the file system cannot sync directories. That is not an error here.
-  return fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
-}
-
 }  // namespace zell

@@ -20,9 +20,6 @@ struct FilePlace {
 /// 0 or an errno value; EISDIR when the path can only name a directory.
 [[nodiscard]] int findPlace(const std::string& path, FilePlace& place);
 
-/// Syncs the directory @p fd with all its entries to disk. Returns 0 or an errno value.
-[[nodiscard]] int syncDirectory(int fd);
-
 }  // namespace zell
 
 #endif  // ZELL_DEVICE_LINUX_FILE_PLACE_H_

@@ -45,10 +45,8 @@ Attempt replaceAt(const FilePlace& place, const struct stat* old, std::string_vi
   if (const int error = replacement.fill(data)) {
     return {error, false};
   }
-  if (const int error = replacement.move()) {
-    return {error, error == EBUSY};
-  }
-  return {syncDirectory(place.directory.get()), false};
+  const RenameResult moved = replacement.move();
+  return {moved.error, moved.step == RenameStep::rename && moved.error == EBUSY};
 }
 
 // @p old is null when the file does not exist yet.

@@ -13,6 +13,7 @@
 #include <zell/file_tree_walker.h>
 #include <zell/slave_task.h>
 
+#include "base/file_mode.h"
 #include "base/system.h"
 #include "device/linux/directory_names.h"
 #include "device/linux/file_io.h"

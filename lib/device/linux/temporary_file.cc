@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/file_mode.h"
 #include "device/linux/file_io.h"
 
 namespace zell {
@@ -76,23 +77,15 @@ int TemporaryFile::make(const struct stat* old) {
 }
 
 int TemporaryFile::fill(std::string_view data) {
-  if (const int error = writeAll(file_.get(), data)) {
-    return error;
-  }
-  if (fsync(file_.get()) != 0) {
-    return errno;
-  }
-  // Some file systems report a failed write only on close.
-  return ::close(file_.release()) == 0 || errno == EINTR ? 0 : errno;
+  return writeAll(file_.get(), data);
 }
 
-int TemporaryFile::move() {
-  const int directory = place_.directory.get();
-  if (renameat(directory, name_.c_str(), directory, place_.name.c_str()) != 0) {
-    return errno;
+RenameResult TemporaryFile::move() {
+  const RenameResult result = renameDurably(file_, place_.directory.get(), name_, place_.name);
+  if (result.renamed()) {
+    name_.clear();
   }
-  name_.clear();
-  return 0;
+  return result;
 }
 
 }  // namespace zell

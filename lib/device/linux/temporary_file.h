@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/durable_rename.h"
 #include "base/unique_fd.h"
 #include "device/linux/file_place.h"
 
@@ -26,11 +27,10 @@ class TemporaryFile {
   /// Creates the file with the permission bits and the owner of @p old, or as a new file (0666 less
   /// the umask) when @p old is null. Returns 0 or an errno value.
   [[nodiscard]] int make(const struct stat* old);
-  /// Writes all of @p data and syncs it to disk. Returns 0 or an errno value.
+  /// Writes all of @p data. Returns 0 or an errno value.
   [[nodiscard]] int fill(std::string_view data);
-  /// Renames the file to the place's name. The caller syncs the directory. Returns 0 or an errno
-  /// value.
-  [[nodiscard]] int move();
+  /// Renames the file to the place's name, on disk when it returns.
+  [[nodiscard]] RenameResult move();
 
  private:
   int open(int mode);

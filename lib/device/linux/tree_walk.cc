@@ -12,8 +12,8 @@
 
 #include <zell/slave_task.h>
 
+#include "base/file_mode.h"
 #include "device/linux/directory_names.h"
-#include "device/linux/file_io.h"
 #include "device/linux/paths.h"
 #include "protocol/protocol.h"
 
@@ -21,25 +21,6 @@ namespace zell {
 namespace {
 
 constexpr std::size_t kOpenLevels = 30;
-
-char typeLetter(mode_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFDIR:
-      return 'd';
-    case S_IFLNK:
-      return 'l';
-    case S_IFCHR:
-      return 'c';
-    case S_IFBLK:
-      return 'b';
-    case S_IFIFO:
-      return 'p';
-    case S_IFSOCK:
-      return 's';
-    default:
-      return '-';
-  }
-}
 
 template <typename Number>
 void addNumber(std::string& out, Number number) {

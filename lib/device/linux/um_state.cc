@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "base/unique_fd.h"
+#include "base/durable_rename.h"
 #include "device/linux/file_io.h"
 #include "device/linux/file_place.h"
 

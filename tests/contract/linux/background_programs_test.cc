@@ -14,8 +14,8 @@
 #include <zell/led_control.h>
 
 #include "contract/linux/proxy_test.h"
-#include "contract/linux/spied_calls.h"
 #include "fakes/system/fake_system.h"
+#include "support/spied_calls.h"
 
 namespace zell::test {
 namespace {

@@ -16,8 +16,8 @@
 #include "contract/linux/mount.h"
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
-#include "contract/linux/spied_calls.h"
 #include "fakes/system/fake_system.h"
+#include "support/spied_calls.h"
 #include "support/temp_dir.h"
 
 namespace zell::test {

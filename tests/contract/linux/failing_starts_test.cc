@@ -9,7 +9,7 @@
 
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
-#include "contract/linux/spied_calls.h"
+#include "support/spied_calls.h"
 
 namespace zell::test {
 namespace {

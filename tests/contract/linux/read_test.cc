@@ -12,9 +12,9 @@
 #include "base/unique_fd.h"
 #include "contract/linux/proxy_test.h"
 #include "contract/linux/refused_calls.h"
-#include "contract/linux/spied_calls.h"
 #include "contract/linux/terminal.h"
 #include "protocol/protocol.h"
+#include "support/spied_calls.h"
 
 namespace zell::test {
 namespace {

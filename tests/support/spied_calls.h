@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Records the system calls on files and child processes, and makes them fail.
-#ifndef TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
-#define TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
+#ifndef TESTS_SUPPORT_SPIED_CALLS_H_
+#define TESTS_SUPPORT_SPIED_CALLS_H_
 
 #include <functional>
 #include <map>
@@ -54,4 +54,4 @@ class SpiedCalls {
 
 }  // namespace zell::test
 
-#endif  // TESTS_CONTRACT_LINUX_SPIED_CALLS_H_
+#endif  // TESTS_SUPPORT_SPIED_CALLS_H_

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "contract/linux/spied_calls.h"
+#include "support/spied_calls.h"
 
 #include <cerrno>
 #include <cstdarg>

@@ -3,7 +3,9 @@
 #ifndef RUNEL_BLOCKING_DEVICE_DATA_H_
 #define RUNEL_BLOCKING_DEVICE_DATA_H_
 
+#include <functional>
 #include <initializer_list>
+#include <memory>
 
 #include <runel/device.h>
 #include <runel/loop.h>
@@ -26,6 +28,10 @@ struct Device::Data {
   [[nodiscard]] Result<Reply> check(const Request& request);
   /// Whether a task has succeeded. False for failures with the errno values @p negative.
   [[nodiscard]] Result<bool> flag(const Request& request, std::initializer_list<int> negative);
+
+  /// Starts a transfer and returns its report when it has ended.
+  using Start = std::function<std::unique_ptr<AsyncTransfer>(AsyncTransfer::Done done)>;
+  [[nodiscard]] Result<TransferReport> transfer(const Start& start);
 
   Loop loop;
   Result<Address> address;

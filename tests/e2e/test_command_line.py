@@ -201,7 +201,9 @@ class DescriptorTest(EndToEndCase):
                 resource.setrlimit(resource.RLIMIT_NOFILE, (3, 3))
             done = subprocess.run([BINARY, "-h"], timeout=60, check=False, preexec_fn=leave_one_gap,
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            self.assertEqual((done.returncode, done.stdout, done.stderr), (0, USAGE, b""))
+            # A build that counts coverage cannot open its data files either, and says so.
+            errors = [line for line in done.stderr.splitlines() if not line.startswith(b"profiling:")]
+            self.assertEqual((done.returncode, done.stdout, errors), (0, USAGE, []))
 
 
 class StreamsTest(EndToEndCase):

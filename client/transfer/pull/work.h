@@ -27,7 +27,7 @@ using PullItems = std::vector<PullItem>;
 /// Filled by the first stage, worked off by the others.
 struct RUNEL_LOCAL PullWork : public TransferWork {
   PullWork(AsyncDevice& device, std::vector<std::string> from, std::string to,
-           const TransferOptions& options, AsyncTransfer::Done done);
+           const TransferOptions& how, AsyncTransfer::Done done);
 
   void failItem(PullItem& item, const Error& error);
   /// Takes the answer to "stat" of @p item.

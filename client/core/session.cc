@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/core/session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -16,14 +17,23 @@ std::string seconds(Milliseconds time) {
   return text + " s";
 }
 
+// Whether the task has not run: it was refused, or the device lacked what it needs to start it.
+bool nothingRan(const Reply& reply) {
+  if (reply.ok()) {
+    return false;
+  }
+  const Error error = reply.error();
+  return error.cause() == Cause::refused || error.transient();
+}
+
 }  // namespace
 
-void Session::add(const Request& like, ReplyHandler handler, Time now) {
+void Session::add(const Request& like, ReplyHandler handler, Time now, bool raw) {
   if (pending_.empty()) {
     lastProgress_ = now;
   }
-  pending_.push_back(
-      {std::move(handler), like.replyLimit(), like.extraTimeout(), like.answered(), std::nullopt});
+  pending_.push_back({std::move(handler), like.replyLimit(), like.extraTimeout(), like.answered(),
+                      !raw && like.repeatable(), std::nullopt});
 }
 
 void Session::queued(std::uint64_t end) {
@@ -57,13 +67,35 @@ std::optional<Error> Session::receive(std::string&& payload, Time now) {
 }
 
 void Session::complete(Reply reply, Time now) {
+  ++everSent_;
+  everUnrepeatable_ += pending_.front().repeatable || nothingRan(reply) ? 0 : 1;
   completed_.push_back({std::move(pending_.front().handler), std::move(reply)});
   pending_.pop_front();
   --queuedCount_;
   lastProgress_ = now;
 }
 
+std::size_t Session::sent() const {
+  return everSent_ + static_cast<std::size_t>(
+                         std::count_if(pending_.begin(), pending_.end(),
+                                       [this](const Pending& pending) { return isSent(pending); }));
+}
+
+std::size_t Session::unrepeatable() const {
+  return everUnrepeatable_ + static_cast<std::size_t>(std::count_if(
+                                 pending_.begin(), pending_.end(), [this](const Pending& pending) {
+                                   return isSent(pending) && !pending.repeatable;
+                                 }));
+}
+
+// Keeps the counts of the pending requests, which end now.
+void Session::count() {
+  everSent_ = sent();
+  everUnrepeatable_ = unrepeatable();
+}
+
 void Session::fail(const Error& why) {
+  count();
   const Error unknown = why.with(Outcome::unknown);
   const Error notSent = why.with(Outcome::notSent);
   for (Pending& pending : pending_) {
@@ -75,6 +107,7 @@ void Session::fail(const Error& why) {
 }
 
 void Session::clear() {
+  count();
   pending_.clear();
   completed_.clear();
   queuedCount_ = 0;

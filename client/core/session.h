@@ -28,8 +28,9 @@ class Session {
 
   explicit Session(Milliseconds timeout) : timeout_(timeout) {}
 
-  /// Adds a request. @p like gives the limits of its reply.
-  void add(const Request& like, ReplyHandler handler, Time now);
+  /// Adds a request. @p like gives the limits of its reply. A @p raw request may have another task
+  /// than @p like and is not repeatable.
+  void add(const Request& like, ReplyHandler handler, Time now, bool raw = false);
   /// The frame of the oldest request that was not queued before ends after @p end bytes of the
   /// connection.
   void queued(std::uint64_t end);
@@ -51,6 +52,12 @@ class Session {
 
   /// The number of requests that are not completed.
   [[nodiscard]] std::size_t pending() const { return pending_.size(); }
+  /// The number of completed requests that `nextCompletion` has not returned.
+  [[nodiscard]] std::size_t undelivered() const { return completed_.size(); }
+  /// The number of requests ever that were sent as a whole.
+  [[nodiscard]] std::size_t sent() const;
+  /// The number of requests ever that ran, or may have run, and are not repeatable.
+  [[nodiscard]] std::size_t unrepeatable() const;
   /// The size limit of the next reply in bytes.
   [[nodiscard]] std::size_t replyLimit() const;
 
@@ -60,16 +67,20 @@ class Session {
     std::size_t replyLimit;
     std::optional<Milliseconds> extraTimeout;
     bool answered;
+    bool repeatable;
     std::optional<std::uint64_t> end;  ///< empty until its frame is queued
   };
 
   [[nodiscard]] bool isSent(const Pending& pending) const;
   void complete(Reply reply, Time now);
+  void count();
 
   const Milliseconds timeout_;
   std::deque<Pending> pending_;
   std::deque<Completion> completed_;
-  std::size_t queuedCount_ = 0;  // the first of pending_ that have an end
+  std::size_t everSent_ = 0;          // without those of pending_
+  std::size_t everUnrepeatable_ = 0;  // without those of pending_
+  std::size_t queuedCount_ = 0;       // the first of pending_ that have an end
   std::uint64_t sent_ = 0;
   Time lastProgress_;
 };

@@ -23,7 +23,7 @@ struct AsyncDevice::Data {
         dials_(itDials),
         session_(options_.timeout()) {}
 
-  void ask(std::string payload, const Request& like, ReplyHandler handler);
+  void ask(std::string payload, const Request& like, ReplyHandler handler, bool raw);
   void connect();
   void connected(zell::UniqueFd socket);
   void send(std::string&& payload);
@@ -53,12 +53,13 @@ struct AsyncDevice::Data {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-void AsyncDevice::Data::ask(std::string payload, const Request& like, ReplyHandler handler) {
+void AsyncDevice::Data::ask(std::string payload, const Request& like, ReplyHandler handler,
+                            bool raw) {
   if (dryRun_) {
     dryRun_(payload);
     return;
   }
-  session_.add(like, std::move(handler), Clock::now());
+  session_.add(like, std::move(handler), Clock::now(), raw);
   if (disorder_) {
     closeLater(*disorder_);
   } else if (channel_) {
@@ -204,6 +205,9 @@ void AsyncDevice::Data::closeLater(const Error& why) {
 }
 
 void AsyncDevice::Data::abandon() {
+  if (channel_) {
+    session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
+  }
   session_.clear();
   loop_.cancel(deadline_);
   connector_.reset();
@@ -226,11 +230,11 @@ AsyncDevice::~AsyncDevice() {
 }
 
 void AsyncDevice::ask(const Request& request, ReplyHandler handler) {
-  data_->ask(request.encode(), request, std::move(handler));
+  data_->ask(request.encode(), request, std::move(handler), false);
 }
 
 void AsyncDevice::askRaw(std::string payload, const Request& like, ReplyHandler handler) {
-  data_->ask(std::move(payload), like, std::move(handler));
+  data_->ask(std::move(payload), like, std::move(handler), true);
 }
 
 void AsyncDevice::close(const Error& why) {
@@ -266,11 +270,19 @@ Loop& AsyncDevice::loop() const {
 }
 
 std::size_t AsyncDevice::pending() const {
-  return data_->session_.pending();
+  return data_->session_.pending() + data_->session_.undelivered();
 }
 
 std::size_t AsyncDevice::queued() const {
   return data_->channel_ ? data_->channel_->queued() : 0;
+}
+
+std::size_t AsyncDevice::sent() const {
+  return data_->session_.sent();
+}
+
+std::size_t AsyncDevice::unrepeatable() const {
+  return data_->session_.unrepeatable();
 }
 
 }  // namespace v1

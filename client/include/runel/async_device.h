@@ -36,8 +36,8 @@ class RUNEL_API DeviceOptions {
   /// The path of the control socket of a running `runelctl master`, for devices behind it.
   DeviceOptions& setMasterSocket(std::string path);
   /// How often a request that was not sent, or is safe to repeat, is tried again after a transient
-  /// failure of the link, and the pause before the first repetition, which doubles each time. 0
-  /// times by default. Used by `Device` and `Fleet`; an `AsyncDevice` never repeats.
+  /// failure of the link, and the pause before the first repetition, which doubles each time
+  /// up to 30 s. 0 times by default. Used by `Device` and `Fleet`; an `AsyncDevice` never repeats.
   DeviceOptions& setRetries(int times, Milliseconds pause = Milliseconds(200));
 
   ///@{
@@ -98,10 +98,16 @@ class RUNEL_API AsyncDevice {
   [[nodiscard]] const DeviceOptions& options() const;
   [[nodiscard]] Loop& loop() const;
   ///@}
-  /// The number of requests without a reply.
+  /// The number of requests whose handlers have not been called.
   [[nodiscard]] std::size_t pending() const;
   /// The number of bytes that are not sent yet.
   [[nodiscard]] std::size_t queued() const;
+  /// The number of requests ever that were sent as a whole.
+  [[nodiscard]] std::size_t sent() const;
+  /// The number of requests ever that ran, or may have run, and are not `Request::repeatable`: a
+  /// caller that repeats a sequence of requests must not do so when this number has grown. All
+  /// requests of `askRaw` count as not repeatable.
+  [[nodiscard]] std::size_t unrepeatable() const;
 
  private:
   struct RUNEL_LOCAL Data;

@@ -118,6 +118,32 @@ TEST_F(SessionTest, TasksWithoutALimitHaveNoDeadline) {
   EXPECT_FALSE(session.deadline());
 }
 
+TEST_F(SessionTest, CountsTheRequestsThatMayHaveRunAndAreNotRepeatable) {
+  for (const char* task : {"append", "write", "append", "exec", "append"}) {
+    ask(task);
+  }
+  session.progress(4 * kFrame + 3, now);
+  EXPECT_EQ(session.sent(), 4U);
+  EXPECT_EQ(session.unrepeatable(), 3U);
+  EXPECT_FALSE(session.receive(record(""), now));
+  EXPECT_FALSE(session.receive(record(""), now));
+  EXPECT_FALSE(session.receive("SlaveTask 0 0 0: 1 0 1 12 0", now)) << "ENOMEM: it has not run";
+  EXPECT_EQ(session.unrepeatable(), 2U);
+  session.fail(Error(Kind::link, Cause::closed, "lost"));
+  EXPECT_EQ(session.sent(), 4U);
+  EXPECT_EQ(session.unrepeatable(), 2U);
+}
+
+TEST_F(SessionTest, ARawRequestIsNotRepeatable) {
+  session.add(
+      Request({"read"}), [](const Reply&) {}, now, true);
+  session.queued(kFrame);
+  session.progress(kFrame, now);
+  EXPECT_EQ(session.unrepeatable(), 1U);
+  session.clear();
+  EXPECT_EQ(session.unrepeatable(), 1U);
+}
+
 TEST_F(SessionTest, AClearedSessionCompletesNothing) {
   ask("hostid");
   session.progress(kFrame, now);

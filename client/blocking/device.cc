@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "client/blocking/device_data.h"
+#include "client/core/retry_pause.h"
 
 namespace runel {
 inline namespace v1 {
@@ -122,18 +123,16 @@ Result<Reply> Device::Data::ask(const Request& request) {
   if (!address) {
     return address.error();
   }
-  Milliseconds pause = options.retryPause();
-  for (int left = options.retries(); true; --left) {
+  for (int attempts = 1; true; ++attempts) {
     Reply reply = askOnce(request);
     if (reply.answered()) {
       return reply;
     }
-    if (left <= 0 || !mayRepeat(request, reply.error())) {
+    if (attempts > options.retries() || !mayRepeat(request, reply.error())) {
       return reply.error();
     }
     const bool never = false;
-    (void)runFor(pause, never);
-    pause *= 2;
+    (void)runFor(retryPause(options.retryPause(), attempts), never);
   }
 }
 

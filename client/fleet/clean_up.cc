@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/fleet/clean_up.h"
+
+#include <utility>
+
+namespace runel {
+namespace {
+
+// The device may be unreachable or busy.
+constexpr Milliseconds kCleanUpTime{3000};
+// The device may still execute requests of the lost connection and create a removed file again. So
+// the removal is repeated until the file is missing: at least kLeastLooks times, at most kMostLooks
+// times.
+constexpr Milliseconds kLookAgain{250};
+constexpr int kLeastLooks = 2;
+constexpr int kMostLooks = 12;
+
+DeviceOptions quick(DeviceOptions options) {
+  options.setConnectTimeout(kCleanUpTime).setTimeout(kCleanUpTime);
+  return options;
+}
+
+}  // namespace
+
+CleanUp::CleanUp(Loop& loop, const Address& address, const DeviceOptions& options, Request request,
+                 std::function<void()> done)
+    : loop_(loop),
+      request_(std::move(request)),
+      device_(loop, address, quick(options)),
+      done_(std::move(done)) {
+  request_.setExtraTimeout(Milliseconds(0));
+  ask();
+}
+
+CleanUp::~CleanUp() {
+  loop_.cancel(pause_);
+}
+
+void CleanUp::ask() {
+  device_.ask(request_, [this](const Reply& reply) { answered(reply); });
+}
+
+void CleanUp::answered(const Reply& reply) {
+  ++looks_;
+  const bool comesBack = reply.answered() && request_.words().front() == "unlink";
+  if (comesBack && looks_ < (reply.ok() ? kMostLooks : kLeastLooks)) {
+    pause_ = loop_.after(kLookAgain, [this] { ask(); });
+    return;
+  }
+  const std::function<void()> done = std::move(done_);
+  done();
+}
+
+}  // namespace runel

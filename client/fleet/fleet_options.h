@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// The values of FleetOptions and FleetReport.
+#ifndef RUNEL_FLEET_FLEET_OPTIONS_H_
+#define RUNEL_FLEET_FLEET_OPTIONS_H_
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <runel/fleet.h>
+
+namespace runel {
+inline namespace v1 {
+
+constexpr std::size_t kUsualParallel = 32;
+
+struct FleetOptions::Data {
+  std::size_t parallel = kUsualParallel;
+  std::string waves;
+  std::size_t maxFailures = 0;
+  bool failFast = false;
+  std::optional<Milliseconds> deadline;
+  DeviceOptions device;
+};
+
+struct FleetReport::Data {
+  std::vector<FleetResult> results;
+  std::vector<std::string> failed;
+  std::vector<std::string> skipped;
+};
+
+}  // namespace v1
+}  // namespace runel
+
+#endif  // RUNEL_FLEET_FLEET_OPTIONS_H_

@@ -7,11 +7,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <runel/fleet.h>
 #include <runel/request.h>
 
 #include "cli/targets.h"
 #include "commands/number_range.h"
-#include "fleet/waves.h"
 #include "output/error.h"
 #include "output/text.h"
 
@@ -168,8 +168,7 @@ int CommandLine::parse(std::vector<std::string> words) {
 }
 
 std::string CommandLine::checkChosen() {
-  std::vector<std::size_t> sizes;
-  if (!parseWaves(settings_.wave, 1, sizes)) {
+  if (!runel::FleetOptions().setWaves(settings_.wave)) {
     return "--wave: invalid list '" + settings_.wave + "': expected sizes such as 1,10%,rest";
   }
   return command_ != nullptr ? command_->check(settings_) : local_->check(settings_);

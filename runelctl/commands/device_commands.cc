@@ -191,6 +191,7 @@ class RawJob : public Job {
  public:
   RawJob(JobContext context, std::string payload)
       : Job(std::move(context)), payload_(std::move(payload)) {}
+  ~RawJob() override { device().setTap(nullptr); }
 
   void start() override {
     dump("request", payload_);

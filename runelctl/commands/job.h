@@ -49,6 +49,10 @@ class Job {
   /// A request that removes the temporary files of an unfinished job from the device, for a
   /// separate connection. Empty if no cleanup is necessary.
   [[nodiscard]] virtual std::optional<runel::Request> cleanUp() const { return std::nullopt; }
+  /// True for a job that continues where an earlier attempt stopped, so that it may run again
+  /// although tasks of that attempt have run. False for all others: a failed attempt is repeated
+  /// only if none of its tasks has run that is not safe to repeat.
+  [[nodiscard]] virtual bool resumes() const { return false; }
 
  protected:
   void ask(const runel::Request& request, runel::ReplyHandler handler) {

@@ -33,6 +33,7 @@ class TransferJob : public Job {
   void start() override;
   [[nodiscard]] std::optional<runel::Request> cleanUp() const override;
   [[nodiscard]] std::string sentLater() const override;
+  [[nodiscard]] bool resumes() const override { return true; }
 
  private:
   void startPull(const runel::AsyncTransfer::Done& done);

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include <runel/async_device.h>
-#include <runel/loop.h>
+#include <runel/fleet.h>
 
 #include "commands/command.h"
 #include "fleet/printer.h"
@@ -25,7 +24,7 @@ class Fleet {
   Fleet& operator=(const Fleet&) = delete;
 
   /// Uses @p device and its connection, if any, for its target.
-  void lend(runel::AsyncDevice& device) { lent_ = &device; }
+  void lend(runel::AsyncDevice& device) { fleet_.lend(device); }
   /// Runs the command on all devices and returns the highest exit status.
   [[nodiscard]] int run();
   /// Cancels the running devices, skips the others and makes `run` return @p status.
@@ -36,41 +35,31 @@ class Fleet {
   [[nodiscard]] std::vector<runel::Address> unfinished() const;
 
  private:
+  class Attempt;
   struct Member;
 
-  void startSome();
-  void start(Member& member);
-  void arm(Member& member);
+  [[nodiscard]] std::unique_ptr<runel::FleetJob> start(runel::FleetAttempt attempt);
+  void openReport(Member& member);
   void showUnsent(Member& member, const std::string& payload) const;
-  void showSentLater(Member& member) const;
-  void done(Member& member, Outcome outcome);
-  void settle(Member& member);
-  bool again(Member& member);
-  void drop(Member& member);
-  void cleanUp(Member& member, const runel::Request& request);
-  void removeLeftover(Member& member, const runel::Request& request);
-  void conclude(Member& member);
-  void endWave();
+  void showSentLater(Member& member, const Job& job) const;
+  [[nodiscard]] Outcome outcomeOf(const Member& member, const runel::FleetResult& result) const;
+  void conclude(const runel::FleetResult& result);
+  void endWave(std::size_t wave, std::size_t failed, bool stopped);
   void showProgress(bool now);
-  [[nodiscard]] std::size_t parallel() const;
-  [[nodiscard]] bool stopEarly() const;
 
   runel::Loop& loop_;
   const Settings& settings_;
   Command& command_;
   Printer& printer_;
   const Style& style_;
-  runel::AsyncDevice* lent_ = nullptr;
   std::vector<std::unique_ptr<Member>> members_;
-  std::vector<std::size_t> waves_;
-  std::size_t waveEnd_ = 0;  // only members before this index may start
-  std::size_t wave_ = 0;
-  std::size_t next_ = 0;
-  std::size_t running_ = 0;
+  std::size_t started_ = 0;
   std::size_t failed_ = 0;
+  bool over_ = false;
   int cancelled_ = 0;
   std::vector<Finished> ends_;
   ProgressBar bar_;
+  runel::AsyncFleet fleet_;  // last: its jobs refer to the members
 };
 
 }  // namespace runelctl

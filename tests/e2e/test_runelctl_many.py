@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """One command on many devices: concurrency, order and output."""
+import os
 import re
+import select
 import signal
 import socket
 import threading
@@ -164,6 +166,95 @@ class Together(CtlCase):
                          (255, [f"runelctl: {where}: deadline exceeded"]))
         self.assertTrue(self.ctl("--json", "--deadline", "0.3", "-d", where, "hostid")
                         .objects[0]["retry"])
+
+
+class Retries(CtlCase):
+    """Connections that are lost when a request has arrived: the task may have run."""
+
+    LOST = "the device closed the connection"
+    HINT = " (the task may have run: check, then run it again)"
+
+    def lose(self, task, *words):
+        """Runs @p words on a device that closes the connection at each request for @p task.
+        Returns the error, without the device's name, and the number of these requests."""
+        arrived = []
+
+        def serve(connected):
+            while True:
+                data = connected.recv(65536)
+                if not data or b":" + task in data:
+                    arrived.extend([task] if data else [])
+                    return connected.close()
+                connected.sendall(reply(b"", (1, 0, 1, 2, 0)))
+
+        where = self.odd_peer(serve)
+        result = self.ctl("-d", where, "--retry", "1", *words)
+        self.assertEqual((result.status, len(result.errors)), (255, 1), result)
+        return result.errors[0].partition(f"{where}: ")[2], len(arrived)
+
+    def test_a_task_that_may_have_run_is_not_repeated(self):
+        for task, *words in ((b"append", "append", "/x", "data"), (b"exec", "exec", "reboot"),
+                             (b"exec", "sh", "reboot"), (b"exec", "rm", "-r", "/x"),
+                             (b"kill", "kill"), (b"reboot", "reboot"), (b"wait", "wait"),
+                             (b"rename", "rename", "/x", "/y"), (b"rename", "mv", "/x", "/y"),
+                             (b"unlink", "unlink", "/x"), (b"unlink", "rm", "/x"),
+                             (b"unlink", "raw", "SlaveTask 2 6:unlink 2:/x 0 0: 0 0 0 0 0")):
+            self.assertEqual(self.lose(task, *words), (self.LOST + self.HINT, 1), words)
+
+    def test_a_task_that_is_safe_to_repeat_is_repeated(self):
+        for task, *words in ((b"write", "write", "/x", "data"), (b"chmodx", "chmodx", "/x"),
+                             (b"read", "read", "/x")):
+            self.assertEqual(self.lose(task, *words), (self.LOST, 2), words)
+
+    def test_a_later_request_that_is_safe_to_repeat_does_not_repeat_the_earlier_ones(self):
+        served = []
+
+        def serve(connected):
+            for answer in (reply(b"boot 1"), reply()):  # to read and reboot
+                served.append(connected.recv(65536))
+                connected.sendall(answer)
+            hang(connected)
+
+        result = self.ctl("-d", self.odd_peer(serve), "--retry", "1", "--deadline", "2", "reboot",
+                          "--wait")
+        self.assertEqual(result.status, 255)
+        self.assertRegex(result.errors[0], re.escape("deadline exceeded" + self.HINT) + "$")
+        self.assertEqual(sum(b":reboot" in data for data in served), 1)
+
+    def test_a_deadline_does_not_repeat_a_program(self):
+        arrived = []
+
+        def serve(connected):
+            arrived.append(connected.recv(65536))
+            hang(connected)
+
+        where = self.odd_peer(serve)
+        result = self.ctl("-d", where, "--retry", "2", "--deadline", "2", "exec", "sleep")
+        self.assertEqual((result.status, result.errors, len(arrived)), (
+            255, [f"runelctl: {where}: deadline exceeded{self.HINT}"], 1))
+
+    def test_a_transfer_is_repeated(self):
+        self.daemon()
+        os.mkdir(self.path("here"))
+        for number in range(5):
+            self.file(f"here/{number}", b"content")
+        cut = []
+
+        def serve(connected):
+            with socket.create_connection(("127.0.0.1", 5111)) as daemon:
+                ways = {connected: daemon, daemon: connected}
+                while True:
+                    for source in select.select(list(ways), [], [])[0]:
+                        data = source.recv(65536)
+                        ways[source].sendall(data)
+                        if not data or (not cut and b":exec" in data):
+                            cut.append(data)
+                            return connected.close()
+
+        where = self.odd_peer(serve)
+        self.succeed("-q", "-d", where, "--retry", "1", "sync", self.path("here"), self.path("there"))
+        self.assertIn(b":exec", cut[0])
+        self.assertEqual(self.content("there/4"), b"content")
 
 
 class Waves(CtlCase):

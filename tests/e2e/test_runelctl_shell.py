@@ -8,7 +8,7 @@ import stat
 import subprocess
 import unittest
 
-from support.ctl import BINARY, CtlCase
+from support.ctl import BINARY, CtlCase, reply
 from support.wait import TIMEOUT, wait_until
 
 # Control sequences such as colors, cursor movements and bells.
@@ -98,6 +98,22 @@ class InPipe(CtlCase):
         process.stdin.close()
         self.assertEqual(process.stdout.readline(), b"2\n")
         self.assertEqual((process.wait(TIMEOUT), process.stderr.read()), (0, b""))
+
+    def test_an_interrupted_raw_command_does_not_dump_later_replies(self):
+        connections = []
+
+        def serve(connected):
+            connections.append(connected)
+            while connected.recv(65536):
+                if len(connections) > 1:
+                    connected.sendall(reply(b"host"))
+
+        raw = "--deadline 1 raw 'SlaveTask 1 6:hostid 0 0: 0 0 0 0 0'"
+        result = self.feed(raw, "hostid", options=("-d", self.odd_peer(serve)))
+        self.assertEqual(result.status, 0, result)
+        self.assertEqual(len(connections), 2)
+        self.assertTrue(result.text.endswith("\nhost\n"), result.text)
+        self.assertNotIn("reply,", result.text)
 
 
 class Terminal(CtlCase):

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parsing of command line values: waves, devices, lists of devices, raw bytes.
+// Parsing of command line values: lists of devices, raw bytes.
 #include <sstream>
 #include <string>
 #include <vector>
@@ -10,37 +10,9 @@
 
 #include "cli/targets.h"
 #include "commands/raw_text.h"
-#include "fleet/waves.h"
 
 namespace runelctl {
 namespace {
-
-using Sizes = std::vector<std::size_t>;
-
-Sizes waves(const std::string& text, std::size_t devices) {
-  Sizes sizes;
-  EXPECT_TRUE(parseWaves(text, devices, sizes)) << text;
-  return sizes;
-}
-
-TEST(WavesTest, AddUpToAllDevices) {
-  EXPECT_EQ(waves("1,10%,rest", 200), (Sizes{1, 20, 179}));
-  EXPECT_EQ(waves("", 7), (Sizes{7}));
-  EXPECT_EQ(waves("1,2", 7), (Sizes{1, 2, 4})) << "the remaining devices are one more wave";
-  EXPECT_EQ(waves("5,5,5", 7), (Sizes{5, 2}));
-  EXPECT_EQ(waves("100%", 7), (Sizes{7}));
-}
-
-TEST(WavesTest, HaveAtLeastOneDevice) {
-  EXPECT_EQ(waves("1%,rest", 7), (Sizes{1, 6}));
-}
-
-TEST(WavesTest, RejectMalformedText) {
-  for (const char* text : {"x", "0", "-1", "101%", "1,,2", "1.5", "10 %", "rest%"}) {
-    Sizes sizes;
-    EXPECT_FALSE(parseWaves(text, 10, sizes)) << text;
-  }
-}
 
 TEST(TargetListTest, RemovesDuplicatesAndBlanks) {
   std::vector<runel::Address> targets;

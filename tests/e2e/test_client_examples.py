@@ -42,7 +42,7 @@ class ProgramTest(ExampleCase):
 
     def test_run_task_tells_what_failed_and_the_outcome(self):
         self.assertEqual(self.ran("run_task", "127.0.0.1:1", "true"), (
-            125, "", "link: 127.0.0.1:1: cannot connect: Connection refused (not sent)\n"))
+            125, "", "link: 127.0.0.1:1: Connection refused (not sent)\n"))
 
     def test_push_file_prints_the_progress(self):
         source, target = self.file("source", bytes(40_000_000)), self.path("target")
@@ -62,7 +62,7 @@ class ProgramTest(ExampleCase):
         one, other = self.file("one", b"1\n"), self.file("other", b"2\n")
         self.assertEqual(
             self.ran("poll_loop", "127.0.0.1", feed=f"{one}\n/missing\n{other}\n"),
-            (0, f"{one}: 1\n/missing: /missing: No such file or directory\n{other}: 2\n", ""))
+            (0, f"{one}: 1\n/missing: No such file or directory\n{other}: 2\n", ""))
 
     def test_uv_loop_runs_its_timer_while_it_waits(self):
         status, output, errors = self.ran("uv_loop", "sleep 0.5; echo $((1 + 1))", "127.0.0.1")

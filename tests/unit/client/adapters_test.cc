@@ -17,8 +17,8 @@
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
-#include "drivers.h"
 #include "support/task_wire.h"
+#include "unit/client/drivers.h"
 
 namespace runel::test {
 namespace {

@@ -21,7 +21,7 @@
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
-#include "drivers.h"
+#include "unit/client/drivers.h"
 
 namespace runel {
 namespace {

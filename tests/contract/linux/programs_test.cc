@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -223,6 +224,15 @@ TEST_F(ProgramsTest, LogsWhenTheOutputCannotBeRead) {
   EXPECT_EQ(proxy_.output(), "");
   EXPECT_EQ(log_.texts(LOG_ERR),
             std::vector<std::string>{"(PID) exec: cannot read output, Input/output error"});
+}
+
+TEST_F(ProgramsTest, LogsWhenTheSizeOfTheRestIsUnknown) {
+  EXPECT_EQ(inChild([&] {
+              refuseCalls(SYS_ioctl, EIO);
+              const std::string end = shell("echo perhaps lost");
+              return end + ", " + log_.texts(LOG_ERR).at(0);
+            }),
+            "0 2 0 0 0, (PID) exec: cannot read output, Input/output error");
 }
 
 // The program suspends the process that waits for it until it has written and ended.

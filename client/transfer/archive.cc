@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/file_mode.h"
+
 namespace runel {
 namespace {
 
@@ -41,7 +43,7 @@ std::string paxRecord(const std::string& rest) {
 void Archive::header(std::string_view name, char type, const About& about, std::size_t size) {
   char block[kTarBlock] = {};
   std::memcpy(block, name.data(), std::min(name.size(), kMostName));
-  putOctal(block + kModePlace, 7, about.mode & 07777U);
+  putOctal(block + kModePlace, 7, about.mode & zell::kPermissionBits);
   putOctal(block + kOwnerPlace, 7, std::min(about.uid, kMostOwner));
   putOctal(block + kGroupPlace, 7, std::min(about.gid, kMostOwner));
   putOctal(block + kSizePlace, 11, size);

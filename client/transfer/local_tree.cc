@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/file_mode.h"
 #include "client/core/paths.h"
 #include "client/transfer/local_file.h"
 
@@ -43,22 +44,12 @@ bool namesIn(const std::string& directory, std::vector<std::string>& names) {
   return true;
 }
 
-char typeOf(mode_t mode) {
-  if (S_ISDIR(mode)) {
-    return 'd';
-  }
-  if (S_ISLNK(mode)) {
-    return 'l';
-  }
-  return S_ISREG(mode) ? '-' : '?';
-}
-
 LocalEntry entryOf(const std::string& path, const std::string& relative, const struct stat& st) {
-  return {typeOf(st.st_mode),
+  return {zell::typeLetter(st.st_mode),
           path,
           relative,
           "",
-          st.st_mode & 07777U,
+          st.st_mode & zell::kPermissionBits,
           S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0,
           timestampOf(st.st_mtim)};
 }

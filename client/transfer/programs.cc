@@ -5,6 +5,8 @@
 #include <memory>
 #include <utility>
 
+#include "base/file_mode.h"
+
 namespace runel {
 namespace {
 
@@ -88,7 +90,7 @@ std::string programTrouble(const std::string& program, const Reply& reply) {
 
 std::string octalMode(std::uint32_t mode) {
   char text[16];
-  std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+  std::snprintf(text, sizeof text, "%04o", mode & zell::kPermissionBits);
   return text;
 }
 

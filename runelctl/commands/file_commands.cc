@@ -13,6 +13,7 @@
 #include <runel/records.h>
 #include "commands/command.h"
 
+#include "base/file_mode.h"
 #include "client/core/paths.h"
 #include "commands/lists.h"
 
@@ -43,7 +44,7 @@ std::string secondText(const runel::Timestamp& moment) {
 std::string longLine(const runel::Stat& st) {
   char text[128];
   std::snprintf(text, sizeof text, "%s %3llu %5llu %5llu %10llu ",
-                modeText(typeLetter(st.mode), st.mode).c_str(),
+                modeText(zell::typeLetter(st.mode), st.mode).c_str(),
                 static_cast<unsigned long long>(st.nlink), static_cast<unsigned long long>(st.uid),
                 static_cast<unsigned long long>(st.gid), static_cast<unsigned long long>(st.size));
   return text + minuteText(st.mtime) + " ";
@@ -53,7 +54,7 @@ Json statJson(const runel::Stat& st) {
   char mode[16];
   std::snprintf(mode, sizeof mode, "%07o", st.mode);
   Json object;
-  object["type"] = std::string(1, typeLetter(st.mode));
+  object["type"] = std::string(1, zell::typeLetter(st.mode));
   object["mode"] = mode;
   object["nlink"] = st.nlink;
   object["uid"] = st.uid;
@@ -300,16 +301,14 @@ class StatJob : public EachPathJob {
   }
 
   [[nodiscard]] std::string readable(const std::string& path, const runel::Stat& st) {
-    char mode[16];
-    std::snprintf(mode, sizeof mode, "%04o", st.mode & 07777U);
     const auto number = [](std::uint64_t value) { return std::to_string(value); };
     return "  path: " + report().name(path) + "\n  type: " + typeName(st.mode) +
-           "\n  mode: " + modeText(typeLetter(st.mode), st.mode) + " (" + mode + ")" +
-           "\n owner: " + number(st.uid) + ":" + number(st.gid) + "\n  size: " + number(st.size) +
-           " bytes, " + number(st.blocks) + " blocks of 512" + "\n links: " + number(st.nlink) +
-           ", inode " + number(st.ino) + " on device " + number(st.dev) +
-           "\naccess: " + secondText(st.atime) + "\nmodify: " + secondText(st.mtime) +
-           "\nchange: " + secondText(st.ctime) + "\n";
+           "\n  mode: " + modeText(zell::typeLetter(st.mode), st.mode) + " (" + octalMode(st.mode) +
+           ")" + "\n owner: " + number(st.uid) + ":" + number(st.gid) +
+           "\n  size: " + number(st.size) + " bytes, " + number(st.blocks) + " blocks of 512" +
+           "\n links: " + number(st.nlink) + ", inode " + number(st.ino) + " on device " +
+           number(st.dev) + "\naccess: " + secondText(st.atime) +
+           "\nmodify: " + secondText(st.mtime) + "\nchange: " + secondText(st.ctime) + "\n";
   }
 
   static const char* typeName(std::uint32_t mode) {
@@ -319,7 +318,7 @@ class StatJob : public EachPathJob {
         {'p', "named pipe"},    {'b', "block device"},
         {'s', "socket"}};
     for (const auto& [letter, name] : kNames) {
-      if (letter == typeLetter(mode)) {
+      if (letter == zell::typeLetter(mode)) {
         return name;
       }
     }

@@ -6,6 +6,8 @@
 
 #include <sys/stat.h>
 
+#include "base/file_mode.h"
+
 namespace runelctl {
 
 std::string modeText(char type, std::uint32_t mode) {
@@ -27,28 +29,9 @@ std::string modeText(char type, std::uint32_t mode) {
   return text;
 }
 
-char typeLetter(std::uint32_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFDIR:
-      return 'd';
-    case S_IFLNK:
-      return 'l';
-    case S_IFCHR:
-      return 'c';
-    case S_IFBLK:
-      return 'b';
-    case S_IFIFO:
-      return 'p';
-    case S_IFSOCK:
-      return 's';
-    default:
-      return '-';
-  }
-}
-
 std::string octalMode(std::uint32_t mode) {
   char text[16];
-  std::snprintf(text, sizeof text, "%04o", mode & 07777U);
+  std::snprintf(text, sizeof text, "%04o", mode & zell::kPermissionBits);
   return text;
 }
 

@@ -10,8 +10,6 @@ namespace runelctl {
 
 /// "-rw-r--r--", as in `ls -l`, for the type letter @p type and the permission bits @p mode.
 [[nodiscard]] std::string modeText(char type, std::uint32_t mode);
-/// The type letter of a mode with its type bits.
-[[nodiscard]] char typeLetter(std::uint32_t mode);
 
 /// "0644" for the permission bits @p mode.
 [[nodiscard]] std::string octalMode(std::uint32_t mode);

@@ -2,12 +2,15 @@
 #include "client/transfer/local_file.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/durable_rename.h"
+#include "base/file_mode.h"
+#include "client/core/paths.h"
 #include "client/transfer/hidden_paths.h"
 #include "client/transfer/parts.h"
 
@@ -24,6 +27,17 @@ bool writeToFile(int fd, std::string_view bytes) {
     bytes.remove_prefix(taken > 0 ? static_cast<std::size_t>(taken) : 0);
   }
   return true;
+}
+
+// Renames @p hidden, open as @p file unless it is a link, to @p path beside it.
+zell::RenameResult renameTo(const std::string& path, const std::string& hidden,
+                            zell::UniqueFd& file) {
+  const zell::UniqueFd directory(
+      open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
+    return {zell::RenameStep::syncFile, errno};
+  }
+  return zell::renameDurably(file, directory.get(), baseName(hidden), baseName(path));
 }
 
 }  // namespace
@@ -87,6 +101,7 @@ std::optional<Error> LocalWriter::begin(const std::string& path, bool resume) {
   hidden_ = partPath(path);
   const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resume ? O_APPEND : O_TRUNC);
   file_.reset(::open(hidden_.c_str(), flags, 0600));
+  unfinished_ = file_.valid();
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
     return Error::local(path_, errno);
@@ -114,12 +129,12 @@ std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
 std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Timestamp& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   // Drop the set-user-ID and set-group-ID bits: the owner is a different user here.
-  if (fchmod(file_.get(), mode & 0777U) != 0 || futimens(file_.get(), times) != 0 ||
-      rename(hidden_.c_str(), path_.c_str()) != 0) {
+  if (fchmod(file_.get(), mode & zell::kAccessBits) != 0 || futimens(file_.get(), times) != 0) {
     return Error::local(path_, errno);
   }
-  file_.reset();
-  return std::nullopt;
+  const zell::RenameResult result = renameTo(path_, hidden_, file_);
+  unfinished_ = !result.renamed();
+  return result.error == 0 ? std::nullopt : std::make_optional(Error::local(path_, result.error));
 }
 
 LocalWriter::~LocalWriter() {
@@ -129,10 +144,10 @@ LocalWriter::~LocalWriter() {
 }
 
 void LocalWriter::discard() {
-  if (file_.valid()) {
+  if (std::exchange(unfinished_, false)) {
     (void)unlink(hidden_.c_str());  // no caller to report an error to
-    file_.reset();
   }
+  file_.reset();
 }
 
 bool isLocalDirectory(const std::string& path) {
@@ -158,18 +173,19 @@ std::optional<Error> makeLocalLink(const std::string& path, const std::string& t
   if (symlink(target.c_str(), hidden.c_str()) != 0) {
     return Error::local(path, errno);
   }
-  if (rename(hidden.c_str(), path.c_str()) != 0) {
-    const int number = errno;
+  zell::UniqueFd none;
+  const zell::RenameResult result = renameTo(path, hidden, none);
+  if (!result.renamed()) {
     (void)unlink(hidden.c_str());  // report the first error
-    return Error::local(path, number);
   }
-  return std::nullopt;
+  return result.error == 0 ? std::nullopt : std::make_optional(Error::local(path, result.error));
 }
 
 std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
                                           const Timestamp& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
-  if (chmod(path.c_str(), mode & 0777U) != 0 || utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+  if (chmod(path.c_str(), mode & zell::kAccessBits) != 0 ||
+      utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
     return Error::local(path, errno);
   }
   return std::nullopt;

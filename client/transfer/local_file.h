@@ -57,7 +57,7 @@ class LocalWriter {
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
   /// Truncates the hidden file to @p size bytes.
   [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
-  /// Sets mode and time and renames the file to its target.
+  /// Sets mode and time and renames the file to its target, on disk when it returns.
   [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const Timestamp& mtime);
   /// Removes the unfinished file.
   void discard();
@@ -68,6 +68,7 @@ class LocalWriter {
   std::string path_;
   std::string hidden_;
   zell::UniqueFd file_;
+  bool unfinished_ = false;  // the hidden file exists
   bool resume_ = false;
   std::uint64_t size_ = 0;
 };
@@ -75,7 +76,8 @@ class LocalWriter {
 [[nodiscard]] bool isLocalDirectory(const std::string& path);
 /// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
 [[nodiscard]] std::optional<Error> makeLocalDirectory(const std::string& path);
-/// Creates the symbolic link @p path to @p target and replaces an existing file or link.
+/// Creates the symbolic link @p path to @p target and replaces an existing file or link, on disk
+/// when it returns.
 [[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
                                                  const std::string& target);
 /// Sets mode and time of the directory @p path.

@@ -53,17 +53,6 @@ std::string keepFailed(const std::string& path, std::vector<runel::Address>& tar
   return "";
 }
 
-bool writeFailed(const std::string& path, const std::vector<runel::Address>& targets) {
-  const std::string fresh = path + ".new";
-  std::ofstream file(fresh);
-  for (const runel::Address& target : targets) {
-    const std::string where = target.text();
-    file << (target.name() == where ? "" : target.name() + " ") << where << "\n";
-  }
-  file.close();
-  return file.good() && std::rename(fresh.c_str(), path.c_str()) == 0;
-}
-
 int runFleet(Session& session, CommandLine& line, const Style& style) {
   const Settings& settings = line.settings();
   Command& command = *line.command();
@@ -80,8 +69,10 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
     return status;
   }
   printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
-  if (!settings.retryFailed.empty() && !writeFailed(settings.retryFailed, fleet.unfinished())) {
-    complain(settings.retryFailed + ": " + runel::systemText(errno));
+  const int error =
+      settings.retryFailed.empty() ? 0 : writeTargets(settings.retryFailed, fleet.unfinished());
+  if (error != 0) {
+    complain(settings.retryFailed + ": " + runel::systemText(error));
     return std::max(status, kExitTaskFailed);
   }
   return status;

@@ -2,13 +2,21 @@
 #include "cli/targets.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <sstream>
 
+#include <fcntl.h>
+
+#include "base/durable_rename.h"
+#include "base/unique_fd.h"
 #include "client/core/host_text.h"
+#include "client/core/paths.h"
+#include "output/style.h"
 
 namespace runelctl {
 namespace {
 
+constexpr mode_t kNewFileMode = 0666;
 constexpr char kListBlanks[] = " \t\r";
 
 void addOnce(std::vector<runel::Address>& targets, const runel::Address& target) {
@@ -75,6 +83,26 @@ bool readTargets(std::istream& lines, std::vector<runel::Address>& targets, std:
     }
   }
   return true;
+}
+
+int writeTargets(const std::string& path, const std::vector<runel::Address>& targets) {
+  std::string text;
+  for (const runel::Address& target : targets) {
+    const std::string where = target.text();
+    text += (target.name() == where ? "" : target.name() + " ") + where + "\n";
+  }
+  const zell::UniqueFd directory(
+      open(runel::directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory.valid()) {
+    return errno;
+  }
+  const std::string fresh = path + ".new";
+  zell::UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kNewFileMode));
+  if (!file.valid() || !writeAll(file.get(), text)) {
+    return errno;
+  }
+  return zell::renameDurably(file, directory.get(), runel::baseName(fresh), runel::baseName(path))
+      .error;
 }
 
 bool parseListen(const std::string& text, std::string& host, std::uint16_t& port) {

@@ -22,6 +22,10 @@ namespace runelctl {
 [[nodiscard]] bool readTargets(std::istream& lines, std::vector<runel::Address>& targets,
                                std::string& why);
 
+/// Replaces the file @p path by @p targets, one device a line, on disk when it returns. Returns 0
+/// or an errno value; the old file stays after a failure.
+[[nodiscard]] int writeTargets(const std::string& path, const std::vector<runel::Address>& targets);
+
 /// Parses ADDRESS[:PORT] of a listening socket. An omitted part leaves its parameter unchanged.
 [[nodiscard]] bool parseListen(const std::string& text, std::string& host, std::uint16_t& port);
 

@@ -4,7 +4,14 @@
 
 #include <runel/runel.h>
 
+// A class that a program derives from a class of the library.
+class Job : public runel::FleetJob {
+ public:
+  void start() override {}
+};
+
 int main(int argc, char** argv) {
+  Job().start();
   const auto address = runel::Address::parse(argc > 1 ? argv[1] : "");
   if (!address) {
     std::cout << runel::version() << " " << address.error().text() << "\n";

@@ -14,6 +14,7 @@
 #include <runel/agent.h>
 
 #include "base/unique_fd.h"
+#include "support/loopback.h"
 #include "unit/client/scripted_device.h"
 
 namespace runel {
@@ -22,15 +23,7 @@ namespace {
 /// The daemon's side: a port and the agent's connection.
 class AgentPort {
  public:
-  AgentPort() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = loopback("127.0.0.1", 0);
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
-    EXPECT_EQ(listen(listener_.get(), 5), 0);
-    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
-    port = ntohs(address.sin_port);
-  }
+  AgentPort() : listener_(zell::test::listenOnLoopback(port, SOCK_NONBLOCK)) {}
 
   /// Accepts the next connection and reads what is there.
   void serve() {

@@ -21,6 +21,7 @@
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
+#include "support/loopback.h"
 #include "unit/client/drivers.h"
 
 namespace runel {
@@ -35,17 +36,7 @@ std::string answer(const std::string& output) {
 // A listener on the loopback, in the same loop as the device under test.
 class Peer {
  public:
-  explicit Peer(Loop& loop)
-      : loop_(loop), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
-    EXPECT_EQ(listen(listener_.get(), 5), 0);
-    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
-    port_ = ntohs(address.sin_port);
+  explicit Peer(Loop& loop) : loop_(loop), listener_(zell::test::listenOnLoopback(port_)) {
     EXPECT_TRUE(loop_.watch(listener_.get(), EPOLLIN, [this](std::uint32_t) { take(); }));
   }
   ~Peer() {
@@ -96,8 +87,8 @@ class Peer {
   }
 
   Loop& loop_;
-  zell::UniqueFd listener_;
   std::uint16_t port_ = 0;
+  zell::UniqueFd listener_;
   std::map<int, std::pair<zell::UniqueFd, std::string>> connections_;
 };
 

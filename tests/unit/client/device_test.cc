@@ -13,14 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include "base/unique_fd.h"
 #include "client/core/frame_stream.h"
+#include "support/loopback.h"
 
 namespace runel {
 namespace {
@@ -42,16 +41,7 @@ class ThreadPeer {
   using Script = std::function<std::optional<std::string>(const std::string& payload)>;
 
   explicit ThreadPeer(Script script)
-      : script_(std::move(script)), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
-    EXPECT_EQ(listen(listener_.get(), 5), 0);
-    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
-    port_ = ntohs(address.sin_port);
+      : script_(std::move(script)), listener_(zell::test::listenOnLoopback(port_)) {
     thread_ = std::thread([this] { serve(); });
   }
   ~ThreadPeer() {
@@ -116,8 +106,8 @@ class ThreadPeer {
   }
 
   const Script script_;
-  zell::UniqueFd listener_;
   std::uint16_t port_ = 0;
+  zell::UniqueFd listener_;
   std::atomic<int> connections_{0};
   std::atomic<int> requests_{0};
   std::atomic<bool> ended_{false};
@@ -291,16 +281,9 @@ TEST(DeviceTest, RestartReturnsWhenTheConnectionHasEnded) {
 
 TEST(DeviceTest, RestartFailsWhenTheConnectionStaysOpen) {
   // An empty payload would be an answer, so this peer only reads.
-  zell::UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), size), 0);
-  ASSERT_EQ(listen(listener.get(), 5), 0);
-  ASSERT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-  Device device(Address("127.0.0.1", ntohs(address.sin_port)),
-                DeviceOptions().setTimeout(Milliseconds(30)));
+  std::uint16_t port = 0;
+  const zell::UniqueFd listener = zell::test::listenOnLoopback(port);
+  Device device(Address("127.0.0.1", port), DeviceOptions().setTimeout(Milliseconds(30)));
   const Result<void> restarted = device.restart();
   ASSERT_FALSE(restarted);
   EXPECT_EQ(restarted.error().outcome(), Outcome::unknown);

@@ -75,11 +75,14 @@ AsyncFleet::MakeJob functionJob(AsyncFleet::Job job) {
 }
 
 struct AsyncFleet::Data {
+  Data(Loop& loop, std::vector<FleetEntry> entries, const FleetOptions& options)
+      : work(loop, std::move(entries), options) {}
+
   FleetWork work;
 };
 
 AsyncFleet::AsyncFleet(Loop& loop, std::vector<Address> devices, const FleetOptions& options)
-    : data_(new Data{FleetWork(loop, entriesOf(std::move(devices)), options)}) {}
+    : data_(std::make_unique<Data>(loop, entriesOf(std::move(devices)), options)) {}
 
 AsyncFleet::~AsyncFleet() = default;
 

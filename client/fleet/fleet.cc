@@ -16,7 +16,7 @@ struct Fleet::Data {
 };
 
 Fleet::Fleet(const std::vector<std::string>& devices, const FleetOptions& options)
-    : data_(new Data{{}, options}) {
+    : data_(std::make_unique<Data>(Data{{}, options})) {
   for (const std::string& text : devices) {
     Result<Address> address = Address::parse(text);
     data_->devices.push_back({address ? address->name() : text, std::move(address)});

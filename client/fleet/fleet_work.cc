@@ -43,7 +43,7 @@ FleetWork::FleetWork(Loop& loop, std::vector<FleetEntry> entries, const FleetOpt
   std::set<std::string> known;
   for (std::size_t index = 0; index < entries.size(); ++index) {
     if (known.insert(keyOf(entries[index])).second) {
-      members_.push_back(std::unique_ptr<Member>(new Member{std::move(entries[index]), index}));
+      members_.push_back(std::make_unique<Member>(Member{std::move(entries[index]), index}));
     }
   }
   (void)parseWaves(options_.waves, members_.size(), waves_);  // the text was checked

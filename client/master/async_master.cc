@@ -50,11 +50,14 @@ Result<std::unique_ptr<MasterUser>> MasterEngine::attach(const std::string& name
 }
 
 struct AsyncMaster::Data {
+  Data(Loop& loop, const MasterOptions& options, Handler handler)
+      : engine{loop, options, std::move(handler)} {}
+
   MasterEngine engine;
 };
 
 AsyncMaster::AsyncMaster(Loop& loop, const MasterOptions& options, Handler handler)
-    : data_(new Data{{loop, options, std::move(handler)}}) {}
+    : data_(std::make_unique<Data>(loop, options, std::move(handler))) {}
 
 AsyncMaster::~AsyncMaster() = default;
 

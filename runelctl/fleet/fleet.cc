@@ -104,7 +104,7 @@ Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Prin
       style_(style),
       fleet_(loop, settings.targets, optionsFor(settings, command)) {
   for (const runel::Address& target : settings.targets) {
-    members_.push_back(std::unique_ptr<Member>(new Member{target}));
+    members_.push_back(std::make_unique<Member>(Member{target}));
   }
 }
 

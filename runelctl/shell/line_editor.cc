@@ -44,30 +44,29 @@ LineEditor::LineEditor(std::string historyFile, Complete complete)
       editor_((useUtf8(), el_init("runelctl", stdin, stdout, stderr))),
       history_(history_init()) {
   HistEvent event;
-  (void)history(history_, &event, H_SETSIZE, kHistorySize);
-  (void)history(history_, &event, H_SETUNIQUE, 1);
+  (void)history(history_.get(), &event, H_SETSIZE, kHistorySize);
+  (void)history(history_.get(), &event, H_SETUNIQUE, 1);
   if (!historyFile_.empty()) {
-    (void)history(history_, &event, H_LOAD, historyFile_.c_str());  // the file may not exist yet
+    (void)history(history_.get(), &event, H_LOAD,
+                  historyFile_.c_str());  // the file may not exist yet
   }
   // SIGINT interrupts a read. Between two lines it must not end the process either.
   struct sigaction action {};
   action.sa_handler = onInterrupt;
   (void)sigaction(SIGINT, &action, &before_);  // the arguments are valid
-  el_set(editor_, EL_CLIENTDATA, this);
-  el_set(editor_, EL_PROMPT, &LineEditor::prompt);
-  el_set(editor_, EL_EDITOR, "emacs");
-  el_set(editor_, EL_HIST, history, history_);
-  el_set(editor_, EL_GETCFN, &LineEditor::getCharacter);
-  el_wset(editor_, EL_ADDFN, L"complete", L"Complete the word",
+  el_set(editor_.get(), EL_CLIENTDATA, this);
+  el_set(editor_.get(), EL_PROMPT, &LineEditor::prompt);
+  el_set(editor_.get(), EL_EDITOR, "emacs");
+  el_set(editor_.get(), EL_HIST, history, history_.get());
+  el_set(editor_.get(), EL_GETCFN, &LineEditor::getCharacter);
+  el_wset(editor_.get(), EL_ADDFN, L"complete", L"Complete the word",
           &LineEditor::tab);  // does not copy the strings
-  el_set(editor_, EL_BIND, "^I", "complete", nullptr);
-  el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+  el_set(editor_.get(), EL_BIND, "^I", "complete", nullptr);
+  el_set(editor_.get(), EL_BIND, "^R", "em-inc-search-prev", nullptr);
 }
 
 LineEditor::~LineEditor() {
   (void)sigaction(SIGINT, &before_, nullptr);  // the arguments are valid
-  history_end(history_);
-  el_end(editor_);
 }
 
 LineEditor& LineEditor::of(EditLine* editor) {
@@ -109,8 +108,8 @@ LineEditor::Got LineEditor::read(const std::string& prompt, std::string& line) {
   interrupted = 0;
   int count = 0;
   // Before the prompt is written: the terminal itself must not echo an immediate answer.
-  el_set(editor_, EL_PREP_TERM, 1);
-  const char* text = el_gets(editor_, &count);
+  el_set(editor_.get(), EL_PREP_TERM, 1);
+  const char* text = el_gets(editor_.get(), &count);
   if (text == nullptr || count <= 0) {
     (void)writeAll(STDOUT_FILENO, "\n");
     return interrupted != 0 ? Got::interrupted : Got::end;
@@ -129,11 +128,11 @@ void LineEditor::remember(const std::string& line) {
   }
   last_ = line;
   HistEvent event;
-  (void)history(history_, &event, H_ENTER, line.c_str());
+  (void)history(history_.get(), &event, H_ENTER, line.c_str());
   if (!historyFile_.empty()) {
     // The history may contain secrets: only this user may read it.
     const mode_t before = umask(077);
-    (void)history(history_, &event, H_SAVE, historyFile_.c_str());
+    (void)history(history_.get(), &event, H_SAVE, historyFile_.c_str());
     umask(before);
   }
 }
@@ -144,7 +143,7 @@ unsigned char LineEditor::tab(EditLine* editor, int key) {
 }
 
 unsigned char LineEditor::completeLine() {
-  const LineInfo* info = el_line(editor_);
+  const LineInfo* info = el_line(editor_.get());
   const std::string before(info->buffer, info->cursor);
   const Completer::Offer offer = complete_(before);
   if (offer.words.empty()) {
@@ -160,8 +159,8 @@ unsigned char LineEditor::completeLine() {
     show(offer.words);
     return CC_REDISPLAY;
   }
-  el_deletestr(editor_, static_cast<int>(before.size() - offer.begin));
-  return el_insertstr(editor_, word.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
+  el_deletestr(editor_.get(), static_cast<int>(before.size() - offer.begin));
+  return el_insertstr(editor_.get(), word.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
 }
 
 void LineEditor::show(const std::vector<std::string>& words) const {

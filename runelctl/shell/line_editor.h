@@ -4,6 +4,7 @@
 #define RUNELCTL_SHELL_LINE_EDITOR_H_
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <csignal>
@@ -29,6 +30,13 @@ class LineEditor {
   [[nodiscard]] Got read(const std::string& prompt, std::string& line);
 
  private:
+  struct EndEditor {
+    void operator()(EditLine* editor) const { el_end(editor); }
+  };
+  struct EndHistory {
+    void operator()(History* history) const { history_end(history); }
+  };
+
   static LineEditor& of(EditLine* editor);
   static char* prompt(EditLine* editor);
   static int getCharacter(EditLine* editor, wchar_t* character);
@@ -39,8 +47,8 @@ class LineEditor {
 
   const std::string historyFile_;
   const Complete complete_;
-  EditLine* editor_;
-  History* history_;
+  std::unique_ptr<EditLine, EndEditor> editor_;
+  std::unique_ptr<History, EndHistory> history_;
   std::string prompt_;
   std::string last_;
   struct sigaction before_ {};

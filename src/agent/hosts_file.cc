@@ -74,6 +74,17 @@ bool namesMaster(std::string_view line) {
   return line.find(kMark) != std::string_view::npos;
 }
 
+// The buffer of getline(3).
+struct LineBuffer {
+  LineBuffer() = default;
+  ~LineBuffer() { std::free(bytes); }
+  LineBuffer(const LineBuffer&) = delete;
+  LineBuffer& operator=(const LineBuffer&) = delete;
+
+  char* bytes = nullptr;
+  std::size_t size = 0;
+};
+
 struct Copy {
   bool ended = true;  // the input was read to its end
   bool good = true;   // every write succeeded
@@ -83,12 +94,11 @@ struct Copy {
 // Copies the lines that do not name the master. A line may have any length and contain any bytes.
 Copy copyLines(std::FILE* in, std::FILE* out) {
   Copy copy;
-  char* line = nullptr;
-  std::size_t size = 0;
+  LineBuffer line;
   ssize_t length = 0;
   errno = 0;
-  while (copy.good && (length = getline(&line, &size, in)) >= 0) {
-    std::string_view text(line, static_cast<std::size_t>(length));
+  while (copy.good && (length = getline(&line.bytes, &line.size, in)) >= 0) {
+    std::string_view text(line.bytes, static_cast<std::size_t>(length));
     if (!text.empty() && text.back() == '\n') {
       text.remove_suffix(1);
     }
@@ -96,7 +106,6 @@ Copy copyLines(std::FILE* in, std::FILE* out) {
   }
   copy.error = errno;
   copy.ended = !copy.good || std::feof(in) != 0;
-  std::free(line);
   return copy;
 }
 

@@ -12,6 +12,7 @@
 
 #include "agent/busy.h"
 #include "base/log.h"
+#include "base/scope_guard.h"
 #include "base/system.h"
 #include "connections/runel_connection.h"
 #include "protocol/protocol.h"
@@ -106,13 +107,13 @@ bool Runel::handle_listen_failure(int port) {
 // Logs the process list, which shows what holds the port. The last line is logged twice: only a
 // failed read detects the end of the list, and the loop logs the unchanged buffer after it.
 void Runel::logProcessList() {
-  std::FILE* list = sys::popen(kProcessList, "r");
+  std::FILE* const list = sys::popen(kProcessList, "r");
+  const ScopeGuard end([list] { (void)sys::pclose(list); });
   char line[kProcessLineSize] = "";
   while (list != nullptr && std::feof(list) == 0 && std::ferror(list) == 0) {
     (void)std::fgets(line, sizeof line, list);
     logLine(LOG_DEBUG, "%s", line);
   }
-  (void)sys::pclose(list);
 }
 
 // The TFTP server is the usual holder of the port.

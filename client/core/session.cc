@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "protocol/task_table.h"
+
 namespace runel {
 namespace {
 
@@ -18,12 +20,29 @@ std::string seconds(Milliseconds time) {
 }
 
 // Whether the task has not run: it was refused, or the device lacked what it needs to start it.
-bool nothingRan(const Reply& reply) {
+bool nothingRan(const Reply& reply, bool mayRunInPart) {
   if (reply.ok()) {
     return false;
   }
   const Error error = reply.error();
-  return error.cause() == Cause::refused || error.transient();
+  return error.cause() == Cause::refused ||
+         (error.transient() && !(mayRunInPart && error.number() == EAGAIN));
+}
+
+// An "append" to a FIFO whose reader stops in the middle fails with EAGAIN.
+bool mayRunInPart(const Request& request) {
+  return !request.words().empty() && request.words().front() == "append";
+}
+
+// A program in the background is answered at once.
+std::optional<LongTask> longTaskOf(const Request& request) {
+  const std::vector<std::string>& words = request.words();
+  const zell::TaskTraits* const traits = words.empty() ? nullptr : zell::findTask(words.front());
+  if (traits == nullptr || !traits->unbounded || request.execLimit() < 0) {
+    return std::nullopt;
+  }
+  return LongTask{words.front(), words.size() > 1 ? words[1] : "",
+                  std::chrono::seconds(request.execLimit()), Milliseconds(0)};
 }
 
 }  // namespace
@@ -33,7 +52,8 @@ void Session::add(const Request& like, ReplyHandler handler, Time now, bool raw)
     lastProgress_ = now;
   }
   pending_.push_back({std::move(handler), like.replyLimit(), like.extraTimeout(), like.answered(),
-                      !raw && like.repeatable(), std::nullopt});
+                      !raw && like.repeatable(), mayRunInPart(like),
+                      raw ? std::nullopt : longTaskOf(like), std::nullopt});
 }
 
 void Session::queued(std::uint64_t end) {
@@ -68,7 +88,8 @@ std::optional<Error> Session::receive(std::string&& payload, Time now) {
 
 void Session::complete(Reply reply, Time now) {
   ++everSent_;
-  everUnrepeatable_ += pending_.front().repeatable || nothingRan(reply) ? 0 : 1;
+  const Pending& front = pending_.front();
+  everUnrepeatable_ += front.repeatable || nothingRan(reply, front.mayRunInPart) ? 0 : 1;
   completed_.push_back({std::move(pending_.front().handler), std::move(reply)});
   pending_.pop_front();
   --queuedCount_;
@@ -81,17 +102,44 @@ std::size_t Session::sent() const {
                                        [this](const Pending& pending) { return isSent(pending); }));
 }
 
+std::size_t Session::pendingInDoubt() const {
+  return static_cast<std::size_t>(std::count_if(
+      pending_.begin(), pending_.end(),
+      [this](const Pending& pending) { return isSent(pending) && !pending.repeatable; }));
+}
+
 std::size_t Session::unrepeatable() const {
-  return everUnrepeatable_ + static_cast<std::size_t>(std::count_if(
-                                 pending_.begin(), pending_.end(), [this](const Pending& pending) {
-                                   return isSent(pending) && !pending.repeatable;
-                                 }));
+  return everUnrepeatable_ + pendingInDoubt();
+}
+
+std::size_t Session::inDoubt() const {
+  return everInDoubt_ + pendingInDoubt();
 }
 
 // Keeps the counts of the pending requests, which end now.
 void Session::count() {
   everSent_ = sent();
   everUnrepeatable_ = unrepeatable();
+  everInDoubt_ = inDoubt();
+}
+
+Milliseconds Session::silence(Time now) const {
+  return queuedCount_ == 0 ? Milliseconds(0)
+                           : std::chrono::duration_cast<Milliseconds>(now - lastProgress_);
+}
+
+std::optional<LongTask> Session::longTask(Time now) const {
+  for (const Pending& pending : pending_) {
+    if (!isSent(pending)) {
+      break;
+    }
+    if (pending.longTask) {
+      LongTask task = *pending.longTask;
+      task.waiting = silence(now);
+      return task;
+    }
+  }
+  return std::nullopt;
 }
 
 void Session::fail(const Error& why) {

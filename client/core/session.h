@@ -58,6 +58,12 @@ class Session {
   [[nodiscard]] std::size_t sent() const;
   /// The number of requests ever that ran, or may have run, and are not repeatable.
   [[nodiscard]] std::size_t unrepeatable() const;
+  /// The number of requests ever that were sent, have no reply, and are not repeatable.
+  [[nodiscard]] std::size_t inDoubt() const;
+  /// The time since the last byte was moved, while a reply is due; 0 otherwise.
+  [[nodiscard]] Milliseconds silence(Time now) const;
+  /// The first of the sent requests that may take any time.
+  [[nodiscard]] std::optional<LongTask> longTask(Time now) const;
   /// The size limit of the next reply in bytes.
   [[nodiscard]] std::size_t replyLimit() const;
 
@@ -68,10 +74,13 @@ class Session {
     std::optional<Milliseconds> extraTimeout;
     bool answered;
     bool repeatable;
+    bool mayRunInPart;                 ///< also if the reply is EAGAIN
+    std::optional<LongTask> longTask;  ///< without its time
     std::optional<std::uint64_t> end;  ///< empty until its frame is queued
   };
 
   [[nodiscard]] bool isSent(const Pending& pending) const;
+  [[nodiscard]] std::size_t pendingInDoubt() const;
   void complete(Reply reply, Time now);
   void count();
 
@@ -80,6 +89,7 @@ class Session {
   std::deque<Completion> completed_;
   std::size_t everSent_ = 0;          // without those of pending_
   std::size_t everUnrepeatable_ = 0;  // without those of pending_
+  std::size_t everInDoubt_ = 0;       // without those of pending_
   std::size_t queuedCount_ = 0;       // the first of pending_ that have an end
   std::uint64_t sent_ = 0;
   Time lastProgress_;

@@ -16,7 +16,7 @@ constexpr int kLeastLooks = 2;
 constexpr int kMostLooks = 12;
 
 DeviceOptions quick(DeviceOptions options) {
-  options.setConnectTimeout(kCleanUpTime).setTimeout(kCleanUpTime);
+  options.setConnectTimeout(kCleanUpTime).setIoTimeout(kCleanUpTime);
   return options;
 }
 

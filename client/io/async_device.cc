@@ -9,6 +9,7 @@
 
 #include "base/unique_fd.h"
 #include "client/core/session.h"
+#include "client/io/acknowledgements.h"
 #include "client/io/channel.h"
 #include "client/io/connector.h"
 
@@ -21,7 +22,7 @@ struct AsyncDevice::Data {
         address_(std::move(itsAddress)),
         options_(std::move(itsOptions)),
         dials_(itDials),
-        session_(options_.timeout()) {}
+        session_(options_.ioTimeout()) {}
 
   void ask(std::string payload, const Request& like, ReplyHandler handler, bool raw);
   void connect();
@@ -283,6 +284,22 @@ std::size_t AsyncDevice::sent() const {
 
 std::size_t AsyncDevice::unrepeatable() const {
   return data_->session_.unrepeatable();
+}
+
+std::size_t AsyncDevice::inDoubt() const {
+  return data_->session_.inDoubt();
+}
+
+Milliseconds AsyncDevice::silence() const {
+  return data_->session_.silence(Clock::now());
+}
+
+bool AsyncDevice::acknowledges() const {
+  return !data_->channel_ || runel::acknowledges(data_->channel_->descriptor());
+}
+
+std::optional<LongTask> AsyncDevice::longTask() const {
+  return data_->session_.longTask(Clock::now());
 }
 
 }  // namespace v1

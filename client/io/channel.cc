@@ -11,12 +11,16 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include "client/io/acknowledgements.h"
+
 namespace runel {
 namespace {
 
 constexpr std::size_t kLeastRead = 16384;
 constexpr std::size_t kMostRead = 1048576;
 constexpr std::size_t kPartsAtOnce = 16;
+// A small part of the time that the system waits for an acknowledgement.
+constexpr Milliseconds kLookAtAcknowledgements{5000};
 
 bool wouldBlock(int number) {
   return number == EAGAIN || number == EWOULDBLOCK || number == EINTR;
@@ -28,6 +32,7 @@ Channel::Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers)
     : loop_(loop),
       socket_(std::move(socket)),
       handlers_(std::move(handlers)),
+      remote_(limitAcknowledgements(socket_.get())),
       alive_(std::make_shared<bool>(true)) {
   in_.resize(kLeastRead);
   if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t events) { handle(events); })) {
@@ -41,6 +46,7 @@ Channel::Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers)
 }
 
 Channel::~Channel() {
+  loop_.cancel(look_);
   loop_.forget(socket_.get());
 }
 
@@ -92,6 +98,19 @@ void Channel::flush() {
   }
   stream_.sent(static_cast<std::size_t>(taken));
   askFor();
+  if (remote_ && look_.id == 0) {
+    watchAcknowledgements();
+  }
+}
+
+void Channel::watchAcknowledgements() {
+  look_ = loop_.after(kLookAtAcknowledgements, [this] {
+    look_ = Timer();
+    (void)limitAcknowledgements(socket_.get());  // it is a TCP connection
+    if (queued() > 0 || !isAcknowledged(socket_.get())) {
+      watchAcknowledgements();
+    }
+  });
 }
 
 // One read per readiness; the buffer grows with the amount of data. Returns false when the channel
@@ -129,11 +148,15 @@ bool Channel::deliver() {
 }
 
 Error Channel::endOfStream(int number) const {
+  if (number == ETIMEDOUT) {
+    return {Kind::link, Cause::closed, "connection lost: the device acknowledges no data", number};
+  }
   return {Kind::link, Cause::closed,
           number == 0 ? "the device closed the connection" : systemText(number), number};
 }
 
 void Channel::finish(const Error& error) {
+  loop_.cancel(look_);
   loop_.forget(socket_.get());
   const auto end = std::move(handlers_.end);
   handlers_ = Handlers();

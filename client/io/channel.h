@@ -54,6 +54,7 @@ class Channel {
   void flush();
   bool receive();
   bool deliver();
+  void watchAcknowledgements();
   void finish(const Error& error);
   void askFor();
   [[nodiscard]] Error endOfStream(int number) const;
@@ -65,6 +66,8 @@ class Channel {
   std::string in_;
   bool reading_ = true;
   bool writing_ = false;
+  const bool remote_;  // a TCP connection
+  Timer look_;
   std::shared_ptr<bool> alive_;
 };
 

@@ -8,7 +8,8 @@ inline namespace v1 {
 
 struct DeviceOptions::Data {
   Milliseconds connectTimeout{10000};
-  Milliseconds timeout{30000};
+  Milliseconds ioTimeout{30000};
+  std::chrono::seconds programLimit{0};
   std::string masterSocket;
   int retries = 0;
   Milliseconds retryPause{200};
@@ -30,8 +31,17 @@ DeviceOptions& DeviceOptions::setConnectTimeout(Milliseconds time) {
   return *this;
 }
 
+DeviceOptions& DeviceOptions::setIoTimeout(Milliseconds time) {
+  data_->ioTimeout = time;
+  return *this;
+}
+
 DeviceOptions& DeviceOptions::setTimeout(Milliseconds time) {
-  data_->timeout = time;
+  return setIoTimeout(time);
+}
+
+DeviceOptions& DeviceOptions::setProgramLimit(std::chrono::seconds limit) {
+  data_->programLimit = limit;
   return *this;
 }
 
@@ -50,8 +60,16 @@ Milliseconds DeviceOptions::connectTimeout() const {
   return data_->connectTimeout;
 }
 
+Milliseconds DeviceOptions::ioTimeout() const {
+  return data_->ioTimeout;
+}
+
 Milliseconds DeviceOptions::timeout() const {
-  return data_->timeout;
+  return ioTimeout();
+}
+
+std::chrono::seconds DeviceOptions::programLimit() const {
+  return data_->programLimit;
 }
 
 const std::string& DeviceOptions::masterSocket() const {

@@ -3,9 +3,11 @@
 #ifndef RUNEL_ASYNC_DEVICE_H_
 #define RUNEL_ASYNC_DEVICE_H_
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <runel/address.h>
@@ -17,6 +19,12 @@ namespace runel {
 inline namespace v1 {
 
 /// The timeouts of a device. Copies are cheap enough to pass by value.
+///
+/// Two limits have different meanings. The I/O timeout is this host's: it ends the wait for an
+/// answer when the connection is silent. The limit of a program is the device's: it ends the
+/// program. An "exec" without a limit and a "wait" have no I/O timeout, because the device answers
+/// no client meanwhile; only a lost connection ends them, and a device that acknowledges no data
+/// for 60 s. An "exec" with a limit adds its limit to the I/O timeout.
 class RUNEL_API DeviceOptions {
  public:
   DeviceOptions();
@@ -32,7 +40,13 @@ class RUNEL_API DeviceOptions {
   /// The I/O timeout: the longest time without a byte sent or received while an answer is due; 30 s
   /// by default. The daemon serves its connections one after the other, so it must cover the
   /// requests of other clients.
+  DeviceOptions& setIoTimeout(Milliseconds time);
+  /// The same as `setIoTimeout`.
   DeviceOptions& setTimeout(Milliseconds time);
+  /// The limit of a program that `Device::exec` runs without a limit: the device stops it when it
+  /// takes longer. 0 s, the default, is no limit. A `Request` has its own limit, see
+  /// `Request::exec`.
+  DeviceOptions& setProgramLimit(std::chrono::seconds limit);
   /// The path of the control socket of a running `runelctl master`, for devices behind it.
   DeviceOptions& setMasterSocket(std::string path);
   /// How often a request that was not sent, or is safe to repeat, is tried again after a transient
@@ -43,7 +57,9 @@ class RUNEL_API DeviceOptions {
   ///@{
   /// The current setting.
   [[nodiscard]] Milliseconds connectTimeout() const;
+  [[nodiscard]] Milliseconds ioTimeout() const;
   [[nodiscard]] Milliseconds timeout() const;
+  [[nodiscard]] std::chrono::seconds programLimit() const;
   [[nodiscard]] const std::string& masterSocket() const;
   [[nodiscard]] int retries() const;
   [[nodiscard]] Milliseconds retryPause() const;
@@ -108,6 +124,17 @@ class RUNEL_API AsyncDevice {
   /// caller that repeats a sequence of requests must not do so when this number has grown. All
   /// requests of `askRaw` count as not repeatable.
   [[nodiscard]] std::size_t unrepeatable() const;
+  /// The number of those requests without a reply: it is unknown whether they ran. A pending
+  /// request counts as soon as it is sent.
+  [[nodiscard]] std::size_t inDoubt() const;
+
+  /// The time since the last byte was sent or received, while an answer is due; 0 otherwise.
+  [[nodiscard]] Milliseconds silence() const;
+  /// Whether the device's system acknowledges what is sent: a silent device is then busy and not
+  /// lost. Also true when it is unknown, such as behind a master.
+  [[nodiscard]] bool acknowledges() const;
+  /// The oldest of the pending requests that are sent and may take any time.
+  [[nodiscard]] std::optional<LongTask> longTask() const;
 
  private:
   struct RUNEL_LOCAL Data;

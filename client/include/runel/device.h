@@ -88,8 +88,9 @@ class RUNEL_API Device {
   // Programs.
 
   /// Runs a program without a shell and waits for its end: its result, also for another exit status
-  /// than 0. The device stops the program after @p limit; 0 is no limit. The device serves no other
-  /// request meanwhile. Fails when the program could not be started.
+  /// than 0. The device stops the program after @p limit; 0 is `DeviceOptions::setProgramLimit`,
+  /// which is no limit by default, and below 0 is no limit. The device serves no other request
+  /// meanwhile. Fails when the program could not be started.
   [[nodiscard]] Result<ProgramResult> exec(const std::vector<std::string>& argv,
                                            std::chrono::seconds limit = std::chrono::seconds(0));
   /// Starts a program in the background and discards its output. Each connection has at most one

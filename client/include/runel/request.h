@@ -81,6 +81,16 @@ class RUNEL_API Request {
 /// wrote in between. False for all others, and for unknown tasks.
 [[nodiscard]] RUNEL_API bool repeatable(std::string_view name);
 
+/// A task without a bounded time, as the client sees it that waits for its reply: a foreground
+/// "exec", or a "wait". The device continues with it after the connection has ended, and serves no
+/// client meanwhile.
+struct LongTask {
+  std::string task;               ///< "exec" or "wait"
+  std::string program;            ///< of an "exec", without its arguments
+  std::chrono::seconds limit{0};  ///< after which the device stops the program; 0 for none
+  Milliseconds waiting{0};        ///< since the last byte that was sent or received
+};
+
 /// The status of a reply. The numbers are those of the wire.
 enum class Status {
   success = 0,

@@ -198,6 +198,27 @@ TEST(DeviceTest, AProgramThatCannotBeStartedIsAnError) {
   EXPECT_EQ(device.start({"/none"}).error().text(), "/none: No such file or directory");
 }
 
+TEST(DeviceTest, AProgramWithoutALimitHasThatOfTheOptions) {
+  const ThreadPeer peer([](const std::string& payload) {
+    return replyText(payload.substr(payload.find("true") + 5, 2), "0 2 0 0 0");
+  });
+  const std::vector<std::string> program{"true"};
+  Device plain(peer.address());
+  EXPECT_EQ(plain.exec(program)->output, "0 ");
+  plain.close();
+  Device limited(peer.address(), DeviceOptions().setProgramLimit(std::chrono::seconds(7)));
+  EXPECT_EQ(limited.exec(program)->output, "7 ");
+  EXPECT_EQ(limited.exec(program, std::chrono::seconds(9))->output, "9 ");
+  EXPECT_EQ(limited.exec(program, std::chrono::seconds(-1))->output, "0 ");
+}
+
+TEST(DeviceTest, TheIoTimeoutHasTwoNames) {
+  const Milliseconds time(1234);
+  EXPECT_EQ(DeviceOptions().setTimeout(time).ioTimeout(), time);
+  EXPECT_EQ(DeviceOptions().setIoTimeout(time).timeout(), time);
+  EXPECT_EQ(DeviceOptions().programLimit().count(), 0);
+}
+
 TEST(DeviceTest, ATaskThatIsSafeToRepeatIsRepeatedAfterALoss) {
   const ThreadPeer peer(loseOnce());
   Device device(peer.address(), once());

@@ -134,6 +134,65 @@ TEST_F(SessionTest, CountsTheRequestsThatMayHaveRunAndAreNotRepeatable) {
   EXPECT_EQ(session.unrepeatable(), 2U);
 }
 
+TEST_F(SessionTest, OnlyRequestsWithoutAReplyAreInDoubt) {
+  for (const char* task : {"append", "write", "append", "exec"}) {
+    ask(task);
+  }
+  session.progress(3 * kFrame, now);
+  EXPECT_EQ(session.inDoubt(), 2U) << "write is safe to repeat, exec is not sent";
+  EXPECT_FALSE(session.receive(record(""), now));
+  EXPECT_EQ(session.inDoubt(), 1U);
+  session.fail(Error(Kind::link, Cause::closed, "lost"));
+  EXPECT_EQ(session.inDoubt(), 1U);
+  EXPECT_EQ(session.unrepeatable(), 2U);
+}
+
+TEST_F(SessionTest, AnAppendMayHaveRunInPart) {
+  for (const char* task : {"append", "exec"}) {
+    ask(task);
+  }
+  session.progress(2 * kFrame, now);
+  EXPECT_FALSE(session.receive("SlaveTask 0 0 0: 1 0 1 11 0", now)) << "EAGAIN from a FIFO";
+  EXPECT_EQ(session.unrepeatable(), 2U);
+  EXPECT_FALSE(session.receive("SlaveTask 0 0 0: 1 0 1 11 0", now)) << "EAGAIN from fork";
+  EXPECT_EQ(session.unrepeatable(), 1U);
+}
+
+TEST_F(SessionTest, SilenceCountsFromTheLastByteWhileAReplyIsDue) {
+  EXPECT_EQ(session.silence(now + seconds(5)), Milliseconds(0));
+  ask("exec");
+  session.progress(kFrame, now + seconds(1));
+  EXPECT_EQ(session.silence(now + seconds(5)), seconds(4));
+  EXPECT_FALSE(session.receive(record(""), now + seconds(5)));
+  EXPECT_EQ(session.silence(now + seconds(9)), Milliseconds(0));
+}
+
+TEST_F(SessionTest, KnowsTheSentTaskThatMayTakeAnyTime) {
+  const auto add = [this](const Request& request) {
+    session.add(
+        request, [](const Reply&) {}, now);
+    queuedBytes += kFrame;
+    session.queued(queuedBytes);
+  };
+  ask("hostid");
+  add(Request::exec({"true"}, -1));
+  add(Request::exec({"sleep", "60"}, 90));
+  ask("wait");
+  session.progress(2 * kFrame, now);
+  EXPECT_FALSE(session.longTask(now)) << "sleep is not sent";
+  session.progress(4 * kFrame, now);
+  const std::optional<LongTask> first = session.longTask(now + seconds(3));
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->task + " " + first->program, "exec sleep");
+  EXPECT_EQ(first->limit, seconds(90));
+  EXPECT_EQ(first->waiting, seconds(3));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(session.receive(record(""), now));
+  }
+  EXPECT_EQ(session.longTask(now)->task, "wait");
+  EXPECT_EQ(session.longTask(now)->limit, seconds(0));
+}
+
 TEST_F(SessionTest, ARawRequestIsNotRepeatable) {
   session.add(
       Request({"read"}), [](const Reply&) {}, now, true);

@@ -79,7 +79,11 @@ void TransferWork::skip(std::uint64_t bytes, const std::string& name) {
   }
 }
 
+// The failure of a file before the end is reported too.
 void TransferWork::end(const Error& error) {
+  if (done_.error) {
+    done_.warnings.insert(done_.warnings.begin(), done_.error->text());
+  }
   done_.error = error;
   callDone();
 }

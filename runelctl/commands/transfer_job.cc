@@ -46,7 +46,11 @@ TransferJob::TransferJob(JobContext context, TransferPlan plan)
 
 TransferJob::~TransferJob() {
   if (transfer_ && !told_) {
-    tell(transfer_->report());
+    const runel::TransferReport done = transfer_->report();
+    if (done.error()) {
+      report().warn(done.error()->text());
+    }
+    tell(done);
   }
 }
 

@@ -83,7 +83,8 @@ class RUNEL_API TransferReport {
   /// `Outcome::notSent` only if no request of the transfer was answered, or because a directory
   /// could not be read or created.
   [[nodiscard]] bool complete() const;
-  /// Why the transfer ended early, or the first failure of a file, if any.
+  /// Why the transfer ended early, or the first failure of a file, if any. If a file failed before
+  /// the transfer ended early, that failure is the first of the warnings.
   [[nodiscard]] const std::optional<Error>& error() const;
   /// Further failures and what was skipped, one sentence each.
   [[nodiscard]] const std::vector<std::string>& warnings() const;

@@ -177,6 +177,15 @@ TEST_F(PushTest, EndsWhenTheConnectionIsLost) {
   EXPECT_EQ(device.count("append"), 1U);
 }
 
+TEST_F(PushTest, ReportsAnEarlierFailureBesideTheLostConnection) {
+  device.fail("write /t/a", EACCES);
+  device.hangUpAt("write /t/b");
+  push({file("a", "1"), file("b", "2")}, "/t");
+  finish();
+  EXPECT_EQ(report->error()->kind(), Kind::link);
+  EXPECT_EQ(report->warnings(), Strings{"/t/a: Permission denied"});
+}
+
 TEST_F(PushTest, IsNotSentWhenTheDeviceCannotBeReached) {
   AsyncDevice unreachable(loop, Address("127.0.0.1", 9));
   transfer = AsyncTransfer::push(unreachable, *PushSources::scan({file("a", "1")}, false), "/t",

@@ -20,6 +20,9 @@ namespace {
 
 constexpr int kMostJobs = 100000;
 constexpr double kMostSeconds = 86400.0 * 365;
+constexpr int kMostProgramSeconds = 2147483647;
+constexpr char kNoProgram[] =
+    ": --timeout limits the program of exec or sh; see --io-timeout and --deadline";
 
 CLI::Validator secondsRange(double least) {
   return numberRange(least, kMostSeconds);
@@ -72,7 +75,12 @@ void CommandLine::defineDeviceOptions() {
   app_.add_option("--master-socket", settings_.masterSocket,
                   "control socket of the master (default: runelctl-master.sock in XDG_RUNTIME_DIR)")
       ->type_name("PATH");
-  app_.add_option("--timeout", settings_.timeout,
+  app_.add_option("--timeout", settings_.programLimit,
+                  "limit for the program of exec or sh (default: none)")
+      ->check(numberRange(1, kMostProgramSeconds))
+      ->each([this](const std::string&) { settings_.programLimitGiven = true; })
+      ->type_name("SECONDS");
+  app_.add_option("--io-timeout", settings_.ioTimeout,
                   "I/O timeout while an answer is due (default: 30)")
       ->check(secondsRange(0.001))
       ->type_name("SECONDS");
@@ -111,13 +119,19 @@ void CommandLine::defineFleetOptions() {
   app_.add_flag("--fail-fast", settings_.failFast,
                 "start no further device after the first failure")
       ->group(group);
-  app_.add_option("--retry", settings_.retry, "retry transient failures up to N times (default: 0)")
-      ->check(numberRange(0, 1000))
-      ->group(group)
-      ->type_name("N");
+  auto* retry = app_.add_option("--retry", settings_.retry,
+                                "retry transient failures up to N times (default: 0)")
+                    ->check(numberRange(0, 1000))
+                    ->group(group)
+                    ->type_name("N");
+  app_.add_flag("--retry-unsafe", settings_.retryUnsafe,
+                "with --retry, repeat also tasks that may have run")
+      ->needs(retry)
+      ->group(group);
   app_.add_option("--deadline", settings_.deadline,
-                  "time limit for each attempt on a device (default: none)")
-      ->check(secondsRange(0.001))
+                  "limit for each attempt on a device; 0: none (default: 600 with several devices, "
+                  "none with one)")
+      ->check(secondsRange(0))
       ->group(group)
       ->type_name("SECONDS");
   app_.add_option("--wave", settings_.wave,
@@ -170,6 +184,11 @@ int CommandLine::parse(std::vector<std::string> words) {
 std::string CommandLine::checkChosen() {
   if (!runel::FleetOptions().setWaves(settings_.wave)) {
     return "--wave: invalid list '" + settings_.wave + "': expected sizes such as 1,10%,rest";
+  }
+  const bool limited =
+      command_ != nullptr ? command_->programLimit(settings_).has_value() : local_->runsCommands();
+  if (settings_.programLimitGiven && !limited) {
+    return (command_ != nullptr ? command_->name() : local_->name()) + kNoProgram;
   }
   return command_ != nullptr ? command_->check(settings_) : local_->check(settings_);
 }

@@ -36,6 +36,8 @@ class LocalCommand {
   }
   /// Runs the command and returns the exit status.
   [[nodiscard]] virtual int run(const Settings& settings, const Style& style) = 0;
+  /// True for a command that runs other commands, with its general options.
+  [[nodiscard]] virtual bool runsCommands() const { return false; }
   /// True for a command that the help does not list.
   [[nodiscard]] virtual bool hidden() const { return false; }
 

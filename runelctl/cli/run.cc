@@ -107,6 +107,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
 
 int runCommandLine(Session& session, const std::vector<std::string>& words) {
   CommandLine line;
+  line.settings().programLimit = session.programLimit;
   std::vector<std::string> all = session.before;
   all.insert(all.end(), words.begin(), words.end());
   int status = line.parse(all);

@@ -17,6 +17,7 @@ struct Session {
   runel::AsyncDevice* device = nullptr;
   std::vector<std::string> before;  ///< options that are prepended to each command line
   std::string directory;
+  int programLimit = 0;  ///< the default of each command line, in seconds; 0 for none
 };
 
 /// Runs @p words, a command line without the program name. Returns the exit status.

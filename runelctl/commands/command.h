@@ -39,6 +39,19 @@ class Command {
   [[nodiscard]] virtual std::unique_ptr<Job> job(JobContext context) = 0;
   /// True for a command that needs a confirmation on several devices.
   [[nodiscard]] virtual bool destructive() const { return false; }
+  /// The limit of the program that the command runs, in seconds, 0 for none. Nothing for a command
+  /// whose program the user does not choose, and for one without a program.
+  [[nodiscard]] virtual std::optional<int> programLimit(const Settings& settings) const {
+    (void)settings;
+    return std::nullopt;
+  }
+  /// The time that the options of the command allow on a device, in seconds, 0 without such an
+  /// option. The default of --deadline is longer.
+  [[nodiscard]] virtual double allowedTime(const Settings& settings) const {
+    return programLimit(settings).value_or(0);
+  }
+  /// True for a command whose time depends on the amount of data.
+  [[nodiscard]] virtual bool transfers() const { return false; }
   /// True for a command that runs on one device after the other by default.
   [[nodiscard]] virtual bool sequential() const { return false; }
 

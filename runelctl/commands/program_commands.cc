@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Commands about programs on the device: exec, sh, ps.
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -69,9 +70,18 @@ class ExecCommand : public Command {
     app.add_option("PROGRAM", words_, "program and its arguments, after '--'")->required();
   }
 
+  std::string check(const Settings& settings) override {
+    return background_ && settings.programLimitGiven ? "exec: --background excludes --timeout" : "";
+  }
+
   std::unique_ptr<Job> job(JobContext context) override {
-    return std::make_unique<ExecJob>(
-        std::move(context), runel::Request::exec(words_, background_ ? -1 : limit_), words_[0]);
+    const int limit = background_ ? -1 : *programLimit(context.settings);
+    return std::make_unique<ExecJob>(std::move(context), runel::Request::exec(words_, limit),
+                                     words_[0]);
+  }
+
+  [[nodiscard]] std::optional<int> programLimit(const Settings& settings) const override {
+    return limit_ > 0 ? limit_ : settings.programLimit;
   }
 
  private:
@@ -94,15 +104,20 @@ class ShellLineCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     std::string line = line_;
+    const int limit = *programLimit(context.settings);
     if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
           runel::Request::exec(
-              {"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory}, limit_),
+              {"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory}, limit),
           "sh");
     }
     return std::make_unique<ExecJob>(std::move(context),
-                                     runel::Request::exec({"/bin/sh", "-c", line}, limit_), "sh");
+                                     runel::Request::exec({"/bin/sh", "-c", line}, limit), "sh");
+  }
+
+  [[nodiscard]] std::optional<int> programLimit(const Settings& settings) const override {
+    return limit_ > 0 ? limit_ : settings.programLimit;
   }
 
  private:

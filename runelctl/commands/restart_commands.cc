@@ -70,7 +70,7 @@ class RestartJob : public Job {
     ask(runel::Request({proof_.task}), [this](const runel::Reply& reply) {
       // Ignore the status: the answer to "reboot" carries the status of the previous task.
       if (!reply.answered() && !(wait_ && reply.error().cause() == runel::Cause::closed)) {
-        fail(reply.error());
+        failUnanswered(reply.error());
       } else if (!wait_) {
         succeed();
       } else {
@@ -79,11 +79,18 @@ class RestartJob : public Job {
     });
   }
 
+  // A device that restarts may be silent before it has answered, so this is no timeout.
+  void failUnanswered(const runel::Error& why) {
+    Error error = why;
+    error.fault = why.outcome() == runel::Outcome::unknown ? Fault::lost : error.fault;
+    fail(error);
+  }
+
   void watch() {
     begin_ = runel::Clock::now();
     runel::DeviceOptions limits = device().options();
     limits.setConnectTimeout(std::min(limits.connectTimeout(), kPollConnect));
-    limits.setTimeout(std::min(limits.timeout(), kPollSilence));
+    limits.setIoTimeout(std::min(limits.ioTimeout(), kPollSilence));
     poller_ = std::make_unique<runel::AsyncDevice>(loop(), device().address(), limits);
     poll();
   }
@@ -175,6 +182,10 @@ class RestartCommand : public Command {
 
   [[nodiscard]] bool destructive() const override { return true; }
   [[nodiscard]] bool sequential() const override { return true; }
+  [[nodiscard]] double allowedTime(const Settings& settings) const override {
+    (void)settings;
+    return wait_ ? proof_.downLimit + proof_.upLimit : 0;
+  }
 
  private:
   Proof proof_;

@@ -45,7 +45,7 @@ std::string runtimeDirectory() {
 runel::DeviceOptions Settings::limits() const {
   return runel::DeviceOptions()
       .setConnectTimeout(fromSeconds(connectTimeout))
-      .setTimeout(fromSeconds(timeout))
+      .setIoTimeout(fromSeconds(ioTimeout))
       .setMasterSocket(masterSocket);
 }
 

@@ -3,6 +3,7 @@
 #ifndef RUNELCTL_COMMANDS_SETTINGS_H_
 #define RUNELCTL_COMMANDS_SETTINGS_H_
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,13 @@ struct Settings {
   bool jobsGiven = false;
   int jobs = 64;
   int retry = 0;
+  bool retryUnsafe = false;
   int maxFail = 0;
-  double timeout = 30;
+  int programLimit = 0;  ///< in seconds, enforced by the device; 0 for none
+  bool programLimitGiven = false;
+  double ioTimeout = 30;  ///< in seconds, for the wait for an answer
   double connectTimeout = 10;
-  double deadline = 0;  ///< in seconds, for each attempt on a device; 0 for none
+  std::optional<double> deadline;  ///< in seconds, for each attempt on a device; 0 for none
   std::string wave;
   std::string retryFailed;
   std::string colour = "auto";

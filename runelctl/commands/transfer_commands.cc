@@ -27,6 +27,8 @@ class TransferCommand : public Command {
     return std::make_unique<TransferJob>(std::move(context), std::move(plan));
   }
 
+  [[nodiscard]] bool transfers() const override { return true; }
+
  protected:
   void defineChecks(CLI::App& app) {
     app.add_flag("--resume,!--no-resume", resume_, "resume an interrupted transfer (default)");

@@ -80,7 +80,7 @@ class MasterCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     settings_.socket = settings.masterSocket;
-    settings_.options.setTimeout(settings.limits().timeout());
+    settings_.options.setTimeout(settings.limits().ioTimeout());
     if (shared_ > 0) {
       settings_.options.setShared(runel::Milliseconds(std::lround(shared_ * 1000)));
     }
@@ -166,7 +166,7 @@ class DevicesCommand : public LocalCommand {
   int run(const Settings& settings, const Style& style) override {
     std::string lines;
     const auto error =
-        runel::listDevices(settings.masterSocket, settings.limits().timeout(), lines);
+        runel::listDevices(settings.masterSocket, settings.limits().ioTimeout(), lines);
     if (error) {
       tellFailure(name(), *error, style);
       return kExitNoConnection;

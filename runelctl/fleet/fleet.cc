@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <optional>
 #include <utility>
@@ -16,7 +17,32 @@ namespace {
 constexpr runel::Milliseconds kRetryPause{500};
 // Bytes of a frame in the human-readable output of a dry run.
 constexpr std::size_t kMostPayloadShown = 400;
-constexpr char kMayHaveRun[] = "the task may have run: check, then run it again";
+constexpr std::chrono::seconds kWatchPause{1};
+// The default with several devices.
+constexpr int kFleetDeadline = 600;
+constexpr char kUnknown[] = "it is unknown whether the task ran: check, then run it again";
+constexpr char kHasRun[] = "not repeated, because a task of the command has run";
+
+// The limit for each attempt, in seconds, 0 for none.
+double deadlineOf(const Settings& settings, const Command& command) {
+  if (settings.deadline || settings.targets.size() < 2) {
+    return settings.deadline.value_or(0);
+  }
+  const double allowed = command.allowedTime(settings);
+  return allowed > 0 ? std::max<double>(kFleetDeadline, allowed + 2 * settings.ioTimeout)
+                     : kFleetDeadline;
+}
+
+runel::Milliseconds fromSecondsUp(double seconds) {
+  return std::chrono::ceil<runel::Milliseconds>(std::chrono::duration<double>(seconds));
+}
+
+Error deadlineError(const Settings& settings, const Command& command) {
+  const std::string usual = "the default with several devices is " +
+                            std::to_string(std::lround(deadlineOf(settings, command))) +
+                            " s: see --deadline";
+  return {Fault::timedOut, "deadline exceeded", settings.deadline ? "" : usual, ETIMEDOUT};
+}
 
 runel::FleetOptions optionsFor(const Settings& settings, const Command& command) {
   const bool sequential = command.sequential() && !settings.jobsGiven;
@@ -28,9 +54,10 @@ runel::FleetOptions optionsFor(const Settings& settings, const Command& command)
       .setFailFast(settings.failFast)
       .setDevice(device);
   (void)options.setWaves(settings.wave);  // the text is valid: it was checked before
-  if (settings.deadline > 0) {
-    const auto limit = static_cast<runel::Milliseconds::rep>(std::lround(settings.deadline * 1000));
-    options.setDeadline(runel::Milliseconds(limit));
+  const double deadline = deadlineOf(settings, command);
+  // The default deadline of a transfer is about its silence: see Fleet::watch.
+  if (deadline > 0 && (settings.deadline || !command.transfers())) {
+    options.setDeadline(fromSecondsUp(deadline));
   }
   return options;
 }
@@ -42,7 +69,11 @@ struct Fleet::Member {
   runel::Address target;
   std::optional<Report> report{};
   std::optional<Outcome> outcome{};  // of the job of the last attempt
-  bool mayHaveRun = false;           // the last attempt must not be repeated
+  Attempt* attempt = nullptr;        // the running one
+  // Of the last attempt, if it failed:
+  bool unknown = false;                       // whether one of its tasks ran
+  bool notRepeated = false;                   // because a task may have run
+  std::optional<runel::LongTask> longTask{};  // which the device continues
   bool succeeded = false;
 };
 
@@ -50,9 +81,20 @@ struct Fleet::Member {
 class Fleet::Attempt : public runel::FleetJob {
  public:
   Attempt(Fleet& fleet, Member& member, runel::FleetAttempt attempt)
-      : fleet_(fleet), member_(member), attempt_(std::move(attempt)) {
+      : fleet_(fleet),
+        member_(member),
+        attempt_(std::move(attempt)),
+        inDoubt_(attempt_.device.inDoubt()) {
+    member_.attempt = this;
+    fleet_.awaited_.enter(attempt_.index, member_.target.name(), attempt_.device,
+                          runel::Clock::now());
     job_ = fleet_.command_.job({fleet_.loop_, attempt_.device, *member_.report, fleet_.settings_,
                                 [this](Outcome outcome) { done(std::move(outcome)); }});
+  }
+
+  ~Attempt() override {
+    member_.attempt = nullptr;
+    fleet_.awaited_.leave(attempt_.index);
   }
 
   void start() override {
@@ -66,15 +108,25 @@ class Fleet::Attempt : public runel::FleetJob {
   [[nodiscard]] std::optional<runel::Request> cleanUp() const override { return job_->cleanUp(); }
 
   [[nodiscard]] bool mayRepeat(const runel::Error& error, bool safe) const override {
+    member_.unknown = !job_->resumes() && attempt_.device.inDoubt() > inDoubt_;
+    member_.longTask = attempt_.device.longTask();
     if (error.cause() == runel::Cause::cancelled) {
       return false;
     }
     const bool transient = member_.outcome
                                ? member_.outcome->error && member_.outcome->error->transient
                                : error.transient();
-    const bool allowed = safe || job_->resumes();
-    member_.mayHaveRun = transient && !allowed && fleet_.settings_.retry > 0;
+    const bool allowed = safe || job_->resumes() || fleet_.settings_.retryUnsafe;
+    member_.notRepeated = transient && !allowed && fleet_.settings_.retry > 0;
     return transient && allowed;
+  }
+
+  /// Ends an attempt whose device has been silent for @p limit.
+  void endAfter(runel::Milliseconds limit) {
+    if (attempt_.device.silence() >= limit) {
+      const Error late = deadlineError(fleet_.settings_, fleet_.command_);
+      done({exitStatusOf(late), late});
+    }
   }
 
  private:
@@ -92,6 +144,7 @@ class Fleet::Attempt : public runel::FleetJob {
   Fleet& fleet_;
   Member& member_;
   const runel::FleetAttempt attempt_;
+  const std::size_t inDoubt_;  // a lent device has served others before
   std::unique_ptr<Job> job_;
 };
 
@@ -121,14 +174,11 @@ int Fleet::run() {
              std::move(handlers));
   while (!over_) {
     loop_.turn(runel::Milliseconds(1000));
+    watch();
     showProgress(over_);
   }
   printer_.statusLine().clear();
-  std::vector<std::string> devices;
-  for (const auto& member : members_) {
-    devices.push_back(member->target.name());
-  }
-  printer_.flush(devices);
+  printHeld();
   int status = cancelled_;
   for (const Finished& end : ends_) {
     status = std::max(status, end.outcome.status);
@@ -140,7 +190,8 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
   Member& member = *members_[attempt.index];
   started_ += attempt.number == 1 ? 1 : 0;
   member.outcome.reset();
-  member.mayHaveRun = false;
+  member.unknown = member.notRepeated = false;
+  member.longTask.reset();
   openReport(member);
   if (settings_.dryRun) {
     attempt.device.setDryRun(
@@ -194,18 +245,37 @@ Outcome Fleet::outcomeOf(const Member& member, const runel::FleetResult& result)
     return {cancelled_, Error(Fault::cancelled, "interrupted")};
   }
   if (error.cause() == runel::Cause::deadline || !member.outcome) {
-    const Error late(Fault::timedOut, "deadline exceeded", "", ETIMEDOUT);
+    const Error late = deadlineError(settings_, command_);
     return {exitStatusOf(late), late};
   }
   return *member.outcome;
 }
 
+// Says whether the command ran, and what the device does now.
+void Fleet::explain(Member& member, Error& error) const {
+  error.unknown = member.unknown;
+  const bool left = error.fault == Fault::cancelled || error.fault == Fault::timedOut;
+  if (left && member.longTask) {
+    error.advise(continuesText(*member.longTask));
+    Json& result = member.report->result();
+    const bool exec = member.longTask->task == "exec";
+    putBytes(result, "continues", exec ? member.longTask->program : member.longTask->task);
+    if (const auto seconds = secondsLeft(*member.longTask)) {
+      result["continues_s"] = *seconds;
+    }
+  } else if (member.unknown) {
+    error.advise(kUnknown);
+  } else if (member.notRepeated) {
+    error.advise(kHasRun);
+  }
+}
+
 void Fleet::conclude(const runel::FleetResult& result) {
   Member& member = *members_[result.index];
+  awaited_.end(result.index, runel::Clock::now());
   Outcome outcome = outcomeOf(member, result);
-  if (outcome.error && member.mayHaveRun) {
-    std::string& hint = outcome.error->hint;
-    hint += (hint.empty() ? "" : "; ") + std::string(kMayHaveRun);
+  if (outcome.error) {
+    explain(member, *outcome.error);
   }
   member.succeeded = outcome.status == 0;
   failed_ += member.succeeded ? 0 : 1;
@@ -226,16 +296,53 @@ void Fleet::cancel(int status) {
   fleet_.cancel();
 }
 
+// Looks at the running devices, once a second.
+void Fleet::watch() {
+  const runel::Clock::time_point now = runel::Clock::now();
+  if (now - watched_ < kWatchPause) {
+    return;
+  }
+  watched_ = now;
+  if (!settings_.deadline && command_.transfers() && members_.size() > 1) {
+    for (const auto& member : members_) {
+      if (member->attempt != nullptr) {
+        member->attempt->endAfter(fromSecondsUp(deadlineOf(settings_, command_)));
+      }
+    }
+  }
+  const std::string before = std::exchange(
+      awaitedText_, members_.size() == 1 ? awaited_.stateOfOne() : awaited_.text(now));
+  if (!before.empty() && awaitedText_.empty()) {
+    printer_.statusLine().clear();
+  }
+  if (awaited_.allLate(now)) {
+    printHeld();
+  }
+}
+
+// Prints the outputs that were held back for grouping.
+void Fleet::printHeld() {
+  std::vector<std::string> devices;
+  for (const auto& member : members_) {
+    devices.push_back(member->target.name());
+  }
+  printer_.flush(devices);
+}
+
 void Fleet::showProgress(bool now) {
   if (members_.size() == 1) {
+    if (!over_ && !awaitedText_.empty()) {
+      printer_.statusLine().show(terminalSafe(members_.front()->target.name()) + ": " +
+                                 awaitedText_);
+    }
     return;
   }
   const std::size_t running = started_ - ends_.size();
-  printer_.statusLine().show(std::to_string(ends_.size() - failed_) + " done, " +
-                                 std::to_string(failed_) + " failed, " + std::to_string(running) +
-                                 " running, " + std::to_string(members_.size() - started_) +
-                                 " waiting",
-                             now);
+  printer_.statusLine().show(
+      std::to_string(ends_.size() - failed_) + " done, " + std::to_string(failed_) + " failed, " +
+          std::to_string(running) + " running, " + std::to_string(members_.size() - started_) +
+          " waiting" + (awaitedText_.empty() ? "" : "; awaiting " + awaitedText_),
+      now);
 }
 
 std::vector<runel::Address> Fleet::unfinished() const {

@@ -11,6 +11,7 @@
 #include <runel/fleet.h>
 
 #include "commands/command.h"
+#include "fleet/awaited_devices.h"
 #include "fleet/printer.h"
 
 namespace runelctl {
@@ -43,9 +44,12 @@ class Fleet {
   void showUnsent(Member& member, const std::string& payload) const;
   void showSentLater(Member& member, const Job& job) const;
   [[nodiscard]] Outcome outcomeOf(const Member& member, const runel::FleetResult& result) const;
+  void explain(Member& member, Error& error) const;
   void conclude(const runel::FleetResult& result);
   void endWave(std::size_t wave, std::size_t failed, bool stopped);
   void showProgress(bool now);
+  void watch();
+  void printHeld();
 
   runel::Loop& loop_;
   const Settings& settings_;
@@ -59,6 +63,9 @@ class Fleet {
   int cancelled_ = 0;
   std::vector<Finished> ends_;
   ProgressBar bar_;
+  AwaitedDevices awaited_;
+  std::string awaitedText_;  // for the status line
+  runel::Clock::time_point watched_;
   runel::AsyncFleet fleet_;  // last: its jobs refer to the members
 };
 

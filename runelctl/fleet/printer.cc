@@ -34,7 +34,7 @@ std::string joined(const std::vector<std::string>& names) {
 }
 
 struct Tally {
-  std::size_t ok = 0, failed = 0, timedOut = 0, unreachable = 0;
+  std::size_t ok = 0, failed = 0, timedOut = 0, unreachable = 0, unknown = 0;
 };
 
 Tally count(const std::vector<Finished>& ends) {
@@ -45,6 +45,8 @@ Tally count(const std::vector<Finished>& ends) {
       ++tally.ok;
     } else if (error && error->fault == Fault::timedOut) {
       ++tally.timedOut;
+    } else if (error && error->unknown) {
+      ++tally.unknown;
     } else if (error && error->fault == Fault::unreachable) {
       ++tally.unreachable;
     } else {
@@ -210,11 +212,15 @@ void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
                          {"timed_out", tally.timedOut},
                          {"unreachable", tally.unreachable},
                          {"skipped", skipped}};
+    if (tally.unknown > 0) {
+      object["summary"]["unknown"] = tally.unknown;
+    }
     out(dump(object));
   } else if (many_) {
     note(countText(ends.size() + skipped, "device") + ": " + std::to_string(tally.ok) + " ok, " +
          std::to_string(tally.failed) + " failed, " + std::to_string(tally.timedOut) +
          " timed out, " + std::to_string(tally.unreachable) + " unreachable" +
+         (tally.unknown == 0 ? "" : ", " + std::to_string(tally.unknown) + " unknown") +
          (skipped == 0 ? "" : ", " + std::to_string(skipped) + " skipped"));
   }
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "output/error.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
@@ -35,6 +37,10 @@ Fault faultOf(const runel::Error& error) {
     return Fault::lost;
   }
   return error.transient() ? Fault::unreachable : Fault::protocol;
+}
+
+std::string lossHint(int number) {
+  return number == ETIMEDOUT ? "check that the device is on, and its network" : "";
 }
 
 std::string connectHint(int number) {
@@ -75,7 +81,9 @@ std::string hintFor(const runel::Error& error) {
     case runel::Cause::wrongPeer:
       return kPortHint;
     case runel::Cause::silence:
-      return "the device may be busy: check with runelctl ping, or use a larger --timeout";
+      return "the device may be busy: check with runelctl ping, or use a larger --io-timeout";
+    case runel::Cause::closed:
+      return lossHint(error.number());
     case runel::Cause::changed:
     case runel::Cause::checksum:
       return "retry the transfer";
@@ -105,6 +113,10 @@ Error::Error(const runel::Error& error)
       number(error.number()),
       transient(error.transient() || fault == Fault::cancelled) {}
 
+void Error::advise(const std::string& text) {
+  hint += (hint.empty() ? "" : "; ") + text;
+}
+
 const char* Error::where() const {
   switch (fault) {
     case Fault::task:
@@ -121,6 +133,24 @@ const char* Error::where() const {
 
 Error localError(const std::string& name, int number) {
   return runel::Error::local(name, number);
+}
+
+std::optional<long> secondsLeft(const runel::LongTask& task) {
+  if (task.limit.count() == 0) {
+    return std::nullopt;
+  }
+  const auto left = std::chrono::ceil<std::chrono::seconds>(task.limit - task.waiting);
+  return static_cast<long>(std::max(left, std::chrono::seconds(0)).count());
+}
+
+std::string continuesText(const runel::LongTask& task) {
+  const std::string what = task.task == "exec" ? task.program : "the background program";
+  const std::optional<long> left = secondsLeft(task);
+  const std::string until = left ? "for up to " + std::to_string(*left) + " s (its limit is " +
+                                       std::to_string(task.limit.count()) + " s)"
+                                 : "until it ends, without a limit";
+  return what + " continues on the device " + until +
+         "; the device serves no other request meanwhile";
 }
 
 int exitStatusOf(const Error& error) {

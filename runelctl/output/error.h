@@ -3,6 +3,7 @@
 #ifndef RUNELCTL_OUTPUT_ERROR_H_
 #define RUNELCTL_OUTPUT_ERROR_H_
 
+#include <optional>
 #include <string>
 
 #include <runel/error.h>
@@ -31,9 +32,13 @@ struct Error {
 
   Fault fault;
   std::string what;
-  std::string hint;  ///< what to do about it, if known
-  int number;        ///< errno value, 0 for none
-  bool transient;    ///< a retry may succeed
+  std::string hint;      ///< what to do about it, if known
+  int number;            ///< errno value, 0 for none
+  bool transient;        ///< a retry may succeed
+  bool unknown = false;  ///< it is unknown whether a task ran that is not safe to repeat
+
+  /// Adds to the advice.
+  void advise(const std::string& text);
 
   /// "link", "device", "program" or "local".
   [[nodiscard]] const char* where() const;
@@ -41,6 +46,11 @@ struct Error {
 
 /// A local failure with the file @p name.
 [[nodiscard]] Error localError(const std::string& name, int number);
+
+/// What the device does after this program has left, and that it serves no client meanwhile.
+[[nodiscard]] std::string continuesText(const runel::LongTask& task);
+/// How long the device may continue @p task, in seconds. Nothing without a limit.
+[[nodiscard]] std::optional<long> secondsLeft(const runel::LongTask& task);
 
 /// The exit status for @p error.
 [[nodiscard]] int exitStatusOf(const Error& error);

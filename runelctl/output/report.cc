@@ -29,6 +29,9 @@ void Report::entry(Json object) {
 void putError(Json& object, const Error& error) {
   object["where"] = error.where();
   object["retry"] = error.transient;
+  if (error.unknown) {
+    object["outcome"] = "unknown";
+  }
   putBytes(object, "error", error.what);
   if (error.number != 0) {
     object["errno"] = error.number;

@@ -32,7 +32,7 @@ const char* const kOwn[] = {"cd", "exit", "help", "lcd", "pwd", "quit"};
 
 // The options of the shell's command line that apply to each of its lines.
 std::vector<std::string> commonOptions(const Settings& settings) {
-  std::vector<std::string> words{"--timeout",         std::to_string(settings.timeout),
+  std::vector<std::string> words{"--io-timeout",      std::to_string(settings.ioTimeout),
                                  "--connect-timeout", std::to_string(settings.connectTimeout),
                                  "--color",           settings.colour,
                                  "--master-socket",   settings.masterSocket};
@@ -47,6 +47,9 @@ std::vector<std::string> commonOptions(const Settings& settings) {
   flag(settings.dryRun, "--dry-run");
   flag(settings.arrange == Arrange::prefix, "--prefix");
   flag(settings.arrange == Arrange::group, "--group");
+  if (settings.deadline) {
+    words.insert(words.end(), {"--deadline", std::to_string(*settings.deadline)});
+  }
   if (settings.jobsGiven) {
     words.insert(words.end(), {"--jobs", std::to_string(settings.jobs)});
   }
@@ -89,7 +92,10 @@ std::vector<DirectoryEntry> listLocal(const std::string& directory) {
 }  // namespace
 
 Shell::Shell(const Settings& settings, const Style& style)
-    : settings_(settings), style_(style), session_{loop_, nullptr, {}, "/"}, before_("/") {
+    : settings_(settings),
+      style_(style),
+      session_{loop_, nullptr, {}, "/", settings.programLimit},
+      before_("/") {
   loop_.setResolver(runel::blockingResolver());
   session_.before = commonOptions(settings);
   for (const runel::Address& target : settings.targets) {
@@ -187,9 +193,9 @@ int Shell::changeDirectory(const std::vector<std::string>& words) {
   }
   if (device_ && !settings_.dryRun) {
     const runel::Reply real =
-        ask(runel::Request({"realpath", wanted}), settings_.limits().timeout());
+        ask(runel::Request({"realpath", wanted}), settings_.limits().ioTimeout());
     const runel::Reply about =
-        real.ok() ? ask(runel::Request({"stat", real.output()}), settings_.limits().timeout())
+        real.ok() ? ask(runel::Request({"stat", real.output()}), settings_.limits().ioTimeout())
                   : real;
     const std::optional<runel::Stat> st =
         about.ok() ? runel::parseStat(about.output()) : std::nullopt;

@@ -20,6 +20,7 @@ class ShellCommand : public LocalCommand {
     Shell shell(settings, style);
     return shell.run();
   }
+  [[nodiscard]] bool runsCommands() const override { return true; }
 };
 
 }  // namespace

@@ -74,7 +74,7 @@ class BadDevices(Faults):
 
     def test_a_device_that_never_answers(self):
         self.fails(hang, r"no answer for 0\.4 s \(the device may be busy.*",
-                   "--timeout", "0.4", "hostid")
+                   "--io-timeout", "0.4", "hostid")
 
     def test_a_slow_answer_does_not_time_out(self):
         whole = reply(b"x" * 40)
@@ -85,7 +85,7 @@ class BadDevices(Faults):
                 connected.sendall(whole[place:place + 1])
                 time.sleep(0.02)  # each far below the timeout, in total far above it
 
-        result = self.succeed("-d", self.odd_peer(trickle), "--timeout", "0.6", "read", "/x")
+        result = self.succeed("-d", self.odd_peer(trickle), "--io-timeout", "0.6", "read", "/x")
         self.assertEqual(result.out, b"x" * 40)
 
     def test_a_connect_timeout(self):
@@ -95,7 +95,7 @@ class BadDevices(Faults):
             listener.listen(0)
             where = "127.0.0.1:%d" % listener.getsockname()[1]
             fill = [self.start("-d", where, "hostid") for _ in range(3)]
-            result = self.ctl("-d", where, "--connect-timeout", "0.5", "hostid", "--timeout", "0.5")
+            result = self.ctl("-d", where, "--connect-timeout", "0.5", "hostid", "--io-timeout", "0.5")
             self.assertEqual(result.status, 255)
             self.assertRegex(result.errors[0], "connect timeout|no answer for")
             self.assertEqual(len(fill), 3)

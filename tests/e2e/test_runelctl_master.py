@@ -213,7 +213,7 @@ class Roles(MasterCase):
         return moment(other) - moment(one)
 
     def test_a_first_connection_that_does_not_answer_a_check_is_closed(self):
-        self.start_master("--timeout", "1")
+        self.start_master("--io-timeout", "1")
         first = self.first()
         first.answers = False
         second = self.device(hostid="second")
@@ -222,7 +222,7 @@ class Roles(MasterCase):
         self.wait_told("connected", hostid="second")
 
     def test_a_busy_first_connection_is_not_closed(self):
-        self.start_master("--timeout", "1")
+        self.start_master("--io-timeout", "1")
         first = self.first()
         first.answers = False
         call = self.start("-d", "@fake", "exec", "long-running")
@@ -238,7 +238,7 @@ class Roles(MasterCase):
         self.start_master()
         first = self.first()
         first.vanish()
-        result = self.ctl("-d", "@fake", "--timeout", "1", "fileexists", "/")
+        result = self.ctl("-d", "@fake", "--io-timeout", "1", "fileexists", "/")
         self.assertEqual(result.status, 255)
         self.wait_told("lost", role="slave")
 
@@ -330,7 +330,7 @@ class Strangers(MasterCase):
         self.assertFalse(any(device.ended.is_set() for device in (*devices, one_more)))
 
     def test_a_peer_that_never_answers_is_not_listed(self):
-        self.start_master("--timeout", "1")
+        self.start_master("--io-timeout", "1")
         FakeDevice(self, answers=False).wait_ended()
         self.assertEqual(self.wait_told("lost")["why"], "no answer to the liveness check")
         self.assertEqual(self.devices(), {})
@@ -428,7 +428,7 @@ class Size(MasterCase):
         self.wait_told("connected", count=self.COUNT)
         self.assertEqual(set(self.devices()), set(devices.names))
         names = "".join(f"@{name}\n" for name in devices.names)
-        long_timeouts = ("--connect-timeout", "60", "--timeout", "60")
+        long_timeouts = ("--connect-timeout", "60", "--io-timeout", "60")
         result = self.succeed("--json", "-j", "900", "--devices", "-", *long_timeouts, "hostid",
                               feed=names.encode(), timeout=3 * TIMEOUT)
         *answers, summary = result.objects

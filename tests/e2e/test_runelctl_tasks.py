@@ -323,7 +323,7 @@ class ForScripts(OneDevice):
 
         where = self.odd_peer(never_answer)
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            process = self.start("-d", where, "exec", "sleep", "5")
+            process = self.start("-d", where, "read", "/x")
             self.assertTrue(asked.acquire(timeout=TIMEOUT))
             process.send_signal(number)
             self.assertEqual(process.wait(TIMEOUT), 128 + number)

@@ -6,6 +6,7 @@ import hashlib
 import json
 import os
 import pty
+import re
 import select
 import shutil
 import socket
@@ -17,6 +18,7 @@ from support.case import EndToEndCase
 from support.daemon import sanitizer_options
 from support.threads import close_served, serve_in_thread
 from support.wait import TIMEOUT
+from support.wire import parse_record
 
 BINARY = os.environ.get("RUNELCTL_BIN", "")
 RECORD = os.environ.get("RUNELCTL_RECORD")
@@ -95,7 +97,11 @@ class CtlCase(EndToEndCase):
         return result
 
     def on_terminal(self, *words, typed=b"", columns=80, env=None, until=None, timeout=TIMEOUT):
-        """A run on a terminal. Returns its status and the terminal output."""
+        """A run on a terminal. Returns its status and the terminal output.
+
+        @p typed is typed at once. A list has pairs of an output and what happens when it was shown:
+        bytes are typed, a function is called.
+        """
         master, slave = pty.openpty()
         with contextlib.suppress(OSError):
             import fcntl
@@ -112,7 +118,8 @@ class CtlCase(EndToEndCase):
         typed = list(typed) if isinstance(typed, (list, tuple)) else [(b"", typed)]
         while time.monotonic() < deadline:
             while typed and typed[0][0] in shown:
-                os.write(master, typed.pop(0)[1])
+                happens = typed.pop(0)[1]
+                happens() if callable(happens) else os.write(master, happens)
             ready, _, _ = select.select([master], [], [], 0.05)
             if ready:
                 try:
@@ -171,6 +178,20 @@ def reply(output=b"", fields=(0, 0, 0, 0, 0)):
     """The frame of one reply."""
     record = b"SlaveTask 0 0 %d:%s %d %d %d %d %d" % (len(output), output, *fields)
     return b"\x01%d\x02%s" % (len(record), record)
+
+
+FRAME = re.compile(rb"\x01(\d+)\x02")
+
+
+def requests(connected):
+    """The requests of a connection, each as a list of words, until its end."""
+    data = b""
+    while part := connected.recv(65536):
+        data += part
+        while (head := FRAME.match(data)) and len(data) >= head.end() + int(head[1]):
+            end = head.end() + int(head[1])
+            yield [os.fsdecode(word) for word in parse_record(data[head.end():end]).arguments]
+            data = data[end:]
 
 
 def answer_each(*answers):

@@ -6,13 +6,12 @@ import select
 import socket
 import threading
 
-from support.ctl import reply
+from support.ctl import FRAME, reply
 from support.peers import MASTER_PORT
 from support.threads import serve_in_thread
 from support.wait import TIMEOUT, wait_until
 
 TCP_REPAIR = 19
-FRAME = re.compile(rb"\x01(\d+)\x02")
 
 
 class FakeDevice:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The output of a run: JSON objects, text and the progress bar.
 #include <cerrno>
+#include <chrono>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -65,6 +66,30 @@ TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
   };
   EXPECT_TRUE(device(EBUSY).transient);
   EXPECT_FALSE(device(ENOENT).transient);
+}
+
+TEST(ErrorTest, AnUnknownOutcomeIsAField) {
+  const Style style = jsonStyle();
+  const Report report(style);
+  Error error{Fault::lost, "gone", "", 0};
+  error.unknown = true;
+  error.advise("one");
+  error.advise("two");
+  EXPECT_EQ(closingObject("a", "reboot", {255, error}, report).dump(),
+            R"({"v":1,"device":"a","task":"reboot","ok":false,"status":255,"where":"link",)"
+            R"("retry":true,"outcome":"unknown","error":"gone","hint":"one; two"})");
+}
+
+TEST(ErrorTest, TellsWhatContinuesAndUntilWhen) {
+  using std::chrono::seconds;
+  EXPECT_EQ(continuesText({"exec", "sleep", seconds(60), seconds(20)}),
+            "sleep continues on the device for up to 40 s (its limit is 60 s); "
+            "the device serves no other request meanwhile");
+  EXPECT_EQ(continuesText({"wait", "", seconds(0), seconds(20)}),
+            "the background program continues on the device until it ends, without a limit; "
+            "the device serves no other request meanwhile");
+  EXPECT_EQ(secondsLeft({"exec", "sleep", seconds(60), runel::Milliseconds(59001)}), 1);
+  EXPECT_EQ(secondsLeft({"exec", "sleep", seconds(60), seconds(70)}), 0);
 }
 
 TEST(ReplyTest, HasTheExitStatusOfAShell) {

@@ -111,9 +111,34 @@ TEST(CommandLineTest, OptionsMayPrecedeOrFollowTheCommand) {
 TEST(CommandLineTest, InvalidCommandLinesAreUsageErrors) {
   for (const Words& words :
        {Words{}, Words{"no-such"}, Words{"hostid", "--no-such"}, Words{"--wave", "x", "hostid"},
-        Words{"-j", "0", "hostid"}, Words{"--retry", "-1", "hostid"}, Words{"access", "/"}}) {
+        Words{"-j", "0", "hostid"}, Words{"--retry", "-1", "hostid"}, Words{"access", "/"},
+        Words{"--retry-unsafe", "hostid"}, Words{"--deadline", "-1", "hostid"}}) {
     EXPECT_EQ(parse(words), 2);
   }
+}
+
+TEST(CommandLineTest, TheTimeoutIsTheLimitOfAProgramBeforeAndBehindTheCommand) {
+  for (const Words& words :
+       {Words{"--timeout", "7", "exec", "true"}, Words{"exec", "--timeout", "7", "true"},
+        Words{"--timeout", "7", "sh", "true"},
+        Words{"--timeout", "9", "sh", "--timeout", "7", "true"}}) {
+    CommandLine typed;
+    ASSERT_EQ(typed.parse(words), -1);
+    EXPECT_EQ(typed.command()->programLimit(typed.settings()), 7);
+    EXPECT_EQ(typed.settings().ioTimeout, 30);
+  }
+  CommandLine without;
+  ASSERT_EQ(without.parse({"sh", "true"}), -1);
+  EXPECT_EQ(without.command()->programLimit(without.settings()), 0);
+}
+
+TEST(CommandLineTest, TheTimeoutIsRefusedWithoutAProgram) {
+  for (const Words& words : {Words{"--timeout", "7", "hostid"}, Words{"--timeout", "7", "devices"},
+                             Words{"--timeout", "7", "push", "a", "/b"},
+                             Words{"--timeout", "7", "exec", "--background", "true"}}) {
+    EXPECT_EQ(parse(words), 2);
+  }
+  EXPECT_EQ(parse({"--timeout", "7", "shell"}), -1);
 }
 
 TEST(CommandLineTest, TheDefaultTargetIsTheLocalHost) {

@@ -15,7 +15,8 @@ namespace {
 // Files whose checksums arrive in their order, a few at a time.
 class Comparison {
  public:
-  Comparison(TransferWork& work, std::vector<Twin> files) : work_(work), files_(std::move(files)) {}
+  Comparison(std::vector<Twin> files, Verdicts verdicts)
+      : files_(std::move(files)), verdicts_(std::move(verdicts)) {}
 
   [[nodiscard]] std::vector<std::string> names() const {
     std::vector<std::string> names;
@@ -25,36 +26,50 @@ class Comparison {
     return names;
   }
 
-  // Returns false to stop.
-  bool take(const ProgramRun& run) {
+  void take(const ProgramRun& run) {
     const auto sums = parseChecksums(run.reply.output(), run.names.size());
     if (!run.reply.ok() || !sums) {
-      work_.warnOnce("checksums not verified: " + programTrouble(run.program, run.reply));
-      return false;
+      next_ += run.names.size();
+      verdicts_.unknown(programTrouble(run.program, run.reply));
+      return;
     }
     for (const std::string& sum : *sums) {
-      const Twin& file = files_[next_++];
-      if (localSha256(file.local, file.size) != sum) {
-        work_.fail(file.mismatch);
-      }
+      const Twin& file = files_[next_];
+      verdicts_.compared(next_++, localSha256(file.local, file.size) == sum);
     }
-    return true;
   }
 
  private:
-  TransferWork& work_;
   const std::vector<Twin> files_;
+  const Verdicts verdicts_;
   std::size_t next_ = 0;
 };
 
 }  // namespace
 
-void compareChecksums(TransferWork& work, std::vector<Twin> files, std::function<void()> next) {
-  const auto comparison = std::make_shared<Comparison>(work, std::move(files));
+void compareChecksums(TransferWork& work, std::vector<Twin> files, Verdicts verdicts,
+                      std::function<void()> next) {
+  const auto comparison = std::make_shared<Comparison>(std::move(files), std::move(verdicts));
   ProgramRuns run{{"sha256sum", "--"}, comparison->names()};
-  work.pipe(programSource({std::move(run)},
-                          [comparison](const ProgramRun& done) { return comparison->take(done); }),
-            std::move(next));
+  const auto handle = [comparison](const ProgramRun& done) {
+    comparison->take(done);
+    return true;
+  };
+  work.pipe(programSource({std::move(run)}, handle), std::move(next));
+}
+
+void verifyChecksums(TransferWork& work, std::vector<Twin> files,
+                     std::function<void(std::size_t index)> mismatch, std::function<void()> next) {
+  Verdicts verdicts;
+  verdicts.compared = [mismatch = std::move(mismatch)](std::size_t index, bool same) {
+    if (!same) {
+      mismatch(index);
+    }
+  };
+  verdicts.unknown = [&work](const std::string& why) {
+    work.warnOnce("checksums not verified: " + why);
+  };
+  compareChecksums(work, std::move(files), std::move(verdicts), std::move(next));
 }
 
 std::optional<std::vector<std::string>> parseChecksums(std::string_view text, std::size_t count) {
@@ -75,7 +90,7 @@ std::optional<std::vector<std::string>> parseChecksums(std::string_view text, st
   return sums.size() == count ? std::make_optional(std::move(sums)) : std::nullopt;
 }
 
-std::optional<std::string> localSha256(const std::string& path, std::uint64_t count) {
+std::optional<std::string> localSha256(const LocalPath& path, std::uint64_t count) {
   constexpr std::size_t kPart = 1048576;
   LocalReader reader;
   if (reader.open(path) || reader.size() < count) {

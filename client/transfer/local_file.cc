@@ -29,15 +29,15 @@ bool writeToFile(int fd, std::string_view bytes) {
   return true;
 }
 
-// Renames @p hidden, open as @p file unless it is a link, to @p path beside it.
-zell::RenameResult renameTo(const std::string& path, const std::string& hidden,
-                            zell::UniqueFd& file) {
-  const zell::UniqueFd directory(
-      open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory.valid()) {
-    return {zell::RenameStep::syncFile, errno};
-  }
-  return zell::renameDurably(file, directory.get(), baseName(hidden), baseName(path));
+// Opens the part @p name that an earlier transfer of this user has left. Returns an invalid
+// descriptor for anything else: what is written to a second name of a file, to a pipe or to another
+// user's file ends up elsewhere.
+zell::UniqueFd openLeftPart(int directory, const std::string& name, int flags) {
+  zell::UniqueFd part(openat(directory, name.c_str(), flags | O_NONBLOCK));
+  struct stat st {};
+  const bool usable = part.valid() && fstat(part.get(), &st) == 0 && S_ISREG(st.st_mode) &&
+                      st.st_nlink == 1 && st.st_uid == geteuid();
+  return usable ? std::move(part) : zell::UniqueFd();
 }
 
 }  // namespace
@@ -46,12 +46,16 @@ Timestamp timestampOf(const timespec& time) {
   return {time.tv_sec, time.tv_nsec};
 }
 
-std::optional<Error> LocalReader::open(const std::string& path) {
-  path_ = path;
-  file_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+// Not blocking, so that a pipe in place of the file is an error and not a wait for its writer.
+std::optional<Error> LocalReader::open(const LocalPath& path) {
+  path_ = path.text;
+  file_ = openLocal(path, O_NOCTTY | O_NONBLOCK);
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
-    return Error::local(path, errno);
+    return localPathError(path_, errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return changedFile(Kind::local, path_);
   }
   size_ = static_cast<std::uint64_t>(st.st_size);
   mtime_ = timestampOf(st.st_mtim);
@@ -84,35 +88,51 @@ std::optional<Error> LocalReader::changed() const {
   return same ? std::nullopt : std::make_optional(changedFile(Kind::local, path_));
 }
 
-std::optional<Error> readWhole(const std::string& path, std::uint64_t most, std::string& content) {
+std::optional<Error> readWhole(const LocalPath& path, std::uint64_t most, std::string& content) {
   LocalReader reader;
   std::optional<Error> error = reader.open(path);
   if (!error && reader.size() > most) {
-    error = changedFile(Kind::local, path);
+    error = changedFile(Kind::local, path.text);
   }
   error = error ? error : reader.read(0, static_cast<std::size_t>(reader.size()), content);
   return error ? error : reader.changed();
 }
 
-std::optional<Error> LocalWriter::begin(const std::string& path, bool resume) {
+// Keeps the directory open, so that the file is finished where it was begun.
+std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume) {
   discard();
   path_ = path;
   resume_ = resume;
-  hidden_ = partPath(path);
-  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (resume ? O_APPEND : O_TRUNC);
-  file_.reset(::open(hidden_.c_str(), flags, 0600));
+  size_ = 0;
+  if (path.name == ".") {
+    return Error::local(path.text, EISDIR);
+  }
+  directory_ = openLocalParent(path, 0);
+  return directory_.valid() ? openPart() : localPathError(path.text, errno);
+}
+
+// Takes over the part of an earlier transfer also without resuming: while two transfers of one file
+// overlap, both then write the same bytes to the same file.
+std::optional<Error> LocalWriter::openPart() {
+  const std::string hidden = partPath(baseName(path_.name));
+  const int flags = O_WRONLY | O_NOFOLLOW | O_CLOEXEC | (resume_ ? O_APPEND : 0);
+  file_ = openLeftPart(directory_.get(), hidden, flags);
+  if (!file_.valid()) {
+    (void)unlinkat(directory_.get(), hidden.c_str(), 0);  // openat() reports it if it stays
+    file_.reset(openat(directory_.get(), hidden.c_str(), flags | O_CREAT | O_EXCL, 0600));
+  }
   unfinished_ = file_.valid();
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
-    return Error::local(path_, errno);
+    return Error::local(path_.text, errno);
   }
   size_ = static_cast<std::uint64_t>(st.st_size);
-  return std::nullopt;
+  return resume_ || size_ == 0 ? std::nullopt : cutTo(0);
 }
 
 std::optional<Error> LocalWriter::add(std::string_view bytes) {
   if (!writeToFile(file_.get(), bytes)) {
-    return Error::local(path_, errno);
+    return Error::local(path_.text, errno);
   }
   size_ += bytes.size();
   return std::nullopt;
@@ -120,7 +140,7 @@ std::optional<Error> LocalWriter::add(std::string_view bytes) {
 
 std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
   if (ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
-    return Error::local(path_, errno);
+    return Error::local(path_.text, errno);
   }
   size_ = size;
   return std::nullopt;
@@ -130,11 +150,23 @@ std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Timestamp& mt
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   // Drop the set-user-ID and set-group-ID bits: the owner is a different user here.
   if (fchmod(file_.get(), mode & zell::kAccessBits) != 0 || futimens(file_.get(), times) != 0) {
-    return Error::local(path_, errno);
+    return Error::local(path_.text, errno);
   }
-  const zell::RenameResult result = renameTo(path_, hidden_, file_);
+  const std::string name = baseName(path_.name);
+  const zell::RenameResult result =
+      zell::renameDurably(file_, directory_.get(), partPath(name), name);
   unfinished_ = !result.renamed();
-  return result.error == 0 ? std::nullopt : std::make_optional(Error::local(path_, result.error));
+  if (result.renamed()) {
+    directory_.reset();
+  }
+  return result.error == 0 ? std::nullopt
+                           : std::make_optional(Error::local(path_.text, result.error));
+}
+
+LocalPath LocalWriter::hiddenPath() const {
+  LocalPath hidden = path_;
+  hidden.name = partPath(path_.name);
+  return hidden;
 }
 
 LocalWriter::~LocalWriter() {
@@ -145,50 +177,32 @@ LocalWriter::~LocalWriter() {
 
 void LocalWriter::discard() {
   if (std::exchange(unfinished_, false)) {
-    (void)unlink(hidden_.c_str());  // no caller to report an error to
+    const std::string hidden = partPath(baseName(path_.name));
+    (void)unlinkat(directory_.get(), hidden.c_str(), 0);  // no caller to report an error to
   }
   file_.reset();
+  directory_.reset();
 }
 
-bool isLocalDirectory(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-std::optional<Error> makeLocalDirectory(const std::string& path) {
-  struct stat st {};
-  if (mkdir(path.c_str(), 0700) == 0) {
-    return std::nullopt;
+std::optional<Error> makeLocalLink(const LocalPath& path, const std::string& target) {
+  const zell::UniqueFd directory = openLocalParent(path, 0);
+  if (!directory.valid()) {
+    return localPathError(path.text, errno);
   }
-  const int number = errno;
-  if (number == EEXIST && lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-    return std::nullopt;
-  }
-  return Error::local(path, number);
-}
-
-std::optional<Error> makeLocalLink(const std::string& path, const std::string& target) {
-  const std::string hidden = partPath(path);
-  (void)unlink(hidden.c_str());  // left by an earlier run; symlink() reports it if it stays
-  if (symlink(target.c_str(), hidden.c_str()) != 0) {
-    return Error::local(path, errno);
+  const std::string name = baseName(path.name);
+  const std::string hidden = partPath(name);
+  // An earlier run may have left it. symlinkat() reports it if it stays.
+  (void)unlinkat(directory.get(), hidden.c_str(), 0);
+  if (symlinkat(target.c_str(), directory.get(), hidden.c_str()) != 0) {
+    return Error::local(path.text, errno);
   }
   zell::UniqueFd none;
-  const zell::RenameResult result = renameTo(path, hidden, none);
+  const zell::RenameResult result = zell::renameDurably(none, directory.get(), hidden, name);
   if (!result.renamed()) {
-    (void)unlink(hidden.c_str());  // report the first error
+    (void)unlinkat(directory.get(), hidden.c_str(), 0);  // report the first error
   }
-  return result.error == 0 ? std::nullopt : std::make_optional(Error::local(path, result.error));
-}
-
-std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
-                                          const Timestamp& mtime) {
-  const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
-  if (chmod(path.c_str(), mode & zell::kAccessBits) != 0 ||
-      utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
-    return Error::local(path, errno);
-  }
-  return std::nullopt;
+  return result.error == 0 ? std::nullopt
+                           : std::make_optional(Error::local(path.text, result.error));
 }
 
 }  // namespace runel

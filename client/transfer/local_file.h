@@ -14,6 +14,7 @@
 #include <runel/records.h>
 
 #include "base/unique_fd.h"
+#include "client/transfer/local_directory.h"
 
 namespace runel {
 
@@ -22,7 +23,8 @@ namespace runel {
 /// Reads a local file and detects changes by others during reading.
 class LocalReader {
  public:
-  [[nodiscard]] std::optional<Error> open(const std::string& path);
+  /// Fails for anything but a regular file: a file that has become a link or a pipe has changed.
+  [[nodiscard]] std::optional<Error> open(const LocalPath& path);
   void close() { file_.reset(); }
   /// Reads @p count bytes from @p offset. An earlier end of file is an error: the file has changed.
   [[nodiscard]] std::optional<Error> read(std::uint64_t offset, std::size_t count,
@@ -39,7 +41,7 @@ class LocalReader {
 };
 
 /// Reads all of the local file @p path, at most @p most bytes. Fails if it changes meanwhile.
-[[nodiscard]] std::optional<Error> readWhole(const std::string& path, std::uint64_t most,
+[[nodiscard]] std::optional<Error> readWhole(const LocalPath& path, std::uint64_t most,
                                              std::string& content);
 
 /// Writes a local file under a hidden name in the directory of its target. The destructor removes
@@ -51,9 +53,9 @@ class LocalWriter {
   LocalWriter(const LocalWriter&) = delete;
   LocalWriter& operator=(const LocalWriter&) = delete;
 
-  /// Starts writing @p path. With @p resume, keeps the part that an earlier attempt left; `size` is
-  /// its size.
-  [[nodiscard]] std::optional<Error> begin(const std::string& path, bool resume);
+  /// Starts writing @p path, which has a `top`. With @p resume, keeps the part that an earlier
+  /// attempt left; `size` is its size.
+  [[nodiscard]] std::optional<Error> begin(const LocalPath& path, bool resume);
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
   /// Truncates the hidden file to @p size bytes.
   [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
@@ -62,27 +64,23 @@ class LocalWriter {
   /// Removes the unfinished file.
   void discard();
   [[nodiscard]] std::uint64_t size() const { return size_; }
-  [[nodiscard]] const std::string& hiddenPath() const { return hidden_; }
+  /// The unfinished file.
+  [[nodiscard]] LocalPath hiddenPath() const;
 
  private:
-  std::string path_;
-  std::string hidden_;
+  [[nodiscard]] std::optional<Error> openPart();
+
+  LocalPath path_;
+  zell::UniqueFd directory_;  // that contains both files
   zell::UniqueFd file_;
   bool unfinished_ = false;  // the hidden file exists
   bool resume_ = false;
   std::uint64_t size_ = 0;
 };
 
-[[nodiscard]] bool isLocalDirectory(const std::string& path);
-/// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
-[[nodiscard]] std::optional<Error> makeLocalDirectory(const std::string& path);
 /// Creates the symbolic link @p path to @p target and replaces an existing file or link, on disk
 /// when it returns.
-[[nodiscard]] std::optional<Error> makeLocalLink(const std::string& path,
-                                                 const std::string& target);
-/// Sets mode and time of the directory @p path.
-[[nodiscard]] std::optional<Error> finishLocalDirectory(const std::string& path, std::uint32_t mode,
-                                                        const Timestamp& mtime);
+[[nodiscard]] std::optional<Error> makeLocalLink(const LocalPath& path, const std::string& target);
 
 }  // namespace runel
 

@@ -8,40 +8,58 @@
 #include <utility>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/file_mode.h"
+#include "base/unique_fd.h"
 #include "client/core/paths.h"
 #include "client/transfer/local_file.h"
 
 namespace runel {
 namespace {
 
-bool readLink(const std::string& path, std::string& target) {
+// Leaves errno unchanged.
+struct CloseDirectory {
+  void operator()(DIR* directory) const {
+    const int saved = errno;
+    (void)closedir(directory);
+    errno = saved;
+  }
+};
+using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
+
+bool readLink(int directory, const std::string& name, std::string& target) {
   target.resize(4096);
-  const ssize_t length = readlink(path.c_str(), target.data(), target.size());
+  const ssize_t length = readlinkat(directory, name.c_str(), target.data(), target.size());
   target.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
   return length >= 0;
 }
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { (void)closedir(directory); }
-};
-
-bool namesIn(const std::string& directory, std::vector<std::string>& names) {
-  const std::unique_ptr<DIR, CloseDirectory> open(opendir(directory.c_str()));
-  if (!open) {
-    return false;
+// Returns an empty pointer with errno on failure.
+DirectoryStream streamOf(zell::UniqueFd directory) {
+  DirectoryStream stream(directory.valid() ? fdopendir(directory.get()) : nullptr);
+  if (stream) {
+    (void)directory.release();  // the stream owns it
   }
-  while (const dirent* entry = readdir(open.get())) {
+  return stream;
+}
+
+// Returns false with errno on failure. Some of the names must not pass for all of them: a sync
+// would remove the others on the device.
+bool namesIn(DIR* directory, std::vector<std::string>& names) {
+  errno = 0;
+  while (const dirent* entry = readdir(directory)) {
     const std::string name = entry->d_name;
     if (name != "." && name != "..") {
       names.push_back(name);
     }
+    errno = 0;
   }
+  const bool complete = errno == 0;
   std::sort(names.begin(), names.end());
-  return true;
+  return complete;
 }
 
 LocalEntry entryOf(const std::string& path, const std::string& relative, const struct stat& st) {
@@ -66,34 +84,38 @@ class Scan {
       todo_.pop_back();
       source_.entries.push_back(entry);
       if (entry.type == 'd' && !open(entry)) {
-        return Error::local(entry.path, errno);
+        return localPathError(entry.path, errno);
       }
     }
     return std::nullopt;
   }
 
  private:
-  bool open(const LocalEntry& directory) {
+  bool open(const LocalEntry& entry) {
+    const DirectoryStream directory = streamOf(source_.top->openBelow(
+        entry.relative.empty() ? "." : entry.relative, O_RDONLY | O_DIRECTORY));
     std::vector<std::string> names;
-    if (!namesIn(directory.path, names)) {
+    if (!directory || !namesIn(directory.get(), names)) {
       return false;
     }
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
-      add(joinPath(directory.path, *name),
-          directory.relative.empty() ? *name : directory.relative + "/" + *name);
+      add(dirfd(directory.get()), *name, entry);
     }
     return true;
   }
 
-  void add(const std::string& path, const std::string& relative) {
+  void add(int directory, const std::string& name, const LocalEntry& parent) {
+    const std::string path = joinPath(parent.path, name);
     struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) {
+    if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       left_.push_back(path);  // removed since its directory was read
       return;
     }
-    LocalEntry entry = entryOf(path, relative, st);
+    LocalEntry entry =
+        entryOf(path, parent.relative.empty() ? name : parent.relative + "/" + name, st);
+    entry.top = source_.top.get();
     const bool sendable = entry.type == '-' || entry.type == 'd' ||
-                          (entry.type == 'l' && readLink(path, entry.target));
+                          (entry.type == 'l' && readLink(directory, name, entry.target));
     if (sendable) {
       todo_.push_back(std::move(entry));
     } else {
@@ -106,11 +128,26 @@ class Scan {
   std::vector<LocalEntry> todo_;
 };
 
+std::optional<Error> scanDirectory(LocalSource& source, const LocalEntry& top,
+                                   std::vector<std::string>& left) {
+  source.top = std::make_shared<LocalDirectory>();
+  if (auto error = source.top->open(top.path)) {
+    return error;
+  }
+  return Scan(source, left).run(top);
+}
+
 }  // namespace
+
+LocalPath placeOf(const LocalEntry& entry) {
+  return {entry.top, entry.top == nullptr ? entry.path : entry.relative, entry.path,
+          entry.namedLink};
+}
 
 Result<LocalSource> scanLocal(const std::string& path, bool recursive,
                               std::vector<std::string>& left) {
   struct stat st {};
+  const bool link = lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
   if (stat(path.c_str(), &st) != 0) {
     return Error::local(path, errno);
   }
@@ -122,7 +159,13 @@ Result<LocalSource> scanLocal(const std::string& path, bool recursive,
   }
   LocalSource source;
   source.name = baseName(path);
-  if (const auto error = Scan(source, left).run(entryOf(path, "", st))) {
+  LocalEntry top = entryOf(path, "", st);
+  if (!S_ISDIR(st.st_mode)) {
+    top.namedLink = link;
+    source.entries.push_back(std::move(top));
+    return source;
+  }
+  if (const auto error = scanDirectory(source, top, left)) {
     return *error;
   }
   return source;

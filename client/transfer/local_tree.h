@@ -4,11 +4,14 @@
 #define RUNEL_TRANSFER_LOCAL_TREE_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <runel/records.h>
 #include <runel/result.h>
+
+#include "client/transfer/local_directory.h"
 
 namespace runel {
 
@@ -21,12 +24,18 @@ struct LocalEntry {
   std::uint32_t mode = 0;
   std::uint64_t size = 0;
   Timestamp mtime;
+  const LocalDirectory* top = nullptr;  ///< that of its source
+  bool namedLink = false;               ///< a source that was a link when the user named it
 };
+
+/// Where to read @p entry.
+[[nodiscard]] LocalPath placeOf(const LocalEntry& entry);
 
 /// One source, with all entries below it if it is a directory. A directory precedes its entries,
 /// which are sorted by byte value.
 struct LocalSource {
-  std::string name;  ///< its last component
+  std::string name;                     ///< its last component
+  std::shared_ptr<LocalDirectory> top;  ///< the source, if it is a directory
   std::vector<LocalEntry> entries;
 };
 

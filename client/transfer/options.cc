@@ -17,6 +17,7 @@ struct TransferOptions::Data {
   bool checksum = false;
   bool removes = false;
   bool intoDirectory = false;
+  std::string subdirectory;
   std::size_t memory = kDefaultMemory;
   std::function<void(const Progress&)> progress;
 };
@@ -59,6 +60,11 @@ TransferOptions& TransferOptions::setIntoDirectory(bool on) {
   return *this;
 }
 
+TransferOptions& TransferOptions::setSubdirectory(std::string name) {
+  own().subdirectory = std::move(name);
+  return *this;
+}
+
 TransferOptions& TransferOptions::setMemory(std::size_t bytes) {
   own().memory = bytes;
   return *this;
@@ -87,6 +93,10 @@ bool TransferOptions::removes() const {
 
 bool TransferOptions::intoDirectory() const {
   return data_->intoDirectory;
+}
+
+const std::string& TransferOptions::subdirectory() const {
+  return data_->subdirectory;
 }
 
 std::size_t TransferOptions::memory() const {

@@ -18,7 +18,7 @@ std::optional<Piece> Pieces::next() {
   return piece;
 }
 
-void checkPart(TransferWork& work, const Request& sum, const std::string& local, std::uint64_t size,
+void checkPart(TransferWork& work, const Request& sum, const LocalPath& local, std::uint64_t size,
                const std::string& name, std::function<void(std::uint64_t offset)> next) {
   work.ask(sum, [&work, local, size, name, next = std::move(next)](const Reply& reply) {
     const auto sums = parseChecksums(reply.output(), 1);

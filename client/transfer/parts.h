@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "client/transfer/local_directory.h"
 #include "client/transfer/work.h"
 
 namespace runel {
@@ -40,7 +41,7 @@ class Pieces {
 /// Decides whether a transfer continues after the first @p size bytes. @p sum is the request for
 /// their checksum on the device, @p local the file of this host that has them, @p name the file in
 /// transfer. Calls @p next with the offset to continue at: @p size, or 0 if the checksums differ.
-void checkPart(TransferWork& work, const Request& sum, const std::string& local, std::uint64_t size,
+void checkPart(TransferWork& work, const Request& sum, const LocalPath& local, std::uint64_t size,
                const std::string& name, std::function<void(std::uint64_t offset)> next);
 
 /// The error for the file @p path that somebody changed during the transfer.

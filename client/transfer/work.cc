@@ -50,7 +50,7 @@ void TransferWork::pipe(Pipeline::Source source, std::function<void()> next) {
 
 void TransferWork::fail(const Error& error) {
   if (done_.error) {
-    warn(error.text());
+    done_.warnings.push_back(error.text());
   } else {
     done_.error = error;
   }
@@ -58,12 +58,12 @@ void TransferWork::fail(const Error& error) {
 
 void TransferWork::warn(const std::string& text) {
   done_.warnings.push_back(text);
+  done_.partial = true;
 }
 
 void TransferWork::warnOnce(const std::string& text) {
   if (warned_.insert(text).second) {
     warn(text);
-    done_.partial = true;
   }
 }
 

@@ -64,9 +64,9 @@ class RUNEL_LOCAL TransferWork {
   /// Records the failure of one file: the first one is the error of the transfer, the others are
   /// warnings.
   void fail(const Error& error);
-  /// Adds a warning about what was skipped on purpose.
+  /// Adds a warning about what was left out or could not be done: the transfer is partial.
   void warn(const std::string& text);
-  /// Adds a warning about what could not be done, unless it was added before.
+  /// The same, unless it was added before.
   void warnOnce(const std::string& text);
 
   /// Adds @p bytes to the total of the progress.

@@ -7,7 +7,6 @@
 
 #include <sys/stat.h>
 
-#include "client/core/paths.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -71,17 +70,15 @@ void TransferJob::startPull(const runel::AsyncTransfer::Done& done) {
   for (const std::string& source : plan_.sources) {
     sources.push_back(remote(source));
   }
-  std::string target = plan_.target;
   if (settings().targets.size() > 1) {
-    const auto error = settings().dryRun ? std::nullopt : makeOuterDirectory(target);
+    const auto error = settings().dryRun ? std::nullopt : makeOuterDirectory(plan_.target);
     if (error) {
       fail(*error);
       return;
     }
-    target = runel::joinPath(target, directoryName(device().address().name()));
-    plan_.options.setIntoDirectory(true);
+    plan_.options.setSubdirectory(directoryName(device().address().name()));
   }
-  transfer_ = runel::AsyncTransfer::pull(device(), sources, target, plan_.options, done);
+  transfer_ = runel::AsyncTransfer::pull(device(), sources, plan_.target, plan_.options, done);
 }
 
 std::optional<runel::Request> TransferJob::cleanUp() const {

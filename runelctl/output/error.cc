@@ -91,6 +91,8 @@ std::string hintFor(const runel::Error& error) {
       return "check whether another runelctl sends the same file";
     case runel::Cause::directory:
       return "use -r for directories";
+    case runel::Cause::outside:
+      return "links below the local directory are not followed";
     default:
       return error.kind() == runel::Kind::device ? taskHint(error.number()) : "";
   }

@@ -177,11 +177,12 @@ class Push(Transfers):
         self.fails(("push", self.path("none"), "/x"), 1, "none: No such file or directory")
         self.fails(("push", self.file("a")), 2, "push: expected LOCAL... REMOTE")
 
-    def test_special_files_are_skipped(self):
+    def test_special_files_are_skipped_with_status_1(self):
         self.serve()
         os.mkfifo(self.path("device/fifo"))
-        self.fails(("push", "-r", self.there, self.path("copy")), 0, "fifo: skipped, not a file")
-        self.assertEqual(os.listdir(self.path("copy")), [])
+        for words in (("push", "-r"), ("sync",)):
+            self.fails((*words, self.there, self.path("copy")), 1, "fifo: skipped, not a file")
+            self.assertEqual(os.listdir(self.path("copy")), [])
 
     def test_a_large_file_is_sent_in_pieces(self):
         self.serve()
@@ -479,7 +480,7 @@ class Pull(Transfers):
         self.fails(("pull", self.there, self.path("x")), 1, r"Is a directory \(use -r")
         self.fails(("pull", self.on_device("fifo"), self.path("x")), 1, "not a file or directory")
         self.fails(("pull", self.on_device("fifo")), 2, "pull: expected REMOTE... LOCAL")
-        self.fails(("pull", "-r", self.there, self.path("y")), 0, "fifo: skipped")
+        self.fails(("pull", "-r", self.there, self.path("y")), 1, "fifo: skipped")
         self.assertFalse(os.path.exists(self.path("x")))
 
     def test_an_interrupted_transfer_is_resumed(self):
@@ -570,7 +571,7 @@ class Pull(Transfers):
             connected.recv(65536)
 
         result = self.ctl("-d", self.odd_peer(lie), "pull", "-r", "/x", self.path("copy"))
-        self.assertEqual((result.status, len(result.errors)), (0, 2), result.errors)
+        self.assertEqual((result.status, len(result.errors)), (1, 2), result.errors)
         self.assertEqual(os.listdir(self.path("copy")), ["a"])
         self.assertFalse(os.path.exists(self.path("evil")))
 

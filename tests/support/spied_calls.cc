@@ -54,7 +54,8 @@ SpiedCalls::~SpiedCalls() {
 
 int SpiedCalls::note(const std::string& name) {
   static const std::set<std::string> unrecorded{
-      "openat file", "openat directory", "close", "read", "fstat", "fstatat", "readlinkat"};
+      "openat file", "openat directory", "close",   "read",      "fstat",
+      "fstatat",     "readlinkat",       "mkdirat", "symlinkat", "futimens"};
   if (unrecorded.count(name) == 0) {
     calls_.push_back(name);
   }
@@ -118,6 +119,18 @@ ssize_t readlinkat(int directory, const char* name, char* target, size_t size) n
 
 int renameat(int from, const char* name, int to, const char* newName) noexcept {
   return static_cast<int>(forward("renameat", SYS_renameat, from, name, to, newName));
+}
+
+int mkdirat(int directory, const char* name, mode_t mode) noexcept {
+  return static_cast<int>(forward("mkdirat", SYS_mkdirat, directory, name, mode));
+}
+
+int symlinkat(const char* target, int directory, const char* name) noexcept {
+  return static_cast<int>(forward("symlinkat", SYS_symlinkat, target, directory, name));
+}
+
+int futimens(int fd, const timespec* times) noexcept {
+  return static_cast<int>(forward("futimens", SYS_utimensat, fd, nullptr, times, 0));
 }
 
 int ftruncate(int fd, off_t size) noexcept {

@@ -13,8 +13,8 @@ namespace zell::test {
 
 /// Records the calls of fsync ("fsync file", "fsync directory"), write, renameat, ftruncate,
 /// fchown, fchmod, waitpid and waitid while it lives; the kernel still gets them. These can fail,
-/// and so can openat ("openat file", "openat directory"), close, read, fstat, fstatat and
-/// readlinkat. All are replaced in every program that links this.
+/// and so can openat ("openat file", "openat directory"), close, read, fstat, fstatat, readlinkat,
+/// mkdirat, symlinkat and futimens. All are replaced in every program that links this.
 class SpiedCalls {
  public:
   SpiedCalls();

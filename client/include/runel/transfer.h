@@ -51,6 +51,11 @@ class RUNEL_API TransferOptions {
   /// but also the case if the target is an existing directory, ends in a slash, or has several
   /// sources. A missing directory is created with mode 0700.
   TransferOptions& setIntoDirectory(bool on);
+  /// For a pull: the sources get names in the directory @p name of the local target, a relative
+  /// path of one component; none by default. A pull from several devices gives each of them a name.
+  /// Unlike the target itself, this directory must not be a symbolic link. A missing target and a
+  /// missing directory are created with mode 0700.
+  TransferOptions& setSubdirectory(std::string name);
   /// About the memory for contents in transit, in bytes; 32 MiB by default. A piece of a large file
   /// has half of it, rounded down to whole blocks of 64 KiB, but at least one.
   TransferOptions& setMemory(std::size_t bytes);
@@ -64,6 +69,7 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] bool checksum() const;
   [[nodiscard]] bool removes() const;
   [[nodiscard]] bool intoDirectory() const;
+  [[nodiscard]] const std::string& subdirectory() const;
   [[nodiscard]] std::size_t memory() const;
   [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
   ///@}
@@ -88,7 +94,8 @@ class RUNEL_API TransferReport {
   [[nodiscard]] const std::optional<Error>& error() const;
   /// Further failures and what was skipped, one sentence each.
   [[nodiscard]] const std::vector<std::string>& warnings() const;
-  /// True when a warning tells of something that was not done, such as modes that were not kept.
+  /// True when a warning tells of something that was skipped or not done, such as a special file or
+  /// modes that were not kept.
   [[nodiscard]] bool partial() const;
   [[nodiscard]] std::size_t files() const;    ///< number of transferred files
   [[nodiscard]] std::uint64_t bytes() const;  ///< number of transferred bytes of content
@@ -128,7 +135,7 @@ class RUNEL_API PushSources {
 
 /// A running transfer. A failed file is reported, keeps its old content at its target and does not
 /// stop the others. A lost connection ends the transfer. Reads and writes local files in the loop's
-/// thread.
+/// thread. Below the local directories that the caller names, it follows no symbolic link.
 class RUNEL_API AsyncTransfer {
  public:
   /// Called once, never within the call that started the transfer. It may destroy the transfer.

@@ -43,7 +43,7 @@ class FetchLargeFile : public PullStage {
       return;
     }
     item_.st = *st;
-    if (const auto error = writer_.begin(item_.path, work().options().resume())) {
+    if (const auto error = writer_.begin(work().placeOf(item_), work().options().resume())) {
       drop(*error);
       return;
     }

@@ -48,7 +48,7 @@ class FetchSmallFiles : public PullStage {
       return;
     }
     LocalWriter writer;
-    std::optional<Error> error = writer.begin(item.path, false);
+    std::optional<Error> error = writer.begin(work().placeOf(item), false);
     error = error ? error : writer.add(content);
     error = error ? error : writer.finish(item.st.mode, item.st.mtime);
     if (error) {

@@ -13,7 +13,7 @@ class MakeLocalLinks : public PullStage {
 
   void start(Next next) override {
     for (PullItem& link : work().links) {
-      if (const auto error = makeLocalLink(link.path, link.target)) {
+      if (const auto error = makeLocalLink(work().placeOf(link), link.target)) {
         work().failItem(link, *error);
       }
     }
@@ -27,16 +27,22 @@ class CompareFetchedFiles : public PullStage {
 
   void start(Next next) override {
     std::vector<Twin> files;
-    for (const PullItems* list : {&work().small, &work().large}) {
-      for (const PullItem& item : *list) {
+    for (PullItems* list : {&work().small, &work().large}) {
+      for (PullItem& item : *list) {
         if (work().options().checksum() && !item.failed) {
-          files.push_back(
-              {item.source, item.path, item.st.size, checksumMismatch(Kind::local, item.path)});
+          files.push_back({item.source, work().placeOf(item), item.st.size});
+          items_.push_back(&item);
         }
       }
     }
-    compareChecksums(work(), std::move(files), std::move(next));
+    const auto mismatch = [this](std::size_t index) {
+      work().failItem(*items_[index], checksumMismatch(Kind::local, items_[index]->path));
+    };
+    verifyChecksums(work(), std::move(files), mismatch, std::move(next));
   }
+
+ private:
+  std::vector<PullItem*> items_;
 };
 
 }  // namespace

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Creates the directories of a pull, and sets their modes and times at its end.
-#include "client/transfer/local_file.h"
+#include <algorithm>
+#include <set>
+
+#include "client/core/paths.h"
+#include "client/transfer/local_directory.h"
 #include "client/transfer/pull/stages.h"
 
 namespace runel {
@@ -11,19 +15,36 @@ class MakeLocalDirectories : public PullStage {
   using PullStage::PullStage;
 
   void start(Next next) override {
-    if (work().into && !isLocalDirectory(work().root)) {
-      if (const auto error = makeLocalDirectory(work().root)) {
-        work().end(*error);
-        return;
-      }
+    if (const auto error = work().openTarget()) {
+      work().end(*error);
+      return;
     }
     for (PullItem& directory : work().directories) {
-      if (const auto error = makeLocalDirectory(directory.path)) {
+      if (isBelowFailed(directory)) {
+        directory.failed = true;
+      } else if (const auto error = makeLocalDirectory(work().placeOf(directory))) {
         work().failItem(directory, *error);
+        failed_.insert(directory.name);
       }
+    }
+    for (PullItems* list : {&work().small, &work().large, &work().links}) {
+      list->erase(std::remove_if(list->begin(), list->end(),
+                                 [this](const PullItem& item) { return isBelowFailed(item); }),
+                  list->end());
     }
     next();
   }
+
+ private:
+  [[nodiscard]] bool isBelowFailed(const PullItem& item) const {
+    std::string parent = failed_.empty() ? "." : directoryOf(item.name);
+    while (parent != "." && failed_.count(parent) == 0) {
+      parent = directoryOf(parent);
+    }
+    return parent != ".";
+  }
+
+  std::set<std::string> failed_;  // their error stands for all that is below them
 };
 
 class GetDirectoryTimes : public PullStage {
@@ -53,9 +74,9 @@ class FinishLocalDirectories : public PullStage {
   void start(Next next) override {
     PullItems& directories = work().directories;
     for (auto item = directories.rbegin(); item != directories.rend(); ++item) {
-      const auto error = item->failed
-                             ? std::nullopt
-                             : finishLocalDirectory(item->path, item->st.mode, item->st.mtime);
+      const auto error =
+          item->failed ? std::nullopt
+                       : finishLocalDirectory(work().placeOf(*item), item->st.mode, item->st.mtime);
       if (error) {
         work().failItem(*item, *error);
       }

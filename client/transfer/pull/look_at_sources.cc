@@ -1,27 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 // Gets the attributes of all sources and chooses their local paths.
 #include <cerrno>
-#include <string_view>
 
 #include "client/core/paths.h"
+#include "client/transfer/local_directory.h"
 #include "client/transfer/pull/stages.h"
 
 namespace runel {
 namespace {
 
-// A device must not be able to write outside of the target directory.
-bool staysBelow(std::string_view relative) {
-  while (true) {
-    const std::size_t slash = relative.find('/');
-    const std::string_view part = relative.substr(0, slash);
-    if (part.empty() || part == ".." || part.find('\0') != std::string_view::npos) {
-      return false;
-    }
-    if (slash == std::string_view::npos) {
-      return true;
-    }
-    relative.remove_prefix(slash + 1);
+// Why an entry of a tree is left out. Nothing if it is copied. A device must not be able to write
+// outside of the target, neither now nor through a link that the next pull takes for the target.
+std::optional<std::string> reasonToSkip(const TreeEntry& entry) {
+  if (!staysBelow(entry.path)) {
+    return "its path leads out of the directory";
   }
+  if (entry.path == "." && entry.type != 'd') {
+    return "the top of a directory tree is not a directory";
+  }
+  if (entry.type != 'd' && entry.type != 'l' && entry.type != '-') {
+    return "not a file, directory or link";
+  }
+  return entry.target.find('\0') == std::string::npos
+             ? std::nullopt
+             : std::make_optional<std::string>("a link to an impossible path");
 }
 
 Stat statOf(const TreeEntry& entry) {
@@ -65,7 +67,9 @@ class LookAtSources : public PullStage {
     } else if (!st->isRegular()) {
       work().fail(Error(Kind::device, Cause::fileType, source + ": not a file or directory"));
     } else {
-      addFile({source, placeOf(source), *st, true, false, ""});
+      const Place place = placeOf(source);
+      addFile({source, work().into ? joinPath(place.name, ".") : baseName(work().root), place.path,
+               *st, true, false, ""});
     }
     lookAtNext();
   }
@@ -80,34 +84,44 @@ class LookAtSources : public PullStage {
       if (!entries) {
         work().fail(malformedTree());
       } else {
-        const std::string place = placeOf(source);
+        work().whole = !work().into && !entries->empty();
+        const Place place = placeOf(source);
         for (const TreeEntry& entry : *entries) {
-          add({joinPath(source, entry.path), joinPath(place, entry.path), statOf(entry), false,
-               false, entry.target},
-              entry);
+          add(source, place, entry);
         }
       }
       lookAtNext();
     });
   }
 
-  [[nodiscard]] std::string placeOf(const std::string& source) const {
+  // Where a source goes.
+  struct Place {
+    std::string name;  // relative to the target; "" is the target itself
+    std::string path;  // for messages
+  };
+
+  [[nodiscard]] Place placeOf(const std::string& source) const {
     const std::string name = baseName(source);
     const bool plain = name != "." && name != ".." && name != "/";
-    return work().into && plain ? joinPath(work().root, name) : work().root;
+    return work().into && plain ? Place{name, joinPath(work().root, name)} : Place{"", work().root};
   }
 
-  void add(PullItem item, const TreeEntry& entry) {
-    if (!staysBelow(entry.path)) {
-      work().warn(item.source + ": skipped, its path leads out of the directory");
+  void add(const std::string& source, const Place& place, const TreeEntry& entry) {
+    PullItem item{joinPath(source, entry.path),
+                  joinPath(place.name, entry.path),
+                  joinPath(place.path, entry.path),
+                  statOf(entry),
+                  false,
+                  false,
+                  entry.target};
+    if (const auto reason = reasonToSkip(entry)) {
+      work().warn(item.source + ": skipped, " + *reason);
     } else if (entry.type == 'd') {
       work().directories.push_back(std::move(item));
     } else if (entry.type == 'l') {
       work().links.push_back(std::move(item));
-    } else if (entry.type == '-') {
-      addFile(std::move(item));
     } else {
-      work().warn(item.source + ": skipped, not a file, directory or link");
+      addFile(std::move(item));
     }
   }
 

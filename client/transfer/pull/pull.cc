@@ -12,11 +12,11 @@ using PullStageMaker = std::unique_ptr<Stage> (*)(PullWork& work);
 
 constexpr PullStageMaker kPull[] = {
     lookAtSources,           // "stat" of each; "walktree" of directories
-    makeLocalDirectories,    // the target too, if it is a directory
+    makeLocalDirectories,    // opens the target and creates it if it is a directory
     getDirectoryTimes,       // "stat" of each: walktree reports only whole seconds
     fetchSmallFiles,         // "stat" and "read" of each
     fetchLargeFiles,         // in pieces: dd for each
-    makeLocalLinks,          // last, so that no file is written through a link from the device
+    makeLocalLinks,          // they replace files, but no directories
     compareFetchedFiles,     // sha256sum, if requested
     finishLocalDirectories,  // modes and times, which new entries would change
 };

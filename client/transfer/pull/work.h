@@ -3,10 +3,12 @@
 #ifndef RUNEL_TRANSFER_PULL_WORK_H_
 #define RUNEL_TRANSFER_PULL_WORK_H_
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "client/transfer/local_directory.h"
 #include "client/transfer/stage.h"
 #include "client/transfer/work.h"
 
@@ -15,7 +17,8 @@ namespace runel {
 /// One file, directory or link to create on this host.
 struct PullItem {
   std::string source;  ///< path on the device
-  std::string path;    ///< local path
+  std::string name;    ///< local path, relative to the opened target
+  std::string path;    ///< local path for messages
   Stat st;
   bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
   bool failed = false;
@@ -29,6 +32,10 @@ struct RUNEL_LOCAL PullWork : public TransferWork {
   PullWork(AsyncDevice& device, std::vector<std::string> from, std::string to,
            const TransferOptions& how, AsyncTransfer::Done done);
 
+  /// Opens the local target, and creates it if it is a directory.
+  [[nodiscard]] std::optional<Error> openTarget();
+  [[nodiscard]] LocalPath placeOf(const PullItem& item) const;
+
   void failItem(PullItem& item, const Error& error);
   /// Takes the answer to "stat" of @p item.
   static void takeStat(PullItem& item, const Reply& reply);
@@ -36,7 +43,12 @@ struct RUNEL_LOCAL PullWork : public TransferWork {
   const std::vector<std::string> sources;
   const std::string root;  ///< the local target
   const bool into;         ///< each source gets a name in `root`
+  bool whole = false;      ///< the one source is a directory, and `root` its copy
   PullItems directories, links, small, large;
+
+ private:
+  const std::string named_;  // the target that the user named: `root` or its parent directory
+  LocalDirectory target_;    // `root` if it is a directory, else its parent directory
 };
 
 using PullStage = StageOf<PullWork>;

@@ -90,13 +90,19 @@ class CompareSentFiles : public PushStage {
   void start(Next next) override {
     std::vector<Twin> files;
     if (work().options().checksum()) {
-      for (const PushItem* item : work().sentFiles()) {
-        files.push_back({item->target, item->entry->path, item->entry->size,
-                         checksumMismatch(Kind::device, item->target)});
-      }
+      items_ = work().sentFiles();
     }
-    compareChecksums(work(), std::move(files), std::move(next));
+    for (const PushItem* item : items_) {
+      files.push_back({item->target, placeOf(*item->entry), item->entry->size});
+    }
+    const auto mismatch = [this](std::size_t index) {
+      work().fail(checksumMismatch(Kind::device, items_[index]->target));
+    };
+    verifyChecksums(work(), std::move(files), mismatch, std::move(next));
   }
+
+ private:
+  std::vector<PushItem*> items_;
 };
 
 }  // namespace

@@ -65,7 +65,7 @@ class SendArchives : public PushStage {
       PushItem& item = files[at_];
       const LocalEntry& entry = *item.entry;
       if (entry.size > kLargestInArchive || (item.there && !item.there->isRegular()) ||
-          readWhole(entry.path, kLargestInArchive, content)) {
+          readWhole(placeOf(entry), kLargestInArchive, content)) {
         continue;
       }
       const Archive::About about{entry.mode, item.there ? item.there->uid : 0,

@@ -16,7 +16,7 @@ class SendLargeFile : public PushStage {
 
   void start(Next next) override {
     next_ = std::move(next);
-    if (const auto error = reader_.open(item_.entry->path)) {
+    if (const auto error = reader_.open(placeOf(*item_.entry))) {
       work().failItem(item_, *error);
       next_();
     } else if (item_.there && item_.there->isLink()) {
@@ -50,8 +50,8 @@ class SendLargeFile : public PushStage {
         sendFrom(0);
         return;
       }
-      checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), item_.entry->path, st->size,
-                item_.target, [this](std::uint64_t offset) { sendFrom(offset); });
+      checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), placeOf(*item_.entry),
+                st->size, item_.target, [this](std::uint64_t offset) { sendFrom(offset); });
     });
   }
 

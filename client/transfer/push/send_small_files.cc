@@ -22,7 +22,7 @@ class SendSmallFiles : public PushStage {
         continue;  // it was in an archive
       }
       std::string content;
-      if (const auto error = readWhole(item.entry->path, 2 * work().pieceBytes(), content)) {
+      if (const auto error = readWhole(placeOf(*item.entry), 2 * work().pieceBytes(), content)) {
         work().failItem(item, *error);
         continue;
       }

@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// The order in which a target of a pull reaches the disk.
+// Files of this host: the order in which a target of a pull reaches the disk, what is left when a
+// system call fails, and what is not taken for a part of it.
 #include "client/transfer/local_file.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "client/transfer/hidden_paths.h"
 #include "support/spied_calls.h"
 #include "support/temp_dir.h"
 
@@ -22,13 +27,14 @@ using zell::test::TempDir;
 
 class LocalFileTest : public ::testing::Test {
  protected:
+  LocalFileTest() { EXPECT_FALSE(top_.open(dir_.path())); }
+
   // Replaces the file "target". Returns the error number, 0 for success.
-  int replace() {
+  int replace(bool resume = false) {
     LocalWriter writer;
-    if (writer.begin(path_, false) || writer.add("new")) {
-      return -1;
-    }
-    const auto error = writer.finish(0640, Timestamp{1, 2});
+    std::optional<Error> error = writer.begin(target_, resume);
+    error = error ? error : writer.add("new");
+    error = error ? error : writer.finish(0640, Timestamp{1, 2});
     return error ? error->number() : 0;
   }
 
@@ -39,6 +45,9 @@ class LocalFileTest : public ::testing::Test {
 
   TempDir dir_;
   std::string path_ = dir_.write("target", "old");
+  std::string part_ = dir_.file(partPath("target"));
+  LocalDirectory top_;
+  LocalPath target_{&top_, "target", "text"};
   SpiedCalls calls_;
 };
 
@@ -70,17 +79,144 @@ TEST_F(LocalFileTest, ADirectoryThatCannotBeSyncedIsAnError) {
   EXPECT_EQ(count(), 1);
 }
 
+TEST_F(LocalFileTest, AnyOtherFailureLeavesTheOldFileAndNothingElse) {
+  for (const char* call : {"fstat", "write", "fchmod", "futimens"}) {
+    calls_.fail(call, ENOSPC);
+    EXPECT_EQ(replace(), ENOSPC) << call;
+    EXPECT_EQ(contentOf(path_), "old") << call;
+    EXPECT_EQ(count(), 1) << call;
+  }
+  calls_.failAlways("openat file", EMFILE);
+  EXPECT_EQ(replace(), EMFILE);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(LocalFileTest, AFailedCloseReplacesNothing) {
+  LocalWriter writer;
+  ASSERT_FALSE(writer.begin(target_, false));
+  ASSERT_FALSE(writer.add("new"));
+  calls_.fail("close", EIO);
+  EXPECT_EQ(writer.finish(0640, Timestamp{1, 2})->number(), EIO);
+  writer.discard();
+  EXPECT_EQ(contentOf(path_), "old");
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(LocalFileTest, AnInterruptedWriteContinues) {
+  calls_.fail("write", EINTR);
+  EXPECT_EQ(replace(), 0);
+  EXPECT_EQ(contentOf(path_), "new");
+}
+
+TEST_F(LocalFileTest, APartIsResumed) {
+  dir_.write(partPath("target"), "part, ");
+  EXPECT_EQ(replace(true), 0);
+  EXPECT_EQ(contentOf(path_), "part, new");
+}
+
+TEST_F(LocalFileTest, APartIsEmptiedUnlessItIsResumed) {
+  dir_.write(partPath("target"), "part, ");
+  EXPECT_EQ(replace(), 0);
+  EXPECT_EQ(contentOf(path_), "new");
+  dir_.write(partPath("target"), "part, ");
+  calls_.fail("ftruncate", EIO);
+  EXPECT_EQ(replace(), EIO);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(LocalFileTest, WhatIsNoPartIsReplaced) {
+  const std::string other = dir_.write("other", "other");
+  for (const bool resume : {false, true}) {
+    ASSERT_EQ(symlink("other", part_.c_str()), 0);
+    EXPECT_EQ(replace(resume), 0);
+    ASSERT_EQ(link(other.c_str(), part_.c_str()), 0);
+    EXPECT_EQ(replace(resume), 0);
+    ASSERT_EQ(mkfifo(part_.c_str(), 0600), 0);
+    EXPECT_EQ(replace(resume), 0);
+    ASSERT_EQ(mkfifo(part_.c_str(), 0600), 0);
+    const zell::UniqueFd reader(open(part_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(replace(resume), 0);
+  }
+  EXPECT_EQ(contentOf(path_), "new");
+  EXPECT_EQ(contentOf(other), "other");
+}
+
+TEST_F(LocalFileTest, APartOfAnotherUserIsReplaced) {
+  dir_.write(partPath("target"), "part, ");
+  ASSERT_EQ(chown(part_.c_str(), 12, 34), 0);
+  EXPECT_EQ(replace(true), 0);
+  EXPECT_EQ(contentOf(path_), "new");
+}
+
+TEST_F(LocalFileTest, ADirectoryInPlaceOfThePartIsAnError) {
+  ASSERT_EQ(mkdir(part_.c_str(), 0700), 0);
+  EXPECT_EQ(replace(true), EEXIST);
+  EXPECT_EQ(contentOf(path_), "old");
+}
+
+TEST_F(LocalFileTest, AFileIsFinishedInTheDirectoryWhereItWasBegun) {
+  std::filesystem::create_directories(dir_.file("d"));
+  std::filesystem::create_directories(dir_.file("outside"));
+  LocalWriter writer;
+  ASSERT_FALSE(writer.begin({&top_, "d/f", "text"}, false));
+  std::filesystem::rename(dir_.file("d"), dir_.file("moved"));
+  std::filesystem::create_symlink("outside", dir_.file("d"));
+  ASSERT_FALSE(writer.add("new"));
+  EXPECT_FALSE(writer.finish(0640, Timestamp{1, 2}));
+  EXPECT_EQ(contentOf(dir_.file("moved/f")), "new");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("outside")));
+}
+
+TEST_F(LocalFileTest, NothingIsWrittenThroughALinkOrToTheDirectoryItself) {
+  std::filesystem::create_directories(dir_.file("outside"));
+  std::filesystem::create_symlink("outside", dir_.file("out"));
+  LocalWriter writer;
+  EXPECT_EQ(writer.begin({&top_, "out/f", "text"}, false)->text(),
+            "text: a symbolic link is in the path");
+  EXPECT_EQ(makeLocalLink({&top_, "out/f", "text"}, "x")->number(), ELOOP);
+  EXPECT_EQ(writer.begin({&top_, "..", "text"}, false)->number(), EINVAL);
+  EXPECT_EQ(writer.begin({&top_, ".", "text"}, false)->number(), EISDIR);
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("outside")));
+}
+
 TEST_F(LocalFileTest, TheDirectoryOfALinkIsSyncedAfterItsRename) {
-  EXPECT_FALSE(makeLocalLink(path_, "elsewhere"));
+  EXPECT_FALSE(makeLocalLink(target_, "elsewhere"));
   EXPECT_THAT(calls_.calls(), ElementsAre("renameat", "fsync directory"));
   EXPECT_EQ(std::filesystem::read_symlink(path_), "elsewhere");
 }
 
-TEST_F(LocalFileTest, ALinkThatCannotBeRenamedLeavesNothing) {
-  calls_.fail("renameat", EBUSY);
-  EXPECT_EQ(makeLocalLink(path_, "elsewhere")->number(), EBUSY);
-  EXPECT_EQ(contentOf(path_), "old");
-  EXPECT_EQ(count(), 1);
+TEST_F(LocalFileTest, ALinkThatCannotBeCreatedOrRenamedLeavesNothing) {
+  for (const char* call : {"symlinkat", "renameat"}) {
+    calls_.fail(call, EBUSY);
+    EXPECT_EQ(makeLocalLink(target_, "elsewhere")->number(), EBUSY);
+    EXPECT_EQ(contentOf(path_), "old");
+    EXPECT_EQ(count(), 1);
+  }
+}
+
+TEST_F(LocalFileTest, OnlyRegularFilesAreRead) {
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+  std::filesystem::create_symlink("target", dir_.file("link"));
+  std::string content;
+  EXPECT_EQ(readWhole({&top_, "fifo", "fifo"}, 9, content)->cause(), Cause::changed);
+  EXPECT_EQ(readWhole({&top_, ".", "."}, 9, content)->cause(), Cause::changed);
+  EXPECT_EQ(readWhole({&top_, "link", "link"}, 9, content)->cause(), Cause::outside);
+  EXPECT_EQ(readWhole(target_, 2, content)->cause(), Cause::changed) << "longer than the limit";
+  EXPECT_FALSE(readWhole(target_, 9, content));
+  EXPECT_EQ(content, "old");
+}
+
+TEST_F(LocalFileTest, AReaderReportsAFailedCall) {
+  LocalReader reader;
+  calls_.fail("fstat", EIO);
+  EXPECT_EQ(reader.open(target_)->number(), EIO);
+  ASSERT_FALSE(reader.open(target_));
+  calls_.fail("fstat", EIO);
+  EXPECT_EQ(reader.changed()->cause(), Cause::changed);
+  std::string content;
+  EXPECT_EQ(reader.read(0, 4, content)->cause(), Cause::changed) << "an early end";
+  reader.close();
+  EXPECT_EQ(reader.read(0, 3, content)->number(), EBADF);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Push, sync and pull against a device with prepared answers.
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -300,9 +301,54 @@ TEST_F(TransferTest, PullSkipsAPathThatLeadsOut) {
   pull("/s", here.file("copy"));
   finish();
   EXPECT_FALSE(report->error());
+  EXPECT_TRUE(report->partial());
   EXPECT_EQ(report->warnings(), (Strings{"/s/../evil: skipped, its path leads out of the directory",
                                          "/evil: skipped, its path leads out of the directory"}));
   EXPECT_EQ(device.count("read"), 0U);
+}
+
+TEST_F(TransferTest, PullSkipsALinkToAnImpossiblePathAndATopThatIsNotADirectory) {
+  options.setRecursive(true);
+  device.succeed("stat /s", PreparedDevice::stat("0040755", 0));
+  device.succeed("walktree /s/.", "l 0777 0 0 0 0 . -> /etc\nl 0777 0 0 0 0 a -> b\\x00c\n");
+  pull("/s", here.file("copy"));
+  finish();
+  EXPECT_EQ(report->warnings(),
+            (Strings{"/s: skipped, the top of a directory tree is not a directory",
+                     "/s/a: skipped, a link to an impossible path"}));
+  EXPECT_TRUE(std::filesystem::is_empty(here.file("copy")));
+  EXPECT_FALSE(std::filesystem::is_symlink(here.file("copy")));
+}
+
+TEST_F(TransferTest, PullWritesToASubdirectoryOfItsTarget) {
+  options.setSubdirectory("gw-1");
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 5));
+  device.succeed("read /a", "hello");
+  pull("/a", here.file("all"));
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(contentOf(here.file("all/gw-1/a")), "hello");
+}
+
+TEST_F(TransferTest, PullDoesNotFollowALinkInPlaceOfItsSubdirectory) {
+  std::filesystem::create_directories(here.file("outside"));
+  std::filesystem::create_symlink("outside", here.file("gw-1"));
+  options.setSubdirectory("gw-1");
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 5));
+  device.succeed("read /a", "hello");
+  pull("/a", here.path());
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_EQ(report->error()->number(), EEXIST);
+  EXPECT_TRUE(std::filesystem::is_empty(here.file("outside")));
+}
+
+TEST_F(TransferTest, PullEndsWhenItsTargetCannotBeOpened) {
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 5));
+  pull("/a", here.file("missing/copy"));
+  finish();
+  EXPECT_FALSE(report->complete());
+  EXPECT_EQ(report->error()->text(), here.file("missing/copy") + ": No such file or directory");
 }
 
 TEST_F(TransferTest, PullWritesASmallFileWithModeAndTime) {

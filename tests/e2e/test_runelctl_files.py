@@ -404,6 +404,41 @@ class Sync(Transfers):
         self.assertEqual(again["files"], 2)
         self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
 
+    def test_with_checksums_the_content_decides(self):
+        self.serve()
+        here = self.tree("here", 3)
+        self.dated("here/large", noise(9 * MIB))
+        self.succeed("sync", here, self.on_device("copy"))
+        for name in ("f2", "large"):
+            st = os.stat(self.on_device("copy/" + name))
+            self.file("device/copy/" + name, bytes(st.st_size))
+            os.utime(self.on_device("copy/" + name), ns=(WHEN, st.st_mtime_ns))
+        os.utime(self.path("here/f1"), ns=(WHEN, WHEN + 7_000_000_000))
+        words = ("--json", "sync", "--checksum", here, self.on_device("copy"))
+        self.assertEqual(self.succeed(*words).objects[-1]["files"], 2)
+        self.assertEqual(snapshot(self.on_device("copy")), snapshot(here))
+        self.assertEqual(self.succeed(*words).objects[-1]["files"], 0)
+
+    def test_without_checksums_size_and_time_decide(self):
+        self.serve()
+        here = self.tree("here", 3)
+        self.succeed("sync", here, self.on_device("copy"))
+        self.file("device/copy/f2", bytes(74))
+        os.utime(self.on_device("copy/f2"), ns=(WHEN, os.stat(self.path("here/f2")).st_mtime_ns))
+        self.assertEqual(self.succeed("--json", "sync", here, self.on_device("copy"))
+                         .objects[-1]["files"], 0)
+
+    def test_files_whose_checksums_are_unknown_are_sent(self):
+        self.serve(environment={"PATH": only_programs(self, "mkdir", "chmod", "touch", "ln")})
+        os.mkdir(self.path("here"))
+        self.dated("here/f", b"12345")
+        self.succeed("sync", self.path("here"), self.on_device("copy"))
+        self.file("device/copy/f", b"wrong")
+        os.utime(self.on_device("copy/f"), ns=(WHEN, WHEN))
+        self.fails(("sync", "--checksum", self.path("here"), self.on_device("copy")), 1,
+                   "checksums not verified: sha256sum: No such file")
+        self.assertEqual(self.content("device/copy/f"), b"12345")
+
     def test_only_delete_removes_files_that_are_missing_locally(self):
         self.serve()
         here = self.tree("here", 3)

@@ -72,6 +72,9 @@ class SetTimes : public PushStage {
     for (const PushItem* item : work().sentFiles()) {
       add(*item);
     }
+    for (const PushItem& item : work().timeOnly) {
+      add(item);
+    }
     for (const PushItem& item : work().directories) {
       if (work().directoriesChange) {
         add(item);

@@ -15,7 +15,7 @@ constexpr PushStageMaker kPushBegin[] = {
 };
 constexpr PushStageMaker kSyncBegin[] = {
     findSyncTarget,  // the target is the directory itself
-    compareTree,     // forgets what is equal on the device
+    compareTree,     // forgets what is equal on the device; sha256sum, if requested
     removeOthers,    // rm, if requested
 };
 constexpr PushStageMaker kSend[] = {

@@ -42,9 +42,9 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
   const std::string root;  ///< the target, as the caller gave it
   PushItems directories, links, small, large;
   std::set<std::string> newDirectories;  ///< missing on the device at the beginning
-  /// For a sync: the equal files and directories whose mode differs, and whether the entries of any
-  /// directory change.
-  PushItems modeOnly;
+  /// For a sync: the equal files and directories whose mode differs, the equal files whose time
+  /// differs, and whether the entries of any directory change.
+  PushItems modeOnly, timeOnly;
   bool directoriesChange = true;
   std::vector<std::string> others;  ///< for a sync: to remove, relative to the target
 };

@@ -60,6 +60,11 @@ class TransferTest : public ::testing::Test {
     transfer = AsyncTransfer::push(device.client(), *PushSources::scan(paths, true), target,
                                    options, keep());
   }
+  void sync() {
+    transfer = AsyncTransfer::sync(device.client(), *PushSources::scan({here.file("tree")}, true),
+                                   "/t", options, keep());
+    finish();
+  }
   void pull(const std::string& source, const std::string& target) {
     transfer = AsyncTransfer::pull(device.client(), {source}, target, options, keep());
   }
@@ -281,6 +286,51 @@ TEST_F(TransferTest, SyncSendsOnlyDifferences) {
   EXPECT_EQ(device.count("exec rm -r -f -- /t/old"), 1U);
   EXPECT_EQ(device.count("write"), 1U);
   EXPECT_EQ(device.count("write /t/new new"), 1U);
+}
+
+// A tree of three files of 4 bytes: the same time and content on both sides, the same time, the
+// same content.
+TEST_F(TransferTest, SyncWithChecksumsSendsFilesOfOtherContent) {
+  options.setChecksum(true);
+  EXPECT_EQ(mkdir(here.file("tree").c_str(), 0755), 0);
+  file("tree/both", "both");
+  file("tree/time", "here");
+  file("tree/what", "what");
+  device.succeed("walktree /t/.",
+                 "d 0755 0 0 0 0 .\n- 0644 0 0 4 7 both\n- 0644 0 0 4 7 time\n"
+                 "- 0644 0 0 4 9 what\n");
+  device.succeed("exec sha256sum -- /t/both", sumLine("both") + sumLine("away") + sumLine("what"));
+  device.succeed("exec sha256sum -- /t/time", sumLine("here"));
+  sync();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->files(), 1U);
+  EXPECT_EQ(device.count("write"), 1U);
+  EXPECT_EQ(device.count("write /t/time here"), 1U);
+  EXPECT_EQ(device.count("exec touch -c -d @7.000000008 -- /t/time /t/what"), 1U);
+}
+
+TEST_F(TransferTest, SyncSendsFilesWhoseChecksumsAreUnknown) {
+  options.setChecksum(true);
+  EXPECT_EQ(mkdir(here.file("tree").c_str(), 0755), 0);
+  file("tree/a", "here");
+  device.succeed("walktree /t/.", "d 0755 0 0 0 0 .\n- 0644 0 0 4 7 a\n");
+  device.fail("exec sha256sum", ENOENT);
+  sync();
+  EXPECT_EQ(device.count("write /t/a here"), 1U);
+  EXPECT_EQ(report->warnings(),
+            Strings{"checksums not verified: sha256sum: No such file or directory"});
+}
+
+TEST_F(TransferTest, SyncComparesNoChecksumsOfFilesOfOtherSize) {
+  options.setChecksum(true);
+  EXPECT_EQ(mkdir(here.file("tree").c_str(), 0755), 0);
+  file("tree/a", "here");
+  device.succeed("walktree /t/.", "d 0755 0 0 0 0 .\n- 0644 0 0 5 7 a\n");
+  device.succeed("exec sha256sum", sumLine("here"));
+  sync();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count("write /t/a here"), 1U);
+  EXPECT_EQ(device.count("exec sha256sum"), 1U) << "after the transfer";
 }
 
 TEST_F(TransferTest, SyncEndsWithoutTheTreeOfTheDevice) {

@@ -581,6 +581,21 @@ class Pull(Transfers):
                        "big: changed during the transfer")
             self.assertEqual((self.content("big"), self.leftovers(self.directory)), (b"old", []))
 
+    def test_a_file_that_grows_is_copied_to_its_earlier_length(self):
+        self.serve()
+        there = self.file("device/log", noise(20 * MIB))
+
+        def grow():
+            with open(there, "ab") as log:
+                log.write(b"more")
+            return True
+
+        between = Between(self, MIB, grow, back=True)
+        self.fails(("-d", between.where, "pull", "--checksum", there, self.path("log")), 1,
+                   "log: has grown during the transfer; only its first 20971520 bytes were copied")
+        self.assertTrue(self.content("log") == noise(20 * MIB))
+        self.assertEqual(self.leftovers(self.directory), [])
+
     def test_an_interrupt_leaves_no_incomplete_target(self):
         self.serve()
         there = self.file("device/big", noise(20 * MIB))

@@ -380,6 +380,62 @@ class Push(Transfers):
             self.assertIn(b"public", device.received)
 
 
+class Sizes(Transfers):
+    """What a device says about the size of a file, before and after its content."""
+
+    def setUp(self):
+        super().setUp()
+        self.file("here/f", b"old")
+
+    def pull_file(self, content, *stats, options=(), **about):
+        """Pulls a file. Returns the exit status, the error lines and the file afterwards."""
+        device = Device(self, contents={b"f": content}, stats={b"f": list(stats)}, **about)
+        result = self.ctl("-d", device.where, "pull", *options, "/x/f", self.path("here/f"))
+        self.assertEqual(os.listdir(self.here), ["f"])
+        return result.status, result.err.decode(), self.content("here/f")
+
+    def copies(self, content, told, expected, pattern, **options):
+        status, lines, got = self.pull_file(content, *told, **options)
+        self.assertTrue(got == expected, got[:80])
+        self.assertRegex(lines, pattern)
+        self.assertEqual((status, lines.count("\n")), (int(pattern != "^$"), int(pattern != "^$")))
+
+    def test_a_large_file_that_is_shorter_than_announced(self):
+        self.copies(b"1234", [(9 * MIB,), (4,)], b"1234",
+                    "f: has shrunk from 9437184 bytes to 4 bytes since it was listed")
+
+    def test_a_small_file_that_is_shorter_than_listed(self):
+        device = Device(self, directory(b"."), regular(b"f", 100), contents={b"f": b"1"})
+        self.refuses(device, "f: has shrunk from 100 bytes to 1 byte since it was listed")
+        self.assertEqual(self.content("here/f"), b"1")
+
+    def test_a_file_that_grows_is_copied_to_its_earlier_length(self):
+        for options in ((), ("--checksum",)):
+            self.copies(b"12345", [(3,), (5,)], b"123",
+                        "f: has grown during the transfer; only its first 3 bytes were copied",
+                        options=options)
+            self.copies(b"123", [(3,), (5,)], b"123", "only its first 3 bytes were copied",
+                        options=options)
+            self.copies(BIG + b"more", [(len(BIG),), (len(BIG),), (len(BIG) + 4,)], BIG,
+                        "only its first 9437184 bytes were copied", options=options)
+
+    def test_an_empty_file_that_grows_is_copied_empty(self):
+        self.copies(b"12345", [(0,), (5,)], b"", "only its first 0 bytes were copied")
+
+    def test_a_file_without_a_size_is_copied_completely(self):
+        self.copies(b"12345", [(0, 1), (0, 2)], b"12345", "^$")
+
+    def test_a_file_that_gives_less_than_its_size_is_not_copied(self):
+        self.copies(b"12345", [(4096,)], b"old", "f: only 5 of 4096 bytes could be read")
+        self.copies(BIG[:-1], [(len(BIG),)], b"old", "f: changed during the transfer")
+
+    def test_a_file_that_changes_is_not_copied(self):
+        for told in ([(5, 1), (5, 2)], [(5,), (4,)], [(4,)]):
+            self.copies(b"12345", told, b"old", "f: changed during the transfer")
+        self.copies(BIG, [(len(BIG), 1), (len(BIG), 1), (len(BIG), 2)], b"old",
+                    "f: changed during the transfer")
+
+
 class PullWithoutOpenat2(Pull):
     refused = errno.ENOSYS
 

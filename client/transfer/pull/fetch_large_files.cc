@@ -37,17 +37,13 @@ class FetchLargeFile : public PullStage {
 
  private:
   void begin(const Reply& reply) {
-    const std::optional<Stat> st = statIn(reply);
-    if (!st) {
-      drop(reply.ok() ? changedThere(item_) : reply.error(item_.source));
-      return;
-    }
-    item_.st = *st;
-    if (const auto error = writer_.begin(work().placeOf(item_), work().options().resume())) {
+    if (!work().takeStatBefore(item_, reply)) {
+      next_();
+    } else if (const auto error = writer_.begin(work().placeOf(item_), work().options().resume())) {
       drop(*error);
-      return;
+    } else {
+      findPart();
     }
-    findPart();
   }
 
   // Checks whether the local part is the beginning of the remote file, in complete blocks.
@@ -105,11 +101,9 @@ class FetchLargeFile : public PullStage {
   }
 
   void finish(const Reply& reply) {
-    const std::optional<Stat> st = statIn(reply);
-    if (!st || st->size != item_.st.size || !(st->mtime == item_.st.mtime) ||
-        st->ino != item_.st.ino) {
-      drop(changedThere(item_));
-    } else if (const auto error = writer_.finish(item_.st.mode, item_.st.mtime)) {
+    std::optional<Error> error = work().checkStatAfter(item_, reply, writer_.size());
+    error = error ? error : writer_.finish(item_.st.mode, item_.st.mtime);
+    if (error) {
       drop(*error);
     } else {
       work().fileDone();

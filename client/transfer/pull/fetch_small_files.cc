@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fetches each small file by one "read", after a "stat" unless its attributes are known.
+// Fetches each small file by one "read" between two "stat", the first one unless its attributes are
+// known. All three are pipelined.
+#include <string_view>
+
 #include "client/transfer/local_file.h"
 #include "client/transfer/pull/stages.h"
 
@@ -15,53 +18,72 @@ class FetchSmallFiles : public PullStage {
   }
 
  private:
+  using Take = void (FetchSmallFiles::*)(PullItem& item, const Reply& reply);
+  enum class Step { before, content, after };
+
   std::optional<Pipeline::Item> nextRequest() {
     if (at_ == work().small.size()) {
       return std::nullopt;
     }
     PullItem& item = work().small[at_];
-    if (!item.known && !asked_) {
-      asked_ = true;
-      return Pipeline::Item{Request({"stat", item.source}), 0, [&item](const Reply& reply) {
-                              PullWork::takeStat(item, reply);
-                              return true;
-                            }};
+    if (step_ == Step::before && !item.known) {
+      step_ = Step::content;
+      return ask("stat", item, 0, &FetchSmallFiles::takeBefore);
     }
-    asked_ = false;
+    if (step_ != Step::after) {
+      step_ = Step::after;
+      return ask("read", item, static_cast<std::size_t>(item.st.size),
+                 &FetchSmallFiles::takeContent);
+    }
+    step_ = Step::before;
     ++at_;
-    return Pipeline::Item{Request({"read", item.source}), static_cast<std::size_t>(item.st.size),
-                          [this, &item](const Reply& reply) {
-                            take(item, reply);
-                            return true;
-                          }};
+    return ask("stat", item, 0, &FetchSmallFiles::takeAfter);
   }
 
-  void take(PullItem& item, const Reply& reply) {
+  [[nodiscard]] Pipeline::Item ask(const char* task, PullItem& item, std::size_t weight,
+                                   Take take) {
+    return {Request({task, item.source}), weight, [this, &item, take](const Reply& reply) {
+              if (!item.failed) {
+                (this->*take)(item, reply);
+              }
+              return true;
+            }};
+  }
+
+  void takeBefore(PullItem& item, const Reply& reply) { (void)work().takeStatBefore(item, reply); }
+
+  void takeContent(PullItem& item, const Reply& reply) {
+    content_ = reply;
     if (!reply.ok()) {
       work().failItem(item, reply.error(item.source));
-      return;
     }
-    const std::string& content = reply.output();
-    // A file of size 0 may have content, for example below /proc.
-    if (!item.known || (item.st.size != 0 && item.st.size != content.size())) {
-      work().failItem(item, changedThere(item));
-      return;
-    }
-    LocalWriter writer;
-    std::optional<Error> error = writer.begin(work().placeOf(item), false);
-    error = error ? error : writer.add(content);
-    error = error ? error : writer.finish(item.st.mode, item.st.mtime);
+  }
+
+  void takeAfter(PullItem& item, const Reply& reply) {
+    const Reply content = std::exchange(content_, Reply());
+    std::optional<Error> error = work().checkStatAfter(item, reply, content.output().size());
+    error = error ? error : write(item, content.output());
     if (error) {
       work().failItem(item, *error);
       return;
     }
-    item.st.size = content.size();
     work().count(item.st.size, item.source);
     work().fileDone();
   }
 
+  [[nodiscard]] std::optional<Error> write(PullItem& item, std::string_view content) {
+    const std::string_view bytes = item.grew ? content.substr(0, item.st.size) : content;
+    LocalWriter writer;
+    std::optional<Error> error = writer.begin(work().placeOf(item), false);
+    error = error ? error : writer.add(bytes);
+    error = error ? error : writer.finish(item.st.mode, item.st.mtime);
+    item.st.size = bytes.size();
+    return error;
+  }
+
   std::size_t at_ = 0;
-  bool asked_ = false;  // for the attributes of the current file
+  Step step_ = Step::before;  // of the next request, which is for the file `at_`
+  Reply content_;             // of the file whose second "stat" is due
 };
 
 }  // namespace

@@ -29,7 +29,7 @@ class CompareFetchedFiles : public PullStage {
     std::vector<Twin> files;
     for (PullItems* list : {&work().small, &work().large}) {
       for (PullItem& item : *list) {
-        if (work().options().checksum() && !item.failed) {
+        if (work().options().checksum() && !item.failed && !item.grew) {
           files.push_back({item.source, work().placeOf(item), item.st.size});
           items_.push_back(&item);
         }

@@ -69,7 +69,7 @@ class LookAtSources : public PullStage {
     } else {
       const Place place = placeOf(source);
       addFile({source, work().into ? joinPath(place.name, ".") : baseName(work().root), place.path,
-               *st, true, false, ""});
+               *st, true, false, false, ""});
     }
     lookAtNext();
   }
@@ -111,6 +111,7 @@ class LookAtSources : public PullStage {
                   joinPath(place.name, entry.path),
                   joinPath(place.path, entry.path),
                   statOf(entry),
+                  false,
                   false,
                   false,
                   entry.target};

@@ -14,8 +14,8 @@ constexpr PullStageMaker kPull[] = {
     lookAtSources,           // "stat" of each; "walktree" of directories
     makeLocalDirectories,    // opens the target and creates it if it is a directory
     getDirectoryTimes,       // "stat" of each: walktree reports only whole seconds
-    fetchSmallFiles,         // "stat" and "read" of each
-    fetchLargeFiles,         // in pieces: dd for each
+    fetchSmallFiles,         // "read" of each, between two "stat"
+    fetchLargeFiles,         // in pieces: dd for each, between two "stat"
     makeLocalLinks,          // they replace files, but no directories
     compareFetchedFiles,     // sha256sum, if requested
     finishLocalDirectories,  // modes and times, which new entries would change

@@ -3,6 +3,7 @@
 #ifndef RUNEL_TRANSFER_PULL_WORK_H_
 #define RUNEL_TRANSFER_PULL_WORK_H_
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -22,6 +23,7 @@ struct PullItem {
   Stat st;
   bool known = false;  ///< `st` comes from "stat"; that of walktree is not exact
   bool failed = false;
+  bool grew = false;   ///< during the transfer: only its first `st.size` bytes were fetched
   std::string target;  ///< target of a symbolic link
 };
 
@@ -39,6 +41,14 @@ struct RUNEL_LOCAL PullWork : public TransferWork {
   void failItem(PullItem& item, const Error& error);
   /// Takes the answer to "stat" of @p item.
   static void takeStat(PullItem& item, const Reply& reply);
+  /// Takes the answer to the "stat" before the content of the file @p item. Returns false if the
+  /// file failed. Warns if it is shorter than announced.
+  bool takeStatBefore(PullItem& item, const Reply& reply);
+  /// Compares the size of the fetched content, @p came, with the answers to "stat" before and after
+  /// it. Returns the error for a file that changed. A file that grew keeps its size before, with a
+  /// warning.
+  [[nodiscard]] std::optional<Error> checkStatAfter(PullItem& item, const Reply& reply,
+                                                    std::uint64_t came);
 
   const std::vector<std::string> sources;
   const std::string root;  ///< the local target

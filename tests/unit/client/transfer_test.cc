@@ -414,6 +414,85 @@ TEST_F(TransferTest, PullWritesASmallFileWithModeAndTime) {
   EXPECT_EQ(contentOf(here.file("copy")), "hello");
 }
 
+// The sizes that the device tells before and after the content, the content, what is written of it,
+// and the only message.
+struct SizesCase {
+  std::size_t before;
+  std::size_t after;
+  std::string content;
+  std::string written;
+  std::string message;
+};
+
+class PullSizesTest : public TransferTest, public ::testing::WithParamInterface<SizesCase> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, PullSizesTest,
+    ::testing::Values(
+        SizesCase{5, 5, "hello", "hello", ""}, SizesCase{0, 0, "hello", "hello", ""},
+        SizesCase{0, 0, "", "", ""},
+        SizesCase{3, 5, "hello", "hel",
+                  "/a: has grown during the transfer; only its first 3 bytes were copied"},
+        SizesCase{1, 5, "h", "h",
+                  "/a: has grown during the transfer; only its first 1 byte were copied"},
+        SizesCase{0, 5, "hello", "",
+                  "/a: has grown during the transfer; only its first 0 bytes were copied"},
+        SizesCase{5, 4, "hell", "old", "/a: changed during the transfer"},
+        SizesCase{4, 4, "hello", "old", "/a: changed during the transfer"},
+        SizesCase{4, 5, "hel", "old", "/a: changed during the transfer"},
+        SizesCase{9, 9, "hello", "old", "/a: only 5 of 9 bytes could be read"}));
+
+TEST_P(PullSizesTest, WarnsUnlessTheContentHasTheSizeBeforeAndAfter) {
+  const SizesCase& sizes = GetParam();
+  here.write("copy", "old");
+  device.succeedOnce("stat /a", PreparedDevice::stat("0100640", sizes.before));
+  device.succeed("stat /a", PreparedDevice::stat("0100640", sizes.after));
+  device.succeed("read /a", sizes.content);
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_EQ(contentOf(here.file("copy")), sizes.written);
+  const Strings warnings = report->warnings();
+  const std::string error = report->error() ? report->error()->text() : "";
+  EXPECT_EQ(error + (warnings.empty() ? "" : warnings.front()), sizes.message);
+  EXPECT_EQ(report->partial(), !warnings.empty());
+}
+
+TEST_F(TransferTest, PullDoesNotCopyAFileThatIsGoneAfterwards) {
+  device.succeedOnce("stat /a", PreparedDevice::stat("0100640", 5));
+  device.succeed("read /a", "hello");
+  pull("/a", here.file("copy"));
+  finish();
+  ASSERT_TRUE(report->error());
+  EXPECT_EQ(report->error()->cause(), Cause::changed);
+  EXPECT_FALSE(std::filesystem::exists(here.file("copy")));
+}
+
+TEST_F(TransferTest, PullWarnsOfALargeFileThatIsShorterThanAnnounced) {
+  device.succeedOnce("stat /a", PreparedDevice::stat("0100640", 2 * kBlock));
+  device.succeed("stat /a", PreparedDevice::stat("0100640", 5));
+  device.succeed("exec /bin/sh -c exec dd", "hello");
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_EQ(report->warnings(),
+            Strings{"/a: has shrunk from 131072 bytes to 5 bytes since it was listed"});
+  EXPECT_TRUE(report->partial());
+  EXPECT_EQ(contentOf(here.file("copy")), "hello");
+}
+
+TEST_F(TransferTest, PullWritesTheEarlierLengthOfALargeFileThatGrows) {
+  device.succeed("exec /bin/sh -c exec dd", std::string(kBlock, 'x'));
+  device.succeedOnce("stat /a", PreparedDevice::stat("0100640", kBlock + 3));
+  device.onRequest("exec /bin/sh -c exec dd", [this] {
+    device.succeed("stat /a", PreparedDevice::stat("0100640", 2 * kBlock));
+  });
+  device.succeed("stat /a", PreparedDevice::stat("0100640", kBlock + 3));
+  pull("/a", here.file("copy"));
+  finish();
+  EXPECT_EQ(report->warnings(),
+            Strings{"/a: has grown during the transfer; only its first 65539 bytes were copied"});
+  EXPECT_EQ(contentOf(here.file("copy")), std::string(kBlock + 3, 'x'));
+}
+
 // dd skips whole blocks.
 TEST_F(TransferTest, PullAsksForPiecesOfWholeBlocks) {
   options.setMemory(5 * kBlock + 4);

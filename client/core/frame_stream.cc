@@ -13,8 +13,8 @@ namespace {
 constexpr std::size_t kFirstBytes = 64;
 // Short frames share a buffer, so that a few system calls send a thousand small requests.
 constexpr std::size_t kShared = 32768;
-// A peer may announce a long payload and never complete it: this much more than the limit is kept.
-constexpr std::size_t kMostBeyondLimit = 1048576;
+// From this length on, a payload goes to a store.
+constexpr std::size_t kLongPayload = 262144;
 
 }  // namespace
 
@@ -55,17 +55,29 @@ void FrameStream::sent(std::size_t bytes) {
 
 void FrameStream::receive(const std::string& bytes) {
   first_.append(bytes, 0, kFirstBytes - std::min(first_.size(), kFirstBytes));
-  coming_ += bytes.size();
-  codec_.acceptBytes(bytes);
+  if (!store_) {
+    codec_.acceptBytes(bytes);
+    return;
+  }
+  const std::size_t part = std::min(missing_, bytes.size());
+  store_->add(std::string_view(bytes).substr(0, part));
+  missing_ -= part;
+  if (part < bytes.size()) {
+    codec_.acceptBytes(bytes.substr(part));
+  }
 }
 
+// The codec has received nothing complete before the payload that is in the store.
 std::optional<std::string> FrameStream::nextPayload() {
+  if (store_) {
+    return missing_ == 0 ? storedPayload() : std::nullopt;
+  }
   std::string payload;
   if (tooLong_ || !codec_.recvMessage(payload)) {
-    tooLong_ = tooLong_ || coming_ > limit_ + kMostBeyondLimit;
+    tooLong_ = tooLong_ || codec_.announced() > limit_;
+    beginStoring();
     return std::nullopt;
   }
-  coming_ = 0;
   if (payload.size() > limit_) {
     tooLong_ = true;
     return std::nullopt;
@@ -73,9 +85,29 @@ std::optional<std::string> FrameStream::nextPayload() {
   return payload;
 }
 
+void FrameStream::beginStoring() {
+  const std::size_t length = codec_.announced();
+  if (!tooLong_ && makeStore_ && length >= kLongPayload) {
+    std::string begin;
+    missing_ = codec_.takeIncomplete(begin);
+    store_ = makeStore_(length);
+    store_->add(begin);
+  }
+}
+
+std::optional<std::string> FrameStream::storedPayload() {
+  std::optional<std::string> payload = store_->take();
+  store_.reset();
+  lost_ = !payload;
+  return payload;
+}
+
 std::optional<Error> FrameStream::error() const {
   if (tooLong_) {
     return Error(Kind::link, Cause::protocol, "answer exceeds the size limit");
+  }
+  if (lost_) {
+    return Error(Kind::local, Cause::other, "cannot read the temporary file of the answer");
   }
   if (codec_.error().empty()) {
     return std::nullopt;

@@ -6,9 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <runel/error.h>
@@ -18,9 +21,25 @@
 
 namespace runel {
 
+/// Holds the bytes of one long payload until it is complete.
+class PayloadStore {
+ public:
+  PayloadStore() = default;
+  virtual ~PayloadStore() = default;
+  PayloadStore(const PayloadStore&) = delete;
+  PayloadStore& operator=(const PayloadStore&) = delete;
+
+  virtual void add(std::string_view bytes) = 0;
+  /// Returns all bytes. Call it once, at the end. Without a value they are lost.
+  [[nodiscard]] virtual std::optional<std::string> take() = 0;
+};
+
 /// Performs no I/O: its user moves the bytes.
 class FrameStream {
  public:
+  /// Creates the store for a payload of @p length bytes.
+  using MakeStore = std::function<std::unique_ptr<PayloadStore>(std::size_t length)>;
+
   /// Queues @p payload as one frame.
   void send(std::string payload);
   /// The next queued bytes, in at most @p most parts. Valid until the next call.
@@ -38,19 +57,28 @@ class FrameStream {
   [[nodiscard]] std::optional<std::string> nextPayload();
   /// The violation of the protocol that the received bytes are, if any.
   [[nodiscard]] std::optional<Error> error() const;
-  /// A payload longer than @p bytes is a violation of the protocol.
+  /// A payload longer than @p bytes is a violation of the protocol, as soon as its length is
+  /// announced.
   void limitPayloads(std::size_t bytes) { limit_ = bytes; }
+  /// Keeps each long payload in a store of @p make while it is received.
+  void keepLongPayloads(MakeStore make) { makeStore_ = std::move(make); }
 
  private:
+  void beginStoring();
+  [[nodiscard]] std::optional<std::string> storedPayload();
+
   std::deque<std::string> out_;
   std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;
 
   zell::ByteCountProtocol codec_{zell::ByteCountProtocol::kNoSocket};
-  std::size_t coming_ = 0;  // bytes received since the last complete payload
   std::size_t limit_ = zell::kMaxFramePayload;
   bool tooLong_ = false;
+  MakeStore makeStore_;
+  std::unique_ptr<PayloadStore> store_;  // of the payload that is being received
+  std::size_t missing_ = 0;              // bytes that store_ has not received
+  bool lost_ = false;
   std::string first_;  // the first received bytes, for a guess at the peer's protocol
 };
 

@@ -35,12 +35,11 @@ Reply::Reply(Error error) : data_(std::make_shared<Data>()) {
 
 std::optional<Reply> Reply::decode(std::string payload) {
   zell::SlaveTask record;
-  if (!zell::SlaveTask::isA(payload) || !record.parse(payload)) {
+  if (!zell::SlaveTask::isA(payload) || !record.parse(std::move(payload))) {
     return std::nullopt;
   }
-  std::string().swap(payload);
   Reply reply;
-  reply.data_->output = record.output();
+  reply.data_->output = record.takeOutput();
   reply.data_->status = record.status();
   return reply;
 }

@@ -6,7 +6,6 @@
 #include <zell/slave_task.h>
 
 #include "client/core/reply_limit.h"
-#include "protocol/protocol.h"
 #include "protocol/task_table.h"
 
 namespace runel {
@@ -29,9 +28,7 @@ Request::Request(std::vector<std::string> words) : data_(std::make_unique<Data>(
   data_->words = std::move(words);
   const zell::TaskTraits* const traits =
       zell::findTask(data_->words.empty() ? "" : data_->words.front());
-  if (traits != nullptr && zell::isLong(traits->text)) {
-    data_->replyLimit = zell::kMaxFramePayload;
-  }
+  data_->replyLimit = replyLimitOf(traits);
   if (traits != nullptr && traits->unbounded) {
     data_->extraTimeout.reset();
   }

@@ -12,6 +12,7 @@
 #include "client/io/acknowledgements.h"
 #include "client/io/channel.h"
 #include "client/io/connector.h"
+#include "client/io/spool.h"
 
 namespace runel {
 inline namespace v1 {
@@ -97,6 +98,9 @@ void AsyncDevice::Data::connected(zell::UniqueFd socket) {
       loop_, std::move(socket),
       Channel::Handlers{[this](std::string&& payload) { received(std::move(payload)); },
                         [this](const Error& error) { ended(error); }, [this] { progress(); }});
+  if (const auto& spool = DeviceSpool::of(options_)) {
+    channel_->setSpool(spool);
+  }
   session_.progress(0, Clock::now());
   while (!early_.empty()) {
     send(std::move(early_.front()));

@@ -22,6 +22,20 @@ constexpr std::size_t kPartsAtOnce = 16;
 // A small part of the time that the system waits for an acknowledgement.
 constexpr Milliseconds kLookAtAcknowledgements{5000};
 
+// A message that is held in a spool.
+class SpooledMessage : public PayloadStore {
+ public:
+  SpooledMessage(std::shared_ptr<Spool> spool, std::size_t length)
+      : bytes_(std::move(spool), Held::arriving) {
+    bytes_.expect(length);
+  }
+  void add(std::string_view bytes) override { bytes_.add(bytes); }
+  std::optional<std::string> take() override { return bytes_.release(); }
+
+ private:
+  HeldBytes bytes_;
+};
+
 bool wouldBlock(int number) {
   return number == EAGAIN || number == EWOULDBLOCK || number == EINTR;
 }
@@ -47,7 +61,16 @@ Channel::Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers)
 
 Channel::~Channel() {
   loop_.cancel(look_);
+  if (spool_) {
+    spool_->free(counted_);
+  }
   loop_.forget(socket_.get());
+}
+
+void Channel::setSpool(std::shared_ptr<Spool> spool) {
+  spool_ = std::move(spool);
+  stream_.keepLongPayloads(
+      [this](std::size_t length) { return std::make_unique<SpooledMessage>(spool_, length); });
 }
 
 void Channel::send(std::string payload) {
@@ -128,8 +151,21 @@ bool Channel::receive() {
   const bool full = length == in_.size();
   in_.resize(length);
   stream_.receive(in_);
-  in_.resize(full ? std::min(kMostRead, length * 4) : std::max(kLeastRead, length));
+  in_.resize(nextRead(length, full));
   return deliver();
+}
+
+// The size of the next read. The buffer grows only within the memory of the spool.
+std::size_t Channel::nextRead(std::size_t length, bool full) {
+  const std::size_t wanted = full ? std::min(kMostRead, length * 4) : std::max(kLeastRead, length);
+  if (!spool_ || wanted <= std::max(counted_, kLeastRead)) {
+    return wanted;
+  }
+  if (!spool_->use(wanted - counted_, Held::arriving)) {
+    return std::max(counted_, kLeastRead);
+  }
+  counted_ = wanted;
+  return wanted;
 }
 
 bool Channel::deliver() {

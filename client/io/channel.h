@@ -14,6 +14,7 @@
 
 #include "base/unique_fd.h"
 #include "client/core/frame_stream.h"
+#include "client/io/spool.h"
 
 namespace runel {
 
@@ -44,6 +45,8 @@ class Channel {
 
   /// A message longer than @p bytes ends the connection.
   void limitMessages(std::size_t bytes) { stream_.limitPayloads(bytes); }
+  /// Holds long messages in @p spool until they are complete.
+  void setSpool(std::shared_ptr<Spool> spool);
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
@@ -55,6 +58,7 @@ class Channel {
   bool receive();
   bool deliver();
   void watchAcknowledgements();
+  [[nodiscard]] std::size_t nextRead(std::size_t length, bool full);
   void finish(const Error& error);
   void askFor();
   [[nodiscard]] Error endOfStream(int number) const;
@@ -64,6 +68,8 @@ class Channel {
   Handlers handlers_;
   FrameStream stream_;
   std::string in_;
+  std::shared_ptr<Spool> spool_;
+  std::size_t counted_ = 0;  // the memory of in_ that the spool counts
   bool reading_ = true;
   bool writing_ = false;
   const bool remote_;  // a TCP connection

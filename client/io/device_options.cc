@@ -3,6 +3,8 @@
 
 #include <runel/async_device.h>
 
+#include "client/io/spool.h"
+
 namespace runel {
 inline namespace v1 {
 
@@ -13,6 +15,7 @@ struct DeviceOptions::Data {
   std::string masterSocket;
   int retries = 0;
   Milliseconds retryPause{200};
+  std::shared_ptr<Spool> spool;
 };
 
 DeviceOptions::DeviceOptions() : data_(std::make_unique<Data>()) {}
@@ -82,6 +85,14 @@ int DeviceOptions::retries() const {
 
 Milliseconds DeviceOptions::retryPause() const {
   return data_->retryPause;
+}
+
+void DeviceSpool::set(DeviceOptions& options, std::shared_ptr<Spool> spool) {
+  options.data_->spool = std::move(spool);
+}
+
+const std::shared_ptr<Spool>& DeviceSpool::of(const DeviceOptions& options) {
+  return options.data_->spool;
 }
 
 }  // namespace v1

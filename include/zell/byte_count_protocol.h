@@ -42,6 +42,15 @@ class ByteCountProtocol {
   /// a later message.
   bool recvMessage(std::string& message);
 
+  /// The length of the message that is being received, as the peer announced it. 0 between
+  /// messages.
+  [[nodiscard]] std::size_t announced() const {
+    return state_ == State::payload ? slots_[coming_].size() + missing_ : 0;
+  }
+  /// Moves the received part of that message into @p part and expects the start of a frame next.
+  /// Returns the number of bytes that are missing: the caller must not pass them to `acceptBytes`.
+  std::size_t takeIncomplete(std::string& part);
+
   /// Sends @p head, @p body and @p tail together as one complete frame. Blocks while the peer is
   /// slow. Gives up on a peer that acknowledges nothing for 30 s, or that needs longer in all than
   /// 30 s plus 1 s for each MiB: logs it, shuts the socket down in both directions, returns false.

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <zell/slave_status.h>
@@ -48,8 +49,8 @@ class SlaveTask {
   /// false, leaves the argument list empty and all other fields as in an empty record. Only readers
   /// of replies need the return value: every valid request has arguments.
   bool parse(const std::string& message);
-  /// The same. Takes over the message's memory for the longest argument where that saves a copy; @p
-  /// message is unspecified afterwards.
+  /// The same. Takes over the message's memory for the longest argument or the output where that
+  /// saves a copy; @p message is unspecified afterwards.
   bool parse(std::string&& message);
 
   /// The task name, then its arguments.
@@ -57,6 +58,8 @@ class SlaveTask {
   /// The time limit of "exec": above 0 in seconds, 0 no limit, below 0 do not wait.
   [[nodiscard]] int execParam() const { return execParam_; }
   [[nodiscard]] const std::string& output() const { return output_; }
+  /// Moves the output out of this record.
+  [[nodiscard]] std::string takeOutput() { return std::move(output_); }
   [[nodiscard]] const ResultStatus& status() const { return status_; }
 
  private:

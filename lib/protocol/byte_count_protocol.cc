@@ -176,6 +176,16 @@ bool ByteCountProtocol::recvMessage(std::string& message) {
   return true;
 }
 
+std::size_t ByteCountProtocol::takeIncomplete(std::string& part) {
+  part.clear();
+  if (state_ != State::payload) {
+    return 0;
+  }
+  part.swap(slots_[coming_]);
+  state_ = State::marker;
+  return missing_;
+}
+
 // Releases the memory of a burst of small messages. Keeps the received part of the next message.
 void ByteCountProtocol::dropSpareSlots() {
   if (coming_ < slots_.size()) {

@@ -27,6 +27,8 @@ constexpr std::size_t kMaxFramePayload = 268435456;
 constexpr std::size_t kMaxCountDigits = 9;
 /// The longest text of a reply, in bytes. A record with such a text fits a frame.
 constexpr std::size_t kMaxReplyText = kMaxFramePayload - 4096;
+/// The limit of the stored output of a program, in bytes. The device discards the rest.
+constexpr std::size_t kMaxProgramOutput = std::size_t{16} * 1024 * 1024;
 
 /// Whether @p text contains the decimal digits of @p number. Checks texts at compile time.
 constexpr bool contains(std::string_view text, std::size_t number) {

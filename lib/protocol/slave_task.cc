@@ -176,7 +176,6 @@ void SlaveTask::clear() {
 
 void SlaveTask::take(const Layout& layout) {
   execParam_ = layout.execParam;
-  output_ = layout.output;
   status_ = layout.status;
 }
 
@@ -187,6 +186,7 @@ bool SlaveTask::parse(const std::string& message) {
     return false;
   }
   take(layout);
+  output_ = layout.output;
   (void)takeArgs(message, {}, args_);  // without a skipped argument
   return true;
 }
@@ -198,6 +198,13 @@ bool SlaveTask::parse(std::string&& message) {
     return false;
   }
   take(layout);
+  if (layout.output.size() >= kLong && layout.output.size() > layout.longest.size()) {
+    (void)takeArgs(message, {}, args_);  // without a skipped argument
+    keepOnly(message, layout.output);
+    output_ = std::move(message);
+    return true;
+  }
+  output_ = layout.output;
   if (layout.longest.size() < kLong) {
     (void)takeArgs(message, {}, args_);  // without a skipped argument
     return true;

@@ -18,6 +18,7 @@ enum class TaskText {
   names,    ///< a list of names, of any length
   tree,     ///< one line for each entry of a directory tree, of any length
   content,  ///< bytes, of any length
+  output,   ///< the output of a program, at most kMaxProgramOutput bytes
 };
 
 /// One task.
@@ -44,7 +45,7 @@ inline constexpr TaskTraits kTasks[] = {
     {"changeleds", 2, TaskText::empty, false, true, true},
     {"chmodx", 1, TaskText::empty, false, true, true},
     {"devicetype", 0, TaskText::value, false, false, true},
-    {"exec", 0, TaskText::content, true, true, false},
+    {"exec", 0, TaskText::output, true, true, false},
     {"fileexists", 1, TaskText::empty, false, false, true},
     {"freeblocks", 1, TaskText::value, false, false, true},
     {"hostid", 0, TaskText::value, false, false, true},
@@ -79,9 +80,10 @@ constexpr const TaskTraits* findTask(std::string_view name) {
   return nullptr;
 }
 
-/// Whether the text of the task's reply may have any length.
+/// Whether the text of the task's reply may be long.
 constexpr bool isLong(TaskText text) {
-  return text == TaskText::content || text == TaskText::names || text == TaskText::tree;
+  return text == TaskText::content || text == TaskText::names || text == TaskText::tree ||
+         text == TaskText::output;
 }
 
 namespace detail {

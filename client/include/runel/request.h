@@ -51,8 +51,9 @@ class RUNEL_API Request {
   /// is no timeout. By default "wait" and an "exec" without a limit have none, and an "exec" with a
   /// limit adds it.
   Request& setExtraTimeout(std::optional<Milliseconds> time);
-  /// A longer answer is a protocol error. In bytes; by default 64 KiB for a task that returns
-  /// little more than its status, and 256 MiB for all others.
+  /// A longer answer is a protocol error, which ends the connection as soon as the device announces
+  /// the length. In bytes; by default 64 KiB for a task that returns little more than its status,
+  /// 16 MiB and 64 KiB for "exec", and 256 MiB for all others.
   Request& setReplyLimit(std::size_t bytes);
 
   /// The task and its arguments, without a content that was given apart.

@@ -7,11 +7,9 @@
 #include <string>
 
 #include "base/unique_fd.h"
+#include "protocol/protocol.h"
 
 namespace zell {
-
-/// The limit of the stored output of a program, in bytes.
-constexpr std::size_t kMaxProgramOutput = std::size_t{16} * 1024 * 1024;
 
 /// The reading end of the pipe for a program's output. Reads and discards everything after
 /// kMaxProgramOutput bytes, so that the program does not block.

@@ -3,14 +3,18 @@
 #include "client/core/session.h"
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "client/core/frame_stream.h"
+#include "protocol/protocol.h"
+#include "protocol/task_table.h"
 
 namespace runel {
 namespace {
@@ -267,6 +271,97 @@ TEST(FrameStreamTest, APayloadAboveTheLimitIsAnError) {
   EXPECT_FALSE(stream.nextPayload());
   ASSERT_TRUE(stream.error());
   EXPECT_EQ(stream.error()->text(), "answer exceeds the size limit");
+}
+
+TEST(FrameStreamTest, APayloadAboveTheLimitIsAnErrorAsSoonAsItIsAnnounced) {
+  FrameStream stream;
+  stream.limitPayloads(1000);
+  stream.receive(
+      "\x01"
+      "1000\x02S");
+  EXPECT_FALSE(stream.nextPayload());
+  EXPECT_FALSE(stream.error());
+  stream.receive(std::string(999, 'x') + "\x01" + "1001\x02");
+  EXPECT_TRUE(stream.nextPayload());
+  EXPECT_FALSE(stream.nextPayload());
+  EXPECT_TRUE(stream.error());
+}
+
+// A store that counts what it gets.
+class CountingStore : public PayloadStore {
+ public:
+  CountingStore(std::size_t& added, bool lost) : added_(added), lost_(lost) {}
+  void add(std::string_view bytes) override {
+    added_ += bytes.size();
+    bytes_ += bytes;
+  }
+  std::optional<std::string> take() override {
+    return lost_ ? std::nullopt : std::make_optional(bytes_);
+  }
+
+ private:
+  std::size_t& added_;
+  const bool lost_;
+  std::string bytes_;
+};
+
+TEST(FrameStreamTest, KeepsALongPayloadInItsStore) {
+  constexpr std::size_t kLength = 1000000;
+  const std::string payload(kLength, 'p');
+  const std::string bytes =
+      "\x01"
+      "3\x02one\x01"
+      "1000000\x02" +
+      payload +
+      "\x01"
+      "3\x02two";
+  for (const std::size_t cut : {std::size_t{7}, std::size_t{1000}, std::size_t{65536}, kLength}) {
+    FrameStream stream;
+    std::size_t added = 0;
+    std::vector<std::size_t> lengths;
+    stream.keepLongPayloads([&](std::size_t length) {
+      lengths.push_back(length);
+      return std::make_unique<CountingStore>(added, false);
+    });
+    std::vector<std::string> payloads;
+    for (std::size_t at = 0; at < bytes.size(); at += cut) {
+      stream.receive(bytes.substr(at, cut));
+      while (auto next = stream.nextPayload()) {
+        payloads.push_back(*next);
+      }
+    }
+    EXPECT_EQ(payloads, (std::vector<std::string>{"one", payload, "two"})) << cut;
+    EXPECT_EQ(lengths, std::vector<std::size_t>{kLength});
+    EXPECT_EQ(added, kLength);
+    EXPECT_FALSE(stream.error());
+  }
+}
+
+TEST(FrameStreamTest, ALostPayloadIsAnError) {
+  FrameStream stream;
+  std::size_t added = 0;
+  stream.keepLongPayloads(
+      [&](std::size_t) { return std::make_unique<CountingStore>(added, true); });
+  stream.receive(
+      "\x01"
+      "300000\x02");
+  EXPECT_FALSE(stream.nextPayload());
+  stream.receive(std::string(300000, 'x'));
+  EXPECT_FALSE(stream.nextPayload());
+  ASSERT_TRUE(stream.error());
+  EXPECT_EQ(stream.error()->kind(), Kind::local);
+}
+
+TEST(RequestTest, EachTaskHasALimitForItsReply) {
+  for (const zell::TaskTraits& task : zell::kTasks) {
+    const std::size_t limit = Request({std::string(task.name)}).replyLimit();
+    if (task.name == "exec") {
+      EXPECT_EQ(limit, zell::kMaxProgramOutput + 65536);
+    } else {
+      EXPECT_EQ(limit, zell::isLong(task.text) ? zell::kMaxFramePayload : 65536) << task.name;
+    }
+  }
+  EXPECT_EQ(Request({"no-such-task"}).replyLimit(), 65536U);
 }
 
 TEST(FrameStreamTest, NamesAPeerOfAnotherProtocol) {

@@ -83,6 +83,30 @@ TEST_F(FrameCodecTest, NothingIsAvailableUntilTheLastByte) {
   EXPECT_EQ(messages(), Messages{"0123456789ab"});
 }
 
+TEST_F(FrameCodecTest, TellsTheAnnouncedLengthOnlyWithinAMessage) {
+  EXPECT_EQ(codec_.announced(), 0u);
+  codec_.acceptBytes(frame("one") + "\x01" + "12");
+  EXPECT_EQ(codec_.announced(), 0u);
+  codec_.acceptBytes("\x02");
+  EXPECT_EQ(codec_.announced(), 12u);
+  codec_.acceptBytes("01234567890");
+  EXPECT_EQ(codec_.announced(), 12u);
+  codec_.acceptBytes("1");
+  EXPECT_EQ(codec_.announced(), 0u);
+  EXPECT_EQ(messages(), (Messages{"one", "012345678901"}));
+}
+
+TEST_F(FrameCodecTest, AnIncompleteMessageCanBeTakenOver) {
+  std::string part = "before";
+  EXPECT_EQ(codec_.takeIncomplete(part), 0u);
+  EXPECT_EQ(part, "");
+  codec_.acceptBytes(frame("one") + "\x01" + "10\x02" + "0123");
+  EXPECT_EQ(codec_.takeIncomplete(part), 6u);
+  EXPECT_EQ(part, "0123");
+  codec_.acceptBytes(frame("two"));
+  EXPECT_EQ(messages(), (Messages{"one", "two"}));
+}
+
 TEST_F(FrameCodecTest, AnEmptyPacketChangesNothing) {
   codec_.acceptBytes(frame("one") + "\x01" + "1");
   codec_.acceptBytes("");

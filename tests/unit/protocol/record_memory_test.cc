@@ -3,6 +3,7 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -52,6 +53,20 @@ TEST(RecordMemoryTest, TheLongestArgumentTakesOverTheMessagesMemory) {
   EXPECT_EQ(task.args()[1], "/f");
   EXPECT_EQ(task.args()[2].size(), 64 * kMiB);
   EXPECT_EQ(task.args()[2].find_first_not_of('x'), std::string::npos);
+}
+
+TEST(RecordMemoryTest, ALongOutputTakesOverTheMessagesMemory) {
+  std::string message = "SlaveTask 1 4:read 0 " + std::to_string(64 * kMiB) + ':' +
+                        std::string(64 * kMiB, 'x') + " 1 2 3 4 5";
+  SlaveTask task;
+  const AllocationCount memory;
+  ASSERT_TRUE(task.parse(std::move(message)));
+  const std::string output = task.takeOutput();
+  EXPECT_LT(memory.bytes(), 4096u);
+  EXPECT_EQ(output.size(), 64 * kMiB);
+  EXPECT_EQ(output.find_first_not_of('x'), std::string::npos);
+  EXPECT_EQ(task.args(), std::vector<std::string>{"read"});
+  EXPECT_EQ(task.status().signal, 5);
 }
 
 TEST(RecordMemoryTest, AHugeNumberOfArgumentsAllocatesNothing) {

@@ -2,8 +2,10 @@
 #include "cli/command_line.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -13,12 +15,15 @@
 #include "cli/targets.h"
 #include "commands/number_range.h"
 #include "output/error.h"
+#include "output/standard_output.h"
 #include "output/text.h"
 
 namespace runelctl {
 namespace {
 
 constexpr int kMostJobs = 100000;
+constexpr std::uint64_t kLeastMemory = std::uint64_t{16} << 20U;
+constexpr std::uint64_t kMostMemory = std::uint64_t{1} << 40U;
 constexpr double kMostSeconds = 86400.0 * 365;
 constexpr int kMostProgramSeconds = 2147483647;
 constexpr char kNoProgram[] =
@@ -98,6 +103,15 @@ void CommandLine::defineGeneralOptions() {
       ->type_name("WHEN");
   app_.add_flag("-y,--yes", settings_.yes,
                 "do not ask before a destructive command on several devices");
+  CLI::Validator size = CLI::AsSizeValue(false);
+  size.description("");
+  app_.add_option(
+          "--memory", settings_.memory,
+          "limit for the data of all devices in memory, such as 512M; more goes to temporary "
+          "files (default: 256M)")
+      ->transform(size)
+      ->check(numberRange<std::uint64_t>(kLeastMemory, kMostMemory))
+      ->type_name("SIZE");
   app_.add_flag("-n,--dry-run", settings_.dryRun, "print devices and frames, send nothing");
 }
 
@@ -116,6 +130,11 @@ void CommandLine::defineFleetOptions() {
                 "print the output of each device under its name when the device has finished")
       ->excludes(prefix)
       ->group(group);
+  app_.add_option("--output-dir", settings_.outputDirectory,
+                  "also write the output of each device to NAME.out in DIR, and the messages about "
+                  "it to NAME.err")
+      ->group(group)
+      ->type_name("DIR");
   app_.add_flag("--fail-fast", settings_.failFast,
                 "start no further device after the first failure")
       ->group(group);
@@ -167,12 +186,15 @@ int CommandLine::parse(std::vector<std::string> words) {
   try {
     app_.parse(reversed);
   } catch (const CLI::Success& help) {
-    return app_.exit(help);
+    std::ostringstream text;
+    const int status = app_.exit(help, text);
+    return writeOut(Style(), text.str()) ? status : kExitTaskFailed;
   } catch (const CLI::ParseError& error) {
     complain(explain(app_, error));
     return kExitUsage;
   }
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);
+  settings_.openSpool();
   const std::string wrong = checkChosen();
   if (!wrong.empty()) {
     complain(wrong);

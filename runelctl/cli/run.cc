@@ -57,6 +57,15 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   const Settings& settings = line.settings();
   Command& command = *line.command();
   Printer printer(style, settings.arrange, command.name(), settings.targets.size() > 1);
+  OutputDirectory directory;
+  if (!settings.outputDirectory.empty() && !settings.dryRun) {
+    const int error = directory.open(settings.outputDirectory);
+    if (error != 0) {
+      complain(settings.outputDirectory + ": " + runel::systemText(error));
+      return kExitTaskFailed;
+    }
+    printer.keepIn(directory);
+  }
   Fleet fleet(session.loop, settings, command, printer, style);
   if (session.device != nullptr && !settings.dryRun && settings.targets.size() == 1 &&
       settings.targets[0] == session.device->address()) {
@@ -68,7 +77,7 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
     printer.unsent(settings.targets.size());
     return status;
   }
-  printer.summary(fleet.ends(), settings.targets.size() - fleet.ends().size());
+  printer.summary(fleet.ends(), fleet.skipped());
   const int error =
       settings.retryFailed.empty() ? 0 : writeTargets(settings.retryFailed, fleet.unfinished());
   if (error != 0) {

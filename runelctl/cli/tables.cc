@@ -31,7 +31,8 @@ Value valueOf(const std::string& placeholder) {
   if (placeholder == "DEVICE") {
     return Value::device;
   }
-  return placeholder == "FILE" || placeholder == "PATH" ? Value::file : Value::any;
+  const bool file = placeholder == "FILE" || placeholder == "PATH" || placeholder == "DIR";
+  return file ? Value::file : Value::any;
 }
 
 OptionRow optionRow(const CLI::Option& option) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -108,6 +109,12 @@ class PingCommand : public Command {
   double pause_ = 0.2;
 };
 
+// The columns of the table for several devices, and their labels in the list for one. No task tells
+// the version of the daemon, and a daemon that is started with an unknown option runs.
+constexpr std::pair<const char*, const char*> kInfoColumns[] = {
+    {"HOSTID", "hostid"}, {"TYPE", "devicetype"}, {"KERNEL", "kernel"},  {"HOSTNAME", "hostname"},
+    {"UPTIME", "uptime"}, {"FREE", "free on /"},  {"VERSION", "version"}};
+
 // Reads the identity and the state of a device in one round trip.
 class InfoJob : public Job {
  public:
@@ -144,6 +151,7 @@ class InfoJob : public Job {
 
   // Human-readable output only: the JSON output has the number.
   void line(const std::string& label, const std::string& value) {
+    values_[label] = value;
     report().line(label + ": " + std::string(12 - std::min<std::size_t>(label.size(), 11), ' ') +
                   report().name(value));
   }
@@ -171,10 +179,15 @@ class InfoJob : public Job {
       line("free on /", sizeText(free));
       report().result()["free_bytes"] = free;
     }
+    for (const auto& [column, label] : kInfoColumns) {
+      const auto value = values_.find(label);
+      report().cell(column, value == values_.end() ? "-" : value->second);
+    }
     succeed();
   }
 
   std::uint64_t blockSize_ = 0;
+  std::map<std::string, std::string> values_;  // by label
 };
 
 class InfoCommand : public Command {

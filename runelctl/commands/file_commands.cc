@@ -74,16 +74,23 @@ class CatJob : public EachPathJob {
 
  private:
   void visit(const std::string& path) override {
-    ask(runel::Request({"read", path}), [this, path](const runel::Reply& reply) {
+    ask(runel::Request({"read", path}), [this, path](runel::Reply reply) {
       if (reply.ok()) {
-        report().bytes(reply.output());
-        Json object{{"entry", "file"}};
-        putBytes(object, "path", path);
-        putBytes(object, "content", reply.output());
-        report().entry(object);
+        show(path, reply.takeOutput());
       }
       visited(reply, path);
     });
+  }
+
+  void show(const std::string& path, std::string&& content) {
+    if (!report().json()) {
+      report().bytes(content);
+      return;
+    }
+    Json object{{"entry", "file"}};
+    putBytes(object, "path", path);
+    moveBytes(object, "content", std::move(content));
+    report().entry(object);
   }
 };
 

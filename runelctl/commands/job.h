@@ -20,8 +20,18 @@ namespace runelctl {
 /// comes without an error: the program reports its errors.
 struct Outcome {
   int status = 0;
-  std::optional<Error> error;
+  std::optional<Error> error{};
+  /// Of a failure without an error: what went wrong if the status does not say it.
+  std::string reason{};
 };
+
+/// Why @p outcome is a failure, such as "exit status 3". May contain any bytes.
+[[nodiscard]] inline std::string reasonOf(const Outcome& outcome) {
+  if (outcome.error) {
+    return outcome.error->what;
+  }
+  return outcome.reason.empty() ? "exit status " + std::to_string(outcome.status) : outcome.reason;
+}
 
 /// The environment of a job. All of it outlives the job.
 struct JobContext {

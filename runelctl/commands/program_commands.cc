@@ -3,12 +3,15 @@
 #include <cerrno>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "commands/command.h"
 #include "commands/number_range.h"
+#include "output/text.h"
+#include "protocol/protocol.h"
 
 namespace runelctl {
 namespace {
@@ -20,26 +23,46 @@ class ExecJob : public Job {
       : Job(std::move(context)), request_(std::move(request)), program_(std::move(program)) {}
 
   void start() override {
-    ask(request_, [this](const runel::Reply& reply) { show(reply); });
+    ask(request_, [this](runel::Reply reply) { show(std::move(reply)); });
   }
 
  private:
-  void show(const runel::Reply& reply) {
+  void show(runel::Reply reply) {
+    Outcome outcome = outcomeOf(reply);
     if (reply.answered()) {
-      putBytes(report().result(), "output", reply.output());
-      report().bytes(reply.output());
       if (reply.state() == runel::ProgramState::signalled) {
         report().result()["signal"] = reply.signal();
       }
+      if (reply.output().size() >= zell::kMaxProgramOutput) {
+        truncated(outcome);
+      }
+      report().output(reply.takeOutput());
     }
+    finish(std::move(outcome));
+  }
+
+  [[nodiscard]] Outcome outcomeOf(const runel::Reply& reply) {
     if (reply.ok() || (reply.answered() && reply.status() == runel::Status::running)) {
-      succeed();
-    } else if (reply.answered() && reply.state() == runel::ProgramState::exited) {
+      return {};
+    }
+    if (reply.answered() && reply.state() == runel::ProgramState::exited) {
       // Report only the exit status, like a shell.
-      finish({exitStatusOf(reply),
-              report().json() ? std::make_optional(reply.error(program_)) : std::nullopt});
-    } else {
-      finish({statusOf(reply), reply.error(program_)});
+      return {exitStatusOf(reply),
+              report().json() ? std::make_optional(reply.error(program_)) : std::nullopt};
+    }
+    return {statusOf(reply), reply.error(program_)};
+  }
+
+  // The device does not say whether it has discarded output, so a complete one of exactly this size
+  // is reported too.
+  void truncated(Outcome& outcome) {
+    const std::string what =
+        "output truncated: the device keeps at most " + sizeText(zell::kMaxProgramOutput);
+    report().warn(program_ + ": " + what + " (use --stream for the complete output)");
+    report().result()["truncated"] = true;
+    if (outcome.status == 0) {
+      outcome.status = kExitTaskFailed;
+      outcome.reason = what;
     }
   }
 

@@ -15,7 +15,6 @@
 namespace runelctl {
 namespace {
 
-constexpr std::size_t kMemory = 134217728;
 constexpr std::size_t kLeastShare = 2097152;
 constexpr std::size_t kMostShare = 16777216;
 
@@ -43,15 +42,23 @@ std::string runtimeDirectory() {
 }  // namespace
 
 runel::DeviceOptions Settings::limits() const {
-  return runel::DeviceOptions()
-      .setConnectTimeout(fromSeconds(connectTimeout))
+  runel::DeviceOptions options;
+  options.setConnectTimeout(fromSeconds(connectTimeout))
       .setIoTimeout(fromSeconds(ioTimeout))
       .setMasterSocket(masterSocket);
+  runel::DeviceSpool::set(options, spool);
+  return options;
+}
+
+// A quarter remains for the program itself, and for the output that is being printed.
+void Settings::openSpool() {
+  spool = std::make_shared<runel::Spool>(static_cast<std::size_t>(memory / 4 * 3));
 }
 
 std::size_t Settings::memoryShare() const {
   const std::size_t parallel = std::min(targets.size(), static_cast<std::size_t>(jobs));
-  return std::clamp(kMemory / std::max<std::size_t>(parallel, 1), kLeastShare, kMostShare);
+  const auto half = static_cast<std::size_t>(memory / 2);
+  return std::clamp(half / std::max<std::size_t>(parallel, 1), kLeastShare, kMostShare);
 }
 
 std::string Settings::remote(const std::string& path) const {

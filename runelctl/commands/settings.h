@@ -3,12 +3,16 @@
 #ifndef RUNELCTL_COMMANDS_SETTINGS_H_
 #define RUNELCTL_COMMANDS_SETTINGS_H_
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <runel/address.h>
 #include <runel/async_device.h>
+
+#include "client/io/spool.h"
 
 namespace runelctl {
 
@@ -33,12 +37,17 @@ struct Settings {
   std::optional<double> deadline;  ///< in seconds, for each attempt on a device; 0 for none
   std::string wave;
   std::string retryFailed;
+  std::string outputDirectory;
+  std::uint64_t memory = std::uint64_t{256} << 20U;  ///< in bytes, for the data of all devices
+  std::shared_ptr<runel::Spool> spool;               ///< null before the command line is parsed
   std::string colour = "auto";
   std::string masterSocket;
   Arrange arrange = Arrange::merge;
   std::string directory;  ///< base of relative remote paths
 
   [[nodiscard]] runel::DeviceOptions limits() const;
+  /// Creates the spool for the memory limit.
+  void openSpool();
   /// Limit of file content in memory for one device, in bytes. It depends on the number of parallel
   /// devices.
   [[nodiscard]] std::size_t memoryShare() const;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -69,31 +70,35 @@ class TaskJob : public Job {
   void start() override {
     std::vector<std::string> args{row_.name};
     args.insert(args.end(), words_.begin(), words_.end());
-    ask(runel::Request(args), [this](const runel::Reply& reply) { show(reply); });
+    ask(runel::Request(args), [this](runel::Reply reply) { show(std::move(reply)); });
   }
 
  private:
-  void show(const runel::Reply& reply) {
-    if (reply.answered() && zell::findTask(row_.name)->text != zell::TaskText::empty) {
-      putBytes(report().result(), "output", reply.output());
-      // walktree may have partial output before a failure. The other tasks have none.
-      if (reply.ok() || std::string(row_.name) == "walktree") {
-        report().bytes(lines(reply.output()));
-      }
+  void show(runel::Reply reply) {
+    const Outcome outcome = outcomeOf(reply);
+    // walktree may have partial output before a failure. The others have none, or a message.
+    const bool text = reply.ok() || std::string(row_.name) == "walktree";
+    if (reply.answered() && zell::findTask(row_.name)->text != zell::TaskText::empty &&
+        (text || report().json())) {
+      const std::string end = lineEnd(reply.output());
+      report().output(reply.takeOutput(), end);
     }
-    if (reply.ok()) {
-      succeed();
-    } else {
-      const bool program = reply.answered() && std::string(row_.name) == "wait";
-      finish({program ? exitStatusOf(reply) : failureStatus(reply), reply.error(about())});
-    }
+    finish(outcome);
   }
 
-  // Adds a newline to the answers that are a single value.
-  [[nodiscard]] std::string lines(const std::string& text) {
+  [[nodiscard]] Outcome outcomeOf(const runel::Reply& reply) const {
+    if (reply.ok()) {
+      return {};
+    }
+    const bool program = reply.answered() && std::string(row_.name) == "wait";
+    return {program ? exitStatusOf(reply) : failureStatus(reply), reply.error(about())};
+  }
+
+  // Adds a line end to the answers that are a single value.
+  [[nodiscard]] std::string lineEnd(const std::string& text) {
     const bool value = words_.empty() || std::string(row_.name) == "freeblocks" ||
                        std::string(row_.name) == "realpath";
-    return text + (value || wantsNewline(report(), text) ? "\n" : "");
+    return value || wantsNewline(report(), text) ? "\n" : "";
   }
 
   static int failureStatus(const runel::Reply& reply) {

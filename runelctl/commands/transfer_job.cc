@@ -113,8 +113,10 @@ void TransferJob::end(const runel::TransferReport& done) {
     fail(*done.error());
   } else if (done.error()) {
     finish({kExitTaskFailed, *done.error()});
+  } else if (done.partial()) {
+    finish({kExitTaskFailed, std::nullopt, "incomplete"});
   } else {
-    finish({done.partial() ? kExitTaskFailed : 0, std::nullopt});
+    succeed();
   }
 }
 

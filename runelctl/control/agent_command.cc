@@ -18,6 +18,7 @@
 #include "commands/number_range.h"
 #include "control/input_agent.h"
 #include "output/report.h"
+#include "output/standard_output.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -83,9 +84,9 @@ class AgentCommand : public LocalCommand {
     if (style.json) {
       Json object{{"v", 1}, {"device", target.name()}, {"task", "agent"}, {"entry", "clause"}};
       putBytes(object, "clause", clause);
-      line = object.dump() + "\n";
+      line = jsonLine(object, style.outTerminal);
     }
-    (void)writeAll(STDOUT_FILENO, line);  // a closed pipe ends the process by SIGPIPE
+    (void)writeOut(style, line);  // a closed pipe ends the process by SIGPIPE
   }
 
   static void tell(const runel::Address& target, const Style& style, const Error& error) {
@@ -96,7 +97,7 @@ class AgentCommand : public LocalCommand {
                   {"ok", false},
                   {"status", exitStatusOf(error)}};
       putError(object, error);
-      (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
+      (void)writeOut(style, jsonLine(object, style.outTerminal));
       return;
     }
     complain(target.name() + ": " + error.what +

@@ -13,6 +13,8 @@
 #include <nlohmann/json.hpp>
 
 #include "output/error.h"
+#include "output/standard_output.h"
+
 namespace runelctl {
 namespace {
 
@@ -27,10 +29,6 @@ std::string localTime() {
 std::string shown(const Label& who) {
   const std::string where = who.address + ":" + std::to_string(who.port);
   return who.hostid.empty() ? where : who.hostid + " (" + where + ")";
-}
-
-std::string line(const Json& object) {
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace
@@ -52,7 +50,10 @@ std::string utcText(std::int64_t milliseconds) {
 }
 
 Journal::Journal(runel::Loop& loop, const Style& style, bool xml)
-    : style_(style), xml_(xml), outlet_(loop, STDOUT_FILENO), errors_(loop, STDERR_FILENO) {}
+    : style_(style),
+      xml_(xml),
+      outlet_(loop, StandardOutput::descriptor()),
+      errors_(loop, STDERR_FILENO) {}
 
 std::string Journal::keepClauses(const std::string& path) {
   keptPath_ = path;
@@ -96,7 +97,7 @@ void Journal::clause(const Label& who, const std::string& clause) {
     Json whole = object("clause", &who);
     whole.update(details);
     // A failed write may have left an incomplete line.
-    const bool good = writeAll(kept_.get(), (keptFailed_ ? "\n" : "") + line(whole));
+    const bool good = writeAll(kept_.get(), (keptFailed_ ? "\n" : "") + jsonLine(whole, false));
     if (!good && !keptFailed_) {
       problem(keptPath_ + ": " + runel::systemText(errno));
     }
@@ -130,10 +131,11 @@ void Journal::tell(const std::string& event, const Label* who, const std::string
   if (style_.json) {
     Json whole = object(event, who);
     whole.update(details);
-    outlet_.write(line(whole));
+    outlet_.write(StandardOutput::visible(style_, jsonLine(whole, style_.outTerminal)));
   } else if (!style_.quiet) {
-    const std::string about = who != nullptr ? shown(*who) + ": " : "";
-    outlet_.write(localTime() + " " + about + style_.name(text) + "\n");
+    const std::string about = who != nullptr ? style_.name(shown(*who)) + ": " : "";
+    const std::string told = localTime() + " " + about + style_.name(text) + "\n";
+    outlet_.write(StandardOutput::visible(style_, told));
   }
 }
 

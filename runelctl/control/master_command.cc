@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -22,6 +20,8 @@
 #include "commands/number_range.h"
 #include "control/master.h"
 #include "output/report.h"
+#include "output/standard_output.h"
+#include "output/table.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -111,8 +111,6 @@ class MasterCommand : public LocalCommand {
   MasterSettings settings_;
 };
 
-using Table = std::vector<std::vector<std::string>>;
-
 std::string ageText(std::int64_t seconds) {
   const std::int64_t days = seconds / 86400;
   char text[48];
@@ -136,24 +134,6 @@ std::vector<std::string> row(const Json& device) {
           std::to_string(number("clauses"))};
 }
 
-void print(const Table& table) {
-  std::vector<std::size_t> widths;
-  for (const auto& cells : table) {
-    widths.resize(cells.size());
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-      widths[i] = std::max(widths[i], cells[i].size());
-    }
-  }
-  for (const auto& cells : table) {
-    std::string line;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-      line += cells[i] + std::string(widths[i] - cells[i].size() + 2, ' ');
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    std::cout << terminalSafe(line) << "\n";
-  }
-}
-
 class DevicesCommand : public LocalCommand {
  public:
   DevicesCommand() : LocalCommand("devices", "list the devices that are connected to the master") {}
@@ -171,17 +151,18 @@ class DevicesCommand : public LocalCommand {
       tellFailure(name(), *error, style);
       return kExitNoConnection;
     }
-    if (style.json) {
-      std::cout << lines;
-    } else {
-      show(lines, style);
+    if (!style.json) {
+      lines = tableOf(lines, style);
+    } else if (style.outTerminal) {
+      lines = terminalSafeJson(lines);
     }
-    return std::cout.flush() ? 0 : kExitTaskFailed;
+    return writeOut(style, lines) ? 0 : kExitTaskFailed;
   }
 
  private:
-  void show(const std::string& lines, const Style& style) const {
+  [[nodiscard]] std::string tableOf(const std::string& lines, const Style& style) const {
     Table table;
+    std::string names;
     std::istringstream each(lines);
     std::string line;
     while (std::getline(each, line)) {
@@ -190,7 +171,7 @@ class DevicesCommand : public LocalCommand {
         continue;
       }
       if (names_) {
-        std::cout << device.value("device", "") << "\n";
+        names += style.name(device.value("device", "")) + "\n";
       } else {
         table.push_back(row(device));
       }
@@ -200,7 +181,7 @@ class DevicesCommand : public LocalCommand {
       table.insert(table.begin(), {"HOSTID", "ADDRESS", "TYPE", "UP", "CONNECTS", "LOSSES",
                                    "REQUESTS", "SENT", "RECEIVED", "AGENTS", "CLAUSES"});
     }
-    print(table);
+    return names + tableText(table);
   }
 
   bool names_ = false;

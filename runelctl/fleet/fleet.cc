@@ -155,6 +155,7 @@ Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Prin
       command_(command),
       printer_(printer),
       style_(style),
+      progress_(settings.targets.size()),
       fleet_(loop, settings.targets, optionsFor(settings, command)) {
   for (const runel::Address& target : settings.targets) {
     members_.push_back(std::make_unique<Member>(Member{target}));
@@ -178,8 +179,8 @@ int Fleet::run() {
     showProgress(over_);
   }
   printer_.statusLine().clear();
-  printHeld();
-  int status = cancelled_;
+  printer_.flush();
+  int status = std::max(cancelled_, printer_.status());
   for (const Finished& end : ends_) {
     status = std::max(status, end.outcome.status);
   }
@@ -192,7 +193,7 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
   member.outcome.reset();
   member.unknown = member.notRepeated = false;
   member.longTask.reset();
-  openReport(member);
+  openReport(member, attempt.index);
   if (settings_.dryRun) {
     attempt.device.setDryRun(
         [this, &member](const std::string& payload) { showUnsent(member, payload); });
@@ -200,16 +201,23 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
   return std::make_unique<Attempt>(*this, member, std::move(attempt));
 }
 
-void Fleet::openReport(Member& member) {
-  member.report.emplace(style_);
+void Fleet::openReport(Member& member, std::size_t index) {
+  const std::string& name = member.target.name();
+  member.report.emplace(style_, openingObject(name, command_.name()), settings_.spool);
   if (members_.size() == 1 && settings_.retry == 0) {
-    member.report->stream = [this](std::string_view bytes) { printer_.stream(bytes); };
+    member.report->stream = [this, name](std::string_view bytes) { printer_.stream(name, bytes); };
   }
-  if (members_.size() == 1 && printer_.statusLine().enabled()) {
-    member.report->onProgress = [this](const Progress& progress) {
+  if (!printer_.statusLine().enabled()) {
+    return;
+  }
+  progress_.begin(index);
+  member.report->onProgress = [this, index](const Progress& progress) {
+    if (members_.size() == 1) {
       printer_.statusLine().show(bar_.text(progress, terminalColumns()));
-    };
-  }
+    } else {
+      progress_.update(index, progress);
+    }
+  };
 }
 
 // With several devices, the printer adds the names.
@@ -279,7 +287,8 @@ void Fleet::conclude(const runel::FleetResult& result) {
   }
   member.succeeded = outcome.status == 0;
   failed_ += member.succeeded ? 0 : 1;
-  ends_.push_back({member.target.name(), std::move(outcome)});
+  ends_.push_back({member.target.name(), std::move(outcome), result.index});
+  progress_.end(result.index);
   printer_.finished(ends_.back(), *member.report);
   member.report.reset();
 }
@@ -287,7 +296,7 @@ void Fleet::conclude(const runel::FleetResult& result) {
 void Fleet::endWave(std::size_t wave, std::size_t failed, bool stopped) {
   if (stopped) {
     printer_.note("stopped after wave " + std::to_string(wave) + ": " +
-                  countText(failed, "device") + " failed");
+                  countText(failed, "device") + " failed: " + printer_.failedNames());
   }
 }
 
@@ -316,17 +325,8 @@ void Fleet::watch() {
     printer_.statusLine().clear();
   }
   if (awaited_.allLate(now)) {
-    printHeld();
+    printer_.flush();
   }
-}
-
-// Prints the outputs that were held back for grouping.
-void Fleet::printHeld() {
-  std::vector<std::string> devices;
-  for (const auto& member : members_) {
-    devices.push_back(member->target.name());
-  }
-  printer_.flush(devices);
 }
 
 void Fleet::showProgress(bool now) {
@@ -338,11 +338,27 @@ void Fleet::showProgress(bool now) {
     return;
   }
   const std::size_t running = started_ - ends_.size();
-  printer_.statusLine().show(
-      std::to_string(ends_.size() - failed_) + " done, " + std::to_string(failed_) + " failed, " +
-          std::to_string(running) + " running, " + std::to_string(members_.size() - started_) +
-          " waiting" + (awaitedText_.empty() ? "" : "; awaiting " + awaitedText_),
-      now);
+  const std::string bytes = progress_.text(runel::Clock::now());
+  printer_.statusLine().show(std::to_string(ends_.size() - failed_) + " done, " +
+                                 std::to_string(failed_) + " failed, " + std::to_string(running) +
+                                 " running, " + std::to_string(members_.size() - started_) +
+                                 " waiting" + (bytes.empty() ? "" : "; " + bytes) +
+                                 (awaitedText_.empty() ? "" : "; awaiting " + awaitedText_),
+                             now);
+}
+
+std::vector<std::string> Fleet::skipped() const {
+  std::vector<bool> ended(members_.size());
+  for (const Finished& end : ends_) {
+    ended[end.index] = true;
+  }
+  std::vector<std::string> names;
+  for (std::size_t index = 0; index < members_.size(); ++index) {
+    if (!ended[index]) {
+      names.push_back(members_[index]->target.name());
+    }
+  }
+  return names;
 }
 
 std::vector<runel::Address> Fleet::unfinished() const {

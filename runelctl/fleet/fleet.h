@@ -12,6 +12,7 @@
 
 #include "commands/command.h"
 #include "fleet/awaited_devices.h"
+#include "fleet/fleet_progress.h"
 #include "fleet/printer.h"
 
 namespace runelctl {
@@ -32,6 +33,8 @@ class Fleet {
   void cancel(int status);
 
   [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
+  /// The names of the devices on which nothing was started.
+  [[nodiscard]] std::vector<std::string> skipped() const;
   /// The targets that did not succeed, in their order.
   [[nodiscard]] std::vector<runel::Address> unfinished() const;
 
@@ -40,7 +43,7 @@ class Fleet {
   struct Member;
 
   [[nodiscard]] std::unique_ptr<runel::FleetJob> start(runel::FleetAttempt attempt);
-  void openReport(Member& member);
+  void openReport(Member& member, std::size_t index);
   void showUnsent(Member& member, const std::string& payload) const;
   void showSentLater(Member& member, const Job& job) const;
   [[nodiscard]] Outcome outcomeOf(const Member& member, const runel::FleetResult& result) const;
@@ -49,7 +52,6 @@ class Fleet {
   void endWave(std::size_t wave, std::size_t failed, bool stopped);
   void showProgress(bool now);
   void watch();
-  void printHeld();
 
   runel::Loop& loop_;
   const Settings& settings_;
@@ -66,6 +68,7 @@ class Fleet {
   AwaitedDevices awaited_;
   std::string awaitedText_;  // for the status line
   runel::Clock::time_point watched_;
+  FleetProgress progress_;
   runel::AsyncFleet fleet_;  // last: its jobs refer to the members
 };
 

@@ -2,36 +2,18 @@
 #include "fleet/printer.h"
 
 #include <algorithm>
-#include <unordered_map>
+#include <cerrno>
 #include <utility>
 
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
+#include "output/name_ranges.h"
+#include "output/table.h"
+
 namespace runelctl {
 namespace {
-
-Json opening(const std::string& device, const std::string& task) {
-  Json object;
-  object["v"] = kJsonVersion;
-  putBytes(object, "device", device);
-  object["task"] = task;
-  return object;
-}
-
-std::string dump(const Json& object) {
-  // Every string is valid UTF-8 or was encoded in base64.
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
-
-std::string joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) {
-    text += (text.empty() ? "" : ", ") + name;
-  }
-  return text;
-}
 
 struct Tally {
   std::size_t ok = 0, failed = 0, timedOut = 0, unreachable = 0, unknown = 0;
@@ -43,7 +25,7 @@ Tally count(const std::vector<Finished>& ends) {
     const auto& error = end.outcome.error;
     if (end.outcome.status == 0) {
       ++tally.ok;
-    } else if (error && error->fault == Fault::timedOut) {
+    } else if (error && (error->fault == Fault::timedOut || error->fault == Fault::timeLimit)) {
       ++tally.timedOut;
     } else if (error && error->unknown) {
       ++tally.unknown;
@@ -56,35 +38,85 @@ Tally count(const std::vector<Finished>& ends) {
   return tally;
 }
 
+// Adds "DEVICE: " to the start of each line.
+class LinePrefix {
+ public:
+  explicit LinePrefix(std::string prefix) : prefix_(std::move(prefix)) {}
+
+  [[nodiscard]] std::string add(std::string_view text) {
+    std::string lines;
+    while (!text.empty()) {
+      lines += atStart_ ? prefix_ : "";
+      const std::size_t end = text.find('\n');
+      atStart_ = end != std::string_view::npos;
+      const std::size_t count = atStart_ ? end + 1 : text.size();
+      lines += text.substr(0, count);
+      text.remove_prefix(count);
+    }
+    return lines;
+  }
+
+ private:
+  const std::string prefix_;
+  bool atStart_ = true;
+};
+
 }  // namespace
 
-Json closingObject(const std::string& device, const std::string& task, const Outcome& outcome,
-                   const Report& report) {
-  Json object = opening(device, task);
+Json endingFields(const Outcome& outcome) {
+  Json object;
   object["ok"] = outcome.status == 0;
   object["status"] = outcome.status;
   if (outcome.error) {
     putError(object, *outcome.error);
   }
-  for (const std::string& warning : report.warnings()) {
-    Json text = Json::object();
-    putBytes(text, "text", warning);
-    object["warnings"].push_back(text);
-  }
-  object.update(report.result());
   return object;
 }
 
 Printer::Printer(const Style& style, Arrange arrange, std::string task, bool many)
-    : style_(style), arrange_(arrange), task_(std::move(task)), many_(many), statusLine_(style) {}
+    : style_(style),
+      arrange_(arrange),
+      task_(std::move(task)),
+      many_(many),
+      output_(style),
+      statusLine_(style) {}
 
 void Printer::out(std::string_view bytes) {
   statusLine_.clear();
-  if (!writeAll(STDOUT_FILENO, bytes)) {
-    // Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
-    err("runelctl: standard output: " + runel::systemText(errno));
-    _exit(kExitTaskFailed);
+  if (!output_.write(bytes)) {
+    endWithoutOutput();
   }
+}
+
+void Printer::endText() {
+  if (!output_.endText()) {
+    endWithoutOutput();
+  }
+}
+
+// Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
+void Printer::endWithoutOutput() {
+  err("runelctl: standard output: " + runel::systemText(errno));
+  _exit(kExitTaskFailed);
+}
+
+// Calls @p use with all of @p text.
+void Printer::pass(const runel::HeldBytes& text, const std::function<void(std::string_view)>& use) {
+  const bool read = text.forEach([&use](std::string_view piece) {
+    use(piece);
+    return true;
+  });
+  if (!read) {
+    lostText();
+  }
+}
+
+void Printer::lostText() {
+  problem("cannot read the temporary file of the output: " + runel::systemText(errno));
+}
+
+void Printer::outHeld(const runel::HeldBytes& text) {
+  pass(text, [this](std::string_view piece) { out(piece); });
 }
 
 void Printer::err(const std::string& line) {
@@ -92,101 +124,159 @@ void Printer::err(const std::string& line) {
   (void)writeAll(STDERR_FILENO, line + "\n");  // an error here cannot be reported
 }
 
-void Printer::stream(std::string_view bytes) {
-  out(bytes);
+void Printer::problem(const std::string& text) {
+  status_ = kExitTaskFailed;
+  err("runelctl: " + style_.red(terminalSafe(text)));
 }
 
-void Printer::finished(const Finished& end, const Report& report) {
+// The files of the device whose output is being written. Null without --output-dir.
+OutputFiles* Printer::files(const std::string& device) {
+  if (directory_ != nullptr && !filesTried_) {
+    filesTried_ = true;
+    files_ = directory_->create(device);
+    if (!files_) {
+      problem(directory_->pathFor(device) + ": " + runel::systemText(errno));
+    }
+  }
+  return files_.get();
+}
+
+void Printer::closeFiles(const std::string& device) {
+  if (files_ && files_->error() != 0) {
+    problem(directory_->pathFor(device) + ": " + runel::systemText(files_->error()));
+  }
+  files_.reset();
+  filesTried_ = false;
+}
+
+void Printer::keep(const std::string& device, const runel::HeldBytes& text) {
+  if (OutputFiles* const kept = files(device)) {
+    pass(text, [kept](std::string_view piece) { kept->addOutput(piece); });
+  }
+}
+
+void Printer::stream(const std::string& device, std::string_view bytes) {
+  out(bytes);
+  if (OutputFiles* const kept = files(device)) {
+    kept->addOutput(bytes);
+  }
+}
+
+void Printer::finished(const Finished& end, Report& report) {
+  keep(end.device, report.collected());
   if (style_.json) {
     printJson(end, report);
+  } else {
+    printText(end, report);
+  }
+  endText();
+  printErrors(end, report);
+  closeFiles(end.device);
+  if (end.outcome.status != 0) {
+    const bool told = end.outcome.error || !report.warnings().empty();
+    failures_.add(end.index, end.device, reasonOf(end.outcome), told);
+  }
+}
+
+void Printer::printJson(const Finished& end, Report& report) {
+  outHeld(report.collected());
+  std::optional<Json> last = report.lastObject(endingFields(end.outcome));
+  if (!last) {
+    lostText();
     return;
   }
-  printText(end.device, report.text());
-  for (const std::string& warning : report.warnings()) {
-    printWarning(end.device, warning);
-  }
-  if (end.outcome.error) {
-    printError(end.device, *end.outcome.error);
+  const std::string line = jsonLine(*last, style_.outTerminal);
+  out(line);
+  if (OutputFiles* const kept = files(end.device)) {
+    kept->addOutput(line);
   }
 }
 
-void Printer::printJson(const Finished& end, const Report& report) {
-  std::string lines;
-  for (const Json& entry : report.entries()) {
-    Json object = opening(end.device, task_);
-    object.update(entry);
-    lines += dump(object);
-  }
-  out(lines + dump(closingObject(end.device, task_, end.outcome, report)));
-}
-
-void Printer::printText(const std::string& device, const std::string& text) {
+void Printer::printText(const Finished& end, Report& report) {
+  runel::HeldBytes& text = report.collected();
   if (!many_ || text.empty()) {
-    out(text);
+    outHeld(text);
   } else if (arrange_ == Arrange::prefix) {
-    printPrefixed(device, text);
+    printPrefixed(end.device, text);
   } else if (arrange_ == Arrange::group) {
-    out("== " + style_.name(device) + "\n" + text + (text.back() == '\n' ? "" : "\n"));
+    printUnder(style_.name(end.device) + failureText(end.outcome), text);
+  } else if (!report.row().empty()) {
+    rows_[end.index] = {end.device, report.row()};
   } else {
-    hold(device, text);
+    groups_.add(end.index, end.device, failureText(end.outcome), std::move(text));
   }
 }
 
-void Printer::printPrefixed(const std::string& device, const std::string& text) {
-  std::string lines;
-  std::size_t begin = 0;
-  while (begin < text.size()) {
-    const std::size_t end = std::min(text.find('\n', begin), text.size());
-    lines += style_.name(device) + ": " + text.substr(begin, end - begin) + "\n";
-    begin = end + 1;
-  }
-  out(lines);
+void Printer::printPrefixed(const std::string& device, const runel::HeldBytes& text) {
+  LinePrefix prefix(style_.name(device) + ": ");
+  pass(text, [&](std::string_view piece) { out(prefix.add(piece)); });
+  out(text.back() == '\n' ? "" : "\n");
 }
 
-void Printer::hold(const std::string& device, const std::string& text) {
-  const auto same = std::find_if(groups_.begin(), groups_.end(),
-                                 [&](const Group& group) { return group.text == text; });
-  if (same != groups_.end()) {
-    same->devices.push_back(device);
-  } else {
-    groups_.push_back({text, {device}});
+void Printer::printUnder(const std::string& heading, const runel::HeldBytes& text) {
+  out("== " + heading + "\n");
+  outHeld(text);
+  out(text.back() == '\n' ? "" : "\n");
+  endText();
+}
+
+// Why an output is that of a failure. Empty for a success.
+std::string Printer::failureText(const Outcome& outcome) const {
+  return outcome.status == 0 ? "" : ": " + style_.name(reasonOf(outcome));
+}
+
+void Printer::flush() {
+  showTable();
+  for (const OutputGroup& group : groups_.release()) {
+    std::vector<std::string> names;
+    for (const auto& [index, device] : group.devices) {
+      names.push_back(device);
+    }
+    printUnder(style_.name(headingNames(names)) +
+                   (names.size() == 1 ? "" : " (" + countText(names.size(), "device") + ")") +
+                   group.label,
+               group.text);
   }
 }
 
-void Printer::flush(const std::vector<std::string>& devices) {
-  std::unordered_map<std::string, std::size_t> places;
-  for (const std::string& device : devices) {
-    places.emplace(device, places.size());
+void Printer::showTable() {
+  Table table;
+  for (const auto& [index, row] : rows_) {
+    const auto& [device, cells] = row;
+    if (table.empty() && !style_.quiet) {
+      table.push_back({"DEVICE"});
+      for (const Cell& cell : cells) {
+        table.back().push_back(cell.column);
+      }
+    }
+    table.push_back({device});
+    for (const Cell& cell : cells) {
+      table.back().push_back(cell.value);
+    }
   }
-  for (Group& group : groups_) {
-    std::sort(group.devices.begin(), group.devices.end(),
-              [&](const auto& a, const auto& b) { return places[a] < places[b]; });
-  }
-  std::sort(groups_.begin(), groups_.end(), [&](const Group& a, const Group& b) {
-    return places[a.devices.front()] < places[b.devices.front()];
-  });
-  for (const Group& group : groups_) {
-    show(group);
-  }
-  groups_.clear();
+  rows_.clear();
+  out(tableText(table));
 }
 
-void Printer::show(const Group& group) {
-  std::vector<std::string> names;
-  for (const std::string& device : group.devices) {
-    names.push_back(style_.name(device));
+// Also to the file of the device, without colors.
+void Printer::printErrors(const Finished& end, const Report& report) {
+  const std::string begin = "runelctl: " + terminalSafe(end.device) + ": ";
+  const auto tell = [&](const std::string& shown, const std::string& plain) {
+    if (!style_.json) {
+      err(begin + shown);
+    }
+    if (OutputFiles* const kept = files(end.device)) {
+      kept->addError(begin + plain + "\n");
+    }
+  };
+  for (const std::string& warning : report.warnings()) {
+    tell(terminalSafe(warning), terminalSafe(warning));
   }
-  const std::string count = names.size() == 1 ? "" : " (" + countText(names.size(), "device") + ")";
-  out("== " + joined(names) + count + "\n" + group.text + (group.text.back() == '\n' ? "" : "\n"));
-}
-
-void Printer::printWarning(const std::string& device, const std::string& text) {
-  err("runelctl: " + terminalSafe(device) + ": " + terminalSafe(text));
-}
-
-void Printer::printError(const std::string& device, const Error& error) {
-  const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";
-  err("runelctl: " + terminalSafe(device) + ": " + style_.red(terminalSafe(error.what)) + hint);
+  if (const auto& error = end.outcome.error) {
+    const std::string what = terminalSafe(error->what);
+    const std::string hint = error->hint.empty() ? "" : " (" + terminalSafe(error->hint) + ")";
+    tell(style_.red(what) + hint, what + hint);
+  }
 }
 
 void Printer::note(const std::string& text) {
@@ -201,9 +291,22 @@ void Printer::unsent(std::size_t devices) {
   }
 }
 
-void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
+// The failed devices by name. Without a summary, only those that no message has named.
+void Printer::tellFailures(const std::vector<std::string>& skipped) {
+  for (const std::string& line : failures_.lines(style_.quiet)) {
+    err("runelctl: " + style_.red(terminalSafe(line)));
+  }
+  if (!skipped.empty()) {
+    note(foldNames(skipped) + ": skipped");
+  }
+}
+
+void Printer::summary(const std::vector<Finished>& ends, const std::vector<std::string>& skipped) {
+  if (!many_) {
+    return;
+  }
   const Tally tally = count(ends);
-  if (style_.json && many_) {
+  if (style_.json) {
     Json object;
     object["v"] = kJsonVersion;
     object["task"] = task_;
@@ -211,18 +314,19 @@ void Printer::summary(const std::vector<Finished>& ends, std::size_t skipped) {
                          {"failed", tally.failed},
                          {"timed_out", tally.timedOut},
                          {"unreachable", tally.unreachable},
-                         {"skipped", skipped}};
+                         {"skipped", skipped.size()}};
     if (tally.unknown > 0) {
       object["summary"]["unknown"] = tally.unknown;
     }
-    out(dump(object));
-  } else if (many_) {
-    note(countText(ends.size() + skipped, "device") + ": " + std::to_string(tally.ok) + " ok, " +
-         std::to_string(tally.failed) + " failed, " + std::to_string(tally.timedOut) +
-         " timed out, " + std::to_string(tally.unreachable) + " unreachable" +
-         (tally.unknown == 0 ? "" : ", " + std::to_string(tally.unknown) + " unknown") +
-         (skipped == 0 ? "" : ", " + std::to_string(skipped) + " skipped"));
+    out(jsonLine(object, style_.outTerminal));
+    return;
   }
+  tellFailures(skipped);
+  note(countText(ends.size() + skipped.size(), "device") + ": " + std::to_string(tally.ok) +
+       " ok, " + std::to_string(tally.failed) + " failed, " + std::to_string(tally.timedOut) +
+       " timed out, " + std::to_string(tally.unreachable) + " unreachable" +
+       (tally.unknown == 0 ? "" : ", " + std::to_string(tally.unknown) + " unknown") +
+       (skipped.empty() ? "" : ", " + std::to_string(skipped.size()) + " skipped"));
 }
 
 }  // namespace runelctl

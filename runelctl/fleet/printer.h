@@ -1,14 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// Writes the results of the devices to standard output and standard error.
+// Writes the results of the devices to standard output, standard error and files.
 #ifndef RUNELCTL_FLEET_PRINTER_H_
 #define RUNELCTL_FLEET_PRINTER_H_
 
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "commands/job.h"
 #include "commands/settings.h"
+#include "fleet/failure_list.h"
+#include "fleet/output_groups.h"
+#include "output/output_files.h"
 #include "output/report.h"
+#include "output/standard_output.h"
 #include "output/status_line.h"
 
 namespace runelctl {
@@ -17,6 +27,7 @@ namespace runelctl {
 struct Finished {
   std::string device;
   Outcome outcome;
+  std::size_t index = 0;  ///< of the device in the list of targets
 };
 
 class Printer {
@@ -24,48 +35,69 @@ class Printer {
   /// @p many: there are several devices, so all output names its device.
   Printer(const Style& style, Arrange arrange, std::string task, bool many);
 
-  /// Writes output of a single device immediately.
-  void stream(std::string_view bytes);
-  /// Writes or holds back the output of a device and writes its errors.
-  void finished(const Finished& end, const Report& report);
-  /// Writes the outputs that were held back for grouping, in the order of @p devices.
-  void flush(const std::vector<std::string>& devices);
-  /// Writes the summary, if there are several devices.
-  void summary(const std::vector<Finished>& ends, std::size_t skipped);
+  /// Also writes the output of each device to files in @p directory, which must outlive the
+  /// printer.
+  void keepIn(OutputDirectory& directory) { directory_ = &directory; }
+
+  /// Writes output of the single device @p device immediately.
+  void stream(const std::string& device, std::string_view bytes);
+  /// Writes or holds back the output of a device and writes its errors. Moves the output out of @p
+  /// report.
+  void finished(const Finished& end, Report& report);
+  /// Writes the outputs that were held back for grouping, in the order of the devices.
+  void flush();
+  /// Writes the failed devices and the summary, if there are several devices.
+  void summary(const std::vector<Finished>& ends, const std::vector<std::string>& skipped);
   /// Writes the summary of a dry run, if there are several devices.
   void unsent(std::size_t devices);
   /// Writes a note about the run.
   void note(const std::string& text);
+  /// Writes an error that is not the failure of a device.
+  void problem(const std::string& text);
 
+  /// The names of the devices that have failed so far.
+  [[nodiscard]] std::string failedNames() const { return failures_.names(); }
+  /// 1 if output was lost, otherwise 0.
+  [[nodiscard]] int status() const { return status_; }
   StatusLine& statusLine() { return statusLine_; }
 
  private:
-  struct Group {
-    std::string text;
-    std::vector<std::string> devices;
-  };
-
-  void printJson(const Finished& end, const Report& report);
-  void printText(const std::string& device, const std::string& text);
-  void printPrefixed(const std::string& device, const std::string& text);
-  void hold(const std::string& device, const std::string& text);
-  void show(const Group& group);
-  void printError(const std::string& device, const Error& error);
-  void printWarning(const std::string& device, const std::string& text);
+  void printJson(const Finished& end, Report& report);
+  void printText(const Finished& end, Report& report);
+  void printPrefixed(const std::string& device, const runel::HeldBytes& text);
+  void printUnder(const std::string& heading, const runel::HeldBytes& text);
+  void printErrors(const Finished& end, const Report& report);
+  [[nodiscard]] std::string failureText(const Outcome& outcome) const;
+  void showTable();
+  void tellFailures(const std::vector<std::string>& skipped);
+  void keep(const std::string& device, const runel::HeldBytes& text);
+  [[nodiscard]] OutputFiles* files(const std::string& device);
+  void closeFiles(const std::string& device);
   void out(std::string_view bytes);
+  void outHeld(const runel::HeldBytes& text);
+  void pass(const runel::HeldBytes& text, const std::function<void(std::string_view)>& use);
+  void lostText();
+  void endText();
+  [[noreturn]] void endWithoutOutput();
   void err(const std::string& line);
 
   const Style& style_;
   const Arrange arrange_;
   const std::string task_;
   const bool many_;
+  StandardOutput output_;
   StatusLine statusLine_;
-  std::vector<Group> groups_;
+  OutputGroups groups_;
+  std::map<std::size_t, std::pair<std::string, std::vector<Cell>>> rows_;  // by index
+  FailureList failures_;
+  OutputDirectory* directory_ = nullptr;
+  std::unique_ptr<OutputFiles> files_;  // of the device whose output is being written
+  bool filesTried_ = false;
+  int status_ = 0;
 };
 
-/// The JSON object that ends the output of a device.
-[[nodiscard]] Json closingObject(const std::string& device, const std::string& task,
-                                 const Outcome& outcome, const Report& report);
+/// The fields of @p outcome in the last object of a device.
+[[nodiscard]] Json endingFields(const Outcome& outcome);
 
 }  // namespace runelctl
 

@@ -25,7 +25,7 @@ Fault faultOf(const runel::Error& error) {
     case runel::Kind::device:
       return Fault::task;
     case runel::Kind::program:
-      return Fault::program;
+      return error.cause() == runel::Cause::programTimeout ? Fault::timeLimit : Fault::program;
     case runel::Kind::local:
       return Fault::local;
     case runel::Kind::timeout:
@@ -124,6 +124,7 @@ const char* Error::where() const {
     case Fault::task:
       return "device";
     case Fault::program:
+    case Fault::timeLimit:
       return "program";
     case Fault::local:
     case Fault::cancelled:

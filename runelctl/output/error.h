@@ -19,6 +19,7 @@ enum class Fault {
   timedOut,     ///< timeout
   task,         ///< the device answered that the task failed
   program,      ///< a program on the device ran and failed
+  timeLimit,    ///< a program on the device exceeded its time limit
   local,        ///< error with a local file or directory
   cancelled,    ///< cancelled locally, by a signal
 };

@@ -15,7 +15,7 @@ constexpr std::size_t kMostDigits = 9;
 constexpr std::size_t kLeastFolded = 3;
 constexpr std::size_t kMostSpelledOut = 4;
 
-constexpr std::string_view kDigits = "0123456789";
+constexpr std::string_view kDecimalDigits = "0123456789";
 
 // A name, divided at one of its numbers.
 struct Division {
@@ -30,14 +30,14 @@ std::vector<Division> divisionsOf(const std::string& name) {
   if (name.find_first_of("[],") != std::string::npos) {
     return divisions;
   }
-  std::size_t begin = name.find_first_of(kDigits);
+  std::size_t begin = name.find_first_of(kDecimalDigits);
   while (begin != std::string::npos) {
-    const std::size_t end = std::min(name.find_first_not_of(kDigits, begin), name.size());
+    const std::size_t end = std::min(name.find_first_not_of(kDecimalDigits, begin), name.size());
     if (end - begin <= kMostDigits) {
       divisions.push_back(
           {name.substr(0, begin) + "[" + name.substr(end), name.substr(begin, end - begin), begin});
     }
-    begin = name.find_first_of(kDigits, end);
+    begin = name.find_first_of(kDecimalDigits, end);
   }
   return divisions;
 }

@@ -7,7 +7,17 @@
 
 #include <runel/request.h>
 
+#include "output/standard_output.h"
+
 namespace runelctl {
+
+Json openingObject(const std::string& device, const std::string& task) {
+  Json object;
+  object["v"] = kJsonVersion;
+  putBytes(object, "device", device);
+  object["task"] = task;
+  return object;
+}
 
 void Report::bytes(std::string_view bytes) {
   if (style_.json) {
@@ -16,14 +26,48 @@ void Report::bytes(std::string_view bytes) {
   if (stream) {
     stream(bytes);
   } else {
-    text_.append(bytes);
+    collected_.add(bytes);
   }
 }
 
-void Report::entry(Json object) {
+void Report::output(std::string&& answer, std::string_view end) {
   if (style_.json) {
-    entries_.push_back(std::move(object));
+    hasOutput_ = true;
+    output_.take(std::move(answer));
+  } else if (stream) {
+    stream(answer);
+    stream(end);
+  } else {
+    collected_.take(std::move(answer));
+    collected_.add(end);
   }
+}
+
+void Report::entry(const Json& object) {
+  if (style_.json) {
+    Json whole = opening_;
+    whole.update(object);
+    collected_.add(jsonLine(whole, style_.outTerminal));
+  }
+}
+
+std::optional<Json> Report::lastObject(const Json& ending) {
+  Json object = opening_;
+  object.update(ending);
+  for (const std::string& warning : warnings_) {
+    Json text = Json::object();
+    putBytes(text, "text", warning);
+    object["warnings"].push_back(text);
+  }
+  if (hasOutput_) {
+    std::optional<std::string> answer = output_.release();
+    if (!answer) {
+      return std::nullopt;
+    }
+    moveBytes(object, "output", std::move(*answer));
+  }
+  object.update(result_);
+  return object;
 }
 
 void putError(Json& object, const Error& error) {
@@ -47,7 +91,7 @@ void tellFailure(const std::string& task, const Error& error, const Style& style
     Json object{
         {"v", kJsonVersion}, {"task", task}, {"ok", false}, {"status", exitStatusOf(error)}};
     putError(object, error);
-    (void)writeAll(STDOUT_FILENO, object.dump() + "\n");
+    (void)writeOut(style, jsonLine(object, style.outTerminal));
     return;
   }
   const std::string hint = error.hint.empty() ? "" : " (" + terminalSafe(error.hint) + ")";

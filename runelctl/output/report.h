@@ -5,12 +5,16 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "client/io/spool.h"
 #include "output/error.h"
 #include "output/style.h"
 #include "output/text.h"
@@ -27,18 +31,38 @@ struct Progress {
   std::string what;
 };
 
-/// Collects output. Text output consists of `bytes` and `line`, JSON output of `entry` and
-/// `result`. Calls for the other kind of output are ignored.
+/// A column of the table that a command prints for many devices, and the value of one device.
+struct Cell {
+  std::string column;
+  std::string value;
+};
+
+/// The start of each object of a device.
+[[nodiscard]] Json openingObject(const std::string& device, const std::string& task);
+
+/// Collects output. Text output consists of `bytes`, `line` and `output`, JSON output of `entry`,
+/// `output` and `result`. Calls for the other kind of output are ignored.
 class Report {
  public:
-  explicit Report(const Style& style) : style_(style) {}
+  /// @p opening is the start of each object. Long output is held in @p spool, if any.
+  explicit Report(const Style& style, Json opening = Json::object(),
+                  const std::shared_ptr<runel::Spool>& spool = nullptr)
+      : style_(style), opening_(std::move(opening)), collected_(spool), output_(spool) {}
 
   /// Adds unchanged output.
   void bytes(std::string_view bytes);
   /// Adds one line of output. Names in it must be converted with `name`.
   void line(const std::string& text) { bytes(text + "\n"); }
+  /// Adds the answer of a program or a task and, as text, @p end. In JSON it is the field "output"
+  /// of the last object. Call it at most once.
+  void output(std::string&& answer, std::string_view end = "");
   /// Adds one object.
-  void entry(Json object);
+  void entry(const Json& object);
+  /// Adds a cell to the row of this device. With several devices, a table of the rows is printed in
+  /// place of the texts.
+  void cell(std::string column, std::string value) {
+    row_.push_back({std::move(column), std::move(value)});
+  }
   /// The fields of the last object.
   Json& result() { return result_; }
   [[nodiscard]] const Json& result() const { return result_; }
@@ -55,9 +79,13 @@ class Report {
   [[nodiscard]] bool json() const { return style_.json; }
   [[nodiscard]] std::string name(std::string_view bytes) const { return style_.name(bytes); }
 
-  [[nodiscard]] const std::string& text() const { return text_; }
-  [[nodiscard]] const std::vector<Json>& entries() const { return entries_; }
+  /// The text, or the lines of the objects but the last one.
+  [[nodiscard]] runel::HeldBytes& collected() { return collected_; }
+  [[nodiscard]] const std::vector<Cell>& row() const { return row_; }
   [[nodiscard]] const std::vector<std::string>& warnings() const { return warnings_; }
+  /// The last object, with the fields of @p ending, the warnings, the output, which is moved out,
+  /// and the result. Without a value, with errno, if the output cannot be read.
+  [[nodiscard]] std::optional<Json> lastObject(const Json& ending);
 
   /// If set, receives the output immediately instead of collecting it.
   std::function<void(std::string_view)> stream;
@@ -65,8 +93,11 @@ class Report {
 
  private:
   const Style& style_;
-  std::string text_;
-  std::vector<Json> entries_;
+  const Json opening_;
+  runel::HeldBytes collected_;
+  runel::HeldBytes output_;  // in JSON, the field "output" of the last object
+  bool hasOutput_ = false;
+  std::vector<Cell> row_;
   std::vector<std::string> warnings_;
   Json result_ = Json::object();
 };

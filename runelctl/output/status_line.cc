@@ -49,6 +49,11 @@ void StatusLine::clear() {
   }
 }
 
+std::string rateText(double bytesPerSecond, std::uint64_t left) {
+  return sizeText(static_cast<std::uint64_t>(bytesPerSecond)) + "/s " +
+         timeText(static_cast<double>(left) / bytesPerSecond);
+}
+
 std::string ProgressBar::text(const Progress& progress, std::size_t columns) {
   const auto now = std::chrono::steady_clock::now();
   if (!begun_ || progress.done < first_) {
@@ -58,13 +63,13 @@ std::string ProgressBar::text(const Progress& progress, std::size_t columns) {
   }
   const double passed = std::chrono::duration<double>(now - begin_).count();
   const double rate = passed > 0 ? static_cast<double>(progress.done - first_) / passed : 0;
-  const auto left = static_cast<double>(progress.total - std::min(progress.done, progress.total));
+  const std::uint64_t left = progress.total - std::min(progress.done, progress.total);
   const std::uint64_t percent =
       progress.total == 0 ? 100
                           : std::min<std::uint64_t>(100, progress.done * 100 / progress.total);
   std::string line = std::to_string(percent) + "%";
   if (rate > 0) {
-    line += " " + sizeText(static_cast<std::uint64_t>(rate)) + "/s " + timeText(left / rate);
+    line += " " + rateText(rate, left);
   }
   if (columns > line.size() + kBarWidth + 4) {
     line = bar(progress.done, progress.total) + " " + line;

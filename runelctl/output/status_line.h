@@ -4,6 +4,7 @@
 #define RUNELCTL_OUTPUT_STATUS_LINE_H_
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "output/report.h"
@@ -32,6 +33,9 @@ class StatusLine {
   bool shown_ = false;
   std::chrono::steady_clock::time_point last_;
 };
+
+/// A rate and the time for the @p left bytes, such as "1.4 MiB/s 0:42".
+[[nodiscard]] std::string rateText(double bytesPerSecond, std::uint64_t left);
 
 /// Formats the progress of a transfer as a bar with rate and remaining time.
 class ProgressBar {

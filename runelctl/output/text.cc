@@ -2,9 +2,13 @@
 #include "output/text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <utility>
 
 #include <nlohmann/json.hpp>
+
+#include "output/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -13,71 +17,6 @@ constexpr std::size_t kDumpWidth = 16;
 
 unsigned char at(std::string_view text, std::size_t place) {
   return static_cast<unsigned char>(text[place]);
-}
-
-// The length of the valid UTF-8 sequence at the start of @p text, and its code point. 0 for an
-// invalid sequence, such as an overlong form, a surrogate or a number above 0x10ffff.
-std::size_t sequence(std::string_view text, std::uint32_t& code) {
-  const unsigned char first = at(text, 0);
-  const std::size_t length = first < 0x80   ? 1
-                             : first < 0xc2 ? 0
-                             : first < 0xe0 ? 2
-                             : first < 0xf0 ? 3
-                             : first < 0xf5 ? 4
-                                            : 0;
-  if (length == 0 || length > text.size()) {
-    return 0;
-  }
-  code = length == 1 ? first : first & (0x7fU >> length);
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((at(text, i) & 0xc0U) != 0x80) {
-      return 0;
-    }
-    code = (code << 6U) | (at(text, i) & 0x3fU);
-  }
-  const bool tooLong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-  const bool noCharacter = (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff;
-  return tooLong || noCharacter ? 0 : length;
-}
-
-// True for control characters, which a terminal interprets.
-bool actsOnTerminal(std::uint32_t code) {
-  return code < 0x20 || (code >= 0x7f && code <= 0x9f) || code == 0x061c || code == 0x200e ||
-         code == 0x200f || code == 0x2028 || code == 0x2029 || (code >= 0x202a && code <= 0x202e) ||
-         (code >= 0x2066 && code <= 0x2069) || code == 0xfeff;
-}
-
-void appendEscaped(std::string& text, unsigned char byte) {
-  switch (byte) {
-    case '\n':
-      text += "\\n";
-      break;
-    case '\t':
-      text += "\\t";
-      break;
-    case '\r':
-      text += "\\r";
-      break;
-    case '\\':
-      text += "\\\\";
-      break;
-    default:
-      char code[8];
-      std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned>(byte));
-      text += code;
-  }
-}
-
-bool isUtf8(std::string_view bytes) {
-  std::uint32_t code = 0;
-  while (!bytes.empty()) {
-    const std::size_t length = sequence(bytes, code);
-    if (length == 0) {
-      return false;
-    }
-    bytes.remove_prefix(length);
-  }
-  return true;
 }
 
 std::string base64(std::string_view bytes) {
@@ -98,28 +37,27 @@ std::string base64(std::string_view bytes) {
 
 }  // namespace
 
-std::string terminalSafe(std::string_view bytes) {
-  std::string text;
-  while (!bytes.empty()) {
-    std::uint32_t code = 0;
-    const std::size_t length = sequence(bytes, code);
-    if (length == 0 || actsOnTerminal(code) || code == '\\') {
-      const std::size_t bad = std::max<std::size_t>(length, 1);
-      for (std::size_t i = 0; i < bad; ++i) {
-        appendEscaped(text, at(bytes, i));
-      }
-      bytes.remove_prefix(bad);
-    } else {
-      text.append(bytes.substr(0, length));
-      bytes.remove_prefix(length);
-    }
+std::string jsonLine(const Json& object, bool terminal) {
+  // Every string is valid UTF-8 or was encoded in base64.
+  std::string line = object.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (terminal) {
+    line = terminalSafeJson(line);
   }
-  return text;
+  line += '\n';
+  return line;
 }
 
 void putBytes(Json& object, const std::string& key, std::string_view bytes) {
   if (isUtf8(bytes)) {
     object[key] = bytes;
+  } else {
+    object[key + "_base64"] = base64(bytes);
+  }
+}
+
+void moveBytes(Json& object, const std::string& key, std::string&& bytes) {
+  if (isUtf8(bytes)) {
+    object[key] = std::move(bytes);
   } else {
     object[key + "_base64"] = base64(bytes);
   }

@@ -10,17 +10,20 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "output/terminal_text.h"
+
 namespace runelctl {
 
 using Json = nlohmann::ordered_json;
 
-/// Escapes what a terminal could interpret: control characters, invalid UTF-8, marks that change
-/// the text direction, and the backslash. The result is always one line.
-[[nodiscard]] std::string terminalSafe(std::string_view bytes);
+/// @p object as a line. On a @p terminal, characters that it could interpret are escaped.
+[[nodiscard]] std::string jsonLine(const Json& object, bool terminal);
 
 /// Sets @p key of @p object to @p bytes if they are valid UTF-8. Otherwise sets "KEY_base64" to
 /// their base64 form.
 void putBytes(Json& object, const std::string& key, std::string_view bytes);
+/// The same without a copy of valid UTF-8.
+void moveBytes(Json& object, const std::string& key, std::string&& bytes);
 
 /// @p text truncated to @p columns characters.
 [[nodiscard]] std::string cutTo(std::string_view text, std::size_t columns);

@@ -3,14 +3,13 @@
 #include <memory>
 #include <string>
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 
 #include <runel/request.h>
 #include "cli/command_line.h"
 
 #include "cli/local_command.h"
+#include "output/standard_output.h"
 #include "shell/completion.h"
 
 namespace runelctl {
@@ -28,13 +27,12 @@ class CompletionCommand : public LocalCommand {
 
   int run(const Settings& settings, const Style& style) override {
     (void)settings;
-    (void)style;
     CommandLine line;
     const Tables tables = readTables(line.app());
     const std::string script = shell_ == "bash"  ? bashCompletion(tables)
                                : shell_ == "zsh" ? zshCompletion(tables)
                                                  : fishCompletion(tables);
-    return writeAll(STDOUT_FILENO, script) ? 0 : kExitTaskFailed;
+    return writeOut(style, script) ? 0 : kExitTaskFailed;
   }
 
  private:

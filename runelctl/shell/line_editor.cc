@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "output/style.h"
+#include "output/standard_output.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -26,6 +26,13 @@ volatile std::sig_atomic_t interrupted = 0;
 
 void onInterrupt(int) {
   interrupted = 1;
+}
+
+// The editor runs only on a terminal.
+Style terminalStyle() {
+  Style style;
+  style.outTerminal = true;
+  return style;
 }
 
 // Names are UTF-8, independent of the locale.
@@ -111,7 +118,7 @@ LineEditor::Got LineEditor::read(const std::string& prompt, std::string& line) {
   el_set(editor_.get(), EL_PREP_TERM, 1);
   const char* text = el_gets(editor_.get(), &count);
   if (text == nullptr || count <= 0) {
-    (void)writeAll(STDOUT_FILENO, "\n");
+    (void)writeOut(terminalStyle(), "\n");
     return interrupted != 0 ? Got::interrupted : Got::end;
   }
   line.assign(text, static_cast<std::size_t>(count));
@@ -171,7 +178,7 @@ void LineEditor::show(const std::vector<std::string>& words) const {
     text += terminalSafe(slash == std::string::npos ? word : word.substr(slash + 1)) + "  ";
   }
   text += words.size() > kMostWordsShown ? "..." : "";
-  (void)writeAll(STDOUT_FILENO, text + "\n");
+  (void)writeOut(terminalStyle(), text + "\n");
 }
 
 }  // namespace runelctl

@@ -18,6 +18,7 @@
 #include "cli/signals.h"
 #include "cli/targets.h"
 #include "client/core/paths.h"
+#include "output/standard_output.h"
 #include "output/text.h"
 #include "shell/line_editor.h"
 
@@ -35,7 +36,8 @@ std::vector<std::string> commonOptions(const Settings& settings) {
   std::vector<std::string> words{"--io-timeout",      std::to_string(settings.ioTimeout),
                                  "--connect-timeout", std::to_string(settings.connectTimeout),
                                  "--color",           settings.colour,
-                                 "--master-socket",   settings.masterSocket};
+                                 "--master-socket",   settings.masterSocket,
+                                 "--memory",          std::to_string(settings.memory)};
   const auto flag = [&](bool given, const char* word) {
     if (given) {
       words.emplace_back(word);
@@ -52,6 +54,9 @@ std::vector<std::string> commonOptions(const Settings& settings) {
   }
   if (settings.jobsGiven) {
     words.insert(words.end(), {"--jobs", std::to_string(settings.jobs)});
+  }
+  if (!settings.outputDirectory.empty()) {
+    words.insert(words.end(), {"--output-dir", settings.outputDirectory});
   }
   return words;
 }
@@ -113,7 +118,7 @@ Shell::Shell(const Settings& settings, const Style& style)
 }
 
 int Shell::run() {
-  if (isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
+  if (isatty(STDIN_FILENO) == 1 && style_.outTerminal) {
     readTerminal();
   } else {
     readPipe();
@@ -164,13 +169,12 @@ bool Shell::runOwn(const std::vector<std::string>& words) {
   } else if (name == "lcd") {
     status_ = changeLocalDirectory(words);
   } else if (name == "pwd") {
-    status_ = writeAll(STDOUT_FILENO, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
+    status_ = writeOut(style_, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
   } else if (name == "exit" || name == "quit") {
     status_ = leave(words);
   } else if (name == "help") {
     status_ = runCommand({"--help"});
-    std::cout << "Shell commands: cd [DIRECTORY], pwd, lcd [DIRECTORY], exit [STATUS]\n"
-              << std::flush;
+    (void)writeOut(style_, "Shell commands: cd [DIRECTORY], pwd, lcd [DIRECTORY], exit [STATUS]\n");
   } else {
     return false;
   }

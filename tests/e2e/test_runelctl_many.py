@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """One command on many devices: concurrency, order and output."""
+import json
 import os
 import re
 import select
 import signal
 import socket
+import subprocess
 import threading
 import time
 import unittest
 
-from support.ctl import CtlCase, hang, reply
+from support.ctl import CtlCase, hang, reply, small_disk
+from support.daemon import is_instrumented
 from support.wait import TIMEOUT
 
 REFUSED = "127.0.0.1:9"
@@ -21,6 +24,7 @@ class Fakes:
     def __init__(self, case, answer=reply(b"same\n"), delay=0.0, failing=()):
         self.lock = threading.Lock()
         self.answer, self.delay, self.failing = answer, delay, set(failing)
+        self.special = {}  # answers by name
         self.busy = self.most = 0  # devices with a pending request
         self.order = []
         self.port = int(case.odd_peer(self._serve, "0.0.0.0").split(":")[1])
@@ -40,10 +44,11 @@ class Fakes:
                 self.busy += 1
                 self.most = max(self.most, self.busy)
             time.sleep(self.delay)  # the duration of the task
-            bad = f"{address}:{self.port}" in self.failing
+            name = f"{address}:{self.port}"
+            answer = reply(b"", (1, 0, 1, 13, 0)) if name in self.failing else self.answer
             with self.lock:
                 self.busy -= 1
-            connected.sendall(reply(b"", (1, 0, 1, 13, 0)) if bad else self.answer)
+            connected.sendall(self.special.get(name, answer))
 
 
 class Where(CtlCase):
@@ -275,7 +280,9 @@ class Waves(CtlCase):
     def test_a_failure_stops_the_next_wave(self):
         result, order = self.waves("1,10%,rest", [2])
         self.assertEqual((result.status, sorted(order)), (1, [0, 1, 2]))
-        self.assertIn("runelctl: stopped after wave 2: 1 device failed", result.errors)
+        failed = result.errors[-3].removeprefix("runelctl: ").removesuffix(": fileexists /x: "
+                                                                            "Permission denied")
+        self.assertIn(f"runelctl: stopped after wave 2: 1 device failed: {failed}", result.errors)
         self.assertIn("17 skipped", result.errors[-1])
 
     def test_max_fail_tolerates_failures(self):
@@ -378,6 +385,295 @@ class Shown(CtlCase):
                       process.stderr.read())
 
 
+def exited(status, output=b""):
+    """The answer about a program with this exit status."""
+    return reply(output, (1 if status else 0, 2, status, 0, 0))
+
+
+class Failures(CtlCase):
+    """Names of devices that failed, and their outputs."""
+
+    def setUp(self):
+        super().setUp()
+        self.fakes = Fakes(self, exited(0))
+        self.listing = "".join(f"gw-{number + 1:02d} {name}\n"
+                               for number, name in enumerate(self.fakes.names(14))).encode()
+
+    def end(self, status, *numbers, output=b""):
+        """The devices with these @p numbers end with @p status."""
+        for number in numbers:
+            self.fakes.special[self.fakes.name(number - 1)] = exited(status, output)
+
+    def run_all(self, *words):
+        return self.ctl(*words, "--devices", "-", "sh", "line", feed=self.listing)
+
+    def test_devices_with_an_exit_status_are_named_at_the_end(self):
+        self.end(3, *range(3, 10), 12)
+        self.end(4, 1)
+        result = self.run_all()
+        self.assertEqual((result.status, result.text, result.errors), (4, "", [
+            "runelctl: gw-01: exit status 4", "runelctl: gw-[03-09],gw-12: exit status 3",
+            "runelctl: 14 devices: 5 ok, 9 failed, 0 timed out, 0 unreachable"]))
+
+    def test_devices_that_no_message_has_named_are_named_with_quiet_too(self):
+        self.end(3, 2, 4)
+        self.assertEqual(self.run_all("-q").errors, ["runelctl: gw-02,gw-04: exit status 3"])
+        self.listing += f"away {REFUSED}\n".encode()
+        errors = self.run_all("-q").errors
+        self.assertEqual(sorted(errors), [
+            "runelctl: away: Connection refused (check that runeld is running on the device)",
+            "runelctl: gw-02,gw-04: exit status 3"])
+
+    def test_json_names_each_device_in_its_object(self):
+        self.end(3, 2)
+        result = self.run_all("--json")
+        self.assertEqual(result.err, b"")
+        self.assertEqual([one["device"] for one in result.objects[:-1] if not one["ok"]], ["gw-02"])
+
+    def test_skipped_devices_are_named(self):
+        self.end(3, 2)
+        self.assertEqual(self.run_all("--fail-fast", "-j", "1").errors[-3:-1],
+                         ["runelctl: gw-02: exit status 3", "runelctl: gw-[03-14]: skipped"])
+
+    def test_a_stopped_wave_names_the_failed_devices(self):
+        self.end(3, *range(2, 6))
+        self.assertEqual(self.run_all("--wave", "6,rest").errors[0],
+                         "runelctl: stopped after wave 1: 4 devices failed: gw-[02-05]")
+
+    def test_outputs_with_different_exit_statuses_are_different_groups(self):
+        self.end(0, *range(1, 15), output=b"same\n")
+        self.end(3, 2, 14, output=b"same\n")
+        self.end(4, 7, output=b"other")
+        self.assertEqual(self.run_all().text,
+                         "== gw-01,gw-[03-06],gw-[08-13] (11 devices)\nsame\n"
+                         "== gw-02, gw-14 (2 devices): exit status 3\nsame\n"
+                         "== gw-07: exit status 4\nother\n")
+        self.assertIn("== gw-02: exit status 3\nsame\n", self.run_all("--group").text)
+
+    def test_a_time_limit_of_the_program_counts_as_timed_out(self):
+        late = reply(b"", (3, 4, -1, 110, 15))
+        self.fakes.special = {self.fakes.name(0): late, self.fakes.name(1): exited(124)}
+        result = self.run_all()
+        self.assertEqual((result.status, result.errors[-1]), (
+            124, "runelctl: 14 devices: 12 ok, 1 failed, 1 timed out, 0 unreachable"))
+        self.assertIn("runelctl: gw-01: sh: exceeded its time limit", result.errors)
+        self.assertEqual(self.run_all("--json").objects[-1]["summary"]["timed_out"], 1)
+
+
+class Truncated(CtlCase):
+    """The device keeps 16 MiB of the output of a program."""
+
+    WHOLE = 16 << 20
+
+    def run_with(self, size, status, *words):
+        frame = exited(status, b"x" * size)
+
+        def serve(connected):
+            while connected.recv(65536):
+                connected.sendall(frame)
+
+        return self.ctl("-d", self.odd_peer(serve), *words, "sh", "line")
+
+    def test_an_output_of_the_most_bytes_is_reported(self):
+        result = self.run_with(self.WHOLE, 0)
+        self.assertEqual((result.status, len(result.out), len(result.errors)), (1, self.WHOLE, 1))
+        self.assertRegex(result.errors[0], r"sh: output truncated: the device keeps at most 16\.0 MiB "
+                                           r"\(use --stream for the complete output\)$")
+
+    def test_json_has_a_field_for_it(self):
+        last = self.run_with(self.WHOLE, 0, "--json").objects[-1]
+        self.assertEqual((last["ok"], last["status"], last["truncated"], len(last["output"])),
+                         (False, 1, True, self.WHOLE))
+        self.assertIn("output truncated", last["warnings"][0]["text"])
+        self.assertNotIn("truncated", self.run_with(self.WHOLE - 1, 0, "--json").objects[-1])
+
+    def test_the_exit_status_of_the_program_has_precedence(self):
+        result = self.run_with(self.WHOLE, 3)
+        self.assertEqual((result.status, len(result.errors)), (3, 1))
+
+    def test_a_shorter_output_is_complete(self):
+        result = self.run_with(self.WHOLE - 1, 0)
+        self.assertEqual((result.status, len(result.out), result.err), (0, self.WHOLE - 1, b""))
+
+    def test_the_real_device_truncates_there(self):
+        self.daemon()
+        result = self.ctl("sh", "head -c 20000000 /dev/zero")
+        self.assertEqual((result.status, len(result.out)), (1, self.WHOLE))
+
+
+class Memory(CtlCase):
+    """Many devices with much output."""
+
+    SIZE = 16_000_000
+
+    def start_big(self, count, *words):
+        """Runs on @p count devices with a different output each. Returns exit status, number of
+        bytes on standard output and peak memory in bytes."""
+        common = memoryview(b"x" * (self.SIZE - 100))
+
+        def serve(connected):
+            while connected.recv(65536):
+                head = connected.getsockname()[0].encode().rjust(99) + b"\n"
+                record = b"SlaveTask 0 0 %d:" % self.SIZE
+                tail = b" 0 2 0 0 0"
+                connected.sendall(b"\x01%d\x02" % (len(record) + self.SIZE + len(tail)) + record + head)
+                connected.sendall(common)
+                connected.sendall(tail)
+
+        port = self.odd_peer(serve, "0.0.0.0").split(":")[1]
+        names = ",".join(f"127.3.0.{number}:{port}" for number in range(1, count + 1))
+        process = self.start("-q", "-d", names, *words, "sh", "line", stderr=subprocess.DEVNULL)
+        size = 0
+        while part := process.stdout.read(1 << 20):
+            size += len(part)
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        return process.returncode, size, usage.ru_maxrss * 1024
+
+    def check(self, count, most, *words):
+        status, size, peak = self.start_big(count, *words)
+        self.assertEqual(status, 0)
+        self.assertGreaterEqual(size, count * self.SIZE)
+        self.assertLess(size, count * (self.SIZE + 2000))
+        print(f"peak {peak >> 20} MiB with {count} devices {' '.join(words)}")
+        if not is_instrumented():  # the sanitizer retains freed memory
+            self.assertLess(peak, most << 20)
+
+    def test_fifty_outputs_fit_into_the_default_limit(self):
+        self.check(50, 400)
+
+    def test_a_smaller_limit_is_respected(self):
+        self.check(20, 200, "--memory", "64M")
+
+    def test_json_and_prefixed_outputs_fit_too(self):
+        for option in ("--json", "--prefix", "--group"):
+            self.check(20, 230, "--memory", "64M", option)
+
+    def test_without_a_temporary_directory_no_output_is_lost(self):
+        os.environ["TMPDIR"], before = "/no/such", os.environ["TMPDIR"]
+        self.addCleanup(os.environ.__setitem__, "TMPDIR", before)
+        status, size, _ = self.start_big(4, "--memory", "16M")
+        self.assertEqual((status, size >= 4 * self.SIZE), (0, True))
+
+    def test_an_answer_that_is_too_long_for_its_task_is_refused_when_it_is_announced(self):
+        for task, size in ((("hostid",), 70_000), (("exec", "x"), 17_000_000),
+                           (("stat", "/"), 70_000), (("read", "/x"), 268435457)):
+            def serve(connected, size=size):
+                connected.recv(65536)
+                connected.sendall(b"\x01%d\x02SlaveTask" % size)
+                hang(connected)
+
+            result = self.ctl("-d", self.odd_peer(serve), "--deadline", "20", *task)
+            self.assertEqual(result.status, 255)
+            self.assertRegex(result.errors[0], "answer exceeds the size limit|a count above")
+
+
+class Kept(CtlCase):
+    """Outputs that are kept in files."""
+
+    def setUp(self):
+        super().setUp()
+        self.fakes = Fakes(self, exited(0, b"same"))
+
+    def kept(self):
+        return {name: self.content(f"out/{name}") for name in os.listdir(self.path("out"))}
+
+    def test_each_device_has_its_files_beside_the_output(self):
+        a, b = self.fakes.names(2)
+        self.fakes.special[b] = exited(3, b"\xff\n")
+        words = ("-j", "1", "--output-dir", "out", "-d", f"{a},{b},{REFUSED}", "sh", "line")
+        result = self.ctl(*words)
+        self.assertEqual(result.out, f"== {a}\nsame\n== {b}: exit status 3\n".encode() + b"\xff\n")
+        refused = (f"runelctl: {REFUSED}: Connection refused "
+                   "(check that runeld is running on the device)\n").encode()
+        self.assertEqual(self.kept(), {
+            f"{a}.out": b"same", f"{a}.err": b"", f"{b}.out": b"\xff\n", f"{b}.err": b"",
+            f"{REFUSED}.out": b"", f"{REFUSED}.err": refused})
+        for arrange in ("--prefix", "--group"):
+            self.ctl(arrange, *words)
+            self.assertEqual(self.kept()[f"{a}.out"], b"same")
+
+    def test_one_device_has_its_files_too(self):
+        name = self.fakes.name(0)
+        self.assertEqual(self.succeed("--output-dir", "out", "-d", name, "exec", "x").out, b"same")
+        self.assertEqual(self.kept(), {f"{name}.out": b"same", f"{name}.err": b""})
+
+    def test_json_is_kept_as_json(self):
+        a, b = self.fakes.names(2)
+        result = self.ctl("--json", "--output-dir", "out", "-d", f"{a},{b}", "cat", "/x", "/y")
+        kept = [json.loads(line) for line in self.kept()[f"{a}.out"].splitlines()]
+        self.assertEqual([one for one in result.objects if one.get("device") == a], kept)
+        self.assertEqual(len(kept), 3)
+
+    def test_the_name_of_a_device_does_not_lead_out_of_the_directory(self):
+        names = self.fakes.names(4)
+        listing = "".join(f"{evil} {name}\n" for evil, name in zip(
+            ("../../up", "/etc/x", "..", "a/../../b"), names)).encode()
+        before = set(os.listdir(self.directory))
+        self.succeed("-q", "--output-dir", "out", "--devices", "-", "sh", "line", feed=listing)
+        self.assertEqual(set(os.listdir(self.directory)) - before, {"out"})
+        self.assertEqual({name for name in self.kept() if name.endswith(".out")},
+                         {"%2e.%2f..%2fup.out", "%2fetc%2fx.out", "%2e..out",
+                          "a%2f..%2f..%2fb.out"})
+
+    def test_a_link_in_the_directory_is_replaced(self):
+        name = self.fakes.name(0)
+        victim = self.file("victim", b"untouched")
+        os.mkdir(self.path("out"))
+        os.symlink(victim, self.path(f"out/{name}.out"))
+        self.succeed("--output-dir", "out", "-d", name, "sh", "line")
+        self.assertEqual((self.content("victim"), self.kept()[f"{name}.out"]),
+                         (b"untouched", b"same"))
+
+    def test_an_unusable_directory_is_an_error_before_anything_runs(self):
+        self.file("out", b"")
+        result = self.ctl("--output-dir", "out", "-d", self.fakes.name(0), "sh", "line")
+        self.assertEqual((result.status, result.errors), (1, ["runelctl: out: Not a directory"]))
+        self.assertEqual(self.fakes.order, [])
+
+    def test_a_full_disk_is_an_error(self):
+        small_disk(self, "out", 65536)
+        both = self.fakes.names(2)
+        self.fakes.answer = exited(0, b"x" * 200_000)
+        result = self.ctl("--output-dir", "out", "-d", ",".join(both), "sh", "line")
+        self.assertEqual((result.status, len(result.out) > 200_000), (1, True))
+        self.assertIn(f"runelctl: out/{both[0]}.out: No space left on device", result.errors)
+
+    def test_a_dry_run_writes_no_file(self):
+        self.ctl("-n", "--output-dir", "out", "-d", self.fakes.name(0), "sh", "line")
+        self.assertFalse(os.path.exists(self.path("out")))
+
+
+class InfoTable(CtlCase):
+    def test_info_on_several_devices_is_a_table(self):
+        self.daemon()
+        names = ["127.0.0.1", "127.0.0.2", "127.0.0.3"]
+        lines = self.ctl("-d", ",".join(names), "info").text.splitlines()
+        self.assertRegex(lines[0], r"^DEVICE +HOSTID +TYPE +KERNEL +HOSTNAME +UPTIME +FREE +VERSION$")
+        self.assertEqual([line.split()[0] for line in lines[1:]], names)
+        self.assertRegex(lines[1], rf" {re.escape(os.uname().release)} .* \d+ days, .* [KMG]iB +-$")
+        rows = self.ctl("-q", "-d", ",".join(names), "info").text.splitlines()
+        self.assertEqual([row.split()[0] for row in rows], names)
+        self.assertIn("127.0.0.2: hostid:",
+                      self.ctl("--prefix", "-d", ",".join(names), "info").text)
+
+    def test_a_device_without_answers_is_left_out(self):
+        self.daemon()
+        result = self.ctl("-d", f"127.0.0.1,{REFUSED}", "info")
+        self.assertEqual((result.status, len(result.text.splitlines())), (255, 2))
+
+
+class Bytes(CtlCase):
+    def test_the_status_line_has_the_bytes_of_all_devices(self):
+        self.daemon()
+        big = self.file("big", bytes(48 << 20))
+        both = "127.0.0.1,127.0.0.2"
+        status, shown = self.on_terminal("-d", both, "pull", big, self.path("back"), columns=120)
+        self.assertEqual(status, 0, shown)
+        self.assertRegex(shown, rb"running, \d+ waiting; [\d.]+ .?i?B of [\d.]+ MiB")
+        self.assertRegex(shown, rb" of [\d.]+ MiB [\d.]+ [KMG]iB/s \d+:\d\d")
+
+
 class AThousand(CtlCase):
     def test_a_hundred_hanging_and_a_hundred_refusing_devices_do_not_block_the_others(self):
         fakes = Fakes(self)
@@ -395,7 +691,10 @@ class AThousand(CtlCase):
         self.assertEqual(result.status, 255)
         self.assertEqual(result.errors[-1], "runelctl: 1000 devices: 800 ok, 0 failed, "
                                             "100 timed out, 100 unreachable")
-        self.assertEqual(len(result.errors), 201)
+        # One line for each device when it fails, and one for each reason at the end.
+        self.assertEqual(len(result.errors), 203)
+        self.assertEqual([line.split(": ")[-1] for line in result.errors[-3:-1]],
+                         ["no answer for 15 s", "Connection refused"])
         self.assertLessEqual(fakes.most, 200)
 
 

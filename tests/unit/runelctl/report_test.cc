@@ -20,31 +20,51 @@ Style jsonStyle() {
   return style;
 }
 
-TEST(ClosingObjectTest, OfASuccessHasTheFieldsOfTheCommand) {
+std::string lastLine(Report& report, const Outcome& outcome) {
+  return report.lastObject(endingFields(outcome)).value().dump();
+}
+
+TEST(LastObjectTest, OfASuccessHasTheFieldsOfTheCommand) {
   const Style style = jsonStyle();
-  Report report(style);
+  Report report(style, openingObject("a", "push"));
   report.result()["files"] = 3;
-  EXPECT_EQ(closingObject("a", "push", {}, report).dump(),
+  EXPECT_EQ(lastLine(report, {}),
             R"({"v":1,"device":"a","task":"push","ok":true,"status":0,"files":3})");
 }
 
-TEST(ClosingObjectTest, OfAFailureHasPlaceRetryErrorAndHint) {
+TEST(LastObjectTest, OfAFailureHasPlaceRetryErrorAndHint) {
   const Style style = jsonStyle();
-  const Report report(style);
+  Report report(style, openingObject("a", "read"));
   const Error error{Fault::lost, "gone", "look", ECONNRESET};
-  EXPECT_EQ(closingObject("a", "read", {255, error}, report).dump(),
+  EXPECT_EQ(lastLine(report, {255, error}),
             R"({"v":1,"device":"a","task":"read","ok":false,"status":255,"where":"link",)"
             R"("retry":true,"error":"gone","errno":104,"hint":"look"})");
 }
 
-TEST(ClosingObjectTest, CarriesAnyBytes) {
+TEST(LastObjectTest, CarriesAnyBytes) {
   const Style style = jsonStyle();
-  Report report(style);
+  Report report(style, openingObject("\xfd", "rm"));
   report.warn("\xff");
+  report.output("\xfc");
   const Error error{Fault::task, "\xfe", "", 0};
-  EXPECT_EQ(closingObject("\xfd", "rm", {1, error}, report).dump(),
+  EXPECT_EQ(lastLine(report, {1, error}),
             R"({"v":1,"device_base64":"/Q==","task":"rm","ok":false,"status":1,"where":"device",)"
-            R"("retry":false,"error_base64":"/g==","warnings":[{"text_base64":"/w=="}]})");
+            R"("retry":false,"error_base64":"/g==","warnings":[{"text_base64":"/w=="}],)"
+            R"("output_base64":"/A=="})");
+}
+
+TEST(LastObjectTest, AnEmptyOutputIsAField) {
+  const Style style = jsonStyle();
+  Report report(style, openingObject("a", "exec"));
+  report.output("");
+  EXPECT_EQ(lastLine(report, {}),
+            R"({"v":1,"device":"a","task":"exec","ok":true,"status":0,"output":""})");
+}
+
+TEST(OutcomeTest, HasAReason) {
+  EXPECT_EQ(reasonOf({3}), "exit status 3");
+  EXPECT_EQ(reasonOf({1, std::nullopt, "incomplete"}), "incomplete");
+  EXPECT_EQ(reasonOf({255, Error(Fault::lost, "gone")}), "gone");
 }
 
 TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
@@ -52,10 +72,11 @@ TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
     Fault fault;
     const char* where;
     bool retry;
-  } kAll[] = {{Fault::unreachable, "link", true}, {Fault::lost, "link", true},
-              {Fault::protocol, "link", false},   {Fault::timedOut, "link", true},
-              {Fault::task, "device", false},     {Fault::program, "program", false},
-              {Fault::local, "local", false},     {Fault::cancelled, "local", true}};
+  } kAll[] = {{Fault::unreachable, "link", true},  {Fault::lost, "link", true},
+              {Fault::protocol, "link", false},    {Fault::timedOut, "link", true},
+              {Fault::task, "device", false},      {Fault::program, "program", false},
+              {Fault::local, "local", false},      {Fault::cancelled, "local", true},
+              {Fault::timeLimit, "program", false}};
   for (const auto& each : kAll) {
     const Error error{each.fault, "", "", 0};
     EXPECT_STREQ(error.where(), each.where);
@@ -110,15 +131,25 @@ TEST(ReplyTest, HasTheExitStatusOfAShell) {
   EXPECT_EQ(status(runel::Status::failure, State::none, 1, 2, 0), 1);
 }
 
+TEST(ErrorTest, AProgramsTimeLimitIsItsOwnFault) {
+  const auto fault = [](runel::Cause cause) {
+    return Error(runel::Error(runel::Kind::program, cause, "")).fault;
+  };
+  EXPECT_EQ(fault(runel::Cause::programTimeout), Fault::timeLimit);
+  EXPECT_EQ(fault(runel::Cause::programFailed), Fault::program);
+}
+
 TEST(ReportTest, CollectsTextOrJsonObjects) {
   const Style text;
   const Style json = jsonStyle();
   for (const Style* style : {&text, &json}) {
-    Report report(*style);
+    Report report(*style, openingObject("a", "ls"));
     report.line("text");
     report.entry({{"entry", "name"}});
-    EXPECT_EQ(report.text(), style->json ? "" : "text\n");
-    EXPECT_EQ(report.entries().size(), style->json ? 1U : 0U);
+    report.output("answer", "!");
+    EXPECT_EQ(report.collected().release(),
+              style->json ? "{\"v\":1,\"device\":\"a\",\"task\":\"ls\",\"entry\":\"name\"}\n"
+                          : "text\nanswer!");
   }
 }
 
@@ -128,9 +159,9 @@ TEST(ReportTest, StreamsOutputToTheHandler) {
   std::string got;
   report.stream = [&](std::string_view bytes) { got += bytes; };
   report.bytes("a");
-  report.bytes("b");
-  EXPECT_EQ(got, "ab");
-  EXPECT_EQ(report.text(), "");
+  report.output("b", "c");
+  EXPECT_EQ(got, "abc");
+  EXPECT_TRUE(report.collected().empty());
 }
 
 std::string barFor(const Progress& progress, std::size_t columns) {

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command tables for completion, which are read from the definition of the command line.
 #include <algorithm>
+#include <cstdint>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -51,6 +53,7 @@ TEST_F(TablesTest, OptionsHaveTheKindOfTheirValue) {
   EXPECT_EQ(tables.option(nullptr, "--json")->value, Value::none);
   EXPECT_EQ(tables.option(nullptr, "-d")->value, Value::device);
   EXPECT_EQ(tables.option(nullptr, "--devices")->value, Value::file);
+  EXPECT_EQ(tables.option(nullptr, "--output-dir")->value, Value::file);
   EXPECT_EQ(tables.option(nullptr, "--jobs")->value, Value::any);
   const OptionRow& colour = *tables.option(nullptr, "--color");
   EXPECT_EQ(colour.value, Value::oneOf);
@@ -108,11 +111,26 @@ TEST(CommandLineTest, OptionsMayPrecedeOrFollowTheCommand) {
   }
 }
 
+TEST(CommandLineTest, AMemorySizeMayHaveAUnit) {
+  const std::pair<const char*, std::uint64_t> kSizes[] = {
+      {"16777216", 16777216}, {"512M", 536870912}, {"2g", 2147483648}, {"64MiB", 67108864}};
+  for (const auto& [text, bytes] : kSizes) {
+    CommandLine typed;
+    ASSERT_EQ(typed.parse({"--memory", text, "hostid"}), -1) << text;
+    EXPECT_EQ(typed.settings().memory, bytes);
+    EXPECT_NE(typed.settings().spool, nullptr);
+  }
+  CommandLine plain;
+  EXPECT_EQ(plain.settings().memory, 268435456U);
+}
+
 TEST(CommandLineTest, InvalidCommandLinesAreUsageErrors) {
   for (const Words& words :
        {Words{}, Words{"no-such"}, Words{"hostid", "--no-such"}, Words{"--wave", "x", "hostid"},
         Words{"-j", "0", "hostid"}, Words{"--retry", "-1", "hostid"}, Words{"access", "/"},
-        Words{"--retry-unsafe", "hostid"}, Words{"--deadline", "-1", "hostid"}}) {
+        Words{"--retry-unsafe", "hostid"}, Words{"--deadline", "-1", "hostid"},
+        Words{"--memory", "15M", "hostid"}, Words{"--memory", "1x", "hostid"},
+        Words{"--memory", "-1", "hostid"}}) {
     EXPECT_EQ(parse(words), 2);
   }
 }

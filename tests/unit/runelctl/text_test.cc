@@ -2,11 +2,15 @@
 // Conversion of arbitrary bytes for a terminal and for JSON.
 #include "output/text.h"
 
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+
+#include "output/table.h"
+#include "output/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -43,10 +47,78 @@ TEST(TerminalSafeTest, EscapesInvalidUtf8) {
   EXPECT_EQ(terminalSafe("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "above 0x10ffff";
 }
 
+std::string visible(const std::string& text) {
+  TerminalText part;
+  const std::string shown = part.add(text);
+  return shown + part.end();
+}
+
+TEST(TerminalTextTest, KeepsLinesTabsBackslashesAndPrintableUtf8) {
+  const std::string text = "a\tb\\n\r\n\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82\n";
+  EXPECT_EQ(visible(text), text);
+}
+
+TEST(TerminalTextTest, EscapesControlCharacters) {
+  EXPECT_EQ(visible("\x1b[31m\x07\x08\x7f"), "\\x1b[31m\\x07\\x08\\x7f");
+  EXPECT_EQ(visible(std::string(1, '\0')), "\\x00");
+  EXPECT_EQ(visible("\xc2\x9b"
+                    "31m"),
+            "\\xc2\\x9b31m");
+  EXPECT_EQ(visible("\xe2\x80\xae"), "\\xe2\\x80\\xae");
+}
+
+TEST(TerminalTextTest, EscapesACarriageReturnThatDoesNotEndALine) {
+  EXPECT_EQ(visible("secret\rshown\n"), "secret\\rshown\n");
+  EXPECT_EQ(visible("a\r\r\nb\r"), "a\\r\r\nb\\r");
+}
+
+TEST(TerminalTextTest, EscapesInvalidUtf8) {
+  EXPECT_EQ(visible("\xff\xc3(\xe2\x82"), "\\xff\\xc3(\\xe2\\x82");
+  EXPECT_EQ(visible("\xed\xa0\x80\xf5"), "\\xed\\xa0\\x80\\xf5");
+}
+
+TEST(TerminalTextTest, IsTheSameHoweverTheTextIsDivided) {
+  std::mt19937 random(1);
+  const std::string parts[] = {"\r",   "\n", "\xe2", "\x82", "\xac", "\xf0", "\x9f", "\x99",
+                               "\x1b", "a",  "\\",   "\xc2", "\x9b", "\t",   "\xff", "plain"};
+  for (int round = 0; round < 2000; ++round) {
+    std::string text;
+    std::string shown;
+    TerminalText divided;
+    for (int i = 0; i < 8; ++i) {
+      const std::string& part = parts[random() % std::size(parts)];
+      text += part;
+      shown += divided.add(part);
+    }
+    shown += divided.end();
+    ASSERT_EQ(shown, visible(text)) << terminalSafe(text);
+    ASSERT_TRUE(isUtf8(shown));
+    ASSERT_EQ(visible(shown), shown) << "nothing is left to escape";
+  }
+}
+
+TEST(TerminalTextTest, JsonStaysEqual) {
+  Json object;
+  object["key"] = "\xc2\x9b \x7f \xe2\x80\xae \xef\xbb\xbf \x1b \xc3\xa9";
+  const std::string shown = jsonLine(object, true);
+  EXPECT_EQ(visible(shown), shown);
+  EXPECT_EQ(Json::parse(shown), object);
+  EXPECT_NE(shown.find("\xc3\xa9"), std::string::npos);
+  EXPECT_NE(jsonLine(object, false).find("\xc2\x9b"), std::string::npos);
+}
+
+TEST(TextTableTest, AlignsColumnsAndEscapesCells) {
+  EXPECT_EQ(tableText({{"A", "BB"}, {"\xc3\xa9\xc3\xa9", "x"}, {"\x1b", ""}}),
+            "A     BB\n\xc3\xa9\xc3\xa9    x\n\\x1b\n");
+  EXPECT_EQ(tableText({}), "");
+}
+
 TEST(TextJsonTest, Utf8IsUnchanged) {
   Json object;
   putBytes(object, "key", "a\n\xc3\xa9");
   EXPECT_EQ(object.dump(), "{\"key\":\"a\\n\xc3\xa9\"}");
+  moveBytes(object, "moved", "a");
+  EXPECT_EQ(object["moved"], "a");
 }
 
 TEST(TextJsonTest, OtherBytesAreBase64UnderAnotherName) {
@@ -59,6 +131,8 @@ TEST(TextJsonTest, OtherBytesAreBase64UnderAnotherName) {
     Json other;
     putBytes(other, "k", bytes);
     EXPECT_EQ(other["k_base64"], text);
+    moveBytes(other, "moved", std::string(bytes));
+    EXPECT_EQ(other["moved_base64"], text);
   }
 }
 

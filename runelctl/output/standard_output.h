@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// The way of all output to standard output.
+#ifndef RUNELCTL_OUTPUT_STANDARD_OUTPUT_H_
+#define RUNELCTL_OUTPUT_STANDARD_OUTPUT_H_
+
+#include <string>
+#include <string_view>
+
+#include "output/style.h"
+#include "output/terminal_text.h"
+
+namespace runelctl {
+
+/// Writes to standard output. Nothing else in this program does, so that no byte of a device
+/// reaches a terminal unescaped. To a pipe or a file, all bytes are written unchanged.
+class StandardOutput {
+ public:
+  explicit StandardOutput(const Style& style) : terminal_(style.outTerminal) {}
+
+  /// Writes @p bytes, a part of a text. Returns false with errno on failure.
+  [[nodiscard]] bool write(std::string_view bytes);
+  /// Ends the text, so that its last bytes are not joined with those of the next one. Returns false
+  /// with errno on failure.
+  [[nodiscard]] bool endText();
+
+  /// The form in which @p text may be written to standard output, for a caller that writes it
+  /// without blocking.
+  [[nodiscard]] static std::string visible(const Style& style, std::string_view text);
+  [[nodiscard]] static int descriptor();
+
+ private:
+  const bool terminal_;
+  TerminalText visible_;
+};
+
+/// Writes a complete text to standard output. Returns false with errno on failure.
+[[nodiscard]] bool writeOut(const Style& style, std::string_view text);
+
+}  // namespace runelctl
+
+#endif  // RUNELCTL_OUTPUT_STANDARD_OUTPUT_H_

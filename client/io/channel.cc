@@ -48,7 +48,6 @@ Channel::Channel(Loop& loop, zell::UniqueFd socket, Handlers handlers)
       handlers_(std::move(handlers)),
       remote_(limitAcknowledgements(socket_.get())),
       alive_(std::make_shared<bool>(true)) {
-  in_.resize(kLeastRead);
   if (!loop_.watch(socket_.get(), EPOLLIN, [this](std::uint32_t events) { handle(events); })) {
     const int number = errno;
     loop_.next([this, number, alive = std::weak_ptr<bool>(alive_)] {
@@ -136,9 +135,11 @@ void Channel::watchAcknowledgements() {
   });
 }
 
-// One read per readiness; the buffer grows with the amount of data. Returns false when the channel
-// is closed or destroyed.
+// One read per readiness; the buffer grows with the amount of data. After the end of a message it
+// is released: a master has thousands of idle connections. Returns false when the channel is closed
+// or destroyed.
 bool Channel::receive() {
+  in_.resize(std::max(in_.size(), kLeastRead));
   const ssize_t got = recv(socket_.get(), in_.data(), in_.size(), MSG_DONTWAIT);
   if (got < 0 && wouldBlock(errno)) {
     return true;
@@ -152,7 +153,7 @@ bool Channel::receive() {
   in_.resize(length);
   stream_.receive(in_);
   in_.resize(nextRead(length, full));
-  return deliver();
+  return deliver(full);
 }
 
 // The size of the next read. The buffer grows only within the memory of the spool.
@@ -168,9 +169,20 @@ std::size_t Channel::nextRead(std::size_t length, bool full) {
   return wanted;
 }
 
-bool Channel::deliver() {
+void Channel::releaseBuffer() {
+  std::string().swap(in_);  // releases the memory, which an assignment would keep
+  if (spool_) {
+    spool_->free(std::exchange(counted_, 0));
+  }
+}
+
+// @p more: further bytes are already there.
+bool Channel::deliver(bool more) {
   const std::weak_ptr<bool> alive = alive_;
   while (std::optional<std::string> message = stream_.nextPayload()) {
+    if (!more) {
+      releaseBuffer();
+    }
     handlers_.message(std::move(*message));
     if (alive.expired()) {
       return false;

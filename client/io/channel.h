@@ -56,7 +56,8 @@ class Channel {
   void handle(std::uint32_t events);
   void flush();
   bool receive();
-  bool deliver();
+  bool deliver(bool more);
+  void releaseBuffer();
   void watchAcknowledgements();
   [[nodiscard]] std::size_t nextRead(std::size_t length, bool full);
   void finish(const Error& error);

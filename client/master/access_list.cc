@@ -5,6 +5,7 @@
 #include <charconv>
 #include <sstream>
 #include <system_error>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -56,7 +57,7 @@ bool AccessList::addNetwork(const std::string& text) {
     return false;
   }
   const std::uint32_t mask = bits == 0 ? 0 : ~std::uint32_t{0} << (kAddressBits - bits);
-  networks_.push_back({ntohl(address.s_addr) & mask, mask});
+  networks_[mask].insert(ntohl(address.s_addr) & mask);
   return true;
 }
 
@@ -74,8 +75,8 @@ bool AccessList::addHostids(const std::string& list) {
 
 bool AccessList::allowsAddress(std::uint32_t address) const {
   return networks_.empty() ||
-         std::any_of(networks_.begin(), networks_.end(), [&](const Network& network) {
-           return (address & network.mask) == network.address;
+         std::any_of(networks_.begin(), networks_.end(), [&](const auto& entry) {
+           return entry.second.count(address & entry.first) != 0;
          });
 }
 

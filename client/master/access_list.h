@@ -4,9 +4,10 @@
 #define RUNEL_MASTER_ACCESS_LIST_H_
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
-#include <vector>
+#include <unordered_set>
 
 namespace runel {
 
@@ -24,13 +25,9 @@ class AccessList {
   [[nodiscard]] bool allowsHostid(const std::string& hostid) const;
 
  private:
-  struct Network {
-    std::uint32_t address;
-    std::uint32_t mask;
-  };
   [[nodiscard]] bool addNetwork(const std::string& text);
 
-  std::vector<Network> networks_;
+  std::map<std::uint32_t, std::unordered_set<std::uint32_t>> networks_;  // addresses by mask
   std::set<std::string> hostids_;
 };
 

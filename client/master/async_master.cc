@@ -32,9 +32,8 @@ bool MasterUser::busy() const {
 }
 
 void MasterUser::setReading(bool on) {
-  data_->user->reading = on;
   if (data_->user->connection != nullptr) {
-    data_->user->connection->adjust();
+    data_->user->connection->setReading(*data_->user, on);
   }
 }
 

@@ -47,17 +47,13 @@ std::uint16_t Master::port() const {
 }
 
 Result<std::vector<DeviceInfo>> Master::waitForDevices(std::size_t count, Milliseconds limit) {
-  std::vector<DeviceInfo> devices;
-  const auto complete = [&] {
-    devices = data_->engine.devices();
-    return devices.size() >= count;
-  };
+  const auto complete = [&] { return data_->engine.deviceCount() >= count; };
   if (runUntil(data_->loop, complete, limit)) {
-    return devices;
+    return devices();
   }
-  return Error(
-      Kind::timeout, Cause::deadline,
-      std::to_string(devices.size()) + " of " + std::to_string(count) + " devices are connected");
+  return Error(Kind::timeout, Cause::deadline,
+               std::to_string(data_->engine.deviceCount()) + " of " + std::to_string(count) +
+                   " devices are connected");
 }
 
 std::vector<DeviceInfo> Master::devices() const {

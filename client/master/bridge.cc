@@ -6,10 +6,14 @@
 #include <string_view>
 #include <utility>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <runel/error.h>
+
+#include "client/io/connector.h"
 
 namespace runel {
 namespace {
@@ -17,6 +21,18 @@ namespace {
 constexpr std::size_t kReadSize = 16384;
 // A clause of an agent has one or two lines. Limits the memory for a clause that never ends.
 constexpr std::size_t kLongestClause = 1048576;
+// A peer that is gone is detected within 6 s.
+constexpr int kProbeSeconds = 1;
+constexpr int kProbeCount = 5;
+constexpr Milliseconds kProbeTime{10000};
+
+void probeOften(int socket) {
+  const std::pair<int, int> options[] = {
+      {TCP_KEEPIDLE, kProbeSeconds}, {TCP_KEEPINTVL, kProbeSeconds}, {TCP_KEEPCNT, kProbeCount}};
+  for (const auto& [option, value] : options) {
+    (void)setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value);  // it is a TCP socket
+  }
+}
 
 }  // namespace
 
@@ -29,17 +45,46 @@ Bridge::Bridge(Loop& loop, zell::UniqueFd socket, Events events)
 }
 
 Bridge::~Bridge() {
+  loop_.cancel(probed_);
   loop_.forget(socket_.get());
 }
 
 void Bridge::send(const std::string& line) {
   out_ += line;
-  loop_.change(socket_.get(), EPOLLIN | EPOLLOUT);
+  watchSocket();
+}
+
+void Bridge::watchSocket() {
+  loop_.change(socket_.get(), (held_ ? 0U : std::uint32_t{EPOLLIN}) |
+                                  (out_.empty() ? 0U : std::uint32_t{EPOLLOUT}));
+}
+
+void Bridge::hold() {
+  held_ = true;
+  watchSocket();
+}
+
+void Bridge::release() {
+  if (std::exchange(held_, false)) {
+    watchSocket();
+    cut();
+  }
+}
+
+// The probes stay frequent for a while only: each costs a packet on the line.
+void Bridge::probe() {
+  probeOften(socket_.get());
+  loop_.cancel(probed_);
+  probed_ = loop_.after(kProbeTime, [this] {
+    probed_ = Timer();
+    setTaskOptions(socket_.get());
+  });
 }
 
 zell::UniqueFd Bridge::take() {
   loop_.forget(socket_.get());
   events_ = Events();
+  setTaskOptions(socket_.get());
   return std::move(socket_);
 }
 
@@ -60,7 +105,7 @@ void Bridge::flush() {
     out_.erase(0, static_cast<std::size_t>(taken));
   }
   if (out_.empty()) {
-    loop_.change(socket_.get(), EPOLLIN);
+    watchSocket();
   }
 }
 
@@ -71,7 +116,9 @@ void Bridge::receive() {
     return;
   }
   if (got <= 0) {
-    end(got < 0 ? systemText(errno) : "the device closed the connection");
+    const std::string why = got < 0 ? systemText(errno) : "the device closed the connection";
+    release();
+    end(why);
     return;
   }
   bytes_ += static_cast<std::uint64_t>(got);
@@ -79,7 +126,9 @@ void Bridge::receive() {
     events_.spoke();
   }
   buffer_.append(std::string_view(bytes, static_cast<std::size_t>(got)));
-  cut();
+  if (!held_) {
+    cut();
+  }
 }
 
 void Bridge::cut() {
@@ -98,6 +147,7 @@ void Bridge::cut() {
 }
 
 void Bridge::end(const std::string& why) {
+  loop_.cancel(probed_);
   loop_.forget(socket_.get());
   socket_.reset();
   const auto ended = std::move(events_.end);

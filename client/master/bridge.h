@@ -35,6 +35,14 @@ class Bridge {
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
 
+  /// Keeps the clauses back, also those received together with the first byte, and stops reading
+  /// meanwhile.
+  void hold();
+  /// Reports the clauses that were kept back and reads on. May report the end.
+  void release();
+  /// Finds out within seconds whether the peer still exists, without sending data.
+  void probe();
+
   /// Queues @p line, one clause with its line end. Only for a bridge that has spoken.
   void send(const std::string& line);
   /// The number of queued bytes that are not sent yet.
@@ -49,6 +57,7 @@ class Bridge {
 
  private:
   void ready(std::uint32_t events);
+  void watchSocket();
   void receive();
   void flush();
   void cut();
@@ -60,6 +69,8 @@ class Bridge {
   zell::ClauseBuffer buffer_;
   std::string out_;
   bool spoke_ = false;
+  bool held_ = false;
+  Timer probed_;  // the end of the frequent keepalive probes
   std::uint64_t clauses_ = 0;
   std::uint64_t bytes_ = 0;
 };

@@ -5,98 +5,116 @@
 
 namespace runel {
 
-bool ConnectionRoles::Place::hasSlave() const {
-  return std::any_of(members.begin(), members.end(),
-                     [](const auto& entry) { return entry.second.role == Role::slave; });
-}
-
 ConnectionRoles::Role ConnectionRoles::opened(Id id, const std::string& address, Time now) {
-  Place& place = places_[address];
-  const Role role = place.hasSlave() ? Role::further : Role::slave;
-  place.members[id] = {role, false, now};
-  addresses_[id] = address;
-  return role;
+  Places::value_type& place = *places_.try_emplace(address).first;
+  Member& member = members_[id];
+  member = {&place, Role::further, now};
+  ++place.second.count;
+  if (place.second.slaves.empty()) {
+    useAsSlave(id);
+  } else {
+    changeSilent(id, member, true);
+  }
+  return member.role;
 }
 
 void ConnectionRoles::spoke(Id id) {
-  places_.at(addresses_.at(id)).members.at(id).spoke = true;
+  const Member& member = members_.at(id);
+  changeSilent(id, member, false);
+  watchPlace(*member.place);
 }
 
 void ConnectionRoles::closed(Id id, Time now) {
-  const auto address = addresses_.find(id);
-  Place& place = places_.at(address->second);
-  const bool wasSlave = place.members.at(id).role == Role::slave;
-  place.members.erase(id);
-  if (place.members.empty()) {
-    places_.erase(address->second);
-  } else if (wasSlave && !place.hasSlave()) {
+  const auto member = members_.find(id);
+  Places::value_type& entry = *member->second.place;
+  Place& place = entry.second;
+  changeSilent(id, member->second, false);
+  if (place.slaves.erase(id) != 0 && place.slaves.empty()) {
     place.slaveLost = now;
   }
-  addresses_.erase(address);
+  watchPlace(entry);
+  members_.erase(member);
+  if (--place.count == 0) {
+    places_.erase(entry.first);
+  }
 }
 
-// When a connection becomes a slave connection in the current state. A connection that has sent
-// data never does.
-std::optional<ConnectionRoles::Time> ConnectionRoles::dueTime(const Place& place,
-                                                              const Member& member) const {
-  if (member.role == Role::slave || member.spoke) {
-    return std::nullopt;
+// Only a silent connection may become a slave connection.
+void ConnectionRoles::changeSilent(Id id, const Member& member, bool silent) {
+  const auto due = std::make_pair(member.opened + rules_.shared.value_or(Milliseconds(0)), id);
+  if (silent) {
+    member.place->second.silent.insert(id);
+    if (rules_.shared) {
+      dueSilent_.insert(due);
+    }
+  } else {
+    member.place->second.silent.erase(id);
+    dueSilent_.erase(due);
   }
-  std::optional<Time> due;
-  if (!place.hasSlave()) {
-    due = place.slaveLost + rules_.outlive;
-  }
-  if (rules_.shared) {
-    const Time silent = member.opened + *rules_.shared;
-    due = due ? std::min(*due, silent) : silent;
-  }
-  return due;
 }
 
-// Sequentially: when a connection becomes the slave connection of its address, the others do not.
+// An address without a slave connection gets one when a silent connection has outlived the old one.
+void ConnectionRoles::watchPlace(const Places::value_type& place) {
+  auto due = std::make_pair(place.second.slaveLost + rules_.outlive, place.first);
+  if (place.second.slaves.empty() && !place.second.silent.empty()) {
+    dueOrphan_.insert(std::move(due));
+  } else {
+    dueOrphan_.erase(due);
+  }
+}
+
+void ConnectionRoles::useAsSlave(Id id) {
+  Member& member = members_.at(id);
+  changeSilent(id, member, false);
+  member.role = Role::slave;
+  member.place->second.slaves.insert(id);
+  watchPlace(*member.place);
+}
+
+// When a connection becomes the slave connection of its address, the others do not.
 std::vector<ConnectionRoles::Id> ConnectionRoles::due(Time now) {
   std::vector<Id> found;
-  for (auto& [address, place] : places_) {
-    for (auto& [id, member] : place.members) {
-      const std::optional<Time> time = dueTime(place, member);
-      if (time && *time <= now) {
-        member.role = Role::slave;
-        found.push_back(id);
-      }
-    }
+  while (!dueSilent_.empty() && dueSilent_.begin()->first <= now) {
+    found.push_back(dueSilent_.begin()->second);
+    useAsSlave(found.back());
+  }
+  while (!dueOrphan_.empty() && dueOrphan_.begin()->first <= now) {
+    found.push_back(*places_.at(dueOrphan_.begin()->second).silent.begin());
+    useAsSlave(found.back());
   }
   return found;
 }
 
 std::optional<ConnectionRoles::Time> ConnectionRoles::nextDue() const {
   std::optional<Time> next;
-  for (const auto& [address, place] : places_) {
-    for (const auto& [id, member] : place.members) {
-      const std::optional<Time> time = dueTime(place, member);
-      if (time && (!next || *time < *next)) {
-        next = time;
-      }
-    }
+  if (!dueSilent_.empty()) {
+    next = dueSilent_.begin()->first;
+  }
+  if (!dueOrphan_.empty()) {
+    const Time orphan = dueOrphan_.begin()->first;
+    next = next ? std::min(*next, orphan) : orphan;
   }
   return next;
 }
 
 std::vector<ConnectionRoles::Id> ConnectionRoles::slavesAt(const std::string& address) const {
-  std::vector<Id> found;
   const auto place = places_.find(address);
-  if (place != places_.end()) {
-    for (const auto& [id, member] : place->second.members) {
-      if (member.role == Role::slave) {
-        found.push_back(id);
-      }
-    }
+  return place == places_.end()
+             ? std::vector<Id>()
+             : std::vector<Id>(place->second.slaves.begin(), place->second.slaves.end());
+}
+
+std::optional<ConnectionRoles::Id> ConnectionRoles::onlySlaveAt(const std::string& address) const {
+  const auto place = places_.find(address);
+  if (place == places_.end() || place->second.slaves.size() != 1) {
+    return std::nullopt;
   }
-  return found;
+  return *place->second.slaves.begin();
 }
 
 std::size_t ConnectionRoles::countAt(const std::string& address) const {
   const auto place = places_.find(address);
-  return place == places_.end() ? 0 : place->second.members.size();
+  return place == places_.end() ? 0 : place->second.count;
 }
 
 }  // namespace runel

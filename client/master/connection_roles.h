@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <runel/loop.h>
@@ -17,6 +19,9 @@ namespace runel {
 /// A device does not identify the kind of its connections, and a frame on its agent bridge stops
 /// its daemon. So a connection is used as the slave connection, which carries tasks, only if it
 /// cannot be a bridge: a device has no bridge without a slave connection.
+///
+/// The cost of each call is independent of the number of addresses, and logarithmic in the number
+/// of connections from one address.
 class ConnectionRoles {
  public:
   using Id = std::uint64_t;
@@ -48,27 +53,36 @@ class ConnectionRoles {
   /// When to call `due` next.
   [[nodiscard]] std::optional<Time> nextDue() const;
 
+  /// In the order of their arrival.
   [[nodiscard]] std::vector<Id> slavesAt(const std::string& address) const;
+  /// Without a value when there is not exactly one.
+  [[nodiscard]] std::optional<Id> onlySlaveAt(const std::string& address) const;
   [[nodiscard]] std::size_t countAt(const std::string& address) const;
 
  private:
+  /// All connections from one address.
+  struct Place {
+    std::set<Id> slaves;
+    std::set<Id> silent;  // the further connections that have sent nothing
+    std::size_t count = 0;
+    Time slaveLost;
+  };
+  using Places = std::unordered_map<std::string, Place>;
   struct Member {
+    Places::value_type* place = nullptr;
     Role role = Role::further;
-    bool spoke = false;
     Time opened;
   };
-  /// All connections from one address, in the order of their arrival.
-  struct Place {
-    std::map<Id, Member> members;
-    Time slaveLost;
-    [[nodiscard]] bool hasSlave() const;
-  };
 
-  [[nodiscard]] std::optional<Time> dueTime(const Place& place, const Member& member) const;
+  void changeSilent(Id id, const Member& member, bool silent);
+  void watchPlace(const Places::value_type& place);
+  void useAsSlave(Id id);
 
   const Rules rules_;
-  std::map<std::string, Place> places_;
-  std::map<Id, std::string> addresses_;
+  Places places_;
+  std::unordered_map<Id, Member> members_;
+  std::set<std::pair<Time, Id>> dueSilent_;           // by the end of their time of silence
+  std::set<std::pair<Time, std::string>> dueOrphan_;  // addresses without a slave connection
 };
 
 }  // namespace runel

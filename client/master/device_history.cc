@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/master/device_history.h"
 
-#include <algorithm>
+#include <utility>
 
 namespace runel {
 
@@ -10,7 +10,7 @@ void DeviceHistory::connected(const std::string& name, std::int64_t now) {
   if (entry.connects == 0) {
     entry.firstSeen = now;
   } else if (entry.present == 0) {
-    --gone_;
+    gone_.erase(std::exchange(entry.left, 0));
   }
   ++entry.connects;
   ++entry.present;
@@ -26,8 +26,8 @@ void DeviceHistory::lost(const std::string& name, std::int64_t now, const std::s
   entry.earlier.requests += counters.requests;
   entry.earlier.bytesOut += counters.bytesOut;
   entry.earlier.bytesIn += counters.bytesIn;
-  if (entry.present == 0 && ++gone_ > most_) {
-    forgetOne();
+  if (entry.present == 0) {
+    leave(name, entry);
   }
 }
 
@@ -37,15 +37,14 @@ const DeviceHistory::Entry& DeviceHistory::of(const std::string& name) const {
   return found == entries_.end() ? kNothing : found->second;
 }
 
-// Removes the entry that has been disconnected for the longest time.
-void DeviceHistory::forgetOne() {
-  const auto longer = [](const auto& one, const auto& other) {
-    const bool oneGone = one.second.present == 0;
-    const bool otherGone = other.second.present == 0;
-    return oneGone != otherGone ? oneGone : one.second.lastLoss < other.second.lastLoss;
-  };
-  entries_.erase(std::min_element(entries_.begin(), entries_.end(), longer));
-  --gone_;
+// Forgets the entry that has been disconnected for the longest time when there are too many.
+void DeviceHistory::leave(const std::string& name, Entry& entry) {
+  entry.left = ++lastLeft_;
+  gone_.emplace(entry.left, name);
+  if (gone_.size() > most_) {
+    entries_.erase(gone_.begin()->second);
+    gone_.erase(gone_.begin());
+  }
 }
 
 }  // namespace runel

@@ -23,6 +23,7 @@ class DeviceHistory {
     std::string lastReason;
     SlaveLink::Counters earlier;  ///< of earlier connections
     std::size_t present = 0;      ///< current connections
+    std::uint64_t left = 0;       ///< its number in the order of leaving; 0 while present
   };
 
   /// Keeps the entries of at most @p most disconnected devices: clients choose their names, so the
@@ -38,11 +39,12 @@ class DeviceHistory {
   [[nodiscard]] const Entry& of(const std::string& name) const;
 
  private:
-  void forgetOne();
+  void leave(const std::string& name, Entry& entry);
 
   const std::size_t most_;
   std::map<std::string, Entry> entries_;
-  std::size_t gone_ = 0;  // entries without a current connection
+  std::map<std::uint64_t, std::string> gone_;  // entries without a connection, oldest loss first
+  std::uint64_t lastLeft_ = 0;
 };
 
 }  // namespace runel

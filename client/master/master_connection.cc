@@ -55,11 +55,12 @@ void MasterConnection::useAsSlave(zell::UniqueFd socket) {
   identify();
 }
 
-void MasterConnection::useAsBridge(zell::UniqueFd socket, const MasterConnection* owner) {
-  if (owner != nullptr) {
-    hostid_ = owner->hostid();
-    name_ = owner->name();
-  }
+void MasterConnection::adopt(const MasterConnection& owner) {
+  hostid_ = owner.hostid();
+  name_ = owner.name();
+}
+
+void MasterConnection::useAsBridge(zell::UniqueFd socket) {
   bridge_ = std::make_unique<Bridge>(
       context_.loop, std::move(socket),
       Bridge::Events{[this] { events_.spoke(); },
@@ -142,8 +143,9 @@ std::shared_ptr<MasterConnection::User> MasterConnection::attach(MasterUser::Han
   auto user = std::make_shared<User>();
   user->handlers = std::move(handlers);
   user->connection = this;
-  user->busy = slave_->busy();
-  users_.push_back(user);
+  adjust();
+  user->busy = busy_;
+  user->place = users_.insert(users_.end(), user);
   return user;
 }
 
@@ -164,20 +166,32 @@ void MasterConnection::forward(const std::shared_ptr<User>& user, std::string pa
 
 // A user that leaves before its answers may have timed out on a dead device: check the device.
 void MasterConnection::detach(const std::shared_ptr<User>& user) {
-  users_.erase(std::remove(users_.begin(), users_.end(), user), users_.end());
+  slowUsers_ -= user->reading ? 0 : 1;
+  users_.erase(user->place);
   if (slave_->waiting() > 0) {
     slave_->check();
   }
   adjust();
 }
 
+void MasterConnection::setReading(User& user, bool on) {
+  if (std::exchange(user.reading, on) != on) {
+    slowUsers_ = on ? slowUsers_ - 1 : slowUsers_ + 1;
+    adjust();
+  }
+}
+
+// Called for each request and answer: looks through the users only when there is something to tell.
 void MasterConnection::adjust() {
-  const bool busy = slave_->busy();
-  bool slow = false;
+  slave_->setReading(slowUsers_ == 0);
+  if (slave_->busy() == busy_) {
+    return;
+  }
+  busy_ = !busy_;
   for (const auto& user : users_) {
-    slow = slow || !user->reading;
-    if (std::exchange(user->busy, busy) != busy && user->handlers.busy) {
-      context_.calls.add([weak = std::weak_ptr<User>(user), busy] {
+    user->busy = busy_;
+    if (user->handlers.busy) {
+      context_.calls.add([weak = std::weak_ptr<User>(user), busy = busy_] {
         const auto held = weak.lock();
         if (held) {
           held->handlers.busy(busy);
@@ -185,7 +199,6 @@ void MasterConnection::adjust() {
       });
     }
   }
-  slave_->setReading(!slow);
 }
 
 void MasterConnection::check() {
@@ -205,6 +218,7 @@ void MasterConnection::endUsers(const Error& error) {
     });
   }
   users_.clear();
+  slowUsers_ = 0;
 }
 
 Milliseconds MasterConnection::age() const {

@@ -6,9 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <runel/async_master.h>
 #include <runel/error.h>
@@ -35,7 +35,8 @@ class MasterConnection {
   /// One user of a slave connection. Shared with the handle of the program.
   struct User {
     MasterUser::Handlers handlers;
-    MasterConnection* connection = nullptr;  ///< empty after its end
+    MasterConnection* connection = nullptr;            ///< empty after its end
+    std::list<std::shared_ptr<User>>::iterator place;  ///< among the users of its connection
     bool reading = true;
     bool busy = false;
   };
@@ -53,8 +54,8 @@ class MasterConnection {
 
   /// Uses @p socket as the slave connection and requests the identity of the device.
   void useAsSlave(zell::UniqueFd socket);
-  /// Only reads from @p socket. @p owner is the device's connection, if known.
-  void useAsBridge(zell::UniqueFd socket, const MasterConnection* owner);
+  /// Only reads from @p socket.
+  void useAsBridge(zell::UniqueFd socket);
   /// Makes a silent additional connection the slave connection.
   void promote();
 
@@ -64,14 +65,16 @@ class MasterConnection {
   [[nodiscard]] std::shared_ptr<User> attach(MasterUser::Handlers handlers);
   void forward(const std::shared_ptr<User>& user, std::string payload, MasterUser::Answer answer);
   void detach(const std::shared_ptr<User>& user);
-  /// Flow control: pauses the users while the device is busy, and the device while a user is slow.
-  void adjust();
+  /// Pauses or resumes the answers for @p user.
+  void setReading(User& user, bool on);
 
   /// Checks whether the device is alive.
   void check();
   /// The device must not be used.
   void refuse() { refused_ = true; }
 
+  /// True when the device has told its identity.
+  [[nodiscard]] bool identified() const { return identified_; }
   /// True when the device is identified and not refused.
   [[nodiscard]] bool ready() const { return identified_ && !refused_; }
   [[nodiscard]] bool isSlave() const { return slave_ != nullptr; }
@@ -91,6 +94,8 @@ class MasterConnection {
   /// The unique name of the device, empty while it is unknown.
   [[nodiscard]] const std::string& name() const { return name_; }
   void setName(const std::string& name) { name_ = name; }
+  /// For an additional connection: takes the names of its device.
+  void adopt(const MasterConnection& owner);
 
   /// The wall clock time of the connect, in milliseconds since 1970.
   [[nodiscard]] std::int64_t since() const { return since_; }
@@ -102,6 +107,8 @@ class MasterConnection {
  private:
   struct Asked;
 
+  /// Flow control: pauses the users while the device is busy, and the device while a user is slow.
+  void adjust();
   void identify();
   void lose(const Error& error);
   void endUsers(const Error& error);
@@ -122,7 +129,9 @@ class MasterConnection {
   Clock::time_point lastProgress_;
   std::unique_ptr<Bridge> bridge_;
   std::unique_ptr<SlaveLink> slave_;
-  std::vector<std::shared_ptr<User>> users_;  // they use slave_
+  std::list<std::shared_ptr<User>> users_;  // they use slave_
+  std::size_t slowUsers_ = 0;
+  bool busy_ = false;  // as the users know it
 };
 
 /// The current wall clock time in milliseconds since 1970.

@@ -20,6 +20,8 @@ constexpr std::size_t kMostHeld = 256;
 // A device has a slave connection, a bridge and sometimes a surplus connection.
 constexpr std::size_t kMostOfOneDevice = 16;
 constexpr std::size_t kMostOfOneAddress = 4096;
+// With several devices at one address, a check of that address is one of many connections.
+constexpr Milliseconds kSuspectPause{1000};
 // An agent that does not read makes the daemon stop reading its bridge.
 constexpr std::size_t kMostClausesQueued = 8388608;
 
@@ -74,6 +76,7 @@ MasterEngine::MasterEngine(Loop& loop, const MasterOptions& options, AsyncMaster
 
 MasterEngine::~MasterEngine() {
   loop_.cancel(due_);
+  loop_.cancel(checkSuspects_);
   for (Held& held : held_) {
     loop_.cancel(held.end);
   }
@@ -137,89 +140,184 @@ void MasterEngine::admit(zell::UniqueFd socket, const std::string& host, std::ui
   const MasterConnection::Events events{[this, id] { identified(id); }, [this, id] { spoke(id); },
                                         [this, id](const std::string& text) { clause(id, text); },
                                         [this, id](const std::string& why) { lost(id, why); }};
-  const MasterConnection* const owner = ownerAt(host);
   auto& connection =
       *(connections_[id] = std::make_unique<MasterConnection>(
             MasterConnection::Context{loop_, calls_, options_.timeout}, host, port, events));
   if (roles_.opened(id, host, Clock::now()) == ConnectionRoles::Role::slave) {
     connection.useAsSlave(std::move(socket));
   } else {
-    connection.useAsBridge(std::move(socket), owner);
+    connection.useAsBridge(std::move(socket));
+    additional_[host].all.insert(id);
     tell(about(Type::additional, connection));
-    checkSlaves(host);
+    suspect(host);
   }
   arm();
 }
 
 // The device of the additional connections from an address, if only one device is there.
 const MasterConnection* MasterEngine::ownerAt(const std::string& host) const {
-  const std::vector<Id> slaves = roles_.slavesAt(host);
-  return slaves.size() == 1 ? connections_.at(slaves.front()).get() : nullptr;
+  const std::optional<Id> slave = roles_.onlySlaveAt(host);
+  return slave ? &at(*slave) : nullptr;
 }
 
 // A device opens an additional connection for an agent, or because it has lost the first one. A
-// check detects the second case.
-void MasterEngine::checkSlaves(const std::string& host) {
+// check detects the second case. The bridge of a device that was switched off is still open here.
+void MasterEngine::suspect(const std::string& host) {
+  if (!options_.shared) {
+    check(host);
+    return;
+  }
+  suspects_.insert(host);
+  if (checkSuspects_.id == 0) {
+    checkSuspects_ = loop_.after(kSuspectPause, [this] { checkSuspects(); });
+  }
+}
+
+void MasterEngine::checkSuspects() {
+  checkSuspects_ = Timer();
+  for (const std::string& host : std::exchange(suspects_, {})) {
+    check(host);
+  }
+}
+
+void MasterEngine::check(const std::string& host) {
   for (const Id slave : roles_.slavesAt(host)) {
-    connections_.at(slave)->check();
+    at(slave).check();
+  }
+  const auto near = additional_.find(host);
+  if (near != additional_.end()) {
+    for (const Id id : near->second.all) {
+      at(id).bridge()->probe();
+    }
   }
 }
 
 // Events of connections.
 
 void MasterEngine::identified(Id id) {
-  MasterConnection& connection = *connections_.at(id);
+  MasterConnection& connection = at(id);
   if (options_.access.allowsHostid(connection.hostid())) {
-    connection.setName(freeName(connection));
+    enter(id, connection);
     history_.connected(connection.key(), connection.since());
     tell(about(Type::connected, connection));
-    return;
+  } else {
+    MasterEvent::Data event = about(Type::refused, connection);
+    event.refusal = Refusal::hostid;
+    tell(event);
+    connection.refuse();
+    hold({zell::UniqueFd(), id, connection.host(), {}});
   }
-  MasterEvent::Data event = about(Type::refused, connection);
-  event.refusal = Refusal::hostid;
-  tell(event);
-  connection.refuse();
-  hold({zell::UniqueFd(), id, connection.host(), {}});
+  release(connection.host());
+}
+
+void MasterEngine::enter(Id id, MasterConnection& connection) {
+  connection.setName(freeName(connection));
+  names_.insert(connection.name());
+  ready_.insert(id);
+  for (const std::string& name : {connection.hostid(), connection.host(), connection.place()}) {
+    devices_.add(name, id);
+  }
+}
+
+void MasterEngine::leave(Id id, const MasterConnection& connection) {
+  names_.erase(connection.name());
+  ready_.erase(id);
+  for (const std::string& name : {connection.hostid(), connection.host(), connection.place()}) {
+    devices_.remove(name, id);
+  }
 }
 
 std::string MasterEngine::freeName(const MasterConnection& connection) const {
   for (const std::string& name : {connection.hostid(), connection.host()}) {
-    const bool taken = std::any_of(
-        connections_.begin(), connections_.end(),
-        [&](const auto& entry) { return entry.second->isSlave() && entry.second->name() == name; });
-    if (!name.empty() && !taken) {
+    if (!name.empty() && names_.count(name) == 0) {
       return name;
     }
   }
   return connection.place();
 }
 
+// A device that has just connected and its agent race: the agent waits for the name.
 void MasterEngine::spoke(Id id) {
+  const MasterConnection& connection = at(id);
+  Additional& near = additional_[connection.host()];
   roles_.spoke(id);
-  tell(about(Type::agentConnected, *connections_.at(id)));
+  near.agents.insert(id);
+  near.held.insert(id);
+  agents_.add(connection.place(), id);
+  const MasterConnection* const owner = ownerAt(connection.host());
+  if (owner != nullptr && !owner->identified()) {
+    connection.bridge()->hold();
+  } else {
+    announce(id);
+  }
   arm();
 }
 
+void MasterEngine::announce(Id id) {
+  MasterConnection& connection = at(id);
+  if (additional_[connection.host()].held.erase(id) != 0) {
+    tell(about(Type::agentConnected, connection));
+  }
+}
+
+// A bridge with invalid data ends when it is released.
+void MasterEngine::release(const std::string& host) {
+  const auto near = additional_.find(host);
+  if (near == additional_.end()) {
+    return;
+  }
+  for (const Id id : std::set<Id>(near->second.held)) {
+    announce(id);
+    at(id).bridge()->release();
+  }
+}
+
 void MasterEngine::clause(Id id, const std::string& text) {
-  MasterEvent::Data event = about(Type::clause, *connections_.at(id));
+  announce(id);
+  MasterConnection& connection = at(id);
+  ++additional_[connection.host()].clauses;
+  MasterEvent::Data event = about(Type::clause, connection);
   event.text = text;
   tell(event);
 }
 
 void MasterEngine::lost(Id id, const std::string& why) {
+  const bool slave = at(id).isSlave();
+  if (!slave) {
+    announce(id);
+  }
   const auto found = connections_.find(id);
   const std::shared_ptr<MasterConnection> gone = std::move(found->second);
-  MasterEvent::Data event = about(gone->isSlave() ? Type::lost : Type::additionalLost, *gone);
+  MasterEvent::Data event = about(slave ? Type::lost : Type::additionalLost, *gone);
   event.text = why;
   event.fromAgent = gone->isAgent();
   connections_.erase(found);
   roles_.closed(id, Clock::now());
-  if (gone->isSlave() && gone->ready()) {
+  if (!slave) {
+    forgetAdditional(id, *gone);
+  } else if (gone->ready()) {
+    leave(id, *gone);
     history_.lost(gone->key(), wallClockNow(), why, gone->counters());
   }
   tell(event);
   calls_.add([gone] { (void)gone; });  // the connection is still on the stack
+  if (slave) {
+    release(gone->host());
+    suspect(gone->host());
+  }
   arm();
+}
+
+void MasterEngine::forgetAdditional(Id id, const MasterConnection& connection) {
+  const auto found = additional_.find(connection.host());
+  Additional& near = found->second;
+  near.all.erase(id);
+  near.agents.erase(id);
+  near.clauses -= connection.bridge()->clauses();
+  agents_.remove(connection.place(), id);
+  if (near.all.empty()) {
+    additional_.erase(found);
+  }
 }
 
 void MasterEngine::arm() {
@@ -234,7 +332,8 @@ void MasterEngine::arm() {
 void MasterEngine::promote() {
   due_ = Timer();
   for (const Id id : roles_.due(Clock::now())) {
-    connections_.at(id)->promote();
+    forgetAdditional(id, at(id));
+    at(id).promote();
   }
   arm();
 }
@@ -243,7 +342,9 @@ void MasterEngine::promote() {
 MasterEvent::Data MasterEngine::about(Type type, MasterConnection& connection) const {
   if (connection.name().empty() && !connection.isSlave()) {
     const MasterConnection* const owner = ownerAt(connection.host());
-    connection.setName(owner != nullptr ? owner->name() : "");
+    if (owner != nullptr) {
+      connection.adopt(*owner);
+    }
   }
   MasterEvent::Data event;
   event.type = type;
@@ -267,20 +368,8 @@ void MasterEngine::tell(const MasterEvent::Data& event) {
 
 // Devices by name.
 
-std::vector<MasterConnection*> MasterEngine::named(const std::string& name) const {
-  std::vector<MasterConnection*> found;
-  for (const auto& [id, connection] : connections_) {
-    if (connection->isSlave() && connection->ready() &&
-        (name == connection->hostid() || name == connection->host() ||
-         name == connection->place())) {
-      found.push_back(connection.get());
-    }
-  }
-  return found;
-}
-
 Result<MasterConnection*> MasterEngine::only(const std::string& name) const {
-  const std::vector<MasterConnection*> found = named(name);
+  const std::set<Id>& found = devices_.find(name);
   if (found.empty()) {
     return Error(Kind::link, Cause::refusedByMaster,
                  "no device " + name + " is connected to the master");
@@ -288,7 +377,7 @@ Result<MasterConnection*> MasterEngine::only(const std::string& name) const {
   if (found.size() > 1) {
     return ambiguous(found.size(), "devices are named", name);
   }
-  return found.front();
+  return &at(*found.begin());
 }
 
 void MasterEngine::ask(const std::string& name, const Request& request, ReplyHandler handler) {
@@ -300,17 +389,27 @@ void MasterEngine::ask(const std::string& name, const Request& request, ReplyHan
   }
 }
 
+const std::set<MasterEngine::Id>& MasterEngine::agentsAt(const std::string& host) const {
+  static const std::set<Id> kNone;
+  const auto near = additional_.find(host);
+  return near == additional_.end() ? kNone : near->second.agents;
+}
+
 // The bridges that @p name selects: by their own ADDRESS:PORT, by their address, or as those at the
 // address of a device, if it is the only one there.
-std::vector<Bridge*> MasterEngine::bridges(const std::string& name) const {
-  const std::vector<MasterConnection*> devices = named(name);
-  const MasterConnection* const device = devices.size() == 1 ? devices.front() : nullptr;
-  const bool alone = device != nullptr && ownerAt(device->host()) == device;
-  std::vector<Bridge*> found;
-  for (const auto& [id, connection] : connections_) {
-    if (connection->isAgent() && (name == connection->place() || name == connection->host() ||
-                                  (alone && connection->host() == device->host()))) {
-      found.push_back(connection->bridge());
+MasterEngine::Agents MasterEngine::agents(const std::string& name) const {
+  Agents found;
+  const auto add = [&](const std::set<Id>& ids) {
+    found.count += ids.size();
+    found.one = ids.empty() ? found.one : at(*ids.begin()).bridge();
+  };
+  add(agents_.find(name));
+  add(agentsAt(name));
+  const std::set<Id>& devices = devices_.find(name);
+  if (devices.size() == 1) {
+    const MasterConnection& device = at(*devices.begin());
+    if (ownerAt(device.host()) == &device && device.host() != name) {
+      add(agentsAt(device.host()));
     }
   }
   return found;
@@ -321,83 +420,66 @@ Result<void> MasterEngine::sendClause(const std::string& name, const std::string
   if (!line) {
     return line.error();
   }
-  const std::vector<Bridge*> found = bridges(name);
-  if (found.empty()) {
+  const Agents found = agents(name);
+  if (found.count == 0) {
     return Error(Kind::link, Cause::other, "no agent of " + name + " is known to be connected");
   }
-  if (found.size() > 1) {
-    return ambiguous(found.size(), "agents are at", name);
+  if (found.count > 1) {
+    return ambiguous(found.count, "agents are at", name);
   }
-  if (found.front()->queued() > kMostClausesQueued) {
+  if (found.one->queued() > kMostClausesQueued) {
     return Error(Kind::link, Cause::other, "the agent of " + name + " does not read its clauses");
   }
-  found.front()->send(*line);
+  found.one->send(*line);
   return {};
 }
 
 std::optional<std::size_t> MasterEngine::queuedClauses(const std::string& name) const {
-  const std::vector<Bridge*> found = bridges(name);
-  if (found.size() != 1) {
+  const Agents found = agents(name);
+  if (found.count != 1) {
     return std::nullopt;
   }
-  return found.front()->queued();
+  return found.one->queued();
 }
 
 std::vector<DeviceInfo> MasterEngine::devices() const {
-  std::vector<MasterConnection*> ready;
-  for (const auto& [id, connection] : connections_) {
-    if (connection->isSlave() && connection->ready()) {
-      ready.push_back(connection.get());
-    }
-  }
-  return describe(ready);
-}
-
-std::vector<DeviceInfo> MasterEngine::find(const std::string& name) const {
-  return describe(named(name));
-}
-
-std::vector<DeviceInfo> MasterEngine::describe(
-    const std::vector<MasterConnection*>& connections) const {
-  const std::map<std::string, Additional> others = additional();
   std::vector<DeviceInfo> list;
-  for (const MasterConnection* connection : connections) {
-    auto data = std::make_shared<DeviceInfo::Data>();
-    data->name = connection->name();
-    data->hostid = connection->hostid();
-    data->deviceType = connection->deviceType();
-    data->host = connection->host();
-    data->port = connection->port();
-    data->since = connection->since();
-    data->age = connection->age();
-    data->history = history_.of(connection->key());
-    const SlaveLink::Counters now = connection->counters();
-    data->history.earlier.requests += now.requests;
-    data->history.earlier.bytesOut += now.bytesOut;
-    data->history.earlier.bytesIn += now.bytesIn;
-    data->users = connection->users();
-    const auto near = others.find(connection->host());
-    if (near != others.end()) {
-      data->additional = near->second.count;
-      data->agents = near->second.agents;
-      data->clauses = near->second.clauses;
-    }
-    list.push_back(DeviceInfo(std::move(data)));
+  for (const Id id : ready_) {
+    list.push_back(describe(at(id)));
   }
   return list;
 }
 
-std::map<std::string, MasterEngine::Additional> MasterEngine::additional() const {
-  std::map<std::string, Additional> found;
-  for (const auto& [id, connection] : connections_) {
-    if (connection->bridge() != nullptr) {
-      Additional& entry = found[connection->host()];
-      ++entry.count;
-      entry.agents += connection->isAgent() ? 1 : 0;
-      entry.clauses += connection->bridge()->clauses();
-    }
+std::vector<DeviceInfo> MasterEngine::find(const std::string& name) const {
+  std::vector<DeviceInfo> list;
+  for (const Id id : devices_.find(name)) {
+    list.push_back(describe(at(id)));
   }
-  return found;
+  return list;
+}
+
+DeviceInfo MasterEngine::describe(const MasterConnection& connection) const {
+  auto data = std::make_shared<DeviceInfo::Data>();
+  data->name = connection.name();
+  data->hostid = connection.hostid();
+  data->deviceType = connection.deviceType();
+  data->host = connection.host();
+  data->port = connection.port();
+  data->since = connection.since();
+  data->age = connection.age();
+  data->history = history_.of(connection.key());
+  const SlaveLink::Counters now = connection.counters();
+  data->history.earlier.requests += now.requests;
+  data->history.earlier.bytesOut += now.bytesOut;
+  data->history.earlier.bytesIn += now.bytesIn;
+  data->users = connection.users();
+  const auto near = additional_.find(connection.host());
+  if (near != additional_.end()) {
+    data->additional = near->second.all.size();
+    data->agents = near->second.agents.size();
+    data->clauses = near->second.clauses;
+  }
+  return DeviceInfo(std::move(data));
 }
 
 }  // namespace v1

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <netinet/in.h>
@@ -24,6 +25,7 @@
 #include "client/master/call_queue.h"
 #include "client/master/connection_roles.h"
 #include "client/master/device_history.h"
+#include "client/master/device_index.h"
 #include "client/master/listener.h"
 #include "client/master/master_connection.h"
 #include "client/master/master_data.h"
@@ -43,6 +45,8 @@ class MasterEngine {
   [[nodiscard]] std::uint16_t port() const { return listener_.port(); }
 
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
+  /// The number of them.
+  [[nodiscard]] std::size_t deviceCount() const { return ready_.size(); }
   [[nodiscard]] std::vector<DeviceInfo> find(const std::string& name) const;
 
   void ask(const std::string& name, const Request& request, ReplyHandler handler);
@@ -67,9 +71,16 @@ class MasterEngine {
   };
   /// The additional connections from one address.
   struct Additional {
-    std::size_t count = 0;
-    std::size_t agents = 0;
+    std::set<Id> all;
+    std::set<Id> agents;  // those that have sent data
+    std::set<Id> held;    // agents whose clauses wait for the identity of their device
     std::uint64_t clauses = 0;
+  };
+
+  /// The agents that a name selects.
+  struct Agents {
+    std::size_t count = 0;
+    Bridge* one = nullptr;
   };
 
   void accepted(zell::UniqueFd socket, const sockaddr_in& from);
@@ -79,24 +90,30 @@ class MasterEngine {
   void letGo();
   void admit(zell::UniqueFd socket, const std::string& host, std::uint16_t port);
   [[nodiscard]] const MasterConnection* ownerAt(const std::string& host) const;
-  void checkSlaves(const std::string& host);
+  void suspect(const std::string& host);
+  void checkSuspects();
+  void check(const std::string& host);
 
   void identified(Id id);
+  void enter(Id id, MasterConnection& connection);
+  void leave(Id id, const MasterConnection& connection);
   [[nodiscard]] std::string freeName(const MasterConnection& connection) const;
   void spoke(Id id);
+  void announce(Id id);
+  void release(const std::string& host);
   void clause(Id id, const std::string& text);
   void lost(Id id, const std::string& why);
+  void forgetAdditional(Id id, const MasterConnection& connection);
   void arm();
   void promote();
 
   [[nodiscard]] MasterEvent::Data about(Type type, MasterConnection& connection) const;
   void tell(const MasterEvent::Data& event);
-  [[nodiscard]] std::vector<MasterConnection*> named(const std::string& name) const;
+  [[nodiscard]] MasterConnection& at(Id id) const { return *connections_.at(id); }
   [[nodiscard]] Result<MasterConnection*> only(const std::string& name) const;
-  [[nodiscard]] std::vector<Bridge*> bridges(const std::string& name) const;
-  [[nodiscard]] std::vector<DeviceInfo> describe(
-      const std::vector<MasterConnection*>& connections) const;
-  [[nodiscard]] std::map<std::string, Additional> additional() const;
+  [[nodiscard]] const std::set<Id>& agentsAt(const std::string& host) const;
+  [[nodiscard]] Agents agents(const std::string& name) const;
+  [[nodiscard]] DeviceInfo describe(const MasterConnection& connection) const;
 
   Loop& loop_;
   const MasterOptions::Data options_;
@@ -106,6 +123,15 @@ class MasterEngine {
   ConnectionRoles roles_;
   Id last_ = 0;
   std::map<Id, std::unique_ptr<MasterConnection>> connections_;
+  // Each request looks up names, so nothing searches through the connections. All of these are kept
+  // when a connection is identified, changes its role or ends.
+  std::set<Id> ready_;           // identified devices that are not refused
+  DeviceIndex devices_;          // these by host identifier, address and ADDRESS:PORT
+  std::set<std::string> names_;  // their unique names
+  DeviceIndex agents_;           // agents by ADDRESS:PORT
+  std::unordered_map<std::string, Additional> additional_;  // by address
+  std::set<std::string> suspects_;  // addresses whose connections are checked next
+  Timer checkSuspects_;
   DeviceHistory history_;
   std::deque<Held> held_;              // oldest first
   std::set<std::string> toldRefused_;  // reported addresses of held connections

@@ -5,8 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <string>
 
 #include <runel/error.h>
@@ -86,9 +86,9 @@ class SlaveLink {
   const Milliseconds timeout_;
   Events events_;
   Channel channel_;
-  std::deque<Pending> pending_;
-  std::deque<Pending> unanswerable_;  // requests without an answer that are not sent yet
-  std::size_t users_ = 0;             // pending requests of users
+  std::list<Pending> pending_;       // lists: they need no memory while the device is idle
+  std::list<Pending> unanswerable_;  // requests without an answer that are not sent yet
+  std::size_t users_ = 0;            // pending requests of users
   Counters counters_;
   bool reading_ = true;
   std::size_t unanswered_ = 0;  // pending requests of the master

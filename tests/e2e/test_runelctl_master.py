@@ -4,6 +4,7 @@ import json
 import os
 import random
 import resource
+import select
 import signal
 import socket
 import stat
@@ -13,7 +14,7 @@ import time
 import unittest
 
 from support.ctl import reply
-from support.fakes import FakeDevice, FakeDevices
+from support.fakes import FRAME, FakeDevice, FakeDevices
 from support.master import MasterCase
 from support.peers import MASTER_PORT
 from support.wait import TIMEOUT, wait_until
@@ -294,6 +295,59 @@ class Roles(MasterCase):
         self.assertEqual(self.succeed("-d", "@127.0.0.3", "hostid").text, "same\n")
 
 
+class Clauses(MasterCase):
+    """Clauses whose device is not known yet, and agents that are gone."""
+
+    def test_clauses_before_the_identity_are_stored_with_the_name(self):
+        self.start_master("--xml", "--xml-log", self.path("clauses"))
+        device = FakeDevice(self, hostid="late", answers=False)
+        device.wait_asked(b"devicetype")
+        bridge = FakeDevice(self, greeting=b"<a/><b/>")
+        self.wait_told("further", port=bridge.port)
+        device.answer_held()
+        self.wait_told("clause", count=2)
+        self.assertEqual([event["event"] for event in self.events],
+                         ["listening", "further", "connected", "agent", "clause", "clause"])
+        kept = [json.loads(line) for line in self.content("clauses").splitlines()]
+        self.assertEqual([(clause["hostid"], clause["device"], clause["clause"])
+                          for clause in kept], [("late", "late", "<a/>"), ("late", "late", "<b/>")])
+        self.assertEqual(bridge.came, b"")
+
+    def test_an_agent_waits_until_the_identity_of_its_device_is_known(self):
+        self.start_master("--xml-log", self.path("clauses"))
+        device = FakeDevice(self, answers=False)
+        device.wait_asked(b"devicetype")
+        bridge = FakeDevice(self, greeting=b"<a/>")
+        self.wait_told("further", port=bridge.port)
+        part = b"<n>%s</n>" % (b"x" * 993)
+        data = memoryview(part * 100_000)
+        sent = 0
+        while sent < len(data) and select.select([], [bridge.socket], [], 1)[1]:
+            sent += bridge.socket.send(data[sent:], socket.MSG_DONTWAIT)
+        self.assertLess(sent, 50_000_000, "the master must not keep them all")
+        device.answer_held()
+        bridge.send(part[sent % len(part):])
+        whole = 2 + sent // len(part)
+        wait_until(lambda: self.devices()["fake"]["clauses"] == whole, "all clauses are taken")
+        hostids = {json.loads(line)["hostid"] for line in self.content("clauses").splitlines()}
+        self.assertEqual(hostids, {"fake"})
+
+    def test_the_agent_of_a_device_that_was_switched_off_is_not_counted(self):
+        self.start_master()
+        first = FakeDevice(self)
+        self.wait_told("connected")
+        bridge = FakeDevice(self, greeting=b"<a/>")
+        self.wait_told("agent", port=bridge.port)
+        self.assertEqual(self.devices()["fake"]["agents"], 1)
+        first.vanish()
+        bridge.vanish()
+        FakeDevice(self, hostid="again")
+        self.wait_told("connected", hostid="again")
+        about = self.devices()["again"]
+        self.assertEqual((about["further"], about["agents"]), (0, 0))
+        self.assertEqual(len(self.told("lost", role="agent", port=bridge.port)), 1)
+
+
 class Strangers(MasterCase):
     """Refused devices, and devices that violate the protocol."""
 
@@ -421,8 +475,7 @@ class Size(MasterCase):
     COUNT = 900
 
     def test_nine_hundred_devices(self):
-        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+        self.allow_descriptors()
         self.start_master()
         devices = FakeDevices(self, self.COUNT)
         self.wait_told("connected", count=self.COUNT)
@@ -436,6 +489,67 @@ class Size(MasterCase):
                          {answer["device"] for answer in answers})
         self.assertEqual(summary["summary"]["ok"], self.COUNT)
         self.assertEqual(self.told("lost"), [])
+
+    @staticmethod
+    def allow_descriptors():
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+
+    def use(self, name):
+        """One request to the device @p name, as a call of runelctl sends it."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as call:
+            call.settimeout(TIMEOUT)
+            call.connect(self.control)
+            call.sendall(b"attach %s\n" % name.encode())
+            self.assertEqual(call.recv(3), b"ok\n")
+            call.sendall(request("fileexists", "/"))
+            answer = call.recv(1 << 20)
+            head = FRAME.match(answer)
+            while len(answer) < head.end() + int(head[1]):
+                answer += call.recv(1 << 20)
+
+    def time_of_use(self, names, count):
+        """The processor time that the master needs for a call, in nanoseconds. The least of three
+        parts, which other programs have disturbed least."""
+        times = []
+        for _ in range(3):
+            before = self.processor_time()
+            for number in range(count):
+                self.use(names[number * len(names) // count])
+            times.append((self.processor_time() - before) / count)
+        return min(times)
+
+    def test_a_call_costs_as_much_with_ten_thousand_devices_as_with_a_hundred(self):
+        self.allow_descriptors()
+        self.start_master()
+        devices = FakeDevices(self, 100)
+        self.wait_told("connected", count=100)
+        few = self.time_of_use(devices.names, 500)
+        devices.grow(1000)
+        self.wait_told("connected", count=1000)
+        small = self.resident_bytes()
+        devices.grow(10_000)
+        self.wait_told("connected", count=10_000)
+        each = (self.resident_bytes() - small) / 9000
+        many = self.time_of_use(devices.names, 500)
+        self.assertLess(many, 2 * few, "processor time of a call")
+        self.assertLess(each, 64_000 if self.sanitized() else 8000, "memory of a device")
+        self.assertEqual(self.told("lost"), [])
+
+    def test_memory_of_large_answers_is_released(self):
+        self.allow_descriptors()
+        self.start_master()
+        devices = FakeDevices(self, 400)
+        self.wait_told("connected", count=400)
+        devices.content = bytes(200_000)
+        for name in devices.names[:20]:
+            self.use(name)
+        before = self.resident_bytes()
+        for name in devices.names:
+            self.use(name)
+        # With the sanitizer, freed memory stays for a while.
+        self.assertLess(self.resident_bytes() - before, 400_000_000 if self.sanitized() else
+                        20_000_000)
 
     def test_devices_wait_while_descriptors_are_used_up(self):
         limit = 40

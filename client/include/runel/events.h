@@ -38,8 +38,9 @@ class RUNEL_API MasterEvent {
   [[nodiscard]] Type type() const;
   /// The device's name at this master: see `DeviceInfo::name`. Empty while it is unknown.
   [[nodiscard]] const std::string& device() const;
-  /// The host identifier, if it is a valid name. For a further connection that of its device, if it
-  /// was known when the connection was opened. Empty while it is unknown.
+  /// The host identifier, if it is a valid name. For a further connection that of its device.
+  /// Empty while it is unknown: a clause waits until its device has told its identity, and has none
+  /// only if the device is lost before, or if several devices are at its address.
   [[nodiscard]] const std::string& hostid() const;
   /// As the device has told. Empty while it is unknown.
   [[nodiscard]] const std::string& deviceType() const;

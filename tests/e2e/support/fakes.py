@@ -101,20 +101,25 @@ class FakeDevices:
         self.poll = select.epoll()
         self.sockets = {}
         self.names = []
+        self.content = b"fake"
         self.stop = False
-        case.addCleanup(self.close)
-        for number in range(count):
-            self._connect(f"127.1.{number // 250}.{number % 250 + 1}", f"unit-{number:04d}")
         self.thread = threading.Thread(target=self._serve, daemon=True)
         self.thread.start()
+        case.addCleanup(self.close)
+        self.grow(count)
+
+    def grow(self, count):
+        """Connects more devices, up to @p count."""
+        for number in range(len(self.names), count):
+            self._connect(f"127.1.{number // 250}.{number % 250 + 1}", f"unit-{number:04d}")
 
     def _connect(self, address, hostid):
         connected = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         connected.bind((address, 0))
         connected.connect(("127.0.0.1", MASTER_PORT))
-        self.poll.register(connected, select.EPOLLIN)
         self.sockets[connected.fileno()] = (connected, hostid.encode())
         self.names.append(hostid)
+        self.poll.register(connected, select.EPOLLIN)
 
     def _serve(self):
         while not self.stop:
@@ -125,7 +130,7 @@ class FakeDevices:
                     self.poll.unregister(fd)
                 # Requests are short: each arrives in one piece.
                 for request in re.split(rb"\x01\d+\x02", data)[1:]:
-                    connected.sendall(reply(hostid if b" 6:hostid" in request else b"fake"))
+                    connected.sendall(reply(hostid if b" 6:hostid" in request else self.content))
 
     def close(self):
         self.stop = True

@@ -68,9 +68,17 @@ class MasterCase(CtlCase):
 
     def assert_small(self, most):
         """Allows more with the address sanitizer, which retains up to 256 MiB of freed memory."""
+        self.assertLess(self.resident_bytes(), most + (400_000_000 if self.sanitized() else 0))
+
+    @staticmethod
+    def sanitized():
         with open(BINARY, "rb") as binary:
-            spare = 400_000_000 if b"__asan_init" in binary.read() else 0
-        self.assertLess(self.resident_bytes(), most + spare)
+            return b"__asan_init" in binary.read()
+
+    def processor_time(self):
+        """The nanoseconds that the master has run."""
+        with open(f"/proc/{self.running.pid}/schedstat", encoding="ascii") as about:
+            return int(about.read().split()[0])
 
     def resident_bytes(self):
         with open(f"/proc/{self.running.pid}/statm", encoding="ascii") as about:

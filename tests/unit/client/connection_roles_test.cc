@@ -2,6 +2,7 @@
 // The connections that the master uses as slave connections.
 #include "client/master/connection_roles.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <random>
@@ -107,6 +108,83 @@ TEST_F(SharedLineupTest, IgnoresAConnectionThatSendsDataInTime) {
   (void)shared_.opened(2, "a", start_);
   shared_.spoke(2);
   EXPECT_THAT(shared_.due(start_ + seconds(100)), IsEmpty());
+}
+
+TEST_F(SharedLineupTest, UsesTheFirstSurvivorAndEachSilentConnection) {
+  for (ConnectionRoles::Id id = 1; id <= 3; ++id) {
+    (void)shared_.opened(id, "a", start_ + seconds(id));
+  }
+  shared_.spoke(3);
+  EXPECT_THAT(shared_.due(start_ + seconds(4)), ElementsAre(2));
+  EXPECT_FALSE(shared_.onlySlaveAt("a"));
+  shared_.closed(1, start_ + seconds(4));
+  EXPECT_EQ(shared_.onlySlaveAt("a"), 2U);
+  shared_.closed(2, start_ + seconds(4));
+  EXPECT_FALSE(shared_.onlySlaveAt("a"));
+  EXPECT_FALSE(shared_.nextDue()) << "the remaining connection sent data";
+  EXPECT_EQ(shared_.countAt("a"), 1U);
+}
+
+// When a connection becomes a slave connection, looking through all of them.
+class PlainModel {
+ public:
+  struct Member {
+    std::string address;
+    bool slave = false;
+    bool spoke = false;
+    ConnectionRoles::Time opened;
+  };
+
+  bool hasSlave(const std::string& address) const {
+    return std::any_of(members.begin(), members.end(), [&](const auto& entry) {
+      return entry.second.address == address && entry.second.slave;
+    });
+  }
+  std::set<ConnectionRoles::Id> due(ConnectionRoles::Time now) {
+    std::set<ConnectionRoles::Id> found;
+    for (auto& [id, member] : members) {
+      const bool orphan =
+          !hasSlave(member.address) && slaveLost[member.address] + seconds(5) <= now;
+      if (!member.slave && !member.spoke && (orphan || member.opened + seconds(2) <= now)) {
+        member.slave = true;
+        found.insert(id);
+      }
+    }
+    return found;
+  }
+
+  std::map<ConnectionRoles::Id, Member> members;
+  std::map<std::string, ConnectionRoles::Time> slaveLost;
+};
+
+TEST_F(SharedLineupTest, DecidesLikeASearchThroughAllConnections) {
+  std::mt19937 random(6);
+  PlainModel model;
+  ConnectionRoles::Time now = start_;
+  for (ConnectionRoles::Id id = 1; id < 20000; ++id) {
+    now += milliseconds(random() % 1000);
+    const std::string address(1, static_cast<char>('a' + random() % 3));
+    const bool slave = shared_.opened(id, address, now) == kSlave;
+    ASSERT_EQ(slave, !model.hasSlave(address));
+    model.members[id] = {address, slave, false, now};
+    const auto some =
+        std::next(model.members.begin(), static_cast<long>(random() % model.members.size()));
+    if (!some->second.slave && random() % 2 == 0) {
+      shared_.spoke(some->first);
+      some->second.spoke = true;
+    } else if (random() % 4 != 0) {
+      shared_.closed(some->first, now);
+      const PlainModel::Member gone = some->second;
+      model.members.erase(some);
+      if (gone.slave && !model.hasSlave(gone.address)) {
+        model.slaveLost[gone.address] = now;
+      }
+    }
+    const bool expectsNothing = !shared_.nextDue() || *shared_.nextDue() > now;
+    const auto due = shared_.due(now);
+    ASSERT_EQ(std::set<ConnectionRoles::Id>(due.begin(), due.end()), model.due(now));
+    ASSERT_EQ(due.empty(), expectsNothing);
+  }
 }
 
 // In any sequence of events, an address has at most one slave connection, and a connection that

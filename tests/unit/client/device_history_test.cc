@@ -65,6 +65,18 @@ TEST(DeviceHistoryTest, KeepsConnectedDevices) {
   EXPECT_EQ(roll.of("n9").connects, 1U);
 }
 
+// The clock may be set back: the order of the losses counts.
+TEST(DeviceHistoryTest, ForgetsInTheOrderOfTheLosses) {
+  DeviceHistory roll(2);
+  for (int number = 0; number < 100; ++number) {
+    const std::string name = "n" + std::to_string(number);
+    roll.connected(name, 1);
+    roll.lost(name, 1000 - number, "", {});
+    EXPECT_EQ(roll.of("n" + std::to_string(number - 2)).connects, 0U);
+    EXPECT_EQ(roll.of("n" + std::to_string(number - 1)).connects, number == 0 ? 0U : 1U);
+  }
+}
+
 TEST(DeviceHistoryTest, KeepsDevicesThatReconnect) {
   DeviceHistory roll(1);
   roll.connected("a", 1);

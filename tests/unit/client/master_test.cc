@@ -194,6 +194,74 @@ TEST_F(MasterTest, NothingIsWrittenToABridgeButTheGivenClauses) {
   EXPECT_EQ(list[0].clauses(), 1U);
 }
 
+TEST_F(MasterTest, ClausesWaitForTheIdentityOfTheirDevice) {
+  open();
+  ScriptedDevice& device = dial("gw-3");
+  device.answers = false;
+  ScriptedDevice& bridge = dial();
+  bridge.answers = false;
+  bridge.say("<a/><b/>");
+  told(Type::additional);
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  device.answers = true;
+  runUntil([&] { return count(Type::clause) == 2; });
+  std::vector<Type> order;
+  for (const MasterEvent& event : events) {
+    order.push_back(event.type());
+    EXPECT_EQ(event.hostid() + event.device(), event.type() == Type::additional ? "" : "gw-3gw-3");
+  }
+  EXPECT_EQ(order, (std::vector<Type>{Type::additional, Type::connected, Type::agentConnected,
+                                      Type::clause, Type::clause}));
+  EXPECT_EQ(bridge.came, "");
+}
+
+TEST_F(MasterTest, ClausesOfADeviceThatIsLostWithoutItsIdentityAreReported) {
+  open();
+  ScriptedDevice& device = dial();
+  device.answers = false;
+  ScriptedDevice& bridge = dial();
+  bridge.answers = false;
+  bridge.say("<a/>");
+  told(Type::additional);
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_EQ(count(Type::clause), 0U);
+  device.close();
+  EXPECT_EQ(told(Type::clause).hostid(), "");
+  EXPECT_EQ(count(Type::lost), 1U);
+}
+
+TEST_F(MasterTest, ClausesBeforeTheEndOfAnAgentAreReported) {
+  open();
+  ScriptedDevice& device = dial();
+  device.answers = false;
+  ScriptedDevice& bridge = dial();
+  bridge.say("<a/><b/>");
+  bridge.close();
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  device.answers = true;
+  EXPECT_TRUE(told(Type::additionalLost).fromAgent());
+  EXPECT_EQ(count(Type::clause), 2U);
+  EXPECT_EQ(told(Type::clause).hostid(), "fake");
+}
+
+TEST_F(MasterTest, AgentOfADeviceThatVanishedIsNotCounted) {
+  open();
+  dialAndWait("one");
+  dialBridge().vanish();
+  EXPECT_EQ(master->devices()[0].agents(), 1U);
+  devices.front().vanish();
+  dial("two");
+  runUntil([&] { return count(Type::connected) == 2; });
+  EXPECT_EQ(master->devices()[0].agents(), 0U);
+  EXPECT_EQ(count(Type::additionalLost), 1U);
+}
+
 TEST_F(MasterTest, SendClauseFailsWhileNoBridgeIsKnown) {
   open();
   dialAndWait();
@@ -399,6 +467,58 @@ TEST_F(MasterTest, NameOfTwoDevicesSelectsNeither) {
   ASSERT_FALSE(user);
   EXPECT_EQ(user.error().text(), why);
   EXPECT_EQ(ask("127.0.0.3", Request({"read", "/"})).output(), "second");
+}
+
+TEST_F(MasterTest, NamesFollowALossAndAReturn) {
+  open();
+  ScriptedDevice& first = dialAndWait("same", "127.0.0.2");
+  ScriptedDevice& second = dialAndWait("same", "127.0.0.3");
+  const std::string place = "127.0.0.3:" + std::to_string(second.port());
+  EXPECT_EQ(master->find(place).size(), 1U);
+  first.close();
+  runUntil([&] { return count(Type::lost) == 1; });
+  EXPECT_EQ(master->find("same")[0].host(), "127.0.0.3");
+  EXPECT_TRUE(master->find("127.0.0.2").empty());
+  EXPECT_EQ(ask("same", Request({"read", "/"})).output(), "done");
+  dialAndWait("other", "127.0.0.2");
+  EXPECT_EQ(master->find("same").size(), 1U);
+  EXPECT_EQ(master->find("127.0.0.2")[0].name(), "other");
+  second.close();
+  runUntil([&] { return count(Type::lost) == 2; });
+  EXPECT_TRUE(master->find("same").empty());
+  EXPECT_TRUE(master->find(place).empty());
+  dialAndWait("same", "127.0.0.3");
+  EXPECT_EQ(master->find("127.0.0.3")[0].name(), "same") << "the name is free again";
+}
+
+TEST_F(MasterTest, AHostidThatIsAnAddressNamesTheDeviceOnce) {
+  open();
+  dialAndWait("127.0.0.2", "127.0.0.2");
+  EXPECT_EQ(master->find("127.0.0.2").size(), 1U);
+  EXPECT_TRUE(ask("127.0.0.2", Request({"read", "/"})).ok());
+  devices.front().close();
+  told(Type::lost);
+  EXPECT_TRUE(master->find("127.0.0.2").empty());
+}
+
+TEST_F(MasterTest, OneSlowUserOfSeveralPausesTheDevice) {
+  open();
+  dialAndWait();
+  const auto one = attach();
+  auto two = attach();
+  int answers = 0;
+  one->setReading(false);
+  one->setReading(false);
+  two->setReading(false);
+  one->setReading(true);
+  one->forward(Request({"hostid"}).encode(), [&](const std::string&) { ++answers; });
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+    devices.front().serve();
+  }
+  EXPECT_EQ(answers, 0);
+  two.reset();
+  runUntil([&] { return answers == 1; });
 }
 
 TEST_F(MasterTest, SilentConnectionsAtASharedAddressAreDevices) {

@@ -122,11 +122,12 @@ class Waiting(CtlCase):
         one = self.start("-d", f"127.0.0.2:{where}", *words, env=env)
         endless = self.start("-d", both, "--deadline", "0", *words, env=env)
         result = self.ctl("-d", both, *words, env=env)
-        self.assertEqual((result.status, len(result.errors)), (255, 3), result)
+        self.assertEqual((result.status, len(result.errors)), (255, 4), result)
         for error in result.errors[:2]:
             self.assertIn("deadline exceeded (the default with several devices is 600 s: see --deadline; "
                           + NO_LIMIT, error)
-        self.assertIn("0 ok, 0 failed, 2 timed out", result.errors[2])
+        self.assertEqual(result.errors[2], f"runelctl: {both}: deadline exceeded")
+        self.assertIn("0 ok, 0 failed, 2 timed out", result.errors[3])
         self.assertEqual((one.poll(), endless.poll()), (None, None))
         self.assertIn("--deadline SECONDS limit for each attempt on a device; 0: none (default: 600 with "
                       "several devices, none with one)", " ".join(self.succeed("--help").text.split()))
@@ -142,7 +143,7 @@ class Waiting(CtlCase):
         result = self.ctl("-d", f"127.0.0.2:{where},127.0.0.3:{where}", "--connect-timeout", "1000000",
                           "--io-timeout", "1000000", "push", self.file("a", b"x"), "/a",
                           env={"LD_PRELOAD": HUNDREDFOLD})
-        self.assertEqual((result.status, len(result.errors)), (255, 3), result)
+        self.assertEqual((result.status, len(result.errors)), (255, 4), result)
         self.assertIn("deadline exceeded (the default with several devices is 600 s: see --deadline; "
                       "chmod continues on the device", result.errors[0])
 

@@ -91,12 +91,12 @@ TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
 
 TEST(ErrorTest, AnUnknownOutcomeIsAField) {
   const Style style = jsonStyle();
-  const Report report(style);
+  Report report(style, openingObject("a", "reboot"));
   Error error{Fault::lost, "gone", "", 0};
   error.unknown = true;
   error.advise("one");
   error.advise("two");
-  EXPECT_EQ(closingObject("a", "reboot", {255, error}, report).dump(),
+  EXPECT_EQ(lastLine(report, {255, error}),
             R"({"v":1,"device":"a","task":"reboot","ok":false,"status":255,"where":"link",)"
             R"("retry":true,"outcome":"unknown","error":"gone","hint":"one; two"})");
 }

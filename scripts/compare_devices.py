@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Many devices on one machine, for scripts/compare-runelctl. Each device is a network namespace with a
-daemon and an ssh server. A bridge connects them."""
+"""Many devices on one machine, for scripts/compare-runelctl and scripts/trial. Each device is a network
+namespace with a daemon, and with an ssh server if it has a configuration. A bridge connects them."""
 import socket
 import subprocess
 import time
@@ -9,7 +9,7 @@ MASTER, MASTER_PORT = "10.9.0.1", 5112
 TIMEOUT = 300  # seconds until all devices must serve, on a busy machine
 
 # The script of a device: reports that its namespaces exist, waits for its network interface, serves.
-# It has a private /run for the daemon's pid file and for pushed files.
+# It has a private /run for the daemon's pid file and for pushed files, and a private /var/lib for jobs.
 DEVICE = f"""set -e
 echo made
 read -r address
@@ -19,8 +19,10 @@ address add $address/16 dev eth0
 link set eth0 up
 END
 mount -t tmpfs tmpfs /run
+mount -t tmpfs -o mode=755 tmpfs /var/lib
 mkdir /run/sshd
 "$1" -n -i {MASTER} >/dev/null 2>&1 &
+[ -n "$2" ] || wait
 exec /usr/sbin/sshd -D -f "$2" >/dev/null 2>&1
 """
 
@@ -52,9 +54,10 @@ def silent_master(address):
 class Devices:
     """The devices. They exist during the block `with Devices(...) as devices:`."""
 
-    def __init__(self, count, daemon, sshd_config):
+    def __init__(self, count, daemon, sshd_config=""):
         self.addresses = [f"10.9.{number // 200 + 1}.{number % 200 + 1}" for number in range(count)]
         self.words = [daemon, sshd_config]
+        self.ports = (5111, 22) if sshd_config else (5111,)
         self.processes = []
         self.master = None
 
@@ -94,12 +97,28 @@ class Devices:
             process.stdin.close()
         deadline = time.monotonic() + TIMEOUT
         for address in self.addresses:
-            for port in (5111, 22):
+            for port in self.ports:
                 wait_for_port(address, port, deadline)
 
     @staticmethod
     def batch(*lines):
         subprocess.run(["ip", "-batch", "-"], input="\n".join(lines).encode(), check=True)
+
+    def disconnect(self, number):
+        """Takes the device's line away: its address no longer answers."""
+        self.batch(f"link set v{number} down")
+
+    def daemon(self, number):
+        """The process id of the device's daemon."""
+        waiting = [self.processes[number].pid]
+        while waiting:
+            process = str(waiting.pop())
+            with open(f"/proc/{process}/comm", encoding="utf-8") as name:
+                if name.read() == "runeld\n":
+                    return int(process)
+            with open(f"/proc/{process}/task/{process}/children", encoding="ascii") as children:
+                waiting += children.read().split()
+        raise ProcessLookupError(f"device {number} has no daemon")
 
     def paths(self, path):
         """The path on this machine of @p path on each device."""

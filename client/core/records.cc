@@ -12,6 +12,8 @@ namespace runel {
 inline namespace v1 {
 namespace {
 
+constexpr std::int64_t kNanoseconds = 1000000000;  // in a second
+
 // Parses fields from the front of a text. After the first mismatch, every call fails.
 class Cutter {
  public:
@@ -40,7 +42,9 @@ class Cutter {
   }
 
   bool timestamp(Timestamp& value) {
-    return number(value.seconds) && skip(".") && number(value.nanoseconds);
+    sound_ = number(value.seconds) && skip(".") && number(value.nanoseconds) &&
+             value.nanoseconds >= 0 && value.nanoseconds < kNanoseconds;
+    return sound_;
   }
 
   [[nodiscard]] bool atEnd() const { return sound_ && rest_.empty(); }

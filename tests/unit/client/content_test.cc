@@ -107,6 +107,18 @@ TEST(RecordsTest, MalformedTextIsRejected) {
   EXPECT_FALSE(parseStat("dev=1"));
 }
 
+TEST(RecordsTest, TheNanosecondsOfATimeAreLessThanASecond) {
+  const auto statAt = [](const char* time) {
+    return parseStat(
+        "dev=1 ino=1 mode=0100644 nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=1 blocks=1 "
+        "atime=1.000000000 mtime=" +
+        std::string(time) + " ctime=1.000000000\n");
+  };
+  EXPECT_TRUE(statAt("-5.999999999"));
+  EXPECT_FALSE(statAt("5.1000000000"));
+  EXPECT_FALSE(statAt("5.-1"));
+}
+
 TEST(RecordsTest, NamesMayHoldAnyByte) {
   EXPECT_EQ(parseNames("StringVec 2\n3:a\nb\n0:\n"), (std::vector<std::string>{"a\nb", ""}));
 }

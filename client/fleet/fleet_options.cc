@@ -58,6 +58,16 @@ FleetOptions& FleetOptions::setDevice(const DeviceOptions& options) {
   return *this;
 }
 
+FleetOptions& FleetOptions::setDevice(std::size_t index, const DeviceOptions& options) {
+  data_->devices[index] = options;
+  return *this;
+}
+
+FleetOptions& FleetOptions::setDeadline(std::size_t index, std::optional<Milliseconds> time) {
+  data_->deadlines[index] = time;
+  return *this;
+}
+
 FleetReport::FleetReport(std::shared_ptr<const Data> data) : data_(std::move(data)) {}
 
 bool FleetReport::ok() const {

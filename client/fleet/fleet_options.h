@@ -4,6 +4,7 @@
 #define RUNEL_FLEET_FLEET_OPTIONS_H_
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,17 @@ struct FleetOptions::Data {
   bool failFast = false;
   std::optional<Milliseconds> deadline;
   DeviceOptions device;
+  std::map<std::size_t, DeviceOptions> devices;  // for single devices, by their index
+  std::map<std::size_t, std::optional<Milliseconds>> deadlines;
+
+  [[nodiscard]] const DeviceOptions& deviceAt(std::size_t index) const {
+    const auto own = devices.find(index);
+    return own == devices.end() ? device : own->second;
+  }
+  [[nodiscard]] const std::optional<Milliseconds>& deadlineAt(std::size_t index) const {
+    const auto own = deadlines.find(index);
+    return own == deadlines.end() ? deadline : own->second;
+  }
 };
 
 struct FleetReport::Data {

@@ -111,7 +111,7 @@ void FleetWork::connect(Member& member) {
   if (lent_ != nullptr && lent_->address() == address) {
     member.device = lent_;
   } else {
-    member.own = std::make_unique<AsyncDevice>(loop_, address, options_.device);
+    member.own = std::make_unique<AsyncDevice>(loop_, address, options_.deviceAt(member.index));
     member.device = member.own.get();
   }
   member.sent = member.device->sent();
@@ -119,8 +119,8 @@ void FleetWork::connect(Member& member) {
 }
 
 void FleetWork::arm(Member& member) {
-  if (options_.deadline) {
-    member.deadline = loop_.after(*options_.deadline, [this, &member] {
+  if (const std::optional<Milliseconds>& deadline = options_.deadlineAt(member.index)) {
+    member.deadline = loop_.after(*deadline, [this, &member] {
       endAll(member, Error(Kind::timeout, Cause::deadline, "deadline exceeded", ETIMEDOUT));
     });
   }
@@ -147,7 +147,7 @@ bool FleetWork::safe(const Member& member) const {
 
 bool FleetWork::again(const Member& member) const {
   const bool may = member.job->mayRepeat(member.result->error(), safe(member));
-  return may && member.attempts <= options_.device.retries() && !cancelled_;
+  return may && member.attempts <= options_.deviceAt(member.index).retries() && !cancelled_;
 }
 
 void FleetWork::settle(Member& member) {
@@ -165,8 +165,8 @@ void FleetWork::settle(Member& member) {
 }
 
 void FleetWork::pause(Member& member) {
-  member.pause =
-      loop_.after(retryPause(options_.device.retryPause(), member.attempts), [this, &member] {
+  member.pause = loop_.after(
+      retryPause(options_.deviceAt(member.index).retryPause(), member.attempts), [this, &member] {
         member.pause = Timer();
         start(member);
       });
@@ -185,15 +185,16 @@ void FleetWork::drop(Member& member) {
 }
 
 void FleetWork::cleanUp(Member& member, Request request) {
-  member.cleaner = std::make_unique<CleanUp>(loop_, *member.entry.address, options_.device,
-                                             std::move(request), [this, &member] {
-                                               later([this, &member] {
-                                                 if (member.cleaner) {
-                                                   member.cleaner.reset();
-                                                   conclude(member);
-                                                 }
-                                               });
-                                             });
+  member.cleaner =
+      std::make_unique<CleanUp>(loop_, *member.entry.address, options_.deviceAt(member.index),
+                                std::move(request), [this, &member] {
+                                  later([this, &member] {
+                                    if (member.cleaner) {
+                                      member.cleaner.reset();
+                                      conclude(member);
+                                    }
+                                  });
+                                });
 }
 
 void FleetWork::conclude(Member& member) {

@@ -46,6 +46,11 @@ class RUNEL_API FleetOptions {
   FleetOptions& setDeadline(std::optional<Milliseconds> time);
   /// The timeouts and retries of each device.
   FleetOptions& setDevice(const DeviceOptions& options);
+  ///@{
+  /// For the device at @p index of the list that the fleet is given, instead of the values for all.
+  FleetOptions& setDevice(std::size_t index, const DeviceOptions& options);
+  FleetOptions& setDeadline(std::size_t index, std::optional<Milliseconds> time);
+  ///@}
 
  private:
   friend class FleetWork;

@@ -193,6 +193,15 @@ Error onlyError(const FleetReport& report) {
   return reply ? Error(Kind::local, Cause::other, "it succeeded") : reply.error();
 }
 
+Error errorOfDevice(const FleetReport& report, std::size_t index) {
+  for (const FleetResult& result : report.results()) {
+    if (result.index == index && !result.reply) {
+      return result.reply.error();
+    }
+  }
+  return {Kind::local, Cause::other, "it succeeded"};
+}
+
 TEST_F(FleetTest, ReportsTheRepliesOfAllDevices) {
   devices.acts[1] = {Act::fail};
   const FleetReport done = ask(devices.some(3));
@@ -300,6 +309,29 @@ TEST_F(FleetTest, TheDeadlineEndsAnAttempt) {
     EXPECT_EQ(error.number(), ETIMEDOUT);
   }
   EXPECT_EQ(onlyError(*report).outcome(), Outcome::unknown);
+}
+
+TEST_F(FleetTest, ADeviceMayHaveOtherTimeoutsThanTheRest) {
+  devices.acts[0] = {Act::wait};
+  options.setDevice(0, DeviceOptions().setTimeout(Milliseconds(20)));
+  const FleetReport done = ask(devices.some(2));
+  EXPECT_EQ(done.failed(), (Names{"d0"}));
+  EXPECT_EQ(errorOfDevice(done, 0).cause(), Cause::silence);
+}
+
+TEST_F(FleetTest, ADeviceMayHaveOtherRetriesThanTheRest) {
+  devices.acts[0] = {Act::close};
+  devices.acts[1] = {Act::close};
+  options.setDevice(1, DeviceOptions().setRetries(1, Milliseconds(1)));
+  EXPECT_EQ(ask(devices.some(2)).failed(), (Names{"d0"}));
+}
+
+TEST_F(FleetTest, ADeviceMayHaveAnotherDeadlineThanTheRest) {
+  devices.acts[1] = {Act::wait};
+  options.setDeadline(Milliseconds(20)).setDeadline(0, std::nullopt);
+  const FleetReport done = ask(devices.some(2));
+  EXPECT_EQ(done.failed(), (Names{"d1"}));
+  EXPECT_EQ(errorOfDevice(done, 1).cause(), Cause::deadline);
 }
 
 TEST_F(FleetTest, ADeadlineWithoutARequestIsNotSent) {

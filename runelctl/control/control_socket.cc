@@ -3,9 +3,9 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -50,18 +50,20 @@ bool bindPrivately(int socket, const sockaddr_un& address) {
   return bound;
 }
 
-// Creates the directory of @p path if necessary. Returns false with errno if other users can create
-// files in it.
-bool ownDirectory(const std::string& path) {
-  const std::string directory = runel::directoryOf(path);
+// Opens @p directory and creates it if necessary. Returns no descriptor and sets errno if other
+// users can create files in it, or if it is a symbolic link: another user may have created the
+// link, and its target may be any directory of this user.
+zell::UniqueFd openPrivately(const std::string& directory) {
   (void)mkdir(directory.c_str(), 0700);  // it may exist
+  zell::UniqueFd opened(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat about {};
-  if (stat(directory.c_str(), &about) != 0) {
-    return false;
+  if (!opened.valid() || fstat(opened.get(), &about) != 0) {
+    return {};
   }
+  const bool owned = about.st_uid == geteuid() || about.st_uid == 0;
+  const bool shared = (about.st_mode & 022U) != 0 && (about.st_mode & S_ISVTX) == 0;
   errno = EPERM;
-  return (about.st_uid == geteuid() || about.st_uid == 0) &&
-         ((about.st_mode & 022U) == 0 || (about.st_mode & S_ISVTX) != 0);
+  return owned && !shared ? std::move(opened) : zell::UniqueFd();
 }
 
 }  // namespace
@@ -72,31 +74,40 @@ ControlSocket::~ControlSocket() {
   }
   if (listener_.valid()) {
     loop_.forget(listener_.get());
-    (void)unlink(path_.c_str());  // a stale socket would be replaced by the next master
+    // A stale socket would be replaced by the next master.
+    (void)unlinkat(directory_.get(), runel::baseName(path_).c_str(), 0);
   }
 }
 
 std::string ControlSocket::open(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
+  if (path.size() >= sizeof sockaddr_un::sun_path) {
     return path + ": " + runel::systemText(ENAMETOOLONG);
   }
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  if (!ownDirectory(path)) {
+  const std::string name = runel::baseName(path);
+  zell::UniqueFd directory = openPrivately(runel::directoryOf(path));
+  if (!directory.valid()) {
     return runel::directoryOf(path) +
            ": not a private directory for the control socket: " + runel::systemText(errno);
   }
+  // The directory may be replaced after the check. Its descriptor still names the same one.
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string where = "/proc/self/fd/" + std::to_string(directory.get()) + "/" + name;
+  if (where.size() >= sizeof address.sun_path) {
+    return path + ": " + runel::systemText(ENAMETOOLONG);
+  }
+  where.copy(address.sun_path, where.size());
   if (answers(address)) {
     return path + ": another master is already running";
   }
-  (void)unlink(path.c_str());  // if it cannot be removed, bind fails
+  (void)unlinkat(directory.get(), name.c_str(), 0);  // if it cannot be removed, bind fails
   zell::UniqueFd listener = newSocket();
   if (!bindPrivately(listener.get(), address) || listen(listener.get(), kControlBacklog) != 0 ||
       !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
     return path + ": " + runel::systemText(errno);
   }
   listener_ = std::move(listener);
+  directory_ = std::move(directory);
   path_ = path;
   return "";
 }

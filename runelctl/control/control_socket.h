@@ -50,6 +50,7 @@ class ControlSocket {
   runel::Loop& loop_;
   const Asked asked_;
   zell::UniqueFd listener_;
+  zell::UniqueFd directory_;  // of the socket
   std::string path_;
   std::map<int, Caller> callers_;
 };

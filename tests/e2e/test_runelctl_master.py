@@ -649,10 +649,33 @@ print(s.makefile().read())"""
         self.assertEqual(result.status, 1)
         self.assertIn("not a private directory for the control socket", result.errors[0])
 
-    def test_a_missing_runtime_directory_is_created(self):
+    def free_default_directory(self):
         directory = f"/tmp/runelctl-{os.geteuid()}"
         if os.path.isdir(directory):
             os.rmdir(directory)
+        return directory
+
+    def test_a_directory_behind_a_link_is_refused(self):
+        directory = self.free_default_directory()
+        os.mkdir(self.path("private"))
+        os.symlink(self.path("private"), directory)
+        self.addCleanup(os.remove, directory)
+        for env in ({"XDG_RUNTIME_DIR": ""}, {"XDG_RUNTIME_DIR": directory}):
+            result = self.ctl("master", env=env)
+            self.assertEqual((result.status, result.errors), (1, [
+                f"runelctl: {directory}: not a private directory for the control socket: "
+                "Not a directory"]))
+        self.assertEqual(os.listdir(self.path("private")), [])
+
+    def test_a_directory_of_another_user_is_refused(self):
+        os.mkdir(self.path("other"), 0o755)
+        os.chown(self.path("other"), 65534, 65534)
+        result = self.ctl("master", env={"XDG_RUNTIME_DIR": self.path("other")})
+        self.assertEqual((result.status, len(result.errors)), (1, 1))
+        self.assertIn("not a private directory for the control socket", result.errors[0])
+
+    def test_a_missing_runtime_directory_is_created(self):
+        directory = self.free_default_directory()
         env = {"XDG_RUNTIME_DIR": ""}
         self.start_master(env=env)
         self.addCleanup(os.rmdir, directory)

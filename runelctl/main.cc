@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
     keepMemory();
     runel::Loop loop;
     loop.setResolver(runel::blockingResolver());
-    runelctl::Session session{loop, nullptr, {}, "", 0};
+    runelctl::Session session{loop, nullptr, {}};
     return runelctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
   } catch (const std::exception& error) {
     // Out of memory, or a defect.

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cli/command_line.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdint>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 
@@ -12,8 +11,9 @@
 #include <runel/fleet.h>
 #include <runel/request.h>
 
-#include "cli/targets.h"
+#include "cli/tables.h"
 #include "commands/number_range.h"
+#include "inventory/nearest.h"
 #include "output/error.h"
 #include "output/standard_output.h"
 #include "output/text.h"
@@ -33,16 +33,68 @@ CLI::Validator secondsRange(double least) {
   return numberRange(least, kMostSeconds);
 }
 
-// Names an unknown command: the library would only report that a command is missing.
-std::string explain(const CLI::App& app, const CLI::ParseError& error) {
-  const std::vector<CLI::App*> chosen = app.get_subcommands();
-  if (!chosen.empty()) {
-    return std::string(error.what()) + " (see runelctl " + chosen.front()->get_name() + " --help)";
+bool isOptionWord(const std::string& word) {
+  return word.size() > 1 && word[0] == '-';
+}
+
+void addOptionNames(const std::vector<OptionRow>& rows, std::vector<std::string>& names) {
+  for (const OptionRow& row : rows) {
+    names.insert(names.end(), row.names.begin(), row.names.end());
   }
-  const std::vector<std::string> left = app.remaining();
-  const bool unknown = !left.empty() && left.front().compare(0, 1, "-") != 0;
-  return (unknown ? "unknown command '" + left.front() + "'" : std::string(error.what())) +
-         " (see runelctl --help)";
+}
+
+// What the words @p left are that the command line has no use for. Stores a known word in @p
+// similar that may have been meant.
+std::string describeRest(const Tables& tables, const CommandRow* command,
+                         const std::vector<std::string>& left, std::string& similar) {
+  std::vector<std::string> known;
+  if (command == nullptr && !isOptionWord(left.front())) {
+    for (const CommandRow& row : tables.commands) {
+      known.push_back(row.name);
+    }
+    similar = nearestWord(left.front(), known);
+    return "unknown command '" + left.front() + "'";
+  }
+  const auto option = std::find_if(left.begin(), left.end(), isOptionWord);
+  if (option != left.end()) {
+    const std::string name = option->substr(0, option->find('='));
+    addOptionNames(tables.options, known);
+    addOptionNames(command != nullptr ? command->options : std::vector<OptionRow>(), known);
+    similar = nearestWord(name, known);
+    return "unknown option '" + name + "'";
+  }
+  std::string text = left.size() == 1 ? "unexpected argument:" : "unexpected arguments:";
+  for (const std::string& word : left) {
+    text += " " + word;
+  }
+  return text;
+}
+
+// A word that stands before the command was meant as the command.
+bool precedes(const std::vector<std::string>& words, const std::string& word,
+              const std::string& command) {
+  return std::find(words.begin(), words.end(), word) <
+         std::find(words.begin(), words.end(), command);
+}
+
+// The library would list the rest in reverse, and report an unknown command as a missing one.
+std::string explain(CLI::App& app, const std::vector<std::string>& words,
+                    const CLI::ParseError& error) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  const std::vector<std::string> left = app.remaining(true);
+  std::string command = chosen.empty() ? "" : chosen.front()->get_name();
+  std::string what = error.what();
+  std::string similar;
+  if (!left.empty() &&
+      (chosen.empty() || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)) {
+    if (precedes(words, left.front(), command) && !isOptionWord(left.front())) {
+      command.clear();
+    }
+    const Tables tables = readTables(app);
+    what = describeRest(tables, tables.command(command), left, similar);
+  }
+  return what + " (" + (similar.empty() ? "" : "did you mean '" + similar + "'? ") +
+         "see runelctl " + (command.empty() ? "" : command + " ") + "--help)";
 }
 
 }  // namespace
@@ -51,8 +103,11 @@ void complain(const std::string& what) {
   std::cerr << "runelctl: " << terminalSafe(what) << "\n";
 }
 
-CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands()) {
-  settings_.masterSocket = defaultMasterSocket();
+CommandLine::CommandLine(const Settings& base)
+    : settings_(base), commands_(deviceCommands()), locals_(localCommands()) {
+  if (settings_.masterSocket.empty()) {
+    settings_.masterSocket = defaultMasterSocket();
+  }
   app_.set_version_flag("--version", "runelctl " RUNELCTL_VERSION);
   app_.require_subcommand(1);
   app_.get_formatter()->column_width(34);
@@ -69,28 +124,25 @@ CommandLine::CommandLine() : commands_(deviceCommands()), locals_(localCommands(
 }
 
 void CommandLine::defineDeviceOptions() {
-  app_.add_option(
-          "-d,--device", devices_,
-          "HOST[:PORT], or @NAME at the master; repeatable, comma-separated (default: 127.0.0.1)")
-      ->allow_extra_args(false)
-      ->envname("RUNELCTL_DEVICE")
-      ->type_name("DEVICE");
-  app_.add_option("--devices", devicesFile_, "file with one device a line ('-': standard input)")
-      ->type_name("FILE");
+  targets_.define(app_, settings_);
   app_.add_option("--master-socket", settings_.masterSocket,
                   "control socket of the master (default: runelctl-master.sock in XDG_RUNTIME_DIR)")
       ->type_name("PATH");
   app_.add_option("--timeout", settings_.programLimit,
                   "limit for the program of exec or sh (default: none)")
       ->check(numberRange(1, kMostProgramSeconds))
-      ->each([this](const std::string&) { settings_.programLimitGiven = true; })
+      ->each([this](const std::string&) {
+        settings_.programLimitGiven = settings_.given.programLimit = true;
+      })
       ->type_name("SECONDS");
   app_.add_option("--io-timeout", settings_.ioTimeout,
                   "I/O timeout while an answer is due (default: 30)")
       ->check(secondsRange(0.001))
+      ->each([this](const std::string&) { settings_.given.ioTimeout = true; })
       ->type_name("SECONDS");
   app_.add_option("--connect-timeout", settings_.connectTimeout, "connect timeout (default: 10)")
       ->check(secondsRange(0.001))
+      ->each([this](const std::string&) { settings_.given.connectTimeout = true; })
       ->type_name("SECONDS");
 }
 
@@ -151,15 +203,18 @@ void CommandLine::defineFleetOptions() {
                   "limit for each attempt on a device; 0: none (default: 600 with several devices, "
                   "none with one)")
       ->check(secondsRange(0))
+      ->each([this](const std::string&) { settings_.given.deadline = true; })
       ->group(group)
       ->type_name("SECONDS");
   app_.add_option("--wave", settings_.wave,
                   "devices in each wave, such as 1,10%,rest (default: one wave)")
+      ->each([this](const std::string&) { settings_.given.wave = true; })
       ->group(group)
       ->type_name("LIST");
   app_.add_option("--max-fail", settings_.maxFail,
                   "failed devices that do not stop the next wave (default: 0)")
       ->check(numberRange(0, 1000000))
+      ->each([this](const std::string&) { settings_.given.maxFail = true; })
       ->group(group)
       ->type_name("N");
   app_.add_option(
@@ -190,11 +245,12 @@ int CommandLine::parse(std::vector<std::string> words) {
     const int status = app_.exit(help, text);
     return writeOut(Style(), text.str()) ? status : kExitTaskFailed;
   } catch (const CLI::ParseError& error) {
-    complain(explain(app_, error));
+    complain(explain(app_, words, error));
     return kExitUsage;
   }
-  settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : Arrange::merge);
+  settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : settings_.arrange);
   settings_.openSpool();
+  settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : settings_.arrange);
   const std::string wrong = checkChosen();
   if (!wrong.empty()) {
     complain(wrong);
@@ -215,29 +271,12 @@ std::string CommandLine::checkChosen() {
   return command_ != nullptr ? command_->check(settings_) : local_->check(settings_);
 }
 
-std::string CommandLine::readTargets() {
-  std::string why;
-  std::vector<runel::Address>& targets = settings_.targets;
-  for (const std::string& list : devices_) {
-    if (!parseTargetList(list, targets, why)) {
-      return "-d: " + why;
-    }
+runel::Result<void> CommandLine::readTargets() {
+  if (local_ != nullptr && local_->devices() == LocalCommand::Devices::none) {
+    return {};
   }
-  if (!devicesFile_.empty()) {
-    std::ifstream file;
-    if (devicesFile_ != "-") {
-      file.open(devicesFile_);
-      if (!file) {
-        return devicesFile_ + ": " + runel::systemText(errno);
-      }
-    }
-    if (!runelctl::readTargets(devicesFile_ == "-" ? std::cin : file, targets, why)) {
-      return devicesFile_ + ": " + why;
-    }
-  } else if (devices_.empty()) {
-    return parseTargetList("127.0.0.1", targets, why) ? "" : why;
-  }
-  return targets.empty() ? devicesFile_ + ": no devices listed" : "";
+  return targets_.read(settings_,
+                       local_ != nullptr && local_->devices() == LocalCommand::Devices::inventory);
 }
 
 }  // namespace runelctl

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/local_command.h"
+#include "cli/target_options.h"
 #include "commands/command.h"
 #include "commands/settings.h"
 
@@ -18,7 +19,8 @@ namespace runelctl {
 /// Parses one command line. Create a new object for each command line.
 class CommandLine {
  public:
-  CommandLine();
+  /// @p base has the values of the options that the command line does not give.
+  explicit CommandLine(const Settings& base = Settings());
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
@@ -27,8 +29,8 @@ class CommandLine {
   /// `local` is to be run.
   [[nodiscard]] int parse(std::vector<std::string> words);
 
-  /// Reads the given targets into `settings`. Returns the error, empty for success.
-  [[nodiscard]] std::string readTargets();
+  /// Selects the devices of `settings`, if the command uses devices.
+  [[nodiscard]] runel::Result<void> readTargets();
 
   Settings& settings() { return settings_; }
   [[nodiscard]] Command* command() const { return command_; }
@@ -46,8 +48,7 @@ class CommandLine {
 
   CLI::App app_{"Run tasks of runeld on one or many devices", "runelctl"};
   Settings settings_;
-  std::vector<std::string> devices_;
-  std::string devicesFile_;
+  TargetOptions targets_;
   bool prefix_ = false;
   bool group_ = false;
   Commands commands_;

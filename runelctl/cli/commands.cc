@@ -21,7 +21,9 @@ LocalCommands localCommands() {
   addShellCommand(commands);
   addMasterCommands(commands);
   addAgentCommand(commands);
+  addInventoryCommand(commands);
   addCompletionCommand(commands);
+  addCompleteCommand(commands);
   return commands;
 }
 

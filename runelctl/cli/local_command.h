@@ -29,6 +29,14 @@ class LocalCommand {
   [[nodiscard]] const std::string& help() const { return help_; }
 
   virtual void define(CLI::App& app) = 0;
+
+  /// The devices that the command gets in `Settings::targets`.
+  enum class Devices {
+    none,       ///< the selection is not read
+    usual,      ///< the selected ones, or the usual ones
+    inventory,  ///< the selected ones, or all of the inventory
+  };
+  [[nodiscard]] virtual Devices devices() const { return Devices::none; }
   /// Returns the error in the arguments, empty for none.
   virtual std::string check(const Settings& settings) {
     (void)settings;
@@ -55,6 +63,8 @@ void addMasterCommands(LocalCommands& commands);
 void addAgentCommand(LocalCommands& commands);
 void addShellCommand(LocalCommands& commands);
 void addCompletionCommand(LocalCommands& commands);
+void addCompleteCommand(LocalCommands& commands);
+void addInventoryCommand(LocalCommands& commands);
 
 }  // namespace runelctl
 

@@ -112,25 +112,30 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
   return runFleet(session, line, style);
 }
 
+// An invalid selection is a usage error. A master that does not answer is not.
+int refuse(const CommandLine& line, const runel::Error& error, const Style& style) {
+  if (error.kind() == runel::Kind::local) {
+    complain(error.text());
+    return kExitUsage;
+  }
+  tellFailure(line.command() != nullptr ? line.command()->name() : line.local()->name(), error,
+              style);
+  return exitStatusOf(Error(error));
+}
+
 }  // namespace
 
 int runCommandLine(Session& session, const std::vector<std::string>& words) {
-  CommandLine line;
-  line.settings().programLimit = session.programLimit;
-  std::vector<std::string> all = session.before;
-  all.insert(all.end(), words.begin(), words.end());
-  int status = line.parse(all);
+  CommandLine line(session.settings);
+  const int status = line.parse(words);
   if (status >= 0) {
     return status;
   }
-  Settings& settings = line.settings();
-  settings.directory = session.directory;
-  const std::string wrong = line.readTargets();
-  if (!wrong.empty()) {
-    complain(wrong);
-    return kExitUsage;
-  }
+  const Settings& settings = line.settings();
   const Style style = styleFor(settings.json, settings.quiet, settings.colour);
+  if (const auto read = line.readTargets(); !read) {
+    return refuse(line, read.error(), style);
+  }
   return line.command() != nullptr ? runOnDevices(session, line, style)
                                    : line.local()->run(settings, style);
 }

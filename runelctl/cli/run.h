@@ -9,15 +9,16 @@
 #include <runel/async_device.h>
 #include <runel/loop.h>
 
+#include "commands/settings.h"
+
 namespace runelctl {
 
-/// The state that command lines of a session share: the loop, the device and the remote directory.
+/// The state that command lines of a session share: the loop, the device, the options of the
+/// session and the remote directory.
 struct Session {
   runel::Loop& loop;
   runel::AsyncDevice* device = nullptr;
-  std::vector<std::string> before;  ///< options that are prepended to each command line
-  std::string directory;
-  int programLimit = 0;  ///< the default of each command line, in seconds; 0 for none
+  Settings settings;  ///< apply to each command line that does not give other ones
 };
 
 /// Runs @p words, a command line without the program name. Returns the exit status.

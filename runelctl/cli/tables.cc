@@ -28,8 +28,8 @@ std::vector<std::string> wordsIn(const std::string& type) {
 }
 
 Value valueOf(const std::string& placeholder) {
-  if (placeholder == "DEVICE") {
-    return Value::device;
+  if (placeholder == "DEVICE" || placeholder == "GROUP") {
+    return placeholder == "DEVICE" ? Value::device : Value::group;
   }
   const bool file = placeholder == "FILE" || placeholder == "PATH" || placeholder == "DIR";
   return file ? Value::file : Value::any;
@@ -76,6 +76,24 @@ OptionRow argumentRow(const CLI::Option& option) {
   return row;
 }
 
+// A list of local and remote paths is one option of the library. Its help has the form
+// "LOCAL... REMOTE" or "REMOTE... LOCAL", with a remark in parentheses. The last path is of the
+// other kind.
+void addArguments(const CLI::Option& option, std::vector<OptionRow>& arguments) {
+  OptionRow row = argumentRow(option);
+  const std::size_t dots = row.help.find("... ");
+  if (dots == std::string::npos) {
+    arguments.push_back(std::move(row));
+    return;
+  }
+  row.placeholder = row.help.substr(0, dots);
+  row.value = argumentOf(row.placeholder);
+  arguments.push_back(row);
+  row.placeholder = row.help.substr(0, row.help.find(" ("));
+  row.value = Value::fileOrRemote;
+  arguments.push_back(std::move(row));
+}
+
 void readOptions(CLI::App& app, std::vector<OptionRow>& rows, std::vector<OptionRow>& arguments) {
   for (const CLI::Option* option : app.get_options()) {
     const bool help = option == app.get_help_ptr() && app.get_parent() != nullptr;
@@ -83,7 +101,7 @@ void readOptions(CLI::App& app, std::vector<OptionRow>& rows, std::vector<Option
       continue;
     }
     if (option->get_positional()) {
-      arguments.push_back(argumentRow(*option));
+      addArguments(*option, arguments);
     } else {
       rows.push_back(optionRow(*option));
     }

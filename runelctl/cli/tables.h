@@ -14,13 +14,15 @@ namespace runelctl {
 
 /// The kind of a value or an argument.
 enum class Value {
-  none,      ///< the option has no value
-  any,       ///< any text
-  oneOf,     ///< one of a list of words
-  file,      ///< a local path
-  device,    ///< an address, or @NAME of a device at the master
-  remote,    ///< a remote path
-  programs,  ///< a remote program and its arguments
+  none,          ///< the option has no value
+  any,           ///< any text
+  oneOf,         ///< one of a list of words
+  file,          ///< a local path
+  device,        ///< an address, a name of the inventory, or @NAME of a device at the master
+  group,         ///< a group of the inventory
+  remote,        ///< a remote path
+  programs,      ///< a remote program and its arguments
+  fileOrRemote,  ///< a local or a remote path, by its place among the arguments
 };
 
 struct OptionRow {

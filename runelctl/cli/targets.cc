@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "cli/targets.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <sstream>
+#include <unordered_set>
 
 #include <fcntl.h>
 
@@ -11,32 +11,20 @@
 #include "base/unique_fd.h"
 #include "client/core/host_text.h"
 #include "client/core/paths.h"
+#include "inventory/selector.h"
 #include "output/style.h"
 
 namespace runelctl {
 namespace {
 
 constexpr mode_t kNewFileMode = 0666;
-constexpr char kListBlanks[] = " \t\r";
 
-void addOnce(std::vector<runel::Address>& targets, const runel::Address& target) {
-  if (std::find(targets.begin(), targets.end(), target) == targets.end()) {
-    targets.push_back(target);
-  }
+std::string lineText(int number) {
+  return "line " + std::to_string(number) + ": ";
 }
 
-bool addTarget(const std::string& text, const std::string& name,
-               std::vector<runel::Address>& targets, std::string& why) {
-  const runel::Result<runel::Address> address = runel::Address::parse(text);
-  if (!address) {
-    why = address.error().text();
-    return false;
-  }
-  addOnce(targets, name.empty() ? *address : address->named(name));
-  return true;
-}
-
-bool readLine(const std::string& line, std::vector<runel::Address>& targets, std::string& why) {
+bool readLine(const std::string& line, int number, std::vector<TargetLine>& targets,
+              std::string& why) {
   std::istringstream words(line.substr(0, line.find('#')));
   std::string first;
   std::string second;
@@ -46,40 +34,45 @@ bool readLine(const std::string& line, std::vector<runel::Address>& targets, std
   }
   const bool named = static_cast<bool>(words >> second);
   if (words >> third) {
-    why = "too many fields: expected DEVICE or NAME DEVICE";
+    why = lineText(number) + "too many fields: expected DEVICE or NAME DEVICE";
     return false;
   }
-  return addTarget(named ? second : first, named ? first : "", targets, why);
+  targets.push_back({number, named ? first : "", named ? second : first});
+  return true;
+}
+
+// HOST[:PORT] without the default port, or @NAME.
+std::string shortText(const runel::Address& target) {
+  return target.isBehindMaster() ? target.text()
+                                 : runel::Address(target.host(), target.port()).name();
 }
 
 }  // namespace
 
-bool parseTargetList(const std::string& text, std::vector<runel::Address>& targets,
-                     std::string& why) {
-  std::istringstream parts(text);
-  std::string part;
-  bool any = false;
-  while (std::getline(parts, part, ',')) {
-    part.erase(part.find_last_not_of(kListBlanks) + 1);
-    part.erase(0, part.find_first_not_of(kListBlanks));
-    if (part.empty()) {
-      continue;
-    }
-    if (!addTarget(part, "", targets, why)) {
+bool readTargetLines(std::istream& lines, std::vector<TargetLine>& targets, std::string& why) {
+  std::string line;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (!readLine(line, number, targets, why)) {
       return false;
     }
-    any = true;
   }
-  why = any ? "" : "empty device list";
-  return any;
+  return true;
 }
 
 bool readTargets(std::istream& lines, std::vector<runel::Address>& targets, std::string& why) {
-  std::string line;
-  for (int number = 1; std::getline(lines, line); ++number) {
-    if (!readLine(line, targets, why)) {
-      why = "line " + std::to_string(number) + ": " + why;
+  std::vector<TargetLine> found;
+  if (!readTargetLines(lines, found, why)) {
+    return false;
+  }
+  std::unordered_set<std::string> known;
+  for (const TargetLine& line : found) {
+    const runel::Result<runel::Address> address = parseAddress(line.device);
+    if (!address) {
+      why = lineText(line.number) + address.error().text();
       return false;
+    }
+    if (known.insert(addressKey(*address)).second) {
+      targets.push_back(line.name.empty() ? *address : address->named(line.name));
     }
   }
   return true;
@@ -88,7 +81,7 @@ bool readTargets(std::istream& lines, std::vector<runel::Address>& targets, std:
 int writeTargets(const std::string& path, const std::vector<runel::Address>& targets) {
   std::string text;
   for (const runel::Address& target : targets) {
-    const std::string where = target.text();
+    const std::string where = shortText(target);
     text += (target.name() == where ? "" : target.name() + " ") + where + "\n";
   }
   const zell::UniqueFd directory(

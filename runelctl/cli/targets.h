@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Lists of devices, as the command line and inventory files give them.
+// Files of devices, and addresses to listen on.
 #ifndef RUNELCTL_CLI_TARGETS_H_
 #define RUNELCTL_CLI_TARGETS_H_
 
@@ -12,13 +12,19 @@
 
 namespace runelctl {
 
-/// Parses a comma-separated list and adds its addresses to @p targets, without duplicates. Returns
-/// false and the error in @p why for other text.
-[[nodiscard]] bool parseTargetList(const std::string& text, std::vector<runel::Address>& targets,
+/// One line of a file of devices.
+struct TargetLine {
+  int number;
+  std::string name;  ///< empty if the line has only a device
+  std::string device;
+};
+
+/// Reads one device a line, optionally preceded by a name and a blank. '#' starts a comment.
+/// Returns false and the error in @p why, which names the line, for a line with more fields.
+[[nodiscard]] bool readTargetLines(std::istream& lines, std::vector<TargetLine>& targets,
                                    std::string& why);
 
-/// Reads one device a line: HOST[:PORT] or \@NAME, optionally preceded by a name and a blank. '#'
-/// starts a comment. The error in @p why names the line.
+/// Reads such a file of HOST[:PORT] or \@NAME, without duplicates.
 [[nodiscard]] bool readTargets(std::istream& lines, std::vector<runel::Address>& targets,
                                std::string& why);
 

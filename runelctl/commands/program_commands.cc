@@ -16,6 +16,21 @@
 namespace runelctl {
 namespace {
 
+// In the shell, a program runs in the directory of the last "cd". The task "exec" has no directory.
+std::vector<std::string> inDirectory(const Settings& settings, std::vector<std::string> program) {
+  if (settings.runThere) {
+    const std::vector<std::string> shell{"/bin/sh", "-c", "cd -- \"$0\" && exec \"$@\"",
+                                         settings.directory};
+    program.insert(program.begin(), shell.begin(), shell.end());
+  }
+  return program;
+}
+
+// The limit of the command line for a program is @p given, or 0.
+int limitFor(const JobContext& context, int given) {
+  return given > 0 ? given : context.settings.programLimitOf(context.device.address());
+}
+
 // Prints the output of the program unchanged and returns its exit status.
 class ExecJob : public Job {
  public:
@@ -98,8 +113,9 @@ class ExecCommand : public Command {
   }
 
   std::unique_ptr<Job> job(JobContext context) override {
-    const int limit = background_ ? -1 : *programLimit(context.settings);
-    return std::make_unique<ExecJob>(std::move(context), runel::Request::exec(words_, limit),
+    const int limit = background_ ? -1 : limitFor(context, limit_);
+    const std::vector<std::string> program = inDirectory(context.settings, words_);
+    return std::make_unique<ExecJob>(std::move(context), runel::Request::exec(program, limit),
                                      words_[0]);
   }
 
@@ -127,12 +143,13 @@ class ShellLineCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     std::string line = line_;
-    const int limit = *programLimit(context.settings);
+    const int limit = limitFor(context, limit_);
     if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
           runel::Request::exec(
-              {"/bin/sh", "-c", "cd -- \"$0\" && " + line, context.settings.directory}, limit),
+              {"/bin/sh", "-c", "cd -- \"$0\" || exit\n" + line, context.settings.directory},
+              limit),
           "sh");
     }
     return std::make_unique<ExecJob>(std::move(context),

@@ -55,6 +55,19 @@ void Settings::openSpool() {
   spool = std::make_shared<runel::Spool>(static_cast<std::size_t>(memory / 4 * 3));
 }
 
+runel::DeviceOptions Settings::limits(const runel::Address& target) const {
+  const Timeouts own = ownTimeouts(target);
+  runel::DeviceOptions options = limits();
+  options.setConnectTimeout(fromSeconds(own.connect.value_or(connectTimeout)))
+      .setIoTimeout(fromSeconds(own.io.value_or(ioTimeout)));
+  return options;
+}
+
+Timeouts Settings::ownTimeouts(const runel::Address& target) const {
+  const auto found = timeouts.find(target.text());
+  return found == timeouts.end() ? Timeouts() : found->second;
+}
+
 std::size_t Settings::memoryShare() const {
   const std::size_t parallel = std::min(targets.size(), static_cast<std::size_t>(jobs));
   const auto half = static_cast<std::size_t>(memory / 2);

@@ -7,16 +7,28 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <runel/address.h>
 #include <runel/async_device.h>
 
 #include "client/io/spool.h"
+#include "inventory/inventory.h"
 
 namespace runelctl {
 
 enum class Arrange { merge, prefix, group };
+
+/// The options of the command line that have precedence over defaults of the inventory.
+struct Given {
+  bool programLimit = false;
+  bool ioTimeout = false;
+  bool connectTimeout = false;
+  bool deadline = false;
+  bool wave = false;
+  bool maxFail = false;
+};
 
 struct Settings {
   std::vector<runel::Address> targets;
@@ -30,9 +42,9 @@ struct Settings {
   int retry = 0;
   bool retryUnsafe = false;
   int maxFail = 0;
-  int programLimit = 0;  ///< in seconds, enforced by the device; 0 for none
-  bool programLimitGiven = false;
-  double ioTimeout = 30;  ///< in seconds, for the wait for an answer
+  int programLimit = 0;            ///< in seconds, enforced by the device; 0 for none
+  bool programLimitGiven = false;  ///< on this command line, not on the one of its session
+  double ioTimeout = 30;           ///< in seconds, for the wait for an answer
   double connectTimeout = 10;
   std::optional<double> deadline;  ///< in seconds, for each attempt on a device; 0 for none
   std::string wave;
@@ -42,10 +54,24 @@ struct Settings {
   std::shared_ptr<runel::Spool> spool;               ///< null before the command line is parsed
   std::string colour = "auto";
   std::string masterSocket;
+  std::string inventoryFile;                   ///< of --inventory
+  std::shared_ptr<const Inventory> inventory;  ///< nullptr without a file
+  Given given;
+  /// Timeouts of single devices, by `Address::text`. They replace the ones above.
+  std::unordered_map<std::string, Timeouts> timeouts;
   Arrange arrange = Arrange::merge;
   std::string directory;  ///< base of relative remote paths
+  bool runThere = false;  ///< programs run in `directory` too
 
   [[nodiscard]] runel::DeviceOptions limits() const;
+  /// The timeouts of the device @p target.
+  [[nodiscard]] runel::DeviceOptions limits(const runel::Address& target) const;
+  /// The inventory's timeouts of the device @p target that apply.
+  [[nodiscard]] Timeouts ownTimeouts(const runel::Address& target) const;
+  /// The default limit for a program on the device @p target, in seconds, 0 for none.
+  [[nodiscard]] int programLimitOf(const runel::Address& target) const {
+    return ownTimeouts(target).program.value_or(programLimit);
+  }
   /// Creates the spool for the memory limit.
   void openSpool();
   /// Limit of file content in memory for one device, in bytes. It depends on the number of parallel

@@ -30,7 +30,7 @@ const std::vector<TaskRow>& rows() {
        "existence",
        {"PATH", "MODE"}},
       {"append", "append DATA to a file ('-': standard input)", {"PATH", "DATA"}},
-      {"blinkleds", "set the style of the LEDs: off, on, slow, fast or alternate", {"STYLE"}},
+      {"blinkleds", "set the style of the LEDs", {"STYLE"}},
       {"changeleds", "switch the two LEDs: 1 is on, any other value is off", {"FIRST", "SECOND"}},
       {"chmodx", "make a file executable for all users", {"PATH"}},
       {"devicetype", "print the device type", {}},
@@ -120,7 +120,10 @@ class TaskCommand : public Command {
 
   void define(CLI::App& app) override {
     for (std::size_t i = 0; i < words_.size(); ++i) {
-      app.add_option(row_.parameters[i], words_[i])->required();
+      auto* option = app.add_option(row_.parameters[i], words_[i])->required();
+      if (std::string(row_.parameters[i]) == "STYLE") {
+        option->type_name("{off,on,slow,fast,alternate}");  // the device checks it
+      }
     }
   }
 

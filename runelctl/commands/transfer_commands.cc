@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The commands push, pull and sync, and their arguments.
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "client/core/paths.h"
 #include "commands/command.h"
 #include "commands/transfer_job.h"
 
@@ -71,17 +73,44 @@ class PushCommand : public TransferCommand {
   void define(CLI::App& app) override {
     app.add_flag("-r,--recursive", recursive_, "copy directories recursively");
     defineChecks(app);
-    app.add_option("NAMES", plan().sources, "LOCAL... REMOTE")->required()->type_name("");
+    app.add_option("NAMES", plan().sources, "LOCAL... REMOTE ('-': standard input)")
+        ->required()
+        ->type_name("");
   }
 
   std::string check(const Settings& settings) override {
     (void)settings;
-    return splitLast() ? "" : "push: expected LOCAL... REMOTE";
+    if (!splitLast()) {
+      return "push: expected LOCAL... REMOTE";
+    }
+    if (!readsInput()) {
+      return "";
+    }
+    const std::string& target = plan().target;
+    const bool named = !target.empty() && target.back() != '/' && target != "." && target != "..";
+    return plan().sources.size() > 1 ? "push: standard input must be the only source"
+           : named                   ? ""
+                                     : "push: standard input needs the name of a file";
   }
 
-  std::optional<Error> prepare() override { return scan(recursive_); }
+  std::optional<Error> prepare() override {
+    if (readsInput()) {
+      auto input = spoolInput(runel::baseName(plan().target));
+      if (!input) {
+        return input.error();
+      }
+      plan().input = *input;
+      plan().sources = {plan().input->path()};
+    }
+    return scan(recursive_);
+  }
 
  private:
+  bool readsInput() {
+    const std::vector<std::string>& sources = plan().sources;
+    return std::find(sources.begin(), sources.end(), "-") != sources.end();
+  }
+
   bool recursive_ = false;
 };
 
@@ -121,13 +150,19 @@ class PullCommand : public TransferCommand {
   void define(CLI::App& app) override {
     app.add_flag("-r,--recursive", recursive_, "copy directories recursively");
     defineChecks(app);
-    app.add_option("NAMES", plan().sources, "REMOTE... LOCAL")->required()->type_name("");
+    app.add_option("NAMES", plan().sources, "REMOTE... LOCAL ('-': standard output)")
+        ->required()
+        ->type_name("");
   }
 
   std::string check(const Settings& settings) override {
     (void)settings;
     if (!splitLast() || plan().target.empty()) {
       return "pull: expected REMOTE... LOCAL";
+    }
+    plan().toOutput = plan().target == "-";
+    if (plan().toOutput && (recursive_ || plan().sources.size() > 1)) {
+      return "pull: standard output takes one file";
     }
     plan().options.setRecursive(recursive_);
     return "";

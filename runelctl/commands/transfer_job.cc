@@ -3,10 +3,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <runel/records.h>
+
+#include "base/unique_fd.h"
+#include "client/core/paths.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -14,11 +21,21 @@ namespace {
 
 using Way = TransferPlan::Way;
 
+constexpr std::size_t kOutputPart = 65536;
+constexpr mode_t kOutputMode = 0600;
+
 // A local directory name for a device name.
 std::string directoryName(const std::string& device) {
   std::string name = device;
   std::replace(name.begin(), name.end(), '/', '_');
   return name == "." || name == ".." ? "_" : name;
+}
+
+// The name of the temporary file for the content of @p path, as warnings show it.
+std::string outputName(const std::string& path) {
+  const std::string name = runel::baseName(path);
+  const bool usable = !name.empty() && name != "/" && name != "." && name != "..";
+  return usable ? name : "content";
 }
 
 // The directory with a directory for each device.
@@ -57,28 +74,83 @@ void TransferJob::start() {
   const auto done = [this](const runel::TransferReport& report) { end(report); };
   if (plan_.way == Way::pull) {
     startPull(done);
+  } else if (!plan_.input || settings().dryRun) {
+    startPush(done);
   } else {
-    const auto start =
-        plan_.way == Way::sync ? runel::AsyncTransfer::sync : runel::AsyncTransfer::push;
-    transfer_ = start(device(), *plan_.files, remote(plan_.target), plan_.options, done);
+    // Standard input has no name that it could get in a directory.
+    const std::string target = remote(plan_.target);
+    ask(runel::Request({"stat", target}), [this, target, done](const runel::Reply& reply) {
+      const auto there = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
+      if (there && there->isDirectory()) {
+        fail(Error(Fault::task, target + ": " + runel::systemText(EISDIR),
+                   "standard input needs the name of a file", EISDIR));
+      } else {
+        startPush(done);
+      }
+    });
   }
 }
 
-// With several devices, each has a separate directory.
+void TransferJob::startPush(const runel::AsyncTransfer::Done& done) {
+  const auto start =
+      plan_.way == Way::sync ? runel::AsyncTransfer::sync : runel::AsyncTransfer::push;
+  transfer_ = start(device(), *plan_.files, remote(plan_.target), plan_.options, done);
+}
+
 void TransferJob::startPull(const runel::AsyncTransfer::Done& done) {
   std::vector<std::string> sources;
   for (const std::string& source : plan_.sources) {
     sources.push_back(remote(source));
   }
-  if (settings().targets.size() > 1) {
-    const auto error = settings().dryRun ? std::nullopt : makeOuterDirectory(plan_.target);
-    if (error) {
-      fail(*error);
-      return;
+  std::string target = plan_.target;
+  if (const auto error = settings().dryRun ? std::nullopt : placePull(target)) {
+    fail(*error);
+    return;
+  }
+  transfer_ = runel::AsyncTransfer::pull(device(), sources, target, plan_.options, done);
+}
+
+// With several devices, each has a separate directory. Standard output gets a complete file or
+// nothing.
+std::optional<Error> TransferJob::placePull(std::string& target) {
+  if (plan_.toOutput) {
+    const auto file = TemporaryFile::create(outputName(plan_.sources.front()));
+    if (!file) {
+      return file.error();
+    }
+    output_ = *file;
+    target = output_->path();
+    plan_.options.setResume(false);
+  } else if (settings().targets.size() > 1) {
+    if (const auto error = makeOuterDirectory(target)) {
+      return error;
     }
     plan_.options.setSubdirectory(directoryName(device().address().name()));
   }
-  transfer_ = runel::AsyncTransfer::pull(device(), sources, plan_.target, plan_.options, done);
+  return std::nullopt;
+}
+
+std::optional<Error> TransferJob::writeOutput() {
+  // The mode is that of the file on the device. It may forbid reading.
+  (void)fchmodat(AT_FDCWD, output_->path().c_str(), kOutputMode, AT_SYMLINK_NOFOLLOW);
+  const zell::UniqueFd file(open(output_->path().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  std::string part(kOutputPart, '\0');
+  std::string content;  // for JSON
+  ssize_t got = read(file.get(), part.data(), part.size());
+  while (got > 0) {
+    const std::string_view bytes(part.data(), static_cast<std::size_t>(got));
+    report().bytes(bytes);
+    content.append(report().json() ? bytes : std::string_view());
+    got = read(file.get(), part.data(), part.size());
+  }
+  if (got < 0) {
+    return localError(output_->path(), errno);
+  }
+  Json object{{"entry", "file"}};
+  putBytes(object, "path", remote(plan_.sources.front()));
+  moveBytes(object, "content", std::move(content));
+  report().entry(object);
+  return std::nullopt;
 }
 
 std::optional<runel::Request> TransferJob::cleanUp() const {
@@ -102,8 +174,12 @@ void TransferJob::tell(const runel::TransferReport& done) {
   }
   result["files"] = done.files();
   result["bytes"] = done.bytes();
-  if (report().style().outTerminal && !report().style().quiet) {
-    report().line(countText(done.files(), "file") + ", " + sizeText(done.bytes()));
+  const std::string summary = countText(done.files(), "file") + ", " + sizeText(done.bytes());
+  const Style& style = report().style();
+  if (plan_.way == Way::sync && !style.quiet) {
+    report().line("sent " + summary + "; removed " + std::to_string(done.removed()));
+  } else if (style.outTerminal && !style.quiet && !plan_.toOutput) {
+    report().line(summary);
   }
 }
 
@@ -113,6 +189,8 @@ void TransferJob::end(const runel::TransferReport& done) {
     fail(*done.error());
   } else if (done.error()) {
     finish({kExitTaskFailed, *done.error()});
+  } else if (const auto error = output_ && done.files() > 0 ? writeOutput() : std::nullopt) {
+    fail(*error);
   } else if (done.partial()) {
     finish({kExitTaskFailed, std::nullopt, "incomplete"});
   } else {

@@ -11,6 +11,7 @@
 #include <runel/transfer.h>
 
 #include "commands/job.h"
+#include "commands/temporary_file.h"
 
 namespace runelctl {
 
@@ -23,6 +24,8 @@ struct TransferPlan {
   std::string target;                ///< as given on the command line
   runel::TransferOptions options;
   std::optional<runel::PushSources> files;  ///< not for a pull: what was found below `sources`
+  std::shared_ptr<TemporaryFile> input;     ///< of a push: the data of standard input
+  bool toOutput = false;                    ///< of a pull: writes the file to standard output
 };
 
 class TransferJob : public Job {
@@ -36,11 +39,15 @@ class TransferJob : public Job {
   [[nodiscard]] bool resumes() const override { return true; }
 
  private:
+  void startPush(const runel::AsyncTransfer::Done& done);
   void startPull(const runel::AsyncTransfer::Done& done);
+  [[nodiscard]] std::optional<Error> placePull(std::string& target);
+  [[nodiscard]] std::optional<Error> writeOutput();
   void tell(const runel::TransferReport& done);
   void end(const runel::TransferReport& done);
 
   TransferPlan plan_;
+  std::shared_ptr<TemporaryFile> output_;  // what a pull writes to standard output
   std::unique_ptr<runel::AsyncTransfer> transfer_;
   bool told_ = false;
 };

@@ -42,6 +42,8 @@ class AgentCommand : public LocalCommand {
                  "send the input unchecked: this can block the relay or stop the daemon");
   }
 
+  [[nodiscard]] Devices devices() const override { return Devices::usual; }
+
   std::string check(const Settings& settings) override {
     return settings.dryRun ? "agent: --dry-run is not supported" : "";
   }
@@ -69,7 +71,7 @@ class AgentCommand : public LocalCommand {
     };
     const InputAgent agent(
         loop, STDIN_FILENO,
-        {target, settings.limits().connectTimeout(),
+        {target, settings.limits(target).connectTimeout(),
          runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(linger_ * 1000))),
          raw_},
         {show, ended});

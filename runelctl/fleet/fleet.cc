@@ -23,25 +23,68 @@ constexpr int kFleetDeadline = 600;
 constexpr char kUnknown[] = "it is unknown whether the task ran: check, then run it again";
 constexpr char kHasRun[] = "not repeated, because a task of the command has run";
 
-// The limit for each attempt, in seconds, 0 for none.
-double deadlineOf(const Settings& settings, const Command& command) {
-  if (settings.deadline || settings.targets.size() < 2) {
-    return settings.deadline.value_or(0);
+// The limit that a user chose for each attempt on a device, whose timeouts in the inventory are
+// @p own. In seconds, 0 for none.
+std::optional<double> chosenDeadline(const Settings& settings, const Timeouts& own) {
+  return own.deadline ? own.deadline : settings.deadline;
+}
+
+// The limit for each attempt on such a device, in seconds, 0 for none.
+double deadlineOf(const Settings& settings, const Command& command, const Timeouts& own) {
+  const std::optional<double> chosen = chosenDeadline(settings, own);
+  if (chosen || settings.targets.size() < 2) {
+    return chosen.value_or(0);
   }
-  const double allowed = command.allowedTime(settings);
-  return allowed > 0 ? std::max<double>(kFleetDeadline, allowed + 2 * settings.ioTimeout)
-                     : kFleetDeadline;
+  double allowed = command.allowedTime(settings);
+  if (own.program && command.programLimit(settings)) {
+    allowed = std::max<double>(allowed, *own.program);
+  }
+  return allowed > 0
+             ? std::max<double>(kFleetDeadline, allowed + 2 * own.io.value_or(settings.ioTimeout))
+             : kFleetDeadline;
+}
+
+// The default deadline of a transfer is about its silence: see Fleet::watch.
+bool limitsSilence(const Settings& settings, const Command& command, const Timeouts& own) {
+  return command.transfers() && settings.targets.size() > 1 && !chosenDeadline(settings, own);
 }
 
 runel::Milliseconds fromSecondsUp(double seconds) {
   return std::chrono::ceil<runel::Milliseconds>(std::chrono::duration<double>(seconds));
 }
 
-Error deadlineError(const Settings& settings, const Command& command) {
+std::optional<runel::Milliseconds> deadlineOption(const Settings& settings, const Command& command,
+                                                  const Timeouts& own) {
+  const double deadline = deadlineOf(settings, command, own);
+  return deadline > 0 && !limitsSilence(settings, command, own)
+             ? std::make_optional(fromSecondsUp(deadline))
+             : std::nullopt;
+}
+
+Error deadlineError(const Settings& settings, const Command& command,
+                    const runel::Address& target) {
+  const Timeouts own = settings.ownTimeouts(target);
   const std::string usual = "the default with several devices is " +
-                            std::to_string(std::lround(deadlineOf(settings, command))) +
+                            std::to_string(std::lround(deadlineOf(settings, command, own))) +
                             " s: see --deadline";
-  return {Fault::timedOut, "deadline exceeded", settings.deadline ? "" : usual, ETIMEDOUT};
+  return {Fault::timedOut, "deadline exceeded", chosenDeadline(settings, own) ? "" : usual,
+          ETIMEDOUT};
+}
+
+// For devices whose timeouts the inventory sets.
+void setOwnTimeouts(const Settings& settings, const Command& command,
+                    runel::FleetOptions& options) {
+  for (std::size_t index = 0; index < settings.targets.size(); ++index) {
+    const runel::Address& target = settings.targets[index];
+    const Timeouts own = settings.ownTimeouts(target);
+    if (own.empty()) {
+      continue;
+    }
+    runel::DeviceOptions device = settings.limits(target);
+    device.setRetries(settings.retry, kRetryPause);
+    options.setDevice(index, device);
+    options.setDeadline(index, deadlineOption(settings, command, own));
+  }
 }
 
 runel::FleetOptions optionsFor(const Settings& settings, const Command& command) {
@@ -54,11 +97,8 @@ runel::FleetOptions optionsFor(const Settings& settings, const Command& command)
       .setFailFast(settings.failFast)
       .setDevice(device);
   (void)options.setWaves(settings.wave);  // the text is valid: it was checked before
-  const double deadline = deadlineOf(settings, command);
-  // The default deadline of a transfer is about its silence: see Fleet::watch.
-  if (deadline > 0 && (settings.deadline || !command.transfers())) {
-    options.setDeadline(fromSecondsUp(deadline));
-  }
+  options.setDeadline(deadlineOption(settings, command, Timeouts()));
+  setOwnTimeouts(settings, command, options);
   return options;
 }
 
@@ -121,10 +161,13 @@ class Fleet::Attempt : public runel::FleetJob {
     return transient && allowed;
   }
 
-  /// Ends an attempt whose device has been silent for @p limit.
-  void endAfter(runel::Milliseconds limit) {
-    if (attempt_.device.silence() >= limit) {
-      const Error late = deadlineError(fleet_.settings_, fleet_.command_);
+  /// Ends an attempt whose device has been silent for too long.
+  void endSilent() {
+    const Settings& settings = fleet_.settings_;
+    const Timeouts own = settings.ownTimeouts(member_.target);
+    if (limitsSilence(settings, fleet_.command_, own) &&
+        attempt_.device.silence() >= fromSecondsUp(deadlineOf(settings, fleet_.command_, own))) {
+      const Error late = deadlineError(settings, fleet_.command_, member_.target);
       done({exitStatusOf(late), late});
     }
   }
@@ -253,7 +296,7 @@ Outcome Fleet::outcomeOf(const Member& member, const runel::FleetResult& result)
     return {cancelled_, Error(Fault::cancelled, "interrupted")};
   }
   if (error.cause() == runel::Cause::deadline || !member.outcome) {
-    const Error late = deadlineError(settings_, command_);
+    const Error late = deadlineError(settings_, command_, member.target);
     return {exitStatusOf(late), late};
   }
   return *member.outcome;
@@ -312,11 +355,9 @@ void Fleet::watch() {
     return;
   }
   watched_ = now;
-  if (!settings_.deadline && command_.transfers() && members_.size() > 1) {
-    for (const auto& member : members_) {
-      if (member->attempt != nullptr) {
-        member->attempt->endAfter(fromSecondsUp(deadlineOf(settings_, command_)));
-      }
+  for (const auto& member : members_) {
+    if (member->attempt != nullptr) {
+      member->attempt->endSilent();
     }
   }
   const std::string before = std::exchange(

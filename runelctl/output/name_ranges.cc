@@ -7,11 +7,11 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "inventory/name_pattern.h"
+
 namespace runelctl {
 namespace {
 
-// More digits are a serial number or a hash. The syntax of ranges has the same limit.
-constexpr std::size_t kMostDigits = 9;
 constexpr std::size_t kLeastFolded = 3;
 constexpr std::size_t kMostSpelledOut = 4;
 
@@ -33,7 +33,7 @@ std::vector<Division> divisionsOf(const std::string& name) {
   std::size_t begin = name.find_first_of(kDecimalDigits);
   while (begin != std::string::npos) {
     const std::size_t end = std::min(name.find_first_not_of(kDecimalDigits, begin), name.size());
-    if (end - begin <= kMostDigits) {
+    if (end - begin <= kMostRangeDigits) {
       divisions.push_back(
           {name.substr(0, begin) + "[" + name.substr(end), name.substr(begin, end - begin), begin});
     }

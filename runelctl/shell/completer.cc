@@ -23,11 +23,8 @@ bool typeable(const std::string& name) {
 
 }  // namespace
 
-Completer::Completer(Tables tables, std::vector<std::string> own, List remote, List local)
-    : tables_(std::move(tables)),
-      own_(std::move(own)),
-      remote_(std::move(remote)),
-      local_(std::move(local)) {}
+Completer::Completer(Tables tables, std::vector<std::string> own, Lists lists)
+    : tables_(std::move(tables)), own_(std::move(own)), lists_(std::move(lists)) {}
 
 Completer::Offer Completer::complete(const std::string& before) const {
   Line line = cutLine(before);
@@ -42,6 +39,7 @@ Completer::Offer Completer::complete(const std::string& before) const {
     offer.words.push_back(quoteWord(candidate));
   }
   std::sort(offer.words.begin(), offer.words.end());
+  offer.words.erase(std::unique(offer.words.begin(), offer.words.end()), offer.words.end());
   return offer;
 }
 
@@ -71,7 +69,7 @@ std::vector<std::string> Completer::candidates(const std::vector<std::string>& b
     return optionNames(command, word);
   }
   if (own) {
-    return before.front() == "cd" ? paths(remote_, word) : paths(local_, word);
+    return completePath(before.front() == "cd" ? lists_.remote : lists_.local, word);
   }
   if (command == nullptr) {
     return commandNames(word);
@@ -111,16 +109,26 @@ std::vector<std::string> Completer::values(const OptionRow& row, const std::stri
       addMatching(matches, row.words, word);
       return matches;
     case Value::file:
-      return paths(local_, word);
+      return completePath(lists_.local, word);
     case Value::remote:
     case Value::programs:
-      return paths(remote_, word);
+      return completePath(lists_.remote, word);
+    case Value::fileOrRemote:
+      matches = completePath(lists_.local, word);
+      addMatching(matches, completePath(lists_.remote, word), word);
+      return matches;
+    case Value::device:
+      addMatching(matches, lists_.devices(), word);
+      return matches;
+    case Value::group:
+      addMatching(matches, lists_.groups(), word);
+      return matches;
     default:
       return matches;
   }
 }
 
-std::vector<std::string> Completer::paths(const List& list, const std::string& word) {
+std::vector<std::string> completePath(const Completer::List& list, const std::string& word) {
   const std::size_t slash = word.rfind('/');
   const std::string directory = slash == std::string::npos ? "" : word.substr(0, slash + 1);
   const std::string start = word.substr(directory.size());

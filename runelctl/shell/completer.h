@@ -19,10 +19,17 @@ struct DirectoryEntry {
   bool directory = false;
 };
 
-/// Sends no requests itself: functions list the directories.
+/// Sends no requests itself: functions list directories and names.
 class Completer {
  public:
   using List = std::function<std::vector<DirectoryEntry>(const std::string& directory)>;
+  using Names = std::function<std::vector<std::string>()>;
+  struct Lists {
+    List remote;
+    List local;
+    Names devices;
+    Names groups;
+  };
 
   /// The candidates for the last word of the line, quoted.
   struct Offer {
@@ -31,7 +38,7 @@ class Completer {
   };
 
   /// @p own are the built-in commands of the shell.
-  Completer(Tables tables, std::vector<std::string> own, List remote, List local);
+  Completer(Tables tables, std::vector<std::string> own, Lists lists);
 
   /// @p before is the line up to the cursor.
   [[nodiscard]] Offer complete(const std::string& before) const;
@@ -44,13 +51,16 @@ class Completer {
                                                      const std::string& word) const;
   [[nodiscard]] std::vector<std::string> values(const OptionRow& row,
                                                 const std::string& word) const;
-  static std::vector<std::string> paths(const List& list, const std::string& word);
 
   const Tables tables_;
   const std::vector<std::string> own_;
-  const List remote_;
-  const List local_;
+  const Lists lists_;
 };
+
+/// The paths that @p word may become, with '/' after directories. @p list lists the directory of
+/// @p word. Omits names that cannot be typed.
+[[nodiscard]] std::vector<std::string> completePath(const Completer::List& list,
+                                                    const std::string& word);
 
 /// The longest common prefix of @p words, in complete characters.
 [[nodiscard]] std::string sharedBeginning(const std::vector<std::string>& words);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The completion script for bash.
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -16,16 +17,15 @@ std::string joined(const std::vector<std::string>& words, const std::string& bet
   return text;
 }
 
-// The names of all options with a value for which @p wanted is true, as a pattern of `case`.
-template <typename Wanted>
-std::string pattern(const std::vector<OptionRow>& rows, const Wanted& wanted) {
-  std::vector<std::string> names;
+// The names of all options with a value, for the command @p name, as a pattern of `case`.
+std::string valuePattern(const std::string& name, const std::vector<OptionRow>& rows) {
+  std::string text;
   for (const OptionRow& row : rows) {
-    if (row.value != Value::none && wanted(row)) {
-      names.insert(names.end(), row.names.begin(), row.names.end());
+    if (row.value != Value::none) {
+      text += (text.empty() ? "" : "|") + name + ":" + joined(row.names, "|" + name + ":");
     }
   }
-  return joined(names, "|");
+  return text;
 }
 
 std::string names(const std::vector<OptionRow>& rows) {
@@ -36,6 +36,27 @@ std::string names(const std::vector<OptionRow>& rows) {
   return joined(all, " ");
 }
 
+// The command that offers values of @p row.
+std::string offerOf(const OptionRow& row) {
+  switch (row.value) {
+    case Value::oneOf:
+      return "_runelctl_words '" + joined(row.words, " ") + "'";
+    case Value::file:
+      return "_runelctl_files";
+    case Value::device:
+      return "_runelctl_devices";
+    case Value::group:
+      return "_runelctl_groups";
+    case Value::remote:
+    case Value::programs:
+      return "_runelctl_remote";
+    case Value::fileOrRemote:
+      return "_runelctl_files; _runelctl_remote";
+    default:
+      return "COMPREPLY=()";
+  }
+}
+
 // One branch of `case` for each option of @p rows with a value, for the command @p name.
 std::string valueBranches(const std::string& name, const std::vector<OptionRow>& rows) {
   std::string text;
@@ -43,89 +64,98 @@ std::string valueBranches(const std::string& name, const std::vector<OptionRow>&
     if (row.value == Value::none) {
       continue;
     }
-    text += "    " + name + ":" + joined(row.names, "|" + name + ":") + ") ";
-    switch (row.value) {
-      case Value::oneOf:
-        text += "_runelctl_words '" + joined(row.words, " ") + "'";
-        break;
-      case Value::file:
-        text += "_runelctl_files";
-        break;
-      case Value::device:
-        text += "_runelctl_devices";
-        break;
-      default:
-        text += "COMPREPLY=()";
-    }
-    text += "; return ;;\n";
+    text += "    " + name + ":" + joined(row.names, "|" + name + ":") + ") " + offerOf(row) +
+            "; return ;;\n";
   }
   return text;
 }
 
-// The branch of `case` for the arguments of @p row, if this host knows their values.
-std::string argumentBranch(const CommandRow& row) {
-  for (const OptionRow& argument : row.arguments) {
-    if (argument.value == Value::file) {
-      return "    " + row.name + ":*) _runelctl_files ;;\n";
-    }
-    if (argument.value == Value::oneOf) {
-      return "    " + row.name + ":*) _runelctl_words '" + joined(argument.words, " ") + "' ;;\n";
-    }
+// The branches of `case` for the arguments of @p row. The last argument may repeat.
+std::string argumentBranches(const CommandRow& row) {
+  std::string text;
+  for (std::size_t i = 0; i < row.arguments.size(); ++i) {
+    const std::string place = i + 1 == row.arguments.size() ? "*" : std::to_string(i);
+    text += "    " + row.name + ":" + place + ") " + offerOf(row.arguments[i]) + " ;;\n";
   }
-  return "";
+  return text;
 }
 
-// The functions of the script. '@' ends a word in bash: the text after it is a separate word.
-const char* const kHelpers = R"(_runelctl_words() {
+// The functions of the script. "runelctl complete" knows the names. '@' ends a word in bash: the
+// text after it is a separate word.
+const char* const kHelpers = R"sh(_runelctl_words() {
   mapfile -t COMPREPLY < <(compgen -W "$1" -- "$word")
 }
 _runelctl_files() {
   compopt -o filenames 2>/dev/null
   mapfile -t COMPREPLY < <(compgen -f -- "$word")
 }
-_runelctl_devices() {
-  local names
-  names=$(runelctl devices --names 2>/dev/null)
-  if [[ $word == @ ]]; then
-    word=
-  elif [[ $word == '' && $previous != @ ]]; then
-    names=${names:+$(printf '@%s ' $names)}
-  fi
-  mapfile -t COMPREPLY < <(compgen -W "$names" -- "$word")
+_runelctl_known() {
+  runelctl complete "$1" "${COMP_LINE:0:COMP_POINT}" "$word" 2>/dev/null
 }
-)";
+_runelctl_devices() {
+  local name names=()
+  while IFS= read -r name; do
+    if [[ $word != @ && $previous != @ ]]; then
+      names+=("$name")
+    elif [[ $name == @* ]]; then
+      names+=("${name#@}")
+    fi
+  done < <(_runelctl_known devices)
+  [[ $word == @ ]] && word=
+  _runelctl_words "${names[*]}"
+}
+_runelctl_groups() {
+  _runelctl_words "$(_runelctl_known groups)"
+}
+_runelctl_remote() {
+  local path
+  compopt -o filenames 2>/dev/null
+  while IFS= read -r path; do
+    COMPREPLY+=("$path")
+  done < <(_runelctl_known remote)
+  [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace 2>/dev/null
+}
+)sh";
 
 }  // namespace
 
 std::string bashCompletion(const Tables& tables) {
-  const auto any = [](const OptionRow&) { return true; };
   std::string values;
   std::string words;
   std::string commands;
+  std::string withValue = valuePattern("*", tables.options);
   for (const CommandRow& row : tables.commands) {
     commands += (commands.empty() ? "" : " ") + row.name;
     values += valueBranches(row.name, row.options);
-    const std::string own = names(row.options);
-    words += "    " + row.name + ":-*) _runelctl_words '" + own + " '\"$general\" ;;\n";
-    words += argumentBranch(row);
+    words += argumentBranches(row);
+    const std::string own = valuePattern(row.name, row.options);
+    withValue += own.empty() ? "" : "|" + own;
+  }
+  std::string options;
+  for (const CommandRow& row : tables.commands) {
+    options += "    " + row.name + ":-*) _runelctl_words '" + names(row.options) +
+               " '\"$general\"; return ;;\n";
   }
   return "# bash completion for runelctl, generated by \"runelctl completion bash\".\n" +
          std::string(kHelpers) +
          "_runelctl() {\n"
          "  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}\n"
-         "  local option=$previous command= i\n"
+         "  local option=$previous command= place=0 i\n"
          "  local general='" +
          names(tables.options) +
          "'\n"
+         "  COMPREPLY=()\n"
          "  for ((i = 1; i < COMP_CWORD; ++i)); do\n"
-         "    case ${COMP_WORDS[i]} in\n"
+         "    case $command:${COMP_WORDS[i]} in\n"
          "      " +
-         pattern(tables.options, any) +
+         withValue +
          ")\n"
          "        ((++i))\n"
-         "        [[ ${COMP_WORDS[i]} == @ ]] && ((++i)) ;;\n"
-         "      -*) ;;\n"
-         "      *) command=${COMP_WORDS[i]}; break ;;\n"
+         "        [[ ${COMP_WORDS[i]} == [@=] ]] && ((++i))\n"
+         "        while [[ ${COMP_WORDS[i+1]} == [:=@] ]]; do ((i += 2)); done ;;\n"
+         "      *:-?*) ;;\n"
+         "      :*) command=${COMP_WORDS[i]} ;;\n"
+         "      *) ((++place)) ;;\n"
          "    esac\n"
          "  done\n"
          "  if [[ $word == @ ]]; then\n"
@@ -137,10 +167,12 @@ std::string bashCompletion(const Tables& tables) {
          values + valueBranches("*", tables.options) +
          "  esac\n"
          "  case $command:$word in\n"
-         "    :-*) _runelctl_words \"$general\" ;;\n"
+         "    :-*) _runelctl_words \"$general\"; return ;;\n"
          "    :*) _runelctl_words '" +
-         commands + "' ;;\n" + words +
-         "    *) COMPREPLY=() ;;\n"
+         commands + "'; return ;;\n" + options +
+         "  esac\n"
+         "  case $command:$place in\n" +
+         words +
          "  esac\n"
          "}\n"
          "complete -F _runelctl runelctl\n";

@@ -33,7 +33,14 @@ std::string value(const OptionRow& row) {
     case Value::file:
       return " -F";
     case Value::device:
-      return " -x -a '(__runelctl_devices)'";
+      return " -x -a '(__runelctl_known devices)'";
+    case Value::group:
+      return " -x -a '(__runelctl_known groups)'";
+    case Value::remote:
+    case Value::programs:
+      return " -x -a '(__runelctl_known remote)'";
+    case Value::fileOrRemote:
+      return " -F -a '(__runelctl_known remote)'";
     default:
       return " -x";
   }
@@ -66,7 +73,7 @@ std::string fishCompletion(const Tables& tables) {
             row.name + " -d " + inQuotes(row.help) + "\n";
     each += options(start, row.options);
     for (const OptionRow& argument : row.arguments) {
-      if (argument.value == Value::file || argument.value == Value::oneOf) {
+      if (argument.value != Value::any) {
         each += start + value(argument) + "\n";
       }
     }
@@ -75,10 +82,8 @@ std::string fishCompletion(const Tables& tables) {
          "set -g __runelctl_commands" +
          names +
          "\n"
-         "function __runelctl_devices\n"
-         "  for name in (runelctl devices --names 2>/dev/null)\n"
-         "    echo @$name\n"
-         "  end\n"
+         "function __runelctl_known\n"
+         "  runelctl complete $argv[1] (commandline -cp | string collect) 2>/dev/null\n"
          "end\n"
          "complete -c runelctl -f\n" +
          options("complete -c runelctl", tables.options) + each;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "shell/shell.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -15,57 +14,20 @@
 #include <runel/records.h>
 
 #include "cli/command_line.h"
-#include "cli/signals.h"
-#include "cli/targets.h"
 #include "client/core/paths.h"
 #include "output/standard_output.h"
 #include "output/text.h"
 #include "shell/line_editor.h"
+#include "shell/names.h"
+#include "shell/remote_directory.h"
 
 namespace runelctl {
 namespace {
 
 // Timeout for the requests of a completion.
 constexpr runel::Milliseconds kListTime{3000};
-constexpr std::size_t kMostMarked = 500;
 
 const char* const kOwn[] = {"cd", "exit", "help", "lcd", "pwd", "quit"};
-
-// The options of the shell's command line that apply to each of its lines.
-std::vector<std::string> commonOptions(const Settings& settings) {
-  std::vector<std::string> words{"--io-timeout",      std::to_string(settings.ioTimeout),
-                                 "--connect-timeout", std::to_string(settings.connectTimeout),
-                                 "--color",           settings.colour,
-                                 "--master-socket",   settings.masterSocket,
-                                 "--memory",          std::to_string(settings.memory)};
-  const auto flag = [&](bool given, const char* word) {
-    if (given) {
-      words.emplace_back(word);
-    }
-  };
-  flag(settings.json, "--json");
-  flag(settings.quiet, "--quiet");
-  flag(settings.yes, "--yes");
-  flag(settings.dryRun, "--dry-run");
-  flag(settings.arrange == Arrange::prefix, "--prefix");
-  flag(settings.arrange == Arrange::group, "--group");
-  if (settings.deadline) {
-    words.insert(words.end(), {"--deadline", std::to_string(*settings.deadline)});
-  }
-  if (settings.jobsGiven) {
-    words.insert(words.end(), {"--jobs", std::to_string(settings.jobs)});
-  }
-  if (!settings.outputDirectory.empty()) {
-    words.insert(words.end(), {"--output-dir", settings.outputDirectory});
-  }
-  return words;
-}
-
-bool namesDevice(const std::vector<std::string>& words) {
-  return std::any_of(words.begin(), words.end(), [](const std::string& word) {
-    return word == "-d" || word == "--device" || word == "--devices";
-  });
-}
 
 // In the user's state directory; empty without a home directory.
 std::string historyFile() {
@@ -97,23 +59,14 @@ std::vector<DirectoryEntry> listLocal(const std::string& directory) {
 }  // namespace
 
 Shell::Shell(const Settings& settings, const Style& style)
-    : settings_(settings),
-      style_(style),
-      session_{loop_, nullptr, {}, "/", settings.programLimit},
-      before_("/") {
+    : style_(style), session_{loop_, nullptr, settings}, before_("/") {
   loop_.setResolver(runel::blockingResolver());
-  session_.before = commonOptions(settings);
-  for (const runel::Address& target : settings.targets) {
-    where_.insert(where_.end(), {"-d", target.text()});
-  }
-  if (settings.targets.size() == 1) {
-    // Named as in the command lines, so that they find the open connection.
-    std::vector<runel::Address> same;
-    std::string why;
-    if (parseTargetList(where_[1], same, why)) {
-      device_.emplace(loop_, same.front(), settings.limits());
-      session_.device = &*device_;
-    }
+  session_.settings.directory = "/";
+  session_.settings.retryFailed.clear();
+  session_.settings.programLimitGiven = false;  // it applies to the lines with a program
+  if (targets().size() == 1) {
+    device_.emplace(loop_, targets().front(), settings.limits(targets().front()));
+    session_.device = &*device_;
   }
 }
 
@@ -128,9 +81,10 @@ int Shell::run() {
 
 void Shell::readTerminal() {
   CommandLine line;
-  Completer completer(
-      readTables(line.app()), {std::begin(kOwn), std::end(kOwn)},
-      [this](const std::string& directory) { return list(directory); }, listLocal);
+  const Completer completer(readTables(line.app()), {std::begin(kOwn), std::end(kOwn)},
+                            {[this](const std::string& directory) { return list(directory); },
+                             listLocal, [this] { return deviceNames(session_.settings); },
+                             [this] { return groupNames(session_.settings); }});
   LineEditor editor(historyFile(),
                     [&](const std::string& before) { return completer.complete(before); });
   std::string text;
@@ -169,7 +123,7 @@ bool Shell::runOwn(const std::vector<std::string>& words) {
   } else if (name == "lcd") {
     status_ = changeLocalDirectory(words);
   } else if (name == "pwd") {
-    status_ = writeOut(style_, style_.name(session_.directory) + "\n") ? 0 : kExitTaskFailed;
+    status_ = writeOut(style_, style_.name(directory()) + "\n") ? 0 : kExitTaskFailed;
   } else if (name == "exit" || name == "quit") {
     status_ = leave(words);
   } else if (name == "help") {
@@ -190,17 +144,14 @@ int Shell::leave(const std::vector<std::string>& words) {
 // With several devices the directory is not checked: it may be missing on some of them.
 int Shell::changeDirectory(const std::vector<std::string>& words) {
   std::string wanted = words.size() > 1 ? words[1] : "/";
-  wanted = wanted == "-" ? before_ : runel::joinPath(session_.directory, wanted);
+  wanted = wanted == "-" ? before_ : runel::joinPath(directory(), wanted);
   if (words.size() > 2) {
     complain("cd: too many arguments");
     return kExitUsage;
   }
-  if (device_ && !settings_.dryRun) {
-    const runel::Reply real =
-        ask(runel::Request({"realpath", wanted}), settings_.limits().ioTimeout());
-    const runel::Reply about =
-        real.ok() ? ask(runel::Request({"stat", real.output()}), settings_.limits().ioTimeout())
-                  : real;
+  if (device_ && !session_.settings.dryRun) {
+    const runel::Reply real = ask({"realpath", wanted});
+    const runel::Reply about = real.ok() ? ask({"stat", real.output()}) : real;
     const std::optional<runel::Stat> st =
         about.ok() ? runel::parseStat(about.output()) : std::nullopt;
     if (!about.ok() || !st || !st->isDirectory()) {
@@ -210,7 +161,8 @@ int Shell::changeDirectory(const std::vector<std::string>& words) {
     }
     wanted = real.output();
   }
-  before_ = std::exchange(session_.directory, wanted);
+  before_ = std::exchange(session_.settings.directory, wanted);
+  session_.settings.runThere = true;
   return 0;
 }
 
@@ -230,74 +182,24 @@ int Shell::runCommand(const std::vector<std::string>& words) {
     return kExitUsage;
   }
   loop_.turn(runel::Milliseconds(0));  // detect a closed connection
-  std::vector<std::string> whole = namesDevice(words) ? std::vector<std::string>() : where_;
-  whole.insert(whole.end(), words.begin(), words.end());
-  return runCommandLine(session_, whole);
+  return runCommandLine(session_, words);
 }
 
-runel::Reply Shell::ask(const runel::Request& request, runel::Milliseconds limit) {
-  std::optional<runel::Reply> reply;
-  bool stop = false;
-  loop_.turn(runel::Milliseconds(0));  // detect a closed connection
-  device_->ask(request, [&](runel::Reply answer) { reply = std::move(answer); });
-  {
-    const Signals signals(loop_, [&](int) { stop = true; });
-    runel::Timer timer = loop_.after(limit, [&] { stop = true; });
-    while (!reply && !stop) {
-      loop_.turn(limit);
-    }
-    loop_.cancel(timer);
-  }
-  if (!reply) {
-    device_->abandon();  // its answer would arrive after the handler is gone
-    reply.emplace(runel::Error(runel::Kind::local, runel::Cause::cancelled,
-                               "interrupted, or no answer in time"));
-  }
-  return std::move(*reply);
+runel::Reply Shell::ask(const std::vector<std::string>& task) {
+  return askAndWait(*device_, runel::Request(task), device_->options().ioTimeout());
 }
 
 std::vector<DirectoryEntry> Shell::list(const std::string& directory) {
-  std::vector<DirectoryEntry> entries;
-  if (!device_ || settings_.dryRun) {
-    return entries;
+  if (!device_ || session_.settings.dryRun) {
+    return {};
   }
-  const std::string path = runel::joinPath(session_.directory, directory);
-  const runel::Reply reply = ask(runel::Request({"readdir", path}), kListTime);
-  const auto names = reply.ok() ? runel::parseNames(reply.output()) : std::nullopt;
-  if (names) {
-    for (const std::string& name : *names) {
-      entries.push_back({name, false});
-    }
-    markDirectories(path, entries);
-  }
-  return entries;
-}
-
-// readdir returns only names: get the type of each name with pipelined requests.
-void Shell::markDirectories(const std::string& directory, std::vector<DirectoryEntry>& entries) {
-  if (entries.empty() || entries.size() > kMostMarked) {
-    return;
-  }
-  for (std::size_t i = 0; i + 1 < entries.size(); ++i) {
-    DirectoryEntry* entry = &entries[i];
-    device_->ask(runel::Request({"stat", runel::joinPath(directory, entry->name)}),
-                 [entry](const runel::Reply& reply) {
-                   const auto st = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
-                   entry->directory = st && st->isDirectory();
-                 });
-  }
-  // Answers arrive in order: after the last one, all have arrived.
-  const runel::Reply last =
-      ask(runel::Request({"stat", runel::joinPath(directory, entries.back().name)}), kListTime);
-  const auto st = last.ok() ? runel::parseStat(last.output()) : std::nullopt;
-  entries.back().directory = st && st->isDirectory();
+  return listRemote(*device_, session_.settings.remote(directory), kListTime);
 }
 
 std::string Shell::prompt() const {
-  const std::string who = settings_.targets.size() == 1
-                              ? settings_.targets.front().name()
-                              : countText(settings_.targets.size(), "device");
-  return terminalSafe(who) + ":" + terminalSafe(session_.directory) + "> ";
+  const std::string who =
+      targets().size() == 1 ? targets().front().name() : countText(targets().size(), "device");
+  return terminalSafe(who) + ":" + terminalSafe(directory()) + "> ";
 }
 
 }  // namespace runelctl

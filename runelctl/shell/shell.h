@@ -35,18 +35,19 @@ class Shell {
   [[nodiscard]] int changeLocalDirectory(const std::vector<std::string>& words);
   [[nodiscard]] int leave(const std::vector<std::string>& words);
   [[nodiscard]] int runCommand(const std::vector<std::string>& words);
-  [[nodiscard]] runel::Reply ask(const runel::Request& request, runel::Milliseconds limit);
+  [[nodiscard]] runel::Reply ask(const std::vector<std::string>& task);
   [[nodiscard]] std::vector<DirectoryEntry> list(const std::string& directory);
-  void markDirectories(const std::string& directory, std::vector<DirectoryEntry>& entries);
   [[nodiscard]] std::string prompt() const;
+  [[nodiscard]] const std::vector<runel::Address>& targets() const {
+    return session_.settings.targets;
+  }
+  [[nodiscard]] const std::string& directory() const { return session_.settings.directory; }
 
-  const Settings& settings_;
   const Style& style_;
   runel::Loop loop_;
   std::optional<runel::AsyncDevice> device_;  // set for a single device
   Session session_;
-  std::vector<std::string> where_;  // options that select the devices
-  std::string before_;              // the previous directory, for "cd -"
+  std::string before_;  // the previous directory, for "cd -"
   int status_ = 0;
   bool over_ = false;
 };

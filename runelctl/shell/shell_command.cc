@@ -15,6 +15,7 @@ class ShellCommand : public LocalCommand {
   ShellCommand() : LocalCommand("shell", "read commands from a terminal or from standard input") {}
 
   void define(CLI::App& app) override { (void)app; }
+  [[nodiscard]] Devices devices() const override { return Devices::usual; }
 
   int run(const Settings& settings, const Style& style) override {
     Shell shell(settings, style);

@@ -5,9 +5,11 @@ import pty
 import re
 import select
 import subprocess
+import termios
 import unittest
 
-from support.ctl import BINARY
+from check_runelctl_used import Tables
+from support.ctl import BINARY, hang
 from support.fakes import FakeDevice
 from support.master import MasterCase
 from support.wait import TIMEOUT, wait_until
@@ -41,6 +43,30 @@ class CompletionCase(MasterCase):
         text = text[text.index("\nCommands:"):]
         return set(re.findall(r"(?m)^  ([a-z0-9]+) ", text))
 
+    INVENTORY = b"""[devices]
+hall = "192.0.2.1"
+"gw-[1-2]" = "192.0.2.[11-12]"
+[groups]
+first = ["hall"]
+fine = ["gw-1"]
+"""
+
+    def write_inventory(self):
+        os.makedirs(self.path(".config/runelctl"))
+        self.file(".config/runelctl/devices.toml", self.INVENTORY)
+
+    def remote_files(self):
+        """A daemon and some files on it. Returns their directory."""
+        self.daemon()
+        os.makedirs(self.path("remote/some-directory"))
+        self.file("remote/some-name")
+        self.file("remote/other name")
+        return self.path("remote")
+
+    def silent_peers(self):
+        """Arguments that select devices which do not answer."""
+        return ("-d", self.odd_peer(hang)), ("-d", "127.0.0.1:9")
+
     def serve_two(self):
         self.start_master()
         for number, name in enumerate(("north", "south")):
@@ -51,19 +77,61 @@ class CompletionCase(MasterCase):
 class Bash(CompletionCase):
     SHELL = "bash"
     TRY = """source "$1"; shift
+COMP_LINE="$*"; COMP_LINE=${COMP_LINE// : /:}; COMP_LINE=${COMP_LINE// = /=}; COMP_LINE=${COMP_LINE//@ /@}
+COMP_POINT=${#COMP_LINE}
 COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPLY[@]}" """
 
     def complete(self, *words):
         """The candidates for the last of @p words, split like a line in bash."""
         return set(self.run_shell("bash", "-c", self.TRY, "bash", self.script, "runelctl", *words))
 
+    def test_each_command_offers_its_options(self):
+        tables = Tables(BINARY)
+        for command in tables.commands:
+            expected = {name for option in tables.options if option.command in ("", command)
+                        for name in option.names if name.startswith("--")}
+            self.assertEqual(self.complete(command, "--"), expected, command)
+
+    def test_remote_paths_are_offered(self):
+        there = self.remote_files()
+        self.assertEqual(self.complete("cat", there + "/some"),
+                         {there + "/some-directory/", there + "/some-name"})
+        self.assertEqual(self.complete("-q", "ls", "-l", there + "/oth"), {there + "/other name"})
+        self.assertEqual(self.complete("mv", "/x", there + "/some-n"), {there + "/some-name"})
+        self.assertEqual(self.complete("-d", "127.0.0.2", "exec", there + "/some-n"),
+                         {there + "/some-name"})
+        self.assertEqual(self.complete("-d", "127.0.0.1", ":", "9", "cat", there + "/"), {""})
+
+    def test_local_and_remote_paths_are_offered_to_transfers(self):
+        there = self.remote_files()
+        self.assertEqual(self.complete("push", "some"), {"some-file"})
+        self.assertEqual(self.complete("push", "-r", "x", "some"), {"some-file"})
+        self.assertEqual(self.complete("push", "x", there + "/some-n"), {there + "/some-name"})
+        self.assertEqual(self.complete("pull", there + "/some-n"), {there + "/some-name"})
+        self.assertEqual(self.complete("pull", "/x", "some"), {"some-file"})
+        self.assertEqual(self.complete("sync", "some"), {"some-file"})
+        self.assertEqual(self.complete("sync", "x", there + "/some-n"), {there + "/some-name"})
+
+    def test_a_device_that_does_not_answer_offers_nothing(self):
+        for selected in self.silent_peers():
+            host, port = selected[1].split(":")
+            self.assertEqual(self.complete("-d", host, ":", port, "cat", "/"), {""})
+
+    def test_names_of_the_inventory_are_offered(self):
+        self.write_inventory()
+        self.assertEqual(self.complete("-d", ""), {"hall", "gw-1", "gw-2"})
+        self.assertEqual(self.complete("ls", "-x", "g"), {"gw-1", "gw-2"})
+        self.assertEqual(self.complete("-g", "f"), {"first", "fine"})
+        self.assertEqual(self.complete("--inventory", "/none", "-g", ""), {""})
+        self.assertEqual(self.complete("inventory", ""), {"check", "list"})
+
     def test_commands_match_the_help(self):
         self.assertEqual(self.complete(""), self.commands())
         self.assertEqual(self.complete("-q", "pin"), {"ping"})
 
     def test_general_and_command_options_are_offered(self):
-        self.assertEqual(self.complete("--dev"), {"--device", "--devices"})
-        self.assertEqual(self.complete("ls", "--dev"), {"--device", "--devices"})
+        self.assertEqual(self.complete("--dev"), {"--device", "--device-group", "--devices"})
+        self.assertEqual(self.complete("ls", "--dev"), {"--device", "--device-group", "--devices"})
         self.assertIn("-l", self.complete("ls", "-"))
         self.assertNotIn("-l", self.complete("cat", "-"))
         self.assertEqual(self.complete("reboot", "--down"), {"--down-timeout"})
@@ -77,11 +145,14 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPL
 
     def test_arguments_are_offered(self):
         self.assertEqual(self.complete("completion", ""), {"bash", "zsh", "fish"})
+        self.assertEqual(self.complete("blinkleds", ""), {"off", "on", "slow", "fast", "alternate"})
         self.assertEqual(self.complete("cat", ""), {""})
 
     def test_an_option_value_is_not_the_command(self):
         self.assertEqual(self.complete("-d", "ls", "pin"), {"ping"})
         self.assertEqual(self.complete("-d", "@", "ls", "pin"), {"ping"})
+        self.assertEqual(self.complete("-d", "192.0.2.1", ":", "99", "pin"), {"ping"})
+        self.assertEqual(self.complete("--color", "=", "never", "pin"), {"ping"})
 
     def test_devices_of_the_master_are_offered(self):
         self.assertEqual(self.complete("-d", ""), {""})
@@ -104,7 +175,7 @@ class Fish(CompletionCase):
         self.assertEqual(self.complete("-q pin"), {"ping"})
 
     def test_general_and_command_options_are_offered(self):
-        self.assertEqual(self.complete("ls --dev"), {"--device", "--devices"})
+        self.assertEqual(self.complete("ls --dev"), {"--device", "--device-group", "--devices"})
         self.assertIn("-l", self.complete("ls -"))
         self.assertNotIn("-l", self.complete("cat -"))
         self.assertEqual(self.complete("reboot --down"), {"--down-timeout"})
@@ -113,7 +184,36 @@ class Fish(CompletionCase):
         self.assertEqual(self.complete("--color "), {"auto", "always", "never"})
         self.assertIn("some-file", self.complete("--devices "))
         self.assertEqual(self.complete("completion "), {"bash", "zsh", "fish"})
+        self.assertEqual(self.complete("blinkleds "), {"off", "on", "slow", "fast", "alternate"})
         self.assertEqual(self.complete("cat "), set())
+
+    def test_each_command_offers_its_options(self):
+        tables = Tables(BINARY)
+        for command in tables.commands:
+            expected = {name for option in tables.options if option.command in ("", command)
+                        for name in option.names if name.startswith("--")}
+            self.assertEqual(self.complete(command + " --"), expected, command)
+
+    def test_remote_paths_are_offered(self):
+        there = self.remote_files()
+        self.assertEqual(self.complete(f"cat {there}/some"),
+                         {there + "/some-directory/", there + "/some-name"})
+        self.assertEqual(self.complete(f"-d 127.0.0.2 ls -l {there}/some-n"), {there + "/some-name"})
+        self.assertEqual(self.complete(f"push x {there}/some-n"), {there + "/some-name"})
+
+    def test_local_files_are_offered_to_transfers(self):
+        for line in ("push so", "push x so", "pull /x so", "sync so"):
+            self.assertEqual(self.complete(line), {"some-file"}, line)
+
+    def test_a_device_that_does_not_answer_offers_nothing(self):
+        for selected in self.silent_peers():
+            self.assertEqual(self.complete(" ".join(selected) + " cat /"), set())
+
+    def test_names_of_the_inventory_are_offered(self):
+        self.write_inventory()
+        self.assertEqual(self.complete("-d "), {"hall", "gw-1", "gw-2"})
+        self.assertEqual(self.complete("ls -g fi"), {"first", "fine"})
+        self.assertEqual(self.complete("inventory "), {"check", "list"})
 
     def test_devices_of_the_master_are_offered(self):
         self.serve_two()
@@ -129,6 +229,7 @@ class Zsh(CompletionCase):
         super().setUp()
         self.terminal, slave = pty.openpty()
         self.addCleanup(os.close, self.terminal)
+        termios.tcsetwinsize(slave, (24, 300))  # a long line stays in one piece
         process = subprocess.Popen(["zsh", "-f", "-i"], stdin=slave, stdout=slave, stderr=slave,
                                    env=self.shell_environment(), cwd=self.path("files"),
                                    start_new_session=True)
@@ -169,6 +270,31 @@ class Zsh(CompletionCase):
         self.completes("runelctl ls --color nev", "runelctl ls --color never ")
         self.completes("runelctl --devices so", "runelctl --devices some-file ")
         self.completes("runelctl completion fi", "runelctl completion fish ")
+        self.completes("runelctl blinkleds al", "runelctl blinkleds alternate ")
+        self.completes("runelctl inventory ch", "runelctl inventory check ")
+
+    def test_local_files_are_offered_to_transfers(self):
+        self.completes("runelctl push so", "runelctl push some-file ")
+        self.completes("runelctl pull /x so", "runelctl pull /x some-file ")
+        self.completes("runelctl sync so", "runelctl sync some-file ")
+
+    def test_remote_paths_are_offered(self):
+        there = self.remote_files()
+        self.completes(f"runelctl cat {there}/some-n", f"{there}/some-name ")
+        self.completes(f"runelctl -d 127.0.0.2 ls -l {there}/some-d", f"{there}/some-directory/")
+        self.completes(f"runelctl push x {there}/oth", "other\\ name ")
+
+    def test_a_device_that_does_not_answer_shows_nothing(self):
+        for selected in self.silent_peers():
+            self.shown = b""
+            self.type("runelctl " + " ".join(selected) + " cat /etc/hos\t\x15print -r do''ne\n")
+            self.wait_shown(b"done\r")
+            self.assertNotIn(b"runelctl:", self.shown)
+
+    def test_names_of_the_inventory_are_offered(self):
+        self.write_inventory()
+        self.completes("runelctl -d ha", "runelctl -d hall ")
+        self.completes("runelctl ls -g fir", "runelctl ls -g first ")
 
     def test_devices_of_the_master_are_offered(self):
         self.serve_two()

@@ -92,7 +92,7 @@ class DryRun(CtlCase):
                     later="lstat for a path that is not a directory")
         self.expect(("ls", "-l", "/a", "/b"), ("readdir", "/a"), ("readdir", "/b"),
                     later="lstat for each name in a directory, and "
-                          "for a path that is not a directory")
+                          "for a path that is not a directory; walktree for each symbolic link")
         for command, path, name in (("reboot", "/proc/sys/kernel/random/boot_id", "boot_id"),
                                     ("restart", "/proc/self/stat", "process")):
             self.expect((command, "--wait"), ("read", path), (command,),

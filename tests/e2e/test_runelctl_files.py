@@ -438,6 +438,18 @@ class Sync(Transfers):
         self.fails(("sync", "--checksum", self.path("here"), self.on_device("copy")), 1,
                    "checksums not verified: sha256sum: No such file")
         self.assertEqual(self.content("device/copy/f"), b"12345")
+    def test_a_summary_tells_what_was_done(self):
+        self.serve()
+        os.mkdir(self.path("here"))
+        self.file("here/a", b"x" * 1024)
+        self.file("here/b", b"y" * 1024)
+        words = ("sync", "--delete", self.path("here"), self.on_device("copy"))
+        self.assertEqual(self.succeed(*words).text, "sent 2 files, 2.0 KiB; removed 0\n")
+        os.remove(self.path("here/a"))
+        self.file("here/b", b"z")
+        self.assertEqual(self.succeed(*words).text, "sent 1 file, 1 B; removed 1\n")
+        self.assertEqual(self.succeed(*words).text, "sent 0 files, 0 B; removed 0\n")
+        self.assertEqual(self.succeed("-q", *words).out, b"")
 
     def test_only_delete_removes_files_that_are_missing_locally(self):
         self.serve()
@@ -595,6 +607,10 @@ class Pull(Transfers):
                    "log: has grown during the transfer; only its first 20971520 bytes were copied")
         self.assertTrue(self.content("log") == noise(20 * MIB))
         self.assertEqual(self.leftovers(self.directory), [])
+        between = Between(self, MIB, grow, back=True)
+        result = self.fails(("-d", between.where, "pull", there, "-"), 1,
+                            "log: has grown during the transfer; only its first 20971524 bytes were copied")
+        self.assertTrue(result.out == noise(20 * MIB) + b"more")
 
     def test_an_interrupt_leaves_no_incomplete_target(self):
         self.serve()

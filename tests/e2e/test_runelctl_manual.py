@@ -138,6 +138,22 @@ class Fields(MasterCase):
                    "first_seen")
         self.check(self.events, "event", "time", "socket", "role", "why", "clause")
 
+    def test_inventories(self):
+        text = re.search(r"(?s)\n\.Sh INVENTORY\n.*?\n\.Bd [^\n]*\n(.*?)\.Ed\n", manual())[1]
+        path = self.file("example", text.encode())
+        words = ("--inventory", path, "inventory")
+        self.check(self.run_json(*words, "check"), "file", "devices", "groups")
+        listed = self.run_json(*words, "list")
+        self.assertEqual(len(listed), 3 + 50 + 4)
+        self.assertEqual(listed[-1].pop("tags"), {"floor": "2", "site": "north"})
+        for one in listed[:-1]:
+            one.pop("tags", None)
+        self.check(listed, "address", "groups", "timeout", "connect_timeout", "io_timeout",
+                   "deadline")
+        self.assertIn("tags", self.documented)
+        self.file("example", b"x = 1\n")
+        self.check(self.run_json(*words, "check"), "line", "text", "file")
+
     def test_agents(self):
         peer = self.master()
         self.daemon()

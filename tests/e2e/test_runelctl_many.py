@@ -67,6 +67,28 @@ class Where(CtlCase):
             objects = self.succeed("--json", *words, "hostid", feed=listing).objects
             self.assertEqual(sorted(one["device"] for one in objects[:-1]), sorted(["first", b]))
 
+    def test_the_environment_does_not_add_to_a_list_of_devices(self):
+        fakes = Fakes(self)
+        a, b = fakes.names(2)
+        listing = f"{a}\n".encode()
+        for words in (("--devices", self.file("list", listing)), ("--devices", "-"), ("-d", a)):
+            fakes.order.clear()
+            self.succeed(*words, "hostid", feed=listing, env={"RUNELCTL_DEVICE": b})
+            self.assertEqual(fakes.order, [a], words)
+
+    def test_a_device_that_is_named_twice_is_served_once(self):
+        fakes = Fakes(self)
+        a = fakes.name(0)
+        localhost = f"localhost:{fakes.port},LOCALHOST:{fakes.port}"
+        self.succeed("-d", f"{a},{a}", "-d", a, "--devices", "-", "hostid", feed=f"x {a}\n".encode())
+        self.succeed("-d", localhost, "hostid")
+        self.assertEqual(fakes.order, [a, f"127.0.0.1:{fakes.port}"])
+
+    def test_names_have_no_port_if_it_is_the_usual_one(self):
+        objects = self.ctl("--json", "-d", "127.0.0.9:5111,127.0.0.9,127.0.0.9:5113", "hostid").objects
+        self.assertEqual(sorted(one["device"] for one in objects[:-1]),
+                         ["127.0.0.9", "127.0.0.9:5113"])
+
     def test_an_error_in_the_file_names_its_line(self):
         for content, pattern in ((b"a b c\n", "line 1: too many fields"),
                                  (b"\nx:y\n", "line 2: invalid port"),

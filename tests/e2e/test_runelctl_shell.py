@@ -42,6 +42,49 @@ class InPipe(CtlCase):
         self.assertEqual(result.text.splitlines(),
                          ["/", f"{self.directory}/one", "f", f"x{self.directory}/one", "/"])
 
+    def test_programs_run_in_the_directory(self):
+        os.makedirs(self.path("some where"))
+        where = self.path("some where")
+        result = self.feed(f"cd '{where}'", "exec pwd", "sh pwd", "exec -- sh -c 'echo \"$0 $1\"' a 'b  c'",
+                           "exec --timeout 1 sleep 60", "cd /", "exec pwd", "exec no-such-program")
+        self.assertEqual((result.status, result.text.splitlines()[:4]),
+                         (127, [where, where, "a b  c", "/"]))
+        self.assertEqual(result.errors, ["runelctl: 127.0.0.1: sleep: exceeded its time limit"])
+
+    def test_nothing_runs_elsewhere_when_the_directory_is_gone(self):
+        where = self.path("where")
+        os.mkdir(where)
+        result = self.feed(f"cd {where}", f"rm -r {where}", "sh 'true; echo ran'", "exec echo ran")
+        self.assertNotIn("ran\n", result.text)
+        self.assertNotEqual(result.status, 0)
+
+    def test_the_inventory_applies_to_its_lines(self):
+        os.makedirs(self.path(".config/runelctl"))
+        self.file(".config/runelctl/devices.toml",
+                  b'[devices]\nhall = { address = "127.0.0.1", timeout = 1 }\nroof = "127.0.0.2"\n'
+                  b'[groups]\nboth = ["hall", "roof"]\n')
+        result = self.feed("fileexists /", "-x roof exec sleep 60", "-d roof exec echo up",
+                           options=("-q", "-g", "both"))
+        self.assertEqual((result.status, result.out), (0, b"up\n"), result)
+        self.assertEqual(result.errors, ["runelctl: hall: sleep: exceeded its time limit"])
+
+    def test_programs_need_no_shell_before_the_first_cd(self):
+        result = self.feed("exec no-such-program")
+        self.assertEqual((result.status, result.errors),
+                         (127, ["runelctl: 127.0.0.1: no-such-program: No such file or directory"]))
+
+    def test_the_device_has_the_same_name_as_outside(self):
+        result = self.feed("hostid", "-d 127.0.0.1:5111 hostid", options=("--json",))
+        self.assertEqual([one["device"] for one in result.objects], ["127.0.0.1"] * 2)
+        listing = self.file("list", b"hall 127.0.0.1\n")
+        result = self.feed("hostid", options=("--json", "--devices", listing))
+        self.assertEqual([one["device"] for one in result.objects], ["hall"])
+
+    def test_an_option_of_a_program_does_not_select_a_device(self):
+        result = self.feed("exec echo -d x", options=("--json", "-d", "127.0.0.2"))
+        self.assertEqual([(one["device"], one["output"]) for one in result.objects],
+                         [("127.0.0.2", "-d x\n")])
+
     def test_cd_requires_an_existing_directory(self):
         path = self.file("plain")
         result = self.feed(f"cd {path}", "pwd", "cd /no/such", "pwd")

@@ -49,7 +49,8 @@ class CtlCase(EndToEndCase):
 
     def environment(self, extra=None):
         clean = {name: value for name, value in os.environ.items()
-                 if name not in ("NO_COLOR", "XDG_RUNTIME_DIR") and not name.startswith("RUNELCTL")}
+                 if name not in ("NO_COLOR", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR")
+                 and not name.startswith("RUNELCTL")}
         return {**clean, "HOME": self.directory, "TZ": "UTC", "XDG_RUNTIME_DIR": self.directory,
                 **sanitizer_options(self.directory), **(extra or {})}
 

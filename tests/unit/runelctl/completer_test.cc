@@ -20,11 +20,12 @@ Tables tables() {
   Tables all;
   all.options = {option({"--json"}), option({"-d", "--device"}, Value::device),
                  option({"--color"}, Value::oneOf, {"always", "auto", "never"}),
-                 option({"--devices"}, Value::file)};
+                 option({"--devices"}, Value::file), option({"-g"}, Value::group)};
   all.commands = {
       {"ls", "", {option({"-l"})}, {option({}, Value::remote)}},
       {"lstat", "", {}, {option({}, Value::remote)}},
       {"push", "", {option({"--checksum"})}, {option({}, Value::file), option({}, Value::remote)}},
+      {"pull", "", {}, {option({}, Value::remote), option({}, Value::fileOrRemote)}},
       {"ping", "", {option({"-c", "--count"}, Value::any)}, {}}};
   return all;
 }
@@ -34,13 +35,19 @@ class CompleterTest : public ::testing::Test {
   Completer::Offer offer(const std::string& before) {
     const Completer completer(
         tables(), {"cd", "lcd"},
-        [this](const std::string& directory) {
-          asked.push_back(directory);
-          return remote;
-        },
-        [](const std::string&) {
-          return std::vector<DirectoryEntry>{{"local-file", false}, {"local-directory", true}};
-        });
+        {[this](const std::string& directory) {
+           asked.push_back(directory);
+           return remote;
+         },
+         [](const std::string&) {
+           return std::vector<DirectoryEntry>{{"local-file", false}, {"local-directory", true}};
+         },
+         [] {
+           return Words{"hall", "@unit"};
+         },
+         [] {
+           return Words{"north", "nord"};
+         }});
     return completer.complete(before);
   }
   Words words(const std::string& before) { return offer(before).words; }
@@ -82,6 +89,19 @@ TEST_F(CompleterTest, OffersRemoteOrLocalPathsByArgument) {
   EXPECT_EQ(words("push x e"), (Words{"etc/", "exe"}));
   EXPECT_EQ(words("push x y e"), (Words{"etc/", "exe"})) << "the last argument repeats";
   EXPECT_EQ(words("ping e"), Words());
+}
+
+TEST_F(CompleterTest, OffersBothKindsOfPathsWhereBothMayStand) {
+  remote.push_back({"local-file", false});
+  EXPECT_EQ(words("pull l"), (Words{"local-file"}));
+  EXPECT_EQ(words("pull x l"), (Words{"local-directory/", "local-file"})) << "each once";
+  EXPECT_EQ(words("pull x e"), (Words{"etc/", "exe"}));
+}
+
+TEST_F(CompleterTest, OffersNamesOfDevicesAndGroups) {
+  EXPECT_EQ(words("-d "), (Words{"@unit", "hall"}));
+  EXPECT_EQ(words("ls --device h"), (Words{"hall"}));
+  EXPECT_EQ(words("-g nor"), (Words{"nord", "north"}));
 }
 
 TEST_F(CompleterTest, OffersRemoteOrLocalPathsToShellCommands) {

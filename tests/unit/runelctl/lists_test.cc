@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parsing of command line values: lists of devices, raw bytes.
+// Parsing of files of devices and of raw bytes.
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,15 +14,6 @@
 namespace runelctl {
 namespace {
 
-TEST(TargetListTest, RemovesDuplicatesAndBlanks) {
-  std::vector<runel::Address> targets;
-  std::string why;
-  EXPECT_TRUE(parseTargetList("a, b,,a:5111,a:1", targets, why));
-  ASSERT_EQ(targets.size(), 3U);
-  EXPECT_EQ(targets[1].name(), "b");
-  EXPECT_FALSE(parseTargetList(" , ", targets, why));
-}
-
 TEST(TargetFileTest, HasNamesAndComments) {
   std::istringstream lines("# all\n one 10.0.0.1 # first\n\n10.0.0.2:99\r\n");
   std::vector<runel::Address> targets;
@@ -31,6 +22,26 @@ TEST(TargetFileTest, HasNamesAndComments) {
   ASSERT_EQ(targets.size(), 2U);
   EXPECT_EQ(targets[0].name(), "one");
   EXPECT_EQ(targets[1].name(), "10.0.0.2:99");
+}
+
+TEST(TargetFileTest, NamesEachDeviceOnceAndWithoutTheUsualPort) {
+  std::istringstream lines("a\nA:5111\nother a\nb:5111\n");
+  std::vector<runel::Address> targets;
+  std::string why;
+  ASSERT_TRUE(readTargets(lines, targets, why)) << why;
+  ASSERT_EQ(targets.size(), 2U);
+  EXPECT_EQ(targets[0].name(), "a");
+  EXPECT_EQ(targets[1].name(), "b");
+}
+
+TEST(TargetFileTest, AnErrorNamesItsLine) {
+  for (const char* text : {"a\n\na b c\n", "a\n\na:x\n"}) {
+    std::istringstream lines(text);
+    std::vector<runel::Address> targets;
+    std::string why;
+    EXPECT_FALSE(readTargets(lines, targets, why));
+    EXPECT_EQ(why.substr(0, 8), "line 3: ") << why;
+  }
 }
 
 TEST(RawTextTest, ReplacesEscapes) {

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command tables for completion, which are read from the definition of the command line.
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <utility>
@@ -12,6 +15,7 @@
 #include "cli/command_line.h"
 #include "cli/tables.h"
 #include "shell/completion.h"
+#include "support/temp_dir.h"
 
 namespace runelctl {
 namespace {
@@ -33,6 +37,7 @@ TEST_F(TablesTest, HasEachCommandOnceWithHelp) {
   for (const char* name : {"push", "exec", "reboot", "walktree", "master", "shell", "completion"}) {
     EXPECT_EQ(names.count(name), 1U) << name;
   }
+  EXPECT_EQ(names.count("complete"), 0U) << "only for scripts";
 }
 
 TEST_F(TablesTest, EachOptionHasNamesWithDashesAndHelp) {
@@ -52,6 +57,8 @@ TEST_F(TablesTest, EachOptionHasNamesWithDashesAndHelp) {
 TEST_F(TablesTest, OptionsHaveTheKindOfTheirValue) {
   EXPECT_EQ(tables.option(nullptr, "--json")->value, Value::none);
   EXPECT_EQ(tables.option(nullptr, "-d")->value, Value::device);
+  EXPECT_EQ(tables.option(nullptr, "-x")->value, Value::device);
+  EXPECT_EQ(tables.option(nullptr, "-g")->value, Value::group);
   EXPECT_EQ(tables.option(nullptr, "--devices")->value, Value::file);
   EXPECT_EQ(tables.option(nullptr, "--output-dir")->value, Value::file);
   EXPECT_EQ(tables.option(nullptr, "--jobs")->value, Value::any);
@@ -67,6 +74,12 @@ TEST_F(TablesTest, ArgumentsAreLocalOrRemote) {
   EXPECT_EQ(tables.command("sync")->arguments.back().value, Value::remote);
   EXPECT_EQ(tables.command("exec")->arguments.front().value, Value::programs);
   EXPECT_EQ(tables.command("completion")->arguments.front().words.size(), 3U);
+  EXPECT_EQ(tables.command("push")->arguments.front().value, Value::file);
+  EXPECT_EQ(tables.command("push")->arguments.back().value, Value::fileOrRemote);
+  EXPECT_EQ(tables.command("pull")->arguments.front().value, Value::remote);
+  EXPECT_EQ(tables.command("pull")->arguments.back().value, Value::fileOrRemote);
+  EXPECT_EQ(tables.command("blinkleds")->arguments.front().words,
+            (Words{"off", "on", "slow", "fast", "alternate"}));
   EXPECT_TRUE(tables.command("hostid")->arguments.empty());
 }
 
@@ -159,16 +172,151 @@ TEST(CommandLineTest, TheTimeoutIsRefusedWithoutAProgram) {
   EXPECT_EQ(parse({"--timeout", "7", "shell"}), -1);
 }
 
-TEST(CommandLineTest, TheDefaultTargetIsTheLocalHost) {
-  CommandLine plain;
-  ASSERT_EQ(plain.parse({"hostid"}), -1);
-  ASSERT_EQ(plain.readTargets(), "");
-  ASSERT_EQ(plain.settings().targets.size(), 1U);
-  EXPECT_EQ(plain.settings().targets[0].host(), "127.0.0.1");
-  CommandLine several;
-  ASSERT_EQ(several.parse({"-d", "a,b", "--device", "@c", "hostid"}), -1);
-  ASSERT_EQ(several.readTargets(), "");
-  EXPECT_EQ(several.settings().targets.size(), 3U);
+// The devices of a command line, in an environment without an inventory.
+class TargetsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("XDG_CONFIG_HOME", dir.path().c_str(), 1);
+    unsetenv("RUNELCTL_DEVICE");
+  }
+  void TearDown() override {
+    unsetenv("XDG_CONFIG_HOME");
+    unsetenv("RUNELCTL_DEVICE");
+  }
+
+  Words targets(const Words& words) {
+    CommandLine typed(base);
+    EXPECT_EQ(typed.parse(words), -1);
+    const auto read = typed.readTargets();
+    EXPECT_TRUE(read.ok());
+    settings = typed.settings();
+    Words names;
+    for (const runel::Address& target : settings.targets) {
+      names.push_back(target.name());
+    }
+    return names;
+  }
+  void writeInventory(const std::string& text) {
+    std::filesystem::create_directories(dir.file("runelctl"));
+    dir.write("runelctl/devices.toml", text);
+  }
+
+  zell::test::TempDir dir;
+  Settings base;
+  Settings settings;
+};
+
+TEST_F(TargetsTest, TheDefaultIsTheEnvironmentOrTheLocalHost) {
+  EXPECT_EQ(targets({"hostid"}), (Words{"127.0.0.1"}));
+  setenv("RUNELCTL_DEVICE", "a,b:1", 1);
+  EXPECT_EQ(targets({"hostid"}), (Words{"a", "b:1"}));
+  setenv("RUNELCTL_DEVICE", "", 1);
+  EXPECT_EQ(targets({"hostid"}), (Words{"127.0.0.1"}));
+}
+
+TEST_F(TargetsTest, TheEnvironmentIsIgnoredIfTheCommandLineNamesDevices) {
+  setenv("RUNELCTL_DEVICE", "surprise", 1);
+  const std::string list = dir.write("list", "one\n");
+  writeInventory("[devices]\nhall = { tags = { site = \"north\" } }\n[groups]\ng = [\"hall\"]\n");
+  EXPECT_EQ(targets({"-d", "a,b", "--device", "@c", "hostid"}), (Words{"a", "b", "@c"}));
+  EXPECT_EQ(targets({"--devices", list, "hostid"}), (Words{"one"}));
+  EXPECT_EQ(targets({"-a", "hostid"}), (Words{"hall"}));
+  EXPECT_EQ(targets({"-g", "g", "hostid"}), (Words{"hall"}));
+  EXPECT_EQ(targets({"--tag", "site=north", "hostid"}), (Words{"hall"}));
+}
+
+TEST_F(TargetsTest, ADeviceThatIsNamedTwiceIsServedOnce) {
+  const std::string list = dir.write("list", "b\nfirst a\nB:5111\n");
+  EXPECT_EQ(targets({"-d", "a,a:5111", "-d", "a", "--devices", list, "hostid"}), (Words{"a", "b"}));
+}
+
+TEST_F(TargetsTest, DefaultsOfTheInventoryApplyUnlessTheCommandLineSetsThem) {
+  writeInventory(
+      "[defaults]\njobs = 5\nwave = \"1,rest\"\n[devices]\n"
+      "slow = { connect-timeout = 60, deadline = 90 }\nfast = {}\n");
+  (void)targets({"-a", "hostid"});
+  EXPECT_EQ(settings.jobs, 5);
+  EXPECT_EQ(settings.wave, "1,rest");
+  EXPECT_EQ(settings.limits(settings.targets[0]).connectTimeout(), std::chrono::seconds(60));
+  EXPECT_EQ(settings.limits(settings.targets[1]).connectTimeout(), std::chrono::seconds(10));
+  (void)targets({"-a", "-j", "7", "--wave", "2", "--connect-timeout", "3", "hostid"});
+  EXPECT_EQ(settings.jobs, 7);
+  EXPECT_EQ(settings.wave, "2");
+  EXPECT_EQ(settings.limits(settings.targets[0]).connectTimeout(), std::chrono::seconds(3));
+}
+
+TEST_F(TargetsTest, AProgramHasTheLimitOfItsDevice) {
+  writeInventory("[devices]\nslow = { timeout = 60 }\nfast = {}\n");
+  (void)targets({"-a", "exec", "true"});
+  EXPECT_EQ(settings.programLimitOf(settings.targets[0]), 60);
+  EXPECT_EQ(settings.programLimitOf(settings.targets[1]), 0);
+  (void)targets({"-a", "--timeout", "5", "exec", "true"});
+  EXPECT_EQ(settings.programLimitOf(settings.targets[0]), 5);
+}
+
+TEST_F(TargetsTest, ASessionKeepsTheDefaultsOfItsGroup) {
+  writeInventory("[devices]\na = {}\n[groups.g]\ndevices = [\"a\"]\njobs = 2\nwave = \"1,rest\"\n");
+  (void)targets({"-g", "g", "shell"});
+  base = settings;
+  (void)targets({"hostid"});
+  EXPECT_EQ(settings.jobs, 2);
+  EXPECT_EQ(settings.wave, "1,rest");
+  (void)targets({"-d", "b", "hostid"});
+  EXPECT_EQ(settings.jobs, 64);
+  EXPECT_EQ(settings.wave, "");
+}
+
+TEST_F(TargetsTest, ACommandLineOfASessionKeepsItsDevicesUnlessItNamesOthers) {
+  base.targets = {runel::Address("a").named("first"), runel::Address("b")};
+  base.jobs = 3;
+  base.jobsGiven = true;
+  base.json = true;
+  setenv("RUNELCTL_DEVICE", "surprise", 1);
+  EXPECT_EQ(targets({"hostid"}), (Words{"first", "b"}));
+  EXPECT_EQ(settings.jobs, 3);
+  EXPECT_TRUE(settings.json);
+  EXPECT_EQ(targets({"-x", "b", "hostid"}), (Words{"first"}));
+  EXPECT_EQ(targets({"-d", "c", "hostid"}), (Words{"c"}));
+  EXPECT_EQ(targets({"exec", "ls", "-d", "x"}), (Words{"first", "b"})) << "-d belongs to ls";
+}
+
+TEST_F(TargetsTest, ACommandWithoutDevicesDoesNotReadTheInventory) {
+  writeInventory("nonsense");
+  CommandLine typed;
+  ASSERT_EQ(typed.parse({"completion", "bash"}), -1);
+  EXPECT_TRUE(typed.readTargets().ok());
+  CommandLine other;
+  ASSERT_EQ(other.parse({"hostid"}), -1);
+  EXPECT_FALSE(other.readTargets().ok());
+}
+
+// What is said about a command line that is not understood.
+std::string complaint(const Words& words) {
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(parse(words), 2);
+  return ::testing::internal::GetCapturedStderr();
+}
+
+TEST(CommandLineTest, SurplusArgumentsAreListedInTheirOrder) {
+  EXPECT_EQ(complaint({"hostid", "one", "two", "three"}),
+            "runelctl: unexpected arguments: one two three (see runelctl hostid --help)\n");
+  EXPECT_EQ(complaint({"sh", "echo", "one", "two"}),
+            "runelctl: unexpected arguments: one two (see runelctl sh --help)\n");
+  EXPECT_EQ(complaint({"ps", "a", "b"}),
+            "runelctl: unexpected argument: b (see runelctl ps --help)\n");
+}
+
+TEST(CommandLineTest, MisspelledCommandsAndOptionsHaveASuggestion) {
+  EXPECT_EQ(complaint({"exce", "ls"}),
+            "runelctl: unknown command 'exce' (did you mean 'exec'? see runelctl --help)\n");
+  EXPECT_EQ(complaint({"nothing-like-it"}),
+            "runelctl: unknown command 'nothing-like-it' (see runelctl --help)\n");
+  EXPECT_EQ(
+      complaint({"hostid", "--jsno"}),
+      "runelctl: unknown option '--jsno' (did you mean '--json'? see runelctl hostid --help)\n");
+  EXPECT_EQ(complaint({"reboot", "--wiat", "x"}),
+            "runelctl: unknown option '--wiat' (did you mean '--wait'? see runelctl reboot "
+            "--help)\n");
 }
 
 }  // namespace

@@ -33,6 +33,8 @@ TEST_F(WriteTargetsTest, WritesOneDeviceALineWithItsName) {
   const auto plain = *runel::Address::parse("gw-1:7000");
   EXPECT_EQ(writeTargets(path_, {plain, plain.named("hall")}), 0);
   EXPECT_EQ(contentOf(path_), "gw-1:7000\nhall gw-1:7000\n");
+  EXPECT_EQ(writeTargets(path_, {runel::Address("gw-2"), runel::Address("gw-3").named("hall")}), 0);
+  EXPECT_EQ(contentOf(path_), "gw-2\nhall gw-3\n") << "without the usual port";
   EXPECT_EQ(writeTargets(path_, {}), 0);
   EXPECT_EQ(contentOf(path_), "");
 }

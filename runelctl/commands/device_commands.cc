@@ -31,7 +31,13 @@ class PingJob : public Job {
  public:
   PingJob(JobContext context, int count, double pause)
       : Job(std::move(context)), count_(count), pause_(pause) {}
-  ~PingJob() override { loop().cancel(timer_); }
+  /// Reports the statistics of an interrupted ping.
+  ~PingJob() override {
+    loop().cancel(timer_);
+    if (!summed_ && !times_.empty()) {
+      sum();
+    }
+  }
 
   void start() override {
     sent_ = runel::Clock::now();
@@ -61,19 +67,20 @@ class PingJob : public Job {
       return;
     }
     sum();
+    succeed();
   }
 
   // The first time includes the connection setup. Exclude it if there are others.
   void sum() {
+    summed_ = true;
     std::vector<double> sorted(times_.begin() + (times_.size() > 1 ? 1 : 0), times_.end());
     std::sort(sorted.begin(), sorted.end());
     const double median = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
-    report().line(std::to_string(times_.size()) + " answers, round trip min/median/max " +
+    report().line(countText(times_.size(), "answer") + ", round trip min/median/max " +
                   text(sorted.front()) + "/" + text(median) + "/" + text(sorted.back()) + " ms");
     report().result()["min_ms"] = sorted.front();
     report().result()["median_ms"] = median;
     report().result()["max_ms"] = sorted.back();
-    succeed();
   }
 
   static std::string text(double ms) {
@@ -85,6 +92,7 @@ class PingJob : public Job {
   const int count_;
   const double pause_;
   std::vector<double> times_;
+  bool summed_ = false;
   runel::Clock::time_point sent_;
   runel::Timer timer_;
 };

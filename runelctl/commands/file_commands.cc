@@ -95,18 +95,26 @@ class CatJob : public EachPathJob {
 };
 
 class LsJob : public EachPathJob {
+  struct Entry {
+    std::string name;
+    std::optional<runel::Stat> st;
+    std::string target;  // of a symbolic link
+  };
+
  public:
   LsJob(JobContext context, const std::vector<std::string>& paths, bool full)
       : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
   [[nodiscard]] std::string sentLater() const override {
-    return full_ ? "lstat for each name in a directory, and for a path that is not a directory"
+    return full_ ? "lstat for each name in a directory, and for a path that is not a directory; "
+                   "walktree for each symbolic link"
                  : "lstat for a path that is not a directory";
   }
 
  private:
   void visit(const std::string& path) override {
     ask(runel::Request({"readdir", path}), [this, path](const runel::Reply& reply) {
-      if (reply.answered() && reply.number() == ENOTDIR) {
+      // A symbolic link without a target is a file too.
+      if (reply.answered() && (reply.number() == ENOTDIR || reply.number() == ENOENT)) {
         showFile(path);
         return;
       }
@@ -129,13 +137,17 @@ class LsJob : public EachPathJob {
     if (heads_) {
       report().line(report().name(path) + ":");
     }
+    entries_.clear();
     left_ = full_ ? names->size() : 0;
     for (const std::string& name : *names) {
       if (full_) {
-        askAbout(path, name);
+        entries_.push_back({name, std::nullopt, ""});
       } else {
         showName(name);
       }
+    }
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      askAbout(path, i);
     }
     return true;
   }
@@ -147,36 +159,91 @@ class LsJob : public EachPathJob {
     report().entry(object);
   }
 
-  void askAbout(const std::string& directory, const std::string& name) {
-    ask(runel::Request({"lstat", runel::joinPath(directory, name)}),
-        [this, directory, name](const runel::Reply& reply) {
-          showEntry(name, reply);
-          // A file that was removed meanwhile is not an error. A lost connection is.
-          --left_;
-          if (!reply.answered() || left_ == 0) {
-            visited(reply.answered() ? runel::Reply() : reply, directory);
+  void askAbout(const std::string& directory, std::size_t place) {
+    ask(runel::Request({"lstat", runel::joinPath(directory, entries_[place].name)}),
+        [this, directory, place](const runel::Reply& reply) {
+          if (lost(reply, directory)) {
+            return;
+          }
+          entries_[place].st = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
+          if (--left_ == 0) {
+            askTargets(directory);
           }
         });
   }
 
-  void showEntry(const std::string& name, const runel::Reply& reply) {
-    const std::optional<runel::Stat> st =
-        reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
-    if (!st) {
-      return;
+  // A file that was removed meanwhile is not an error. A lost connection is.
+  bool lost(const runel::Reply& reply, const std::string& directory) {
+    if (!reply.answered()) {
+      showEntries();
+      visited(reply, directory);
     }
-    report().line(longLine(*st) + report().name(name));
-    Json object = statJson(*st);
+    return !reply.answered();
+  }
+
+  // "walktree" of a link prints its target. No other task does. Without a @p directory, the names
+  // are whole paths.
+  void askTargets(const std::string& directory) {
+    for (std::size_t place = 0; place < entries_.size(); ++place) {
+      if (entries_[place].st && entries_[place].st->isLink()) {
+        ++left_;
+        askTarget(directory, place);
+      }
+    }
+    if (left_ == 0) {
+      showAll(directory);
+    }
+  }
+
+  void askTarget(const std::string& directory, std::size_t place) {
+    ask(runel::Request({"walktree", runel::joinPath(directory, entries_[place].name)}),
+        [this, directory, place](const runel::Reply& reply) {
+          if (lost(reply, directory)) {
+            return;
+          }
+          const auto tree = runel::parseTree(reply.output());
+          if (tree && !tree->empty()) {
+            entries_[place].target = tree->front().target;
+          }
+          if (--left_ == 0) {
+            showAll(directory);
+          }
+        });
+  }
+
+  void showAll(const std::string& directory) {
+    showEntries();
+    visited(runel::Reply(), directory);
+  }
+
+  void showEntries() {
+    for (const Entry& entry : std::exchange(entries_, {})) {
+      if (entry.st) {
+        showEntry(entry);
+      }
+    }
+  }
+
+  void showEntry(const Entry& entry) {
+    report().line(longLine(*entry.st) + report().name(entry.name) +
+                  (entry.target.empty() ? "" : " -> " + report().name(entry.target)));
+    Json object = statJson(*entry.st);
     object["entry"] = "name";
-    putBytes(object, "name", name);
+    putBytes(object, "name", entry.name);
+    if (!entry.target.empty()) {
+      putBytes(object, "target", entry.target);
+    }
     report().entry(object);
   }
 
   void showFile(const std::string& path) {
     ask(runel::Request({"lstat", path}), [this, path](const runel::Reply& reply) {
       if (reply.ok() && full_) {
-        showEntry(path, reply);
-      } else if (reply.ok()) {
+        entries_ = {{path, runel::parseStat(reply.output()), ""}};
+        askTargets("");
+        return;
+      }
+      if (reply.ok()) {
         showName(path);
       }
       visited(reply, path);
@@ -185,7 +252,8 @@ class LsJob : public EachPathJob {
 
   const bool full_;
   const bool heads_;
-  std::size_t left_ = 0;
+  std::vector<Entry> entries_;
+  std::size_t left_ = 0;  // pending requests about entries
 };
 
 class TreeJob : public EachPathJob {

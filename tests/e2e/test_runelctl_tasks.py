@@ -83,7 +83,8 @@ class Tasks(OneDevice):
         self.succeed("changeleds", "0", "1")
         with open("/sys/class/leds/second/brightness", encoding="ascii") as file:
             self.assertEqual(file.read().strip(), "1")
-        self.succeed("blinkleds", "on")
+        for style in ("off", "on", "slow", "fast", "alternate"):  # those that completion offers
+            self.succeed("blinkleds", style)
 
     def test_missing_leds_are_reported(self):
         self.fails(("blinkleds", "no-such-style"), 1, "blinkleds no-such-style: Invalid argument")
@@ -174,6 +175,20 @@ class Looking(OneDevice):
         os.mkdir(self.path("d/empty"))
         self.assertEqual(self.succeed("ls", "-l", self.path("d/empty")).out, b"")
 
+    def test_ls_long_format_has_the_targets_of_links(self):
+        os.mkdir(self.path("d"))
+        os.symlink("no where -> else", self.path("d/link"))
+        os.symlink(self.directory, self.path("d/to"))
+        self.file("d/plain")
+        lines = self.succeed("ls", "-l", self.path("d")).text.splitlines()
+        self.assertEqual([line.split(":")[1][3:] for line in lines],
+                         ["link -> no where -> else", "plain", f"to -> {self.directory}"])
+        link = self.path("d/link")
+        self.assertRegex(self.succeed("ls", "-l", link).text, rf" {link} -> no where -> else\n$")
+        objects = self.succeed("--json", "ls", "-l", self.path("d")).objects
+        self.assertEqual([one.get("target") for one in objects[:-1]],
+                         ["no where -> else", None, self.directory])
+
     def test_tree_prints_a_directory_tree(self):
         os.makedirs(self.path("d/sub"))
         self.file("d/sub/file", b"x" * 2048)
@@ -229,6 +244,15 @@ class TheDevice(OneDevice):
         self.assertLessEqual(last["min_ms"], last["median_ms"])
         self.assertLessEqual(last["median_ms"], last["max_ms"])
 
+    def test_an_interrupted_ping_has_its_statistics(self):
+        process = self.start("ping", "-c", "1000000", "-i", "0.01")
+        shown = [process.stdout.readline() for _ in range(3)]
+        process.send_signal(signal.SIGINT)
+        rest, errors = process.communicate(timeout=TIMEOUT)
+        self.assertEqual((process.returncode, errors), (130, b"runelctl: 127.0.0.1: interrupted\n"))
+        self.assertRegex(b"".join(shown) + rest,
+                         rb"\n[0-9]+ answers, round trip min/median/max [\d./]+ ms\n$")
+
     def test_raw_dumps_both_frames(self):
         record = "SlaveTask 2 10:fileexists 1:/ 0 0: 0 0 0 0 0"
         text = self.succeed("raw", record).text
@@ -271,6 +295,11 @@ class ForScripts(OneDevice):
         path = self.file("a", b"\xff\x00")
         last = json.loads(self.succeed("--json", "read", path).out)
         self.assertEqual(base64.b64decode(last["output_base64"]), b"\xff\x00")
+
+    def test_surplus_arguments_and_misspelled_words_are_named(self):
+        self.fails(("hostid", "one", "two", "three"), 2, "unexpected arguments: one two three ")
+        self.fails(("exce", "ls"), 2, r"unknown command 'exce' \(did you mean 'exec'\?")
+        self.fails(("hostid", "--jsno"), 2, r"unknown option '--jsno' \(did you mean '--json'\?")
 
     def test_usage_errors_have_status_2(self):
         self.fails((), 2, "subcommand is required")

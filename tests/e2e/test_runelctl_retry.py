@@ -27,7 +27,7 @@ COMMANDS = [
     ("updateumstate", "a", "b"), ("wait",), ("walktree", "/x"), ("write", "/x", "data")]
 # They continue where they stopped: see Transfers.
 TRANSFERS = ("push", "pull", "sync")
-LOCAL = ("agent", "completion", "devices", "master", "shell")
+LOCAL = ("agent", "completion", "devices", "inventory", "master", "shell")
 # The programs of a transfer, which may run twice.
 HARMLESS = {"chmod", "chown", "ln", "mkdir", "rm", "sha256sum", "sync", "tar", "touch"}
 

@@ -46,7 +46,7 @@ ON_DEVICES = {
     "write": ("/x", "y"),
 }
 # Commands with dedicated tests below.
-LOCAL = {"agent", "completion", "devices", "master", "shell"}
+LOCAL = {"agent", "completion", "devices", "inventory", "master", "shell"}
 # Commands that print bytes of the device, so that this test can fail.
 PRINTING = ("cat", "devicetype", "exec", "freeblocks", "hostid", "info", "ls", "read", "readdir",
             "realpath", "sh", "tree", "walktree")

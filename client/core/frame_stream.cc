@@ -13,33 +13,49 @@ namespace {
 constexpr std::size_t kFirstBytes = 64;
 // Short frames share a buffer, so that a few system calls send a thousand small requests.
 constexpr std::size_t kShared = 32768;
+constexpr std::size_t kReadAtOnce = 262144;
 // From this length on, a payload goes to a store.
 constexpr std::size_t kLongPayload = 262144;
 
 }  // namespace
 
-void FrameStream::send(std::string payload) {
-  std::string head = zell::frameHead(payload.size());
+void FrameStream::send(OutgoingPayload payload) {
+  const std::string head = zell::frameHead(payload.size());
   queued_ += head.size() + payload.size();
   everQueued_ += head.size() + payload.size();
-  if (!out_.empty() && out_.size() > 1 && out_.back().size() + payload.size() < kShared) {
-    out_.back() += head;
-    out_.back() += payload;
-  } else {
-    out_.push_back(std::move(head));
-    if (payload.size() < kShared) {
-      out_.back() += payload;
-    } else {
-      out_.push_back(std::move(payload));
-      out_.emplace_back();  // do not append later frames to a long one: that would copy it
-    }
+  if (payload.size() < kShared && payload.content.size == 0) {
+    queueShort(head, payload.head + payload.tail);
+    return;
   }
+  out_.push_back({head, {}, 0});
+  queueLong(std::move(payload));
 }
 
+void FrameStream::queueShort(const std::string& head, const std::string& payload) {
+  const bool shared = out_.size() > 1 && out_.back().unread() == 0 &&
+                      out_.back().bytes.size() + payload.size() < kShared;
+  if (!shared) {
+    out_.emplace_back();
+  }
+  out_.back().bytes.append(head).append(payload);
+}
+
+void FrameStream::queueLong(OutgoingPayload&& payload) {
+  out_.push_back({std::move(payload.head), {}, 0});
+  if (payload.content.size > 0) {
+    out_.push_back({"", std::move(payload.content), 0});
+  }
+  out_.push_back({std::move(payload.tail), {}, 0});  // later frames may follow in it
+}
+
+// What follows unread bytes is sent after them.
 std::vector<std::string_view> FrameStream::outgoing(std::size_t most) const {
   std::vector<std::string_view> parts;
   for (auto part = out_.begin(); part != out_.end() && parts.size() < most; ++part) {
-    parts.push_back(std::string_view(*part).substr(parts.empty() ? sent_ : 0));
+    parts.push_back(std::string_view(part->bytes).substr(parts.empty() ? sent_ : 0));
+    if (part->unread() > 0) {
+      break;
+    }
   }
   return parts;
 }
@@ -47,10 +63,20 @@ std::vector<std::string_view> FrameStream::outgoing(std::size_t most) const {
 void FrameStream::sent(std::size_t bytes) {
   queued_ -= bytes;
   sent_ += bytes;
-  while (!out_.empty() && sent_ >= out_.front().size()) {
-    sent_ -= out_.front().size();
-    out_.pop_front();
+  while (!out_.empty() && sent_ >= out_.front().bytes.size()) {
+    sent_ -= out_.front().bytes.size();
+    if (out_.front().unread() > 0) {
+      readOn(out_.front());
+    } else {
+      out_.pop_front();
+    }
   }
+}
+
+void FrameStream::readOn(Part& part) {
+  const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(part.unread(), kReadAtOnce));
+  part.late.read(part.offset, count, part.bytes);
+  part.offset += count;
 }
 
 void FrameStream::receive(const std::string& bytes) {

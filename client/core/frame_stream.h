@@ -17,6 +17,7 @@
 #include <runel/error.h>
 #include <zell/byte_count_protocol.h>
 
+#include "client/core/late_content.h"
 #include "protocol/protocol.h"
 
 namespace runel {
@@ -41,7 +42,8 @@ class FrameStream {
   using MakeStore = std::function<std::unique_ptr<PayloadStore>(std::size_t length)>;
 
   /// Queues @p payload as one frame.
-  void send(std::string payload);
+  void send(OutgoingPayload payload);
+  void send(std::string payload) { send(OutgoingPayload(std::move(payload))); }
   /// The next queued bytes, in at most @p most parts. Valid until the next call.
   [[nodiscard]] std::vector<std::string_view> outgoing(std::size_t most) const;
   /// The first @p bytes of them are sent.
@@ -64,10 +66,22 @@ class FrameStream {
   void keepLongPayloads(MakeStore make) { makeStore_ = std::move(make); }
 
  private:
+  // Bytes to send. Those of a late content are read part by part.
+  struct Part {
+    std::string bytes;
+    LateContent late;  // what follows the bytes
+    std::uint64_t offset = 0;
+    // The number of bytes of `late` that were not read.
+    [[nodiscard]] std::uint64_t unread() const { return late.size - offset; }
+  };
+
+  void queueShort(const std::string& head, const std::string& payload);
+  void queueLong(OutgoingPayload&& payload);
+  static void readOn(Part& part);
   void beginStoring();
   [[nodiscard]] std::optional<std::string> storedPayload();
 
-  std::deque<std::string> out_;
+  std::deque<Part> out_;  // the first one has bytes
   std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;

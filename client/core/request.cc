@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <runel/request.h>
 
+#include <string_view>
 #include <utility>
 
-#include <zell/slave_task.h>
-
+#include "client/core/late_content.h"
 #include "client/core/reply_limit.h"
+#include "protocol/record_reader.h"
 #include "protocol/task_table.h"
 
 namespace runel {
@@ -19,6 +20,7 @@ constexpr std::chrono::seconds kKillTime{2};
 
 struct Request::Data {
   std::vector<std::string> words;
+  std::optional<LateContent> late;  // the last argument, not among the words
   int execLimit = 0;
   std::optional<Milliseconds> extraTimeout = Milliseconds(0);
   std::size_t replyLimit = kSmallReply;
@@ -100,11 +102,45 @@ bool Request::repeatable() const {
 }
 
 std::string Request::encode() const {
-  const zell::SlaveTask record(data_->words, data_->execLimit, "", zell::SlaveStatus::success,
-                               zell::WatchProcessState_t::none, 0, 0, 0);
-  zell::SlaveTask::Parts parts = record.parts();
-  parts.head.append(parts.output).append(parts.tail);
-  return std::move(parts.head);
+  OutgoingPayload payload = LateRequest::payloadOf(*this);
+  if (payload.content.size > 0) {
+    std::string bytes;
+    payload.content.read(0, payload.content.size, bytes);
+    payload.head += bytes;
+  }
+  return payload.head + payload.tail;
+}
+
+Request LateRequest::with(std::vector<std::string> words, LateContent content) {
+  Request made(std::move(words));
+  made.data_->late = std::move(content);
+  return made;
+}
+
+// A word may be a piece of a file: it is copied once, to memory that is obtained once.
+OutgoingPayload LateRequest::payloadOf(const Request& request) {
+  constexpr std::size_t kNumbers = 24;  // enough for a field of a number
+  constexpr std::string_view kNoOutputNoStatus = " 0: 0 0 0 0 0";
+  const Request::Data& data = *request.data_;
+  const std::size_t late = data.late ? 1 : 0;
+  std::size_t size = zell::kRecordName.size() + 4 * kNumbers;
+  for (const std::string& word : data.words) {
+    size += kNumbers + word.size();
+  }
+  OutgoingPayload payload;
+  std::string& head = payload.head;
+  head.reserve(size);
+  head.append(zell::kRecordName).append(" ").append(std::to_string(data.words.size() + late));
+  for (const std::string& word : data.words) {
+    head.append(" ").append(std::to_string(word.size())).append(":").append(word);
+  }
+  if (data.late) {
+    payload.content = *data.late;
+    head.append(" ").append(std::to_string(payload.content.size)).append(":");
+  }
+  std::string& rest = data.late ? payload.tail : head;
+  rest.append(" ").append(std::to_string(data.execLimit)).append(kNoOutputNoStatus);
+  return payload;
 }
 
 bool repeatable(std::string_view name) {

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 
 #include "base/unique_fd.h"
+#include "client/core/late_content.h"
 #include "client/core/session.h"
 #include "client/io/acknowledgements.h"
 #include "client/io/channel.h"
@@ -25,10 +26,10 @@ struct AsyncDevice::Data {
         dials_(itDials),
         session_(options_.ioTimeout()) {}
 
-  void ask(std::string payload, const Request& like, ReplyHandler handler, bool raw);
+  void ask(OutgoingPayload payload, const Request& like, ReplyHandler handler, bool raw);
   void connect();
   void connected(zell::UniqueFd socket);
-  void send(std::string&& payload);
+  void send(OutgoingPayload&& payload);
   void received(std::string&& payload);
   void progress();
   void ended(const Error& error);
@@ -46,8 +47,8 @@ struct AsyncDevice::Data {
   Session session_;
   std::unique_ptr<Connector> connector_;
   std::unique_ptr<Channel> channel_;
-  std::deque<std::string> early_;  // payloads queued until the connection is open
-  std::optional<Error> disorder_;  // protocol error of an idle device
+  std::deque<OutgoingPayload> early_;  // payloads queued until the connection is open
+  std::optional<Error> disorder_;      // protocol error of an idle device
   Timer deadline_;
   std::function<void(const Error& why)> closed_;
   Tap dryRun_;
@@ -55,10 +56,10 @@ struct AsyncDevice::Data {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-void AsyncDevice::Data::ask(std::string payload, const Request& like, ReplyHandler handler,
+void AsyncDevice::Data::ask(OutgoingPayload payload, const Request& like, ReplyHandler handler,
                             bool raw) {
   if (dryRun_) {
-    dryRun_(payload);
+    dryRun_(payload.content.size == 0 ? payload.head : like.encode());
     return;
   }
   session_.add(like, std::move(handler), Clock::now(), raw);
@@ -109,7 +110,7 @@ void AsyncDevice::Data::connected(zell::UniqueFd socket) {
   refresh();
 }
 
-void AsyncDevice::Data::send(std::string&& payload) {
+void AsyncDevice::Data::send(OutgoingPayload&& payload) {
   channel_->send(std::move(payload));
   session_.queued(channel_->everQueued());
 }
@@ -235,7 +236,7 @@ AsyncDevice::~AsyncDevice() {
 }
 
 void AsyncDevice::ask(const Request& request, ReplyHandler handler) {
-  data_->ask(request.encode(), request, std::move(handler), false);
+  data_->ask(LateRequest::payloadOf(request), request, std::move(handler), false);
 }
 
 void AsyncDevice::askRaw(std::string payload, const Request& like, ReplyHandler handler) {

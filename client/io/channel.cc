@@ -72,7 +72,7 @@ void Channel::setSpool(std::shared_ptr<Spool> spool) {
       [this](std::size_t length) { return std::make_unique<SpooledMessage>(spool_, length); });
 }
 
-void Channel::send(std::string payload) {
+void Channel::send(OutgoingPayload payload) {
   stream_.send(std::move(payload));
   askFor();
 }

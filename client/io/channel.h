@@ -37,7 +37,7 @@ class Channel {
   Channel& operator=(const Channel&) = delete;
 
   /// Queues @p payload as one frame. Sending starts in the next turn of the loop.
-  void send(std::string payload);
+  void send(OutgoingPayload payload);
   /// The number of queued bytes that are not sent yet.
   [[nodiscard]] std::size_t queued() const { return stream_.queued(); }
   /// The number of bytes ever queued. Minus `queued()`, it is the number of sent bytes.

@@ -8,11 +8,11 @@
 
 namespace runel {
 
-std::optional<Piece> Pieces::next() {
+std::optional<Piece> Pieces::next(std::size_t most) {
   if (next_ >= end_) {
     return std::nullopt;
   }
-  const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end_ - next_, most_));
+  const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end_ - next_, most));
   const Piece piece{next_, size};
   next_ += size;
   return piece;

@@ -30,7 +30,9 @@ class Pieces {
   Pieces(std::uint64_t begin, std::uint64_t end, std::size_t most)
       : next_(begin), end_(end), most_(most) {}
   /// Nothing at the end.
-  [[nodiscard]] std::optional<Piece> next();
+  [[nodiscard]] std::optional<Piece> next() { return next(most_); }
+  /// The same with at most @p most bytes.
+  [[nodiscard]] std::optional<Piece> next(std::size_t most);
 
  private:
   std::uint64_t next_ = 0;

@@ -9,13 +9,17 @@ constexpr std::size_t kMostOnTheWay = 256;
 }  // namespace
 
 Pipeline::Pipeline(Ask ask, Source source, std::size_t mostBytes, std::function<void()> end)
+    : Pipeline(
+          std::move(ask), std::move(source), [mostBytes] { return mostBytes; }, std::move(end)) {}
+
+Pipeline::Pipeline(Ask ask, Source source, Window window, std::function<void()> end)
     : ask_(std::move(ask)),
       source_(std::move(source)),
-      mostBytes_(mostBytes),
+      window_(std::move(window)),
       end_(std::move(end)) {}
 
 void Pipeline::fill() {
-  while (!dry_ && count_ < kMostOnTheWay && (weight_ < mostBytes_ || count_ == 0)) {
+  while (!dry_ && count_ < kMostOnTheWay && (count_ == 0 || weight_ < window_())) {
     std::optional<Item> next = source_();
     if (!next) {
       dry_ = true;

@@ -25,6 +25,8 @@ class Pipeline {
   };
   /// Returns the next item, or nothing at the end.
   using Source = std::function<std::optional<Item>()>;
+  /// Returns the weight to keep in flight.
+  using Window = std::function<std::size_t()>;
   /// Sends a request. Never calls its second argument before it returns.
   using Ask = std::function<void(const Request&, std::function<void(const Reply&)>)>;
 
@@ -32,6 +34,8 @@ class Pipeline {
   /// requests in flight are answered. @p end may destroy the pipeline. Keeps about @p mostBytes of
   /// weight in flight.
   Pipeline(Ask ask, Source source, std::size_t mostBytes, std::function<void()> end);
+  /// The same with about as many bytes as @p window returns.
+  Pipeline(Ask ask, Source source, Window window, std::function<void()> end);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
 
@@ -43,7 +47,7 @@ class Pipeline {
 
   const Ask ask_;
   const Source source_;
-  const std::size_t mostBytes_;
+  const Window window_;
   std::function<void()> end_;
   std::size_t count_ = 0;
   std::size_t weight_ = 0;

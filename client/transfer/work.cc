@@ -15,20 +15,23 @@ TransferWork::TransferWork(AsyncDevice& device, const TransferOptions& options,
     : device_(device), options_(options), callback_(std::move(done)) {}
 
 std::size_t TransferWork::pieceBytes() const {
-  return std::max(options_.memory() / 2 / kPieceBlock, std::size_t{1}) * kPieceBlock;
+  constexpr std::size_t kMostPiece = 8388608;
+  const std::size_t bytes = std::min(options_.memory() / 2, kMostPiece);
+  return std::max(bytes / kPieceBlock, std::size_t{1}) * kPieceBlock;
 }
 
 void TransferWork::ask(const Request& request, Answer answer) {
   if (ended_) {
     return;
   }
-  device_.ask(request, [this, alive = std::weak_ptr<bool>(alive_),
+  const bool alone = device_.pending() == 0;
+  device_.ask(request, [this, alive = std::weak_ptr<bool>(alive_), alone, asked = Clock::now(),
                         answer = std::move(answer)](const Reply& reply) {
     if (alive.expired() || ended_) {
       return;
     }
     if (reply.answered()) {
-      reached_ = true;
+      answered(alone, asked);
       answer(reply);
       return;
     }
@@ -37,14 +40,29 @@ void TransferWork::ask(const Request& request, Answer answer) {
   });
 }
 
+// The first request also waits for the connection.
+void TransferWork::answered(bool alone, Clock::time_point asked) {
+  if (alone && reached_) {
+    const auto time = Clock::now() - asked;
+    fastestAnswer_ = std::min(fastestAnswer_.value_or(time), time);
+  }
+  reached_ = true;
+}
+
 void TransferWork::tell(const Request& request) {
   ask(request, [](const Reply&) {});
 }
 
 void TransferWork::pipe(Pipeline::Source source, std::function<void()> next) {
+  pipe(
+      std::move(source), [this] { return options_.memory(); }, std::move(next));
+}
+
+void TransferWork::pipe(Pipeline::Source source, Pipeline::Window window,
+                        std::function<void()> next) {
   pipeline_ = std::make_unique<Pipeline>(
       [this](const Request& request, Answer answer) { ask(request, std::move(answer)); },
-      std::move(source), options_.memory(), std::move(next));
+      std::move(source), std::move(window), std::move(next));
   pipeline_->start();
 }
 

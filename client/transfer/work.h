@@ -3,6 +3,7 @@
 #ifndef RUNEL_TRANSFER_WORK_H_
 #define RUNEL_TRANSFER_WORK_H_
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -42,6 +43,7 @@ struct TransferReport::Data {
 class RUNEL_LOCAL TransferWork {
  public:
   using Answer = std::function<void(const Reply& reply)>;
+  using Clock = std::chrono::steady_clock;
 
   /// @p device outlives the transfer.
   TransferWork(AsyncDevice& device, const TransferOptions& options, AsyncTransfer::Done done);
@@ -50,7 +52,8 @@ class RUNEL_LOCAL TransferWork {
   TransferWork& operator=(const TransferWork&) = delete;
 
   [[nodiscard]] const TransferOptions& options() const { return options_; }
-  /// The size of a piece of a large file, in bytes: a multiple of `kPieceBlock`.
+  /// The size of an archive and of a piece of a pulled file, in bytes: a multiple of `kPieceBlock`.
+  /// A larger file is a large one.
   [[nodiscard]] std::size_t pieceBytes() const;
 
   /// Sends @p request and calls @p answer with the device's reply, later. If the connection is
@@ -60,6 +63,13 @@ class RUNEL_LOCAL TransferWork {
   void tell(const Request& request);
   /// Sends the requests of @p source, then calls @p next. One at a time.
   void pipe(Pipeline::Source source, std::function<void()> next);
+  /// The same with about as many bytes in flight as @p window returns.
+  void pipe(Pipeline::Source source, Pipeline::Window window, std::function<void()> next);
+  /// The shortest time in which a request that was sent alone was answered: about the round trip.
+  /// Zero before such an answer.
+  [[nodiscard]] Clock::duration fastestAnswer() const {
+    return fastestAnswer_.value_or(Clock::duration::zero());
+  }
 
   /// Records the failure of one file: the first one is the error of the transfer, the others are
   /// warnings.
@@ -100,6 +110,7 @@ class RUNEL_LOCAL TransferWork {
 
  private:
   void callDone();
+  void answered(bool alone, Clock::time_point asked);
 
   AsyncDevice& device_;
   const TransferOptions options_;
@@ -110,6 +121,7 @@ class RUNEL_LOCAL TransferWork {
   std::uint64_t expected_ = 0;
   std::uint64_t progressed_ = 0;
   std::optional<Request> leftover_;
+  std::optional<Clock::duration> fastestAnswer_;
   bool reached_ = false;  // the device has answered a request
   bool ended_ = false;
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -16,7 +16,7 @@ namespace runelctl {
 namespace {
 
 constexpr std::size_t kLeastShare = 2097152;
-constexpr std::size_t kMostShare = 16777216;
+constexpr std::size_t kMostShare = 67108864;
 
 runel::Milliseconds fromSeconds(double seconds) {
   return runel::Milliseconds(static_cast<runel::Milliseconds::rep>(std::lround(seconds * 1000)));

@@ -73,6 +73,7 @@ class RUNEL_API Request {
   [[nodiscard]] std::string encode() const;
 
  private:
+  friend class LateRequest;
   struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;
 };

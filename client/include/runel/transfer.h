@@ -57,7 +57,8 @@ class RUNEL_API TransferOptions {
   /// missing directory are created with mode 0700.
   TransferOptions& setSubdirectory(std::string name);
   /// About the memory for contents in transit, in bytes; 32 MiB by default. A piece of a large file
-  /// has half of it, rounded down to whole blocks of 64 KiB, but at least one.
+  /// has at most half of it, in whole blocks of 64 KiB, but at least one. The pieces of a push are
+  /// as large as what the device takes in a second, up to 32 MiB; those of a pull have up to 8 MiB.
   TransferOptions& setMemory(std::size_t bytes);
   /// Calls @p progress after each file and each piece. It must not destroy the transfer.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);

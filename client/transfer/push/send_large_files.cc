@@ -1,14 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends a large file in pieces to a part in the target directory, which is renamed when it is
 // complete. An interrupted transfer is resumed if the part matches this file.
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "client/core/late_content.h"
 #include "client/transfer/hidden_paths.h"
 #include "client/transfer/local_file.h"
 #include "client/transfer/parts.h"
 #include "client/transfer/programs.h"
+#include "client/transfer/push/device_memory.h"
 #include "client/transfer/push/stages.h"
 
 namespace runel {
 namespace {
+
+struct SourceFile {
+  LocalReader reader;
+  std::optional<Error> error;  // of a read
+};
 
 class SendLargeFile : public PushStage {
  public:
@@ -16,7 +27,7 @@ class SendLargeFile : public PushStage {
 
   void start(Next next) override {
     next_ = std::move(next);
-    if (const auto error = reader_.open(placeOf(*item_.entry))) {
+    if (const auto error = file_->reader.open(placeOf(*item_.entry))) {
       work().failItem(item_, *error);
       next_();
     } else if (item_.there && item_.there->isLink()) {
@@ -46,7 +57,8 @@ class SendLargeFile : public PushStage {
     }
     work().ask(Request({"stat", part_}), [this](const Reply& reply) {
       const std::optional<Stat> st = statIn(reply);
-      if (!st || !st->isRegular() || st->size == 0 || st->size > reader_.size()) {
+      notePlace(st);
+      if (!st || !st->isRegular() || st->size == 0 || st->size > file_->reader.size()) {
         sendFrom(0);
         return;
       }
@@ -55,33 +67,96 @@ class SendLargeFile : public PushStage {
     });
   }
 
-  // Create the part empty and with mode 0600, so that its content is never readable by users who
+  // The part has mode 0600 while it is written, so that its content is never readable by users who
   // must not read the file.
   void sendFrom(std::uint64_t offset) {
     if (offset == 0) {
       work().ask(Request({"write", part_, ""}), [this](const Reply& reply) { check(reply); });
-      work().tell(Request::exec({"chmod", "0600", "--", part_}, 0));
+      work().ask(Request({"stat", part_}),
+                 [this](const Reply& reply) { notePlace(statIn(reply)); });
     }
-    pieces_ = Pieces(offset, reader_.size(), work().pieceBytes());
-    work().pipe([this] { return nextPiece(); }, [this] { endPieces(); });
+    work().pieces.setRoundTrip(work().fastestAnswer());
+    work().ask(Request::exec({"chmod", "0600", "--", part_}, 0),
+               [this](const Reply&) { work().pieces.begin(PieceSizes::Clock::now()); });
+    pieces_ = Pieces(offset, file_->reader.size(), 0);
+    steps_ = 0;
+    work().pipe([this] { return nextItem(); }, [this] { return work().pieces.window(); },
+                [this] { endPieces(); });
   }
 
-  std::optional<Pipeline::Item> nextPiece() {
-    const std::optional<Piece> piece = error_ ? std::nullopt : pieces_.next();
-    if (!piece) {
-      return std::nullopt;
+  void notePlace(const std::optional<Stat>& part) {
+    if (part) {
+      work().pieces.setInMemory(isInMemory(work().mounts, part->dev));
     }
-    std::string bytes;
-    error_ = reader_.read(piece->offset, piece->size, bytes);
+  }
+
+  // The last requests follow the last piece at once. After a failure they have no effect: the part
+  // is removed.
+  std::optional<Pipeline::Item> nextItem() {
     if (error_) {
       return std::nullopt;
     }
-    const auto handle = [this, size = piece->size](const Reply& reply) {
+    if (const std::optional<Piece> piece = pieces_.next(work().pieces.next())) {
+      return pieceItem(*piece);
+    }
+    return lastItem();
+  }
+
+  std::optional<Pipeline::Item> pieceItem(const Piece& piece) {
+    const auto handle = [this, size = piece.size](const Reply& reply) {
       check(reply);
+      error_ = error_ ? error_ : file_->error;
+      work().pieces.answered(size, PieceSizes::Clock::now());
       work().count(size, item_.target);
-      return reply.ok();
+      return !error_;
     };
-    return Pipeline::Item{Request({"append", part_}, std::move(bytes)), piece->size, handle};
+    return Pipeline::Item{LateRequest::with({"append", part_}, contentOf(piece)), piece.size,
+                          handle};
+  }
+
+  // The bytes of a frame follow their announced number. In place of bytes that cannot be read,
+  // zeros are sent, and the part is removed later. A request that is queued may outlive this
+  // object.
+  [[nodiscard]] LateContent contentOf(const Piece& piece) const {
+    const auto read = [file = file_, begin = piece.offset](std::uint64_t offset, std::size_t count,
+                                                           std::string& bytes) {
+      auto error = file->reader.read(begin + offset, count, bytes);
+      if (error) {
+        bytes.assign(count, '\0');
+        file->error = file->error ? file->error : std::move(error);
+      }
+    };
+    return {piece.size, read};
+  }
+
+  std::optional<Pipeline::Item> lastItem() {
+    switch (steps_++) {
+      case 0:
+        return last(Request({"stat", part_}),
+                    [this](const Reply& reply) { partThere_ = statIn(reply); });
+      case 1:
+        return last(setMode(), [this](const Reply& reply) { modeSet_ = reply; });
+      case 2:
+        return last(setTime(true), [this](const Reply& reply) { timeSet_ = reply.ok(); });
+      default:
+        return std::nullopt;
+    }
+  }
+
+  static Pipeline::Item last(Request request, std::function<void(const Reply&)> take) {
+    return {std::move(request), 0, [take = std::move(take)](const Reply& reply) {
+              take(reply);
+              return true;
+            }};
+  }
+
+  [[nodiscard]] Request setMode() const {
+    return Request::exec({"chmod", octalMode(item_.entry->mode), "--", part_}, 0);
+  }
+
+  [[nodiscard]] Request setTime(bool fractions) const {
+    const std::string time = touchTime(item_.entry->mtime, fractions);
+    return Request::exec({"touch", "-c", "-d", time, "--", part_}, 0);
   }
 
   void check(const Reply& reply) {
@@ -92,46 +167,39 @@ class SendLargeFile : public PushStage {
 
   // Another client may have written to the part too: check its size.
   void endPieces() {
-    error_ = error_ ? error_ : reader_.changed();
+    error_ = error_ ? error_ : file_->reader.changed();
     if (error_) {
       drop(*error_);
-      return;
+    } else if (partThere_ && partThere_->size == file_->reader.size()) {
+      finish();
+    } else if (!again_) {
+      // The device may have executed late requests of an earlier, lost connection.
+      again_ = true;
+      work().resumedAt(std::nullopt);
+      sendFrom(0);
+    } else {
+      drop(Error(Kind::device, Cause::incomplete, item_.target + ": incomplete on the device"));
     }
-    work().ask(Request({"stat", part_}), [this](const Reply& reply) {
-      const std::optional<Stat> st = statIn(reply);
-      if (st && st->size == reader_.size()) {
-        finish(*st);
-      } else if (!again_) {
-        // The device may have executed late requests of an earlier, lost connection.
-        again_ = true;
-        work().resumedAt(std::nullopt);
-        sendFrom(0);
-      } else {
-        drop(Error(Kind::device, Cause::incomplete, item_.target + ": incomplete on the device"));
-      }
-    });
   }
 
-  // Owner, mode and time are set before the rename.
-  void finish(const Stat& part) {
+  // Owner, mode and time are set before the rename. A change of the owner clears the set-user-ID bit.
+  void finish() {
     const auto& there = item_.there;
-    if (there && (there->uid != part.uid || there->gid != part.gid)) {
-      run({"chown", std::to_string(there->uid) + ":" + std::to_string(there->gid), "--", part_},
-          "owner not preserved");
+    if (there && (there->uid != partThere_->uid || there->gid != partThere_->gid)) {
+      const std::string owner = std::to_string(there->uid) + ":" + std::to_string(there->gid);
+      run(Request::exec({"chown", owner, "--", part_}, 0), "owner not preserved");
+      run(setMode(), "modes not preserved");
+    } else if (!modeSet_.ok()) {
+      work().warnOnce("modes not preserved: " + programTrouble("chmod", modeSet_));
     }
-    run({"chmod", octalMode(item_.entry->mode), "--", part_}, "modes not preserved");
-    const Timestamp& mtime = item_.entry->mtime;
-    work().ask(Request::exec({"touch", "-c", "-d", touchTime(mtime, true), "--", part_}, 0),
-               [this, seconds = touchTime(mtime, false)](const Reply& touched) {
-                 if (!touched.ok()) {
-                   run({"touch", "-c", "-d", seconds, "--", part_}, "times not preserved");
-                 }
-                 rename();
-               });
+    if (!timeSet_) {
+      run(setTime(false), "times not preserved");
+    }
+    rename();
   }
 
-  void run(const std::vector<std::string>& words, const std::string& what) {
-    work().ask(Request::exec(words, 0), [this, what, program = words[0]](const Reply& reply) {
+  void run(const Request& request, const std::string& what) {
+    work().ask(request, [this, what, program = request.words()[1]](const Reply& reply) {
       if (!reply.ok()) {
         work().warnOnce(what + ": " + programTrouble(program, reply));
       }
@@ -158,16 +226,20 @@ class SendLargeFile : public PushStage {
   }
 
   void leave() {
-    reader_.close();
+    file_ = std::make_shared<SourceFile>();
     work().leaves(std::nullopt);
     next_();
   }
 
   PushItem& item_;
   Next next_;
-  LocalReader reader_;
+  std::shared_ptr<SourceFile> file_ = std::make_shared<SourceFile>();
   std::string part_;
   Pieces pieces_;
+  int steps_ = 0;                  // requests after the last piece
+  std::optional<Stat> partThere_;  // after the last piece
+  Reply modeSet_;
+  bool timeSet_ = false;
   bool again_ = false;  // sent again from the beginning
   std::optional<Error> error_;
 };
@@ -181,10 +253,24 @@ class SendLargeFiles : public PushStage {
     for (PushItem& item : work().large) {
       files.push_back(std::make_unique<SendLargeFile>(work(), item));
     }
+    if (!files.empty()) {
+      askAboutDevice();
+    }
     runner_.run(std::move(files), std::move(next));
   }
 
  private:
+  // The device holds a piece in memory while it receives it, and writes it to the disk then.
+  void askAboutDevice() {
+    work().ask(Request({"read", "/proc/meminfo"}), [this](const Reply& reply) {
+      if (const auto bytes = availableMemory(reply.ok() ? reply.output() : "")) {
+        work().pieces.setDeviceMemory(*bytes);
+      }
+    });
+    work().ask(Request({"read", "/proc/self/mountinfo"}),
+               [this](const Reply& reply) { work().mounts = reply.ok() ? reply.output() : ""; });
+  }
+
   StageRunner runner_;
 };
 

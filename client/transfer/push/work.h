@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/transfer/push/piece_sizes.h"
 #include "client/transfer/stage.h"
 #include "client/transfer/work.h"
 
@@ -31,7 +32,8 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
            AsyncTransfer::Done done)
       : TransferWork(device, options, std::move(done)),
         sources(std::move(from)),
-        root(std::move(to)) {}
+        root(std::move(to)),
+        pieces(this->options().memory()) {}
 
   [[nodiscard]] const std::vector<LocalSource>& files() const { return filesOf(sources); }
   /// The files that did not fail.
@@ -46,6 +48,8 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
   /// differs, and whether the entries of any directory change.
   PushItems modeOnly, timeOnly;
   bool directoriesChange = true;
+  PieceSizes pieces;                ///< of the large files
+  std::string mounts;               ///< /proc/self/mountinfo of the device
   std::vector<std::string> others;  ///< for a sync: to remove, relative to the target
 };
 

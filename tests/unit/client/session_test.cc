@@ -5,14 +5,17 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <zell/slave_task.h>
 
 #include "client/core/frame_stream.h"
+#include "client/core/late_content.h"
 #include "protocol/protocol.h"
 #include "protocol/task_table.h"
 
@@ -242,6 +245,56 @@ TEST(FrameStreamTest, GivesTheSameBytesHoweverTheyAreSent) {
   }
 }
 
+// Late content of numbered bytes, which notes how much of it was read.
+LateContent numbered(std::size_t size, std::size_t& read) {
+  return {size, [&read](std::uint64_t offset, std::size_t count, std::string& bytes) {
+            EXPECT_EQ(offset, read) << "each byte once, in order";
+            read += count;
+            bytes.clear();
+            for (std::size_t i = 0; i < count; ++i) {
+              bytes.push_back(static_cast<char>((offset + i) % 251));
+            }
+          }};
+}
+
+TEST(FrameStreamTest, ReadsLateContentWhenItIsSent) {
+  for (const std::size_t most : {1000U, 100000000U}) {
+    std::size_t read = 0;
+    FrameStream stream;
+    stream.send("before");
+    const Request late = LateRequest::with({"append", "/a"}, numbered(700000, read));
+    stream.send(LateRequest::payloadOf(late));
+    stream.send("after");
+    EXPECT_EQ(read, 0U);
+    stream.sent(stream.outgoing(1).front().size());
+    stream.sent(stream.outgoing(1).front().size());
+    EXPECT_EQ(read, 0U) << "the head of the frame is first";
+    stream.sent(stream.outgoing(1).front().size());
+    EXPECT_EQ(read, 262144U);
+    (void)sentBytes(stream, most);
+    EXPECT_EQ(read, 700000U);
+    EXPECT_EQ(stream.queued(), 0U);
+  }
+}
+
+TEST(FrameStreamTest, LateContentGivesTheBytesOfAWholeRequest) {
+  for (const std::size_t size : {1U, 100U, 262144U, 700000U}) {
+    std::size_t read = 0;
+    std::string bytes;
+    numbered(size, read).read(0, size, bytes);
+    FrameStream expected;
+    expected.send("before");
+    expected.send(Request({"append", "/a"}, bytes).encode());
+    expected.send("after");
+    read = 0;
+    FrameStream stream;
+    stream.send("before");
+    stream.send(LateRequest::payloadOf(LateRequest::with({"append", "/a"}, numbered(size, read))));
+    stream.send("after");
+    EXPECT_EQ(sentBytes(stream, 5000), sentBytes(expected, 5000)) << size;
+  }
+}
+
 TEST(FrameStreamTest, GivesTheSamePayloadsHoweverTheyAreReceived) {
   const std::string bytes =
       "\x01"
@@ -350,6 +403,26 @@ TEST(FrameStreamTest, ALostPayloadIsAnError) {
   EXPECT_FALSE(stream.nextPayload());
   ASSERT_TRUE(stream.error());
   EXPECT_EQ(stream.error()->kind(), Kind::local);
+}
+
+TEST(RequestTest, IsTheRecordOfItsWordsAndLimit) {
+  const std::string bytes("\0 1:\xff", 5);
+  for (const int limit : {-1, 0, 60}) {
+    const zell::SlaveTask sent({"exec", "a b", "", bytes}, limit, "", zell::SlaveStatus::success,
+                               zell::WatchProcessState_t::none, 0, 0, 0);
+    std::ostringstream expected;
+    sent.serialize(expected);
+    EXPECT_EQ(Request::exec({"a b", "", bytes}, limit).encode(), expected.str());
+  }
+}
+
+TEST(RequestTest, LateContentIsItsLastArgument) {
+  std::size_t read = 0;
+  std::string bytes;
+  numbered(300, read).read(0, 300, bytes);
+  read = 0;
+  const Request late = LateRequest::with({"append", "/a"}, numbered(300, read));
+  EXPECT_EQ(late.encode(), Request({"append", "/a"}, bytes).encode());
 }
 
 TEST(RequestTest, EachTaskHasALimitForItsReply) {

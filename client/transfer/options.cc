@@ -19,6 +19,8 @@ struct TransferOptions::Data {
   bool intoDirectory = false;
   std::string subdirectory;
   std::size_t memory = kDefaultMemory;
+  std::function<std::string(std::string_view)> compression;
+  bool compressesOnAnyLine = false;
   std::function<void(const Progress&)> progress;
 };
 
@@ -70,6 +72,13 @@ TransferOptions& TransferOptions::setMemory(std::size_t bytes) {
   return *this;
 }
 
+TransferOptions& TransferOptions::setCompression(
+    std::function<std::string(std::string_view bytes)> gzip, bool onAnyLine) {
+  own().compression = std::move(gzip);
+  own().compressesOnAnyLine = onAnyLine;
+  return *this;
+}
+
 TransferOptions& TransferOptions::setProgress(std::function<void(const Progress&)> progress) {
   own().progress = std::move(progress);
   return *this;
@@ -101,6 +110,14 @@ const std::string& TransferOptions::subdirectory() const {
 
 std::size_t TransferOptions::memory() const {
   return data_->memory;
+}
+
+const std::function<std::string(std::string_view bytes)>& TransferOptions::compression() const {
+  return data_->compression;
+}
+
+bool TransferOptions::compressesOnAnyLine() const {
+  return data_->compressesOnAnyLine;
 }
 
 const std::function<void(const Progress&)>& TransferOptions::progress() const {

@@ -93,6 +93,10 @@ std::uint64_t TransferReport::bytes() const {
   return data_->bytes;
 }
 
+std::uint64_t TransferReport::sentBytes() const {
+  return data_->bytes - data_->saved;
+}
+
 std::size_t TransferReport::removed() const {
   return data_->removed;
 }

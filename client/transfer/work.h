@@ -34,6 +34,7 @@ struct TransferReport::Data {
   bool complete = false;
   std::size_t files = 0;
   std::uint64_t bytes = 0;
+  std::uint64_t saved = 0;
   std::size_t removed = 0;
   std::optional<std::uint64_t> resumedAt;
 };
@@ -83,6 +84,8 @@ class RUNEL_LOCAL TransferWork {
   void expect(std::uint64_t bytes) { expected_ += bytes; }
   /// Adds @p bytes of the file @p name to the progress and to the transferred bytes.
   void count(std::uint64_t bytes, const std::string& name);
+  /// @p bytes of the transferred ones were not sent.
+  void save(std::uint64_t bytes) { done_.saved += bytes; }
   /// Adds @p bytes to the progress only: the device has them.
   void skip(std::uint64_t bytes, const std::string& name);
   void fileDone() { ++done_.files; }

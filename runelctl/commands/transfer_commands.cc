@@ -11,6 +11,7 @@
 
 #include "client/core/paths.h"
 #include "commands/command.h"
+#include "commands/gzip.h"
 #include "commands/transfer_job.h"
 
 namespace runelctl {
@@ -26,6 +27,9 @@ class TransferCommand : public Command {
   std::unique_ptr<Job> job(JobContext context) override {
     TransferPlan plan = plan_;
     plan.options.setResume(resume_).setChecksum(checksum_);
+    if (!plain_) {
+      plan.options.setCompression(gzip, compress_);
+    }
     return std::make_unique<TransferJob>(std::move(context), std::move(plan));
   }
 
@@ -35,6 +39,13 @@ class TransferCommand : public Command {
   void defineChecks(CLI::App& app) {
     app.add_flag("--resume,!--no-resume", resume_, "resume an interrupted transfer (default)");
     app.add_flag("--checksum", checksum_, "verify SHA-256 checksums after the transfer");
+  }
+
+  void defineCompression(CLI::App& app) {
+    CLI::Option* const compress = app.add_flag(
+        "-z,--compress", compress_,
+        "compress large files if that is faster (default: only on a line slower than 5 MB/s)");
+    app.add_flag("--no-compress", plain_, "compress nothing")->excludes(compress);
   }
 
   // The target is the last word.
@@ -62,6 +73,8 @@ class TransferCommand : public Command {
   TransferPlan plan_;
   bool resume_ = true;
   bool checksum_ = false;
+  bool compress_ = false;
+  bool plain_ = false;
 };
 
 class PushCommand : public TransferCommand {
@@ -73,6 +86,7 @@ class PushCommand : public TransferCommand {
   void define(CLI::App& app) override {
     app.add_flag("-r,--recursive", recursive_, "copy directories recursively");
     defineChecks(app);
+    defineCompression(app);
     app.add_option("NAMES", plan().sources, "LOCAL... REMOTE ('-': standard input)")
         ->required()
         ->type_name("");
@@ -124,6 +138,7 @@ class SyncCommand : public TransferCommand {
   void define(CLI::App& app) override {
     app.add_flag("--delete", remove_, "remove files on the device that are missing here");
     defineChecks(app);
+    defineCompression(app);
     app.add_option("LOCAL", local_, "local directory")->required()->type_name("");
     app.add_option("REMOTE", plan().target, "directory on the device")->required()->type_name("");
   }

@@ -174,7 +174,12 @@ void TransferJob::tell(const runel::TransferReport& done) {
   }
   result["files"] = done.files();
   result["bytes"] = done.bytes();
-  const std::string summary = countText(done.files(), "file") + ", " + sizeText(done.bytes());
+  const bool packed = done.sentBytes() != done.bytes();
+  if (packed) {
+    result["sent_bytes"] = done.sentBytes();
+  }
+  const std::string summary = countText(done.files(), "file") + ", " + sizeText(done.bytes()) +
+                              (packed ? ", compressed to " + sizeText(done.sentBytes()) : "");
   const Style& style = report().style();
   if (plan_.way == Way::sync && !style.quiet) {
     report().line("sent " + summary + "; removed " + std::to_string(done.removed()));

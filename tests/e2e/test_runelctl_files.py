@@ -195,6 +195,19 @@ class Push(Transfers):
         self.assertEqual(self.content("device/big"), content)
         self.assertEqual(self.leftovers(), [])
 
+    def test_a_large_file_is_compressed(self):
+        self.serve()
+        content = b"".join(b"line %d of a text\n" % number for number in range(MIB))
+        result = self.succeed("--json", "push", "-z", "--checksum",
+                              self.dated("big", content, 0o600), self.on_device("big"))
+        self.assertEqual(result.objects[-1]["bytes"], len(content))
+        self.assertLess(result.objects[-1]["sent_bytes"], len(content))
+        self.assertTrue(self.content("device/big") == content)
+        self.assertEqual(self.leftovers(), [])
+        result = self.succeed("--json", "push", "--no-compress", self.path("big"),
+                              self.on_device("big"))
+        self.assertNotIn("sent_bytes", result.objects[-1])
+
     def test_an_interrupted_transfer_is_resumed(self):
         self.serve()
         content = noise(20 * MIB)

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <runel/async_device.h>
@@ -60,6 +61,12 @@ class RUNEL_API TransferOptions {
   /// has at most half of it, in whole blocks of 64 KiB, but at least one. The pieces of a push are
   /// as large as what the device takes in a second, up to 32 MiB; those of a pull have up to 8 MiB.
   TransferOptions& setMemory(std::size_t bytes);
+  /// For a push and a sync: compresses pieces of large files with @p gzip, which returns its
+  /// argument as a gzip file, while that is faster. It is tried on a line slower than 5 MB/s; with
+  /// @p onAnyLine also on a faster one. The device's gzip unpacks; without it, and without
+  /// @p gzip, which is the default, nothing is compressed.
+  TransferOptions& setCompression(std::function<std::string(std::string_view bytes)> gzip,
+                                  bool onAnyLine);
   /// Calls @p progress after each file and each piece. It must not destroy the transfer.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);
 
@@ -72,6 +79,8 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] bool intoDirectory() const;
   [[nodiscard]] const std::string& subdirectory() const;
   [[nodiscard]] std::size_t memory() const;
+  [[nodiscard]] const std::function<std::string(std::string_view bytes)>& compression() const;
+  [[nodiscard]] bool compressesOnAnyLine() const;
   [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
   ///@}
 
@@ -100,6 +109,8 @@ class RUNEL_API TransferReport {
   [[nodiscard]] bool partial() const;
   [[nodiscard]] std::size_t files() const;    ///< number of transferred files
   [[nodiscard]] std::uint64_t bytes() const;  ///< number of transferred bytes of content
+  /// Number of bytes that were sent for them: fewer than `bytes` if they were compressed.
+  [[nodiscard]] std::uint64_t sentBytes() const;
   [[nodiscard]] std::size_t removed() const;  ///< number of entries that a sync removed
   /// Where the transfer of the last resumed file continued, in bytes.
   [[nodiscard]] std::optional<std::uint64_t> resumedAt() const;

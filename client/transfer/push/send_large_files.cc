@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends a large file in pieces to a part in the target directory, which is renamed when it is
 // complete. An interrupted transfer is resumed if the part matches this file.
+#include <algorithm>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "client/core/late_content.h"
 #include "client/transfer/hidden_paths.h"
@@ -50,6 +54,7 @@ class SendLargeFile : public PushStage {
 
   void findPart() {
     part_ = partPath(item_.target);
+    packed_ = part_ + ".gz";
     if (!work().options().resume()) {
       work().leaves(Request({"unlink", part_}));
       sendFrom(0);
@@ -61,6 +66,9 @@ class SendLargeFile : public PushStage {
       if (!st || !st->isRegular() || st->size == 0 || st->size > file_->reader.size()) {
         sendFrom(0);
         return;
+      }
+      if (work().options().compression()) {
+        work().tell(Request({"unlink", packed_}));  // that the interrupted transfer may have left
       }
       checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), placeOf(*item_.entry),
                 st->size, item_.target, [this](std::uint64_t offset) { sendFrom(offset); });
@@ -76,12 +84,22 @@ class SendLargeFile : public PushStage {
                  [this](const Reply& reply) { notePlace(statIn(reply)); });
     }
     work().pieces.setRoundTrip(work().fastestAnswer());
-    work().ask(Request::exec({"chmod", "0600", "--", part_}, 0),
-               [this](const Reply&) { work().pieces.begin(PieceSizes::Clock::now()); });
+    work().ask(Request::exec({"chmod", "0600", "--", part_}, 0), [this](const Reply&) {
+      work().pieces.begin(PieceSizes::Clock::now());
+      work().packing.begin(Packing::Clock::now());
+    });
     pieces_ = Pieces(offset, file_->reader.size(), 0);
     steps_ = 0;
-    work().pipe([this] { return nextItem(); }, [this] { return work().pieces.window(); },
+    following_.clear();
+    work().pipe([this] { return nextItem(); }, [this] { return window(); },
                 [this] { endPieces(); });
+  }
+
+  // Compressing must not keep the loop from sending: little is compressed ahead.
+  [[nodiscard]] std::size_t window() const {
+    constexpr std::size_t kPackedAhead = 2097152;
+    const std::size_t bytes = work().pieces.window();
+    return work().packing.next() ? std::min(bytes, kPackedAhead) : bytes;
   }
 
   void notePlace(const std::optional<Stat>& part) {
@@ -96,18 +114,28 @@ class SendLargeFile : public PushStage {
     if (error_) {
       return std::nullopt;
     }
-    if (const std::optional<Piece> piece = pieces_.next(work().pieces.next())) {
-      return pieceItem(*piece);
+    if (!following_.empty()) {
+      Pipeline::Item next = std::move(following_.front());
+      following_.pop_front();
+      return next;
     }
-    return lastItem();
+    if (work().packing.asks()) {
+      return askForGzip();
+    }
+    const std::size_t most = std::min(work().pieces.next(), work().packing.most());
+    const std::optional<Piece> piece = pieces_.next(most);
+    if (!piece) {
+      return lastItem();
+    }
+    std::string packed = work().packing.next() ? pack(*piece) : "";
+    return packed.empty() ? pieceItem(*piece) : packedItem(*piece, std::move(packed));
   }
 
   std::optional<Pipeline::Item> pieceItem(const Piece& piece) {
     const auto handle = [this, size = piece.size](const Reply& reply) {
       check(reply);
       error_ = error_ ? error_ : file_->error;
-      work().pieces.answered(size, PieceSizes::Clock::now());
-      work().count(size, item_.target);
+      pieceDone(size, false);
       return !error_;
     };
     return Pipeline::Item{LateRequest::with({"append", part_}, contentOf(piece)), piece.size,
@@ -129,6 +157,85 @@ class SendLargeFile : public PushStage {
     return {piece.size, read};
   }
 
+  void pieceDone(std::size_t size, bool packed) {
+    work().pieces.answered(size, PieceSizes::Clock::now());
+    work().packing.answered(size, packed, Packing::Clock::now());
+    work().count(size, item_.target);
+  }
+
+  // Creates the file for compressed pieces, which only its owner can read, and unpacks an empty
+  // one.
+  Pipeline::Item askForGzip() {
+    work().packing.asked();
+    noteGzip();
+    const std::string script =
+        "rm -f -- \"$0\" && umask 077 && printf '\\037\\213\\010\\000\\000\\000\\000\\000\\000"
+        "\\003\\003\\000\\000\\000\\000\\000\\000\\000\\000\\000' >\"$0\" && gzip -dc <\"$0\"";
+    return last(Request::exec({"/bin/sh", "-c", script, packed_}, 0),
+                [this](const Reply& reply) { work().packing.setUnpacks(reply.ok()); });
+  }
+
+  void noteGzip() {
+    hasPacked_ = true;
+    std::vector<std::string> remove{"rm", "-f", "--", packed_};
+    if (!work().options().resume()) {
+      remove.push_back(part_);
+    }
+    work().leaves(Request::exec(remove, 0));
+  }
+
+  // Nothing if the piece does not become clearly smaller, or cannot be read: it is sent as it is.
+  std::string pack(const Piece& piece) const {
+    std::string bytes;
+    if (file_->reader.read(piece.offset, piece.size, bytes)) {
+      return "";
+    }
+    std::string packed = work().options().compression()(bytes);
+    return packed.size() < piece.size / 10 * 9 ? packed : "";
+  }
+
+  // The device unpacks to the end of the part. The compressed file is emptied, so that it cannot be
+  // unpacked twice, and keeps its mode. The empty "append" writes the part to the disk.
+  Pipeline::Item packedItem(const Piece& piece, std::string&& packed) {
+    if (!hasPacked_) {
+      createPacked();
+    }
+    const std::size_t weight = packed.size();
+    const auto checked = [this](const Reply& reply) {
+      check(reply);
+      return !error_;
+    };
+    following_.push_back({Request({"write", packed_}, std::move(packed)), weight, checked});
+    const std::string script = "gzip -dc <\"$0\" >>\"$1\" && : >\"$0\"";
+    following_.push_back({Request::exec({"/bin/sh", "-c", script, packed_, part_}, 0), 0,
+                          [this](const Reply& reply) { return unpacked(reply); }});
+    const auto synced = [this, size = piece.size, weight](const Reply& reply) {
+      check(reply);
+      work().save(size - weight);
+      pieceDone(size, true);
+      return !error_;
+    };
+    following_.push_back({Request({"append", part_, ""}), 0, synced});
+    Pipeline::Item first = std::move(following_.front());
+    following_.pop_front();
+    return first;
+  }
+
+  // For a further file: the device is known to unpack.
+  void createPacked() {
+    noteGzip();
+    work().ask(Request({"write", packed_, ""}), [this](const Reply& reply) { check(reply); });
+    work().tell(Request::exec({"chmod", "0600", "--", packed_}, 0));
+  }
+
+  bool unpacked(const Reply& reply) {
+    if (!reply.ok() && !error_) {
+      error_ = Error(Kind::device, Cause::programFailed,
+                     item_.target + ": " + programTrouble("gzip", reply));
+    }
+    return !error_;
+  }
+
   std::optional<Pipeline::Item> lastItem() {
     switch (steps_++) {
       case 0:
@@ -138,6 +245,11 @@ class SendLargeFile : public PushStage {
         return last(setMode(), [this](const Reply& reply) { modeSet_ = reply; });
       case 2:
         return last(setTime(true), [this](const Reply& reply) { timeSet_ = reply.ok(); });
+      case 3:
+        if (hasPacked_) {
+          return last(Request({"unlink", packed_}), [](const Reply&) {});
+        }
+        return std::nullopt;
       default:
         return std::nullopt;
     }
@@ -182,7 +294,8 @@ class SendLargeFile : public PushStage {
     }
   }
 
-  // Owner, mode and time are set before the rename. A change of the owner clears the set-user-ID bit.
+  // Owner, mode and time are set before the rename. A change of the owner clears the set-user-ID
+  // bit.
   void finish() {
     const auto& there = item_.there;
     if (there && (there->uid != partThere_->uid || there->gid != partThere_->gid)) {
@@ -219,6 +332,9 @@ class SendLargeFile : public PushStage {
   }
 
   void drop(const Error& error) {
+    if (hasPacked_) {
+      work().tell(Request({"unlink", packed_}));
+    }
     work().ask(Request({"unlink", part_}), [this, error](const Reply&) {
       work().failItem(item_, error);
       leave();
@@ -235,6 +351,9 @@ class SendLargeFile : public PushStage {
   Next next_;
   std::shared_ptr<SourceFile> file_ = std::make_shared<SourceFile>();
   std::string part_;
+  std::string packed_;                    // the device's file for a compressed piece
+  bool hasPacked_ = false;                // it exists
+  std::deque<Pipeline::Item> following_;  // the next requests for a compressed piece
   Pieces pieces_;
   int steps_ = 0;                  // requests after the last piece
   std::optional<Stat> partThere_;  // after the last piece

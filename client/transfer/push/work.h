@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/transfer/push/packing.h"
 #include "client/transfer/push/piece_sizes.h"
 #include "client/transfer/stage.h"
 #include "client/transfer/work.h"
@@ -33,7 +34,8 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
       : TransferWork(device, options, std::move(done)),
         sources(std::move(from)),
         root(std::move(to)),
-        pieces(this->options().memory()) {}
+        pieces(this->options().memory()),
+        packing(this->options().compression() != nullptr, this->options().compressesOnAnyLine()) {}
 
   [[nodiscard]] const std::vector<LocalSource>& files() const { return filesOf(sources); }
   /// The files that did not fail.
@@ -49,6 +51,7 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
   PushItems modeOnly, timeOnly;
   bool directoriesChange = true;
   PieceSizes pieces;                ///< of the large files
+  Packing packing;                  ///< of the large files
   std::string mounts;               ///< /proc/self/mountinfo of the device
   std::vector<std::string> others;  ///< for a sync: to remove, relative to the target
 };

@@ -124,6 +124,69 @@ TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
                                }));
 }
 
+// Content of ten pieces, for which one byte stands in its compressed form.
+class PackedPushTest : public PushTest {
+ protected:
+  PackedPushTest() {
+    content = std::string(10 * kBlock, 'x');
+    options.setResume(false).setCompression(
+        [](std::string_view bytes) { return std::string(bytes.substr(0, 1)); }, true);
+    device.succeed(std::string("stat ") + partOfB(),
+                   PreparedDevice::stat("0100600", content.size()));
+  }
+  const std::string packed = std::string(partOfB()) + ".gz";
+};
+
+TEST_F(PackedPushTest, CompressesPiecesAfterTheFirst) {
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->bytes(), content.size());
+  const std::size_t count = device.count("write " + packed + " x");
+  EXPECT_GT(count, 0U);
+  EXPECT_EQ(report->sentBytes(), content.size() - count * (kBlock - 1));
+  EXPECT_EQ(device.count("exec /bin/sh -c gzip -dc"), count);
+  EXPECT_EQ(device.count(std::string("append ") + partOfB() + " ("), 10 - count);
+  EXPECT_EQ(device.count("unlink " + packed), 1U);
+}
+
+TEST_F(PackedPushTest, IsAPlainPushWithoutGzipOnTheDevice) {
+  device.fail("exec /bin/sh -c (", ENOENT);  // the longest script
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->sentBytes(), content.size());
+  EXPECT_EQ(device.count("write " + packed), 0U);
+}
+
+TEST_F(PackedPushTest, SendsPiecesThatDoNotBecomeSmallerAsTheyAre) {
+  options.setCompression([](std::string_view bytes) { return std::string(bytes); }, true);
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count(std::string("append ") + partOfB() + " ("), 10U);
+}
+
+TEST_F(PackedPushTest, RemovesItsFilesWhenTheDeviceCannotUnpack) {
+  device.fail("exec /bin/sh -c gzip -dc", ENOSPC);
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_FALSE(report->ok());
+  EXPECT_GT(device.count("unlink " + packed), 0U);
+  EXPECT_EQ(device.requests().back(), std::string("unlink ") + partOfB());
+  EXPECT_EQ(device.count("rename"), 0U);
+}
+
+TEST_F(PackedPushTest, RemovesTheCompressedFileOfAnInterruptedTransfer) {
+  std::optional<Request> cleanUp;
+  device.onRequest("write " + packed, [&] { cleanUp = transfer->cleanUp(); });
+  push({file("b", content)}, "/t/b");
+  finish();
+  ASSERT_TRUE(cleanUp);
+  EXPECT_EQ(cleanUp->words(), (Strings{"exec", "rm", "-f", "--", packed, partOfB()}));
+  EXPECT_FALSE(transfer->cleanUp());
+}
+
 TEST_F(PushTest, SendsManySmallFilesAsAnArchive) {
   Strings paths;
   for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h"}) {

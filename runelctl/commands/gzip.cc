@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "commands/gzip.h"
+
+#define ZLIB_CONST
+#include <zlib.h>
+
+namespace runelctl {
+namespace {
+
+constexpr int kLevel = 6;
+constexpr int kWindowWithGzipHeader = 15 + 16;
+constexpr int kMemoryLevel = 8;
+
+}  // namespace
+
+std::string gzip(std::string_view bytes) {
+  z_stream stream{};
+  if (deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowWithGzipHeader, kMemoryLevel,
+                   Z_DEFAULT_STRATEGY) != Z_OK) {
+    return "";
+  }
+  std::string packed(deflateBound(&stream, bytes.size()), '\0');
+  stream.next_in = reinterpret_cast<const Bytef*>(bytes.data());
+  stream.avail_in = static_cast<uInt>(bytes.size());
+  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+  stream.avail_out = static_cast<uInt>(packed.size());
+  const bool complete = deflate(&stream, Z_FINISH) == Z_STREAM_END;
+  packed.resize(complete ? stream.total_out : 0);
+  (void)deflateEnd(&stream);
+  return packed;
+}
+
+}  // namespace runelctl

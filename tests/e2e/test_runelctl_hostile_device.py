@@ -68,6 +68,8 @@ class Device:
         name = self._name(words[0])
         if task == b"walktree":
             return reply(self.lines)
+        if task == b"read" and name not in self.contents:
+            return reply(fields=(1, 0, 1, errno.ENOENT, 0))
         if task == b"read":
             return reply(self.contents[name])
         if task == b"stat":

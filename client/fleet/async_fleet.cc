@@ -102,6 +102,10 @@ void AsyncFleet::run(const Request& request, Handlers handlers) {
   run(requestJob(request), std::move(handlers));
 }
 
+void AsyncFleet::startNoFurther() {
+  data_->work.startNoFurther();
+}
+
 void AsyncFleet::cancel() {
   data_->work.cancel();
 }

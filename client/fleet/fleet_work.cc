@@ -75,7 +75,7 @@ void FleetWork::run(AsyncFleet::MakeJob make, AsyncFleet::Handlers handlers) {
 }
 
 bool FleetWork::stopEarly() const {
-  return cancelled_ || (options_.failFast && failed_ > 0);
+  return stopping_ || (options_.failFast && failed_ > 0);
 }
 
 // A job that starts may destroy this object.
@@ -147,7 +147,7 @@ bool FleetWork::safe(const Member& member) const {
 
 bool FleetWork::again(const Member& member) const {
   const bool may = member.job->mayRepeat(member.result->error(), safe(member));
-  return may && member.attempts <= options_.deviceAt(member.index).retries() && !cancelled_;
+  return may && member.attempts <= options_.deviceAt(member.index).retries() && !stopping_;
 }
 
 void FleetWork::settle(Member& member) {
@@ -253,8 +253,23 @@ FleetReport FleetWork::report() {
   return FleetReport(data_);
 }
 
+// A member that waits for its next attempt ends with the result of the last one.
+void FleetWork::endPause(Member& member) {
+  if (member.pause.id != 0) {
+    loop_.cancel(member.pause);
+    later([this, &member] { settle(member); });
+  }
+}
+
+void FleetWork::startNoFurther() {
+  stopping_ = true;
+  for (const auto& member : members_) {
+    endPause(*member);
+  }
+}
+
 void FleetWork::cancel() {
-  cancelled_ = true;
+  stopping_ = true;
   const Error error(Kind::local, Cause::cancelled, "cancelled");
   for (const auto& member : members_) {
     if (member->cleaner) {
@@ -263,9 +278,8 @@ void FleetWork::cancel() {
       later([this, held = member.get()] { conclude(*held); });
     } else if (member->device != nullptr) {
       endAll(*member, error);
-    } else if (member->pause.id != 0) {
-      loop_.cancel(member->pause);
-      later([this, held = member.get()] { settle(*held); });
+    } else {
+      endPause(*member);
     }
   }
 }

@@ -30,11 +30,13 @@ class FleetWork {
 
   void lend(AsyncDevice& device) { lent_ = &device; }
   void run(AsyncFleet::MakeJob make, AsyncFleet::Handlers handlers);
+  void startNoFurther();
   void cancel();
 
  private:
   struct Member;
 
+  void endPause(Member& member);
   void later(std::function<void()> call);
   void startSome();
   void start(Member& member);
@@ -66,7 +68,7 @@ class FleetWork {
   std::size_t next_ = 0;
   std::size_t running_ = 0;
   std::size_t failed_ = 0;
-  bool cancelled_ = false;
+  bool stopping_ = false;
   // Shared, so that a handler may destroy this object while it reads its result.
   std::shared_ptr<FleetReport::Data> data_ = std::make_shared<FleetReport::Data>();
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -165,6 +165,8 @@ class RUNEL_API AsyncFleet {
   void run(MakeJob make, Handlers handlers);
   /// Sends the same request to all. A failed task makes its device fail.
   void run(const Request& request, Handlers handlers);
+  /// Starts no further devices. The running ones continue, and are not repeated.
+  void startNoFurther();
   /// Ends all running jobs with `Cause::cancelled` and starts no further ones. A second call ends
   /// the clean-up requests too.
   void cancel();

@@ -465,6 +465,35 @@ TEST_F(FleetTest, CancelPreventsTheRetryOfAnAttemptThatHasJustFailed) {
   EXPECT_EQ(devices.asked, Numbers{0});
 }
 
+TEST_F(FleetTest, StartsNoFurtherDevicesWhenTold) {
+  options.setParallel(2);
+  for (const std::size_t number : {0U, 1U}) {
+    devices.acts[number] = {Act::wait};
+  }
+  AsyncFleet fleet(loop, devices.some(3), options);
+  fleet.run(hostid, keep());
+  runUntil([this] { return devices.asked.size() == 2; });
+  fleet.startNoFurther();
+  devices.answerWaiting();
+  runUntil([this] { return report.has_value(); });
+  EXPECT_EQ(report->results().size(), 2U);
+  EXPECT_TRUE(report->failed().empty());
+  EXPECT_EQ(report->skipped(), Names{"d2"});
+}
+
+TEST_F(FleetTest, RepeatsNothingWhenToldToStartNoFurther) {
+  options.setDevice(DeviceOptions().setRetries(1, std::chrono::hours(1)));
+  devices.acts[0] = {Act::close};
+  AsyncFleet fleet(loop, devices.some(1), options);
+  fleet.run(hostid, keep());
+  runUntil([this] { return !devices.asked.empty(); });
+  turnSome();
+  fleet.startNoFurther();
+  runUntil([this] { return report.has_value(); });
+  EXPECT_EQ(devices.asked, Numbers{0});
+  EXPECT_EQ(report->failed(), Names{"d0"});
+}
+
 TEST_F(FleetTest, ADeviceThatStandsTwiceIsServedOnce) {
   const FleetReport done = ask({devices.at(0), devices.at(1), devices.at(0).named("again")});
   EXPECT_EQ(done.results().size(), 2U);

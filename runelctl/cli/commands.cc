@@ -10,6 +10,7 @@ Commands deviceCommands() {
   addTransferCommands(commands);
   addFileCommands(commands);
   addProgramCommands(commands);
+  addJobCommands(commands);
   addDeviceCommands(commands);
   addRestartCommands(commands);
   addTaskCommands(commands);

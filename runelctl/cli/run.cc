@@ -56,7 +56,7 @@ std::string keepFailed(const std::string& path, std::vector<runel::Address>& tar
 int runFleet(Session& session, CommandLine& line, const Style& style) {
   const Settings& settings = line.settings();
   Command& command = *line.command();
-  Printer printer(style, settings.arrange, command.name(), settings.targets.size() > 1);
+  Printer printer(style, settings.arrange, command.task(), settings.targets.size() > 1);
   OutputDirectory directory;
   if (!settings.outputDirectory.empty() && !settings.dryRun) {
     const int error = directory.open(settings.outputDirectory);
@@ -71,7 +71,7 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
       settings.targets[0] == session.device->address()) {
     fleet.lend(*session.device);
   }
-  const Signals signals(session.loop, [&](int number) { fleet.cancel(kExitSignalBase + number); });
+  const Signals signals(session.loop, [&](int number) { fleet.interrupt(number); });
   const int status = fleet.run();
   if (settings.dryRun) {
     printer.unsent(settings.targets.size());
@@ -106,7 +106,7 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
     return kExitUsage;
   }
   if (const auto error = line.command()->prepare()) {
-    tellFailure(line.command()->name(), *error, style);
+    tellFailure(line.command()->task(), *error, style);
     return exitStatusOf(*error);
   }
   return runFleet(session, line, style);

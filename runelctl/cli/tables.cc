@@ -108,6 +108,21 @@ void readOptions(CLI::App& app, std::vector<OptionRow>& rows, std::vector<Option
   }
 }
 
+CommandRow commandRow(CLI::App& sub) {
+  CommandRow row{sub.get_name(), sub.get_description(), {}, {}};
+  readOptions(sub, row.options, row.arguments);
+  for (CLI::App* nested : sub.get_subcommands([](CLI::App*) { return true; })) {
+    row.commands.push_back(commandRow(*nested));
+  }
+  return row;
+}
+
+const CommandRow* findCommand(const std::vector<CommandRow>& rows, const std::string& name) {
+  const auto found = std::find_if(rows.begin(), rows.end(),
+                                  [&](const CommandRow& row) { return row.name == name; });
+  return found == rows.end() ? nullptr : &*found;
+}
+
 const OptionRow* find(const std::vector<OptionRow>& rows, const std::string& name) {
   const auto found = std::find_if(rows.begin(), rows.end(), [&](const OptionRow& row) {
     return std::find(row.names.begin(), row.names.end(), name) != row.names.end();
@@ -117,10 +132,12 @@ const OptionRow* find(const std::vector<OptionRow>& rows, const std::string& nam
 
 }  // namespace
 
+const CommandRow* CommandRow::subcommand(const std::string& word) const {
+  return findCommand(commands, word);
+}
+
 const CommandRow* Tables::command(const std::string& name) const {
-  const auto found = std::find_if(commands.begin(), commands.end(),
-                                  [&](const CommandRow& row) { return row.name == name; });
-  return found == commands.end() ? nullptr : &*found;
+  return findCommand(commands, name);
 }
 
 const OptionRow* Tables::option(const CommandRow* command, const std::string& name) const {
@@ -134,9 +151,7 @@ Tables readTables(CLI::App& app) {
   readOptions(app, tables.options, none);
   for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) {
     if (!sub->get_group().empty()) {
-      CommandRow row{sub->get_name(), sub->get_description(), {}, {}};
-      readOptions(*sub, row.options, row.arguments);
-      tables.commands.push_back(row);
+      tables.commands.push_back(commandRow(*sub));
     }
   }
   return tables;

@@ -37,7 +37,11 @@ struct CommandRow {
   std::string name;
   std::string help;
   std::vector<OptionRow> options;
-  std::vector<OptionRow> arguments;  ///< without names; the last one may repeat
+  std::vector<OptionRow> arguments;    ///< without names; the last one may repeat
+  std::vector<CommandRow> commands{};  ///< its subcommands; it has no arguments then
+
+  /// The subcommand @p word, nullptr for another word.
+  [[nodiscard]] const CommandRow* subcommand(const std::string& word) const;
 };
 
 /// The general options, and each command with its options.

@@ -52,6 +52,10 @@ class Command {
   }
   /// True for a command whose time depends on the amount of data.
   [[nodiscard]] virtual bool transfers() const { return false; }
+  /// What reports call the command; with its subcommand, if it has any.
+  [[nodiscard]] virtual std::string task() const { return name_; }
+  /// True for a command that passes on output while a program runs.
+  [[nodiscard]] virtual bool streams() const { return false; }
   /// True for a command that runs on one device after the other by default.
   [[nodiscard]] virtual bool sequential() const { return false; }
 
@@ -70,6 +74,7 @@ void addTaskCommands(Commands& commands);
 void addFileCommands(Commands& commands);
 void addTransferCommands(Commands& commands);
 void addProgramCommands(Commands& commands);
+void addJobCommands(Commands& commands);
 void addDeviceCommands(Commands& commands);
 void addRestartCommands(Commands& commands);
 

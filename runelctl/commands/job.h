@@ -42,6 +42,11 @@ struct JobContext {
   std::function<void(Outcome)> done;
 };
 
+/// The limit for a program in seconds, 0 for none. @p given is that of the command line, or 0.
+[[nodiscard]] inline int programLimitFor(const JobContext& context, int given) {
+  return given > 0 ? given : context.settings.programLimitOf(context.device.address());
+}
+
 /// Sends requests to the device step by step and calls `finish` once at the end. It may be
 /// destroyed earlier; then it leaves no temporary files on this host, except a partial file for
 /// resuming.
@@ -59,6 +64,18 @@ class Job {
   /// A request that removes the temporary files of an unfinished job from the device, for a
   /// separate connection. Empty if no cleanup is necessary.
   [[nodiscard]] virtual std::optional<runel::Request> cleanUp() const { return std::nullopt; }
+  /// For a job that is ended from outside, such as by its deadline: what remains on the device.
+  /// Empty for nothing.
+  [[nodiscard]] virtual std::string remainder() const { return ""; }
+  /// A signal interrupted runelctl. Returns true if this job deals with it and ends by itself; it
+  /// is called again for each further signal. False to be cancelled.
+  [[nodiscard]] virtual bool interrupt(int number) {
+    (void)number;
+    return false;
+  }
+  /// True for a job that tells itself what has become of its program: the requests that were not
+  /// answered do not matter.
+  [[nodiscard]] virtual bool knowsOutcome() const { return false; }
   /// True for a job that continues where an earlier attempt stopped, so that it may run again
   /// although tasks of that attempt have run. False for all others: a failed attempt is repeated
   /// only if none of its tasks has run that is not safe to repeat.
@@ -78,6 +95,7 @@ class Job {
 
   Report& report() { return context_.report; }
   [[nodiscard]] const Settings& settings() const { return context_.settings; }
+  [[nodiscard]] const runel::AsyncDevice& device() const { return context_.device; }
   [[nodiscard]] std::string remote(const std::string& path) const {
     return context_.settings.remote(path);
   }

@@ -9,7 +9,9 @@
 #include <CLI/CLI.hpp>
 
 #include "commands/command.h"
+#include "commands/job_flags.h"
 #include "commands/number_range.h"
+#include "commands/stream_job.h"
 #include "output/text.h"
 #include "protocol/protocol.h"
 
@@ -24,11 +26,6 @@ std::vector<std::string> inDirectory(const Settings& settings, std::vector<std::
     program.insert(program.begin(), shell.begin(), shell.end());
   }
   return program;
-}
-
-// The limit of the command line for a program is @p given, or 0.
-int limitFor(const JobContext& context, int given) {
-  return given > 0 ? given : context.settings.programLimitOf(context.device.address());
 }
 
 // Prints the output of the program unchanged and returns its exit status.
@@ -94,56 +91,109 @@ class ExecJob : public Job {
   const std::string program_;
 };
 
-class ExecCommand : public Command {
+// A command that runs its program as a job with --stream.
+class StreamableCommand : public Command {
  public:
-  ExecCommand() : Command("exec", "run a program; return its output and exit status") {}
+  using Command::Command;
+
+  std::string check(const Settings& settings) override {
+    (void)settings;
+    return stream_ ? flags_.check() : "";
+  }
+  std::optional<Error> prepare() override { return stream_ ? flags_.prepare() : std::nullopt; }
+  [[nodiscard]] bool streams() const override { return stream_; }
+  // The limit for a connection that is lost is enough.
+  [[nodiscard]] bool transfers() const override { return stream_; }
+  [[nodiscard]] std::optional<int> programLimit(const Settings& settings) const override {
+    return limit_ > 0 ? limit_ : settings.programLimit;
+  }
+
+ protected:
+  CLI::Option* defineLimit(CLI::App& app, const std::string& help) {
+    return app.add_option("--timeout", limit_, help)
+        ->check(numberRange(1, 2147483647))
+        ->type_name("SECONDS");
+  }
+
+  CLI::Option* defineStream(CLI::App& app) {
+    CLI::Option* stream =
+        app.add_flag("--stream", stream_, "run it as a job and print its output while it runs");
+    app.add_flag("--keep", keep_, "keep the job on the device when it has ended")->needs(stream);
+    flags_.defineStart(app, stream);
+    flags_.defineDirectory(app, stream);
+    flags_.defineReconnect(app, stream);
+    return stream;
+  }
+
+  std::unique_ptr<Job> streamJob(JobContext context, std::vector<std::string> words) {
+    StreamPlan plan;
+    plan.place = flags_.place();
+    const Settings& settings = context.settings;
+    plan.start = flags_.plan(std::move(words), settings.runThere ? settings.directory : "",
+                             programLimitFor(context, limit_));
+    plan.input = flags_.input();
+    plan.follow.limit = flags_.reconnect();
+    plan.remove = !keep_;
+    return std::make_unique<StreamJob>(std::move(context), std::move(plan));
+  }
+
+  int limit_ = 0;  // of the command line; 0 without one
+
+ private:
+  JobFlags flags_;
+  bool stream_ = false;
+  bool keep_ = false;
+};
+
+class ExecCommand : public StreamableCommand {
+ public:
+  ExecCommand() : StreamableCommand("exec", "run a program; return its output and exit status") {}
 
   void define(CLI::App& app) override {
     app.positionals_at_end();
-    auto* limit = app.add_option("--timeout", limit_, "limit for the program (default: none)")
-                      ->check(numberRange(1, 2147483647))
-                      ->type_name("SECONDS");
     app.add_flag("--background", background_, "start the program and do not wait for it")
-        ->excludes(limit);
+        ->excludes(defineLimit(app, "limit for the program (default: none)"))
+        ->excludes(defineStream(app));
     app.add_option("PROGRAM", words_, "program and its arguments, after '--'")->required();
   }
 
   std::string check(const Settings& settings) override {
-    return background_ && settings.programLimitGiven ? "exec: --background excludes --timeout" : "";
+    return background_ && settings.programLimitGiven ? "exec: --background excludes --timeout"
+                                                     : StreamableCommand::check(settings);
   }
 
   std::unique_ptr<Job> job(JobContext context) override {
-    const int limit = background_ ? -1 : limitFor(context, limit_);
+    if (streams()) {
+      return streamJob(std::move(context), words_);
+    }
+    const int limit = background_ ? -1 : programLimitFor(context, limit_);
     const std::vector<std::string> program = inDirectory(context.settings, words_);
     return std::make_unique<ExecJob>(std::move(context), runel::Request::exec(program, limit),
                                      words_[0]);
   }
 
-  [[nodiscard]] std::optional<int> programLimit(const Settings& settings) const override {
-    return limit_ > 0 ? limit_ : settings.programLimit;
-  }
-
  private:
-  int limit_ = 0;
   bool background_ = false;
   std::vector<std::string> words_;
 };
 
-class ShellLineCommand : public Command {
+class ShellLineCommand : public StreamableCommand {
  public:
-  ShellLineCommand() : Command("sh", "run a command line with the device's /bin/sh") {}
+  ShellLineCommand() : StreamableCommand("sh", "run a command line with the device's /bin/sh") {}
 
   void define(CLI::App& app) override {
     app.positionals_at_end();
-    app.add_option("--timeout", limit_, "limit for the command line (default: none)")
-        ->check(numberRange(1, 2147483647))
-        ->type_name("SECONDS");
+    (void)defineLimit(app, "limit for the command line (default: none)");
+    (void)defineStream(app);
     app.add_option("LINE", line_)->required();
   }
 
   std::unique_ptr<Job> job(JobContext context) override {
+    if (streams()) {
+      return streamJob(std::move(context), {"/bin/sh", "-c", line_});
+    }
     std::string line = line_;
-    const int limit = limitFor(context, limit_);
+    const int limit = programLimitFor(context, limit_);
     if (!context.settings.directory.empty()) {
       return std::make_unique<ExecJob>(
           std::move(context),
@@ -156,12 +206,7 @@ class ShellLineCommand : public Command {
                                      runel::Request::exec({"/bin/sh", "-c", line}, limit), "sh");
   }
 
-  [[nodiscard]] std::optional<int> programLimit(const Settings& settings) const override {
-    return limit_ > 0 ? limit_ : settings.programLimit;
-  }
-
  private:
-  int limit_ = 0;
   std::string line_;
 };
 

@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "fleet/line_stream.h"
+
 namespace runelctl {
 namespace {
 
@@ -114,7 +116,11 @@ struct Fleet::Member {
   bool unknown = false;                       // whether one of its tasks ran
   bool notRepeated = false;                   // because a task may have run
   std::optional<runel::LongTask> longTask{};  // which the device continues
+  std::string remainder{};                    // of a job that was ended from outside
   bool succeeded = false;
+  // With --prefix: lines of standard output and standard error that are not complete.
+  std::optional<LineStream> lines{};
+  std::optional<LineStream> errorLines{};
 };
 
 // One attempt of the command on one device.
@@ -147,9 +153,18 @@ class Fleet::Attempt : public runel::FleetJob {
 
   [[nodiscard]] std::optional<runel::Request> cleanUp() const override { return job_->cleanUp(); }
 
+  // Returns whether the job deals with the signal, or has ended.
+  [[nodiscard]] bool interrupt(int number) { return member_.outcome || job_->interrupt(number); }
+  void cancel() const {
+    attempt_.finish(runel::Error(runel::Kind::local, runel::Cause::cancelled, "cancelled"));
+  }
+
   [[nodiscard]] bool mayRepeat(const runel::Error& error, bool safe) const override {
-    member_.unknown = !job_->resumes() && attempt_.device.inDoubt() > inDoubt_;
-    member_.longTask = attempt_.device.longTask();
+    if (!job_->knowsOutcome()) {
+      member_.unknown = !job_->resumes() && attempt_.device.inDoubt() > inDoubt_;
+      member_.longTask = attempt_.device.longTask();
+    }
+    member_.remainder = member_.outcome ? "" : job_->remainder();
     if (error.cause() == runel::Cause::cancelled) {
       return false;
     }
@@ -236,6 +251,7 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
   member.outcome.reset();
   member.unknown = member.notRepeated = false;
   member.longTask.reset();
+  member.remainder.clear();
   openReport(member, attempt.index);
   if (settings_.dryRun) {
     attempt.device.setDryRun(
@@ -246,8 +262,13 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
 
 void Fleet::openReport(Member& member, std::size_t index) {
   const std::string& name = member.target.name();
-  member.report.emplace(style_, openingObject(name, command_.name()), settings_.spool);
-  if (members_.size() == 1 && settings_.retry == 0) {
+  member.report.emplace(style_, openingObject(name, command_.task()), settings_.spool);
+  member.report->onNote = [this, name](const std::string& text) {
+    printer_.note(name + ": " + text);
+  };
+  if (command_.streams()) {
+    streamReport(member);
+  } else if (members_.size() == 1 && settings_.retry == 0) {
     member.report->stream = [this, name](std::string_view bytes) { printer_.stream(name, bytes); };
   }
   if (!printer_.statusLine().enabled()) {
@@ -261,6 +282,27 @@ void Fleet::openReport(Member& member, std::size_t index) {
       progress_.update(index, progress);
     }
   };
+}
+
+// Output of a running program, which is not repeated: a job that has begun to print has run. With
+// several devices, only prefixed lines and objects can be told apart.
+void Fleet::streamReport(Member& member) {
+  Report& report = *member.report;
+  const std::string name = member.target.name();
+  report.entryStream = [this, name](const std::string& line) { printer_.showEntry(name, line); };
+  report.onText = [this, name](bool error, std::string_view bytes) {
+    printer_.keepText(name, error, bytes);
+  };
+  if (members_.size() == 1) {
+    report.stream = [this](std::string_view bytes) { printer_.show(bytes); };
+    report.errorStream = [this](std::string_view bytes) { printer_.showError(bytes); };
+  } else if (settings_.arrange == Arrange::prefix) {
+    member.lines.emplace([this, name](const std::string& text) { printer_.showLines(name, text); });
+    member.errorLines.emplace(
+        [this, name](const std::string& text) { printer_.showErrorLines(name, text); });
+    report.stream = [&member](std::string_view bytes) { member.lines->add(bytes); };
+    report.errorStream = [&member](std::string_view bytes) { member.errorLines->add(bytes); };
+  }
 }
 
 // With several devices, the printer adds the names.
@@ -306,6 +348,9 @@ Outcome Fleet::outcomeOf(const Member& member, const runel::FleetResult& result)
 void Fleet::explain(Member& member, Error& error) const {
   error.unknown = member.unknown;
   const bool left = error.fault == Fault::cancelled || error.fault == Fault::timedOut;
+  if (left && !member.remainder.empty()) {
+    error.advise(member.remainder);
+  }
   if (left && member.longTask) {
     error.advise(continuesText(*member.longTask));
     Json& result = member.report->result();
@@ -328,6 +373,10 @@ void Fleet::conclude(const runel::FleetResult& result) {
   if (outcome.error) {
     explain(member, *outcome.error);
   }
+  if (member.lines) {
+    member.lines->end();
+    member.errorLines->end();
+  }
   member.succeeded = outcome.status == 0;
   failed_ += member.succeeded ? 0 : 1;
   ends_.push_back({member.target.name(), std::move(outcome), result.index});
@@ -343,9 +392,27 @@ void Fleet::endWave(std::size_t wave, std::size_t failed, bool stopped) {
   }
 }
 
-void Fleet::cancel(int status) {
-  cancelled_ = status;
-  fleet_.cancel();
+void Fleet::interrupt(int number) {
+  std::vector<Attempt*> others;
+  bool dealt = false;
+  for (const auto& member : members_) {
+    if (member->attempt != nullptr && member->attempt->interrupt(number)) {
+      dealt = true;
+    } else if (member->attempt != nullptr) {
+      others.push_back(member->attempt);
+    }
+  }
+  if (!dealt || !others.empty() || started_ < members_.size()) {
+    cancelled_ = kExitSignalBase + number;
+  }
+  if (!dealt) {
+    fleet_.cancel();
+    return;
+  }
+  fleet_.startNoFurther();
+  for (const Attempt* attempt : others) {
+    attempt->cancel();
+  }
 }
 
 // Looks at the running devices, once a second.

@@ -29,8 +29,9 @@ class Fleet {
   void lend(runel::AsyncDevice& device) { fleet_.lend(device); }
   /// Runs the command on all devices and returns the highest exit status.
   [[nodiscard]] int run();
-  /// Cancels the running devices, skips the others and makes `run` return @p status.
-  void cancel(int status);
+  /// A signal interrupted the run: skips the devices that were not started, and cancels the running
+  /// ones, except those whose jobs deal with the signal themselves: see `Job::interrupt`.
+  void interrupt(int number);
 
   [[nodiscard]] const std::vector<Finished>& ends() const { return ends_; }
   /// The names of the devices on which nothing was started.
@@ -44,6 +45,7 @@ class Fleet {
 
   [[nodiscard]] std::unique_ptr<runel::FleetJob> start(runel::FleetAttempt attempt);
   void openReport(Member& member, std::size_t index);
+  void streamReport(Member& member);
   void showUnsent(Member& member, const std::string& payload) const;
   void showSentLater(Member& member, const Job& job) const;
   [[nodiscard]] Outcome outcomeOf(const Member& member, const runel::FleetResult& result) const;

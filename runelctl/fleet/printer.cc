@@ -79,6 +79,7 @@ Printer::Printer(const Style& style, Arrange arrange, std::string task, bool man
       task_(std::move(task)),
       many_(many),
       output_(style),
+      errors_(style),
       statusLine_(style) {}
 
 void Printer::out(std::string_view bytes) {
@@ -131,10 +132,11 @@ void Printer::problem(const std::string& text) {
 
 // The files of the device whose output is being written. Null without --output-dir.
 OutputFiles* Printer::files(const std::string& device) {
-  if (directory_ != nullptr && !filesTried_) {
+  if (directory_ != nullptr && !filesTried_ && unkept_.count(device) == 0) {
     filesTried_ = true;
     files_ = directory_->create(device);
     if (!files_) {
+      unkept_.insert(device);
       problem(directory_->pathFor(device) + ": " + runel::systemText(errno));
     }
   }
@@ -143,6 +145,7 @@ OutputFiles* Printer::files(const std::string& device) {
 
 void Printer::closeFiles(const std::string& device) {
   if (files_ && files_->error() != 0) {
+    unkept_.insert(device);
     problem(directory_->pathFor(device) + ": " + runel::systemText(files_->error()));
   }
   files_.reset();
@@ -162,14 +165,57 @@ void Printer::stream(const std::string& device, std::string_view bytes) {
   }
 }
 
+void Printer::show(std::string_view bytes) {
+  out(bytes);
+}
+
+void Printer::showError(std::string_view bytes) {
+  statusLine_.clear();
+  errors_.write(bytes);
+}
+
+// The last line may be the part of a long one.
+std::string Printer::prefixed(const std::string& device, std::string_view lines) const {
+  return LinePrefix(style_.name(device) + ": ").add(lines) + (lines.back() == '\n' ? "" : "\n");
+}
+
+void Printer::showLines(const std::string& device, std::string_view lines) {
+  out(prefixed(device, lines));
+  endText();
+}
+
+void Printer::showErrorLines(const std::string& device, std::string_view lines) {
+  showError(prefixed(device, lines));
+  errors_.endText();
+}
+
+void Printer::showEntry(const std::string& device, const std::string& line) {
+  out(line);
+  keepText(device, false, line);
+}
+
+// Closed each time: there may be more devices than open files.
+void Printer::keepText(const std::string& device, bool error, std::string_view bytes) {
+  if (OutputFiles* const kept = files(device)) {
+    error ? kept->addError(bytes) : kept->addOutput(bytes);
+    closeFiles(device);
+  }
+  filesTried_ = false;
+}
+
 void Printer::finished(const Finished& end, Report& report) {
-  keep(end.device, report.collected());
+  if (report.onText) {
+    (void)files(end.device);  // without any output, empty ones
+  } else {
+    keep(end.device, report.collected());
+  }
   if (style_.json) {
     printJson(end, report);
   } else {
     printText(end, report);
   }
   endText();
+  errors_.endText();
   printErrors(end, report);
   closeFiles(end.device);
   if (end.outcome.status != 0) {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -41,6 +42,18 @@ class Printer {
 
   /// Writes output of the single device @p device immediately.
   void stream(const std::string& device, std::string_view bytes);
+  /// Writes output of a running program on the single device immediately.
+  void show(std::string_view bytes);
+  /// The same on standard error.
+  void showError(std::string_view bytes);
+  /// Writes lines of @p device immediately, each with its name.
+  void showLines(const std::string& device, std::string_view lines);
+  /// The same on standard error.
+  void showErrorLines(const std::string& device, std::string_view lines);
+  /// Writes the line of one object of @p device immediately.
+  void showEntry(const std::string& device, const std::string& line);
+  /// Adds output of a running program on @p device to the files of the device, if any.
+  void keepText(const std::string& device, bool error, std::string_view bytes);
   /// Writes or holds back the output of a device and writes its errors. Moves the output out of @p
   /// report.
   void finished(const Finished& end, Report& report);
@@ -72,6 +85,7 @@ class Printer {
   void tellFailures(const std::vector<std::string>& skipped);
   void keep(const std::string& device, const runel::HeldBytes& text);
   [[nodiscard]] OutputFiles* files(const std::string& device);
+  [[nodiscard]] std::string prefixed(const std::string& device, std::string_view lines) const;
   void closeFiles(const std::string& device);
   void out(std::string_view bytes);
   void outHeld(const runel::HeldBytes& text);
@@ -86,6 +100,7 @@ class Printer {
   const std::string task_;
   const bool many_;
   StandardOutput output_;
+  StandardError errors_;
   StatusLine statusLine_;
   OutputGroups groups_;
   std::map<std::size_t, std::pair<std::string, std::vector<Cell>>> rows_;  // by index
@@ -93,6 +108,7 @@ class Printer {
   OutputDirectory* directory_ = nullptr;
   std::unique_ptr<OutputFiles> files_;  // of the device whose output is being written
   bool filesTried_ = false;
+  std::set<std::string> unkept_;  // devices whose files cannot be written
   int status_ = 0;
 };
 

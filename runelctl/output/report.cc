@@ -19,14 +19,35 @@ Json openingObject(const std::string& device, const std::string& task) {
   return object;
 }
 
-void Report::bytes(std::string_view bytes) {
-  if (style_.json) {
-    return;
-  }
+void Report::add(std::string_view bytes) {
   if (stream) {
     stream(bytes);
   } else {
     collected_.add(bytes);
+  }
+}
+
+void Report::bytes(std::string_view bytes) {
+  if (style_.json) {
+    return;
+  }
+  if (onText) {
+    onText(false, bytes);
+  }
+  add(bytes);
+}
+
+void Report::errorBytes(std::string_view bytes) {
+  if (style_.json) {
+    return;
+  }
+  if (onText) {
+    onText(true, bytes);
+  }
+  if (errorStream) {
+    errorStream(bytes);
+  } else {
+    add(bytes);
   }
 }
 
@@ -47,7 +68,12 @@ void Report::entry(const Json& object) {
   if (style_.json) {
     Json whole = opening_;
     whole.update(object);
-    collected_.add(jsonLine(whole, style_.outTerminal));
+    const std::string line = jsonLine(whole, style_.outTerminal);
+    if (entryStream) {
+      entryStream(line);
+    } else {
+      collected_.add(line);
+    }
   }
 }
 

@@ -51,6 +51,8 @@ class Report {
 
   /// Adds unchanged output.
   void bytes(std::string_view bytes);
+  /// Adds unchanged output of a program on its standard error.
+  void errorBytes(std::string_view bytes);
   /// Adds one line of output. Names in it must be converted with `name`.
   void line(const std::string& text) { bytes(text + "\n"); }
   /// Adds the answer of a program or a task and, as text, @p end. In JSON it is the field "output"
@@ -68,6 +70,12 @@ class Report {
   [[nodiscard]] const Json& result() const { return result_; }
   /// Adds a warning, which may contain any bytes.
   void warn(const std::string& text) { warnings_.push_back(text); }
+  /// Tells something about the run at once: see `onNote`.
+  void note(const std::string& text) const {
+    if (onNote) {
+      onNote(text);
+    }
+  }
   /// Reports progress.
   void progress(const Progress& progress) {
     if (onProgress) {
@@ -89,9 +97,19 @@ class Report {
 
   /// If set, receives the output immediately instead of collecting it.
   std::function<void(std::string_view)> stream;
+  /// If set, receives the output on standard error, which is else added to the other output.
+  std::function<void(std::string_view)> errorStream;
+  /// If set, also receives each piece of both outputs immediately: @p error tells which.
+  std::function<void(bool error, std::string_view bytes)> onText;
+  /// If set, receives the line of each object immediately instead of collecting it.
+  std::function<void(const std::string&)> entryStream;
+  /// Receives notes; without it they are ignored.
+  std::function<void(const std::string&)> onNote;
   std::function<void(const Progress&)> onProgress;
 
  private:
+  void add(std::string_view bytes);
+
   const Style& style_;
   const Json opening_;
   runel::HeldBytes collected_;

@@ -26,6 +26,14 @@ int StandardOutput::descriptor() {
   return STDOUT_FILENO;
 }
 
+void StandardError::write(std::string_view bytes) {
+  (void)(terminal_ ? writeAll(STDERR_FILENO, visible_.add(bytes)) : writeAll(STDERR_FILENO, bytes));
+}
+
+void StandardError::endText() {
+  (void)writeAll(STDERR_FILENO, visible_.end());
+}
+
 bool writeOut(const Style& style, std::string_view text) {
   StandardOutput output(style);
   return output.write(text) && output.endText();

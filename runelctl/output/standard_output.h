@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way of all output to standard output.
+// The way of all output to standard output, and of the output of programs to standard error.
 #ifndef RUNELCTL_OUTPUT_STANDARD_OUTPUT_H_
 #define RUNELCTL_OUTPUT_STANDARD_OUTPUT_H_
 
@@ -27,6 +27,20 @@ class StandardOutput {
   /// without blocking.
   [[nodiscard]] static std::string visible(const Style& style, std::string_view text);
   [[nodiscard]] static int descriptor();
+
+ private:
+  const bool terminal_;
+  TerminalText visible_;
+};
+
+/// Writes to standard error what a program has written there. An error cannot be reported.
+class StandardError {
+ public:
+  explicit StandardError(const Style& style) : terminal_(style.errTerminal) {}
+
+  void write(std::string_view bytes);
+  /// Ends the text, like `StandardOutput::endText`.
+  void endText();
 
  private:
   const bool terminal_;

@@ -47,6 +47,15 @@ std::string jsonLine(const Json& object, bool terminal) {
   return line;
 }
 
+std::size_t unfinishedCharacter(std::string_view bytes) {
+  for (std::size_t count = 1; count <= std::min<std::size_t>(3, bytes.size()); ++count) {
+    if (isUtf8Beginning(bytes.substr(bytes.size() - count))) {
+      return count;
+    }
+  }
+  return 0;
+}
+
 void putBytes(Json& object, const std::string& key, std::string_view bytes) {
   if (isUtf8(bytes)) {
     object[key] = bytes;

@@ -19,6 +19,9 @@ using Json = nlohmann::ordered_json;
 /// @p object as a line. On a @p terminal, characters that it could interpret are escaped.
 [[nodiscard]] std::string jsonLine(const Json& object, bool terminal);
 
+/// The number of bytes at the end of @p bytes that begin a character and do not complete it.
+[[nodiscard]] std::size_t unfinishedCharacter(std::string_view bytes);
+
 /// Sets @p key of @p object to @p bytes if they are valid UTF-8. Otherwise sets "KEY_base64" to
 /// their base64 form.
 void putBytes(Json& object, const std::string& key, std::string_view bytes);

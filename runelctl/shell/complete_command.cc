@@ -63,7 +63,11 @@ std::vector<std::string> selectionIn(const Tables& tables, const std::vector<std
       if (command != nullptr && takesProgram(*command)) {
         return kept;  // the further words belong to the program
       }
-      command = command != nullptr ? command : tables.command(name);
+      if (command == nullptr) {
+        command = tables.command(name);
+      } else if (command->subcommand(name) != nullptr) {
+        command = command->subcommand(name);
+      }
       continue;
     }
     const OptionRow* option = tables.option(command, name);

@@ -58,6 +58,8 @@ std::vector<std::string> Completer::candidates(const std::vector<std::string>& b
     } else if (command == nullptr && !own) {
       command = tables_.command(earlier);
       own = command == nullptr;
+    } else if (command != nullptr && command->subcommand(earlier) != nullptr) {
+      command = command->subcommand(earlier);
     } else {
       ++arguments;
     }
@@ -73,6 +75,13 @@ std::vector<std::string> Completer::candidates(const std::vector<std::string>& b
   }
   if (command == nullptr) {
     return commandNames(word);
+  }
+  if (!command->commands.empty()) {
+    std::vector<std::string> matches;
+    for (const CommandRow& row : command->commands) {
+      addMatching(matches, {row.name}, word);
+    }
+    return matches;
   }
   const auto& rows = command->arguments;
   return rows.empty() ? std::vector<std::string>()

@@ -60,6 +60,24 @@ std::string options(const std::string& start, const std::vector<OptionRow>& rows
   return text;
 }
 
+// The subcommands of @p row, and their options and arguments.
+std::string subcommands(const CommandRow& row) {
+  const std::string inside = "__fish_seen_subcommand_from " + row.name + "; and ";
+  std::string text;
+  std::string names;
+  for (const CommandRow& sub : row.commands) {
+    names += " " + sub.name;
+  }
+  for (const CommandRow& sub : row.commands) {
+    text += "complete -c runelctl -n '" + inside + "not __fish_seen_subcommand_from" + names +
+            "' -a " + sub.name + " -d " + inQuotes(sub.help) + "\n";
+    text += options(
+        "complete -c runelctl -n '" + inside + "__fish_seen_subcommand_from " + sub.name + "'",
+        sub.options);
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string fishCompletion(const Tables& tables) {
@@ -72,6 +90,7 @@ std::string fishCompletion(const Tables& tables) {
     each += "complete -c runelctl -n 'not __fish_seen_subcommand_from $__runelctl_commands' -a " +
             row.name + " -d " + inQuotes(row.help) + "\n";
     each += options(start, row.options);
+    each += subcommands(row);
     for (const OptionRow& argument : row.arguments) {
       if (argument.value != Value::any) {
         each += start + value(argument) + "\n";

@@ -10,13 +10,14 @@ the test stopped it. Runs with a usage error (status 2) and requests for help do
 import dataclasses
 import json
 import os
+import re
 import shlex
 import subprocess
 import sys
 
 STATUSES = {0, 1, 2, 124, 126, 127, 255}
 # The words after the first argument belong to the program.
-TAKE_THE_REST = ("exec", "sh")
+TAKE_THE_REST = ("exec", "sh", "job start")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -37,6 +38,7 @@ class Tables:
                                 capture_output=True).stdout
         self.commands = []
         self.options = []
+        self.parents = set()  # commands with subcommands
         for line in script.splitlines():
             # Inside quotes, fish escapes a quote as \'.
             words = shlex.split(line.replace("\\'", "'\\''"), comments=True)
@@ -48,9 +50,17 @@ class Tables:
     def _read(self, words):
         names = [("-" if kind == "-s" else "--") + name
                  for kind, name in zip(words, words[1:]) if kind in ("-s", "-l")]
-        condition = words[words.index("-n") + 1].split() if "-n" in words else ["", ""]
+        condition = words[words.index("-n") + 1] if "-n" in words else ""
+        command = " ".join(re.findall(r"__fish_seen_subcommand_from ([a-z0-9]+)", condition))
         if names:
-            self.options.append(Option(condition[1], tuple(names), "-x" in words or "-r" in words))
+            self.options.append(Option(command, tuple(names), "-x" in words or "-r" in words))
+        elif "-a" in words and "; and not " in condition:
+            self._read_subcommand(condition, words[words.index("-a") + 1])
+
+    def _read_subcommand(self, condition, name):
+        parent = re.match(r"__fish_seen_subcommand_from ([a-z0-9]+); and not ", condition)[1]
+        self.commands.append(f"{parent} {name}")
+        self.parents.add(parent)
 
     def find(self, command, name):
         """The option @p name of @p command, or the general option @p name."""
@@ -73,8 +83,8 @@ def tried(tables, words):
                 options.append(option)
                 if option.has_value and "=" not in word:
                     left.pop(0)
-        elif not command:
-            command = word
+        elif not command or command in tables.parents:
+            command = f"{command} {word}".strip()
         elif command in TAKE_THE_REST:
             break
     # An option before the command may be a general option or one of the command.
@@ -96,7 +106,8 @@ def main(binary, records):
                 if not any("--help" in option.names for option in given):
                     commands.add(command)
     wrong = [f"{path} is missing: run that test first" for path in missing]
-    wrong += [f"no test runs {name}" for name in tables.commands if name not in commands]
+    wrong += [f"no test runs {name}" for name in tables.commands
+              if name not in commands and name not in tables.parents]
     wrong += [f"no test uses {option}" for option in tables.options if option not in options]
     wrong += [f"no test covers exit status {status}" for status in sorted(STATUSES - statuses)]
     if not any(status and 128 < status < 255 for status in statuses):

@@ -136,6 +136,14 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPL
         self.assertNotIn("-l", self.complete("cat", "-"))
         self.assertEqual(self.complete("reboot", "--down"), {"--down-timeout"})
 
+    def test_subcommands_are_offered(self):
+        verbs = {"start", "list", "attach", "output", "wait", "stop", "remove"}
+        self.assertEqual(self.complete("job", ""), verbs)
+        self.assertEqual(self.complete("-q", "job", "--json", "sta"), {"start"})
+        self.assertEqual(self.complete("job", "stop", "--gra"), {"--grace"})
+        self.assertEqual(self.complete("job", "wait", "--gra"), {""})
+        self.assertEqual(self.complete("job", "stop", "--signal", "T"), {"TERM"})
+
     def test_option_values_are_offered(self):
         self.assertEqual(self.complete("--color", ""), {"auto", "always", "never"})
         self.assertEqual(self.complete("ls", "--color", "n"), {"never"})
@@ -179,6 +187,13 @@ class Fish(CompletionCase):
         self.assertIn("-l", self.complete("ls -"))
         self.assertNotIn("-l", self.complete("cat -"))
         self.assertEqual(self.complete("reboot --down"), {"--down-timeout"})
+
+    def test_subcommands_are_offered(self):
+        verbs = {"start", "list", "attach", "output", "wait", "stop", "remove"}
+        self.assertEqual(self.complete("job "), verbs)
+        self.assertEqual(self.complete("job stop --gra"), {"--grace"})
+        self.assertEqual(self.complete("job wait --gra"), set())
+        self.assertEqual(self.complete("job stop --signal "), {"INT", "TERM", "HUP", "KILL"})
 
     def test_values_and_arguments(self):
         self.assertEqual(self.complete("--color "), {"auto", "always", "never"})
@@ -269,6 +284,8 @@ class Zsh(CompletionCase):
         self.completes("runelctl --color alw", "runelctl --color always ")
         self.completes("runelctl ls --color nev", "runelctl ls --color never ")
         self.completes("runelctl --devices so", "runelctl --devices some-file ")
+        self.completes("runelctl job sto", "runelctl job stop ")
+        self.completes("runelctl job stop --gra", "runelctl job stop --grace ")
         self.completes("runelctl completion fi", "runelctl completion fish ")
         self.completes("runelctl blinkleds al", "runelctl blinkleds alternate ")
         self.completes("runelctl inventory ch", "runelctl inventory check ")

@@ -72,6 +72,21 @@ class DryRun(CtlCase):
         self.expect(("sh", "echo $1"), ("exec", "/bin/sh", "-c", "echo $1"))
         self.expect(("ps", "init"), ("processrunning", "init"))
 
+    def test_jobs_print_the_start_and_describe_the_rest(self):
+        for words in (("exec", "--stream", "uname"), ("sh", "--stream", "uname"),
+                      ("exec", "--stream", "--stdin", "cat"), ("job", "attach", "x"),
+                      ("job", "output", "x"), ("job", "wait", "x"), ("job", "stop", "x")):
+            frames, later = self.shown(*words, feed=b"")
+            self.assertEqual(len(frames), 1)
+            self.assertIn("4:exec 7:/bin/sh 2:-c ", frames[0])
+            self.assertIn("read of the status", later)
+        for words in (("job", "start", "uname"), ("job", "list"), ("job", "remove", "x"),
+                      ("job", "stop", "--signal", "INT", "x")):
+            frames, later = self.shown(*words)
+            self.assertEqual((len(frames), later), (1, ""))
+        frames, later = self.shown("job", "start", "--stdin", "cat", feed=b"x")
+        self.assertIn("append of standard input", later)
+
     def test_device_commands(self):
         frames, later = self.shown("info")
         self.assertEqual((len(frames), later), (7, ""))

@@ -87,6 +87,24 @@ class Fields(MasterCase):
         self.check(self.run_json("-d", "127.0.0.1,127.0.0.2", "hostid"), "summary", "failed",
                    "timed_out", "unreachable", "skipped")
 
+    def test_jobs(self):
+        self.daemon()
+        self.check(self.run_json("exec", "--stream", "sh", "-c", "echo a; echo b >&2; exit 3"), "stream",
+                   "content", "job", "state", "error")
+        self.check(self.run_json("job", "start", "--id", "a", "head", "-c", "70000", "/dev/zero",
+                                 "--job-limit", "64K"), "started")
+        limited = self.run_json("job", "start", "--id", "b", "--job-limit", "64K", "--", "head", "-c",
+                                "70000", "/dev/zero")
+        self.check(limited, "job", "started")
+        self.run_json("job", "wait", "b")
+        self.check(self.run_json("job", "list"), "entry", "state", "command", "started", "ended",
+                   "exit_status", "time_limit", "lost_stdout", "lost_stderr")
+        self.check(self.run_json("job", "output", "b"), "lost_stdout", "truncated")
+        self.run_json("job", "attach", "b")
+        self.check(self.run_json("job", "output", "b"), "removed_stdout")
+        self.check(self.run_json("job", "stop", "b"), "signalled")
+        self.check(self.run_json("job", "remove", "b"), "job")
+
     def test_reboots(self):
         state = {"reboots": 0}
 

@@ -23,10 +23,12 @@ COMMANDS = [
     ("read", "/x"), ("readdir", "/x"), ("realpath", "/x"), ("reboot",),
     ("reboot", "--wait", "--down-timeout", "1"), ("rename", "/x", "/y"), ("restart",),
     ("restart", "--wait", "--down-timeout", "1"), ("rm", "/x"), ("rm", "-r", "/x"),
-    ("rm", "/x", "/y"), ("sh", "true"), ("stat", "/x"), ("tree", "/x"), ("unlink", "/x"),
+    ("job", "remove", "x"), ("job", "stop", "x"), ("rm", "/x", "/y"), ("sh", "true"), ("stat", "/x"), ("tree", "/x"), ("unlink", "/x"),
     ("updateumstate", "a", "b"), ("wait",), ("walktree", "/x"), ("write", "/x", "data")]
 # They continue where they stopped: see Transfers.
 TRANSFERS = ("push", "pull", "sync")
+# They change nothing, or find their own job: see Jobs.
+JOBS = ("job attach", "job list", "job output", "job start", "job wait")
 LOCAL = ("agent", "completion", "devices", "inventory", "master", "shell")
 # The programs of a transfer, which may run twice.
 HARMLESS = {"chmod", "chown", "ln", "mkdir", "rm", "sha256sum", "sync", "tar", "touch"}
@@ -75,8 +77,9 @@ class EveryCommand(CtlCase):
             yield words, process.returncode, err.decode(), device
 
     def test_every_command_is_listed_here(self):
-        listed = {words[0] for words in COMMANDS}
-        self.assertEqual(set(Tables(BINARY).commands), listed.union(TRANSFERS, LOCAL))
+        tables = Tables(BINARY)
+        listed = {" ".join(words[:2 if words[0] in tables.parents else 1]) for words in COMMANDS}
+        self.assertEqual(set(tables.commands) - tables.parents, listed.union(TRANSFERS, JOBS, LOCAL))
 
     def test_only_tasks_that_are_safe_to_repeat_arrive_twice(self):
         repeated = set()
@@ -104,6 +107,21 @@ class EveryCommand(CtlCase):
                 self.assertEqual(status, 255, told)
                 repeated.add(words)
         self.assertGreaterEqual(len(repeated), 14, repeated)
+
+
+class Jobs(CtlCase):
+    def test_a_list_is_asked_for_again(self):
+        device = Loser(self, lambda sent: True)
+        result = self.ctl("-d", device.where, "--retry", "1", "job", "list")
+        self.assertEqual((result.status, list(device.arrived.values())), (255, [2]), result.err)
+        self.assertNotIn("unknown", result.err.decode())
+
+    def test_a_start_is_sent_again_unchanged(self):
+        device = Loser(self, lambda sent: True)
+        result = self.ctl("-d", device.where, "job", "start", "--reconnect", "1.5", "true")
+        self.assertEqual((result.status, len(device.arrived)), (255, 1), result.err)
+        self.assertGreater(max(device.arrived.values()), 1)
+        self.assertRegex(result.err.decode(), "the job may have started: runelctl -d .* job attach runelctl-")
 
 
 class Transfers(CtlCase):

@@ -37,7 +37,8 @@ ON_DEVICES = {
     "access": ("/x", "4"), "append": ("/x", "y"), "blinkleds": ("on",), "cat": ("/x",),
     "changeleds": ("1", "0"), "chmodx": ("/x",), "devicetype": (), "df": ("/x",),
     "exec": ("program",), "fileexists": ("/x",), "freeblocks": ("/x",), "hostid": (), "info": (),
-    "kill": (), "ls": ("-l", "/x"), "lstat": ("/x",), "mv": ("/x", "/y"), "ping": ("-c", "1"),
+    "job attach": ("a",), "job list": (), "job output": ("a",), "job remove": ("a",),
+    "job start": ("x",), "job stop": ("a",), "job wait": ("a",), "kill": (), "ls": ("-l", "/x"), "lstat": ("/x",), "mv": ("/x", "/y"), "ping": ("-c", "1"),
     "processrunning": ("x",), "ps": ("x",), "pull": ("-r", "/x", "back"), "push": ("local", "/x"),
     "raw": ("SlaveTask 1 6:hostid 0 0: 0 0 0 0 0",), "read": ("/x",), "readdir": ("/x",),
     "realpath": ("/x",), "reboot": (), "rename": ("/x", "/y"), "restart": (), "rm": ("-r", "/x"),
@@ -128,27 +129,27 @@ class OnTerminal(CtlCase):
 
 class EveryCommand(OnTerminal):
     def test_every_command_has_its_arguments_here(self):
-        commands = Tables(BINARY).commands
-        self.assertEqual(sorted(commands), sorted([*ON_DEVICES, *LOCAL]),
+        tables = Tables(BINARY)
+        self.assertEqual(sorted(set(tables.commands) - tables.parents), sorted([*ON_DEVICES, *LOCAL]),
                          "add the command to ON_DEVICES, or to LOCAL with a test")
 
     def test_answers_are_escaped(self):
         for command, words in ON_DEVICES.items():
-            shown = self.shown("-d", self.device(), command, *words)
+            shown = self.shown("-d", self.device(), *command.split(), *words)
             if command in PRINTING:
                 self.assertIn(SHOWN, shown, command)
 
     def test_refusals_are_escaped(self):
         self.refusing = True
         for command, words in ON_DEVICES.items():
-            shown = self.shown("-d", self.device(), command, *words)
+            shown = self.shown("-d", self.device(), *command.split(), *words)
             if command not in NOT_PRINTING:
                 self.assertIn(b"evil", shown, command)
 
     def test_answers_of_several_devices_are_escaped(self):
         both = f"{self.device(1)},{self.device(2)}"
         for command, words in ON_DEVICES.items():
-            shown = self.shown("--prefix", "-d", both, command, *words)
+            shown = self.shown("--prefix", "-d", both, *command.split(), *words)
             if command in PRINTING:
                 self.assertGreaterEqual(shown.count(SHOWN), 2, command)
         for command in ("cat", "exec", "info", "ls"):
@@ -157,7 +158,7 @@ class EveryCommand(OnTerminal):
 
     def test_json_is_escaped_and_valid(self):
         for command, words in ON_DEVICES.items():
-            for line in self.shown("--json", "-d", self.device(), command, *words).splitlines():
+            for line in self.shown("--json", "-d", self.device(), *command.split(), *words).splitlines():
                 self.assertEqual(json.loads(line)["v"], 1)
         ANSWERS[b"read"] = "\x9b2J\u202e\x7f".encode()
         self.addCleanup(ANSWERS.pop, b"read")
@@ -207,6 +208,30 @@ class LocalCommands(OnTerminal):
             shown += self.read(master)
             process.wait(TIMEOUT)
             self.assertEqual(acting(shown), [], shown)
+
+
+class Streams(OnTerminal):
+    """Output of a running program, on standard output and on standard error."""
+
+    def setUp(self):
+        super().setUp()
+        self.daemon()
+        self.line = f"cat {self.file('hostile', HOSTILE)}; cat {self.file('hostile', HOSTILE)} >&2"
+
+    def test_streamed_output_is_escaped(self):
+        for words in ((), ("--json",)):
+            shown = self.shown(*words, "sh", "--stream", self.line)
+            self.assertEqual(shown.count(SHOWN), 0 if words else 2, shown)
+
+    def test_streamed_output_of_several_devices_is_escaped(self):
+        # Two names of one device: only one start succeeds.
+        for words in ((), ("--prefix",), ("--group",)):
+            shown = self.shown(*words, "-d", "127.0.0.1,127.0.0.2", "sh", "--stream", self.line)
+            self.assertEqual(shown.count(SHOWN), 2, shown)
+
+    def test_the_command_of_a_job_is_escaped(self):
+        self.succeed("job", "start", "--id", "a", "--", "true", HOSTILE)
+        self.assertIn(b"\\x1b]0;evil", self.shown("job", "list"))
 
 
 class Exact(OnTerminal):

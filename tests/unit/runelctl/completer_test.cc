@@ -26,7 +26,12 @@ Tables tables() {
       {"lstat", "", {}, {option({}, Value::remote)}},
       {"push", "", {option({"--checksum"})}, {option({}, Value::file), option({}, Value::remote)}},
       {"pull", "", {}, {option({}, Value::remote), option({}, Value::fileOrRemote)}},
-      {"ping", "", {option({"-c", "--count"}, Value::any)}, {}}};
+      {"ping", "", {option({"-c", "--count"}, Value::any)}, {}},
+      {"job",
+       "",
+       {},
+       {},
+       {{"start", "", {option({"--id"}, Value::any)}, {}}, {"stop", "", {}, {}}}}};
   return all;
 }
 
@@ -62,6 +67,14 @@ TEST_F(CompleterTest, OffersCommandsAndShellCommandsFirst) {
   EXPECT_EQ(words("--json l"), (Words{"lcd", "ls", "lstat"}));
   EXPECT_EQ(words("--color always pi"), (Words{"ping"}));
   EXPECT_EQ(words("nothing-like-that"), Words());
+}
+
+TEST_F(CompleterTest, OffersSubcommandsAndTheirOptions) {
+  EXPECT_EQ(words("job "), (Words{"start", "stop"}));
+  EXPECT_EQ(words("job --json sta"), (Words{"start"}));
+  EXPECT_EQ(words("job start --i"), (Words{"--id"}));
+  EXPECT_EQ(words("job stop --i"), Words());
+  EXPECT_EQ(words("job start --id x "), Words());
 }
 
 TEST_F(CompleterTest, ReplacesTheCurrentWord) {

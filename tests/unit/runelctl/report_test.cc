@@ -3,9 +3,11 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "fleet/line_stream.h"
 #include "fleet/printer.h"
 #include "output/error.h"
 #include "output/report.h"
@@ -65,6 +67,66 @@ TEST(OutcomeTest, HasAReason) {
   EXPECT_EQ(reasonOf({3}), "exit status 3");
   EXPECT_EQ(reasonOf({1, std::nullopt, "incomplete"}), "incomplete");
   EXPECT_EQ(reasonOf({255, Error(Fault::lost, "gone")}), "gone");
+}
+
+TEST(ReportTest, AddsStandardErrorToTheOutputUnlessItHasItsOwnReceiver) {
+  const Style style;
+  Report report(style);
+  report.bytes("out ");
+  report.errorBytes("err");
+  EXPECT_EQ(report.collected().release(), "out err");
+  std::string taken;
+  report.errorStream = [&](std::string_view bytes) { taken.append(bytes); };
+  report.errorBytes("apart");
+  EXPECT_TRUE(report.collected().empty());
+  EXPECT_EQ(taken, "apart");
+}
+
+TEST(ReportTest, HandsOnObjectsAtOnceOrKeepsThem) {
+  const Style style = jsonStyle();
+  Report report(style);
+  report.entry({{"entry", "a"}});
+  std::string taken;
+  report.entryStream = [&](const std::string& line) { taken += line; };
+  report.entry({{"entry", "b"}});
+  EXPECT_EQ(report.collected().release(), "{\"entry\":\"a\"}\n");
+  EXPECT_EQ(taken, "{\"entry\":\"b\"}\n");
+}
+
+TEST(ReportTest, TellsOfWhichOutputAPieceIs) {
+  const Style style;
+  Report report(style);
+  std::string told;
+  report.onText = [&](bool error, std::string_view bytes) {
+    told.append(error ? "2:" : "1:").append(bytes).append(";");
+  };
+  report.bytes("a");
+  report.errorBytes("b");
+  EXPECT_EQ(told, "1:a;2:b;");
+  EXPECT_EQ(report.collected().release(), "ab");
+}
+
+TEST(LineStreamTest, PassesOnCompleteLinesAndTheRestAtTheEnd) {
+  std::vector<std::string> passed;
+  LineStream lines([&](const std::string& text) { passed.push_back(text); });
+  lines.add("a");
+  lines.add("b\nc\nd");
+  lines.add("e");
+  EXPECT_EQ(passed, (std::vector<std::string>{"ab\nc\n"}));
+  lines.end();
+  lines.end();
+  EXPECT_EQ(passed, (std::vector<std::string>{"ab\nc\n", "de"}));
+}
+
+TEST(LineStreamTest, DoesNotHoldBackALineWithoutEnd) {
+  std::size_t passed = 0;
+  LineStream lines([&](const std::string& text) { passed += text.size(); });
+  for (int i = 0; i < 100; ++i) {
+    lines.add(std::string(10000, 'x'));
+  }
+  EXPECT_GT(passed, 900000U);
+  lines.end();
+  EXPECT_EQ(passed, 1000000U);
 }
 
 TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {

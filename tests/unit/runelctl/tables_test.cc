@@ -83,6 +83,18 @@ TEST_F(TablesTest, ArgumentsAreLocalOrRemote) {
   EXPECT_TRUE(tables.command("hostid")->arguments.empty());
 }
 
+TEST_F(TablesTest, SubcommandsHaveTheirOwnOptions) {
+  const CommandRow* job = tables.command("job");
+  ASSERT_NE(job, nullptr);
+  EXPECT_EQ(job->commands.size(), 7U);
+  const CommandRow* start = job->subcommand("start");
+  ASSERT_NE(start, nullptr);
+  EXPECT_NE(tables.option(start, "--id"), nullptr);
+  EXPECT_EQ(tables.option(job->subcommand("list"), "--id"), nullptr);
+  EXPECT_EQ(start->arguments.front().value, Value::programs);
+  EXPECT_EQ(job->subcommand("no-such"), nullptr);
+}
+
 TEST_F(TablesTest, ACommandOptionHidesTheGeneralOption) {
   const CommandRow* exec = tables.command("exec");
   EXPECT_NE(tables.option(exec, "--timeout"), tables.option(nullptr, "--timeout"));
@@ -135,6 +147,21 @@ TEST(CommandLineTest, AMemorySizeMayHaveAUnit) {
   }
   CommandLine plain;
   EXPECT_EQ(plain.settings().memory, 268435456U);
+}
+
+TEST(CommandLineTest, ASubcommandTakesGeneralOptionsAndNamesTheTask) {
+  for (const Words& words :
+       {Words{"--json", "job", "stop", "--grace", "1", "x"}, Words{"job", "stop", "x", "--json"}}) {
+    CommandLine typed;
+    ASSERT_EQ(typed.parse(words), -1);
+    EXPECT_TRUE(typed.settings().json);
+    EXPECT_EQ(typed.command()->task(), "job stop");
+  }
+  EXPECT_EQ(parse({"job"}), 2);
+  EXPECT_EQ(parse({"job", "no-such"}), 2);
+  EXPECT_EQ(parse({"job", "wait", "../x"}), 2);
+  EXPECT_EQ(parse({"exec", "--stdin", "true"}), 2) << "without --stream";
+  EXPECT_EQ(parse({"exec", "--stream", "--background", "true"}), 2);
 }
 
 TEST(CommandLineTest, InvalidCommandLinesAreUsageErrors) {

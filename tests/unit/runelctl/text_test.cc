@@ -113,6 +113,16 @@ TEST(TextTableTest, AlignsColumnsAndEscapesCells) {
   EXPECT_EQ(tableText({}), "");
 }
 
+TEST(UnfinishedCharacterTest, CountsTheBytesThatMayBeCompleted) {
+  EXPECT_EQ(unfinishedCharacter(""), 0U);
+  EXPECT_EQ(unfinishedCharacter("plain"), 0U);
+  EXPECT_EQ(unfinishedCharacter("\xc3\xa9\xe2\x82\xac\xf0\x9f\x99\x82"), 0U);
+  EXPECT_EQ(unfinishedCharacter("x\xc3"), 1U);
+  EXPECT_EQ(unfinishedCharacter("x\xe2\x82"), 2U);
+  EXPECT_EQ(unfinishedCharacter("\xf0\x9f\x99"), 3U);
+  EXPECT_EQ(unfinishedCharacter("\x80\x80\x80\x80"), 0U);
+}
+
 TEST(TextJsonTest, Utf8IsUnchanged) {
   Json object;
   putBytes(object, "key", "a\n\xc3\xa9");

@@ -209,6 +209,18 @@ class Push(Transfers):
                               self.on_device("big"))
         self.assertNotIn("sent_bytes", result.objects[-1])
 
+    def test_a_large_file_of_a_sync_is_compressed(self):
+        self.serve()
+        os.mkdir(self.path("here"))
+        content = b"".join(b"line %d of a text\n" % number for number in range(MIB))
+        self.file("here/big", content)
+        for option, packed in (("-z", True), ("--no-compress", False)):
+            words = ("sync", option, self.path("here"), self.on_device("copy"))
+            result = self.succeed("--json", *words)
+            self.assertEqual("sent_bytes" in result.objects[-1], packed)
+            self.assertTrue(self.content("device/copy/big") == content)
+            os.remove(self.on_device("copy/big"))
+
     def test_an_interrupted_transfer_is_resumed(self):
         self.serve()
         content = noise(20 * MIB)

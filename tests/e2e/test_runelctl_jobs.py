@@ -302,6 +302,18 @@ class Place(JobCase):
         subprocess.run(["mount", "-o", "remount,ro", f"{own}/a"], check=True)
         self.refused(f"{own}/a/new", ".*Read-only file system")
 
+    def test_exec_sh_and_start_have_the_same_options(self):
+        own = self.private() + "/own"
+        options = ("--stdin", "--job-limit", "64K", "--job-days", "3", "--job-directory", own,
+                   "--reconnect", "30")
+        for words in (("exec", "--stream", "--keep", *options, "cat"),
+                      ("sh", "--stream", "--keep", *options, "cat")):
+            self.assertEqual(self.succeed(*words, feed=b"typed").out, b"typed")
+        job = self.succeed("job", "start", "--timeout", "60", *options, "cat", feed=b"typed").text.strip()
+        self.assertEqual(len(self.states("--job-directory", own)), 3)
+        result = self.succeed("job", "attach", "--reconnect", "30", "--job-directory", own, job)
+        self.assertEqual(result.out, b"typed")
+
     def test_every_other_request_checks_the_path_too(self):
         own = self.private() + "/a/b"
         job = self.start_job("sleep", "1000", options=("--job-directory", own))
@@ -527,6 +539,11 @@ class Steps(JobCase):
         self.succeed("exec", "--stream", "--keep", "echo", "x")
         (job,) = self.states()
         self.assertEqual(self.succeed("job", "attach", job).out, b"x\n")
+
+    def test_the_limit_of_a_job_ends_it(self):
+        job = self.start_job("sleep", "1000", options=("--timeout", "1"))
+        self.assertEqual(self.ctl("job", "wait", job).status, 124)
+        self.assertRegex(self.succeed("job", "list").text, f"^{job} +time limit ")
 
     def test_the_input_of_a_job_may_end_before_runelctl(self):
         job = self.succeed("job", "start", "--stdin", "cat", feed=b"typed").text.strip()

@@ -18,6 +18,7 @@ link set lo up
 address add $address/16 dev eth0
 link set eth0 up
 END
+mount -t proc proc /proc
 mount -t tmpfs tmpfs /run
 mount -t tmpfs -o mode=755 tmpfs /var/lib
 mkdir /run/sshd

@@ -51,7 +51,7 @@ const std::string kSecret = "what.only.the.files.outside.have";
 
 // Bits of the options.
 constexpr unsigned kRecursive = 1, kResume = 2, kChecksum = 4, kNewTarget = 8, kSync = 16,
-                   kSubdirectory = 32, kDelete = 64;
+                   kSubdirectory = 32, kDelete = 64, kPlan = 128;
 
 // The directory of the transfers, with what lies beside it.
 class Place {
@@ -284,6 +284,7 @@ runel::TransferOptions optionsOf(unsigned bits) {
   options.setResume((bits & kResume) != 0).setChecksum((bits & kChecksum) != 0);
   options.setDelete((bits & kDelete) != 0);
   options.setSubdirectory((bits & kSubdirectory) != 0 ? "sub" : "");
+  options.setPlanOnly((bits & kPlan) != 0);
   return options;
 }
 

@@ -29,7 +29,8 @@ Result<TransferReport> Device::Data::transfer(const Start& start) {
 
 Result<TransferReport> Device::push(const std::vector<std::string>& sources,
                                     const std::string& target, const TransferOptions& options) {
-  const Result<PushSources> scanned = PushSources::scan(sources, options.recursive());
+  const Result<PushSources> scanned =
+      PushSources::scan(sources, options.recursive(), options.excludes());
   if (!scanned) {
     return scanned.error();
   }
@@ -40,7 +41,7 @@ Result<TransferReport> Device::push(const std::vector<std::string>& sources,
 
 Result<TransferReport> Device::sync(const std::string& source, const std::string& target,
                                     const TransferOptions& options) {
-  const Result<PushSources> scanned = PushSources::scan({source}, true);
+  const Result<PushSources> scanned = PushSources::scan({source}, true, options.excludes());
   if (!scanned) {
     return scanned.error();
   }

@@ -104,6 +104,11 @@ std::optional<Error> LocalDirectory::createBelow(const LocalDirectory& top, cons
   if (auto error = makeLocalDirectory({&top, name, text})) {
     return error;
   }
+  return openIn(top, name, text);
+}
+
+std::optional<Error> LocalDirectory::openIn(const LocalDirectory& top, const std::string& name,
+                                            const std::string& text) {
   directory_ = top.openBelow(name, kEnterDirectory);
   return directory_.valid() ? std::nullopt : std::make_optional(localPathError(text, errno));
 }
@@ -145,6 +150,20 @@ Error localPathError(const std::string& text, int number) {
 bool isLocalDirectory(const std::string& path) {
   struct stat st {};
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+Result<std::optional<Stat>> lookAtLocal(const LocalPath& path) {
+  const zell::UniqueFd parent = openLocalParent(path, O_PATH);
+  struct stat st {};
+  if (!parent.valid() ||
+      fstatat(parent.get(), baseName(path.name).c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Result<std::optional<Stat>>(std::nullopt)
+                           : localPathError(path.text, errno);
+  }
+  Stat found;
+  found.mode = st.st_mode;
+  found.size = static_cast<std::uint64_t>(st.st_size);
+  return std::make_optional(found);
 }
 
 std::optional<Error> makeLocalDirectory(const LocalPath& path) {

@@ -12,6 +12,7 @@
 
 #include <runel/error.h>
 #include <runel/records.h>
+#include <runel/result.h>
 
 #include "base/unique_fd.h"
 
@@ -32,6 +33,10 @@ class LocalDirectory {
   /// @p text is its path for messages.
   [[nodiscard]] std::optional<Error> createBelow(const LocalDirectory& top, const std::string& name,
                                                  const std::string& text);
+
+  /// The same without creating it.
+  [[nodiscard]] std::optional<Error> openIn(const LocalDirectory& top, const std::string& name,
+                                            const std::string& text);
 
   /// Opens @p relative with @p flags as open(2) does, but follows no symbolic link, not even in the
   /// last component. @p flags must not have O_CREAT, nor O_PATH without O_DIRECTORY. Returns an
@@ -64,6 +69,9 @@ struct LocalPath {
 
 /// True if the user's @p path is a directory or a link to one.
 [[nodiscard]] bool isLocalDirectory(const std::string& path);
+/// The attributes of @p path, which has a `top`; those of a symbolic link are its own. Nothing if
+/// it is missing.
+[[nodiscard]] Result<std::optional<Stat>> lookAtLocal(const LocalPath& path);
 /// Creates the directory @p path unless it exists. A symbolic link to a directory is an error.
 [[nodiscard]] std::optional<Error> makeLocalDirectory(const LocalPath& path);
 /// Sets mode and time of the directory @p path.

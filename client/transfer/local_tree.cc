@@ -75,7 +75,8 @@ LocalEntry entryOf(const std::string& path, const std::string& relative, const s
 // Depth first, with a list instead of recursion: trees may be deep.
 class Scan {
  public:
-  Scan(LocalSource& source, std::vector<std::string>& left) : source_(source), left_(left) {}
+  Scan(LocalSource& source, std::vector<std::string>& left, const PathFilter& filter)
+      : source_(source), left_(left), filter_(filter) {}
 
   std::optional<Error> run(LocalEntry top) {
     todo_.push_back(std::move(top));
@@ -106,13 +107,16 @@ class Scan {
 
   void add(int directory, const std::string& name, const LocalEntry& parent) {
     const std::string path = joinPath(parent.path, name);
+    const std::string relative = parent.relative.empty() ? name : parent.relative + "/" + name;
     struct stat st {};
     if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       left_.push_back(path);  // removed since its directory was read
       return;
     }
-    LocalEntry entry =
-        entryOf(path, parent.relative.empty() ? name : parent.relative + "/" + name, st);
+    if (filter_.leavesOut(relative, S_ISDIR(st.st_mode))) {
+      return;
+    }
+    LocalEntry entry = entryOf(path, relative, st);
     entry.top = source_.top.get();
     const bool sendable = entry.type == '-' || entry.type == 'd' ||
                           (entry.type == 'l' && readLink(directory, name, entry.target));
@@ -125,16 +129,17 @@ class Scan {
 
   LocalSource& source_;
   std::vector<std::string>& left_;
+  const PathFilter& filter_;
   std::vector<LocalEntry> todo_;
 };
 
 std::optional<Error> scanDirectory(LocalSource& source, const LocalEntry& top,
-                                   std::vector<std::string>& left) {
+                                   std::vector<std::string>& left, const PathFilter& filter) {
   source.top = std::make_shared<LocalDirectory>();
   if (auto error = source.top->open(top.path)) {
     return error;
   }
-  return Scan(source, left).run(top);
+  return Scan(source, left, filter).run(top);
 }
 
 }  // namespace
@@ -145,7 +150,7 @@ LocalPath placeOf(const LocalEntry& entry) {
 }
 
 Result<LocalSource> scanLocal(const std::string& path, bool recursive,
-                              std::vector<std::string>& left) {
+                              std::vector<std::string>& left, const PathFilter& filter) {
   struct stat st {};
   const bool link = lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
   if (stat(path.c_str(), &st) != 0) {
@@ -165,7 +170,7 @@ Result<LocalSource> scanLocal(const std::string& path, bool recursive,
     source.entries.push_back(std::move(top));
     return source;
   }
-  if (const auto error = scanDirectory(source, top, left)) {
+  if (const auto error = scanDirectory(source, top, left, filter)) {
     return *error;
   }
   return source;

@@ -11,6 +11,7 @@
 #include <runel/records.h>
 #include <runel/result.h>
 
+#include "client/core/path_filter.h"
 #include "client/transfer/local_directory.h"
 
 namespace runel {
@@ -41,9 +42,11 @@ struct LocalSource {
 
 /// Scans @p path. Fails if it is missing, unreadable, a directory without @p recursive, or not a
 /// file or directory. Entries below a directory that are not a file, directory or link are left out
-/// and listed in @p left.
+/// and listed in @p left. Entries that @p filter leaves out are not listed, and the directories
+/// among them are not read.
 [[nodiscard]] Result<LocalSource> scanLocal(const std::string& path, bool recursive,
-                                            std::vector<std::string>& left);
+                                            std::vector<std::string>& left,
+                                            const PathFilter& filter = {});
 
 }  // namespace runel
 

@@ -22,6 +22,9 @@ struct TransferOptions::Data {
   std::function<std::string(std::string_view)> compression;
   bool compressesOnAnyLine = false;
   std::function<void(const Progress&)> progress;
+  std::vector<std::string> excludes;
+  bool planOnly = false;
+  std::function<void(const TransferChange&)> changeHandler;
 };
 
 TransferOptions::TransferOptions() : data_(std::make_shared<Data>()) {}
@@ -84,6 +87,22 @@ TransferOptions& TransferOptions::setProgress(std::function<void(const Progress&
   return *this;
 }
 
+TransferOptions& TransferOptions::setExcludes(std::vector<std::string> rules) {
+  own().excludes = std::move(rules);
+  return *this;
+}
+
+TransferOptions& TransferOptions::setPlanOnly(bool on) {
+  own().planOnly = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setChangeHandler(
+    std::function<void(const TransferChange&)> handler) {
+  own().changeHandler = std::move(handler);
+  return *this;
+}
+
 bool TransferOptions::recursive() const {
   return data_->recursive;
 }
@@ -122,6 +141,18 @@ bool TransferOptions::compressesOnAnyLine() const {
 
 const std::function<void(const Progress&)>& TransferOptions::progress() const {
   return data_->progress;
+}
+
+const std::vector<std::string>& TransferOptions::excludes() const {
+  return data_->excludes;
+}
+
+bool TransferOptions::planOnly() const {
+  return data_->planOnly;
+}
+
+const std::function<void(const TransferChange&)>& TransferOptions::changeHandler() const {
+  return data_->changeHandler;
 }
 
 }  // namespace v1

@@ -10,10 +10,18 @@ namespace runel {
 inline namespace v1 {
 
 Result<PushSources> PushSources::scan(const std::vector<std::string>& paths, bool recursive) {
+  return scan(paths, recursive, {});
+}
+
+Result<PushSources> PushSources::scan(const std::vector<std::string>& paths, bool recursive,
+                                      const std::vector<std::string>& excludes) {
   auto data = std::make_shared<Data>();
+  if (const auto error = data->filter.add(excludes)) {
+    return *error;
+  }
   for (const std::string& path : paths) {
     std::vector<std::string> left;
-    auto source = scanLocal(path, recursive, left);
+    auto source = scanLocal(path, recursive, left, data->filter);
     if (!source) {
       return source.error();
     }

@@ -97,6 +97,18 @@ void TransferWork::skip(std::uint64_t bytes, const std::string& name) {
   }
 }
 
+void TransferWork::tellChange(const TransferChange& change) {
+  using Action = TransferChange::Action;
+  const bool content = change.action == Action::create || change.action == Action::replace;
+  if (options_.planOnly() && content && change.type == '-') {
+    ++done_.files;
+    done_.bytes += change.size;
+  }
+  if (options_.changeHandler()) {
+    options_.changeHandler()(change);
+  }
+}
+
 // The failure of a file before the end is reported too.
 void TransferWork::end(const Error& error) {
   if (done_.error) {

@@ -25,6 +25,7 @@ inline namespace v1 {
 struct PushSources::Data {
   std::vector<LocalSource> sources;
   std::vector<std::string> skipped;
+  PathFilter filter;
 };
 
 struct TransferReport::Data {
@@ -90,6 +91,12 @@ class RUNEL_LOCAL TransferWork {
   void skip(std::uint64_t bytes, const std::string& name);
   void fileDone() { ++done_.files; }
   void removed(std::size_t entries) { done_.removed += entries; }
+  /// Whether somebody wants to know what the transfer changes.
+  [[nodiscard]] bool tellsChanges() const {
+    return options_.planOnly() || options_.changeHandler() != nullptr;
+  }
+  /// Tells the caller of @p change. A plan counts it.
+  void tellChange(const TransferChange& change);
   /// Where the transfer of the current file continues; nothing if it starts again.
   void resumedAt(std::optional<std::uint64_t> offset) { done_.resumedAt = offset; }
 
@@ -109,6 +116,10 @@ class RUNEL_LOCAL TransferWork {
   /// The files of @p sources.
   [[nodiscard]] static const std::vector<LocalSource>& filesOf(const PushSources& sources) {
     return sources.data_->sources;
+  }
+  /// What @p sources leave out.
+  [[nodiscard]] static const PathFilter& filterOf(const PushSources& sources) {
+    return sources.data_->filter;
   }
 
  private:

@@ -28,6 +28,23 @@ struct Progress {
   std::string name;         ///< of the file in transfer, without its directory
 };
 
+/// A file, directory or link that a transfer changes, or is going to change.
+struct TransferChange {
+  /// What happens to it. New actions may come with new versions.
+  enum class Action {
+    create,      ///< it is missing
+    replace,     ///< it exists
+    attributes,  ///< only its mode or time is set
+    remove,      ///< a sync removes it
+  };
+  Action action = Action::create;
+  char type = '-';     ///< '-' file, 'd' directory, 'l' link; for `remove` any type of TreeEntry
+  std::string path;    ///< on the device, or for a pull on this host
+  std::string target;  ///< of a symbolic link
+  std::uint64_t size = 0;  ///< of a file, in bytes: the new content, or what is removed
+  std::optional<std::uint64_t> oldSize;  ///< of the file that is replaced, in bytes
+};
+
 /// The options of all transfers. Copies are cheap.
 class RUNEL_API TransferOptions {
  public:
@@ -69,6 +86,19 @@ class RUNEL_API TransferOptions {
                                   bool onAnyLine);
   /// Calls @p progress after each file and each piece. It must not destroy the transfer.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);
+  /// Leaves out what these rules match. A rule is PATTERN or "- PATTERN", or "+ PATTERN" for what
+  /// is not left out; the first rule that matches decides. The patterns are those of rsync's
+  /// --exclude that runelctl(1) describes. For a pull and for `Device`; a push or sync leaves out
+  /// what its sources leave out. An invalid rule fails the transfer.
+  TransferOptions& setExcludes(std::vector<std::string> rules);
+  /// Finds out what the transfer would change and changes nothing; off by default. The device gets
+  /// only requests that read. A sync with checksums runs sha256sum there. The report counts the
+  /// files, bytes and entries that would be transferred and removed.
+  TransferOptions& setPlanOnly(bool on);
+  /// Calls @p handler with each change before the transfer makes it. What fails later was announced
+  /// too. The modes and times of transferred files and of existing directories are not told. The
+  /// handler must not destroy the transfer.
+  TransferOptions& setChangeHandler(std::function<void(const TransferChange&)> handler);
 
   ///@{
   /// The current setting.
@@ -82,6 +112,9 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] const std::function<std::string(std::string_view bytes)>& compression() const;
   [[nodiscard]] bool compressesOnAnyLine() const;
   [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
+  [[nodiscard]] const std::vector<std::string>& excludes() const;
+  [[nodiscard]] bool planOnly() const;
+  [[nodiscard]] const std::function<void(const TransferChange&)>& changeHandler() const;
   ///@}
 
  private:
@@ -129,6 +162,12 @@ class RUNEL_API PushSources {
   /// `Kind::local`.
   [[nodiscard]] static Result<PushSources> scan(const std::vector<std::string>& paths,
                                                 bool recursive);
+  /// The same without what the rules @p excludes leave out: see `TransferOptions::setExcludes`. A
+  /// push also leaves out a source whose own name they match. A sync does not remove on the device
+  /// what they match.
+  [[nodiscard]] static Result<PushSources> scan(const std::vector<std::string>& paths,
+                                                bool recursive,
+                                                const std::vector<std::string>& excludes);
   /// What was left out, one sentence each: sockets, devices and the like. Reports of transfers
   /// have them among their warnings.
   [[nodiscard]] const std::vector<std::string>& skipped() const;

@@ -39,6 +39,10 @@ class LookAtSources : public PullStage {
   using PullStage::PullStage;
 
   void start(Next next) override {
+    if (const auto error = work().filter.add(work().options().excludes())) {
+      work().end(*error);
+      return;
+    }
     next_ = std::move(next);
     lookAtNext();
   }
@@ -58,6 +62,8 @@ class LookAtSources : public PullStage {
     const std::optional<Stat> st = statIn(reply);
     if (!st) {
       work().fail(reply.ok() ? malformedTree() : reply.error(source));
+    } else if (work().filter.leavesOutSource(baseName(source), st->isDirectory())) {
+      // Not an error: the user asked for it.
     } else if (st->isDirectory() && work().options().recursive()) {
       walk(source);
       return;
@@ -115,6 +121,9 @@ class LookAtSources : public PullStage {
                   false,
                   false,
                   entry.target};
+    if (work().filter.hides(entry.path, entry.type == 'd')) {
+      return;
+    }
     if (const auto reason = reasonToSkip(entry)) {
       work().warn(item.source + ": skipped, " + *reason);
     } else if (entry.type == 'd') {

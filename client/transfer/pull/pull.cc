@@ -10,8 +10,11 @@ namespace {
 
 using PullStageMaker = std::unique_ptr<Stage> (*)(PullWork& work);
 
-constexpr PullStageMaker kPull[] = {
-    lookAtSources,           // "stat" of each; "walktree" of directories
+constexpr PullStageMaker kLook[] = {
+    lookAtSources,  // "stat" of each; "walktree" of directories
+    tellFetched,    // to the caller
+};
+constexpr PullStageMaker kFetch[] = {
     makeLocalDirectories,    // opens the target and creates it if it is a directory
     getDirectoryTimes,       // "stat" of each: walktree reports only whole seconds
     fetchSmallFiles,         // "read" of each, between two "stat"
@@ -31,8 +34,13 @@ std::unique_ptr<AsyncTransfer> AsyncTransfer::pull(AsyncDevice& device,
                                                    const TransferOptions& options, Done done) {
   auto work = std::make_unique<PullWork>(device, sources, target, options, std::move(done));
   Stages stages;
-  for (const PullStageMaker make : kPull) {
+  for (const PullStageMaker make : kLook) {
     stages.push_back(make(*work));
+  }
+  for (const PullStageMaker make : kFetch) {
+    if (!options.planOnly()) {
+      stages.push_back(make(*work));
+    }
   }
   return Data::start(std::move(work), std::move(stages));
 }

@@ -12,6 +12,9 @@ namespace runel {
 // look_at_sources.cc: what there is, and its local path.
 std::unique_ptr<Stage> lookAtSources(PullWork& work);
 
+// tell_changes.cc: what the caller wants to know, before it is done.
+std::unique_ptr<Stage> tellFetched(PullWork& work);
+
 // local_directories.cc
 std::unique_ptr<Stage> makeLocalDirectories(PullWork& work);
 std::unique_ptr<Stage> getDirectoryTimes(PullWork& work);

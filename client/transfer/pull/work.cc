@@ -39,6 +39,16 @@ std::optional<Error> PullWork::openTarget() {
   return error ? std::make_optional(Error::local(root, error->number())) : std::nullopt;
 }
 
+std::optional<Error> PullWork::openTargetForReading(LocalDirectory& directory) const {
+  const std::string& subdirectory = options().subdirectory();
+  if (subdirectory.empty()) {
+    return directory.open(into || whole ? root : directoryOf(root));
+  }
+  LocalDirectory outer;
+  auto error = outer.open(named_);
+  return error ? std::move(error) : directory.openIn(outer, subdirectory, root);
+}
+
 LocalPath PullWork::placeOf(const PullItem& item) const {
   return {&target_, item.name, item.path};
 }

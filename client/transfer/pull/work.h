@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/core/path_filter.h"
 #include "client/transfer/local_directory.h"
 #include "client/transfer/stage.h"
 #include "client/transfer/work.h"
@@ -36,6 +37,8 @@ struct RUNEL_LOCAL PullWork : public TransferWork {
 
   /// Opens the local target, and creates it if it is a directory.
   [[nodiscard]] std::optional<Error> openTarget();
+  /// Opens the local target as @p directory, and creates nothing: a missing one is an error.
+  [[nodiscard]] std::optional<Error> openTargetForReading(LocalDirectory& directory) const;
   [[nodiscard]] LocalPath placeOf(const PullItem& item) const;
 
   void failItem(PullItem& item, const Error& error);
@@ -51,6 +54,7 @@ struct RUNEL_LOCAL PullWork : public TransferWork {
                                                     std::uint64_t came);
 
   const std::vector<std::string> sources;
+  PathFilter filter;       ///< what to leave out
   const std::string root;  ///< the local target
   const bool into;         ///< each source gets a name in `root`
   bool whole = false;      ///< the one source is a directory, and `root` its copy

@@ -9,12 +9,13 @@
 #include "client/core/paths.h"
 #include "client/transfer/checksums.h"
 #include "client/transfer/programs.h"
+#include "client/transfer/push/removals.h"
 #include "client/transfer/push/stages.h"
 
 namespace runel {
 namespace {
 
-using Tree = std::map<std::string, const TreeEntry*>;
+using Tree = ExtraEntries;
 
 // Removes the counterpart of @p entry from @p there. Returns nullptr if it is missing or has a
 // different type.
@@ -80,10 +81,10 @@ class CompareTree : public PushStage {
         compare(item, take(there, *item.entry));
       }
     }
-    for (const auto& [path, entry] : there) {
-      if (work().options().removes() && path != "." && there.count(directoryOf(path)) == 0) {
-        work().others.push_back(path);
-      }
+    if (work().options().removes()) {
+      Removals removals = removalsOf(there, work().filter());
+      work().others = std::move(removals.tops);
+      work().removals = std::move(removals.entries);
     }
   }
 

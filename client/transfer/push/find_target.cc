@@ -21,9 +21,8 @@ class FindTarget : public PushStage {
   // Like cp(1): several sources, a trailing slash or an existing directory mean "copy into".
   void place(const std::optional<Stat>& there) {
     const std::string& root = work().root;
-    const bool directory =
-        (there && there->isDirectory()) || (root.size() > 1 && root.back() == '/');
-    const bool into = !sync_ && (directory || work().files().size() > 1);
+    const bool inside = (there && there->isDirectory()) || (root.size() > 1 && root.back() == '/');
+    const bool into = !sync_ && (inside || work().files().size() > 1);
     for (const std::string& skipped : work().sources.skipped()) {
       work().warn(skipped);
     }
@@ -32,7 +31,10 @@ class FindTarget : public PushStage {
       work().directories.push_back({&kPlain, root, false, true, std::nullopt});
     }
     for (const LocalSource& source : work().files()) {
-      add(source, into ? joinPath(root, source.name) : root);
+      const bool directory = !source.entries.empty() && source.entries.front().type == 'd';
+      if (sync_ || !work().filter().leavesOutSource(source.name, directory)) {
+        add(source, into ? joinPath(root, source.name) : root);
+      }
     }
   }
 

@@ -16,12 +16,21 @@ constexpr PushStageMaker kPushBegin[] = {
 constexpr PushStageMaker kSyncBegin[] = {
     findSyncTarget,  // the target is the directory itself
     compareTree,     // forgets what is equal on the device; sha256sum, if requested
-    removeOthers,    // rm, if requested
+    tellRemovals,    // to the caller
+};
+constexpr PushStageMaker kRemove[] = {
+    removeOthers,  // rm, if requested
+};
+constexpr PushStageMaker kPlan[] = {
+    lookAtDirectories,
+    lookAtTargets,
+    tellSent,
 };
 constexpr PushStageMaker kSend[] = {
     lookAtDirectories,  // the targets in a new directory need no check
     makeDirectories,    // mkdir
     lookAtTargets,      // the owner and type of existing files
+    tellSent,           // to the caller, with the sizes of existing files
     sendArchives,       // many small files: unpacked by tar, then a "rename" for each
     sendSmallFiles,     // the others: a "write" for each
     sendLargeFiles,     // in pieces: an "append" for each, then a "rename"
@@ -49,7 +58,11 @@ std::unique_ptr<AsyncTransfer> AsyncTransfer::push(AsyncDevice& device, const Pu
   auto work = std::make_unique<PushWork>(device, sources, target, options, std::move(done));
   Stages stages;
   append(stages, kPushBegin, *work);
-  append(stages, kSend, *work);
+  if (options.planOnly()) {
+    append(stages, kPlan, *work);
+  } else {
+    append(stages, kSend, *work);
+  }
   return Data::start(std::move(work), std::move(stages));
 }
 
@@ -59,7 +72,12 @@ std::unique_ptr<AsyncTransfer> AsyncTransfer::sync(AsyncDevice& device, const Pu
   auto work = std::make_unique<PushWork>(device, source, target, options, std::move(done));
   Stages stages;
   append(stages, kSyncBegin, *work);
-  append(stages, kSend, *work);
+  if (options.planOnly()) {
+    append(stages, kPlan, *work);
+  } else {
+    append(stages, kRemove, *work);
+    append(stages, kSend, *work);
+  }
   return Data::start(std::move(work), std::move(stages));
 }
 

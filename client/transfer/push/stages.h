@@ -17,6 +17,10 @@ std::unique_ptr<Stage> findSyncTarget(PushWork& work);
 std::unique_ptr<Stage> compareTree(PushWork& work);
 std::unique_ptr<Stage> removeOthers(PushWork& work);
 
+// tell_changes.cc: what the caller wants to know, before it is done.
+std::unique_ptr<Stage> tellRemovals(PushWork& work);
+std::unique_ptr<Stage> tellSent(PushWork& work);
+
 // prepare_targets.cc
 std::unique_ptr<Stage> lookAtDirectories(PushWork& work);
 std::unique_ptr<Stage> makeDirectories(PushWork& work);

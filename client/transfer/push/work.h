@@ -38,6 +38,7 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
         packing(this->options().compression() != nullptr, this->options().compressesOnAnyLine()) {}
 
   [[nodiscard]] const std::vector<LocalSource>& files() const { return filesOf(sources); }
+  [[nodiscard]] const PathFilter& filter() const { return filterOf(sources); }
   /// The files that did not fail.
   [[nodiscard]] std::vector<PushItem*> sentFiles();
   void failItem(PushItem& item, const Error& error);
@@ -54,6 +55,7 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
   Packing packing;                  ///< of the large files
   std::string mounts;               ///< /proc/self/mountinfo of the device
   std::vector<std::string> others;  ///< for a sync: to remove, relative to the target
+  std::vector<TreeEntry> removals;  ///< all that `others` removes, with the entries of directories
 };
 
 using PushStage = StageOf<PushWork>;

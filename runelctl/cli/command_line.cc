@@ -2,6 +2,7 @@
 #include "cli/command_line.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <iostream>
 #include <sstream>
@@ -31,6 +32,30 @@ constexpr char kNoProgram[] =
 
 CLI::Validator secondsRange(double least) {
   return numberRange(least, kMostSeconds);
+}
+
+// The library splits an argument of a list at its commas if it is in brackets, such as the pattern
+// [a,b]. This byte in front of the bracket keeps it as it is.
+constexpr char kKeep = '\x01';
+
+std::string kept(const std::string& word) {
+  const bool brackets = !word.empty() && word.front() == '[' && word.back() == ']';
+  return brackets || (!word.empty() && word.front() == kKeep) ? kKeep + word : word;
+}
+
+// Removes the byte from the values of all options and arguments of @p app.
+void takeKept(CLI::App& app) {
+  const CLI::Validator strip(
+      [](std::string& value) {
+        value.erase(0, !value.empty() && value.front() == kKeep ? 1 : 0);
+        return std::string();
+      },
+      "");
+  for (CLI::Option* option : app.get_options()) {
+    if (option->get_items_expected_max() > 0) {
+      option->transform(strip);
+    }
+  }
 }
 
 bool isOptionWord(const std::string& word) {
@@ -114,6 +139,7 @@ CommandLine::CommandLine(const Settings& base)
   defineDeviceOptions();
   defineGeneralOptions();
   defineFleetOptions();
+  takeKept(app_);
   defineCommands(commands_, command_, "Commands");
   defineCommands(locals_, local_, "Local commands");
   for (const auto& local : locals_) {
@@ -149,6 +175,7 @@ void CommandLine::defineDeviceOptions() {
 void CommandLine::defineGeneralOptions() {
   app_.add_flag("--json", settings_.json, "print one JSON object a line");
   app_.add_flag("-q,--quiet", settings_.quiet, "print no summary, progress or notes");
+  app_.add_flag("-v,--verbose", settings_.verbose, "list the changes of push, sync and pull");
   app_.add_option("--color", settings_.colour,
                   "colors of error messages: auto, always or never (default: auto)")
       ->check(CLI::IsMember({"auto", "always", "never"}))
@@ -164,7 +191,12 @@ void CommandLine::defineGeneralOptions() {
       ->transform(size)
       ->check(numberRange<std::uint64_t>(kLeastMemory, kMostMemory))
       ->type_name("SIZE");
-  app_.add_flag("-n,--dry-run", settings_.dryRun, "print devices and frames, send nothing");
+  auto* dryRun = app_.add_flag("-n,--dry-run", settings_.dryRun,
+                               "change nothing: print devices and frames; for push, sync and pull "
+                               "ask the devices and list the changes");
+  app_.add_flag("--offline", settings_.offline,
+                "with -n, print frames and send nothing for push, sync and pull too")
+      ->needs(dryRun);
 }
 
 void CommandLine::defineFleetOptions() {
@@ -232,12 +264,14 @@ void CommandLine::defineCommands(std::vector<std::unique_ptr<Kind>>& commands, K
     sub->fallthrough();
     sub->group(group);
     command->define(*sub);
+    takeKept(*sub);
     sub->final_callback([&chosen, made = command.get()] { chosen = made; });
   }
 }
 
 int CommandLine::parse(std::vector<std::string> words) {
-  std::vector<std::string> reversed(words.rbegin(), words.rend());
+  std::vector<std::string> reversed(words.size());
+  std::transform(words.rbegin(), words.rend(), reversed.begin(), kept);
   try {
     app_.parse(reversed);
   } catch (const CLI::Success& help) {
@@ -248,7 +282,9 @@ int CommandLine::parse(std::vector<std::string> words) {
     complain(explain(app_, words, error));
     return kExitUsage;
   }
-  settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : settings_.arrange);
+  settings_.plan =
+      settings_.dryRun && !settings_.offline && command_ != nullptr && command_->plans();
+  settings_.dryRun = settings_.dryRun && !settings_.plan;
   settings_.openSpool();
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : settings_.arrange);
   const std::string wrong = checkChosen();

@@ -20,7 +20,8 @@ namespace {
 // Asks for confirmation before a destructive command on several devices. Reports a missing --yes.
 bool confirmed(const Settings& settings, const Command& command) {
   const std::size_t count = settings.targets.size();
-  if (!command.destructive() || count < 2 || settings.yes || settings.dryRun) {
+  const bool unchanged = settings.dryRun || settings.plan;
+  if (!command.destructive() || count < 2 || settings.yes || unchanged) {
     return true;
   }
   if (settings.json || isatty(STDIN_FILENO) != 1 || isatty(STDERR_FILENO) != 1) {
@@ -58,7 +59,7 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
   Command& command = *line.command();
   Printer printer(style, settings.arrange, command.task(), settings.targets.size() > 1);
   OutputDirectory directory;
-  if (!settings.outputDirectory.empty() && !settings.dryRun) {
+  if (!settings.outputDirectory.empty() && !settings.dryRun && !settings.plan) {
     const int error = directory.open(settings.outputDirectory);
     if (error != 0) {
       complain(settings.outputDirectory + ": " + runel::systemText(error));
@@ -78,6 +79,9 @@ int runFleet(Session& session, CommandLine& line, const Style& style) {
     return status;
   }
   printer.summary(fleet.ends(), fleet.skipped());
+  if (settings.plan) {
+    return status;
+  }
   const int error =
       settings.retryFailed.empty() ? 0 : writeTargets(settings.retryFailed, fleet.unfinished());
   if (error != 0) {

@@ -56,6 +56,8 @@ class Command {
   [[nodiscard]] virtual std::string task() const { return name_; }
   /// True for a command that passes on output while a program runs.
   [[nodiscard]] virtual bool streams() const { return false; }
+  /// True for a command whose dry run asks the device and lists the changes.
+  [[nodiscard]] virtual bool plans() const { return false; }
   /// True for a command that runs on one device after the other by default.
   [[nodiscard]] virtual bool sequential() const { return false; }
 

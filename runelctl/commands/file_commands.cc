@@ -68,11 +68,13 @@ Json statJson(const runel::Stat& st) {
 const Error kBadText{Fault::protocol, "malformed answer",
                      "check that the versions of runeld and runelctl match", 0};
 
-class CatJob : public EachPathJob {
+class CatJob : public EachMatchJob {
  public:
-  using EachPathJob::EachPathJob;
+  using EachMatchJob::EachMatchJob;
 
  private:
+  [[nodiscard]] std::string taskText() const override { return "read"; }
+
   void visit(const std::string& path) override {
     ask(runel::Request({"read", path}), [this, path](runel::Reply reply) {
       if (reply.ok()) {
@@ -94,7 +96,7 @@ class CatJob : public EachPathJob {
   }
 };
 
-class LsJob : public EachPathJob {
+class LsJob : public EachMatchJob {
   struct Entry {
     std::string name;
     std::optional<runel::Stat> st;
@@ -102,15 +104,17 @@ class LsJob : public EachPathJob {
   };
 
  public:
-  LsJob(JobContext context, const std::vector<std::string>& paths, bool full)
-      : EachPathJob(std::move(context), paths), full_(full), heads_(paths.size() > 1) {}
-  [[nodiscard]] std::string sentLater() const override {
+  LsJob(JobContext context, const std::vector<std::string>& words, bool full)
+      : EachMatchJob(std::move(context), words), full_(full) {}
+
+ private:
+  [[nodiscard]] std::string taskText() const override { return "readdir"; }
+  [[nodiscard]] std::string laterOfVisits() const override {
     return full_ ? "lstat for each name in a directory, and for a path that is not a directory; "
                    "walktree for each symbolic link"
                  : "lstat for a path that is not a directory";
   }
 
- private:
   void visit(const std::string& path) override {
     ask(runel::Request({"readdir", path}), [this, path](const runel::Reply& reply) {
       // A symbolic link without a target is a file too.
@@ -134,7 +138,7 @@ class LsJob : public EachPathJob {
       fail(kBadText);
       return false;
     }
-    if (heads_) {
+    if (paths().size() > 1) {
       report().line(report().name(path) + ":");
     }
     entries_.clear();
@@ -251,7 +255,6 @@ class LsJob : public EachPathJob {
   }
 
   const bool full_;
-  const bool heads_;
   std::vector<Entry> entries_;
   std::size_t left_ = 0;  // pending requests about entries
 };
@@ -406,12 +409,16 @@ class StatJob : public EachPathJob {
 
 // Removes files with the task "unlink". With -r, runs rm on the device, because no task removes
 // directories.
-class RmJob : public EachPathJob {
+class RmJob : public EachMatchJob {
  public:
-  RmJob(JobContext context, std::vector<std::string> paths, bool recursive)
-      : EachPathJob(std::move(context), std::move(paths)), recursive_(recursive) {}
+  RmJob(JobContext context, const std::vector<std::string>& words, bool recursive)
+      : EachMatchJob(std::move(context), words), recursive_(recursive) {}
 
  private:
+  [[nodiscard]] std::string taskText() const override {
+    return recursive_ ? "exec rm -r" : "unlink";
+  }
+
   void visit(const std::string& path) override {
     const runel::Request one = recursive_ ? runel::Request::exec({"rm", "-r", "--", path}, 0)
                                           : runel::Request({"unlink", path});
@@ -492,6 +499,15 @@ class EachPathCommand : public PathsCommand {
   }
 };
 
+class CatCommand : public PathsCommand {
+ public:
+  CatCommand() : PathsCommand("cat", "print files", "") {}
+  std::unique_ptr<Job> job(JobContext context) override {
+    const std::vector<std::string> all = words(context.settings);
+    return std::make_unique<CatJob>(std::move(context), all);
+  }
+};
+
 class LsCommand : public PathsCommand {
  public:
   LsCommand() : PathsCommand("ls", "list a directory", ".") {}
@@ -500,7 +516,7 @@ class LsCommand : public PathsCommand {
     PathsCommand::define(app);
   }
   std::unique_ptr<Job> job(JobContext context) override {
-    std::vector<std::string> all = paths(context.settings);
+    const std::vector<std::string> all = words(context.settings);
     return std::make_unique<LsJob>(std::move(context), all, full_);
   }
 
@@ -533,8 +549,8 @@ class RmCommand : public PathsCommand {
     PathsCommand::define(app);
   }
   std::unique_ptr<Job> job(JobContext context) override {
-    std::vector<std::string> all = paths(context.settings);
-    return std::make_unique<RmJob>(std::move(context), std::move(all), recursive_);
+    const std::vector<std::string> all = words(context.settings);
+    return std::make_unique<RmJob>(std::move(context), all, recursive_);
   }
   [[nodiscard]] bool destructive() const override { return true; }
 
@@ -545,7 +561,7 @@ class RmCommand : public PathsCommand {
 }  // namespace
 
 void addFileCommands(Commands& commands) {
-  commands.push_back(std::make_unique<EachPathCommand<CatJob>>("cat", "print files", ""));
+  commands.push_back(std::make_unique<CatCommand>());
   commands.push_back(std::make_unique<LsCommand>());
   commands.push_back(
       std::make_unique<EachPathCommand<TreeJob>>("tree", "print a directory tree", "."));

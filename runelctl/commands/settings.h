@@ -34,8 +34,11 @@ struct Settings {
   std::vector<runel::Address> targets;
   bool json = false;
   bool quiet = false;
+  bool verbose = false;
   bool yes = false;
-  bool dryRun = false;
+  bool dryRun = false;   ///< print the requests and send nothing
+  bool offline = false;  ///< also for a command that has a plan
+  bool plan = false;     ///< print what the command would change, and only read
   bool failFast = false;
   bool jobsGiven = false;
   int jobs = 64;

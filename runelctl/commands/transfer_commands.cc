@@ -9,9 +9,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "client/core/path_filter.h"
 #include "client/core/paths.h"
 #include "commands/command.h"
 #include "commands/gzip.h"
+#include "commands/read_input.h"
 #include "commands/transfer_job.h"
 
 namespace runelctl {
@@ -26,7 +28,7 @@ class TransferCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     TransferPlan plan = plan_;
-    plan.options.setResume(resume_).setChecksum(checksum_);
+    plan.options.setResume(resume_).setChecksum(checksum_).setExcludes(excludes_);
     if (!plain_) {
       plan.options.setCompression(gzip, compress_);
     }
@@ -34,9 +36,25 @@ class TransferCommand : public Command {
   }
 
   [[nodiscard]] bool transfers() const override { return true; }
+  [[nodiscard]] bool plans() const override { return true; }
+
+  std::string check(const Settings& settings) override {
+    (void)settings;
+    return readExcludes();
+  }
 
  protected:
   void defineChecks(CLI::App& app) {
+    app_ = &app;
+    excludeOption_ =
+        app.add_option("--exclude", excludeWords_,
+                       "leave out what matches, such as '*.o', '/build/' or 'doc/**'; repeatable")
+            ->allow_extra_args(false)
+            ->type_name("PATTERN");
+    app.add_option("--exclude-from", excludeFiles_,
+                   "the same with the patterns in FILE, one a line ('-': standard input)")
+        ->allow_extra_args(false)
+        ->type_name("FILE");
     app.add_flag("--resume,!--no-resume", resume_, "resume an interrupted transfer (default)");
     app.add_flag("--checksum", checksum_, "verify SHA-256 checksums after the transfer");
   }
@@ -59,7 +77,7 @@ class TransferCommand : public Command {
   }
 
   std::optional<Error> scan(bool recursive) {
-    auto files = runel::PushSources::scan(plan().sources, recursive);
+    auto files = runel::PushSources::scan(plan().sources, recursive, excludes_);
     if (!files) {
       return files.error();
     }
@@ -68,9 +86,37 @@ class TransferCommand : public Command {
   }
 
   TransferPlan& plan() { return plan_; }
+  [[nodiscard]] const TransferPlan& plan() const { return plan_; }
 
  private:
+  // Both options together, in the order of the command line: the first rule that matches decides.
+  std::string readExcludes() {
+    std::size_t word = 0;
+    std::size_t file = 0;
+    for (const CLI::Option* option : app_->parse_order()) {
+      if (option == excludeOption_) {
+        excludes_.push_back(excludeWords_[word++]);
+      } else if (option->check_lname("exclude-from")) {
+        std::string rules;
+        const std::string error = readText(excludeFiles_[file++], rules);
+        if (!error.empty()) {
+          return name() + ": --exclude-from: " + error;
+        }
+        const std::vector<std::string> lines = runel::filterRulesIn(rules);
+        excludes_.insert(excludes_.end(), lines.begin(), lines.end());
+      }
+    }
+    runel::PathFilter filter;
+    const auto error = filter.add(excludes_);
+    return error ? name() + ": " + error->text() : "";
+  }
+
   TransferPlan plan_;
+  CLI::App* app_ = nullptr;
+  const CLI::Option* excludeOption_ = nullptr;
+  std::vector<std::string> excludeWords_;
+  std::vector<std::string> excludeFiles_;
+  std::vector<std::string> excludes_;
   bool resume_ = true;
   bool checksum_ = false;
   bool compress_ = false;
@@ -93,17 +139,16 @@ class PushCommand : public TransferCommand {
   }
 
   std::string check(const Settings& settings) override {
-    (void)settings;
     if (!splitLast()) {
       return "push: expected LOCAL... REMOTE";
     }
     if (!readsInput()) {
-      return "";
+      return TransferCommand::check(settings);
     }
     const std::string& target = plan().target;
     const bool named = !target.empty() && target.back() != '/' && target != "." && target != "..";
     return plan().sources.size() > 1 ? "push: standard input must be the only source"
-           : named                   ? ""
+           : named                   ? TransferCommand::check(settings)
                                      : "push: standard input needs the name of a file";
   }
 
@@ -171,7 +216,6 @@ class PullCommand : public TransferCommand {
   }
 
   std::string check(const Settings& settings) override {
-    (void)settings;
     if (!splitLast() || plan().target.empty()) {
       return "pull: expected REMOTE... LOCAL";
     }
@@ -180,7 +224,11 @@ class PullCommand : public TransferCommand {
       return "pull: standard output takes one file";
     }
     plan().options.setRecursive(recursive_);
-    return "";
+    return TransferCommand::check(settings);
+  }
+  // A pull to standard output changes nothing that could be listed: its dry run prints the frames.
+  [[nodiscard]] bool plans() const override {
+    return plan().sources.empty() || plan().sources.back() != "-";
   }
 
  private:

@@ -14,6 +14,7 @@
 
 #include "base/unique_fd.h"
 #include "client/core/paths.h"
+#include "commands/change_text.h"
 #include "output/text.h"
 
 namespace runelctl {
@@ -55,9 +56,16 @@ std::optional<Error> makeOuterDirectory(const std::string& path) {
 TransferJob::TransferJob(JobContext context, TransferPlan plan)
     : Job(std::move(context)), plan_(std::move(plan)) {
   plan_.options.setMemory(settings().memoryShare());
-  plan_.options.setProgress([this](const runel::Progress& progress) {
-    report().progress({progress.done, progress.total, progress.name});
-  });
+  if (!settings().plan) {
+    plan_.options.setProgress([this](const runel::Progress& progress) {
+      report().progress({progress.done, progress.total, progress.name});
+    });
+  }
+  if (settings().plan || (settings().verbose && !plan_.toOutput)) {
+    plan_.options.setPlanOnly(settings().plan).setChangeHandler([this](const auto& change) {
+      showChange(change);
+    });
+  }
 }
 
 TransferJob::~TransferJob() {
@@ -71,50 +79,87 @@ TransferJob::~TransferJob() {
 }
 
 void TransferJob::start() {
-  const auto done = [this](const runel::TransferReport& report) { end(report); };
   if (plan_.way == Way::pull) {
-    startPull(done);
+    startPull();
   } else if (!plan_.input || settings().dryRun) {
-    startPush(done);
+    startPush();
   } else {
     // Standard input has no name that it could get in a directory.
     const std::string target = remote(plan_.target);
-    ask(runel::Request({"stat", target}), [this, target, done](const runel::Reply& reply) {
+    ask(runel::Request({"stat", target}), [this, target](const runel::Reply& reply) {
       const auto there = reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       if (there && there->isDirectory()) {
         fail(Error(Fault::task, target + ": " + runel::systemText(EISDIR),
                    "standard input needs the name of a file", EISDIR));
       } else {
-        startPush(done);
+        startPush();
       }
     });
   }
 }
 
-void TransferJob::startPush(const runel::AsyncTransfer::Done& done) {
+void TransferJob::startPush() {
   const auto start =
       plan_.way == Way::sync ? runel::AsyncTransfer::sync : runel::AsyncTransfer::push;
-  transfer_ = start(device(), *plan_.files, remote(plan_.target), plan_.options, done);
+  transfer_ = start(device(), *plan_.files, remote(plan_.target), plan_.options,
+                    [this](const runel::TransferReport& report) { end(report); });
 }
 
-void TransferJob::startPull(const runel::AsyncTransfer::Done& done) {
-  std::vector<std::string> sources;
-  for (const std::string& source : plan_.sources) {
-    sources.push_back(remote(source));
+void TransferJob::startPull() {
+  const bool patterns = std::any_of(plan_.sources.begin(), plan_.sources.end(), isPattern);
+  expander_.emplace([this](const runel::Request& request,
+                           runel::ReplyHandler handler) { ask(request, std::move(handler)); },
+                    settings().directory);
+  if (settings().dryRun && patterns) {
+    expander_->askFirst(plan_.sources);
+  } else {
+    expander_->expand(plan_.sources, [this](PathExpander::Expanded expanded) {
+      takeSources(std::move(expanded));
+    });
   }
+}
+
+void TransferJob::takeSources(PathExpander::Expanded expanded) {
+  failures_ = std::move(expanded.failures);
+  if (expanded.lost) {
+    fail(expanded.lost->error());
+  } else if (expanded.paths.empty()) {
+    tellFailures(1);
+    finish({kExitTaskFailed, failures_.front()});
+  } else if (plan_.toOutput && expanded.paths.size() > 1) {
+    fail(Error(Fault::local, plan_.sources.front() + ": matches " +
+                                 countText(expanded.paths.size(), "file") +
+                                 ", and standard output takes one"));
+  } else if (const auto twins = sameNames(expanded)) {
+    fail(*twins);
+  } else {
+    plan_.options.setIntoDirectory(expanded.matched && !plan_.toOutput);
+    pull(expanded.paths);  // `expanded` may be gone afterwards
+  }
+}
+
+void TransferJob::pull(const std::vector<std::string>& sources) {
   std::string target = plan_.target;
-  if (const auto error = settings().dryRun ? std::nullopt : placePull(target)) {
+  if (const auto error = placePull(sources, target)) {
     fail(*error);
     return;
   }
-  transfer_ = runel::AsyncTransfer::pull(device(), sources, target, plan_.options, done);
+  transfer_ =
+      runel::AsyncTransfer::pull(device(), sources, target, plan_.options,
+                                 [this](const runel::TransferReport& report) { end(report); });
 }
 
 // With several devices, each has a separate directory. Standard output gets a complete file or
 // nothing.
-std::optional<Error> TransferJob::placePull(std::string& target) {
+std::optional<Error> TransferJob::placePull(const std::vector<std::string>& sources,
+                                            std::string& target) {
+  const bool creates = !settings().dryRun && !settings().plan;
   if (plan_.toOutput) {
-    const auto file = TemporaryFile::create(outputName(plan_.sources.front()));
+    if (!creates) {
+      return std::nullopt;
+    }
+    outputPath_ = sources.front();
+    const auto file = TemporaryFile::create(outputName(outputPath_));
     if (!file) {
       return file.error();
     }
@@ -122,7 +167,7 @@ std::optional<Error> TransferJob::placePull(std::string& target) {
     target = output_->path();
     plan_.options.setResume(false);
   } else if (settings().targets.size() > 1) {
-    if (const auto error = makeOuterDirectory(target)) {
+    if (const auto error = creates ? makeOuterDirectory(target) : std::nullopt) {
       return error;
     }
     plan_.options.setSubdirectory(directoryName(device().address().name()));
@@ -147,10 +192,15 @@ std::optional<Error> TransferJob::writeOutput() {
     return localError(output_->path(), errno);
   }
   Json object{{"entry", "file"}};
-  putBytes(object, "path", remote(plan_.sources.front()));
+  putBytes(object, "path", outputPath_);
   moveBytes(object, "content", std::move(content));
   report().entry(object);
   return std::nullopt;
+}
+
+void TransferJob::showChange(const runel::TransferChange& change) {
+  report().line(changeLine(change, report().style()));
+  report().entry(changeObject(change));
 }
 
 std::optional<runel::Request> TransferJob::cleanUp() const {
@@ -174,28 +224,47 @@ void TransferJob::tell(const runel::TransferReport& done) {
   }
   result["files"] = done.files();
   result["bytes"] = done.bytes();
-  const bool packed = done.sentBytes() != done.bytes();
-  if (packed) {
+  if (done.sentBytes() != done.bytes()) {
     result["sent_bytes"] = done.sentBytes();
   }
-  const std::string summary = countText(done.files(), "file") + ", " + sizeText(done.bytes()) +
-                              (packed ? ", compressed to " + sizeText(done.sentBytes()) : "");
-  const Style& style = report().style();
-  if (plan_.way == Way::sync && !style.quiet) {
-    report().line("sent " + summary + "; removed " + std::to_string(done.removed()));
-  } else if (style.outTerminal && !style.quiet && !plan_.toOutput) {
-    report().line(summary);
+  if (settings().plan) {
+    result["dry_run"] = true;
+  }
+  if (!report().style().quiet) {
+    tellAmount(done);
+  }
+}
+
+void TransferJob::tellAmount(const runel::TransferReport& done) {
+  const std::string amount = countText(done.files(), "file") + ", " + sizeText(done.bytes());
+  if (settings().plan) {
+    const bool removes = plan_.way == Way::sync && plan_.options.removes();
+    report().line("dry run: " + amount + " to transfer" +
+                  (removes ? "; " + countText(done.removed(), "removal") : ""));
+    return;
+  }
+  const bool packed = done.sentBytes() != done.bytes();
+  const std::string sent = amount + (packed ? ", compressed to " + sizeText(done.sentBytes()) : "");
+  if (plan_.way == Way::sync) {
+    report().line("sent " + sent + "; removed " + std::to_string(done.removed()));
+  } else if (report().style().outTerminal && !plan_.toOutput) {
+    report().line(sent);
   }
 }
 
 void TransferJob::end(const runel::TransferReport& done) {
   tell(done);
   if (!done.complete()) {
+    tellFailures(0);
     fail(*done.error());
   } else if (done.error()) {
+    tellFailures(0);
     finish({kExitTaskFailed, *done.error()});
   } else if (const auto error = output_ && done.files() > 0 ? writeOutput() : std::nullopt) {
     fail(*error);
+  } else if (!failures_.empty()) {
+    tellFailures(1);
+    finish({kExitTaskFailed, failures_.front()});
   } else if (done.partial()) {
     finish({kExitTaskFailed, std::nullopt, "incomplete"});
   } else {
@@ -203,11 +272,19 @@ void TransferJob::end(const runel::TransferReport& done) {
   }
 }
 
+// The failures of patterns from @p first on, as warnings.
+void TransferJob::tellFailures(std::size_t first) {
+  for (std::size_t i = first; i < failures_.size(); ++i) {
+    report().warn(failures_[i].what);
+  }
+}
+
 // The amounts are known, but the requests depend on the files on the device.
 std::string TransferJob::sentLater() const {
   const std::string sums = plan_.options.checksum() ? "; sha256sum" : "";
   if (plan_.way == Way::pull) {
-    return std::string("stat for each further path; ") +
+    const bool patterns = std::any_of(plan_.sources.begin(), plan_.sources.end(), isPattern);
+    return (patterns ? PathExpander::laterText() : "") + "stat for each further path; " +
            (plan_.options.recursive() ? "walktree for directories, and stat for their entries; "
                                       : "") +
            "read for each file, dd in pieces for large ones" + sums;

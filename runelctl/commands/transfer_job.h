@@ -11,6 +11,7 @@
 #include <runel/transfer.h>
 
 #include "commands/job.h"
+#include "commands/path_expander.h"
 #include "commands/temporary_file.h"
 
 namespace runelctl {
@@ -39,15 +40,24 @@ class TransferJob : public Job {
   [[nodiscard]] bool resumes() const override { return true; }
 
  private:
-  void startPush(const runel::AsyncTransfer::Done& done);
-  void startPull(const runel::AsyncTransfer::Done& done);
-  [[nodiscard]] std::optional<Error> placePull(std::string& target);
+  void startPush();
+  void startPull();
+  void takeSources(PathExpander::Expanded expanded);
+  void pull(const std::vector<std::string>& sources);
+  [[nodiscard]] std::optional<Error> placePull(const std::vector<std::string>& sources,
+                                               std::string& target);
   [[nodiscard]] std::optional<Error> writeOutput();
+  void showChange(const runel::TransferChange& change);
+  void tellFailures(std::size_t first);
   void tell(const runel::TransferReport& done);
+  void tellAmount(const runel::TransferReport& done);
   void end(const runel::TransferReport& done);
 
   TransferPlan plan_;
+  std::optional<PathExpander> expander_;   // for the sources of a pull
+  std::vector<Error> failures_;            // of its patterns
   std::shared_ptr<TemporaryFile> output_;  // what a pull writes to standard output
+  std::string outputPath_;                 // on the device
   std::unique_ptr<runel::AsyncTransfer> transfer_;
   bool told_ = false;
 };

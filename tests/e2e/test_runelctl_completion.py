@@ -149,6 +149,7 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPL
         self.assertEqual(self.complete("ls", "--color", "n"), {"never"})
         self.assertEqual(self.complete("--devices", "some"), {"some-file"})
         self.assertEqual(self.complete("master", "--xml-log", ""), {"some-file"})
+        self.assertEqual(self.complete("sync", "--exclude-from", ""), {"some-file"})
         self.assertEqual(self.complete("--jobs", ""), {""})
 
     def test_arguments_are_offered(self):
@@ -198,6 +199,7 @@ class Fish(CompletionCase):
     def test_values_and_arguments(self):
         self.assertEqual(self.complete("--color "), {"auto", "always", "never"})
         self.assertIn("some-file", self.complete("--devices "))
+        self.assertIn("some-file", self.complete("sync --exclude-from "))
         self.assertEqual(self.complete("completion "), {"bash", "zsh", "fish"})
         self.assertEqual(self.complete("blinkleds "), {"off", "on", "slow", "fast", "alternate"})
         self.assertEqual(self.complete("cat "), set())

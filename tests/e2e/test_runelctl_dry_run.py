@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""--dry-run: every command prints devices and frames and sends nothing."""
+"""--dry-run: every command prints devices and frames and sends nothing; push, sync and pull with
+--offline."""
 import os
 import threading
 import unittest
@@ -121,16 +122,16 @@ class DryRun(CtlCase):
         for words, parts in ((("push", "-r"), ()), (("push", "-r", "--checksum"), ("sha256sum",)),
                              (("sync",), ("walktree", "the differences among")),
                              (("sync", "--delete"), ("walktree", "rm of files that are missing"))):
-            frames, later = self.shown(*words, self.path("tree"), "/x")
+            frames, later = self.shown("--offline", *words, self.path("tree"), "/x")
             self.assertEqual(frames, [record(["stat", "/x"]).decode()])
             for part in ("2 files (2.0 KiB), 2 directories and 1 link", "mkdir", "write", "rename",
                          "chmod and touch", *parts):
                 self.assertIn(part, later, words)
-        frames, later = self.shown("pull", "/a", "/b", self.path("new"))
+        frames, later = self.shown("--offline", "pull", "/a", "/b", self.path("new"))
         self.assertEqual(frames, [record(["stat", "/a"]).decode()])
         self.assertIn("stat for each further path; read for each file", later)
         self.assertNotIn("walktree", later)
-        self.assertIn("walktree", self.shown("pull", "-r", "/a", self.path("new"))[1])
+        self.assertIn("walktree", self.shown("--offline", "pull", "-r", "/a", self.path("new"))[1])
         self.assertFalse(os.path.exists(self.path("new")))
 
     def test_a_long_frame_is_truncated_only_in_text_output(self):

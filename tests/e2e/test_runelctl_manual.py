@@ -55,6 +55,18 @@ class Fields(MasterCase):
     def run_json(self, *words, **options):
         return self.ctl("--json", *words, **options).objects
 
+    def test_plans(self):
+        self.daemon()
+        os.makedirs(self.path("tree"))
+        self.file("tree/a", b"x")
+        os.symlink("a", self.path("tree/l"))
+        os.makedirs(self.path("there"))
+        self.file("there/a", b"old")
+        self.check(self.run_json("-n", "sync", self.path("tree"), self.path("there")), "action",
+                   "type", "path", "size", "old_size", "target", "files", "bytes", "removed",
+                   "dry_run")
+        self.check(self.run_json("-v", "pull", self.path("tree/a"), self.path("b")), "action")
+
     def test_file_commands(self):
         self.daemon()
         path = self.file("a", b"x")

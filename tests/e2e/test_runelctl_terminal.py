@@ -156,6 +156,11 @@ class EveryCommand(OnTerminal):
             for arrange in ((), ("--group",)):
                 self.assertIn(SHOWN, self.shown(*arrange, "-d", both, command, *ON_DEVICES[command]))
 
+    def test_plans_are_escaped(self):
+        for words in (("pull", "-r", "/x", "back"), ("sync", "--delete", "tree", "/x")):
+            self.assertIn(SHOWN, self.shown("-n", "-d", self.device(), *words))
+            self.assertIn(SHOWN, self.shown("-v", "-d", self.device(), *words))
+
     def test_json_is_escaped_and_valid(self):
         for command, words in ON_DEVICES.items():
             for line in self.shown("--json", "-d", self.device(), *command.split(), *words).splitlines():

@@ -199,6 +199,27 @@ TEST(CommandLineTest, TheTimeoutIsRefusedWithoutAProgram) {
   EXPECT_EQ(parse({"--timeout", "7", "shell"}), -1);
 }
 
+TEST(CommandLineTest, ADryRunOfATransferIsAPlan) {
+  CommandLine plan;
+  ASSERT_EQ(plan.parse({"-n", "pull", "/a", "b"}), -1);
+  EXPECT_TRUE(plan.settings().plan && !plan.settings().dryRun);
+  for (const Words& words :
+       {Words{"-n", "--offline", "pull", "/a", "b"}, Words{"-n", "rm", "/a"}}) {
+    CommandLine dry;
+    ASSERT_EQ(dry.parse(words), -1);
+    EXPECT_TRUE(dry.settings().dryRun && !dry.settings().plan);
+  }
+  EXPECT_EQ(parse({"--offline", "pull", "/a", "b"}), 2);
+}
+
+TEST(CommandLineTest, InvalidExcludesAreUsageErrors) {
+  EXPECT_EQ(parse({"pull", "--exclude", "*.o", "--exclude", "[ab]", "/a", "b"}), -1);
+  EXPECT_EQ(parse({"pull", "--exclude", "!", "/a", "b"}), 2);
+  EXPECT_EQ(parse({"pull", "--exclude-from", "/dev/null", "/a", "b"}), -1);
+  EXPECT_EQ(parse({"pull", "--exclude-from", "/", "/a", "b"}), 2);
+  EXPECT_EQ(parse({"pull", "--exclude-from", "/dev/zero", "/a", "b"}), 2);
+}
+
 // The devices of a command line, in an environment without an inventory.
 class TargetsTest : public ::testing::Test {
  protected:

@@ -22,8 +22,17 @@ std::string unquoted(std::string_view text, bool& wild) {
 
 }  // namespace
 
+// A quoted wildcard counts too, so that its backslash is removed. As in a shell, a bracket that is
+// not closed within its component is an ordinary character.
 bool isPattern(const std::string& word) {
-  return runel::hasWildcard(word);
+  for (std::size_t i = 0; i < word.size(); ++i) {
+    const std::size_t close = word[i] == '[' ? word.find_first_of("]/", i + 1) : std::string::npos;
+    const bool closed = close != std::string::npos && word[close] == ']';
+    if (word[i] == '*' || word[i] == '?' || closed) {
+      return true;
+    }
+  }
+  return false;
 }
 
 GlobComponent::GlobComponent(std::string_view text)

@@ -311,8 +311,9 @@ class Place(JobCase):
             self.assertEqual(self.succeed(*words, feed=b"typed").out, b"typed")
         job = self.succeed("job", "start", "--timeout", "60", *options, "cat", feed=b"typed").text.strip()
         self.assertEqual(len(self.states("--job-directory", own)), 3)
-        result = self.succeed("job", "attach", "--reconnect", "30", "--job-directory", own, job)
-        self.assertEqual(result.out, b"typed")
+        for verb, out in (("wait", b""), ("attach", b"typed"), ("output", b"typed"), ("stop", b"")):
+            result = self.succeed("job", verb, "--reconnect", "30", "--job-directory", own, job)
+            self.assertEqual(result.out, out)
 
     def test_every_other_request_checks_the_path_too(self):
         own = self.private() + "/a/b"

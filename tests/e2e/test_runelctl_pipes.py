@@ -79,7 +79,7 @@ class PushInput(PipeCase):
         self.assert_tidy()
 
     def test_a_dry_run_sends_nothing(self):
-        result = self.succeed("-n", "push", "-", "/x", feed=b"data")
+        result = self.succeed("-n", "--offline", "push", "-", "/x", feed=b"data")
         self.assertIn("for 1 file (4 B)", result.text)
         self.assert_tidy()
 

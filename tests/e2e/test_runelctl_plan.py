@@ -88,8 +88,9 @@ class PlanCase(CtlCase):
         return result.text.splitlines()
 
     def done(self, *words):
-        """The lines of the transfer itself."""
-        return self.run_at("-v", *words).text.splitlines()
+        """The lines of the transfer itself, without the summary of a sync."""
+        lines = self.run_at("-v", *words).text.splitlines()
+        return lines[:-1] if "sync" in words else lines
 
 
 class Plans(PlanCase):
@@ -275,6 +276,10 @@ class Excludes(PlanCase):
         result = self.ctl("-d", self.device.where, "-n", "push", "-r", "--exclude-from", "-",
                           self.path("here"), self.path("there/to"), feed=b"*\n")
         self.assertEqual(result.text, "dry run: 0 files, 0 B to transfer\n")
+        for words in (("sync", self.path("here"), self.path("there/to")),
+                      ("pull", "-r", self.path("there"), self.path("new"))):
+            self.assertIn(".log", "".join(self.plan(*words)))
+            self.assertNotIn(".log", "".join(self.plan(words[0], "--exclude-from", rules, *words[1:])))
 
     def test_sources_are_left_out_by_name(self):
         result = self.plan("push", "--exclude", "*.log", self.path("here/sub/b"),

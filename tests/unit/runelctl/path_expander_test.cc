@@ -23,6 +23,15 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Strings = std::vector<std::string>;
 
+TEST(GlobPatternTest, ABracketThatIsNotClosedIsNoPattern) {
+  for (const char* word : {"a*", "?", "/x/[ab]", "[a]/b", "\\*", "\\[a]"}) {
+    EXPECT_TRUE(isPattern(word)) << word;
+  }
+  for (const char* word : {"", "/x/[ab", "[a/b]", "a]"}) {
+    EXPECT_FALSE(isPattern(word)) << word;
+  }
+}
+
 TEST(GlobPatternTest, ComponentsHaveNoEmptyOnes) {
   const auto parts = globComponents("//a/*b/c\\*/");
   ASSERT_EQ(parts.size(), 3U);

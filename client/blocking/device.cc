@@ -86,7 +86,7 @@ Result<ProgramResult> programOf(const Request& request, Result<Reply> reply) {
 
 Device::Data::Data(Result<Address> itsAddress, DeviceOptions itsOptions)
     : address(std::move(itsAddress)),
-      options(std::move(itsOptions)),
+      options(itsOptions),
       engine(loop, address ? *address : Address(""), options) {
   loop.setResolver(blockingResolver());
 }

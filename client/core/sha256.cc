@@ -36,7 +36,7 @@ const unsigned char* bytesOf(std::string_view text) {
 void Sha256::block(const unsigned char* data) {
   std::uint32_t w[64];
   for (unsigned i = 0; i < 16; ++i) {
-    w[i] = word(data + 4 * i);
+    w[i] = word(data + std::size_t{4} * i);
   }
   for (unsigned i = 16; i < 64; ++i) {
     const std::uint32_t a = turn(w[i - 15], 7) ^ turn(w[i - 15], 18) ^ (w[i - 15] >> 3U);

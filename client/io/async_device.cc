@@ -22,7 +22,7 @@ struct AsyncDevice::Data {
   Data(Loop& itsLoop, Address itsAddress, DeviceOptions itsOptions, bool itDials)
       : loop_(itsLoop),
         address_(std::move(itsAddress)),
-        options_(std::move(itsOptions)),
+        options_(itsOptions),
         dials_(itDials),
         session_(options_.ioTimeout()) {}
 

@@ -180,15 +180,15 @@ class JobStopJob : public Job {
   void sent(const runel::Reply& reply) {
     const runel::JobAnswer answer = runel::jobAnswerOf(reply);
     report().result()["signalled"] = answer == runel::JobAnswer::done;
-    if (answer == runel::JobAnswer::notRunning && only_.empty()) {
-      succeed();  // it has ended, as wanted
-    } else if (answer != runel::JobAnswer::done) {
+    const bool signalled = answer == runel::JobAnswer::done;
+    const bool stops = only_.empty();  // or only sends a signal
+    if (signalled && stops) {
+      wait();
+    } else if (signalled || (stops && answer == runel::JobAnswer::notRunning)) {
+      succeed();
+    } else {
       const runel::Error error = reply.answered() ? jobErrorOf(reply, place_) : reply.error();
       fail(error);
-    } else if (only_.empty()) {
-      wait();
-    } else {
-      succeed();
     }
   }
 

@@ -167,7 +167,7 @@ std::optional<Error> TransferJob::placePull(const std::vector<std::string>& sour
     target = output_->path();
     plan_.options.setResume(false);
   } else if (settings().targets.size() > 1) {
-    if (const auto error = creates ? makeOuterDirectory(target) : std::nullopt) {
+    if (auto error = creates ? makeOuterDirectory(target) : std::nullopt) {
       return error;
     }
     plan_.options.setSubdirectory(directoryName(device().address().name()));

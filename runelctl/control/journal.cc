@@ -127,7 +127,7 @@ Json Journal::object(const std::string& event, const Label* who) const {
 }
 
 void Journal::tell(const std::string& event, const Label* who, const std::string& text,
-                   Json details) {
+                   const Json& details) {
   if (style_.json) {
     Json whole = object(event, who);
     whole.update(details);

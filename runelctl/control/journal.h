@@ -41,7 +41,8 @@ class Journal {
   void problem(const std::string& text);
 
  private:
-  void tell(const std::string& event, const Label* who, const std::string& text, Json details);
+  void tell(const std::string& event, const Label* who, const std::string& text,
+            const Json& details);
   [[nodiscard]] Json object(const std::string& event, const Label* who) const;
 
   const Style& style_;

@@ -166,7 +166,7 @@ runel::Result<Selected> Selector::find(const std::string& name) const {
 }
 
 runel::Result<std::vector<std::string>> Selector::expand(const std::string& list) const {
-  const runel::Result<std::vector<std::string>> names = expandList(list);
+  runel::Result<std::vector<std::string>> names = expandList(list);
   if (!names || std::find(names->begin(), names->end(), kAllConnected) == names->end()) {
     return names;
   }
@@ -194,7 +194,7 @@ void Selector::add(Selected selected) {
 }
 
 runel::Result<runel::Address> parseAddress(const std::string& text) {
-  const runel::Result<runel::Address> address = runel::Address::parse(text);
+  runel::Result<runel::Address> address = runel::Address::parse(text);
   if (!address || address->isBehindMaster()) {
     return address;
   }

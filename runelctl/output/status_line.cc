@@ -2,6 +2,7 @@
 #include "output/status_line.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include <unistd.h>
@@ -21,7 +22,7 @@ std::string bar(std::uint64_t done, std::uint64_t total) {
 
 std::string timeText(double seconds) {
   char text[32];
-  const auto whole = static_cast<long>(std::min(seconds, 359999.0) + 0.5);
+  const auto whole = std::lround(std::min(seconds, 359999.0));
   if (whole >= 3600) {
     std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60, whole % 60);
   } else {

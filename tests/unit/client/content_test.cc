@@ -13,6 +13,7 @@
 #include "client/core/paths.h"
 #include "client/core/peer_guess.h"
 #include "client/core/sha256.h"
+#include "client/core/sha256_blocks.h"
 #include "client/transfer/archive.h"
 #include "client/transfer/checksums.h"
 #include "support/temp_dir.h"
@@ -33,6 +34,20 @@ TEST(Sha256Test, MatchesThePublishedTestVectors) {
             "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
   EXPECT_EQ(sha256(std::string(1000000, 'a')),
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+TEST(Sha256Test, IsTheSameOnAnyProcessor) {
+  std::string bytes;
+  for (unsigned i = 0; i < 640; ++i) {
+    bytes += static_cast<char>((i * i) & 0xffU);
+  }
+  const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
+  Sha256State portable{1, 2, 3, 4, 5, 6, 7, 0xffffffff};
+  Sha256State fastest = portable;
+  portableSha256Blocks(portable, data, 10);
+  sha256Blocks()(fastest, data, 4);
+  sha256Blocks()(fastest, data + 256, 6);
+  EXPECT_EQ(portable, fastest);
 }
 
 TEST(Sha256Test, IsIndependentOfTheSplittingOfTheInput) {

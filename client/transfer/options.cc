@@ -15,6 +15,7 @@ struct TransferOptions::Data {
   bool recursive = false;
   bool resume = true;
   bool checksum = false;
+  Delta delta = Delta::automatic;
   bool removes = false;
   bool intoDirectory = false;
   std::string subdirectory;
@@ -52,6 +53,11 @@ TransferOptions& TransferOptions::setResume(bool on) {
 
 TransferOptions& TransferOptions::setChecksum(bool on) {
   own().checksum = on;
+  return *this;
+}
+
+TransferOptions& TransferOptions::setDelta(Delta use) {
+  own().delta = use;
   return *this;
 }
 
@@ -113,6 +119,10 @@ bool TransferOptions::resume() const {
 
 bool TransferOptions::checksum() const {
   return data_->checksum;
+}
+
+Delta TransferOptions::delta() const {
+  return data_->delta;
 }
 
 bool TransferOptions::removes() const {

@@ -89,6 +89,10 @@ const std::vector<std::string>& TransferReport::warnings() const {
   return data_->warnings;
 }
 
+const std::vector<std::string>& TransferReport::notes() const {
+  return data_->notes;
+}
+
 bool TransferReport::partial() const {
   return data_->partial;
 }
@@ -103,6 +107,10 @@ std::uint64_t TransferReport::bytes() const {
 
 std::uint64_t TransferReport::sentBytes() const {
   return data_->bytes - data_->saved;
+}
+
+std::uint64_t TransferReport::kept() const {
+  return data_->kept;
 }
 
 std::size_t TransferReport::removed() const {

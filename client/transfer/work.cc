@@ -53,6 +53,14 @@ void TransferWork::tell(const Request& request) {
   ask(request, [](const Reply&) {});
 }
 
+void TransferWork::later(std::function<void()> call) {
+  device_.loop().next([this, alive = std::weak_ptr<bool>(alive_), call = std::move(call)] {
+    if (!alive.expired() && !ended_) {
+      call();
+    }
+  });
+}
+
 void TransferWork::pipe(Pipeline::Source source, std::function<void()> next) {
   pipe(
       std::move(source), [this] { return options_.memory(); }, std::move(next));
@@ -107,6 +115,11 @@ void TransferWork::tellChange(const TransferChange& change) {
   if (options_.changeHandler()) {
     options_.changeHandler()(change);
   }
+}
+
+void TransferWork::keep(std::uint64_t bytes, const std::string& name) {
+  done_.kept += bytes;
+  skip(bytes, name);
 }
 
 // The failure of a file before the end is reported too.

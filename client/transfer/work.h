@@ -31,11 +31,13 @@ struct PushSources::Data {
 struct TransferReport::Data {
   std::optional<Error> error;
   std::vector<std::string> warnings;
+  std::vector<std::string> notes;
   bool partial = false;
   bool complete = false;
   std::size_t files = 0;
   std::uint64_t bytes = 0;
   std::uint64_t saved = 0;
+  std::uint64_t kept = 0;
   std::size_t removed = 0;
   std::optional<std::uint64_t> resumedAt;
 };
@@ -63,6 +65,8 @@ class RUNEL_LOCAL TransferWork {
   void ask(const Request& request, Answer answer);
   /// Sends a request whose reply makes no difference.
   void tell(const Request& request);
+  /// Calls @p call in the next step of the loop, unless the transfer has ended.
+  void later(std::function<void()> call);
   /// Sends the requests of @p source, then calls @p next. One at a time.
   void pipe(Pipeline::Source source, std::function<void()> next);
   /// The same with about as many bytes in flight as @p window returns.
@@ -80,6 +84,8 @@ class RUNEL_LOCAL TransferWork {
   void warn(const std::string& text);
   /// The same, unless it was added before.
   void warnOnce(const std::string& text);
+  /// Adds a note about how the transfer was done, which is no failure.
+  void note(const std::string& text) { done_.notes.push_back(text); }
 
   /// Adds @p bytes to the total of the progress.
   void expect(std::uint64_t bytes) { expected_ += bytes; }
@@ -89,6 +95,8 @@ class RUNEL_LOCAL TransferWork {
   void save(std::uint64_t bytes) { done_.saved += bytes; }
   /// Adds @p bytes to the progress only: the device has them.
   void skip(std::uint64_t bytes, const std::string& name);
+  /// The same, for bytes that a delta takes from the old file.
+  void keep(std::uint64_t bytes, const std::string& name);
   void fileDone() { ++done_.files; }
   void removed(std::size_t entries) { done_.removed += entries; }
   /// Whether somebody wants to know what the transfer changes.

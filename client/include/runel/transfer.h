@@ -45,6 +45,13 @@ struct TransferChange {
   std::optional<std::uint64_t> oldSize;  ///< of the file that is replaced, in bytes
 };
 
+/// Whether the differences from the existing target are sent instead of the whole file.
+enum class Delta {
+  automatic,  ///< if both files are larger than 4 MiB and the line is slower than 5 MB/s
+  always,     ///< if both files are larger than 512 KiB
+  never,
+};
+
 /// The options of all transfers. Copies are cheap.
 class RUNEL_API TransferOptions {
  public:
@@ -63,6 +70,10 @@ class RUNEL_API TransferOptions {
   TransferOptions& setResume(bool on);
   /// Compares SHA-256 checksums after the transfer; off by default.
   TransferOptions& setChecksum(bool on);
+  /// For a push or sync: of a large file whose target exists, only the differences are sent;
+  /// `Delta::automatic` by default. The device reads its old file for this with dd, cksum and
+  /// sha256sum. Where this is not possible, a note says why, and the whole file is sent.
+  TransferOptions& setDelta(Delta use);
   /// For a sync: removes files on the device that are missing here; off by default.
   TransferOptions& setDelete(bool on);
   /// For a pull: the local target is a directory and each source gets a name in it; off by default,
@@ -105,6 +116,7 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] bool recursive() const;
   [[nodiscard]] bool resume() const;
   [[nodiscard]] bool checksum() const;
+  [[nodiscard]] Delta delta() const;
   [[nodiscard]] bool removes() const;
   [[nodiscard]] bool intoDirectory() const;
   [[nodiscard]] const std::string& subdirectory() const;
@@ -137,6 +149,8 @@ class RUNEL_API TransferReport {
   [[nodiscard]] const std::optional<Error>& error() const;
   /// Further failures and what was skipped, one sentence each.
   [[nodiscard]] const std::vector<std::string>& warnings() const;
+  /// How the transfer was done, one sentence each: nothing that needs attention.
+  [[nodiscard]] const std::vector<std::string>& notes() const;
   /// True when a warning tells of something that was skipped or not done, such as a special file or
   /// modes that were not kept.
   [[nodiscard]] bool partial() const;
@@ -144,6 +158,8 @@ class RUNEL_API TransferReport {
   [[nodiscard]] std::uint64_t bytes() const;  ///< number of transferred bytes of content
   /// Number of bytes that were sent for them: fewer than `bytes` if they were compressed.
   [[nodiscard]] std::uint64_t sentBytes() const;
+  /// Number of bytes that were not sent, because a delta took them from the old files.
+  [[nodiscard]] std::uint64_t kept() const;
   [[nodiscard]] std::size_t removed() const;  ///< number of entries that a sync removed
   /// Where the transfer of the last resumed file continued, in bytes.
   [[nodiscard]] std::optional<std::uint64_t> resumedAt() const;

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Directories and existing files on the device, before the contents.
+#include <algorithm>
+#include <iterator>
+
 #include "client/core/paths.h"
+#include "client/transfer/delta/delta_transfer.h"
 #include "client/transfer/programs.h"
 #include "client/transfer/push/stages.h"
 
@@ -65,7 +69,21 @@ class LookAtTargets : public PushStage {
                       return Request({"lstat", item.target});
                     },
                     [](PushItem& item, const Reply& reply) { item.there = statIn(reply); }),
-                std::move(next));
+                [this, next = std::move(next)] {
+                  chooseDeltas();
+                  next();
+                });
+  }
+
+ private:
+  // A file of which only the differences may be sent is treated as a large one.
+  void chooseDeltas() const {
+    const auto first = std::stable_partition(
+        work().small.begin(), work().small.end(), [this](const PushItem& item) {
+          return !mayUseDelta(work().options().delta(), item.there, item.entry->size);
+        });
+    std::move(first, work().small.end(), std::back_inserter(work().large));
+    work().small.erase(first, work().small.end());
   }
 };
 

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "client/core/late_content.h"
+#include "client/transfer/delta/delta_transfer.h"
+#include "client/transfer/delta/line_rate.h"
 #include "client/transfer/hidden_paths.h"
 #include "client/transfer/local_file.h"
 #include "client/transfer/parts.h"
@@ -55,44 +57,124 @@ class SendLargeFile : public PushStage {
   void findPart() {
     part_ = partPath(item_.target);
     packed_ = part_ + ".gz";
+    prepareDelta();
     if (!work().options().resume()) {
       work().leaves(Request({"unlink", part_}));
-      sendFrom(0);
+      beginAt(0);
       return;
     }
     work().ask(Request({"stat", part_}), [this](const Reply& reply) {
       const std::optional<Stat> st = statIn(reply);
       notePlace(st);
       if (!st || !st->isRegular() || st->size == 0 || st->size > file_->reader.size()) {
-        sendFrom(0);
+        beginAt(0);
         return;
       }
       if (work().options().compression()) {
         work().tell(Request({"unlink", packed_}));  // that the interrupted transfer may have left
       }
       checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), placeOf(*item_.entry),
-                st->size, item_.target, [this](std::uint64_t offset) { sendFrom(offset); });
+                st->size, item_.target, [this](std::uint64_t offset) { beginAt(offset); });
     });
+  }
+
+  void prepareDelta() {
+    const Delta use = work().options().delta();
+    if (mayUseDelta(use, item_.there, file_->reader.size())) {
+      delta_ = std::make_unique<DeltaTransfer>(work(), file_->reader,
+                                               DeltaFiles{item_.target, item_.there->size, part_});
+    }
+    if (delta_ && use == Delta::always) {
+      delta_->prepare();
+    }
+  }
+
+  void beginAt(std::uint64_t offset) {
+    if (!delta_) {
+      sendFrom(offset);
+      return;
+    }
+    createPart(offset);
+    if (work().options().delta() == Delta::always) {
+      assemble(offset);
+      return;
+    }
+    rate_ = std::make_unique<LineRate>(work(), file_->reader, part_, item_.target);
+    rate_->measure(offset, [this](std::uint64_t sent, bool slow) {
+      slow ? assemble(sent) : continueAt(sent);
+    });
+  }
+
+  // Without the differences, a part is of no use to the next transfer.
+  void assemble(std::uint64_t offset) {
+    work().leaves(Request({"unlink", part_}));
+    delta_->assemble(offset, [this, offset](const DeltaTransfer::End& end) {
+      if (end.error) {
+        drop(*end.error);
+      } else if (end.assembled) {
+        sendLast();
+      } else if (const auto changed = file_->reader.changed()) {
+        drop(*changed);
+      } else {
+        sendWhole(offset, end);
+      }
+    });
+  }
+
+  void sendWhole(std::uint64_t offset, const DeltaTransfer::End& end) {
+    work().note(item_.target + ": sent whole: " + end.why);
+    if (work().options().resume()) {
+      work().leaves(std::nullopt);
+    }
+    if (end.untouched) {
+      continueAt(offset);
+    } else {
+      work().resumedAt(std::nullopt);
+      sendFrom(0);
+    }
   }
 
   // The part has mode 0600 while it is written, so that its content is never readable by users who
   // must not read the file.
-  void sendFrom(std::uint64_t offset) {
+  void createPart(std::uint64_t offset) {
     if (offset == 0) {
       work().ask(Request({"write", part_, ""}), [this](const Reply& reply) { check(reply); });
       work().ask(Request({"stat", part_}),
                  [this](const Reply& reply) { notePlace(statIn(reply)); });
     }
+    work().ask(Request::exec({"chmod", "0600", "--", part_}, 0),
+               [this](const Reply&) { beginTimes(); });
+  }
+
+  void sendFrom(std::uint64_t offset) {
+    createPart(offset);
+    sendRest(offset);
+  }
+
+  // The part exists, and all requests were answered.
+  void continueAt(std::uint64_t offset) {
+    beginTimes();
+    sendRest(offset);
+  }
+
+  void beginTimes() {
+    work().pieces.begin(PieceSizes::Clock::now());
+    work().packing.begin(Packing::Clock::now());
+  }
+
+  void sendRest(std::uint64_t offset) {
     work().pieces.setRoundTrip(work().fastestAnswer());
-    work().ask(Request::exec({"chmod", "0600", "--", part_}, 0), [this](const Reply&) {
-      work().pieces.begin(PieceSizes::Clock::now());
-      work().packing.begin(Packing::Clock::now());
-    });
     pieces_ = Pieces(offset, file_->reader.size(), 0);
     steps_ = 0;
     following_.clear();
     work().pipe([this] { return nextItem(); }, [this] { return window(); },
                 [this] { endPieces(); });
+  }
+
+  // The content of the part is complete.
+  void sendLast() {
+    steps_ = 0;
+    work().pipe([this] { return lastItem(); }, [this] { endPieces(); });
   }
 
   // Compressing must not keep the loop from sending: little is compressed ahead.
@@ -354,6 +436,8 @@ class SendLargeFile : public PushStage {
   std::string packed_;                    // the device's file for a compressed piece
   bool hasPacked_ = false;                // it exists
   std::deque<Pipeline::Item> following_;  // the next requests for a compressed piece
+  std::unique_ptr<DeltaTransfer> delta_;
+  std::unique_ptr<LineRate> rate_;
   Pieces pieces_;
   int steps_ = 0;                  // requests after the last piece
   std::optional<Stat> partThere_;  // after the last piece

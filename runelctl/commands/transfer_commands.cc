@@ -28,7 +28,7 @@ class TransferCommand : public Command {
 
   std::unique_ptr<Job> job(JobContext context) override {
     TransferPlan plan = plan_;
-    plan.options.setResume(resume_).setChecksum(checksum_).setExcludes(excludes_);
+    plan.options.setResume(resume_).setChecksum(checksum_).setDelta(delta_).setExcludes(excludes_);
     if (!plain_) {
       plan.options.setCompression(gzip, compress_);
     }
@@ -64,6 +64,16 @@ class TransferCommand : public Command {
         "-z,--compress", compress_,
         "compress large files if that is faster (default: only on a line slower than 5 MB/s)");
     app.add_flag("--no-compress", plain_, "compress nothing")->excludes(compress);
+  }
+
+  void defineDelta(CLI::App& app) {
+    auto* always = app.add_flag_callback(
+        "--delta", [this] { delta_ = runel::Delta::always; },
+        "of a file larger than 512 KiB whose target exists, send only the differences (default: "
+        "above 4 MiB, on a line slower than 5 MB/s)");
+    app.add_flag_callback(
+           "--no-delta", [this] { delta_ = runel::Delta::never; }, "always send whole files")
+        ->excludes(always);
   }
 
   // The target is the last word.
@@ -121,6 +131,7 @@ class TransferCommand : public Command {
   bool checksum_ = false;
   bool compress_ = false;
   bool plain_ = false;
+  runel::Delta delta_ = runel::Delta::automatic;
 };
 
 class PushCommand : public TransferCommand {
@@ -133,6 +144,7 @@ class PushCommand : public TransferCommand {
     app.add_flag("-r,--recursive", recursive_, "copy directories recursively");
     defineChecks(app);
     defineCompression(app);
+    defineDelta(app);
     app.add_option("NAMES", plan().sources, "LOCAL... REMOTE ('-': standard input)")
         ->required()
         ->type_name("");
@@ -184,6 +196,7 @@ class SyncCommand : public TransferCommand {
     app.add_flag("--delete", remove_, "remove files on the device that are missing here");
     defineChecks(app);
     defineCompression(app);
+    defineDelta(app);
     app.add_option("LOCAL", local_, "local directory")->required()->type_name("");
     app.add_option("REMOTE", plan().target, "directory on the device")->required()->type_name("");
   }

@@ -212,6 +212,9 @@ void TransferJob::tell(const runel::TransferReport& done) {
   for (const std::string& warning : done.warnings()) {
     report().warn(warning);
   }
+  for (const std::string& note : done.notes()) {
+    report().noteAtEnd(note);
+  }
   Json& result = report().result();
   if (done.resumedAt()) {
     result["resumed_at"] = *done.resumedAt();
@@ -226,6 +229,9 @@ void TransferJob::tell(const runel::TransferReport& done) {
   result["bytes"] = done.bytes();
   if (done.sentBytes() != done.bytes()) {
     result["sent_bytes"] = done.sentBytes();
+  }
+  if (done.kept() != 0) {
+    result["kept"] = done.kept();
   }
   if (settings().plan) {
     result["dry_run"] = true;
@@ -244,7 +250,9 @@ void TransferJob::tellAmount(const runel::TransferReport& done) {
     return;
   }
   const bool packed = done.sentBytes() != done.bytes();
-  const std::string sent = amount + (packed ? ", compressed to " + sizeText(done.sentBytes()) : "");
+  const std::string kept = done.kept() == 0 ? "" : ", " + sizeText(done.kept()) + " kept";
+  const std::string sent =
+      amount + (packed ? ", compressed to " + sizeText(done.sentBytes()) : "") + kept;
   if (plan_.way == Way::sync) {
     report().line("sent " + sent + "; removed " + std::to_string(done.removed()));
   } else if (report().style().outTerminal && !plan_.toOutput) {

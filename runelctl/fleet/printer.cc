@@ -318,6 +318,11 @@ void Printer::printErrors(const Finished& end, const Report& report) {
   for (const std::string& warning : report.warnings()) {
     tell(terminalSafe(warning), terminalSafe(warning));
   }
+  for (const std::string& note : report.notes()) {
+    if (!style_.quiet) {
+      tell(terminalSafe(note), terminalSafe(note));
+    }
+  }
   if (const auto& error = end.outcome.error) {
     const std::string what = terminalSafe(error->what);
     const std::string hint = error->hint.empty() ? "" : " (" + terminalSafe(error->hint) + ")";

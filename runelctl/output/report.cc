@@ -10,6 +10,18 @@
 #include "output/standard_output.h"
 
 namespace runelctl {
+namespace {
+
+// A list of objects, for texts that are not UTF-8 have another field.
+void putTexts(Json& object, const char* key, const std::vector<std::string>& texts) {
+  for (const std::string& text : texts) {
+    Json entry = Json::object();
+    putBytes(entry, "text", text);
+    object[key].push_back(entry);
+  }
+}
+
+}  // namespace
 
 Json openingObject(const std::string& device, const std::string& task) {
   Json object;
@@ -80,11 +92,8 @@ void Report::entry(const Json& object) {
 std::optional<Json> Report::lastObject(const Json& ending) {
   Json object = opening_;
   object.update(ending);
-  for (const std::string& warning : warnings_) {
-    Json text = Json::object();
-    putBytes(text, "text", warning);
-    object["warnings"].push_back(text);
-  }
+  putTexts(object, "warnings", warnings_);
+  putTexts(object, "notes", notes_);
   if (hasOutput_) {
     std::optional<std::string> answer = output_.release();
     if (!answer) {

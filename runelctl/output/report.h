@@ -76,6 +76,8 @@ class Report {
       onNote(text);
     }
   }
+  /// Adds a note about a success, which is told at the end and may contain any bytes.
+  void noteAtEnd(const std::string& text) { notes_.push_back(text); }
   /// Reports progress.
   void progress(const Progress& progress) {
     if (onProgress) {
@@ -91,8 +93,9 @@ class Report {
   [[nodiscard]] runel::HeldBytes& collected() { return collected_; }
   [[nodiscard]] const std::vector<Cell>& row() const { return row_; }
   [[nodiscard]] const std::vector<std::string>& warnings() const { return warnings_; }
-  /// The last object, with the fields of @p ending, the warnings, the output, which is moved out,
-  /// and the result. Without a value, with errno, if the output cannot be read.
+  [[nodiscard]] const std::vector<std::string>& notes() const { return notes_; }
+  /// The last object, with the fields of @p ending, the warnings and notes, the output, which is
+  /// moved out, and the result. Without a value, with errno, if the output cannot be read.
   [[nodiscard]] std::optional<Json> lastObject(const Json& ending);
 
   /// If set, receives the output immediately instead of collecting it.
@@ -117,6 +120,7 @@ class Report {
   bool hasOutput_ = false;
   std::vector<Cell> row_;
   std::vector<std::string> warnings_;
+  std::vector<std::string> notes_;
   Json result_ = Json::object();
 };
 

@@ -12,8 +12,12 @@ import time
 
 from compare_devices import Devices, silent_master, wait_for_port
 
-PARTS = ("memory", "disk", "commands", "devices")
+sys.path.append(os.path.join(os.path.dirname(__file__), "..", "tests", "e2e"))
+from support.thin_line import ThinLine
+
+PARTS = ("memory", "disk", "commands", "devices", "thin")
 MIB = 1 << 20
+THIN_RATE, THIN_DELAY = 10_000_000 / 8, 0.02  # 10 Mbit/s, 20 ms in each direction
 MOST = 900  # seconds for one call of a tool: a longer call hangs
 URL = "rsync://127.0.0.1/all"
 
@@ -191,6 +195,45 @@ class Bench:
             pair(["sync", tree, there + "/tree"], [tree + "/", URL + there + "/tree"]),
             check=arrived(tree))
         shutil.rmtree(work)
+
+    def thin(self):
+        """Thin lines: both tools through the same kind of relay."""
+        work = self.path("thin")
+        os.mkdir(work)
+        lines = [ThinLine(THIN_RATE, THIN_DELAY, 7111, 5111),
+                 ThinLine(THIN_RATE, THIN_DELAY, 7873, 873)]
+        self.differences(work)
+        for line in lines:
+            line.close()
+        shutil.rmtree(work)
+
+    def differences(self, work):
+        data = random.Random(2)
+        old = data.randbytes(64 * MIB)
+        begin, changed = 30 * MIB + 12345, len(old) // 50
+        scattered = bytearray(old)
+        for _ in range(50):
+            at = data.randrange(len(old) - 100)
+            scattered[at:at + 100] = data.randbytes(100)
+        images = {
+            "2 % changed in one place": old[:begin] + data.randbytes(changed) + old[begin + changed:],
+            "1,000 bytes inserted at the front": data.randbytes(1000) + old,
+            "50 scattered changes": bytes(scattered)}
+        here, there = os.path.join(work, "image"), os.path.join(work, "target")
+
+        def restore():
+            with open(there, "wb") as file:
+                file.write(old)
+            os.utime(there, (1, 1))
+
+        for what, new in images.items():
+            with open(here, "wb") as file:
+                file.write(new)
+            self.table.row(f"push of differences, 64 MiB, {what}, 10 Mbit/s, 20 ms", [
+                ("runelctl --delta", lambda: run(self.ctl, "-d", "127.0.0.1:7111", "push", "--delta",
+                                                 here, there)),
+                ("rsync", lambda: run("rsync", "-a", here, f"rsync://127.0.0.1:7873/all{there}"))],
+                restore, lambda name, _: expect(contents(there) == contents(here), name))
 
     def commands(self):
         control = self.path("control")

@@ -5,6 +5,7 @@
 //
 // The input is packets with the separator 0x1e in between. An empty packet keeps the clauses back,
 // the next one releases them.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -29,18 +30,26 @@ using zell::fuzz::require;
 constexpr char kSeparator = '\x1e';
 constexpr int kTurns = 3;  // of the loop, after each packet
 
-// The clauses in @p bytes, and whether they end in something that no clause can follow.
-std::vector<std::string> clausesIn(std::string_view bytes, bool& broken) {
+// The clauses in @p bytes.
+std::vector<std::string> clausesIn(std::string_view bytes) {
   ClauseBuffer buffer;
   buffer.append(bytes);
   std::vector<std::string> clauses;
   std::string clause;
-  ClauseBuffer::Next next = buffer.next(clause);
-  for (; next == ClauseBuffer::Next::cut; next = buffer.next(clause)) {
+  while (buffer.next(clause) == ClauseBuffer::Next::cut) {
     clauses.push_back(clause);
   }
-  broken = next == ClauseBuffer::Next::sentinel || next == ClauseBuffer::Next::notOpening;
   return clauses;
+}
+
+// Whether @p clauses may be cut from @p bytes. Clauses before the byte of a frame are lost if they
+// are in the buffer together with it.
+bool mayBeCut(const std::vector<std::string>& clauses, const std::string& bytes) {
+  const std::size_t frame = bytes.find_first_of("\x01\x02");
+  const std::vector<std::string> all = clausesIn(std::string_view(bytes).substr(0, frame));
+  return frame == std::string::npos ? clauses == all
+                                    : clauses.size() <= all.size() &&
+                                          std::equal(clauses.begin(), clauses.end(), all.begin());
 }
 
 class Peer {
@@ -105,8 +114,7 @@ void run(const std::vector<std::string_view>& packets, const std::string& sentBy
     turn();
   }
   peer.checkSilence();
-  bool broken = false;
-  require(clauses == clausesIn(sentBytes, broken));
+  require(mayBeCut(clauses, sentBytes));
   require(spoke == (sentBytes.empty() ? 0 : 1));
   require(ended == 1 && bridge.clauses() == clauses.size());
   for (const std::string& clause : clauses) {
@@ -130,8 +138,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   }
   run(packets, all);
   if (const runel::Result<std::string> line = runel::clauseLine(input); line.ok()) {
-    bool broken = false;
-    require(clausesIn(*line, broken).size() == 1 && !broken);
+    require(clausesIn(*line).size() == 1);
   }
   return 0;
 }

@@ -37,7 +37,7 @@ struct TransferChange {
     attributes,  ///< only its mode or time is set
     remove,      ///< a sync removes it
   };
-  Action action = Action::create;
+  Action action = Action::create;  ///< what happens to it
   char type = '-';     ///< '-' file, 'd' directory, 'l' link; for `remove` any type of TreeEntry
   std::string path;    ///< on the device, or for a pull on this host
   std::string target;  ///< of a symbolic link
@@ -49,7 +49,7 @@ struct TransferChange {
 enum class Delta {
   automatic,  ///< if both files are larger than 4 MiB and the line is slower than 5 MB/s
   always,     ///< if both files are larger than 512 KiB
-  never,
+  never,      ///< not at all
 };
 
 /// The options of all transfers. Copies are cheap.

@@ -8,12 +8,12 @@ namespace {
 
 // The device may be unreachable or busy.
 constexpr Milliseconds kCleanUpTime{3000};
-// The device may still execute requests of the lost connection and create a removed file again. So
-// the removal is repeated until the file is missing: at least kLeastLooks times, at most kMostLooks
-// times.
+// The device may still execute requests of the lost connection and create a removed file again,
+// each after some time on a busy device. So the removal is repeated until the file is missing
+// kLooksWithoutFile times in a row, at most kMostLooks times.
 constexpr Milliseconds kLookAgain{250};
-constexpr int kLeastLooks = 2;
-constexpr int kMostLooks = 12;
+constexpr int kLooksWithoutFile = 5;
+constexpr int kMostLooks = 20;
 
 DeviceOptions quick(DeviceOptions options) {
   options.setConnectTimeout(kCleanUpTime).setIoTimeout(kCleanUpTime);
@@ -42,8 +42,9 @@ void CleanUp::ask() {
 
 void CleanUp::answered(const Reply& reply) {
   ++looks_;
+  withoutFile_ = reply.ok() ? 0 : withoutFile_ + 1;
   const bool comesBack = reply.answered() && request_.words().front() == "unlink";
-  if (comesBack && looks_ < (reply.ok() ? kMostLooks : kLeastLooks)) {
+  if (comesBack && withoutFile_ < kLooksWithoutFile && looks_ < kMostLooks) {
     pause_ = loop_.after(kLookAgain, [this] { ask(); });
     return;
   }

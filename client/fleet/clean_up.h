@@ -33,6 +33,7 @@ class CleanUp {
   std::function<void()> done_;
   Timer pause_;
   int looks_ = 0;
+  int withoutFile_ = 0;  // looks in a row
 };
 
 }  // namespace runel

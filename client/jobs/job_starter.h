@@ -19,7 +19,7 @@ namespace runel {
 class JobStarter {
  public:
   struct Handlers {
-    /// `JobAnswer::done`: this object has started the job. `exists`: another one has. With an
+    /// `JobAnswer::done`: this object has started the job. `exists`: another has. With an
     /// error for all but `done`. Called once.
     std::function<void(JobAnswer answer, const std::optional<Error>& error)> done;
     /// The connection was lost, and will be tried again. May be empty.

@@ -36,7 +36,7 @@ class SegmentReader {
   [[nodiscard]] Request nextRequest() const;
   /// The new bytes in the @p reply. None if another reader has removed the segment.
   [[nodiscard]] Result<std::string> take(const Reply& reply);
-  /// The last `take` has completed a segment: there may be another one.
+  /// The last `take` has completed a segment: there may be a further segment.
   [[nodiscard]] bool completed() const { return offset_ == 0 && index_ > 0; }
 
   /// The requests that remove complete segments, each once, if the stream uses more than half of

@@ -21,21 +21,13 @@
 namespace runelctl {
 namespace {
 
-std::string joinedNames(const std::vector<std::string>& names) {
-  std::string text;
-  for (const std::string& name : names) {
-    text += (text.empty() ? "" : ",") + name;
-  }
-  return text;
-}
-
 std::string tagsText(const std::map<std::string, std::string>& tags) {
   std::vector<std::string> all;
   all.reserve(tags.size());
   for (const auto& [key, value] : tags) {
     all.push_back(key + "=" + value);
   }
-  return joinedNames(all);
+  return joined(all, ",");
 }
 
 // HOST[:PORT] without the default port, or @NAME.
@@ -146,7 +138,7 @@ class InventoryCommand : public LocalCommand {
     for (const runel::Address& target : settings.targets) {
       const InventoryDevice* device = deviceOf(settings, target);
       rows.push_back({target.name(), addressText(target),
-                      device == nullptr ? "" : joinedNames(device->groups),
+                      device == nullptr ? "" : joined(device->groups, ","),
                       device == nullptr ? "" : tagsText(device->tags)});
     }
     return tableText(rows);

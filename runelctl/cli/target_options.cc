@@ -95,7 +95,7 @@ void storeTargets(const std::vector<Selected>& selected, Settings& settings) {
 }
 
 // What neither the command line nor the inventory sets has its usual value: in the shell, an
-// earlier selection may have set another one.
+// earlier selection may have set a different value.
 void storeRunDefaults(const RunDefaults& run, Settings& settings) {
   const Settings usual;
   settings.jobs = settings.jobsGiven ? settings.jobs : run.jobs.value_or(usual.jobs);

@@ -83,6 +83,14 @@ std::string cutTo(std::string_view text, std::size_t columns) {
   return std::string(text.substr(0, end));
 }
 
+std::string joined(const std::vector<std::string>& words, const std::string& between) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : between) + word;
+  }
+  return text;
+}
+
 bool startsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -30,6 +31,9 @@ void moveBytes(Json& object, const std::string& key, std::string&& bytes);
 
 /// @p text truncated to @p columns characters.
 [[nodiscard]] std::string cutTo(std::string_view text, std::size_t columns);
+
+/// All @p words in one text, with @p between in between.
+[[nodiscard]] std::string joined(const std::vector<std::string>& words, const std::string& between);
 
 /// Whether @p text begins with @p start.
 [[nodiscard]] bool startsWith(std::string_view text, std::string_view start);

@@ -4,18 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "output/text.h"
 #include "shell/completion.h"
 
 namespace runelctl {
 namespace {
-
-std::string joined(const std::vector<std::string>& words, const std::string& between) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : between) + word;
-  }
-  return text;
-}
 
 // The names of all options with a value, for the command @p name, as a pattern of `case`.
 std::string valuePattern(const std::string& name, const std::vector<OptionRow>& rows) {

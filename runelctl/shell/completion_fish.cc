@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "output/text.h"
 #include "shell/completion.h"
 
 namespace runelctl {
@@ -23,13 +24,8 @@ std::string value(const OptionRow& row) {
   switch (row.value) {
     case Value::none:
       return "";
-    case Value::oneOf: {
-      std::string list;
-      for (const std::string& word : row.words) {
-        list += (list.empty() ? "" : " ") + word;
-      }
-      return " -x -a " + inQuotes(list);
-    }
+    case Value::oneOf:
+      return " -x -a " + inQuotes(joined(row.words, " "));
     case Value::file:
       return " -F";
     case Value::device:

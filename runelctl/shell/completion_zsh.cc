@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "output/text.h"
 #include "shell/completion.h"
 
 namespace runelctl {
@@ -27,13 +28,8 @@ std::string escaped(const std::string& text, const std::string& special) {
 
 std::string action(Value value, const std::vector<std::string>& words) {
   switch (value) {
-    case Value::oneOf: {
-      std::string list;
-      for (const std::string& word : words) {
-        list += (list.empty() ? "" : " ") + word;
-      }
-      return "(" + list + ")";
-    }
+    case Value::oneOf:
+      return "(" + joined(words, " ") + ")";
     case Value::file:
       return "_files";
     case Value::device:

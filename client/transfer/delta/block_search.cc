@@ -56,7 +56,7 @@ BlockSearch::BlockSearch(BlockTable table, Read read, std::vector<FileRange> gap
       at_(gaps_.empty() ? 0 : gaps_.front().begin) {}
 
 bool BlockSearch::step() {
-  // After a match another one is likely to follow: then the bytes behind it are not needed.
+  // After a match a further match is likely to follow: then the bytes behind it are not needed.
   const std::size_t more = follows_ ? 0 : kSearchStride;
   while (gap_ < gaps_.size() && gaps_[gap_].end - at_ < table_.length()) {
     ++gap_;

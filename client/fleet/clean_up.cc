@@ -6,8 +6,9 @@
 namespace runel {
 namespace {
 
-// The device may be unreachable or busy.
-constexpr Milliseconds kCleanUpTime{3000};
+// The device may be unreachable, or busy with requests of the lost connection.
+constexpr Milliseconds kConnectTime{3000};
+constexpr Milliseconds kAnswerTime{15000};
 // The device may still execute requests of the lost connection and create a removed file again,
 // each after some time on a busy device. So the removal is repeated until the file is missing
 // kLooksWithoutFile times in a row, at most kMostLooks times.
@@ -16,7 +17,7 @@ constexpr int kLooksWithoutFile = 5;
 constexpr int kMostLooks = 20;
 
 DeviceOptions quick(DeviceOptions options) {
-  options.setConnectTimeout(kCleanUpTime).setIoTimeout(kCleanUpTime);
+  options.setConnectTimeout(kConnectTime).setIoTimeout(kAnswerTime);
   return options;
 }
 

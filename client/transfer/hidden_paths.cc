@@ -14,11 +14,19 @@ std::string hiddenName(const std::string& of, const std::string& ending) {
   return ".runelctl-" + hash.finish().substr(0, kDigits) + ending;
 }
 
+std::string hiddenPath(const std::string& path, const std::string& ending) {
+  const std::string name = hiddenName(baseName(path), ending);
+  return path.find('/') == std::string::npos ? name : joinPath(directoryOf(path), name);
+}
+
 }  // namespace
 
 std::string partPath(const std::string& path) {
-  const std::string name = hiddenName(baseName(path), ".part");
-  return path.find('/') == std::string::npos ? name : joinPath(directoryOf(path), name);
+  return hiddenPath(path, ".part");
+}
+
+std::string partDirectoryPath(const std::string& path) {
+  return hiddenPath(path, ".part.d");
 }
 
 std::string stagingPath(const std::string& path) {

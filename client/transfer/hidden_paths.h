@@ -11,6 +11,9 @@ namespace runel {
 /// The path of the part of the target @p path, in the same directory. The name has a fixed length.
 [[nodiscard]] std::string partPath(const std::string& path);
 
+/// The path of a directory for the part of the target @p path, in the same directory.
+[[nodiscard]] std::string partDirectoryPath(const std::string& path);
+
 /// The path of a directory for unpacking archives, in the directory of the target @p path.
 [[nodiscard]] std::string stagingPath(const std::string& path);
 

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Files and directory trees to and from a device, replaced completely or not at all."""
+import contextlib
 import functools
 import os
 import random
+import select
 import signal
+import socket
 import stat
 import threading
 import unittest
@@ -19,6 +22,54 @@ ODD_NAMES = [b"new\nline", b"\x1b[31mred", b"\xff\xfe", b"quo'te\"s", b"-dash", 
 @functools.lru_cache(8)
 def noise(size, seed=1):
     return random.Random(seed).randbytes(size)
+
+
+class LateData:
+    """Relays between runelctl and a daemon. Cuts the first connection after @p limit bytes, and keeps
+    the data that follow them for `deliver`."""
+
+    def __init__(self, case, limit):
+        self.limit = limit
+        self.first = True
+        self.may = threading.Event()
+        self.delivered = threading.Event()
+        self.late = b""
+        case.addCleanup(self.may.set)
+        self.where = case.odd_peer(self._serve)
+
+    def deliver(self):
+        """Sends the data that were kept, and returns their number."""
+        self.may.set()
+        self.delivered.wait(TIMEOUT)
+        return len(self.late)
+
+    def _serve(self, connected):
+        first, self.first = self.first, False
+        with socket.create_connection(("127.0.0.1", 5111)) as daemon:
+            passed = 0
+            ways = {connected: daemon, daemon: connected}
+            while not first or passed < self.limit:
+                for source in select.select(list(ways), [], [])[0]:
+                    data = source.recv(65536)
+                    if not data:
+                        return
+                    passed += len(data) if source is connected else 0
+                    ways[source].sendall(data)
+            self._keep(connected)
+            connected.close()
+            self.may.wait(TIMEOUT)
+            daemon.sendall(self.late)
+            daemon.shutdown(socket.SHUT_WR)
+            while daemon.recv(65536):
+                pass
+        self.delivered.set()
+
+    def _keep(self, connected):
+        """All that runelctl sends without further answers."""
+        connected.settimeout(1)
+        with contextlib.suppress(TimeoutError):
+            while data := connected.recv(65536):
+                self.late += data
 
 
 class Transfers(CtlCase):
@@ -271,6 +322,16 @@ class Push(Transfers):
         between = Between(self, 12 * MIB)
         self.fails(("-d", between.where, "push", "--no-resume", self.file("big", noise(20 * MIB)),
                     self.on_device("big")), 255, "big|closed|reset|Broken")
+        self.assertEqual(os.listdir(self.there), [])
+
+    def test_without_resuming_nothing_remains_though_data_arrive_later(self):
+        """Data of the lost connection reach the device when runelctl has ended."""
+        self.serve()
+        late = LateData(self, 4 * MIB)
+        self.fails(("-d", late.where, "push", "--no-resume", self.file("big", noise(20 * MIB)),
+                    self.on_device("big")), 255, "big|closed|reset|Broken")
+        self.assertGreater(late.deliver(), MIB // 2)
+        self.wait_without_clients()
         self.assertEqual(os.listdir(self.there), [])
 
     def test_a_full_device_keeps_the_old_file_and_nothing_else(self):

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "client/transfer/archive.h"
+#include "client/transfer/hidden_paths.h"
 #include "client/transfer/local_file.h"
 #include "client/transfer/push/stages.h"
 #include "client/transfer/push/staging_directory.h"
@@ -34,7 +35,7 @@ class SendArchives : public PushStage {
       return;
     }
     next_ = std::move(next);
-    staging_.emplace(work(), files.front().target);
+    staging_.emplace(work(), stagingPath(files.front().target));
     sendArchive();
   }
 

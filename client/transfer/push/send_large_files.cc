@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "client/transfer/programs.h"
 #include "client/transfer/push/device_memory.h"
 #include "client/transfer/push/stages.h"
+#include "client/transfer/push/staging_directory.h"
 
 namespace runel {
 namespace {
@@ -55,14 +57,11 @@ class SendLargeFile : public PushStage {
   }
 
   void findPart() {
-    part_ = partPath(item_.target);
-    packed_ = part_ + ".gz";
-    prepareDelta();
     if (!work().options().resume()) {
-      work().leaves(Request({"unlink", part_}));
-      beginAt(0);
+      createDirectory();
       return;
     }
+    setPart(partPath(item_.target));
     work().ask(Request({"stat", part_}), [this](const Reply& reply) {
       const std::optional<Stat> st = statIn(reply);
       notePlace(st);
@@ -76,6 +75,30 @@ class SendLargeFile : public PushStage {
       checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), placeOf(*item_.entry),
                 st->size, item_.target, [this](std::uint64_t offset) { beginAt(offset); });
     });
+  }
+
+  // A part that must not remain has its own directory. Without one, the device creates the removed
+  // part again when it executes a late "append" of a lost connection.
+  void createDirectory() {
+    directory_.emplace(work(), partDirectoryPath(item_.target));
+    directory_->create([this](bool done) {
+      if (!done) {
+        directory_.reset();
+      }
+      setPart(done ? directory_->path() + "/part" : partPath(item_.target));
+      leavePart();
+      beginAt(0);
+    });
+  }
+
+  void leavePart() {
+    work().leaves(directory_ ? directory_->removal() : Request({"unlink", part_}));
+  }
+
+  void setPart(std::string path) {
+    part_ = std::move(path);
+    packed_ = part_ + ".gz";
+    prepareDelta();
   }
 
   void prepareDelta() {
@@ -107,7 +130,7 @@ class SendLargeFile : public PushStage {
 
   // Without the differences, a part is of no use to the next transfer.
   void assemble(std::uint64_t offset) {
-    work().leaves(Request({"unlink", part_}));
+    leavePart();
     delta_->assemble(offset, [this, offset](const DeltaTransfer::End& end) {
       if (end.error) {
         drop(*end.error);
@@ -259,6 +282,9 @@ class SendLargeFile : public PushStage {
 
   void noteGzip() {
     hasPacked_ = true;
+    if (directory_) {
+      return;
+    }
     std::vector<std::string> remove{"rm", "-f", "--", packed_};
     if (!work().options().resume()) {
       remove.push_back(part_);
@@ -425,6 +451,10 @@ class SendLargeFile : public PushStage {
 
   void leave() {
     file_ = std::make_shared<SourceFile>();
+    if (directory_) {
+      directory_->remove(next_);
+      return;
+    }
     work().leaves(std::nullopt);
     next_();
   }
@@ -432,6 +462,7 @@ class SendLargeFile : public PushStage {
   PushItem& item_;
   Next next_;
   std::shared_ptr<SourceFile> file_ = std::make_shared<SourceFile>();
+  std::optional<StagingDirectory> directory_;  // of the part, unless it may be resumed
   std::string part_;
   std::string packed_;                    // the device's file for a compressed piece
   bool hasPacked_ = false;                // it exists

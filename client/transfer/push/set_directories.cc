@@ -5,6 +5,7 @@
 
 #include "client/core/paths.h"
 #include "client/transfer/archive.h"
+#include "client/transfer/hidden_paths.h"
 #include "client/transfer/push/stages.h"
 #include "client/transfer/push/staging_directory.h"
 
@@ -32,7 +33,7 @@ class SetDirectories : public PushStage {
       next();
       return;
     }
-    staging_.emplace(work(), first->target);
+    staging_.emplace(work(), stagingPath(first->target));
     staging_->unpack(std::move(archive), {"-o", "-C", base},
                      [this, next = std::move(next)](bool done) {
                        for (PushItem* item : packed_) {

@@ -3,17 +3,17 @@
 
 #include <utility>
 
-#include "client/transfer/hidden_paths.h"
-
 namespace runel {
 
-StagingDirectory::StagingDirectory(TransferWork& work, const std::string& path)
-    : work_(work), path_(stagingPath(path)) {}
+StagingDirectory::StagingDirectory(TransferWork& work, std::string path)
+    : work_(work), path_(std::move(path)) {}
 
 // All steps are pipelined.
 void StagingDirectory::unpack(std::string&& archive, const std::vector<std::string>& options,
                               std::function<void(bool done)> next) {
-  create();
+  if (!created_) {
+    create([](bool) {});
+  }
   const std::string file = path_ + "/archive";
   work_.ask(Request({"write", file}, std::move(archive)),
             [this](const Reply& reply) { written_ = reply.ok(); });
@@ -24,12 +24,12 @@ void StagingDirectory::unpack(std::string&& archive, const std::vector<std::stri
 }
 
 // Files that an earlier transfer left there are removed first.
-void StagingDirectory::create() {
-  if (!std::exchange(created_, true)) {
-    work_.leaves(removal());
-    work_.tell(removal());
-    work_.tell(Request::exec({"mkdir", "-m", "0700", "--", path_}, 0));
-  }
+void StagingDirectory::create(std::function<void(bool done)> next) {
+  created_ = true;
+  work_.leaves(removal());
+  work_.tell(removal());
+  work_.ask(Request::exec({"mkdir", "-m", "0700", "--", path_}, 0),
+            [next = std::move(next)](const Reply& reply) { next(reply.ok()); });
 }
 
 void StagingDirectory::remove(Stage::Next next) {

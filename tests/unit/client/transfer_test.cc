@@ -40,6 +40,15 @@ const char* partOfB() {
   return path.c_str();
 }
 
+// Without resuming, it has its own directory.
+std::string directoryOfB() {
+  return partDirectoryPath("/t/b");
+}
+
+std::string ownPartOfB() {
+  return directoryOfB() + "/part";
+}
+
 class TransferTest : public ::testing::Test {
  protected:
   TransferTest() { options.setMemory(2 * kBlock); }
@@ -87,8 +96,9 @@ class PushTest : public TransferTest {
   std::string largeFile() {
     content = std::string(kBlock, 'x') + std::string(kBlock, 'y') + "end";
     const std::string path = file("b", content);
-    device.succeed(std::string("stat ") + partOfB(),
-                   PreparedDevice::stat("0100600", content.size()));
+    for (const std::string& part : {std::string(partOfB()), ownPartOfB()}) {
+      device.succeed("stat " + part, PreparedDevice::stat("0100600", content.size()));
+    }
     return path;
   }
   std::string content;
@@ -96,7 +106,7 @@ class PushTest : public TransferTest {
 
 TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
   options.setResume(false);
-  const std::string part = partOfB();
+  const std::string part = ownPartOfB();
   push({file("a", "hello"), largeFile()}, "/t");
   finish();
   EXPECT_TRUE(report->ok());
@@ -109,6 +119,8 @@ TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
                                    "write /t/a hello",
                                    "read /proc/meminfo",
                                    "read /proc/self/mountinfo",
+                                   "exec rm -r -f -- " + directoryOfB(),
+                                   "exec mkdir -m 0700 -- " + directoryOfB(),
                                    "write " + part + " ",
                                    "stat " + part,
                                    "exec chmod 0600 -- " + part,
@@ -119,6 +131,7 @@ TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
                                    "exec chmod 0644 -- " + part,
                                    "exec touch -c -d @7.000000008 -- " + part,
                                    "rename " + part + " /t/b",
+                                   "exec rm -r -f -- " + directoryOfB(),
                                    "exec chmod 0644 -- /t/a",
                                    "exec touch -c -d @7.000000008 -- /t/a",
                                }));
@@ -131,10 +144,9 @@ class PackedPushTest : public PushTest {
     content = std::string(10 * kBlock, 'x');
     options.setResume(false).setCompression(
         [](std::string_view bytes) { return std::string(bytes.substr(0, 1)); }, true);
-    device.succeed(std::string("stat ") + partOfB(),
-                   PreparedDevice::stat("0100600", content.size()));
+    device.succeed("stat " + ownPartOfB(), PreparedDevice::stat("0100600", content.size()));
   }
-  const std::string packed = std::string(partOfB()) + ".gz";
+  const std::string packed = ownPartOfB() + ".gz";
 };
 
 TEST_F(PackedPushTest, CompressesPiecesAfterTheFirst) {
@@ -146,7 +158,7 @@ TEST_F(PackedPushTest, CompressesPiecesAfterTheFirst) {
   EXPECT_GT(count, 0U);
   EXPECT_EQ(report->sentBytes(), content.size() - count * (kBlock - 1));
   EXPECT_EQ(device.count("exec /bin/sh -c gzip -dc"), count);
-  EXPECT_EQ(device.count(std::string("append ") + partOfB() + " ("), 10 - count);
+  EXPECT_EQ(device.count("append " + ownPartOfB() + " ("), 10 - count);
   EXPECT_EQ(device.count("unlink " + packed), 1U);
 }
 
@@ -164,7 +176,7 @@ TEST_F(PackedPushTest, SendsPiecesThatDoNotBecomeSmallerAsTheyAre) {
   push({file("b", content)}, "/t/b");
   finish();
   EXPECT_TRUE(report->ok());
-  EXPECT_EQ(device.count(std::string("append ") + partOfB() + " ("), 10U);
+  EXPECT_EQ(device.count("append " + ownPartOfB() + " ("), 10U);
 }
 
 TEST_F(PackedPushTest, RemovesItsFilesWhenTheDeviceCannotUnpack) {
@@ -173,7 +185,7 @@ TEST_F(PackedPushTest, RemovesItsFilesWhenTheDeviceCannotUnpack) {
   finish();
   EXPECT_FALSE(report->ok());
   EXPECT_GT(device.count("unlink " + packed), 0U);
-  EXPECT_EQ(device.requests().back(), std::string("unlink ") + partOfB());
+  EXPECT_EQ(device.requests().back(), "exec rm -r -f -- " + directoryOfB());
   EXPECT_EQ(device.count("rename"), 0U);
 }
 
@@ -183,8 +195,19 @@ TEST_F(PackedPushTest, RemovesTheCompressedFileOfAnInterruptedTransfer) {
   push({file("b", content)}, "/t/b");
   finish();
   ASSERT_TRUE(cleanUp);
-  EXPECT_EQ(cleanUp->words(), (Strings{"exec", "rm", "-f", "--", packed, partOfB()}));
+  EXPECT_EQ(cleanUp->words(), (Strings{"exec", "rm", "-r", "-f", "--", directoryOfB()}));
   EXPECT_FALSE(transfer->cleanUp());
+}
+
+TEST_F(PackedPushTest, RemovesTwoFilesWhenTheDeviceCannotCreateADirectory) {
+  device.fail("exec mkdir", ENOENT);
+  const std::string inPlace = std::string(partOfB()) + ".gz";
+  std::optional<Request> cleanUp;
+  device.onRequest("write " + inPlace, [&] { cleanUp = transfer->cleanUp(); });
+  push({file("b", content)}, "/t/b");
+  finish();
+  ASSERT_TRUE(cleanUp);
+  EXPECT_EQ(cleanUp->words(), (Strings{"exec", "rm", "-f", "--", inPlace, partOfB()}));
 }
 
 TEST_F(PushTest, SendsManySmallFilesAsAnArchive) {
@@ -306,7 +329,21 @@ TEST_F(PushTest, RemovesWhatAnUnfinishedTransferHasLeft) {
   EXPECT_FALSE(transfer->cleanUp());
   finish();
   ASSERT_TRUE(cleanUp);
+  EXPECT_EQ(cleanUp->words(), (Strings{"exec", "rm", "-r", "-f", "--", directoryOfB()}));
+  EXPECT_FALSE(transfer->cleanUp());
+}
+
+TEST_F(PushTest, RemovesThePartWhenTheDeviceCannotCreateADirectory) {
+  options.setResume(false);
+  device.fail("exec mkdir", ENOENT);
+  std::optional<Request> cleanUp;
+  device.onRequest("append", [&] { cleanUp = transfer->cleanUp(); });
+  push({largeFile()}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  ASSERT_TRUE(cleanUp);
   EXPECT_EQ(cleanUp->words(), (Strings{"unlink", partOfB()}));
+  EXPECT_EQ(device.count(std::string("rename ") + partOfB() + " /t/b"), 1U);
   EXPECT_FALSE(transfer->cleanUp());
 }
 

@@ -98,8 +98,13 @@ std::optional<Error> readWhole(const LocalPath& path, std::uint64_t most, std::s
   return error ? error : reader.changed();
 }
 
-// Keeps the directory open, so that the file is finished where it was begun.
 std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume) {
+  return begin(path, resume, nullptr);
+}
+
+// Keeps the directory open, so that the file is finished where it was begun.
+std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume,
+                                        SharedDirectory directory) {
   discard();
   path_ = path;
   resume_ = resume;
@@ -107,8 +112,15 @@ std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume) {
   if (path.name == ".") {
     return Error::local(path.text, EISDIR);
   }
-  directory_ = openLocalParent(path, 0);
-  return directory_.valid() ? openPart() : localPathError(path.text, errno);
+  if (!directory) {
+    zell::UniqueFd opened = openLocalParent(path, 0);
+    if (!opened.valid()) {
+      return localPathError(path.text, errno);
+    }
+    directory = std::make_shared<zell::UniqueFd>(std::move(opened));
+  }
+  directory_ = std::move(directory);
+  return openPart();
 }
 
 // Takes over the part of an earlier transfer also without resuming: while two transfers of one file
@@ -116,16 +128,17 @@ std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume) {
 std::optional<Error> LocalWriter::openPart() {
   const std::string hidden = partPath(baseName(path_.name));
   const int flags = O_WRONLY | O_NOFOLLOW | O_CLOEXEC | (resume_ ? O_APPEND : 0);
-  file_ = openLeftPart(directory_.get(), hidden, flags);
+  file_ = openLeftPart(directory_->get(), hidden, flags);
   if (!file_.valid()) {
-    (void)unlinkat(directory_.get(), hidden.c_str(), 0);  // openat() reports it if it stays
-    file_.reset(openat(directory_.get(), hidden.c_str(), flags | O_CREAT | O_EXCL, 0600));
+    (void)unlinkat(directory_->get(), hidden.c_str(), 0);  // openat() reports it if it stays
+    file_.reset(openat(directory_->get(), hidden.c_str(), flags | O_CREAT | O_EXCL, 0600));
   }
   unfinished_ = file_.valid();
   struct stat st {};
   if (!file_.valid() || fstat(file_.get(), &st) != 0) {
     return Error::local(path_.text, errno);
   }
+  device_ = st.st_dev;
   size_ = static_cast<std::uint64_t>(st.st_size);
   return resume_ || size_ == 0 ? std::nullopt : cutTo(0);
 }
@@ -146,21 +159,42 @@ std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
   return std::nullopt;
 }
 
-std::optional<Error> LocalWriter::finish(std::uint32_t mode, const Timestamp& mtime) {
+std::optional<Error> LocalWriter::setAttributes(std::uint32_t mode, const Timestamp& mtime) {
   const timespec times[2] = {{0, UTIME_OMIT}, {mtime.seconds, mtime.nanoseconds}};
   // Drop the set-user-ID and set-group-ID bits: the owner is a different user here.
-  if (fchmod(file_.get(), mode & zell::kAccessBits) != 0 || futimens(file_.get(), times) != 0) {
+  return fchmod(file_.get(), mode & zell::kAccessBits) == 0 && futimens(file_.get(), times) == 0
+             ? std::nullopt
+             : std::make_optional(Error::local(path_.text, errno));
+}
+
+std::optional<Error> LocalWriter::finish() {
+  const std::string name = baseName(path_.name);
+  const zell::RenameResult result =
+      zell::renameDurably(file_, directory_->get(), partPath(name), name);
+  unfinished_ = !result.renamed();
+  return finished(result.error);
+}
+
+// Waits for nothing, but reports what a syncfs() before Linux 5.8 does not: that the content could
+// not be written. Some file systems report it only on close.
+std::optional<Error> LocalWriter::finishSynced() {
+  constexpr unsigned kContent =
+      SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+  if (sync_file_range(file_.get(), 0, 0, kContent) != 0 ||
+      (::close(file_.release()) != 0 && errno != EINTR)) {
     return Error::local(path_.text, errno);
   }
   const std::string name = baseName(path_.name);
-  const zell::RenameResult result =
-      zell::renameDurably(file_, directory_.get(), partPath(name), name);
-  unfinished_ = !result.renamed();
-  if (result.renamed()) {
+  unfinished_ =
+      renameat(directory_->get(), partPath(name).c_str(), directory_->get(), name.c_str()) != 0;
+  return finished(unfinished_ ? errno : 0);
+}
+
+std::optional<Error> LocalWriter::finished(int error) {
+  if (!unfinished_) {
     directory_.reset();
   }
-  return result.error == 0 ? std::nullopt
-                           : std::make_optional(Error::local(path_.text, result.error));
+  return error == 0 ? std::nullopt : std::make_optional(Error::local(path_.text, error));
 }
 
 LocalPath LocalWriter::hiddenPath() const {
@@ -178,7 +212,7 @@ LocalWriter::~LocalWriter() {
 void LocalWriter::discard() {
   if (std::exchange(unfinished_, false)) {
     const std::string hidden = partPath(baseName(path_.name));
-    (void)unlinkat(directory_.get(), hidden.c_str(), 0);  // no caller to report an error to
+    (void)unlinkat(directory_->get(), hidden.c_str(), 0);  // no caller to report an error to
   }
   file_.reset();
   directory_.reset();

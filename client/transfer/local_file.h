@@ -6,9 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <sys/types.h>
 
 #include <runel/error.h>
 #include <runel/records.h>
@@ -48,6 +51,8 @@ class LocalReader {
 /// an unfinished file, unless it was begun for resuming and is not empty.
 class LocalWriter {
  public:
+  using SharedDirectory = std::shared_ptr<const zell::UniqueFd>;
+
   LocalWriter() = default;
   ~LocalWriter();
   LocalWriter(const LocalWriter&) = delete;
@@ -56,23 +61,37 @@ class LocalWriter {
   /// Starts writing @p path, which has a `top`. With @p resume, keeps the part that an earlier
   /// attempt left; `size` is its size.
   [[nodiscard]] std::optional<Error> begin(const LocalPath& path, bool resume);
+  /// The same in the opened @p directory, which contains @p path; empty: opens it.
+  [[nodiscard]] std::optional<Error> begin(const LocalPath& path, bool resume,
+                                           SharedDirectory directory);
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
   /// Truncates the hidden file to @p size bytes.
   [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
-  /// Sets mode and time and renames the file to its target, on disk when it returns.
-  [[nodiscard]] std::optional<Error> finish(std::uint32_t mode, const Timestamp& mtime);
+  [[nodiscard]] std::optional<Error> setAttributes(std::uint32_t mode, const Timestamp& mtime);
+  /// Renames the file to its target, on disk when it returns.
+  [[nodiscard]] std::optional<Error> finish();
+  /// The same after the caller has synced the file system. The caller syncs the directory.
+  [[nodiscard]] std::optional<Error> finishSynced();
   /// Removes the unfinished file.
   void discard();
   [[nodiscard]] std::uint64_t size() const { return size_; }
+  [[nodiscard]] const LocalPath& path() const { return path_; }
   /// The unfinished file.
   [[nodiscard]] LocalPath hiddenPath() const;
+  [[nodiscard]] int descriptor() const { return file_.get(); }
+  /// The file system of the file.
+  [[nodiscard]] dev_t device() const { return device_; }
+  /// Contains the unfinished file. Empty before `begin` and after the file has its name.
+  [[nodiscard]] const SharedDirectory& directory() const { return directory_; }
 
  private:
   [[nodiscard]] std::optional<Error> openPart();
+  [[nodiscard]] std::optional<Error> finished(int error);
 
   LocalPath path_;
-  zell::UniqueFd directory_;  // that contains both files
+  SharedDirectory directory_;  // that contains both files
   zell::UniqueFd file_;
+  dev_t device_ = 0;
   bool unfinished_ = false;  // the hidden file exists
   bool resume_ = false;
   std::uint64_t size_ = 0;

@@ -54,8 +54,8 @@ SpiedCalls::~SpiedCalls() {
 
 int SpiedCalls::note(const std::string& name) {
   static const std::set<std::string> unrecorded{
-      "openat file", "openat directory", "close",   "read",      "fstat",
-      "fstatat",     "readlinkat",       "mkdirat", "symlinkat", "futimens"};
+      "openat file", "openat directory", "close",     "read",     "fstat",          "fstatat",
+      "readlinkat",  "mkdirat",          "symlinkat", "futimens", "sync_file_range"};
   if (unrecorded.count(name) == 0) {
     calls_.push_back(name);
   }
@@ -86,6 +86,15 @@ using zell::test::forward;
 
 int fsync(int fd) {
   return static_cast<int>(forward(zell::test::fsyncOf(fd), SYS_fsync, fd));
+}
+
+int syncfs(int fd) noexcept {
+  return static_cast<int>(forward("syncfs", SYS_syncfs, fd));
+}
+
+// Some processors take the arguments of the system call in another order.
+int sync_file_range(int /*fd*/, off64_t /*offset*/, off64_t /*size*/, unsigned /*flags*/) {
+  return zell::test::fails("sync_file_range") ? -1 : 0;
 }
 
 int openat(int directory, const char* name, int flags, ...) {

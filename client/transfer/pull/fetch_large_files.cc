@@ -102,7 +102,8 @@ class FetchLargeFile : public PullStage {
 
   void finish(const Reply& reply) {
     std::optional<Error> error = work().checkStatAfter(item_, reply, writer_.size());
-    error = error ? error : writer_.finish(item_.st.mode, item_.st.mtime);
+    error = error ? error : writer_.setAttributes(item_.st.mode, item_.st.mtime);
+    error = error ? error : writer_.finish();
     if (error) {
       drop(*error);
     } else {

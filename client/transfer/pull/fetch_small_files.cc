@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Fetches each small file by one "read" between two "stat", the first one unless its attributes are
-// known. All three are pipelined.
+// known. All three are pipelined. The files are finished in batches.
 #include <string_view>
 
-#include "client/transfer/local_file.h"
+#include "client/transfer/local_batch.h"
 #include "client/transfer/pull/stages.h"
 
 namespace runel {
@@ -14,7 +14,13 @@ class FetchSmallFiles : public PullStage {
   using PullStage::PullStage;
 
   void start(Next next) override {
-    work().pipe([this] { return nextRequest(); }, std::move(next));
+    work().pipe([this] { return nextRequest(); },
+                [this, next = std::move(next)] {
+                  if (const auto error = batch_.finish()) {
+                    work().fail(*error);
+                  }
+                  next();
+                });
   }
 
  private:
@@ -61,8 +67,21 @@ class FetchSmallFiles : public PullStage {
 
   void takeAfter(PullItem& item, const Reply& reply) {
     const Reply content = std::exchange(content_, Reply());
-    std::optional<Error> error = work().checkStatAfter(item, reply, content.output().size());
-    error = error ? error : write(item, content.output());
+    if (const auto error = work().checkStatAfter(item, reply, content.output().size())) {
+      work().failItem(item, *error);
+    } else {
+      write(item, content.output());
+    }
+  }
+
+  void write(PullItem& item, std::string_view content) {
+    const std::string_view bytes = item.grew ? content.substr(0, item.st.size) : content;
+    item.st.size = bytes.size();
+    batch_.write(work().placeOf(item), bytes, item.st.mode, item.st.mtime,
+                 [this, &item](const std::optional<Error>& error) { written(item, error); });
+  }
+
+  void written(PullItem& item, const std::optional<Error>& error) {
     if (error) {
       work().failItem(item, *error);
       return;
@@ -71,19 +90,10 @@ class FetchSmallFiles : public PullStage {
     work().fileDone();
   }
 
-  [[nodiscard]] std::optional<Error> write(PullItem& item, std::string_view content) {
-    const std::string_view bytes = item.grew ? content.substr(0, item.st.size) : content;
-    LocalWriter writer;
-    std::optional<Error> error = writer.begin(work().placeOf(item), false);
-    error = error ? error : writer.add(bytes);
-    error = error ? error : writer.finish(item.st.mode, item.st.mtime);
-    item.st.size = bytes.size();
-    return error;
-  }
-
   std::size_t at_ = 0;
   Step step_ = Step::before;  // of the next request, which is for the file `at_`
   Reply content_;             // of the file whose second "stat" is due
+  LocalBatch batch_;
 };
 
 }  // namespace

@@ -34,7 +34,8 @@ class LocalFileTest : public ::testing::Test {
     LocalWriter writer;
     std::optional<Error> error = writer.begin(target_, resume);
     error = error ? error : writer.add("new");
-    error = error ? error : writer.finish(0640, Timestamp{1, 2});
+    error = error ? error : writer.setAttributes(0640, Timestamp{1, 2});
+    error = error ? error : writer.finish();
     return error ? error->number() : 0;
   }
 
@@ -96,7 +97,7 @@ TEST_F(LocalFileTest, AFailedCloseReplacesNothing) {
   ASSERT_FALSE(writer.begin(target_, false));
   ASSERT_FALSE(writer.add("new"));
   calls_.fail("close", EIO);
-  EXPECT_EQ(writer.finish(0640, Timestamp{1, 2})->number(), EIO);
+  EXPECT_EQ(writer.finish()->number(), EIO);
   writer.discard();
   EXPECT_EQ(contentOf(path_), "old");
   EXPECT_EQ(count(), 1);
@@ -162,7 +163,7 @@ TEST_F(LocalFileTest, AFileIsFinishedInTheDirectoryWhereItWasBegun) {
   std::filesystem::rename(dir_.file("d"), dir_.file("moved"));
   std::filesystem::create_symlink("outside", dir_.file("d"));
   ASSERT_FALSE(writer.add("new"));
-  EXPECT_FALSE(writer.finish(0640, Timestamp{1, 2}));
+  EXPECT_FALSE(writer.finish());
   EXPECT_EQ(contentOf(dir_.file("moved/f")), "new");
   EXPECT_TRUE(std::filesystem::is_empty(dir_.file("outside")));
 }

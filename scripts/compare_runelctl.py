@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The measurements of scripts/compare-runelctl. Runs only in isolated namespaces."""
 import argparse
+import itertools
 import os
 import random
 import shutil
@@ -45,6 +46,26 @@ def contents(path):
     if not os.path.isdir(path):
         found[""] = (os.stat(path).st_mtime_ns, open(path, "rb").read())
     return found
+
+
+def log_lines(size):
+    """@p size bytes of text like that of a log: the same words again and again, and new numbers.
+
+    It repeats after 8 MiB, which is further than a compressor looks.
+    """
+    data = random.Random(3)
+    words = ["".join(data.choices("etaoinshrdlucmfwypvbgkjqxz", range(26, 0, -1),
+                                  k=data.randrange(2, 11))) for _ in range(5000)]
+    often = list(itertools.accumulate(1 / rank for rank in range(1, len(words) + 1)))
+    lines, length, clock = [], 0, 1.7e9
+    while length < 8 * MIB:
+        clock += data.expovariate(2)
+        when = f"{time.strftime('%F %T', time.gmtime(clock))}.{int(clock * 1000) % 1000:03}"
+        said = " ".join(data.choices(words, cum_weights=often, k=data.randrange(3, 13)))
+        lines.append(f"{when} host unit[{data.randrange(30000)}]: {said}\n")
+        length += len(lines[-1])
+    text = "".join(lines).encode()[:8 * MIB]
+    return (text * (size // len(text) + 1))[:size]
 
 
 def expect(right, what):
@@ -203,6 +224,7 @@ class Bench:
         lines = [ThinLine(THIN_RATE, THIN_DELAY, 7111, 5111),
                  ThinLine(THIN_RATE, THIN_DELAY, 7873, 873)]
         self.differences(work)
+        self.text(work)
         for line in lines:
             line.close()
         shutil.rmtree(work)
@@ -234,6 +256,16 @@ class Bench:
                                                  here, there)),
                 ("rsync", lambda: run("rsync", "-a", here, f"rsync://127.0.0.1:7873/all{there}"))],
                 restore, lambda name, _: expect(contents(there) == contents(here), name))
+
+    def text(self, work):
+        here, there = os.path.join(work, "log"), os.path.join(work, "copy")
+        with open(here, "wb") as file:
+            file.write(log_lines(64 * MIB))
+        self.table.row("push of 64 MiB of text, 10 Mbit/s, 20 ms", [
+            ("runelctl -z", lambda: run(self.ctl, "-d", "127.0.0.1:7111", "push", "-z", here, there)),
+            ("rsync -z", lambda: run("rsync", "-az", here, f"rsync://127.0.0.1:7873/all{there}"))],
+            lambda: os.path.exists(there) and os.unlink(there),
+            lambda name, _: expect(contents(there) == contents(here), name))
 
     def commands(self):
         control = self.path("control")

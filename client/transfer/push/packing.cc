@@ -10,6 +10,7 @@ namespace {
 constexpr double kSlowLine = 5e6;  // bytes per second
 // A piece is compressed at once, and the loop waits.
 constexpr std::size_t kMostPacked = 1048576;
+constexpr std::size_t kTriedPlain = 262144;
 // The bytes from which the speed of compressed pieces is known well enough.
 constexpr double kEnough = 2.0 * kMostPacked;
 
@@ -34,15 +35,23 @@ void Packing::answered(std::size_t bytes, bool packed, Clock::time_point now) {
 }
 
 bool Packing::maySave() const {
-  return on_ && plain_.bytes > 0 && (onAnyLine_ || plain_.rate() < kSlowLine);
+  return on_ && (onAnyLine_ || (plain_.bytes > 0 && plain_.rate() < kSlowLine));
+}
+
+// One piece is enough to compare with.
+bool Packing::triesPlain() const {
+  return !plainSent_ && packed_.bytes >= kEnough;
 }
 
 bool Packing::next() const {
   const bool slower = packed_.bytes >= kEnough && packed_.rate() < plain_.rate();
-  return state_ == State::unpacks && maySave() && !slower;
+  return state_ == State::unpacks && maySave() && !slower && !triesPlain();
 }
 
 std::size_t Packing::most() const {
+  if (state_ == State::unpacks && triesPlain()) {
+    return kTriedPlain;
+  }
   const bool small = next() || asks() || state_ == State::asked;
   return small ? kMostPacked : std::numeric_limits<std::size_t>::max();
 }

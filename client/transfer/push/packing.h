@@ -8,8 +8,8 @@
 
 namespace runel {
 
-/// Decides for each piece of a large file whether it is compressed. The first pieces are not, then
-/// compressed ones are tried, and what takes less time continues.
+/// Decides for each piece of a large file whether it is compressed. Both are tried, and what takes
+/// less time continues. The first pieces are compressed only if that is wanted on any line.
 class Packing {
  public:
   using Clock = std::chrono::steady_clock;
@@ -19,6 +19,8 @@ class Packing {
 
   /// The request before the first piece of a file was answered.
   void begin(Clock::time_point now);
+  /// A piece was sent.
+  void sent(bool packed) { plainSent_ = plainSent_ || !packed; }
   /// A piece that had @p bytes before it was compressed was answered.
   void answered(std::size_t bytes, bool packed, Clock::time_point now);
 
@@ -42,11 +44,13 @@ class Packing {
   };
 
   [[nodiscard]] bool maySave() const;
+  [[nodiscard]] bool triesPlain() const;
 
   const bool on_;
   const bool onAnyLine_;
   State state_ = State::unknown;
   Clock::time_point last_;
+  bool plainSent_ = false;
   Amount plain_;
   Amount packed_;
 };

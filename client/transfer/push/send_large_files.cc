@@ -190,6 +190,18 @@ class SendLargeFile : public PushStage {
     pieces_ = Pieces(offset, file_->reader.size(), 0);
     steps_ = 0;
     following_.clear();
+    if (!work().packing.asks()) {
+      sendPieces();
+      return;
+    }
+    work().ask(askForGzip(), [this](const Reply& reply) {
+      work().packing.setUnpacks(reply.ok());
+      beginTimes();
+      sendPieces();
+    });
+  }
+
+  void sendPieces() {
     work().pipe([this] { return nextItem(); }, [this] { return window(); },
                 [this] { endPieces(); });
   }
@@ -225,7 +237,8 @@ class SendLargeFile : public PushStage {
       return next;
     }
     if (work().packing.asks()) {
-      return askForGzip();
+      return last(askForGzip(),
+                  [this](const Reply& reply) { work().packing.setUnpacks(reply.ok()); });
     }
     const std::size_t most = std::min(work().pieces.next(), work().packing.most());
     const std::optional<Piece> piece = pieces_.next(most);
@@ -233,6 +246,7 @@ class SendLargeFile : public PushStage {
       return lastItem();
     }
     std::string packed = work().packing.next() ? pack(*piece) : "";
+    work().packing.sent(!packed.empty());
     return packed.empty() ? pieceItem(*piece) : packedItem(*piece, std::move(packed));
   }
 
@@ -270,14 +284,13 @@ class SendLargeFile : public PushStage {
 
   // Creates the file for compressed pieces, which only its owner can read, and unpacks an empty
   // one.
-  Pipeline::Item askForGzip() {
+  Request askForGzip() {
     work().packing.asked();
     noteGzip();
     const std::string script =
         "rm -f -- \"$0\" && umask 077 && printf '\\037\\213\\010\\000\\000\\000\\000\\000\\000"
         "\\003\\003\\000\\000\\000\\000\\000\\000\\000\\000\\000' >\"$0\" && gzip -dc <\"$0\"";
-    return last(Request::exec({"/bin/sh", "-c", script, packed_}, 0),
-                [this](const Reply& reply) { work().packing.setUnpacks(reply.ok()); });
+    return Request::exec({"/bin/sh", "-c", script, packed_}, 0);
   }
 
   void noteGzip() {

@@ -23,6 +23,7 @@ class PackingTest : public ::testing::Test {
   Packing known(bool onAnyLine, std::chrono::milliseconds time) {
     Packing packing(true, onAnyLine);
     packing.begin(now);
+    packing.sent(false);
     answer(packing, false, time);
     packing.asked();
     packing.setUnpacks(true);
@@ -60,6 +61,33 @@ TEST_F(PackingTest, DoesNothingOnAFastLine) {
 TEST_F(PackingTest, TriesOnAFastLineIfTold) {
   EXPECT_TRUE(known(true, kFast).next());
   EXPECT_FALSE(known(false, kFast).next());
+}
+
+TEST_F(PackingTest, AsksBeforeTheFirstPieceIfToldToTryOnAnyLine) {
+  Packing packing(true, true);
+  packing.begin(now);
+  EXPECT_TRUE(packing.asks());
+  packing.asked();
+  packing.setUnpacks(true);
+  EXPECT_TRUE(packing.next());
+}
+
+TEST_F(PackingTest, ComparesWithOneShortPlainPiece) {
+  Packing packing(true, true);
+  packing.begin(now);
+  packing.asked();
+  packing.setUnpacks(true);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(packing.next());
+    packing.sent(true);
+    answer(packing, true, kFast);
+  }
+  EXPECT_FALSE(packing.next());
+  EXPECT_EQ(packing.most(), kTried / 4);
+  packing.sent(false);
+  EXPECT_TRUE(packing.next()) << "until it was answered";
+  answer(packing, false, kFast / 2);
+  EXPECT_FALSE(packing.next());
 }
 
 TEST_F(PackingTest, DoesNothingWithoutACompressor) {

@@ -11,13 +11,30 @@ class FindTarget : public PushStage {
   FindTarget(PushWork& work, bool sync) : PushStage(work), sync_(sync) {}
 
   void start(Next next) override {
-    work().ask(Request({"stat", work().root}), [this, next = std::move(next)](const Reply& reply) {
+    const bool single = isSingleFile();
+    work().ask(Request({"stat", work().root}), [this, single, next](const Reply& reply) {
       place(statIn(reply));
-      next();
+      if (!single) {
+        next();
+      }
     });
+    if (single) {
+      work().ask(Request({"lstat", work().root}), [this, next](const Reply& reply) {
+        work().rootItself = statIn(reply);
+        next();
+      });
+    }
   }
 
  private:
+  // The target of a single file is most often `root`. To look at it now saves a round trip.
+  [[nodiscard]] bool isSingleFile() const {
+    const auto& sources = work().files();
+    return sources.size() == 1 && sources.front().entries.size() == 1 &&
+           sources.front().entries.front().type == '-' && !work().root.empty() &&
+           work().root.back() != '/';
+  }
+
   // Like cp(1): several sources, a trailing slash or an existing directory mean "copy into".
   void place(const std::optional<Stat>& there) {
     const std::string& root = work().root;

@@ -58,7 +58,9 @@ class LookAtTargets : public PushStage {
     std::vector<PushItem*> files;
     for (PushItems* list : {&work().small, &work().large}) {
       for (PushItem& item : *list) {
-        if (work().newDirectories.count(directoryOf(item.target)) == 0) {
+        if (work().rootItself && item.target == work().root) {
+          item.there = *work().rootItself;
+        } else if (work().newDirectories.count(directoryOf(item.target)) == 0) {
           files.push_back(&item);
         }
       }

@@ -45,6 +45,8 @@ struct RUNEL_LOCAL PushWork : public TransferWork {
 
   const PushSources sources;
   const std::string root;  ///< the target, as the caller gave it
+  /// For a single file: what is at `root` itself, if that is known.
+  std::optional<std::optional<Stat>> rootItself;
   PushItems directories, links, small, large;
   std::set<std::string> newDirectories;  ///< missing on the device at the beginning
   /// For a sync: the equal files and directories whose mode differs, the equal files whose time

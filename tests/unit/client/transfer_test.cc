@@ -137,6 +137,24 @@ TEST_F(PushTest, SendsASmallAndALargeFileByTheseRequests) {
                                }));
 }
 
+TEST_F(PushTest, LooksAtTheTargetOfASingleFileOnce) {
+  push({file("a", "hello")}, "/t/b");
+  finish();
+  EXPECT_EQ(device.requests().at(0), "stat /t/b");
+  EXPECT_EQ(device.requests().at(1), "lstat /t/b");
+  EXPECT_EQ(device.count("lstat"), 1U);
+}
+
+TEST_F(PushTest, LooksAtTheTargetOfASingleFileInADirectory) {
+  device.succeed("stat /t", PreparedDevice::stat("0040755", 0));
+  device.succeed("lstat /t", PreparedDevice::stat("0040755", 0));
+  push({file("a", "hello")}, "/t");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count("lstat /t/a"), 1U);
+  EXPECT_EQ(device.count("write /t/a hello"), 1U);
+}
+
 // Content of ten pieces, for which one byte stands in its compressed form.
 class PackedPushTest : public PushTest {
  protected:

@@ -42,8 +42,9 @@ void DeltaTransfer::prepare() {
   }
 }
 
-void DeltaTransfer::assemble(std::uint64_t offset, Done done) {
+void DeltaTransfer::assemble(std::uint64_t offset, Last last, Done done) {
   offset_ = offset;
+  last_ = std::move(last);
   done_ = std::move(done);
   assembling_ = true;
   prepare();
@@ -181,17 +182,26 @@ void DeltaTransfer::searched() {
     end({});
     return;
   }
+  confirm();
+}
+
+// Before the next, shorter blocks: a long block in the wrong place hides what is there.
+void DeltaTransfer::confirm() {
+  doubts_ = plan_->doubtful();
+  doubts_.erase(
+      std::remove_if(doubts_.begin(), doubts_.end(),
+                     [this](const BlockMatch& match) { return confirmed_.count(match.at) != 0; }),
+      doubts_.end());
+  work_.pipe([this] { return nextDoubts(); }, [this] { refine(); });
+}
+
+void DeltaTransfer::refine() {
   const BlockList next = plan_->refine(blockLength_, files_.oldSize);
   if (next.ranges.empty()) {
-    confirm();
+    send();
   } else {
     sum(next);
   }
-}
-
-void DeltaTransfer::confirm() {
-  doubts_ = plan_->doubtful();
-  work_.pipe([this] { return nextDoubts(); }, [this] { send(); });
 }
 
 std::optional<Pipeline::Item> DeltaTransfer::nextDoubts() {
@@ -216,7 +226,9 @@ std::optional<Pipeline::Item> DeltaTransfer::nextDoubts() {
 void DeltaTransfer::dropUnlessEqual(const std::vector<BlockMatch>& doubts, const Reply& reply) {
   const auto digests = parseChecksums(reply.output(), doubts.size());
   for (std::size_t i = 0; i < doubts.size(); ++i) {
-    if (!digests || localDigest(doubts[i]) != (*digests)[i]) {
+    if (digests && localDigest(doubts[i]) == (*digests)[i]) {
+      confirmed_.insert(doubts[i].at);
+    } else {
       plan_->remove(doubts[i]);
     }
   }
@@ -262,7 +274,7 @@ std::optional<Pipeline::Item> DeltaTransfer::nextItem() {
     ++segment_;
   }
   if (segment_ == segments_.size()) {
-    return std::nullopt;
+    return last_();
   }
   DeltaSegment& segment = segments_[segment_];
   return segment.kept ? keptItem(segment) : sentItem(segment);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,8 @@ class RUNEL_LOCAL DeltaTransfer {
     std::optional<Error> error;  ///< instead of a reason: the failure of the file
   };
   using Done = std::function<void(const End& end)>;
+  /// Returns the next request that needs the complete part, or nothing at the end.
+  using Last = Pipeline::Source;
 
   /// @p reader is the open new file. Both arguments outlive this object.
   DeltaTransfer(TransferWork& work, const LocalReader& reader, DeltaFiles files);
@@ -53,9 +56,10 @@ class RUNEL_LOCAL DeltaTransfer {
   /// Asks for the checksums of the old file. Uses the pipeline of the transfer until `assemble` has
   /// called back.
   void prepare();
-  /// Sends the new file from @p offset on to the part, which has all before. Calls @p done once,
-  /// which must not destroy this object.
-  void assemble(std::uint64_t offset, Done done);
+  /// Sends the new file from @p offset on to the part, which has all before. The requests of
+  /// @p last follow at once, although the part may turn out to be wrong. Calls @p done once, which
+  /// must not destroy this object.
+  void assemble(std::uint64_t offset, Last last, Done done);
 
  private:
   void askTools();
@@ -70,6 +74,7 @@ class RUNEL_LOCAL DeltaTransfer {
   void turn();
   [[nodiscard]] bool hashMore();
   void confirm();
+  void refine();
   std::optional<Pipeline::Item> nextDoubts();
   void dropUnlessEqual(const std::vector<BlockMatch>& doubts, const Reply& reply);
   [[nodiscard]] std::optional<std::string> localDigest(const BlockMatch& match);
@@ -85,6 +90,7 @@ class RUNEL_LOCAL DeltaTransfer {
   TransferWork& work_;
   const LocalReader& reader_;
   const DeltaFiles files_;
+  Last last_;
   Done done_;
   std::uint64_t offset_ = 0;
   bool assembling_ = false;
@@ -102,6 +108,7 @@ class RUNEL_LOCAL DeltaTransfer {
   std::optional<DeltaPlan> plan_;
   std::unique_ptr<BlockSearch> search_;
   std::vector<BlockMatch> doubts_;
+  std::set<std::uint64_t> confirmed_;  // where the matches begin in the new file
   std::vector<DeltaSegment> segments_;
   std::size_t segment_ = 0;
   bool sync_ = false;            // the device has much to write

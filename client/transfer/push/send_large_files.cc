@@ -131,11 +131,13 @@ class SendLargeFile : public PushStage {
   // Without the differences, a part is of no use to the next transfer.
   void assemble(std::uint64_t offset) {
     leavePart();
-    delta_->assemble(offset, [this, offset](const DeltaTransfer::End& end) {
+    steps_ = 0;
+    const auto last = [this] { return lastItem(); };
+    delta_->assemble(offset, last, [this, offset](const DeltaTransfer::End& end) {
       if (end.error) {
         drop(*end.error);
       } else if (end.assembled) {
-        sendLast();
+        endPieces();
       } else if (const auto changed = file_->reader.changed()) {
         drop(*changed);
       } else {
@@ -204,12 +206,6 @@ class SendLargeFile : public PushStage {
   void sendPieces() {
     work().pipe([this] { return nextItem(); }, [this] { return window(); },
                 [this] { endPieces(); });
-  }
-
-  // The content of the part is complete.
-  void sendLast() {
-    steps_ = 0;
-    work().pipe([this] { return lastItem(); }, [this] { endPieces(); });
   }
 
   // Compressing must not keep the loop from sending: little is compressed ahead.

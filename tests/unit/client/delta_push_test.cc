@@ -47,11 +47,11 @@ class DeltaPushTest : public ::testing::Test {
     device.succeed(shownScript(askForTools("/t/b")), "complete\n");
     device.succeed(sums, sumsOf(old));
   }
-  static std::string sumsOf(const std::string& bytes) {
+  static std::string sumsOf(const std::string& bytes, std::size_t length = kPushedBlock) {
     std::string lines;
-    for (std::size_t at = 0; at < bytes.size(); at += kPushedBlock) {
-      const std::uint32_t state = crcState(std::string_view(bytes).substr(at, kPushedBlock));
-      lines += std::to_string(cksumOf(state, kPushedBlock)) + " 524288\n";
+    for (std::size_t at = 0; at < bytes.size(); at += length) {
+      const std::uint32_t state = crcState(std::string_view(bytes).substr(at, length));
+      lines += std::to_string(cksumOf(state, length)) + " " + std::to_string(length) + "\n";
     }
     return lines;
   }
@@ -119,9 +119,19 @@ TEST_F(DeltaPushTest, AsksForDigestsOfDoubtfulBlocks) {
 
 TEST_F(DeltaPushTest, ABlockWithAnotherDigestIsNotUsed) {
   content = "new" + old.substr(0, kPushedBlock) + "end";
+  device.succeed(sums + " /t/b 65536 2", sumsOf(std::string(kOldSize, 'x'), kPushedBlock / 4));
   push();
   expectWhole("the old file has none of its blocks");
   EXPECT_EQ(device.count(copies), 0U);
+}
+
+TEST_F(DeltaPushTest, ShorterBlocksAreSearchedInPlaceOfOneWithAnotherDigest) {
+  content = "new" + old.substr(0, kPushedBlock) + "end";
+  device.succeed(sums + " /t/b 65536 2", sumsOf(old, kPushedBlock / 4));
+  push();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count(digests + " /t/b"), 1U);
+  EXPECT_EQ(report->kept(), kPushedBlock);
 }
 
 TEST_F(DeltaPushTest, IsAWholeFileWithoutTheUtilities) {
@@ -208,6 +218,7 @@ TEST_F(DeltaPushTest, IsAWholeFileIfACopyFails) {
 TEST_F(DeltaPushTest, TheChecksumOfTheWholeFileDecides) {
   pushAs("something else");
   expectWhole("the assembled file has another checksum", 2);
+  EXPECT_EQ(device.count("exec touch"), 2U) << "the first one did not wait for the checksum";
   EXPECT_EQ(report->bytes(), 3 + content.size());
 }
 

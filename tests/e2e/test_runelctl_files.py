@@ -121,6 +121,10 @@ class Transfers(CtlCase):
         return [name for _, directories, files in os.walk(directory or self.there)
                 for name in [*directories, *files] if name.startswith(".run")]
 
+    def parts(self):
+        """The parts alone: on a slow line a compressed piece may lie beside one."""
+        return [name for name in self.leftovers() if name.endswith(".part")]
+
     def fails(self, words, status, *patterns, **options):
         result = self.ctl(*words, **options)
         self.assertEqual(result.status, status, result.err)
@@ -282,7 +286,7 @@ class Push(Transfers):
                    "the device closed the connection|reset by peer|Broken pipe")
         self.assertEqual(self.content("device/big"), b"old")
         self.wait_without_clients()
-        self.assertEqual(len(self.leftovers()), 1)
+        self.assertEqual(len(self.parts()), 1)
         result = self.succeed("--json", "push", big, self.on_device("big"))
         self.assertEqual(result.objects[-1]["resumed_at"] + result.objects[-1]["bytes"], 20 * MIB)
         self.assertGreaterEqual(result.objects[-1]["resumed_at"], 8 * MIB)
@@ -294,7 +298,7 @@ class Push(Transfers):
         content = noise(20 * MIB)
 
         def grow():
-            with open(self.on_device(self.leftovers()[0]), "ab") as part:
+            with open(self.on_device(self.parts()[0]), "ab") as part:
                 part.write(b"from a connection that was lost")
             return True
 
@@ -310,7 +314,7 @@ class Push(Transfers):
             between = Between(self, 12 * MIB)
             self.ctl("-d", between.where, "push", self.file("big", noise(20 * MIB)),
                      self.on_device("big"))
-            self.assertEqual(len(self.leftovers()), 1)
+            self.assertEqual(len(self.parts()), 1)
             other = noise(20 * MIB, 2)
             result = self.succeed("--json", "push", again, self.file("big", other),
                                   self.on_device("big"))
@@ -426,7 +430,7 @@ class Push(Transfers):
             stat.S_IMODE(os.stat(self.on_device(name)).st_mode) for name in self.leftovers()),
             True)[1])
         self.succeed("-d", between.where, "push", big, self.on_device("big"))
-        self.assertEqual(modes, [0o600])
+        self.assertEqual(set(modes), {0o600})
 
     def interrupted(self, limit, *words):
         """Sends SIGINT after @p limit bytes, while the transfer is blocked."""

@@ -7,6 +7,7 @@ import threading
 import time
 
 import runel
+from runel import _io_async as io
 from runel import DeviceError, LinkError, LocalError, Outcome, RunelTimeout, request
 from support import ADDRESS, LONG, FaceCase, FakeDevice, both_faces, reply
 
@@ -328,3 +329,36 @@ class AsyncOnlyTest(ScriptCase):
                 await first
             go.set()
             self.assertEqual(await second, b"two")
+
+    async def test_a_cancellation_is_never_lost(self):
+        """Not even when what the caller waits for happens at the same moment."""
+        loop = asyncio.get_running_loop()
+        with socket.create_server((ADDRESS, 0)) as server:
+            for turns in range(12):
+                near = socket.create_connection(server.getsockname())
+                near.setblocking(False)
+                far = server.accept()[0]
+                stream = io.Stream(near)
+                received = asyncio.ensure_future(stream.receive(LONG))
+                await asyncio.sleep(0.01)
+                far.sendall(b"x")
+                for _ in range(turns):
+                    await asyncio.sleep(0)
+                if received.cancel():
+                    with self.assertRaises(asyncio.CancelledError, msg=f"{turns} turns"):
+                        await received
+                stream.close()
+                far.close()
+        self.assertFalse([task for task in asyncio.all_tasks(loop)
+                          if task is not asyncio.current_task()])
+
+    async def test_a_timeout_does_not_count_as_a_cancellation(self):
+        with socket.create_server((ADDRESS, 0)) as server:
+            near = socket.create_connection(server.getsockname())
+            near.setblocking(False)
+            stream = io.Stream(near)
+            with self.assertRaises(TimeoutError):
+                await stream.receive(0.01)
+            stream.close()
+        task = asyncio.current_task()
+        self.assertEqual(task.cancelling() if hasattr(task, "cancelling") else 0, 0)

@@ -153,11 +153,32 @@ class Stream(SharedSocket):
             return await _within(timeout, asyncio.get_running_loop().sock_recv(sock, CHUNK))
 
 
+# Not asyncio.wait_for(): before Python 3.12 it ignores a cancellation at the moment when the work
+# has just ended, and the caller's task goes on.
 async def _within(timeout: Optional[float], work: Awaitable[T]) -> T:
+    if timeout is None:
+        return await work
+    current = asyncio.current_task()
+    assert current is not None
+    task: "asyncio.Task[Any]" = current
+    expired = False
+
+    def expire() -> None:
+        nonlocal expired
+        expired = True
+        task.cancel()
+
+    timer = asyncio.get_running_loop().call_later(timeout, expire)
     try:
-        return await asyncio.wait_for(work, timeout)
-    except asyncio.TimeoutError:
+        return await work
+    except asyncio.CancelledError:
+        # Since Python 3.11 a task counts its cancellations: all others are the caller's.
+        uncancel = getattr(task, "uncancel", lambda: 0)
+        if not expired or uncancel() > 0:
+            raise
         raise TimeoutError("timed out") from None
+    finally:
+        timer.cancel()
 
 
 async def connect(host: str, port: int, timeout: Optional[float]) -> Stream:

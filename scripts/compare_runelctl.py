@@ -261,9 +261,11 @@ class Bench:
         here, there = os.path.join(work, "log"), os.path.join(work, "copy")
         with open(here, "wb") as file:
             file.write(log_lines(64 * MIB))
+        url = f"rsync://127.0.0.1:7873/all{there}"
         self.table.row("push of 64 MiB of text, 10 Mbit/s, 20 ms", [
             ("runelctl -z", lambda: run(self.ctl, "-d", "127.0.0.1:7111", "push", "-z", here, there)),
-            ("rsync -z", lambda: run("rsync", "-az", here, f"rsync://127.0.0.1:7873/all{there}"))],
+            ("rsync -z", lambda: run("rsync", "-az", here, url)),
+            ("rsync -z, zlib", lambda: run("rsync", "-az", "--compress-choice=zlib", here, url))],
             lambda: os.path.exists(there) and os.unlink(there),
             lambda name, _: expect(contents(there) == contents(here), name))
 

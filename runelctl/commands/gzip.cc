@@ -1,21 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands/gzip.h"
 
+#include <algorithm>
+
 #define ZLIB_CONST
 #include <zlib.h>
 
 namespace runelctl {
 namespace {
 
-constexpr int kLevel = 6;
 constexpr int kWindowWithGzipHeader = 15 + 16;
 constexpr int kMemoryLevel = 8;
 
 }  // namespace
 
-std::string gzip(std::string_view bytes) {
+std::string gzip(std::string_view bytes, int level) {
   z_stream stream{};
-  if (deflateInit2(&stream, kLevel, Z_DEFLATED, kWindowWithGzipHeader, kMemoryLevel,
+  if (deflateInit2(&stream, level, Z_DEFLATED, kWindowWithGzipHeader, kMemoryLevel,
                    Z_DEFAULT_STRATEGY) != Z_OK) {
     return "";
   }
@@ -27,6 +28,23 @@ std::string gzip(std::string_view bytes) {
   const bool complete = deflate(&stream, Z_FINISH) == Z_STREAM_END;
   packed.resize(complete ? stream.total_out : 0);
   (void)deflateEnd(&stream);
+  return packed;
+}
+
+void GzipLevel::add(Duration pause, Duration work) {
+  if (pause > 2 * work) {
+    level_ = std::min(level_ + 1, kBestGzip);
+  } else if (pause < work) {
+    level_ = std::max(level_ - 1, kQuickGzip);
+  }
+}
+
+std::string PieceGzip::operator()(std::string_view bytes) const {
+  const auto begin = std::chrono::steady_clock::now();
+  std::string packed = gzip(bytes, state_->level.level());
+  const auto end = std::chrono::steady_clock::now();
+  state_->level.add(begin - state_->end, end - begin);
+  state_->end = end;
   return packed;
 }
 

@@ -30,7 +30,7 @@ class TransferCommand : public Command {
     TransferPlan plan = plan_;
     plan.options.setResume(resume_).setChecksum(checksum_).setDelta(delta_).setExcludes(excludes_);
     if (!plain_) {
-      plan.options.setCompression(gzip, compress_);
+      plan.options.setCompression(PieceGzip(), compress_);
     }
     return std::make_unique<TransferJob>(std::move(context), std::move(plan));
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "commands/gzip.h"
 
+#include <chrono>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -35,6 +36,29 @@ TEST(GzipTest, GivesFilesThatUnpackToTheSameBytes) {
 
 TEST(GzipTest, MakesTextSmaller) {
   EXPECT_LT(gzip(std::string(100000, 'x')).size(), 1000U);
+}
+
+TEST(GzipTest, CompressesHarderWhileThereIsTime) {
+  using std::chrono::milliseconds;
+  GzipLevel level;
+  for (const int expected : {7, 8, 9, 9}) {
+    level.add(milliseconds(21), milliseconds(10));
+    EXPECT_EQ(level.level(), expected);
+  }
+  level.add(milliseconds(15), milliseconds(10));
+  EXPECT_EQ(level.level(), 9);
+  for (const int expected : {8, 7, 6, 6}) {
+    level.add(milliseconds(9), milliseconds(10));
+    EXPECT_EQ(level.level(), expected);
+  }
+}
+
+TEST(GzipTest, PiecesOfATransferUnpackToTheSameBytes) {
+  const PieceGzip pack;
+  const std::string bytes(100000, 'x');
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(unpacked(pack(bytes), bytes.size()), bytes);
+  }
 }
 
 }  // namespace

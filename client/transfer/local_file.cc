@@ -151,6 +151,10 @@ std::optional<Error> LocalWriter::add(std::string_view bytes) {
   return std::nullopt;
 }
 
+void LocalWriter::beginSync() const {
+  (void)sync_file_range(file_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);  // the sync reports errors
+}
+
 std::optional<Error> LocalWriter::cutTo(std::uint64_t size) {
   if (ftruncate(file_.get(), static_cast<off_t>(size)) != 0) {
     return Error::local(path_.text, errno);

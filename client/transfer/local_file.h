@@ -65,6 +65,8 @@ class LocalWriter {
   [[nodiscard]] std::optional<Error> begin(const LocalPath& path, bool resume,
                                            SharedDirectory directory);
   [[nodiscard]] std::optional<Error> add(std::string_view bytes);
+  /// Begins to write to the disk what was added, without waiting. So the last sync takes less time.
+  void beginSync() const;
   /// Truncates the hidden file to @p size bytes.
   [[nodiscard]] std::optional<Error> cutTo(std::uint64_t size);
   [[nodiscard]] std::optional<Error> setAttributes(std::uint32_t mode, const Timestamp& mtime);

@@ -87,6 +87,7 @@ class FetchLargeFile : public PullStage {
       error_ = changedThere(item_);
     } else {
       error_ = writer_.add(std::string_view(bytes).substr(0, piece.size));
+      writer_.beginSync();
       work().count(piece.size, item_.source);
     }
     return !error_;

@@ -109,6 +109,18 @@ TEST_F(LocalFileTest, AnInterruptedWriteContinues) {
   EXPECT_EQ(contentOf(path_), "new");
 }
 
+TEST_F(LocalFileTest, OnlyTheLastSyncReportsAnError) {
+  LocalWriter writer;
+  ASSERT_FALSE(writer.begin(target_, false));
+  ASSERT_FALSE(writer.add("new"));
+  calls_.fail("sync_file_range", EIO);
+  writer.beginSync();
+  EXPECT_FALSE(writer.setAttributes(0640, Timestamp{1, 2}));
+  calls_.fail("fsync file", EIO);
+  EXPECT_EQ(writer.finish()->number(), EIO);
+  EXPECT_EQ(contentOf(path_), "old");
+}
+
 TEST_F(LocalFileTest, APartIsResumed) {
   dir_.write(partPath("target"), "part, ");
   EXPECT_EQ(replace(true), 0);

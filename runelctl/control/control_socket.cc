@@ -102,7 +102,8 @@ std::string ControlSocket::open(const std::string& path) {
   }
   (void)unlinkat(directory.get(), name.c_str(), 0);  // if it cannot be removed, bind fails
   zell::UniqueFd listener = newSocket();
-  if (!bindPrivately(listener.get(), address) || listen(listener.get(), kControlBacklog) != 0 ||
+  if (!listener.valid() || !bindPrivately(listener.get(), address) ||
+      listen(listener.get(), kControlBacklog) != 0 ||
       !loop_.watch(listener.get(), EPOLLIN, [this](std::uint32_t) { accept(); })) {
     return path + ": " + runel::systemText(errno);
   }

@@ -61,7 +61,11 @@ void InputAgent::readInput() {
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;
   }
-  if (got <= 0) {
+  if (got < 0) {
+    end(inputError(runel::systemText(errno), ""));
+    return;
+  }
+  if (got == 0) {
     inputEnded();
     return;
   }

@@ -84,47 +84,60 @@ class Scan {
       const LocalEntry entry = std::move(todo_.back());
       todo_.pop_back();
       source_.entries.push_back(entry);
-      if (entry.type == 'd' && !open(entry)) {
-        return localPathError(entry.path, errno);
+      if (const auto error = entry.type == 'd' ? open(entry) : std::nullopt) {
+        return error;
       }
     }
     return std::nullopt;
   }
 
  private:
-  bool open(const LocalEntry& entry) {
+  std::optional<Error> open(const LocalEntry& entry) {
     const DirectoryStream directory = streamOf(source_.top->openBelow(
         entry.relative.empty() ? "." : entry.relative, O_RDONLY | O_DIRECTORY));
     std::vector<std::string> names;
     if (!directory || !namesIn(directory.get(), names)) {
-      return false;
+      return localPathError(entry.path, errno);
     }
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
-      add(dirfd(directory.get()), *name, entry);
+      if (auto error = add(dirfd(directory.get()), *name, entry)) {
+        return error;
+      }
     }
-    return true;
+    return std::nullopt;
   }
 
-  void add(int directory, const std::string& name, const LocalEntry& parent) {
+  // An entry that cannot be examined must not pass for a removed one.
+  std::optional<Error> add(int directory, const std::string& name, const LocalEntry& parent) {
     const std::string path = joinPath(parent.path, name);
     const std::string relative = parent.relative.empty() ? name : parent.relative + "/" + name;
     struct stat st {};
     if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      left_.push_back(path);  // removed since its directory was read
-      return;
+      return changedSince(path);
     }
     if (filter_.leavesOut(relative, S_ISDIR(st.st_mode))) {
-      return;
+      return std::nullopt;
     }
     LocalEntry entry = entryOf(path, relative, st);
     entry.top = source_.top.get();
-    const bool sendable = entry.type == '-' || entry.type == 'd' ||
-                          (entry.type == 'l' && readLink(directory, name, entry.target));
-    if (sendable) {
+    if (entry.type == 'l' && !readLink(directory, name, entry.target)) {
+      return changedSince(path);
+    }
+    if (entry.type == '-' || entry.type == 'd' || entry.type == 'l') {
       todo_.push_back(std::move(entry));
     } else {
       left_.push_back(path);
     }
+    return std::nullopt;
+  }
+
+  // Removed or replaced since its directory was read: left out. Anything else is an error.
+  std::optional<Error> changedSince(const std::string& path) {
+    if (errno != ENOENT && errno != EINVAL) {
+      return Error::local(path, errno);
+    }
+    left_.push_back(path);
+    return std::nullopt;
   }
 
   LocalSource& source_;

@@ -92,13 +92,22 @@ TEST_F(LocalTreeTest, ADirectoryThatCannotBeReadFailsTheScan) {
 
 TEST_F(LocalTreeTest, AnEntryThatDisappearsIsLeftOut) {
   SpiedCalls calls;
-  calls.fail("readlinkat", EACCES);
+  calls.fail("readlinkat", EINVAL);  // no link any more
   EXPECT_EQ(scan(), 0);
   EXPECT_THAT(left_, ElementsAre(here_.file("tree/d/l")));
   left_.clear();
   calls.fail("fstatat", ENOENT);
   EXPECT_EQ(scan(), 0);
   EXPECT_THAT(left_, ElementsAre(here_.file("tree/d")));
+}
+
+TEST_F(LocalTreeTest, AnEntryThatCannotBeExaminedFailsTheScan) {
+  for (const char* call : {"fstatat", "readlinkat"}) {
+    SpiedCalls calls;
+    calls.fail(call, EIO);
+    EXPECT_EQ(scan(), EIO) << call;
+    EXPECT_THAT(left_, ElementsAre()) << call;
+  }
 }
 
 }  // namespace

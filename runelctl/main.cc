@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // runelctl: the command-line master.
 #include <exception>
+#include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <malloc.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <runel/request.h>
 
@@ -41,8 +44,11 @@ int main(int argc, char** argv) {
     loop.setResolver(runel::blockingResolver());
     runelctl::Session session{loop, nullptr, {}};
     return runelctl::runCommandLine(session, std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& error) {
-    // Out of memory, or a defect.
+  } catch (const std::bad_alloc&) {
+    constexpr std::string_view kText = "runelctl: out of memory\n";
+    (void)write(STDERR_FILENO, kText.data(), kText.size());  // needs no memory
+    return runelctl::kExitTaskFailed;
+  } catch (const std::exception& error) {  // a defect
     runelctl::complain(error.what());
     return runelctl::kExitTaskFailed;
   }

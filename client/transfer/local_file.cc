@@ -126,12 +126,12 @@ std::optional<Error> LocalWriter::begin(const LocalPath& path, bool resume,
 // Takes over the part of an earlier transfer also without resuming: while two transfers of one file
 // overlap, both then write the same bytes to the same file.
 std::optional<Error> LocalWriter::openPart() {
-  const std::string hidden = partPath(baseName(path_.name));
+  hidden_ = partPath(baseName(path_.name));
   const int flags = O_WRONLY | O_NOFOLLOW | O_CLOEXEC | (resume_ ? O_APPEND : 0);
-  file_ = openLeftPart(directory_->get(), hidden, flags);
+  file_ = openLeftPart(directory_->get(), hidden_, flags);
   if (!file_.valid()) {
-    (void)unlinkat(directory_->get(), hidden.c_str(), 0);  // openat() reports it if it stays
-    file_.reset(openat(directory_->get(), hidden.c_str(), flags | O_CREAT | O_EXCL, 0600));
+    (void)unlinkat(directory_->get(), hidden_.c_str(), 0);  // openat() reports it if it stays
+    file_.reset(openat(directory_->get(), hidden_.c_str(), flags | O_CREAT | O_EXCL, 0600));
   }
   unfinished_ = file_.valid();
   struct stat st {};
@@ -173,8 +173,7 @@ std::optional<Error> LocalWriter::setAttributes(std::uint32_t mode, const Timest
 
 std::optional<Error> LocalWriter::finish() {
   const std::string name = baseName(path_.name);
-  const zell::RenameResult result =
-      zell::renameDurably(file_, directory_->get(), partPath(name), name);
+  const zell::RenameResult result = zell::renameDurably(file_, directory_->get(), hidden_, name);
   unfinished_ = !result.renamed();
   return finished(result.error);
 }
@@ -189,8 +188,7 @@ std::optional<Error> LocalWriter::finishSynced() {
     return Error::local(path_.text, errno);
   }
   const std::string name = baseName(path_.name);
-  unfinished_ =
-      renameat(directory_->get(), partPath(name).c_str(), directory_->get(), name.c_str()) != 0;
+  unfinished_ = renameat(directory_->get(), hidden_.c_str(), directory_->get(), name.c_str()) != 0;
   return finished(unfinished_ ? errno : 0);
 }
 
@@ -215,8 +213,7 @@ LocalWriter::~LocalWriter() {
 
 void LocalWriter::discard() {
   if (std::exchange(unfinished_, false)) {
-    const std::string hidden = partPath(baseName(path_.name));
-    (void)unlinkat(directory_->get(), hidden.c_str(), 0);  // no caller to report an error to
+    (void)unlinkat(directory_->get(), hidden_.c_str(), 0);  // no caller to report an error to
   }
   file_.reset();
   directory_.reset();

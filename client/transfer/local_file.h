@@ -91,6 +91,7 @@ class LocalWriter {
   [[nodiscard]] std::optional<Error> finished(int error);
 
   LocalPath path_;
+  std::string hidden_;         // the name of the unfinished file; the destructor needs no memory
   SharedDirectory directory_;  // that contains both files
   zell::UniqueFd file_;
   dev_t device_ = 0;

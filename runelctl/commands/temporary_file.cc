@@ -52,7 +52,10 @@ int copyInput(int to, int signals) {
   while (true) {
     pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
     if (poll(ready, 2, -1) < 0) {
-      continue;  // a handled signal
+      if (errno != EINTR) {  // a handled signal
+        return errno;
+      }
+      continue;
     }
     if ((ready[1].revents & POLLIN) != 0) {
       return EINTR;

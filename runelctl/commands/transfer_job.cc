@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -70,12 +71,19 @@ TransferJob::TransferJob(JobContext context, TransferPlan plan)
 
 TransferJob::~TransferJob() {
   if (transfer_ && !told_) {
-    const runel::TransferReport done = transfer_->report();
-    if (done.error()) {
-      report().warn(done.error()->text());
+    try {
+      tellUnfinished(transfer_->report());
+    } catch (const std::bad_alloc&) {
+      // The lack of memory may be why the transfer ends: that is reported.
     }
-    tell(done);
   }
+}
+
+void TransferJob::tellUnfinished(const runel::TransferReport& done) {
+  if (done.error()) {
+    report().warn(done.error()->text());
+  }
+  tell(done);
 }
 
 void TransferJob::start() {
@@ -182,8 +190,8 @@ std::optional<Error> TransferJob::writeOutput() {
   std::string part(kOutputPart, '\0');
   std::string content;  // for JSON
   ssize_t got = read(file.get(), part.data(), part.size());
-  while (got > 0) {
-    const std::string_view bytes(part.data(), static_cast<std::size_t>(got));
+  while (got > 0 || (got < 0 && errno == EINTR)) {
+    const std::string_view bytes(part.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     report().bytes(bytes);
     content.append(report().json() ? bytes : std::string_view());
     got = read(file.get(), part.data(), part.size());

@@ -50,6 +50,7 @@ class TransferJob : public Job {
   void showChange(const runel::TransferChange& change);
   void tellFailures(std::size_t first);
   void tell(const runel::TransferReport& done);
+  void tellUnfinished(const runel::TransferReport& done);
   void tellAmount(const runel::TransferReport& done);
   void end(const runel::TransferReport& done);
 

@@ -5,10 +5,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <new>
 #include <optional>
 #include <utility>
 
 #include <nlohmann/json.hpp>
+
+#include "client/fleet/clean_up.h"
 
 #include "fleet/line_stream.h"
 
@@ -231,10 +234,13 @@ int Fleet::run() {
   };
   fleet_.run([this](runel::FleetAttempt attempt) { return start(std::move(attempt)); },
              std::move(handlers));
-  while (!over_) {
-    loop_.turn(runel::Milliseconds(1000));
-    watch();
-    showProgress(over_);
+  try {
+    while (!over_) {
+      turn();
+    }
+  } catch (const std::bad_alloc&) {
+    removeLeftovers();
+    throw;
   }
   printer_.statusLine().clear();
   printer_.flush();
@@ -243,6 +249,32 @@ int Fleet::run() {
     status = std::max(status, end.outcome.status);
   }
   return status;
+}
+
+void Fleet::turn() {
+  loop_.turn(runel::Milliseconds(1000));
+  watch();
+  showProgress(over_);
+}
+
+// In a separate loop: the other one may have lost calls with the exception.
+void Fleet::removeLeftovers() const {
+  runel::Loop loop;
+  loop.setResolver(runel::blockingResolver());
+  std::vector<std::unique_ptr<runel::CleanUp>> removals;
+  std::size_t left = 0;
+  for (const auto& member : members_) {
+    auto request = member->attempt != nullptr ? member->attempt->cleanUp() : std::nullopt;
+    if (request) {
+      ++left;
+      removals.push_back(
+          std::make_unique<runel::CleanUp>(loop, member->target, settings_.limits(member->target),
+                                           *std::move(request), [&left] { --left; }));
+    }
+  }
+  while (left > 0) {
+    loop.turn(runel::Milliseconds(1000));
+  }
 }
 
 std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {

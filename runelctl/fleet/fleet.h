@@ -27,7 +27,8 @@ class Fleet {
 
   /// Uses @p device and its connection, if any, for its target.
   void lend(runel::AsyncDevice& device) { fleet_.lend(device); }
-  /// Runs the command on all devices and returns the highest exit status.
+  /// Runs the command on all devices and returns the highest exit status. A lack of memory ends it
+  /// by std::bad_alloc, after the removal of what the running jobs would leave on their devices.
   [[nodiscard]] int run();
   /// A signal interrupted the run: skips the devices that were not started, and cancels the running
   /// ones, except those whose jobs deal with the signal themselves: see `Job::interrupt`.
@@ -54,6 +55,8 @@ class Fleet {
   void endWave(std::size_t wave, std::size_t failed, bool stopped);
   void showProgress(bool now);
   void watch();
+  void turn();
+  void removeLeftovers() const;
 
   runel::Loop& loop_;
   const Settings& settings_;

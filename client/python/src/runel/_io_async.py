@@ -154,7 +154,7 @@ class Stream(SharedSocket):
 
 
 # Not asyncio.wait_for(): before Python 3.12 it ignores a cancellation at the moment when the work
-# has just ended, and the caller's task goes on.
+# has just ended, and the caller's task continues.
 async def _within(timeout: Optional[float], work: Awaitable[T]) -> T:
     if timeout is None:
         return await work

@@ -308,8 +308,9 @@ void transfer(unsigned bits, Script& script, const std::string& here) {
   const auto running =
       start(bits, client, here, [&](const runel::TransferReport&) { done = true; });
   int idle = 0;
-  for (int turn = 0; !done; ++turn) {
-    require(turn < kMostTurns);
+  int turns = 0;
+  while (!done) {
+    require(turns++ < kMostTurns);
     idle = device.serve() ? 0 : idle + 1;
     if (idle == kIdleTurns) {
       device.hangUp();

@@ -67,6 +67,14 @@ fine = ["gw-1"]
         """Arguments that select devices which do not answer."""
         return ("-d", self.odd_peer(hang)), ("-d", "127.0.0.1:9")
 
+    def assert_transfer_options(self, offered):
+        """@p offered: the options of push, sync and pull."""
+        content = {"-z", "--compress", "--no-compress", "--delta", "--no-delta"}
+        names = {"--exclude", "--exclude-from", "--resume", "--no-resume", "--checksum"}
+        push, sync, pull = offered
+        self.assertEqual((content | names) - (push & sync), set())
+        self.assertEqual((names - pull, content & pull), (set(), set()))
+
     def serve_two(self):
         self.start_master()
         for number, name in enumerate(("north", "south")):
@@ -136,6 +144,12 @@ COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _runelctl; printf '%s\\n' "${COMPREPL
         self.assertNotIn("-l", self.complete("cat", "-"))
         self.assertEqual(self.complete("reboot", "--down"), {"--down-timeout"})
 
+    def test_transfer_options_are_offered(self):
+        self.assert_transfer_options([self.complete(name, "-") for name in ("push", "sync", "pull")])
+        self.assertEqual(self.complete("push", "-z", "--del"), {"--delta"})
+        self.assertEqual(self.complete("push", "-rz", "--delta", "--exclude", "*.o", "some"), {"some-file"})
+        self.assertEqual(self.complete("sync", "--exclude", ""), {""})
+
     def test_subcommands_are_offered(self):
         verbs = {"start", "list", "attach", "output", "wait", "stop", "remove"}
         self.assertEqual(self.complete("job", ""), verbs)
@@ -188,6 +202,11 @@ class Fish(CompletionCase):
         self.assertIn("-l", self.complete("ls -"))
         self.assertNotIn("-l", self.complete("cat -"))
         self.assertEqual(self.complete("reboot --down"), {"--down-timeout"})
+
+    def test_transfer_options_are_offered(self):
+        self.assert_transfer_options([self.complete(name + " -") for name in ("push", "sync", "pull")])
+        self.assertEqual(self.complete("push -z --del"), {"--delta"})
+        self.assertEqual(self.complete("push -rz --delta --exclude x some"), {"some-file"})
 
     def test_subcommands_are_offered(self):
         verbs = {"start", "list", "attach", "output", "wait", "stop", "remove"}
@@ -291,6 +310,20 @@ class Zsh(CompletionCase):
         self.completes("runelctl completion fi", "runelctl completion fish ")
         self.completes("runelctl blinkleds al", "runelctl blinkleds alternate ")
         self.completes("runelctl inventory ch", "runelctl inventory check ")
+
+    def test_options_of_commands_are_completed(self):
+        for typed, to in (("push -z --del", "--delta "), ("sync --no-d", "--no-delta "),
+                          ("push --comp", "--compress "), ("sync --no-c", "--no-compress "),
+                          ("pull --exclude-f", "--exclude-from "), ("push -z --exclude x so", "some-file "),
+                          ("sync --exclude-from so", "some-file "), ("exec --str", "--stream "),
+                          ("sh --stream --job-li", "--job-limit "), ("job start --i", "--id "),
+                          ("job output --job-d", "--job-directory "), ("inventory --gr", "--groups ")):
+            self.completes(f"runelctl {typed}", to)
+
+    def test_general_options_are_completed(self):
+        for typed in ("device-group", "except", "inventory", "io-timeout", "memory", "offline",
+                      "output-dir", "retry-unsafe", "tag", "timeout", "verbose"):
+            self.completes(f"runelctl -q ls --{typed[:-1]}", f"--{typed} ")
 
     def test_local_files_are_offered_to_transfers(self):
         self.completes("runelctl push so", "runelctl push some-file ")

@@ -14,6 +14,7 @@
 
 #include "cli/tables.h"
 #include "commands/number_range.h"
+#include "commands/size_range.h"
 #include "inventory/nearest.h"
 #include "output/error.h"
 #include "output/standard_output.h"
@@ -68,17 +69,19 @@ void addOptionNames(const std::vector<OptionRow>& rows, std::vector<std::string>
   }
 }
 
-// What the words @p left are that the command line has no use for. Stores a known word in @p
-// similar that may have been meant.
-std::string describeRest(const Tables& tables, const CommandRow* command,
+// What the words @p left are that the command line has no use for. @p subcommand: the command has a
+// subcommand, or needs none. Stores a known word in @p similar that may have been meant.
+std::string describeRest(const Tables& tables, const CommandRow* command, bool subcommand,
                          const std::vector<std::string>& left, std::string& similar) {
   std::vector<std::string> known;
-  if (command == nullptr && !isOptionWord(left.front())) {
-    for (const CommandRow& row : tables.commands) {
+  const bool needsCommand = command == nullptr || !subcommand;
+  if (needsCommand && !isOptionWord(left.front())) {
+    for (const CommandRow& row : command == nullptr ? tables.commands : command->commands) {
       known.push_back(row.name);
     }
     similar = nearestWord(left.front(), known);
-    return "unknown command '" + left.front() + "'";
+    return "unknown command '" + (command == nullptr ? "" : command->name + " ") + left.front() +
+           "'";
   }
   const auto option = std::find_if(left.begin(), left.end(), isOptionWord);
   if (option != left.end()) {
@@ -110,13 +113,15 @@ std::string explain(CLI::App& app, const std::vector<std::string>& words,
   std::string command = chosen.empty() ? "" : chosen.front()->get_name();
   std::string what = error.what();
   std::string similar;
+  const bool subcommand = chosen.empty() || !chosen.front()->get_subcommands().empty() ||
+                          chosen.front()->get_require_subcommand_min() == 0;
   if (!left.empty() &&
-      (chosen.empty() || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)) {
+      (chosen.empty() || !subcommand || dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)) {
     if (precedes(words, left.front(), command) && !isOptionWord(left.front())) {
       command.clear();
     }
     const Tables tables = readTables(app);
-    what = describeRest(tables, tables.command(command), left, similar);
+    what = describeRest(tables, tables.command(command), subcommand, left, similar);
   }
   return what + " (" + (similar.empty() ? "" : "did you mean '" + similar + "'? ") +
          "see runelctl " + (command.empty() ? "" : command + " ") + "--help)";
@@ -182,14 +187,11 @@ void CommandLine::defineGeneralOptions() {
       ->type_name("WHEN");
   app_.add_flag("-y,--yes", settings_.yes,
                 "do not ask before a destructive command on several devices");
-  CLI::Validator size = CLI::AsSizeValue(false);
-  size.description("");
   app_.add_option(
           "--memory", settings_.memory,
           "limit for the data of all devices in memory, such as 512M; more goes to temporary "
           "files (default: 256M)")
-      ->transform(size)
-      ->check(numberRange<std::uint64_t>(kLeastMemory, kMostMemory))
+      ->transform(sizeRange(kLeastMemory, kMostMemory))
       ->type_name("SIZE");
   auto* dryRun = app_.add_flag("-n,--dry-run", settings_.dryRun,
                                "change nothing: print devices and frames; for push, sync and pull "

@@ -9,6 +9,7 @@
 
 #include "commands/number_range.h"
 #include "commands/read_input.h"
+#include "commands/size_range.h"
 
 namespace runelctl {
 namespace {
@@ -43,12 +44,9 @@ void JobFlags::defineReconnect(CLI::App& app, CLI::Option* needed) {
 
 void JobFlags::defineStart(CLI::App& app, CLI::Option* needed) {
   needing(app.add_flag("--stdin", stdin_, "send standard input to the program"), needed);
-  CLI::AsSizeValue size(false);
-  size.description("");
   needing(app.add_option("--job-limit", limit_,
                          "output of each stream that the device keeps, such as 4M (default: 16M)")
-              ->transform(size)
-              ->check(numberRange<std::uint64_t>(4096, std::uint64_t{1} << 40U)),
+              ->transform(sizeRange(4096, std::uint64_t{1} << 40U)),
           needed)
       ->type_name("BYTES");
   needing(app.add_option("--job-days", days_,

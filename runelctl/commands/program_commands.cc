@@ -185,7 +185,7 @@ class ShellLineCommand : public StreamableCommand {
     app.positionals_at_end();
     (void)defineLimit(app, "limit for the command line (default: none)");
     (void)defineStream(app);
-    app.add_option("LINE", line_)->required();
+    app.add_option("LINE", line_, "command line, as one argument")->required()->type_name("");
   }
 
   std::unique_ptr<Job> job(JobContext context) override {

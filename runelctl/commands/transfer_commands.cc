@@ -55,7 +55,12 @@ class TransferCommand : public Command {
                    "the same with the patterns in FILE, one a line ('-': standard input)")
         ->allow_extra_args(false)
         ->type_name("FILE");
-    app.add_flag("--resume,!--no-resume", resume_, "resume an interrupted transfer (default)");
+    auto* resume = app.add_flag_callback(
+        "--resume", [this] { resume_ = true; }, "continue an interrupted transfer (default)");
+    app.add_flag_callback(
+           "--no-resume", [this] { resume_ = false; },
+           "transfer from the beginning, and leave no partial file after an interruption")
+        ->excludes(resume);
     app.add_flag("--checksum", checksum_, "verify SHA-256 checksums after the transfer");
   }
 

@@ -300,6 +300,14 @@ class ForScripts(OneDevice):
         self.fails(("hostid", "one", "two", "three"), 2, "unexpected arguments: one two three ")
         self.fails(("exce", "ls"), 2, r"unknown command 'exce' \(did you mean 'exec'\?")
         self.fails(("hostid", "--jsno"), 2, r"unknown option '--jsno' \(did you mean '--json'\?")
+        self.fails(("job", "strat"), 2, r"unknown command 'job strat' \(did you mean 'start'\?")
+        self.fails(("job", "list", "strat"), 2, "unexpected argument: strat ")
+        self.fails(("job",), 2, "subcommand is required")
+
+    def test_a_size_out_of_range_is_told_with_units(self):
+        for size in ("1", "x", "2048G"):
+            self.fails(("--memory", size, "hostid"), 2, f"--memory: '{size}': expected a size from 16M to ")
+        self.fails(("sh", "--stream", "--job-limit", "1K", "x"), 2, "expected a size from 4K to 1024G")
 
     def test_usage_errors_have_status_2(self):
         self.fails((), 2, "subcommand is required")

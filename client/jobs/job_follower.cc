@@ -59,7 +59,10 @@ void JobFollower::looked(const Reply& reply) {
     return;
   }
   if (!job.started || (started_ && !(*started_ == *job.started))) {
-    fail({Kind::device, Cause::changed, "job " + place_.id + " was replaced by another one"});
+    fail({Kind::device, Cause::changed,
+          "job " + place_.id +
+              " was removed, and its ID was used for another job: the end of its " +
+              "output and its exit status are lost"});
     return;
   }
   link_.keepTrying();

@@ -203,6 +203,8 @@ void StreamJob::failed(const runel::Error& error) {
     shown.advise("the job may continue: " + comeBack());
   } else if (error.number() == EEXIST) {
     shown.hint = comeBack();
+  } else if (error.cause() == runel::Cause::changed) {
+    shown.hint = "to follow the other job: " + comeBack();
   }
   end({exitStatusOf(shown), shown});
 }

@@ -415,6 +415,23 @@ class Identity(JobCase):
         self.device = self.start_device()
         self.assertEqual((run.finish(), run.out), (6, b"ready\nint\n"))
 
+    def test_another_job_with_the_same_id_is_told(self):
+        self.start_job("sh", "-c", "echo ready; sleep 1000", options=("--id", "same"))
+        self.start_job("sleep", "1000", options=("--id", "other"))
+        run = self.begin("job", "attach", "same")
+        run.wait_out(b"ready\n")
+        self.device.send_signal(signal.SIGKILL)
+        self.device.wait()
+        os.rename(self.files_of("same"), self.files_of("first"))
+        os.rename(self.files_of("other"), self.files_of("same"))
+        run.wait_err(b"trying to connect again")
+        self.device = self.start_device()
+        self.assertEqual(run.finish(), 1)
+        self.assertEqual(run.err.decode().splitlines()[-1],
+                         "runelctl: 127.0.0.1: job same was removed, and its ID was used for another job: "
+                         "the end of its output and its exit status are lost (to follow the other job: "
+                         "runelctl -d 127.0.0.1 job attach same)")
+
     def test_sigterm_and_sighup_are_passed_on(self):
         for number, name in ((signal.SIGTERM, b"term"), (signal.SIGHUP, b"hup")):
             run = self.begin("sh", "--stream", "trap 'echo term; exit 4' TERM; "

@@ -20,7 +20,7 @@ const char* signalName(int number) {
 }  // namespace
 
 StreamJob::StreamJob(JobContext context, StreamPlan plan)
-    : Job(std::move(context)), plan_(std::move(plan)) {
+    : Job(std::move(context)), plan_(std::move(plan)), sentBefore_(device().sent()) {
   putBytes(report().result(), "job", plan_.place.id);
 }
 
@@ -108,12 +108,14 @@ bool StreamJob::interrupt(int number) {
 
 // Asked for after an attempt that was ended from outside, such as by its deadline.
 std::optional<runel::Request> StreamJob::cleanUp() const {
-  return plan_.start && !over_ ? std::make_optional(runel::signalJob(plan_.place, "END"))
-                               : std::nullopt;
+  return plan_.start && !over_ && device().sent() != sentBefore_
+             ? std::make_optional(runel::signalJob(plan_.place, "END"))
+             : std::nullopt;
 }
 
 std::string StreamJob::remainder() const {
-  if (over_ || (!plan_.start && !plan_.follow.wait)) {
+  const bool unsent = plan_.start && device().sent() == sentBefore_;
+  if (over_ || unsent || (!plan_.start && !plan_.follow.wait)) {
     return "";
   }
   return (plan_.start ? "the program is being stopped: " : "the job continues: ") + comeBack();

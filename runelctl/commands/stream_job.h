@@ -55,6 +55,7 @@ class StreamJob : public Job {
   std::unique_ptr<runel::JobFollower> follower_;
   std::string held_[2];  // the beginning of a character, for JSON
   int interruptions_ = 0;
+  const std::size_t sentBefore_;  // requests, by other commands on a lent device
   bool disconnected_ = false;
   bool missing_ = false;  // a part of the output
   bool over_ = false;

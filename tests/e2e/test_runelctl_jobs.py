@@ -1,17 +1,19 @@
 # SPDX-License-Identifier: Apache-2.0
 """Programs that run as jobs: exec --stream, sh --stream, job."""
+import contextlib
 import hashlib
 import os
 import re
 import shutil
 import signal
+import socket
 import stat
 import subprocess
 import time
 import unittest
 
 from support import networks
-from support.ctl import Between, answer_each, reply
+from support.ctl import Between, CtlCase, answer_each, reply
 from support.jobs import JOBS, JobCase, alive
 from support.wait import TIMEOUT, wait_until
 
@@ -675,6 +677,31 @@ class ManyDevices(JobCase):
         run.interrupt()
         self.assertEqual(run.finish(), 130)
         self.assertEqual(self.succeed("-q", *self.both, "job", "list").out, b"")
+
+
+class Unreached(CtlCase):
+    """A device that accepts no connection."""
+
+    @staticmethod
+    def holds_signals(pid):
+        """Whether the process takes its signals by itself."""
+        with open(f"/proc/{pid}/status", encoding="ascii") as about:
+            blocked = re.search(r"SigBlk:\s+(\w+)", about.read())[1]
+        return int(blocked, 16) & 1 << signal.SIGINT - 1
+
+    def test_an_interrupt_does_not_claim_to_stop_a_program(self):
+        with contextlib.ExitStack() as stack:
+            listener = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+            for _ in range(3):
+                waiting = stack.enter_context(socket.socket())
+                waiting.setblocking(False)
+                waiting.connect_ex(listener.getsockname())
+            where = "127.0.0.1:%d" % listener.getsockname()[1]
+            process = self.start("-d", where, "sh", "--stream", "true")
+            wait_until(lambda: self.holds_signals(process.pid), "it takes signals")
+            process.send_signal(signal.SIGINT)
+            self.assertEqual(process.communicate(timeout=TIMEOUT)[1].decode(),
+                             f"runelctl: {where}: interrupted\n")
 
 
 class Hostile(JobCase):

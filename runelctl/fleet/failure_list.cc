@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "fleet/failure_list.h"
 
+#include "fleet/folded_lines.h"
 #include "output/name_ranges.h"
 
 namespace runelctl {
@@ -11,23 +12,13 @@ void FailureList::add(std::size_t index, const std::string& device, const std::s
 }
 
 std::vector<std::string> FailureList::lines(bool untold) const {
-  std::vector<std::string> reasons;  // in the order of the lines
-  std::unordered_map<std::string, std::vector<std::string>> devices;
+  FoldedLines lines;
   for (const auto& [index, failure] : failures_) {
-    if (untold && failure.told) {
-      continue;
+    if (!untold || !failure.told) {
+      lines.add(index, failure.device, failure.reason);
     }
-    std::vector<std::string>& same = devices[failure.reason];
-    if (same.empty()) {
-      reasons.push_back(failure.reason);
-    }
-    same.push_back(failure.device);
   }
-  std::vector<std::string> lines;
-  for (const std::string& reason : reasons) {
-    lines.push_back(foldNames(devices[reason]) + ": " + reason);
-  }
-  return lines;
+  return lines.take();
 }
 
 std::string FailureList::names() const {

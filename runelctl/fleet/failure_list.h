@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <map>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace runelctl {

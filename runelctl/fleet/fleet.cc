@@ -23,6 +23,8 @@ constexpr runel::Milliseconds kRetryPause{500};
 // Bytes of a frame in the human-readable output of a dry run.
 constexpr std::size_t kMostPayloadShown = 400;
 constexpr std::chrono::seconds kWatchPause{1};
+// How long notes wait for equal ones of other devices.
+constexpr runel::Milliseconds kNotesPause{200};
 // The default with several devices.
 constexpr int kFleetDeadline = 600;
 constexpr char kUnknown[] = "it is unknown whether the task ran: check, then run it again";
@@ -223,7 +225,9 @@ Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Prin
   }
 }
 
-Fleet::~Fleet() = default;
+Fleet::~Fleet() {
+  loop_.cancel(notesDue_);
+}
 
 int Fleet::run() {
   runel::AsyncFleet::Handlers handlers;
@@ -242,6 +246,7 @@ int Fleet::run() {
     removeLeftovers();
     throw;
   }
+  showNotes();
   printer_.statusLine().clear();
   printer_.flush();
   int status = std::max(cancelled_, printer_.status());
@@ -295,9 +300,7 @@ std::unique_ptr<runel::FleetJob> Fleet::start(runel::FleetAttempt attempt) {
 void Fleet::openReport(Member& member, std::size_t index) {
   const std::string& name = member.target.name();
   member.report.emplace(style_, openingObject(name, command_.task()), settings_.spool);
-  member.report->onNote = [this, name](const std::string& text) {
-    printer_.note(name + ": " + text);
-  };
+  member.report->onNote = [this, index](const std::string& text) { addNote(index, text); };
   if (command_.streams()) {
     streamReport(member);
   } else if (members_.size() == 1 && settings_.retry == 0) {
@@ -404,6 +407,7 @@ void Fleet::conclude(const runel::FleetResult& result) {
   Outcome outcome = outcomeOf(member, result);
   if (outcome.error) {
     explain(member, *outcome.error);
+    showNotes();
   }
   if (member.lines) {
     member.lines->end();
@@ -444,6 +448,24 @@ void Fleet::interrupt(int number) {
   fleet_.startNoFurther();
   for (const Attempt* attempt : others) {
     attempt->cancel();
+  }
+}
+
+// Several devices often have the same to tell at nearly the same time.
+void Fleet::addNote(std::size_t index, const std::string& text) {
+  if (notes_.empty() && members_.size() > 1) {
+    notesDue_ = loop_.after(kNotesPause, [this] { showNotes(); });
+  }
+  notes_.add(index, members_[index]->target.name(), text);
+  if (members_.size() == 1) {
+    showNotes();
+  }
+}
+
+void Fleet::showNotes() {
+  loop_.cancel(notesDue_);
+  for (const std::string& line : notes_.take()) {
+    printer_.note(line);
   }
 }
 

@@ -13,6 +13,7 @@
 #include "commands/command.h"
 #include "fleet/awaited_devices.h"
 #include "fleet/fleet_progress.h"
+#include "fleet/folded_lines.h"
 #include "fleet/printer.h"
 
 namespace runelctl {
@@ -53,6 +54,8 @@ class Fleet {
   void explain(Member& member, Error& error) const;
   void conclude(const runel::FleetResult& result);
   void endWave(std::size_t wave, std::size_t failed, bool stopped);
+  void addNote(std::size_t index, const std::string& text);
+  void showNotes();
   void showProgress(bool now);
   void watch();
   void turn();
@@ -74,6 +77,8 @@ class Fleet {
   std::string awaitedText_;  // for the status line
   runel::Clock::time_point watched_;
   FleetProgress progress_;
+  FoldedLines notes_;
+  runel::Timer notesDue_;
   runel::AsyncFleet fleet_;  // last: its jobs refer to the members
 };
 

@@ -61,6 +61,10 @@ class LinePrefix {
   bool atStart_ = true;
 };
 
+std::string hintText(const Error& error) {
+  return error.hint.empty() ? "" : " (" + error.hint + ")";
+}
+
 }  // namespace
 
 Json endingFields(const Outcome& outcome) {
@@ -219,9 +223,17 @@ void Printer::finished(const Finished& end, Report& report) {
   printErrors(end, report);
   closeFiles(end.device);
   if (end.outcome.status != 0) {
-    const bool told = end.outcome.error || !report.warnings().empty();
-    failures_.add(end.index, end.device, reasonOf(end.outcome), told);
+    const bool later = toldAtTheEnd(end.outcome);
+    const bool told = !later && (end.outcome.error || !report.warnings().empty());
+    const std::string hint = later ? hintText(*end.outcome.error) : "";
+    failures_.add(end.index, end.device, reasonOf(end.outcome) + hint, told);
   }
+}
+
+// An interrupt ends all devices at the same time: only the lines of the failures are printed, with
+// the equal ones folded.
+bool Printer::toldAtTheEnd(const Outcome& outcome) const {
+  return many_ && !style_.json && outcome.error && outcome.error->fault == Fault::cancelled;
 }
 
 void Printer::printJson(const Finished& end, Report& report) {
@@ -307,8 +319,8 @@ void Printer::showTable() {
 // Also to the file of the device, without colors.
 void Printer::printErrors(const Finished& end, const Report& report) {
   const std::string begin = "runelctl: " + terminalSafe(end.device) + ": ";
-  const auto tell = [&](const std::string& shown, const std::string& plain) {
-    if (!style_.json) {
+  const auto tell = [&](const std::string& shown, const std::string& plain, bool later = false) {
+    if (!style_.json && !later) {
       err(begin + shown);
     }
     if (OutputFiles* const kept = files(end.device)) {
@@ -325,8 +337,8 @@ void Printer::printErrors(const Finished& end, const Report& report) {
   }
   if (const auto& error = end.outcome.error) {
     const std::string what = terminalSafe(error->what);
-    const std::string hint = error->hint.empty() ? "" : " (" + terminalSafe(error->hint) + ")";
-    tell(style_.red(what) + hint, what + hint);
+    const std::string hint = terminalSafe(hintText(*error));
+    tell(style_.red(what) + hint, what + hint, toldAtTheEnd(end.outcome));
   }
 }
 

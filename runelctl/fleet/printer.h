@@ -80,6 +80,7 @@ class Printer {
   void printPrefixed(const std::string& device, const runel::HeldBytes& text);
   void printUnder(const std::string& heading, const runel::HeldBytes& text);
   void printErrors(const Finished& end, const Report& report);
+  [[nodiscard]] bool toldAtTheEnd(const Outcome& outcome) const;
   [[nodiscard]] std::string failureText(const Outcome& outcome) const;
   void showTable();
   void tellFailures(const std::vector<std::string>& skipped);

@@ -678,6 +678,16 @@ class ManyDevices(JobCase):
         self.assertEqual(run.finish(), 130)
         self.assertEqual(self.succeed("-q", *self.both, "job", "list").out, b"")
 
+    def test_a_note_about_several_devices_is_one_line(self):
+        run = self.begin("--prefix", *self.both, "sh", "--stream", "echo ready; sleep 1000")
+        for name in (b"127.0.0.1", b"10.9.0.2"):
+            run.wait_out(name + b": ready\n")
+        run.interrupt()
+        self.assertEqual(run.finish(), 130)
+        self.assertEqual(run.err.decode().splitlines()[0],
+                         "runelctl: 127.0.0.1,10.9.0.2: SIGINT sent to the program; interrupt again to "
+                         "send SIGTERM")
+
 
 class Unreached(CtlCase):
     """A device that accepts no connection."""

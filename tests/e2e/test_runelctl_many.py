@@ -403,8 +403,10 @@ class Shown(CtlCase):
             self.assertTrue(asked.acquire(timeout=TIMEOUT))
         process.send_signal(signal.SIGINT)
         self.assertEqual(process.wait(TIMEOUT), 130)
-        self.assertIn(b"6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 skipped",
-                      process.stderr.read())
+        self.assertEqual(process.stderr.read().decode().splitlines(), [
+            f"runelctl: 127.2.0.1:{where},127.2.0.2:{where}: interrupted",
+            f"runelctl: 127.2.0.[3-6]:{where}: skipped",
+            "runelctl: 6 devices: 0 ok, 2 failed, 0 timed out, 0 unreachable, 4 skipped"])
 
 
 def exited(status, output=b""):

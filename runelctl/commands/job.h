@@ -73,6 +73,9 @@ class Job {
     (void)number;
     return false;
   }
+  /// The reader of the output has left. Returns true if this job ends its program on the device and
+  /// then itself. False to be cancelled.
+  [[nodiscard]] virtual bool endProgram() { return false; }
   /// True for a job that tells itself what has become of its program: the requests that were not
   /// answered do not matter.
   [[nodiscard]] virtual bool knowsOutcome() const { return false; }

@@ -106,6 +106,14 @@ bool StreamJob::interrupt(int number) {
   return true;
 }
 
+// A program that another caller has started continues.
+bool StreamJob::endProgram() {
+  if (follower_ && plan_.start && !over_) {
+    follower_->signal("END", [](runel::JobAnswer) {});
+  }
+  return over_ || (follower_ && plan_.start);
+}
+
 // Asked for after an attempt that was ended from outside, such as by its deadline.
 std::optional<runel::Request> StreamJob::cleanUp() const {
   return plan_.start && !over_ && device().sent() != sentBefore_

@@ -33,6 +33,7 @@ class StreamJob : public Job {
   StreamJob(JobContext context, StreamPlan plan);
   void start() override;
   [[nodiscard]] bool interrupt(int number) override;
+  [[nodiscard]] bool endProgram() override;
   [[nodiscard]] std::optional<runel::Request> cleanUp() const override;
   [[nodiscard]] std::string remainder() const override;
   [[nodiscard]] std::string sentLater() const override;

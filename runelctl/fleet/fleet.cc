@@ -14,6 +14,7 @@
 #include "client/fleet/clean_up.h"
 
 #include "fleet/line_stream.h"
+#include "fleet/output_guard.h"
 
 namespace runelctl {
 namespace {
@@ -25,6 +26,8 @@ constexpr std::size_t kMostPayloadShown = 400;
 constexpr std::chrono::seconds kWatchPause{1};
 // How long notes wait for equal ones of other devices.
 constexpr runel::Milliseconds kNotesPause{200};
+// How long ending the programs may take when standard output is lost.
+constexpr runel::Milliseconds kEndingTime{10000};
 // The default with several devices.
 constexpr int kFleetDeadline = 600;
 constexpr char kUnknown[] = "it is unknown whether the task ran: check, then run it again";
@@ -160,6 +163,7 @@ class Fleet::Attempt : public runel::FleetJob {
 
   // Returns whether the job deals with the signal, or has ended.
   [[nodiscard]] bool interrupt(int number) { return member_.outcome || job_->interrupt(number); }
+  [[nodiscard]] bool endProgram() { return member_.outcome || job_->endProgram(); }
   void cancel() const {
     attempt_.finish(runel::Error(runel::Kind::local, runel::Cause::cancelled, "cancelled"));
   }
@@ -227,6 +231,7 @@ Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Prin
 
 Fleet::~Fleet() {
   loop_.cancel(notesDue_);
+  loop_.cancel(endingLimit_);
 }
 
 int Fleet::run() {
@@ -238,13 +243,15 @@ int Fleet::run() {
   };
   fleet_.run([this](runel::FleetAttempt attempt) { return start(std::move(attempt)); },
              std::move(handlers));
-  try {
-    while (!over_) {
-      turn();
-    }
-  } catch (const std::bad_alloc&) {
-    removeLeftovers();
-    throw;
+  if (command_.streams()) {
+    printer_.outliveOutput();
+    const OutputGuard guard(loop_, [this] { printer_.loseOutput(EPIPE); });
+    runToEnd();
+  } else {
+    runToEnd();
+  }
+  if (printer_.outputLost()) {
+    printer_.endWithoutOutput();
   }
   showNotes();
   printer_.statusLine().clear();
@@ -256,8 +263,22 @@ int Fleet::run() {
   return status;
 }
 
+void Fleet::runToEnd() {
+  try {
+    while (!over_) {
+      turn();
+    }
+  } catch (const std::bad_alloc&) {
+    removeLeftovers();
+    throw;
+  }
+}
+
 void Fleet::turn() {
   loop_.turn(runel::Milliseconds(1000));
+  if (printer_.outputLost() && !over_) {
+    endPrograms();
+  }
   watch();
   showProgress(over_);
 }
@@ -449,6 +470,20 @@ void Fleet::interrupt(int number) {
   for (const Attempt* attempt : others) {
     attempt->cancel();
   }
+}
+
+// The output has no reader any more: ends the programs that this run has started.
+void Fleet::endPrograms() {
+  if (std::exchange(ending_, true)) {
+    return;
+  }
+  fleet_.startNoFurther();
+  for (const auto& member : members_) {
+    if (member->attempt != nullptr && !member->attempt->endProgram()) {
+      member->attempt->cancel();
+    }
+  }
+  endingLimit_ = loop_.after(kEndingTime, [this] { fleet_.cancel(); });
 }
 
 // Several devices often have the same to tell at nearly the same time.

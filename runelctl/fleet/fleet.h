@@ -54,11 +54,13 @@ class Fleet {
   void explain(Member& member, Error& error) const;
   void conclude(const runel::FleetResult& result);
   void endWave(std::size_t wave, std::size_t failed, bool stopped);
+  void endPrograms();
   void addNote(std::size_t index, const std::string& text);
   void showNotes();
   void showProgress(bool now);
-  void watch();
+  void runToEnd();
   void turn();
+  void watch();
   void removeLeftovers() const;
 
   runel::Loop& loop_;
@@ -79,6 +81,8 @@ class Fleet {
   FleetProgress progress_;
   FoldedLines notes_;
   runel::Timer notesDue_;
+  bool ending_ = false;  // the programs, because standard output is lost
+  runel::Timer endingLimit_;
   runel::AsyncFleet fleet_;  // last: its jobs refer to the members
 };
 

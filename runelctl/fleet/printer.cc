@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 #include <unistd.h>
@@ -87,21 +88,34 @@ Printer::Printer(const Style& style, Arrange arrange, std::string task, bool man
       statusLine_(style) {}
 
 void Printer::out(std::string_view bytes) {
-  statusLine_.clear();
-  if (!output_.write(bytes)) {
-    endWithoutOutput();
+  if (outputError_ == 0) {
+    statusLine_.clear();
+    written(output_.write(bytes));
   }
 }
 
 void Printer::endText() {
-  if (!output_.endText()) {
-    endWithoutOutput();
+  if (outputError_ == 0) {
+    written(output_.endText());
   }
 }
 
-// Standard output is lost. (A closed pipe ends the process by SIGPIPE instead.)
+void Printer::written(bool success) {
+  if (!success) {
+    loseOutput(errno);
+    if (!outlives_) {
+      endWithoutOutput();
+    }
+  }
+}
+
+// A closed pipe ends the process by SIGPIPE, unless the caller of the process ignores this signal.
 void Printer::endWithoutOutput() {
-  err("runelctl: standard output: " + runel::systemText(errno));
+  if (outputError_ == EPIPE) {
+    (void)std::raise(SIGPIPE);
+  }
+  const std::string why = runel::systemText(std::exchange(outputError_, 0));
+  err("runelctl: standard output: " + why);
   _exit(kExitTaskFailed);
 }
 
@@ -124,7 +138,11 @@ void Printer::outHeld(const runel::HeldBytes& text) {
   pass(text, [this](std::string_view piece) { out(piece); });
 }
 
+// Without a reader, a pipeline ends silently.
 void Printer::err(const std::string& line) {
+  if (outputError_ == EPIPE) {
+    return;
+  }
   statusLine_.clear();
   (void)writeAll(STDERR_FILENO, line + "\n");  // an error here cannot be reported
 }
@@ -174,6 +192,9 @@ void Printer::show(std::string_view bytes) {
 }
 
 void Printer::showError(std::string_view bytes) {
+  if (outputError_ == EPIPE) {
+    return;
+  }
   statusLine_.clear();
   errors_.write(bytes);
 }

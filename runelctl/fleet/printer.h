@@ -68,6 +68,14 @@ class Printer {
   /// Writes an error that is not the failure of a device.
   void problem(const std::string& text);
 
+  /// From now on, the loss of standard output does not end the process: its owner does that.
+  void outliveOutput() { outlives_ = true; }
+  /// Standard output is lost: nothing is written to it any more. @p error is an error number.
+  void loseOutput(int error) { outputError_ = error; }
+  [[nodiscard]] bool outputLost() const { return outputError_ != 0; }
+  /// Ends the process after the loss of standard output.
+  [[noreturn]] void endWithoutOutput();
+
   /// The names of the devices that have failed so far.
   [[nodiscard]] std::string failedNames() const { return failures_.names(); }
   /// 1 if output was lost, otherwise 0.
@@ -93,7 +101,7 @@ class Printer {
   void pass(const runel::HeldBytes& text, const std::function<void(std::string_view)>& use);
   void lostText();
   void endText();
-  [[noreturn]] void endWithoutOutput();
+  void written(bool success);
   void err(const std::string& line);
 
   const Style& style_;
@@ -111,6 +119,8 @@ class Printer {
   bool filesTried_ = false;
   std::set<std::string> unkept_;  // devices whose files cannot be written
   int status_ = 0;
+  int outputError_ = 0;
+  bool outlives_ = false;
 };
 
 /// The fields of @p outcome in the last object of a device.

@@ -688,6 +688,15 @@ class ManyDevices(JobCase):
                          "runelctl: 127.0.0.1,10.9.0.2: SIGINT sent to the program; interrupt again to "
                          "send SIGTERM")
 
+    def test_a_closed_pipe_ends_the_programs_on_all_devices(self):
+        for words in (("--prefix",), ()):
+            run = self.begin(*words, *self.both, "sh", "--stream", "echo ready; sleep 1000")
+            wait_until(lambda: self.ctl("--json", *self.both, "job", "list").out.count(b'"running"') == 2,
+                       "both programs run")
+            run.process.stdout.close()
+            self.assertEqual((run.finish(), run.err), (-signal.SIGPIPE, b""))
+            self.assertEqual(self.succeed("-q", *self.both, "job", "list").out, b"", words)
+
 
 class Unreached(CtlCase):
     """A device that accepts no connection."""
@@ -712,6 +721,57 @@ class Unreached(CtlCase):
             process.send_signal(signal.SIGINT)
             self.assertEqual(process.communicate(timeout=TIMEOUT)[1].decode(),
                              f"runelctl: {where}: interrupted\n")
+
+
+class LostOutput(JobCase):
+    """Standard output of runelctl is lost while the program runs."""
+
+    def begin_program(self, line, *options, **streams):
+        """Starts @p line, which writes "ready" when the file `pid` has its process number."""
+        run = self.begin(*options, "sh", "--stream", f"echo $$ >{self.path('pid')}; echo ready; {line}",
+                         **streams)
+        if run.process.stdout:
+            run.wait_out(b"ready\n")
+        return run
+
+    def assert_ended(self, run, status):
+        self.assertEqual(run.finish(), status, run.err)
+        program = int(self.content("pid"))
+        wait_until(lambda: not alive(program), "the program ends")
+
+    def test_a_closed_pipe_ends_the_program_and_then_runelctl_by_sigpipe(self):
+        for line in ("yes", "exec sleep 1000", "trap '' PIPE TERM; while :; do sleep 0.1; echo; done"):
+            run = self.begin_program(line)
+            run.process.stdout.close()
+            self.assert_ended(run, -signal.SIGPIPE)
+            self.assertEqual((run.err, os.listdir(JOBS)), (b"", []), line)
+
+    def test_a_full_disk_ends_it_with_an_error(self):
+        with open("/dev/full", "wb") as full:
+            self.assert_ended(run := self.begin_program("sleep 1000", stdout=full), 1)
+        self.assertEqual(run.err, b"runelctl: standard output: No space left on device\n")
+        self.assertEqual(os.listdir(JOBS), [])
+
+    def test_where_sigpipe_is_ignored_it_ends_with_an_error(self):
+        run = self.begin_program("sleep 1000", restore_signals=False)
+        run.process.stdout.close()
+        self.assert_ended(run, 1)
+        self.assertEqual(run.err, b"runelctl: standard output: Broken pipe\n")
+
+    def test_a_job_that_is_only_looked_at_continues(self):
+        job = self.start_job("sh", "-c", "echo ready; sleep 1000")
+        run = self.begin("job", "attach", job)
+        run.wait_out(b"ready\n")
+        run.process.stdout.close()
+        self.assertEqual((run.finish(), run.err), (-signal.SIGPIPE, b""))
+        self.assertEqual(self.states(), {job: "running"})
+
+    def test_a_device_that_is_silent_does_not_hold_it_up(self):
+        run = self.begin_program("sleep 1000", "--deadline", "60")
+        self.device.send_signal(signal.SIGSTOP)
+        self.addCleanup(self.device.send_signal, signal.SIGCONT)
+        run.process.stdout.close()
+        self.assertEqual(run.finish(), -signal.SIGPIPE)
 
 
 class Hostile(JobCase):

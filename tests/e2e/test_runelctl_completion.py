@@ -317,7 +317,7 @@ class Zsh(CompletionCase):
                           ("pull --exclude-f", "--exclude-from "), ("push -z --exclude x so", "some-file "),
                           ("sync --exclude-from so", "some-file "), ("exec --str", "--stream "),
                           ("sh --stream --job-li", "--job-limit "), ("job start --i", "--id "),
-                          ("job output --job-d", "--job-directory "), ("inventory --gr", "--groups ")):
+                          ("job output --job-d", "--job-directory "), ("inventory --nam", "--names ")):
             self.completes(f"runelctl {typed}", to)
 
     def test_general_options_are_completed(self):

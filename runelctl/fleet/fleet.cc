@@ -161,6 +161,14 @@ class Fleet::Attempt : public runel::FleetJob {
 
   [[nodiscard]] std::optional<runel::Request> cleanUp() const override { return job_->cleanUp(); }
 
+  // Closes the connection: a part of a request would keep the device from serving another one.
+  // Returns the request that removes what the job leaves.
+  [[nodiscard]] std::optional<runel::Request> abandon() const {
+    auto request = cleanUp();
+    attempt_.device.abandon();
+    return request;
+  }
+
   // Returns whether the job deals with the signal, or has ended.
   [[nodiscard]] bool interrupt(int number) { return member_.outcome || job_->interrupt(number); }
   [[nodiscard]] bool endProgram() { return member_.outcome || job_->endProgram(); }
@@ -290,7 +298,7 @@ void Fleet::removeLeftovers() const {
   std::vector<std::unique_ptr<runel::CleanUp>> removals;
   std::size_t left = 0;
   for (const auto& member : members_) {
-    auto request = member->attempt != nullptr ? member->attempt->cleanUp() : std::nullopt;
+    auto request = member->attempt != nullptr ? member->attempt->abandon() : std::nullopt;
     if (request) {
       ++left;
       removals.push_back(

@@ -1,4 +1,4 @@
-# Preloaded into the daemon under test. They depend on the kernel's calling convention and exist for
+# Preloaded into the daemon or the runelctl under test. They depend on the kernel's calling convention and exist for
 # one architecture only.
 add_library(verify_dispatch MODULE
   preload/dispatch.c preload/library_calls.c preload/state.c preload/trace.c)
@@ -26,6 +26,10 @@ endfunction()
 
 runeld_verify(faults 600)
 runeld_verify(allocations 600)
+if(RUNELD_CTL)
+  runeld_verify(transfers 600)
+  set_property(TEST verify_transfers APPEND PROPERTY ENVIRONMENT "RUNELCTL_BIN=$<TARGET_FILE:runelctl>")
+endif()
 # The images of a coverage build would contain the counts that the daemon writes.
 if(NOT RUNELD_COVERAGE)
   runeld_verify(power_cuts 600)

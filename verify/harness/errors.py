@@ -15,6 +15,9 @@ _NAMES = {
     "close": "EBADF EDQUOT EINTR EIO ENOSPC",
     "connect": "EACCES EADDRINUSE EADDRNOTAVAIL EAFNOSUPPORT EAGAIN EALREADY EBADF ECONNREFUSED "
                "EFAULT EINPROGRESS EINTR EISCONN ENETUNREACH ENOTSOCK EPERM EPROTOTYPE ETIMEDOUT",
+    "epoll_create1": "EINVAL EMFILE ENFILE ENOMEM",
+    "epoll_ctl": "EBADF EINVAL ENOMEM ENOSPC EPERM",
+    "epoll_wait": "EBADF EFAULT EINTR EINVAL",
     "fchmod": "EBADF EIO EPERM EROFS",
     "fchown": "EBADF EIO ENOENT EPERM EROFS",
     "fcntl": "EACCES EAGAIN EBADF EFAULT EINVAL EMFILE EPERM",
@@ -38,12 +41,14 @@ _NAMES = {
     "clock_nanosleep": "EFAULT EINTR EINVAL",
     "openat": f"{_PATH} EBADF EBUSY EDQUOT EEXIST EFBIG EINTR EINVAL EISDIR EMFILE ENFILE ENODEV "
               "ENOSPC ENXIO EOPNOTSUPP EOVERFLOW EPERM EROFS ETXTBSY EWOULDBLOCK",
+    "openat2": f"{_PATH} E2BIG EAGAIN EBADF EINTR EINVAL EMFILE ENFILE ENOSPC ENOSYS EPERM EROFS EXDEV",
     "pidfd_open": "EINVAL EMFILE ENFILE ENODEV ENOMEM ESRCH",
     "pipe2": "EFAULT EINVAL EMFILE ENFILE",
     "poll": "EFAULT EINTR EINVAL ENOMEM",
     "popen": "EAGAIN EMFILE ENFILE ENOMEM",
     "posix_spawnp": "E2BIG EACCES EAGAIN EIO ELOOP ENOENT ENOEXEC ENOMEM ENOSYS",
     "prlimit64": "EFAULT EINVAL EPERM ESRCH",
+    "pread64": "EAGAIN EBADF EFAULT EINTR EINVAL EIO EISDIR ENXIO EOVERFLOW ESPIPE",
     "pselect6": "EBADF EINTR EINVAL ENOMEM",
     "read": "EAGAIN EBADF EFAULT EINTR EINVAL EIO EISDIR",
     # Without EINVAL, which means that the path is not a link.
@@ -56,11 +61,14 @@ _NAMES = {
                "EMSGSIZE ENOBUFS ENOMEM ENOTCONN ENOTSOCK EOPNOTSUPP EPIPE",
     "setsockopt": "EBADF EFAULT EINVAL ENOPROTOOPT ENOTSOCK",
     "shutdown": "EBADF EINVAL ENOTCONN ENOTSOCK",
+    "signalfd4": "EBADF EINVAL EMFILE ENFILE ENODEV ENOMEM",
     "socket": "EACCES EAFNOSUPPORT EINVAL EMFILE ENFILE ENOBUFS ENOMEM EPROTONOSUPPORT",
     "statfs": f"{_PATH} EINTR EIO ENOSYS EOVERFLOW",
     "system": "EAGAIN ECHILD ENOMEM",
+    "symlinkat": f"{_PATH} EBADF EDQUOT EEXIST EIO ENOSPC EPERM EROFS",
     "uname": "EFAULT",
     "unlink": f"{_PATH} EBUSY EIO EISDIR EPERM EROFS",
+    "utimensat": f"{_PATH} EBADF EINVAL EPERM EROFS",
     "wait4": "ECHILD EINTR EINVAL",
     "waitid": "EBADF ECHILD EINTR EINVAL ESRCH",
     "write": "EAGAIN EBADF EDQUOT EFAULT EFBIG EINTR EINVAL EIO ENOSPC EPERM EPIPE",
@@ -68,15 +76,17 @@ _NAMES = {
 _NAMES["faccessat"] = _NAMES["faccessat2"] = _NAMES["access"]
 _NAMES["renameat"] = _NAMES["rename"] + " EBADF"
 _NAMES["unlinkat"] = _NAMES["unlink"] + " EBADF EINVAL ENOTEMPTY"
+_NAMES["rmdir"] = f"{_PATH} EBUSY EINVAL ENOTEMPTY EPERM EROFS"
+_NAMES["mkdirat"] = _NAMES["mkdir"]
 _NAMES["sendto"] = _NAMES["sendmsg"]
 
 # Calls that may complete partially.
-_SHORT = ("read", "write", "recvfrom", "sendmsg")
+_SHORT = ("pread64", "read", "write", "recvfrom", "sendmsg")
 
 ERRORS = {name: tuple(sorted({getattr(errno, one) for one in names.split()})) +
           ((SHORT,) if name in _SHORT else ()) for name, names in _NAMES.items()}
 
-# Calls of the daemon that cannot fail, or only for invalid arguments, which are constants here.
+# Calls that cannot fail, or only for invalid arguments, which are constants here.
 WITHOUT_ERRORS = frozenset((
     "exit_group", "futex", "getpid", "getrandom", "madvise", "munmap", "rt_sigreturn", "sync",
     "restart_syscall", "rt_sigaction",

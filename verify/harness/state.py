@@ -12,7 +12,7 @@ PLANS = 4
 TRACE_BYTES = 16 << 20
 SHORT = -1
 
-# The system calls of x86-64 that the daemon may make, by name.
+# The system calls of x86-64 that the daemon and runelctl may make, by name.
 NUMBERS = {
     "read": 0, "write": 1, "open": 2, "close": 3, "stat": 4, "fstat": 5, "lstat": 6, "poll": 7,
     "lseek": 8, "mmap": 9, "mprotect": 10, "munmap": 11, "brk": 12, "rt_sigaction": 13,
@@ -27,6 +27,8 @@ NUMBERS = {
     "waitid": 247, "openat": 257, "newfstatat": 262, "unlinkat": 263, "renameat": 264,
     "readlinkat": 267, "faccessat": 269, "pselect6": 270, "accept4": 288, "pipe2": 293,
     "sendmmsg": 307, "prlimit64": 302, "getrandom": 318, "pidfd_open": 434, "faccessat2": 439,
+    "rmdir": 84, "epoll_wait": 232, "epoll_ctl": 233, "mkdirat": 258, "symlinkat": 266,
+    "utimensat": 280, "signalfd4": 289, "epoll_create1": 291, "openat2": 437,
     "fork": FORK, "posix_spawnp": SPAWN, "popen": POPEN, "system": SYSTEM,
 }
 NAMES = {number: name for name, number in NUMBERS.items()}

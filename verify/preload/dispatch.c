@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/reboot.h>
 #include <sys/socket.h>
@@ -225,8 +226,13 @@ static void apply_effect(long call, const long* a, int error) {
   }
 }
 
+// The kernel has no reason to refuse the change or the removal of a watched descriptor.
+static int can_fail(long call, const long* a) {
+  return call != SYS_epoll_ctl || a[1] == EPOLL_CTL_ADD;
+}
+
 static long handle(long call, const long* a, ucontext_t* context) {
-  const int planned = verify_planned((int)call);
+  const int planned = can_fail(call, a) ? verify_planned((int)call) : 0;
   if (planned == kShortResult) {
     return make_partial(call, a, context);
   }

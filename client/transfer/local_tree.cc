@@ -113,7 +113,7 @@ class Scan {
     const std::string relative = parent.relative.empty() ? name : parent.relative + "/" + name;
     struct stat st {};
     if (fstatat(directory, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      return changedSince(path);
+      return changedSince(path, errno == ENOENT);
     }
     if (filter_.leavesOut(relative, S_ISDIR(st.st_mode))) {
       return std::nullopt;
@@ -121,7 +121,7 @@ class Scan {
     LocalEntry entry = entryOf(path, relative, st);
     entry.top = source_.top.get();
     if (entry.type == 'l' && !readLink(directory, name, entry.target)) {
-      return changedSince(path);
+      return changedSince(path, errno == ENOENT || errno == EINVAL);  // gone, or no link now
     }
     if (entry.type == '-' || entry.type == 'd' || entry.type == 'l') {
       todo_.push_back(std::move(entry));
@@ -131,9 +131,10 @@ class Scan {
     return std::nullopt;
   }
 
-  // Removed or replaced since its directory was read: left out. Anything else is an error.
-  std::optional<Error> changedSince(const std::string& path) {
-    if (errno != ENOENT && errno != EINVAL) {
+  // With @p changed it was removed or replaced since its directory was read: left out. Anything
+  // else is an error.
+  std::optional<Error> changedSince(const std::string& path, bool changed) {
+    if (!changed) {
       return Error::local(path, errno);
     }
     left_.push_back(path);

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -102,10 +103,12 @@ TEST_F(LocalTreeTest, AnEntryThatDisappearsIsLeftOut) {
 }
 
 TEST_F(LocalTreeTest, AnEntryThatCannotBeExaminedFailsTheScan) {
-  for (const char* call : {"fstatat", "readlinkat"}) {
+  const std::pair<const char*, int> failures[] = {
+      {"fstatat", EIO}, {"fstatat", EINVAL}, {"readlinkat", EIO}, {"readlinkat", EACCES}};
+  for (const auto& [call, error] : failures) {
     SpiedCalls calls;
-    calls.fail(call, EIO);
-    EXPECT_EQ(scan(), EIO) << call;
+    calls.fail(call, error);
+    EXPECT_EQ(scan(), error) << call;
     EXPECT_THAT(left_, ElementsAre()) << call;
   }
 }

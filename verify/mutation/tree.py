@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A copy of the tree with every mutant in it, built once."""
 import collections
+import concurrent.futures
 import dataclasses
 import hashlib
 import json
@@ -13,23 +14,23 @@ from mutation import operators
 
 HERE = pathlib.Path(__file__).resolve().parent
 COPIED = ("CMakeLists.txt", "cmake", "src", "lib", "include", "tests", "fuzz", "bench", "verify",
-          "scripts", "docs", "packaging", "man", "runelctl", "README.md", "SECURITY.md",
+          "scripts", "docs", "packaging", "man", "client", "runelctl", "README.md", "SECURITY.md",
           "LICENSE")
-PLACES = ("src", "lib", "include")
-LIBRARIES = ("runeld_base", "runeld_system", "runeld_server", "runeld_connections", "runeld_agent",
-             "runeld_options_scan", "runeld_protocol", "device_linux", "runeld")
 
 
 class Tree:
-    """A copy of @p root in @p directory, built there with @p jobs parallel jobs."""
+    """A copy of @p root in @p directory, built there with @p jobs parallel jobs, with the mutants of
+    @p area."""
 
-    def __init__(self, root, directory, jobs):
+    def __init__(self, root, directory, area, jobs):
         self.root = root
+        self.area = area
         self.cache = directory / "found"
         self.directory = directory / "tree"
         self.build = self.directory / "build" / "m"
         self.jobs = jobs
         self._arguments = {}
+        self._numbers = collections.defaultdict(set)
 
     def copy(self):
         """Updates the copy. Unchanged files keep their time and are not built again."""
@@ -42,31 +43,34 @@ class Tree:
     def _bring(self, path):
         relative = path.relative_to(self.root)
         target = self.directory / relative
-        if is_mutated(str(relative)) and target.exists():
+        if self.area.contains(str(relative)) and target.exists():
             return  # _write() adds its mutants
         write_if_new(target, path.read_bytes())
         target.chmod(path.stat().st_mode)
 
     def configure(self):
-        run(["cmake", "-S", self.directory, "-B", self.build, "-G", "Ninja", "-DRUNELD_CTL=OFF",
-             "-DRUNELD_CLIENT=OFF", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
-             "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"])
+        options = ["-S", self.directory, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+                   "-DCMAKE_CXX_FLAGS_DEBUG=-O0", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
+                   *self.area.options]
+        run(["cmake", *options, "-DRUNELD_UNITY=OFF"])  # so that each source has its command
         for entry in json.loads((self.build / "compile_commands.json").read_text()):
             path = str(pathlib.Path(entry["file"]).relative_to(self.directory))
-            if is_mutated(path):
-                # The include directories of the build are links into the copy.
-                self._arguments[path] = [
-                    *(f"-I{self.root / place}" for place in PLACES),
-                    *(word for word in shlex.split(entry["command"]) if word.startswith(("-D", "-std")))]
+            if self.area.contains(path):
+                self._arguments[path] = arguments(shlex.split(entry["command"]))
+        run(["cmake", *options])
 
     def find_mutants(self):
         """All mutants of all sources, numbered."""
-        mutants = []
-        for path in sorted(self._arguments):
-            mutants += self._find_in(path)
+        with concurrent.futures.ProcessPoolExecutor(self.jobs) as pool:
+            found = list(pool.map(self._find_in, sorted(self._arguments)))
+        mutants = [mutant for group in found for mutant in group]
         for number, mutant in enumerate(mutants):
             mutant.number = number
         return mutants
+
+    def numbers_near(self, mutant):
+        """The numbers of the mutants in the same function, and of those in the same file."""
+        return self._numbers[mutant.path, mutant.function], self._numbers[mutant.path]
 
     def _find_in(self, path):
         """The mutants of one source. Cached while neither the source nor the operators change."""
@@ -86,14 +90,17 @@ class Tree:
         while True:
             mutants = [mutant for mutant in mutants if repr(mutant.place()) not in bad]
             self._write(mutants)
-            output = self._ninja([*LIBRARIES, *targets], "-k0")
+            output = self._ninja([*self.area.targets, *targets], "-k0")
             if output is None:
-                write_if_new(refused, json.dumps(sorted(bad)).encode())
+                for mutant in mutants:
+                    self._numbers[mutant.path].add(mutant.number)
+                    self._numbers[mutant.path, mutant.function].add(mutant.number)
                 return mutants
             found = failing(mutants, output)
             if not found:
                 raise SystemExit(f"mutate: the build failed:\n{output[-4000:]}")
             bad |= found
+            write_if_new(refused, json.dumps(sorted(bad)).encode())
 
     def _write(self, mutants):
         by_path = collections.defaultdict(list)
@@ -113,18 +120,24 @@ class Tree:
     def test_programs(self):
         listed = subprocess.run(["ninja", "-C", str(self.build), "-t", "targets", "all"],
                                 capture_output=True, text=True, check=True).stdout
-        return sorted(set(re.findall(r"^(tests/(?:unit|contract)_\w+):", listed, re.M)))
+        objects = rf"^tests/{self.area.unit_tests}/CMakeFiles/((?:unit|contract)_\w+)\.dir/"
+        return sorted({f"tests/{name}" for name in re.findall(objects, listed, re.M)})
 
 
-def is_mutated(path):
-    return path.startswith(("src/", "lib/")) and path.endswith(".cc")
+def arguments(command):
+    """What the syntax tree needs of a compiler's @p command."""
+    found = [word for word in command if word.startswith(("-D", "-std", "-I"))]
+    for at, word in enumerate(command):
+        if word == "-isystem":
+            found += command[at:at + 2]
+    return found
 
 
 def failing(mutants, output):
     """The mutants on the lines of the compiler's errors."""
     lines = collections.defaultdict(set)
-    for path, line in re.findall(r"((?:src|lib)/[\w/]+\.cc):(\d+):\d+: error", output):
-        lines[path].add(int(line))
+    for path, line in re.findall(r"^(\S+\.cc):(\d+):\d+: error", output, re.M):
+        lines[re.sub(r".*/(?=(?:src|lib|client|runelctl)/)", "", path)].add(int(line))
     return {repr(mutant.place()) for mutant in mutants
             if any(mutant.line <= at <= mutant.last_line for at in lines[mutant.path])}
 

@@ -11,6 +11,7 @@ class Area:
     targets: tuple   # built besides the tests
     unit_tests: str  # regular expression: the directories of the GoogleTest programs
     modules: dict    # directory of sources -> modules of the end-to-end tests that may detect a change
+    slow: tuple = ()   # classes of these modules that would take too long, or only vary others
     other: tuple = ()  # directories below `sources` that are not mutated
 
     def contains(self, path):
@@ -64,7 +65,10 @@ RUNELCTL = Area(
         "runelctl/inventory": ctl("inventory", "many"),
         "runelctl/output": ctl("terminal", "tasks", "many", "pipes", "files"),
         "runelctl/shell": ctl("shell", "completion"),
-    }, ("client/examples/",))
+    },
+    ("AThousand", "CutOff", "Memory", "PullWithoutOpenat2", "PushWithAFilterOfSystemCalls", "Size",
+     "StreamWithBash", "StreamWithBusybox"),
+    ("client/examples/",))
 
 
 def area_of(modules):

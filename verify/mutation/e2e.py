@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs end-to-end tests one by one in one isolated world, in tests/e2e.
 
-    e2e.py measure RESULT MODULE     RESULT gets the duration of each test and the mutants it reaches:
-                                     {"module.Class.test": [seconds, [mutant, ...]], ...}. null instead
-                                     of the pair: the test fails.
-    e2e.py run RESULT TEST...        RESULT gets the name of the first test that fails
+    e2e.py measure RESULT MODULE CLASS...
+        RESULT gets the duration of each test and the mutants it reaches: {"module.Class.test":
+        [seconds, [mutant, ...]], ...}, with null instead of the pair for a test that fails. Leaves out
+        the named classes.
+    e2e.py run RESULT TEST...
+        RESULT gets the name of the first test that fails.
 """
 import json
 import mmap
@@ -49,10 +51,12 @@ def measured(tests):
 def main():
     world.require()
     what, result, *names = sys.argv[1:]
-    tests = flat(unittest.defaultTestLoader.loadTestsFromNames(names))
     if what == "measure":
+        tests = [test for test in flat(unittest.defaultTestLoader.loadTestsFromName(names[0]))
+                 if type(test).__name__ not in names[1:]]
         pathlib.Path(result).write_text(json.dumps(measured(tests)))
         return 0
+    tests = flat(unittest.defaultTestLoader.loadTestsFromNames(names))
     failing = next((test.id() for test in tests if not passes(test)), None)
     pathlib.Path(result).write_text(failing or "")
     return int(failing is not None)

@@ -70,7 +70,8 @@ class Suite:
             with tempfile.NamedTemporaryFile() as reach, tempfile.NamedTemporaryFile() as result:
                 reach.write(bytes(MOST))
                 reach.flush()
-                self._run_e2e(["measure", result.name, module], 3600, RUNELD_MUTANT_REACH=reach.name)
+                self._run_e2e(["measure", result.name, module, *self.tree.area.slow], 3600,
+                              RUNELD_MUTANT_REACH=reach.name)
                 text = pathlib.Path(result.name).read_text()
             if not text:
                 raise SystemExit(f"mutate: cannot measure {module}")

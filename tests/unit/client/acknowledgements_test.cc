@@ -17,6 +17,7 @@
 
 #include "base/unique_fd.h"
 #include "client/io/channel.h"
+#include "client/io/connector.h"
 #include "support/loopback.h"
 
 namespace runel {
@@ -68,6 +69,21 @@ class AcknowledgementsTest : public ::testing::Test {
   zell::UniqueFd near;
   zell::UniqueFd far;
 };
+
+TEST_F(AcknowledgementsTest, ASilentPeerIsProbedForAMinute) {
+  const auto option = [this](int level, int name) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(getsockopt(near.get(), level, name, &value, &size), 0);
+    return value;
+  };
+  setTaskOptions(near.get());
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 10);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 10);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPCNT), 5);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 1);
+}
 
 TEST_F(AcknowledgementsTest, AnIdlePeerAcknowledges) {
   EXPECT_TRUE(acknowledges(near.get()));

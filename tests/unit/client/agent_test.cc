@@ -145,6 +145,20 @@ TEST_F(AgentTest, ClauseWithoutAnEndIsAProtocolError) {
   }
   runUntil([&] { return ended.has_value(); });
   EXPECT_EQ(ended->cause(), Cause::protocol);
+  char byte = 0;
+  EXPECT_TRUE(recv(daemon.agent.get(), &byte, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET)
+      << "it is closed at once";
+}
+
+TEST_F(AgentTest, TellsWhyItEnded) {
+  start();
+  runUntil([&] { return daemon.agent.valid(); });
+  const linger none{1, 0};
+  ASSERT_EQ(setsockopt(daemon.agent.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none), 0);
+  daemon.agent.reset();
+  runUntil([&] { return ended.has_value(); });
+  EXPECT_EQ(ended->text(), "Connection reset by peer");
+  EXPECT_EQ(ended->number(), ECONNRESET);
 }
 
 TEST_F(AgentTest, EveryHandlerMayDestroyTheAgent) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
@@ -112,6 +113,20 @@ class ClientTest : public ::testing::Test {
   DeviceOptions limits;
   std::vector<Reply> replies;
 };
+
+TEST_F(ClientTest, AGivenSocketBecomesNonBlocking) {
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const zell::UniqueFd far(ends[1]);
+  const AsyncDevice device(loop, ends[0], "given");
+  EXPECT_EQ(fcntl(ends[0], F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+}
+
+TEST_F(ClientTest, ANameNeedsAResolver) {
+  std::string text;
+  Loop().resolve("a.example", [&](const Result<in_addr>& found) { text = found.error().text(); });
+  EXPECT_EQ(text, "not an IPv4 address, and no resolver is set");
+}
 
 TEST_F(ClientTest, SendsRequestsBeforeTheFirstAnswer) {
   peer.heard = [&](int fd, const std::string& bytes) {

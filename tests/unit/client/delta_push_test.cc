@@ -147,6 +147,15 @@ TEST_F(DeltaPushTest, IsAWholeFileWithoutSpaceForBoth) {
   expectWhole("the device has no space for both files");
 }
 
+TEST_F(DeltaPushTest, NeedsSpaceForTheNewFileOnly) {
+  content = std::string(1024, 'x') + old;
+  device.succeed(shownScript(askForTools("/t/b")),
+                 "complete\nheading\ntmpfs 9000 7975 1025 88% /t\n");
+  push();
+  EXPECT_EQ(report->notes(), Texts());
+  EXPECT_EQ(report->kept(), kOldSize);
+}
+
 TEST_F(DeltaPushTest, IsAWholeFileWithoutAShell) {
   device.fail(shownScript(askForTools("/t/b")), ENOENT);
   push();

@@ -234,6 +234,8 @@ TEST(DeltaPlanTest, TheDeviceReadsALimitedNumberOfBlocks) {
   DeltaPlan plan(0, 10000 * kFirstBlock);
   plan.add({{0, 0, kMiddleBlock}});
   EXPECT_EQ(plan.refine(kMiddleBlock, 10000 * kFirstBlock).count(), 4096U);
+  plan.add({{5000 * kFirstBlock, 5000 * kFirstBlock, kMiddleBlock}});
+  EXPECT_EQ(plan.refine(kMiddleBlock, 10000 * kFirstBlock).count(), 4096U) << "of all ranges";
 }
 
 TEST(DeltaPlanTest, ASingleDisplacedBlockIsDoubtful) {

@@ -714,7 +714,7 @@ TEST(BlockingFleetTest, RunsRequestsAndJobs) {
   ASSERT_EQ(listen(listener.get(), 5), 0);
   std::thread server(serve, listener.get(), 3);
   const std::string where = ":" + std::to_string(port);
-  Fleet fleet({"127.0.0.1" + where, "127.0.0.2" + where}, FleetOptions().setParallel(1));
+  Fleet fleet({"localhost" + where, "127.0.0.2" + where}, FleetOptions().setParallel(1));
   const FleetReport report = fleet.run(Request({"hostid"}));
   EXPECT_TRUE(report.ok());
   EXPECT_EQ(report.results().size(), 2U);

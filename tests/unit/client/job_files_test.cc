@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a device tells about its jobs, well formed and malformed.
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -105,6 +106,7 @@ TEST(JobFilesTest, ReadsNumbersOfSegments) {
                            "out.99999999999999999999", "out.4294967296"}) {
     EXPECT_EQ(parseSegmentName(name, "out"), std::nullopt) << name;
   }
+  EXPECT_EQ(parseSegmentName(std::string_view("out.5", 3), "out"), std::nullopt);
 }
 
 TEST(JobFilesTest, ChecksNamesAndDirectories) {

@@ -12,10 +12,15 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <runel/async_master.h>
 #include <runel/master.h>
+#include <runel/request.h>
 
+#include "base/unique_fd.h"
+#include "client/master/slave_link.h"
 #include "unit/client/scripted_device.h"
 
 namespace runel {
@@ -173,6 +178,26 @@ TEST_F(MasterTest, OpenFailsForAUsedPortAndForAName) {
   EXPECT_EQ(second.open().error().number(), EADDRINUSE);
   AsyncMaster named(loop, MasterOptions().setListen("localhost", 0), nullptr);
   EXPECT_EQ(named.open().error().kind(), Kind::local);
+}
+
+TEST_F(MasterTest, HasNoPortBeforeItIsOpen) {
+  const AsyncMaster closed(loop, options, [](const MasterEvent&) {});
+  EXPECT_EQ(closed.port(), 0);
+}
+
+TEST_F(MasterTest, WithoutDescriptorsConnectionsWait) {
+  open();
+  ScriptedDevice& device = dial();
+  device.sayIdentity();
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  rlimit none = limit;
+  none.rlim_cur = static_cast<rlim_t>(zell::UniqueFd(dup(STDIN_FILENO)).get());
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const std::string text = told(Type::problem).text();
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(text, "cannot accept connections: Too many open files");
+  (void)told(Type::connected);
 }
 
 TEST_F(MasterTest, NothingIsWrittenToABridgeButTheGivenClauses) {
@@ -335,6 +360,13 @@ TEST_F(MasterTest, AnAgentThatDoesNotReadIsAnError) {
   EXPECT_LT(sent, 100);
 }
 
+TEST_F(MasterTest, TellsWhyABridgeEnded) {
+  open();
+  dialAndWait();
+  dialBridge().resetConnection();
+  EXPECT_EQ(told(Type::additionalLost).text(), "Connection reset by peer");
+}
+
 TEST_F(MasterTest, InvalidDataEndsABridge) {
   open();
   dialAndWait();
@@ -387,10 +419,13 @@ TEST_F(MasterTest, CountsAcrossConnections) {
   open();
   ScriptedDevice& first = dialAndWait();
   ask("fake", Request({"fileexists", "/"}));
+  const DeviceInfo before = master->devices()[0];
   first.close();
   told(Type::lost);
   dialAndWait();
   const DeviceInfo device = master->devices()[0];
+  EXPECT_GT(device.bytesToDevice(), before.bytesToDevice());
+  EXPECT_GT(device.bytesFromDevice(), before.bytesFromDevice());
   EXPECT_EQ(device.connects(), 2U);
   EXPECT_EQ(device.losses(), 1U);
   EXPECT_EQ(device.requests(), 1U);
@@ -436,6 +471,12 @@ TEST_F(MasterTest, LateAnswerDoesNotReachTheNextRequest) {
   device.answers = true;
   device.special = recordOf("right");
   EXPECT_EQ(ask("fake", Request({"read", "/2"})).output(), "right");
+}
+
+TEST(IsAnsweredTest, ATaskThatOnlyMentionsRestartIsAnswered) {
+  EXPECT_FALSE(isAnswered(Request({"restart"}).encode()));
+  EXPECT_TRUE(isAnswered(Request({"fileexists", " 7:restart "}).encode()));
+  EXPECT_FALSE(isAnswered("text"));
 }
 
 TEST_F(MasterTest, RestartIsCompleteWhenSent) {

@@ -50,6 +50,15 @@ TEST_F(PackingTest, AsksOnASlowLineAfterThePlainPiece) {
   EXPECT_TRUE(packing.next());
 }
 
+TEST_F(PackingTest, ASingleByteMeasuresTheLine) {
+  Packing packing(true, false);
+  packing.begin(now);
+  packing.answered(0, false, now + kSlow);
+  EXPECT_FALSE(packing.asks());
+  packing.answered(1, false, now + 2 * kSlow);
+  EXPECT_TRUE(packing.asks());
+}
+
 TEST_F(PackingTest, DoesNothingOnAFastLine) {
   Packing packing(true, false);
   packing.begin(now);

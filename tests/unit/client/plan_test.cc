@@ -188,6 +188,12 @@ TEST_F(PlanTest, APushLeavesOutASourceByItsName) {
   EXPECT_EQ(changes.size(), 6U);
 }
 
+TEST_F(PlanTest, APatternForDirectoriesLeavesOutNoFileThatIsASource) {
+  excludes = {"a/"};
+  push("tree/a");
+  EXPECT_THAT(changes, ElementsAre("create -/t 5"));
+}
+
 TEST_F(PlanTest, ATransferTellsAndDoesTheSame) {
   options.setPlanOnly(false).setDelete(true);
   device.succeed("walktree /t/.", "d 0755 0 0 0 0 .\n- 0644 0 0 1 1 z\n");

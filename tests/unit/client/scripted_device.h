@@ -85,6 +85,11 @@ class ScriptedDevice {
     answered_ = 2;
   }
   void close() { socket_.reset(); }
+  void resetConnection() {
+    const linger none{1, 0};
+    ASSERT_EQ(setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none), 0);
+    socket_.reset();
+  }
   /// Drops the connection without sending anything: this kernel then does not know it.
   void vanish() {
     const int on = 1;

@@ -277,6 +277,18 @@ TEST(FrameStreamTest, ReadsLateContentWhenItIsSent) {
   }
 }
 
+TEST(FrameStreamTest, SendsTheEndOfARequestTogetherWithItsContent) {
+  std::size_t read = 0;
+  FrameStream stream;
+  stream.send(LateRequest::payloadOf(LateRequest::with({"append", "/a"}, numbered(100, read))));
+  const std::vector<std::string_view> heads = stream.outgoing(8);
+  ASSERT_EQ(heads.size(), 3U)
+      << "of the frame and of the request, and content that is not read yet";
+  stream.sent(heads[0].size() + heads[1].size());
+  ASSERT_EQ(stream.outgoing(8).size(), 2U);
+  EXPECT_EQ(stream.outgoing(8).front().size(), 100U);
+}
+
 TEST(FrameStreamTest, LateContentGivesTheBytesOfAWholeRequest) {
   for (const std::size_t size : {1U, 100U, 262144U, 700000U}) {
     std::size_t read = 0;

@@ -85,6 +85,7 @@ TEST(WildcardTest, ACharacterMayHaveSeveralBytes) {
   }
   EXPECT_TRUE(fits("???", "\xed\xa0\x80") && fits("????", "\xf4\x90\x80\x80"));
   EXPECT_TRUE(fits("\xff", "\xff") && fits("[\xff]", "\xff"));
+  EXPECT_FALSE(fits("\xff", "\xfe") || fits("[\xff]", "\xfe") || fits("\xe2", "\xe3"));
 }
 
 TEST(WildcardTest, ManyStarsTakeNoLongTime) {

@@ -3,6 +3,7 @@
 #include "inventory/nearest.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,6 +22,12 @@ TEST(EditDistanceTest, CountsInsertedRemovedReplacedAndExchangedBytes) {
   EXPECT_EQ(editDistance("exec", "cat"), 4U);
   EXPECT_EQ(editDistance("", "cat"), 3U);
   EXPECT_EQ(editDistance("cat", ""), 3U);
+}
+
+TEST(EditDistanceTest, IgnoresTheBytesAroundTheWords) {
+  const std::string_view inside = std::string_view("cabc").substr(1, 2);
+  EXPECT_EQ(editDistance(inside, "ac"), 1U);
+  EXPECT_EQ(editDistance("ac", inside), 1U);
 }
 
 TEST(NearestWordTest, IsTheMostSimilarWord) {

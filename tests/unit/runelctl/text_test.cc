@@ -2,8 +2,11 @@
 // Conversion of arbitrary bytes for a terminal and for JSON.
 #include "output/text.h"
 
+#include <cstdint>
 #include <random>
+#include <set>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -36,6 +39,30 @@ TEST(TerminalSafeTest, EscapesC1ControlCharacters) {
 TEST(TerminalSafeTest, EscapesTextDirectionMarks) {
   EXPECT_EQ(terminalSafe("\xe2\x80\xae"), "\\xe2\\x80\\xae");
   EXPECT_EQ(terminalSafe("\xe2\x81\xa6"), "\\xe2\\x81\\xa6");
+}
+
+std::string encoded(std::uint32_t code) {
+  const auto byte = [](std::uint32_t value) { return std::string(1, static_cast<char>(value)); };
+  if (code < 0x80) {
+    return byte(code);
+  }
+  const std::string last = byte(0x80 | (code & 0x3f));
+  return code < 0x800 ? byte(0xc0 | (code >> 6)) + last
+                      : byte(0xe0 | (code >> 12)) + byte(0x80 | ((code >> 6) & 0x3f)) + last;
+}
+
+TEST(TerminalSafeTest, EscapesJustTheCharactersThatActOnATerminal) {
+  std::set<std::uint32_t> acting = {'\\', 0x61c, 0x200e, 0x200f, 0xfeff};
+  const std::pair<std::uint32_t, std::uint32_t> ranges[] = {
+      {0, 0x1f}, {0x7f, 0x9f}, {0x2028, 0x202e}, {0x2066, 0x2069}, {0xd800, 0xdfff}};
+  for (const auto& [first, last] : ranges) {
+    for (std::uint32_t code = first; code <= last; ++code) {
+      acting.insert(code);
+    }
+  }
+  for (std::uint32_t code = 0; code <= 0xffff; ++code) {
+    ASSERT_EQ(terminalSafe(encoded(code)) != encoded(code), acting.count(code) == 1) << code;
+  }
 }
 
 TEST(TerminalSafeTest, EscapesInvalidUtf8) {

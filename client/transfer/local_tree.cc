@@ -84,7 +84,7 @@ class Scan {
       const LocalEntry entry = std::move(todo_.back());
       todo_.pop_back();
       source_.entries.push_back(entry);
-      if (const auto error = entry.type == 'd' ? open(entry) : std::nullopt) {
+      if (auto error = entry.type == 'd' ? open(entry) : std::nullopt) {
         return error;
       }
     }

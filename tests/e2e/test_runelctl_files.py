@@ -80,14 +80,12 @@ class Transfers(CtlCase):
 
     def serve(self, **options):
         daemon = self.daemon(**options)
-        self.descriptors = lambda: len(daemon.descriptors())
-        self.idle = self.descriptors()
+        self.peers = daemon.peers
         return daemon
 
     def wait_without_clients(self):
-        """Waits until the daemon has read all data of its clients. After a reset, data may be left that
-        the system's table of connections no longer shows."""
-        wait_until(lambda: self.descriptors() <= self.idle, "the daemon has closed its connections")
+        """Waits until the daemon has read all data of its clients."""
+        wait_until(lambda: not self.peers(), "the daemon has closed its connections")
 
     def on_device(self, name):
         return os.path.join(self.there, name)

@@ -27,6 +27,17 @@ def sanitizer_options(directory, detect_leaks=True):
             "UBSAN_OPTIONS": options}
 
 
+def _other_sockets():
+    """The inodes of sockets that listen, that connect to a master, or that are not TCP."""
+    listening, master = "0A", ":13F8"
+    for name, column in (("tcp", 9), ("tcp6", 9), ("udp", 9), ("udp6", 9), ("unix", 6)):
+        with open(f"/proc/net/{name}", encoding="ascii", errors="replace") as table:
+            for row in list(table)[1:]:
+                row = row.split()
+                if "tcp" not in name or row[3] == listening or row[2].endswith(master):
+                    yield row[column]
+
+
 class Daemon:
     """One run of the binary, in a new session, because it may signal its whole process group.
 
@@ -111,6 +122,12 @@ class Daemon:
             with contextlib.suppress(FileNotFoundError):
                 targets[int(name)] = os.readlink(f"{directory}/{name}")
         return targets
+
+    def peers(self):
+        """The inodes of the sockets that connect the daemon to its clients or agents. After a reset
+        the system's table of connections no longer has a socket, though data are left in it."""
+        own = {target for target in self.descriptors().values() if target.startswith("socket:")}
+        return own - {f"socket:[{inode}]" for inode in _other_sockets()}
 
     def closes_on_exec(self, descriptor):
         with open(f"/proc/{self.pid}/fdinfo/{descriptor}", encoding="ascii") as about:

@@ -66,6 +66,8 @@ _NAMES = {
     "statfs": f"{_PATH} EINTR EIO ENOSYS EOVERFLOW",
     "system": "EAGAIN ECHILD ENOMEM",
     "symlinkat": f"{_PATH} EBADF EDQUOT EEXIST EIO ENOSPC EPERM EROFS",
+    "sync_file_range": "EBADF EINVAL EIO ENOMEM ENOSPC ESPIPE",
+    "syncfs": "EBADF EDQUOT EIO ENOSPC",
     "uname": "EFAULT",
     "unlink": f"{_PATH} EBUSY EIO EISDIR EPERM EROFS",
     "utimensat": f"{_PATH} EBADF EINVAL EPERM EROFS",

@@ -28,7 +28,8 @@ NUMBERS = {
     "readlinkat": 267, "faccessat": 269, "pselect6": 270, "accept4": 288, "pipe2": 293,
     "sendmmsg": 307, "prlimit64": 302, "getrandom": 318, "pidfd_open": 434, "faccessat2": 439,
     "rmdir": 84, "epoll_wait": 232, "epoll_ctl": 233, "mkdirat": 258, "symlinkat": 266,
-    "utimensat": 280, "signalfd4": 289, "epoll_create1": 291, "openat2": 437,
+    "sync_file_range": 277, "utimensat": 280, "signalfd4": 289, "epoll_create1": 291,
+    "syncfs": 306, "openat2": 437,
     "fork": FORK, "posix_spawnp": SPAWN, "popen": POPEN, "system": SYSTEM,
 }
 NAMES = {number: name for name, number in NUMBERS.items()}

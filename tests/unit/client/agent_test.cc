@@ -151,8 +151,10 @@ TEST_F(AgentTest, ClauseWithoutAnEndIsAProtocolError) {
 }
 
 TEST_F(AgentTest, TellsWhyItEnded) {
+  bool connected = false;
+  called = [&](const std::string& handler) { connected = connected || handler == "connected"; };
   start();
-  runUntil([&] { return daemon.agent.valid(); });
+  runUntil([&] { return connected && daemon.agent.valid(); });
   const linger none{1, 0};
   ASSERT_EQ(setsockopt(daemon.agent.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none), 0);
   daemon.agent.reset();

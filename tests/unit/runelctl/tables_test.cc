@@ -68,6 +68,24 @@ TEST_F(TablesTest, OptionsHaveTheKindOfTheirValue) {
             (std::set<std::string>{"always", "auto", "never"}));
 }
 
+TEST_F(TablesTest, PushAndSyncCompressAndSendDifferences) {
+  for (const char* command : {"push", "sync"}) {
+    for (const char* option : {"-z", "--no-compress", "--delta", "--no-delta"}) {
+      EXPECT_NE(tables.option(tables.command(command), option), nullptr) << command << option;
+    }
+  }
+}
+
+TEST_F(TablesTest, TheHelpNamesTheLimitsOfARestart) {
+  const auto help = [this](const char* command, const char* option) {
+    return tables.option(tables.command(command), option)->help;
+  };
+  EXPECT_EQ(help("reboot", "--down-timeout"), "limit for going down (default: 60)");
+  EXPECT_EQ(help("reboot", "--up-timeout"), "limit for coming back (default: 300)");
+  EXPECT_EQ(help("restart", "--down-timeout"), "limit for going down (default: 30)");
+  EXPECT_EQ(help("restart", "--up-timeout"), "limit for coming back (default: 60)");
+}
+
 TEST_F(TablesTest, ArgumentsAreLocalOrRemote) {
   EXPECT_EQ(tables.command("cat")->arguments.back().value, Value::remote);
   EXPECT_EQ(tables.command("sync")->arguments.front().value, Value::file);
@@ -134,6 +152,17 @@ TEST(CommandLineTest, OptionsMayPrecedeOrFollowTheCommand) {
     EXPECT_TRUE(typed.settings().jobsGiven);
     EXPECT_EQ(typed.command()->name(), "hostid");
   }
+}
+
+TEST(CommandLineTest, NothingFollowsTheLineOfSh) {
+  EXPECT_EQ(parse({"sh", "--timeout", "3", "ls"}), -1);
+  EXPECT_EQ(parse({"sh", "ls", "--timeout", "3"}), 2);
+}
+
+TEST(CommandLineTest, AttachingToAJobHasNoDeadline) {
+  CommandLine typed;
+  ASSERT_EQ(typed.parse({"job", "attach", "x1"}), -1);
+  EXPECT_TRUE(typed.command()->transfers());
 }
 
 TEST(CommandLineTest, AMemorySizeMayHaveAUnit) {

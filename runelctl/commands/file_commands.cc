@@ -53,7 +53,7 @@ std::string longLine(const runel::Stat& st) {
 Json statJson(const runel::Stat& st) {
   char mode[16];
   std::snprintf(mode, sizeof mode, "%07o", st.mode);
-  Json object;
+  Json object = Json::object();
   object["type"] = std::string(1, zell::typeLetter(st.mode));
   object["mode"] = mode;
   object["nlink"] = st.nlink;

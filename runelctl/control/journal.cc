@@ -113,7 +113,7 @@ void Journal::problem(const std::string& text) {
 }
 
 Json Journal::object(const std::string& event, const Label* who) const {
-  Json object;
+  Json object = Json::object();
   object["v"] = 1;
   object["event"] = event;
   object["time"] = utcText(wallClock());

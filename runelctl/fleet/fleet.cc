@@ -116,6 +116,8 @@ runel::FleetOptions optionsFor(const Settings& settings, const Command& command)
 
 // One device of the run.
 struct Fleet::Member {
+  explicit Member(runel::Address device) : target(std::move(device)) {}
+
   runel::Address target;
   std::optional<Report> report{};
   std::optional<Outcome> outcome{};  // of the job of the last attempt
@@ -233,7 +235,7 @@ Fleet::Fleet(runel::Loop& loop, const Settings& settings, Command& command, Prin
       progress_(settings.targets.size()),
       fleet_(loop, settings.targets, optionsFor(settings, command)) {
   for (const runel::Address& target : settings.targets) {
-    members_.push_back(std::make_unique<Member>(Member{target}));
+    members_.push_back(std::make_unique<Member>(target));
   }
 }
 

@@ -69,7 +69,7 @@ std::string hintText(const Error& error) {
 }  // namespace
 
 Json endingFields(const Outcome& outcome) {
-  Json object;
+  Json object = Json::object();
   object["ok"] = outcome.status == 0;
   object["status"] = outcome.status;
   if (outcome.error) {
@@ -391,7 +391,7 @@ void Printer::summary(const std::vector<Finished>& ends, const std::vector<std::
   }
   const Tally tally = count(ends);
   if (style_.json) {
-    Json object;
+    Json object = Json::object();
     object["v"] = kJsonVersion;
     object["task"] = task_;
     object["summary"] = {{"ok", tally.ok},

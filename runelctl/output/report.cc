@@ -14,21 +14,31 @@ namespace {
 
 // A list of objects, for texts that are not UTF-8 have another field.
 void putTexts(Json& object, const char* key, const std::vector<std::string>& texts) {
+  if (texts.empty()) {
+    return;
+  }
+  Json list = Json::array();
   for (const std::string& text : texts) {
     Json entry = Json::object();
     putBytes(entry, "text", text);
-    object[key].push_back(entry);
+    list.push_back(std::move(entry));
   }
+  object[key] = std::move(list);
 }
 
 }  // namespace
 
 Json openingObject(const std::string& device, const std::string& task) {
-  Json object;
+  Json object = Json::object();
   object["v"] = kJsonVersion;
   putBytes(object, "device", device);
   object["task"] = task;
   return object;
+}
+
+Report::~Report() {
+  discard(opening_);
+  discard(result_);
 }
 
 void Report::add(std::string_view bytes) {

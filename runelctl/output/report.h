@@ -48,6 +48,9 @@ class Report {
   explicit Report(const Style& style, Json opening = Json::object(),
                   const std::shared_ptr<runel::Spool>& spool = nullptr)
       : style_(style), opening_(std::move(opening)), collected_(spool), output_(spool) {}
+  ~Report();
+  Report(const Report&) = delete;
+  Report& operator=(const Report&) = delete;
 
   /// Adds unchanged output.
   void bytes(std::string_view bytes);
@@ -114,7 +117,7 @@ class Report {
   void add(std::string_view bytes);
 
   const Style& style_;
-  const Json opening_;
+  Json opening_;
   runel::HeldBytes collected_;
   runel::HeldBytes output_;  // in JSON, the field "output" of the last object
   bool hasOutput_ = false;

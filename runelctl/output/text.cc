@@ -64,6 +64,15 @@ void putBytes(Json& object, const std::string& key, std::string_view bytes) {
   }
 }
 
+void discard(Json& value) noexcept {
+  if (value.is_structured()) {
+    for (Json& member : value) {
+      discard(member);
+    }
+    value.clear();
+  }
+}
+
 void moveBytes(Json& object, const std::string& key, std::string&& bytes) {
   if (isUtf8(bytes)) {
     object[key] = std::move(bytes);

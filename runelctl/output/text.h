@@ -15,7 +15,13 @@
 
 namespace runelctl {
 
+/// Create objects with `Json::object()` and lists with `Json::array()`: a null value that becomes
+/// one of them is invalid, and ends the program when it is destroyed, if the memory is exhausted.
 using Json = nlohmann::ordered_json;
+
+/// Makes @p value empty. Its destructor then allocates no memory, as it does for a value with
+/// members.
+void discard(Json& value) noexcept;
 
 /// @p object as a line. On a @p terminal, characters that it could interpret are escaped.
 [[nodiscard]] std::string jsonLine(const Json& object, bool terminal);

@@ -16,9 +16,21 @@ std::atomic<std::size_t> g_calls{0};
 std::atomic<std::size_t> g_bytes{0};
 std::atomic<std::ptrdiff_t> g_live{0};
 std::atomic<std::ptrdiff_t> g_peak{0};
+constexpr std::ptrdiff_t kAll = -1;            // grant all allocations
+thread_local std::ptrdiff_t t_granted = kAll;  // until one is refused
+thread_local bool t_refused = false;
+
+bool refuses() {
+  if (t_granted == kAll || t_refused) {
+    return false;
+  }
+  t_refused = t_granted == 0;
+  t_granted -= t_refused ? 0 : 1;
+  return t_refused;
+}
 
 void* allocate(std::size_t size) {
-  void* memory = std::malloc(size == 0 ? 1 : size);
+  void* memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
@@ -59,6 +71,19 @@ std::ptrdiff_t AllocationCount::live() const {
 
 std::ptrdiff_t AllocationCount::peak() const {
   return g_peak - live_;
+}
+
+RefusedAllocation::RefusedAllocation(std::size_t granted) {
+  t_refused = false;
+  t_granted = static_cast<std::ptrdiff_t>(granted);
+}
+
+RefusedAllocation::~RefusedAllocation() {
+  t_granted = kAll;
+}
+
+bool RefusedAllocation::met() {
+  return t_refused;
 }
 
 }  // namespace zell::test

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counts the allocations of a test program. Linking it replaces operator new, so only tests that
-// measure memory link it.
+// Counts the allocations of a test program, or refuses one. Linking it replaces operator new, so only
+// tests that need this link it.
 #ifndef TESTS_SUPPORT_ALLOCATION_COUNT_H_
 #define TESTS_SUPPORT_ALLOCATION_COUNT_H_
 
@@ -27,6 +27,19 @@ class AllocationCount {
   std::size_t calls_ = 0;
   std::size_t bytes_ = 0;
   std::ptrdiff_t live_ = 0;
+};
+
+/// Refuses one allocation with operator new, with std::bad_alloc, while it exists.
+class RefusedAllocation {
+ public:
+  /// Refuses the allocation after the next @p granted ones.
+  explicit RefusedAllocation(std::size_t granted);
+  ~RefusedAllocation();
+  RefusedAllocation(const RefusedAllocation&) = delete;
+  RefusedAllocation& operator=(const RefusedAllocation&) = delete;
+
+  /// Whether the allocation has been refused.
+  [[nodiscard]] static bool met();
 };
 
 }  // namespace zell::test

@@ -2,6 +2,8 @@
 // The output of a run: JSON objects, text and the progress bar.
 #include <cerrno>
 #include <chrono>
+#include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "output/error.h"
 #include "output/report.h"
 #include "output/status_line.h"
+#include "support/allocation_count.h"
 
 namespace runelctl {
 namespace {
@@ -285,6 +288,54 @@ TEST(StyleTest, EscapesNamesOnlyForATerminal) {
   EXPECT_EQ(style.name("a\x1b"), "a\x1b");
   style.outTerminal = true;
   EXPECT_EQ(style.name("a\x1b"), "a\\x1b");
+}
+
+// Whether @p work ran without a refused allocation: the one after @p granted ones is refused.
+template <typename Work>
+bool runsWith(std::size_t granted, Work work) {
+  const zell::test::RefusedAllocation refused(granted);
+  try {
+    work();
+  } catch (const std::bad_alloc&) {
+    EXPECT_TRUE(refused.met());
+  }
+  return !refused.met();
+}
+
+TEST(MemoryTest, AnObjectThatCannotBeMadeLeavesNothingInvalid) {
+  const std::string device(100, 'd');
+  const std::string task(100, 't');
+  std::size_t granted = 0;
+  while (!runsWith(granted, [&] {
+    Json object = openingObject(device, task);
+    discard(object);
+  })) {
+    ++granted;
+  }
+  EXPECT_GT(granted, 4U);  // the texts, their keys' array and the object
+}
+
+TEST(MemoryTest, ListsThatCannotBeMadeLeaveNothingInvalid) {
+  const Style style = jsonStyle();
+  Report report(style, openingObject("a", "push"));
+  report.warn(std::string(100, 'w'));
+  const Json opening = openingObject("a", "push");
+  std::size_t granted = 0;
+  // The library's own destructor allocates: a refusal there ends the program. So the object is
+  // kept.
+  std::optional<Json> object;
+  while (!runsWith(granted, [&] { object = report.lastObject(opening); })) {
+    ++granted;
+  }
+  EXPECT_EQ(object->at("warnings").size(), 1U);
+}
+
+TEST(MemoryTest, AReportIsDestroyedWithoutMemory) {
+  const Style style = jsonStyle();
+  std::optional<Report> report;
+  report.emplace(style, openingObject("a", "push"));
+  report->result()["list"] = Json::array({1, Json::object({{"key", "value"}})});
+  EXPECT_TRUE(runsWith(0, [&] { report.reset(); }));
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ endfunction()
 runeld_verify(faults 600)
 runeld_verify(allocations 600)
 if(RUNELD_CTL)
-  runeld_verify(transfers 600)
+  runeld_verify(transfers 600 --seed 1)
   set_property(TEST verify_transfers APPEND PROPERTY ENVIRONMENT "RUNELCTL_BIN=$<TARGET_FILE:runelctl>")
 endif()
 # The images of a coverage build would contain the counts that the daemon writes.

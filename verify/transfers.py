@@ -5,8 +5,9 @@ A first run of each scenario (push, pull, sync, exec, a stream...) counts the sy
 the allocations. Then the scenario runs repeatedly, each time with a different failure: one call with one
 of its errors, a partial read or write, or one allocation. After each run these rules hold:
 
-  - runelctl ends by itself, not by a signal, and says why it failed. Only if every later allocation
-    fails too, the JSON library may end it, and then nothing removes a hidden file.
+  - runelctl ends by itself, not by a signal, and says why it failed. If the reader of its output has
+    left, it ends by SIGPIPE. Only if every later allocation fails too, the JSON library may end it, and
+    then nothing removes a hidden file.
   - It reports success only if all files, or the output of the program, are the new ones.
   - Each file has its old or its new content. Nothing unfinished is left, except the part of a large
     file, which the same command without a failure completes and removes.
@@ -78,6 +79,11 @@ class Job(collections.namedtuple("Job", "scenario failure allocation times")):
     def may_abort(self):
         """The JSON library's destructor allocates."""
         return self.times > 1
+
+    def may_end_by(self, number):
+        """A reader that leaves ends a pipeline silently."""
+        left = self.failure and (self.failure.name, self.failure.error) == ("write", errno.EPIPE)
+        return (number == signal.SIGABRT and self.may_abort()) or (number == signal.SIGPIPE and left)
 
     def may_leave_files(self):
         return self.may_abort() or (self.failure and self.failure.name in REMOVING)
@@ -195,8 +201,8 @@ class Verifier:
         scenario = job.scenario
         self.hits += job.hits(self.state)
         self.statuses[run.status] += 1
-        aborted = run.status == -signal.SIGABRT and job.may_abort()
-        expect(run.status >= 0 or aborted, f"ended by signal {-run.status}")
+        ended = run.status >= 0 or job.may_end_by(-run.status)
+        expect(ended, f"ended by signal {-run.status}")
         usual = self.usual_calls[scenario.name]
         expect(calls <= BUSY_FACTOR * usual + BUSY_ALLOWANCE, f"busy loop: {calls} calls")
         temporary = self.runner.temporary_files()
@@ -206,7 +212,7 @@ class Verifier:
             return
         self.failed += 1
         expect(not job.must_succeed(), "a call that must be repeated failed the run")
-        expect(run.err or job.hides_the_message(), "failed without a message")
+        expect(run.err or run.status == -signal.SIGPIPE or job.hides_the_message(), "failed without a message")
         left = scenario.left_over(self.directory)
         if left:
             self.left[scenario.name] += 1

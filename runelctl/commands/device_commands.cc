@@ -59,7 +59,7 @@ class PingJob : public Job {
         std::chrono::duration<double, std::milli>(runel::Clock::now() - sent_).count();
     times_.push_back(ms);
     report().line("answer " + std::to_string(times_.size()) + ": " + text(ms) + " ms");
-    report().entry({{"entry", "ping"}, {"ms", ms}});
+    report().entry([ms] { return Json{{"entry", "ping"}, {"ms", ms}}; });
     if (times_.size() < static_cast<std::size_t>(count_)) {
       const auto pause = std::chrono::duration<double>(pause_);
       timer_ =

@@ -89,10 +89,12 @@ class CatJob : public EachMatchJob {
       report().bytes(content);
       return;
     }
-    Json object{{"entry", "file"}};
-    putBytes(object, "path", path);
-    moveBytes(object, "content", std::move(content));
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "file"}};
+      putBytes(object, "path", path);
+      moveBytes(object, "content", std::move(content));
+      return object;
+    });
   }
 };
 
@@ -158,9 +160,11 @@ class LsJob : public EachMatchJob {
 
   void showName(const std::string& name) {
     report().line(report().name(name));
-    Json object{{"entry", "name"}};
-    putBytes(object, "name", name);
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "name"}};
+      putBytes(object, "name", name);
+      return object;
+    });
   }
 
   void askAbout(const std::string& directory, std::size_t place) {
@@ -231,13 +235,15 @@ class LsJob : public EachMatchJob {
   void showEntry(const Entry& entry) {
     report().line(longLine(*entry.st) + report().name(entry.name) +
                   (entry.target.empty() ? "" : " -> " + report().name(entry.target)));
-    Json object = statJson(*entry.st);
-    object["entry"] = "name";
-    putBytes(object, "name", entry.name);
-    if (!entry.target.empty()) {
-      putBytes(object, "target", entry.target);
-    }
-    report().entry(object);
+    report().entry([&] {
+      Json object = statJson(*entry.st);
+      object["entry"] = "name";
+      putBytes(object, "name", entry.name);
+      if (!entry.target.empty()) {
+        putBytes(object, "target", entry.target);
+      }
+      return object;
+    });
   }
 
   void showFile(const std::string& path) {
@@ -292,18 +298,20 @@ class TreeJob : public EachPathJob {
   }
 
   void showJson(const runel::TreeEntry& entry) {
-    Json object{{"entry", "name"}};
-    putBytes(object, "path", entry.path);
-    object["type"] = std::string(1, entry.type);
-    object["mode"] = octalMode(entry.mode);
-    object["uid"] = entry.uid;
-    object["gid"] = entry.gid;
-    object["size"] = entry.size;
-    object["mtime"] = entry.mtime;
-    if (entry.type == 'l') {
-      putBytes(object, "target", entry.target);
-    }
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "name"}};
+      putBytes(object, "path", entry.path);
+      object["type"] = std::string(1, entry.type);
+      object["mode"] = octalMode(entry.mode);
+      object["uid"] = entry.uid;
+      object["gid"] = entry.gid;
+      object["size"] = entry.size;
+      object["mtime"] = entry.mtime;
+      if (entry.type == 'l') {
+        putBytes(object, "target", entry.target);
+      }
+      return object;
+    });
   }
 };
 
@@ -332,11 +340,13 @@ class DfJob : public EachPathJob {
     const std::uint64_t blocks = std::strtoull(text.c_str(), nullptr, 10);
     report().line(report().name(path) + ": " + std::to_string(blocks) + " blocks of " +
                   std::to_string(blockSize_) + " bytes free, " + sizeText(blocks * blockSize_));
-    Json object{{"entry", "filesystem"}};
-    putBytes(object, "path", path);
-    object["free_blocks"] = blocks;
-    object["block_size"] = blockSize_;
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "filesystem"}};
+      putBytes(object, "path", path);
+      object["free_blocks"] = blocks;
+      object["block_size"] = blockSize_;
+      return object;
+    });
   }
 
   std::uint64_t blockSize_ = 0;
@@ -365,17 +375,19 @@ class StatJob : public EachPathJob {
 
   void show(const std::string& path, const runel::Stat& st, const std::string& text) {
     report().bytes(raw_ ? text : readable(path, st));
-    Json object = statJson(st);
-    object["entry"] = "name";
-    putBytes(object, "path", path);
-    object["dev"] = st.dev;
-    object["ino"] = st.ino;
-    object["rdev"] = st.rdev;
-    object["blksize"] = st.blksize;
-    object["blocks"] = st.blocks;
-    object["atime"] = st.atime.seconds;
-    object["ctime"] = st.ctime.seconds;
-    report().entry(object);
+    report().entry([&] {
+      Json object = statJson(st);
+      object["entry"] = "name";
+      putBytes(object, "path", path);
+      object["dev"] = st.dev;
+      object["ino"] = st.ino;
+      object["rdev"] = st.rdev;
+      object["blksize"] = st.blksize;
+      object["blocks"] = st.blocks;
+      object["atime"] = st.atime.seconds;
+      object["ctime"] = st.ctime.seconds;
+      return object;
+    });
   }
 
   [[nodiscard]] std::string readable(const std::string& path, const runel::Stat& st) {

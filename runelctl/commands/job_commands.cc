@@ -136,19 +136,21 @@ class JobListJob : public Job {
     std::snprintf(line, sizeof line, "%-24s  %-15s  %s  ", job.id.c_str(), stateText(job).c_str(),
                   utcText(begun).c_str());
     report().line(line + report().name(job.command));
-    Json object{{"entry", "job"}, {"job", job.id}, {"state", stateName(job.phase())}};
-    putBytes(object, "command", job.command);
-    if (begun != 0) {
-      object["started"] = begun;
-    }
-    if (job.status) {
-      object["exit_status"] = job.status->code;
-      object["time_limit"] = job.status->late;
-      object["ended"] = job.status->time;
-      object["lost_stdout"] = job.status->lost[0];
-      object["lost_stderr"] = job.status->lost[1];
-    }
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "job"}, {"job", job.id}, {"state", stateName(job.phase())}};
+      putBytes(object, "command", job.command);
+      if (begun != 0) {
+        object["started"] = begun;
+      }
+      if (job.status) {
+        object["exit_status"] = job.status->code;
+        object["time_limit"] = job.status->late;
+        object["ended"] = job.status->time;
+        object["lost_stdout"] = job.status->lost[0];
+        object["lost_stderr"] = job.status->lost[1];
+      }
+      return object;
+    });
   }
 
   const runel::JobPlace place_;

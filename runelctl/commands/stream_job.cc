@@ -76,9 +76,11 @@ void StreamJob::showEntry(std::size_t stream, std::string_view bytes) {
   held_[stream] = whole.substr(whole.size() - unfinishedCharacter(whole));
   whole.resize(whole.size() - held_[stream].size());
   if (!whole.empty()) {
-    Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
-    putBytes(object, "content", whole);
-    report().entry(object);
+    report().entry([&] {
+      Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
+      putBytes(object, "content", whole);
+      return object;
+    });
   }
 }
 
@@ -138,9 +140,11 @@ std::string StreamJob::sentLater() const {
 void StreamJob::ended(const runel::JobEnd& end) {
   for (std::size_t stream = 0; stream < 2; ++stream) {
     if (!held_[stream].empty()) {
-      Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
-      putBytes(object, "content", std::exchange(held_[stream], {}));
-      report().entry(object);
+      report().entry([&] {
+        Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
+        putBytes(object, "content", std::exchange(held_[stream], {}));
+        return object;
+      });
     }
   }
   if (plan_.follow.output) {

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <string>
 #include <system_error>
 
 #include <fcntl.h>
@@ -73,6 +75,15 @@ int copyInput(int to, int signals) {
   }
 }
 
+void removeAll(const std::string& directory) {
+  try {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+  } catch (const std::bad_alloc&) {
+    // What remains is private.
+  }
+}
+
 }  // namespace
 
 runel::Result<std::shared_ptr<TemporaryFile>> TemporaryFile::create(const std::string& name) {
@@ -86,8 +97,10 @@ runel::Result<std::shared_ptr<TemporaryFile>> TemporaryFile::create(const std::s
 }
 
 TemporaryFile::~TemporaryFile() {
-  std::error_code ignored;  // what remains is private
-  std::filesystem::remove_all(directory_, ignored);
+  (void)unlink(path_.c_str());  // without an allocation: the lack of memory may be the reason
+  if (rmdir(directory_.c_str()) != 0 && errno == ENOTEMPTY) {
+    removeAll(directory_);
+  }
 }
 
 runel::Result<std::shared_ptr<TemporaryFile>> spoolInput(const std::string& name) {

@@ -19,16 +19,16 @@ class TemporaryFile {
       const std::string& name);
   ~TemporaryFile();
   /// Takes over the @p directory.
-  TemporaryFile(std::string directory, std::string name)
-      : directory_(std::move(directory)), name_(std::move(name)) {}
+  TemporaryFile(std::string directory, const std::string& name)
+      : directory_(std::move(directory)), path_(directory_ + "/" + name) {}
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-  [[nodiscard]] std::string path() const { return directory_ + "/" + name_; }
+  [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
   const std::string directory_;
-  const std::string name_;
+  const std::string path_;
 };
 
 /// Reads standard input to its end into a file with the name @p name and the usual mode of a new

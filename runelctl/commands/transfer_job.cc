@@ -187,6 +187,8 @@ std::optional<Error> TransferJob::writeOutput() {
   // The mode is that of the file on the device. It may forbid reading.
   (void)fchmodat(AT_FDCWD, output_->path().c_str(), kOutputMode, AT_SYMLINK_NOFOLLOW);
   const zell::UniqueFd file(open(output_->path().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const std::string path = output_->path();
+  output_.reset();  // at once: when the reader has left, the process ends where it writes
   std::string part(kOutputPart, '\0');
   std::string content;  // for JSON
   ssize_t got = read(file.get(), part.data(), part.size());
@@ -197,18 +199,20 @@ std::optional<Error> TransferJob::writeOutput() {
     got = read(file.get(), part.data(), part.size());
   }
   if (got < 0) {
-    return localError(output_->path(), errno);
+    return localError(path, errno);
   }
-  Json object{{"entry", "file"}};
-  putBytes(object, "path", outputPath_);
-  moveBytes(object, "content", std::move(content));
-  report().entry(object);
+  report().entry([&] {
+    Json object{{"entry", "file"}};
+    putBytes(object, "path", outputPath_);
+    moveBytes(object, "content", std::move(content));
+    return object;
+  });
   return std::nullopt;
 }
 
 void TransferJob::showChange(const runel::TransferChange& change) {
   report().line(changeLine(change, report().style()));
-  report().entry(changeObject(change));
+  report().entry([&change] { return changeObject(change); });
 }
 
 std::optional<runel::Request> TransferJob::cleanUp() const {

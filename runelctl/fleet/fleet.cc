@@ -378,9 +378,11 @@ void Fleet::showUnsent(Member& member, const std::string& payload) const {
   member.report->line((members_.size() == 1 ? terminalSafe(member.target.name()) + " " : "") +
                       "<- " + shown +
                       (cut ? "... (" + countText(payload.size(), "byte") + ")" : ""));
-  Json object{{"entry", "frame"}};
-  putBytes(object, "payload", payload);
-  member.report->entry(object);
+  member.report->entry([&] {
+    Json object{{"entry", "frame"}};
+    putBytes(object, "payload", payload);
+    return object;
+  });
 }
 
 void Fleet::showSentLater(Member& member, const Job& job) const {
@@ -388,9 +390,11 @@ void Fleet::showSentLater(Member& member, const Job& job) const {
   member.report->result()["dry_run"] = true;
   if (!text.empty()) {
     member.report->line("   then, depending on the answers: " + terminalSafe(text));
-    Json object{{"entry", "later"}};
-    putBytes(object, "text", text);
-    member.report->entry(object);
+    member.report->entry([&] {
+      Json object{{"entry", "later"}};
+      putBytes(object, "text", text);
+      return object;
+    });
   }
 }
 

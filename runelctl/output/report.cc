@@ -86,10 +86,10 @@ void Report::output(std::string&& answer, std::string_view end) {
   }
 }
 
-void Report::entry(const Json& object) {
+void Report::entry(const std::function<Json()>& make) {
   if (style_.json) {
     Json whole = opening_;
-    whole.update(object);
+    whole.update(make());
     const std::string line = jsonLine(whole, style_.outTerminal);
     if (entryStream) {
       entryStream(line);

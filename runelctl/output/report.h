@@ -61,8 +61,8 @@ class Report {
   /// Adds the answer of a program or a task and, as text, @p end. In JSON it is the field "output"
   /// of the last object. Call it at most once.
   void output(std::string&& answer, std::string_view end = "");
-  /// Adds one object.
-  void entry(const Json& object);
+  /// Adds the object that @p make returns. It is called for JSON output only.
+  void entry(const std::function<Json()>& make);
   /// Adds a cell to the row of this device. With several devices, a table of the rows is printed in
   /// place of the texts.
   void cell(std::string column, std::string value) {

@@ -113,6 +113,22 @@ class PullOutput(PipeCase):
             self.assertIn(why, result.errors[0])
         self.assert_tidy()
 
+    def test_a_reader_that_leaves_finds_no_temporary_file(self):
+        self.daemon()
+        run = self.start("pull", self.file("source", os.urandom(1_000_000)), "-")
+        self.assertEqual(len(run.stdout.read1(1)), 1)
+        run.stdout.close()
+        self.assertEqual((run.wait(TIMEOUT), run.stderr.read()), (-signal.SIGPIPE, b""))
+        self.assert_tidy()
+
+    def test_a_full_output_leaves_no_temporary_file(self):
+        self.daemon()
+        with open("/dev/full", "wb") as full:
+            run = self.start("pull", self.file("source", b"text"), "-", stdout=full)
+        self.assertEqual((run.wait(TIMEOUT), run.stderr.read()),
+                         (1, b"runelctl: standard output: No space left on device\n"))
+        self.assert_tidy()
+
     def test_only_one_file_fits(self):
         for words in (("-r", "/a"), ("/a", "/b")):
             self.assertIn("pull: standard output takes one file", self.refused(2, "pull", *words, "-"))

@@ -88,10 +88,10 @@ TEST(ReportTest, AddsStandardErrorToTheOutputUnlessItHasItsOwnReceiver) {
 TEST(ReportTest, HandsOnObjectsAtOnceOrKeepsThem) {
   const Style style = jsonStyle();
   Report report(style);
-  report.entry({{"entry", "a"}});
+  report.entry([] { return Json{{"entry", "a"}}; });
   std::string taken;
   report.entryStream = [&](const std::string& line) { taken += line; };
-  report.entry({{"entry", "b"}});
+  report.entry([] { return Json{{"entry", "b"}}; });
   EXPECT_EQ(report.collected().release(), "{\"entry\":\"a\"}\n");
   EXPECT_EQ(taken, "{\"entry\":\"b\"}\n");
 }
@@ -210,7 +210,7 @@ TEST(ReportTest, CollectsTextOrJsonObjects) {
   for (const Style* style : {&text, &json}) {
     Report report(*style, openingObject("a", "ls"));
     report.line("text");
-    report.entry({{"entry", "name"}});
+    report.entry([] { return Json{{"entry", "name"}}; });
     report.output("answer", "!");
     EXPECT_EQ(report.collected().release(),
               style->json ? "{\"v\":1,\"device\":\"a\",\"task\":\"ls\",\"entry\":\"name\"}\n"

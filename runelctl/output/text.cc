@@ -65,11 +65,16 @@ void putBytes(Json& object, const std::string& key, std::string_view bytes) {
 }
 
 void discard(Json& value) noexcept {
-  if (value.is_structured()) {
-    for (Json& member : value) {
-      discard(member);
+  if (auto* const object = value.get_ptr<Json::object_t*>()) {
+    for (auto& member : *object) {
+      discard(member.second);
     }
-    value.clear();
+    object->clear();
+  } else if (auto* const list = value.get_ptr<Json::array_t*>()) {
+    for (Json& element : *list) {
+      discard(element);
+    }
+    list->clear();
   }
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counts the allocations of a test program, or refuses one. Linking it replaces operator new, so only
-// tests that need this link it.
+// Counts the allocations of a test program, or refuses one. Linking it replaces operator new, so
+// only tests that need this link it.
 #ifndef TESTS_SUPPORT_ALLOCATION_COUNT_H_
 #define TESTS_SUPPORT_ALLOCATION_COUNT_H_
 

@@ -9,7 +9,7 @@ import termios
 import unittest
 
 from check_runelctl_used import Tables
-from support.ctl import BINARY, hang
+from support.ctl import BINARY, CtlCase, hang
 from support.fakes import FakeDevice
 from support.master import MasterCase
 from support.wait import TIMEOUT, wait_until
@@ -351,6 +351,32 @@ class Zsh(CompletionCase):
     def test_devices_of_the_master_are_offered(self):
         self.serve_two()
         self.completes("runelctl -d @no", "runelctl -d @north ")
+
+
+class Names(CtlCase):
+    """What the scripts ask runelctl for."""
+
+    def setUp(self):
+        super().setUp()
+        self.daemon()
+        self.file("some-name")
+
+    def names(self, kind, line, word=""):
+        return self.succeed("complete", kind, f"runelctl {line}{word}", word).text.split()
+
+    def test_options_of_a_program_select_no_device(self):
+        there = self.path("some")
+        self.assertEqual(self.names("remote", "exec cat -d 127.0.0.1:9 ", there), [self.path("some-name")])
+        self.assertEqual(self.names("remote", "cat -d 127.0.0.1:9 ", there), [])
+
+    def test_a_value_that_looks_like_an_option_selects_no_device(self):
+        there = self.path("some")
+        self.assertEqual(self.names("remote", "push --exclude -d 127.0.0.1:9 ", there),
+                         [self.path("some-name")])
+
+    def test_a_file_that_blocks_ends_it_after_two_seconds(self):
+        os.mkfifo(self.path("devices.toml"))
+        self.assertEqual(self.names("devices", f"--inventory {self.path('devices.toml')} -d "), [])
 
 
 class Installed(MasterCase):

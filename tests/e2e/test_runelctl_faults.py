@@ -38,6 +38,10 @@ class BadDevices(Faults):
         self.fails(say(reply(names), reply(STAT % b"0100644")[:30]),
                    "the device closed the connection|Connection reset by peer", "ls", "-l", "/")
 
+    def test_a_device_that_closes_while_a_pattern_is_expanded(self):
+        for words in (("cat", "/x*"), ("pull", "/x*", self.directory)):
+            self.fails(say(b""), "the device closed the connection", *words)
+
     def test_a_malformed_record(self):
         for payload in (b"", b"hello", b"SlaveTask", b"SlaveTask 0 0 0: 0 0 0 0",
                         b"SlaveTask 0 0 5:abc 0 0 0 0 0"):

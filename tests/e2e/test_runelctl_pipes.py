@@ -135,6 +135,15 @@ class PullOutput(PipeCase):
         self.assertEqual(self.succeed("-n", "pull", "/a", "-").out.count(b"SlaveTask"), 1)
         self.assert_tidy()
 
+    def test_a_pattern_must_match_one_file(self):
+        self.daemon()
+        os.mkdir(self.path("there"))
+        self.file("there/one", b"text")
+        self.assertEqual(self.succeed("pull", self.path("there/*"), "-").out, b"text")
+        self.file("there/two", b"text")
+        self.assertIn("there/*: matches 2 files, and standard output takes one",
+                      self.refused(1, "pull", self.path("there/*"), "-"))
+
     def test_a_file_with_this_name_is_still_available(self):
         self.daemon()
         self.assertEqual(self.succeed("pull", self.file("source", b"text"), "./-").out, b"")

@@ -92,6 +92,14 @@ class InPipe(CtlCase):
         self.assertEqual(result.errors, [f"runelctl: {path}: Not a directory",
                                          "runelctl: /no/such: No such file or directory"])
 
+    def test_cd_takes_one_directory(self):
+        result = self.feed("cd /etc /run", "pwd")
+        self.assertEqual((result.text, result.errors), ("/\n", ["runelctl: cd: too many arguments"]))
+
+    def test_the_directory_of_several_devices_is_not_checked(self):
+        result = self.feed("cd /no/such", "pwd", options=("-d", "127.0.0.1,127.0.0.2"))
+        self.assertEqual((result.status, result.text, result.err), (0, "/no/such\n", b""))
+
     def test_a_failure_does_not_end_it_and_its_exit_status_is_the_last_one(self):
         result = self.feed("sh 'exit 3'", "no-such-command", "cat 'unfinished", "shell", "exec echo on",
                            "sh 'exit 7'")
@@ -116,6 +124,14 @@ class InPipe(CtlCase):
                                    f"push data {self.path('copy')}").err, b"")
         self.assertEqual(self.content("copy"), b"sent")
         self.assertEqual(self.feed("lcd /no/such").status, 1)
+
+    def test_the_local_directory_is_the_home_directory_by_default(self):
+        os.mkdir(self.path("local"))
+        self.file("local/data", b"elsewhere")
+        self.file("data", b"at home")
+        result = self.feed(f"lcd {self.path('local')}", "lcd", f"push data {self.path('copy')}")
+        self.assertEqual((result.status, result.err), (0, b""))
+        self.assertEqual(self.content("copy"), b"at home")
 
     def test_options_apply_to_every_line(self):
         result = self.feed("fileexists /", "fileexists /none", options=("--json",))
@@ -233,6 +249,20 @@ class Terminal(CtlCase):
         self.type("\t\r", "odd name")
         self.wait_shown("> ")
         self.type("cd so\t\r", "some-directory> ")
+        self.leave()
+
+    def test_local_paths_are_completed(self):
+        os.makedirs(self.path("some-directory"))
+        self.file("some-directory/here", b"sent")
+        self.open()
+        self.type("push som\t", "some-directory/")
+        self.type(f"he\t{self.path('copy')}\r", "> ")
+        self.leave()
+        self.assertEqual(self.content("copy"), b"sent")
+
+    def test_the_prompt_counts_several_devices(self):
+        self.open("-d", "127.0.0.1,127.0.0.2")
+        self.assertIn("2 devices:/> ", self.read())
         self.leave()
 
     def test_several_candidates_are_listed(self):

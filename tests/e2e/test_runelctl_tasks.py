@@ -156,6 +156,21 @@ class Looking(OneDevice):
                  else one["name"].encode() for one in objects[:-1]]
         self.assertEqual(found, sorted(names))
 
+    def test_ls_names_each_of_several_directories(self):
+        one, two = self.path("one"), self.path("two")
+        for directory in (one, two):
+            os.mkdir(directory)
+        self.file("two/b", b"")
+        result = self.succeed("ls", one, two)
+        self.assertEqual(result.text, f"{one}:\n{two}:\nb\n")
+
+    def test_each_failed_path_is_reported(self):
+        here = self.file("here", b"text")
+        result = self.ctl("cat", "/no/1", here, "/no/2")
+        self.assertEqual((result.status, result.out), (1, b"text"))
+        self.assertEqual(sorted(line.split(": ", 2)[2] for line in result.errors),
+                         ["/no/1: No such file or directory", "/no/2: No such file or directory"])
+
     def test_ls_escapes_names_on_a_terminal(self):
         os.mkdir(self.path("d"))
         with open(os.path.join(self.path("d").encode(), b"a\x1b[31m\n\xff\\"), "wb"):

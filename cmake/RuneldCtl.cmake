@@ -1,10 +1,11 @@
 # The daemon needs no other library. The client library librunel needs none either. runelctl needs
-# librunel and five more, and the rest must build without those.
+# librunel and six more, and the rest must build without those.
 option(RUNELD_CLIENT "Build the client library librunel" ON)
 
 find_package(CLI11 QUIET)
 find_package(nlohmann_json QUIET)
 find_package(ZLIB QUIET)
+find_package(BZip2 QUIET)
 find_package(PkgConfig QUIET)
 if(PkgConfig_FOUND)
   pkg_check_modules(EDIT QUIET IMPORTED_TARGET libedit)
@@ -12,20 +13,21 @@ if(PkgConfig_FOUND)
 endif()
 
 set(missing "")
-foreach(library CLI11 nlohmann_json ZLIB EDIT TOML)
+foreach(library CLI11 nlohmann_json ZLIB BZIP2 EDIT TOML)
   if(NOT ${library}_FOUND)
     list(APPEND missing ${library})
   endif()
 endforeach()
+string(REPLACE BZIP2 "bzip2" missing "${missing}")
 string(REPLACE ZLIB "zlib" missing "${missing}")
 string(REPLACE EDIT "libedit (with pkg-config)" missing "${missing}")
 string(REPLACE TOML "toml++ (with pkg-config)" missing "${missing}")
 list(JOIN missing ", " missing)
 
 if(missing OR NOT RUNELD_CLIENT)
-  option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json, zlib, libedit and toml++)" OFF)
+  option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json, zlib, bzip2, libedit and toml++)" OFF)
 else()
-  option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json, zlib, libedit and toml++)" ON)
+  option(RUNELD_CTL "Build runelctl (needs CLI11, nlohmann-json, zlib, bzip2, libedit and toml++)" ON)
 endif()
 if(RUNELD_CTL AND missing)
   message(FATAL_ERROR "runelctl cannot be built, because these libraries are missing: ${missing}")

@@ -17,7 +17,8 @@ install_tools() {
 }
 
 # The build dependencies of runelctl. The daemon needs none of them.
-RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev libtomlplusplus-dev zlib1g-dev pkg-config)
+RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev libtomlplusplus-dev zlib1g-dev libbz2-dev
+  pkg-config)
 
 # What the tests of the client library need. The library itself needs nothing.
 LIBRUNEL_TOOLS=(libuv1-dev pkg-config)

@@ -22,6 +22,7 @@ struct TransferOptions::Data {
   std::size_t memory = kDefaultMemory;
   std::function<std::string(std::string_view)> compression;
   bool compressesOnAnyLine = false;
+  std::function<std::string(std::string_view)> bzip2;
   std::function<void(const Progress&)> progress;
   std::vector<std::string> excludes;
   bool planOnly = false;
@@ -88,6 +89,12 @@ TransferOptions& TransferOptions::setCompression(
   return *this;
 }
 
+TransferOptions& TransferOptions::setBzip2(
+    std::function<std::string(std::string_view bytes)> bzip2) {
+  own().bzip2 = std::move(bzip2);
+  return *this;
+}
+
 TransferOptions& TransferOptions::setProgress(std::function<void(const Progress&)> progress) {
   own().progress = std::move(progress);
   return *this;
@@ -147,6 +154,10 @@ const std::function<std::string(std::string_view bytes)>& TransferOptions::compr
 
 bool TransferOptions::compressesOnAnyLine() const {
   return data_->compressesOnAnyLine;
+}
+
+const std::function<std::string(std::string_view bytes)>& TransferOptions::bzip2() const {
+  return data_->bzip2;
 }
 
 const std::function<void(const Progress&)>& TransferOptions::progress() const {

@@ -11,6 +11,7 @@
 
 #include "client/core/path_filter.h"
 #include "client/core/paths.h"
+#include "commands/bzip2.h"
 #include "commands/command.h"
 #include "commands/gzip.h"
 #include "commands/read_input.h"
@@ -30,7 +31,7 @@ class TransferCommand : public Command {
     TransferPlan plan = plan_;
     plan.options.setResume(resume_).setChecksum(checksum_).setDelta(delta_).setExcludes(excludes_);
     if (!plain_) {
-      plan.options.setCompression(PieceGzip(), compress_);
+      plan.options.setCompression(PieceGzip(), compress_).setBzip2(bzip2);
     }
     return std::make_unique<TransferJob>(std::move(context), std::move(plan));
   }

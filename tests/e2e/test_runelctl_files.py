@@ -5,6 +5,7 @@ import functools
 import os
 import random
 import select
+import shutil
 import signal
 import socket
 import stat
@@ -12,6 +13,7 @@ import threading
 import unittest
 
 from support.ctl import Between, CtlCase, only_programs, say, small_disk, snapshot
+from support.thin_line import ThinLine
 from support.wait import TIMEOUT, wait_until
 
 MIB = 1 << 20
@@ -261,6 +263,46 @@ class Push(Transfers):
         result = self.succeed("--json", "push", "--no-compress", self.path("big"),
                               self.on_device("big"))
         self.assertNotIn("sent_bytes", result.objects[-1])
+
+    def counting(self, name, log, pause=0):
+        """A PATH in which the program @p name writes a byte to @p log and pauses in each run."""
+        path = only_programs(self, "mkdir", "chmod", "touch", "rm", "gzip")
+        place = os.path.join(path, name)
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(place)
+        self.file(place, f"#!/bin/sh\nprintf x >>{log}\n{shutil.which('sleep')} {pause}\n"
+                  f"exec {shutil.which(name)} \"$@\"\n".encode())
+        os.chmod(place, 0o755)
+        return path
+
+    def test_bzip2_is_used_where_the_device_unpacks_it(self):
+        log = self.path("runs")
+        self.serve(environment={"PATH": self.counting("bunzip2", log)})
+        content = b"".join(b"line %d of a text\n" % number for number in range(MIB))
+        self.succeed("push", "-z", self.file("big", content), self.on_device("big"))
+        self.assertTrue(self.content("device/big") == content)
+        self.assertGreater(os.path.getsize(log), 1, "an empty file and at least one piece")
+        self.assertEqual(self.leftovers(), [])
+
+    def test_bzip2_is_left_where_the_device_is_slow_with_it(self):
+        log = self.path("runs")
+        self.serve(environment={"PATH": self.counting("bunzip2", log, pause=1)})
+        line = ThinLine(1_000_000, 0.005, 7111, 5111)
+        self.addCleanup(line.close)
+        content = b"".join(b"line %d of a text\n" % number for number in range(MIB // 2))
+        self.succeed("-d", line.where, "push", self.file("big", content), self.on_device("big"))
+        self.assertTrue(self.content("device/big") == content)
+        self.assertEqual(os.path.getsize(log), 2, "an empty file and a short piece")
+
+    def test_gzip_is_used_where_the_device_has_no_bunzip2(self):
+        log = self.path("runs")
+        self.serve(environment={"PATH": self.counting("gzip", log)})
+        content = b"".join(b"line %d of a text\n" % number for number in range(MIB))
+        result = self.succeed("--json", "push", "-z", self.file("big", content), self.on_device("big"))
+        self.assertIn("sent_bytes", result.objects[-1])
+        self.assertTrue(self.content("device/big") == content)
+        self.assertGreater(os.path.getsize(log), 2, "an empty file and some pieces")
+        self.assertEqual(self.leftovers(), [])
 
     def test_a_large_file_of_a_sync_is_compressed(self):
         self.serve()

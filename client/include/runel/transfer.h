@@ -95,6 +95,10 @@ class RUNEL_API TransferOptions {
   /// @p gzip, which is the default, nothing is compressed.
   TransferOptions& setCompression(std::function<std::string(std::string_view bytes)> gzip,
                                   bool onAnyLine);
+  /// Where setCompression() compresses: tries @p bzip2 too, which returns its argument as a bzip2
+  /// file, and continues with what is faster. The device's bunzip2 unpacks; without it, and without
+  /// @p bzip2, which is the default, only gzip is used.
+  TransferOptions& setBzip2(std::function<std::string(std::string_view bytes)> bzip2);
   /// Calls @p progress after each file and each piece. It must not destroy the transfer.
   TransferOptions& setProgress(std::function<void(const Progress&)> progress);
   /// Leaves out what these rules match. A rule is PATTERN or "- PATTERN", or "+ PATTERN" for what
@@ -123,6 +127,7 @@ class RUNEL_API TransferOptions {
   [[nodiscard]] std::size_t memory() const;
   [[nodiscard]] const std::function<std::string(std::string_view bytes)>& compression() const;
   [[nodiscard]] bool compressesOnAnyLine() const;
+  [[nodiscard]] const std::function<std::string(std::string_view bytes)>& bzip2() const;
   [[nodiscard]] const std::function<void(const Progress&)>& progress() const;
   [[nodiscard]] const std::vector<std::string>& excludes() const;
   [[nodiscard]] bool planOnly() const;

@@ -3,13 +3,18 @@
 #ifndef RUNEL_TRANSFER_PUSH_PACKING_H_
 #define RUNEL_TRANSFER_PUSH_PACKING_H_
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 
 namespace runel {
 
-/// Decides for each piece of a large file whether it is compressed. Both are tried, and what takes
-/// less time continues. The first pieces are compressed only if that is wanted on any line.
+/// What makes a piece smaller.
+enum class Packer { none, gzip, bzip2 };
+
+/// Decides for each piece of a large file how it is compressed. All that the device can unpack is
+/// tried, and what takes the least time continues. The first pieces are compressed only if that is
+/// wanted on any line.
 class Packing {
  public:
   using Clock = std::chrono::steady_clock;
@@ -19,40 +24,50 @@ class Packing {
 
   /// The request before the first piece of a file was answered.
   void begin(Clock::time_point now);
-  /// A piece was sent.
-  void sent(bool packed) { plainSent_ = plainSent_ || !packed; }
-  /// A piece that had @p bytes before it was compressed was answered.
-  void answered(std::size_t bytes, bool packed, Clock::time_point now);
+  /// A piece that had @p bytes before it was compressed was sent. Also if bzip2 made
+  /// it no smaller.
+  void sent(std::size_t bytes, Packer packer);
+  /// It was answered.
+  void answered(std::size_t bytes, Packer packer, Clock::time_point now);
 
   /// Whether to find out now if the device can unpack.
   [[nodiscard]] bool asks() const { return state_ == State::unknown && maySave(); }
   /// It was asked.
   void asked() { state_ = State::asked; }
-  void setUnpacks(bool unpacks) { state_ = unpacks ? State::unpacks : State::cannot; }
+  /// Without @p gzip nothing is compressed. @p bzip2 is tried too.
+  void setUnpacks(bool gzip, bool bzip2);
 
-  /// Whether to compress the next piece.
-  [[nodiscard]] bool next() const;
+  /// What to compress the next piece with.
+  [[nodiscard]] Packer next() const;
   /// The most bytes of the next piece, before it is compressed.
   [[nodiscard]] std::size_t most() const;
 
  private:
   enum class State { unknown, asked, unpacks, cannot };
   struct Amount {
-    double bytes = 0;
-    double seconds = 0;
+    double sent = 0;      // bytes
+    double answered = 0;  // bytes, later ones count more
+    double seconds = 0;   // for the answered ones
+    [[nodiscard]] bool known() const;
     [[nodiscard]] double rate() const;
   };
 
+  [[nodiscard]] Amount& amount(Packer packer) { return amounts_[static_cast<std::size_t>(packer)]; }
+  [[nodiscard]] const Amount& amount(Packer packer) const {
+    return amounts_[static_cast<std::size_t>(packer)];
+  }
   [[nodiscard]] bool maySave() const;
   [[nodiscard]] bool triesPlain() const;
+  [[nodiscard]] bool triesBzip2Shortly() const;
+  [[nodiscard]] bool triesBzip2() const;
+  [[nodiscard]] Packer fastest() const;
 
   const bool on_;
   const bool onAnyLine_;
   State state_ = State::unknown;
+  bool bzip2_ = false;  // the device unpacks it
   Clock::time_point last_;
-  bool plainSent_ = false;
-  Amount plain_;
-  Amount packed_;
+  std::array<Amount, 3> amounts_;
 };
 
 }  // namespace runel

@@ -196,8 +196,8 @@ class SendLargeFile : public PushStage {
       sendPieces();
       return;
     }
-    work().ask(askForGzip(), [this](const Reply& reply) {
-      work().packing.setUnpacks(reply.ok());
+    work().ask(askForPackers(), [this](const Reply& reply) {
+      setUnpacks(reply);
       beginTimes();
       sendPieces();
     });
@@ -212,7 +212,7 @@ class SendLargeFile : public PushStage {
   [[nodiscard]] std::size_t window() const {
     constexpr std::size_t kPackedAhead = 2097152;
     const std::size_t bytes = work().pieces.window();
-    return work().packing.next() ? std::min(bytes, kPackedAhead) : bytes;
+    return work().packing.next() == Packer::none ? bytes : std::min(bytes, kPackedAhead);
   }
 
   void notePlace(const std::optional<Stat>& part) {
@@ -233,24 +233,34 @@ class SendLargeFile : public PushStage {
       return next;
     }
     if (work().packing.asks()) {
-      return last(askForGzip(),
-                  [this](const Reply& reply) { work().packing.setUnpacks(reply.ok()); });
+      return last(askForPackers(), [this](const Reply& reply) { setUnpacks(reply); });
     }
     const std::size_t most = std::min(work().pieces.next(), work().packing.most());
     const std::optional<Piece> piece = pieces_.next(most);
     if (!piece) {
       return lastItem();
     }
-    std::string packed = work().packing.next() ? pack(*piece) : "";
-    work().packing.sent(!packed.empty());
-    return packed.empty() ? pieceItem(*piece) : packedItem(*piece, std::move(packed));
+    return packedItem(*piece);
+  }
+
+  // What bzip2 does not make smaller, gzip may.
+  std::optional<Pipeline::Item> packedItem(const Piece& piece) {
+    Packer packer = work().packing.next();
+    std::string packed = pack(piece, packer);
+    if (packed.empty() && packer == Packer::bzip2) {
+      work().packing.sent(piece.size, packer);
+      packer = Packer::gzip;
+      packed = pack(piece, packer);
+    }
+    work().packing.sent(piece.size, packed.empty() ? Packer::none : packer);
+    return packed.empty() ? pieceItem(piece) : packedItem(piece, packer, std::move(packed));
   }
 
   std::optional<Pipeline::Item> pieceItem(const Piece& piece) {
     const auto handle = [this, size = piece.size](const Reply& reply) {
       check(reply);
       error_ = error_ ? error_ : file_->error;
-      pieceDone(size, false);
+      pieceDone(size, Packer::none);
       return !error_;
     };
     return Pipeline::Item{LateRequest::with({"append", part_}, contentOf(piece)), piece.size,
@@ -272,24 +282,34 @@ class SendLargeFile : public PushStage {
     return {piece.size, read};
   }
 
-  void pieceDone(std::size_t size, bool packed) {
+  void pieceDone(std::size_t size, Packer packer) {
     work().pieces.answered(size, PieceSizes::Clock::now());
-    work().packing.answered(size, packed, Packing::Clock::now());
+    work().packing.answered(size, packer, Packing::Clock::now());
     work().count(size, item_.target);
   }
 
   // Creates the file for compressed pieces, which only its owner can read, and unpacks an empty
-  // one.
-  Request askForGzip() {
+  // one with each program.
+  Request askForPackers() {
     work().packing.asked();
-    noteGzip();
-    const std::string script =
+    notePacked();
+    std::string script =
         "rm -f -- \"$0\" && umask 077 && printf '\\037\\213\\010\\000\\000\\000\\000\\000\\000"
         "\\003\\003\\000\\000\\000\\000\\000\\000\\000\\000\\000' >\"$0\" && gzip -dc <\"$0\"";
+    if (work().options().bzip2()) {
+      script +=
+          " && printf 'BZh9\\027rE8P\\220\\000\\000\\000\\000' >\"$0\""
+          " && { bunzip2 -c <\"$0\" 2>/dev/null && echo bunzip2 || :; }";
+    }
     return Request::exec({"/bin/sh", "-c", script, packed_}, 0);
   }
 
-  void noteGzip() {
+  void setUnpacks(const Reply& reply) {
+    const bool bzip2 = work().options().bzip2() && reply.output() == "bunzip2\n";
+    work().packing.setUnpacks(reply.ok(), bzip2);
+  }
+
+  void notePacked() {
     hasPacked_ = true;
     if (directory_) {
       return;
@@ -302,18 +322,20 @@ class SendLargeFile : public PushStage {
   }
 
   // Nothing if the piece does not become clearly smaller, or cannot be read: it is sent as it is.
-  std::string pack(const Piece& piece) const {
+  std::string pack(const Piece& piece, Packer packer) const {
     std::string bytes;
-    if (file_->reader.read(piece.offset, piece.size, bytes)) {
+    if (packer == Packer::none || file_->reader.read(piece.offset, piece.size, bytes)) {
       return "";
     }
-    std::string packed = work().options().compression()(bytes);
+    const TransferOptions& options = work().options();
+    std::string packed =
+        packer == Packer::bzip2 ? options.bzip2()(bytes) : options.compression()(bytes);
     return packed.size() < piece.size / 10 * 9 ? packed : "";
   }
 
   // The device unpacks to the end of the part. The compressed file is emptied, so that it cannot be
   // unpacked twice, and keeps its mode. The empty "append" writes the part to the disk.
-  Pipeline::Item packedItem(const Piece& piece, std::string&& packed) {
+  Pipeline::Item packedItem(const Piece& piece, Packer packer, std::string&& packed) {
     if (!hasPacked_) {
       createPacked();
     }
@@ -323,13 +345,17 @@ class SendLargeFile : public PushStage {
       return !error_;
     };
     following_.push_back({Request({"write", packed_}, std::move(packed)), weight, checked});
-    const std::string script = "gzip -dc <\"$0\" >>\"$1\" && : >\"$0\"";
-    following_.push_back({Request::exec({"/bin/sh", "-c", script, packed_, part_}, 0), 0,
-                          [this](const Reply& reply) { return unpacked(reply); }});
-    const auto synced = [this, size = piece.size, weight](const Reply& reply) {
+    const bool bzip2 = packer == Packer::bzip2;
+    const std::string script =
+        std::string(bzip2 ? "bunzip2 -c" : "gzip -dc") + " <\"$0\" >>\"$1\" && : >\"$0\"";
+    const auto unpacks = [this, program = bzip2 ? "bunzip2" : "gzip"](const Reply& reply) {
+      return unpacked(program, reply);
+    };
+    following_.push_back({Request::exec({"/bin/sh", "-c", script, packed_, part_}, 0), 0, unpacks});
+    const auto synced = [this, packer, size = piece.size, weight](const Reply& reply) {
       check(reply);
       work().save(size - weight);
-      pieceDone(size, true);
+      pieceDone(size, packer);
       return !error_;
     };
     following_.push_back({Request({"append", part_, ""}), 0, synced});
@@ -340,15 +366,15 @@ class SendLargeFile : public PushStage {
 
   // For a further file: the device is known to unpack.
   void createPacked() {
-    noteGzip();
+    notePacked();
     work().ask(Request({"write", packed_, ""}), [this](const Reply& reply) { check(reply); });
     work().tell(Request::exec({"chmod", "0600", "--", packed_}, 0));
   }
 
-  bool unpacked(const Reply& reply) {
+  bool unpacked(const char* program, const Reply& reply) {
     if (!reply.ok() && !error_) {
       error_ = Error(Kind::device, Cause::programFailed,
-                     item_.target + ": " + programTrouble("gzip", reply));
+                     item_.target + ": " + programTrouble(program, reply));
     }
     return !error_;
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -206,6 +207,73 @@ TEST_F(PackedPushTest, RemovesItsFilesWhenTheDeviceCannotUnpack) {
   EXPECT_GT(device.count("unlink " + packed), 0U);
   EXPECT_EQ(device.requests().back(), "exec rm -r -f -- " + directoryOfB());
   EXPECT_EQ(device.count("rename"), 0U);
+}
+
+// Pieces of 256 KiB: eight for gzip, then one for bzip2. What follows depends on measured times.
+class Bzip2PushTest : public PackedPushTest {
+ protected:
+  Bzip2PushTest() {
+    options.setMemory(4 * kMebibyte).setBzip2([](std::string_view bytes) {
+      return "b" + std::string(bytes.substr(0, 1));
+    });
+    content = std::string(4 * kMebibyte, 'x');
+    device.succeed("stat " + ownPartOfB(), PreparedDevice::stat("0100600", content.size()));
+  }
+  static constexpr std::size_t kMebibyte = 1048576;
+};
+
+TEST_F(Bzip2PushTest, TriesBothPrograms) {
+  device.succeed("exec /bin/sh -c (", "bunzip2\n");
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(report->bytes(), content.size());
+  EXPECT_GE(device.count("write " + packed + " x"), 7U);
+  const std::size_t count = device.count("write " + packed + " bx");
+  EXPECT_GT(count, 0U);
+  EXPECT_EQ(device.count("exec /bin/sh -c bunzip2 -c"), count);
+}
+
+TEST_F(Bzip2PushTest, UsesGzipForPiecesThatBzip2DoesNotMakeSmaller) {
+  options.setBzip2([](std::string_view bytes) { return std::string(bytes); });
+  device.succeed("exec /bin/sh -c (", "bunzip2\n");
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_LE(device.count("append " + ownPartOfB() + " ("), 1U) << "one to compare with";
+  EXPECT_GE(device.count("exec /bin/sh -c gzip -dc"), 15U);
+  EXPECT_EQ(device.count("exec /bin/sh -c bunzip2 -c"), 0U);
+}
+
+TEST_F(Bzip2PushTest, UsesGzipAloneWithoutBunzip2OnTheDevice) {
+  for (const char* answer : {"", "bunzip", "sh: bunzip2: not found\n", "bunzip2\nbunzip2\n"}) {
+    device.succeed("exec /bin/sh -c (", answer);
+    push({file("b", content)}, "/t/b");
+    finish();
+    EXPECT_TRUE(report->ok());
+    report.reset();
+  }
+  EXPECT_GT(device.count("exec /bin/sh -c gzip -dc"), 0U);
+  EXPECT_EQ(device.count("exec /bin/sh -c bunzip2 -c"), 0U);
+}
+
+TEST_F(Bzip2PushTest, NamesTheProgramThatFailed) {
+  device.succeed("exec /bin/sh -c (", "bunzip2\n");
+  device.fail("exec /bin/sh -c bunzip2 -c", ENOSPC);
+  push({file("b", content)}, "/t/b");
+  finish();
+  ASSERT_FALSE(report->ok());
+  EXPECT_THAT(report->error()->text(), ::testing::HasSubstr("bunzip2: "));
+  EXPECT_EQ(device.count("rename"), 0U);
+}
+
+TEST_F(PackedPushTest, AsksForBunzip2OnlyWithBzip2) {
+  device.succeed("exec /bin/sh -c (", "bunzip2\n");
+  content = std::string(5 << 20, 'x');
+  options.setMemory(4 << 20);
+  push({file("b", content)}, "/t/b");
+  finish();
+  EXPECT_EQ(device.count("exec /bin/sh -c bunzip2 -c"), 0U);
 }
 
 TEST_F(PackedPushTest, RemovesTheCompressedFileOfAnInterruptedTransfer) {

@@ -103,6 +103,25 @@ class DeltaTest(Transfers):
         os.symlink(shutil.which(shell), os.path.join(programs, "sh"))
         return programs
 
+    def push_beside_openssl(self, body):
+        """A delta to a device whose openssl is a shell script. Returns how often that ran."""
+        programs = self.shell_with("dash", "cksum", "sha256sum", "dd", "cat", "chmod", "touch")
+        log = self.path("runs")
+        openssl = self.file(os.path.join(programs, "openssl"), f"#!/bin/sh\nprintf x >>{log}\n{body}".encode())
+        os.chmod(openssl, 0o755)
+        self.serve(environment={"PATH": programs})
+        new = b"new" + noise(3 * MIB)
+        self.old_and_new(noise(3 * MIB), new)
+        self.assertEqual(self.push()["bytes"], 3)
+        self.assert_arrived(new)
+        return os.path.getsize(log)
+
+    def test_openssl_computes_the_checksums_of_large_parts(self):
+        self.assertEqual(self.push_beside_openssl("exec sha256sum"), 1)
+
+    def test_sha256sum_is_used_where_openssl_fails(self):
+        self.assertEqual(self.push_beside_openssl("exit 1"), 1)
+
     def assert_whole(self, new, why):
         result = self.ctl("push", "--delta", self.path("image"), self.on_device("image"))
         self.assertEqual(result.status, 0)

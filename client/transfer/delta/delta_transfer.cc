@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint64_t kLeastForDelta = 524288;
 constexpr std::uint64_t kLeastForAutomaticDelta = 4194304;
 constexpr std::uint64_t kMostForDelta = std::uint64_t{64} << 30U;
-constexpr std::size_t kHashStep = 1048576;
+constexpr std::size_t kHashStep = 262144;  // requests wait for a step
 constexpr std::size_t kSentStep = 524288;
 // The device syncs after each step of this length, so that the last sync does not take longer than
 // the I/O timeout.

@@ -75,6 +75,9 @@ class SendLargeFile : public PushStage {
       checkPart(work(), Request::exec({"sha256sum", "--", part_}, 0), placeOf(*item_.entry),
                 st->size, item_.target, [this](std::uint64_t offset) { beginAt(offset); });
     });
+    if (delta_ && work().options().delta() == Delta::always) {
+      delta_->prepare();  // the answers come later than that about the part
+    }
   }
 
   // A part that must not remain has its own directory. Without one, the device creates the removed
@@ -98,17 +101,9 @@ class SendLargeFile : public PushStage {
   void setPart(std::string path) {
     part_ = std::move(path);
     packed_ = part_ + ".gz";
-    prepareDelta();
-  }
-
-  void prepareDelta() {
-    const Delta use = work().options().delta();
-    if (mayUseDelta(use, item_.there, file_->reader.size())) {
+    if (mayUseDelta(work().options().delta(), item_.there, file_->reader.size())) {
       delta_ = std::make_unique<DeltaTransfer>(work(), file_->reader,
                                                DeltaFiles{item_.target, item_.there->size, part_});
-    }
-    if (delta_ && use == Delta::always) {
-      delta_->prepare();
     }
   }
 

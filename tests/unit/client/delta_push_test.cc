@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A push of differences, with a device that answers as prepared.
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -106,6 +107,18 @@ TEST_F(DeltaPushTest, SendsWhatIsNewAndCopiesTheRest) {
   EXPECT_EQ(device.count("append " + part + " new"), 1U);
   EXPECT_EQ(device.count(copies + " /t/b " + part + " 65536 0 16"), 1U);
   EXPECT_EQ(device.count("rename " + part + " /t/b"), 1U);
+}
+
+TEST_F(DeltaPushTest, TheDeviceComputesChecksumsWhileThePartIsCreated) {
+  push();
+  const Texts requests = device.requests();
+  const auto first = [&](const std::string& words) {
+    return std::find_if(requests.begin(), requests.end(), [&](const std::string& request) {
+      return request.compare(0, words.size(), words) == 0;
+    });
+  };
+  EXPECT_LT(first("stat " + part), first(sums));
+  EXPECT_LT(first(sums), first("write " + part));
 }
 
 TEST_F(DeltaPushTest, AsksForDigestsOfDoubtfulBlocks) {

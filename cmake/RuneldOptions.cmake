@@ -11,6 +11,12 @@ target_compile_options(runeld_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wold-style-cast -Woverloaded-virtual -Wnon-virtual-dtor>
   $<$<BOOL:${RUNELD_WERROR}>:-Werror>)
 
+if(RUNELD_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  # The compiler would collect garbage each time its heap doubles. A batch compiles faster without
+  # that, in a tenth more memory. The code is the same: only the debug information names the options.
+  target_compile_options(runeld_options INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:--param=ggc-min-expand=1000 --param=ggc-min-heapsize=2000000>)
+endif()
 if(RUNELD_SANITIZE)
   target_compile_options(runeld_options INTERFACE
     -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer

@@ -4,6 +4,9 @@ add_library(verify_dispatch MODULE
   preload/dispatch.c preload/library_calls.c preload/state.c preload/trace.c)
 add_library(verify_allocations MODULE preload/allocations.c preload/state.c)
 foreach(library verify_dispatch verify_allocations)
+  if(RUNELD_COVERAGE)
+    target_sources(${library} PRIVATE preload/end_of_main.c)
+  endif()
   target_compile_options(${library} PRIVATE -Wall -Wextra -Wshadow -fno-stack-protector -fvisibility=hidden
     $<$<BOOL:${RUNELD_WERROR}>:-Werror>)
   target_compile_definitions(${library} PRIVATE $<$<BOOL:${RUNELD_COVERAGE}>:VERIFY_COVERAGE>)

@@ -22,6 +22,7 @@ from support.wire import parse_record
 
 BINARY = os.environ.get("RUNELCTL_BIN", "")
 RECORD = os.environ.get("RUNELCTL_RECORD")
+COVERAGE = "RUNELCTL_COVERAGE" in os.environ
 
 
 @dataclasses.dataclass(frozen=True)
@@ -78,11 +79,20 @@ class CtlCase(EndToEndCase):
         if RECORD and process.args[0] == BINARY:
             cls._record(process)
         if process.poll() is None:
+            if COVERAGE:
+                cls._let_end(process)
             process.kill()
         process.wait()
         for stream in (process.stdin, process.stdout, process.stderr):
             if stream:
                 stream.close()
+
+    @staticmethod
+    def _let_end(process):
+        """Lets a coverage build exit on SIGTERM, because it writes its counts at exit."""
+        process.terminate()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(5)
 
     def ctl(self, *words, feed=None, env=None, timeout=TIMEOUT):
         """One run from start to end."""

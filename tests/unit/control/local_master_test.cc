@@ -156,6 +156,26 @@ TEST_F(LocalMasterTest, ARefusalNamesTheOption) {
   EXPECT_THAT(told("refused")["why"].get<std::string>(), HasSubstr("by --allow"));
 }
 
+TEST_F(LocalMasterTest, TellsWhenAFurtherConnectionCloses) {
+  open();
+  dial("gw-3");
+  (void)told("connected");
+  ScriptedDevice& further = dial("gw-3");
+  (void)told("further");
+  further.close();
+  const Json object = told("lost");
+  EXPECT_EQ(object["role"], "further");
+  EXPECT_NE(object["why"], "");
+}
+
+TEST_F(LocalMasterTest, RefusesTooManyConnectionsFromOneAddress) {
+  open();
+  for (int connection = 0; connection < 17; ++connection) {
+    dial("gw-3");
+  }
+  EXPECT_EQ(told("refused")["why"], "too many connections from this address");
+}
+
 TEST_F(LocalMasterTest, ListsItsDevices) {
   open();
   EXPECT_EQ(hear(call("devices\n")), "");
@@ -202,6 +222,16 @@ TEST_F(LocalMasterTest, AProcessThatLeavesDetaches) {
   EXPECT_EQ(hear(caller, 3), "ok\n");
   caller.reset();
   runUntil([this] { return Json::parse(hear(call("devices\n")))["users"] == 0; });
+}
+
+TEST_F(LocalMasterTest, AProcessThatIsGoneBeforeItsAnswerDetaches) {
+  open();
+  dial("gw-3");
+  (void)told("connected");
+  call("attach gw-3\n").reset();
+  const UniqueFd next = call("attach gw-3\n");
+  EXPECT_EQ(hear(next, 3), "ok\n");
+  EXPECT_EQ(Json::parse(hear(call("devices\n")))["users"], 1);
 }
 
 TEST_F(LocalMasterTest, TheLossOfADeviceEndsItsProcesses) {

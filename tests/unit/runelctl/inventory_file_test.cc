@@ -2,46 +2,23 @@
 // Where the inventory is read from.
 #include "inventory/inventory_file.h"
 
-#include <cstdlib>
 #include <filesystem>
-#include <optional>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
+#include "unit/runelctl/variable.h"
 
 namespace runelctl {
 namespace {
 
+using test::Variable;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::StartsWith;
 using zell::test::TempDir;
-
-// An environment variable with another value during a test.
-class Variable {
- public:
-  Variable(const char* name, const std::string& value) : name_(name) {
-    const char* before = std::getenv(name);
-    before_ = before == nullptr ? std::nullopt : std::make_optional<std::string>(before);
-    setenv(name, value.c_str(), 1);
-  }
-  ~Variable() {
-    if (before_) {
-      setenv(name_, before_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-  Variable(const Variable&) = delete;
-  Variable& operator=(const Variable&) = delete;
-
- private:
-  const char* const name_;
-  std::optional<std::string> before_;
-};
 
 class InventoryFileTest : public ::testing::Test {
  protected:

@@ -5,6 +5,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -248,6 +250,43 @@ TEST(BlockingAgentTest, SendingHasATimeout) {
   ASSERT_FALSE(sent);
   EXPECT_EQ(sent.error().kind(), Kind::timeout);
   EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
+}
+
+TEST(BlockingAgentTest, TheEndOfTheDaemonEndsSending) {
+  AgentPort daemon;
+  std::thread peer([&] {
+    while (!daemon.agent.valid()) {
+      daemon.serve();
+    }
+    daemon.agent.reset();
+  });
+  Agent agent(daemon.text());
+  const auto sent = agent.send("<a>" + std::string(30000000, 'x') + "</a>");
+  peer.join();
+  ASSERT_FALSE(sent);
+  EXPECT_EQ(sent.error().kind(), Kind::link);
+  EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
+}
+
+TEST(BlockingAgentTest, RefusedConnectionFailsEachCall) {
+  AgentPort daemon;
+  daemon.stopListening();
+  Agent agent(daemon.text());
+  EXPECT_EQ(agent.send("<a/>").error().number(), ECONNREFUSED);
+  EXPECT_EQ(agent.receive(Milliseconds(0)).error().number(), ECONNREFUSED);
+}
+
+TEST(BlockingAgentTest, MovesWithItsConnection) {
+  AgentPort daemon;
+  Agent first("localhost:" + std::to_string(daemon.port));
+  ASSERT_TRUE(first.send("<a/>"));
+  Agent second(std::move(first));
+  ASSERT_TRUE(second.send("<b/>"));
+  Agent third("127.0.0.1:9");
+  third = std::move(second);
+  ASSERT_TRUE(third.send("<c/>"));
+  daemon.serve();
+  EXPECT_EQ(daemon.came, "<a/>\r\n<b/>\r\n<c/>\r\n");
 }
 
 TEST(BlockingAgentTest, InvalidAddressFailsInTheFirstCall) {

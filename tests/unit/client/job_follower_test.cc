@@ -205,6 +205,19 @@ TEST_F(JobFollowerTest, FailsForAJobThatIsMissingOrWasNeverStarted) {
   EXPECT_NE(failed->text().find("never started"), std::string::npos);
 }
 
+TEST_F(JobFollowerTest, AwaitsAJobThatWasJustStarted) {
+  how.started = true;
+  device.exists = true;
+  follow();
+  runUntil([this] { return asked("show") == 2; });
+  device.run();
+  device.write("out", "late");
+  device.end();
+  finish();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(came[0], "late");
+}
+
 TEST_F(JobFollowerTest, FailsWhenAnotherJobHasTheSameId) {
   device.run();
   follow();
@@ -328,6 +341,63 @@ TEST_F(JobFollowerTest, FailsOnGarbage) {
   }
 }
 
+TEST_F(JobFollowerTest, FetchesAgainWhenTailFails) {
+  device.run(1000);
+  device.write("out", "first");
+  device.garbage["exec out"] = replyRecord("", "1 2 1 0 0");
+  device.before = [this](const std::string& request) {
+    if (request == "exec out.0" && asked(request) == 2) {
+      device.garbage.clear();
+    }
+  };
+  follow();
+  runUntil([this] { return came[0] == "first"; });
+  device.write("out", "second");
+  device.end();
+  finish();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(came[0], "firstsecond");
+  EXPECT_EQ(asked("exec out.0"), 2);
+}
+
+TEST_F(JobFollowerTest, FailsWhenTailFailsAgainAndAgain) {
+  device.run(1000);
+  device.write("out", "first");
+  device.garbage["exec out"] = replyRecord("", "1 2 1 0 0");
+  follow();
+  runUntil([this] { return came[0] == "first"; });
+  device.write("out", "second");
+  finish();
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->text().compare(0, 5, "tail:"), 0) << failed->text();
+  EXPECT_EQ(asked("exec out.0"), 3);
+}
+
+TEST_F(JobFollowerTest, FailsAtOnceWithoutTail) {
+  device.run(1000);
+  device.write("out", "first");
+  device.garbage["exec out"] = replyRecord("", "1 0 1 2 0");
+  follow();
+  runUntil([this] { return came[0] == "first"; });
+  device.write("out", "second");
+  finish();
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->number(), ENOENT);
+  EXPECT_EQ(asked("exec out.0"), 1);
+}
+
+TEST_F(JobFollowerTest, FailsWhenASegmentCannotBeRead) {
+  device.run();
+  device.write("out", "data");
+  device.garbage["read out.0"] = replyRecord("", "1 0 1 5 0");
+  follow();
+  finish();
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->number(), EIO);
+  EXPECT_NE(failed->text().find("/jobs/j/out.0"), std::string::npos) << failed->text();
+  EXPECT_EQ(asked("read out.0"), 3);
+}
+
 TEST_F(JobStarterTest, StartsAJobOnce) {
   start();
   finishStart();
@@ -391,6 +461,41 @@ TEST_F(JobStarterTest, RemovesTheClaimedJobWhenItsInputCannotBeStored) {
   EXPECT_EQ(failed->number(), ENOSPC);
   EXPECT_FALSE(device.exists);
   EXPECT_EQ(device.starts, 0);
+}
+
+// After a loss the starter asks how much of the input has arrived.
+TEST_F(JobStarterTest, RemovesTheClaimedJobWhenTheSizeOfItsInputIsUnknown) {
+  const std::string size =
+      "dev=1 ino=1 mode=0100600 nlink=1 uid=0 gid=0 rdev=0 size=6 blksize=4096 "
+      "blocks=0 atime=0.0 mtime=5.0 ctime=0.0\n";
+  for (const std::string& reply : {replyRecord("text"), replyRecord(size)}) {
+    FakeJobDevice other(loop);
+    other.cutAt = 1;
+    other.garbage["stat in"] = reply;
+    std::optional<Error> error;
+    JobPlan plan;
+    plan.words = {"true"};
+    JobStarter misled(
+        other.client(), other.place(), plan, std::make_shared<const std::string>("input"),
+        how.limit,
+        {[&](JobAnswer, const std::optional<Error>& itsError) { error = itsError; }, {}});
+    misled.start();
+    ASSERT_TRUE(test::runUntil(loop, [&] { return error.has_value(); })) << reply;
+    EXPECT_EQ(error->cause(), Cause::protocol) << reply;
+    EXPECT_FALSE(other.exists) << reply;
+    EXPECT_EQ(other.starts, 0) << reply;
+  }
+}
+
+TEST_F(JobStarterTest, RemovesTheClaimedJobWhenItsInputIsGoneAfterALoss) {
+  device.cutAt = 1;
+  device.garbage["stat in"] = replyRecord("", "1 0 1 2 0");
+  start(std::make_shared<const std::string>("input"));
+  finishStart();
+  EXPECT_EQ(answer, JobAnswer::failed);
+  EXPECT_EQ(failed->number(), ENOENT);
+  EXPECT_FALSE(device.exists);
+  EXPECT_EQ(losses, 1);
 }
 
 TEST_F(JobStarterTest, TellsWhyADeviceCannotHaveJobs) {

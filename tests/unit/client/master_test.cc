@@ -165,6 +165,47 @@ TEST_F(MasterTest, RefusesAHostidThatIsNotAllowed) {
   EXPECT_FALSE(stranger.ended);
 }
 
+// A device that connects again and again would fill the log.
+TEST_F(MasterTest, ClosesRefusedConnectionsAfterAWhile) {
+  ASSERT_TRUE(options.allowAddresses("127.0.0.9"));
+  ASSERT_TRUE(options.allowHostids("good"));
+  open();
+  ScriptedDevice& far = dial("good", "127.0.0.10");
+  ScriptedDevice& wrong = dial("bad", "127.0.0.9");
+  runUntil([&] { return far.ended && wrong.ended; });
+  EXPECT_EQ(count(Type::refused), 2U);
+  ASSERT_EQ(count(Type::lost), 1U) << "only one was asked for its identity";
+  EXPECT_EQ(told(Type::lost).hostid() + " " + told(Type::lost).text(), "bad refused");
+  dial("good", "127.0.0.10");
+  runUntil([&] { return count(Type::refused) == 3; });
+}
+
+TEST_F(MasterTest, LimitsTheConnectionsFromOneAddress) {
+  open();
+  dialAndWait();
+  for (std::size_t further = 1; further < 16; ++further) {
+    dial();
+    runUntil([&] { return count(Type::additional) == further; });
+  }
+  EXPECT_EQ(count(Type::refused), 0U);
+  dial();
+  const MasterEvent event = told(Type::refused);
+  EXPECT_EQ(event.refusal(), MasterEvent::Refusal::tooManyConnections);
+  EXPECT_EQ(event.text(), "too many connections from this address");
+  dialAndWait("other", "127.0.0.2");
+}
+
+TEST_F(MasterTest, OptionsAreCopied) {
+  ASSERT_TRUE(options.allowHostids("one"));
+  MasterOptions copy;
+  copy = options;
+  ASSERT_TRUE(options.allowHostids("two"));
+  options = copy;
+  open();
+  dial("two");
+  EXPECT_EQ(told(Type::refused).hostid(), "two");
+}
+
 TEST_F(MasterTest, InvalidListsAreRefused) {
   for (const char* list : {"", "1.2.3", "1.2.3.4/33", "1.2.3.4,"}) {
     EXPECT_FALSE(options.allowAddresses(list)) << list;
@@ -377,6 +418,19 @@ TEST_F(MasterTest, InvalidDataEndsABridge) {
   EXPECT_EQ(count(Type::lost), 0U);
 }
 
+TEST_F(MasterTest, AClauseWithoutAnEndEndsABridge) {
+  open();
+  dialAndWait();
+  const ScriptedDevice& bridge = dialBridge();
+  bridge.say("<a>");
+  for (int piece = 0; piece < 64; ++piece) {
+    EXPECT_EQ(count(Type::additionalLost), 0U);
+    bridge.say(std::string(16384, 'x'));
+    loop.turn(Milliseconds(5));
+  }
+  EXPECT_EQ(told(Type::additionalLost).text(), "sent a clause that exceeds 1 MiB");
+}
+
 TEST_F(MasterTest, PassesTheReplyOfATask) {
   open();
   ScriptedDevice& device = dialAndWait();
@@ -446,6 +500,28 @@ TEST_F(MasterTest, LosesADeviceThatDoesNotAnswerACheck) {
   dialAndWait().answers = false;
   dial().answers = false;  // a further connection makes the master check the first
   EXPECT_EQ(told(Type::lost).text(), "no answer to the liveness check");
+}
+
+// Its kernel acknowledges the check: the connection is not half-open.
+TEST_F(MasterTest, ADeviceThatOnlyAcknowledgesTheCheckHasItsTimeout) {
+  options.setTimeout(Milliseconds(6000));
+  open();
+  dialAndWait().answers = false;
+  dial().answers = false;
+  EXPECT_EQ(told(Type::lost).text(), "no answer to the liveness check");
+}
+
+TEST_F(MasterTest, LosesADeviceThatAnswersACheckWithGarbage) {
+  open();
+  dialAndWait().special = "text";
+  dial().answers = false;
+  EXPECT_EQ(told(Type::lost).text(), "malformed answer: not a task record");
+}
+
+TEST_F(MasterTest, LosesADeviceThatAnswersWithoutARequest) {
+  open();
+  dialAndWait().say(frameOf(recordOf("unasked")));
+  EXPECT_EQ(told(Type::lost).text(), "answer without a request");
 }
 
 TEST_F(MasterTest, SilenceEndsARequestAndChecksTheDevice) {
@@ -572,6 +648,18 @@ TEST_F(MasterTest, SilentConnectionsAtASharedAddressAreDevices) {
   }
   EXPECT_EQ(events.back().device(), "127.0.0.1:" + std::to_string(devices.back().port()));
   EXPECT_EQ(master->find("127.0.0.1").size(), 3U);
+}
+
+// Many devices at one address connect within a moment.
+TEST_F(MasterTest, FurtherConnectionsFromASharedAddressCauseOneCheck) {
+  options.setShared(Milliseconds(60000));
+  open();
+  const ScriptedDevice& device = dialAndWait();
+  dial().answers = false;
+  dial().answers = false;
+  runUntil([&] { return device.came.find("fileexists") != std::string::npos; });
+  EXPECT_EQ(count(Type::additional), 2U);
+  EXPECT_EQ(device.came.find("fileexists"), device.came.rfind("fileexists"));
 }
 
 TEST_F(MasterTest, ForwardsByteForByte) {
@@ -802,6 +890,27 @@ TEST(BlockingMasterTest, SendingAClauseHasATimeout) {
   const auto sent = master.sendClause("127.0.0.1", "<a>" + std::string(30000000, 'x') + "</a>");
   ASSERT_FALSE(sent);
   EXPECT_EQ(sent.error().kind(), Kind::timeout);
+  EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
+}
+
+TEST(BlockingMasterTest, TellsThatTheAgentHasLeft) {
+  Master first(MasterOptions().setListen("127.0.0.1", 0));
+  Master master = std::move(first);
+  ASSERT_TRUE(master.open());
+  ScriptedDevice device(master.port());
+  device.sayIdentity();
+  ASSERT_TRUE(master.waitForDevices(1, Milliseconds(60000)));
+  ScriptedDevice bridge(master.port());
+  bridge.say("<hello/>");
+  std::optional<MasterEvent> event = master.nextEvent(Milliseconds(60000));
+  while (event && event->type() != Type::clause) {
+    event = master.nextEvent(Milliseconds(60000));
+  }
+  ASSERT_TRUE(event);
+  bridge.resetConnection();
+  const auto sent = master.sendClause("127.0.0.1", "<a/>");
+  ASSERT_FALSE(sent);
+  EXPECT_EQ(sent.error().text(), "the connection to the agent was closed");
   EXPECT_EQ(sent.error().outcome(), Outcome::unknown);
 }
 

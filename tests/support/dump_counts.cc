@@ -14,7 +14,7 @@ int __real_raise(int number);
 
 int __wrap_raise(int number) {
   __gcov_dump();
-  __gcov_reset();  // the process may go on and count again
+  __gcov_reset();  // the process may continue and count again
   return __real_raise(number);
 }
 

@@ -29,15 +29,23 @@ bool refuses() {
   return t_refused;
 }
 
-void* allocate(std::size_t size) {
+void* allocateOrNull(std::size_t size) noexcept {
   void* memory = refuses() ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) {
-    throw std::bad_alloc();
+    return nullptr;
   }
   ++g_calls;
   g_bytes += size;
   g_live += static_cast<std::ptrdiff_t>(malloc_usable_size(memory));
   g_peak = std::max(g_peak.load(), g_live.load());
+  return memory;
+}
+
+void* allocate(std::size_t size) {
+  void* memory = allocateOrNull(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
   return memory;
 }
 
@@ -94,6 +102,15 @@ void* operator new(std::size_t size) {
 
 void* operator new[](std::size_t size) {
   return zell::test::allocate(size);
+}
+
+// The address sanitizer has its own, which do not call those above.
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return zell::test::allocateOrNull(size);
+}
+
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return zell::test::allocateOrNull(size);
 }
 
 void operator delete(void* memory) noexcept {

@@ -17,9 +17,13 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <runel/transfer.h>
+
 #include "base/unique_fd.h"
 #include "client/core/frame_stream.h"
 #include "support/loopback.h"
+#include "support/task_wire.h"
+#include "support/temp_dir.h"
 
 namespace runel {
 namespace {
@@ -179,6 +183,95 @@ TEST(DeviceTest, AMalformedValueIsALinkError) {
   EXPECT_EQ(device.stat("/x").error().cause(), Cause::protocol);
   EXPECT_EQ(device.readdir("/x").error().kind(), Kind::link);
   EXPECT_EQ(device.freeBlocks("/x").error().outcome(), Outcome::answered);
+}
+
+TEST(DeviceTest, EachCallSendsItsTask) {
+  std::vector<std::string> came;
+  const ThreadPeer peer([&](const std::string& payload) {
+    came.push_back(payload);
+    return replyText("");
+  });
+  Device first(peer.address());
+  Device device = std::move(first);
+  EXPECT_TRUE(device.append("/x", "data") && device.write("/x", "data") && device.chmodx("/x"));
+  EXPECT_TRUE(device.rename("/x", "/y") && device.unlink("/y"));
+  EXPECT_TRUE(device.changeLeds(true, false) && device.blinkLeds("fast"));
+  EXPECT_TRUE(device.updateUmState("key", "state") && device.reboot());
+  EXPECT_TRUE(device.realpath("/x") && device.deviceType());
+  EXPECT_TRUE(*device.processRunning("name") && *device.access("/x", 4));
+  const std::vector<std::vector<std::string>> expected{{"append", "/x", "data"},
+                                                       {"write", "/x", "data"},
+                                                       {"chmodx", "/x"},
+                                                       {"rename", "/x", "/y"},
+                                                       {"unlink", "/y"},
+                                                       {"changeleds", "1", "0"},
+                                                       {"blinkleds", "fast"},
+                                                       {"updateumstate", "key", "state"},
+                                                       {"reboot"},
+                                                       {"realpath", "/x"},
+                                                       {"devicetype"},
+                                                       {"processrunning", "name"},
+                                                       {"access", "/x", "4"}};
+  ASSERT_EQ(came.size(), expected.size());
+  for (std::size_t i = 0; i < came.size(); ++i) {
+    EXPECT_EQ(came[i], zell::test::requestRecord(expected[i]));
+  }
+}
+
+TEST(DeviceTest, ValuesAreParsed) {
+  const ThreadPeer peer([](const std::string& payload) {
+    return replyText(has(payload, "freeblocks") ? "12"
+                     : has(payload, "readdir")  ? "StringVec 2\n1:a\n2:bc\n"
+                                                : "dev=1 ino=2 mode=0100600 nlink=1 uid=0 gid=0 "
+                                                  "rdev=0 size=7 blksize=4096 blocks=0 "
+                                                  "atime=0.000000000 mtime=5.000000000 "
+                                                  "ctime=0.000000000\n");
+  });
+  Device device(peer.address());
+  EXPECT_EQ(*device.freeBlocks("/"), 12U);
+  EXPECT_EQ(*device.readdir("/"), (std::vector<std::string>{"a", "bc"}));
+  EXPECT_EQ(device.stat("/x")->size, 7U);
+  EXPECT_EQ(device.lstat("/x")->size, 7U);
+}
+
+TEST(DeviceTest, AnEndedConnectionIsHowARestartSucceeds) {
+  const ThreadPeer peer([](const std::string& payload) {
+    return has(payload, "hostid") ? std::make_optional(replyText("abc")) : std::nullopt;
+  });
+  Device device(peer.address());
+  EXPECT_TRUE(device.restart());
+  EXPECT_EQ(*device.hostid(), "abc");
+  Device nowhere(Address("127.0.0.1", 9));
+  EXPECT_EQ(nowhere.restart().error().number(), ECONNREFUSED);
+}
+
+TEST(DeviceTest, ATransferReportsWhatFailed) {
+  const ThreadPeer peer(always(failure(EACCES)));
+  const zell::test::TempDir dir;
+  const std::string file = dir.write("file", "data");
+  Device device(peer.address());
+  const Result<TransferReport> reports[] = {
+      device.pull({"/x"}, dir.path()), device.push({file}, "/x"), device.sync(dir.path(), "/x")};
+  for (const Result<TransferReport>& report : reports) {
+    ASSERT_TRUE(report);
+    ASSERT_TRUE(report->error());
+    EXPECT_EQ(report->error()->number(), EACCES);
+  }
+  EXPECT_EQ(device.push({dir.file("none")}, "/x").error().number(), ENOENT);
+  EXPECT_EQ(device.sync(dir.file("none"), "/x").error().number(), ENOENT);
+  EXPECT_EQ(Device("not an address").pull({"/x"}, dir.path()).error().kind(), Kind::local);
+}
+
+TEST(ErrorTest, KindsAndOutcomesHaveNames) {
+  std::string names;
+  for (const Kind kind : {Kind::link, Kind::device, Kind::program, Kind::local, Kind::timeout}) {
+    names += std::string(nameOf(kind)) + ", ";
+  }
+  for (const Outcome outcome : {Outcome::notSent, Outcome::answered, Outcome::unknown}) {
+    names += std::string(nameOf(outcome)) + ", ";
+  }
+  EXPECT_EQ(names,
+            "link, device, program, local, timeout, not sent, answered, sent, outcome unknown, ");
 }
 
 TEST(DeviceTest, AProgramsExitStatusIsAResultAndNoError) {

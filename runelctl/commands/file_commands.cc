@@ -85,10 +85,7 @@ class CatJob : public EachMatchJob {
   }
 
   void show(const std::string& path, std::string&& content) {
-    if (!report().json()) {
-      report().bytes(content);
-      return;
-    }
+    report().bytes(content);
     report().entry([&] {
       Json object{{"entry", "file"}};
       putBytes(object, "path", path);

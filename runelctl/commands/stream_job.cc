@@ -75,10 +75,14 @@ void StreamJob::showEntry(std::size_t stream, std::string_view bytes) {
   whole.append(bytes);
   held_[stream] = whole.substr(whole.size() - unfinishedCharacter(whole));
   whole.resize(whole.size() - held_[stream].size());
-  if (!whole.empty()) {
+  addEntry(stream, whole);
+}
+
+void StreamJob::addEntry(std::size_t stream, std::string_view bytes) {
+  if (!bytes.empty()) {
     report().entry([&] {
       Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
-      putBytes(object, "content", whole);
+      putBytes(object, "content", bytes);
       return object;
     });
   }
@@ -139,13 +143,7 @@ std::string StreamJob::sentLater() const {
 
 void StreamJob::ended(const runel::JobEnd& end) {
   for (std::size_t stream = 0; stream < 2; ++stream) {
-    if (!held_[stream].empty()) {
-      report().entry([&] {
-        Json object{{"entry", "output"}, {"stream", kStreamNames[stream]}};
-        putBytes(object, "content", std::exchange(held_[stream], {}));
-        return object;
-      });
-    }
+    addEntry(stream, std::exchange(held_[stream], {}));
   }
   if (plan_.follow.output) {
     tellMissing(end);

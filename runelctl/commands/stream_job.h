@@ -43,6 +43,7 @@ class StreamJob : public Job {
   void follow();
   void show(std::size_t stream, std::string_view bytes);
   void showEntry(std::size_t stream, std::string_view bytes);
+  void addEntry(std::size_t stream, std::string_view bytes);
   void ended(const runel::JobEnd& end);
   void tellMissing(const runel::JobEnd& end);
   void conclude(const runel::JobEnd& end);

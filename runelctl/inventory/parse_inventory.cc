@@ -13,6 +13,7 @@
 
 #include "inventory/name_pattern.h"
 #include "inventory/nearest.h"
+#include "inventory/stray_character.h"
 
 namespace runelctl {
 namespace {
@@ -399,6 +400,9 @@ class InventoryParser {
 }  // namespace
 
 std::vector<InventoryProblem> parseInventory(std::string_view text, Inventory& inventory) {
+  if (const std::optional<int> line = lineOfStrayCharacter(text)) {
+    return {{*line, "expected ASCII characters outside of strings and comments"}};
+  }
   try {
     return InventoryParser(inventory).parse(toml::parse(text));
   } catch (const toml::parse_error& error) {

@@ -113,6 +113,27 @@ TEST_F(InventoryTest, AMalformedFileHasItsLine) {
   EXPECT_THAT(problems("[devices]\na = \"b\"\na = \"c\"\n"), ElementsAre(StartsWith("3: ")));
 }
 
+// The library that parses TOML has undefined behaviour for some characters in place of white space.
+TEST_F(InventoryTest, OnlyStringsAndCommentsHaveCharactersBeyondAscii) {
+  for (const char* text :
+       {"[devices]\n# \u03db\n\u03db = \"a\"\n", "[devices]\na = \"b\"\ng\u03dbc = \"d\"\n",
+        "[devices]\na = \"b\\\"\"\nc = \u00e9\n", "a = \"\"\"x\n\"\"\"\"\n\u00a0b = 1\n",
+        "a = 'x\\'\nb = '\n\u3000c = 1\n", "a = '''x\n'''\nb = 1 \u00e9\n"}) {
+    EXPECT_THAT(problems(text),
+                ElementsAre("3: expected ASCII characters outside of strings and comments"))
+        << text;
+  }
+}
+
+TEST_F(InventoryTest, StringsAndCommentsMayHaveAnyCharacters) {
+  read(
+      "\ufeff[devices.a]  # Gro\u00df\naddress = \"h\"  # \u03db's\n[devices.a.tags]\n"
+      "b = \"\u03db\\\"\u03db\"\nc = '\u03db\\'\nd = \"\"\"\n\"\u03db\\\"\\\n\"\"\"\"\"\n"
+      "e = '''\n'\u03db'''\nf = \"\"\n");
+  EXPECT_EQ(inventory.device("a")->tags.at("d"), "\"\u03db\"\"\"");
+  EXPECT_EQ(inventory.device("a")->tags.at("e"), "'\u03db");
+}
+
 TEST_F(InventoryTest, UnknownKeysHaveASuggestion) {
   EXPECT_THAT(problems("[device]\n"),
               ElementsAre("1: unknown key 'device' (did you mean 'devices'?)"));

@@ -14,7 +14,8 @@ namespace zell::test {
 /// Records the calls of fsync ("fsync file", "fsync directory"), syncfs, write, renameat,
 /// ftruncate, fchown, fchmod, waitpid and waitid while it lives; the kernel still gets them. These
 /// can fail, and so can openat ("openat file", "openat directory"), close, read, fstat, fstatat,
-/// readlinkat, mkdirat, symlinkat and futimens. So can sync_file_range, which does nothing here.
+/// pwrite, readlinkat, mkdirat, symlinkat and futimens. So can sync_file_range, which does nothing
+/// here.
 /// All are replaced in every program that links this.
 class SpiedCalls {
  public:

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,8 @@
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <runel/async_device.h>
@@ -22,7 +25,12 @@
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
+#include "client/io/channel.h"
+#include "client/io/master_client.h"
+#include "client/io/spool.h"
 #include "support/loopback.h"
+#include "support/refused_call.h"
+#include "support/temp_dir.h"
 #include "unit/client/drivers.h"
 
 namespace runel {
@@ -103,23 +111,82 @@ std::size_t countOf(const std::string& text, const std::string& part) {
 
 class ClientTest : public ::testing::Test {
  protected:
+  ~ClientTest() override { loop.forget(far.get()); }
+
   void runUntil(const test::Done& done) { ASSERT_TRUE(test::runUntil(loop, done)); }
   ReplyHandler keep() {
     return [this](Reply reply) { replies.push_back(std::move(reply)); };
+  }
+
+  /// Connected sockets: the result and `far`, which is not read before `readFar`.
+  int connectedPair() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    far.reset(ends[1]);
+    return ends[0];
+  }
+  void readFar() {
+    EXPECT_TRUE(loop.watch(far.get(), EPOLLIN, [this](std::uint32_t) {
+      char part[65536];
+      const ssize_t got = recv(far.get(), part, sizeof part, MSG_DONTWAIT);
+      if (got > 0) {
+        came.append(part, static_cast<std::size_t>(got));
+      } else {
+        loop.forget(far.get());
+      }
+    }));
+  }
+  void turnSome() {
+    for (int i = 0; i < 5; ++i) {
+      loop.turn(Milliseconds(0));
+    }
   }
 
   Loop loop;
   Peer peer{loop};
   DeviceOptions limits;
   std::vector<Reply> replies;
+  zell::UniqueFd far;
+  std::string came;
 };
 
 TEST_F(ClientTest, AGivenSocketBecomesNonBlocking) {
-  int ends[2] = {-1, -1};
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  const zell::UniqueFd far(ends[1]);
-  const AsyncDevice device(loop, ends[0], "given");
-  EXPECT_EQ(fcntl(ends[0], F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+  const int socket = connectedPair();
+  const AsyncDevice device(loop, socket, "given");
+  EXPECT_EQ(fcntl(socket, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+}
+
+TEST_F(ClientTest, ARequestIsSentWhenItsLastByteIs) {
+  AsyncDevice device(loop, connectedPair(), "given");
+  device.ask(Request({"write", "/a"}, std::string(8000000, 'x')), keep());
+  const std::size_t all = device.queued();
+  turnSome();
+  EXPECT_LT(device.queued(), all);
+  EXPECT_GT(device.queued(), 0U);
+  EXPECT_EQ(device.sent(), 0U);
+}
+
+TEST_F(ClientTest, WhatASocketCannotTakeIsSentLater) {
+  AsyncDevice device(loop, connectedPair(), "given");
+  device.ask(Request({"hostid"}), keep());
+  const std::size_t all = device.queued();
+  zell::test::runWithoutCall(SYS_sendmsg, EAGAIN, [this] { turnSome(); });
+  EXPECT_EQ(device.queued(), all);
+  readFar();
+  runUntil([&] { return came.size() >= all; });
+  EXPECT_EQ(countOf(came, "hostid"), 1U);
+  EXPECT_TRUE(replies.empty());
+}
+
+TEST_F(ClientTest, TheMemoryOfALongAnswerIsCountedBeforeItArrives) {
+  const auto spool = std::make_shared<Spool>(1000000);
+  Channel channel(loop, zell::UniqueFd(connectedPair()),
+                  {[](const std::string&) {}, [](const Error&) {}, nullptr});
+  channel.limitMessages(1000000);
+  channel.setSpool(spool);
+  peer.say(far.get(), "\x01" + std::to_string(500000) + "\x02text");
+  turnSome();
+  EXPECT_GE(spool->used(), 500000U);
 }
 
 TEST_F(ClientTest, ANameNeedsAResolver) {
@@ -248,6 +315,56 @@ TEST_F(ClientTest, DryRunDoesNotConnect) {
   EXPECT_EQ(payloads, (std::vector<std::string>{"SlaveTask 2 6:unlink 2:/a 0 0: 0 0 0 0 0"}));
   EXPECT_TRUE(replies.empty());
   EXPECT_EQ(peer.accepted, 0);
+}
+
+// A control socket of a master, which the test serves.
+class GreetingTest : public ClientTest {
+ protected:
+  GreetingTest() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = here.file("control");
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    EXPECT_TRUE(loop.watch(listener.get(), EPOLLIN, [this](std::uint32_t) {
+      far.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      readFar();
+    }));
+    limits.setMasterSocket(path);
+    device = std::make_unique<AsyncDevice>(loop, *Address::parse("@gw-3"), limits);
+    device->ask(Request({"hostid"}), keep());
+    runUntil([this] { return came == "attach gw-3\n"; });
+  }
+  ~GreetingTest() override { loop.forget(listener.get()); }
+
+  zell::test::TempDir here;
+  zell::UniqueFd listener{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  std::unique_ptr<AsyncDevice> device;
+};
+
+TEST_F(GreetingTest, MayComeInPieces) {
+  peer.say(far.get(), "o");
+  turnSome();
+  peer.say(far.get(), "k\n");
+  runUntil([this] { return countOf(came, "hostid") == 1; });
+  peer.say(far.get(), answer("one"));
+  runUntil([&] { return replies.size() == 1; });
+  EXPECT_EQ(replies[0].output(), "one");
+}
+
+TEST_F(GreetingTest, OfTooManyBytesIsCutOff) {
+  peer.say(far.get(), std::string(3000, 'x') + "\n");
+  runUntil([&] { return replies.size() == 1; });
+  EXPECT_EQ(replies[0].error().cause(), Cause::refusedByMaster);
+  EXPECT_EQ(replies[0].error().text(), std::string(1024, 'x'));
+}
+
+TEST(MasterClientTest, ThePathOfASocketHasALimit) {
+  std::string lines;
+  const auto error = listDevices("/" + std::string(200, 'x'), Milliseconds(60000), lines);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->number(), ENAMETOOLONG);
 }
 
 }  // namespace

@@ -156,6 +156,21 @@ TEST(BlockSearchTest, OfEqualBlocksTakesTheNextOneOrTheOneAtTheSamePlace) {
   }
 }
 
+TEST(BlockSearchTest, ReadsOnlyOneBlockAfterAMatch) {
+  const std::string old = noise(4 * kShortBlock, kSeed);
+  BlockTable table = tableOf(old, {kShortBlock, {{0, old.size()}}});
+  table.prepare();
+  std::vector<std::size_t> counts;
+  const auto read = [&](std::uint64_t offset, std::size_t count, std::string& part) {
+    counts.push_back(count);
+    return reader(old)(offset, count, part);
+  };
+  BlockSearch search(std::move(table), read, {{0, old.size()}});
+  while (search.step()) {
+  }
+  EXPECT_EQ(counts, (std::vector<std::size_t>{old.size(), kShortBlock, kShortBlock, kShortBlock}));
+}
+
 TEST(BlockSearchTest, ReportsAFileThatCannotBeRead) {
   const std::string old = noise(kShortBlock, kSeed);
   BlockTable table = tableOf(old, {kShortBlock, {{0, old.size()}}});

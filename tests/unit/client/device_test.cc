@@ -284,6 +284,16 @@ TEST(DeviceTest, AProgramsExitStatusIsAResultAndNoError) {
   EXPECT_FALSE(program->ok());
 }
 
+TEST(DeviceTest, AProgramThatWasKilledHasASignalAndNoExitStatus) {
+  const ThreadPeer peer(always(replyText("out", "1 3 7 0 9")));
+  Device device(peer.address());
+  const Result<ProgramResult> program = device.exec({"sleep", "9"});
+  ASSERT_TRUE(program);
+  EXPECT_EQ(program->state, ProgramState::signalled);
+  EXPECT_EQ(program->signal, 9);
+  EXPECT_EQ(program->exitStatus, 0);
+}
+
 TEST(DeviceTest, AProgramThatCannotBeStartedIsAnError) {
   const ThreadPeer peer(always(failure(ENOENT)));
   Device device(peer.address());

@@ -536,6 +536,24 @@ TEST_F(FleetTest, AnyHandlerMayDestroyTheFleet) {
   }
 }
 
+TEST_F(FleetTest, AJobThatStartsMayDestroyTheFleet) {
+  ASSERT_TRUE(options.setWaves("1,rest"));
+  auto fleet = std::make_unique<AsyncFleet>(loop, devices.some(6), options);
+  int started = 0;
+  const auto start = [&](AsyncDevice& device, const AsyncFleet::Finish& finish) {
+    if (++started == 1) {
+      device.ask(hostid, [finish](const Reply& reply) { finish(reply); });
+    } else {
+      fleet.reset();
+    }
+  };
+  fleet->run([&](AsyncDevice& device, const AsyncFleet::Finish& finish) { start(device, finish); },
+             keep());
+  runUntil([&] { return !fleet; });
+  turnSome();
+  EXPECT_EQ(started, 2);
+}
+
 TEST_F(FleetTest, ADestroyedFleetCallsNoHandler) {
   devices.acts[0] = {Act::wait};
   devices.acts[1] = {Act::close};

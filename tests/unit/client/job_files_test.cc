@@ -7,6 +7,7 @@
 
 #include "client/jobs/job_files.h"
 #include "client/jobs/job_requests.h"
+#include "client/jobs/segment_reader.h"
 
 namespace runel {
 namespace {
@@ -98,6 +99,22 @@ TEST(JobFilesTest, FindsTheStartOfAProcess) {
   EXPECT_EQ(parseProcessStart("12 (sh) X" + fields), std::nullopt);
   EXPECT_EQ(parseProcessStart("12 (sh) S 1 2 3\n"), std::nullopt);
   EXPECT_EQ(parseProcessStart(""), std::nullopt);
+}
+
+TEST(JobFilesTest, TheOutputOfAKilledScriptIsNotItsError) {
+  const JobPlace place{"/jobs", "j"};
+  const auto killed = Reply::decode("SlaveTask 0 0 4:part 1 3 0 0 9");
+  const auto failed = Reply::decode("SlaveTask 0 0 4:said 1 2 1 0 0");
+  ASSERT_TRUE(killed && failed);
+  EXPECT_EQ(jobErrorOf(*killed, place).text(), killed->error("job j").text());
+  EXPECT_EQ(jobErrorOf(*failed, place).text(), "job j: said");
+}
+
+TEST(JobFilesTest, TheAnswerToAReadHasASegmentAtMost) {
+  JobStarted started;
+  started.segment = 4096;
+  const SegmentReader reader({"/jobs", "j"}, "out", started);
+  EXPECT_EQ(reader.nextRequest().replyLimit(), 4096U + 65536U);
 }
 
 TEST(JobFilesTest, ReadsNumbersOfSegments) {

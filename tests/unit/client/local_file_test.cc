@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "client/io/spool.h"
 #include "client/transfer/hidden_paths.h"
 #include "support/spied_calls.h"
 #include "support/temp_dir.h"
@@ -230,6 +231,25 @@ TEST_F(LocalFileTest, AReaderReportsAFailedCall) {
   EXPECT_EQ(reader.read(0, 4, content)->cause(), Cause::changed) << "an early end";
   reader.close();
   EXPECT_EQ(reader.read(0, 3, content)->number(), EBADF);
+}
+
+TEST(SpoolFileTest, AnInterruptedWriteContinues) {
+  SpiedCalls calls;
+  Spool spool(0);
+  calls.fail("pwrite", EINTR);
+  EXPECT_EQ(spool.write("abc"), 0U);
+  EXPECT_EQ(spool.error(), 0);
+  char bytes[4] = {};
+  EXPECT_TRUE(spool.read(0, bytes, 3));
+  EXPECT_STREQ(bytes, "abc");
+}
+
+TEST(SpoolFileTest, AFileThatTakesNothingIsFull) {
+  SpiedCalls calls;
+  Spool spool(0);
+  calls.fail("pwrite", SpiedCalls::kReturnsZero);
+  EXPECT_FALSE(spool.write("abc"));
+  EXPECT_EQ(spool.error(), ENOSPC);
 }
 
 }  // namespace

@@ -139,6 +139,14 @@ TEST_F(MasterTest, InvalidHostidIsNotAName) {
   EXPECT_EQ(event.device(), "127.0.0.1");
 }
 
+TEST_F(MasterTest, TheTextOfAFailedTaskIsNoTypeOfADevice) {
+  open();
+  ScriptedDevice& device = dial();
+  device.answers = false;
+  device.say(frameOf(recordOf("fake")) + frameOf("SlaveTask 0 0 6:server 1 0 1 2 0"));
+  EXPECT_EQ(told(Type::connected).deviceType(), "");
+}
+
 TEST_F(MasterTest, HoldsAConnectionFromAnAddressThatIsNotAllowed) {
   ASSERT_TRUE(options.allowAddresses("127.0.0.8/31,10.0.0.1"));
   open();
@@ -552,7 +560,24 @@ TEST_F(MasterTest, LateAnswerDoesNotReachTheNextRequest) {
 TEST(IsAnsweredTest, ATaskThatOnlyMentionsRestartIsAnswered) {
   EXPECT_FALSE(isAnswered(Request({"restart"}).encode()));
   EXPECT_TRUE(isAnswered(Request({"fileexists", " 7:restart "}).encode()));
+  EXPECT_TRUE(isAnswered("SlaveTask 0 0 11: 7:restart  0 0 0 0 0")) << "no task";
+  EXPECT_TRUE(isAnswered("SlaveTask 1 7:restart ")) << "no complete record";
   EXPECT_FALSE(isAnswered("text"));
+}
+
+// The deadline of a loop without anything else is that of the link.
+TEST(SlaveLinkTest, WatchesItsFirstCheckWhileItExists) {
+  Loop loop;
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const zell::UniqueFd far(ends[1]);
+  {
+    SlaveLink link(loop, zell::UniqueFd(ends[0]), Milliseconds(60000), {});
+    EXPECT_FALSE(loop.deadline());
+    link.check();
+    EXPECT_TRUE(loop.deadline());
+  }
+  EXPECT_FALSE(loop.deadline());
 }
 
 TEST_F(MasterTest, RestartIsCompleteWhenSent) {
@@ -648,6 +673,19 @@ TEST_F(MasterTest, SilentConnectionsAtASharedAddressAreDevices) {
   }
   EXPECT_EQ(events.back().device(), "127.0.0.1:" + std::to_string(devices.back().port()));
   EXPECT_EQ(master->find("127.0.0.1").size(), 3U);
+}
+
+TEST_F(MasterTest, EachSilentConnectionAtASharedAddressHasItsOwnTime) {
+  options.setShared(Milliseconds(200));
+  open();
+  dialAndWait("one");
+  dial("two");
+  told(Type::additional);
+  const Clock::time_point later = Clock::now() + Milliseconds(100);
+  runUntil([&] { return Clock::now() > later; });
+  dial("three");
+  runUntil([&] { return count(Type::connected) == 3; });
+  EXPECT_EQ(master->find("three").size(), 1U);
 }
 
 // Many devices at one address connect within a moment.

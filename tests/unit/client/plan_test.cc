@@ -118,6 +118,15 @@ TEST_F(PlanTest, APushReplacesWhatIsThere) {
   expectReads();
 }
 
+// A transfer would find out.
+TEST_F(PlanTest, ADirectoryThatCannotBeLookedAtIsNoFailure) {
+  device.succeed("fileexists /t", "");
+  device.succeed("stat /t", PreparedDevice::stat("0040755", 0));
+  device.fail("stat /t/tree/d", EACCES);
+  push("tree");
+  EXPECT_TRUE(report->ok());
+}
+
 // The answers are for all paths that begin so.
 TEST_F(PlanTest, APushThatWouldFailSaysSo) {
   device.succeed("fileexists /t", "");

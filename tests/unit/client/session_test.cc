@@ -73,6 +73,16 @@ TEST_F(SessionTest, RejectsAReplyToARequestThatIsNotSentCompletely) {
   EXPECT_EQ(error->cause(), Cause::protocol);
 }
 
+TEST_F(SessionTest, AfterTheRequestsAreDroppedTheNextOneIsNotSent) {
+  ask("hostid");
+  session.progress(kFrame, now);
+  session.clear();
+  queuedBytes = 0;  // of the next connection
+  ask("devicetype");
+  EXPECT_EQ(session.sent(), 1U);
+  EXPECT_TRUE(session.receive(record("x"), now));
+}
+
 TEST_F(SessionTest, RejectsAMalformedReply) {
   ask("hostid");
   session.progress(kFrame, now);

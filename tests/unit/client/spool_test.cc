@@ -123,6 +123,14 @@ TEST(HeldBytesTest, ExpectedBytesAreCountedBeforeTheyArrive) {
   EXPECT_EQ(second.release().value(), pattern(900 * kKiB, 2));
 }
 
+TEST(HeldBytesTest, CountsAtMostHalfMoreThanItHolds) {
+  const auto spool = std::make_shared<Spool>(kMiB);
+  HeldBytes held(spool);
+  held.add(pattern(100 * kKiB, 1));
+  held.add("x");
+  EXPECT_LE(spool->used(), 150 * kKiB);
+}
+
 TEST(HeldBytesTest, ShortTextsAreNotCounted) {
   const auto spool = std::make_shared<Spool>(0);
   HeldBytes held(spool);

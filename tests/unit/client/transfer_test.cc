@@ -312,6 +312,30 @@ TEST_F(PushTest, SendsManySmallFilesAsAnArchive) {
   EXPECT_EQ(report->files(), 8U);
 }
 
+TEST_F(PushTest, KeepsTheGroupOfATarget) {
+  const std::string path = largeFile();
+  std::string there = PreparedDevice::stat("0100644", 5);
+  there.replace(there.find("gid=0"), 5, "gid=7");
+  device.succeed("lstat /t/b", there);
+  push({path}, "/t/b");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count(std::string("exec chown 0:7 -- ") + partOfB()), 1U);
+}
+
+// An archive has names relative to the parent of its first directory.
+TEST_F(PushTest, DirectoriesOfARelativeTargetAreNotSetByTar) {
+  for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h", "i"}) {
+    std::filesystem::create_directories(here.file(std::string("tree/") + name));
+  }
+  options.setRecursive(true);
+  push({here.file("tree")}, "t");
+  finish();
+  EXPECT_TRUE(report->ok());
+  EXPECT_EQ(device.count("exec tar"), 0U);
+  EXPECT_EQ(device.count("exec chmod"), 1U);
+}
+
 TEST_F(PushTest, ContinuesAfterAPartWithTheSameContent) {
   const std::string path = largeFile();
   // The part has one piece at first, and the whole file at the end.

@@ -67,6 +67,8 @@ TEST(WildcardTest, NamedClassesAreThoseOfAscii) {
     }
   }
   EXPECT_TRUE(fits("[[:none:]", ":") && fits("[[:digit]", "d"));  // a set of these characters
+  EXPECT_TRUE(fits("[[xalpha:]]", "x]"));
+  EXPECT_FALSE(fits("[[xalpha:]]", "b"));
 }
 
 TEST(WildcardTest, ABackslashQuotesAndAnOpenBracketIsOrdinary) {

@@ -14,6 +14,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Pair;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 class InventoryTest : public ::testing::Test {
@@ -156,6 +157,14 @@ TEST_F(InventoryTest, NamesAndAddressesAreUnique) {
               ElementsAre("3: device gw-2 is defined twice (line 2)"));
   EXPECT_THAT(problems("[devices]\na = \"HOST\"\nb = \"host:5111\"\n"),
               ElementsAre("3: device b has the address of device a (line 2)"));
+  EXPECT_THAT(problems("[devices]\na = \"AZ\"\nb = \"az\"\n"),
+              ElementsAre("3: device b has the address of device a (line 2)"));
+}
+
+TEST_F(InventoryTest, NamesMayHaveAnyLettersAndDigits) {
+  read("[devices.AZaz09]\ntags = { AZaz09 = 1 }\n[groups]\nAZaz09 = [\"AZaz09\"]\n");
+  EXPECT_THAT(device("AZaz09").groups, ElementsAre("AZaz09"));
+  EXPECT_THAT(problems("[devices]\n\"-a\" = {}\n\"[\" = {}\n\"@\" = {}\n"), SizeIs(3));
 }
 
 TEST_F(InventoryTest, RejectsValuesOfAnotherType) {

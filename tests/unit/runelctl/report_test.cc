@@ -2,19 +2,28 @@
 // The output of a run: JSON objects, text and the progress bar.
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <new>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "fleet/line_stream.h"
 #include "fleet/printer.h"
 #include "output/error.h"
 #include "output/report.h"
 #include "output/status_line.h"
 #include "support/allocation_count.h"
+#include "support/spied_calls.h"
 
 namespace runelctl {
 namespace {
@@ -154,6 +163,16 @@ TEST(ErrorTest, EachFaultHasAPlaceAndIsTransientOrNot) {
   EXPECT_FALSE(device(ENOENT).transient);
 }
 
+TEST(ErrorTest, AFailedTaskMayHaveAHint) {
+  const auto hint = [](int number) {
+    return Error(runel::Error(runel::Kind::device, runel::Cause::other, "", number)).hint;
+  };
+  EXPECT_EQ(hint(ENOSPC), "the device's file system is full: check with runelctl df");
+  EXPECT_EQ(hint(EROFS), "the device's file system is mounted read-only");
+  EXPECT_EQ(hint(EFBIG), "too large for one answer: use runelctl pull");
+  EXPECT_EQ(hint(ENOENT), "");
+}
+
 TEST(ErrorTest, AnUnknownOutcomeIsAField) {
   const Style style = jsonStyle();
   Report report(style, openingObject("a", "reboot"));
@@ -288,6 +307,43 @@ TEST(StyleTest, EscapesNamesOnlyForATerminal) {
   EXPECT_EQ(style.name("a\x1b"), "a\x1b");
   style.outTerminal = true;
   EXPECT_EQ(style.name("a\x1b"), "a\\x1b");
+}
+
+TEST(StyleTest, ATerminalWithoutASizeHas80Columns) {
+  const zell::UniqueFd before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+  const zell::UniqueFd terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(dup2(terminal.get(), STDERR_FILENO), STDERR_FILENO);
+  const std::size_t usual = terminalColumns();
+  winsize size{};
+  size.ws_col = 33;
+  EXPECT_EQ(ioctl(terminal.get(), TIOCSWINSZ, &size), 0);
+  const std::size_t chosen = terminalColumns();
+  ASSERT_EQ(dup2(before.get(), STDERR_FILENO), STDERR_FILENO);
+  EXPECT_EQ(usual, 80U);
+  EXPECT_EQ(chosen, 33U);
+}
+
+TEST(StyleTest, WritingWaitsForAFullStreamThatDoesNotBlock) {
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+  zell::UniqueFd in(ends[0]);
+  const zell::UniqueFd out(ends[1]);
+  const std::string part(4096, 'x');
+  while (write(in.get(), part.data(), part.size()) > 0) {
+  }
+  pollfd writable{in.get(), POLLOUT, 0};
+  int ready = -1;
+  zell::test::SpiedCalls calls;  // does not record recv, which the other thread calls
+  calls.before("write", 1, [&] { ready = poll(&writable, 1, 0); });
+  std::thread reader([&out] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the writer waits meanwhile
+    char bytes[65536];
+    while (recv(out.get(), bytes, sizeof bytes, 0) > 0) {
+    }
+  });
+  EXPECT_TRUE(writeAll(in.get(), "text"));
+  reader.join();
+  EXPECT_EQ(ready, 1) << "the second attempt came when there was room";
 }
 
 // Whether @p work ran without a refused allocation: the one after @p granted ones is refused.

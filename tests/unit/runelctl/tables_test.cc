@@ -86,6 +86,12 @@ TEST_F(TablesTest, TheHelpNamesTheLimitsOfARestart) {
   EXPECT_EQ(help("restart", "--up-timeout"), "limit for coming back (default: 60)");
 }
 
+TEST_F(TablesTest, AJobHasItsOwnTimeLimit) {
+  const OptionRow* limit = tables.option(tables.command("job")->subcommand("start"), "--timeout");
+  EXPECT_EQ(limit->help, "limit for the program (default: none)");
+  EXPECT_NE(limit, tables.option(nullptr, "--timeout"));
+}
+
 TEST_F(TablesTest, ArgumentsAreLocalOrRemote) {
   EXPECT_EQ(tables.command("cat")->arguments.back().value, Value::remote);
   EXPECT_EQ(tables.command("sync")->arguments.front().value, Value::file);

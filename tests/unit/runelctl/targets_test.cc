@@ -3,6 +3,7 @@
 #include "cli/targets.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,12 @@ TEST_F(WriteTargetsTest, KeepsTheOldListWhenACallFails) {
     EXPECT_EQ(writeOne(), ENOSPC) << call;
     EXPECT_EQ(contentOf(path_), "old\n") << call;
   }
+}
+
+TEST_F(WriteTargetsTest, KeepsTheOldListWhenNoFileCanBeMadeForAnEmptyOne) {
+  ASSERT_TRUE(std::filesystem::create_directory(path_ + ".new"));
+  EXPECT_EQ(writeTargets(path_, {}), EISDIR);
+  EXPECT_EQ(contentOf(path_), "old\n");
 }
 
 TEST_F(WriteTargetsTest, ReportsADirectoryThatIsMissing) {

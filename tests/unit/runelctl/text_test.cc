@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "output/mode_text.h"
 #include "output/table.h"
 #include "output/utf8.h"
 
@@ -70,6 +71,8 @@ TEST(TerminalSafeTest, EscapesInvalidUtf8) {
   EXPECT_EQ(terminalSafe("\xc3"), "\\xc3") << "truncated";
   EXPECT_EQ(terminalSafe("\xc0\xaf"), "\\xc0\\xaf") << "overlong form";
   EXPECT_EQ(terminalSafe("\xe0\x80\x80"), "\\xe0\\x80\\x80") << "overlong form";
+  EXPECT_EQ(terminalSafe("\xe0\x81\x81"), "\\xe0\\x81\\x81") << "a letter in three bytes";
+  EXPECT_EQ(terminalSafe("\xf0\x80\x81\x81"), "\\xf0\\x80\\x81\\x81") << "in four bytes";
   EXPECT_EQ(terminalSafe("\xed\xa0\x80"), "\\xed\\xa0\\x80") << "a surrogate";
   EXPECT_EQ(terminalSafe("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "above 0x10ffff";
 }
@@ -132,6 +135,14 @@ TEST(TerminalTextTest, JsonStaysEqual) {
   EXPECT_EQ(Json::parse(shown), object);
   EXPECT_NE(shown.find("\xc3\xa9"), std::string::npos);
   EXPECT_NE(jsonLine(object, false).find("\xc2\x9b"), std::string::npos);
+}
+
+TEST(ModeTextTest, SpecialBitsReplaceTheRightToExecute) {
+  EXPECT_EQ(modeText('-', 0640), "-rw-r-----");
+  EXPECT_EQ(modeText('d', 07777), "drwsrwsrwt");
+  EXPECT_EQ(modeText('d', 01776), "drwxrwxrwT");
+  EXPECT_EQ(modeText('-', 06000), "---S--S---");
+  EXPECT_EQ(octalMode(0101777), "1777");
 }
 
 TEST(TextTableTest, AlignsColumnsAndEscapesCells) {

@@ -374,6 +374,16 @@ class Names(CtlCase):
         self.assertEqual(self.names("remote", "push --exclude -d 127.0.0.1:9 ", there),
                          [self.path("some-name")])
 
+    def test_an_option_that_contains_its_value_takes_no_further_word(self):
+        inventory = self.file("devices.toml", b"[devices]\nhall = \"192.0.2.1\"\n")
+        for option in ("--color=never", "--color never"):
+            self.assertEqual(self.names("devices", f"{option} --inventory={inventory} ls -d "), ["hall"])
+
+    def test_a_program_with_the_name_of_a_command_is_not_one(self):
+        inventory = self.file("devices.toml", b"[devices]\nhall = \"192.0.2.1\"\n")
+        line = f"exec ls --inventory={inventory} -d "
+        self.assertEqual(self.succeed("complete", "devices", line, "").text, "hall\n")
+
     def test_a_file_that_blocks_ends_it_after_two_seconds(self):
         os.mkfifo(self.path("devices.toml"))
         self.assertEqual(self.names("devices", f"--inventory {self.path('devices.toml')} -d "), [])

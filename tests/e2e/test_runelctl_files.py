@@ -686,6 +686,12 @@ class Pull(Transfers):
         for device in devices:
             self.assertTrue(self.content(f"all/{device}/big") == content, device)
 
+    def test_a_new_directory_for_several_devices_can_be_listed_by_all(self):
+        self.serve()
+        self.succeed("-q", "-d", "127.0.0.1,127.0.0.2", "pull", self.file("device/a", b"1"),
+                     self.path("all"))
+        self.assertEqual(stat.S_IMODE(os.stat(self.path("all")).st_mode), 0o755)
+
     def test_a_private_directory_for_several_devices_stays_private(self):
         self.serve()
         os.mkdir(self.path("all"), 0o700)

@@ -13,7 +13,7 @@ import time
 import unittest
 
 from support import networks
-from support.ctl import Between, CtlCase, answer_each, reply
+from support.ctl import Between, CtlCase, answer_each, hang, reply
 from support.jobs import JOBS, JobCase, alive
 from support.wait import TIMEOUT, wait_until
 
@@ -405,6 +405,13 @@ class Identity(JobCase):
         program = int(self.content("pid"))
         wait_until(lambda: not alive(program), "the program ends")
 
+    def test_a_signal_that_the_device_cannot_send_is_told(self):
+        run = self.begin("sh", "--stream", "echo ready; exec sleep 1000")
+        run.wait_out(b"ready\n")
+        self.as_shell("/bin/false")
+        run.interrupt()
+        run.wait_err(b"SIGINT was not sent: the device failed to do it\n")
+
     def test_a_signal_during_a_lost_connection_is_sent_when_it_is_back(self):
         run = self.begin("sh", "--stream", "trap 'echo int; exit 6' INT; echo ready; "
                          "while :; do sleep 0.05; done")
@@ -532,6 +539,25 @@ class Steps(JobCase):
             result = self.ctl("job", verb, job)
             self.assertEqual((result.status, result.errors),
                              (1, [f"runelctl: 127.0.0.1: no such job: {job}"]))
+
+    def test_json_has_the_state_of_a_job(self):
+        hold = self.fifo("hold")
+        job = self.start_job("sh", "-c", f"cat {hold}; exit 6")
+        last = self.succeed("--json", "job", "output", job).objects[-1]
+        self.assertEqual((last["state"], last["ok"]), ("running", True))
+        self.open_fifo("hold")
+        last = self.ctl("--json", "job", "wait", job).objects[-1]
+        self.assertEqual((last["state"], last["status"], last["error"]),
+                         ("ended", 6, f"job {job}: exit status 6"))
+        last = self.succeed("--json", "exec", "--stream", "true").objects[-1]
+        self.assertEqual((last["state"], last.get("error")), ("ended", None))
+
+    def test_an_attempt_to_look_does_not_tell_that_the_job_continues(self):
+        where = self.odd_peer(hang)
+        rest = f" (the job continues: runelctl -d {where} job attach a)"
+        for verb, rest in (("output", ""), ("wait", rest)):
+            self.assertEqual(self.ctl("-d", where, "--deadline", "0.3", "job", verb, "a").errors,
+                             [f"runelctl: {where}: deadline exceeded{rest}"])
 
     def test_without_any_jobs(self):
         self.assertEqual(self.succeed("job", "list").out, b"")
@@ -740,7 +766,8 @@ class LostOutput(JobCase):
         wait_until(lambda: not alive(program), "the program ends")
 
     def test_a_closed_pipe_ends_the_program_and_then_runelctl_by_sigpipe(self):
-        for line in ("yes", "exec sleep 1000", "trap '' PIPE TERM; while :; do sleep 0.1; echo; done"):
+        for line in ("yes", "exec sleep 1000", "trap '' PIPE TERM; while :; do sleep 0.1; echo; done",
+                     "trap 'echo late >&2; exit' TERM; while :; do sleep 0.1; done"):
             run = self.begin_program(line)
             run.process.stdout.close()
             self.assert_ended(run, -signal.SIGPIPE)

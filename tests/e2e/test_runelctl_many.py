@@ -381,6 +381,13 @@ class Shown(CtlCase):
                                          "/")
         self.assertEqual((status, shown), (0, b""))
 
+    def test_the_status_line_counts_failed_devices_once(self):
+        fakes = Fakes(self)
+        fakes.failing = {fakes.name(0)}
+        names = ",".join([*fakes.names(2), REFUSED])
+        _, shown = self.on_terminal("--retry", "1", "-d", names, "fileexists", "/x")
+        self.assertRegex(shown, rb"\r\x1b\[K1 done, 2 failed, 0 running, 0 waiting")
+
     def test_the_status_line_fits_a_narrow_terminal(self):
         fakes = Fakes(self, delay=0.05)
         _, shown = self.on_terminal("-j", "2", "-d", ",".join(fakes.names(8)), "fileexists", "/",

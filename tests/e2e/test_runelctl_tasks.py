@@ -9,7 +9,7 @@ import subprocess
 import threading
 import unittest
 
-from support.ctl import CtlCase
+from support.ctl import CtlCase, answer_each, reply, requests
 from support.wait import TIMEOUT
 from support.wire import request
 
@@ -67,6 +67,19 @@ class Tasks(OneDevice):
         self.succeed("write", self.path("a"), "-", feed=data)
         self.succeed("append", self.path("a"), "-", feed=b"end")
         self.assertEqual(self.content("a"), data + b"end")
+
+    def test_a_dash_is_a_plain_argument_of_the_other_tasks(self):
+        for words in (("access", "/x", "-"), ("rename", "/x", "-"), ("updateumstate", "key", "-")):
+            self.assertIn("1:-", self.succeed("-n", *words, feed=b"from standard input").text, words)
+
+    def test_a_text_without_a_line_end_gets_one_on_a_terminal(self):
+        for content in (b"text", b"text\n"):
+            self.assertEqual(self.on_terminal("-q", "read", self.file("a", content)), (0, b"text\r\n"))
+
+    def test_only_wait_has_the_exit_status_of_a_program(self):
+        where = self.odd_peer(answer_each(reply(b"", (1, 2, 42, 0, 0))))
+        for words, status in ((("wait",), 42), (("kill",), 1), (("fileexists", "/x"), 1)):
+            self.assertEqual(self.ctl("-d", where, *words).status, status, words)
 
     def test_an_empty_argument_is_preserved(self):
         path = self.file("a", b"old")
@@ -228,6 +241,14 @@ class Looking(OneDevice):
         self.assertRegex(self.succeed("lstat", "--raw", self.path("to")).text,
                          rf"^dev=\d+ .* size={len(path)} ")
 
+    def test_stat_as_json(self):
+        path = self.file("a", b"123")
+        os.chmod(path, 0o4751)
+        found = self.succeed("--json", "stat", path).objects[0]
+        about = os.stat(path)
+        self.assertEqual([found[key] for key in ("type", "mode", "nlink", "size", "ino", "blksize")],
+                         ["-", "0104751", 1, 3, about.st_ino, about.st_blksize])
+
     def test_rm_and_mv(self):
         self.file("a")
         self.succeed("mv", self.path("a"), self.path("b"))
@@ -248,6 +269,19 @@ class TheDevice(OneDevice):
         found = self.succeed("info", "--json").objects
         self.assertEqual(len(found), 1)
         self.assertEqual(found[0]["kernel"], os.uname().release)
+
+    def test_the_free_space_is_that_of_all_blocks(self):
+        answers = {"stat": b"dev=1 ino=1 mode=0040755 nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=4096 "
+                           b"blocks=8 atime=1.000000000 mtime=1.000000000 ctime=1.000000000\n",
+                   "freeblocks": b"10"}
+
+        def serve(connected):
+            for words in requests(connected):
+                connected.sendall(reply(answers.get(words[0], b"x\n")))
+
+        where = self.odd_peer(serve)
+        self.assertRegex(self.succeed("-d", where, "info").text, r"\nfree on /: +40\.0 KiB\n$")
+        self.assertEqual(self.succeed("-d", where, "--json", "info").objects[0]["free_bytes"], 40960)
 
     def test_ping_measures_round_trips(self):
         text = self.succeed("ping", "-c", "3", "-i", "0.01").text

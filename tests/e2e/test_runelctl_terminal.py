@@ -6,6 +6,7 @@ import pty
 import re
 import select
 import signal
+import socket
 import subprocess
 import termios
 import time
@@ -213,6 +214,20 @@ class LocalCommands(OnTerminal):
             shown += self.read(master)
             process.wait(TIMEOUT)
             self.assertEqual(acting(shown), [], shown)
+
+
+    def test_the_json_of_another_master_stays_valid(self):
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(self.path("socket"))
+            listener.listen()
+            listed, master = self.open("--json", "devices", env={"RUNELCTL_SOCKET": self.path("socket")})
+            connected, _ = listener.accept()
+            with connected:
+                connected.recv(65536)
+                connected.sendall('{"v":1,"hostid":"\x9b2J\u202e"}\n'.encode())
+            shown = self.read(master)
+        self.assertEqual((listed.wait(TIMEOUT), acting(shown)), (0, []))
+        self.assertEqual(json.loads(shown)["hostid"], "\x9b2J\u202e")
 
 
 class Streams(OnTerminal):

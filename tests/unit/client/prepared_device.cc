@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "unit/client/prepared_device.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -105,6 +107,8 @@ void PreparedDevice::read() {
 void PreparedDevice::answer(const std::string& payload) {
   zell::SlaveTask request;
   ASSERT_TRUE(request.parse(payload));
+  std::copy_if(request.args().begin(), request.args().end(), std::back_inserter(longWords_),
+               [](const std::string& word) { return word.size() > kLongestWord; });
   const std::string words = shown(request.args());
   requests_.push_back(words);
   if (call_ && beginsWith(words, callAt_)) {

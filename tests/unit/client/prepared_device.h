@@ -29,6 +29,8 @@ class PreparedDevice {
   /// All requests so far: the words, separated by spaces. A word of more than 80 bytes is shown as
   /// its size.
   [[nodiscard]] const std::vector<std::string>& requests() const { return requests_; }
+  /// All words of more than 80 bytes so far.
+  [[nodiscard]] const std::vector<std::string>& longWords() const { return longWords_; }
   /// The number of requests that begin with @p words.
   [[nodiscard]] std::size_t count(const std::string& words) const;
 
@@ -57,6 +59,7 @@ class PreparedDevice {
   AsyncDevice client_;
   std::string received_;
   std::vector<std::string> requests_;
+  std::vector<std::string> longWords_;
   std::map<std::string, std::string> answers_;
   std::map<std::string, std::string> once_;
   std::string hangUpAt_;

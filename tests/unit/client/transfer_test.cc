@@ -28,6 +28,8 @@ using Strings = std::vector<std::string>;
 using zell::test::contentOf;
 
 constexpr std::size_t kBlock = 65536;
+// The owner and group of the first file in an archive, after the two blocks for its exact time.
+constexpr std::size_t kOwnerInTar = 2 * 512 + 108;
 
 std::string sumLine(const std::string& content) {
   Sha256 hash;
@@ -310,6 +312,8 @@ TEST_F(PushTest, SendsManySmallFilesAsAnArchive) {
   EXPECT_EQ(device.count("rename " + staging + "/7 /t/h"), 1U);
   EXPECT_EQ(device.requests().back(), "exec rm -r -f -- " + staging);
   EXPECT_EQ(report->files(), 8U);
+  ASSERT_EQ(device.longWords().size(), 1U);
+  EXPECT_EQ(device.longWords()[0].substr(kOwnerInTar, 16), std::string("0000000\0000000000", 16));
 }
 
 TEST_F(PushTest, KeepsTheGroupOfATarget) {

@@ -68,8 +68,9 @@ void FleetWork::later(std::function<void()> call) {
 void FleetWork::run(AsyncFleet::MakeJob make, AsyncFleet::Handlers handlers) {
   make_ = std::move(make);
   handlers_ = std::move(handlers);
+  const std::weak_ptr<bool> alive = alive_;
   startSome();
-  if (running_ == 0) {
+  if (!alive.expired() && running_ == 0) {
     later([this] { endAllIfOver(); });
   }
 }

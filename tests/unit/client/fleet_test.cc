@@ -554,6 +554,19 @@ TEST_F(FleetTest, AJobThatStartsMayDestroyTheFleet) {
   EXPECT_EQ(started, 2);
 }
 
+TEST_F(FleetTest, TheFirstJobMayDestroyTheFleet) {
+  auto fleet = std::make_unique<AsyncFleet>(loop, devices.some(3), options);
+  int started = 0;
+  fleet->run(
+      [&](AsyncDevice& /*device*/, const AsyncFleet::Finish& /*finish*/) {
+        ++started;
+        fleet.reset();
+      },
+      keep());
+  turnSome();
+  EXPECT_EQ(started, 1);
+}
+
 TEST_F(FleetTest, ADestroyedFleetCallsNoHandler) {
   devices.acts[0] = {Act::wait};
   devices.acts[1] = {Act::close};

@@ -45,7 +45,7 @@ DAEMON = Area(
 RUNELCTL = Area(
     "runelctl", ("client/", "runelctl/"), ("-DRUNELD_CTL=ON", "-DRUNELD_UNITY=ON"),
     ("runel_objects", "runelctl_inventory", "runelctl_app", "runelctl", "runeld", *CLOCKS),
-    r"unit/(?:client|runelctl)", {
+    r"unit/(?:client|control|runelctl)", {
         "client/blocking": ctl("files", "tasks"),
         "client/core": ctl("tasks", "faults", "retry", "files", "hostile_device", "plan"),
         "client/fleet": ctl("many", "retry", "dry_run"),

@@ -2,7 +2,7 @@
 #include "inventory/stray_character.h"
 
 #include <algorithm>
-#include <string>
+#include <cstddef>
 
 namespace runelctl {
 namespace {
@@ -13,9 +13,8 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 // line.
 std::size_t endOfString(std::string_view text, std::size_t begin) {
   const char quote = text[begin];
-  const std::string three(3, quote);
-  const bool hasLines = text.substr(begin, 3) == three;
-  const std::string_view end = hasLines ? std::string_view(three) : text.substr(begin, 1);
+  const bool hasLines = std::min(text.find_first_not_of(quote, begin), text.size()) - begin >= 3;
+  const std::string_view end = text.substr(begin, hasLines ? 3 : 1);
   std::size_t at = begin + end.size();
   while (at < text.size() && (hasLines || text[at] != '\n')) {
     if (text.substr(at, end.size()) == end) {

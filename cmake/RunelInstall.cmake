@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installs the client library: headers, both libraries, the CMake package and the pkg-config file.
 # `cmake --install BUILD --component development` installs only these.
 include(CMakePackageConfigHelpers)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The files that `cmake --install` installs, and their directories. DESTDIR and CMAKE_INSTALL_PREFIX
 # work as usual. `--component documents` installs only the manuals and documents, which need no
 # build.

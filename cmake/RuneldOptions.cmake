@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # An interface target with the language level, the warnings and the instrumentation for every target
 # of the tree.
 add_library(runeld_options INTERFACE)

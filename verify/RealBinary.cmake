@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Preloaded into the daemon or the runelctl under test. They depend on the kernel's calling convention and exist for
 # one architecture only.
 add_library(verify_dispatch MODULE

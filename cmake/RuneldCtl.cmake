@@ -1,8 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # The daemon needs no other library. The client library librunel needs none either. runelctl needs
 # librunel and six more, and the rest must build without those.
-option(RUNELD_CLIENT "Build the client library librunel" ON)
-
 find_package(CLI11 QUIET)
 find_package(nlohmann_json QUIET)
 find_package(ZLIB QUIET)

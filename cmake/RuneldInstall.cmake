@@ -8,11 +8,17 @@ configure_file("${PROJECT_SOURCE_DIR}/packaging/runeld.service.in"
   "${PROJECT_BINARY_DIR}/runeld.service" @ONLY)
 
 install(TARGETS runeld RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
-install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
-  COMPONENT documents)
 install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_DIR}")
 if(RUNELD_CTL)
   install(TARGETS runelctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+endif()
+
+if(NOT RUNELD_DOCS)
+  return()
+endif()
+install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
+  COMPONENT documents)
+if(RUNELD_CTL)
   install(FILES "${PROJECT_SOURCE_DIR}/man/runelctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
     COMPONENT documents)
 endif()
@@ -20,7 +26,8 @@ endif()
 # The documents for operators and for authors of masters. They keep their directories of the source
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
-  docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md docs/abi.md
+  docs/build.md docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md
+  docs/abi.md
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 

@@ -18,6 +18,9 @@ if(RUNELD_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   target_compile_options(runeld_options INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:--param=ggc-min-expand=1000 --param=ggc-min-heapsize=2000000>)
 endif()
+if(RUNELD_MINIMAL)
+  target_compile_options(runeld_options INTERFACE -Os)  # behind the option of the build type
+endif()
 if(RUNELD_SANITIZE)
   target_compile_options(runeld_options INTERFACE
     -fsanitize=${RUNELD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer

@@ -5,10 +5,10 @@
 #include <syslog.h>
 
 #include "agent/busy.h"
+#include "agent/settings.h"
 #include "base/log.h"
 #include "connections/byte_count_slave.h"
 #include "connections/xml_slave.h"
-#include "protocol/protocol.h"
 
 namespace zell {
 
@@ -63,7 +63,7 @@ int Runel::drop_host_connection(int socket) {
     unlinkRelays();
     bridge_ = nullptr;
     result |= eraseHandler(bridge);
-    remove_host(address_, kMasterPort);  // only the slave connection is made again
+    remove_host(address_, settings::kMasterPort);  // only the slave connection is made again
   }
   if (agent_ != nullptr) {
     result |= drop_socket(agent_->socket());

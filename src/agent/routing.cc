@@ -14,6 +14,7 @@
 #include <zell/string_helpers.h>
 
 #include "agent/busy.h"
+#include "agent/settings.h"
 #include "base/blank.h"
 #include "base/log.h"
 #include "connections/byte_count_slave.h"
@@ -90,7 +91,7 @@ void Runel::makeAgent(int socket) {
     orphanAgent();
   }
   logLine(LOG_INFO, "handle_data_read: creating agent socket handler, socket %d", socket);
-  setEtcHosts("/etc/hosts", getConnectionAddress(socket));
+  setEtcHosts(settings::kHostsFile, getConnectionAddress(socket));
   auto agent = std::make_unique<XmlSlave>(socket);
   XmlSlave* const made = agent.get();
   handlers_[socket] = std::move(agent);
@@ -98,7 +99,7 @@ void Runel::makeAgent(int socket) {
   if (bridge_ != nullptr) {
     linkRelays();
   } else {
-    add_host(address_, kMasterPort);
+    add_host(address_, settings::kMasterPort);
   }
 }
 

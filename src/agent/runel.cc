@@ -11,11 +11,11 @@
 #include <unistd.h>
 
 #include "agent/busy.h"
+#include "agent/settings.h"
 #include "base/log.h"
 #include "base/scope_guard.h"
 #include "base/system.h"
 #include "connections/runel_connection.h"
-#include "protocol/protocol.h"
 
 namespace zell {
 namespace {
@@ -47,12 +47,16 @@ void sleepWhole(unsigned length) {
 }  // namespace
 
 Runel::Runel(const std::string& address, bool daemon, int verbose)
-    : ServerBase(kName, kDevicePort), address_(address), verbose_(verbose), daemon_(daemon) {
+    : ServerBase(kName, settings::kDevicePort),
+      address_(address),
+      verbose_(verbose),
+      daemon_(daemon) {
+  m_pid_file = settings::kPidFile;
   set_log_facility(LOG_LOCAL5);
   set_use_timeout(true);
   set_timeout(kSelectTimeoutMs);
   (void)signal(SIGALRM, SIG_IGN);
-  add_host(address_, kMasterPort);
+  add_host(address_, settings::kMasterPort);
 }
 
 // Deletes the handlers in ascending order of their sockets.
@@ -81,7 +85,7 @@ void Runel::handle_startup() {
   logLine(LOG_INFO, " address = %s", address_.c_str());
   logLine(LOG_INFO, " daemon  = %d", daemon_);
   logLine(LOG_INFO, " verbose = %d", verbose_);
-  logLine(LOG_INFO, " port    = %d", kDevicePort);
+  logLine(LOG_INFO, " port    = %d", settings::kDevicePort);
 }
 
 void Runel::handle_timeout() {}
@@ -93,7 +97,7 @@ bool Runel::handle_listen_failure(int port) {
   logLine(LOG_WARNING, "failed to listen on the only port (%d), retrying", port);
   ++retries_;
   sleepWhole(static_cast<unsigned>(retries_));
-  if (retries_ == 1 && port == kDevicePort) {
+  if (retries_ == 1 && port == settings::kDevicePort) {
     logProcessList();
     endTftpServer();
   }

@@ -35,6 +35,7 @@ bool isOneOf(const std::string& arg, std::initializer_list<const char*> names) {
 
 Options scanOptions(const std::vector<std::string>& args, std::ostream& out) {
   Options options;
+  options.address = RUNELD_MASTER;  // a build option
   for (auto arg = args.begin(); arg != args.end(); ++arg) {
     if (isOneOf(*arg, {"-h", "--help"})) {
       printUsage(out);

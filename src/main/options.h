@@ -12,7 +12,7 @@ namespace zell {
 
 /// The settings from the command line.
 struct Options {
-  std::string address = "127.0.0.1";  ///< address of the master; not checked here
+  std::string address;  ///< address of the master; not checked here
   bool daemon = true;
   int verbose = 0;
   int logOptions = 0;  ///< for openlog(3)

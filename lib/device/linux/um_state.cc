@@ -14,7 +14,7 @@
 namespace zell {
 namespace {
 
-const char* const kStore = "/var/lib/runeld/umstate";
+const char* const kStore = RUNELD_STATE_DIR "/umstate";  // a build option
 constexpr std::size_t kLongestKey = 255;
 constexpr mode_t kDirectoryMode = 0755;
 

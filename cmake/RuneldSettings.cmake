@@ -1,0 +1,41 @@
+# SPDX-License-Identifier: Apache-2.0
+# What a build may choose. docs/build.md has the table of these options, and a test compares the two.
+option(RUNELD_MINIMAL "Build the smallest daemon: changes the defaults of other options" OFF)
+
+# Without a type the compiler would not optimise at all.
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+if(RUNELD_MINIMAL)
+  set(wanted OFF)
+else()
+  set(wanted ON)
+endif()
+option(RUNELD_CLIENT "Build the client library librunel" ${wanted})
+option(RUNELD_PROMPT "Compile the prompt handler" ${wanted})
+option(RUNELD_DOCS "Install the manual pages and the documents" ${wanted})
+option(BUILD_TESTING "Build the tests" ${wanted})
+
+set(RUNELD_DEVICE_PORT 5111 CACHE STRING "TCP port on which the daemon listens")
+set(RUNELD_MASTER_PORT 5112 CACHE STRING "TCP port of the master to which the daemon connects")
+set(RUNELD_MASTER "127.0.0.1" CACHE STRING "Address of the master if the option -i is not given")
+set(RUNELD_PID_FILE "/var/run/runeld.pid" CACHE STRING "File with the daemon's process id")
+set(RUNELD_HOSTS_FILE "/etc/hosts" CACHE STRING "File in which the daemon enters its master's name")
+set(RUNELD_STATE_DIR "/var/lib/runeld" CACHE STRING "Directory of what the daemon stores")
+set(RUNELD_LED_FIRST "/sys/class/leds/first" CACHE STRING "Directory of the device's first LED")
+set(RUNELD_LED_SECOND "/sys/class/leds/second" CACHE STRING "Directory of the device's second LED")
+
+foreach(name DEVICE_PORT MASTER_PORT)
+  if(NOT RUNELD_${name} MATCHES "^[1-9][0-9]?[0-9]?[0-9]?[0-9]?$" OR RUNELD_${name} GREATER 65535)
+    message(FATAL_ERROR "RUNELD_${name} is a number from 1 to 65535, not \"${RUNELD_${name}}\"")
+  endif()
+endforeach()
+foreach(name PID_FILE HOSTS_FILE STATE_DIR LED_FIRST LED_SECOND)
+  if(NOT RUNELD_${name} MATCHES "^/[^\"\\;]*[^\"\\;/]$")
+    message(FATAL_ERROR "RUNELD_${name} is an absolute path, not \"${RUNELD_${name}}\"")
+  endif()
+endforeach()
+if(NOT RUNELD_MASTER MATCHES "^[A-Za-z0-9._:-]+$")
+  message(FATAL_ERROR "RUNELD_MASTER is an address or a host name, not \"${RUNELD_MASTER}\"")
+endif()

@@ -31,9 +31,17 @@ set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 
+# Ready-made files for operators, installed as examples: each is a link of a document too.
+file(GLOB RUNELD_PROTECTION RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS
+  "${PROJECT_SOURCE_DIR}/packaging/protection/*")
+install(FILES ${RUNELD_PROTECTION} DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/protection"
+  COMPONENT documents)
+list(TRANSFORM RUNELD_PROTECTION REPLACE "^packaging/" "examples/" OUTPUT_VARIABLE RUNELD_EXAMPLES)
+
 # Writes the document to the build tree. Links to files that are not installed become plain text.
 function(runeld_installed_document document)
   file(READ "${PROJECT_SOURCE_DIR}/${document}" text)
+  string(REPLACE "/packaging/protection/" "/examples/protection/" text "${text}")
   get_filename_component(directory "${document}" DIRECTORY)
   string(REGEX MATCHALL "\\([A-Za-z0-9_./-]+(#[a-z0-9-]+)?\\)" targets "${text}")
   list(REMOVE_DUPLICATES targets)
@@ -41,7 +49,7 @@ function(runeld_installed_document document)
     string(REGEX REPLACE "[()]|#.*" "" path "${target}")
     cmake_path(SET path NORMALIZE "${directory}/${path}")
     string(REGEX REPLACE "^/" "" path "${path}")
-    if(NOT path IN_LIST RUNELD_DOCUMENTS)
+    if(NOT path IN_LIST RUNELD_DOCUMENTS AND NOT path IN_LIST RUNELD_EXAMPLES)
       string(REGEX REPLACE "([().+])" "\\\\\\1" quoted "${target}")
       string(REGEX REPLACE "\\[([^]]*)\\]${quoted}" "\\1" text "${text}")
     endif()

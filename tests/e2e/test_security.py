@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the recipes of docs/security.md and checks their effect."""
 import os
-import pwd
 import re
 import signal
 import shutil
@@ -11,15 +10,15 @@ import subprocess
 from support import networks
 from support.case import SUCCESS, EndToEndCase
 from support.daemon import BINARY, is_instrumented
-from support.networks import inside
+from support.networks import inside, reaches
 from support.peers import Client, Peer
+from support.users import add_user
 from support.wait import TIMEOUT, wait_until
 from support.wire import request
 
 DOCUMENT = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "security.md")
-MASTER, NEIGHBOUR, DEVICE = "192.0.2.1", "192.0.2.9", "192.0.2.2"
+MASTER, DEVICE = "192.0.2.1", "192.0.2.2"
 STRANGER, ELSEWHERE = "198.51.100.9", "198.51.100.2"
-PRIVILEGED = "/proc/sys/net/ipv4/ip_unprivileged_port_start"
 LISTENING = "listening on port 5111"
 
 
@@ -31,66 +30,10 @@ def recipe(name):
     return found[0]
 
 
-def reaches(host, address, source=None, timeout=TIMEOUT):
-    """Whether a client on @p host can run a task at @p address."""
-    with inside(host):
-        connecting = socket.socket()
-    with connecting:
-        connecting.settimeout(timeout)
-        try:
-            if source:
-                connecting.bind((source, 0))
-            connecting.connect((address, 5111))
-        except OSError:
-            return False
-        return Peer(connecting).ask("fileexists", "/").fields == SUCCESS
-
-
-def as_user(user, function):
-    """The result of @p function in a child process that runs as @p user."""
-    reading, writing = os.pipe()
-    child = os.fork()
-    if child == 0:
-        try:
-            os.setgroups([])
-            os.setgid(65534)
-            os.setuid(user)
-            os.write(writing, function().encode())
-        finally:
-            os._exit(0)
-    os.close(writing)
-    os.waitpid(child, 0)
-    with os.fdopen(reading) as answer:
-        return answer.read()
-
-
-def connect():
-    with socket.socket() as connecting:
-        try:
-            connecting.connect(("127.0.0.1", 5111))
-        except ConnectionRefusedError:
-            return "refused"
-        return "connected"
-
-
-def bind():
-    """The ports that could be bound."""
-    taken = []
-    for port in (5111, 5112, 5113):
-        with socket.socket() as listening:
-            try:
-                listening.bind(("127.0.0.1", port))
-            except PermissionError:
-                continue
-            taken.append(str(port))
-    return " ".join(taken)
-
-
 class SecurityCase(EndToEndCase):
     def setUp(self):
         super().setUp()
         self.addCleanup(networks.remove_all_hosts)
-        self.addCleanup(subprocess.run, ["nft", "flush", "ruleset"], check=True)
         programs = self.path("bin")
         os.mkdir(programs)
         os.symlink(BINARY, os.path.join(programs, "runeld"))
@@ -111,62 +54,12 @@ class SecurityCase(EndToEndCase):
             os.killpg(process.pid, signal.SIGKILL)
             process.wait()
 
-    def user(self, name):
-        """Adds a user to this world. Returns its number."""
-        home = self.path(name)
-        os.mkdir(home, 0o755)
-        number = 20000 + len(pwd.getpwall())
-        with open("/etc/passwd", "a", encoding="ascii") as users:
-            users.write(f"{name}:x:{number}:65534::{home}:/bin/sh\n")
-        with open("/etc/shadow", "a", encoding="ascii") as users:
-            users.write(f"{name}:*:19000:0:99999:7:::\n")
-        return number
-
     def run_here(self, command):
         with open(self.path("output"), "ab") as output:
             process = subprocess.Popen(command, start_new_session=True, stdin=subprocess.DEVNULL,
                                        stdout=output, stderr=output)
         self.addCleanup(self.end, process)
         return process
-
-    def load(self, name):
-        subprocess.run(["nft", "-f", "-"], input=recipe(name), text=True, check=True)
-
-
-class FirewallTest(SecurityCase):
-    def test_rules_by_interface_admit_only_the_master_and_local_programs(self):
-        networks.add_host("master", "mgmt0", DEVICE, MASTER, NEIGHBOUR)
-        networks.add_host("stranger", "wan0", ELSEWHERE, STRANGER)
-        daemon = self.daemon()
-        everyone = [(None, "127.0.0.1", None), ("master", DEVICE, MASTER),
-                    ("master", DEVICE, NEIGHBOUR), ("stranger", ELSEWHERE, None)]
-        self.assertEqual([reaches(*one) for one in everyone], [True, True, True, True])
-        self.load("interface")
-        self.assertEqual([reaches(*one) for one in everyone[:2]], [True, True])
-        self.assertEqual([reaches(*one, timeout=2) for one in everyone[2:]], [False, False])
-        self.assert_stops(daemon)
-
-    def test_rules_by_user_keep_other_local_users_out(self):
-        agent = self.user("agent")
-        daemon = self.daemon()
-        self.assertEqual([as_user(user, connect) for user in (0, agent, 65534)], ["connected"] * 3)
-        self.load("users")
-        self.assertEqual([as_user(user, connect) for user in (0, agent, 65534)],
-                         ["connected", "connected", "refused"])
-        self.assert_stops(daemon)
-
-    def test_privileged_ports_cannot_be_bound_by_local_users(self):
-        with open(PRIVILEGED, encoding="ascii") as file:
-            before = file.read()
-        self.addCleanup(self.restore, PRIVILEGED, before)
-        self.assertEqual(as_user(65534, bind), "5111 5112 5113")
-        self.assertEqual(self.shell("ports").wait(TIMEOUT), 0)
-        self.assertEqual(as_user(65534, bind), "5113")
-
-    @staticmethod
-    def restore(path, content):
-        with open(path, "w", encoding="ascii") as file:
-            file.write(content)
 
 
 class NamespaceTest(SecurityCase):
@@ -209,7 +102,8 @@ class TunnelTest(SecurityCase):
         self.assert_stops(daemon)
 
     def test_ssh_carries_the_slave_connection(self):
-        self.user("tunnel")
+        add_user("tunnel", self.path("tunnel"))
+        os.mkdir(self.path("tunnel"), 0o755)
         for name in ("host", "client"):
             subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.path(name)],
                            check=True)

@@ -6,6 +6,10 @@ import os
 import socket
 import subprocess
 
+from support.case import SUCCESS
+from support.peers import AGENT_PORT, Peer
+from support.wait import TIMEOUT
+
 CLONE_NEWNET = 0x40000000
 
 libc = ctypes.CDLL(None, use_errno=True)
@@ -54,3 +58,18 @@ def remove_all_hosts():
     if os.path.isdir("/run/netns"):
         for host in os.listdir("/run/netns"):
             ip("netns", "delete", host)
+
+
+def reaches(host, address, source=None, timeout=TIMEOUT):
+    """Whether a client on @p host can run a task at @p address."""
+    with inside(host):
+        connecting = socket.socket()
+    with connecting:
+        connecting.settimeout(timeout)
+        try:
+            if source:
+                connecting.bind((source, 0))
+            connecting.connect((address, AGENT_PORT))
+        except OSError:
+            return False
+        return Peer(connecting).ask("fileexists", "/").fields == SUCCESS

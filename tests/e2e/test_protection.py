@@ -1,0 +1,325 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Tries the files of packaging/protection between hosts and between users."""
+import errno
+import os
+import re
+import select
+import socket
+import subprocess
+import time
+
+from support import networks
+from support.case import SUCCESS, EndToEndCase
+from support.networks import inside, reaches
+from support.peers import AGENT_PORT, MASTER_PORT, Peer, ready
+from support.users import UNPRIVILEGED, add_user, as_user, socket_of
+from support.wait import TIMEOUT, wait_until
+from support.wire import request
+
+FILES = os.path.join(os.path.dirname(__file__), "..", "..", "packaging", "protection")
+PRIVILEGED = "/proc/sys/net/ipv4/ip_unprivileged_port_start"
+MASTER, NEIGHBOUR, DEVICE = "192.0.2.1", "192.0.2.9", "192.0.2.2"
+STRANGER, ELSEWHERE = "198.51.100.9", "198.51.100.2"
+DROPPED = 0.5  # seconds after which a packet that was not answered counts as dropped
+
+
+def installed(name):
+    """The content of a file of packaging/protection."""
+    with open(os.path.join(FILES, name), encoding="utf-8") as file:
+        return file.read()
+
+
+def filter_rules(*examples):
+    """The nftables file, with the example elements of the sets @p examples in use."""
+    text = installed("runeld.nft")
+    for name in examples:
+        text, count = re.subn(rf"(set {name} \{{[^}}]*?)(?:    elements = [^\n]*\n)?    # (elements = [^\n]*\n)",
+                              r"\1    \2", text)
+        assert count == 1, f"no example for the set {name}"
+    return text
+
+
+def nft(*arguments, rules=None):
+    return subprocess.run(["nft", *arguments], input=rules, text=True, check=True,
+                          capture_output=True).stdout
+
+
+def load(rules):
+    nft("-f", "-", rules=rules)
+
+
+def dial(connecting, address, port, timeout=TIMEOUT):
+    """What becomes of a connection: "connected", "refused" or "dropped"."""
+    connecting.settimeout(timeout)
+    try:
+        connecting.connect((address, port))
+    except ConnectionRefusedError:
+        return "refused"
+    except TimeoutError:
+        return "dropped"
+    return "connected"
+
+
+def bind():
+    """The ports on which the caller can listen."""
+    taken = []
+    for port in (5111, 5112, 5113):
+        with socket.socket() as listening:
+            listening.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            try:
+                listening.bind(("127.0.0.1", port))
+                listening.listen()
+            except PermissionError:
+                continue
+            taken.append(str(port))
+    return " ".join(taken)
+
+
+class ProtectionCase(EndToEndCase):
+    """A device with two neighbours: a master behind mgmt0, a stranger behind wan0."""
+
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(networks.remove_all_hosts)
+        self.addCleanup(nft, "flush", "ruleset")
+        self.addCleanup(self.restore, PRIVILEGED, self.text(PRIVILEGED))
+        networks.add_host("master", "mgmt0", DEVICE, MASTER, NEIGHBOUR)
+        networks.add_host("stranger", "wan0", ELSEWHERE, STRANGER)
+        self.agent = add_user("agent", self.path("agent"))
+        self.tunnel = add_user("stunnel4", self.path("stunnel4"))
+
+    @staticmethod
+    def text(path):
+        with open(path, encoding="ascii") as file:
+            return file.read()
+
+    @staticmethod
+    def restore(path, content):
+        with open(path, "w", encoding="ascii") as file:
+            file.write(content)
+
+    def dial_as(self, user, address, port, timeout=TIMEOUT):
+        with socket_of(user) as connecting:
+            return dial(connecting, address, port, timeout)
+
+
+class PortsTest(ProtectionCase):
+    def test_only_root_can_bind_the_ports(self):
+        self.assertEqual(as_user(UNPRIVILEGED, bind), "5111 5112 5113")
+        subprocess.run(["sysctl", "-q", "-p", os.path.join(FILES, "60-runeld.conf")], check=True)
+        self.assertEqual(as_user(UNPRIVILEGED, bind), "5113")
+        self.assertEqual(as_user(0, bind), "5111 5112 5113")
+        self.assertEqual(self.text(PRIVILEGED), "5113\n")
+
+
+class ClientsTest(ProtectionCase):
+    """Who reaches port 5111."""
+
+    def who_reaches(self, timeout=DROPPED):
+        places = {"master": ("master", DEVICE, MASTER), "neighbour": ("master", DEVICE, NEIGHBOUR),
+                  "stranger": ("stranger", ELSEWHERE, None), "root": (None, "127.0.0.1", None),
+                  "root, over mgmt0's address": (None, DEVICE, None)}
+        return [who for who, place in places.items() if reaches(*place, timeout)]
+
+    def test_other_hosts_reach_the_port_only_from_their_interface_and_address(self):
+        daemon = self.daemon()
+        local = ["root", "root, over mgmt0's address"]
+        self.assertEqual(self.who_reaches(TIMEOUT), ["master", "neighbour", "stranger", *local])
+        load(filter_rules())
+        self.assertEqual(self.who_reaches(), local)
+        load(filter_rules("clients"))
+        self.assertEqual(self.who_reaches(), ["master", *local])
+        nft("delete", "element", "inet", "runeld", "clients", '{ "mgmt0" . 192.0.2.1 }')
+        nft("add", "element", "inet", "runeld", "clients", '{ "wan0" . 192.0.2.0/24 }')
+        self.assertEqual(self.who_reaches(), local)
+        nft("add", "element", "inet", "runeld", "clients",
+            '{ "wan0" . 0.0.0.0-192.0.1.255, "wan0" . 192.0.3.0-255.255.255.255 }')
+        self.assertEqual(self.who_reaches(), ["stranger", *local])
+        self.assert_stops(daemon)
+
+    def test_of_the_local_users_only_those_of_the_set_reach_the_port(self):
+        daemon = self.daemon()
+
+        def outcomes():
+            return [self.dial_as(user, address, AGENT_PORT) for user in (0, self.agent, UNPRIVILEGED)
+                    for address in ("127.0.0.1", DEVICE)]
+
+        self.assertEqual(outcomes(), ["connected"] * 6)
+        load(filter_rules())
+        self.assertEqual(outcomes(), ["connected"] * 2 + ["refused"] * 4)
+        load(filter_rules("client_users"))
+        self.assertEqual(outcomes(), ["connected"] * 4 + ["refused"] * 2)
+        self.assert_stops(daemon)
+
+    def flood(self, count, new_socket, address):
+        """Starts @p count connections at once. Returns their sockets."""
+        sockets = []
+        for _ in range(count):
+            flooding = new_socket()
+            self.addCleanup(flooding.close)
+            flooding.setblocking(False)
+            self.assertIn(flooding.connect_ex((address, AGENT_PORT)), (0, errno.EINPROGRESS))
+            sockets.append(flooding)
+        return sockets
+
+    @staticmethod
+    def made(sockets):
+        """How many of the connections have been made."""
+        return len(select.select([], sockets, [], 0)[1])
+
+    def assert_limited(self, new_socket, address):
+        start = time.monotonic()
+        sockets = self.flood(100, new_socket, address)
+        wait_until(lambda: self.made(sockets) >= 19, "the first connections are made")
+        made = self.made(sockets)
+        self.assertLess(made, 21 + 10 * (time.monotonic() - start))
+        self.assertLess(made, 100)
+
+    def test_a_flood_of_connections_leaves_the_other_clients_alone(self):
+        daemon = self.daemon()
+        load(filter_rules("clients"))
+        nft("add", "element", "inet", "runeld", "clients", '{ "mgmt0" . 192.0.2.9 }')
+        with inside("master"):
+            before = socket.socket()
+        with before:
+            self.assertEqual(dial(before, DEVICE, AGENT_PORT), "connected")
+            established = Peer(before)
+
+            def new_socket():
+                with inside("master"):
+                    flooding = socket.socket()
+                flooding.bind((MASTER, 0))
+                return flooding
+
+            self.assert_limited(new_socket, DEVICE)
+            content = os.urandom(1 << 20)
+            self.assertEqual(established.ask("write", self.path("sent"), content).fields, SUCCESS)
+            self.assertEqual(established.ask("read", self.path("sent")).output, content)
+        self.assertTrue(reaches("master", DEVICE, NEIGHBOUR))
+        self.assertTrue(reaches(None, "127.0.0.1"))
+        self.assert_stops(daemon)
+
+    def test_a_flood_of_a_local_user_leaves_root_alone(self):
+        daemon = self.daemon()
+        load(filter_rules("client_users"))
+        self.assert_limited(lambda: socket_of(self.agent), "127.0.0.1")
+        self.assertTrue(reaches(None, "127.0.0.1"))
+        self.assert_stops(daemon)
+
+    def test_a_host_has_a_limited_number_of_connections(self):
+        daemon = self.daemon()
+        load(filter_rules("clients").replace("10/second burst 20", "1000/second burst 1000"))
+
+        def another():
+            with inside("master"):
+                connecting = socket.socket()
+            self.addCleanup(connecting.close)
+            return dial(connecting, DEVICE, AGENT_PORT), connecting
+
+        made = [another() for _ in range(33)]
+        self.assertEqual([outcome for outcome, _ in made], ["connected"] * 32 + ["refused"])
+        made[0][1].close()
+        wait_until(lambda: another()[0] == "connected", "a place becomes free")
+        self.assert_stops(daemon)
+
+
+class MasterTest(ProtectionCase):
+    """Who answers on port 5112, and who dials it."""
+
+    def test_the_daemon_dials_its_master_at_the_set_place_only(self):
+        with inside("master"):
+            far = self.master(MASTER)
+        with inside("stranger"):
+            other = self.master(STRANGER)
+
+        def outcomes():
+            return [self.dial_as(0, address, MASTER_PORT) for address in (MASTER, STRANGER)]
+
+        self.assertEqual(outcomes(), ["connected"] * 2)
+        load(filter_rules())
+        self.assertEqual(outcomes(), ["refused"] * 2)
+        load(filter_rules("masters"))
+        self.assertEqual(outcomes(), ["connected", "refused"])
+        far.accept(), far.accept(), other.accept()
+        daemon = self.daemon("-i", MASTER)
+        self.assertEqual(far.accept().ask("fileexists", "/").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_other_users_cannot_pretend_to_be_a_device(self):
+        with inside("master"):
+            self.master(MASTER)
+        self.master()
+        places = (MASTER, "127.0.0.1")
+        self.assertEqual([self.dial_as(self.agent, place, MASTER_PORT) for place in places],
+                         ["connected"] * 2)
+        load(filter_rules("masters"))
+        nft("add", "element", "inet", "runeld", "masters", '{ "lo" . 127.0.0.1 }')
+        self.assertEqual([self.dial_as(self.agent, place, MASTER_PORT) for place in places],
+                         ["refused"] * 2)
+        self.assertEqual([self.dial_as(0, place, MASTER_PORT) for place in places],
+                         ["connected"] * 2)
+
+    def test_other_hosts_do_not_reach_a_master_on_this_device(self):
+        self.master("0.0.0.0")
+
+        def outcomes():
+            found = []
+            for host, address in (("master", DEVICE), ("stranger", ELSEWHERE)):
+                with inside(host):
+                    connecting = socket.socket()
+                with connecting:
+                    found.append(dial(connecting, address, MASTER_PORT, DROPPED))
+            return found
+
+        self.assertEqual(outcomes(), ["connected"] * 2)
+        load(filter_rules())
+        self.assertEqual(outcomes(), ["dropped"] * 2)
+        load(filter_rules("devices_outside"))
+        self.assertEqual(outcomes(), ["connected", "dropped"])
+
+    def listen_as(self, user):
+        listening = socket_of(user)
+        self.addCleanup(listening.close)
+        listening.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listening.bind(("127.0.0.1", MASTER_PORT))
+        listening.listen()
+        listening.settimeout(TIMEOUT)
+        return listening
+
+    def test_a_user_cannot_answer_as_the_master(self):
+        with self.listen_as(UNPRIVILEGED) as impostor:
+            self.assertEqual(self.dial_as(0, "127.0.0.1", MASTER_PORT), "connected")
+            impostor.accept()[0].close()
+            load(filter_rules())
+            self.assertEqual(self.dial_as(0, "127.0.0.1", MASTER_PORT, DROPPED), "dropped")
+            # No dial waits for an answer from now on: the daemon would serve nothing meanwhile.
+            for _ in range(20):
+                self.assertEqual(self.dial_as(0, "127.0.0.1", MASTER_PORT, 10), "refused")
+            daemon = self.daemon()
+            self.assertTrue(reaches(None, "127.0.0.1"))
+            self.assertEqual(select.select([impostor], [], [], 0)[0], [])
+        nft("flush", "set", "inet", "runeld", "impostors")  # what a minute does
+        master = self.master()
+        self.assertEqual(master.accept().ask("fileexists", "/").fields, SUCCESS)
+        self.assert_stops(daemon)
+
+    def test_a_user_who_answers_as_the_master_already_is_cut_off(self):
+        with self.listen_as(UNPRIVILEGED) as impostor:
+            daemon = self.daemon()
+            connected = socket_of(UNPRIVILEGED, lambda: impostor.accept()[0])
+        with connected:
+            slave = Peer(connected)
+            self.assertEqual(slave.ask("fileexists", "/").fields, SUCCESS)
+            load(filter_rules())
+            slave.send(request("fileexists", "/"))
+            self.assertFalse(ready(connected, select.POLLIN, DROPPED))
+        self.assert_stops(daemon)
+
+    def test_the_users_of_the_set_can_answer_as_the_master(self):
+        load(filter_rules("master_users"))
+        tunnel = self.listen_as(self.tunnel)
+        daemon = self.daemon()
+        connected = socket_of(self.tunnel, lambda: tunnel.accept()[0])
+        with connected:
+            self.assertEqual(Peer(connected).ask("fileexists", "/").fields, SUCCESS)
+        self.assert_stops(daemon)

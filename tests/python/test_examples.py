@@ -1,15 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """The programs in client/python/examples, and the structure of the package."""
 import ast
+import hashlib
 import importlib
 import inspect
 import os
+import shutil
 import signal
 import subprocess
 import sys
 import tarfile
 import tempfile
 import unittest
+from unittest import mock
 import zipfile
 
 import runel
@@ -17,10 +20,10 @@ from support import ADDRESS, DaemonCase, Dialer, LONG, wait_until
 
 PACKAGE = os.path.dirname(runel.__file__)
 EXAMPLES = os.path.join(PACKAGE, "../../examples")
-STANDARD = {"__future__", "ast", "asyncio", "base64", "collections", "contextlib", "dataclasses", "enum", "fcntl",
-            "functools", "hashlib", "io", "itertools", "math", "os", "pathlib", "posixpath", "re", "runel", "secrets",
-            "select", "socket", "stat", "struct", "sys", "tarfile", "threading", "time", "types",
-            "typing", "zipfile"}
+STANDARD = {"__future__", "ast", "asyncio", "base64", "collections", "contextlib", "dataclasses", "enum",
+            "fcntl", "functools", "gzip", "hashlib", "io", "itertools", "math", "os", "pathlib", "posixpath",
+            "re", "runel", "secrets", "select", "socket", "stat", "struct", "sys", "tarfile", "threading",
+            "time", "types", "typing", "zipfile"}
 FACES = ("Device", "Master", "Fleet", "Agent")
 
 
@@ -141,8 +144,38 @@ class InstallTest(unittest.TestCase):
             self.assertEqual([line.split(",")[0] for line in record], archive.namelist())
 
     def test_the_source_archive(self):
-        name = self.backend.build_sdist(self.directory)
+        with mock.patch.dict(os.environ):
+            os.environ.pop("SOURCE_DATE_EPOCH", None)
+            name = self.backend.build_sdist(self.directory)
         with tarfile.open(os.path.join(self.directory, name)) as archive:
             names = archive.getnames()
         for wanted in ("PKG-INFO", "build_backend.py", "src/runel/__init__.py", "src/runel/py.typed"):
             self.assertIn(f"runel-1.0.0/{wanted}", names)
+        with open(os.path.join(self.directory, name), "rb") as file:
+            self.assertEqual(int.from_bytes(file.read(8)[4:], "little"), 315532800)  # not the time of today
+
+    def archives(self, copy, epoch, zone):
+        """The SHA-256 sums of both archives of the package in @p copy, made in another process."""
+        backend = "import sys; sys.path.insert(0, '.'); import build_backend as b;"
+        for kind in "wheel", "sdist":
+            name = subprocess.run([sys.executable, "-B", "-I", "-c", f"{backend} print(b.build_{kind}('..'))"],
+                                  env={**os.environ, "SOURCE_DATE_EPOCH": epoch, "TZ": zone},
+                                  cwd=copy, check=True, capture_output=True, text=True).stdout.strip()
+            with open(os.path.join(copy, "..", name), "rb") as file:
+                yield hashlib.sha256(file.read()).hexdigest()
+
+    def test_both_archives_have_the_same_bytes_for_other_copies_times_and_modes(self):
+        made = []
+        for name, umask in ("a", 0o002), ("another", 0o077):
+            copy = os.path.join(self.directory, name, "python")
+            shutil.copytree(os.path.join(PACKAGE, "../.."), copy,
+                            ignore=shutil.ignore_patterns("__pycache__", "*.egg-info", "build", "dist"))
+            for place, names, files in os.walk(copy):
+                for path in [os.path.join(place, file) for file in names + files]:
+                    os.chmod(path, os.stat(path).st_mode & ~umask)
+                    os.utime(path, (umask, 86400 * umask))
+                    os.chown(path, umask, umask)
+            made.append(list(self.archives(copy, "1700000000", f"XYZ{umask // 6}")))
+        self.assertEqual(*made)
+        later = list(self.archives(copy, "1700000100", "UTC0"))
+        self.assertEqual([one == other for one, other in zip(made[0], later)], [False, False])

@@ -272,6 +272,7 @@ void CommandLine::defineCommands(std::vector<std::unique_ptr<Kind>>& commands, K
 }
 
 int CommandLine::parse(std::vector<std::string> words) {
+  json_ = std::find(words.begin(), words.end(), "--json") != words.end();
   std::vector<std::string> reversed(words.size());
   std::transform(words.rbegin(), words.rend(), reversed.begin(), kept);
   try {
@@ -281,8 +282,7 @@ int CommandLine::parse(std::vector<std::string> words) {
     const int status = app_.exit(help, text);
     return writeOut(Style(), text.str()) ? status : kExitTaskFailed;
   } catch (const CLI::ParseError& error) {
-    complain(explain(app_, words, error));
-    return kExitUsage;
+    return refuse(explain(app_, words, error));
   }
   settings_.plan =
       settings_.dryRun && !settings_.offline && command_ != nullptr && command_->plans();
@@ -291,10 +291,27 @@ int CommandLine::parse(std::vector<std::string> words) {
   settings_.arrange = prefix_ ? Arrange::prefix : (group_ ? Arrange::group : settings_.arrange);
   const std::string wrong = checkChosen();
   if (!wrong.empty()) {
-    complain(wrong);
-    return kExitUsage;
+    return refuse(wrong);
   }
   return -1;
+}
+
+// The command that the words name, even if they are no valid command line.
+const LocalCommand* CommandLine::namedLocal() const {
+  const std::vector<CLI::App*> chosen = app_.get_subcommands();
+  const auto named = std::find_if(locals_.begin(), locals_.end(), [&](const auto& local) {
+    return !chosen.empty() && chosen.front()->get_name() == local->name();
+  });
+  return named == locals_.end() ? nullptr : named->get();
+}
+
+int CommandLine::refuse(const std::string& what) const {
+  const LocalCommand* const local = namedLocal();
+  if (const auto status = local != nullptr ? local->refuse(what, json_) : std::nullopt) {
+    return *status;
+  }
+  complain(what);
+  return kExitUsage;
 }
 
 std::string CommandLine::checkChosen() {

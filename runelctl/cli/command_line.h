@@ -25,9 +25,13 @@ class CommandLine {
   CommandLine& operator=(const CommandLine&) = delete;
 
   /// Parses @p words, without the program name. Returns an exit status when nothing is left to do:
-  /// 0 after help was printed, 2 after a usage error. Returns a negative value when `command` or
-  /// `local` is to be run.
+  /// 0 after help was printed, that of `refuse` after a usage error. Returns a negative value when
+  /// `command` or `local` is to be run.
   [[nodiscard]] int parse(std::vector<std::string> words);
+
+  /// Reports that the command cannot start because of @p what, a usage error. Returns the exit
+  /// status.
+  [[nodiscard]] int refuse(const std::string& what) const;
 
   /// Selects the devices of `settings`, if the command uses devices.
   [[nodiscard]] runel::Result<void> readTargets();
@@ -45,6 +49,7 @@ class CommandLine {
   void defineCommands(std::vector<std::unique_ptr<Kind>>& commands, Kind*& chosen,
                       const std::string& group);
   [[nodiscard]] std::string checkChosen();
+  [[nodiscard]] const LocalCommand* namedLocal() const;
 
   CLI::App app_{"Run tasks of runeld on one or many devices", "runelctl"};
   Settings settings_;
@@ -55,6 +60,7 @@ class CommandLine {
   LocalCommands locals_;
   Command* command_ = nullptr;
   LocalCommand* local_ = nullptr;
+  bool json_ = false;  // --json is among the words, whether they are valid or not
 };
 
 /// Prints an error message on standard error.

@@ -22,6 +22,7 @@ LocalCommands localCommands() {
   addShellCommand(commands);
   addMasterCommands(commands);
   addAgentCommand(commands);
+  addProbeCommand(commands);
   addInventoryCommand(commands);
   addCompletionCommand(commands);
   addCompleteCommand(commands);

@@ -4,6 +4,7 @@
 #define RUNELCTL_CLI_LOCAL_COMMAND_H_
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -42,6 +43,13 @@ class LocalCommand {
     (void)settings;
     return "";
   }
+  /// Reports that the command cannot start because of @p what, and returns the exit status for
+  /// that. Nothing for a command without its own form of errors. @p json: --json is given.
+  [[nodiscard]] virtual std::optional<int> refuse(const std::string& what, bool json) const {
+    (void)what;
+    (void)json;
+    return std::nullopt;
+  }
   /// Runs the command and returns the exit status.
   [[nodiscard]] virtual int run(const Settings& settings, const Style& style) = 0;
   /// True for a command that runs other commands, with its general options.
@@ -65,6 +73,7 @@ void addShellCommand(LocalCommands& commands);
 void addCompletionCommand(LocalCommands& commands);
 void addCompleteCommand(LocalCommands& commands);
 void addInventoryCommand(LocalCommands& commands);
+void addProbeCommand(LocalCommands& commands);
 
 }  // namespace runelctl
 

@@ -119,8 +119,12 @@ int runOnDevices(Session& session, CommandLine& line, const Style& style) {
 // An invalid selection is a usage error. A master that does not answer is not.
 int refuse(const CommandLine& line, const runel::Error& error, const Style& style) {
   if (error.kind() == runel::Kind::local) {
-    complain(error.text());
-    return kExitUsage;
+    return line.refuse(error.text());
+  }
+  if (line.local() != nullptr) {
+    if (const auto status = line.local()->refuse(error.text(), style.json)) {
+      return *status;
+    }
   }
   tellFailure(line.command() != nullptr ? line.command()->name() : line.local()->name(), error,
               style);

@@ -15,7 +15,7 @@ import shlex
 import subprocess
 import sys
 
-STATUSES = {0, 1, 2, 124, 126, 127, 255}
+STATUSES = {0, 1, 2, 3, 124, 126, 127, 255}
 # The words after the first argument belong to the program.
 TAKE_THE_REST = ("exec", "sh", "job start")
 

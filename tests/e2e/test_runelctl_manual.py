@@ -99,6 +99,15 @@ class Fields(MasterCase):
         self.check(self.run_json("-d", "127.0.0.1,127.0.0.2", "hostid"), "summary", "failed",
                    "timed_out", "unreachable", "skipped")
 
+    def test_probes(self):
+        self.daemon()
+        version = self.file("version", b"1.0.0\n")
+        self.check(self.run_json("probe", "--version-file", version), "state", "text", "round_trip_s",
+                   "uptime_s", "restart_age_s", "version", "entry", "path", "free_bytes")
+        self.check(self.run_json("-d", "127.0.0.1,127.0.0.1:9", "probe", "--prometheus", "/none/x"),
+                   "where", "error", "hint", "summary", "warning", "critical", "unknown")
+        self.check(self.run_json("probe", "extra"), "state", "error")
+
     def test_jobs(self):
         self.daemon()
         self.check(self.run_json("exec", "--stream", "sh", "-c", "echo a; echo b >&2; exit 3"), "stream",

@@ -1,14 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """Tries the files of packaging/protection between hosts and between users."""
+import contextlib
 import errno
 import os
 import re
 import select
 import socket
+import stat
 import subprocess
 import time
 
-from support import networks
+from support import networks, world
 from support.case import SUCCESS, EndToEndCase
 from support.networks import inside, reaches
 from support.peers import AGENT_PORT, MASTER_PORT, Peer, ready
@@ -33,8 +35,8 @@ def filter_rules(*examples):
     """The nftables file, with the example elements of the sets @p examples in use."""
     text = installed("runeld.nft")
     for name in examples:
-        text, count = re.subn(rf"(set {name} \{{[^}}]*?)(?:    elements = [^\n]*\n)?    # (elements = [^\n]*\n)",
-                              r"\1    \2", text)
+        text, count = re.subn(rf"(set {name} \{{[^}}]*?)(    elements = .*\n)?    # (elements = .*\n)",
+                              r"\1    \3", text)
         assert count == 1, f"no example for the set {name}"
     return text
 
@@ -323,3 +325,94 @@ class MasterTest(ProtectionCase):
         with connected:
             self.assertEqual(Peer(connected).ask("fileexists", "/").fields, SUCCESS)
         self.assert_stops(daemon)
+
+
+class WireGuardTest(ProtectionCase):
+    NEAR, FAR = "10.111.1.2", "10.111.1.1"
+
+    def setUp(self):
+        super().setUp()
+        if not os.path.exists("/dev/net/tun"):
+            os.mkdir("/dev/net")
+            os.mknod("/dev/net/tun", stat.S_IFCHR | 0o600, os.makedev(10, 200))
+        os.makedirs("/etc/wireguard", exist_ok=True)
+        world.mount("-t", "tmpfs", "-o", "mode=700", "tmpfs", "/etc/wireguard")
+        self.addCleanup(world.unmount, "/etc/wireguard")
+        keys = {}
+        for name in ("wg-master", "wg-devices"):
+            private = self.run_tool("wg", "genkey")
+            self.restore(f"/etc/wireguard/{name}.key", private)
+            keys[name] = self.run_tool("wg", "pubkey", text=private).strip()
+        self.install("wireguard-device.conf", "wg-master", MASTER_PUBLIC_KEY=keys["wg-devices"])
+        self.install("wireguard-master.conf", "wg-devices", DEVICE_PUBLIC_KEY=keys["wg-master"])
+        self.run_tool("ip", "netns", "exec", "master", "wg-quick", "up", "wg-devices")
+        self.run_tool("wg-quick", "up", "wg-master")
+
+    def run_tool(self, *command, text=""):
+        done = subprocess.run(command, input=text, text=True, capture_output=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout
+
+    @staticmethod
+    def install(file, interface, **values):
+        text = installed(file)
+        for name, value in values.items():
+            assert text.count(name) == 1
+            text = text.replace(name, value)
+        with open(f"/etc/wireguard/{interface}.conf", "w", encoding="ascii") as config:
+            os.fchmod(config.fileno(), 0o600)
+            config.write(text)
+
+    def rules(self):
+        text = filter_rules("clients", "masters")
+        assert text.count('"mgmt0" . 192.0.2.1 }') == 2 + 1  # and the comment at the top
+        return text.replace('"mgmt0" . 192.0.2.1 }', f'"wg-master" . {self.FAR} }}')
+
+    @contextlib.contextmanager
+    def capture(self):
+        """The packets on the master's cable, in a list that is complete when the context ends."""
+        with inside("master"):
+            wire = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
+        packets = []
+        with wire:
+            wire.bind(("eth0", 0))
+            wire.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+            yield packets
+            while select.select([wire], [], [], 0)[0]:
+                packets.append(wire.recv(65536))
+
+    @staticmethod
+    def tcp_ports(packets):
+        """The ports of TCP segments in @p packets, which have Ethernet headers."""
+        return {port for packet in packets if packet[12:14] == b"\x08\x00" and packet[23] == 6
+                for port in (int.from_bytes(packet[34:36], "big"), int.from_bytes(packet[36:38], "big"))}
+
+    def test_tasks_go_through_the_tunnel_only(self):
+        load(self.rules())
+        with inside("master"):
+            far = self.master(self.FAR)
+        secret = b"a secret in clear text " * 1000
+        with self.capture() as packets:
+            daemon = self.daemon("-i", self.FAR)
+            slave = far.accept()
+            self.assertEqual(slave.socket.getpeername()[0], self.NEAR)
+            self.assertEqual(slave.ask("write", self.path("sent"), secret).fields, SUCCESS)
+            self.assertTrue(reaches("master", self.NEAR))
+            self.assertFalse(reaches("master", DEVICE, MASTER, timeout=DROPPED))
+            self.assertFalse(reaches("stranger", ELSEWHERE, timeout=DROPPED))
+        self.assertEqual(self.content("sent"), secret)
+        self.assertGreater(len(b"".join(packets)), len(secret))
+        self.assertNotIn(secret[:23], b"".join(packets))
+        self.assertNotIn(MASTER_PORT, self.tcp_ports(packets))
+        self.assert_stops(daemon)
+
+    def test_the_daemon_does_not_dial_past_a_tunnel_that_is_down(self):
+        networks.ip("route", "add", "default", "via", MASTER)
+        with inside("master"):
+            self.master(self.FAR)
+        self.run_tool("wg-quick", "down", "wg-master")
+        self.assertEqual(self.dial_as(0, self.FAR, MASTER_PORT), "connected")
+        load(self.rules())
+        self.assertEqual(self.dial_as(0, self.FAR, MASTER_PORT), "refused")
+        self.run_tool("wg-quick", "up", "wg-master")
+        self.assertEqual(self.dial_as(0, self.FAR, MASTER_PORT), "connected")

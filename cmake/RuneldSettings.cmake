@@ -17,6 +17,15 @@ option(RUNELD_PROMPT "Compile the prompt handler" ${wanted})
 option(RUNELD_DOCS "Install the manual pages and the documents" ${wanted})
 option(BUILD_TESTING "Build the tests" ${wanted})
 
+include(CheckCXXSymbolExists)
+check_cxx_symbol_exists(__GLIBC__ features.h RUNELD_GLIBC)
+if(RUNELD_GLIBC)
+  set(wanted OFF)
+else()
+  set(wanted ON)  # the syslog(3) of musl truncates lines
+endif()
+option(RUNELD_LOG_DATAGRAM "Let the daemon write to /dev/log itself" ${wanted})
+
 set(RUNELD_DEVICE_PORT 5111 CACHE STRING "TCP port on which the daemon listens")
 set(RUNELD_MASTER_PORT 5112 CACHE STRING "TCP port of the master to which the daemon connects")
 set(RUNELD_MASTER "127.0.0.1" CACHE STRING "Address of the master if the option -i is not given")

@@ -9,8 +9,18 @@ configure_file("${PROJECT_SOURCE_DIR}/packaging/runeld.service.in"
 
 install(TARGETS runeld RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
 install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_DIR}")
+# For clients: no task tells the version of the daemon, and the daemon has no option for it.
+file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/version" CONTENT "@PROJECT_VERSION@\n" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/version" DESTINATION "${CMAKE_INSTALL_DATADIR}/runeld")
 if(RUNELD_CTL)
   install(TARGETS runelctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  # Units that an operator enables, and alert rules for the server.
+  configure_file("${PROJECT_SOURCE_DIR}/packaging/monitoring/runelctl-probe.service.in"
+    "${PROJECT_BINARY_DIR}/monitoring/runelctl-probe.service" @ONLY)
+  install(FILES "${PROJECT_BINARY_DIR}/monitoring/runelctl-probe.service"
+      "${PROJECT_SOURCE_DIR}/packaging/monitoring/runelctl-probe.timer"
+      "${PROJECT_SOURCE_DIR}/packaging/monitoring/runel.rules.yml"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/runelctl/monitoring" COMPONENT monitoring)
 endif()
 
 if(NOT RUNELD_DOCS)
@@ -26,7 +36,7 @@ endif()
 # The documents for operators and for authors of masters. They keep their directories of the source
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
-  docs/build.md docs/limits.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md
+  docs/build.md docs/limits.md docs/monitoring.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md
   docs/abi.md
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)

@@ -17,6 +17,7 @@ PROCESS = b"123 (runeld) S 1 123 123 0 -1 4194560 210 0 0 0 3 1 0 0 20 0 1 0 343
 STAT = (b"dev=2049 ino=17 mode=0%06o nlink=1 uid=0 gid=0 rdev=0 size=%d blksize=%d blocks=8 "
         b"atime=0.000000000 mtime=0.000000000 ctime=0.000000000\n")
 VERSION_FILE = "/usr/share/runeld/version"
+RULES = os.path.join(os.path.dirname(__file__), "../../packaging/monitoring/runel.rules.yml")
 ENOENT = reply(fields=(1, 0, 1, 2, 0))
 UNKNOWN_TASK = reply(b"(1) unknown cmd", fields=(4, 0, 1, 71, 0))
 # One value as the plugin guidelines describe it.
@@ -386,6 +387,10 @@ class Metrics(ProbeCase):
             f"runel_restart_age_seconds{device}", 'runel_free_bytes{device="127.0.0.1",path="/"}',
             'runel_version_info{device="127.0.0.1",version="1.0.0"}',
             f"runel_probe_timestamp_seconds{device}"])
+        # The metrics of the alert rules exist.
+        with open(RULES, encoding="utf-8") as rules:
+            self.assertEqual(set(re.findall(r"\brunel_[a-z_]+", rules.read()))
+                             - {sample.partition("{")[0] for sample in samples}, set())
         self.assertEqual(samples[f"runel_up{device}"], 1)
         self.assertLess(abs(samples[f"runel_probe_timestamp_seconds{device}"] - time.time()), 60)
 

@@ -5,7 +5,9 @@ import errno
 import os
 import re
 import select
+import shutil
 import socket
+import ssl
 import stat
 import subprocess
 import time
@@ -99,6 +101,11 @@ class ProtectionCase(EndToEndCase):
     def restore(path, content):
         with open(path, "w", encoding="ascii") as file:
             file.write(content)
+
+    def run_tool(self, *command, text=""):
+        done = subprocess.run(command, input=text, text=True, capture_output=True, check=False)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout
 
     def dial_as(self, user, address, port, timeout=TIMEOUT):
         with socket_of(user) as connecting:
@@ -348,11 +355,6 @@ class WireGuardTest(ProtectionCase):
         self.run_tool("ip", "netns", "exec", "master", "wg-quick", "up", "wg-devices")
         self.run_tool("wg-quick", "up", "wg-master")
 
-    def run_tool(self, *command, text=""):
-        done = subprocess.run(command, input=text, text=True, capture_output=True, check=False)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return done.stdout
-
     @staticmethod
     def install(file, interface, **values):
         text = installed(file)
@@ -416,3 +418,125 @@ class WireGuardTest(ProtectionCase):
         self.assertEqual(self.dial_as(0, self.FAR, MASTER_PORT), "refused")
         self.run_tool("wg-quick", "up", "wg-master")
         self.assertEqual(self.dial_as(0, self.FAR, MASTER_PORT), "connected")
+
+
+class StunnelTest(ProtectionCase):
+    TUNNEL_PORT = 5114  # of the device
+
+    def setUp(self):
+        super().setUp()
+        self.tunnels = []
+        for ca, names in (("ca", ["master", "device-1", "device-2"]), ("other", ["master"])):
+            self.run_tool("sh", os.path.join(FILES, "stunnel-certificates"), self.path(ca), *names)
+        self.run_tool("sysctl", "-q", "-p", os.path.join(FILES, "60-runeld.conf"))
+        load(filter_rules("client_users", "master_users")
+             .replace("{ root, agent }", "{ root, stunnel4 }"))
+
+    def stunnel(self, end, certificate, *wrapper):
+        """Starts stunnel with the file of this @p end, where /etc/runeld has what the file names."""
+        keys = self.path(f"keys-{end}")
+        os.mkdir(keys)
+        shutil.copy(self.path("ca/ca.pem"), keys)
+        shutil.copy(self.path(certificate), os.path.join(keys, f"{end}.pem"))
+        os.makedirs("/etc/runeld", exist_ok=True)
+        start = f"mount --bind {keys} /etc/runeld && exec stunnel {FILES}/stunnel-{end}.conf"
+        with open(self.path(f"stunnel-{end}"), "wb") as output:
+            process = subprocess.Popen([*wrapper, "unshare", "--mount", "sh", "-c", start],
+                                       stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        self.tunnels.append(process)
+
+    def user_of(self, process):
+        status = self.text(f"/proc/{process.pid}/status")
+        return int(re.search(r"^Uid:\s+(\d+)", status, re.MULTILINE)[1])
+
+    def start_device(self, certificate="ca/device-1.pem"):
+        self.stunnel("device", certificate)
+        self.wait_listening(None, self.TUNNEL_PORT)
+
+    def start_master(self, certificate="ca/master.pem"):
+        with inside("master"):
+            far = self.master()
+        self.stunnel("master", certificate, "ip", "netns", "exec", "master")
+        self.wait_listening("master", AGENT_PORT)
+        return far
+
+    def wait_listening(self, host, port):
+        """Connects to no one: a connection would be the first that the other end gets."""
+        def listens():
+            assert self.tunnels[-1].poll() is None, "stunnel ended"
+            with inside(host), open("/proc/thread-self/net/tcp", encoding="ascii") as table:
+                return re.search(rf"^ *\d+: [0-9A-F]{{8}}:{port:04X} \S+ 0A ", table.read(), re.MULTILINE)
+        wait_until(listens, f"a program listens on port {port}")
+
+    def test_the_tunnels_carry_tasks_in_both_directions(self):
+        far = self.start_master()
+        self.start_device()
+        self.assertEqual([self.user_of(process) for process in self.tunnels], [self.tunnel] * 2)
+        daemon = self.daemon()
+        content = os.urandom(1 << 20)
+        slave = far.accept()
+        self.assertEqual(slave.ask("write", self.path("sent"), content).fields, SUCCESS)
+        self.assertEqual(slave.ask("read", self.path("sent")).output, content)
+        self.assertTrue(reaches("master", "127.0.1.1"))
+        self.assertFalse(reaches("master", DEVICE, timeout=DROPPED))
+        self.assertFalse(reaches("stranger", ELSEWHERE, timeout=DROPPED))
+        self.assert_stops(daemon)
+
+    def reaches_tunnel(self, host, address, name, certificate):
+        """Whether a client with this certificate, or without, gets an answer through the tunnel."""
+        context = ssl.create_default_context(cafile=self.path("ca/ca.pem"))
+        if certificate:
+            context.load_cert_chain(self.path(certificate))
+        with inside(host):
+            connecting = socket.socket()
+        with connecting:
+            connecting.settimeout(TIMEOUT)
+            connecting.connect(address)
+            try:
+                with context.wrap_socket(connecting, server_hostname=name) as encrypted:
+                    encrypted.sendall(request("fileexists", "/"))
+                    return encrypted.recv(1) == b"\x01"
+            except (ssl.SSLError, ConnectionError):
+                return False
+
+    def test_only_the_master_s_certificate_reaches_the_device(self):
+        daemon = self.daemon()
+        self.start_device()
+        place = "stranger", (ELSEWHERE, self.TUNNEL_PORT), "device-1"
+        self.assertEqual({certificate: self.reaches_tunnel(*place, certificate) for certificate in
+                          ("ca/master.pem", "ca/device-2.pem", "other/master.pem", None)},
+                         {"ca/master.pem": True, "ca/device-2.pem": False,
+                          "other/master.pem": False, None: False})
+        self.assert_stops(daemon)
+
+    def test_only_a_device_s_certificate_reaches_the_master(self):
+        far = self.start_master()
+        place = "master", (MASTER, 5113), "master"
+        for certificate in ("other/master.pem", None):
+            self.assertFalse(self.reaches_tunnel(*place, certificate))
+        self.assertTrue(far.no_connection_waits())
+
+    def assert_refused(self, host, address, port, arrived):
+        """A local connection to the tunnel's end ends, because the other end is the wrong one."""
+        with inside(host):
+            connecting = socket.socket()
+        with connecting:
+            self.assertEqual(dial(connecting, address, port), "connected")
+            near = Peer(connecting)
+            near.send(request("fileexists", "/"))
+            wait_until(lambda: ready(connecting, select.POLLIN, 0) or arrived(), "an end or an answer")
+            self.assertFalse(near.is_open() or arrived())
+
+    def test_another_device_cannot_act_as_the_master(self):
+        far = self.start_master("ca/device-2.pem")
+        self.start_device()
+        self.assert_refused(None, "127.0.0.1", MASTER_PORT, lambda: not far.no_connection_waits())
+
+    def test_another_device_cannot_act_as_this_one(self):
+        self.start_master()
+        self.start_device("ca/device-2.pem")
+        daemon = self.daemon()
+        self.assert_refused("master", "127.0.1.1", AGENT_PORT, lambda: False)
+        self.assert_stops(daemon)

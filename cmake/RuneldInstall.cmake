@@ -3,8 +3,10 @@
 # work as usual. `--component documents` installs only the manuals and documents, which need no
 # build.
 set(RUNELD_UNIT_DIR "lib/systemd/system" CACHE STRING "Directory of the systemd service files")
+set(RUNELD_HELPER_DIR "lib/runeld" CACHE STRING "Directory of the programs that the services run")
 
-configure_file("${PROJECT_SOURCE_DIR}/packaging/runeld.service.in"
+cmake_path(APPEND CMAKE_INSTALL_PREFIX "${RUNELD_HELPER_DIR}" runeld-guard OUTPUT_VARIABLE RUNELD_FULL_GUARD)
+configure_file("${PROJECT_SOURCE_DIR}/packaging/systemd/runeld.service.in"
   "${PROJECT_BINARY_DIR}/runeld.service" @ONLY)
 
 install(TARGETS runeld RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
@@ -12,6 +14,9 @@ install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_
 # For clients: no task tells the version of the daemon, and the daemon has no option for it.
 file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/version" CONTENT "@PROJECT_VERSION@\n" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/version" DESTINATION "${CMAKE_INSTALL_DATADIR}/runeld")
+install(PROGRAMS "${PROJECT_SOURCE_DIR}/packaging/guard/runeld-guard" DESTINATION "${RUNELD_HELPER_DIR}")
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/default/runeld"
+  DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/default")
 if(RUNELD_CTL)
   install(TARGETS runelctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
   # Units that an operator enables, and alert rules for the server.

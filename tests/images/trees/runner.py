@@ -41,21 +41,23 @@ class Result(unittest.TextTestResult):
         super().stopTest(test)
         self.rows[test.id()][1] = time.monotonic() - self.started
 
-    def _mark(self, test, word):
+    def _mark(self, test, word, error=None):
         self.rows.setdefault(test.id(), ["", 0.0])[0] = word
+        if error:  # at once: a whole run takes long
+            self.stream.writeln(self._exc_info_to_string(error, test))
 
     def addFailure(self, test, err):
         super().addFailure(test, err)
-        self._mark(test, "FAILED")
+        self._mark(test, "FAILED", err)
 
     def addError(self, test, err):
         super().addError(test, err)
-        self._mark(test, "FAILED")
+        self._mark(test, "FAILED", err)
 
     def addSubTest(self, test, subtest, err):
         super().addSubTest(test, subtest, err)
         if err is not None:
-            self._mark(test, "FAILED")
+            self._mark(test, "FAILED", err)
 
     def addSkip(self, test, reason):
         super().addSkip(test, reason)

@@ -19,6 +19,7 @@ import threading
 from support.wait import TIMEOUT, wait_until
 
 CLONE_NEWNET = 0x40000000
+PR_SET_PDEATHSIG = 1
 BOOT_TIMEOUT = 180.0
 REBOOTED = 133  # the exit status of systemd-nspawn --keep-unit after reboot(2) inside
 ENVIRONMENT = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
@@ -104,7 +105,7 @@ class Tree:
         self.process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0, text=False,
             env={**os.environ, "CONSOLE": self.console}, start_new_session=True,
-            preexec_fn=self._enter_groups)
+            preexec_fn=self._start)
         self.answers = b""
         try:
             self._answer("ready", TIMEOUT)
@@ -112,7 +113,9 @@ class Tree:
             self.end()
             raise
 
-    def _enter_groups(self):
+    def _start(self):
+        """Runs in the new process: its groups, and an end with this process, whatever ends that."""
+        libc.prctl(PR_SET_PDEATHSIG, 9, 0, 0, 0)
         for group in self.groups:
             with open(f"{group}/cgroup.procs", "w", encoding="ascii") as members:
                 members.write(str(os.getpid()))

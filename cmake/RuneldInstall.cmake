@@ -14,7 +14,12 @@ install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_
 # For clients: no task tells the version of the daemon, and the daemon has no option for it.
 file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/version" CONTENT "@PROJECT_VERSION@\n" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/version" DESTINATION "${CMAKE_INSTALL_DATADIR}/runeld")
-install(PROGRAMS "${PROJECT_SOURCE_DIR}/packaging/guard/runeld-guard" DESTINATION "${RUNELD_HELPER_DIR}")
+file(READ "${PROJECT_SOURCE_DIR}/packaging/guard/runeld-guard" guard)
+string(REPLACE "\nport=5111\n" "\nport=${RUNELD_DEVICE_PORT}\n" guard "${guard}")
+file(WRITE "${PROJECT_BINARY_DIR}/runeld-guard" "${guard}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+  "${PROJECT_SOURCE_DIR}/packaging/guard/runeld-guard")
+install(PROGRAMS "${PROJECT_BINARY_DIR}/runeld-guard" DESTINATION "${RUNELD_HELPER_DIR}")
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/default/runeld"
   DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/default")
 if(RUNELD_CTL)

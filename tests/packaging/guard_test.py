@@ -166,6 +166,16 @@ class GuardTest(unittest.TestCase):
         """A guard that cannot see must not keep a device deaf."""
         self.assertEqual(self.guard(RUNELD_GUARD_PROC=self.directory).returncode, 0)
 
+    def test_an_installation_with_another_port_looks_at_that_port(self):
+        with open(GUARD, encoding="utf-8") as file:
+            text = file.read()
+        self.assertEqual(text.count("\nport=5111\n"), 1, "CMake replaces this line")
+        other = os.path.join(self.directory, "guard")
+        with open(other, "w", encoding="utf-8") as file:
+            file.write(text.replace("\nport=5111\n", "\nport=511\n"))
+        self.daemon()
+        self.assertEqual(subprocess.run(["sh", other], check=False).returncode, 0)
+
     def test_shellcheck_finds_nothing(self):
         result = subprocess.run(["shellcheck", GUARD], stdout=subprocess.PIPE, text=True, check=False)
         self.assertEqual((result.returncode, result.stdout), (0, ""))

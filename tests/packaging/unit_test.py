@@ -45,7 +45,7 @@ class UnitTest(unittest.TestCase):
         self.assertNotEqual((status, text), (0, ""))
         self.assertIn("KilMode", text)
 
-    def test_lines_that_repeat_a_default_or_have_no_effect_of_their_own(self):
+    def test_lines_that_repeat_a_default_or_order_the_start(self):
         """The other lines have a test each in tests/images that fails without the line."""
         for line in ("Documentation=man:runeld(8)", "After=network.target", "StandardInput=null",
                      "LimitNOFILE=1024:524288"):

@@ -114,7 +114,7 @@ class Tree:
             raise
 
     def _start(self):
-        """Runs in the new process: its groups, and an end with this process, whatever ends that."""
+        """Runs in the new process: its groups, and its end at the end of this process."""
         libc.prctl(PR_SET_PDEATHSIG, 9, 0, 0, 0)
         for group in self.groups:
             with open(f"{group}/cgroup.procs", "w", encoding="ascii") as members:

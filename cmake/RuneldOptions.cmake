@@ -12,6 +12,26 @@ target_compile_options(runeld_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wold-style-cast -Woverloaded-virtual -Wnon-virtual-dtor>
   $<$<BOOL:${RUNELD_WERROR}>:-Werror>)
 
+# The objects of two copies of the tree are the same: a path of the tree is relative to its top directory,
+# and a debugger that runs there finds the source. A sanitizer's reports, the counts of coverage and a build
+# for a debugger keep the absolute paths.
+set(RUNELD_TREE "${PROJECT_SOURCE_DIR}/")
+if(NOT CMAKE_BUILD_TYPE STREQUAL Debug AND NOT RUNELD_SANITIZE AND NOT RUNELD_FUZZ AND NOT RUNELD_COVERAGE)
+  set(RUNELD_TREE "")
+  # GCC takes the last option that fits. Clang takes the shortest path, so no path begins with another.
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    add_compile_options(-ffile-compilation-dir=/usr/src/runeld)
+  else()
+    add_compile_options("-ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/runeld")
+  endif()
+  foreach(directory bench client fuzz include lib runelctl src tests verify)
+    add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/${directory}/=${directory}/"
+      "-ffile-prefix-map=${PROJECT_BINARY_DIR}/${directory}/=${directory}/")
+  endforeach()
+endif()
+# Otherwise the length of the path of the build would remain in the installed programs.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
 if(RUNELD_UNITY AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   # The compiler would collect garbage each time its heap doubles. A batch compiles faster without
   # that, in a tenth more memory. The code is the same: only the debug information names the options.
@@ -54,8 +74,8 @@ function(runeld_headers name scope)
   if(ARGN)
     set(directory "${PROJECT_SOURCE_DIR}/${ARGN}")
   endif()
-  file(RELATIVE_PATH spelled "${PROJECT_SOURCE_DIR}" "${directory}")
-  string(REGEX REPLACE "^(src|lib|tests)/" "" spelled "${spelled}")
+  file(RELATIVE_PATH path "${PROJECT_SOURCE_DIR}" "${directory}")
+  string(REGEX REPLACE "^(src|lib|tests)/" "" spelled "${path}")
   string(REPLACE "/" "_" root "${spelled}")
   set(root "${PROJECT_BINARY_DIR}/include/${root}")
   get_filename_component(above "${root}/${spelled}" DIRECTORY)
@@ -63,7 +83,7 @@ function(runeld_headers name scope)
   file(CREATE_LINK "${directory}" "${root}/${spelled}" SYMBOLIC)
   target_include_directories(${name} ${scope} "$<BUILD_INTERFACE:${root}>")
   target_compile_options(${name} ${scope}
-    "$<BUILD_INTERFACE:-ffile-prefix-map=${root}/${spelled}=${directory}>")
+    "$<BUILD_INTERFACE:-ffile-prefix-map=${root}/${spelled}=${RUNELD_TREE}${path}>")
 endfunction()
 
 # Adds a library of the tree: its sources, the options above, and the libraries it depends on. It is

@@ -17,7 +17,10 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 COMMITTED = 1700000000  # the time of the commit in the small repository
 FILES = {"CMakeLists.txt": "project(runeld VERSION 3.2.1 DESCRIPTION x LANGUAGES C CXX)\n",
          "LICENSE": "a licence\n", "src/main.cc": "int main() {}\n", "src/a-b.cc": "\n",
-         ".hidden": "settings\n"}
+         ".hidden": "settings\n", "packaging/buildroot/a.mk": "V = @VERSION@ @SHA256@ @SITE@\n",
+         "packaging/openwrt/Makefile": "@LICENSE_MD5@ @LICENSE_SHA256@\n",
+         "packaging/openwrt/files/x": "x\n",
+         "packaging/yocto/recipes-core/runeld/runeld.bb": "@SHA256@ @SHA256@\n"}
 NAMES = ["runeld-3.2.1.tar.gz", "runeld-3.2.1.tar.xz"]
 
 
@@ -49,12 +52,13 @@ class ReleaseTest(unittest.TestCase):
         self.source = self.top / "source"
         make_repository(self.source)
 
-    def release(self, source=None, target="out", **environment):
+    def release(self, source=None, target="out", options=(), **environment):
         """Runs the script. Returns the bytes of each file that it wrote, and its standard error."""
         source = source or self.source
-        done = run(source / "scripts/release", self.top / target, env={**os.environ, **environment})
+        done = run(source / "scripts/release", *options, self.top / target,
+                   env={**os.environ, **environment})
         self.assertEqual(done.returncode, 0, done.stderr)
-        written = {path.name: path.read_bytes() for path in (self.top / target).iterdir()}
+        written = {path.name: path.read_bytes() for path in (self.top / target).iterdir() if path.is_file()}
         self.assertEqual(done.stdout.splitlines(),
                          [str(self.top / target / name) for name in [*NAMES, "SHA256SUMS"]])
         return written, done.stderr
@@ -135,6 +139,38 @@ class ReleaseTest(unittest.TestCase):
         found, errors = self.release(target="second")
         self.assertEqual(found, expected)
         self.assertEqual(errors, "release: uncommitted changes are left out\n")
+
+    def recipes(self):
+        top = self.top / "out/recipes"
+        return {str(path.relative_to(top)): path.read_text("utf-8") for path in top.rglob("*")
+                if path.is_file()}
+
+    def test_the_recipes_have_the_version_the_checksums_and_the_directory(self):
+        written = self.release()[0]
+        tarball = hashlib.sha256(written[NAMES[0]]).hexdigest()
+        licence = FILES["LICENSE"].encode()
+        self.assertEqual(self.recipes(), {
+            "buildroot/a.mk": f"V = 3.2.1 {tarball} file://{self.top}/out\n",
+            "openwrt/runeld/Makefile":
+                f"{hashlib.md5(licence).hexdigest()} {hashlib.sha256(licence).hexdigest()}\n",
+            "openwrt/runeld/files/x": "x\n",
+            "yocto/recipes-core/runeld/runeld_3.2.1.bb": f"{tarball} {tarball}\n"})
+
+    def test_the_recipes_get_the_tarball_from_the_given_site(self):
+        expected = self.release()[0]
+        found = self.release(options=["--site", "https://files.example.com/a"])[0]
+        self.assertEqual(found, expected)
+        self.assertIn(" https://files.example.com/a\n", self.recipes()["buildroot/a.mk"])
+
+    def test_recipes_of_an_earlier_run_are_replaced(self):
+        self.release()
+        (self.top / "out/recipes/old").write_text("old\n", encoding="utf-8")
+        self.release()
+        self.assertNotIn("old", self.recipes())
+
+    def test_an_unknown_option_is_refused(self):
+        done = run(self.source / "scripts/release", "--sign")
+        self.assertEqual((done.returncode, done.stderr), (2, "release: unknown option --sign\n"))
 
     def test_a_tree_without_a_version_is_refused(self):
         (self.source / "CMakeLists.txt").write_text("project(runeld)\n", encoding="utf-8")

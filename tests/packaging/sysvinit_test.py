@@ -108,7 +108,7 @@ class ScriptCase:
     def start(self, **environment):
         self.check_script("start", 0, "runeld: started\n", **environment)
         self.wait_served()
-        return pid_in(DAEMON_PID)
+        return wait_until(lambda: pid_in(DAEMON_PID), "the daemon's pid file")
 
     def wait_served(self):
         self.assertEqual(ask("exec", "/bin/echo", "served"), "served\n")
@@ -244,11 +244,17 @@ class ScriptCase:
         return process
 
     def test_it_waits_for_the_end_of_another_runeld(self):
+        asked = self.top / "asked"
+        guard = self.top / "guard"
+        guard.write_text(f"#!/bin/sh\necho >>{asked}\nexec {GUARD}\n", encoding="utf-8")
+        guard.chmod(0o755)
+        self.script = self.install(GUARD=guard)
         other = self.other()
         reason = f"another runeld, process {other.pid}, has port 5111: not started"
         self.check_script("start", 1,
                           f"runeld: {reason}\nruneld: the loop starts it when that one ends\n")
         self.log.wait_for(reason, since=self.since)
+        wait_until(lambda: asked.read_text("ascii").count("\n") > 3, "the guard is asked again")
         self.assertEqual(daemons(), [other.pid])
         self.check_script("status", 0, "runeld: waiting for the next start\n")
         other.terminate()

@@ -82,7 +82,7 @@ def tried(tables, words):
             if option:
                 options.append(option)
                 if option.has_value and "=" not in word:
-                    left.pop(0)
+                    left = left[1:]  # runs without the value are tests of the usage error
         elif not command or command in tables.parents:
             command = f"{command} {word}".strip()
         elif command in TAKE_THE_REST:

@@ -19,7 +19,7 @@ COMMANDS = [
     ("changeleds", "1", "0"), ("chmodx", "/x"), ("devicetype",), ("df",), ("exec", "true"),
     ("exec", "--background", "true"), ("exec", "--timeout", "5", "true"), ("fileexists", "/x"),
     ("freeblocks", "/x"), ("hostid",), ("info",), ("kill",), ("ls",), ("ls", "-l"), ("lstat", "/x"),
-    ("mv", "/x", "/y"), ("ping", "-c", "3"), ("processrunning", "x"), ("ps", "x"), ("raw", RAW),
+    ("mv", "/x", "/y"), ("ping", "-c", "3"), ("probe",), ("processrunning", "x"), ("ps", "x"), ("raw", RAW),
     ("read", "/x"), ("readdir", "/x"), ("realpath", "/x"), ("reboot",),
     ("reboot", "--wait", "--down-timeout", "1"), ("rename", "/x", "/y"), ("restart",),
     ("restart", "--wait", "--down-timeout", "1"), ("rm", "/x"), ("rm", "-r", "/x"),

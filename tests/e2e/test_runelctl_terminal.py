@@ -39,7 +39,7 @@ ON_DEVICES = {
     "changeleds": ("1", "0"), "chmodx": ("/x",), "devicetype": (), "df": ("/x",),
     "exec": ("program",), "fileexists": ("/x",), "freeblocks": ("/x",), "hostid": (), "info": (),
     "job attach": ("a",), "job list": (), "job output": ("a",), "job remove": ("a",),
-    "job start": ("x",), "job stop": ("a",), "job wait": ("a",), "kill": (), "ls": ("-l", "/x"), "lstat": ("/x",), "mv": ("/x", "/y"), "ping": ("-c", "1"),
+    "job start": ("x",), "job stop": ("a",), "job wait": ("a",), "kill": (), "ls": ("-l", "/x"), "lstat": ("/x",), "mv": ("/x", "/y"), "ping": ("-c", "1"), "probe": (),
     "processrunning": ("x",), "ps": ("x",), "pull": ("-r", "/x", "back"), "push": ("local", "/x"),
     "raw": ("SlaveTask 1 6:hostid 0 0: 0 0 0 0 0",), "read": ("/x",), "readdir": ("/x",),
     "realpath": ("/x",), "reboot": (), "rename": ("/x", "/y"), "restart": (), "rm": ("-r", "/x"),
@@ -53,7 +53,7 @@ LOCAL = {"agent", "completion", "devices", "inventory", "master", "shell"}
 PRINTING = ("cat", "devicetype", "exec", "freeblocks", "hostid", "info", "ls", "read", "readdir",
             "realpath", "sh", "tree", "walktree")
 # Commands that do not print the text of a refusal: they ignore it, or read it as a list.
-NOT_PRINTING = ("info", "ping", "push", "reboot", "restart", "sync", "tree")
+NOT_PRINTING = ("info", "ping", "probe", "push", "reboot", "restart", "sync", "tree")
 
 
 def acting(shown):

@@ -15,6 +15,7 @@
 #include "commands/command.h"
 
 #include "client/core/paths.h"
+#include "commands/installed_version.h"
 #include "commands/number_range.h"
 #include "commands/raw_text.h"
 #include "protocol/frame_sender.h"
@@ -117,11 +118,13 @@ class PingCommand : public Command {
   double pause_ = 0.2;
 };
 
-// The columns of the table for several devices, and their labels in the list for one. No task tells
-// the version of the daemon, and a daemon that is started with an unknown option runs.
+// The columns of the table for several devices, and their labels in the list for one.
 constexpr std::pair<const char*, const char*> kInfoColumns[] = {
     {"HOSTID", "hostid"}, {"TYPE", "devicetype"}, {"KERNEL", "kernel"},  {"HOSTNAME", "hostname"},
     {"UPTIME", "uptime"}, {"FREE", "free on /"},  {"VERSION", "version"}};
+
+// A larger answer is a protocol error.
+constexpr std::size_t kMostVersionFile = 65536;
 
 // Reads the identity and the state of a device in one round trip.
 class InfoJob : public Job {
@@ -140,6 +143,7 @@ class InfoJob : public Job {
           reply.ok() ? runel::parseStat(reply.output()) : std::nullopt;
       blockSize_ = st ? st->blksize : 0;
     });
+    askVersion();
     ask(runel::Request({"freeblocks", "/"}), [this](const runel::Reply& reply) { space(reply); });
   }
 
@@ -148,6 +152,17 @@ class InfoJob : public Job {
     ask(runel::Request(std::move(task)), [this, label](const runel::Reply& reply) {
       if (reply.ok()) {
         show(label, reply.output().substr(0, reply.output().find('\n')));
+      }
+    });
+  }
+
+  void askVersion() {
+    runel::Request request({"read", kVersionFile});
+    request.setReplyLimit(kMostVersionFile);
+    ask(request, [this](const runel::Reply& reply) {
+      const auto version = reply.ok() ? parseVersion(reply.output()) : std::nullopt;
+      if (version) {
+        show("version", *version);
       }
     });
   }

@@ -41,13 +41,6 @@ std::string_view fieldOf(std::string_view text, std::size_t index) {
   return text.substr(0, text.find_first_of(" \n"));
 }
 
-bool isVersionByte(char byte) {
-  constexpr std::string_view kOthers = ".+~_:-";
-  const bool letter = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
-  const bool digit = byte >= '0' && byte <= '9';
-  return letter || digit || kOthers.find(byte) != std::string_view::npos;
-}
-
 }  // namespace
 
 std::optional<double> parseUptime(std::string_view text) {
@@ -71,15 +64,6 @@ std::optional<double> parseProcessStart(std::string_view text) {
   const std::string_view field = fieldOf(text.substr(name + 2), kStartField);
   const std::optional<double> ticks = numberIn(field);
   return ticks ? std::make_optional(*ticks / kTicksPerSecond) : std::nullopt;
-}
-
-std::optional<std::string> parseVersion(std::string_view text) {
-  if (!text.empty() && text.back() == '\n') {
-    text.remove_suffix(1);
-  }
-  const bool valid = !text.empty() && text.size() <= kMostVersionBytes &&
-                     std::all_of(text.begin(), text.end(), isVersionByte);
-  return valid ? std::make_optional(std::string(text)) : std::nullopt;
 }
 
 std::optional<double> ageOf(std::optional<double> start, std::optional<double> uptime) {

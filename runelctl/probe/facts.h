@@ -3,7 +3,6 @@
 #ifndef RUNELCTL_PROBE_FACTS_H_
 #define RUNELCTL_PROBE_FACTS_H_
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,9 +12,6 @@
 #include "output/error.h"
 
 namespace runelctl {
-
-/// The longest version, in bytes.
-constexpr std::size_t kMostVersionBytes = 64;
 
 /// The free space of one file system.
 struct FreeSpace {
@@ -46,8 +42,6 @@ struct Facts {
 [[nodiscard]] std::optional<double> parseUptime(std::string_view text);
 /// The start of a process in seconds after the boot. @p text is the content of its /proc/PID/stat.
 [[nodiscard]] std::optional<double> parseProcessStart(std::string_view text);
-/// The version in @p text, one line of at most 64 letters, digits and the characters ". + ~ _ : -".
-[[nodiscard]] std::optional<std::string> parseVersion(std::string_view text);
 ///@}
 
 /// The age of a process that was started @p start seconds after the boot, which was @p uptime

@@ -10,6 +10,7 @@
 #include <runel/loop.h>
 #include <runel/request.h>
 
+#include "commands/installed_version.h"
 #include "probe/facts.h"
 
 namespace runelctl {
@@ -17,7 +18,7 @@ namespace runelctl {
 /// What to ask for besides the facts of every probe.
 struct ProbePlan {
   std::vector<std::string> paths{"/"};  ///< of file systems, on the device
-  std::string versionFile = "/usr/share/runeld/version";
+  std::string versionFile = kVersionFile;
 };
 
 /// Runs no program on the device and changes nothing. A fact that the device does not tell stays

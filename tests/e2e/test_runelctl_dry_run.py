@@ -90,7 +90,7 @@ class DryRun(CtlCase):
 
     def test_device_commands(self):
         frames, later = self.shown("info")
-        self.assertEqual((len(frames), later), (7, ""))
+        self.assertEqual((len(frames), later), (8, ""))
         self.expect(("ping", "-c", "1"), ("fileexists", "/"))
         self.expect(("ping", "-c", "3"), ("fileexists", "/"),
                     later="the same task after each answer, 3 times in total")

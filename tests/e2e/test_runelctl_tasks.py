@@ -3,6 +3,7 @@
 import base64
 import json
 import os
+import re
 import signal
 import stat
 import subprocess
@@ -269,6 +270,19 @@ class TheDevice(OneDevice):
         found = self.succeed("info", "--json").objects
         self.assertEqual(len(found), 1)
         self.assertEqual(found[0]["kernel"], os.uname().release)
+
+    def test_info_has_the_version_of_the_installation(self):
+        for content, version in ((b"1.2.3~rc1\n", "1.2.3~rc1"), (b"1\n2\n", None), (b"", None),
+                                 (b"a b\n", None), (b"\x1b[2J\n", None)):
+            def serve(connected, content=content):
+                for words in requests(connected):
+                    known = words == ["read", "/usr/share/runeld/version"]
+                    connected.sendall(reply(content) if known else reply(b"x"))
+
+            where = self.odd_peer(serve)
+            self.assertEqual(re.findall(r"\nversion: +(.*)\n", self.succeed("-d", where, "info").text),
+                             [version] if version else [])
+            self.assertEqual(self.succeed("-d", where, "--json", "info").objects[0].get("version"), version)
 
     def test_the_free_space_is_that_of_all_blocks(self):
         answers = {"stat": b"dev=1 ino=1 mode=0040755 nlink=1 uid=0 gid=0 rdev=0 size=3 blksize=4096 "

@@ -64,6 +64,7 @@ RUNELCTL = Area(
         "runelctl/fleet": ctl("many", "jobs", "limits", "terminal", "pipes"),
         "runelctl/inventory": ctl("inventory", "many"),
         "runelctl/output": ctl("terminal", "tasks", "many", "pipes", "files"),
+        "runelctl/probe": ctl("probe"),
         "runelctl/shell": ctl("shell", "completion"),
     },
     ("AThousand", "CutOff", "Memory", "PullWithoutOpenat2", "PushWithAFilterOfSystemCalls", "Size",

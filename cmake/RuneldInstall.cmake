@@ -20,6 +20,14 @@ file(WRITE "${PROJECT_BINARY_DIR}/runeld-guard" "${guard}")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
   "${PROJECT_SOURCE_DIR}/packaging/guard/runeld-guard")
 install(PROGRAMS "${PROJECT_BINARY_DIR}/runeld-guard" DESTINATION "${RUNELD_HELPER_DIR}")
+file(READ "${PROJECT_SOURCE_DIR}/packaging/protection/runeld-protect" protect)
+string(REPLACE "\ndevice_port=5111\n" "\ndevice_port=${RUNELD_DEVICE_PORT}\n" protect "${protect}")
+string(REPLACE "\nmaster_port=5112\n" "\nmaster_port=${RUNELD_MASTER_PORT}\n" protect "${protect}")
+string(REPLACE "\ndefault_master=127.0.0.1\n" "\ndefault_master=${RUNELD_MASTER}\n" protect "${protect}")
+file(WRITE "${PROJECT_BINARY_DIR}/runeld-protect" "${protect}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+  "${PROJECT_SOURCE_DIR}/packaging/protection/runeld-protect")
+install(PROGRAMS "${PROJECT_BINARY_DIR}/runeld-protect" DESTINATION "${CMAKE_INSTALL_SBINDIR}")
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/default/runeld"
   DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/default")
 if(RUNELD_CTL)
@@ -36,8 +44,8 @@ endif()
 if(NOT RUNELD_DOCS)
   return()
 endif()
-install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
-  COMPONENT documents)
+install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" "${PROJECT_SOURCE_DIR}/man/runeld-protect.8"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT documents)
 if(RUNELD_CTL)
   install(FILES "${PROJECT_SOURCE_DIR}/man/runelctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
     COMPONENT documents)
@@ -54,6 +62,7 @@ set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs
 # Ready-made files for operators, installed as examples: each is a link of a document too.
 file(GLOB RUNELD_PROTECTION RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS
   "${PROJECT_SOURCE_DIR}/packaging/protection/*")
+list(REMOVE_ITEM RUNELD_PROTECTION packaging/protection/runeld-protect)
 install(FILES ${RUNELD_PROTECTION} DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/protection"
   COMPONENT documents)
 list(TRANSFORM RUNELD_PROTECTION REPLACE "^packaging/" "examples/" OUTPUT_VARIABLE RUNELD_EXAMPLES)

@@ -139,6 +139,15 @@ class Values(unittest.TestCase):
                      if f"-D{name}={quoted}" in arguments]
             self.assertEqual(using, [source], name)
 
+    def test_the_ports_and_the_master_reach_the_check_of_protections(self):
+        with Configured("RUNELD_DEVICE_PORT=6111", "RUNELD_MASTER_PORT=6112", "RUNELD_MASTER=192.0.2.7",
+                        "BUILD_TESTING=OFF", "RUNELD_CTL=OFF") as build:
+            text = build.text("runeld-protect")
+        with open(os.path.join(ROOT, "packaging/protection/runeld-protect"), encoding="utf-8") as file:
+            original = file.read()
+        changed = [line for line in text.splitlines() if line not in original.splitlines()]
+        self.assertEqual(changed, ["device_port=6111", "master_port=6112", "default_master=192.0.2.7"])
+
     def test_the_directory_of_the_service_file(self):
         with Configured("RUNELD_UNIT_DIR=usr/lib/units", "BUILD_TESTING=OFF", "RUNELD_CTL=OFF") as build:
             self.assertIn("usr/lib/units", build.installed())

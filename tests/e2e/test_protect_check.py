@@ -1,0 +1,374 @@
+# SPDX-License-Identifier: Apache-2.0
+"""runeld-protect check: what it says of each protection, and its exit status."""
+import os
+import re
+import socket
+import subprocess
+
+from support import world
+from support.networks import inside, ip
+from support.peers import AGENT_PORT, MASTER_PORT
+from support.protection import (DEVICE, FILES, MASTER, PRIVILEGED, STRANGER, ProtectionCase, Stunnel,
+                                WireGuard, filter_rules, load, nft)
+from support.users import UNPRIVILEGED, as_user, socket_of
+from support.wait import TIMEOUT, wait_until
+
+SCRIPT = os.path.join(FILES, "runeld-protect")
+HARDENED = ("setpriv", "--bounding-set=-sys_module", "--")
+APPLETS = "awk cat cut date dd grep id ip ls nsenter readlink sed sh sort tail tr".split()
+
+
+class Report:
+    """The screen of a check: protections, and the ways in by their port and place."""
+
+    def __init__(self, status, text):
+        self.status = status
+        self.text = text
+        self.last = text.splitlines()[-1]
+        self.protections, self.why, self.ways = {}, {}, {}
+        port = None
+        for line in text.splitlines():
+            port = re.match(r"Port (\d+)( of this device)?: who ", line) or port
+            if line.startswith("  "):
+                verdict, name, rest = re.fullmatch(r"  (\S+) +(.*?)  +(.*)", line).groups()
+                if port:
+                    self.ways[f"{port[1]} {name}"] = verdict, rest
+                else:
+                    self.protections[name], self.why[name] = verdict, rest
+
+    def open(self):
+        """The ways that are open."""
+        return [way for way, (verdict, _) in self.ways.items() if verdict == "OPEN"]
+
+
+class CheckCase(ProtectionCase):
+    """Checks run in dash and, with no other tools than nft and wg, in busybox."""
+
+    def setUp(self):
+        super().setUp()
+        tools = self.path("tools")
+        os.mkdir(tools)
+        for name in APPLETS:
+            os.symlink("/usr/bin/busybox", os.path.join(tools, name))
+
+    def run_script(self, *arguments, shell=("dash",), **options):
+        return subprocess.run([*shell, SCRIPT, *arguments], stdin=subprocess.DEVNULL, timeout=TIMEOUT,
+                              capture_output=True, text=True, check=False, **options)
+
+    def check(self, *arguments, in_busybox=True):
+        runs = [self.run_script("check", *arguments)]
+        if in_busybox:
+            runs.append(self.run_script("check", *arguments, shell=("busybox", "sh"),
+                                        env={"PATH": f"{self.path('tools')}:/usr/bin"}))
+        for run in runs:
+            self.assertEqual(run.stderr, "")
+            self.assertLessEqual(len(run.stdout.splitlines()), 24)
+            self.assertLessEqual(max(map(len, run.stdout.splitlines())), 80)
+        same = [(run.returncode, re.sub(r"\d+ s ago", "", run.stdout)) for run in runs]
+        self.assertEqual(same[0], same[-1])
+        return Report(runs[0].returncode, runs[0].stdout)
+
+    def protect(self, *examples):
+        """Privileged ports and the filter."""
+        self.run_tool("sysctl", "-q", "-p", os.path.join(FILES, "60-runeld.conf"))
+        load(filter_rules(*examples))
+
+
+class CheckTest(CheckCase):
+    def test_a_device_without_any_protection(self):
+        daemon = self.daemon()
+        report = self.check()
+        self.assertEqual(report.text, f"""\
+runeld: process {daemon.pid}, master 127.0.0.1
+Port 5111: 0.0.0.0: runeld (process {daemon.pid}, root)
+Port 5112: no program listens on this device
+Protections
+  no    ports     every local user binds the ports from 1024 on
+  no    filter    the table inet runeld is not loaded
+  no    drop-in   the daemon has all rights of root
+  no    tunnel    neither stunnel nor ssh answers on 127.0.0.1:5112
+Port 5111: who runs any task as root
+  OPEN  to bind it before runeld  every local user: the device reboots
+  OPEN  local programs            every local user
+  OPEN  mgmt0 {DEVICE}           all hosts
+  OPEN  wan0 198.51.100.2         all hosts
+Port 5112: who acts as the master, and runs any task as root
+  OPEN  local programs            every local user
+OPEN: 5 of 5 ways
+""")
+        self.assertEqual(report.status, 1)
+        self.assert_stops(daemon)
+
+    def test_a_device_with_the_files_in_use(self):
+        self.protect("clients", "client_users", "master_users")
+        nft("add", "element", "inet", "runeld", "clients", '{ "wan0" . 0.0.0.0/0 }')
+        daemon = self.daemon(wrapper=HARDENED)
+        master = self.master()
+        master.accept()
+        before = nft("-s", "list", "ruleset")
+        report = self.check("--require", "ports", "--require", "filter", "--require", "drop-in")
+        self.assertEqual(report.text, f"""\
+runeld: process {daemon.pid}, master 127.0.0.1
+Port 5111: 0.0.0.0: runeld (process {daemon.pid}, root)
+Port 5112: 127.0.0.1: python3 (process {os.getpid()}, root)
+Protections
+  yes   ports     only root binds the ports up to 5112
+  yes   filter    nftables: interface, address, user, number of connections
+  yes   drop-in   the daemon is restricted: capabilities
+  no    tunnel    neither stunnel nor ssh answers on 127.0.0.1:5112
+Port 5111: who runs any task as root
+  ok    to bind it before runeld  root
+  ok    local programs            root agent
+  ok    mgmt0 {DEVICE}           {MASTER}
+  ok    wan0 198.51.100.2         all hosts
+Port 5112: who acts as the master, and runs any task as root
+  ok    local programs            root stunnel4
+PROTECTED: only the users and hosts that are named above
+""")
+        self.assertEqual(report.status, 0)
+        self.assertEqual(nft("-s", "list", "ruleset"), before)
+        self.assertTrue(master.no_connection_waits())
+        self.assert_stops(daemon)
+
+    def test_each_protection_counts(self):
+        self.protect()
+        daemon = self.daemon()
+        self.assertEqual(self.check().status, 0)
+
+        report = self.check("--require", "drop-in")
+        self.assertEqual((report.status, report.protections["drop-in"]), (1, "no"))
+        self.assertEqual(report.last, "OPEN: required, and missing: drop-in")
+
+        self.restore(PRIVILEGED, "5112")
+        report = self.check()
+        self.assertEqual((report.status, report.protections["ports"]), (0, "no"))
+        self.assertEqual(self.check("--require", "ports").status, 1)
+        self.restore(PRIVILEGED, "5111")
+        report = self.check()
+        self.assertEqual((report.status, report.open()), (1, ["5111 to bind it before runeld"]))
+        self.restore(PRIVILEGED, "5113")
+
+        nft("delete", "table", "inet", "runeld")
+        report = self.check()
+        self.assertEqual((report.status, report.protections["filter"]), (1, "no"))
+        self.assertEqual(report.open(), ["5111 local programs", "5111 mgmt0 192.0.2.2",
+                                         "5111 wan0 198.51.100.2"])
+        self.assert_stops(daemon)
+
+    def test_a_filter_that_was_changed_does_not_count(self):
+        self.protect()
+        local, outside, master = "5111 local programs", "5111 mgmt0 192.0.2.2", "5112 local programs"
+        self.restore(PRIVILEGED, "1024")
+        bind = "5111 to bind it before runeld"
+        everything = [bind, local, outside, "5111 wan0 198.51.100.2", master]
+        self.assertEqual(self.check().open(), [bind])
+        for name, chain, text, opened in (
+                ("clients", "input", "@clients", [outside, "5111 wan0 198.51.100.2"]),
+                ("devices", "input", "@devices_outside", []),
+                ("rate", "input", "@rates", []),
+                ("connections", "input", "@connections", []),
+                ("users", "output", "@client_users", [local]),
+                ("dialling", "output", "@dial_users", []),
+                ("masters", "output", "@masters", []),
+                ("answers", "output", "@master_users", [master])):
+            with self.subTest(name):
+                load(filter_rules())
+                handle = re.search(rf"{text} .*# handle (\d+)$", nft("-a", "list", "chain", "inet", "runeld",
+                                                                   chain), re.MULTILINE)
+                nft("delete", "rule", "inet", "runeld", chain, "handle", handle[1])
+                report = self.check(in_busybox=False)
+                self.assertEqual(report.why["filter"], f"rules are missing: {name}")
+                self.assertEqual(sorted(report.open()), sorted([bind, *opened]))
+        for change, why in (("insert rule inet runeld input tcp dport 5111 accept",
+                             "the table inet runeld was changed: chain input"),
+                            ("insert rule inet runeld output ct state established return",
+                             "the table inet runeld was changed: chain output"),
+                            ("flush chain inet runeld output",
+                             "rules are missing: users, dialling, masters, answers"),
+                            ("add table inet runeld { flags dormant; }", "the table inet runeld is dormant")):
+            with self.subTest(change):
+                load(filter_rules())
+                load(change)
+                report = self.check(in_busybox=False)
+                self.assertEqual(report.why["filter"], why)
+                self.assertEqual(report.open(), [bind, local, master] if "flush" in change else everything)
+
+    def test_a_local_master_is_who_has_the_port(self):
+        with socket_of(UNPRIVILEGED) as impostor:
+            impostor.bind(("127.0.0.1", MASTER_PORT))
+            impostor.listen()
+            self.run_tool("sysctl", "-q", "-p", os.path.join(FILES, "60-runeld.conf"))
+            self.assertEqual(self.check().ways["5112 local programs"], ("OPEN", "nobody, who has the port"))
+            load(filter_rules())
+            self.assertEqual(self.check().ways["5112 local programs"], ("ok", "root"))
+        nft("delete", "element", "inet", "runeld", "masters", '{ "lo" . 127.0.0.1 }')
+        self.assertEqual(self.check().ways["5112 local programs"],
+                         ("ok", "none: the set masters lacks lo . 127.0.0.1"))
+
+    def test_a_master_that_other_hosts_reach(self):
+        self.protect()
+        with socket.socket() as listening:
+            listening.bind(("0.0.0.0", MASTER_PORT))
+            listening.listen()
+            self.assertEqual(self.check().ways["5112 other hosts"], ("ok", "no host"))
+            load(filter_rules("devices_outside"))
+            self.assertEqual(self.check().ways["5112 other hosts"], ("ok", "mgmt0 192.0.2.0/24"))
+            nft("delete", "table", "inet", "runeld")
+            self.assertEqual(self.check().ways["5112 other hosts"], ("OPEN", "all hosts"))
+
+    def test_another_program_with_the_daemon_s_port(self):
+        self.protect()
+        with socket.socket() as listening:
+            listening.bind(("127.0.0.1", AGENT_PORT))
+            listening.listen()
+            report = self.check()
+        self.assertEqual((report.status, report.ways["5111 the port itself"]),
+                         (1, ("OPEN", "another program holds it")))
+        self.assertIn(f"Port 5111: 127.0.0.1: python3 (process {os.getpid()}, root)\n", report.text)
+
+    def test_a_remote_master(self):
+        self.protect()
+        place = f"5112 {MASTER} by mgmt0"
+        daemon = self.daemon("-i", "127.0.0.1", "--ip-address", MASTER)
+        report = self.check()
+        self.assertEqual((report.status, report.ways[place]),
+                         (0, ("ok", "no host: the set masters lacks this place")))
+        load(filter_rules("masters"))
+        self.assertEqual(self.check().ways[place], ("ok", "every host on this way: not encrypted"))
+        nft("delete", "table", "inet", "runeld")
+        self.assertEqual(self.check().ways[place],
+                         ("OPEN", "every host on the way, or with this address"))
+        ip("link", "set", "mgmt0", "down")
+        self.assertEqual(self.check().ways[f"5112 {MASTER}"], ("ok", "no host: there is no route to it"))
+        self.assert_stops(daemon)
+
+    def test_the_master_of_a_daemon_that_does_not_run(self):
+        self.protect("masters")
+        world.mount("-t", "tmpfs", "tmpfs", "/etc/default")
+        self.addCleanup(world.unmount, "/etc/default")
+        for options, where, (verdict, who) in (
+                (f'RUNELD_OPTIONS="-v -i {MASTER}"', f"5112 {MASTER} by mgmt0",
+                 ("ok", "every host on this way: not encrypted")),
+                ("RUNELD_OPTIONS='-i host.example'", "5112 host.example", ("ok", f"mgmt0 {MASTER}")),
+                ("# RUNELD_OPTIONS=-i 192.0.2.3", "5112 local programs",
+                 ("ok", "none: the set masters lacks lo . 127.0.0.1"))):
+            self.restore("/etc/default/runeld", f"{options}\n")
+            self.assertEqual(self.check().ways[where], (verdict, who))
+        self.restore("/etc/hosts", f"127.0.0.1 localhost\n{MASTER} other host.example\n")
+        self.restore("/etc/default/runeld", "RUNELD_OPTIONS='-i host.example'\n")
+        self.assertIn(f"5112 {MASTER} by mgmt0", self.check().ways)
+        world.reset()
+        nft("delete", "table", "inet", "runeld")
+        self.assertEqual(self.check().ways["5112 host.example"],
+                         ("OPEN", "every host that answers for this name"))
+
+    def test_a_daemon_in_its_own_network_namespace(self):
+        self.protect()
+        self.assertEqual(self.check().status, 0)
+        daemon = self.daemon(wrapper=("ip", "netns", "exec", "stranger"))
+        report = self.check()
+        self.assertIn(f"runeld: process {daemon.pid} in its own network namespace, master", report.text)
+        self.assertEqual((report.status, report.protections["filter"]), (1, "no"))
+        self.assertEqual(report.ways[f"5111 eth0 {STRANGER}"], ("OPEN", "all hosts"))
+        with inside("stranger"):
+            load(filter_rules())
+            self.restore(PRIVILEGED, "5113")
+        self.assertEqual(self.check().status, 0)
+        self.assert_stops(daemon)
+
+    def test_many_interfaces_fit_on_the_screen(self):
+        for number in range(7):
+            ip("link", "add", f"lan{number}", "type", "veth", "peer", "name", f"lan{number}", "netns", "master")
+            ip("link", "set", f"lan{number}", "up")
+        report = self.check()
+        self.assertEqual(report.ways["5111 3 more interfaces"], ("OPEN", "all hosts"))
+        self.protect()
+        self.assertEqual(self.check().ways["5111 3 more interfaces"],
+                         ("ok", "the hosts of the set clients"))
+
+    def test_errors_have_their_own_status(self):
+        for arguments, reason in ((["check", "--require"], "--require ports, filter, drop-in or tunnel"),
+                                  (["check", "--require", "all"], "--require ports, filter, drop-in or tunnel"),
+                                  (["check", "now"], "unknown argument now; see runeld-protect --help"),
+                                  (["start"], "unknown command start; see runeld-protect --help")):
+            run = self.run_script(*arguments)
+            self.assertEqual((run.returncode, run.stdout, run.stderr),
+                             (2, "", f"runeld-protect: {reason}\n"))
+        run = self.run_script()
+        self.assertEqual((run.returncode, run.stdout), (2, ""))
+        self.assertIn("Usage: runeld-protect check", run.stderr)
+        for arguments in (["--help"], ["-h"], ["check", "--help"]):
+            run = self.run_script(*arguments)
+            self.assertEqual((run.returncode, run.stderr), (0, ""))
+            self.assertIn("Usage: runeld-protect check", run.stdout)
+        self.assertEqual(as_user(UNPRIVILEGED, lambda: self.run_script("check").stderr),
+                         "runeld-protect: run it as root\n")
+        broken = self.path("broken")
+        os.mkdir(broken)
+        with open(os.path.join(broken, "nft"), "w", encoding="ascii") as nft_that_fails:
+            nft_that_fails.write("#!/bin/sh\necho Operation not supported >&2\nexit 1\n")
+            os.fchmod(nft_that_fails.fileno(), 0o755)
+        run = self.run_script("check", env={"PATH": f"{broken}:{os.environ['PATH']}"})
+        self.assertEqual((run.returncode, run.stderr),
+                         (2, "runeld-protect: nft list tables: Operation not supported\n"))
+
+
+class TunnelTest(CheckCase, WireGuard):
+    def test_a_tunnel_is_the_way_to_the_master_or_it_is_not(self):
+        ip("route", "add", "default", "via", MASTER)
+        load(self.rules())
+        self.restore(PRIVILEGED, "5113")
+        with inside("master"):
+            far = self.master(self.FAR)
+        place = f"5112 {self.FAR} by wg-master"
+        daemon = self.daemon("-i", self.FAR)
+        far.accept()
+        report = self.check("--require", "tunnel")
+        self.assertEqual((report.status, report.protections["tunnel"]), (0, "yes"))
+        self.assertRegex(report.why["tunnel"], r"^WireGuard, wg-master: the last handshake was \d+ s ago$")
+        self.assertEqual(report.ways[place], ("ok", "the peer of the tunnel"))
+        self.assertEqual(report.ways[f"5111 wg-master {self.NEAR}"], ("ok", self.FAR))
+
+        handle = re.search(r"@masters .*# handle (\d+)$", nft("-a", "list", "table", "inet", "runeld"),
+                           re.MULTILINE)[1]
+        nft("delete", "rule", "inet", "runeld", "output", "handle", handle)
+        self.assertEqual(self.check().status, 0)
+        self.run_tool("wg-quick", "down", "wg-master")
+        report = self.check()
+        self.assertEqual((report.status, report.why["tunnel"]),
+                         (1, f"the way to {self.FAR} is not a tunnel"))
+        self.assertEqual(report.ways[f"5112 {self.FAR} by mgmt0"],
+                         ("OPEN", "every host on the way, or with this address"))
+        load(self.rules())
+        report = self.check()
+        self.assertEqual((report.status, report.protections["tunnel"]), (0, "no"))
+        self.assertEqual(self.check("--require", "tunnel").status, 1)
+        self.assert_stops(daemon)
+
+    def test_a_tunnel_without_a_handshake_is_not_up(self):
+        self.run_tool("ip", "netns", "exec", "master", "wg-quick", "down", "wg-devices")
+        self.run_tool("wg-quick", "down", "wg-master")
+        self.run_tool("wg-quick", "up", "wg-master")
+        daemon = self.daemon("-i", self.FAR)
+        report = self.check()
+        self.assertEqual(report.why["tunnel"], "WireGuard, wg-master: no handshake yet")
+        self.assertEqual(report.ways[f"5112 {self.FAR} by wg-master"],
+                         ("ok", "the peer of the tunnel, while it is up"))
+        self.assert_stops(daemon)
+
+
+class LocalEndTest(CheckCase, Stunnel):
+    def test_the_local_end_of_a_tunnel_is_named(self):
+        self.start_device()
+        daemon = self.daemon()
+        report = self.check("--require", "tunnel")
+        number = self.tunnels[0].pid
+        self.assertEqual((report.status, report.why["tunnel"]),
+                         (0, f"stunnel (process {number}) answers on 127.0.0.1:5112"))
+        self.assertIn(f"Port 5112: 127.0.0.1: stunnel (process {number}, root)\n", report.text)
+        self.tunnels[0].kill()
+        self.tunnels[0].wait()
+        report = self.check("--require", "tunnel")
+        self.assertEqual((report.status, report.protections["tunnel"]), (1, "no"))
+        self.assertEqual(self.check().status, 0)
+        self.assert_stops(daemon)

@@ -1,8 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """runeld-protect check: what it says of each protection, and its exit status."""
+import ctypes
 import os
 import re
+import shutil
 import socket
+import struct
 import subprocess
 
 from support import world
@@ -16,6 +19,15 @@ from support.wait import TIMEOUT, wait_until
 SCRIPT = os.path.join(FILES, "runeld-protect")
 HARDENED = ("setpriv", "--bounding-set=-sys_module", "--")
 APPLETS = "awk cat cut date dd grep id ip ls nsenter readlink sed sh sort tail tr".split()
+
+
+def filter_system_calls():
+    """A filter for the system calls of this process, which lets all pass."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    allow = ctypes.create_string_buffer(struct.pack("HBBI", 6, 0, 0, 0x7fff0000))
+    program = ctypes.create_string_buffer(struct.pack("HxxxxxxP", 1, ctypes.addressof(allow)))
+    assert libc.prctl(38, 1, 0, 0, 0) == 0  # PR_SET_NO_NEW_PRIVS
+    assert libc.prctl(22, 2, program) == 0  # PR_SET_SECCOMP
 
 
 class Report:
@@ -54,6 +66,15 @@ class CheckCase(ProtectionCase):
     def run_script(self, *arguments, shell=("dash",), **options):
         return subprocess.run([*shell, SCRIPT, *arguments], stdin=subprocess.DEVNULL, timeout=TIMEOUT,
                               capture_output=True, text=True, check=False, **options)
+
+    def replaced(self, program, script):
+        """An environment in which this script runs instead of @p program."""
+        directory = self.path("replaced")
+        os.mkdir(directory)
+        with open(os.path.join(directory, program), "w", encoding="ascii") as replacement:
+            replacement.write(f"#!/bin/sh\n{script}\n")
+            os.fchmod(replacement.fileno(), 0o755)
+        return {"PATH": f"{directory}:{os.environ['PATH']}"}
 
     def check(self, *arguments, in_busybox=True):
         runs = [self.run_script("check", *arguments)]
@@ -129,6 +150,15 @@ PROTECTED: only the users and hosts that are named above
         self.assertEqual(nft("-s", "list", "ruleset"), before)
         self.assertTrue(master.no_connection_waits())
         self.assert_stops(daemon)
+
+    def test_what_a_drop_in_restricts_is_named(self):
+        for wrapper, setup, named in ((("setpriv", "--no-new-privs", "--"), None, "new privileges"),
+                                      ((), filter_system_calls, "system calls, new privileges")):
+            daemon = self.daemon(wrapper=wrapper, setup=setup)
+            report = self.check("--require", "drop-in", in_busybox=False)
+            self.assertEqual(report.why["drop-in"], f"the daemon is restricted: {named}")
+            self.assertNotIn("missing", report.last)
+            self.assert_stops(daemon)
 
     def test_each_protection_counts(self):
         self.protect()
@@ -276,12 +306,38 @@ PROTECTED: only the users and hosts that are named above
         self.assertEqual(self.check().status, 0)
         self.assert_stops(daemon)
 
+    def namesake(self, *wrapper):
+        """Starts another program that is called runeld, which every user can do."""
+        program = self.path("runeld")
+        os.chmod(self.directory, 0o755)
+        if not os.path.exists(program):
+            shutil.copy("/usr/bin/sleep", program)
+        process = subprocess.Popen([*wrapper, program, "1000"])
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        wait_until(lambda: self.text(f"/proc/{process.pid}/comm") == "runeld\n", "its name is runeld")
+        return process
+
+    def test_only_root_s_daemon_counts(self):
+        self.namesake("setpriv", f"--reuid={UNPRIVILEGED}", "--clear-groups")
+        self.assertIn("runeld: does not run;", self.check().text)
+        process = self.namesake()
+        self.assertIn(f"runeld: process {process.pid},", self.check().text)
+
+    def test_the_daemon_that_has_the_port_counts(self):
+        self.namesake()
+        daemon = self.daemon("-i", MASTER)
+        self.namesake()  # one of the two is examined first
+        self.assertIn(f"runeld: process {daemon.pid}, master {MASTER}\n", self.check().text)
+        self.assert_stops(daemon)
+
     def test_many_interfaces_fit_on_the_screen(self):
         for number in range(7):
             ip("link", "add", f"lan{number}", "type", "veth", "peer", "name", f"lan{number}", "netns", "master")
             ip("link", "set", f"lan{number}", "up")
         report = self.check()
         self.assertEqual(report.ways["5111 3 more interfaces"], ("OPEN", "all hosts"))
+        self.assertEqual(len(report.ways), 2 + 6 + 1 + 1)
         self.protect()
         self.assertEqual(self.check().ways["5111 3 more interfaces"],
                          ("ok", "the hosts of the set clients"))
@@ -303,12 +359,7 @@ PROTECTED: only the users and hosts that are named above
             self.assertIn("Usage: runeld-protect check", run.stdout)
         self.assertEqual(as_user(UNPRIVILEGED, lambda: self.run_script("check").stderr),
                          "runeld-protect: run it as root\n")
-        broken = self.path("broken")
-        os.mkdir(broken)
-        with open(os.path.join(broken, "nft"), "w", encoding="ascii") as nft_that_fails:
-            nft_that_fails.write("#!/bin/sh\necho Operation not supported >&2\nexit 1\n")
-            os.fchmod(nft_that_fails.fileno(), 0o755)
-        run = self.run_script("check", env={"PATH": f"{broken}:{os.environ['PATH']}"})
+        run = self.run_script("check", env=self.replaced("nft", "echo Operation not supported >&2; exit 1"))
         self.assertEqual((run.returncode, run.stderr),
                          (2, "runeld-protect: nft list tables: Operation not supported\n"))
 
@@ -354,6 +405,8 @@ class TunnelTest(CheckCase, WireGuard):
         self.assertEqual(report.why["tunnel"], "WireGuard, wg-master: no handshake yet")
         self.assertEqual(report.ways[f"5112 {self.FAR} by wg-master"],
                          ("ok", "the peer of the tunnel, while it is up"))
+        run = self.run_script("check", env=self.replaced("wg", "echo key $(($(date +%s) - 181))"))
+        self.assertRegex(run.stdout, r"  no    tunnel    WireGuard, wg-master: the last handshake was 18\d s")
         self.assert_stops(daemon)
 
 

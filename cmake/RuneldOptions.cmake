@@ -28,6 +28,9 @@ if(NOT CMAKE_BUILD_TYPE STREQUAL Debug AND NOT RUNELD_SANITIZE AND NOT RUNELD_FU
     add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/${directory}/=${directory}/"
       "-ffile-prefix-map=${PROJECT_BINARY_DIR}/${directory}/=${directory}/")
   endforeach()
+  if(CMAKE_SYSROOT)
+    add_compile_options("-ffile-prefix-map=${CMAKE_SYSROOT}=/usr/src/sysroot")
+  endif()
 endif()
 # Otherwise the length of the path of the build would remain in the installed programs.
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)

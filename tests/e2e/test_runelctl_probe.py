@@ -8,6 +8,8 @@ import subprocess
 import time
 
 from support.ctl import CtlCase, answer_each, hang, reply, requests, say, small_disk
+from support.fakes import FakeDevice
+from support.master import MasterCase
 from support.wait import TIMEOUT
 
 OK, WARNING, CRITICAL, UNKNOWN = range(4)
@@ -18,6 +20,7 @@ STAT = (b"dev=2049 ino=17 mode=0%06o nlink=1 uid=0 gid=0 rdev=0 size=%d blksize=
         b"atime=0.000000000 mtime=0.000000000 ctime=0.000000000\n")
 VERSION_FILE = "/usr/share/runeld/version"
 RULES = os.path.join(os.path.dirname(__file__), "../../packaging/monitoring/runel.rules.yml")
+DOCUMENT = os.path.join(os.path.dirname(__file__), "../../docs/monitoring.md")
 ENOENT = reply(fields=(1, 0, 1, 2, 0))
 UNKNOWN_TASK = reply(b"(1) unknown cmd", fields=(4, 0, 1, 71, 0))
 # One value as the plugin guidelines describe it.
@@ -150,6 +153,21 @@ class States(ProbeCase):
         self.assertEqual({words[0] for words in device.asked},
                          {"fileexists", "read", "stat", "freeblocks"})
 
+    def test_the_example_of_the_document(self):
+        """But for the round trip, the command of docs/monitoring.md prints the line that is shown there."""
+        with open(DOCUMENT, encoding="utf-8") as file:
+            text = file.read()
+        command, line = re.search(r"(?m)^    runelctl -d (\S+ probe --path .*)\n(?:.*\n)*?    (RUNEL OK .*)$",
+                                  text).groups()
+        name, *words = command.split()
+        device = Scripted(self, {("stat", "/data"): DIRECTORY, ("freeblocks", "/data"): reply(b"15616")})
+        result = self.ctl("--devices", self.file("devices", f"{name} {device.where}\n".encode()), *words)
+
+        def without_rtt(shown):
+            return re.sub(r"'rtt'=[0-9.]+", "'rtt'=", re.sub(RTT, "round trip", shown))
+
+        self.assertEqual(without_rtt(result.text), without_rtt(line + "\n"))
+
     def test_warning_and_critical(self):
         device = Scripted(self)
         where = device.where
@@ -220,6 +238,21 @@ class States(ProbeCase):
                    r"No such file or directory \(start one: runelctl master\)")
         self.check_unstarted(self.ctl("--master-socket", socket_path, "-d", "@all", "probe"),
                              f"no master at {socket_path}: No such file or directory")
+
+
+class BehindAMaster(MasterCase):
+    def test_its_devices_can_be_probed(self):
+        self.start_master("--allow-hostid", "fake")
+        device = FakeDevice(self)
+        self.wait_told("connected")
+        result = self.ctl("-d", "@fake", "probe")
+        self.assertEqual((result.status, result.err), (OK, b""))
+        self.assertRegex(result.text, rf"\ARUNEL OK - @fake up, {RTT} \| 'up'=1;;;0;1 'rtt'=\S+;1;5;0;\n\Z")
+        device.close()
+        self.wait_told("lost")
+        result = self.ctl("-d", "@fake", "probe")
+        self.assertEqual((result.status, result.err), (CRITICAL, b""))
+        self.assertRegex(result.text, r"\ARUNEL CRITICAL - @fake down: [^|]* \| 'up'=0;;;0;1\n\Z")
 
 
 class Down(ProbeCase):

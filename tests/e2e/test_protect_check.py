@@ -125,7 +125,7 @@ OPEN: 5 of 5 ways
     def test_a_device_with_the_files_in_use(self):
         self.protect("clients", "client_users", "master_users")
         nft("add", "element", "inet", "runeld", "clients", '{ "wan0" . 0.0.0.0/0 }')
-        daemon = self.daemon(wrapper=HARDENED)
+        daemon = self.daemon(wrapper=HARDENED, setup=filter_system_calls)
         master = self.master()
         master.accept()
         before = nft("-s", "list", "ruleset")
@@ -137,7 +137,7 @@ Port 5112: 127.0.0.1: python3 (process {os.getpid()}, root)
 Protections
   yes   ports     only root binds the ports up to 5112
   yes   filter    nftables: interface, address, user, number of connections
-  yes   drop-in   the daemon is restricted: capabilities
+  yes   drop-in   restricted: system calls, capabilities, new privileges
   no    tunnel    neither stunnel nor ssh answers on 127.0.0.1:5112
 Port 5111: who runs any task as root
   ok    to bind it before runeld  root
@@ -154,12 +154,14 @@ PROTECTED: only the users and hosts that are named above
         self.assert_stops(daemon)
 
     def test_what_a_drop_in_restricts_is_named(self):
+        self.protect()
         for wrapper, setup, named in ((("setpriv", "--no-new-privs", "--"), None, "new privileges"),
+                                      (HARDENED, None, "capabilities"),
                                       ((), filter_system_calls, "system calls, new privileges")):
             daemon = self.daemon(wrapper=wrapper, setup=setup)
             report = self.check("--require", "drop-in")
-            self.assertEqual(report.why["drop-in"], f"the daemon is restricted: {named}")
-            self.assertNotIn("missing", report.last)
+            self.assertEqual((report.status, report.protections["drop-in"]), (1, "no"))
+            self.assertEqual(report.why["drop-in"], f"restricted in part only: {named}")
             self.assert_stops(daemon)
 
     def test_each_protection_counts(self):

@@ -8,6 +8,8 @@ set(RUNELD_HELPER_DIR "lib/runeld" CACHE STRING "Directory of the programs that 
 cmake_path(APPEND CMAKE_INSTALL_PREFIX "${RUNELD_HELPER_DIR}" runeld-guard OUTPUT_VARIABLE RUNELD_FULL_GUARD)
 configure_file("${PROJECT_SOURCE_DIR}/packaging/systemd/runeld.service.in"
   "${PROJECT_BINARY_DIR}/runeld.service" @ONLY)
+configure_file("${PROJECT_SOURCE_DIR}/packaging/systemd/hardened.conf.in"
+  "${PROJECT_BINARY_DIR}/hardened.conf" @ONLY)
 
 install(TARGETS runeld RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
 install(FILES "${PROJECT_BINARY_DIR}/runeld.service" DESTINATION "${RUNELD_UNIT_DIR}")
@@ -64,6 +66,8 @@ file(GLOB RUNELD_PROTECTION RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS
   "${PROJECT_SOURCE_DIR}/packaging/protection/*")
 list(REMOVE_ITEM RUNELD_PROTECTION packaging/protection/runeld-protect)
 install(FILES ${RUNELD_PROTECTION} DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/protection"
+  COMPONENT documents)
+install(FILES "${PROJECT_BINARY_DIR}/hardened.conf" DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/systemd"
   COMPONENT documents)
 list(TRANSFORM RUNELD_PROTECTION REPLACE "^packaging/" "examples/" OUTPUT_VARIABLE RUNELD_EXAMPLES)
 

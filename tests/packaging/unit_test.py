@@ -10,6 +10,10 @@ import unittest
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 UNIT = os.environ["RUNELD_UNIT"]
 BINARY = os.environ["RUNELD_BIN"]
+HARDENED = os.path.join(os.path.dirname(UNIT), "hardened.conf")
+# These belong to the line before them.
+CONTINUED = ("CapabilityBoundingSet=CAP_KILL", "SystemCallFilter=reboot", "SystemCallErrorNumber=",
+             "DevicePolicy=", "ReadWritePaths=")
 GUARD = os.path.join(PROJECT, "packaging", "guard", "runeld-guard")
 
 
@@ -66,6 +70,57 @@ class UnitTest(unittest.TestCase):
     def test_no_line_twice(self):
         names = [line.partition("=")[0] for line in lines(UNIT)]
         self.assertEqual(len(names), len(set(names)), names)
+
+
+class HardenedTest(unittest.TestCase):
+    """The example of a hardened service. What it takes and what it leaves: tests/images."""
+
+    def setUp(self):
+        self.directory = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.directory)
+        os.mkdir(os.path.join(self.directory, "runeld.service.d"))
+        shutil.copy(UNIT, self.directory)
+
+    def answer(self, *command):
+        result = subprocess.run(["systemd-analyze", *command, os.path.join(self.directory, "runeld.service")],
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
+                                timeout=120)
+        return result.stdout
+
+    def exposure(self):
+        answer = self.answer("security", "--offline=true", "--no-pager")
+        return float(re.search(r"Overall exposure level for runeld.service: ([0-9.]+)", answer)[1])
+
+    def add(self):
+        shutil.copy(HARDENED, os.path.join(self.directory, "runeld.service.d"))
+
+    def test_exposure(self):
+        plain = self.exposure()
+        self.add()
+        hardened = self.exposure()
+        self.assertEqual(plain, 9.6)
+        self.assertLessEqual(hardened, 4.0)
+        with open(HARDENED, encoding="utf-8") as file:
+            stated = re.search(r"rates the service\n# ([0-9.]+) without this file and ([0-9.]+) with it",
+                               file.read())
+        self.assertEqual([float(text) for text in stated.groups()], [plain, hardened])
+
+    def test_systemd_knows_its_settings(self):
+        self.add()
+        self.assertNotIn("hardened.conf", self.answer("verify", "--man=no", "--recursive-errors=no"))
+        copy = os.path.join(self.directory, "runeld.service.d", "hardened.conf")
+        with open(copy, "a", encoding="utf-8") as file:
+            file.write("NoSuchSetting=yes\n")
+        self.assertIn("NoSuchSetting", self.answer("verify", "--man=no", "--recursive-errors=no"))
+
+    def test_each_setting_has_a_comment_and_the_port_is_kept(self):
+        with open(HARDENED, encoding="utf-8") as file:
+            text = file.read()
+        self.assertIn("CAP_NET_BIND_SERVICE", text)
+        body = text.partition("[Service]\n")[2].splitlines()
+        for before, line in zip(body, body[1:]):
+            if not line.startswith(("#", *CONTINUED)):
+                self.assertTrue(before.startswith("#"), line)
 
 
 class DefaultFileTest(unittest.TestCase):

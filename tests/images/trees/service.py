@@ -61,9 +61,13 @@ def preload(name):
 class ServiceCase(TreeCase):
     """Installs the daemon and its unit in a tree."""
 
-    def installed(self, options=None, clock=None, files=(), **how):
-        """A booted tree with the service, not started. `options` go to /etc/default/runeld, `clock` is
-        a library of tests/e2e to preload there, `files` are (name, content) pairs."""
+    def installed(self, *arguments, **how):
+        """A booted tree with the service, not started."""
+        return self.prepared(*arguments, **how).boot()
+
+    def prepared(self, options=None, clock=None, files=(), **how):
+        """A tree with the service, not booted. `options` go to /etc/default/runeld, `clock` is a library
+        of tests/e2e to preload there, `files` are (name, content) pairs."""
         tree = self.tree(**how)
         tree.copy_in(self.daemon_binary(), BINARY)
         tree.copy_in(self.project("packaging/guard/runeld-guard"), GUARD)
@@ -77,7 +81,7 @@ class ServiceCase(TreeCase):
             tree.write(OPTIONS, "\n".join(settings) + "\n")
         for name, content in files:
             tree.write(name, content)
-        return tree.boot()
+        return tree
 
     def started(self, *arguments, **how):
         """A booted tree in which the service serves."""

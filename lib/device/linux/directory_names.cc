@@ -36,7 +36,7 @@ int readNames(int fd, std::vector<std::string>& names) {
   alignas(dirent64) char buffer[32768];
   const auto before = static_cast<std::ptrdiff_t>(names.size());
   for (;;) {
-    const ssize_t length = getdents64(fd, buffer, sizeof buffer);
+    const ssize_t length = getdents64(fd, reinterpret_cast<dirent64*>(buffer), sizeof buffer);
     if (length < 0) {
       return errno;
     }

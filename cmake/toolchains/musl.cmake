@@ -23,7 +23,7 @@ set(CMAKE_RANLIB llvm-ranlib-14 CACHE FILEPATH "")
 set(CMAKE_STRIP llvm-strip-14 CACHE FILEPATH "")
 foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET ${musl_triple})
-  set(CMAKE_${language}_FLAGS_INIT "${musl_flags} -fPIE")
+  set(CMAKE_${language}_FLAGS_INIT "${musl_flags} -fPIE -nostdlibinc")
 endforeach()
 set(CMAKE_SYSROOT "${RUNELD_SYSROOT}")
 set(CMAKE_FIND_ROOT_PATH "${RUNELD_SYSROOT}")
@@ -32,11 +32,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The start files and libraries are named here, because clang would look for those of a compiler for
-# this system. The machine's own libc++ must not be found either.
+# The include directories, start files and libraries are named here, because clang would look for
+# those of another compiler for this processor.
 set(lib "${RUNELD_SYSROOT}/lib")
 set(CMAKE_CXX_FLAGS_INIT
-  "${CMAKE_CXX_FLAGS_INIT} -nostdinc++ -isystem ${RUNELD_SYSROOT}/include/c++/v1")
+  "${CMAKE_CXX_FLAGS_INIT} -isystem ${RUNELD_SYSROOT}/include/c++/v1 -isystem ${RUNELD_SYSROOT}/include")
+set(CMAKE_C_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -isystem ${RUNELD_SYSROOT}/include")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
   "-fuse-ld=lld -nostdlib -static-pie ${lib}/rcrt1.o ${lib}/crti.o -L${lib}")
 set(CMAKE_C_STANDARD_LIBRARIES "-lc ${musl_libgcc} -lc ${lib}/crtn.o")

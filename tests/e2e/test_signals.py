@@ -180,15 +180,20 @@ class ManySignalsTest(TracedLife):
     def closes_before_the_first_line(self):
         """The number of early close calls of an undisturbed run: a signal there would kill it."""
         self.assertEqual(self.live(), 0)
-        before, first_line, _ = self.trace().partition("sendto(")
+        before, first_line, _ = self.trace().partition(f"{self.log_call()}(")
         self.assertTrue(first_line)
         return len(re.findall(r"^close\(", before, re.MULTILINE))
 
+    def log_call(self):
+        """The system call that sends a log line: that of syslog(3), or the daemon's own."""
+        return "sendto" if "sendto(" in self.trace() else "sendmsg"
+
     def test_one_at_every_call_from_the_first_line_on(self):
         closes = self.closes_before_the_first_line()
+        log_call = self.log_call()
         for number in SIGNALS:
             with self.subTest(number=number):
-                status = self.live(f"sendto:signal={number.name}:when=1+",
+                status = self.live(f"{log_call}:signal={number.name}:when=1+",
                                    f"pselect6,select:signal={number.name}:when=1+",
                                    f"close:signal={number.name}:when={closes + 1}+")
                 self.assertGreater(self.sent(number), 5)

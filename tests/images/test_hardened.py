@@ -8,12 +8,11 @@ import unittest
 from support.peers import Master
 from support.wait import wait_until
 from trees.recipe import Recipe
-from trees.service import TIMEOUT, ServiceCase, unit_text
+from trees.service import LEDS, TIMEOUT, ServiceCase, drop_in, unit_text
 
 SUCCESS = (0, 0, 0, 0, 0)
 ENDED = (0, 2, 0, 0, 0)  # a program that ended with 0
 DROP_IN = "/etc/systemd/system/runeld.service.d/hardened.conf"
-LEDS = ("/sys/class/leds/first", "/sys/class/leds/second")
 MOST_EXPOSURE = 4.0
 PLAIN_EXPOSURE = 9.6
 
@@ -46,14 +45,6 @@ CALL32 = r"""int main(void) {
   return result > 0 ? 0 : 1;
 }
 """
-
-
-def drop_in():
-    with open(ServiceCase.project("packaging/systemd/hardened.conf.in"), encoding="utf-8") as file:
-        text = file.read()
-    for name, value in zip(("FIRST", "SECOND"), LEDS):
-        text = text.replace(f"@RUNELD_LED_{name}@", value)
-    return text
 
 
 def settings(text):

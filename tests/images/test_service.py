@@ -7,13 +7,15 @@
 import json
 import re
 import resource
+import subprocess
+import tempfile
 import time
 import unittest
 
 from support.peers import AGENT_PORT, Master
 from support.wait import wait_until
 from support.wire import request
-from trees.service import BINARY, TIMEOUT, ServiceCase, unit_lines
+from trees.service import BINARY, TIMEOUT, UNIT, ServiceCase, drop_in, unit_lines, unit_text
 
 RUNNING = (2, 1, 0, 0, 0)  # the fields of a reply about a program in the background
 BACKGROUND = -1
@@ -44,6 +46,17 @@ LINES = (
     ("LimitNOFILE=1024:524288", "Start.test_the_soft_limit_of_descriptors_is_that_of_select", "Max open files"),
     ("WantedBy=multi-user.target", "Start.test_an_enabled_service_starts_with_the_system", "the daemon serves"),
 )
+# A line, another one in its place, the test that fails with it, and a part of what that failure says.
+CHANGED = (
+    ("EnvironmentFile=-/etc/default/runeld", "EnvironmentFile=/etc/default/runeld",
+     "Start.test_a_missing_file_of_options_is_no_error", "Failed to load environment files"),
+    ("ExecStart=/usr/sbin/runeld -n $RUNELD_OPTIONS", "ExecStart=/usr/sbin/runeld -n",
+     "Start.test_options_come_from_the_file", "127\\.0\\.0\\.9"),
+    ("ExecStart=/usr/sbin/runeld -n $RUNELD_OPTIONS", "ExecStart=/usr/sbin/runeld $RUNELD_OPTIONS",
+     "Start.test_it_serves", "systemd does not know the daemon"),
+    ("Restart=always", "Restart=on-failure", "Restart.test_after_each_kind_of_end", "the daemon runs again"),
+    ("KillMode=process", "KillMode=mixed", "Restart.test_an_update_script_survives", "the script has ended well"),
+)
 TEXT = ("Documentation=man:runeld(8)", "After=network.target", "StandardInput=null")
 # Needs a memory controller: test_service_memory.py.
 ELSEWHERE = ("OOMPolicy=continue",)
@@ -54,9 +67,30 @@ class Complete(unittest.TestCase):
         self.assertEqual(sorted(unit_lines()), sorted([*(row[0] for row in LINES), *TEXT, *ELSEWHERE]))
 
 
+class Files(ServiceCase):
+    def test_systemd_analyze_finds_nothing(self):
+        tree = self.installed()
+        result = tree.run("systemd-analyze", "verify", "--man=no", UNIT)
+        self.assertEqual((result.stdout, result.stderr), ("", ""))
+
+    def test_an_installation_below_usr_has_these_files(self):
+        """CMake fills in the same paths as these tests."""
+        with tempfile.TemporaryDirectory() as build:
+            subprocess.run(["cmake", "-S", self.project("."), "-B", build, "-DCMAKE_INSTALL_PREFIX=/usr",
+                            "-DBUILD_TESTING=OFF", "-DRUNELD_CTL=OFF", "-DRUNELD_CLIENT=OFF"], check=True,
+                           stdout=subprocess.DEVNULL)
+            for name, text in (("runeld.service", unit_text()), ("hardened.conf", drop_in())):
+                with open(f"{build}/{name}", encoding="utf-8") as file:
+                    self.assertEqual(file.read(), text)
+            with open(f"{build}/runeld-guard", encoding="utf-8") as configured, \
+                    open(self.project("packaging/guard/runeld-guard"), encoding="utf-8") as source:
+                self.assertEqual(configured.read(), source.read())
+
+
 class Start(ServiceCase):
     def test_it_serves(self):
         tree = self.started()
+        self.assertNotEqual(self.main_pid(tree), 0, "systemd does not know the daemon")
         self.assertEqual(tree.run("systemctl", "is-active", "runeld").stdout, "active\n")
         command = tree.shell(f"tr '\\0' ' ' </proc/{self.main_pid(tree)}/cmdline")
         self.assertEqual(command, "/usr/sbin/runeld -n ")

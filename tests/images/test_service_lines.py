@@ -12,35 +12,38 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 TIMEOUT = 400
 
 
-def run_without(line, test):
-    """Runs @p test in another process, with a unit that lacks @p line. Returns its status and output."""
+def run_without(line, test, instead=""):
+    """Runs @p test in another process, with a unit that has @p instead in place of @p line. Returns its
+    status and output."""
+    environment = {**os.environ, "RUNELD_UNIT_WITHOUT": line, "RUNELD_UNIT_WITH": instead}
     result = subprocess.run([sys.executable, "-B", "-m", "trees.runner", f"{test}"], cwd=HERE,
-                            env={**os.environ, "RUNELD_UNIT_WITHOUT": line}, timeout=TIMEOUT, check=False,
+                            env=environment, timeout=TIMEOUT, check=False,
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                             text=True, errors="replace")
     return result.returncode, result.stdout
 
 
 class WithoutALine(unittest.TestCase):
-    """One test for each row of test_service.LINES, made below."""
+    """One test for each row of test_service.LINES and CHANGED, made below."""
 
     maxDiff = None
 
-    def fails_without(self, line, test, reason):
+    def fails_without(self, line, test, reason, instead=""):
         self.assertIn(line, unit_lines())
-        status, output = run_without(line, f"test_service.{test}")
+        status, output = run_without(line, f"test_service.{test}", instead)
         self.assertEqual(status, 1, f"{test} passes without {line}:\n{output[-2000:]}")
         self.assertIn("0 passed, 1 failed", output)
         self.assertIn(reason, output)
 
 
-def add(line, test, reason):
-    name = "".join(letter if letter.isalnum() else "_" for letter in line.partition("=")[0])
-    setattr(WithoutALine, f"test_{name}", lambda self: self.fails_without(line, test, reason))
+def add(name, *row):
+    setattr(WithoutALine, f"test_{name}", lambda self: self.fails_without(*row))
 
 
-for row in test_service.LINES:
-    add(*row)
+for line, test, reason in test_service.LINES:
+    add(line.partition("=")[0], line, test, reason)
+for number, (line, instead, test, reason) in enumerate(test_service.CHANGED):
+    add(f"changed_{number}_{line.partition('=')[0]}", line, test, reason, instead)
 
 
 if __name__ == "__main__":

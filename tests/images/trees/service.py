@@ -14,10 +14,12 @@ UNIT = "/lib/systemd/system/runeld.service"
 OPTIONS = "/etc/default/runeld"
 GUARD = "/usr/lib/runeld/runeld-guard"
 BINARY = "/usr/sbin/runeld"
+LEDS = ("/sys/class/leds/first", "/sys/class/leds/second")
 TIMEOUT = 60
 
-# A line to leave out of the unit: the test of that line has to fail then.
+# A line to leave out of the unit, and one in its place: the test of that line has to fail then.
 WITHOUT = os.environ.get("RUNELD_UNIT_WITHOUT", "")
+WITH = os.environ.get("RUNELD_UNIT_WITH", "")
 
 
 def unit_text():
@@ -31,6 +33,15 @@ def unit_text():
     return text
 
 
+def drop_in():
+    """The example of a hardened service, as an installation has it."""
+    with open(os.path.join(PROJECT, "packaging", "systemd", "hardened.conf.in"), encoding="utf-8") as file:
+        text = file.read()
+    for name, value in zip(("FIRST", "SECOND"), LEDS):
+        text = text.replace(f"@RUNELD_LED_{name}@", value)
+    return text
+
+
 def unit_lines(text=None):
     """The lines of the unit that are neither comments nor names of sections."""
     return [line for line in (text or unit_text()).splitlines()
@@ -38,11 +49,11 @@ def unit_lines(text=None):
 
 
 def tried_unit():
-    """The unit for a test: without the line WITHOUT, if there is one."""
+    """The unit for a test, with WITH in place of WITHOUT, if they are set."""
     text = unit_text()
     if WITHOUT:
         assert unit_lines(text).count(WITHOUT) == 1, f"the unit has no line {WITHOUT}"
-        text = text.replace(f"\n{WITHOUT}\n", "\n")
+        text = text.replace(f"\n{WITHOUT}\n", f"\n{WITH}\n")
     return text
 
 

@@ -7,11 +7,13 @@
 -- plan of the packet. Wireshark shows packets again in any order; then the plan is only displayed.
 --
 -- All work is linear in the captured bytes. A frame announces its length, so Wireshark reassembles it
--- once. The length of a clause is unknown, and each attempt to reassemble it costs its length: after
--- MAX_ATTEMPTS or MAX_CLAUSE bytes, the search for its end continues without its earlier segments.
+-- once. Wireshark itself needs quadratic time for frames of very many segments: of a longer frame than the
+-- preference allows, only the first and the last bytes are kept and displayed. The length of a clause is
+-- unknown, and each attempt to reassemble it costs its length: after MAX_ATTEMPTS or MAX_CLAUSE bytes, the
+-- search for its end continues without its earlier segments.
 
 -- luacheck: std lua52
--- luacheck: read globals Proto ProtoField ProtoExpert Pref Field DissectorTable DESEGMENT_ONE_MORE_SEGMENT
+-- luacheck: read globals Proto ProtoField ProtoExpert Pref Field NSTime DissectorTable DESEGMENT_ONE_MORE_SEGMENT
 -- luacheck: read globals base expert frametype
 
 local PORTS = {device = "5111", master = "5112"}
@@ -21,6 +23,9 @@ local MAX_CLAUSE = 65536      -- longest clause that is reassembled
 local MAX_ATTEMPTS = 64       -- most segments of a clause that is reassembled
 local MAX_STRING = 65536      -- longest part of a string that is displayed and searched
 local MAX_ARGS = 1000         -- most arguments of a record that are displayed
+local MAX_PARSED = 65536      -- most arguments of a record that are read
+local MAX_FRAME = 16777216    -- longest frame that is reassembled: a preference
+local KEPT = 4096             -- first and last bytes of a longer frame that are kept
 local MAX_INFO = 200          -- longest part of a packet's line
 local MAX_SHOWN = 60          -- longest part of an argument in a packet's line
 local WINDOW = 4096           -- bytes that a reader copies at once
@@ -153,6 +158,7 @@ expert_info("sentinel", "Byte of a frame among clauses: stops the daemon", "MALF
 expert_info("unknown_protocol", "Neither a frame nor a clause", "PROTOCOL", "NOTE")
 expert_info("gap", "Bytes are missing in the capture", "SEQUENCE", "NOTE")
 expert_info("cut", "The capture holds a part of this message only", "SEQUENCE", "NOTE")
+expert_info("many_arguments", "More arguments than are read here", "PROTOCOL", "NOTE")
 expert_info("guess", "Matched after a gap: a guess", "SEQUENCE", "NOTE")
 expert_info("no_request", "No request for this reply", "SEQUENCE", "NOTE")
 runel.experts = experts
@@ -162,9 +168,14 @@ runel.prefs.device_ports = Pref.range("Device ports", PORTS.device,
 runel.prefs.master_ports = Pref.range("Master ports", PORTS.master,
   "Ports on which masters listen for runeld", 65535)
 
--- Values that other dissectors found in the packet.
+runel.prefs.longest_frame = Pref.uint("Longest frame to reassemble (MiB)", MAX_FRAME / 1048576,
+  "Of longer frames, the first and the last bytes are displayed")
+
+-- Values that other dissectors found in the packet. The first pass of "tshark -2" without a filter has
+-- none: then lost segments are not detected.
 local get_stream = Field.new("tcp.stream")
 local get_seq = Field.new("tcp.seq_raw")
+local get_relative = Field.new("tcp.seq")
 local get_ack = Field.new("tcp.ack_raw")
 local get_length = Field.new("tcp.len")
 local get_completeness = Field.new("tcp.completeness")
@@ -373,6 +384,10 @@ end
 
 function Parser:args()
   for index = 1, self.argc.value do
+    if index > MAX_PARSED then
+      self.many = true
+      return false
+    end
     local arg = self:string("ARG")
     if not arg then
       return false
@@ -425,10 +440,10 @@ end
 
 -- State of the first pass ---------------------------------------------------------------------------------
 
-local connections, plans = {}, {}
+local connections, plans, first_lines = {}, {}, {}
 
 function runel.init()
-  connections, plans = {}, {}
+  connections, plans, first_lines = {}, {}, {}
 end
 
 local function has_port(range, port)
@@ -454,13 +469,21 @@ local function sides(pinfo)
   return nil, "other"
 end
 
+-- The same key for both directions.
+local function addresses(pinfo)
+  local one = string.format("%s %d", tostring(pinfo.src), pinfo.src_port)
+  local two = string.format("%s %d", tostring(pinfo.dst), pinfo.dst_port)
+  return one < two and one .. " " .. two or two .. " " .. one
+end
+
 local function connection_of(pinfo)
-  local stream = last(get_stream) or -1
+  local stream = last(get_stream) or addresses(pinfo)
   local connection = connections[stream]
   if not connection then
     local to_device, port = sides(pinfo)
     local completeness = last(get_completeness) or 0
-    connection = {port = port, from_start = completeness % 4 > 0, queue = {}, head = 1, ways = {}}
+    connection = {port = port, has_syn = completeness % 4 > 0, from_start = completeness % 4 > 0, queue = {},
+                  head = 1, ways = {}}
     if to_device ~= nil then
       connection.device = to_device and pinfo.dst_port or pinfo.src_port
     end
@@ -537,6 +560,8 @@ local function match(connection, reply)
   end
 end
 
+local settle
+
 -- Gives the message its place in the order of its direction.
 local function register(connection, way, message)
   if message.registered then
@@ -555,13 +580,18 @@ local function register(connection, way, message)
     add_request(connection, message)
     return
   end
+  settle(connection, way, message.ack)
+  match(connection, message)
+end
+
+-- Registers a request that the device has acknowledged, although the capture does not hold all of it.
+function settle(connection, way, ack)
   local other = other_way(connection, way)
   local waiting = other and other.pending
   if waiting and waiting.message and not waiting.message.registered and
-     (not message.ack or distance(message.ack, waiting.stop) >= 0) then
-    register(connection, other, waiting.message)  -- complete on the wire, but not in the capture
+     (not ack or distance(ack, waiting.stop) >= 0) then
+    register(connection, other, waiting.message)
   end
-  match(connection, message)
 end
 
 -- After lost replies: the requests that were sent before the master had received the byte at @seq may have
@@ -594,7 +624,7 @@ function Scan:add(kind, at, length, values)
 end
 
 function Scan:seq_at(pos)
-  return self.seq and advance(self.seq, pos)
+  return advance(self.seq, pos)
 end
 
 -- Asks for more bytes of the message at @pos. @missing is nil if their number is unknown. Returns false if
@@ -623,18 +653,64 @@ end
 
 -- A frame whose header is complete but whose payload is not.
 function Scan:partial_frame(pos, header, count)
-  local missing = pos + header + count - self.stop
-  if self:wait(pos, missing) then
+  if header + count <= MAX_FRAME and self:wait(pos, pos + header + count - self.stop) then
     local pending = self.way.pending
     pending.message = pending.message or self:message(self.read, pos + header, count, self.captured)
     return
   end
   local message = self:message(self.read, pos + header, count, self.captured)
   register(self.connection, self.way, message)
-  self:add("frame", pos, self.stop - pos, {header = header, count = count, message = message})
-  self.way.skip = self:seq_at(self.stop + missing)
-  self.way.skipped = message
+  self:add("frame", pos, self.stop - pos, {header = header, count = count, message = message, begins = true})
+  self.way.long_frame = {start = self:seq_at(pos), size = header + count, header = header, count = count,
+                         message = message, head = self.read(pos, KEPT), tail = "", tail_at = 0}
+  self:keep_tail(0, pos, self.stop - pos)
   self.way.next = self:seq_at(self.stop)
+end
+
+-- Keeps the last bytes of a long frame, of which @length bytes from @offset on are at @pos.
+function Scan:keep_tail(offset, pos, length)
+  local frame = self.way.long_frame
+  local stop = offset + length
+  if stop <= frame.size - KEPT then
+    return
+  elseif offset ~= frame.tail_at + #frame.tail then
+    frame.tail, frame.tail_at = "", offset  -- bytes are missing before these
+  end
+  local first = math.max(0, length - KEPT)
+  local text = self.read(pos + first, length - first)
+  if first > 0 then
+    frame.tail, frame.tail_at = "", offset + first
+  end
+  frame.tail = frame.tail .. text
+  frame.tail_at = frame.tail_at + math.max(0, #frame.tail - KEPT)
+  frame.tail = frame.tail:sub(-KEPT)
+end
+
+-- The next bytes of a long frame. Returns the position behind them.
+function Scan:continue_frame(begin)
+  local way = self.way
+  local frame = way.long_frame
+  if not frame then
+    return begin
+  end
+  local offset = distance(self:seq_at(begin), frame.start)
+  local length = math.min(frame.size - offset, self.stop - begin)
+  if offset + length >= frame.size then
+    way.long_frame = nil
+  end
+  if length <= 0 then
+    return begin
+  end
+  way.long_frame = frame
+  self:keep_tail(offset, begin, length)
+  if offset + length < frame.size then
+    self:add("continuation", begin, length, {message = frame.message})
+    return begin + length
+  end
+  way.long_frame = nil
+  frame.message.frame, frame.message.time = self.frame, self.time
+  self:add("ending", begin, length, {frame = frame, message = frame.message})
+  return begin + length
 end
 
 function Scan:frame_at(pos)
@@ -884,28 +960,20 @@ function Scan:reclassify(begin)
   end
 end
 
--- The bytes of a frame that is too long for the capture or for reassembly. Returns the position behind.
-function Scan:skip(begin)
-  local way = self.way
-  if not way.skip or not self.seq then
-    return begin
+-- Where the first byte of a direction is expected: known if the capture has its SYN and Wireshark shows
+-- sequence numbers relative to that.
+local function expected_start(connection)
+  local seq, relative = last(get_seq), last(get_relative)
+  if connection.has_syn and seq and relative and relative ~= seq then
+    return advance(seq, 1 - relative)
   end
-  local rest = distance(way.skip, self:seq_at(begin))
-  local length = math.min(rest, self.stop - begin)
-  if rest <= self.stop - begin then
-    way.skip = nil
-  end
-  if length <= 0 then
-    return begin
-  end
-  self:add("continuation", begin, length, {message = way.skipped})
-  return begin + length
 end
 
 -- Compares the position of the bytes with the expected one. Returns where new bytes begin.
 function Scan:position()
   local way = self.way
-  if not self.seq or not way.next then
+  way.next = way.next or expected_start(self.connection)
+  if not way.next then
     return 0
   end
   local ahead = distance(self.seq, way.next)
@@ -936,15 +1004,18 @@ function Scan:lost(count)
       return  -- exactly the rest of one frame: the next one begins here
     end
   end
-  if way.skip and distance(way.skip, self.seq) >= 0 then
-    return  -- within a known frame
+  local frame = way.long_frame
+  if frame and distance(self.seq, frame.start) <= frame.size then
+    return  -- within a known frame, or at its end
   end
-  way.skip, way.long, way.blocked = nil, nil, nil
+  way.long_frame, way.long, way.blocked = nil, nil, nil
   way.synced = false
-  if connection.kind == "frames" then
+  connection.from_start = connection.from_start and connection.kind ~= nil
+  if connection.kind ~= "clauses" then
     if way.to_device then
       connection.queue[#connection.queue + 1] = {gap = true}
     else
+      settle(connection, way, self.ack)
       forget_answered(connection, self.seq)
     end
   end
@@ -956,7 +1027,7 @@ function Scan:run()
   if begin >= self.stop then
     return
   end
-  begin = self:skip(begin)
+  begin = self:continue_frame(begin)
   if begin < self.stop and begin < self.captured then
     self:reclassify(begin)
     local kind = connection.kind or self:classify(begin)
@@ -972,21 +1043,38 @@ function Scan:run()
   end
 end
 
+-- The position of the first byte in the stream. Reassembled bytes do not end where the segment ends.
+local function start_of(tvb, way)
+  if tvb:offset() == 0 and way.pending then
+    return way.pending.start
+  end
+  local seq, length = last(get_seq), last(get_length)
+  if seq and length then
+    return advance(seq, length - tvb:reported_len())
+  end
+  return way.next or 0
+end
+
+local function time_of(pinfo)
+  local seconds = math.floor(pinfo.rel_ts)
+  return last(get_time) or NSTime.new(seconds, math.floor((pinfo.rel_ts - seconds) * 1e9 + 0.5))
+end
+
 -- The plan of these bytes. Reassembled bytes have a separate buffer.
 local function scan(tvb, pinfo)
   local connection = connection_of(pinfo)
   local way = way_of(connection, pinfo)
-  local seq, length = last(get_seq), last(get_length)
-  local start = seq and length and advance(seq, length - tvb:reported_len())
-  if tvb:offset() == 0 and way.pending then
-    start = way.pending.start
-  end
   local self = setmetatable({tvb = tvb, pinfo = pinfo, connection = connection, way = way, items = {},
-                             read = reader(tvb), stop = tvb:reported_len(), captured = tvb:len(), seq = start,
-                             whole = tvb:len() == tvb:reported_len(), frame = pinfo.number,
-                             time = last(get_time), ack = last(get_ack)}, Scan)
+                             read = reader(tvb), stop = tvb:reported_len(), captured = tvb:len(),
+                             seq = start_of(tvb, way), whole = tvb:len() == tvb:reported_len(), frame = pinfo.number,
+                             time = time_of(pinfo), ack = last(get_ack)}, Scan)
   self:run()
   return {items = self.items, desegment = self.desegment, connection = connection, way = way}
+end
+
+-- The plan of bytes that the first pass did not get like this. It must not change the state.
+local function unseen(tvb, pinfo)
+  return {items = {{kind = "unknown", at = 0, length = tvb:reported_len()}}, connection = connection_of(pinfo)}
 end
 
 -- Display -------------------------------------------------------------------------------------------------
@@ -1089,6 +1177,8 @@ function Show:add_problems(tree, record, is_request)
     tree:add_proto_expert_info(E.not_a_record)
   elseif record.problem then
     tree:add_proto_expert_info(E.malformed_record, "Malformed record: " .. record.problem)
+  elseif record.many then
+    tree:add_proto_expert_info(E.many_arguments)
   elseif record.cut then
     tree:add_proto_expert_info(E.cut)
   elseif is_request then
@@ -1158,7 +1248,7 @@ function Show:reply_line(record, message)
   elseif record.problem then
     return "Malformed reply" .. to
   elseif not record.complete then
-    return "Reply" .. to .. ", cut"
+    return "Reply" .. to
   end
   local line = string.format("Reply%s: %s", to, outcome(record))
   if record.status.value == 4 then
@@ -1185,17 +1275,16 @@ function Show:add_links(tree, message)
   end
 end
 
-function Show:frame(item)
-  local tree = self:tree_for(item)
-  local at = item.at + item.header
-  local record = parse_record(self.read, at, item.count, math.min(self.captured, at + item.count))
+-- The fields of the message whose frame is at @at and whose first @limit bytes can be read.
+function Show:add_message(tree, item, at, limit)
+  local record = parse_record(self.read, at + item.header, item.count, limit)
   local message = item.message
   local is_request = message.is_request
   tree:append_text(is_request and ", Request" or ", Reply")
-  tree:add(is_request and F.request or F.reply, self:span(item.at, item.length))
-  tree:add(F.count, self:span(item.at + 1, item.header - 2), item.count)
+  tree:add(is_request and F.request or F.reply, self:span(at, item.header + item.count))
+  tree:add(F.count, self:span(at + 1, item.header - 2), item.count)
   if record.foreign then
-    tree:add(F.payload, self:span(at, math.min(item.count, MAX_STRING)))
+    tree:add(F.payload, self:span(at + item.header, math.min(item.count, MAX_STRING)))
   end
   if record.argc then
     self:add_number(tree, "argc", record.argc)
@@ -1208,19 +1297,71 @@ function Show:frame(item)
     self:add_number(tree, "execparam", record.execparam)
   end
   if record.output then
-    self:add_string(tree, is_request and "ignored.output" or "output", record.output)
-    if not is_request then
-      local whole = record.output.at + record.output.length - record.output.from
-      tree:add(F["output.length"], self:span(record.output.from, whole), record.output.length):set_generated()
-    end
+    self:add_output(tree, is_request and "ignored.output" or "output", record.output)
   end
   self:add_numbers(tree, is_request and "ignored." or "", record)
-  self:add_links(tree, message)
-  self:add_problems(tree, record, is_request)
-  if not is_request and not message.request and not record.foreign then
+  return record
+end
+
+function Show:add_output(tree, name, output)
+  self:add_string(tree, name, output)
+  if name == "output" then
+    tree:add(F["output.length"], self:span(output.from, output.at + output.length - output.from), output.length)
+      :set_generated()
+  end
+end
+
+function Show:message_line(record, message)
+  return message.is_request and self:request_line(record) or self:reply_line(record, message)
+end
+
+function Show:frame(item)
+  local tree = self:tree_for(item)
+  local message = item.message
+  local record = self:add_message(tree, item, item.at,
+                                  math.min(self.captured, item.at + item.header + item.count))
+  local line = self:message_line(record, message)
+  if item.begins then
+    line = string.format("%s, first %d of %s", line, item.length, plural(item.header + item.count, "byte"))
+  else
+    self:add_links(tree, message)
+  end
+  if not item.begins or record.problem then
+    self:add_problems(tree, record, message.is_request)
+  end
+  if not message.is_request and not message.request and not record.foreign then
     tree:add_proto_expert_info(E.no_request)
   end
-  local line = is_request and self:request_line(record) or self:reply_line(record, message)
+  tree:append_text(": " .. line)
+  self:tell(line)
+end
+
+-- Reads a long frame, of which only the first and the last bytes are known.
+local function long_reader(frame)
+  return function(pos, count)
+    if pos < #frame.head then
+      return frame.head:sub(pos + 1, pos + count)
+    elseif pos >= frame.tail_at then
+      return frame.tail:sub(pos - frame.tail_at + 1, pos - frame.tail_at + count)
+    end
+    return ""
+  end
+end
+
+-- The last bytes of a long frame, with the fields of the whole message.
+function Show:ending(item)
+  local tree = self:tree_for(item)
+  local frame, message = item.frame, item.message
+  local whole = setmetatable({read = long_reader(frame)}, {__index = self})
+  function whole.span()
+    return self:span(item.at, item.length)
+  end
+  local complete = frame.tail_at + #frame.tail == frame.size
+  local record = whole:add_message(tree, frame, 0, complete and frame.size or #frame.head)
+  tree:add(F.continuation, self:span(item.at, math.min(item.length, MAX_STRING)))
+  self:add_links(tree, message)
+  self:add_problems(tree, record, message.is_request)
+  local line = whole:message_line(record, message)
   tree:append_text(": " .. line)
   self:tell(line)
 end
@@ -1327,30 +1468,31 @@ function Show:gap(item)
 end
 
 -- Appends to what earlier messages of the same packet have told.
-local function show_line(pinfo, line)
+local function show_line(pinfo, key, line)
   local text = table.concat(line, " | ")
   if #text > MAX_INFO * 2 then
     text = escaped(text:gsub("\\", "\\\\"), MAX_INFO * 2):gsub("\\\\", "\\")
   end
   pinfo.cols.protocol = "RUNEL"
   pinfo.cols.info:clear()
-  if tostring(pinfo.cols.info) ~= "" then
+  first_lines[pinfo.number] = first_lines[pinfo.number] or key
+  if first_lines[pinfo.number] ~= key then
     text = " | " .. text
   end
   pinfo.cols.info:append(text)
   pinfo.cols.info:fence()
 end
 
-local function show(tvb, pinfo, tree, plan)
+local function show(tvb, pinfo, tree, key, plan)
   local self = setmetatable({tvb = tvb, tree = tree, plan = plan, captured = tvb:len(), read = reader(tvb),
                              line = {}}, Show)
   for _, item in ipairs(plan.items) do
     self[item.kind](self, item)
   end
   if #self.line > 0 then
-    show_line(pinfo, self.line)
+    show_line(pinfo, key, self.line)
   elseif #plan.items > 0 and not plan.desegment then
-    show_line(pinfo, {"Blanks"})
+    show_line(pinfo, key, {"Blanks"})
   end
 end
 
@@ -1363,10 +1505,10 @@ function runel.dissector(tvb, pinfo, tree)
   local key = key_of(tvb, pinfo)
   local plan = plans[key]
   if not plan then
-    plan = scan(tvb, pinfo)
+    plan = pinfo.visited and unseen(tvb, pinfo) or scan(tvb, pinfo)
     plans[key] = plan
   end
-  show(tvb, pinfo, tree, plan)
+  show(tvb, pinfo, tree, key, plan)
   if plan.desegment then
     pinfo.desegment_offset = plan.desegment.at
     pinfo.desegment_len = plan.desegment.missing or DESEGMENT_ONE_MORE_SEGMENT
@@ -1393,6 +1535,7 @@ end
 function runel.prefs_changed()
   use_ports(false)
   PORTS.device, PORTS.master = runel.prefs.device_ports, runel.prefs.master_ports
+  MAX_FRAME = runel.prefs.longest_frame * 1048576
   use_ports(true)
 end
 

@@ -1,23 +1,15 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the master in docs/protocol.md and the example in another language."""
 import os
-import re
 import subprocess
 import sys
 import unittest
 
 from support.case import EndToEndCase
+from support.document import DOCS, blocks
 from support.wait import TIMEOUT
 
-DOCS = os.path.join(os.path.dirname(__file__), "..", "..", "docs")
-DOCUMENT = os.path.join(DOCS, "protocol.md")
 EXAMPLE = os.path.join(DOCS, "examples", "master.pl")
-
-
-def blocks(kind):
-    """The fenced blocks of the document with the language @p kind."""
-    with open(DOCUMENT, encoding="utf-8") as document:
-        return re.findall(rf"^```{kind}\n(.*?)^```$", document.read(), re.MULTILINE | re.DOTALL)
 
 
 class ProtocolDocumentTest(EndToEndCase):

@@ -58,6 +58,13 @@ class Capture:
         self.process.wait()
 
 
+def classic(path):
+    """The capture in the classic format, which support.pcap reads."""
+    subprocess.run(["editcap", "-F", "nsecpcap", path, f"{path}.classic"], check=True,
+                   stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return f"{path}.classic"
+
+
 def tshark(path, *arguments, script=DISSECTOR):
     """The standard output of tshark, without the user's settings. Fails on each message of it."""
     with tempfile.TemporaryDirectory() as home:
@@ -85,14 +92,13 @@ def messages(path, *arguments, script=DISSECTOR):
     Added are the frame's number, the TCP stream, and the names of the expert notes with their texts. A
     field with several values has a list of them.
     """
-    text = tshark(path, "-2", "-T", "json", "--no-duplicate-keys", "-Y", "runel", *arguments, script=script)
+    text = tshark(path, "-2", "-T", "json", "--no-duplicate-keys", "-Y",
+                  "runel or _ws.lua.error", *arguments, script=script)
     assert lua_errors(text) == [], lua_errors(text)[:5]
     found = []
     for packet in json.loads(text):
         layers = packet["_source"]["layers"]
         for layer in as_list(layers["runel"]):
-            if not isinstance(layer, dict):
-                continue
             message = {name.removeprefix("runel."): value for name, value in layer.items()}
             notes = {}
             for note in as_list(message.pop("_ws.expert", [])):

@@ -56,8 +56,8 @@ endif()
 # The documents for operators and for authors of masters. They keep their directories of the source
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
-  docs/build.md docs/limits.md docs/monitoring.md docs/security.md docs/versioning.md docs/runelctl.md docs/client.md
-  docs/abi.md
+  docs/install.md docs/build.md docs/limits.md docs/monitoring.md docs/security.md docs/versioning.md
+  docs/runelctl.md docs/client.md docs/abi.md
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 

@@ -141,6 +141,10 @@ class OpenwrtServiceTest(unittest.TestCase):
         self.assertEqual(processes("sleep 1234 $"), program)
 
     def test_it_waits_for_the_end_of_another_runeld(self):
+        guard = self.tree.top / "usr/lib/runeld/runeld-guard"
+        guard.rename(guard.with_name("guard"))
+        guard.write_text("#!/bin/sh\necho >>/tmp/asked\nexec /usr/lib/runeld/guard\n", encoding="utf-8")
+        guard.chmod(0o755)
         other = subprocess.Popen([DAEMON, "-n"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                  stderr=subprocess.DEVNULL, start_new_session=True)
         self.addCleanup(other.wait)
@@ -150,6 +154,7 @@ class OpenwrtServiceTest(unittest.TestCase):
         line = self.log.wait_for(f"another runeld, process {other.pid}, has port 5111: not started",
                                  since=self.since)
         self.assertEqual(line.level, WARNING)
+        wait_until(lambda: self.tree.read("/tmp/asked").count("\n") > 2, "the guard is asked again")
         self.assertEqual(daemons(), [])
         other.terminate()
         other.wait()

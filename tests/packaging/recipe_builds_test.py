@@ -21,8 +21,8 @@ from device import ask, connect, processes, send  # noqa: E402
 from tree import OpenwrtTree  # noqa: E402
 
 UNIT = "usr/lib/systemd/system/runeld.service"
-COMMON = {"/etc/default/runeld", "/usr/lib/runeld/runeld-guard", "/usr/sbin/runeld", "/usr/share/runeld/version",
-          f"/{UNIT}"}
+COMMON = {"/etc/default/runeld", "/usr/lib/runeld/runeld-guard", "/usr/sbin/runeld", "/usr/sbin/runeld-protect",
+          "/usr/share/runeld/version", f"/{UNIT}"}
 
 
 def run(*command, **options):

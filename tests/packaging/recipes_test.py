@@ -16,6 +16,7 @@ ROOT = HERE.parents[1]
 sys.path.insert(0, str(HERE / "recipes"))
 
 from bitbake import Recipe  # noqa: E402
+from install_document import PLACES, blocks  # noqa: E402
 
 KCONFIG = """
 import sys
@@ -71,6 +72,13 @@ class RecipesTest(unittest.TestCase):
         for path in (self.release / "recipes").rglob("*"):
             if path.is_file():
                 self.assertNotRegex(path.read_text("utf-8"), r"@[A-Z0-9_]+@", path)
+
+    def test_each_block_of_the_install_document_is_run_by_a_test(self):
+        self.assertEqual({place for place, _ in blocks(*PLACES)}, set(PLACES))
+        tests = [(ROOT / path).read_text("utf-8") for path in
+                 ("tests/packaging/install_document_test.py", "tests/images/test_install_document.py")]
+        for place in PLACES:
+            self.assertTrue(any(f'"{place}"' in text for text in tests), place)
 
     # Buildroot
 

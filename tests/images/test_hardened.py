@@ -8,11 +8,10 @@ import unittest
 from support.peers import Master
 from support.wait import wait_until
 from trees.recipe import Recipe
-from trees.service import LEDS, TIMEOUT, ServiceCase, drop_in, unit_text
+from trees.service import DROP_IN, LEDS, TIMEOUT, ServiceCase, drop_in, unit_text
 
 SUCCESS = (0, 0, 0, 0, 0)
 ENDED = (0, 2, 0, 0, 0)  # a program that ended with 0
-DROP_IN = "/etc/systemd/system/runeld.service.d/hardened.conf"
 MOST_EXPOSURE = 4.0
 PLAIN_EXPOSURE = 9.6
 

@@ -15,7 +15,7 @@ import unittest
 from support.peers import AGENT_PORT, Master
 from support.wait import wait_until
 from support.wire import request
-from trees.service import BINARY, TIMEOUT, UNIT, ServiceCase, drop_in, unit_lines, unit_text
+from trees.service import BINARY, DROP_IN, TIMEOUT, UNIT, ServiceCase, drop_in, unit_lines, unit_text
 
 RUNNING = (2, 1, 0, 0, 0)  # the fields of a reply about a program in the background
 BACKGROUND = -1
@@ -34,7 +34,7 @@ LINES = (
     ("StartLimitIntervalSec=0", "Restart.test_five_restart_tasks_within_ten_seconds", "the daemon runs again"),
     ("Type=exec", "Start.test_a_program_that_cannot_be_executed_fails_the_start", "0 == 0"),
     ("EnvironmentFile=-/etc/default/runeld", "Start.test_options_come_from_the_file", "127\\.0\\.0\\.9"),
-    ("ExecStartPre=/usr/lib/runeld/runeld-guard", "Second.test_another_runeld_has_the_port", "rebooted"),
+    ("ExecStartPre=+/usr/lib/runeld/runeld-guard", "Second.test_another_runeld_has_the_port", "rebooted"),
     ("ExecStart=/usr/sbin/runeld -n $RUNELD_OPTIONS", "Start.test_it_serves", "bad unit file setting"),
     ("Restart=always", "Restart.test_after_each_kind_of_end", "the daemon runs again"),
     ("RestartSec=1", "Restart.test_a_second_passes_before_a_restart", "not greater than"),
@@ -54,8 +54,11 @@ CHANGED = (
      "Start.test_options_come_from_the_file", "127\\.0\\.0\\.9"),
     ("ExecStart=/usr/sbin/runeld -n $RUNELD_OPTIONS", "ExecStart=/usr/sbin/runeld $RUNELD_OPTIONS",
      "Start.test_it_serves", "systemd does not know the daemon"),
+    ("ExecStartPre=+/usr/lib/runeld/runeld-guard", "ExecStartPre=/usr/lib/runeld/runeld-guard",
+     "Second.test_a_hardened_service_sees_another_runeld", "rebooted"),
     ("Restart=always", "Restart=on-failure", "Restart.test_after_each_kind_of_end", "the daemon runs again"),
-    ("KillMode=process", "KillMode=mixed", "Restart.test_an_update_script_survives", "the script has ended well"),
+    ("KillMode=process", "KillMode=mixed", "Restart.test_an_update_script_survives",
+     "the script has ended well"),
 )
 TEXT = ("Documentation=man:runeld(8)", "After=network.target", "StandardInput=null")
 # Needs a memory controller: test_service_memory.py.
@@ -227,6 +230,17 @@ class Second(ServiceCase):
         wait_until(lambda: self.main_pid(tree) != 0 and self.serves(tree), "the service serves", 30)
         self.figure(f"{len(times)} refusals, every {sum(pauses) / len(pauses):.2f} s; "
                     f"serves {time.monotonic() - begun:.1f} s after the other's end")
+
+    def test_a_hardened_service_sees_another_runeld(self):
+        """It has fewer capabilities than the other one."""
+        tree = self.installed(clock="fast_clock", files=[(DROP_IN, drop_in())])
+        tree.run("systemd-run", "--quiet", "--unit=first", BINARY, "-n")
+        self.wait_served(tree)
+        tree.run("systemctl", "start", "--no-block", "runeld", check=False)
+        wait_until(lambda: tree.has_ended() or self._refusals(tree) >= 3, "three refusals", TIMEOUT)
+        self.assertFalse(tree.has_ended(), "the device rebooted")
+        tree.run("systemctl", "stop", "first")
+        wait_until(lambda: self.main_pid(tree) != 0 and self.serves(tree), "the service serves", 30)
 
     @staticmethod
     def _refusals(tree):

@@ -31,7 +31,7 @@ class UnitTest(unittest.TestCase):
         """systemd-analyze's answer about the unit with the programs of the build."""
         with open(UNIT, encoding="utf-8") as file:
             text = file.read()
-        text = re.sub(r"(?m)^ExecStartPre=\S+", f"ExecStartPre={GUARD}", text)
+        text = re.sub(r"(?m)^ExecStartPre=\+\S+", f"ExecStartPre=+{GUARD}", text)
         text = re.sub(r"(?m)^ExecStart=\S+", f"ExecStart={BINARY}", text)
         unit = os.path.join(self.directory, "runeld.service")
         with open(unit, "w", encoding="utf-8") as file:

@@ -14,6 +14,7 @@ UNIT = "/lib/systemd/system/runeld.service"
 OPTIONS = "/etc/default/runeld"
 GUARD = "/usr/lib/runeld/runeld-guard"
 BINARY = "/usr/sbin/runeld"
+DROP_IN = "/etc/systemd/system/runeld.service.d/hardened.conf"
 LEDS = ("/sys/class/leds/first", "/sys/class/leds/second")
 TIMEOUT = 60
 

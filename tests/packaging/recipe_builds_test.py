@@ -130,7 +130,7 @@ class Buildroot(BuildCase):
         unit = (self.images["systemd"] / UNIT).read_text("utf-8")
         self.assertIn("\nEnvironmentFile=-/etc/default/runeld\n", unit)
         self.assertIn("\nExecStart=/usr/sbin/runeld -n $RUNELD_OPTIONS\n", unit)
-        self.assertIn("\nExecStartPre=/usr/lib/runeld/runeld-guard\n", unit)
+        self.assertIn("\nExecStartPre=+/usr/lib/runeld/runeld-guard\n", unit)
         options = (self.images["enabled"] / "etc/default/runeld").read_text("utf-8")
         self.assertEqual(options.splitlines()[-1], 'RUNELD_OPTIONS="-i 127.0.0.9"')
 
@@ -200,7 +200,7 @@ class Yocto(BuildCase):
 
     def test_systemd_gets_the_unit(self):
         self.assertEqual(files(self.built["systemd"]), COMMON)
-        self.assertIn("\nExecStartPre=/usr/lib/runeld/runeld-guard\n",
+        self.assertIn("\nExecStartPre=+/usr/lib/runeld/runeld-guard\n",
                       (self.built["systemd"] / UNIT).read_text("utf-8"))
 
 

@@ -100,11 +100,13 @@ class Works(HardenedCase):
         self.assertRegex(tree.read("/etc/hosts").decode(), r"(?m)^127\.0\.0\.1\s+update-master")
 
     def leds(self, text=None):
-        """Asks for the LEDs of a device whose directories exist when the service starts."""
+        """Asks for the LEDs of a device. As in a real /sys, their directories are links to others."""
         tree = self.installed(files=[(DROP_IN, drop_in() if text is None else text)])
-        tree.run("mount", "-t", "tmpfs", "tmpfs", "/sys/class")
+        tree.shell("mount -t tmpfs tmpfs /sys/class; mount -t tmpfs tmpfs /sys/block; mkdir /sys/class/leds")
         for directory in LEDS:
-            tree.shell(f"mkdir -p {directory}; : >{directory}/brightness")
+            name = directory.rpartition("/")[2]
+            tree.shell(f"mkdir /sys/block/{name}; : >/sys/block/{name}/brightness; "
+                       f"ln -s ../../block/{name} {directory}")
         tree.run("systemctl", "start", "runeld")
         self.wait_served(tree)
         fields = self.client(tree).ask("changeleds", "1", "1").fields

@@ -9,7 +9,7 @@ import test_service
 from trees.service import unit_lines
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-TIMEOUT = 400
+TIMEOUT = 1000
 
 
 def run_without(line, test, instead=""):

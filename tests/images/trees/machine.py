@@ -8,7 +8,7 @@ import subprocess
 from trees.recipe import Recipe
 
 PACKAGES = ("linux-image-cloud-amd64", "initramfs-tools")
-BOOT_TIMEOUT = 600.0
+BOOT_TIMEOUT = 900.0
 MARK = "TRIED "
 
 # Runs the script as the last service, and switches the machine off.

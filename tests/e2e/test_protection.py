@@ -69,6 +69,24 @@ class ClientsTest(ProtectionCase):
         self.assertEqual(self.who_reaches(), ["stranger", *local])
         self.assert_stops(daemon)
 
+    def test_a_host_that_is_removed_loses_its_connections(self):
+        daemon = self.daemon()
+        load(filter_rules("clients"))
+        with inside("master"):
+            connecting = socket.socket()
+        with connecting:
+            connecting.bind((MASTER, 0))
+            self.assertEqual(dial(connecting, DEVICE, AGENT_PORT), "connected")
+            client = Peer(connecting)
+            self.assertEqual(client.ask("fileexists", "/").fields, SUCCESS)
+            nft("delete", "element", "inet", "runeld", "clients", '{ "mgmt0" . 192.0.2.1 }')
+            client.send(request("write", self.path("sent"), "content"))
+            self.assertFalse(ready(connecting, select.POLLIN, DROPPED))
+            self.assertFalse(os.path.exists(self.path("sent")))
+            nft("add", "element", "inet", "runeld", "clients", '{ "mgmt0" . 192.0.2.1 }')
+            self.assertEqual(client.receive().fields, SUCCESS)  # the kernel sends it again
+        self.assert_stops(daemon)
+
     def test_of_the_local_users_only_those_of_the_set_reach_the_port(self):
         daemon = self.daemon()
 

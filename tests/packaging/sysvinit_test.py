@@ -72,8 +72,8 @@ class ScriptCase:
     def end_all(self):
         world.kill_all_others()
         self.reap()
-        for path in (LOOP_PID, DAEMON_PID):
-            pathlib.Path(path).unlink(missing_ok=True)
+        for path in [*pathlib.Path("/run").glob("runeld-loop.pid*"), pathlib.Path(DAEMON_PID)]:
+            path.unlink(missing_ok=True)
 
     @staticmethod
     def reap():
@@ -145,12 +145,28 @@ class ScriptCase:
         self.check_script("stop", 0, "runeld: stopped\n")
         self.check_stopped()
         self.assertIsNone(connect())
+        self.log.wait_for("exiting on signal: 15", since=self.since, pid=pid)
+        self.assertIsNone(self.log.find("not ended within .*", since=self.since))
 
     def test_a_second_start_changes_nothing(self):
         pid = self.start()
         loop = loops()
         self.check_script("start", 0, "runeld: already started\n")
         self.assertEqual((daemons(), loops()), ([pid], loop))
+
+    def test_several_starts_at_the_same_time_start_one_loop(self):
+        starts = [subprocess.Popen([self.script, "start"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   text=True) for _ in range(8)]
+        for process in starts:
+            output = process.communicate(timeout=120)[0]
+            self.assertEqual(process.returncode, 0)
+            self.assertIn(output, ("runeld: started\n", "runeld: already started\n"))
+        self.wait_served()
+        wait_until(lambda: processes(r"runeld (start|supervise) $|^setsid ") == [pid_in(LOOP_PID)],
+                   "one loop runs")
+        self.assertEqual(daemons(), [pid_in(DAEMON_PID)])
+        self.assertEqual(sorted(name for name in os.listdir("/run") if name.startswith("runeld")),
+                         ["runeld-loop.pid", "runeld.pid"])
 
     def test_stop_without_a_daemon_succeeds(self):
         self.check_script("stop", 0, "runeld: not running\n")

@@ -29,8 +29,9 @@ int timeoutUntil(ProgramWatch::Clock::time_point deadline, milliseconds most) {
   return static_cast<int>(std::max(rounded, milliseconds(0)).count());
 }
 
+// @p time is below a second, so that it fits a long of 32 bits.
 void pause(milliseconds time) {
-  const timespec wanted{0, std::chrono::nanoseconds(time).count()};
+  const timespec wanted{0, static_cast<long>(std::chrono::nanoseconds(time).count())};
   (void)nanosleep(&wanted, nullptr);  // a signal may interrupt it: the caller checks again anyway
 }
 

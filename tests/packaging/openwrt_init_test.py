@@ -105,7 +105,8 @@ class OpenwrtServiceTest(unittest.TestCase):
         self.assertEqual(self.tree.read("/var/run/runeld.pid"), f"{pid}\n")
         self.check(f"{SERVICE} status", 0, "running\n")
         self.check(f"{SERVICE} stop")
-        self.assertEqual(processes("runeld|procd-stub"), [])
+        # The stub says that it has ended just before it ends.
+        wait_until(lambda: not processes("runeld|procd-stub"), "the end of all processes")
         self.check(f"{SERVICE} status", 3, "inactive\n")
         self.assertIsNone(connect())
 
@@ -125,7 +126,7 @@ class OpenwrtServiceTest(unittest.TestCase):
         self.assertNotEqual(self.wait_for_another(pid), pid)
         self.check(f"uci set runeld.main.enabled=0; {SERVICE} reload", 0,
                    "runeld: not enabled in /etc/config/runeld\n")
-        self.assertEqual(processes("runeld|procd-stub"), [])
+        wait_until(lambda: not processes("runeld|procd-stub"), "the end of all processes")
 
     def test_the_task_restart_leads_to_another_daemon(self):
         pid = self.start()
@@ -172,7 +173,7 @@ class OpenwrtServiceTest(unittest.TestCase):
         self.check(f"{ENABLE}; {SERVICE} start")
         self.log.wait_for("another runeld, .*", since=self.since)
         self.check(f"{SERVICE} stop")
-        self.assertEqual(processes("runeld-guarded|procd-stub"), [])
+        wait_until(lambda: not processes("runeld-guarded|procd-stub"), "the end of all processes")
         self.assertIsNone(other.poll())
 
     def test_a_missing_guard_does_not_prevent_the_start(self):

@@ -3,7 +3,6 @@
 a cable between them, and the image of Debian that one block makes. The blocks about other systems run in
 scripts/world with stubs of their build systems.
 """
-import glob
 import os
 import subprocess
 import sys
@@ -12,6 +11,7 @@ import unittest
 
 from support.wait import wait_until
 from trees.case import TreeCase
+from trees.debs import deb
 from trees.recipe import PROJECT, Recipe, cache_directory
 
 sys.path.append(os.path.join(PROJECT, "tests/packaging"))
@@ -21,14 +21,6 @@ TIMEOUT = 3600  # builds of the daemon on a busy machine
 LAPTOP = ("libbz2-1.0", "libedit2", "zlib1g")
 DEVICE = ("nftables",)
 QUIET = {"DEBIAN_FRONTEND": "noninteractive"}
-
-
-def deb(package):
-    """The path of a package that scripts/packages has built."""
-    directory = os.environ.get("RUNELD_PACKAGES") or os.path.join(PROJECT, "build/packages")
-    found = glob.glob(f"{directory}/{package}_*.deb")
-    assert len(found) == 1, f"{directory}: {len(found)} packages {package}; scripts/packages makes them"
-    return found[0]
 
 
 class Directory:

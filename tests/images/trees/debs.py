@@ -1,8 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The Debian packages of scripts/packages, and other versions of them made by repacking."""
+"""The Debian packages of scripts/packages, and other versions of them made by repacking.
+
+    python3 -B -m trees.debs VERSION DIRECTORY    a repository of all packages with another version
+"""
 import glob
 import os
+import re
+import shutil
 import subprocess
+import sys
 import tempfile
 
 from trees.recipe import PROJECT
@@ -35,9 +41,10 @@ class Repacked:
         made = f"{tree}.deb"
         subprocess.run(["dpkg-deb", "--raw-extract", deb(package), tree], check=True)
         control = os.path.join(tree, "DEBIAN/control")
-        lines = [f"Version: {version}" if line.startswith("Version: ") else line
-                 for line in read(control).splitlines()]
-        write(control, "\n".join(lines) + "\n")
+        text = read(control)
+        built = re.search(r"^Version: (.*)$", text, re.MULTILINE)[1]
+        write(control, text.replace(f"Version: {built}\n", f"Version: {version}\n")
+              .replace(f"(= {built})", f"(= {version})"))
         if change is not None:
             change(tree)
         subprocess.run(["dpkg-deb", "--root-owner-group", "-Znone", "--build", tree, made], check=True,
@@ -54,3 +61,21 @@ def write(path, text):
     """Replaces the text of a file and keeps its mode."""
     with open(path, "w", encoding="utf-8") as file:
         file.write(text)
+
+
+def make_repository(version, target):
+    """Puts all packages with another version, and their index, into the directory @p target."""
+    repacked = Repacked()
+    os.makedirs(target)
+    for path in glob.glob(os.path.join(directory(), "*.deb")):
+        package = os.path.basename(path).partition("_")[0]
+        if not package.endswith("-dbgsym"):
+            made = repacked.make(package, version)
+            shutil.move(made, target)
+    repacked.remove()
+    with open(os.path.join(target, "Packages"), "wb") as index:
+        subprocess.run(["dpkg-scanpackages", "--multiversion", "."], check=True, cwd=target, stdout=index)
+
+
+if __name__ == "__main__":
+    make_repository(*sys.argv[1:])

@@ -17,6 +17,7 @@ FORMAT = 1  # change it when the same recipe has to make another tree
 
 FLAVOURS = {
     "systemd": ("systemd", "systemd-sysv"),
+    "plain": (),  # for chroot, not booted
     "sysvinit": ("sysvinit-core", "sysv-rc", "inetutils-syslogd"),
 }
 ALWAYS = ("iproute2", "procps", "python3-minimal", "libpython3-stdlib")

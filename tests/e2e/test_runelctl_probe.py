@@ -371,7 +371,8 @@ class HostileDevice(ProbeCase):
     def test_an_endless_answer_ends_the_probe(self):
         for path in ("/proc/uptime", VERSION_FILE):
             device = Scripted(self, {("read", path): b"\x01268435456\x02SlaveTask 0 0 268435400:"})
-            self.check(self.probe(where=device.where), CRITICAL, r"RUNEL CRITICAL - [^|]* down: [^|]*")
+            self.check(self.probe(where=device.where), CRITICAL,
+                       r"RUNEL CRITICAL - [^|]* down: answer exceeds the size limit")
 
     def test_times(self):
         uptime = [("uptime", "runel_uptime", "uptime"), ("restart_age", "runel_restart", "started")]

@@ -141,6 +141,28 @@ class GuardTest(unittest.TestCase):
         self.assertEqual(other.stdout.readline(), b"listens\n")
         self.assert_refuses(other)
 
+    def test_a_program_of_another_user_is_permitted(self):
+        """Without privileged ports any user could keep the device deaf."""
+        os.chmod(self.directory, 0o755)
+        copy = os.path.join(self.directory, "runeld")
+        shutil.copy(os.path.realpath(sys.executable), copy)
+        other = subprocess.Popen(
+            ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, "-c",
+             "import socket; s = socket.create_server(('0.0.0.0', 5111)); print('listens', flush=True); s.accept()"],
+            stdout=subprocess.PIPE)
+        self.addCleanup(other.stdout.close)
+        self.addCleanup(self._end, other)
+        self.assertEqual(other.stdout.readline(), b"listens\n")
+        self.assert_permits()
+
+    def test_a_runeld_that_dpkg_is_replacing_is_refused(self):
+        copy = os.path.join(self.directory, "runeld")
+        shutil.copy(BINARY, copy)
+        process = self.daemon(copy)
+        os.rename(copy, f"{copy}.dpkg-tmp")
+        self.assertTrue(os.readlink(f"/proc/{process.pid}/exe").endswith("/runeld.dpkg-tmp"))
+        self.assert_refuses(process)
+
     def test_a_program_with_a_similar_name_is_permitted(self):
         self.daemon(shutil.copy(BINARY, os.path.join(self.directory, "notruneld")))
         self.assert_permits()

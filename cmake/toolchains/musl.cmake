@@ -38,8 +38,11 @@ set(lib "${RUNELD_SYSROOT}/lib")
 set(CMAKE_CXX_FLAGS_INIT
   "${CMAKE_CXX_FLAGS_INIT} -isystem ${RUNELD_SYSROOT}/include/c++/v1 -isystem ${RUNELD_SYSROOT}/include")
 set(CMAKE_C_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -isystem ${RUNELD_SYSROOT}/include")
-set(CMAKE_EXE_LINKER_FLAGS_INIT
-  "-fuse-ld=lld -nostdlib -static-pie ${lib}/rcrt1.o ${lib}/crti.o -L${lib}")
+set(start "-static-pie ${lib}/rcrt1.o")
+if(musl_arch STREQUAL mipsel)  # clang's unwind tables have absolute addresses there
+  set(start "-static ${lib}/crt1.o")
+endif()
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -nostdlib ${start} ${lib}/crti.o -L${lib}")
 set(CMAKE_C_STANDARD_LIBRARIES "-lc ${musl_libgcc} -lc ${lib}/crtn.o")
 set(CMAKE_CXX_STANDARD_LIBRARIES
   "-lc++ -lc++abi -Wl,--start-group -lunwind -lc ${musl_libgcc} -Wl,--end-group ${lib}/crtn.o")

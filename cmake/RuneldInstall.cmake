@@ -43,6 +43,10 @@ if(RUNELD_CTL)
     DESTINATION "${CMAKE_INSTALL_DATADIR}/runelctl/monitoring" COMPONENT monitoring)
 endif()
 
+# The Wireshark dissector. The directory in which Wireshark finds it depends on the system.
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/wireshark/runel.lua"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/runel/wireshark" COMPONENT wireshark)
+
 if(NOT RUNELD_DOCS)
   return()
 endif()
@@ -57,7 +61,7 @@ endif()
 # tree, so that the links between them work.
 set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs/examples/master.pl
   docs/install.md docs/build.md docs/limits.md docs/monitoring.md docs/security.md docs/versioning.md
-  docs/runelctl.md docs/client.md docs/abi.md
+  docs/runelctl.md docs/client.md docs/abi.md docs/wireshark.md
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 

@@ -25,6 +25,7 @@ local MAX_STRING = 65536      -- longest part of a string that is displayed and 
 local MAX_ARGS = 1000         -- most arguments of a record that are displayed
 local MAX_PARSED = 65536      -- most arguments of a record that are read
 local MAX_FRAME = 16777216    -- longest frame that is reassembled: a preference
+local WINDOW_OF_NUMBER = 16   -- bytes that hold a number with what surrounds it
 local KEPT = 4096             -- first and last bytes of a longer frame that are kept
 local MAX_INFO = 200          -- longest part of a packet's line
 local MAX_SHOWN = 60          -- longest part of an argument in a packet's line
@@ -438,6 +439,29 @@ local function parse_record(read, at, length, limit)
   return parser
 end
 
+-- Reads a long frame, of which only the first and the last bytes are known.
+local function long_reader(frame)
+  return function(pos, count)
+    if pos < #frame.head then
+      return frame.head:sub(pos + 1, pos + count)
+    elseif pos >= frame.tail_at then
+      return frame.tail:sub(pos - frame.tail_at + 1, pos - frame.tail_at + count)
+    end
+    return ""
+  end
+end
+
+-- The record of a long frame.
+local function parse_long(frame)
+  local complete = frame.tail_at + #frame.tail == frame.size
+  local record = parse_record(long_reader(frame), frame.header, frame.count,
+                              complete and frame.size or #frame.head)
+  if record.problem and record.pos + WINDOW_OF_NUMBER > #frame.head and record.pos < frame.tail_at then
+    record.problem, record.cut = nil, true  -- between the bytes that are kept
+  end
+  return record
+end
+
 -- State of the first pass ---------------------------------------------------------------------------------
 
 local connections, plans, first_lines = {}, {}, {}
@@ -686,6 +710,15 @@ function Scan:keep_tail(offset, pos, length)
   frame.tail = frame.tail:sub(-KEPT)
 end
 
+function Scan:finish(frame)
+  local message = frame.message
+  message.frame, message.time = self.frame, self.time
+  message.task = message.task or parse_long(frame).task
+  if message.reply then
+    message.reply.task = message.task
+  end
+end
+
 -- The next bytes of a long frame. Returns the position behind them.
 function Scan:continue_frame(begin)
   local way = self.way
@@ -702,13 +735,16 @@ function Scan:continue_frame(begin)
     return begin
   end
   way.long_frame = frame
+  if offset == #frame.head and offset < KEPT then
+    frame.head = frame.head .. self.read(begin, math.min(length, KEPT - offset))
+  end
   self:keep_tail(offset, begin, length)
   if offset + length < frame.size then
     self:add("continuation", begin, length, {message = frame.message})
     return begin + length
   end
   way.long_frame = nil
-  frame.message.frame, frame.message.time = self.frame, self.time
+  self:finish(frame)
   self:add("ending", begin, length, {frame = frame, message = frame.message})
   return begin + length
 end
@@ -720,12 +756,10 @@ function Scan:frame_at(pos)
   end
   self.way.synced = self.way.synced or header ~= nil
   if not header then
-    if self.captured < self.stop then
+    if self.captured < self.stop or not self:wait(pos) then
       self.way.synced = false
       self:add("unknown", pos, self.stop - pos, {cut = true})
-    elseif not self:wait(pos) then
-      self.way.synced = false
-      self:add("unknown", pos, self.stop - pos, {cut = true})
+      self:miss(self.stop)
     end
     return self.stop
   end
@@ -748,10 +782,11 @@ end
 -- Searches the next frame behind bytes of unknown meaning.
 function Scan:resynchronize(pos)
   local raw = self.read(pos, self.stop - pos)
-  local found = raw:find("\1%d%d?%d?%d?%d?%d?%d?%d?%d?\2" .. RECORD)
+  local found = raw:find("\1%d%d?%d?%d?%d?%d?%d?%d?%d?\2" .. RECORD, 2)  -- not what is here
   local stop = found and pos + found - 1 or self.stop
   if stop > pos then
     self:add("unknown", pos, stop - pos, {lost = true})
+    self:miss(stop)
   end
   self.way.synced = found ~= nil
   return stop
@@ -956,7 +991,9 @@ function Scan:reclassify(begin)
   local text = self.read(begin, 32)
   if connection.kind == "clauses" and not connection.from_start and text:find("^\1%d+\2" .. RECORD) then
     connection.kind = "frames"
-    self.way.blocked, self.way.stopped, self.way.long = nil, nil, nil
+    for _, way in ipairs(connection.order) do
+      way.blocked, way.stopped, way.long, way.synced = nil, nil, nil, false
+    end
   end
 end
 
@@ -1011,13 +1048,19 @@ function Scan:lost(count)
   way.long_frame, way.long, way.blocked = nil, nil, nil
   way.synced = false
   connection.from_start = connection.from_start and connection.kind ~= nil
-  if connection.kind ~= "clauses" then
-    if way.to_device then
-      connection.queue[#connection.queue + 1] = {gap = true}
-    else
-      settle(connection, way, self.ack)
-      forget_answered(connection, self.seq)
-    end
+  self:miss(0)
+end
+
+-- An unknown number of requests or replies before @pos is not known.
+function Scan:miss(pos)
+  local way, connection = self.way, self.connection
+  if connection.kind == "clauses" then
+    return
+  elseif way.to_device then
+    connection.queue[#connection.queue + 1] = {gap = true}
+  else
+    settle(connection, way, self.ack)
+    forget_answered(connection, self:seq_at(pos))
   end
 end
 
@@ -1275,9 +1318,8 @@ function Show:add_links(tree, message)
   end
 end
 
--- The fields of the message whose frame is at @at and whose first @limit bytes can be read.
-function Show:add_message(tree, item, at, limit)
-  local record = parse_record(self.read, at + item.header, item.count, limit)
+-- The fields of the message whose frame is at @at.
+function Show:add_message(tree, item, at, record)
   local message = item.message
   local is_request = message.is_request
   tree:append_text(is_request and ", Request" or ", Reply")
@@ -1300,7 +1342,6 @@ function Show:add_message(tree, item, at, limit)
     self:add_output(tree, is_request and "ignored.output" or "output", record.output)
   end
   self:add_numbers(tree, is_request and "ignored." or "", record)
-  return record
 end
 
 function Show:add_output(tree, name, output)
@@ -1318,8 +1359,9 @@ end
 function Show:frame(item)
   local tree = self:tree_for(item)
   local message = item.message
-  local record = self:add_message(tree, item, item.at,
-                                  math.min(self.captured, item.at + item.header + item.count))
+  local at = item.at + item.header
+  local record = parse_record(self.read, at, item.count, math.min(self.captured, at + item.count))
+  self:add_message(tree, item, item.at, record)
   local line = self:message_line(record, message)
   if item.begins then
     line = string.format("%s, first %d of %s", line, item.length, plural(item.header + item.count, "byte"))
@@ -1336,18 +1378,6 @@ function Show:frame(item)
   self:tell(line)
 end
 
--- Reads a long frame, of which only the first and the last bytes are known.
-local function long_reader(frame)
-  return function(pos, count)
-    if pos < #frame.head then
-      return frame.head:sub(pos + 1, pos + count)
-    elseif pos >= frame.tail_at then
-      return frame.tail:sub(pos - frame.tail_at + 1, pos - frame.tail_at + count)
-    end
-    return ""
-  end
-end
-
 -- The last bytes of a long frame, with the fields of the whole message.
 function Show:ending(item)
   local tree = self:tree_for(item)
@@ -1356,8 +1386,8 @@ function Show:ending(item)
   function whole.span()
     return self:span(item.at, item.length)
   end
-  local complete = frame.tail_at + #frame.tail == frame.size
-  local record = whole:add_message(tree, frame, 0, complete and frame.size or #frame.head)
+  local record = parse_long(frame)
+  whole:add_message(tree, frame, 0, record)
   tree:add(F.continuation, self:span(item.at, math.min(item.length, MAX_STRING)))
   self:add_links(tree, message)
   self:add_problems(tree, record, message.is_request)
@@ -1487,7 +1517,9 @@ local function show(tvb, pinfo, tree, key, plan)
   local self = setmetatable({tvb = tvb, tree = tree, plan = plan, captured = tvb:len(), read = reader(tvb),
                              line = {}}, Show)
   for _, item in ipairs(plan.items) do
-    self[item.kind](self, item)
+    if item.at < tvb:reported_len() then
+      self[item.kind](self, item)
+    end
   end
   if #self.line > 0 then
     show_line(pinfo, key, self.line)
@@ -1496,22 +1528,33 @@ local function show(tvb, pinfo, tree, key, plan)
   end
 end
 
--- The same bytes of a packet have the same plan in each pass.
-local function key_of(tvb, pinfo)
-  return string.format("%d:%d:%d", pinfo.number, tvb:offset(), tvb:reported_len())
+-- The plan for these bytes of the packet, from the first pass. Reassembled bytes may end earlier then: where
+-- the message begins that was incomplete in the first pass.
+local function plan_for(tvb, pinfo, key)
+  local exact = key .. ":" .. tvb:reported_len()
+  local plan = plans[exact]
+  if plan == nil then
+    plan = plans[key]
+  end
+  if plan == nil and pinfo.visited then
+    return unseen(tvb, pinfo)
+  elseif not pinfo.visited then
+    plans[key], plans[exact] = false, false  -- stays if the scan fails
+    plan = scan(tvb, pinfo)
+    plans[key], plans[exact] = plan, plan
+  end
+  assert(plan, "no plan: the first pass failed")
+  return plan
 end
 
 function runel.dissector(tvb, pinfo, tree)
-  local key = key_of(tvb, pinfo)
-  local plan = plans[key]
-  if not plan then
-    plan = pinfo.visited and unseen(tvb, pinfo) or scan(tvb, pinfo)
-    plans[key] = plan
-  end
+  local key = string.format("%d:%d", pinfo.number, tvb:offset())
+  local plan = plan_for(tvb, pinfo, key)
   show(tvb, pinfo, tree, key, plan)
-  if plan.desegment then
-    pinfo.desegment_offset = plan.desegment.at
-    pinfo.desegment_len = plan.desegment.missing or DESEGMENT_ONE_MORE_SEGMENT
+  local more = plan.desegment
+  if more and more.at < tvb:reported_len() then
+    pinfo.desegment_offset = more.at
+    pinfo.desegment_len = more.missing or DESEGMENT_ONE_MORE_SEGMENT
   end
   return tvb:reported_len()
 end

@@ -4,11 +4,14 @@ import errno
 import os
 import re
 import signal
+import subprocess
+import sys
 import unittest
 from decimal import Decimal
 
-from support import capture, document
+from support import capture, document, pcap
 from support.relay import GREETING, PING, RelayCase
+from support.wait import TIMEOUT
 from support.wire import frame, parse_record, request
 
 
@@ -298,6 +301,39 @@ class DocumentTest(DissectorCase):
         self.assertEqual(blocked, kept)
         notes = [name for message in shown for name in message["notes"]]
         self.assertEqual(notes, ["blocked"] if kept else [])
+
+
+class UserDocumentTest(DissectorCase):
+    """The commands and the output in docs/wireshark.md."""
+
+    def test_the_installed_dissector_shows_the_documented_output(self):
+        install, read = document.blocks("sh", "wireshark.md")
+        expected, = document.blocks("text", "wireshark.md")
+        running = self.capture()
+        code = "\n".join(document.blocks("python")).replace("/tmp/", self.directory + "/")
+        daemon = self.daemon()
+        subprocess.run([sys.executable, "-B", self.file("master.py", code.encode())], check=True,
+                       stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+        self.assert_stops(daemon)
+        running.stop()
+        home = {"HOME": self.directory, "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8"}
+        subprocess.run(["sh", "-ec", install], check=True, env=home, cwd=os.path.dirname(document.DOCS))
+        shown = subprocess.run(["sh", "-ec", read], check=True, env=home, cwd=self.directory, timeout=TIMEOUT,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True).stdout
+        self.assertEqual(shown.replace(self.directory + "/", "/tmp/"), expected)
+
+    def test_every_field_of_the_document_exists(self):
+        names = set(re.findall(r"runel\.[a-z_.]*[a-z]", document.text_of("wireshark.md"))) - {"runel.lua"}
+        self.assertGreater(len(names), 30)
+        empty = pcap.write(self.path("empty.pcap"), [])
+        capture.tshark(empty, "-2", "-Y", " or ".join(names))
+        filters = re.search(r"\| filter \|.*?\n\n", document.text_of("wireshark.md"), re.DOTALL)[0]
+        examples = re.findall(r"`(runel.*?)`|`(!runel.*?)`", filters)
+        self.assertGreater(len(examples), 15)
+        capture.tshark(empty, "-2", "-Y", " or ".join(f"({one or other})" for one, other in examples
+                                                     if " " in one or other))
+        with self.assertRaises(AssertionError):
+            capture.tshark(empty, "-2", "-Y", "runel.missing")
 
 
 class TaskTest(DissectorCase):

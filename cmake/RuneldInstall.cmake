@@ -45,7 +45,7 @@ endif()
 
 # The Wireshark dissector. The directory in which Wireshark finds it depends on the system.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/wireshark/runel.lua"
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/runel/wireshark" COMPONENT wireshark)
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/runel-wireshark" COMPONENT wireshark)
 
 if(NOT RUNELD_DOCS)
   return()

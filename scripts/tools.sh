@@ -24,4 +24,5 @@ RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev libtomlplusplus-dev 
 LIBRUNEL_TOOLS=(libuv1-dev pkg-config)
 
 # What builds the Debian packages and checks them in the short form of scripts/packages.
-PACKAGE_TOOLS=(build-essential cmake debhelper dh-python fakeroot git lintian ninja-build python3 systemd tshark)
+PACKAGE_TOOLS=(build-essential cmake debhelper dh-python fakeroot git lintian ninja-build python3
+  python3-jsonschema systemd tshark)

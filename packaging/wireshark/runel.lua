@@ -1086,13 +1086,13 @@ function Scan:run()
   end
 end
 
--- The position of the first byte in the stream. Reassembled bytes do not end where the segment ends.
+-- The position of the first byte in the stream. Reassembled bytes have a separate buffer: they continue what
+-- was shown so far, and do not end where the segment ends.
 local function start_of(tvb, way)
-  if tvb:offset() == 0 and way.pending then
-    return way.pending.start
-  end
   local seq, length = last(get_seq), last(get_length)
-  if seq and length then
+  if tvb:offset() == 0 then
+    return way.next or seq or 0
+  elseif seq and length then
     return advance(seq, length - tvb:reported_len())
   end
   return way.next or 0

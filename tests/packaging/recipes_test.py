@@ -196,9 +196,9 @@ class RecipesTest(unittest.TestCase):
             unit.write_text("", encoding="utf-8")  # as CMake installs them
             (image / "etc/default").mkdir(parents=True)
             (image / "etc/default/runeld").write_text("# settings\n", encoding="utf-8")
-            recipe.run("do_install:append", recipe.expand(recipe.functions["do_install:append"]))
-            self.assertEqual(sorted(f"/{path.relative_to(image)}" for path in image.rglob("*") if path.is_file()),
-                             names, features)
+            recipe.finish_install()
+            found = sorted(f"/{path.relative_to(image)}" for path in image.rglob("*") if path.is_file())
+            self.assertEqual(found, names, features)
             defaults = (image / "etc/default/runeld").read_text("utf-8").splitlines()
             self.assertEqual(defaults, ["# settings", 'RUNELD_OPTIONS="-i 192.0.2.7"'])
 

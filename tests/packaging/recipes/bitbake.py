@@ -8,16 +8,20 @@ override :append of functions, `inherit`, shell functions, ${NAME} and ${@PYTHON
 import pathlib
 import re
 import shlex
+import shutil
 import subprocess
 import types
 
-ASSIGNMENT = re.compile(r'([A-Z_a-z][\w.\-${}]*(?::[\w${}]+)*(?:\[\w+\])?)\s*(\?=|\.=|\+=|=)\s*"(.*)"', re.DOTALL)
+ASSIGNMENT = re.compile(
+    r'([A-Z_a-z][\w.\-${}]*(?::[\w${}]+)*(?:\[\w+\])?)\s*(\?=|\.=|\+=|=)\s*"(.*)"', re.DOTALL)
 FUNCTION = re.compile(r"([a-z_]+)(?::(append))?\(\) \{")
 
 # What bitbake.conf and the classes set, for a device without multilib.
 BASE = {"prefix": "/usr", "sysconfdir": "/etc", "sbindir": "/usr/sbin", "libdir": "/usr/lib",
-        "nonarch_libdir": "/usr/lib", "systemd_system_unitdir": "/usr/lib/systemd/system",
+        "nonarch_libdir": "/usr/lib", "systemd_unitdir": "/usr/lib/systemd",
+        "systemd_system_unitdir": "/usr/lib/systemd/system",
         "DISTRO_FEATURES": "sysvinit"}
+UNITS = BASE["systemd_system_unitdir"].lstrip("/")
 CLASSES = {"cmake", "systemd", "update-rc.d"}
 
 
@@ -118,6 +122,15 @@ class Recipe:
         self.run("do_compile", shlex.join(["cmake", "--build", self.values["B"], "--", "-j2"]))
 
     def install(self):
-        """cmake.bbclass's do_install, then what the recipe appends."""
+        """cmake.bbclass's do_install, what the recipe appends, and systemd.bbclass's removal of files."""
         self.run("do_install", f"DESTDIR='{self.values['D']}' cmake --install '{self.values['B']}'")
+        self.finish_install()
+
+    def finish_install(self):
         self.run("do_install:append", self.expand(self.functions["do_install:append"]))
+        image, features = pathlib.Path(self.values["D"]), self.getVar("DISTRO_FEATURES").split()
+        assert "systemd" in self.inherits
+        if "systemd" not in features:
+            shutil.rmtree(image / self.values["systemd_unitdir"].lstrip("/"))
+        elif "sysvinit" not in features and any((image / UNITS).iterdir()):
+            shutil.rmtree(image / "etc/init.d")

@@ -27,14 +27,10 @@ SYSTEMD_AUTO_ENABLE = "${@'enable' if d.getVar('RUNELD_ENABLE') == '1' else 'dis
 INITSCRIPT_NAME = "runeld"
 INITSCRIPT_PARAMS = "${@'defaults 95 05' if d.getVar('RUNELD_ENABLE') == '1' else 'stop 05 0 1 6 .'}"
 
+# The class systemd removes what the init system of the image does not use.
 do_install:append() {
 	echo 'RUNELD_OPTIONS="${RUNELD_OPTIONS}"' >>${D}${sysconfdir}/default/runeld
-	if ${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'true', 'false', d)}; then
-		install -D -m 0755 ${S}/packaging/sysvinit/runeld ${D}${sysconfdir}/init.d/runeld
-	fi
-	if ! ${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'true', 'false', d)}; then
-		rm -r ${D}${systemd_system_unitdir}
-	fi
+	install -D -m 0755 ${S}/packaging/sysvinit/runeld ${D}${sysconfdir}/init.d/runeld
 }
 
 FILES:${PN} += "${nonarch_libdir}/runeld"

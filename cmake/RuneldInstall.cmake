@@ -30,8 +30,12 @@ file(WRITE "${PROJECT_BINARY_DIR}/runeld-protect" "${protect}")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
   "${PROJECT_SOURCE_DIR}/packaging/protection/runeld-protect")
 install(PROGRAMS "${PROJECT_BINARY_DIR}/runeld-protect" DESTINATION "${CMAKE_INSTALL_SBINDIR}")
-install(FILES "${PROJECT_SOURCE_DIR}/packaging/default/runeld"
-  DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/default")
+# Where the unit reads it: /etc belongs to the prefix /usr.
+set(configuration "${CMAKE_INSTALL_SYSCONFDIR}")
+if(NOT CMAKE_INSTALL_FULL_SYSCONFDIR STREQUAL "${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_SYSCONFDIR}")
+  set(configuration "${CMAKE_INSTALL_FULL_SYSCONFDIR}")
+endif()
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/default/runeld" DESTINATION "${configuration}/default")
 if(RUNELD_CTL)
   install(TARGETS runelctl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
   # Units that an operator enables, and alert rules for the server.

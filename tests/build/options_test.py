@@ -152,6 +152,11 @@ class Values(unittest.TestCase):
         with Configured("RUNELD_UNIT_DIR=usr/lib/units", "BUILD_TESTING=OFF", "RUNELD_CTL=OFF") as build:
             self.assertIn("usr/lib/units", build.installed())
 
+    def test_the_options_of_the_service_are_where_the_unit_reads_them(self):
+        with Configured("CMAKE_INSTALL_PREFIX=/usr", "BUILD_TESTING=OFF", "RUNELD_CTL=OFF") as build:
+            self.assertIn("EnvironmentFile=-/etc/default/runeld\n", build.text("runeld.service"))
+            self.assertIn('DESTINATION "/etc/default"', build.installed())
+
     def test_values_that_cannot_work_are_refused(self):
         for setting in ("RUNELD_DEVICE_PORT=0", "RUNELD_DEVICE_PORT=65536", "RUNELD_MASTER_PORT=http",
                         "RUNELD_MASTER_PORT=051", "RUNELD_PID_FILE=run/x.pid", "RUNELD_HOSTS_FILE=",

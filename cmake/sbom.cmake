@@ -5,6 +5,7 @@
 #   cmake -DSETTINGS=FILE -DDOCUMENT=FILE -P sbom.cmake
 cmake_minimum_required(VERSION 3.25)
 include("${SETTINGS}")
+set(ENV{LC_ALL} C)  # readelf translates its output
 
 # Which library a shared object belongs to. An unknown one is listed by its name.
 function(library_of soname result)

@@ -161,6 +161,18 @@ class SbomTest(unittest.TestCase):
         self.assertEqual(json.loads(one)["creationInfo"]["created"], "2023-11-14T22:13:20Z")
         self.assertNotIn(str(BUILD), one)
 
+    def test_the_output_of_readelf_is_not_translated(self):
+        with tempfile.TemporaryDirectory() as directory:
+            readelf, settings = (os.path.join(directory, name) for name in ("readelf", "settings.cmake"))
+            with open(readelf, "w", encoding="utf-8") as file:
+                file.write(f'#!/bin/sh\n[ "$LC_ALL" = C ] && exec {READELF} "$@"\n')
+            os.chmod(readelf, 0o755)
+            text = (BUILD / "sbom/settings.cmake").read_text()
+            with open(settings, "w", encoding="utf-8") as file:
+                file.write(re.sub(r'set\(READELF ".*"\)', f'set(READELF "{readelf}")', text))
+            subprocess.run(["cmake", f"-DSETTINGS={settings}", f"-DDOCUMENT={directory}/document", "-P", SCRIPT],
+                           env={**os.environ, "LC_ALL": "fr_FR.UTF-8", "LANGUAGE": "fr"}, check=True)
+
     def test_without_a_variable_the_date_is_that_of_the_commit_or_of_the_release(self):
         environment = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
         with tempfile.TemporaryDirectory() as directory:

@@ -8,15 +8,13 @@
 #include <new>
 #include <string_view>
 
-#include <syslog.h>
-
 #include "base/system_log.h"
 
 namespace {
 
 constexpr std::size_t kShortLine = 1024;
 
-zell::SystemLog g_log;
+zell::SystemLog systemLog;
 
 // Without memory for a long line, its start is logged.
 __attribute__((format(printf, 2, 0))) void log(int priority, const char* format, va_list args) {
@@ -25,7 +23,7 @@ __attribute__((format(printf, 2, 0))) void log(int priority, const char* format,
   va_list again;
   va_copy(again, args);
   const int length = std::vsnprintf(line, sizeof line, format, args);
-  std::string_view text(line, 0);
+  std::string_view text;
   std::unique_ptr<char[]> longLine;
   if (length >= 0 && static_cast<std::size_t>(length) < sizeof line) {
     text = std::string_view(line, static_cast<std::size_t>(length));
@@ -40,32 +38,40 @@ __attribute__((format(printf, 2, 0))) void log(int priority, const char* format,
     }
   }
   va_end(again);
-  g_log.write(priority, text);
+  systemLog.write(priority, text);
   errno = saved;
 }
 
 }  // namespace
 
+// The names are those of the C library. The header's declarations would require its names of the
+// parameters, which are reserved.
 extern "C" {
 
-void openlog(const char* ident, int options, int facility) {
-  g_log.open(ident, options, facility);
+void openLibcLog(const char* ident, int options, int facility) __asm__("openlog");
+void closeLibcLog() __asm__("closelog");
+void writeLibcLog(int priority, const char* format, ...) __asm__("syslog")
+    __attribute__((format(printf, 2, 3)));
+// glibc's headers make this of syslog() with _FORTIFY_SOURCE.
+void writeCheckedLibcLog(int priority, int flag, const char* format, ...) __asm__("__syslog_chk")
+    __attribute__((format(printf, 3, 4)));
+
+void openLibcLog(const char* ident, int options, int facility) {
+  systemLog.open(ident, options, facility);
 }
 
-void closelog() {
-  g_log.close();
+void closeLibcLog() {
+  systemLog.close();
 }
 
-__attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
+void writeLibcLog(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);
   log(priority, format, args);
   va_end(args);
 }
 
-// glibc's headers make this of syslog() with _FORTIFY_SOURCE.
-__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int /*flag*/,
-                                                        const char* format, ...) {
+void writeCheckedLibcLog(int priority, int /*flag*/, const char* format, ...) {
   va_list args;
   va_start(args, format);
   log(priority, format, args);

@@ -15,8 +15,9 @@
 namespace zell {
 namespace {
 
-constexpr std::size_t kHeadSize =
-    48;  // "<1023>Mon DD HH:MM:SS " and "[PID]: " have at most 43 bytes
+// "<1023>Mon DD HH:MM:SS " and "[PID]: " have at most 43 bytes.
+constexpr std::size_t kHeadSize = 48;
+constexpr char kEndOfLine = '\0';  // in a stream
 
 iovec piece(std::string_view text) {
   return {const_cast<char*>(text.data()), text.size()};  // only read
@@ -43,7 +44,7 @@ void writeTo(int fd, std::string_view ident, std::string_view tail, std::string_
 // A line in the pieces that are sent: the head up to the time, the ident, "[PID]: " or ": ", the
 // text.
 struct SystemLog::Line {
-  Line(int priority, const char* ident, bool withPid, std::string_view text);
+  Line(int priority, const char* name, bool withPid, std::string_view message);
 
   char head[kHeadSize];
   char tail[kHeadSize];
@@ -51,8 +52,8 @@ struct SystemLog::Line {
   std::string_view text;
 };
 
-SystemLog::Line::Line(int priority, const char* name, bool withPid, std::string_view what)
-    : head(), tail(), ident(name), text(what) {
+SystemLog::Line::Line(int priority, const char* name, bool withPid, std::string_view message)
+    : head(), tail(), ident(name), text(message) {
   char time[32] = "";
   (void)printTime(time, sizeof time);
   (void)std::snprintf(head, sizeof head, "<%d>%s", priority, time);
@@ -134,7 +135,7 @@ void SystemLog::disconnect() {
 
 bool SystemLog::send(const Line& line) const {
   iovec pieces[] = {piece(line.head), piece(line.ident), piece(line.tail), piece(line.text),
-                    piece(std::string_view("", 1))};  // the zero byte ends a line in a stream
+                    piece({&kEndOfLine, 1})};
   msghdr message{};
   message.msg_iov = pieces;
   message.msg_iovlen = type_ == SOCK_STREAM ? 5 : 4;

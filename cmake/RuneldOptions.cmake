@@ -6,6 +6,12 @@ target_compile_features(runeld_options INTERFACE cxx_std_17)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
+# glibc on a 32-bit processor: without this, files of 2 GiB or more, inode numbers above 32 bits and times after
+# January 2038 are errors. musl and 64-bit processors have no other types.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 # No -Wpedantic: GCC would warn about every %m in a log format.
 target_compile_options(runeld_options INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2

@@ -5,6 +5,7 @@
 
 COMMAND is the daemon, with the emulator in front of it. Exit status: 0 if every step was right.
 """
+import errno
 import os
 import signal
 import socket
@@ -68,6 +69,17 @@ def ten_tasks(peer, directory):
     text, status = peer.ask(b"stat", file + b"2")
     check("stat", (str(len(content) + 3).encode() in text, status), (True, fine))
     check("exec", peer.ask(b"exec", b"/bin/sh", b"-c", b"echo out; echo err >&2"), (b"out\nerr\n", done))
+    large = os.path.join(directory, b"large")
+    with open(large, "wb") as sparse:
+        sparse.truncate(5 << 30)
+    os.utime(large, (1 << 32, 1 << 32))
+    text, status = peer.ask(b"stat", large)
+    check("stat of 5 GiB from the year 2106",
+          (b" size=5368709120 " in text, b" mtime=4294967296.0" in text, status), (True, True, fine))
+    text, status = peer.ask(b"walktree", directory)
+    check("walktree with it", (b"5368709120" in text, status), (True, fine))
+    check("read of it", peer.ask(b"read", large), (b"", (1, 0, 1, errno.EFBIG, 0)))
+    os.unlink(large)
     check("unlink", peer.ask(b"unlink", file + b"2"), (b"", fine))
     check("all files are gone", os.listdir(directory), [])
 

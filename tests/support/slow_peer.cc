@@ -24,6 +24,12 @@ constexpr int kSendBuffer = 200000;
 constexpr int kLooks = 100000;  // at least 10 s, against a hang only
 constexpr timespec kBetweenLooks{0, 100000};
 
+#ifdef SYS_ppoll_time64
+constexpr long kPpoll = SYS_ppoll_time64;  // a 32-bit processor
+#else
+constexpr long kPpoll = SYS_ppoll;
+#endif
+
 // Result of SIOCOUTQ or SIOCOUTQNSD.
 int bytes(int socket, unsigned long request) {
   int count = 0;
@@ -61,7 +67,7 @@ int SlowPeer::wait(short events, int timeout) {
 int SlowPeer::ready(short events) const {
   pollfd wanted{sockets_.near(), events, 0};
   const timespec atOnce{0, 0};
-  return static_cast<int>(syscall(SYS_ppoll, &wanted, 1, &atOnce, nullptr, 0));
+  return static_cast<int>(syscall(kPpoll, &wanted, 1, &atOnce, nullptr, 0));
 }
 
 void SlowPeer::take() {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -61,10 +62,11 @@ int readWholeFile(const std::string& path, std::size_t limit, std::string& text)
   if (S_ISDIR(st.st_mode)) {
     return EISDIR;
   }
-  const auto size = static_cast<std::size_t>(S_ISREG(st.st_mode) ? st.st_size : 0);
-  if (size > limit) {
+  const auto length = static_cast<std::uint64_t>(S_ISREG(st.st_mode) ? st.st_size : 0);
+  if (length > limit) {
     return EFBIG;
   }
+  const auto size = static_cast<std::size_t>(length);  // not before: 32 bits on some processors
   text.clear();
   text.reserve(size + kReadPiece);  // includes the read that detects the end
   return readToEnd(file.get(), !S_ISREG(st.st_mode), limit, text);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reading whole files without blocking.
 #include <cerrno>
+#include <cstdint>
 #include <string>
 
 #include <fcntl.h>
@@ -21,7 +22,7 @@ namespace {
 
 class ReadTest : public ProxyTest {
  protected:
-  std::string sparse(std::size_t size) {
+  std::string sparse(std::uint64_t size) {
     const std::string path = dir_.write("sparse", "");
     EXPECT_EQ(truncate(path.c_str(), static_cast<off_t>(size)), 0);
     return path;
@@ -141,6 +142,17 @@ TEST_F(ReadTest, DoesNotStartToReadAFileAboveTheLimitOfAReply) {
   SpiedCalls spy;
   spy.fail("read", EIO);
   EXPECT_EQ(read(sparse(kMaxReplyText + 1)), failureWith(EFBIG));
+}
+
+// A size that a 32-bit processor could take for 100.
+TEST_F(ReadTest, DoesNotStartToReadAFileAboveFourGigabytes) {
+  constexpr std::uint64_t kSize = (std::uint64_t{1} << 32U) + 100;
+  SpiedCalls spy;
+  spy.fail("read", EIO);
+  EXPECT_EQ(read(sparse(kSize)), failureWith(EFBIG));
+  struct stat st {};
+  EXPECT_TRUE(proxy_.stat(dir_.file("sparse"), st));
+  EXPECT_EQ(static_cast<std::uint64_t>(st.st_size), kSize);
 }
 
 TEST_F(ReadTest, FailsOnADeviceThatNeverEnds) {

@@ -25,6 +25,12 @@ namespace {
 
 using Names = std::vector<std::string>;
 
+#ifdef SYS_renameat
+constexpr int kRename = SYS_renameat;
+#else
+constexpr int kRename = SYS_renameat2;
+#endif
+
 class WriteTest : public ProxyTest {
  protected:
   Names namesIn(const std::string& directory) {
@@ -513,7 +519,7 @@ TEST_F(WriteTest, GivesUpWhenTheReaderOfATerminalReadsNothing) {
 TEST_F(WriteTest, RemovesTheTemporaryFileOfAPowerCut) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
-              refuseCalls(SYS_renameat, EIO);
+              refuseCalls(kRename, EIO);
               refuseCalls(SYS_unlinkat, EIO);
               return write(path, "half");
             }),
@@ -526,7 +532,7 @@ TEST_F(WriteTest, RemovesTheTemporaryFileOfAPowerCut) {
 TEST_F(WriteTest, UsesAnotherNameWhenADirectoryHasThatOfTheTemporaryFile) {
   const std::string path = dir_.write("a", "old");
   EXPECT_EQ(inChild([&] {
-              refuseCalls(SYS_renameat, EIO);
+              refuseCalls(kRename, EIO);
               refuseCalls(SYS_unlinkat, EIO);
               return write(path, "half");
             }),

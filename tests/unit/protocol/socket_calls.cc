@@ -15,6 +15,12 @@ namespace {
 
 SocketCalls* g_calls = nullptr;
 
+#ifdef SYS_ppoll_time64
+constexpr long kPpoll = SYS_ppoll_time64;  // a 32-bit processor
+#else
+constexpr long kPpoll = SYS_ppoll;
+#endif
+
 int takeFirst(std::deque<int>& queue) {
   const int first = queue.front();
   queue.pop_front();
@@ -55,7 +61,7 @@ ssize_t sendCounted(int fd, const msghdr* message, int flags) {
 int realPoll(pollfd* wanted, nfds_t count, int timeout) {
   const timespec limit{timeout / 1000, static_cast<long>(timeout % 1000) * 1000000};
   return static_cast<int>(
-      syscall(SYS_ppoll, wanted, count, timeout < 0 ? nullptr : &limit, nullptr, 0));
+      syscall(kPpoll, wanted, count, timeout < 0 ? nullptr : &limit, nullptr, 0));
 }
 
 int pollCounted(pollfd* wanted, nfds_t count, int timeout) {

@@ -7,12 +7,13 @@ import shutil
 import socket
 import struct
 import subprocess
+import sys
 
 from support import world
 from support.networks import inside, ip
 from support.peers import AGENT_PORT, MASTER_PORT
-from support.protection import (DEVICE, FILES, MASTER, PRIVILEGED, STRANGER, ProtectionCase, Stunnel,
-                                WireGuard, filter_rules, load, nft)
+from support.protection import (DEVICE, DROPPED, ELSEWHERE, FILES, MASTER, PRIVILEGED, STRANGER,
+                                ProtectionCase, Stunnel, WireGuard, dial, filter_rules, load, nft)
 from support.users import UNPRIVILEGED, as_user, socket_of
 from support.wait import TIMEOUT, wait_until
 
@@ -90,6 +91,26 @@ class CheckCase(ProtectionCase):
         same = [(run.returncode, re.sub(r"\d+ s ago", "", run.stdout)) for run in runs]
         self.assertEqual(same[0], same[-1])
         return Report(runs[0].returncode, runs[0].stdout)
+
+    def program(self, file, name, user):
+        """Runs this Python as @p user, called @p name, with a socket that listens on port 5112."""
+        if getattr(self, "running", None):
+            self.running.kill()
+            self.running.wait()
+        with socket_of(user) as listening:
+            listening.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            listening.bind(("127.0.0.1", MASTER_PORT))
+            listening.listen()
+            self.running = subprocess.Popen(
+                [file, "-I", "-c", "import sys, time; open('/proc/self/comm', 'wb').write(bytes.fromhex("
+                 "sys.argv[1])); print('named', flush=True); time.sleep(1000)", name.hex()],
+                user=user, group=UNPRIVILEGED, extra_groups=[], pass_fds=[listening.fileno()],
+                env={"PYTHONHOME": sys.prefix}, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        self.addCleanup(self.running.stdout.close)
+        self.addCleanup(self.running.wait)
+        self.addCleanup(self.running.kill)
+        self.assertEqual(self.running.stdout.readline(), b"named\n")
+        return self.running.pid
 
     def protect(self, *examples):
         """Privileged ports and the filter."""
@@ -226,6 +247,121 @@ PROTECTED: only the users and hosts that are named above
                 report = self.check()
                 self.assertEqual(report.why["filter"], why)
                 self.assertEqual(report.open(), [bind, local, master] if "flush" in change else everything)
+
+    def dial_from(self, host, address, port):
+        with inside(host), socket.socket() as connecting:
+            return dial(connecting, address, port, DROPPED)
+
+    def test_an_interface_can_be_named_by_its_beginning(self):
+        self.protect()
+        daemon = self.daemon("-i", MASTER)
+        wan, mgmt = "5111 wan0 198.51.100.2", f"5111 mgmt0 {DEVICE}"
+        for pattern in ("wan*", "w*", "wan0*"):
+            with self.subTest(pattern):
+                load(filter_rules())
+                nft("add", "element", "inet", "runeld", "clients", f'{{ "{pattern}" . 0.0.0.0/0 }}')
+                self.assertEqual(self.dial_from("stranger", ELSEWHERE, AGENT_PORT), "connected")
+                report = self.check()
+                self.assertEqual(report.ways[wan], ("ok", "all hosts"))
+                self.assertEqual(report.ways[mgmt], ("ok", "no host"))
+        for pattern in ("wan00*", "an0*", "wan"):
+            with self.subTest(pattern):
+                load(filter_rules())
+                nft("add", "element", "inet", "runeld", "clients", f'{{ "{pattern}" . 0.0.0.0/0 }}')
+                self.assertEqual(self.dial_from("stranger", ELSEWHERE, AGENT_PORT), "dropped")
+                self.assertEqual(self.check().ways[wan], ("ok", "no host"))
+        nft("add", "element", "inet", "runeld", "masters", '{ "mgm*" . 192.0.2.0/24 }')
+        self.assertEqual(self.check().ways[f"5112 {MASTER} by mgmt0"],
+                         ("ok", "every host on this way: not encrypted"))
+        self.assert_stops(daemon)
+
+    def test_comments_of_elements_hide_nothing(self):
+        self.protect()
+        nft("add", "element", "inet", "runeld", "clients",
+            '{ "mgmt0" . 192.0.2.1 comment "a } b, c", "mgmt0" . 192.0.2.3-192.0.2.7, "x,}" . 192.0.2.8,'
+            ' "wan0" . 198.51.100.9 comment "elements = { wan0 . 198.51.100.1,\n}" }')
+        nft("add", "element", "inet", "runeld", "client_users",
+            f'{{ {self.agent} comment "the agent, }}", {self.tunnel} }}')
+        report = self.check()
+        self.assertEqual(report.ways[f"5111 mgmt0 {DEVICE}"], ("ok", "192.0.2.1 192.0.2.3-192.0.2.7"))
+        self.assertEqual(report.ways["5111 wan0 198.51.100.2"], ("ok", "198.51.100.9"))
+        verdict, who = report.ways["5111 local programs"]
+        self.assertEqual((verdict, sorted(who.split(" "))), ("ok", ["agent", "root", "stunnel4"]))
+
+    def test_strings_in_rules_are_not_rules(self):
+        self.protect()
+        everything = "nftables: interface, address, user, number of connections"
+        for rule, why in (('tcp dport 22 drop comment "we accept no one"', everything),
+                          ('tcp dport 22 log prefix " accept " drop', everything),
+                          ('log prefix " type filter hook input priority " accept',
+                           "the table inet runeld was changed: chain input"),
+                          ('accept comment " type filter hook input priority "',
+                           "the table inet runeld was changed: chain input"),
+                          ('tcp dport 22 drop comment "\n\t}\n"', everything)):
+            with self.subTest(rule):
+                load(filter_rules())
+                load(f"insert rule inet runeld input {rule}")
+                self.assertEqual(self.check().why["filter"], why)
+        load(filter_rules().replace("@clients drop", '@clients drop comment "others"'))
+        self.assertEqual(self.check().why["filter"], everything)
+
+    def test_ports_that_another_table_rewrites(self):
+        """What the documents say: the rules see a port that was rewritten before them, not after."""
+        self.protect("clients")
+        daemon = self.daemon("-i", MASTER)
+        load("""table inet other {
+          chain before { type nat hook prerouting priority dstnat; tcp dport 6001 redirect to :5111; }
+          chain before_local { type nat hook output priority -100; tcp dport 6001 redirect to :5111; }
+          chain late { type nat hook output priority filter + 1; tcp dport 6003 redirect to :5111; }
+          chain rewrite {
+            type filter hook input priority filter + 1;
+            tcp dport 6002 tcp dport set 5111
+          }
+          chain answers {
+            type filter hook output priority filter + 1;
+            oifname "wan0" tcp sport 5111 tcp sport set 6002
+          }
+        }""")
+        self.assertEqual(self.dial_from("master", DEVICE, 6001), "connected")
+        self.assertEqual(self.dial_from("stranger", ELSEWHERE, 6001), "dropped")
+        for port in (6001, 6003):  # the kernel redirects at one place, at any priority of the chain
+            self.assertEqual(self.dial_as(0, "127.0.0.1", port), "connected")
+            self.assertEqual(self.dial_as(self.agent, "127.0.0.1", port), "refused")
+        self.assertEqual(self.check().ways["5111 wan0 198.51.100.2"], ("ok", "no host"))
+        self.assertEqual(self.dial_from("stranger", ELSEWHERE, 6002), "connected")
+        self.assert_stops(daemon)
+
+    def test_a_name_of_a_program_does_not_reach_the_terminal(self):
+        self.restore(PRIVILEGED, "1024")
+        for name, shown in ((b"\x1b[2J\x9b\xff\r\x07", "?[2J????"), (b"a\nb", "a?b"),
+                            (b"\\033[2J\\n", r"\033[2J\n")):
+            with self.subTest(name):
+                number = self.program("/usr/bin/python3", name, UNPRIVILEGED)
+                report = self.check()
+                self.assertIn(f"Port 5112: 127.0.0.1: {shown} (process {number}, nobody)\n", report.text)
+
+    def test_only_a_trusted_program_is_the_end_of_a_tunnel(self):
+        self.protect()
+        own = self.path("own")
+        os.mkdir(own)
+        os.chmod(self.directory, 0o755)
+        copies = {}
+        for name, user, mode in (("ssh", 0, 0o755), ("stunnel", UNPRIVILEGED, 0o755), ("stunnel4", 0, 0o775),
+                                 ("dbclient", 0, 0o757), ("other", 0, 0o755), ("stunnel-x", 0, 0o755)):
+            copies[name] = os.path.join(own, name)
+            shutil.copy(os.path.realpath("/usr/bin/python3"), copies[name])
+            os.chown(copies[name], user, user)
+            os.chmod(copies[name], mode)
+        for program, user, yes in (("ssh", 0, True), ("ssh", self.tunnel, True), ("ssh", UNPRIVILEGED, False),
+                                   ("ssh", self.agent, False), ("stunnel", 0, False), ("stunnel4", 0, False),
+                                   ("dbclient", 0, False), ("other", 0, False), ("stunnel-x", 0, False)):
+            with self.subTest(program=program, user=user):
+                number = self.program(copies[program], b"stunnel", user)
+                report = self.check("--require", "tunnel")
+                self.assertEqual(report.why["tunnel"],
+                                 f"stunnel (process {number}) answers on 127.0.0.1:5112" if yes else
+                                 "neither stunnel nor ssh answers on 127.0.0.1:5112")
+                self.assertEqual(report.status, 0 if yes else 1)
 
     def test_a_local_master_is_who_has_the_port(self):
         with socket_of(UNPRIVILEGED) as impostor:

@@ -15,8 +15,7 @@
 
 namespace zell {
 
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
-              "signal_quit may only touch lock-free flags");
+static_assert(std::atomic<int>::is_always_lock_free, "signal_quit may only touch lock-free flags");
 
 void ServerBase::handle_startup() {
   for (const int signal_number : {SIGTERM, SIGQUIT, SIGABRT, SIGINT}) {
@@ -85,7 +84,10 @@ bool ServerBase::open_pid_file() {
 }
 
 bool ServerBase::read_pid(int* pid) {
-  return std::fscanf(m_pid_fp, "%d", pid) == 1;
+  long long number = 0;  // "%d" would take the nearest number of a long, which may have 32 bits
+  const bool found = std::fscanf(m_pid_fp, "%lld", &number) == 1;
+  *pid = found ? static_cast<int>(number) : *pid;
+  return found;
 }
 
 // Written to a temporary name and renamed, so that a power cut leaves no empty pid file. An empty

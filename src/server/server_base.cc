@@ -21,7 +21,7 @@ void log_override_needed(const char* signature) {
 
 }  // namespace
 
-std::atomic<bool> ServerBase::s_run{false};
+std::atomic<int> ServerBase::s_run{false};
 std::atomic<int> ServerBase::s_signal{-1};
 
 // The default facility is an unusual one on purpose: the lines of a server that forgets to choose a

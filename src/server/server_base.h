@@ -134,8 +134,9 @@ class ServerBase {
   /// Stores the signal in s_signal and clears s_run. The handler of TERM, QUIT, ABRT and INT.
   static void signal_quit(int sig);
 
-  /// True while the loop runs. Clearing it ends the loop after the current pass.
-  static std::atomic<bool> s_run;
+  /// True while the loop runs. Clearing it ends the loop after the current pass. Not a bool,
+  /// because GCC 12 has no lock-free one for riscv64.
+  static std::atomic<int> s_run;
   /// The last signal caught; -1 for none.
   static std::atomic<int> s_signal;
 

@@ -17,8 +17,10 @@ namespace {
 using FailingStartsTest = ProxyTest;
 
 // The calls that start a process, and the one that waits: newer architectures have fewer of them.
-#ifdef SYS_fork
+#ifdef SYS_vfork
 constexpr int kStarts[] = {SYS_clone, SYS_clone3, SYS_fork, SYS_vfork};
+#elif defined SYS_fork  // mipsel
+constexpr int kStarts[] = {SYS_clone, SYS_clone3, SYS_fork};
 #else
 constexpr int kStarts[] = {SYS_clone, SYS_clone3};
 #endif

@@ -53,6 +53,16 @@ class GuardTest(unittest.TestCase):
             process.send_signal(signal.SIGKILL)
         process.wait()
 
+    def namesake(self, script, *before):
+        """Another program called runeld, which runs @p script and says when it is ready."""
+        copy = os.path.join(self.directory, "runeld")
+        shutil.copy(os.path.realpath(sys.executable), copy)
+        process = subprocess.Popen([*before, copy, "-c", f"import socket; {script}"], stdout=subprocess.PIPE)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(self._end, process)
+        self.assertEqual(process.stdout.readline(), b"ready\n")
+        return process
+
     def guard(self, *shell, **environment):
         return subprocess.run([*(shell or ("sh",)), GUARD], stdout=subprocess.PIPE, text=True, check=False,
                               stderr=subprocess.STDOUT, timeout=TIMEOUT,
@@ -120,39 +130,19 @@ class GuardTest(unittest.TestCase):
         """The socket must listen: a connection between others on 5111 is of no interest."""
         holder = listening("0.0.0.0")
         self.addCleanup(holder.close)
-        copy = os.path.join(self.directory, "runeld")
-        shutil.copy(os.path.realpath(sys.executable), copy)
-        client = subprocess.Popen(
-            [copy, "-c", "import socket; s = socket.create_connection(('127.0.0.1', 5111)); print('connected',"
-             " flush=True); s.recv(1)"], stdout=subprocess.PIPE)
-        self.addCleanup(client.stdout.close)
-        self.addCleanup(self._end, client)
-        self.assertEqual(client.stdout.readline(), b"connected\n")
+        self.namesake("s = socket.create_connection(('127.0.0.1', 5111)); print('ready', flush=True); s.recv(1)")
         self.assert_permits()
 
     def test_a_listener_by_ipv6_counts(self):
-        copy = os.path.join(self.directory, "runeld")
-        shutil.copy(os.path.realpath(sys.executable), copy)
-        other = subprocess.Popen(
-            [copy, "-c", "import socket; s = socket.create_server(('::1', 5111), family=socket.AF_INET6);"
-             " print('listens', flush=True); s.accept()"], stdout=subprocess.PIPE)
-        self.addCleanup(other.stdout.close)
-        self.addCleanup(self._end, other)
-        self.assertEqual(other.stdout.readline(), b"listens\n")
+        other = self.namesake("s = socket.create_server(('::1', 5111), family=socket.AF_INET6);"
+                              " print('ready', flush=True); s.accept()")
         self.assert_refuses(other)
 
     def test_a_program_of_another_user_is_permitted(self):
         """Without privileged ports any user could keep the device deaf."""
         os.chmod(self.directory, 0o755)
-        copy = os.path.join(self.directory, "runeld")
-        shutil.copy(os.path.realpath(sys.executable), copy)
-        other = subprocess.Popen(
-            ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, "-c",
-             "import socket; s = socket.create_server(('0.0.0.0', 5111)); print('listens', flush=True); s.accept()"],
-            stdout=subprocess.PIPE)
-        self.addCleanup(other.stdout.close)
-        self.addCleanup(self._end, other)
-        self.assertEqual(other.stdout.readline(), b"listens\n")
+        self.namesake("s = socket.create_server(('0.0.0.0', 5111)); print('ready', flush=True); s.accept()",
+                      "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
         self.assert_permits()
 
     def test_a_runeld_that_dpkg_is_replacing_is_refused(self):
@@ -168,14 +158,7 @@ class GuardTest(unittest.TestCase):
         self.assert_permits()
 
     def test_another_port_is_permitted(self):
-        copy = os.path.join(self.directory, "runeld")
-        shutil.copy(os.path.realpath(sys.executable), copy)
-        other = subprocess.Popen(
-            [copy, "-c", "import socket; s = socket.create_server(('0.0.0.0', 5112));"
-             " print('listens', flush=True); s.accept()"], stdout=subprocess.PIPE)
-        self.addCleanup(other.stdout.close)
-        self.addCleanup(self._end, other)
-        self.assertEqual(other.stdout.readline(), b"listens\n")
+        self.namesake("s = socket.create_server(('0.0.0.0', 5112)); print('ready', flush=True); s.accept()")
         self.assert_permits()
 
     def test_a_runeld_of_another_network_is_permitted(self):

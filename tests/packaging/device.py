@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """A client of the daemon of this world, and the processes of this world."""
+import os
 import pathlib
 import re
 import socket
@@ -50,3 +51,13 @@ def processes(pattern):
         if state != "Z" and re.search(pattern, line):
             found.append(pid)
     return found
+
+
+def end_processes():
+    """Kills the processes of this world that a test left running, and waits for their end."""
+    world.kill_all_others()
+    try:
+        while True:
+            os.waitpid(-1, 0)
+    except ChildProcessError:
+        pass

@@ -17,7 +17,7 @@ sys.path[:0] = [str(ROOT / "tests/e2e"), str(HERE / "openwrt"), str(HERE / "reci
 
 from support import world  # noqa: E402
 from support.logs import LogCollector  # noqa: E402
-from device import ask, connect  # noqa: E402
+from device import ask, connect, end_processes  # noqa: E402
 from install_document import blocks  # noqa: E402
 from tree import OpenwrtTree  # noqa: E402
 
@@ -91,17 +91,8 @@ class DocumentTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         tree = OpenwrtTree(directory.name)
         self.addCleanup(tree.unmount)
-        self.addCleanup(self.end_all)
+        self.addCleanup(end_processes)
         return tree
-
-    @staticmethod
-    def end_all():
-        world.kill_all_others()
-        try:
-            while True:
-                os.waitpid(-1, 0)
-        except ChildProcessError:
-            pass
 
     def boot(self, contents, scripts):
         """Starts the @p scripts of an image, as its init does."""

@@ -18,7 +18,7 @@ sys.path[:0] = [str(ROOT / "tests/e2e"), str(HERE / "openwrt")]
 from support import world  # noqa: E402
 from support.logs import WARNING, LogCollector  # noqa: E402
 from support.wait import wait_until  # noqa: E402
-from device import ask, connect, processes, send  # noqa: E402
+from device import ask, connect, end_processes, processes, send  # noqa: E402
 from tree import OpenwrtTree  # noqa: E402
 
 DAEMON = os.environ["RUNELD_BIN"]
@@ -43,22 +43,13 @@ class OpenwrtServiceTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.tree = OpenwrtTree(directory.name)
         self.addCleanup(self.tree.unmount)
-        self.addCleanup(self.end_all)
+        self.addCleanup(end_processes)
         self.tree.add_program(DAEMON, "usr/sbin/runeld")
         self.tree.add(FILES / "runeld.init", "etc/init.d/runeld")
         self.tree.add(FILES / "runeld.config", "etc/config/runeld", 0o600)
         self.tree.add(FILES / "runeld-guarded", "usr/lib/runeld/runeld-guarded")
         self.tree.add(ROOT / "packaging/guard/runeld-guard", "usr/lib/runeld/runeld-guard")
         self.since = self.log.mark()
-
-    @staticmethod
-    def end_all():
-        world.kill_all_others()
-        try:
-            while True:
-                os.waitpid(-1, 0)
-        except ChildProcessError:
-            pass
 
     def check(self, script, status=0, output=""):
         self.assertEqual(self.tree.run(script), (status, output))

@@ -17,7 +17,7 @@ from support import world  # noqa: E402
 from support.logs import LogCollector  # noqa: E402
 from support.wait import wait_until  # noqa: E402
 from bitbake import Recipe  # noqa: E402
-from device import ask, connect, processes, send  # noqa: E402
+from device import ask, connect, end_processes, processes, send  # noqa: E402
 from tree import OpenwrtTree  # noqa: E402
 
 UNIT = "usr/lib/systemd/system/runeld.service"
@@ -59,17 +59,8 @@ class BuildCase(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         tree = OpenwrtTree(directory.name)
         self.addCleanup(tree.unmount)
-        self.addCleanup(self.end_all)
+        self.addCleanup(end_processes)
         return tree
-
-    @staticmethod
-    def end_all():
-        world.kill_all_others()
-        try:
-            while True:
-                os.waitpid(-1, 0)
-        except ChildProcessError:
-            pass
 
     def image(self, contents):
         """A tree with the files that a recipe has installed below @p contents."""

@@ -22,7 +22,7 @@ from support.logs import WARNING, LogCollector  # noqa: E402
 from support.peers import AGENT_PORT  # noqa: E402
 from support.wait import wait_until  # noqa: E402
 from support.wire import request  # noqa: E402
-from device import ask, connect, processes, send  # noqa: E402
+from device import ask, connect, end_processes, processes, send  # noqa: E402
 
 SCRIPT = ROOT / "packaging/sysvinit/runeld"
 GUARD = ROOT / "packaging/guard/runeld-guard"
@@ -70,18 +70,9 @@ class ScriptCase:
         self.since = self.log.mark()
 
     def end_all(self):
-        world.kill_all_others()
-        self.reap()
+        end_processes()
         for path in [*pathlib.Path("/run").glob("runeld-loop.pid*"), pathlib.Path(DAEMON_PID)]:
             path.unlink(missing_ok=True)
-
-    @staticmethod
-    def reap():
-        try:
-            while True:
-                os.waitpid(-1, 0)
-        except ChildProcessError:
-            pass
 
     def install(self, **settings):
         """A copy of the script for this test, with other values of its variables."""

@@ -19,15 +19,15 @@ constexpr int kDestructors = 2;
 /// slotOf<int(bool)>(&Class::operation).
 ///
 /// In the C++ ABI of GCC and Clang a pointer to a member contains the offset in the vtable and a
-/// bit that distinguishes it from an address. On ARM addresses may be odd, so the bit is in the
-/// second word there.
+/// bit that distinguishes it from an address. On ARM and MIPS addresses may be odd, so the bit is
+/// in the second word there.
 template <typename Function, typename Class>
 int slotOf(Function Class::*operation) {
   static_assert(std::is_function_v<Function>);
   std::intptr_t words[2];
   static_assert(sizeof words == sizeof operation);
   std::memcpy(words, &operation, sizeof words);
-#if defined(__arm__) || defined(__aarch64__)
+#if defined(__arm__) || defined(__aarch64__) || defined(__mips__)
   const std::intptr_t mark = words[1] & 1;
   const std::intptr_t offset = words[0];
 #else

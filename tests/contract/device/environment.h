@@ -20,7 +20,7 @@ std::string makeDirectory(const std::string& name, const std::vector<std::string
 /// them.
 std::string programThatPrints(const std::string& text);
 std::string programThatExitsWith(int status);
-std::string programThatDiesOf(int signal);
+std::string programThatDiesOfSigusr1();
 std::string programThatSleeps();
 /// The path of a program that does not exist.
 std::string missingProgram();

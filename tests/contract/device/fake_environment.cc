@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
+#include <csignal>
 
 #include "contract/device/environment.h"
 #include "fakes/zell/fake_zell.h"
@@ -41,9 +42,9 @@ std::string programThatExitsWith(int status) {
                      {"", {SlaveStatus::failure, WatchProcessState_t::exited, status, 0, 0}});
 }
 
-std::string programThatDiesOf(int signal) {
-  return programWith("kill -" + std::to_string(signal) + " $$",
-                     {"", {SlaveStatus::failure, WatchProcessState_t::signalled, -1, 0, signal}});
+std::string programThatDiesOfSigusr1() {
+  return programWith("kill -USR1 $$",
+                     {"", {SlaveStatus::failure, WatchProcessState_t::signalled, -1, 0, SIGUSR1}});
 }
 
 std::string programThatSleeps() {

@@ -41,8 +41,8 @@ std::string programThatExitsWith(int status) {
   return "exit " + std::to_string(status);
 }
 
-std::string programThatDiesOf(int signal) {
-  return "kill -" + std::to_string(signal) + " $$";
+std::string programThatDiesOfSigusr1() {
+  return "kill -USR1 $$";
 }
 
 std::string programThatSleeps() {

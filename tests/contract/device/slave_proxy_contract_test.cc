@@ -194,8 +194,8 @@ TEST_F(SlaveProxyContract, KeepsTheOutputOfAProgramUntilTheNext) {
 TEST_F(SlaveProxyContract, ReportsHowAProgramEnded) {
   EXPECT_EQ(proxy_->system(environment::programThatExitsWith(7), 0), 0);
   EXPECT_EQ(fields(*proxy_), "1 2 7 0 0");
-  EXPECT_EQ(proxy_->system(environment::programThatDiesOf(SIGUSR1), 5), 0);
-  EXPECT_EQ(fields(*proxy_), "1 3 -1 0 10");
+  EXPECT_EQ(proxy_->system(environment::programThatDiesOfSigusr1(), 5), 0);
+  EXPECT_EQ(fields(*proxy_), "1 3 -1 0 " + std::to_string(SIGUSR1));
 }
 
 TEST_F(SlaveProxyContract, ReportsWhyAProgramDidNotStart) {

@@ -3,6 +3,7 @@
 #ifndef TESTS_CONTRACT_LINUX_PROXY_TEST_H_
 #define TESTS_CONTRACT_LINUX_PROXY_TEST_H_
 
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <sstream>
@@ -27,6 +28,11 @@ inline const char* const kSuccess = "0 0 0 0 0";
 /// The status fields of a failure with @p error.
 inline std::string failureWith(int error) {
   return "1 0 1 " + std::to_string(error) + " 0";
+}
+
+/// The status fields of a program that its limit ended with @p signal.
+inline std::string stoppedWith(int signal) {
+  return "3 4 -1 " + std::to_string(ETIMEDOUT) + " " + std::to_string(signal);
 }
 
 /// A stream with the content @p text.

@@ -159,8 +159,8 @@ TEST_F(PlainSlaveTest, CommandWordsAreExact) {
 TEST_F(PlainSlaveTest, SendsTheErrorBeforeTheOutput) {
   program("slow") = {"as far as it got\n",
                      {SlaveStatus::timeout, WatchProcessState_t::timedOut, -1, ETIMEDOUT, SIGTERM}};
-  EXPECT_EQ(answerTo("slow"),
-            "error 110 shell: start process failed\nas far as it got\n" + prompt());
+  EXPECT_EQ(answerTo("slow"), "error " + std::to_string(ETIMEDOUT) +
+                                  " shell: start process failed\nas far as it got\n" + prompt());
 }
 
 TEST_F(PlainSlaveTest, SyscallSetsTheLeds) {

@@ -365,8 +365,8 @@ TEST_F(ServerSockets, StayAliveWhenReadingFails) {
   const UniqueFd fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(server_.process_read(fd.get(), kPort, true), 0);
   EXPECT_THAT(server_.calls, IsEmpty());
-  EXPECT_THAT(lines(), ElementsAre("ERR (PID) recvfrom: socket " + std::to_string(fd.get()) +
-                                   ", 88 Socket operation on non-socket"));
+  EXPECT_THAT(lines(), ElementsAre("ERR (PID) recvfrom: socket " + std::to_string(fd.get()) + ", " +
+                                   std::to_string(ENOTSOCK) + " Socket operation on non-socket"));
 }
 
 TEST_F(ServerSockets, EndAfterAnEmptyReadOfAnInboundConnection) {

@@ -44,7 +44,8 @@ TEST_F(ProcessTasksTest, ExecAnswersTheOutputWithTheProgramsEnd) {
   EXPECT_EQ(run({"exec", "/bin/die"}), replyRecord("part", "1 3 -1 0 11"));
   device.programs["/bin/slow"] = {
       "", {SlaveStatus::timeout, WatchProcessState_t::timedOut, -1, ETIMEDOUT, 15}};
-  EXPECT_EQ(run({"exec", "/bin/slow"}, 1), replyRecord("", "3 4 -1 110 15"));
+  EXPECT_EQ(run({"exec", "/bin/slow"}, 1),
+            replyRecord("", "3 4 -1 " + std::to_string(ETIMEDOUT) + " 15"));
 }
 
 TEST_F(ProcessTasksTest, ExecThatCannotStartHasNoOutput) {

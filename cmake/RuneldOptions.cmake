@@ -30,7 +30,7 @@ if(NOT CMAKE_BUILD_TYPE STREQUAL Debug AND NOT RUNELD_SANITIZE AND NOT RUNELD_FU
   else()
     add_compile_options("-ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/runeld")
   endif()
-  foreach(directory bench client fuzz include lib runelctl src tests verify)
+  foreach(directory bench client fuzz gateway include lib runelctl src tests verify)
     add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/${directory}/=${directory}/"
       "-ffile-prefix-map=${PROJECT_BINARY_DIR}/${directory}/=${directory}/")
   endforeach()

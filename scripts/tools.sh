@@ -20,6 +20,10 @@ install_tools() {
 RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev libtomlplusplus-dev zlib1g-dev libbz2-dev
   pkg-config)
 
+# The build dependencies of runelgw, in addition to those of runelctl.
+# shellcheck disable=SC2034  # used by the scripts that source this one
+GATEWAY_TOOLS=(libboost1.74-dev libssl-dev libsoci-dev libsqlite3-dev libpq-dev prometheus-cpp-dev)
+
 # What the tests of the client library need. The library itself needs nothing.
 LIBRUNEL_TOOLS=(libuv1-dev pkg-config)
 

@@ -15,10 +15,10 @@
 #include "cli/tables.h"
 #include "commands/number_range.h"
 #include "commands/size_range.h"
-#include "inventory/nearest.h"
 #include "output/error.h"
 #include "output/standard_output.h"
 #include "output/text.h"
+#include "text/nearest.h"
 
 namespace runelctl {
 namespace {
@@ -79,7 +79,7 @@ std::string describeRest(const Tables& tables, const CommandRow* command, bool s
     for (const CommandRow& row : command == nullptr ? tables.commands : command->commands) {
       known.push_back(row.name);
     }
-    similar = nearestWord(left.front(), known);
+    similar = zell::nearestWord(left.front(), known);
     return "unknown command '" + (command == nullptr ? "" : command->name + " ") + left.front() +
            "'";
   }
@@ -88,7 +88,7 @@ std::string describeRest(const Tables& tables, const CommandRow* command, bool s
     const std::string name = option->substr(0, option->find('='));
     addOptionNames(tables.options, known);
     addOptionNames(command != nullptr ? command->options : std::vector<OptionRow>(), known);
-    similar = nearestWord(name, known);
+    similar = zell::nearestWord(name, known);
     return "unknown option '" + name + "'";
   }
   std::string text = left.size() == 1 ? "unexpected argument:" : "unexpected arguments:";

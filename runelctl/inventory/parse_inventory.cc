@@ -12,8 +12,8 @@
 #include <runel/fleet.h>
 
 #include "inventory/name_pattern.h"
-#include "inventory/nearest.h"
-#include "inventory/stray_character.h"
+#include "text/nearest.h"
+#include "text/stray_character.h"
 
 namespace runelctl {
 namespace {
@@ -121,7 +121,8 @@ class InventoryParser {
 
   void unknownKey(const TomlEntry& entry, const std::string& owner,
                   const std::vector<std::string>& known) {
-    problem(entry.line, owner + "unknown key '" + entry.key + "'" + suggestion(entry.key, known));
+    problem(entry.line,
+            owner + "unknown key '" + entry.key + "'" + zell::suggestion(entry.key, known));
   }
 
   void eachTable(const std::vector<TomlEntry>& entries, const std::string& key,
@@ -400,7 +401,7 @@ class InventoryParser {
 }  // namespace
 
 std::vector<InventoryProblem> parseInventory(std::string_view text, Inventory& inventory) {
-  if (const std::optional<int> line = lineOfStrayCharacter(text)) {
+  if (const std::optional<int> line = zell::lineOfStrayCharacter(text)) {
     return {{*line, "expected ASCII characters outside of strings and comments"}};
   }
   try {

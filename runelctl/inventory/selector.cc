@@ -5,7 +5,7 @@
 
 #include "inventory/inventory_file.h"
 #include "inventory/name_pattern.h"
-#include "inventory/nearest.h"
+#include "text/nearest.h"
 
 namespace runelctl {
 namespace {
@@ -67,7 +67,8 @@ runel::Result<void> Selector::addGroup(const std::string& name) {
   }
   const InventoryGroup* group = inventory_->group(name);
   if (group == nullptr) {
-    return selectionError("no group '" + name + "'" + suggestion(name, inventory_->groupNames()));
+    return selectionError("no group '" + name + "'" +
+                          zell::suggestion(name, inventory_->groupNames()));
   }
   named_.emplace_back(name, group->defaults.run);
   for (const std::size_t member : group->members) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Suggestions for misspelled words.
-#include "inventory/nearest.h"
+#include "text/nearest.h"
 
 #include <string>
 #include <string_view>
@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-namespace runelctl {
+namespace zell {
 namespace {
 
 const std::vector<std::string> kWords{"exec", "cat", "ls", "hostid", "walktree"};
@@ -50,4 +50,4 @@ TEST(SuggestionTest, IsAQuestionOrEmpty) {
 }
 
 }  // namespace
-}  // namespace runelctl
+}  // namespace zell

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "inventory/nearest.h"
+#include "text/nearest.h"
 
 #include <algorithm>
 
-namespace runelctl {
+namespace zell {
 namespace {
 
 // The cost is the product of the lengths.
@@ -57,4 +57,4 @@ std::string suggestion(std::string_view word, const std::vector<std::string>& kn
   return nearest.empty() ? "" : " (did you mean '" + nearest + "'?)";
 }
 
-}  // namespace runelctl
+}  // namespace zell

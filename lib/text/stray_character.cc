@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "inventory/stray_character.h"
+#include "text/stray_character.h"
 
 #include <algorithm>
 #include <cstddef>
 
-namespace runelctl {
+namespace zell {
 namespace {
 
 constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
@@ -49,4 +49,4 @@ std::optional<int> lineOfStrayCharacter(std::string_view text) {
   return std::nullopt;
 }
 
-}  // namespace runelctl
+}  // namespace zell

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Suggestions for misspelled words.
-#ifndef RUNELCTL_INVENTORY_NEAREST_H_
-#define RUNELCTL_INVENTORY_NEAREST_H_
+#ifndef ZELL_TEXT_NEAREST_H_
+#define ZELL_TEXT_NEAREST_H_
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace runelctl {
+namespace zell {
 
 /// The number of edits between two words: inserted, removed and replaced bytes, and exchanges of
 /// two neighbours.
@@ -21,6 +21,6 @@ namespace runelctl {
 /// " (did you mean 'WORD'?)" for the nearest of @p known; empty if none is similar enough.
 [[nodiscard]] std::string suggestion(std::string_view word, const std::vector<std::string>& known);
 
-}  // namespace runelctl
+}  // namespace zell
 
-#endif  // RUNELCTL_INVENTORY_NEAREST_H_
+#endif  // ZELL_TEXT_NEAREST_H_

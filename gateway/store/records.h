@@ -19,14 +19,14 @@ using DeviceId = std::uint64_t;
 
 /// What was decided about a device. Offline, online and quarantined are states of the moment: the
 /// database does not have them.
-enum class Admission { waiting, approved, denied };
+enum class Decision { waiting, approved, denied };
 
 /// One device. Key: `id`. The hostid is not unique here: two devices may claim the same.
 struct DeviceRecord {
   DeviceId id = 0;
   std::string hostid;  ///< raw bytes, as the device sent them
   std::string name;
-  Admission admission = Admission::waiting;
+  Decision decision = Decision::waiting;
   std::string address;  ///< of the last connection
   std::uint16_t port = 0;
   std::string certificate;  ///< the verified name of the last connection, or empty

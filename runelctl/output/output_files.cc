@@ -15,7 +15,7 @@
 #include "client/core/sha256.h"
 #include "output/style.h"
 #include "output/terminal_text.h"
-#include "output/utf8.h"
+#include "text/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -45,7 +45,7 @@ std::string fileNameFor(std::string_view device) {
   std::string name;
   for (std::string_view rest = device; !rest.empty();) {
     std::uint32_t code = 0;
-    const std::size_t length = std::max<std::size_t>(utf8Sequence(rest, code), 1);
+    const std::size_t length = std::max<std::size_t>(zell::utf8Sequence(rest, code), 1);
     const std::string_view character = rest.substr(0, length);
     const bool hidden = name.empty() && character == ".";
     if (isPlain(character) && !hidden) {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "output/utf8.h"
+#include "text/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -49,7 +49,7 @@ void appendEscaped(std::string& text, std::string_view bytes) {
 // The number of bytes of one character, or 1 for a byte that is not part of a character.
 std::size_t characterLength(std::string_view bytes) {
   std::uint32_t code = 0;
-  return std::max<std::size_t>(utf8Sequence(bytes, code), 1);
+  return std::max<std::size_t>(zell::utf8Sequence(bytes, code), 1);
 }
 
 // The number of bytes of the character at the start of @p bytes if a terminal only prints it, or of
@@ -62,7 +62,7 @@ std::size_t harmlessLength(std::string_view bytes) {
     return 2;
   }
   std::uint32_t code = 0;
-  const std::size_t length = utf8Sequence(bytes, code);
+  const std::size_t length = zell::utf8Sequence(bytes, code);
   return actsOnTerminal(code) ? 0 : length;
 }
 
@@ -82,7 +82,7 @@ std::size_t harmlessStart(std::string_view bytes) {
 
 // Whether the meaning of all of @p bytes depends on what follows.
 bool isUndecided(std::string_view bytes) {
-  return bytes == "\r" || (bytes.size() < 4 && isUtf8Beginning(bytes));
+  return bytes == "\r" || (bytes.size() < 4 && zell::isUtf8Beginning(bytes));
 }
 
 }  // namespace
@@ -114,7 +114,7 @@ std::string terminalSafeJson(std::string_view line) {
     if (!line.empty()) {
       std::uint32_t code = 0;
       char escape[16];
-      const std::size_t length = std::max<std::size_t>(utf8Sequence(line, code), 1);
+      const std::size_t length = std::max<std::size_t>(zell::utf8Sequence(line, code), 1);
       std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(code & 0xffffU));
       text += escape;
       line.remove_prefix(length);

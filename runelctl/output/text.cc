@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "output/utf8.h"
+#include "text/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -49,7 +49,7 @@ std::string jsonLine(const Json& object, bool terminal) {
 
 std::size_t unfinishedCharacter(std::string_view bytes) {
   for (std::size_t count = 1; count <= std::min<std::size_t>(3, bytes.size()); ++count) {
-    if (isUtf8Beginning(bytes.substr(bytes.size() - count))) {
+    if (zell::isUtf8Beginning(bytes.substr(bytes.size() - count))) {
       return count;
     }
   }
@@ -57,7 +57,7 @@ std::size_t unfinishedCharacter(std::string_view bytes) {
 }
 
 void putBytes(Json& object, const std::string& key, std::string_view bytes) {
-  if (isUtf8(bytes)) {
+  if (zell::isUtf8(bytes)) {
     object[key] = bytes;
   } else {
     object[key + "_base64"] = base64(bytes);
@@ -79,7 +79,7 @@ void discard(Json& value) noexcept {
 }
 
 void moveBytes(Json& object, const std::string& key, std::string&& bytes) {
-  if (isUtf8(bytes)) {
+  if (zell::isUtf8(bytes)) {
     object[key] = std::move(bytes);
   } else {
     object[key + "_base64"] = base64(bytes);

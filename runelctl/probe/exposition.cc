@@ -14,8 +14,8 @@
 #include "base/unique_fd.h"
 #include "client/core/paths.h"
 #include "output/style.h"
-#include "output/utf8.h"
 #include "probe/number_text.h"
+#include "text/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -105,7 +105,7 @@ std::string labelText(std::string_view value) {
   std::string text;
   while (!value.empty()) {
     std::uint32_t code = 0;
-    const std::size_t length = utf8Sequence(value, code);
+    const std::size_t length = zell::utf8Sequence(value, code);
     const std::string_view character = value.substr(0, length == 0 ? 1 : length);
     value.remove_prefix(character.size());
     if (length == 0) {

@@ -14,7 +14,7 @@
 
 #include "output/mode_text.h"
 #include "output/table.h"
-#include "output/utf8.h"
+#include "text/utf8.h"
 
 namespace runelctl {
 namespace {
@@ -122,7 +122,7 @@ TEST(TerminalTextTest, IsTheSameHoweverTheTextIsDivided) {
     }
     shown += divided.end();
     ASSERT_EQ(shown, visible(text)) << terminalSafe(text);
-    ASSERT_TRUE(isUtf8(shown));
+    ASSERT_TRUE(zell::isUtf8(shown));
     ASSERT_EQ(visible(shown), shown) << "nothing is left to escape";
   }
 }

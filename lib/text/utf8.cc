@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "output/utf8.h"
+#include "text/utf8.h"
 
 #include <algorithm>
 
-namespace runelctl {
+namespace zell {
 namespace {
 
 unsigned char byteAt(std::string_view text, std::size_t place) {
@@ -63,4 +63,4 @@ bool isUtf8(std::string_view bytes) {
   return true;
 }
 
-}  // namespace runelctl
+}  // namespace zell

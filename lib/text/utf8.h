@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Validates UTF-8.
-#ifndef RUNELCTL_OUTPUT_UTF8_H_
-#define RUNELCTL_OUTPUT_UTF8_H_
+#ifndef ZELL_TEXT_UTF8_H_
+#define ZELL_TEXT_UTF8_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-namespace runelctl {
+namespace zell {
 
 /// The length of the valid UTF-8 sequence at the start of @p text, and its code point. 0 for an
 /// invalid sequence, such as an overlong form, a surrogate or a number above 0x10ffff.
@@ -19,6 +19,6 @@ namespace runelctl {
 
 [[nodiscard]] bool isUtf8(std::string_view bytes);
 
-}  // namespace runelctl
+}  // namespace zell
 
-#endif  // RUNELCTL_OUTPUT_UTF8_H_
+#endif  // ZELL_TEXT_UTF8_H_

@@ -22,7 +22,7 @@ struct Endpoint {
 };
 
 /// Whether a device that is on no list is worked on.
-enum class Admission {
+enum class AdmissionMode {
   open,     ///< yes
   approve,  ///< when someone has approved it
   list,     ///< no: only devices of the allow list
@@ -51,7 +51,7 @@ struct DeviceSettings {
 
 /// `[admission]`: which devices are worked on.
 struct AdmissionSettings {
-  Admission mode = Admission::open;
+  AdmissionMode mode = AdmissionMode::open;
   ///@{
   /// Host identifiers, addresses and networks (ADDRESS/BITS). They complete those of the database.
   std::vector<std::string> allow;

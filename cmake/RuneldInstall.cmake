@@ -47,13 +47,13 @@ if(RUNELD_CTL)
     DESTINATION "${CMAKE_INSTALL_DATADIR}/runelctl/monitoring" COMPONENT monitoring)
 endif()
 
-# The Wireshark dissector. The directory in which Wireshark finds it depends on the system.
-install(FILES "${PROJECT_SOURCE_DIR}/packaging/wireshark/runel.lua"
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/runel-wireshark" COMPONENT wireshark)
-
 if(NOT RUNELD_DOCS)
   return()
 endif()
+
+# The Wireshark dissector. The directory in which Wireshark finds it depends on the system.
+install(FILES "${PROJECT_SOURCE_DIR}/packaging/wireshark/runel.lua"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/runel-wireshark" COMPONENT wireshark)
 install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" "${PROJECT_SOURCE_DIR}/man/runeld-protect.8"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT documents)
 if(RUNELD_CTL)

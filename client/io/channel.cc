@@ -110,7 +110,7 @@ void Channel::flush() {
   }
   msghdr message{};
   message.msg_iov = parts;
-  message.msg_iovlen = count;
+  message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(count);  // int with musl
   const ssize_t taken = sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (taken < 0) {
     if (!wouldBlock(errno)) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "base/unique_fd.h"

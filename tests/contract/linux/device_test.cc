@@ -44,7 +44,7 @@ class DeviceTest : public ProxyTest {
 };
 
 /// A sleeping process with the given argv[0]. Waits until /proc shows its arguments, which happens
-/// shortly after the spawn.
+/// shortly after the spawn. Where vfork(2) is a plain fork(2), it shows those of the caller before.
 class Sleeper {
  public:
   explicit Sleeper(const std::string& argument) {
@@ -53,7 +53,8 @@ class Sleeper {
     char* argv[] = {name.data(), time.data(), nullptr};
     EXPECT_EQ(posix_spawn(&pid_, "/bin/sleep", nullptr, nullptr, argv, environ), 0);
     const std::string shown = "/proc/" + std::to_string(pid_) + "/cmdline";
-    EXPECT_TRUE(becomesTrue([&] { return !contentOf(shown).empty(); }));
+    const std::string arguments = name + '\0' + time + '\0';
+    EXPECT_TRUE(becomesTrue([&] { return contentOf(shown) == arguments; }));
   }
   ~Sleeper() {
     kill(pid_, SIGKILL);

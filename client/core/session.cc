@@ -51,8 +51,8 @@ void Session::add(const Request& like, ReplyHandler handler, Time now, bool raw)
   if (pending_.empty()) {
     lastProgress_ = now;
   }
-  pending_.push_back({std::move(handler), like.replyLimit(), like.extraTimeout(), like.answered(),
-                      !raw && like.repeatable(), mayRunInPart(like),
+  pending_.push_back({std::move(handler), like.replyLimit(), like.extraTimeout(),
+                      events_ || like.answered(), !raw && like.repeatable(), mayRunInPart(like),
                       raw ? std::nullopt : longTaskOf(like), std::nullopt});
 }
 
@@ -75,6 +75,9 @@ void Session::progress(std::uint64_t sent, Time now) {
 
 // A reply cannot belong to a request that is not sent completely.
 std::optional<Error> Session::receive(std::string&& payload, Time now) {
+  if (const auto event = events_ ? LinkEvent::parse(payload) : std::nullopt) {
+    return receiveEvent(*event, now);
+  }
   if (pending_.empty() || !isSent(pending_.front())) {
     return Error(Kind::link, Cause::protocol, "answer without a request");
   }
@@ -84,6 +87,50 @@ std::optional<Error> Session::receive(std::string&& payload, Time now) {
   }
   complete(std::move(*reply), now);
   return std::nullopt;
+}
+
+// An event may come before the rest of its request is sent.
+std::optional<Error> Session::receiveEvent(const LinkEvent& event, Time now) {
+  if (event.about == LinkEvent::About::progress) {
+    lastProgress_ = now;
+    return std::nullopt;
+  }
+  if (event.about == LinkEvent::About::end) {
+    failRest(event.error);
+    return event.error;
+  }
+  if (queuedCount_ == 0) {
+    return Error(Kind::link, Cause::protocol, "answer without a request");
+  }
+  if (event.about == LinkEvent::About::sent) {
+    complete(Reply(), now);
+  } else {
+    failOldest(event.error, now);
+  }
+  return std::nullopt;
+}
+
+void Session::failOldest(const Error& why, Time now) {
+  const Pending& front = pending_.front();
+  if (why.outcome() == Outcome::unknown) {
+    ++everSent_;
+    everUnrepeatable_ += front.repeatable ? 0 : 1;
+    everInDoubt_ += front.repeatable ? 0 : 1;
+  }
+  completed_.push_back({std::move(pending_.front().handler), why});
+  pending_.pop_front();
+  --queuedCount_;
+  lastProgress_ = now;
+}
+
+// The peer knows that no byte of these requests has reached the device.
+void Session::failRest(const Error& why) {
+  for (Pending& pending : pending_) {
+    completed_.push_back({std::move(pending.handler), why.with(Outcome::notSent)});
+  }
+  pending_.clear();
+  queuedCount_ = 0;
+  sent_ = 0;
 }
 
 void Session::complete(Reply reply, Time now) {

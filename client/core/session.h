@@ -13,6 +13,8 @@
 #include <runel/error.h>
 #include <runel/request.h>
 
+#include "client/core/link_event.h"
+
 namespace runel {
 
 /// Performs no I/O, reads no clock and calls no handler: its user moves the bytes and calls the
@@ -26,7 +28,10 @@ class Session {
     Reply reply;
   };
 
-  explicit Session(Milliseconds timeout) : timeout_(timeout) {}
+  /// @p events: the peer is behind a dialer and may tell a `LinkEvent` in place of an answer.
+  /// Then also a request that has no reply is complete only with an event.
+  explicit Session(Milliseconds timeout, bool events = false)
+      : timeout_(timeout), events_(events) {}
 
   /// Adds a request. @p like gives the limits of its reply. A @p raw request may have another task
   /// than @p like and is not repeatable.
@@ -79,12 +84,16 @@ class Session {
     std::optional<std::uint64_t> end;  ///< empty until its frame is queued
   };
 
+  [[nodiscard]] std::optional<Error> receiveEvent(const LinkEvent& event, Time now);
   [[nodiscard]] bool isSent(const Pending& pending) const;
   [[nodiscard]] std::size_t pendingInDoubt() const;
   void complete(Reply reply, Time now);
+  void failOldest(const Error& why, Time now);
+  void failRest(const Error& why);
   void count();
 
   const Milliseconds timeout_;
+  const bool events_;
   std::deque<Pending> pending_;
   std::deque<Completion> completed_;
   std::size_t everSent_ = 0;          // without those of pending_

@@ -8,11 +8,14 @@
 #include <fcntl.h>
 
 #include "base/unique_fd.h"
+#include "client/core/exclusive_task.h"
 #include "client/core/late_content.h"
+#include "client/core/link_event.h"
 #include "client/core/session.h"
 #include "client/io/acknowledgements.h"
 #include "client/io/channel.h"
 #include "client/io/connector.h"
+#include "client/io/dialer.h"
 #include "client/io/spool.h"
 
 namespace runel {
@@ -24,8 +27,11 @@ struct AsyncDevice::Data {
         address_(std::move(itsAddress)),
         options_(itsOptions),
         dials_(itDials),
-        session_(options_.ioTimeout()) {}
+        dialed_(DeviceDialer::of(options_) != nullptr && address_.isBehindMaster()),
+        session_(options_.ioTimeout(), dialed_) {}
 
+  void askShared(const Request& request, ReplyHandler handler);
+  void refuse(const Error& why, ReplyHandler handler);
   void ask(OutgoingPayload payload, const Request& like, ReplyHandler handler, bool raw);
   void connect();
   void connected(zell::UniqueFd socket);
@@ -43,7 +49,8 @@ struct AsyncDevice::Data {
   Loop& loop_;
   const Address address_;
   const DeviceOptions options_;
-  const bool dials_;  // false for a device that has connected itself
+  const bool dials_;   // false for a device that has connected itself
+  const bool dialed_;  // through a dialer: the device has other clients, and the peer tells events
   Session session_;
   std::unique_ptr<Connector> connector_;
   std::unique_ptr<Channel> channel_;
@@ -76,13 +83,30 @@ void AsyncDevice::Data::ask(OutgoingPayload payload, const Request& like, ReplyH
   }
 }
 
+void AsyncDevice::Data::askShared(const Request& request, ReplyHandler handler) {
+  if (const std::optional<Error> why = exclusiveTask(request)) {
+    refuse(*why, std::move(handler));
+  } else {
+    const Request same = limited(request);
+    ask(LateRequest::payloadOf(same), same, std::move(handler), false);
+  }
+}
+
+// Nothing of it is sent, and the other requests continue.
+void AsyncDevice::Data::refuse(const Error& why, ReplyHandler handler) {
+  loop_.next([why, handler = std::move(handler), alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired()) {
+      handler(why);
+    }
+  });
+}
+
 void AsyncDevice::Data::connect() {
   if (connector_) {
     return;
   }
   connector_ = std::make_unique<Connector>(
-      loop_, address_, options_.masterSocket(), options_.connectTimeout(),
-      [this](zell::UniqueFd socket, std::optional<Error> error) {
+      loop_, address_, options_, [this](zell::UniqueFd socket, std::optional<Error> error) {
         // The connector is still executing this call: destroy it in the next turn.
         auto held = std::make_shared<std::unique_ptr<Connector>>(std::move(connector_));
         loop_.next([held] { held->reset(); });
@@ -116,7 +140,8 @@ void AsyncDevice::Data::send(OutgoingPayload&& payload) {
 }
 
 void AsyncDevice::Data::received(std::string&& payload) {
-  if (tap_ && session_.pending() > 0) {
+  const bool event = dialed_ && LinkEvent::parse(payload);
+  if (tap_ && session_.pending() > 0 && !event) {
     tap_(payload);
   }
   session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
@@ -236,10 +261,18 @@ AsyncDevice::~AsyncDevice() {
 }
 
 void AsyncDevice::ask(const Request& request, ReplyHandler handler) {
+  if (data_->dialed_) {
+    data_->askShared(request, std::move(handler));
+    return;
+  }
   data_->ask(LateRequest::payloadOf(request), request, std::move(handler), false);
 }
 
 void AsyncDevice::askRaw(std::string payload, const Request& like, ReplyHandler handler) {
+  if (const auto why = data_->dialed_ ? exclusiveTask(payload) : std::nullopt) {
+    data_->refuse(*why, std::move(handler));
+    return;
+  }
   data_->ask(std::move(payload), like, std::move(handler), true);
 }
 

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "client/core/link_event.h"
 #include "client/io/local_peer.h"
 
 namespace runel {
@@ -51,13 +52,13 @@ void setTaskOptions(int socket) {
   setNumber(socket, IPPROTO_TCP, TCP_KEEPCNT, kProbeCount);
 }
 
-Connector::Connector(Loop& loop, const Address& address, std::string masterSocket,
-                     Milliseconds limit, Done done)
+Connector::Connector(Loop& loop, const Address& address, const DeviceOptions& options, Done done)
     : loop_(loop),
       address_(address),
-      masterSocket_(std::move(masterSocket)),
+      masterSocket_(options.masterSocket()),
+      dialer_(DeviceDialer::of(options)),
       done_(std::move(done)) {
-  limit_ = loop_.after(limit, [this] {
+  limit_ = loop_.after(options.connectTimeout(), [this] {
     fail({Kind::timeout, Cause::connectTimeout, "connect timeout", ETIMEDOUT});
   });
   start_ = loop_.after(Milliseconds(0), [this] { start(); });
@@ -72,7 +73,9 @@ Connector::~Connector() {
 }
 
 void Connector::start() {
-  if (address_.isBehindMaster()) {
+  if (address_.isBehindMaster() && dialer_) {
+    dial();
+  } else if (address_.isBehindMaster()) {
     connectMaster();
   } else {
     resolveName();
@@ -127,6 +130,15 @@ void Connector::connectMaster() {
   }
 }
 
+void Connector::dial() {
+  socket_ = dialer_->dial();
+  if (socket_.valid()) {
+    sendGreeting();
+  } else {
+    failConnect(errno);
+  }
+}
+
 void Connector::watchConnect() {
   if (!loop_.watch(socket_.get(), EPOLLOUT, [this](std::uint32_t) { connected(); })) {
     failConnect(errno);
@@ -177,6 +189,8 @@ void Connector::readGreeting() {
   }
   if (got == 1 && greeting_ == "ok") {
     succeed();
+  } else if (const auto error = dialer_ ? parseErrorLine(greeting_) : std::nullopt) {
+    fail(*error);
   } else {
     fail({Kind::link, Cause::refusedByMaster,
           greeting_.empty() ? "the master closed the connection" : greeting_});

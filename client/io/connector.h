@@ -13,6 +13,7 @@
 #include <runel/loop.h>
 
 #include "base/unique_fd.h"
+#include "client/io/dialer.h"
 
 namespace runel {
 
@@ -22,9 +23,9 @@ class Connector {
   /// Exactly one of the two arguments has a value.
   using Done = std::function<void(zell::UniqueFd socket, std::optional<Error> error)>;
 
-  /// @p masterSocket is the path of the master's control socket, for targets behind a master.
-  Connector(Loop& loop, const Address& address, std::string masterSocket, Milliseconds limit,
-            Done done);
+  /// @p options have the connect timeout and, for targets behind a master, the path of its control
+  /// socket or the dialer.
+  Connector(Loop& loop, const Address& address, const DeviceOptions& options, Done done);
   ~Connector();
   Connector(const Connector&) = delete;
   Connector& operator=(const Connector&) = delete;
@@ -34,6 +35,7 @@ class Connector {
   void resolveName();
   void connectTcp(in_addr host);
   void connectMaster();
+  void dial();
   void watchConnect();
   void connected();
   void sendGreeting();
@@ -45,6 +47,7 @@ class Connector {
   Loop& loop_;
   const Address address_;
   const std::string masterSocket_;
+  const std::shared_ptr<Dialer> dialer_;  // null for a master with a control socket
   Done done_;
   zell::UniqueFd socket_;
   std::string greeting_;

@@ -3,6 +3,7 @@
 
 #include <runel/async_device.h>
 
+#include "client/io/dialer.h"
 #include "client/io/spool.h"
 
 namespace runel {
@@ -16,6 +17,7 @@ struct DeviceOptions::Data {
   int retries = 0;
   Milliseconds retryPause{200};
   std::shared_ptr<Spool> spool;
+  std::shared_ptr<Dialer> dialer;
 };
 
 DeviceOptions::DeviceOptions() : data_(std::make_unique<Data>()) {}
@@ -93,6 +95,14 @@ void DeviceSpool::set(DeviceOptions& options, std::shared_ptr<Spool> spool) {
 
 const std::shared_ptr<Spool>& DeviceSpool::of(const DeviceOptions& options) {
   return options.data_->spool;
+}
+
+void DeviceDialer::set(DeviceOptions& options, std::shared_ptr<Dialer> dialer) {
+  options.data_->dialer = std::move(dialer);
+}
+
+const std::shared_ptr<Dialer>& DeviceDialer::of(const DeviceOptions& options) {
+  return options.data_->dialer;
 }
 
 }  // namespace v1

@@ -50,7 +50,7 @@ AsyncAgent::Data::Data(Loop& loopOf, const Address& address, Milliseconds connec
                        Handlers handlersOf)
     : loop(loopOf),
       handlers(std::make_shared<const Handlers>(std::move(handlersOf))),
-      connector(loopOf, address, "", connectTimeout,
+      connector(loopOf, address, DeviceOptions().setConnectTimeout(connectTimeout),
                 [this](zell::UniqueFd fd, std::optional<Error> error) {
                   if (error) {
                     end(*error);

@@ -66,6 +66,7 @@ class RUNEL_API DeviceOptions {
   ///@}
 
  private:
+  friend class DeviceDialer;
   friend class DeviceSpool;
   struct RUNEL_LOCAL Data;
   std::unique_ptr<Data> data_;

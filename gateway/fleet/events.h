@@ -105,6 +105,7 @@ class Events {
 
  private:
   void deliver();
+  void dropEnded();
 
   const std::function<std::int64_t()> now_;
   const Limits limits_;

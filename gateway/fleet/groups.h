@@ -20,6 +20,8 @@ class Groups {
   /// The most terms of a query with those of all groups that it uses: it limits the time to
   /// evaluate it.
   static constexpr std::size_t kMostWork = 8192;
+  /// How deep groups may use each other.
+  static constexpr std::size_t kDeepest = 16;
   /// The most groups.
   static constexpr std::size_t kMostGroups = 1000;
 
@@ -43,9 +45,13 @@ class Groups {
   [[nodiscard]] static bool isName(const std::string& name);
 
  private:
-  using Work = std::map<std::string, std::size_t>;
-  [[nodiscard]] runel::Result<std::size_t> work(const Query& query, Work& known,
-                                                std::vector<std::string>& path) const;
+  struct Cost {
+    std::size_t terms = 0;
+    std::size_t depth = 0;
+  };
+  struct Search;
+  [[nodiscard]] runel::Result<Cost> cost(const Query& query, Search& search) const;
+  [[nodiscard]] runel::Result<Cost> costOfGroup(const std::string& name, Search& search) const;
 
   std::map<std::string, Query> groups_;
 };

@@ -36,30 +36,27 @@ class AccessList {
   };
 
   /// Adds or replaces an entry. Fails with a sentence for an unknown kind, an empty value, and an
-  /// address that is not ADDRESS or ADDRESS/BITS. The lists of one AccessList may have the same
-  /// value allowed and denied if @p source differs.
-  runel::Result<void> set(const AccessRecord& entry);
+  /// address that is not ADDRESS or ADDRESS/BITS. The host bits of a network are cleared.
+  runel::Result<void> set(AccessRecord entry);
   /// False if there is no such entry.
   bool remove(const std::string& kind, const std::string& value);
 
   /// All entries, by kind and value.
   [[nodiscard]] std::vector<AccessRecord> entries() const;
 
-  /// Whether @p claimant is on the list by any of its properties.
+  /// Whether @p claimant is on the list by any of its properties. An empty property is on no list.
   [[nodiscard]] Match find(const Claimant& claimant) const;
-  /// The same for what is known before a connection has told its hostid.
-  [[nodiscard]] Match findPlace(const std::string& address, const std::string& certificate) const;
-
   /// "address" for ADDRESS and ADDRESS/BITS, "hostid" for any other text.
   [[nodiscard]] static const char* kindOf(const std::string& text);
 
  private:
-  [[nodiscard]] Match findValue(const std::string& kind, const std::string& value) const;
+  using Key = std::pair<std::string, std::string>;
+  [[nodiscard]] static runel::Result<Key> keyOf(const std::string& kind, const std::string& value);
+  [[nodiscard]] Match findValue(const char* kind, const std::string& value) const;
   [[nodiscard]] Match findAddress(const std::string& address) const;
 
-  std::map<std::pair<std::string, std::string>, AccessRecord> entries_;
-  // Of addresses, by the number of their bits and their network.
-  std::map<unsigned, std::map<std::uint32_t, std::vector<bool>>> networks_;
+  std::map<Key, AccessRecord> entries_;
+  std::map<unsigned, std::map<std::uint32_t, bool>> networks_;  // allowed, by bits and network
 };
 
 /// What happens to a device that is on no list.
@@ -79,7 +76,7 @@ enum class PinTo {
 /// What was decided about an identity.
 struct Standing {
   NewDevices mode = NewDevices::welcome;
-  Admission admission = Admission::waiting;
+  Decision decision = Decision::waiting;
   std::string pinAddress;
   std::string pinCertificate;
 };

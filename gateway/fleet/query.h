@@ -24,6 +24,8 @@ inline constexpr std::size_t kLongestQuery = 4096;
 inline constexpr std::size_t kMostTerms = 512;
 inline constexpr std::size_t kDeepestQuery = 32;
 
+struct QueryNode;
+
 /// Why a text is not a query.
 struct QueryError {
   std::size_t position = 0;  ///< of the first wrong byte, from 0
@@ -73,13 +75,23 @@ class Query {
   [[nodiscard]] const std::string& text() const;
   /// The groups that it names itself, without "all", each once.
   [[nodiscard]] const std::vector<std::string>& groups() const;
-  /// The names of single devices in it: without wildcards, with the numbers of ranges expanded, at
-  /// most @p most. A caller tells those that do not exist: a misspelled name selects nothing.
-  [[nodiscard]] std::vector<std::string> deviceNames(std::size_t most = 10000) const;
+  /// How many of its terms are the group @p name.
+  [[nodiscard]] std::size_t uses(const std::string& name) const;
+  /// Terms that name single devices: without wildcards. A caller tells those that do not exist: a
+  /// misspelled name would select nothing.
+  struct Named {
+    std::string text;                ///< as a caller writes it, such as "gw-[1-3]"
+    std::vector<std::string> names;  ///< of devices; empty if there are more than `kMostNames`
+    bool mayBeTag = false;           ///< devices with a tag of this name are selected too
+  };
+  static constexpr std::size_t kMostNames = 10000;
+  [[nodiscard]] const std::vector<Named>& named() const;
   /// Whether the result changes with time alone.
   [[nodiscard]] bool dependsOnTime() const;
   /// The number of its terms.
   [[nodiscard]] std::size_t terms() const;
+  /// Its parts.
+  [[nodiscard]] const QueryNode& root() const;
 
  private:
   friend class QueryParser;

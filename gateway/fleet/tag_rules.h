@@ -57,6 +57,9 @@ class TagRules {
 /// At most 256 bytes of valid UTF-8 without control characters; may be empty.
 [[nodiscard]] bool isTagValue(const std::string& value);
 
+/// Fails with a sentence for an invalid name or value.
+[[nodiscard]] runel::Result<void> checkTag(const std::string& name, const std::string& value);
+
 }  // namespace runelgw
 
 #endif  // RUNELGW_FLEET_TAG_RULES_H_

@@ -125,7 +125,7 @@ Place numberPlace(double& value, double least, double most) {
 }
 
 Place choicePlace(std::function<void(std::size_t)> set, std::function<std::size_t()> get,
-                  std::vector<std::string> names) {
+                  const std::vector<std::string>& names) {
   return {Place::Kind::text,
           [set = std::move(set), names](const RawValue& raw) -> Expected {
             const auto* text = std::get_if<std::string>(&raw);

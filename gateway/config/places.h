@@ -36,7 +36,8 @@ struct TextRule {
 [[nodiscard]] Place numberPlace(double& value, double least, double most);
 /// One of the @p names, which stand for 0, 1, 2...
 [[nodiscard]] Place choicePlace(std::function<void(std::size_t)> set,
-                                std::function<std::size_t()> get, std::vector<std::string> names);
+                                std::function<std::size_t()> get,
+                                const std::vector<std::string>& names);
 
 /// A whole number from @p least to @p most, set and read by functions.
 [[nodiscard]] Place wholePlace(std::function<void(std::uint64_t)> set,
@@ -52,9 +53,9 @@ template <typename Number>
 
 /// One of the @p names, in the order of the enumerators.
 template <typename Enumeration>
-[[nodiscard]] Place enumPlace(Enumeration& value, std::vector<std::string> names) {
+[[nodiscard]] Place enumPlace(Enumeration& value, const std::vector<std::string>& names) {
   return choicePlace([&value](std::size_t index) { value = static_cast<Enumeration>(index); },
-                     [&value] { return static_cast<std::size_t>(value); }, std::move(names));
+                     [&value] { return static_cast<std::size_t>(value); }, names);
 }
 
 }  // namespace runelgw

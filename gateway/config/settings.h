@@ -28,6 +28,13 @@ enum class AdmissionMode {
   list,     ///< no: only devices of the allow list
 };
 
+/// What a new device is pinned to.
+enum class PinMode {
+  best,         ///< the name in its verified certificate, else its address
+  certificate,  ///< the name in its verified certificate, else nothing
+  nothing,
+};
+
 /// The highest level of messages that are logged.
 enum class LogLevel { error, warning, info, debug };
 
@@ -52,6 +59,7 @@ struct DeviceSettings {
 /// `[admission]`: which devices are worked on.
 struct AdmissionSettings {
   AdmissionMode mode = AdmissionMode::open;
+  PinMode pin = PinMode::best;
   ///@{
   /// Host identifiers, addresses and networks (ADDRESS/BITS). They complete those of the database.
   std::vector<std::string> allow;

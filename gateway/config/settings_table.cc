@@ -100,6 +100,13 @@ const std::vector<SettingRow> kRows = {
      [](Settings& s) {
        return enumPlace(s.admission.mode, {"open", "approve", "list"});
      }},
+    {"admission", "pin", "WHAT",
+     "What a new device is pinned to: \"best\" is the name in its certificate, which a proxy has "
+     "verified, or without one its address; \"certificate\" is only that name; \"nothing\". A "
+     "connection from elsewhere with the same identity is quarantined.",
+     [](Settings& s) {
+       return enumPlace(s.admission.pin, {"best", "certificate", "nothing"});
+     }},
     {"admission", "allow", "ITEM,...",
      "Host identifiers, addresses and networks of devices that are worked on, in addition to the "
      "list in the database.",

@@ -24,6 +24,7 @@ const std::map<std::string, std::pair<std::string, std::string>> kOthers = {
     {"devices.identify_per_second", {"5", "5"}},
     {"devices.answer_timeout_seconds", {"2.25", "2.25"}},
     {"admission.mode", {"approve", R"("approve")"}},
+    {"admission.pin", {"nothing", R"("nothing")"}},
     {"admission.allow", {"gw-1,192.0.2.9", R"(["gw-1", "192.0.2.9"])"}},
     {"admission.deny", {"\"odd\"", R"(["\"odd\""])"}},
     {"queue.length", {"2", "2"}},

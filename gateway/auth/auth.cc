@@ -92,13 +92,17 @@ void Auth::insert(TokenRecord record) {
   entry.record = std::move(record);
 }
 
-Auth::Entry* Auth::entryOf(const std::string& hash) {
+const Auth::Entry* Auth::entryOf(const std::string& hash) const {
   const auto found = byHash_.find(hash);
   if (found == byHash_.end()) {
     return nullptr;
   }
   const auto entry = entries_.find(found->second);
   return entry == entries_.end() ? nullptr : &entry->second;
+}
+
+Auth::Entry* Auth::entryOf(const std::string& hash) {
+  return const_cast<Entry*>(std::as_const(*this).entryOf(hash));
 }
 
 Auth::Answer Auth::authenticate(const Credentials& credentials) {
@@ -249,6 +253,33 @@ void Auth::endSessionsOf(std::uint64_t token) {
   for (auto session = sessions_.begin(); session != sessions_.end();) {
     session = session->second.token == token ? sessions_.erase(session) : std::next(session);
   }
+}
+
+bool Auth::knows(const Credentials& credentials) const {
+  if (!credentials.authorization.empty()) {
+    const std::string secret = bearerOf(credentials.authorization);
+    const Entry* const entry = looksLikeToken(secret) ? entryOf(hashOf(secret)) : nullptr;
+    return entry != nullptr && isUsable(entry->record, clocks_.wall());
+  }
+  if (!credentials.session.empty()) {
+    return peek(credentials.session).has_value();
+  }
+  const Entry* const entry =
+      credentials.certificate.empty() ? nullptr : entryOf(certificateHash(credentials.certificate));
+  return entry != nullptr && isUsable(entry->record, clocks_.wall());
+}
+
+std::optional<Identity> Auth::peek(const std::string& secret) const {
+  const std::string hash = hashOf(secret);
+  const auto session = sessions_.find(hash);
+  if (session == sessions_.end() || !isAlive(session->second)) {
+    return std::nullopt;
+  }
+  const auto entry = entries_.find(session->second.token);
+  if (entry == entries_.end() || !isUsable(entry->second.record, clocks_.wall())) {
+    return std::nullopt;
+  }
+  return identityOf(entry->second.record, Way::session, hash);
 }
 
 bool Auth::isValid(const Identity& identity) const {

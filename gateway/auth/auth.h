@@ -112,6 +112,11 @@ class Auth {
   /// Ends the session of @p identity, if it came by one.
   void logout(const Identity& identity);
 
+  /// Whether @p credentials would be accepted now, apart from rates. Counts nothing.
+  [[nodiscard]] bool knows(const Credentials& credentials) const;
+  /// Who has the session @p secret. Counts nothing.
+  [[nodiscard]] std::optional<Identity> peek(const std::string& secret) const;
+
   /// Whether @p identity would still be accepted. Does not count as a request.
   [[nodiscard]] bool isValid(const Identity& identity) const;
   /// The same client with its rights as they are now.
@@ -148,6 +153,7 @@ class Auth {
   Answer bySession(const Credentials& credentials);
   Answer byCertificate(const Credentials& credentials);
   AuthRefusal fail(const std::string& peer, std::string text);
+  [[nodiscard]] const Entry* entryOf(const std::string& hash) const;
   Entry* entryOf(const std::string& hash);
   void noteUse(Entry& entry);
   void insert(TokenRecord record);

@@ -104,14 +104,21 @@ class Log:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind("/dev/log")
         self.lines = []
+        self.changed = threading.Condition()
         threading.Thread(target=self.collect, daemon=True).start()
 
     def collect(self):
         while True:
-            self.lines.append(self.socket.recv(1 << 18))
+            line = self.socket.recv(1 << 18)
+            with self.changed:
+                self.lines.append(line)
+                self.changed.notify_all()
 
     def has(self, text):
-        return any(line.endswith(text) and b" runeld: (" in line for line in list(self.lines))
+        """Whether a line ends so. The last lines may be read after the daemon has ended."""
+        with self.changed:
+            return self.changed.wait_for(
+                lambda: any(line.endswith(text) and b" runeld: (" in line for line in self.lines), TIMEOUT)
 
 
 def answer_lookups(server):

@@ -14,8 +14,8 @@ constexpr std::size_t kFirstBytes = 64;
 // Short frames share a buffer, so that a few system calls send a thousand small requests.
 constexpr std::size_t kShared = 32768;
 constexpr std::size_t kReadAtOnce = 262144;
-// From this length on, a payload goes to a store.
-constexpr std::size_t kLongPayload = 262144;
+// At the end of a record it is a digit.
+constexpr char kNoDigit = '!';
 
 }  // namespace
 
@@ -63,7 +63,7 @@ std::vector<std::string_view> FrameStream::outgoing(std::size_t most) const {
 void FrameStream::sent(std::size_t bytes) {
   queued_ -= bytes;
   sent_ += bytes;
-  while (!out_.empty() && sent_ >= out_.front().bytes.size()) {
+  while (!out_.empty() && !unreadable_ && sent_ >= out_.front().bytes.size()) {
     sent_ -= out_.front().bytes.size();
     if (out_.front().unread() > 0) {
       readOn(out_.front());
@@ -77,6 +77,38 @@ void FrameStream::readOn(Part& part) {
   const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(part.unread(), kReadAtOnce));
   part.late.read(part.offset, count, part.bytes);
   part.offset += count;
+  unreadable_ = part.bytes.size() != count;
+}
+
+// A frame that is not sent is in whole parts, and in bytes of parts that it shares with others.
+void FrameStream::remove(std::uint64_t begin, std::uint64_t end) {
+  std::uint64_t at = firstPosition();
+  for (Part& part : out_) {
+    const std::uint64_t next = at + part.bytes.size() + part.unread();
+    const std::uint64_t from = std::max(at, begin);
+    const std::uint64_t to = std::min(next, end);
+    if (from < to && part.unread() > 0) {
+      part = Part();
+    } else if (from < to) {
+      part.bytes.erase(static_cast<std::size_t>(from - at), static_cast<std::size_t>(to - from));
+    }
+    at = next;
+  }
+  queued_ -= static_cast<std::size_t>(end - begin);
+  everQueued_ -= end - begin;
+  sent(0);  // the first part has bytes
+}
+
+void FrameStream::spoil(std::uint64_t end) {
+  std::uint64_t at = firstPosition();
+  for (Part& part : out_) {
+    const std::uint64_t next = at + part.bytes.size() + part.unread();
+    if (end <= next) {
+      part.bytes[static_cast<std::size_t>(end - 1 - at)] = kNoDigit;
+      return;
+    }
+    at = next;
+  }
 }
 
 void FrameStream::receive(const std::string& bytes) {
@@ -113,7 +145,7 @@ std::optional<std::string> FrameStream::nextPayload() {
 
 void FrameStream::beginStoring() {
   const std::size_t length = codec_.announced();
-  if (!tooLong_ && makeStore_ && length >= kLongPayload) {
+  if (!tooLong_ && makeStore_ && length >= least_) {
     std::string begin;
     missing_ = codec_.takeIncomplete(begin);
     store_ = makeStore_(length);

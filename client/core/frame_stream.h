@@ -38,6 +38,8 @@ class PayloadStore {
 /// Performs no I/O: its user moves the bytes.
 class FrameStream {
  public:
+  /// From this length on, a payload goes to a store.
+  static constexpr std::size_t kLongPayload = 262144;
   /// Creates the store for a payload of @p length bytes.
   using MakeStore = std::function<std::unique_ptr<PayloadStore>(std::size_t length)>;
 
@@ -53,6 +55,15 @@ class FrameStream {
   /// The number of bytes ever queued. Minus `queued()`, it is the number of sent bytes.
   [[nodiscard]] std::uint64_t everQueued() const { return everQueued_; }
 
+  /// Removes the frame from @p begin to @p end, as positions in all bytes ever queued. None of it
+  /// may be sent. The positions of later frames decrease by its length.
+  void remove(std::uint64_t begin, std::uint64_t end);
+  /// Replaces the last byte of the frame that ends at @p end, which is not sent yet and not late
+  /// content, so that its payload is no valid record.
+  void spoil(std::uint64_t end);
+  /// Late content could not be read: the rest of its frame must not be sent.
+  [[nodiscard]] bool unreadable() const { return unreadable_; }
+
   /// Adds received @p bytes.
   void receive(const std::string& bytes);
   /// The next complete payload.
@@ -62,8 +73,12 @@ class FrameStream {
   /// A payload longer than @p bytes is a violation of the protocol, as soon as its length is
   /// announced.
   void limitPayloads(std::size_t bytes) { limit_ = bytes; }
-  /// Keeps each long payload in a store of @p make while it is received.
-  void keepLongPayloads(MakeStore make) { makeStore_ = std::move(make); }
+  /// From now on keeps each payload of at least @p least bytes in a store of @p make while it is
+  /// received. Without @p make in memory.
+  void keepLongPayloads(MakeStore make, std::size_t least = kLongPayload) {
+    makeStore_ = std::move(make);
+    least_ = least;
+  }
 
  private:
   // Bytes to send. Those of a late content are read part by part.
@@ -77,7 +92,8 @@ class FrameStream {
 
   void queueShort(const std::string& head, const std::string& payload);
   void queueLong(OutgoingPayload&& payload);
-  static void readOn(Part& part);
+  void readOn(Part& part);
+  [[nodiscard]] std::uint64_t firstPosition() const { return everQueued_ - queued_ - sent_; }
   void beginStoring();
   [[nodiscard]] std::optional<std::string> storedPayload();
 
@@ -85,11 +101,13 @@ class FrameStream {
   std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;
+  bool unreadable_ = false;
 
   zell::ByteCountProtocol codec_{zell::ByteCountProtocol::kNoSocket};
   std::size_t limit_ = zell::kMaxFramePayload;
   bool tooLong_ = false;
   MakeStore makeStore_;
+  std::size_t least_ = kLongPayload;
   std::unique_ptr<PayloadStore> store_;  // of the payload that is being received
   std::size_t missing_ = 0;              // bytes that store_ has not received
   bool lost_ = false;

@@ -17,8 +17,9 @@ inline namespace v1 {
 
 /// The last argument of a request. Its size is announced before it is read.
 struct LateContent {
-  /// Sets @p bytes to the @p count bytes at @p offset. Cannot fail: where they cannot be read, it
-  /// gives as many other bytes and remembers that. Called as long as the request may be sent.
+  /// Sets @p bytes to the @p count bytes at @p offset. Another number of bytes ends the connection.
+  /// Files that shrink need not do that: as many other bytes may be given and that be remembered.
+  /// Called as long as the request may be sent.
   using Read = std::function<void(std::uint64_t offset, std::size_t count, std::string& bytes)>;
 
   std::size_t size = 0;

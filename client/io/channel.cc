@@ -77,6 +77,11 @@ void Channel::send(OutgoingPayload payload) {
   askFor();
 }
 
+void Channel::remove(std::uint64_t begin, std::uint64_t end) {
+  stream_.remove(begin, end);
+  askFor();
+}
+
 void Channel::setReading(bool reading) {
   reading_ = reading;
   askFor();
@@ -119,6 +124,10 @@ void Channel::flush() {
     return;
   }
   stream_.sent(static_cast<std::size_t>(taken));
+  if (stream_.unreadable()) {
+    finish({Kind::local, Cause::other, "cannot read the content of a request"});
+    return;
+  }
   askFor();
   if (remote_ && look_.id == 0) {
     watchAcknowledgements();

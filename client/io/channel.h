@@ -47,6 +47,13 @@ class Channel {
   void limitMessages(std::size_t bytes) { stream_.limitPayloads(bytes); }
   /// Holds long messages in @p spool until they are complete.
   void setSpool(std::shared_ptr<Spool> spool);
+  /// See `FrameStream::keepLongPayloads`.
+  void keepLongMessages(FrameStream::MakeStore make, std::size_t least) {
+    stream_.keepLongPayloads(std::move(make), least);
+  }
+  /// See `FrameStream`.
+  void remove(std::uint64_t begin, std::uint64_t end);
+  void spoil(std::uint64_t end) { stream_.spoil(end); }
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 

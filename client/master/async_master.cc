@@ -27,6 +27,76 @@ void MasterUser::forward(std::string payload, Answer answer) {
   }
 }
 
+struct UserRequest::Data {
+  SlaveLink::UserPayload payload;
+  MasterConnection::UserHandlers handlers;
+  SlaveLink::LongAnswers answers;
+};
+
+UserRequest::UserRequest(std::string payload)
+    : data_(new Data{SlaveLink::UserPayload(std::move(payload)), {}, {}}) {}
+
+// Its last byte is in memory, so that it can still be replaced when the rest is sent.
+UserRequest::UserRequest(std::size_t size, Read read) {
+  OutgoingPayload payload;
+  if (size > 0) {
+    read(size - 1, 1, payload.tail);
+    payload.tail.resize(1);
+    payload.content = {size - 1, std::move(read)};
+  }
+  data_.reset(new Data{SlaveLink::UserPayload(std::move(payload)), {}, {}});
+}
+
+UserRequest::UserRequest(UserRequest&& other) noexcept = default;
+UserRequest& UserRequest::operator=(UserRequest&& other) noexcept = default;
+UserRequest::~UserRequest() = default;
+
+UserRequest& UserRequest::onSent(std::function<void()> sent) {
+  data_->handlers.sent = std::move(sent);
+  return *this;
+}
+
+UserRequest& UserRequest::onAnswer(std::function<void(std::string payload)> answer) {
+  data_->handlers.answer = std::move(answer);
+  return *this;
+}
+
+UserRequest& UserRequest::onFailed(std::function<void(const Error& error)> failed) {
+  data_->handlers.failed = std::move(failed);
+  return *this;
+}
+
+UserRequest& UserRequest::setLongAnswers(std::size_t least,
+                                         std::function<Sink(std::size_t size)> make) {
+  data_->answers = {std::move(make), least};
+  return *this;
+}
+
+std::uint64_t MasterUser::send(UserRequest request) {
+  if (data_->user->connection == nullptr) {
+    return 0;
+  }
+  UserRequest::Data& parts = *request.data_;
+  return data_->user->connection->send(data_->user, std::move(parts.payload),
+                                       std::move(parts.handlers), std::move(parts.answers));
+}
+
+bool MasterUser::withdraw(std::uint64_t number) {
+  MasterConnection* const connection = data_->user->connection;
+  return connection != nullptr && connection->withdraw(*data_->user, number);
+}
+
+void MasterUser::check() {
+  if (data_->user->connection != nullptr) {
+    data_->user->connection->check();
+  }
+}
+
+Clock::time_point MasterUser::lastProgress() const {
+  const MasterConnection* const connection = data_->user->connection;
+  return connection == nullptr ? Clock::time_point() : connection->lastProgress();
+}
+
 bool MasterUser::busy() const {
   return data_->user->busy;
 }

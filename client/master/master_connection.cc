@@ -104,7 +104,11 @@ void MasterConnection::ask(const Request& request, ReplyHandler handler) {
     finish(*asked, reply && !tooLong ? std::move(*reply) : Reply(error.with(Outcome::unknown)));
   };
   const auto failed = [this, asked](const Error& error) { finish(*asked, error); };
-  slave_->forward(request.encode(), answered, {failed, [this, asked] { finish(*asked, Reply()); }});
+  SlaveLink::Ends ends{failed, nullptr};
+  if (!request.answered()) {
+    ends.sent = [this, asked] { finish(*asked, Reply()); };
+  }
+  slave_->forward(request.encode(), answered, ends, SlaveLink::LongAnswers());
   if (request.answered() && request.extraTimeout()) {
     asked->limit = context_.timeout + *request.extraTimeout();
     watch(asked);
@@ -160,8 +164,66 @@ void MasterConnection::forward(const std::shared_ptr<User>& user, std::string pa
       }
     });
   };
-  slave_->forward(std::move(payload), pass, SlaveLink::Ends());
+  slave_->forward(std::move(payload), pass, SlaveLink::Ends(), SlaveLink::LongAnswers());
   adjust();
+}
+
+// The link calls back while it works, so the handlers are called later. They are found by number:
+// the request may be withdrawn in between.
+std::uint64_t MasterConnection::send(const std::shared_ptr<User>& user,
+                                     SlaveLink::UserPayload payload, UserHandlers handlers,
+                                     SlaveLink::LongAnswers answers) {
+  const auto made = std::make_shared<UserHandlers>(std::move(handlers));
+  const auto queue = [&calls = context_.calls, weak = std::weak_ptr<User>(user),
+                      request = std::weak_ptr<UserHandlers>(made)](auto call) {
+    calls.add([weak, request, call = std::move(call)]() mutable {
+      const auto held = request.lock();
+      if (held && !weak.expired()) {
+        call(*held, *weak.lock());
+      }
+    });
+  };
+  const auto end = [](const UserHandlers& held, User& of) {
+    const auto kept = of.requests.extract(held.number);  // it lives until its handler returns
+    return kept.mapped();
+  };
+  const auto answered = [queue, end](std::string&& reply) {
+    queue([end, reply = std::move(reply)](const UserHandlers& held, User& of) mutable {
+      const auto kept = end(held, of);
+      if (kept->answer) {
+        kept->answer(std::move(reply));
+      }
+    });
+  };
+  const auto failed = [queue, end](const Error& error) {
+    queue([end, error](const UserHandlers& held, User& of) {
+      const auto kept = end(held, of);
+      if (kept->failed) {
+        kept->failed(error);
+      }
+    });
+  };
+  const auto sent = [queue, end, last = !payload.answered]() {
+    queue([end, last](const UserHandlers& held, User& of) {
+      const auto kept = last ? end(held, of) : of.requests.at(held.number);
+      if (kept->sent) {
+        kept->sent();
+      }
+    });
+  };
+  made->number = slave_->forward(std::move(payload), answered, {failed, sent}, std::move(answers));
+  user->requests.emplace(made->number, made);
+  adjust();
+  return made->number;
+}
+
+bool MasterConnection::withdraw(User& user, std::uint64_t number) {
+  if (user.requests.count(number) == 0 || !slave_->withdraw(number)) {
+    return false;
+  }
+  user.requests.erase(number);
+  adjust();
+  return true;
 }
 
 // A user that leaves before its answers may have timed out on a dead device: check the device.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -32,11 +33,19 @@ class MasterConnection {
     std::function<void(const std::string& clause)> clause;
     std::function<void(const std::string& why)> lost;
   };
+  /// What is called for one request of a user.
+  struct UserHandlers {
+    std::function<void()> sent;
+    std::function<void(std::string payload)> answer;
+    std::function<void(const Error& error)> failed;
+    std::uint64_t number = 0;
+  };
   /// One user of a slave connection. Shared with the handle of the program.
   struct User {
     MasterUser::Handlers handlers;
     MasterConnection* connection = nullptr;            ///< empty after its end
     std::list<std::shared_ptr<User>>::iterator place;  ///< among the users of its connection
+    std::map<std::uint64_t, std::shared_ptr<UserHandlers>> requests;  ///< those of `send`
     bool reading = true;
     bool busy = false;
   };
@@ -64,6 +73,10 @@ class MasterConnection {
   /// For a slave connection.
   [[nodiscard]] std::shared_ptr<User> attach(MasterUser::Handlers handlers);
   void forward(const std::shared_ptr<User>& user, std::string payload, MasterUser::Answer answer);
+  /// Returns the number of the request.
+  std::uint64_t send(const std::shared_ptr<User>& user, SlaveLink::UserPayload payload,
+                     UserHandlers handlers, SlaveLink::LongAnswers answers);
+  [[nodiscard]] bool withdraw(User& user, std::uint64_t number);
   void detach(const std::shared_ptr<User>& user);
   /// Pauses or resumes the answers for @p user.
   void setReading(User& user, bool on);
@@ -101,6 +114,8 @@ class MasterConnection {
   [[nodiscard]] std::int64_t since() const { return since_; }
   [[nodiscard]] Milliseconds age() const;
   [[nodiscard]] std::size_t users() const { return users_.size(); }
+  /// Of a slave connection: when bytes were sent or received last.
+  [[nodiscard]] Clock::time_point lastProgress() const { return lastProgress_; }
   /// The counters of a slave connection; all 0 for other roles.
   [[nodiscard]] SlaveLink::Counters counters() const;
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -29,6 +31,22 @@ constexpr Milliseconds kConfirmTime{5000};
 constexpr Milliseconds kLookPause{500};
 // The resolution of the kernel's timestamps.
 constexpr Milliseconds kTick{20};
+
+// Passes a long answer on. Nothing of it remains for the text.
+class SinkStore : public PayloadStore {
+ public:
+  explicit SinkStore(const std::shared_ptr<const UserRequest::Sink>& sink) : sink_(sink) {}
+  void add(std::string_view bytes) override {
+    const auto sink = sink_.lock();
+    if (sink) {  // otherwise the request was withdrawn
+      (*sink)(bytes);
+    }
+  }
+  std::optional<std::string> take() override { return std::string(); }
+
+ private:
+  const std::weak_ptr<const UserRequest::Sink> sink_;
+};
 
 }  // namespace
 
@@ -59,9 +77,15 @@ SlaveLink::~SlaveLink() {
   loop_.cancel(timer_);
 }
 
-void SlaveLink::forward(std::string payload, Answer answer, Ends ends) {
+SlaveLink::UserPayload::UserPayload(std::string whole) : answered(isAnswered(whole)) {
+  bytes.head = std::move(whole);
+}
+
+std::uint64_t SlaveLink::forward(UserPayload payload, Answer answer, Ends ends,
+                                 LongAnswers answers) {
   ++counters_.requests;
-  send(std::move(payload), {std::move(answer), std::move(ends), false});
+  return send(std::move(payload),
+              {std::move(answer), std::move(ends), false, std::move(answers), ++lastNumber_});
 }
 
 void SlaveLink::ask(const Request& request, ReplyHandler handler) {
@@ -88,26 +112,92 @@ void SlaveLink::check() {
   }
 }
 
-void SlaveLink::send(std::string payload, Pending pending) {
-  counters_.bytesOut += payload.size();
-  const bool answered = isAnswered(payload);
-  channel_.send(std::move(payload));
+std::uint64_t SlaveLink::send(UserPayload payload, Pending pending) {
+  const std::uint64_t number = pending.number;
+  pending.size = payload.bytes.size();
+  counters_.bytesOut += pending.size;
+  pending.begin = channel_.everQueued();
+  channel_.send(std::move(payload.bytes));
   pending.end = channel_.everQueued();
-  if (answered) {
+  if (payload.answered) {
     users_ += pending.own ? 0 : 1;
-    pending_.push_back(std::move(pending));
+    const auto added = pending_.insert(pending_.end(), std::move(pending));
+    unsent_ = unsent_ == pending_.end() ? added : unsent_;
     limitAnswers();
   } else {
     unanswerable_.push_back(std::move(pending));
   }
+  return number;
+}
+
+SlaveLink::Requests::iterator SlaveLink::find(Requests& requests, std::uint64_t number) {
+  return std::find_if(requests.begin(), requests.end(), [number](const Pending& request) {
+    return !request.own && request.number == number;
+  });
+}
+
+bool SlaveLink::withdraw(std::uint64_t number) {
+  for (Requests* requests : {&pending_, &unanswerable_}) {
+    const auto found = find(*requests, number);
+    if (found != requests->end()) {
+      return withdraw(*requests, found);
+    }
+  }
+  return false;
+}
+
+// An answer to what is sent still comes, to a request that is no record too.
+bool SlaveLink::withdraw(Requests& requests, Requests::iterator request) {
+  const std::uint64_t sent = channel_.everQueued() - channel_.queued();
+  if (sent <= request->begin) {
+    drop(requests, request);
+    return true;
+  }
+  if (isSent(*request)) {
+    return false;
+  }
+  request->answer = [](std::string&&) {};
+  request->ends = Ends();
+  request->answers = LongAnswers();
+  request->sink.reset();
+  channel_.spoil(request->end);
+  if (&requests == &unanswerable_) {
+    const auto later = std::find_if(pending_.begin(), pending_.end(), [&](const Pending& other) {
+      return other.begin > request->begin;
+    });
+    ++users_;
+    pending_.splice(later, requests, request);
+    unsent_ = unsent_ == later ? request : unsent_;
+  }
+  limitAnswers();
+  return true;
+}
+
+void SlaveLink::drop(Requests& requests, Requests::iterator request) {
+  const std::uint64_t length = request->end - request->begin;
+  channel_.remove(request->begin, request->end);
+  counters_.bytesOut -= request->size;
+  for (Requests* others : {&pending_, &unanswerable_}) {
+    for (Pending& other : *others) {
+      if (other.begin > request->begin) {
+        other.begin -= length;
+        other.end -= length;
+      }
+    }
+  }
+  users_ -= &requests == &pending_ ? 1 : 0;
+  unsent_ = unsent_ == request ? std::next(request) : unsent_;
+  requests.erase(request);
+  limitAnswers();
 }
 
 void SlaveLink::take(std::string&& payload) {
-  counters_.bytesIn += payload.size();
+  counters_.bytesIn += payload.size() + std::exchange(storedAnswer_, 0);
   if (pending_.empty()) {
     lose({Kind::link, Cause::protocol, "answer without a request"});
     return;
   }
+  unsent_ = unsent_ == pending_.begin() ? std::next(unsent_) : unsent_;
   const Pending front = std::move(pending_.front());
   pending_.pop_front();
   users_ -= front.own ? 0 : 1;
@@ -115,13 +205,21 @@ void SlaveLink::take(std::string&& payload) {
   front.answer(std::move(payload));
 }
 
+void SlaveLink::tellSent(Pending& pending) {
+  const auto sent = std::exchange(pending.ends.sent, nullptr);
+  if (sent) {
+    sent();
+  }
+}
+
 void SlaveLink::progress() {
+  while (unsent_ != pending_.end() && isSent(*unsent_)) {
+    tellSent(*unsent_++);
+  }
   while (!unanswerable_.empty() && isSent(unanswerable_.front())) {
-    const Pending front = std::move(unanswerable_.front());
+    Pending front = std::move(unanswerable_.front());
     unanswerable_.pop_front();
-    if (front.ends.sent) {
-      front.ends.sent();
-    }
+    tellSent(front);
   }
   if (events_.progress) {
     events_.progress();
@@ -137,6 +235,22 @@ bool SlaveLink::isSent(const Pending& pending) const {
 void SlaveLink::limitAnswers() {
   const bool users = !pending_.empty() && !pending_.front().own;
   channel_.limitMessages(users ? zell::kMaxFramePayload : kLongestOwnAnswer);
+  const bool storing = users && pending_.front().answers.make;
+  if (storing) {
+    channel_.keepLongMessages([this](std::size_t length) { return store(length); },
+                              pending_.front().answers.least);
+  } else if (storing_) {
+    channel_.keepLongMessages(nullptr, 0);
+  }
+  storing_ = storing;
+}
+
+// Called when the length of the answer to the oldest request is known.
+std::unique_ptr<PayloadStore> SlaveLink::store(std::size_t length) {
+  storedAnswer_ = length;
+  Pending& front = pending_.front();
+  front.sink = std::make_shared<const UserRequest::Sink>(front.answers.make(length));
+  return std::make_unique<SinkStore>(front.sink);
 }
 
 void SlaveLink::setReading(bool reading) {
@@ -208,6 +322,7 @@ void SlaveLink::failAll(const Error& error) {
     }
   }
   pending_.clear();
+  unsent_ = pending_.end();
   unanswerable_.clear();
 }
 

@@ -7,13 +7,17 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <memory>
 #include <string>
+#include <utility>
 
+#include <runel/async_master.h>
 #include <runel/error.h>
 #include <runel/loop.h>
 #include <runel/request.h>
 
 #include "base/unique_fd.h"
+#include "client/core/late_content.h"
 #include "client/io/channel.h"
 
 namespace runel {
@@ -28,8 +32,22 @@ class SlaveLink {
   struct Ends {
     /// The link is lost before the answer. The outcome of @p error is that of the request.
     std::function<void(const Error& error)> failed;
-    /// A payload without an answer is sent.
+    /// The last byte of the request is sent.
     std::function<void()> sent;
+  };
+  /// Where an answer of at least `least` bytes goes. The text form that is passed on is then empty.
+  struct LongAnswers {
+    std::function<UserRequest::Sink(std::size_t size)> make;
+    std::size_t least = 0;
+  };
+  /// The payload of a user's request.
+  struct UserPayload {
+    UserPayload(std::string whole);  // NOLINT(google-explicit-constructor)
+    UserPayload(OutgoingPayload late)
+        : bytes(std::move(late)) {}  // NOLINT(google-explicit-constructor)
+
+    OutgoingPayload bytes;
+    bool answered = true;
   };
   struct Events {
     /// The link is lost. It may be destroyed from the next turn of the loop.
@@ -49,8 +67,10 @@ class SlaveLink {
   SlaveLink(const SlaveLink&) = delete;
   SlaveLink& operator=(const SlaveLink&) = delete;
 
-  /// Sends any @p payload of a user.
-  void forward(std::string payload, Answer answer, Ends ends);
+  /// Sends any @p payload of a user and returns the number of the request.
+  std::uint64_t forward(UserPayload payload, Answer answer, Ends ends, LongAnswers answers);
+  /// See `MasterUser::withdraw`.
+  [[nodiscard]] bool withdraw(std::uint64_t number);
   /// Sends a cheap request of the master itself, to which the timeout applies.
   void ask(const Request& request, ReplyHandler handler);
   /// Checks whether the peer is alive; calls `lost` later if it is not.
@@ -68,10 +88,21 @@ class SlaveLink {
     Answer answer;
     Ends ends;
     bool own;
-    std::uint64_t end = 0;  ///< end of its frame, as an offset in all queued bytes
+    LongAnswers answers{};
+    std::uint64_t number = 0;
+    std::uint64_t begin = 0;  ///< of its frame, as an offset in all queued bytes
+    std::uint64_t end = 0;    ///< of its frame
+    std::size_t size = 0;     ///< of its payload
+    std::shared_ptr<const UserRequest::Sink> sink{};  ///< receives its answer
   };
+  using Requests = std::list<Pending>;
 
-  void send(std::string payload, Pending pending);
+  std::uint64_t send(UserPayload payload, Pending pending);
+  [[nodiscard]] static Requests::iterator find(Requests& requests, std::uint64_t number);
+  [[nodiscard]] bool withdraw(Requests& requests, Requests::iterator request);
+  void drop(Requests& requests, Requests::iterator request);
+  void tellSent(Pending& pending);
+  [[nodiscard]] std::unique_ptr<PayloadStore> store(std::size_t length);
   void take(std::string&& payload);
   void progress();
   [[nodiscard]] bool isSent(const Pending& pending) const;
@@ -86,9 +117,13 @@ class SlaveLink {
   const Milliseconds timeout_;
   Events events_;
   Channel channel_;
-  std::list<Pending> pending_;       // lists: they need no memory while the device is idle
-  std::list<Pending> unanswerable_;  // requests without an answer that are not sent yet
-  std::size_t users_ = 0;            // pending requests of users
+  Requests pending_;       // lists: they need no memory while the device is idle
+  Requests unanswerable_;  // requests without an answer that are not sent yet
+  Requests::iterator unsent_ = pending_.end();  // the first of pending_ that is not wholly sent
+  std::uint64_t lastNumber_ = 0;
+  std::size_t storedAnswer_ = 0;  // the length of the answer that a sink receives
+  bool storing_ = false;          // long answers go to a sink
+  std::size_t users_ = 0;         // pending requests of users
   Counters counters_;
   bool reading_ = true;
   std::size_t unanswered_ = 0;  // pending requests of the master

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <runel/error.h>
@@ -101,6 +102,47 @@ class RUNEL_API DeviceInfo {
   std::shared_ptr<const Data> data_;
 };
 
+/// One request that a user passes on as it is, and how it ends.
+class RUNEL_API UserRequest {
+ public:
+  /// Sets @p bytes to the @p count bytes at @p offset of the payload. Another number of bytes ends
+  /// the connection to the device, because it must not get others. Called as long as the request
+  /// may be sent.
+  using Read = std::function<void(std::uint64_t offset, std::size_t count, std::string& bytes)>;
+  /// Receives the bytes of a long answer, part by part.
+  using Sink = std::function<void(std::string_view part)>;
+
+  /// The text form of a record.
+  explicit UserRequest(std::string payload);
+  /// A record of @p size bytes, which are read while they are sent. Never "restart".
+  UserRequest(std::size_t size, Read read);
+  ///@{
+  /// Moving leaves @p other without a state: assign to it or destroy it.
+  UserRequest(UserRequest&& other) noexcept;
+  UserRequest& operator=(UserRequest&& other) noexcept;
+  ///@}
+  ~UserRequest();
+
+  /// Calls @p sent when the system has taken the last byte of the request. Before the answer, and
+  /// not at all when the connection ends before that.
+  UserRequest& onSent(std::function<void()> sent);
+  /// Calls @p answer with the payload of the answer. A request without an answer, such as
+  /// "restart", only calls what `onSent` has set.
+  UserRequest& onAnswer(std::function<void(std::string payload)> answer);
+  /// Calls @p failed when the connection ends before the answer. The outcome of the error is that
+  /// of this request: `Outcome::notSent` or `Outcome::unknown`.
+  UserRequest& onFailed(std::function<void(const Error& error)> failed);
+  /// Passes an answer of @p least bytes or more to a sink, which @p make creates when the length is
+  /// announced. `onAnswer` then gets an empty text. A long answer that arrives at once may still
+  /// come as a text.
+  UserRequest& setLongAnswers(std::size_t least, std::function<Sink(std::size_t size)> make);
+
+ private:
+  friend class MasterUser;
+  struct RUNEL_LOCAL Data;
+  std::unique_ptr<Data> data_;
+};
+
 /// One of several users of a device at a master, such as a program that passes on the requests of
 /// another process. Requests and answers pass byte for byte.
 class RUNEL_API MasterUser {
@@ -124,6 +166,17 @@ class RUNEL_API MasterUser {
   /// payload without an answer, such as "restart", calls nothing. Answers come in order. There is
   /// no timeout: detach to give up.
   void forward(std::string payload, Answer answer);
+  /// Sends @p request as one frame and returns its number, from 1. Returns 0 and calls nothing when
+  /// the connection has ended. When it ends later, `onFailed` comes before `Handlers::lost`.
+  std::uint64_t send(UserRequest request);
+  /// Takes back the request @p number. Returns true if it never runs: it is dropped or, if a part
+  /// of it is sent, its last byte is replaced, so that the device refuses it. Nothing is called for
+  /// it any more. Returns false, and changes nothing, if it is sent wholly or has ended.
+  bool withdraw(std::uint64_t number);
+  /// Checks whether the device is alive: the connection ends if it is not.
+  void check();
+  /// When the last bytes were sent to the device or received from it.
+  [[nodiscard]] Clock::time_point lastProgress() const;
   /// True while so many bytes wait for the device that the user should pause.
   [[nodiscard]] bool busy() const;
   /// Pauses or resumes the answers, for a user that takes them slowly. A pause stops the answers to

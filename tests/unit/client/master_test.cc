@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -782,6 +784,172 @@ TEST_F(MasterTest, UserMayOutliveTheMaster) {
   user->setReading(false);
   user->forward("late", [](const std::string&) { FAIL(); });
   EXPECT_TRUE(lost.empty());
+}
+
+TEST_F(MasterTest, TellsWhenARequestIsSentAndItsAnswer) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  const auto user = attach();
+  std::vector<std::string> told;
+  const auto request = [&](const std::string& name) {
+    UserRequest made(Request({name}).encode());
+    made.onSent([&told, name] { told.push_back("sent " + name); })
+        .onAnswer(
+            [&told, name](const std::string& payload) { told.push_back(name + " " + payload); })
+        .onFailed([&told, name](const Error&) { told.push_back("failed " + name); });
+    return made;
+  };
+  EXPECT_EQ(user->send(request("hostid")), 1U);
+  EXPECT_EQ(user->send(request("read")), 2U);
+  EXPECT_TRUE(told.empty()) << "never within the call";
+  runUntil([&] { return told.size() == 4; });
+  device.answers = false;
+  EXPECT_EQ(user->send(request("restart")), 3U);
+  runUntil([&] { return told.size() == 5; });
+  EXPECT_EQ(told,
+            (std::vector<std::string>{"sent hostid", "sent read", "hostid " + recordOf("fake"),
+                                      "read " + device.special, "sent restart"}));
+  EXPECT_FALSE(user->withdraw(1)) << "it has ended";
+  EXPECT_EQ(master->devices()[0].requests(), 3U);
+}
+
+TEST_F(MasterTest, ALossTellsTheOutcomeOfEachRequestBeforeTheLoss) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  const auto user = attach();
+  std::vector<std::string> told;
+  const auto send = [&](UserRequest request, const std::string& name) {
+    request.onSent([&told, name] { told.push_back("sent " + name); })
+        .onFailed([&, name](const Error& error) {
+          EXPECT_TRUE(lost.empty());
+          told.push_back(name + " " + nameOf(error.outcome()));
+        });
+    EXPECT_NE(user->send(std::move(request)), 0U);
+  };
+  send(UserRequest(Request({"read", "/a"}).encode()), "first");
+  runUntil([&] { return told.size() == 1; });
+  // More than the system takes.
+  send(UserRequest(100000000, [](std::uint64_t, std::size_t count,
+                                 std::string& bytes) { bytes.assign(count, 'x'); }),
+       "large");
+  send(UserRequest(Request({"restart"}).encode()), "last");
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  device.resetConnection();
+  runUntil([&] { return !lost.empty(); });
+  EXPECT_EQ(told, (std::vector<std::string>{"sent first", "first sent, outcome unknown",
+                                            "large not sent", "last not sent"}));
+  EXPECT_EQ(user->send(UserRequest("late")), 0U);
+  EXPECT_FALSE(user->withdraw(1));
+}
+
+TEST_F(MasterTest, WithdrawnRequestsNeverRun) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  const auto user = attach();
+  std::vector<std::string> told;
+  const auto request = [&](UserRequest made, const std::string& name) {
+    made.onSent([&told, name] { told.push_back("sent " + name); })
+        .onAnswer([&told, name](const std::string&) { told.push_back(name); });
+    return user->send(std::move(made));
+  };
+  const std::size_t before = device.came.size();
+  const auto wholly = request(UserRequest(Request({"read", "/wholly"}).encode()), "wholly");
+  runUntil([&] { return told.size() == 1; });
+  EXPECT_FALSE(user->withdraw(wholly));
+  const std::string content(20000000, '0');
+  const std::string large = Request({"write", "/large"}, content).encode();
+  const auto partly =
+      request(UserRequest(large.size(),
+                          [&](std::uint64_t offset, std::size_t count, std::string& bytes) {
+                            bytes = large.substr(static_cast<std::size_t>(offset), count);
+                          }),
+              "partly");
+  const auto dropped = request(UserRequest(Request({"read", "/dropped"}).encode()), "dropped");
+  const auto restart = request(UserRequest(Request({"restart"}).encode()), "restart");
+  request(UserRequest(Request({"read", "/kept"}).encode()), "kept");
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_TRUE(user->withdraw(dropped));
+  EXPECT_TRUE(user->withdraw(partly));
+  EXPECT_TRUE(user->withdraw(restart));
+  EXPECT_FALSE(user->withdraw(partly)) << "it is withdrawn already";
+  device.answers = true;
+  runUntil([&] { return told.size() == 4; });
+  EXPECT_EQ(told, (std::vector<std::string>{"sent wholly", "wholly", "sent kept", "kept"}));
+  const std::string spoiled = large.substr(0, large.size() - 1) + "!";
+  EXPECT_EQ(device.came.substr(before), frameOf(Request({"read", "/wholly"}).encode()) +
+                                            frameOf(spoiled) +
+                                            frameOf(Request({"read", "/kept"}).encode()));
+}
+
+TEST_F(MasterTest, ARestartOfWhichAPartIsSentCanBeWithdrawn) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  const auto user = attach();
+  // A valid restart: arguments that a task does not read are ignored.
+  const auto restart =
+      user->send(UserRequest(Request({"restart"}, std::string(20000000, 'x')).encode()));
+  bool answered = false;
+  UserRequest next(Request({"read", "/next"}).encode());
+  next.onAnswer([&](const std::string&) { answered = true; });
+  user->send(std::move(next));
+  for (int i = 0; i < 50; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_TRUE(user->withdraw(restart));
+  device.answers = true;  // also to the spoiled request: it is no record
+  runUntil([&] { return answered; });
+  EXPECT_NE(device.came.find("0 0 0 0 !"), std::string::npos);
+  EXPECT_EQ(count(Type::lost), 0U);
+}
+
+TEST_F(MasterTest, LongAnswersGoToASink) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.special = recordOf(std::string(400000, 'y'));
+  const auto user = attach();
+  std::vector<std::string> answers;
+  std::vector<std::size_t> lengths;
+  std::string taken;
+  const auto send = [&](const std::string& name) {
+    UserRequest request(Request({name}).encode());
+    request.onAnswer([&](std::string payload) { answers.push_back(std::move(payload)); })
+        .setLongAnswers(1000, [&](std::size_t length) {
+          lengths.push_back(length);
+          return [&](std::string_view part) { taken += part; };
+        });
+    return user->send(std::move(request));
+  };
+  send("read");
+  send("hostid");
+  user->forward(Request({"read"}).encode(),
+                [&](std::string payload) { answers.push_back(std::move(payload)); });
+  runUntil([&] { return answers.size() == 3; });
+  EXPECT_TRUE(answers == (std::vector<std::string>{"", recordOf("fake"), device.special}));
+  EXPECT_EQ(lengths, std::vector<std::size_t>{device.special.size()});
+  EXPECT_TRUE(taken == device.special);
+  EXPECT_GT(master->devices()[0].bytesFromDevice(), 800000U);
+}
+
+TEST_F(MasterTest, UnreadableContentEndsTheConnection) {
+  open();
+  dialAndWait();
+  const auto user = attach();
+  std::optional<Error> failed;
+  UserRequest request(1000000, [](std::uint64_t offset, std::size_t count, std::string& bytes) {
+    bytes.assign(offset == 0 ? count : 0, 'x');
+  });
+  request.onFailed([&](const Error& error) { failed = error; });
+  user->send(std::move(request));
+  runUntil([&] { return failed.has_value(); });
+  EXPECT_EQ(failed->outcome(), Outcome::notSent);
+  EXPECT_EQ(told(Type::lost).text(), "cannot read the content of a request");
 }
 
 TEST_F(MasterTest, EveryEventMayDestroyTheMaster) {

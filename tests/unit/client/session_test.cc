@@ -2,9 +2,13 @@
 // The engine without I/O: no socket, no clock.
 #include "client/core/session.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -315,6 +319,92 @@ TEST(FrameStreamTest, LateContentGivesTheBytesOfAWholeRequest) {
     stream.send("after");
     EXPECT_EQ(sentBytes(stream, 5000), sentBytes(expected, 5000)) << size;
   }
+}
+
+// Queues and removes frames at random, while parts are sent. The others are sent unchanged.
+TEST(FrameStreamTest, RemovesFramesOfWhichNothingIsSent) {
+  std::mt19937 random(7);
+  for (int run = 0; run < 200; ++run) {
+    FrameStream stream;
+    std::string sent;
+    std::string expected;
+    std::vector<std::pair<std::uint64_t, std::string>> frames;  // not started, with their begin
+    const auto send = [&](std::size_t most) {
+      const std::string part(stream.outgoing(1).front().substr(0, most));
+      sent += part;
+      stream.sent(part.size());
+      while (!frames.empty() && frames.front().first < sent.size()) {
+        expected += frames.front().second;
+        frames.erase(frames.begin());
+      }
+    };
+    for (int step = 0; step < 40; ++step) {
+      const auto what = random() % 4;
+      if (what < 2) {
+        const std::string bytes(random() % 3 == 0 ? 40000 : random() % 50,
+                                static_cast<char>('a' + step % 26));
+        frames.emplace_back(stream.everQueued(),
+                            "\x01" + std::to_string(bytes.size()) + "\x02" + bytes);
+        if (random() % 2 == 0 || bytes.empty()) {
+          stream.send(bytes);
+        } else {
+          OutgoingPayload payload;
+          payload.content = {bytes.size() - 1,
+                             [bytes](std::uint64_t offset, std::size_t count, std::string& part) {
+                               part = bytes.substr(static_cast<std::size_t>(offset), count);
+                             }};
+          payload.tail = bytes.back();
+          stream.send(std::move(payload));
+        }
+      } else if (what == 2 && stream.queued() > 0) {
+        send(random() % 2 == 0 ? 3 : 30000);
+      } else if (!frames.empty()) {
+        const std::size_t at = random() % frames.size();
+        const std::size_t length = frames[at].second.size();
+        stream.remove(frames[at].first, frames[at].first + length);
+        frames.erase(frames.begin() + static_cast<std::ptrdiff_t>(at));
+        for (std::size_t later = at; later < frames.size(); ++later) {
+          frames[later].first -= length;
+        }
+      }
+    }
+    while (stream.queued() > 0) {
+      send(1000000);
+    }
+    ASSERT_EQ(sent, expected) << "run " << run;
+    ASSERT_EQ(stream.everQueued(), sent.size());
+  }
+}
+
+TEST(FrameStreamTest, SpoilsTheLastByteOfAFrame) {
+  for (const std::size_t size : {5U, 40000U}) {
+    FrameStream stream;
+    stream.send("one");
+    stream.send(std::string(size, '0'));
+    const std::uint64_t end = stream.everQueued();
+    stream.send("three");
+    stream.sent(stream.outgoing(1).front().size() > 10 ? 10 : 6);
+    stream.spoil(end);
+    const std::string bytes = sentBytes(stream, 1000);
+    EXPECT_EQ(std::count(bytes.begin(), bytes.end(), '!'), 1);
+    EXPECT_NE(bytes.find("0!\x01"
+                         "5\x02three"),
+              std::string::npos);
+  }
+}
+
+TEST(FrameStreamTest, ReadsNoFurtherWhenLateContentCannotBeRead) {
+  FrameStream stream;
+  OutgoingPayload payload;
+  payload.content = {1000000, [](std::uint64_t offset, std::size_t count, std::string& bytes) {
+                       bytes.assign(offset == 0 ? count : count - 1, 'x');
+                     }};
+  stream.send(std::move(payload));
+  while (!stream.unreadable()) {
+    ASSERT_FALSE(stream.outgoing(1).empty());
+    stream.sent(stream.outgoing(1).front().size());
+  }
+  EXPECT_EQ(stream.everQueued() - stream.queued(), 262144U + 9);
 }
 
 TEST(FrameStreamTest, GivesTheSamePayloadsHoweverTheyAreReceived) {

@@ -17,6 +17,7 @@
 #include <runel/result.h>
 
 #include "gateway/core/outcome.h"
+#include "gateway/core/payload_spool.h"
 #include "gateway/core/router.h"
 #include "gateway/link/link_observer.h"
 
@@ -44,10 +45,6 @@ struct LinkSettings {
   runel::Milliseconds ioTimeout{30000};
   /// The most requests of one device that wait, the current one included.
   std::size_t queueLength = 64;
-  /// The directory of the temporary file, which has no name there.
-  std::string spoolDirectory = "/var/tmp";
-  /// The bytes of all large requests and answers together.
-  std::uint64_t spoolLimit = 1073741824;
 };
 
 /// Counters for metrics. Those of times are since the start.
@@ -70,8 +67,9 @@ struct LinkCounters {
 /// Holds the connections of the devices and passes requests on to them.
 class DeviceLink : public Router, public LinkControl {
  public:
-  /// @p loop and @p observer must outlive it.
-  DeviceLink(runel::Loop& loop, LinkSettings settings, LinkObserver& observer);
+  /// @p loop and @p observer must outlive it. @p spool gets the large answers.
+  DeviceLink(runel::Loop& loop, LinkSettings settings, std::shared_ptr<PayloadSpool> spool,
+             LinkObserver& observer);
   ~DeviceLink() override;
 
   /// Opens the ports. Fails with a sentence that names the address.

@@ -1,0 +1,376 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "gateway/link/device_link.h"
+
+#include <chrono>
+#include <ctime>
+#include <unordered_map>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <runel/async_master.h>
+
+#include "client/master/call_queue.h"
+#include "gateway/link/device_queue.h"
+#include "gateway/link/request_head.h"
+#include "protocol/protocol.h"
+
+namespace runelgw {
+namespace {
+
+using runel::MasterEvent;
+
+constexpr std::uint64_t kLargestRequest = zell::kMaxFramePayload;
+
+// An address and a port in one number: a gateway keeps one for each device.
+using PlaceKey = std::uint64_t;
+
+PlaceKey keyOf(const std::string& host, std::uint16_t port) {
+  in_addr address{};
+  (void)inet_pton(AF_INET, host.c_str(), &address);  // the text is that of a connection
+  return PlaceKey{ntohl(address.s_addr)} << 16 | port;
+}
+
+std::string textOf(PlaceKey key) {
+  const in_addr address{htonl(static_cast<std::uint32_t>(key >> 16))};
+  char text[INET_ADDRSTRLEN] = "";
+  (void)inet_ntop(AF_INET, &address, text, sizeof text);  // the buffer fits every address
+  return std::string(text) + ":" + std::to_string(key & 0xffff);
+}
+
+std::string join(const std::vector<std::string>& parts) {
+  std::string list;
+  for (const std::string& part : parts) {
+    list += (list.empty() ? "" : ",") + part;
+  }
+  return list;
+}
+
+std::string timeText(std::int64_t milliseconds) {
+  const std::time_t seconds = static_cast<std::time_t>(milliseconds / 1000);
+  std::tm parts{};
+  char text[32] = "";
+  if (gmtime_r(&seconds, &parts) != nullptr) {
+    (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);  // it fits
+  }
+  return text;
+}
+
+std::string busyText(const QueueState& state) {
+  const std::string queued = std::to_string(state.waiting) + " requests wait";
+  return state.busyWith.empty()
+             ? "busy: " + queued + " for the device to return"
+             : "busy with " + state.busyWith + " since " + timeText(state.since) + ", " + queued;
+}
+
+const char* sentenceOf(Reason reason) {
+  switch (reason) {
+    case Reason::quarantined:
+      return "another connection claims the identity of the device";
+    case Reason::waiting:
+      return "the device is not approved yet";
+    case Reason::denied:
+      return "the device is on the deny list";
+    default:
+      return "the device is not used";
+  }
+}
+
+}  // namespace
+
+struct DeviceLink::Data {
+  Data(runel::Loop& itsLoop, LinkSettings itsSettings, std::shared_ptr<PayloadSpool> itsSpool,
+       LinkObserver& itsObserver)
+      : loop(itsLoop),
+        settings(std::move(itsSettings)),
+        spool(std::move(itsSpool)),
+        observer(itsObserver),
+        calls(loop) {}
+
+  /// One connection that has told its identity.
+  struct Connected {
+    DeviceId device = 0;
+    Reason silenced = Reason::none;
+  };
+
+  [[nodiscard]] runel::Result<void> open();
+  void handle(const MasterEvent& event);
+  void lose(const Place& place, const std::string& why);
+  [[nodiscard]] DeviceId deviceOf(const MasterEvent& event) const;
+  DeviceQueue& queueOf(DeviceId device);
+  void connect(DeviceId device, DeviceQueue& queue);
+  void refuse(const RequestHead& head, Router::Done done, Answer answer);
+  [[nodiscard]] std::optional<Answer> refusal(const Call& call, const RequestHead& head) const;
+  void done(CallId id, const RequestHead& head, Router::Done done, Answer answer);
+  [[nodiscard]] DeviceQueue* find(DeviceId device) const;
+
+  runel::Loop& loop;
+  const LinkSettings settings;
+  const std::shared_ptr<PayloadSpool> spool;
+  LinkObserver& observer;
+  runel::CallQueue calls;
+  std::unordered_map<PlaceKey, Connected> places;
+  std::unordered_map<DeviceId, PlaceKey> devices;  // those that are bound
+  std::unordered_map<CallId, DeviceId> pending;
+  CallId lastCall = 0;
+  bool stopped = false;
+  LinkCounters counters;
+  // After what their events use.
+  std::unordered_map<DeviceId, std::unique_ptr<DeviceQueue>> queues;
+  std::unique_ptr<runel::AsyncMaster> master;
+};
+
+runel::Result<void> DeviceLink::Data::open() {
+  runel::MasterOptions options;
+  options.setListen(settings.listen.front().host, settings.listen.front().port);
+  options.setTimeout(settings.ioTimeout);
+  if (!settings.sharedAddresses.empty()) {
+    options.setShared(settings.sharedSilence);
+  }
+  if (!settings.allowedAddresses.empty()) {
+    const auto allowed = options.allowAddresses(join(settings.allowedAddresses));
+    if (!allowed) {
+      return allowed.error();
+    }
+  }
+  master = std::make_unique<runel::AsyncMaster>(
+      loop, options, [this](const MasterEvent& event) { handle(event); });
+  return master->open();
+}
+
+void DeviceLink::Data::handle(const MasterEvent& event) {
+  const Place place{event.host(), event.port(), ""};
+  switch (event.type()) {
+    case MasterEvent::Type::connected:
+      places.try_emplace(keyOf(place.host, place.port));
+      observer.connected(place, event.hostid(), event.deviceType());
+      break;
+    case MasterEvent::Type::lost:
+      lose(place, event.text());
+      break;
+    case MasterEvent::Type::refused:
+      observer.refusedConnection(place, event.text());
+      break;
+    case MasterEvent::Type::additional:
+      ++counters.additional;
+      break;
+    case MasterEvent::Type::agentConnected:
+      observer.agentConnected(place, deviceOf(event));
+      break;
+    case MasterEvent::Type::clause:
+      observer.clause(place, deviceOf(event), event.text());
+      break;
+    case MasterEvent::Type::additionalLost:
+      --counters.additional;
+      if (event.fromAgent()) {
+        observer.agentLost(place, deviceOf(event));
+      }
+      break;
+    case MasterEvent::Type::problem:
+      observer.problem(event.text());
+      break;
+  }
+}
+
+void DeviceLink::Data::lose(const Place& place, const std::string& why) {
+  const auto found = places.find(keyOf(place.host, place.port));
+  if (found == places.end()) {
+    return;  // it has not told its identity
+  }
+  const auto device = devices.find(found->second.device);
+  if (device != devices.end() && device->second == found->first) {
+    devices.erase(device);
+  }
+  places.erase(found);
+  observer.lost(place, why);
+}
+
+DeviceId DeviceLink::Data::deviceOf(const MasterEvent& event) const {
+  const auto found = master->find(event.device());
+  if (found.size() != 1) {
+    return 0;
+  }
+  const auto place = places.find(keyOf(found[0].host(), found[0].port()));
+  return place == places.end() ? 0 : place->second.device;
+}
+
+DeviceQueue* DeviceLink::Data::find(DeviceId device) const {
+  const auto found = queues.find(device);
+  return found == queues.end() ? nullptr : found->second.get();
+}
+
+DeviceQueue& DeviceLink::Data::queueOf(DeviceId device) {
+  std::unique_ptr<DeviceQueue>& queue = queues[device];
+  if (!queue) {
+    queue = std::make_unique<DeviceQueue>(
+        DeviceQueue::Context{loop, spool, settings.ioTimeout, settings.queueLength},
+        DeviceQueue::Events{
+            [this](CallId id, const RequestHead& head, Router::Done callback, Answer answer) {
+              done(id, head, std::move(callback), std::move(answer));
+            },
+            [this, device] {
+              const DeviceId gone = device;  // the queue owns this function
+              queues.erase(gone);
+            },
+            [this] { ++counters.retries; }});
+    connect(device, *queue);
+  }
+  return *queue;
+}
+
+void DeviceLink::Data::connect(DeviceId device, DeviceQueue& queue) {
+  const auto found = devices.find(device);
+  if (found != devices.end()) {
+    queue.connect([this, &found](runel::MasterUser::Handlers handlers) {
+      return master->attach(textOf(found->second), std::move(handlers));
+    });
+  }
+}
+
+void DeviceLink::Data::done(CallId id, const RequestHead& head, Router::Done callback,
+                            Answer answer) {
+  pending.erase(id);
+  counters.bytesFromDevices += answer.payload.size();
+  ++counters.requests[{head.known ? head.task : "other", answer.outcome}];
+  if (callback) {
+    calls.add([callback = std::move(callback), answer = std::move(answer)] { callback(answer); });
+  }
+}
+
+// What ends a call at once, if anything.
+std::optional<Answer> DeviceLink::Data::refusal(const Call& call, const RequestHead& head) const {
+  const auto refused = [](Reason reason, const std::string& text) {
+    return Answer{Outcome::notRun, reason, text, {}};
+  };
+  if (stopped) {
+    return refused(Reason::stopping, "the gateway is stopping");
+  }
+  if (!head.isRecord) {
+    return refused(Reason::refused, "not a task record");
+  }
+  if (call.request.size() > kLargestRequest) {
+    return refused(Reason::tooLarge, "the request exceeds 256 MiB");
+  }
+  if (!head.answered && call.request.size() >= kLargePayload) {
+    return refused(Reason::refused, "a restart has no argument");
+  }
+  const DeviceQueue* const queue = find(call.device);
+  const auto device = devices.find(call.device);
+  if (device == devices.end()) {
+    return refused(Reason::offline, "the device is not connected");
+  }
+  const Reason silenced = places.at(device->second).silenced;
+  if (silenced != Reason::none) {
+    return refused(silenced, sentenceOf(silenced));
+  }
+  if (queue != nullptr && queue->isFull()) {
+    return refused(Reason::busy, busyText(queue->state()));
+  }
+  if (call.deadline <= runel::Clock::now()) {
+    return refused(Reason::deadline, "the deadline passed before the request was sent");
+  }
+  return std::nullopt;
+}
+
+DeviceLink::DeviceLink(runel::Loop& loop, LinkSettings settings,
+                       std::shared_ptr<PayloadSpool> spool, LinkObserver& observer)
+    : data_(std::make_unique<Data>(loop, std::move(settings), std::move(spool), observer)) {}
+
+DeviceLink::~DeviceLink() = default;
+
+runel::Result<void> DeviceLink::open() {
+  return data_->open();
+}
+
+std::vector<std::uint16_t> DeviceLink::ports() const {
+  return {data_->master->port()};
+}
+
+void DeviceLink::stop() {
+  data_->stopped = true;
+  std::vector<DeviceQueue*> queues;
+  for (const auto& [device, queue] : data_->queues) {
+    queues.push_back(queue.get());
+  }
+  for (DeviceQueue* const queue : queues) {
+    queue->stop(Reason::stopping, "the gateway is stopping");
+  }
+}
+
+void DeviceLink::bind(const Place& place, DeviceId device) {
+  const PlaceKey key = keyOf(place.host, place.port);
+  const auto found = data_->places.find(key);
+  if (found == data_->places.end()) {
+    return;
+  }
+  found->second.device = device;
+  data_->devices[device] = key;
+  DeviceQueue* const queue = data_->find(device);
+  if (queue == nullptr) {
+    return;
+  }
+  if (queue->isConnected()) {
+    queue->disconnect(Reason::lost, "the device has connected again");
+  }
+  if (data_->find(device) != nullptr) {
+    data_->connect(device, *queue);
+  }
+}
+
+void DeviceLink::silence(const Place& place, Reason reason) {
+  const auto found = data_->places.find(keyOf(place.host, place.port));
+  if (found == data_->places.end()) {
+    return;
+  }
+  found->second.silenced = reason;
+  DeviceQueue* const queue = data_->find(found->second.device);
+  if (queue != nullptr) {
+    queue->disconnect(reason, sentenceOf(reason));
+  }
+}
+
+CallId DeviceLink::send(Call call, Done done) {
+  const CallId id = ++data_->lastCall;
+  RequestHead head = headOf(call.request);
+  std::optional<Answer> refused = data_->refusal(call, head);
+  if (refused) {
+    data_->done(id, head, std::move(done), std::move(*refused));
+    return id;
+  }
+  data_->pending[id] = call.device;
+  data_->counters.bytesToDevices += call.request.size();
+  data_->queueOf(call.device).add(id, std::move(call), std::move(head), std::move(done));
+  return id;
+}
+
+void DeviceLink::cancel(CallId id) {
+  const auto found = data_->pending.find(id);
+  if (found != data_->pending.end()) {
+    data_->find(found->second)->cancel(id);
+  }
+}
+
+QueueState DeviceLink::queue(DeviceId device) const {
+  const DeviceQueue* const queue = data_->find(device);
+  return queue == nullptr ? QueueState() : queue->state();
+}
+
+runel::Result<void> DeviceLink::sendClause(DeviceId device, const std::string& clause) {
+  const auto found = data_->devices.find(device);
+  if (found == data_->devices.end()) {
+    return runel::Error(runel::Kind::link, runel::Cause::other, "the device is not connected");
+  }
+  return data_->master->sendClause(textOf(found->second), clause);
+}
+
+LinkCounters DeviceLink::counters() const {
+  LinkCounters counters = data_->counters;
+  counters.connected = data_->places.size();
+  counters.bound = data_->devices.size();
+  counters.queued = data_->pending.size();
+  counters.busyDevices = data_->queues.size();
+  counters.spooled = data_->spool->used();
+  return counters;
+}
+
+}  // namespace runelgw

@@ -54,7 +54,7 @@ std::optional<runel::Milliseconds> extraTimeOf(const Payload& request) {
 RequestHead headOf(const Payload& request) {
   RequestHead head;
   std::string beginning;
-  (void)request.read(0, kBeginning, beginning);  // a failure leaves what is no record
+  (void)request.read(0, kBeginning, beginning);  // a failure leaves a payload that is not a record
   zell::RecordReader reader(beginning);
   head.isRecord = reader.readName() && beginning.size() > zell::kRecordName.size() &&
                   beginning[zell::kRecordName.size()] == ' ';

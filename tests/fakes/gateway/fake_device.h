@@ -29,7 +29,7 @@ class FakeDevice {
     std::string preamble;              ///< sent first, such as the header of a proxy
     bool returns = false;              ///< connects again when its connection ends, like the daemon
   };
-  /// The output of the reply to a request. Without a value there is none, now.
+  /// The output of the reply to a request. Without a value it does not answer, now.
   using React = std::function<std::optional<std::string>(const zell::SlaveTask& task)>;
 
   FakeDevice(runel::Loop& loop, std::uint16_t port, Settings settings);
@@ -62,7 +62,7 @@ class FakeDevice {
   std::size_t questions = 0;       ///< requests for its identity
   std::uint64_t bytes = 0;         ///< received on all its connections
   std::size_t ends = 0;            ///< connections that the gateway has ended
-  std::size_t malformed = 0;       ///< requests that are no records
+  std::size_t malformed = 0;       ///< requests that are not records
   std::string raw;                 ///< the first received bytes, at most `kRaw`
   static constexpr std::size_t kRaw = 65536;
 

@@ -903,7 +903,7 @@ TEST_F(MasterTest, ARestartOfWhichAPartIsSentCanBeWithdrawn) {
     loop.turn(Milliseconds(1));
   }
   EXPECT_TRUE(user->withdraw(restart));
-  device.answers = true;  // also to the spoiled request: it is no record
+  device.answers = true;  // also to the spoiled request: it is not a record
   runUntil([&] { return answered; });
   EXPECT_NE(device.came.find("0 0 0 0 !"), std::string::npos);
   EXPECT_EQ(count(Type::lost), 0U);

@@ -160,7 +160,7 @@ TEST_F(DeviceLinkTest, ADeviceThatIsNotConnectedIsOffline) {
   EXPECT_EQ(link->counters().requests.at({"read", Outcome::notRun}), 1U);
 }
 
-TEST_F(DeviceLinkTest, WhatIsNoRecordIsRefused) {
+TEST_F(DeviceLinkTest, RefusesAPayloadThatIsNotARecord) {
   open();
   dial(1);
   send(1, "hello");

@@ -63,7 +63,7 @@ TEST_F(PayloadSpoolTest, IsBounded) {
   EXPECT_TRUE(spool.begin(100000));
 }
 
-TEST_F(PayloadSpoolTest, IncompletePayloadsAreNone) {
+TEST_F(PayloadSpoolTest, AnIncompletePayloadIsEmpty) {
   auto writer = spool.begin(10);
   ASSERT_TRUE(writer);
   EXPECT_TRUE((*writer)->add("123456789"));

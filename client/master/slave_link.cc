@@ -146,7 +146,7 @@ bool SlaveLink::withdraw(std::uint64_t number) {
   return false;
 }
 
-// An answer to what is sent still comes, to a request that is no record too.
+// An answer to what is sent still comes, also to a request that is not a record.
 bool SlaveLink::withdraw(Requests& requests, Requests::iterator request) {
   const std::uint64_t sent = channel_.everQueued() - channel_.queued();
   if (sent <= request->begin) {

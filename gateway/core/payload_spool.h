@@ -46,7 +46,7 @@ class PayloadSpool {
   PayloadSpool(const PayloadSpool&) = delete;
   PayloadSpool& operator=(const PayloadSpool&) = delete;
 
-  /// Reserves room for a payload of @p size bytes. Fails with `Kind::local` when there is none.
+  /// Reserves room for a payload of @p size bytes. Fails with `Kind::local` when it is full.
   [[nodiscard]] runel::Result<std::unique_ptr<PayloadWriter>> begin(std::uint64_t size);
   /// The number of reserved bytes.
   [[nodiscard]] std::uint64_t used() const;

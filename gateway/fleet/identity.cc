@@ -29,11 +29,6 @@ bool hasPin(const Standing& standing) {
   return !standing.pinAddress.empty() || !standing.pinCertificate.empty();
 }
 
-bool matchesPin(const Standing& standing, const Claim& claim) {
-  return (standing.pinAddress.empty() || standing.pinAddress == claim.address) &&
-         (standing.pinCertificate.empty() || standing.pinCertificate == claim.certificate);
-}
-
 // Rows 1 to 5 of the table. `work` stands for a connection that reaches row 6.
 Verdict judgeAlone(const Standing& standing, const Claim& claim) {
   if (standing.decision == Decision::denied || claim.listed == Match::denied) {
@@ -50,6 +45,11 @@ Verdict judgeAlone(const Standing& standing, const Claim& claim) {
 }
 
 }  // namespace
+
+bool matchesPin(const Standing& standing, const Claim& claim) {
+  return (standing.pinAddress.empty() || standing.pinAddress == claim.address) &&
+         (standing.pinCertificate.empty() || standing.pinCertificate == claim.certificate);
+}
 
 std::string identityOf(const Claimant& claimant) {
   if (!claimant.hostid.empty()) {
@@ -79,6 +79,12 @@ runel::Result<AccessList::Key> AccessList::keyOf(const std::string& kind,
     return failure("'" + printable(value, 64) + "' is not an IPv4 address or network");
   }
   return Key(kind, textOf(*network));
+}
+
+runel::Result<std::string> AccessList::normalValue(const std::string& kind,
+                                                   const std::string& value) {
+  const runel::Result<Key> key = keyOf(kind, value);
+  return key ? runel::Result<std::string>(key->second) : key.error();
 }
 
 runel::Result<void> AccessList::set(AccessRecord entry) {

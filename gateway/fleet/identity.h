@@ -46,6 +46,10 @@ class AccessList {
 
   /// Whether @p claimant is on the list by any of its properties. An empty property is on no list.
   [[nodiscard]] Match find(const Claimant& claimant) const;
+  /// @p value as the list keeps it: without the host bits of a network. Fails as `set` does.
+  [[nodiscard]] static runel::Result<std::string> normalValue(const std::string& kind,
+                                                              const std::string& value);
+
   /// "address" for ADDRESS and ADDRESS/BITS, "hostid" for any other text.
   [[nodiscard]] static const char* kindOf(const std::string& text);
 
@@ -87,6 +91,9 @@ struct Claim {
   std::string certificate;
   AccessList::Match listed = AccessList::Match::none;
 };
+
+/// Whether @p claim comes from where the device is pinned to. True without a pin.
+[[nodiscard]] bool matchesPin(const Standing& standing, const Claim& claim);
 
 /// What becomes of a connection.
 enum class Verdict {

@@ -132,6 +132,7 @@ class Registry : public LinkObserver {
   /// The device has told facts about itself.
   void learn(DeviceId id, const Facts& facts);
 
+  /// A subscriber must not change the registry within its call.
   [[nodiscard]] Events& events();
   [[nodiscard]] const Timeline& timeline() const;
 

@@ -335,9 +335,9 @@ void Auth::create(const TokenWish& wish, Created created) {
   // It counts before it is stored, so that a second request for the same name finds it. Its secret
   // is not known to any client before that.
   insert(token->record);
-  const std::uint64_t id = token->record.id;
-  store_.write({Save<TokenRecord>{token->record}},
-               [this, alive = std::weak_ptr<bool>(alive_), id, token = std::move(*token),
+  std::vector<Change> changes = {Save<TokenRecord>{token->record}};
+  store_.write(std::move(changes),
+               [this, alive = std::weak_ptr<bool>(alive_), token = std::move(*token),
                 created = std::move(created)](const std::optional<std::string>& error) {
                  if (!error) {
                    created(token);
@@ -345,7 +345,7 @@ void Auth::create(const TokenWish& wish, Created created) {
                  }
                  if (!alive.expired()) {
                    byHash_.erase(token.record.hash);
-                   entries_.erase(id);
+                   entries_.erase(token.record.id);
                  }
                  created(runel::Error(runel::Kind::local, runel::Cause::other, *error, EIO));
                });

@@ -29,10 +29,14 @@ bool fits(const Value& wanted, const Value& value) {
 
 void FakeStore::run() {
   while (!later_.empty()) {
-    const std::function<void()> call = std::move(later_.front());
-    later_.pop_front();
-    call();
+    runOne();
   }
+}
+
+void FakeStore::runOne() {
+  const std::function<void()> call = std::move(later_.front());
+  later_.pop_front();
+  call();
 }
 
 void FakeStore::write(std::vector<Change> changes, Done done) {
@@ -59,6 +63,12 @@ void FakeStore::apply(const Change& change) {
           operations[item.record.id] = item.record;
         } else if constexpr (std::is_same_v<Item, Save<OperationResultRecord>>) {
           results[{item.record.operation, item.record.device}] = item.record;
+        } else if constexpr (std::is_same_v<Item, RemoveOperation>) {
+          operations.erase(item.id);
+        } else if constexpr (std::is_same_v<Item, Save<SettingRecord>>) {
+          settings[item.record.name] = item.record.value;
+        } else if constexpr (std::is_same_v<Item, RemoveSetting>) {
+          settings.erase(item.name);
         } else if constexpr (std::is_same_v<Item, Append<AuditRecord>>) {
           audit.push_back(item.record);
           audit.back().id = audit.size();

@@ -33,6 +33,9 @@ class FakeStore : public Store {
   void run();
   [[nodiscard]] bool idle() const { return later_.empty(); }
 
+  /// Runs only the oldest completion.
+  void runOne();
+
   /// Not empty: writes and reads fail with it.
   std::string failure;
   StoreState stateNow;
@@ -41,6 +44,7 @@ class FakeStore : public Store {
   std::map<std::uint64_t, TokenRecord> tokens;
   std::map<std::uint64_t, OperationRecord> operations;
   std::map<std::pair<std::uint64_t, DeviceId>, OperationResultRecord> results;
+  std::map<std::string, std::string> settings;
   std::vector<AuditRecord> audit;
   std::vector<HistoryRecord> history;
   std::vector<ClauseRecord> clauses;

@@ -96,6 +96,15 @@ TEST_F(AuthTest, ATokenIsAcceptedAlsoAfterARestart) {
   EXPECT_EQ(create("next").record.id, token.record.id + 1);
 }
 
+TEST_F(AuthTest, ANewTokenIsStoredBeforeItIsUsed) {
+  const NewToken token = create("ci", Role::admin);
+  const TokenRecord& stored = store_.tokens[token.record.id];
+  EXPECT_EQ(stored.hash, hashOf(token.secret));
+  EXPECT_EQ(stored.name, "ci");
+  EXPECT_EQ(stored.role, "admin");
+  EXPECT_EQ(stored.expires, token.record.expires);
+}
+
 TEST_F(AuthTest, RefusesWithoutAnythingThatTheClientSent) {
   create("ci");
   for (const std::string& text :

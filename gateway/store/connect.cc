@@ -78,16 +78,22 @@ Database::Failure connectFile(const StoreSettings& settings, Database& database)
   return openLog(database);
 }
 
-// Other encodings cannot hold every character.
-Database::Failure checkEncoding(Database& database) {
+Database::Failure checkServer(Database& database) {
   std::string encoding;
+  std::string schema;
   Database::Failure failure =
-      database.query("SHOW server_encoding", {}, "t", [&](std::vector<Value>& row) {
-        encoding = row[0].text;
-        return false;
-      });
+      database.query("SELECT current_setting('server_encoding'), coalesce(current_schema(), '')",
+                     {}, "tt", [&](std::vector<Value>& row) {
+                       encoding = row[0].text;
+                       schema = row[1].text;
+                       return false;
+                     });
   if (!failure && encoding != "UTF8") {
+    // Other encodings cannot hold every character.
     return Problem{Trouble::refused, "its encoding is " + encoding + "; create one with UTF8"};
+  }
+  if (!failure && schema.empty()) {
+    return Problem{Trouble::refused, "its user may use no schema; grant USAGE and CREATE on one"};
   }
   return failure;
 }
@@ -116,7 +122,7 @@ Database::Failure lockServer(const StoreSettings& settings, Database& database) 
 
 Database::Failure connectServer(const StoreSettings& settings, Database& database) {
   Database::Failure failure = database.openServer(settings.database, settings.statementTimeout);
-  failure = failure ? failure : checkEncoding(database);
+  failure = failure ? failure : checkServer(database);
   return failure ? failure : lockServer(settings, database);
 }
 

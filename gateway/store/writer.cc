@@ -164,9 +164,7 @@ void Writer::commitBatch(Batch& batch) {
       continue;
     }
     if (!recover(*failure, delay)) {
-      for (Group& group : batch) {
-        group.error = group.finished ? group.error : sentenceFor(settings_, *failure);
-      }
+      failUnfinished(batch);
       break;
     }
     failure = commitTogether(batch);
@@ -283,6 +281,14 @@ Database::Failure Writer::commitAlone(Batch& batch) {
   return {};
 }
 
+// The store closes before the database is back.
+void Writer::failUnfinished(Batch& batch) const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  for (Group& group : batch) {
+    group.error = group.finished ? group.error : std::optional(state_.lastError);
+  }
+}
+
 void Writer::tell(const Problem& problem) {
   tell(sentenceFor(settings_, problem), problem.trouble != Trouble::lost);
 }
@@ -296,7 +302,9 @@ void Writer::tell(const std::string& sentence, bool connected) {
 // Waits, then connects again if the connection is lost. False: the store closes, and the time is
 // over.
 bool Writer::recover(const Problem& problem, std::chrono::milliseconds& delay) {
-  tell(problem);
+  if (database_->isOpen()) {
+    tell(problem);  // otherwise the reason is told why it cannot be opened
+  }
   {
     std::unique_lock<std::mutex> lock(mutex_);
     const SteadyTime next = std::chrono::steady_clock::now() + delay;

@@ -66,6 +66,7 @@ class Writer {
   Database::Failure commitGroup(Group& group);
   Database::Failure applyGroup(const Group& group);
   Database::Failure finish();
+  void failUnfinished(Batch& batch) const;
   void report(Batch& batch);
   void removeStep();
   [[nodiscard]] bool recover(const Problem& problem, std::chrono::milliseconds& delay);

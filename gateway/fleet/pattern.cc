@@ -173,9 +173,20 @@ bool Pattern::matches(std::string_view text) const {
   if (isLiteral()) {
     return text == text_;
   }
+  // Most names differ before the first wildcard.
+  std::size_t same = 0;
+  while (same < tokens_.size() && tokens_[same].kind == Kind::byte) {
+    if (same >= text.size() || text[same] != tokens_[same].byte) {
+      return false;
+    }
+    ++same;
+  }
+  text.remove_prefix(same);
   std::vector<bool> here(text.size() + 1);
   here[0] = true;
-  for (const Token& token : tokens_) {
+  for (auto next = tokens_.begin() + static_cast<std::ptrdiff_t>(same); next != tokens_.end();
+       ++next) {
+    const Token& token = *next;
     std::vector<bool> reached(text.size() + 1);
     for (std::size_t from = 0; from <= text.size(); ++from) {
       if (here[from]) {

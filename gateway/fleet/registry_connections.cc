@@ -284,6 +284,7 @@ void Registry::Data::goOffline(Entry& entry) {
   ++entry.epoch;
   entry.bridges = 0;
   entry.device.agent = false;
+  setState(entry, DeviceState::offline);
   saver.deviceChanged(entry.device.id);
 }
 
@@ -310,7 +311,6 @@ void Registry::Data::lost(const Place& place, const std::string& why) {
     entry->device.lastLoss = timeline.now();
     entry->notedLoss = true;
     entry->device.lastLossReason = printable(why, kLongestReason);
-    setState(*entry, DeviceState::offline);
     publish(EventType::lost, *entry, entry->device.lastLossReason);
     note(*entry, "lost", entry->device.lastLossReason);
     changed(*entry, "");

@@ -11,6 +11,9 @@ constexpr std::size_t kBatch = 500;
 constexpr std::size_t kMostPending = 50000;
 constexpr std::size_t kMostClauseBytes = std::size_t{16} << 20;
 constexpr int kMostAttempts = 10;
+// With so many changes that the store has not committed, further ones wait here, where several of
+// one device become one.
+constexpr std::size_t kMostQueued = 20000;
 
 const ClauseRecord* clauseIn(const Change& change) {
   const auto* const clause = std::get_if<Append<ClauseRecord>>(&change);
@@ -22,17 +25,18 @@ bool isLog(const Change& change) {
   return std::holds_alternative<Append<HistoryRecord>>(change) || clauseIn(change) != nullptr;
 }
 
-bool isAbout(const Change& change, DeviceId device) {
+// The device that a tag or a record belongs to; 0 for other changes.
+DeviceId deviceOf(const Change& change) {
   if (const auto* const tag = std::get_if<Save<TagRecord>>(&change)) {
-    return tag->record.device == device;
+    return tag->record.device;
   }
   if (const auto* const tag = std::get_if<RemoveTag>(&change)) {
-    return tag->device == device;
+    return tag->device;
   }
   if (const auto* const event = std::get_if<Append<HistoryRecord>>(&change)) {
-    return event->record.device == device;
+    return event->record.device;
   }
-  return clauseIn(change) != nullptr && clauseIn(change)->device == device;
+  return clauseIn(change) == nullptr ? 0 : clauseIn(change)->device;
 }
 
 }  // namespace
@@ -73,14 +77,15 @@ void Saver::deviceForgotten(DeviceId device) {
   devices_.erase(device);
   for (Batch* const batch : {&pending_, &refused_}) {
     batch->erase(std::remove_if(batch->begin(), batch->end(),
-                                [&](const Pending& one) { return isAbout(one.change, device); }),
+                                [&](const Pending& one) { return deviceOf(one.change) == device; }),
                  batch->end());
   }
   pending_.push_back({RemoveDevice{device}});
 }
 
 void Saver::writeSome() {
-  if (!devices_.empty() || !pending_.empty() || !refused_.empty()) {
+  const bool some = !devices_.empty() || !pending_.empty() || !refused_.empty();
+  if (some && store_.state().queued < kMostQueued) {
     write({});
   }
 }
@@ -151,6 +156,10 @@ void Saver::failed(Batch batch, const std::vector<DeviceId>& devices, const std:
   for (Pending& one : batch) {
     if (std::holds_alternative<Save<DeviceRecord>>(one.change)) {
       continue;  // its newest state is written
+    }
+    const DeviceId device = deviceOf(one.change);
+    if (device != 0 && !recordOf_(device)) {
+      continue;  // it was forgotten meanwhile
     }
     const bool again = !isLog(one.change) || ++one.attempts < kMostAttempts;
     if (again && refused_.size() < kMostPending) {

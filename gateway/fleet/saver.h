@@ -37,7 +37,7 @@ class Saver {
 
   /// Writes what is gathered, then calls @p done, which may be empty.
   void write(Store::Done done);
-  /// Writes what is gathered, if there is something.
+  /// Writes what is gathered, if there is something and the store has room.
   void writeSome();
 
   /// The number of records that were dropped, because there were too many or the store refused

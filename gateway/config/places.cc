@@ -50,8 +50,8 @@ std::optional<double> finiteNumberOf(const RawValue& raw) {
 
 }  // namespace
 
-Place textPlace(std::string& value, TextRule rule) {
-  return {Place::Kind::text,
+SettingPlace textPlace(std::string& value, TextRule rule) {
+  return {SettingPlace::Kind::text,
           [&value, rule](const RawValue& raw) -> Expected {
             const auto* text = std::get_if<std::string>(&raw);
             if (text == nullptr || !rule.accepts(*text)) {
@@ -63,8 +63,8 @@ Place textPlace(std::string& value, TextRule rule) {
           [&value] { return tomlString(value); }};
 }
 
-Place listPlace(std::vector<std::string>& value, TextRule rule) {
-  return {Place::Kind::list,
+SettingPlace listPlace(std::vector<std::string>& value, TextRule rule) {
+  return {SettingPlace::Kind::list,
           [&value, rule](const RawValue& raw) -> Expected {
             const auto* list = std::get_if<std::vector<std::string>>(&raw);
             if (list == nullptr || !std::all_of(list->begin(), list->end(), rule.accepts)) {
@@ -76,8 +76,8 @@ Place listPlace(std::vector<std::string>& value, TextRule rule) {
           [&value] { return tomlList(value, [](const std::string& text) { return text; }); }};
 }
 
-Place endpointsPlace(std::vector<Endpoint>& value, bool ipv4Only) {
-  return {Place::Kind::list,
+SettingPlace endpointsPlace(std::vector<Endpoint>& value, bool ipv4Only) {
+  return {SettingPlace::Kind::list,
           [&value, ipv4Only](const RawValue& raw) -> Expected {
             const auto* list = std::get_if<std::vector<std::string>>(&raw);
             std::vector<Endpoint> endpoints;
@@ -97,9 +97,10 @@ Place endpointsPlace(std::vector<Endpoint>& value, bool ipv4Only) {
           [&value] { return tomlList(value, textOf); }};
 }
 
-Place timePlace(runel::Milliseconds& value, runel::Milliseconds unit, double least, double most) {
+SettingPlace timePlace(runel::Milliseconds& value, runel::Milliseconds unit, double least,
+                       double most) {
   const auto scale = static_cast<double>(unit.count());
-  return {Place::Kind::number,
+  return {SettingPlace::Kind::number,
           [&value, scale, least, most](const RawValue& raw) -> Expected {
             const std::optional<double> number = finiteNumberOf(raw);
             if (!number || *number < least || *number > most) {
@@ -111,8 +112,8 @@ Place timePlace(runel::Milliseconds& value, runel::Milliseconds unit, double lea
           [&value, scale] { return numberText(static_cast<double>(value.count()) / scale); }};
 }
 
-Place numberPlace(double& value, double least, double most) {
-  return {Place::Kind::number,
+SettingPlace numberPlace(double& value, double least, double most) {
+  return {SettingPlace::Kind::number,
           [&value, least, most](const RawValue& raw) -> Expected {
             const std::optional<double> number = finiteNumberOf(raw);
             if (!number || *number < least || *number > most) {
@@ -124,9 +125,9 @@ Place numberPlace(double& value, double least, double most) {
           [&value] { return numberText(value); }};
 }
 
-Place choicePlace(std::function<void(std::size_t)> set, std::function<std::size_t()> get,
-                  const std::vector<std::string>& names) {
-  return {Place::Kind::text,
+SettingPlace choicePlace(std::function<void(std::size_t)> set, std::function<std::size_t()> get,
+                         const std::vector<std::string>& names) {
+  return {SettingPlace::Kind::text,
           [set = std::move(set), names](const RawValue& raw) -> Expected {
             const auto* text = std::get_if<std::string>(&raw);
             const auto found =
@@ -144,9 +145,9 @@ Place choicePlace(std::function<void(std::size_t)> set, std::function<std::size_
           [get = std::move(get), names] { return tomlString(names[get()]); }};
 }
 
-Place wholePlace(std::function<void(std::uint64_t)> set, std::function<std::uint64_t()> get,
-                 std::uint64_t least, std::uint64_t most) {
-  return {Place::Kind::count,
+SettingPlace wholePlace(std::function<void(std::uint64_t)> set, std::function<std::uint64_t()> get,
+                        std::uint64_t least, std::uint64_t most) {
+  return {SettingPlace::Kind::count,
           [set = std::move(set), least, most](const RawValue& raw) -> Expected {
             const auto* number = std::get_if<std::int64_t>(&raw);
             if (number == nullptr || *number < 0 || static_cast<std::uint64_t>(*number) < least ||

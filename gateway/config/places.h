@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A `Place` for each kind of value.
+// A `SettingPlace` for each kind of value.
 #ifndef RUNELGW_CONFIG_PLACES_H_
 #define RUNELGW_CONFIG_PLACES_H_
 
@@ -24,36 +24,36 @@ struct TextRule {
 };
 
 /// A text that @p rule accepts.
-[[nodiscard]] Place textPlace(std::string& value, TextRule rule);
+[[nodiscard]] SettingPlace textPlace(std::string& value, TextRule rule);
 /// A list of texts, each of which @p rule accepts.
-[[nodiscard]] Place listPlace(std::vector<std::string>& value, TextRule rule);
+[[nodiscard]] SettingPlace listPlace(std::vector<std::string>& value, TextRule rule);
 /// At least one address to listen on.
-[[nodiscard]] Place endpointsPlace(std::vector<Endpoint>& value, bool ipv4Only);
+[[nodiscard]] SettingPlace endpointsPlace(std::vector<Endpoint>& value, bool ipv4Only);
 /// A time in units of @p unit, fractions included, from @p least to @p most of them.
-[[nodiscard]] Place timePlace(runel::Milliseconds& value, runel::Milliseconds unit, double least,
-                              double most);
+[[nodiscard]] SettingPlace timePlace(runel::Milliseconds& value, runel::Milliseconds unit,
+                                     double least, double most);
 /// A number with fractions, from @p least to @p most.
-[[nodiscard]] Place numberPlace(double& value, double least, double most);
+[[nodiscard]] SettingPlace numberPlace(double& value, double least, double most);
 /// One of the @p names, which stand for 0, 1, 2...
-[[nodiscard]] Place choicePlace(std::function<void(std::size_t)> set,
-                                std::function<std::size_t()> get,
-                                const std::vector<std::string>& names);
+[[nodiscard]] SettingPlace choicePlace(std::function<void(std::size_t)> set,
+                                       std::function<std::size_t()> get,
+                                       const std::vector<std::string>& names);
 
 /// A whole number from @p least to @p most, set and read by functions.
-[[nodiscard]] Place wholePlace(std::function<void(std::uint64_t)> set,
-                               std::function<std::uint64_t()> get, std::uint64_t least,
-                               std::uint64_t most);
+[[nodiscard]] SettingPlace wholePlace(std::function<void(std::uint64_t)> set,
+                                      std::function<std::uint64_t()> get, std::uint64_t least,
+                                      std::uint64_t most);
 
 /// A whole number from @p least to @p most.
 template <typename Number>
-[[nodiscard]] Place countPlace(Number& value, std::uint64_t least, std::uint64_t most) {
+[[nodiscard]] SettingPlace countPlace(Number& value, std::uint64_t least, std::uint64_t most) {
   return wholePlace([&value](std::uint64_t number) { value = static_cast<Number>(number); },
                     [&value] { return std::uint64_t{value}; }, least, most);
 }
 
 /// One of the @p names, in the order of the enumerators.
 template <typename Enumeration>
-[[nodiscard]] Place enumPlace(Enumeration& value, const std::vector<std::string>& names) {
+[[nodiscard]] SettingPlace enumPlace(Enumeration& value, const std::vector<std::string>& names) {
   return choicePlace([&value](std::size_t index) { value = static_cast<Enumeration>(index); },
                      [&value] { return static_cast<std::size_t>(value); }, names);
 }

@@ -37,14 +37,14 @@ RawValue numberOf(const std::string& text) {
 
 }  // namespace
 
-RawValue rawValueOf(Place::Kind kind, const std::string& text) {
+RawValue rawValueOf(SettingPlace::Kind kind, const std::string& text) {
   switch (kind) {
-    case Place::Kind::list:
+    case SettingPlace::Kind::list:
       return splitAtCommas(text);
-    case Place::Kind::count:
-    case Place::Kind::number:
+    case SettingPlace::Kind::count:
+    case SettingPlace::Kind::number:
       return numberOf(text);
-    case Place::Kind::text:
+    case SettingPlace::Kind::text:
       break;
   }
   return text;

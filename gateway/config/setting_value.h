@@ -19,7 +19,7 @@ using RawValue =
 
 /// The place of one value in `Settings`, with its rules. `set` gets a value that fits the kind of
 /// the place and returns what was expected when the value is invalid: "a number from 1 to 9".
-struct Place {
+struct SettingPlace {
   /// The kind that the option's text stands for.
   enum class Kind { text, list, count, number };
   Kind kind;
@@ -30,7 +30,7 @@ struct Place {
 
 /// What the text of an option stands for. A list is separated by commas; the empty text is the
 /// empty list.
-[[nodiscard]] RawValue rawValueOf(Place::Kind kind, const std::string& text);
+[[nodiscard]] RawValue rawValueOf(SettingPlace::Kind kind, const std::string& text);
 
 /// @p text as a string of TOML, quoted, with escapes where they are needed.
 [[nodiscard]] std::string tomlString(std::string_view text);

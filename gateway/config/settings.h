@@ -69,8 +69,7 @@ struct AdmissionSettings {
 
 /// `[queue]`: requests that wait for a device.
 struct QueueSettings {
-  std::size_t length = 64;              ///< requests for each device
-  std::uint64_t memoryBytes = 1048576;  ///< a larger frame is spooled
+  std::size_t length = 64;  ///< requests for each device
   std::string spoolDirectory = "/var/lib/runelgw/spool";
   std::uint64_t spoolBytes = 1073741824;  ///< of all spooled frames
 };

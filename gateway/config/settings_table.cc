@@ -119,12 +119,11 @@ const std::vector<SettingRow> kRows = {
     {"queue", "length", "NUMBER",
      "How many requests may wait for one device. A further one is answered \"busy\".",
      [](Settings& s) { return countPlace(s.queue.length, 1, 10000); }},
-    {"queue", "memory_bytes", "BYTES",
-     "A larger frame is spooled to a file, and is sent to the device when it is complete.",
-     [](Settings& s) { return countPlace(s.queue.memoryBytes, 1, kLargestFrame); }},
-    {"queue", "spool_directory", "DIRECTORY", "The directory of spooled frames.",
+    {"queue", "spool_directory", "DIRECTORY",
+     "The directory of the temporary file for frames above 1 MiB, which reach a device when they "
+     "are complete.",
      [](Settings& s) { return textPlace(s.queue.spoolDirectory, kPath); }},
-    {"queue", "spool_bytes", "BYTES", "The limit of all spooled frames.",
+    {"queue", "spool_bytes", "BYTES", "The limit of that file. Beyond it a frame is refused.",
      [](Settings& s) { return countPlace(s.queue.spoolBytes, 0, kTib); }},
 
     {"inventory", "interval_seconds", "SECONDS",

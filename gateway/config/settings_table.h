@@ -18,7 +18,7 @@ struct SettingRow {
   std::string_view key;
   std::string_view argument;  ///< the name of the value in the help text
   std::string_view meaning;   ///< one or more sentences, for the example and the manual
-  Place (*place)(Settings&);
+  SettingPlace (*place)(Settings&);
 
   [[nodiscard]] std::string name() const;    ///< "section.key"
   [[nodiscard]] std::string option() const;  ///< "--section-key", '_' replaced by '-'

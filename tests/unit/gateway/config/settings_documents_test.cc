@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -40,6 +41,65 @@ TEST(SettingsDocumentsTest, ExampleHasEachKeyWithItsDefault) {
   all.compare();
   EXPECT_TRUE(all.problems().empty()) << all.problems().front();
   EXPECT_EQ(settingsText(all.settings()), settingsText({}));
+}
+
+// The part of @p path between the lines @p begin and @p end.
+std::string partOf(const std::string& path, const std::string& begin, const std::string& end) {
+  const std::string text = contentOf(path);
+  const std::size_t from = text.find(begin + "\n");
+  const std::size_t to = text.find(end + "\n");
+  if (from == std::string::npos || to == std::string::npos) {
+    return "no such part";
+  }
+  return text.substr(from + begin.size() + 1, to - from - begin.size() - 1);
+}
+
+// Each sentence begins on a new line, so that the manual's formatter sets the right spaces. Its
+// checker wants lines of at most 80 bytes.
+std::string manualText(const std::string& text) {
+  constexpr std::size_t kWidth = 80;
+  std::string lines;
+  std::string line;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const bool startsLine = line.empty() || line.back() == '.';
+    if (!line.empty() && (startsLine || line.size() + 1 + word.size() > kWidth)) {
+      lines += line + "\n";
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + word;
+  }
+  return lines + line + "\n";
+}
+
+TEST(SettingsDocumentsTest, ManualHasEachKeyWithItsDefaultAndMeaning) {
+  Settings defaults;
+  std::string expected;
+  for (const SettingSection& section : settingSections()) {
+    expected += ".Ss Section " + std::string(section.name) + "\n" + std::string(section.meaning) +
+                ".\n.Bl -tag -width Ds\n";
+    for (const SettingRow& row : settingRows()) {
+      if (row.section == section.name) {
+        expected += ".It Cm " + std::string(row.key) + " No = Li " + row.place(defaults).show() +
+                    "\n" + manualText(std::string(row.meaning));
+      }
+    }
+    expected += ".El\n";
+  }
+  const std::string found = partOf("man/runelgw.8", ".\\\" BEGIN SETTINGS", ".\\\" END SETTINGS");
+  EXPECT_TRUE(found == expected) << "expected:\n" << expected;
+}
+
+TEST(SettingsDocumentsTest, DocumentHasEachKeyWithItsDefaultAndMeaning) {
+  Settings defaults;
+  std::string expected = "| key | default | meaning |\n|---|---|---|\n";
+  for (const SettingRow& row : settingRows()) {
+    expected += "| `" + row.name() + "` | `" + row.place(defaults).show() + "` | " +
+                std::string(row.meaning) + " |\n";
+  }
+  const std::string found =
+      partOf("docs/gateway.md", "<!-- BEGIN SETTINGS -->", "<!-- END SETTINGS -->");
+  EXPECT_TRUE(found == expected) << "expected:\n" << expected;
 }
 
 }  // namespace

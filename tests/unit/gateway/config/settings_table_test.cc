@@ -28,7 +28,6 @@ const std::map<std::string, std::pair<std::string, std::string>> kOthers = {
     {"admission.allow", {"gw-1,192.0.2.9", R"(["gw-1", "192.0.2.9"])"}},
     {"admission.deny", {"\"odd\"", R"(["\"odd\""])"}},
     {"queue.length", {"2", "2"}},
-    {"queue.memory_bytes", {"4096", "4096"}},
     {"queue.spool_directory", {"/tmp/sp ool", R"("/tmp/sp ool")"}},
     {"queue.spool_bytes", {"0", "0"}},
     {"inventory.interval_seconds", {"60", "60"}},

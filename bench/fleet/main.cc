@@ -10,9 +10,10 @@
 //
 // Reads commands from standard input, and ends at its end:
 //   state              prints one line of JSON: connects, connected, answered, bytes, bridge_frames
-//   drop N | away N    closes the connections of the first N devices; they connect again | stay
-//   away back N             the first N devices connect again clause N TEXT      the first N
-//   devices' agents send TEXT
+//   drop N             closes the connections of the first N devices, which connect again
+//   away N             the same, and they stay away
+//   back N             the first N devices connect again
+//   clause N TEXT      the agents of the first N devices send TEXT
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

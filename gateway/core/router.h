@@ -26,6 +26,8 @@ struct Call {
   runel::Clock::time_point deadline = runel::Clock::time_point::max();
   /// May be sent again after a loss, if the task is safe to repeat.
   bool repeat = true;
+  /// Has no deadline while the device takes bytes of it or sends bytes of the answer.
+  bool deadlineWaits = false;
   /// Who asks, for others that find the device busy: "token ci".
   std::string label;
 };
@@ -35,10 +37,12 @@ using CallId = std::uint64_t;
 
 /// What a device does now.
 struct QueueState {
-  std::size_t waiting = 0;  ///< requests without an answer, the current one included
-  std::string busyWith;     ///< of the current one: "exec by token ci"; empty while idle
-  std::int64_t since = 0;   ///< when its turn began, in milliseconds since 1970
-  std::uint64_t bytes = 0;  ///< of the waiting requests
+  std::size_t waiting = 0;            ///< requests without an answer, the current one included
+  std::string busyWith;               ///< of the current one: "exec by token ci"; empty while idle
+  std::int64_t since = 0;             ///< when its turn began, in milliseconds since 1970
+  std::uint64_t bytes = 0;            ///< of the waiting requests
+  std::uint64_t current = 0;          ///< the call of the current one; 0 while idle
+  runel::Clock::time_point progress;  ///< when the device last sent or took bytes
 };
 
 /// Everything here belongs to the I/O thread.

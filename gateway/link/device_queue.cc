@@ -17,6 +17,8 @@ using runel::UserRequest;
 // So many requests are passed on together: the next one is there when a device has answered.
 constexpr std::size_t kMostPassed = 8;
 constexpr std::uint64_t kMostBytesPassed = 8388608;
+// Without a byte for so long, a request that waits for more of them is late.
+constexpr Milliseconds kStillMoving{10000};
 // From this size on, a request is read part by part while it is sent.
 constexpr std::uint64_t kReadLate = 65536;
 
@@ -117,6 +119,8 @@ QueueState DeviceQueue::state() const {
     state.busyWith = current.head.known ? current.head.task : "a request";
     state.busyWith += current.call.label.empty() ? "" : " by " + current.call.label;
     state.since = current.since;
+    state.current = current.id;
+    state.progress = user_->lastProgress();
   }
   return state;
 }
@@ -310,7 +314,24 @@ void DeviceQueue::wake() {
   checkIdle();
 }
 
+// Whether bytes of the current request move. Then its deadline is later.
+bool DeviceQueue::postpone(Entry& entry) const {
+  if (!entry.call.deadlineWaits || entry.number == 0 || entry.since == 0 ||
+      user_->lastProgress() <= entry.turn) {
+    return false;
+  }
+  const Clock::time_point later = user_->lastProgress() + kStillMoving;
+  if (later <= entry.call.deadline) {
+    return false;
+  }
+  entry.call.deadline = later;
+  return true;
+}
+
 void DeviceQueue::expire(Entries::iterator entry) {
+  if (postpone(*entry)) {
+    return;
+  }
   if (entry->number == 0 || user_->withdraw(entry->number)) {
     finish(entry, notRun(Reason::deadline, "the deadline passed before the request was sent"));
   } else {

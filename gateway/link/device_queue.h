@@ -98,6 +98,7 @@ class DeviceQueue {
   void beginTurn();
   void arm();
   void wake();
+  [[nodiscard]] bool postpone(Entry& entry) const;
   void expire(Entries::iterator entry);
   void endSilence();
   [[nodiscard]] std::optional<runel::Clock::time_point> silentAt() const;

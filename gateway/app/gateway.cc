@@ -23,9 +23,12 @@
 #include "gateway/app/loop_bridge.h"
 #include "gateway/app/part_settings.h"
 #include "gateway/app/supervisor.h"
+#include "gateway/attach/attach.h"
+#include "gateway/attach/fleet_directory.h"
 #include "gateway/config/endpoint.h"
 #include "gateway/config/write_settings.h"
 #include "gateway/fleet/start_record.h"
+#include "gateway/metrics/metered_router.h"
 
 namespace runelgw {
 namespace {
@@ -120,6 +123,8 @@ class Gateway::Data {
   std::shared_ptr<PayloadSpool> spool_;
   std::unique_ptr<DeviceLink> link_;
   std::unique_ptr<Inventory> inventory_;
+  std::unique_ptr<MeteredRouter> attachRouter_;
+  std::unique_ptr<FleetDirectory> directory_;
   std::unique_ptr<Api> api_;
   std::unique_ptr<HttpServer> http_;
   std::unique_ptr<LocalCommands> commands_;
@@ -190,6 +195,12 @@ runel::Result<void> Gateway::Data::openHttp() {
     return figuresOf(*registry_, *link_, *inventory_, *http_, *store_, *auth_, *api_);
   };
   hooks.notReady = [this] { return notReady(); };
+  attachRouter_ = std::make_unique<MeteredRouter>(*link_, metrics_);
+  directory_ = std::make_unique<FleetDirectory>(*registry_);
+  hooks.attach = [this](const std::shared_ptr<HttpExchange>& exchange,
+                        std::shared_ptr<Permit> permit) {
+    attachClient(exchange, std::move(permit), {loop_, *attachRouter_, *directory_, spool_});
+  };
   hooks.log = [this](bool warning, const std::string& line) {
     log_.line(warning ? LogLevel::warning : LogLevel::info, line);
   };

@@ -39,7 +39,7 @@ runel::Result<Groups::Cost> Groups::costOfGroup(const std::string& name, Search&
     return failure("a group cannot use itself: " + way + "@" + name);
   }
   search.path.push_back(name);
-  const runel::Result<Cost> result = cost(*query, search);
+  runel::Result<Cost> result = cost(*query, search);
   search.path.pop_back();
   if (result) {
     search.known[name] = *result;
@@ -50,7 +50,7 @@ runel::Result<Groups::Cost> Groups::costOfGroup(const std::string& name, Search&
 runel::Result<Groups::Cost> Groups::cost(const Query& query, Search& search) const {
   Cost all{query.terms(), 1};
   for (const std::string& name : query.groups()) {
-    const runel::Result<Cost> one = costOfGroup(name, search);
+    runel::Result<Cost> one = costOfGroup(name, search);
     if (!one) {
       return one;
     }

@@ -27,7 +27,7 @@ class Groups {
 
   /// Adds or replaces a group. Fails with a sentence for an invalid name, a malformed query, an
   /// unknown group in it, a cycle, and more than `kMostWork` or `kMostGroups`.
-  runel::Result<void> set(const std::string& name, const std::string& query);
+  runel::Result<void> set(const std::string& name, const std::string& text);
   /// Fails if there is no such group, and while another one uses it.
   runel::Result<void> remove(const std::string& name);
 

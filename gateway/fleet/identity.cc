@@ -154,6 +154,7 @@ Match AccessList::findAddress(const std::string& text) const {
 
 std::vector<Verdict> judge(const Standing& standing, const std::vector<Claim>& claims) {
   std::vector<Verdict> verdicts;
+  verdicts.reserve(claims.size());
   for (const Claim& claim : claims) {
     verdicts.push_back(judgeAlone(standing, claim));
   }

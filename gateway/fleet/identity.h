@@ -57,7 +57,7 @@ class AccessList {
   using Key = std::pair<std::string, std::string>;
   [[nodiscard]] static runel::Result<Key> keyOf(const std::string& kind, const std::string& value);
   [[nodiscard]] Match findValue(const char* kind, const std::string& value) const;
-  [[nodiscard]] Match findAddress(const std::string& address) const;
+  [[nodiscard]] Match findAddress(const std::string& text) const;
 
   std::map<Key, AccessRecord> entries_;
   std::map<unsigned, std::map<std::uint32_t, bool>> networks_;  // allowed, by bits and network

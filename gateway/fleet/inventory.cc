@@ -19,19 +19,23 @@ namespace {
 using Time = runel::Clock::time_point;
 
 // The questions of a round, in this order. All are cheap and safe to repeat.
-enum Question : std::size_t { deviceType, kernel, blockSize, freeBlocks, end };
+enum class Question { deviceType, kernel, blockSize, freeBlocks, none };
 
-std::vector<std::string> wordsOf(std::size_t question) {
+std::vector<std::string> wordsOf(Question question) {
   switch (question) {
-    case deviceType:
+    case Question::deviceType:
       return {"devicetype"};
-    case kernel:
+    case Question::kernel:
       return {"read", "/proc/sys/kernel/osrelease"};
-    case blockSize:
+    case Question::blockSize:
       return {"stat", "/"};
     default:
       return {"freeblocks", "/"};
   }
+}
+
+Question after(Question question) {
+  return static_cast<Question>(static_cast<int>(question) + 1);
 }
 
 std::optional<std::uint64_t> product(std::uint64_t one, std::uint64_t other) {
@@ -88,7 +92,7 @@ class Inventory::Data {
 
  private:
   struct Round {
-    std::size_t question = 0;
+    Question question = Question::kernel;
     bool first = false;
     CallId call = 0;
     bool answered = false;
@@ -147,7 +151,8 @@ class Inventory::Data {
       room_ -= 1.0;
       Round& round = rounds_[device];
       round.first = first;
-      round.question = first ? kernel : deviceType;  // its type came with the connection
+      round.question =
+          first ? Question::kernel : Question::deviceType;  // its type came with the connection
       ask(device);
     }
   }
@@ -184,7 +189,8 @@ class Inventory::Data {
     if (!learn(round, answer.payload)) {
       ++state_.failed;
     }
-    if (++round.question == end) {
+    round.question = after(round.question);
+    if (round.question == Question::none) {
       finish(device);
     } else {
       ask(device);
@@ -199,13 +205,13 @@ class Inventory::Data {
       return false;
     }
     switch (round.question) {
-      case deviceType:
+      case Question::deviceType:
         round.facts.deviceType = reply->output();
         return true;
-      case kernel:
+      case Question::kernel:
         round.facts.kernel = reply->output();
         return true;
-      case blockSize: {
+      case Question::blockSize: {
         const auto stat = runel::parseStat(reply->output());
         round.blockSize = stat ? std::optional(stat->blksize) : std::nullopt;
         return stat.has_value();

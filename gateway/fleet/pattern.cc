@@ -9,12 +9,12 @@
 namespace runelgw {
 namespace {
 
-constexpr std::size_t kMostDigits = 9;  // fits into 32 bits
+constexpr std::size_t kMostRangeDigits = 9;  // fits into 32 bits
 
 bool parseDigits(std::string_view text, std::uint32_t& number) {
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return text.size() <= kMostDigits && error == std::errc() && stop == end;
+  return text.size() <= kMostRangeDigits && error == std::errc() && stop == end;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -131,7 +131,7 @@ std::optional<Pattern> Pattern::parse(const Word& word, Problem& problem) {
 void Pattern::stepNumbers(const Token& token, std::string_view text, std::size_t from,
                           std::vector<bool>& reached) {
   std::uint32_t number = 0;
-  for (std::size_t end = from + 1; end <= text.size() && end - from <= kMostDigits; ++end) {
+  for (std::size_t end = from + 1; end <= text.size() && end - from <= kMostRangeDigits; ++end) {
     const char digit = text[end - 1];
     if (digit < '0' || digit > '9') {
       return;

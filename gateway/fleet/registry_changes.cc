@@ -10,7 +10,6 @@ namespace runelgw {
 namespace {
 
 constexpr std::size_t kLongestKernel = 128;
-constexpr std::size_t kLongestType = 32;
 constexpr runel::Milliseconds kSeenDelay{60000};
 // The free space changes all the time: a part below this is not an event.
 constexpr std::uint64_t kFreePart = 16;
@@ -135,7 +134,7 @@ void Registry::Data::learn(Entry& entry, const Facts& facts) {
     }
   };
   if (facts.deviceType) {
-    set(device.deviceType, printable(*facts.deviceType, kLongestType), "type");
+    set(device.deviceType, deviceTypeOf(*facts.deviceType), "type");
   }
   if (facts.kernel) {
     set(device.kernel, printable(*facts.kernel, kLongestKernel), "kernel");

@@ -9,7 +9,6 @@ namespace runelgw {
 namespace {
 
 constexpr std::size_t kLongestReason = 200;
-constexpr std::size_t kLongestType = 32;
 
 std::string textOf(const Place& place) {
   return place.host + ":" + std::to_string(place.port);
@@ -106,7 +105,7 @@ void Registry::Data::connected(const Place& place, const std::string& hostid,
   Connection& connection = connections[place];
   connection.place = place;
   connection.hostid = hostid;
-  connection.deviceType = printable(deviceType, kLongestType);
+  connection.deviceType = deviceTypeOf(deviceType);
   connection.since = timeline.now();
   identify(connection);
 }

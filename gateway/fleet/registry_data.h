@@ -57,7 +57,7 @@ class Registry::Data {
     std::uint32_t epoch = 0;
   };
 
-  Data(RegistrySettings settings, Store& store, Clocks clocks, const Snapshot& snapshot,
+  Data(RegistrySettings chosen, Store& store, Clocks clocks, const Snapshot& snapshot,
        bool orderly);
 
   // registry_load.cc
@@ -95,7 +95,7 @@ class Registry::Data {
   [[nodiscard]] std::optional<runel::Milliseconds> silenceFor(const Place& place) const;
   void connected(const Place& place, const std::string& hostid, const std::string& deviceType);
   void lost(const Place& place, const std::string& why);
-  [[nodiscard]] AccessList::Match listed(const Claimant& claimant) const;
+  [[nodiscard]] AccessList::Match listed(const Claimant& who) const;
   void identify(Connection& connection);
   [[nodiscard]] std::string refusal(const Connection& connection) const;
   Entry& addDevice(const Connection& connection);
@@ -108,9 +108,9 @@ class Registry::Data {
   void tell(Entry& entry, Connection& connection, Verdict verdict);
   void goOffline(Entry& entry);
   void goOnline(Entry& entry, Connection& connection);
-  void agentConnected(const Place& bridge, DeviceId device);
-  void agentLost(const Place& bridge);
-  void clause(const Place& bridge, DeviceId device, const std::string& text);
+  void agentConnected(const Place& place, DeviceId device);
+  void agentLost(const Place& place);
+  void clause(const Place& place, DeviceId device, const std::string& text);
   void countBridge(Entry& entry, bool connected);
 
   const RegistrySettings settings;

@@ -38,6 +38,11 @@ std::string printable(std::string_view text, std::size_t most) {
   return line;
 }
 
+std::string deviceTypeOf(std::string_view answer) {
+  constexpr std::size_t kLongest = 32;
+  return printable(answer, kLongest);
+}
+
 std::optional<std::uint32_t> parseAddress(const std::string& text) {
   in_addr address{};
   if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &address) != 1) {

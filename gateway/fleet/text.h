@@ -20,6 +20,9 @@ namespace runelgw {
 /// The first line of @p text, at most @p most bytes, with '?' for what is not printable ASCII.
 [[nodiscard]] std::string printable(std::string_view text, std::size_t most);
 
+/// The kind of a device, as it may be kept and shown.
+[[nodiscard]] std::string deviceTypeOf(std::string_view answer);
+
 /// An IPv4 network. A single address has 32 bits.
 struct Network {
   std::uint32_t address = 0;  ///< in host byte order, the host bits are 0

@@ -159,6 +159,7 @@ TEST(GatewayQuery, SeenIsTheTimeSinceTheLastSignOfLife) {
   device.lastSeen = kNow + 1000 * kHour;  // the clock was set back: never a negative time
   EXPECT_TRUE(selects("seen<1s", device));
   EXPECT_FALSE(selects("seen>0s", device));
+  EXPECT_FALSE(selects("seen<0s", device));
   device.lastSeen = 0;
   EXPECT_TRUE(selects("seen>100000w", device));
   EXPECT_FALSE(selects("seen<100000w", device));
@@ -227,6 +228,7 @@ TEST(GatewayQuery, GroupsAreOtherQueries) {
 TEST(GatewayQuery, AnUnknownGroupSelectsNothingAlsoNegated) {
   EXPECT_FALSE(selects("@gone"));
   EXPECT_FALSE(selects("!@gone"));
+  EXPECT_FALSE(selects("!!@gone"));
   EXPECT_FALSE(selects("!(@gone site=berlin)"));
   EXPECT_FALSE(selects("@all !@gone"));
   EXPECT_FALSE(selects("@gone gw-8"));

@@ -22,6 +22,7 @@
 #include "gateway/app/local_commands.h"
 #include "gateway/app/loop_bridge.h"
 #include "gateway/app/part_settings.h"
+#include "gateway/app/state_router.h"
 #include "gateway/app/supervisor.h"
 #include "gateway/attach/attach.h"
 #include "gateway/attach/fleet_directory.h"
@@ -122,6 +123,7 @@ class Gateway::Data {
   Events::Subscription events_;
   std::shared_ptr<PayloadSpool> spool_;
   std::unique_ptr<DeviceLink> link_;
+  std::unique_ptr<StateRouter> router_;
   std::unique_ptr<Inventory> inventory_;
   std::unique_ptr<MeteredRouter> attachRouter_;
   std::unique_ptr<FleetDirectory> directory_;
@@ -184,6 +186,10 @@ runel::Result<void> Gateway::Data::openFleet() {
       std::make_shared<PayloadSpool>(settings_.queue.spoolDirectory, settings_.queue.spoolBytes);
   link_ = std::make_unique<DeviceLink>(loop_, linkSettings(settings_), spool_, *registry_);
   registry_->use(link_.get());
+  router_ = std::make_unique<StateRouter>(loop_, *link_, [this](DeviceId id) {
+    const Device* const device = registry_->find(id);
+    return device == nullptr ? std::nullopt : std::optional<DeviceState>(device->state);
+  });
   inventory_ =
       std::make_unique<Inventory>(*registry_, *link_, inventoryRules(settings_), Clocks::system());
   return link_->open();
@@ -195,7 +201,7 @@ runel::Result<void> Gateway::Data::openHttp() {
     return figuresOf(*registry_, *link_, *inventory_, *http_, *store_, *auth_, *api_);
   };
   hooks.notReady = [this] { return notReady(); };
-  attachRouter_ = std::make_unique<MeteredRouter>(*link_, metrics_);
+  attachRouter_ = std::make_unique<MeteredRouter>(*router_, metrics_);
   directory_ = std::make_unique<FleetDirectory>(*registry_);
   hooks.attach = [this](const std::shared_ptr<HttpExchange>& exchange,
                         std::shared_ptr<Permit> permit) {
@@ -204,7 +210,7 @@ runel::Result<void> Gateway::Data::openHttp() {
   hooks.log = [this](bool warning, const std::string& line) {
     log_.line(warning ? LogLevel::warning : LogLevel::info, line);
   };
-  api_ = std::make_unique<Api>(ApiParts{*registry_, *link_, *store_, *auth_, metrics_},
+  api_ = std::make_unique<Api>(ApiParts{*registry_, *router_, *store_, *auth_, metrics_},
                                apiSettings(settings_), std::move(hooks));
   api_->load(snapshot_);
   snapshot_ = {};

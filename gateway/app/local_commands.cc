@@ -157,14 +157,15 @@ void LocalCommands::revokeToken(const Request& request) {
   }
   const std::uint64_t id = found->id;
   const std::string name = found->name;
-  const bool known = auth_.revoke(id, [this, request, id, name](std::optional<std::string> error) {
-    const TokenRecord* token = auth_.find(id);
-    if (error || token == nullptr) {
-      failed(request, name, error.value_or("the token was removed meanwhile"));
-    } else {
-      done(request, name, {{"token", shownToken(*token, systemClocks().wall())}});
-    }
-  });
+  const bool known =
+      auth_.revoke(id, [this, request, id, name](const std::optional<std::string>& error) {
+        const TokenRecord* token = auth_.find(id);
+        if (error || token == nullptr) {
+          failed(request, name, error.value_or("the token was removed meanwhile"));
+        } else {
+          done(request, name, {{"token", shownToken(*token, systemClocks().wall())}});
+        }
+      });
   if (!known) {
     failed(request, name, "there is no token '" + wanted + "' that can be used");
   }

@@ -117,7 +117,7 @@ std::string nearestOption(const CLI::App& app, const std::string& word) {
   return zell::suggestion(word, known);
 }
 
-Parsed fail(const std::string& text) {
+Parsed wrongUsage(const std::string& text) {
   return {std::nullopt, 2, "", text};
 }
 
@@ -144,9 +144,9 @@ Parsed parseCommandLine(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     // An unknown word is the reason of other errors too.
     const std::vector<std::string> remaining = app.remaining(true);
-    return fail(remaining.empty() ? usageError(error)
-                                  : "runelgw: unknown argument '" + remaining.front() + "'" +
-                                        nearestOption(app, remaining.front()) + kHelpHint);
+    return wrongUsage(remaining.empty() ? usageError(error)
+                                        : "runelgw: unknown argument '" + remaining.front() + "'" +
+                                              nearestOption(app, remaining.front()) + kHelpHint);
   }
   return {line, 0, "", ""};
 }

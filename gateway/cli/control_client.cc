@@ -22,6 +22,7 @@ runel::Error lost() {
 }
 
 // Receives some bytes, and the descriptor that comes with them.
+// NOLINTNEXTLINE(readability-non-const-parameter): recvmsg writes to it
 ssize_t receiveSome(int socket, char* bytes, std::size_t size, zell::UniqueFd& file) {
   iovec part{bytes, size};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};

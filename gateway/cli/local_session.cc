@@ -62,7 +62,8 @@ class OwnSession : public LocalSession {
  public:
   explicit OwnSession(const Settings& settings)
       : settings_(settings),
-        store_(storeSettings(settings), [this](std::function<void()> call) { queue_.post(call); }),
+        store_(storeSettings(settings),
+               [this](std::function<void()> call) { queue_.post(std::move(call)); }),
         auth_(authSettings(settings), store_) {}
   ~OwnSession() override { store_.close(); }
 

@@ -82,7 +82,7 @@ struct InventorySettings {
 /// `[http]`: people and programs.
 struct HttpListenSettings {
   /// Without a certificate only loopback addresses.
-  std::vector<Endpoint> listen = {{"127.0.0.1", 8080}};
+  std::vector<Endpoint> listen = {{"127.0.0.1", 5180}};
   ///@{
   /// PEM files. Empty: no TLS. SIGHUP reads them again.
   std::string certificate;

@@ -50,6 +50,16 @@ endif()
 if(NOT RUNELD_DOCS)
   return()
 endif()
+if(RUNELD_GATEWAY)
+  set(RUNELGW_CONFIG "/etc/runelgw/runelgw.toml")  # where the program looks for it
+  configure_file("${PROJECT_SOURCE_DIR}/packaging/systemd/runelgw.service.in"
+    "${PROJECT_BINARY_DIR}/runelgw.service" @ONLY)
+  install(TARGETS runelgw RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}")
+  install(FILES "${PROJECT_BINARY_DIR}/runelgw.service" DESTINATION "${RUNELD_UNIT_DIR}")
+  install(FILES "${PROJECT_SOURCE_DIR}/packaging/runelgw/runelgw.toml" DESTINATION "${configuration}/runelgw")
+  install(FILES "${PROJECT_SOURCE_DIR}/packaging/systemd/runelgw.sysusers" DESTINATION "lib/sysusers.d"
+    RENAME runelgw.conf)
+endif()
 
 # The Wireshark dissector. The directory in which Wireshark finds it depends on the system.
 install(FILES "${PROJECT_SOURCE_DIR}/packaging/wireshark/runel.lua"
@@ -58,6 +68,10 @@ install(FILES "${PROJECT_SOURCE_DIR}/man/runeld.8" "${PROJECT_SOURCE_DIR}/man/ru
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT documents)
 if(RUNELD_CTL)
   install(FILES "${PROJECT_SOURCE_DIR}/man/runelctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+    COMPONENT documents)
+endif()
+if(RUNELD_GATEWAY)
+  install(FILES "${PROJECT_SOURCE_DIR}/man/runelgw.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
     COMPONENT documents)
 endif()
 
@@ -69,6 +83,10 @@ set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs
   client/examples/agent.cc client/examples/poll_loop.cc client/examples/push_file.cc
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 
+if(RUNELD_GATEWAY)
+  list(APPEND RUNELD_DOCUMENTS docs/gateway.md)
+endif()
+
 # Ready-made files for operators, installed as examples: each is a link of a document too.
 file(GLOB RUNELD_PROTECTION RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS
   "${PROJECT_SOURCE_DIR}/packaging/protection/*")
@@ -78,11 +96,17 @@ install(FILES ${RUNELD_PROTECTION} DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples
 install(FILES "${PROJECT_BINARY_DIR}/hardened.conf" DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/systemd"
   COMPONENT documents)
 list(TRANSFORM RUNELD_PROTECTION REPLACE "^packaging/" "examples/" OUTPUT_VARIABLE RUNELD_EXAMPLES)
+if(RUNELD_GATEWAY)
+  install(FILES "${PROJECT_SOURCE_DIR}/packaging/runelgw/haproxy.cfg"
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples/gateway" COMPONENT documents)
+  list(APPEND RUNELD_EXAMPLES examples/gateway/haproxy.cfg)
+endif()
 
 # Writes the document to the build tree. Links to files that are not installed become plain text.
 function(runeld_installed_document document)
   file(READ "${PROJECT_SOURCE_DIR}/${document}" text)
   string(REPLACE "/packaging/protection/" "/examples/protection/" text "${text}")
+  string(REPLACE "/packaging/runelgw/" "/examples/gateway/" text "${text}")
   get_filename_component(directory "${document}" DIRECTORY)
   string(REGEX MATCHALL "\\([A-Za-z0-9_./-]+(#[a-z0-9-]+)?\\)" targets "${text}")
   list(REMOVE_DUPLICATES targets)

@@ -16,7 +16,7 @@ import jsonschema
 HERE = pathlib.Path(__file__).resolve().parent
 SCRIPT = HERE.parents[1] / "cmake/sbom.cmake"
 BUILD, VERSION, READELF = pathlib.Path(sys.argv[1]), *sys.argv[2:4]
-BINARIES = {"runeld": "bin/runeld", "runelctl": "bin/runelctl", "librunel.a": "client/librunel.a",
+BINARIES = {"runeld": "bin/runeld", "runelctl": "bin/runelctl", "runelgw": "bin/runelgw", "librunel.a": "client/librunel.a",
             f"librunel.so.{VERSION}": f"client/librunel.so.{VERSION}"}
 VALIDATOR = jsonschema.Draft7Validator(json.loads((HERE / "spdx-2.3-schema.json").read_text()))
 MISSING = object()
@@ -105,7 +105,7 @@ class SbomTest(unittest.TestCase):
     def test_the_products_are_described_with_their_version(self):
         described = [element for element, _ in self.related("SPDXRef-DOCUMENT", "DESCRIBES")]
         products = [package for package in self.packages.values() if package["filesAnalyzed"]]
-        self.assertEqual(sorted(package["name"] for package in products), ["librunel", "runelctl", "runeld"])
+        self.assertEqual(sorted(package["name"] for package in products), ["librunel", "runelctl", "runeld", "runelgw"])
         self.assertEqual(sorted(described), sorted(package["SPDXID"] for package in products))
         self.assertEqual({package["versionInfo"] for package in products}, {VERSION})
 
@@ -153,6 +153,20 @@ class SbomTest(unittest.TestCase):
                 ("zlib", "zlib.h", r'ZLIB_VERSION "(.*)"')):
             text = pathlib.Path("/usr/include", header).read_text(encoding="utf-8")
             self.assertEqual(self.packages[library]["versionInfo"], re.search(pattern, text)[1])
+
+    def test_runelgw_lists_what_it_contains_and_what_it_links(self):
+        names = {package["SPDXID"]: package["name"] for package in self.packages.values()}
+        element = self.files["runelgw"]["SPDXID"]
+        contains = [names[each] for each, _ in self.related(element, "STATIC_LINK")]
+        self.assertEqual(contains, ["librunel", "Boost", "CLI11", "nlohmann-json", "toml++"])
+        links = {names[each] for each, _ in self.related(element, "DYNAMIC_LINK")}
+        self.assertLessEqual({"OpenSSL", "SOCI", "SQLite", "prometheus-cpp", "libstdc++"}, links)
+        for library, header, pattern in (
+                ("SQLite", "sqlite3.h", r'SQLITE_VERSION +"(.*)"'),
+                ("Boost", "boost/version.hpp", r'BOOST_LIB_VERSION "(.*)"')):
+            text = pathlib.Path("/usr/include", header).read_text(encoding="utf-8")
+            version = re.search(pattern, text)[1].replace("_", ".")
+            self.assertTrue(self.packages[library]["versionInfo"].startswith(version), library)
 
     def test_the_document_is_the_same_in_other_surroundings_and_dated_by_the_sources(self):
         one = self.write(SOURCE_DATE_EPOCH="1700000000", TZ="UTC0", LC_ALL="C")

@@ -122,8 +122,8 @@ bool isAllowed(const Identity& who, Need need) {
     case Need::open:
     case Need::viewer:
       return true;
-    case Need::operator_:
-      return who.role >= Role::operator_;
+    case Need::deviceOperator:
+      return who.role >= Role::deviceOperator;
     case Need::admin:
       return who.role == Role::admin;
     case Need::owner:
@@ -146,7 +146,7 @@ bool authorize(ApiCall& call) {
     Problem problem{refusal->status == 429 ? ProblemType::tooMany : ProblemType::unauthorized,
                     refusal->text};
     problem.retryAfter = refusal->retryAfter;
-    call.fail(std::move(problem));
+    call.fail(problem);
     return false;
   }
   call.who = std::move(std::get<Identity>(answer));
@@ -186,7 +186,7 @@ void Api::load(const Snapshot& snapshot) {
   data_->state->operations.load(snapshot);
 }
 
-void Api::handle(std::shared_ptr<HttpExchange> exchange) {
+void Api::handle(const std::shared_ptr<HttpExchange>& exchange) {
   const HttpRequest& request = exchange->request();
   RouteMatch match = findRoute(request.method, request.path);
   const auto call =

@@ -75,7 +75,7 @@ class Api {
   void load(const Snapshot& snapshot);
 
   /// Answers the request of @p exchange, now or later.
-  void handle(std::shared_ptr<HttpExchange> exchange);
+  void handle(const std::shared_ptr<HttpExchange>& exchange);
   /// The longest body that @p request may have, for HttpSettings::bodyLimit. The path and the
   /// headers are enough.
   [[nodiscard]] std::size_t bodyLimit(const HttpRequest& request) const;

@@ -66,7 +66,7 @@ void ApiCall::handedOver(unsigned status) {
   finish(status);
 }
 
-void ApiCall::fail(Problem problem) {
+void ApiCall::fail(const Problem& problem) {
   if (outcome.empty()) {
     outcome = std::string("refused (") + nameOf(problem.type) + ")";
   }
@@ -139,11 +139,11 @@ bool ApiCall::mayRun(TaskKind kind) {
 std::string ApiCall::listName() const {
   std::string name = route->operationId;
   for (const std::string& part : values_) {
-    name += "\n/" + part;
+    name.append("\n/").append(part);
   }
   for (const auto& [parameterName, text] : request().query) {
     if (parameterName != "cursor" && parameterName != "limit" && parameterName != "fields") {
-      name += "\n" + parameterName + "=" + text;
+      name.append("\n").append(parameterName).append("=").append(text);
     }
   }
   return name;

@@ -30,7 +30,7 @@ Json wholeJson(const CallPtr& call, const Device& device) {
   return json;
 }
 
-void answerDevice(const CallPtr& call, const Device& device, Json json) {
+void answerDevice(const CallPtr& call, const Device& device, const Json& json) {
   HttpResponse response = jsonResponse(200, textOf(json));
   call->respond(std::move(response.with("ETag", etagOf(device))));
 }
@@ -101,7 +101,7 @@ void getDevice(const CallPtr& call) {
   }
   Json json = wholeJson(call, *device);
   if (reduce(call, json)) {
-    answerDevice(call, *device, std::move(json));
+    answerDevice(call, *device, json);
   }
 }
 

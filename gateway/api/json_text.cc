@@ -298,7 +298,7 @@ const Json& Fields::member(std::string_view name) const {
 }
 
 std::string Fields::text(std::string_view name, std::size_t longest,
-                         std::optional<std::string> otherwise) {
+                         const std::optional<std::string>& otherwise) {
   const Json* const json = find(name);
   if (json == nullptr) {
     if (!otherwise) {
@@ -313,7 +313,7 @@ std::string Fields::text(std::string_view name, std::size_t longest,
   return json->get<std::string>();
 }
 
-std::string Fields::bytes(std::string_view name, std::optional<std::string> otherwise) {
+std::string Fields::bytes(std::string_view name, const std::optional<std::string>& otherwise) {
   const Json* const json = find(name);
   if (json == nullptr) {
     if (!otherwise) {

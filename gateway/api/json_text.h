@@ -56,10 +56,10 @@ class Fields {
   [[nodiscard]] bool has(std::string_view name) const;
   /// A string of at most @p longest bytes. Without the member an error, or @p otherwise.
   [[nodiscard]] std::string text(std::string_view name, std::size_t longest,
-                                 std::optional<std::string> otherwise = std::nullopt);
+                                 const std::optional<std::string>& otherwise = std::nullopt);
   /// A string or an object with base64, see `bytesOf`.
   [[nodiscard]] std::string bytes(std::string_view name,
-                                  std::optional<std::string> otherwise = std::nullopt);
+                                  const std::optional<std::string>& otherwise = std::nullopt);
   [[nodiscard]] std::int64_t number(std::string_view name, std::int64_t least, std::int64_t most,
                                     std::optional<std::int64_t> otherwise = std::nullopt);
   [[nodiscard]] bool flag(std::string_view name, bool otherwise);

@@ -106,7 +106,7 @@ void Operations::recount(const std::shared_ptr<OperationRecord>& record, DeviceI
   });
 }
 
-std::uint64_t Operations::start(OperationWish wish, Started started) {
+std::uint64_t Operations::start(OperationWish wish, const Started& started) {
   auto operation = std::make_shared<Running>();
   OperationRecord& record = operation->record;
   record.id = next_++;
@@ -127,12 +127,12 @@ std::uint64_t Operations::start(OperationWish wish, Started started) {
   if (!operation->wish.key.empty()) {
     keys_[operation->wish.key] = {{record.id, operation->wish.fingerprint}, record.time};
   }
-  begin(operation, std::move(started));
+  begin(operation, started);
   return record.id;
 }
 
 // The record and all preliminary results must be stored before the first request.
-void Operations::begin(const RunningPtr& operation, Started started) {
+void Operations::begin(const RunningPtr& operation, const Started& started) {
   struct Progress {
     std::size_t left = 0;
     std::optional<std::string> error;

@@ -73,7 +73,7 @@ class Operations {
   [[nodiscard]] bool hasRoom() const { return running_.size() < limits_.mostRunning; }
   /// Starts an operation and returns its id. @p started is called when it is stored; after an error
   /// nothing runs.
-  std::uint64_t start(OperationWish wish, Started started);
+  std::uint64_t start(OperationWish wish, const Started& started);
   /// An operation that runs, or whose end is not stored yet. Null for any other.
   [[nodiscard]] const OperationRecord* find(std::uint64_t id) const;
   /// Whether the stored result of @p device is only a preliminary one.
@@ -119,7 +119,7 @@ class Operations {
   };
 
   void store(std::vector<Change> changes, Store::Done done);
-  void begin(const RunningPtr& operation, Started started);
+  void begin(const RunningPtr& operation, const Started& started);
   void pump(const RunningPtr& operation);
   void send(const RunningPtr& operation, const std::vector<std::size_t>& places);
   void sendOne(const RunningPtr& operation, std::size_t place);

@@ -114,7 +114,7 @@ void follow(const CallPtr& call, EventWish wish) {
       streams.countOf(call->who.token) >= call->state->settings.mostEventStreamsOfToken) {
     Problem problem{ProblemType::tooMany, "there are too many streams of events"};
     problem.retryAfter = 30;
-    call->fail(std::move(problem));
+    call->fail(problem);
     return;
   }
   if (!readLastEvent(call, wish)) {
@@ -163,7 +163,7 @@ void listClauses(const CallPtr& call) {
   query.page = wish->page;
   query.time = wish->time;
   query.device = device->id;
-  call->state->parts.store.readClauses(std::move(query), answerPage(call, clauseJson));
+  call->state->parts.store.readClauses(query, answerPage(call, clauseJson));
 }
 
 void sendClause(const CallPtr& call) {

@@ -14,7 +14,7 @@ constexpr BodyKind kNone = BodyKind::none;
 constexpr BodyKind kJson = BodyKind::json;
 constexpr BodyKind kTask = BodyKind::task;
 constexpr Need kViewer = Need::viewer;
-constexpr Need kOperator = Need::operator_;
+constexpr Need kOperator = Need::deviceOperator;
 constexpr Need kAdmin = Need::admin;
 constexpr Need kOwner = Need::owner;
 
@@ -154,7 +154,7 @@ const char* nameOf(Need need) {
       return "none";
     case Need::viewer:
       return "viewer";
-    case Need::operator_:
+    case Need::deviceOperator:
       return "operator";
     case Need::admin:
       return "admin";

@@ -16,11 +16,11 @@ using CallPtr = std::shared_ptr<ApiCall>;
 
 /// Who may use a route.
 enum class Need {
-  open,       ///< everyone
-  viewer,     ///< any valid token
-  operator_,  ///< operators and admins
-  admin,      ///< admins
-  owner,      ///< admins whom neither groups nor kinds of task limit
+  open,            ///< everyone
+  viewer,          ///< any valid token
+  deviceOperator,  ///< operators and admins
+  admin,           ///< admins
+  owner,           ///< admins whom neither groups nor kinds of task limit
 };
 
 /// What the body of a request is.

@@ -7,7 +7,7 @@
 namespace runelgw {
 namespace {
 
-constexpr const char* kStateNames[] = {"online", "offline", "waiting", "denied", "quarantined"};
+constexpr const char* kDeviceStates[] = {"online", "offline", "waiting", "denied", "quarantined"};
 
 void answerText(const CallPtr& call, unsigned status, const std::string& text) {
   call->respond(textResponse(status, text + "\n"));
@@ -30,7 +30,7 @@ void getReadiness(const CallPtr& call) {
   if (reason) {
     Problem problem{ProblemType::unavailable, *reason};
     problem.retryAfter = 5;
-    call->fail(std::move(problem));
+    call->fail(problem);
     return;
   }
   answerText(call, 200, "ready");
@@ -59,7 +59,7 @@ void getInfo(const CallPtr& call) {
   // A client that is limited to groups does not learn how many others there are.
   if (call->who.groups.empty()) {
     for (std::size_t kind = 0; kind < counts.size(); ++kind) {
-      devices[kStateNames[kind]] = counts[kind];
+      devices[kDeviceStates[kind]] = counts[kind];
     }
   }
   call->json(200, {{"version", RUNELGW_VERSION},

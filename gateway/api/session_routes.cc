@@ -44,7 +44,7 @@ void logIn(const CallPtr& call) {
       problem.type = refusal->status == 429 ? ProblemType::tooMany : ProblemType::unavailable;
     }
     problem.retryAfter = refusal->retryAfter;
-    call->fail(std::move(problem));
+    call->fail(problem);
     return;
   }
   const std::string& cookie = std::get<std::string>(session);

@@ -16,7 +16,7 @@ std::optional<TaskWish> readWish(const CallPtr& call, const Json& json,
                                  const std::string& pointer) {
   std::variant<TaskWish, Problem> read = readTask(json, pointer, call->state->settings.deadline);
   if (auto* const problem = std::get_if<Problem>(&read)) {
-    call->fail(std::move(*problem));
+    call->fail(*problem);
     return std::nullopt;
   }
   TaskWish wish = std::move(std::get<TaskWish>(read));
@@ -236,15 +236,16 @@ void runTask(const CallPtr& call) {
   request.label = call->who.label();
   call->body = nullptr;  // its contents may be large
   // The task continues when the client has gone: only so its outcome is known for the audit log.
-  call->state->parts.router.send(std::move(request), [call, name = device->name](Answer answer) {
-    call->outcome = outcomeText(answer);
-    call->detail = answer.text;
-    Json json = jsonOf(name, answer, call->state->settings.outputBytes);
-    if (json["reply"].is_object()) {
-      call->outcome += ": " + json["reply"]["status"].get<std::string>();
-    }
-    call->json(200, json);
-  });
+  call->state->parts.router.send(
+      std::move(request), [call, name = device->name](const Answer& answer) {
+        call->outcome = outcomeText(answer);
+        call->detail = answer.text;
+        Json json = jsonOf(name, answer, call->state->settings.outputBytes);
+        if (json["reply"].is_object()) {
+          call->outcome += ": " + json["reply"]["status"].get<std::string>();
+        }
+        call->json(200, json);
+      });
 }
 
 void startOperation(const CallPtr& call) {
@@ -277,7 +278,7 @@ void startOperation(const CallPtr& call) {
   if (!call->state->operations.hasRoom()) {
     Problem problem{ProblemType::tooMany, "too many operations run"};
     problem.retryAfter = 10;
-    call->fail(std::move(problem));
+    call->fail(problem);
     return;
   }
   for (const Device* const device : selectSeen(registry, call->who, *query)) {

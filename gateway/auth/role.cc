@@ -7,7 +7,7 @@ const char* nameOf(Role role) {
   switch (role) {
     case Role::viewer:
       return "viewer";
-    case Role::operator_:
+    case Role::deviceOperator:
       return "operator";
     case Role::admin:
       return "admin";
@@ -16,7 +16,7 @@ const char* nameOf(Role role) {
 }
 
 std::optional<Role> findRole(std::string_view name) {
-  for (const Role role : {Role::viewer, Role::operator_, Role::admin}) {
+  for (const Role role : {Role::viewer, Role::deviceOperator, Role::admin}) {
     if (name == nameOf(role)) {
       return role;
     }

@@ -14,9 +14,9 @@ namespace runelgw {
 
 /// Each role may do what the ones before it may.
 enum class Role {
-  viewer,     ///< sees devices and runs tasks of the kind "look"
-  operator_,  ///< runs tasks of all kinds
-  admin,      ///< decides which devices and tokens there are
+  viewer,          ///< sees devices and runs tasks of the kind "look"
+  deviceOperator,  ///< runs tasks of all kinds
+  admin,           ///< decides which devices and tokens there are
 };
 
 /// "viewer", "operator" or "admin".

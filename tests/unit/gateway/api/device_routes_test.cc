@@ -164,7 +164,7 @@ TEST_F(DeviceRoutesTest, ClausesOfAnyBytesAreListed) {
   const Got page = get("/v1/devices/gw-1/clauses", operator_);
   EXPECT_EQ(page.json["items"][0]["text"], "<b/>");
   EXPECT_EQ(page.json["items"][1]["text"]["base64"], "PGE+/zwvYT4=");
-  const std::string looks = makeToken("looks", Role::operator_, {}, {"look"});
+  const std::string looks = makeToken("looks", Role::deviceOperator, {}, {"look"});
   EXPECT_EQ(get("/v1/devices/gw-1/clauses", looks).status, 403U);
 }
 

@@ -64,7 +64,7 @@ std::string Got::problem() const {
 ApiTest::ApiTest() {
   restart();
   admin_ = makeToken("admin", Role::admin);
-  operator_ = makeToken("operator", Role::operator_);
+  operator_ = makeToken("operator", Role::deviceOperator);
   viewer_ = makeToken("viewer", Role::viewer);
 }
 

@@ -36,7 +36,7 @@ TEST_F(FleetRoutesTest, AGroupIsReplacedOnlyByOneWhoKnowsIt) {
 
 TEST_F(FleetRoutesTest, AGroupThatATokenNeedsStays) {
   makeGroupA();
-  makeToken("ci", Role::operator_, {"a"});
+  makeToken("ci", Role::deviceOperator, {"a"});
   EXPECT_EQ(call("DELETE", "/v1/groups/a", admin_).status, 409U);
   ASSERT_TRUE(auth_->revoke(4, [](const std::optional<std::string>&) {}));
   EXPECT_EQ(call("DELETE", "/v1/groups/a", admin_).status, 204U);

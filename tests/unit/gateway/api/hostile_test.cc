@@ -292,7 +292,7 @@ TEST_F(HostileTest, DevicesOfOtherGroupsDoNotExist) {
 TEST_F(HostileTest, ACertificateIsOnlyTakenAsTheServerHasVerifiedIt) {
   TokenWish wish;
   wish.name = "build";
-  wish.role = Role::operator_;
+  wish.role = Role::deviceOperator;
   wish.certificate = "build.example";
   auth_->create(wish, [](const runel::Result<NewToken>&) {});
   store_.run();

@@ -202,7 +202,7 @@ TEST_F(OperationsTest, RightsAreAskedAgainForEachDevice) {
   for (const char* const name : {"gw-1", "gw-2", "gw-3"}) {
     ASSERT_TRUE(registry_->setTag(registry_->find(name)->id, "site", "a"));
   }
-  const std::string token = makeToken("ci", Role::operator_, {"a"});
+  const std::string token = makeToken("ci", Role::deviceOperator, {"a"});
   const std::string id = start(body("@all", 1), token);
   EXPECT_EQ(operation(id)["devices"], 3);
   ASSERT_TRUE(registry_->removeTag(registry_->find("gw-2")->id, "site"));
@@ -293,7 +293,7 @@ TEST_F(OperationsTest, ADeviceThatCannotBeMarkedIsNotReached) {
 TEST_F(OperationsTest, OthersDoNotSeeIt) {
   connectMany(1);
   const std::string id = start(body(), operator_);
-  const std::string other = makeToken("other", Role::operator_);
+  const std::string other = makeToken("other", Role::deviceOperator);
   EXPECT_EQ(get("/v1/operations/" + id, operator_).status, 200U);
   EXPECT_EQ(get("/v1/operations/" + id).status, 200U);
   EXPECT_EQ(get("/v1/operations/" + id, other).status, 404U);

@@ -122,7 +122,7 @@ TEST_F(RolesTest, AWebSocketIsHandedOverWithItsPermit) {
   const DeviceId inside = connect("gw-1");
   const DeviceId outside = connect("gw-2");
   ASSERT_TRUE(registry_->setTag(inside, "site", "a"));
-  const std::string token = makeToken("ci", Role::operator_, {"a"}, {"look", "write"});
+  const std::string token = makeToken("ci", Role::deviceOperator, {"a"}, {"look", "write"});
   EXPECT_EQ(get("/v1/attach", token).status, 400U);
   const Headers headers = {{"upgrade", "websocket"},
                            {"connection", "Upgrade"},

@@ -128,7 +128,7 @@ TEST_F(TaskRoutesTest, AViewerOnlyLooks) {
 }
 
 TEST_F(TaskRoutesTest, ATokenMayBeLimitedToKinds) {
-  const std::string token = makeToken("leds", Role::operator_, {}, {"led"});
+  const std::string token = makeToken("leds", Role::deviceOperator, {}, {"led"});
   EXPECT_EQ(run({{"task", "blinkleds"}, {"arguments", {"fast"}}}, answered(""), token).status,
             200U);
   EXPECT_EQ(run({{"task", "hostid"}}, answered(""), token).status, 403U);

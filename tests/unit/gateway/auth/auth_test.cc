@@ -33,7 +33,7 @@ class AuthTest : public testing::Test {
     auth_->load(tokens, 1);
   }
 
-  NewToken create(const std::string& name, Role role = Role::operator_,
+  NewToken create(const std::string& name, Role role = Role::deviceOperator,
                   const std::string& certificate = "") {
     TokenWish wish;
     wish.name = name;
@@ -92,7 +92,7 @@ TEST_F(AuthTest, ATokenIsAcceptedAlsoAfterARestart) {
   const Auth::Answer answer = bearer(token.secret);
   ASSERT_TRUE(accepted(answer));
   EXPECT_EQ(std::get<Identity>(answer).label(), "token ci");
-  EXPECT_EQ(std::get<Identity>(answer).role, Role::operator_);
+  EXPECT_EQ(std::get<Identity>(answer).role, Role::deviceOperator);
   EXPECT_EQ(create("next").record.id, token.record.id + 1);
 }
 

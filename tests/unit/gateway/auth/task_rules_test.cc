@@ -98,18 +98,18 @@ TEST(TaskRulesTest, ReadsNoTaskOfAMalformedRecord) {
 
 TEST(RoleTest, AViewerOnlyLooks) {
   EXPECT_EQ(KindSet::of(Role::viewer).names(), std::vector<std::string>{"look"});
-  for (const Role role : {Role::operator_, Role::admin}) {
+  for (const Role role : {Role::deviceOperator, Role::admin}) {
     EXPECT_EQ(KindSet::of(role).names().size(), kTaskKinds);
   }
 }
 
 TEST(RoleTest, FindsEachRoleByItsName) {
-  for (const Role role : {Role::viewer, Role::operator_, Role::admin}) {
+  for (const Role role : {Role::viewer, Role::deviceOperator, Role::admin}) {
     EXPECT_EQ(findRole(nameOf(role)), role);
   }
   EXPECT_FALSE(findRole("root"));
-  EXPECT_LT(Role::viewer, Role::operator_);
-  EXPECT_LT(Role::operator_, Role::admin);
+  EXPECT_LT(Role::viewer, Role::deviceOperator);
+  EXPECT_LT(Role::deviceOperator, Role::admin);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ constexpr std::int64_t kTokenDay = 86400000;
 TokenWish wish() {
   TokenWish wish;
   wish.name = "ci";
-  wish.role = Role::operator_;
+  wish.role = Role::deviceOperator;
   return wish;
 }
 

@@ -39,11 +39,8 @@ class StoreCrashTest : public StoreTest {
   std::uint64_t cursor_ = 0;    // the last checked record
 };
 
-INSTANTIATE_TEST_SUITE_P(Databases, StoreCrashTest,
-                         ::testing::Values(Dialect::sqlite, Dialect::postgres),
-                         [](const auto& test) {
-                           return test.param == Dialect::sqlite ? "SQLite" : "PostgreSQL";
-                         });
+INSTANTIATE_TEST_SUITE_P(Databases, StoreCrashTest, ::testing::Values(Kind::sqlite, Kind::postgres),
+                         nameOfKind);
 
 // Reads numbers until the writer is gone. Kills @p child at the time.
 std::uint64_t lastReport(int reports, pid_t child, std::chrono::microseconds after) {

@@ -49,7 +49,7 @@ class StoreFileTest : public StoreTest {
   std::string path_ = directory_.file("fleet.db");
 };
 
-INSTANTIATE_TEST_SUITE_P(File, StoreFileTest, ::testing::Values(Dialect::sqlite));
+INSTANTIATE_TEST_SUITE_P(File, StoreFileTest, ::testing::Values(Kind::sqlite));
 
 void StoreFileTest::fill() {
   open();

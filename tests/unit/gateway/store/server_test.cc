@@ -25,7 +25,7 @@ class StoreServerTest : public StoreTest {
   PostgresServer& server_ = PostgresServer::shared();
 };
 
-INSTANTIATE_TEST_SUITE_P(Server, StoreServerTest, ::testing::Values(Dialect::postgres));
+INSTANTIATE_TEST_SUITE_P(Server, StoreServerTest, ::testing::Values(Kind::postgres));
 
 TEST_P(StoreServerTest, RepeatsWhatTheServerLostWhenItIsBack) {
   settings_.lockTimeout = std::chrono::seconds(20);

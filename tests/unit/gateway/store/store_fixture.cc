@@ -19,9 +19,13 @@ Post TestLoop::post() {
 void TestLoop::runUntil(const std::function<bool()>& done) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   while (!done()) {
+    if (alsoRun) {
+      alsoRun();
+    }
     std::unique_lock<std::mutex> lock(mutex_);
     // The condition may change without a completion: it is looked at again after a short time.
-    changed_.wait_for(lock, std::chrono::milliseconds(20), [this] { return !queue_.empty(); });
+    changed_.wait_for(lock, std::chrono::milliseconds(alsoRun ? 0 : 20),
+                      [this] { return !queue_.empty(); });
     ASSERT_LT(std::chrono::steady_clock::now(), end) << "no completion within a minute";
     while (!queue_.empty()) {
       const std::function<void()> call = std::move(queue_.front());
@@ -41,10 +45,22 @@ std::string allBytes() {
   return bytes;
 }
 
+std::string nameOfKind(const ::testing::TestParamInfo<Kind>& test) {
+  switch (test.param) {
+    case Kind::sqlite:
+      return "SQLite";
+    case Kind::postgres:
+      return "PostgreSQL";
+    case Kind::memory:
+      break;
+  }
+  return "Memory";
+}
+
 StoreTest::StoreTest() {
-  if (GetParam() == Dialect::sqlite) {
+  if (GetParam() == Kind::sqlite) {
     settings_.database = directory_.file("fleet.db");
-  } else {
+  } else if (GetParam() == Kind::postgres) {
     PostgresServer& server = PostgresServer::shared();
     server.execute("DROP SCHEMA public CASCADE");
     server.execute("CREATE SCHEMA public");
@@ -58,7 +74,13 @@ StoreTest::~StoreTest() {
 }
 
 Snapshot StoreTest::open() {
-  store_ = std::make_unique<SqlStore>(settings_, loop_.post());
+  if (GetParam() != Kind::memory) {
+    store_ = std::make_unique<SqlStore>(settings_, loop_.post());
+  } else if (!store_) {
+    auto fake = std::make_unique<FakeStore>();
+    loop_.alsoRun = [store = fake.get()] { store->run(); };
+    store_ = std::move(fake);
+  }
   runel::Result<Snapshot> opened = store_->open();
   EXPECT_TRUE(opened.ok()) << opened.error().text();
   return opened.ok() ? std::move(*opened) : Snapshot();
@@ -66,7 +88,9 @@ Snapshot StoreTest::open() {
 
 Snapshot StoreTest::reopen() {
   store_->close();
-  store_.reset();
+  if (GetParam() != Kind::memory) {
+    store_.reset();
+  }
   return open();
 }
 

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/gateway/fake_store.h"
 #include "gateway/store/columns.h"
 #include "gateway/store/sql_store.h"
 #include "support/temp_dir.h"
@@ -27,6 +28,8 @@ class TestLoop {
   [[nodiscard]] Post post();
   /// Runs completions until @p done is true; fails the test after a minute.
   void runUntil(const std::function<bool()>& done);
+  /// Called in `runUntil` too.
+  std::function<void()> alsoRun;
 
  private:
   std::mutex mutex_;
@@ -96,8 +99,12 @@ std::vector<std::string> textsOf(const std::vector<Record>& records) {
   return texts;
 }
 
-/// An empty database of each kind.
-class StoreTest : public ::testing::TestWithParam<Dialect> {
+/// The stores: the fake of other tests keeps the same rules.
+enum class Kind { memory, sqlite, postgres };
+[[nodiscard]] std::string nameOfKind(const ::testing::TestParamInfo<Kind>& test);
+
+/// An empty store of each kind.
+class StoreTest : public ::testing::TestWithParam<Kind> {
  protected:
   StoreTest();
   ~StoreTest() override;
@@ -123,8 +130,11 @@ class StoreTest : public ::testing::TestWithParam<Dialect> {
   zell::test::TempDir directory_;
   StoreSettings settings_;
   TestLoop loop_;
-  std::unique_ptr<SqlStore> store_;
+  std::unique_ptr<Store> store_;
 };
+
+/// For what only databases have.
+class SqlStoreTest : public StoreTest {};
 
 /// Opens @p database on the database of @p settings.
 Database::Failure openBeside(const StoreSettings& settings, Database& database);

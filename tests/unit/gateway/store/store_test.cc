@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the store does on both kinds of database.
+// What the store does on both kinds of database, and what its fake does too.
 #include "unit/gateway/store/store_fixture.h"
 
 #include <algorithm>
@@ -15,11 +15,10 @@
 namespace runelgw::test {
 namespace {
 
-INSTANTIATE_TEST_SUITE_P(Databases, StoreTest,
-                         ::testing::Values(Dialect::sqlite, Dialect::postgres),
-                         [](const auto& test) {
-                           return test.param == Dialect::sqlite ? "SQLite" : "PostgreSQL";
-                         });
+INSTANTIATE_TEST_SUITE_P(Stores, StoreTest,
+                         ::testing::Values(Kind::memory, Kind::sqlite, Kind::postgres), nameOfKind);
+INSTANTIATE_TEST_SUITE_P(Databases, SqlStoreTest, ::testing::Values(Kind::sqlite, Kind::postgres),
+                         nameOfKind);
 
 template <typename Record>
 std::vector<std::uint64_t> idsOf(const std::vector<Record>& records) {
@@ -183,8 +182,40 @@ TEST_P(StoreTest, NeverUsesAnIdAgain) {
   EXPECT_EQ(idsOf(clauses({}).items), std::vector<std::uint64_t>{2});
 }
 
+TEST_P(StoreTest, RefusesReferencesToWhatIsAbsent) {
+  open();
+  EXPECT_TRUE(write({Save<GroupRecord>{{"half", ""}}, Save<TagRecord>{{1, "a", "b", ""}}}));
+  EXPECT_TRUE(write({Save<OperationResultRecord>{result(1, 1)}}));
+  EXPECT_TRUE(
+      write({Save<DeviceRecord>{device(1)}, RemoveDevice{1}, Save<TagRecord>{{1, "a", "b", ""}}}));
+  EXPECT_EQ(
+      write({Save<DeviceRecord>{device(1)}, Save<TagRecord>{{1, "a", "b", ""}},
+             Save<OperationRecord>{operation(1, 1)}, Save<OperationResultRecord>{result(1, 99)}}),
+      std::nullopt);
+  const Snapshot snapshot = reopen();
+  EXPECT_TRUE(snapshot.groups.empty());
+  EXPECT_EQ(snapshot.devices.size(), 1U);
+}
+
+TEST_P(StoreTest, FailsAfterItsEnd) {
+  open();
+  store_->close();
+  std::vector<std::string> errors;
+  const auto keep = [&](const std::optional<std::string>& error) {
+    errors.push_back(error.value_or("no error"));
+  };
+  store_->write({RemoveGroup{"1"}}, keep);
+  store_->removeOlder({}, keep);
+  store_->readAudit(
+      {}, [&](const auto& got) { errors.push_back(got.ok() ? "no error" : got.error().text()); });
+  loop_.runUntil([&] { return errors.size() == 3; });
+  for (const std::string& error : errors) {
+    EXPECT_NE(error.find("is closed"), std::string::npos) << error;
+  }
+}
+
 // The batch that fails has groups before and behind the bad one.
-TEST_P(StoreTest, AGroupThatFailsLeavesNothingAndHarmsNoOther) {
+TEST_P(SqlStoreTest, AGroupThatFailsLeavesNothingAndHarmsNoOther) {
   std::mutex hold;
   hold.lock();
   bool holding = true;
@@ -227,7 +258,7 @@ TEST_P(StoreTest, AGroupThatFailsLeavesNothingAndHarmsNoOther) {
   EXPECT_EQ(snapshot.settings[0].name, "first");
 }
 
-TEST_P(StoreTest, ChangesTakeEffectInTheirOrder) {
+TEST_P(SqlStoreTest, ChangesTakeEffectInTheirOrder) {
   open();
   int left = 300;
   for (int i = 0; i < 300; ++i) {
@@ -324,7 +355,7 @@ TEST_P(StoreTest, ThePageThatEndsWithTheLastRecordIsTheLast) {
   EXPECT_EQ(history(query).items.size(), 1U);
 }
 
-TEST_P(StoreTest, APageEndsBeforeItFillsTheMemory) {
+TEST_P(SqlStoreTest, APageEndsBeforeItFillsTheMemory) {
   open();
   for (int i = 0; i < 12; ++i) {
     OperationResultRecord large = result(1, static_cast<DeviceId>(i + 1));
@@ -441,7 +472,7 @@ TEST_P(StoreTest, RemovesOldRecords) {
   EXPECT_EQ(results(query).items[0].output, "output");
 }
 
-TEST_P(StoreTest, CommitsBetweenTheStepsOfARemoval) {
+TEST_P(SqlStoreTest, CommitsBetweenTheStepsOfARemoval) {
   std::atomic<int> steps{0};
   std::atomic<int> stepsAtCommit{-1};
   std::function<void()> atFirstStep;
@@ -474,7 +505,7 @@ TEST_P(StoreTest, CommitsBetweenTheStepsOfARemoval) {
   EXPECT_GE(steps, 4);
 }
 
-TEST_P(StoreTest, RefusesWhatItsQueueHasNoRoomFor) {
+TEST_P(SqlStoreTest, RefusesWhatItsQueueHasNoRoomFor) {
   std::mutex hold;
   std::unique_lock<std::mutex> held(hold);
   settings_.queuedChanges = 3;
@@ -489,6 +520,7 @@ TEST_P(StoreTest, RefusesWhatItsQueueHasNoRoomFor) {
   store_->write({RemoveGroup{"a"}, RemoveGroup{"b"}}, keep);
   store_->write({RemoveGroup{"c"}, RemoveGroup{"d"}}, keep);
   loop_.runUntil([&] { return !outcomes.empty(); });  // the second one, while the first one waits
+  ASSERT_FALSE(outcomes.empty());
   ASSERT_TRUE(outcomes[0].has_value());
   EXPECT_NE(outcomes[0]->find("2 changes wait to be written; the queue is full"), std::string::npos)
       << *outcomes[0];
@@ -502,7 +534,7 @@ TEST_P(StoreTest, RefusesWhatItsQueueHasNoRoomFor) {
   EXPECT_EQ(store_->state().queued, 0U);
 }
 
-TEST_P(StoreTest, RefusesMoreBytesThanItsQueueMayHave) {
+TEST_P(SqlStoreTest, RefusesMoreBytesThanItsQueueMayHave) {
   settings_.queuedBytes = 100000;
   open();
   const auto error = write({Append<ClauseRecord>{clause(1, 1, std::string(100000, 'x'))}});
@@ -511,7 +543,7 @@ TEST_P(StoreTest, RefusesMoreBytesThanItsQueueMayHave) {
   EXPECT_EQ(write({Append<ClauseRecord>{clause(1, 1, std::string(90000, 'x'))}}), std::nullopt);
 }
 
-TEST_P(StoreTest, RefusesReadsWhenNoReaderIsFreeInTime) {
+TEST_P(SqlStoreTest, RefusesReadsWhenNoReaderIsFreeInTime) {
   settings_.readers = 1;
   settings_.queuedReads = 2;
   open();
@@ -542,7 +574,7 @@ TEST_P(StoreTest, RefusesReadsWhenNoReaderIsFreeInTime) {
   EXPECT_EQ(store_->state().reads, 50 - errors.size());
 }
 
-TEST_P(StoreTest, AReadThatWaitedTooLongFails) {
+TEST_P(SqlStoreTest, AReadThatWaitedTooLongFails) {
   settings_.readers = 1;
   settings_.readTimeout = std::chrono::milliseconds(0);
   open();
@@ -554,7 +586,7 @@ TEST_P(StoreTest, AReadThatWaitedTooLongFails) {
   EXPECT_NE(error.find("no reader was free in time"), std::string::npos) << error;
 }
 
-TEST_P(StoreTest, ASecondGatewayIsRefused) {
+TEST_P(SqlStoreTest, ASecondGatewayIsRefused) {
   open();
   const std::string error = errorOfOpening(settings_);
   EXPECT_NE(error.find("another gateway"), std::string::npos) << error;
@@ -563,7 +595,7 @@ TEST_P(StoreTest, ASecondGatewayIsRefused) {
   EXPECT_EQ(reopen().groups.size(), 1U);
 }
 
-TEST_P(StoreTest, CommitsWhatIsQueuedWhenItCloses) {
+TEST_P(SqlStoreTest, CommitsWhatIsQueuedWhenItCloses) {
   open();
   int succeeded = 0;
   for (int i = 0; i < 200; ++i) {
@@ -572,22 +604,10 @@ TEST_P(StoreTest, CommitsWhatIsQueuedWhenItCloses) {
   }
   store_->close();
   loop_.runUntil([&] { return succeeded == 200; });
-  std::vector<std::string> errors;
-  const auto keep = [&](const std::optional<std::string>& error) {
-    errors.push_back(error.value_or("no error"));
-  };
-  store_->write({RemoveGroup{"1"}}, keep);
-  store_->removeOlder({}, keep);
-  store_->readAudit(
-      {}, [&](const auto& got) { errors.push_back(got.ok() ? "no error" : got.error().text()); });
-  loop_.runUntil([&] { return errors.size() == 3; });
-  for (const std::string& error : errors) {
-    EXPECT_NE(error.find("is closed"), std::string::npos) << error;
-  }
   EXPECT_EQ(open().groups.size(), 200U);
 }
 
-TEST_P(StoreTest, CloseAnswersEveryRead) {
+TEST_P(SqlStoreTest, CloseAnswersEveryRead) {
   settings_.readers = 1;
   open();
   int answered = 0;
@@ -598,7 +618,7 @@ TEST_P(StoreTest, CloseAnswersEveryRead) {
   loop_.runUntil([&] { return answered == 20; });
 }
 
-TEST_P(StoreTest, RefusesTheSchemaOfANewerProgram) {
+TEST_P(SqlStoreTest, RefusesTheSchemaOfANewerProgram) {
   open();
   store_->close();
   execute("UPDATE runelgw_schema SET version = 999");
@@ -607,8 +627,8 @@ TEST_P(StoreTest, RefusesTheSchemaOfANewerProgram) {
   EXPECT_NE(error.find("use the program that made it, or a newer one"), std::string::npos) << error;
 }
 
-TEST_P(StoreTest, RefusesTheTablesOfAnotherProgram) {
-  if (GetParam() == Dialect::sqlite) {
+TEST_P(SqlStoreTest, RefusesTheTablesOfAnotherProgram) {
+  if (GetParam() == Kind::sqlite) {
     directory_.write("fleet.db", "");
   }
   execute("CREATE TABLE invoices (id BIGINT)");
@@ -616,7 +636,7 @@ TEST_P(StoreTest, RefusesTheTablesOfAnotherProgram) {
   EXPECT_NE(error.find("it has the tables of another program"), std::string::npos) << error;
 }
 
-TEST_P(StoreTest, RefusesValuesThatItDidNotWrite) {
+TEST_P(SqlStoreTest, RefusesValuesThatItDidNotWrite) {
   open();
   ASSERT_EQ(write({Save<DeviceRecord>{device(1)}}), std::nullopt);
   store_->close();
@@ -633,7 +653,7 @@ TEST_P(StoreTest, RefusesValuesThatItDidNotWrite) {
   }
 }
 
-TEST_P(StoreTest, MigratesFromEachVersionForward) {
+TEST_P(SqlStoreTest, MigratesFromEachVersionForward) {
   // Each step changes what the one before it made.
   std::vector<Migration> steps = migrations();
   const std::size_t known = steps.size();
@@ -660,7 +680,7 @@ TEST_P(StoreTest, MigratesFromEachVersionForward) {
   EXPECT_EQ(statements, 6);  // nothing is left to do
 }
 
-TEST_P(StoreTest, AMigrationThatFailsLeavesTheVersionBeforeIt) {
+TEST_P(SqlStoreTest, AMigrationThatFailsLeavesTheVersionBeforeIt) {
   open();
   store_->close();
   std::vector<Migration> steps = migrations();
@@ -678,7 +698,7 @@ TEST_P(StoreTest, AMigrationThatFailsLeavesTheVersionBeforeIt) {
   open();  // the version before it still works
 }
 
-TEST_P(StoreTest, CountsCommitsAndTime) {
+TEST_P(SqlStoreTest, CountsCommitsAndTime) {
   open();
   const std::int64_t before = store_->state().lastCommit;
   EXPECT_EQ(before, 0);

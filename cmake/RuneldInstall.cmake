@@ -84,7 +84,7 @@ set(RUNELD_DOCUMENTS README.md SECURITY.md CHANGES LICENSE docs/protocol.md docs
   client/examples/run_task.cc client/examples/ten_devices.cc client/examples/uv_loop.cc)
 
 if(RUNELD_GATEWAY)
-  list(APPEND RUNELD_DOCUMENTS docs/gateway.md)
+  list(APPEND RUNELD_DOCUMENTS docs/gateway.md docs/attach.md)
 endif()
 
 # Ready-made files for operators, installed as examples: each is a link of a document too.

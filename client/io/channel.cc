@@ -87,6 +87,13 @@ void Channel::setReading(bool reading) {
   askFor();
 }
 
+zell::UniqueFd Channel::release() {
+  loop_.cancel(look_);
+  loop_.forget(socket_.get());
+  handlers_ = Handlers();
+  return std::move(socket_);
+}
+
 void Channel::askFor() {
   writing_ = queued() > 0;
   loop_.change(socket_.get(), (reading_ ? std::uint32_t{EPOLLIN} : 0U) |

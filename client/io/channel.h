@@ -57,6 +57,9 @@ class Channel {
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
+  /// Gives the socket away, in whatever state the connection is. Calls no handler any more.
+  [[nodiscard]] zell::UniqueFd release();
+
   [[nodiscard]] int descriptor() const { return socket_.get(); }
 
  private:

@@ -73,11 +73,14 @@ bool AccessList::addHostids(const std::string& list) {
   return !parts.empty() && std::all_of(parts.begin(), parts.end(), usableName);
 }
 
+bool AccessList::lists(std::uint32_t address) const {
+  return std::any_of(networks_.begin(), networks_.end(), [&](const auto& entry) {
+    return entry.second.count(address & entry.first) != 0;
+  });
+}
+
 bool AccessList::allowsAddress(std::uint32_t address) const {
-  return networks_.empty() ||
-         std::any_of(networks_.begin(), networks_.end(), [&](const auto& entry) {
-           return entry.second.count(address & entry.first) != 0;
-         });
+  return networks_.empty() || lists(address);
 }
 
 bool AccessList::allowsHostid(const std::string& hostid) const {

@@ -20,7 +20,11 @@ class AccessList {
   /// Adds a comma-separated list of host identifiers. Returns false for an invalid host identifier.
   [[nodiscard]] bool addHostids(const std::string& list);
 
-  /// @p address is in host byte order.
+  /// Whether there is a list of addresses.
+  [[nodiscard]] bool listsAny() const { return !networks_.empty(); }
+  /// Whether @p address is on the list of addresses, in host byte order.
+  [[nodiscard]] bool lists(std::uint32_t address) const;
+  /// The same, or there is no list.
   [[nodiscard]] bool allowsAddress(std::uint32_t address) const;
   [[nodiscard]] bool allowsHostid(const std::string& hostid) const;
 

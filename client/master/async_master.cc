@@ -138,6 +138,22 @@ std::uint16_t AsyncMaster::port() const {
   return data_->engine.port();
 }
 
+std::vector<std::uint16_t> AsyncMaster::ports() const {
+  return data_->engine.ports();
+}
+
+std::size_t AsyncMaster::unidentified() const {
+  return data_->engine.unidentified();
+}
+
+std::size_t AsyncMaster::silent() const {
+  return data_->engine.silent();
+}
+
+bool AsyncMaster::silence(const std::string& place) {
+  return data_->engine.silence(place);
+}
+
 std::vector<DeviceInfo> AsyncMaster::devices() const {
   return data_->engine.devices();
 }

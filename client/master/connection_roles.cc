@@ -5,21 +5,54 @@
 
 namespace runel {
 
-ConnectionRoles::Role ConnectionRoles::opened(Id id, const std::string& address, Time now) {
+ConnectionRoles::Role ConnectionRoles::opened(Id id, const std::string& address, Time now,
+                                              bool shared) {
   Places::value_type& place = *places_.try_emplace(address).first;
   Member& member = members_[id];
-  member = {&place, Role::further, now};
+  member.place = &place;
+  member.shared = shared && rules_.shared.has_value();
+  member.time = now;
   ++place.second.count;
-  if (place.second.slaves.empty()) {
+  if (isFree(place.second)) {
     useAsSlave(id);
   } else {
     changeSilent(id, member, true);
+    watchPlace(place);
   }
   return member.role;
 }
 
+void ConnectionRoles::wait(Id id, Time until) {
+  Member& member = members_.at(id);
+  member.role = Role::further;
+  member.waits = true;
+  member.time = until;
+  member.place->second.slaves.erase(id);
+  ++member.place->second.waiting;
+  dueWaiting_.emplace(until, id);
+  watchPlace(*member.place);
+}
+
+void ConnectionRoles::endWait(Id id, Member& member) {
+  if (member.waits) {
+    dueWaiting_.erase({member.time, id});
+    member.waits = false;
+    --member.place->second.waiting;
+  }
+}
+
+// A slave connection that speaks was not written to yet: it is a bridge, and the slave connection
+// is one that only the device knows.
 void ConnectionRoles::spoke(Id id) {
-  const Member& member = members_.at(id);
+  Member& member = members_.at(id);
+  Place& place = member.place->second;
+  if (member.waits || member.role == Role::slave) {
+    member.orphan = true;
+    ++place.orphans;
+  }
+  endWait(id, member);
+  member.role = Role::further;
+  place.slaves.erase(id);
   changeSilent(id, member, false);
   watchPlace(*member.place);
 }
@@ -28,8 +61,12 @@ void ConnectionRoles::closed(Id id, Time now) {
   const auto member = members_.find(id);
   Places::value_type& entry = *member->second.place;
   Place& place = entry.second;
+  const bool held = !isFree(place);
+  place.orphans -= member->second.orphan ? 1 : 0;
+  endWait(id, member->second);
   changeSilent(id, member->second, false);
-  if (place.slaves.erase(id) != 0 && place.slaves.empty()) {
+  place.slaves.erase(id);
+  if (held && isFree(place)) {
     place.slaveLost = now;
   }
   watchPlace(entry);
@@ -41,10 +78,10 @@ void ConnectionRoles::closed(Id id, Time now) {
 
 // Only a silent connection may become a slave connection.
 void ConnectionRoles::changeSilent(Id id, const Member& member, bool silent) {
-  const auto due = std::make_pair(member.opened + rules_.shared.value_or(Milliseconds(0)), id);
+  const auto due = std::make_pair(member.time + rules_.shared.value_or(Milliseconds(0)), id);
   if (silent) {
     member.place->second.silent.insert(id);
-    if (rules_.shared) {
+    if (member.shared) {
       dueSilent_.insert(due);
     }
   } else {
@@ -56,7 +93,7 @@ void ConnectionRoles::changeSilent(Id id, const Member& member, bool silent) {
 // An address without a slave connection gets one when a silent connection has outlived the old one.
 void ConnectionRoles::watchPlace(const Places::value_type& place) {
   auto due = std::make_pair(place.second.slaveLost + rules_.outlive, place.first);
-  if (place.second.slaves.empty() && !place.second.silent.empty()) {
+  if (isFree(place.second) && !place.second.silent.empty()) {
     dueOrphan_.insert(std::move(due));
   } else {
     dueOrphan_.erase(due);
@@ -85,10 +122,31 @@ std::vector<ConnectionRoles::Id> ConnectionRoles::due(Time now) {
   return found;
 }
 
+// The first one of an address is its slave connection, and the others follow it.
+std::vector<ConnectionRoles::Waited> ConnectionRoles::waited(Time now) {
+  std::vector<Waited> found;
+  while (!dueWaiting_.empty() && dueWaiting_.begin()->first <= now) {
+    const Id id = dueWaiting_.begin()->second;
+    Member& member = members_.at(id);
+    endWait(id, member);
+    if (member.place->second.slaves.empty()) {
+      useAsSlave(id);
+    } else {
+      changeSilent(id, member, true);
+    }
+    watchPlace(*member.place);
+    found.push_back({id, member.role});
+  }
+  return found;
+}
+
 std::optional<ConnectionRoles::Time> ConnectionRoles::nextDue() const {
   std::optional<Time> next;
   if (!dueSilent_.empty()) {
     next = dueSilent_.begin()->first;
+  }
+  if (!dueWaiting_.empty()) {
+    next = next ? std::min(*next, dueWaiting_.begin()->first) : dueWaiting_.begin()->first;
   }
   if (!dueOrphan_.empty()) {
     const Time orphan = dueOrphan_.begin()->first;

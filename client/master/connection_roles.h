@@ -20,6 +20,9 @@ namespace runel {
 /// its daemon. So a connection is used as the slave connection, which carries tasks, only if it
 /// cannot be a bridge: a device has no bridge without a slave connection.
 ///
+/// An address here is whatever tells devices apart: the source address of a connection, or the name
+/// in its certificate.
+///
 /// The cost of each call is independent of the number of addresses, and logarithmic in the number
 /// of connections from one address.
 class ConnectionRoles {
@@ -42,15 +45,27 @@ class ConnectionRoles {
 
   explicit ConnectionRoles(Rules rules) : rules_(rules) {}
 
-  /// Adds the new connection @p id from @p address.
-  Role opened(Id id, const std::string& address, Time now);
-  /// The connection sent data unasked: it is not a slave connection and never becomes one.
+  /// Adds the new connection @p id from @p address. @p shared: there may be several devices at this
+  /// address, if the rules say so.
+  Role opened(Id id, const std::string& address, Time now, bool shared = true);
+  /// The new slave connection @p id may still be a bridge, of a slave connection that only the
+  /// device knows, until @p until. While it waits, no connection from its address becomes one.
+  void wait(Id id, Time until);
+  /// The connection sent data unasked: it is not a slave connection and never becomes one. If it
+  /// was to become one, no other connection from its address does before it has ended.
   void spoke(Id id);
   void closed(Id id, Time now);
 
   /// The connections that have become slave connections by @p now. Each is returned once.
   [[nodiscard]] std::vector<Id> due(Time now);
-  /// When to call `due` next.
+  /// A connection whose time of waiting is over, and its role from now on.
+  struct Waited {
+    Id id;
+    Role role;
+  };
+  /// Those that were silent until the end of their time. Each is returned once.
+  [[nodiscard]] std::vector<Waited> waited(Time now);
+  /// When to call `due` and `waited` next.
   [[nodiscard]] std::optional<Time> nextDue() const;
 
   /// In the order of their arrival.
@@ -65,16 +80,26 @@ class ConnectionRoles {
     std::set<Id> slaves;
     std::set<Id> silent;  // the further connections that have sent nothing
     std::size_t count = 0;
+    std::size_t waiting = 0;
+    std::size_t orphans = 0;  // bridges of a slave connection that only the device knows
     Time slaveLost;
   };
   using Places = std::unordered_map<std::string, Place>;
   struct Member {
     Places::value_type* place = nullptr;
     Role role = Role::further;
-    Time opened;
+    bool shared = true;
+    bool waits = false;
+    bool orphan = false;
+    Time time;  // when it was opened, or until when it waits
   };
 
   void changeSilent(Id id, const Member& member, bool silent);
+  void endWait(Id id, Member& member);
+  /// Whether the slave connection is lost for sure.
+  [[nodiscard]] static bool isFree(const Place& place) {
+    return place.slaves.empty() && place.waiting == 0 && place.orphans == 0;
+  }
   void watchPlace(const Places::value_type& place);
   void useAsSlave(Id id);
 
@@ -82,6 +107,7 @@ class ConnectionRoles {
   Places places_;
   std::unordered_map<Id, Member> members_;
   std::set<std::pair<Time, Id>> dueSilent_;           // by the end of their time of silence
+  std::set<std::pair<Time, Id>> dueWaiting_;          // by the end of their time of waiting
   std::set<std::pair<Time, std::string>> dueOrphan_;  // addresses without a slave connection
 };
 

@@ -7,9 +7,18 @@
 #include <optional>
 #include <utility>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include "client/master/access_list.h"
 
 namespace runel {
+namespace {
+
+// A longer host identifier counts as missing.
+constexpr std::size_t kLongestRawHostid = 256;
+
+}  // namespace
 
 std::int64_t wallClockNow() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -30,13 +39,8 @@ struct MasterConnection::Asked {
   Timer timer;
 };
 
-MasterConnection::MasterConnection(const Context& context, std::string host, std::uint16_t port,
-                                   Events events)
-    : context_(context),
-      host_(std::move(host)),
-      port_(port),
-      events_(std::move(events)),
-      since_(wallClockNow()) {}
+MasterConnection::MasterConnection(const Context& context, Id id, Peer peer)
+    : context_(context), id_(id), peer_(std::move(peer)), since_(wallClockNow()) {}
 
 MasterConnection::~MasterConnection() {
   for (const auto& user : users_) {
@@ -44,7 +48,25 @@ MasterConnection::~MasterConnection() {
   }
 }
 
+std::string MasterConnection::Peer::host() const {
+  const in_addr network{htonl(address)};
+  char text[INET_ADDRSTRLEN] = "";
+  (void)inet_ntop(AF_INET, &network, text, sizeof text);  // the buffer fits every address
+  return text;
+}
+
+// No address begins like the group of a certificate.
+std::string MasterConnection::Peer::group() const {
+  return certificate.empty() ? host() : "=" + certificate;
+}
+
+std::string MasterConnection::takeRawHostid() {
+  const auto raw = std::move(rawHostid_);
+  return raw ? *raw : hostid_;
+}
+
 void MasterConnection::useAsSlave(zell::UniqueFd socket) {
+  lastProgress_ = Clock::now();
   slave_ =
       std::make_unique<SlaveLink>(context_.loop, std::move(socket), context_.timeout,
                                   SlaveLink::Events{[this](const Error& error) { lose(error); },
@@ -63,34 +85,68 @@ void MasterConnection::adopt(const MasterConnection& owner) {
 void MasterConnection::useAsBridge(zell::UniqueFd socket) {
   bridge_ = std::make_unique<Bridge>(
       context_.loop, std::move(socket),
-      Bridge::Events{[this] { events_.spoke(); },
-                     [this](const std::string& clause) { events_.clause(clause); },
-                     [this](const std::string& why) { events_.lost(why); }});
+      Bridge::Events{[this] { context_.observer.spoke(id_); },
+                     [this](const std::string& clause) { context_.observer.clause(id_, clause); },
+                     [this](const std::string& why) { context_.observer.lost(id_, why); }});
 }
 
 void MasterConnection::promote() {
   zell::UniqueFd socket = bridge_->take();
   bridge_.reset();
+  waits_ = false;
+  useAsSlave(std::move(socket));
+}
+
+void MasterConnection::wait(zell::UniqueFd socket) {
+  waits_ = true;
+  useAsBridge(std::move(socket));
+}
+
+void MasterConnection::wait() {
+  waits_ = true;
   hostid_.clear();
   name_.clear();
-  useAsSlave(std::move(socket));
+}
+
+void MasterConnection::useSilently(zell::UniqueFd socket) {
+  silent_ = std::make_unique<SilentSocket>(
+      context_.loop, std::move(socket), identified_,
+      [this](const std::string& why) { context_.observer.lost(id_, why); });
+}
+
+void MasterConnection::silence(const Error& error) {
+  refuse();
+  if (slave_) {
+    zell::UniqueFd socket = slave_->release(error);
+    context_.calls.add([gone = std::shared_ptr<SlaveLink>(std::move(slave_))] { (void)gone; });
+    endUsers(error);
+    useSilently(std::move(socket));
+  } else if (waits_) {
+    zell::UniqueFd socket = bridge_->take();
+    bridge_.reset();
+    waits_ = false;
+    useSilently(std::move(socket));
+  }
 }
 
 // The reported names are printed and compared, so they must be valid.
 void MasterConnection::identify() {
   slave_->ask(Request({"hostid"}), [this](const Reply& reply) {
     hostid_ = reply.ok() && usableName(reply.output()) ? reply.output() : "";
+    if (reply.ok() && hostid_.empty() && reply.output().size() <= kLongestRawHostid) {
+      rawHostid_ = std::make_unique<std::string>(reply.output());
+    }
   });
   slave_->ask(Request({"devicetype"}), [this](const Reply& reply) {
     deviceType_ = reply.ok() && usableName(reply.output()) ? reply.output() : "";
     identified_ = true;
-    events_.identified();
+    context_.observer.identified(id_);
   });
 }
 
 void MasterConnection::lose(const Error& error) {
   endUsers(error);
-  events_.lost(error.text());
+  context_.observer.lost(id_, error.text());
 }
 
 void MasterConnection::ask(const Request& request, ReplyHandler handler) {

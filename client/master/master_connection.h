@@ -19,19 +19,40 @@
 #include "base/unique_fd.h"
 #include "client/master/bridge.h"
 #include "client/master/call_queue.h"
+#include "client/master/silent_socket.h"
 #include "client/master/slave_link.h"
 
 namespace runel {
 
 class MasterConnection {
  public:
-  /// Events for the master. `lost` is the last one. The connection may be destroyed from the next
-  /// turn of the loop.
-  struct Events {
-    std::function<void()> identified;
-    std::function<void()> spoke;
-    std::function<void(const std::string& clause)> clause;
-    std::function<void(const std::string& why)> lost;
+  using Id = std::uint64_t;
+  /// The master. `lost` is the last call. The connection may be destroyed from the next turn of the
+  /// loop.
+  class Observer {
+   public:
+    Observer() = default;
+    virtual ~Observer() = default;
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
+    virtual void identified(Id id) = 0;
+    virtual void spoke(Id id) = 0;
+    virtual void clause(Id id, const std::string& text) = 0;
+    virtual void lost(Id id, const std::string& why) = 0;
+  };
+  /// The other end.
+  struct Peer {
+    std::uint32_t address = 0;  ///< in host byte order
+    std::uint16_t port = 0;
+    std::string certificate;  ///< the name in its verified certificate, or empty
+
+    /// The address as text.
+    [[nodiscard]] std::string host() const;
+    /// The address and the port as one number.
+    [[nodiscard]] std::uint64_t place() const { return std::uint64_t{address} << 16 | port; }
+    /// What the connections of one device have in common: the name in its certificate, or its
+    /// address.
+    [[nodiscard]] std::string group() const;
   };
   /// What is called for one request of a user.
   struct UserHandlers {
@@ -54,9 +75,11 @@ class MasterConnection {
     Loop& loop;
     CallQueue& calls;  ///< for the handlers of the program
     Milliseconds timeout;
+    Observer& observer;
   };
 
-  MasterConnection(const Context& context, std::string host, std::uint16_t port, Events events);
+  /// @p context must outlive it.
+  MasterConnection(const Context& context, Id id, Peer peer);
   ~MasterConnection();
   MasterConnection(const MasterConnection&) = delete;
   MasterConnection& operator=(const MasterConnection&) = delete;
@@ -65,8 +88,16 @@ class MasterConnection {
   void useAsSlave(zell::UniqueFd socket);
   /// Only reads from @p socket.
   void useAsBridge(zell::UniqueFd socket);
-  /// Makes a silent additional connection the slave connection.
+  /// The same for a connection that is to become the slave connection.
+  void wait(zell::UniqueFd socket);
+  /// An additional connection is to become the slave connection.
+  void wait();
+  /// A waiting connection is an additional one.
+  void stopWaiting() { waits_ = false; }
+  /// Makes a waiting connection the slave connection.
   void promote();
+  /// Writes nothing any more, and holds the connection open. Its users lose it.
+  void silence(const Error& error);
 
   /// For a slave connection: sends @p request and queues the call of @p handler.
   void ask(const Request& request, ReplyHandler handler);
@@ -90,7 +121,11 @@ class MasterConnection {
   [[nodiscard]] bool identified() const { return identified_; }
   /// True when the device is identified and not refused.
   [[nodiscard]] bool ready() const { return identified_ && !refused_; }
-  [[nodiscard]] bool isSlave() const { return slave_ != nullptr; }
+  /// True for the slave connection, and for one that waits to become it.
+  [[nodiscard]] bool isSlave() const { return bridge_ == nullptr || waits_; }
+  [[nodiscard]] bool isWaiting() const { return waits_; }
+  /// True for a connection that is only held open.
+  [[nodiscard]] bool isSilent() const { return silent_ != nullptr; }
   /// True for an additional connection that has received data.
   [[nodiscard]] bool isAgent() const { return bridge_ && bridge_->hasSpoken(); }
   /// The bridge or surplus connection; null for a slave connection.
@@ -98,12 +133,16 @@ class MasterConnection {
 
   [[nodiscard]] const std::string& hostid() const { return hostid_; }
   [[nodiscard]] const std::string& deviceType() const { return deviceType_; }
-  [[nodiscard]] const std::string& host() const { return host_; }
-  [[nodiscard]] std::uint16_t port() const { return port_; }
+  [[nodiscard]] const Peer& peer() const { return peer_; }
+  [[nodiscard]] std::string host() const { return peer_.host(); }
+  [[nodiscard]] std::uint16_t port() const { return peer_.port; }
   /// HOST:PORT.
-  [[nodiscard]] std::string place() const { return host_ + ":" + std::to_string(port_); }
+  [[nodiscard]] std::string place() const { return host() + ":" + std::to_string(peer_.port); }
+  [[nodiscard]] std::string group() const { return peer_.group(); }
+  /// The host identifier as it was told, if it is not a valid name. Kept until it is taken.
+  [[nodiscard]] std::string takeRawHostid();
   /// The key of the device in statistics, which devices with the same host identifier share.
-  [[nodiscard]] const std::string& key() const { return hostid_.empty() ? host_ : hostid_; }
+  [[nodiscard]] std::string key() const { return hostid_.empty() ? host() : hostid_; }
   /// The unique name of the device, empty while it is unknown.
   [[nodiscard]] const std::string& name() const { return name_; }
   void setName(const std::string& name) { name_ = name; }
@@ -125,23 +164,26 @@ class MasterConnection {
   /// Flow control: pauses the users while the device is busy, and the device while a user is slow.
   void adjust();
   void identify();
+  void useSilently(zell::UniqueFd socket);
   void lose(const Error& error);
   void endUsers(const Error& error);
   void watch(const std::shared_ptr<Asked>& asked);
   void finish(Asked& asked, Reply reply);
 
-  const Context context_;
-  const std::string host_;
-  const std::uint16_t port_;
-  Events events_;
+  const Context& context_;
+  const Id id_;
+  const Peer peer_;
   const std::int64_t since_;
   const Clock::time_point start_ = Clock::now();
+  std::unique_ptr<std::string> rawHostid_;
   std::string hostid_;
   std::string deviceType_;
   std::string name_;
   bool identified_ = false;
   bool refused_ = false;
+  bool waits_ = false;
   Clock::time_point lastProgress_;
+  std::unique_ptr<SilentSocket> silent_;
   std::unique_ptr<Bridge> bridge_;
   std::unique_ptr<SlaveLink> slave_;
   std::list<std::shared_ptr<User>> users_;  // they use slave_

@@ -16,17 +16,52 @@ MasterOptions& MasterOptions::operator=(const MasterOptions& other) {
 MasterOptions::~MasterOptions() = default;
 
 MasterOptions& MasterOptions::setListen(std::string host, std::uint16_t port) {
-  data_->host = std::move(host);
-  data_->port = port;
+  data_->listen.front() = {std::move(host), port};
   return *this;
 }
 
-Result<void> MasterOptions::allowAddresses(const std::string& list) {
-  if (data_->access.addAddresses(list)) {
+MasterOptions& MasterOptions::addListen(std::string host, std::uint16_t port) {
+  data_->listen.push_back({std::move(host), port});
+  return *this;
+}
+
+MasterOptions& MasterOptions::setIdentifyRate(std::size_t devices) {
+  data_->identifyRate = devices;
+  return *this;
+}
+
+MasterOptions& MasterOptions::setHeld(std::size_t connections) {
+  data_->held = connections;
+  return *this;
+}
+
+MasterOptions& MasterOptions::setPolicy(Policy policy) {
+  data_->policy = std::move(policy);
+  return *this;
+}
+
+namespace {
+
+Result<void> addNetworks(AccessList& networks, const std::string& list) {
+  if (networks.addAddresses(list)) {
     return {};
   }
   return Error(Kind::local, Cause::other,
                "invalid list '" + list + "': expected ADDRESS or ADDRESS/BITS, comma-separated");
+}
+
+}  // namespace
+
+Result<void> MasterOptions::allowAddresses(const std::string& list) {
+  return addNetworks(data_->access, list);
+}
+
+Result<void> MasterOptions::trustProxies(const std::string& list) {
+  return addNetworks(data_->proxies, list);
+}
+
+Result<void> MasterOptions::setSharedAddresses(const std::string& list) {
+  return addNetworks(data_->sharedAddresses, list);
 }
 
 Result<void> MasterOptions::allowHostids(const std::string& list) {
@@ -66,6 +101,15 @@ const std::string& MasterEvent::host() const {
 std::uint16_t MasterEvent::port() const {
   return data_->port;
 }
+const std::string& MasterEvent::rawHostid() const {
+  return data_->rawHostid;
+}
+const std::string& MasterEvent::certificate() const {
+  return data_->certificate;
+}
+const std::string& MasterEvent::taskPlace() const {
+  return data_->taskPlace;
+}
 const std::string& MasterEvent::text() const {
   return data_->text;
 }
@@ -91,6 +135,9 @@ const std::string& DeviceInfo::host() const {
 }
 std::uint16_t DeviceInfo::port() const {
   return data_->port;
+}
+const std::string& DeviceInfo::certificate() const {
+  return data_->certificate;
 }
 std::int64_t DeviceInfo::connectedSince() const {
   return data_->since;

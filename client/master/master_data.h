@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <runel/address.h>
 #include <runel/async_master.h>
@@ -19,20 +20,31 @@ namespace runel {
 inline namespace v1 {
 
 struct MasterOptions::Data {
-  std::string host = "127.0.0.1";
-  std::uint16_t port = kMasterListenPort;
+  struct Listen {
+    std::string host;
+    std::uint16_t port;
+  };
+  std::vector<Listen> listen{{"127.0.0.1", kMasterListenPort}};
   AccessList access;
+  AccessList proxies;
+  AccessList sharedAddresses;
   std::optional<Milliseconds> shared;
   Milliseconds timeout{30000};
+  std::size_t identifyRate = 0;
+  std::size_t held = 0;
+  Policy policy;
 };
 
 struct MasterEvent::Data {
   Type type = Type::problem;
   std::string device;
   std::string hostid;
+  std::string rawHostid;
   std::string deviceType;
   std::string host;
   std::uint16_t port = 0;
+  std::string certificate;
+  std::string taskPlace;
   std::string text;
   Refusal refusal = Refusal::none;
   bool fromAgent = false;
@@ -44,6 +56,7 @@ struct DeviceInfo::Data {
   std::string deviceType;
   std::string host;
   std::uint16_t port = 0;
+  std::string certificate;
   std::int64_t since = 0;
   Milliseconds age{0};
   DeviceHistory::Entry history;  ///< `earlier` includes the counters of this connection

@@ -2,8 +2,10 @@
 #include "client/master/master_engine.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include <arpa/inet.h>
@@ -25,10 +27,27 @@ constexpr Milliseconds kSuspectPause{1000};
 // An agent that does not read makes the daemon stop reading its bridge.
 constexpr std::size_t kMostClausesQueued = 8388608;
 
-std::string dotted(const sockaddr_in& from) {
-  char text[INET_ADDRSTRLEN] = "";
-  (void)inet_ntop(AF_INET, &from.sin_addr, text, sizeof text);  // the buffer fits every address
-  return text;
+// The peer at @p from, without a certificate.
+MasterConnection::Peer peerAt(const sockaddr_in& from) {
+  MasterConnection::Peer peer;
+  peer.address = ntohl(from.sin_addr.s_addr);
+  peer.port = ntohs(from.sin_port);
+  return peer;
+}
+
+// The number of ADDRESS:PORT, 0 for another text.
+std::uint64_t parsePlace(const std::string& text) {
+  const std::size_t colon = text.find(':');
+  MasterConnection::Peer peer;
+  in_addr network{};
+  if (colon == std::string::npos ||
+      inet_pton(AF_INET, text.substr(0, colon).c_str(), &network) != 1) {
+    return 0;
+  }
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, peer.port);
+  peer.address = ntohl(network.s_addr);
+  return error == std::errc() && stop == end ? peer.place() : 0;
 }
 
 ConnectionRoles::Rules rulesOf(std::optional<Milliseconds> shared) {
@@ -45,6 +64,10 @@ const char* reasonOf(MasterEvent::Refusal refusal) {
       return "host identifier not allowed";
     case MasterEvent::Refusal::tooManyConnections:
       return "too many connections from this address";
+    case MasterEvent::Refusal::duplicate:
+      return "another connection has this address and port";
+    case MasterEvent::Refusal::policy:
+      return "not to be used";
     default:
       return "";
   }
@@ -62,62 +85,159 @@ MasterEngine::MasterEngine(Loop& loop, const MasterOptions& options, AsyncMaster
       options_(*options.data_),
       handler_(std::make_shared<const AsyncMaster::Handler>(std::move(handler))),
       calls_(loop),
+      context_{loop, calls_, options_.timeout, *this},
       roles_(rulesOf(options_.shared)),
-      listener_(
-          loop,
-          [this](zell::UniqueFd socket, const sockaddr_in& from) {
-            accepted(std::move(socket), from);
-          },
-          [this](const std::string& text) {
-            MasterEvent::Data event;
-            event.text = text;
-            tell(event);
-          }) {}
+      pace_(options_.identifyRate) {
+  for (std::size_t i = 0; i < options_.listen.size(); ++i) {
+    addListener();
+  }
+}
 
 MasterEngine::~MasterEngine() {
   loop_.cancel(due_);
   loop_.cancel(checkSuspects_);
+  loop_.cancel(identify_);
   for (Held& held : held_) {
     loop_.cancel(held.end);
   }
 }
 
+void MasterEngine::addListener() {
+  listeners_.push_back(std::make_unique<Listener>(
+      loop_,
+      [this](zell::UniqueFd socket, const sockaddr_in& from) { accepted(std::move(socket), from); },
+      [this](const std::string& text) {
+        MasterEvent::Data event;
+        event.text = text;
+        tell(event);
+      }));
+}
+
 Result<void> MasterEngine::open() {
-  return listener_.open(options_.host, options_.port);
+  for (std::size_t i = 0; i < listeners_.size(); ++i) {
+    const Result<void> opened =
+        listeners_[i]->open(options_.listen[i].host, options_.listen[i].port);
+    if (!opened) {
+      return opened;
+    }
+  }
+  return {};
+}
+
+std::uint16_t MasterEngine::port() const {
+  return listeners_.front()->port();
+}
+
+std::vector<std::uint16_t> MasterEngine::ports() const {
+  std::vector<std::uint16_t> ports;
+  for (const auto& listener : listeners_) {
+    ports.push_back(listener->port());
+  }
+  return ports;
 }
 
 // Admission.
 
 void MasterEngine::accepted(zell::UniqueFd socket, const sockaddr_in& from) {
-  MasterEvent::Data event;
-  event.type = Type::refused;
-  event.host = dotted(from);
-  event.port = ntohs(from.sin_port);
-  event.refusal = refusal(from, event.host);
-  if (event.refusal == Refusal::none) {
-    admit(std::move(socket), event.host, event.port);
+  const Peer peer = peerAt(from);
+  if (!options_.proxies.lists(peer.address)) {
+    arrived(std::move(socket), peer);
+    return;
+  }
+  const Id id = ++last_;
+  arriving_[id] = std::make_unique<ProxiedSocket>(
+      loop_, std::move(socket), [this, id, from](zell::UniqueFd passed, const ProxyHeader& header) {
+        const auto kept = arriving_.extract(id);  // it owns the header
+        arrivedByProxy(std::move(passed), from, header);
+      });
+}
+
+// Even a connection without a header may be that of a device, which would connect again.
+void MasterEngine::arrivedByProxy(zell::UniqueFd socket, const sockaddr_in& proxy,
+                                  const ProxyHeader& header) {
+  if (!socket.valid()) {
+    return;
+  }
+  if (header.state() == ProxyHeader::State::proxied) {
+    arrived(std::move(socket), {header.address(), header.port(), header.verifiedName()});
+    return;
+  }
+  const bool local = header.state() == ProxyHeader::State::local;
+  MasterEvent::Data event = refusedAt(peerAt(proxy), local ? Refusal::none : Refusal::proxyHeader);
+  event.text = header.problem().empty() ? "no header of the proxy in time" : header.problem();
+  turnAway(std::move(socket), event);
+}
+
+void MasterEngine::arrived(zell::UniqueFd socket, const Peer& peer) {
+  const Refusal refused = refusal(peer);
+  if (refused == Refusal::none) {
+    admit(std::move(socket), peer);
   } else {
-    turnAway(std::move(socket), event);
+    turnAway(std::move(socket), refusedAt(peer, refused));
   }
 }
 
-MasterEngine::Refusal MasterEngine::refusal(const sockaddr_in& from,
-                                            const std::string& host) const {
-  if (!options_.access.allowsAddress(ntohl(from.sin_addr.s_addr))) {
+bool MasterEngine::isShared(std::uint32_t address) const {
+  const AccessList& shared = options_.sharedAddresses;
+  return options_.shared && (!shared.listsAny() || shared.lists(address));
+}
+
+MasterEngine::Refusal MasterEngine::refusal(const Peer& peer) const {
+  if (!options_.access.allowsAddress(peer.address)) {
     return Refusal::address;
   }
-  const std::size_t most = options_.shared ? kMostOfOneAddress : kMostOfOneDevice;
-  return roles_.countAt(host) >= most ? Refusal::tooManyConnections : Refusal::none;
+  const std::size_t most = isShared(peer.address) ? kMostOfOneAddress : kMostOfOneDevice;
+  if (roles_.countAt(peer.group()) >= most) {
+    return Refusal::tooManyConnections;
+  }
+  // Only a proxy can name the same address and port twice.
+  return places_.count(peer.place()) != 0 ? Refusal::duplicate : Refusal::none;
+}
+
+MasterEvent::Data MasterEngine::refusedAt(const Peer& peer, Refusal refusal) {
+  MasterEvent::Data event;
+  event.type = Type::refused;
+  event.host = peer.host();
+  event.port = peer.port;
+  event.certificate = peer.certificate;
+  event.refusal = refusal;
+  return event;
 }
 
 void MasterEngine::turnAway(zell::UniqueFd socket, const MasterEvent::Data& event) {
+  if (options_.held != 0) {
+    holdSilently(std::move(socket), event);
+    return;
+  }
   if (held_.size() >= kMostHeld) {
     return;
   }
-  if (toldRefused_.insert(event.host).second) {
+  if (event.refusal != Refusal::none && toldRefused_.insert(event.host).second) {
     tell(event);
   }
   hold({std::move(socket), 0, event.host, {}});
+}
+
+void MasterEngine::holdSilently(zell::UniqueFd socket, const MasterEvent::Data& event) {
+  std::size_t& count = silentAt_[event.host];
+  if (silent() >= options_.held || count >= kMostOfOneAddress) {
+    silentAt_.erase(count == 0 ? event.host : "");
+    return;
+  }
+  if (count++ == 0 && event.refusal != Refusal::none) {
+    tell(event);
+  }
+  const Id id = ++last_;
+  silent_[id] = {std::make_unique<SilentSocket>(loop_, std::move(socket), false,
+                                                [this, id](const std::string&) {
+                                                  const auto kept = silent_.extract(id);
+                                                  const auto at =
+                                                      silentAt_.find(kept.mapped().host);
+                                                  if (--at->second == 0) {
+                                                    silentAt_.erase(at);
+                                                  }
+                                                }),
+                 event.host};
 }
 
 void MasterEngine::hold(Held held) {
@@ -135,39 +255,111 @@ void MasterEngine::letGo() {
   }
 }
 
-void MasterEngine::admit(zell::UniqueFd socket, const std::string& host, std::uint16_t port) {
+void MasterEngine::admit(zell::UniqueFd socket, const Peer& peer) {
   const Id id = ++last_;
-  const MasterConnection::Events events{[this, id] { identified(id); }, [this, id] { spoke(id); },
-                                        [this, id](const std::string& text) { clause(id, text); },
-                                        [this, id](const std::string& why) { lost(id, why); }};
-  auto& connection =
-      *(connections_[id] = std::make_unique<MasterConnection>(
-            MasterConnection::Context{loop_, calls_, options_.timeout}, host, port, events));
-  if (roles_.opened(id, host, Clock::now()) == ConnectionRoles::Role::slave) {
-    connection.useAsSlave(std::move(socket));
-  } else {
+  auto& connection = *(connections_[id] = std::make_unique<MasterConnection>(context_, id, peer));
+  places_.emplace(peer.place(), id);
+  const bool shared = isShared(peer.address);
+  if (roles_.opened(id, peer.group(), Clock::now(), shared) == ConnectionRoles::Role::further) {
     connection.useAsBridge(std::move(socket));
-    additional_[host].all.insert(id);
-    tell(about(Type::additional, connection));
-    suspect(host);
+    addFurther(id, connection);
+  } else if (options_.policy || pace_.isLimited()) {
+    connection.wait(std::move(socket));
+    begin(id);
+  } else {
+    connection.useAsSlave(std::move(socket));
   }
   arm();
 }
 
-// The device of the additional connections from an address, if only one device is there.
-const MasterConnection* MasterEngine::ownerAt(const std::string& host) const {
-  const std::optional<Id> slave = roles_.onlySlaveAt(host);
+std::optional<Milliseconds> MasterEngine::silenceFor(const MasterConnection& connection) const {
+  if (!options_.policy) {
+    return Milliseconds(0);
+  }
+  return options_.policy(connection.host(), connection.port(), connection.peer().certificate);
+}
+
+// A waiting connection that the roles made a slave connection.
+void MasterEngine::begin(Id id) {
+  MasterConnection& connection = at(id);
+  const std::optional<Milliseconds> silence = silenceFor(connection);
+  if (!silence) {
+    this->silence(id, connection, Error(Kind::link, Cause::refusedByMaster, "not to be used"));
+    MasterEvent::Data event = about(Type::refused, connection);
+    event.refusal = Refusal::policy;
+    tell(event);
+  } else if (silence->count() > 0) {
+    roles_.wait(id, Clock::now() + *silence);
+  } else {
+    useLater(id);
+  }
+}
+
+void MasterEngine::useLater(Id id) {
+  if (!pace_.isLimited()) {
+    at(id).promote();
+    return;
+  }
+  toIdentify_.insert(id);
+  if (identify_.id == 0) {
+    identifyNext();
+  }
+}
+
+void MasterEngine::identifyNext() {
+  identify_ = Timer();
+  for (std::size_t left = pace_.take(Clock::now(), toIdentify_.size()); left > 0; --left) {
+    const Id id = *toIdentify_.begin();
+    toIdentify_.erase(toIdentify_.begin());
+    at(id).promote();
+  }
+  if (!toIdentify_.empty()) {
+    identify_ = loop_.after(pace_.pause(), [this] { identifyNext(); });
+  }
+}
+
+void MasterEngine::addFurther(Id id, MasterConnection& connection) {
+  const std::string group = connection.group();
+  additional_[group].all.insert(id);
+  tell(about(Type::additional, connection));
+  suspect(group);
+}
+
+bool MasterEngine::silence(const std::string& place) {
+  const auto found = places_.find(parsePlace(place));
+  if (found == places_.end() || !at(found->second).isSlave() || at(found->second).isSilent()) {
+    return false;
+  }
+  silence(found->second, at(found->second),
+          Error(Kind::link, Cause::refusedByMaster, "the connection is not used any more"));
+  return true;
+}
+
+void MasterEngine::silence(Id id, MasterConnection& connection, const Error& error) {
+  if (connection.ready()) {
+    leave(id, connection);
+    history_.lost(connection.key(), wallClockNow(), error.text(), connection.counters());
+  }
+  toIdentify_.erase(id);
+  ++silenced_;
+  connection.silence(error);
+  release(connection.group());
+}
+
+// The device of the additional connections of a group, if it has only one.
+const MasterConnection* MasterEngine::ownerAt(const std::string& group) const {
+  const std::optional<Id> slave = roles_.onlySlaveAt(group);
   return slave ? &at(*slave) : nullptr;
 }
 
 // A device opens an additional connection for an agent, or because it has lost the first one. A
 // check detects the second case. The bridge of a device that was switched off is still open here.
-void MasterEngine::suspect(const std::string& host) {
+void MasterEngine::suspect(const std::string& group) {
   if (!options_.shared) {
-    check(host);
+    check(group);
     return;
   }
-  suspects_.insert(host);
+  suspects_.insert(group);
   if (checkSuspects_.id == 0) {
     checkSuspects_ = loop_.after(kSuspectPause, [this] { checkSuspects(); });
   }
@@ -175,16 +367,16 @@ void MasterEngine::suspect(const std::string& host) {
 
 void MasterEngine::checkSuspects() {
   checkSuspects_ = Timer();
-  for (const std::string& host : std::exchange(suspects_, {})) {
-    check(host);
+  for (const std::string& group : std::exchange(suspects_, {})) {
+    check(group);
   }
 }
 
-void MasterEngine::check(const std::string& host) {
-  for (const Id slave : roles_.slavesAt(host)) {
+void MasterEngine::check(const std::string& group) {
+  for (const Id slave : roles_.slavesAt(group)) {
     at(slave).check();
   }
-  const auto near = additional_.find(host);
+  const auto near = additional_.find(group);
   if (near != additional_.end()) {
     for (const Id id : near->second.all) {
       at(id).bridge()->probe();
@@ -199,15 +391,21 @@ void MasterEngine::identified(Id id) {
   if (options_.access.allowsHostid(connection.hostid())) {
     enter(id, connection);
     history_.connected(connection.key(), connection.since());
-    tell(about(Type::connected, connection));
+    MasterEvent::Data event = about(Type::connected, connection);
+    event.rawHostid = connection.takeRawHostid();
+    tell(event);
   } else {
     MasterEvent::Data event = about(Type::refused, connection);
     event.refusal = Refusal::hostid;
     tell(event);
     connection.refuse();
-    hold({zell::UniqueFd(), id, connection.host(), {}});
+    if (options_.held != 0) {
+      silence(id, connection, Error(Kind::link, Cause::refusedByMaster, event.text));
+    } else {
+      hold({zell::UniqueFd(), id, connection.host(), {}});
+    }
   }
-  release(connection.host());
+  release(connection.group());
 }
 
 void MasterEngine::enter(Id id, MasterConnection& connection) {
@@ -238,14 +436,20 @@ std::string MasterEngine::freeName(const MasterConnection& connection) const {
 
 // A device that has just connected and its agent race: the agent waits for the name.
 void MasterEngine::spoke(Id id) {
-  const MasterConnection& connection = at(id);
-  Additional& near = additional_[connection.host()];
+  MasterConnection& connection = at(id);
+  const std::string group = connection.group();
   roles_.spoke(id);
+  if (connection.isWaiting()) {  // it was to become the slave connection, and is a bridge
+    toIdentify_.erase(id);
+    connection.stopWaiting();
+    addFurther(id, connection);
+  }
+  Additional& near = additional_[group];
   near.agents.insert(id);
   near.held.insert(id);
   agents_.add(connection.place(), id);
-  const MasterConnection* const owner = ownerAt(connection.host());
-  if (owner != nullptr && !owner->identified()) {
+  const MasterConnection* const owner = ownerAt(group);
+  if (owner != nullptr && !owner->identified() && !owner->isSilent()) {
     connection.bridge()->hold();
   } else {
     announce(id);
@@ -255,14 +459,14 @@ void MasterEngine::spoke(Id id) {
 
 void MasterEngine::announce(Id id) {
   MasterConnection& connection = at(id);
-  if (additional_[connection.host()].held.erase(id) != 0) {
+  if (additional_[connection.group()].held.erase(id) != 0) {
     tell(about(Type::agentConnected, connection));
   }
 }
 
 // A bridge with invalid data ends when it is released.
-void MasterEngine::release(const std::string& host) {
-  const auto near = additional_.find(host);
+void MasterEngine::release(const std::string& group) {
+  const auto near = additional_.find(group);
   if (near == additional_.end()) {
     return;
   }
@@ -275,7 +479,7 @@ void MasterEngine::release(const std::string& host) {
 void MasterEngine::clause(Id id, const std::string& text) {
   announce(id);
   MasterConnection& connection = at(id);
-  ++additional_[connection.host()].clauses;
+  ++additional_[connection.group()].clauses;
   MasterEvent::Data event = about(Type::clause, connection);
   event.text = text;
   tell(event);
@@ -292,6 +496,9 @@ void MasterEngine::lost(Id id, const std::string& why) {
   event.text = why;
   event.fromAgent = gone->isAgent();
   connections_.erase(found);
+  places_.erase(gone->peer().place());
+  toIdentify_.erase(id);
+  silenced_ -= gone->isSilent() ? 1 : 0;
   roles_.closed(id, Clock::now());
   if (!slave) {
     forgetAdditional(id, *gone);
@@ -302,14 +509,14 @@ void MasterEngine::lost(Id id, const std::string& why) {
   tell(event);
   calls_.add([gone] { (void)gone; });  // the connection is still on the stack
   if (slave) {
-    release(gone->host());
-    suspect(gone->host());
+    release(gone->group());
+    suspect(gone->group());
   }
   arm();
 }
 
 void MasterEngine::forgetAdditional(Id id, const MasterConnection& connection) {
-  const auto found = additional_.find(connection.host());
+  const auto found = additional_.find(connection.group());
   Additional& near = found->second;
   near.all.erase(id);
   near.agents.erase(id);
@@ -333,32 +540,50 @@ void MasterEngine::promote() {
   due_ = Timer();
   for (const Id id : roles_.due(Clock::now())) {
     forgetAdditional(id, at(id));
-    at(id).promote();
+    at(id).wait();
+    begin(id);
   }
+  endWaits();
   arm();
+}
+
+void MasterEngine::endWaits() {
+  for (const auto& [id, role] : roles_.waited(Clock::now())) {
+    MasterConnection& connection = at(id);
+    if (role == ConnectionRoles::Role::further) {
+      connection.stopWaiting();
+      addFurther(id, connection);
+    } else {
+      useLater(id);
+    }
+  }
 }
 
 // The device of a bridge may tell its identity only after the bridge was opened.
 MasterEvent::Data MasterEngine::about(Type type, MasterConnection& connection) const {
-  if (connection.name().empty() && !connection.isSlave()) {
-    const MasterConnection* const owner = ownerAt(connection.host());
-    if (owner != nullptr) {
+  MasterEvent::Data event;
+  if (connection.isSlave()) {
+    event.taskPlace = connection.place();
+  } else {
+    const MasterConnection* const owner = ownerAt(connection.group());
+    if (owner != nullptr && connection.name().empty()) {
       connection.adopt(*owner);
     }
+    event.taskPlace = owner == nullptr ? "" : owner->place();
   }
-  MasterEvent::Data event;
   event.type = type;
   event.device = connection.name();
   event.hostid = connection.hostid();
   event.deviceType = connection.deviceType();
   event.host = connection.host();
   event.port = connection.port();
+  event.certificate = connection.peer().certificate;
   return event;
 }
 
 void MasterEngine::tell(const MasterEvent::Data& event) {
   auto data = std::make_shared<MasterEvent::Data>(event);
-  if (event.type == Type::refused) {
+  if (event.type == Type::refused && event.text.empty()) {
     data->text = reasonOf(event.refusal);
   }
   if (*handler_) {
@@ -389,9 +614,9 @@ void MasterEngine::ask(const std::string& name, const Request& request, ReplyHan
   }
 }
 
-const std::set<MasterEngine::Id>& MasterEngine::agentsAt(const std::string& host) const {
+const std::set<MasterEngine::Id>& MasterEngine::agentsAt(const std::string& group) const {
   static const std::set<Id> kNone;
-  const auto near = additional_.find(host);
+  const auto near = additional_.find(group);
   return near == additional_.end() ? kNone : near->second.agents;
 }
 
@@ -408,8 +633,9 @@ MasterEngine::Agents MasterEngine::agents(const std::string& name) const {
   const std::set<Id>& devices = devices_.find(name);
   if (devices.size() == 1) {
     const MasterConnection& device = at(*devices.begin());
-    if (ownerAt(device.host()) == &device && device.host() != name) {
-      add(agentsAt(device.host()));
+    const std::string group = device.group();
+    if (ownerAt(group) == &device && group != name) {
+      add(agentsAt(group));
     }
   }
   return found;
@@ -465,6 +691,7 @@ DeviceInfo MasterEngine::describe(const MasterConnection& connection) const {
   data->deviceType = connection.deviceType();
   data->host = connection.host();
   data->port = connection.port();
+  data->certificate = connection.peer().certificate;
   data->since = connection.since();
   data->age = connection.age();
   data->history = history_.of(connection.key());
@@ -473,7 +700,7 @@ DeviceInfo MasterEngine::describe(const MasterConnection& connection) const {
   data->history.earlier.bytesOut += now.bytesOut;
   data->history.earlier.bytesIn += now.bytesIn;
   data->users = connection.users();
-  const auto near = additional_.find(connection.host());
+  const auto near = additional_.find(connection.group());
   if (near != additional_.end()) {
     data->additional = near->second.all.size();
     data->agents = near->second.agents.size();

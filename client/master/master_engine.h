@@ -29,20 +29,27 @@
 #include "client/master/listener.h"
 #include "client/master/master_connection.h"
 #include "client/master/master_data.h"
+#include "client/master/pace.h"
+#include "client/master/proxied_socket.h"
+#include "client/master/silent_socket.h"
 
 namespace runel {
 inline namespace v1 {
 
 /// The work of AsyncMaster, whose declarations say more.
-class MasterEngine {
+class MasterEngine : private MasterConnection::Observer {
  public:
   MasterEngine(Loop& loop, const MasterOptions& options, AsyncMaster::Handler handler);
-  ~MasterEngine();
+  ~MasterEngine() override;
   MasterEngine(const MasterEngine&) = delete;
   MasterEngine& operator=(const MasterEngine&) = delete;
 
   [[nodiscard]] Result<void> open();
-  [[nodiscard]] std::uint16_t port() const { return listener_.port(); }
+  [[nodiscard]] std::uint16_t port() const;
+  [[nodiscard]] std::vector<std::uint16_t> ports() const;
+  [[nodiscard]] std::size_t unidentified() const { return toIdentify_.size(); }
+  [[nodiscard]] std::size_t silent() const { return silent_.size() + silenced_; }
+  bool silence(const std::string& place);
 
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
   /// The number of them.
@@ -62,6 +69,12 @@ class MasterEngine {
   using Id = ConnectionRoles::Id;
   using Type = MasterEvent::Type;
   using Refusal = MasterEvent::Refusal;
+  using Peer = MasterConnection::Peer;
+  /// A refused connection that is held for as long as its peer does.
+  struct SilentHost {
+    std::unique_ptr<SilentSocket> socket;
+    std::string host;
+  };
   /// A refused connection: a socket, or a connection that must not be used.
   struct Held {
     zell::UniqueFd socket;
@@ -69,7 +82,7 @@ class MasterEngine {
     std::string host;
     Timer end;
   };
-  /// The additional connections from one address.
+  /// The additional connections of one group.
   struct Additional {
     std::set<Id> all;
     std::set<Id> agents;  // those that have sent data
@@ -83,35 +96,48 @@ class MasterEngine {
     Bridge* one = nullptr;
   };
 
+  void addListener();
   void accepted(zell::UniqueFd socket, const sockaddr_in& from);
-  [[nodiscard]] Refusal refusal(const sockaddr_in& from, const std::string& host) const;
+  void arrivedByProxy(zell::UniqueFd socket, const sockaddr_in& proxy, const ProxyHeader& header);
+  void arrived(zell::UniqueFd socket, const Peer& peer);
+  [[nodiscard]] Refusal refusal(const Peer& peer) const;
+  [[nodiscard]] bool isShared(std::uint32_t address) const;
+  [[nodiscard]] static MasterEvent::Data refusedAt(const Peer& peer, Refusal refusal);
   void turnAway(zell::UniqueFd socket, const MasterEvent::Data& event);
+  void holdSilently(zell::UniqueFd socket, const MasterEvent::Data& event);
   void hold(Held held);
   void letGo();
-  void admit(zell::UniqueFd socket, const std::string& host, std::uint16_t port);
-  [[nodiscard]] const MasterConnection* ownerAt(const std::string& host) const;
-  void suspect(const std::string& host);
+  void admit(zell::UniqueFd socket, const Peer& peer);
+  void begin(Id id);
+  [[nodiscard]] std::optional<Milliseconds> silenceFor(const MasterConnection& connection) const;
+  void useLater(Id id);
+  void identifyNext();
+  void addFurther(Id id, MasterConnection& connection);
+  void silence(Id id, MasterConnection& connection, const Error& error);
+  [[nodiscard]] const MasterConnection* ownerAt(const std::string& group) const;
+  void suspect(const std::string& group);
   void checkSuspects();
-  void check(const std::string& host);
+  void check(const std::string& group);
 
-  void identified(Id id);
+  void identified(Id id) override;
   void enter(Id id, MasterConnection& connection);
   void leave(Id id, const MasterConnection& connection);
   [[nodiscard]] std::string freeName(const MasterConnection& connection) const;
-  void spoke(Id id);
+  void spoke(Id id) override;
   void announce(Id id);
-  void release(const std::string& host);
-  void clause(Id id, const std::string& text);
-  void lost(Id id, const std::string& why);
+  void release(const std::string& group);
+  void clause(Id id, const std::string& text) override;
+  void lost(Id id, const std::string& why) override;
   void forgetAdditional(Id id, const MasterConnection& connection);
   void arm();
   void promote();
+  void endWaits();
 
   [[nodiscard]] MasterEvent::Data about(Type type, MasterConnection& connection) const;
   void tell(const MasterEvent::Data& event);
   [[nodiscard]] MasterConnection& at(Id id) const { return *connections_.at(id); }
   [[nodiscard]] Result<MasterConnection*> only(const std::string& name) const;
-  [[nodiscard]] const std::set<Id>& agentsAt(const std::string& host) const;
+  [[nodiscard]] const std::set<Id>& agentsAt(const std::string& group) const;
   [[nodiscard]] Agents agents(const std::string& name) const;
   [[nodiscard]] DeviceInfo describe(const MasterConnection& connection) const;
 
@@ -120,6 +146,7 @@ class MasterEngine {
   // Shared, so that a handler that destroys the master lives until it returns.
   const std::shared_ptr<const AsyncMaster::Handler> handler_;
   CallQueue calls_;
+  const MasterConnection::Context context_;
   ConnectionRoles roles_;
   Id last_ = 0;
   std::map<Id, std::unique_ptr<MasterConnection>> connections_;
@@ -129,14 +156,23 @@ class MasterEngine {
   DeviceIndex devices_;          // these by host identifier, address and ADDRESS:PORT
   std::set<std::string> names_;  // their unique names
   DeviceIndex agents_;           // agents by ADDRESS:PORT
-  std::unordered_map<std::string, Additional> additional_;  // by address
-  std::set<std::string> suspects_;  // addresses whose connections are checked next
+  std::unordered_map<std::uint64_t, Id> places_;            // all by address and port
+  std::unordered_map<std::string, Additional> additional_;  // by group
+  std::set<std::string> suspects_;  // groups whose connections are checked next
   Timer checkSuspects_;
   DeviceHistory history_;
   std::deque<Held> held_;              // oldest first
   std::set<std::string> toldRefused_;  // reported addresses of held connections
   Timer due_;
-  Listener listener_;
+  // Those whose identity is requested next, in the order of their connections.
+  std::set<Id> toIdentify_;
+  Pace pace_;
+  Timer identify_;
+  std::map<Id, std::unique_ptr<ProxiedSocket>> arriving_;
+  std::map<Id, SilentHost> silent_;
+  std::unordered_map<std::string, std::size_t> silentAt_;  // their number by address
+  std::size_t silenced_ = 0;                               // connections that became silent
+  std::vector<std::unique_ptr<Listener>> listeners_;
 };
 
 }  // namespace v1

@@ -21,6 +21,8 @@ class ProxyHeader {
     invalid,  ///< `problem` says why
   };
 
+  ProxyHeader();
+
   /// A longer header is invalid.
   static constexpr std::size_t kLongest = 16384;
   /// A longer name of a certificate is invalid.
@@ -57,9 +59,6 @@ class ProxyHeader {
   std::string name_;
   bool hasTls_ = false;
   std::string problem_;
-
- public:
-  ProxyHeader();
 };
 
 }  // namespace runel

@@ -313,6 +313,13 @@ void SlaveLink::lose(const Error& error) {
   }
 }
 
+zell::UniqueFd SlaveLink::release(const Error& error) {
+  loop_.cancel(timer_);
+  events_ = Events();
+  failAll(error);
+  return channel_.release();
+}
+
 void SlaveLink::failAll(const Error& error) {
   for (const auto* requests : {&pending_, &unanswerable_}) {
     for (const Pending& request : *requests) {

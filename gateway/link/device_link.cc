@@ -93,6 +93,7 @@ struct DeviceLink::Data {
     Reason silenced = Reason::none;
   };
 
+  [[nodiscard]] runel::Result<runel::MasterOptions> options();
   [[nodiscard]] runel::Result<void> open();
   void handle(const MasterEvent& event);
   void lose(const Place& place, const std::string& why);
@@ -113,6 +114,7 @@ struct DeviceLink::Data {
   std::unordered_map<DeviceId, PlaceKey> devices;  // those that are bound
   std::unordered_map<CallId, DeviceId> pending;
   CallId lastCall = 0;
+  std::size_t silencedPlaces = 0;
   bool stopped = false;
   LinkCounters counters;
   // After what their events use.
@@ -120,30 +122,54 @@ struct DeviceLink::Data {
   std::unique_ptr<runel::AsyncMaster> master;
 };
 
-runel::Result<void> DeviceLink::Data::open() {
-  runel::MasterOptions options;
-  options.setListen(settings.listen.front().host, settings.listen.front().port);
-  options.setTimeout(settings.ioTimeout);
-  if (!settings.sharedAddresses.empty()) {
-    options.setShared(settings.sharedSilence);
+runel::Result<runel::MasterOptions> DeviceLink::Data::options() {
+  runel::MasterOptions made;
+  made.setTimeout(settings.ioTimeout);
+  made.setIdentifyRate(settings.identifyPerSecond);
+  made.setHeld(settings.mostSilent);
+  made.setPolicy([this](const std::string& host, std::uint16_t port, const std::string& name) {
+    return observer.silenceFor({host, port, name});
+  });
+  for (std::size_t i = 0; i < settings.listen.size(); ++i) {
+    const LinkSettings::Listen& listen = settings.listen[i];
+    (void)(i == 0 ? made.setListen(listen.host, listen.port)
+                  : made.addListen(listen.host, listen.port));  // it returns the options
   }
-  if (!settings.allowedAddresses.empty()) {
-    const auto allowed = options.allowAddresses(join(settings.allowedAddresses));
-    if (!allowed) {
-      return allowed.error();
+  const auto set =
+      [&made](const std::vector<std::string>& networks,
+              runel::Result<void> (runel::MasterOptions::*setter)(const std::string& list)) {
+        return networks.empty() ? runel::Result<void>() : (made.*setter)(join(networks));
+      };
+  if (!settings.sharedAddresses.empty()) {
+    made.setShared(settings.sharedSilence);
+  }
+  for (const auto& done :
+       {set(settings.allowedAddresses, &runel::MasterOptions::allowAddresses),
+        set(settings.proxies, &runel::MasterOptions::trustProxies),
+        set(settings.sharedAddresses, &runel::MasterOptions::setSharedAddresses)}) {
+    if (!done) {
+      return done.error();
     }
   }
+  return made;
+}
+
+runel::Result<void> DeviceLink::Data::open() {
+  const auto made = options();
+  if (!made) {
+    return made.error();
+  }
   master = std::make_unique<runel::AsyncMaster>(
-      loop, options, [this](const MasterEvent& event) { handle(event); });
+      loop, *made, [this](const MasterEvent& event) { handle(event); });
   return master->open();
 }
 
 void DeviceLink::Data::handle(const MasterEvent& event) {
-  const Place place{event.host(), event.port(), ""};
+  const Place place{event.host(), event.port(), event.certificate()};
   switch (event.type()) {
     case MasterEvent::Type::connected:
       places.try_emplace(keyOf(place.host, place.port));
-      observer.connected(place, event.hostid(), event.deviceType());
+      observer.connected(place, event.rawHostid(), event.deviceType());
       break;
     case MasterEvent::Type::lost:
       lose(place, event.text());
@@ -177,6 +203,7 @@ void DeviceLink::Data::lose(const Place& place, const std::string& why) {
   if (found == places.end()) {
     return;  // it has not told its identity
   }
+  silencedPlaces -= found->second.silenced == Reason::none ? 0 : 1;
   const auto device = devices.find(found->second.device);
   if (device != devices.end() && device->second == found->first) {
     devices.erase(device);
@@ -186,11 +213,13 @@ void DeviceLink::Data::lose(const Place& place, const std::string& why) {
 }
 
 DeviceId DeviceLink::Data::deviceOf(const MasterEvent& event) const {
-  const auto found = master->find(event.device());
-  if (found.size() != 1) {
+  const std::string& text = event.taskPlace();
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) {
     return 0;
   }
-  const auto place = places.find(keyOf(found[0].host(), found[0].port()));
+  const auto port = static_cast<std::uint16_t>(std::stoul(text.substr(colon + 1)));
+  const auto place = places.find(keyOf(text.substr(0, colon), port));
   return place == places.end() ? 0 : place->second.device;
 }
 
@@ -283,7 +312,7 @@ runel::Result<void> DeviceLink::open() {
 }
 
 std::vector<std::uint16_t> DeviceLink::ports() const {
-  return {data_->master->port()};
+  return data_->master->ports();
 }
 
 void DeviceLink::stop() {
@@ -322,11 +351,15 @@ void DeviceLink::silence(const Place& place, Reason reason) {
   if (found == data_->places.end()) {
     return;
   }
+  if (found->second.silenced == Reason::none) {
+    ++data_->silencedPlaces;
+  }
   found->second.silenced = reason;
   DeviceQueue* const queue = data_->find(found->second.device);
   if (queue != nullptr) {
     queue->disconnect(reason, sentenceOf(reason));
   }
+  (void)data_->master->silence(textOf(found->first));  // false: it is silent already
 }
 
 CallId DeviceLink::send(Call call, Done done) {
@@ -365,7 +398,11 @@ runel::Result<void> DeviceLink::sendClause(DeviceId device, const std::string& c
 
 LinkCounters DeviceLink::counters() const {
   LinkCounters counters = data_->counters;
-  counters.connected = data_->places.size();
+  counters.connected = data_->places.size() - data_->silencedPlaces;
+  if (data_->master) {
+    counters.silent = data_->master->silent();
+    counters.unidentified = data_->master->unidentified();
+  }
   counters.bound = data_->devices.size();
   counters.queued = data_->pending.size();
   counters.busyDevices = data_->queues.size();

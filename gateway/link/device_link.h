@@ -39,6 +39,8 @@ struct LinkSettings {
   /// `sharedSilence` is the task connection of a further device.
   std::vector<std::string> sharedAddresses;
   runel::Milliseconds sharedSilence{10000};
+  /// So many connections that must not be used are held open; further ones are closed.
+  std::size_t mostSilent = 16384;
   /// Identities are requested from so many devices a second; 0 for any number.
   std::size_t identifyPerSecond = 1000;
   /// The longest time without a byte while an answer is due. An "exec" adds its limit.

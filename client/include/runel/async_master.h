@@ -36,6 +36,8 @@ class RUNEL_API MasterOptions {
   /// The listening address, 127.0.0.1:5112 by default. @p host is an IPv4 address; 0.0.0.0 stands
   /// for all interfaces. Port 0 lets the system choose.
   MasterOptions& setListen(std::string host, std::uint16_t port);
+  /// A further listening address.
+  MasterOptions& addListen(std::string host, std::uint16_t port);
   /// Allows only these networks, a comma-separated list of ADDRESS and ADDRESS/BITS. Fails with
   /// `Kind::local`.
   [[nodiscard]] Result<void> allowAddresses(const std::string& list);
@@ -44,6 +46,30 @@ class RUNEL_API MasterOptions {
   /// For several devices at one address, behind a router: a connection that is silent for this long
   /// is used as the task connection of another device. By default each address is one device.
   MasterOptions& setShared(std::optional<Milliseconds> silence);
+  /// Restricts `setShared` to connections from these networks, a comma-separated list. Fails with
+  /// `Kind::local`.
+  [[nodiscard]] Result<void> setSharedAddresses(const std::string& list);
+  /// Trusts these networks, a comma-separated list, to begin each connection with a header of the
+  /// PROXY protocol, version 2: the connection counts as one of the address in it, and its device
+  /// is told apart by the name in its client certificate, if the proxy has verified one. A
+  /// connection without a valid header is refused. Fails with `Kind::local`.
+  [[nodiscard]] Result<void> trustProxies(const std::string& list);
+  /// Requests the identity of at most so many devices a second, in the order of their connections,
+  /// which are accepted at once. 0, the default: of any number.
+  MasterOptions& setIdentifyRate(std::size_t devices);
+  /// Holds at most so many refused connections open for as long as the peer does: a device whose
+  /// connection is closed connects again at once. 0, the default: at most 256, for 5 s. Nothing is
+  /// written to them.
+  MasterOptions& setHeld(std::size_t connections);
+  /// How long a new connection must be silent before anything is written to it. It gets the
+  /// address, the port, and the name in a verified certificate. 0: it is used at once. A connection
+  /// that speaks in that time is the bridge of an agent. Without a value nothing is ever written to
+  /// it. It is asked for each connection that is about to become the task connection of a device,
+  /// and must not call the master.
+  using Policy = std::function<std::optional<Milliseconds>(
+      const std::string& host, std::uint16_t port, const std::string& certificate)>;
+  /// Without a policy each connection is used at once.
+  MasterOptions& setPolicy(Policy policy);
   /// The I/O timeout, 30 s by default: the longest time without a byte sent or received while the
   /// answer to an `ask` is due. It also limits the answers to cheap tasks of the master itself. The
   /// users of a device share its connection, so it must cover the requests of the others.
@@ -72,6 +98,8 @@ class RUNEL_API DeviceInfo {
   [[nodiscard]] const std::string& host() const;
   [[nodiscard]] std::uint16_t port() const;
   ///@}
+  /// The name in its client certificate, if a trusted proxy has verified one; otherwise empty.
+  [[nodiscard]] const std::string& certificate() const;
   /// When its task connection was accepted.
   [[nodiscard]] std::int64_t connectedSince() const;
   /// The age of the connection, by a clock that is never set.
@@ -210,6 +238,17 @@ class RUNEL_API AsyncMaster {
   [[nodiscard]] Result<void> open();
   /// The listening port, 0 before `open`.
   [[nodiscard]] std::uint16_t port() const;
+  /// The listening ports in the order of the options.
+  [[nodiscard]] std::vector<std::uint16_t> ports() const;
+  /// The number of connections that wait for their turn to be identified.
+  [[nodiscard]] std::size_t unidentified() const;
+  /// The number of connections that are held open without being used.
+  [[nodiscard]] std::size_t silent() const;
+
+  /// Writes nothing any more to the task connection at @p place, ADDRESS:PORT, not even a check
+  /// whether it is alive. It is held open, its users lose it, and its end is still reported.
+  /// Returns false if there is none.
+  bool silence(const std::string& place);
 
   /// The connected devices that have told their identity, in the order of their connections.
   [[nodiscard]] std::vector<DeviceInfo> devices() const;

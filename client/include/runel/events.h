@@ -32,6 +32,9 @@ class RUNEL_API MasterEvent {
     address,             ///< its address is not allowed
     hostid,              ///< its host identifier is not allowed
     tooManyConnections,  ///< its address has too many connections
+    proxyHeader,         ///< it comes from a proxy, without a valid header; `text` says more
+    duplicate,           ///< another connection has the same address and port, behind a proxy
+    policy,              ///< the policy of the options: nothing was ever written to it
   };
 
   /// What happened.
@@ -42,6 +45,9 @@ class RUNEL_API MasterEvent {
   /// Empty while it is unknown: a clause waits until its device has told its identity, and has none
   /// only if the device is lost before, or if several devices are at its address.
   [[nodiscard]] const std::string& hostid() const;
+  /// For `connected`: the host identifier as the device told it, any bytes; empty if it told none,
+  /// or one of more than 256 bytes.
+  [[nodiscard]] const std::string& rawHostid() const;
   /// As the device has told. Empty while it is unknown.
   [[nodiscard]] const std::string& deviceType() const;
   ///@{
@@ -49,6 +55,11 @@ class RUNEL_API MasterEvent {
   [[nodiscard]] const std::string& host() const;
   [[nodiscard]] std::uint16_t port() const;
   ///@}
+  /// The name in the client's certificate, if a trusted proxy has verified one; otherwise empty.
+  [[nodiscard]] const std::string& certificate() const;
+  /// ADDRESS:PORT of the task connection of the device; for a further connection that of its
+  /// device. Empty while it is unknown, and if several devices are at its address.
+  [[nodiscard]] const std::string& taskPlace() const;
   /// The clause of `clause`; the reason of `lost`, `refused`, `additionalLost` and `problem`.
   [[nodiscard]] const std::string& text() const;
   /// For `refused`: why.

@@ -89,6 +89,78 @@ TEST_F(ConnectionRolesTest, ForgetsAnAddressWithoutConnections) {
   EXPECT_EQ(roles_.opened(2, "a", start_), kSlave);
 }
 
+// After a restart of the master a device may still have its old slave connection: then the next one
+// is a bridge.
+class WaitingTest : public ConnectionRolesTest {
+ protected:
+  void openAndWait(ConnectionRoles::Id id, int until) {
+    ASSERT_EQ(roles_.opened(id, "a", start_), kSlave);
+    roles_.wait(id, start_ + seconds(until));
+  }
+  std::string waited(int now) {
+    std::string found;
+    for (const auto& [id, role] : roles_.waited(start_ + seconds(now))) {
+      found += std::to_string(id) + (role == kSlave ? " slave " : " further ");
+    }
+    return found;
+  }
+};
+
+TEST_F(WaitingTest, UsesAConnectionThatWasSilentUntilTheEnd) {
+  openAndWait(1, 75);
+  EXPECT_EQ(roles_.nextDue(), start_ + seconds(75));
+  EXPECT_THAT(roles_.slavesAt("a"), IsEmpty());
+  EXPECT_EQ(waited(74), "");
+  EXPECT_EQ(waited(75), "1 slave ");
+  EXPECT_EQ(waited(75), "");
+  EXPECT_THAT(roles_.slavesAt("a"), ElementsAre(1));
+}
+
+TEST_F(WaitingTest, UsesNoOtherConnectionMeanwhile) {
+  openAndWait(1, 75);
+  EXPECT_EQ(roles_.opened(2, "a", start_ + seconds(74)), kFurther);
+  EXPECT_THAT(roles_.due(start_ + seconds(1000)), IsEmpty());
+  EXPECT_EQ(waited(75), "1 slave ");
+  EXPECT_THAT(roles_.due(start_ + seconds(1000)), IsEmpty());
+}
+
+// The slave connection that only the device knows ends together with the bridge.
+TEST_F(WaitingTest, AConnectionThatSpeaksIsABridgeAndTheSlaveConnectionComesAfterItsEnd) {
+  openAndWait(1, 75);
+  ASSERT_EQ(roles_.opened(2, "a", start_), kFurther);
+  roles_.spoke(1);
+  EXPECT_EQ(waited(1000), "");
+  EXPECT_THAT(roles_.due(start_ + seconds(1000)), IsEmpty()) << "2 may be surplus";
+  EXPECT_EQ(roles_.opened(3, "a", start_), kFurther);
+  roles_.closed(1, start_ + seconds(60));
+  EXPECT_THAT(roles_.due(start_ + seconds(64)), IsEmpty());
+  EXPECT_THAT(roles_.due(start_ + seconds(65)), ElementsAre(2));
+  EXPECT_FALSE(roles_.nextDue());
+}
+
+TEST_F(WaitingTest, TheNextConnectionIsTheSlaveConnectionWhenABridgeHasEnded) {
+  openAndWait(1, 75);
+  roles_.spoke(1);
+  roles_.closed(1, start_ + seconds(60));
+  EXPECT_EQ(roles_.opened(2, "a", start_ + seconds(60)), kSlave);
+}
+
+TEST_F(WaitingTest, ASlaveConnectionThatIsNotWrittenToMayStillSpeak) {
+  ASSERT_EQ(roles_.opened(1, "a", start_), kSlave);
+  roles_.spoke(1);
+  EXPECT_THAT(roles_.slavesAt("a"), IsEmpty());
+  EXPECT_EQ(roles_.opened(2, "a", start_), kFurther);
+  EXPECT_THAT(roles_.due(start_ + seconds(1000)), IsEmpty());
+}
+
+TEST_F(WaitingTest, TheFirstOfSeveralBecomesTheSlaveConnection) {
+  openAndWait(1, 75);
+  roles_.closed(1, start_);
+  openAndWait(2, 80);
+  EXPECT_EQ(roles_.opened(3, "a", start_), kFurther);
+  EXPECT_EQ(waited(1000), "2 slave ");
+}
+
 class SharedLineupTest : public ConnectionRolesTest {
  protected:
   ConnectionRoles shared_{ConnectionRoles::Rules{seconds(5), seconds(2)}};

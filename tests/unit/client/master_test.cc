@@ -952,6 +952,352 @@ TEST_F(MasterTest, UnreadableContentEndsTheConnection) {
   EXPECT_EQ(told(Type::lost).text(), "cannot read the content of a request");
 }
 
+// The policy of a master that does not know whether its devices still have an earlier connection.
+class PolicyTest : public MasterTest {
+ protected:
+  void silentFor(std::optional<Milliseconds> time) {
+    options.setPolicy(
+        [this, time](const std::string& host, std::uint16_t from, const std::string& certificate) {
+          asked.push_back(host + ":" + std::to_string(from) + " " + certificate);
+          return time;
+        });
+  }
+  void turns(int count) {
+    for (int i = 0; i < count; ++i) {
+      loop.turn(Milliseconds(2));
+      for (ScriptedDevice& device : devices) {
+        if (device.isOpen()) {
+          device.serve();
+        }
+      }
+    }
+  }
+
+  std::vector<std::string> asked;
+};
+
+TEST_F(PolicyTest, NothingIsWrittenBeforeTheSilenceIsOver) {
+  silentFor(Milliseconds(300));
+  open();
+  ScriptedDevice& device = dial("gw-3");
+  const auto start = Clock::now();
+  runUntil([&] { return !device.came.empty() || count(Type::connected) > 0; });
+  EXPECT_GE(Clock::now() - start, Milliseconds(290));
+  EXPECT_EQ(told(Type::connected).hostid(), "gw-3");
+  EXPECT_EQ(asked, std::vector<std::string>{"127.0.0.1:" + std::to_string(device.port()) + " "});
+}
+
+TEST_F(PolicyTest, AConnectionThatSpeaksInItsSilenceIsABridgeForEver) {
+  silentFor(Milliseconds(200));
+  open();
+  ScriptedDevice& bridge = dial();
+  bridge.say("<hello/>");
+  ScriptedDevice& surplus = dial();
+  runUntil([&] { return count(Type::clause) == 1 && count(Type::additional) == 2; });
+  turns(200);
+  EXPECT_EQ(bridge.came, "");
+  EXPECT_EQ(surplus.came, "") << "the device still has its slave connection";
+  EXPECT_FALSE(bridge.ended || surplus.ended);
+  EXPECT_EQ(count(Type::connected), 0U);
+  bridge.close();
+  runUntil([&] { return count(Type::additionalLost) == 1; });
+  dialAndWait("fake");
+}
+
+TEST_F(PolicyTest, AConnectionThatIsNotToBeUsedStaysSilent) {
+  silentFor(std::nullopt);
+  open();
+  ScriptedDevice& device = dial();
+  EXPECT_EQ(told(Type::refused).refusal(), MasterEvent::Refusal::policy);
+  EXPECT_EQ(master->silent(), 1U);
+  ScriptedDevice& bridge = dial();
+  bridge.say("<hello/>");
+  runUntil([&] { return count(Type::clause) == 1; });
+  turns(20);
+  EXPECT_EQ(device.came + bridge.came, "");
+  EXPECT_EQ(asked.size(), 1U) << "a bridge is not asked about";
+  device.close();
+  runUntil([&] { return count(Type::lost) == 1; });
+  EXPECT_EQ(master->silent(), 0U);
+}
+
+TEST_F(PolicyTest, WithoutAWaitTheDeviceIsUsedAtOnce) {
+  silentFor(Milliseconds(0));
+  open();
+  dialAndWait();
+  EXPECT_EQ(asked.size(), 1U);
+}
+
+TEST_F(MasterTest, IdentifiesDevicesAtAPaceInTheirOrder) {
+  options.setIdentifyRate(20);
+  open();
+  for (int i = 1; i <= 6; ++i) {
+    dial("d" + std::to_string(i), "127.0.0." + std::to_string(i));
+  }
+  const auto start = Clock::now();
+  std::size_t most = 0;
+  runUntil([&] {
+    most = std::max(most, master->unidentified());
+    return count(Type::connected) == 6;
+  });
+  EXPECT_GE(Clock::now() - start, Milliseconds(200)) << "five of them after the first";
+  EXPECT_GE(most, 4U);
+  EXPECT_EQ(master->unidentified(), 0U);
+  std::string names;
+  for (const DeviceInfo& device : master->devices()) {
+    names += device.name();
+  }
+  EXPECT_EQ(names, "d1d2d3d4d5d6");
+}
+
+TEST_F(MasterTest, AConnectionThatSpeaksBeforeItsTurnIsABridge) {
+  options.setIdentifyRate(1);
+  open();
+  dial("first", "127.0.0.2");
+  ScriptedDevice& bridge = dial("bridge", "127.0.0.3");
+  bridge.answers = false;
+  bridge.say("<hello/>");
+  dial("gone", "127.0.0.4").close();
+  runUntil([&] { return count(Type::clause) == 1 && count(Type::lost) == 1; });
+  EXPECT_EQ(master->unidentified(), 0U);
+  EXPECT_EQ(bridge.came, "");
+}
+
+TEST_F(MasterTest, HoldsRefusedConnectionsForAsLongAsTheyLast) {
+  options.setHeld(3);
+  ASSERT_TRUE(options.allowAddresses("127.0.0.9"));
+  ASSERT_TRUE(options.allowHostids("good"));
+  open();
+  ScriptedDevice& far = dial("good", "127.0.0.10");
+  ScriptedDevice& wrong = dial("bad", "127.0.0.9");
+  ScriptedDevice& again = dial("good", "127.0.0.10");
+  runUntil([&] { return count(Type::refused) == 2 && master->silent() == 3; });
+  ScriptedDevice& more = dial("good", "127.0.0.11");
+  runUntil([&] { return more.ended; });
+  const std::size_t before = wrong.came.size();
+  const auto end = Clock::now() + Milliseconds(6000);  // longer than without the option
+  runUntil([&] { return Clock::now() > end; });
+  EXPECT_FALSE(far.ended || wrong.ended || again.ended);
+  EXPECT_EQ(wrong.came.size(), before);
+  EXPECT_EQ(far.came + again.came, "");
+  far.close();
+  again.close();
+  wrong.close();
+  runUntil([&] { return master->silent() == 0; });
+  EXPECT_EQ(count(Type::refused), 2U);
+}
+
+TEST_F(MasterTest, ASilencedConnectionIsNotWrittenToAndStaysOpen) {
+  options.setTimeout(Milliseconds(100));
+  open();
+  ScriptedDevice& device = dialAndWait();
+  device.answers = false;
+  const auto user = attach();
+  std::vector<std::string> failures;
+  const auto send = [&](std::size_t size) {
+    UserRequest request(Request({"write", "/a"}, std::string(size, 'x')).encode());
+    request.onFailed([&](const Error& error) { failures.push_back(nameOf(error.outcome())); });
+    user->send(std::move(request));
+  };
+  send(10);
+  runUntil([&] { return device.came.find("write") != std::string::npos; });
+  send(20000000);
+  for (int i = 0; i < 20; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  const std::string place = "127.0.0.1:" + std::to_string(device.port());
+  EXPECT_FALSE(master->silence("127.0.0.1:1"));
+  EXPECT_FALSE(master->silence("fake"));
+  EXPECT_TRUE(master->silence(place));
+  EXPECT_FALSE(master->silence(place));
+  runUntil([&] { return !lost.empty(); });
+  EXPECT_EQ(failures, (std::vector<std::string>{"sent, outcome unknown", "not sent"}));
+  EXPECT_TRUE(master->devices().empty());
+  EXPECT_EQ(ask("fake", Request({"hostid"})).error().kind(), Kind::link);
+  for (int i = 0; i < 20; ++i) {
+    loop.turn(Milliseconds(1));
+    device.serve();
+  }
+  const std::size_t before = device.came.size();
+  device.answers = false;
+  device.say(frameOf(recordOf("late")));
+  ScriptedDevice& bridge = dial();  // makes a master check the device otherwise
+  bridge.answers = false;
+  runUntil([&] { return count(Type::additional) == 1; });
+  const auto end = Clock::now() + Milliseconds(1500);
+  runUntil([&] { return Clock::now() > end; });
+  EXPECT_EQ(device.came.size(), before);
+  EXPECT_EQ(bridge.came, "");
+  EXPECT_FALSE(device.ended || bridge.ended);
+  EXPECT_EQ(count(Type::lost), 0U);
+  EXPECT_EQ(master->silent(), 1U);
+  device.close();
+  runUntil([&] { return count(Type::lost) == 1; });
+  EXPECT_EQ(told(Type::lost).device(), "fake");
+}
+
+TEST_F(MasterTest, ListensOnSeveralAddresses) {
+  options.addListen("127.0.0.5", 0);
+  open();
+  const std::vector<std::uint16_t> ports = master->ports();
+  ASSERT_EQ(ports.size(), 2U);
+  EXPECT_EQ(ports[0], master->port());
+  EXPECT_NE(ports[1], 0);
+  dialAndWait();
+  MasterOptions taken;
+  taken.setListen("127.0.0.1", 0).addListen("127.0.0.5", ports[1]);
+  AsyncMaster second(loop, taken, nullptr);
+  EXPECT_FALSE(second.open());
+}
+
+TEST_F(MasterTest, TellsTheBytesOfAHostidThatIsNotAName) {
+  open();
+  const std::string odd("a\0\n\xff b", 6);
+  dial(odd);
+  EXPECT_EQ(told(Type::connected).rawHostid(), odd);
+  EXPECT_EQ(told(Type::connected).hostid(), "");
+  dial(std::string(257, 'x'), "127.0.0.2");
+  dial("gw-3", "127.0.0.3");
+  runUntil([&] { return count(Type::connected) == 3; });
+  for (const MasterEvent& event : events) {
+    if (event.host() != "127.0.0.1") {
+      EXPECT_EQ(event.rawHostid(), event.host() == "127.0.0.2" ? "" : "gw-3");
+    }
+  }
+}
+
+// The header that a proxy sends for the client at @p address.
+std::string proxyHeader(const std::string& address, std::uint16_t port, const std::string& name,
+                        char verification = 0) {
+  const in_addr from = loopback(address, 0).sin_addr;
+  const auto* source = reinterpret_cast<const char*>(&from);
+  const auto number = [](std::size_t value) {
+    return std::string{static_cast<char>(value >> 8), static_cast<char>(value & 0xff)};
+  };
+  const auto field = [&](char type, const std::string& value) {
+    return type + number(value.size()) + value;
+  };
+  std::string rest =
+      std::string(source, 4) + std::string("\x7f\0\0\1", 4) + number(port) + number(5112);
+  if (!name.empty()) {
+    rest += field(0x20, std::string("\3\0\0\0", 4) + verification + field(0x22, name));
+  }
+  return std::string("\r\n\r\n\0\r\nQUIT\n\x21\x11", 14) + number(rest.size()) + rest;
+}
+
+class ProxyTest : public MasterTest {
+ protected:
+  ProxyTest() { EXPECT_TRUE(options.trustProxies("127.0.0.100,127.0.0.101")); }
+
+  ScriptedDevice& dialThrough(const std::string& header, const std::string& hostid = "fake") {
+    ScriptedDevice& device = dial(hostid, "127.0.0.100");
+    device.say(header);
+    return device;
+  }
+};
+
+TEST_F(ProxyTest, TheClientIsTheOneOfTheHeader) {
+  open();
+  dialThrough(proxyHeader("10.0.0.7", 4001, "gw-7"), "one");
+  const MasterEvent event = told(Type::connected);
+  EXPECT_EQ(event.host() + " " + event.certificate() + " " + event.taskPlace(),
+            "10.0.0.7 gw-7 10.0.0.7:4001");
+  EXPECT_EQ(event.port(), 4001);
+  EXPECT_EQ(master->find("10.0.0.7:4001").size(), 1U);
+  EXPECT_EQ(master->devices()[0].certificate(), "gw-7");
+  EXPECT_EQ(ask("one", Request({"read", "/"})).output(), "done");
+}
+
+TEST_F(ProxyTest, VerifiedNamesTellDevicesApartAndOthersAddresses) {
+  open();
+  dialThrough(proxyHeader("10.0.0.7", 1, "one"), "one");
+  dialThrough(proxyHeader("10.0.0.7", 2, "two"), "two");
+  dialThrough(proxyHeader("10.0.0.7", 3, "three", 1), "three");
+  runUntil([&] { return count(Type::connected) == 3; });
+  dialThrough(proxyHeader("10.0.0.8", 4, "two")).say("<hello/>");
+  devices.back().answers = false;
+  EXPECT_EQ(told(Type::clause).device(), "two");
+  EXPECT_EQ(told(Type::clause).taskPlace(), "10.0.0.7:2");
+  dialThrough(proxyHeader("10.0.0.7", 5, ""));
+  runUntil([&] { return count(Type::additional) == 2; });
+  for (const MasterEvent& event : events) {
+    EXPECT_EQ(event.certificate(), event.port() == 1 ? "one" : event.port() % 2 == 0 ? "two" : "");
+  }
+  EXPECT_TRUE(master->sendClause("two", "<x/>"));
+}
+
+TEST_F(ProxyTest, AnAddressIsNotTheNameOfACertificate) {
+  open();
+  dialThrough(proxyHeader("10.0.0.7", 1, ""), "one");
+  dialThrough(proxyHeader("10.0.0.8", 2, "10.0.0.7"), "two");
+  runUntil([&] { return count(Type::connected) == 2; });
+  EXPECT_EQ(count(Type::additional), 0U);
+}
+
+TEST_F(ProxyTest, NothingIsWrittenToAConnectionWithoutAValidHeader) {
+  options.setHeld(10);
+  open();
+  std::vector<ScriptedDevice*> bad;
+  for (const char* text : {"\x01"
+                           "5\x02hello",
+                           "<hello/>", "\r\n\r\nx"}) {
+    bad.push_back(&dialThrough(text));
+  }
+  runUntil([&] { return master->silent() == 3; });
+  EXPECT_EQ(told(Type::refused).refusal(), MasterEvent::Refusal::proxyHeader);
+  EXPECT_EQ(told(Type::refused).text(), "no header of a proxy");
+  EXPECT_EQ(count(Type::refused), 1U) << "once for its address";
+  for (const ScriptedDevice* device : bad) {
+    EXPECT_EQ(device->came, "");
+    EXPECT_FALSE(device->ended);
+  }
+}
+
+TEST_F(ProxyTest, AHeaderThatDoesNotComeInTimeRefusesTheConnection) {
+  options.setHeld(10);
+  open();
+  ScriptedDevice& slow = dialThrough("\r\n");
+  EXPECT_EQ(told(Type::refused).text(), "no header of the proxy in time");
+  EXPECT_FALSE(slow.ended);
+}
+
+TEST_F(ProxyTest, HealthChecksAreNoEvents) {
+  options.setHeld(10);
+  open();
+  ScriptedDevice& check = dialThrough(std::string("\r\n\r\n\0\r\nQUIT\n\x20\0\0\0", 16));
+  runUntil([&] { return master->silent() == 1; });
+  check.close();
+  runUntil([&] { return master->silent() == 0; });
+  dial("x", "127.0.0.100").close();
+  dialThrough(proxyHeader("10.0.0.7", 1, ""));
+  (void)told(Type::connected);
+  EXPECT_EQ(events.size(), 1U);
+}
+
+TEST_F(ProxyTest, OnlyAProxyMaySendAHeader) {
+  open();
+  ScriptedDevice& device = dial("liar", "127.0.0.99");
+  device.answers = false;
+  device.say(proxyHeader("10.0.0.7", 1, "gw-7"));
+  const MasterEvent event = told(Type::lost);
+  EXPECT_EQ(event.host() + event.certificate(), "127.0.0.99");
+}
+
+TEST_F(ProxyTest, TheAddressOfTheClientMustBeAllowedAndUnique) {
+  options.setHeld(10);
+  ASSERT_TRUE(options.allowAddresses("10.0.0.0/24"));
+  open();
+  dialThrough(proxyHeader("10.0.0.7", 1, ""));
+  (void)told(Type::connected);
+  ScriptedDevice& same = dialThrough(proxyHeader("10.0.0.7", 1, "other"));
+  EXPECT_EQ(told(Type::refused).refusal(), MasterEvent::Refusal::duplicate);
+  ScriptedDevice& far = dialThrough(proxyHeader("10.0.1.7", 1, ""));
+  runUntil([&] { return count(Type::refused) == 2; });
+  EXPECT_EQ(events.back().refusal(), MasterEvent::Refusal::address);
+  EXPECT_EQ(events.back().host(), "10.0.1.7");
+  EXPECT_EQ(same.came + far.came, "");
+}
+
 TEST_F(MasterTest, EveryEventMayDestroyTheMaster) {
   for (const Type type : {Type::connected, Type::additional, Type::agentConnected, Type::clause,
                           Type::additionalLost, Type::lost, Type::refused}) {

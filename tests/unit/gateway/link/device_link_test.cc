@@ -371,6 +371,122 @@ TEST_F(DeviceLinkTest, AnAnswerThatDoesNotFitIsUnknown) {
   EXPECT_EQ(end(1), kAnswered);
 }
 
+// A device that still has a slave connection of an earlier gateway: its next one is a bridge.
+TEST_F(DeviceLinkTest, ABridgeOfAnEarlierConnectionIsNeverWrittenTo) {
+  observer.silence = [](const Place&) { return Milliseconds(400); };
+  open();
+  FakeDevice::Settings own;
+  own.hostid = "1";
+  FakeDevice& bridge = devices.emplace_back(loop, link->ports().front(), own);
+  FakeDevice& surplus = devices.emplace_back(loop, link->ports().front(), own);
+  bridge.say("<hello/>");
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 2; }));
+  EXPECT_EQ(observer.events[1], "clause of 0: <hello/>");
+  const auto end = Clock::now() + Milliseconds(900);
+  ASSERT_TRUE(runUntil([&] { return Clock::now() > end; }));
+  EXPECT_EQ(bridge.bytes + surplus.bytes, 0U);
+  EXPECT_EQ(bridge.ends + surplus.ends, 0U) << "the end of a surplus connection ends the daemon";
+  EXPECT_EQ(link->counters().additional, 2U);
+  bridge.close();
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 3; }));
+  FakeDevice& slave = devices.emplace_back(loop, link->ports().front(), own);
+  ASSERT_TRUE(runUntil([&] { return slave.questions + surplus.questions > 0; }));
+  EXPECT_EQ(surplus.ends, 0U);
+}
+
+TEST_F(DeviceLinkTest, AConnectionThatIsToBeSilentGetsNothing) {
+  observer.silence = [](const Place&) { return std::nullopt; };
+  open();
+  FakeDevice::Settings own;
+  FakeDevice& device = devices.emplace_back(loop, link->ports().front(), own);
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 1; }));
+  EXPECT_EQ(observer.events[0], "refused 127.0.0.1: not to be used");
+  steps(20);
+  EXPECT_EQ(device.bytes, 0U);
+  EXPECT_EQ(link->counters().silent, 1U);
+}
+
+TEST_F(DeviceLinkTest, AQuarantinedPlaceGetsNothingMore) {
+  settings.ioTimeout = Milliseconds(100);
+  open();
+  FakeDevice& device = dial(1);
+  device.react = [](const zell::SlaveTask&) { return std::nullopt; };
+  send(1, requestOf({"append", "/a", "x"}));
+  send(1, requestOf({"exec", "/bin/true"}, 10), Milliseconds(60000));
+  ASSERT_TRUE(runUntil([&] { return device.tasks.size() == 1; }));
+  const std::uint64_t before = device.bytes;
+  link->silence(observer.places[0], Reason::quarantined);
+  send(1, requestOf({"read", "/a"}));
+  ASSERT_TRUE(waitFor(3));
+  EXPECT_EQ(end(0), "unknown whether it ran quarantined");
+  EXPECT_EQ(end(1), "not run quarantined");
+  EXPECT_EQ(end(2), "not run quarantined");
+  const auto until = Clock::now() + Milliseconds(800);
+  ASSERT_TRUE(runUntil([&] { return Clock::now() > until; }));
+  EXPECT_EQ(device.bytes, before);
+  EXPECT_EQ(device.ends, 0U);
+  EXPECT_EQ(link->counters().connected, 0U);
+  EXPECT_EQ(link->counters().silent, 1U);
+  device.close();
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 2; }));
+  EXPECT_EQ(observer.events[1], "lost 127.0.1.1: the device closed the connection");
+}
+
+TEST_F(DeviceLinkTest, ADeviceThatMovesIsUsedAtItsNewPlace) {
+  open();
+  FakeDevice& first = dial(1);
+  first.react = [](const zell::SlaveTask&) { return std::nullopt; };
+  send(1, requestOf({"read", "/a"}), Milliseconds(60000));
+  send(1, requestOf({"append", "/a", "x"}));
+  ASSERT_TRUE(runUntil([&] { return first.tasks.size() == 2; }));
+  FakeDevice::Settings own;
+  own.hostid = "1";
+  own.source = "127.0.2.1";
+  FakeDevice& second = devices.emplace_back(loop, link->ports().front(), own);
+  ASSERT_TRUE(waitFor(2));
+  EXPECT_EQ(end(0), kAnswered);
+  EXPECT_EQ(end(1), "unknown whether it ran lost");
+  EXPECT_EQ(second.tasks, std::vector<std::string>{"read /a"});
+  first.close();
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 3; }));
+  send(1, requestOf({"read", "/b"}));
+  ASSERT_TRUE(waitFor(3));
+  EXPECT_EQ(end(2), kAnswered) << "the end of the old place is not that of the device";
+}
+
+TEST_F(DeviceLinkTest, ClientCertificatesOfAProxyArePassedOn) {
+  settings.proxies = {"127.0.0.100"};
+  open();
+  FakeDevice::Settings own;
+  own.hostid = std::string("a\0b", 3);
+  own.source = "127.0.0.100";
+  own.preamble = std::string(
+      "\r\n\r\n\0\r\nQUIT\n\x21\x11\0\x1b\x0a\0\0\7\x7f\0\0\1\x0f\xa1\x13\xf8"
+      "\x20\0\x0c\3\0\0\0\0\x22\0\4gw-7",
+      43);
+  observer.onConnected = [this](const Place& place, const std::string&) { link->bind(place, 9); };
+  devices.emplace_back(loop, link->ports().front(), own);
+  ASSERT_TRUE(runUntil([&] { return !observer.places.empty(); }));
+  EXPECT_EQ(observer.events[0], "connected 10.0.0.7 " + own.hostid + " server");
+  EXPECT_EQ(observer.places[0].port, 4001);
+  EXPECT_EQ(observer.places[0].certificate, "gw-7");
+  send(9, requestOf({"read", "/a"}));
+  ASSERT_TRUE(waitFor(1));
+  EXPECT_EQ(end(0), kAnswered);
+}
+
+TEST_F(DeviceLinkTest, InvalidSettingsAreErrors) {
+  settings.proxies = {"127.0.0.256"};
+  link = std::make_unique<DeviceLink>(loop, settings, spool, observer);
+  EXPECT_FALSE(link->open());
+  settings.proxies.clear();
+  settings.listen = {{"127.0.0.1", 0}, {"192.0.2.1", 0}};
+  link = std::make_unique<DeviceLink>(loop, settings, spool, observer);
+  const auto opened = link->open();
+  ASSERT_FALSE(opened);
+  EXPECT_EQ(opened.error().text().find("192.0.2.1:0"), 0U);
+}
+
 TEST_F(DeviceLinkTest, AgentsBelongToTheirDevice) {
   open();
   dial(1);

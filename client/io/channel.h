@@ -57,7 +57,7 @@ class Channel {
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
-  /// Gives the socket away, in whatever state the connection is. Calls no handler any more.
+  /// Gives the socket away, in any state of the connection. Calls no handler any more.
   [[nodiscard]] zell::UniqueFd release();
 
   [[nodiscard]] int descriptor() const { return socket_.get(); }

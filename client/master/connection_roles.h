@@ -20,8 +20,8 @@ namespace runel {
 /// its daemon. So a connection is used as the slave connection, which carries tasks, only if it
 /// cannot be a bridge: a device has no bridge without a slave connection.
 ///
-/// An address here is whatever tells devices apart: the source address of a connection, or the name
-/// in its certificate.
+/// An address here is the text that tells devices apart: the source address of a connection, or the
+/// name in its certificate.
 ///
 /// The cost of each call is independent of the number of addresses, and logarithmic in the number
 /// of connections from one address.

@@ -73,7 +73,7 @@ class SlaveLink {
   [[nodiscard]] bool withdraw(std::uint64_t number);
   /// Sends a cheap request of the master itself, to which the timeout applies.
   void ask(const Request& request, ReplyHandler handler);
-  /// Ends all requests with @p error and gives the socket away, in whatever state the connection
+  /// Ends all requests with @p error and gives the socket away, in any state the connection
   /// is. Nothing else may be called afterwards.
   [[nodiscard]] zell::UniqueFd release(const Error& error);
   /// Checks whether the peer is alive; calls `lost` later if it is not.

@@ -247,7 +247,7 @@ class RUNEL_API AsyncMaster {
 
   /// Writes nothing any more to the task connection at @p place, ADDRESS:PORT, not even a check
   /// whether it is alive. It is held open, its users lose it, and its end is still reported.
-  /// Returns false if there is none.
+  /// Returns false if there is no such connection.
   bool silence(const std::string& place);
 
   /// The connected devices that have told their identity, in the order of their connections.

@@ -18,7 +18,7 @@ install_tools() {
 
 # The build dependencies of runelctl. The daemon needs none of them.
 RUNELCTL_TOOLS=(libcli11-dev nlohmann-json3-dev libedit-dev libtomlplusplus-dev zlib1g-dev libbz2-dev
-  pkg-config)
+  libboost1.74-dev libssl-dev pkg-config)
 
 # The build dependencies of runelgw, in addition to those of runelctl.
 # shellcheck disable=SC2034  # used by the scripts that source this one

@@ -60,7 +60,8 @@ const std::string& Error::text() const {
 bool Error::transient() const {
   switch (kind()) {
     case Kind::link:
-      return cause() != Cause::protocol && cause() != Cause::wrongPeer;
+      return cause() != Cause::protocol && cause() != Cause::wrongPeer &&
+             !(cause() == Cause::refusedByMaster && number() == EACCES);
     case Kind::timeout:
       return true;
     case Kind::device:

@@ -66,7 +66,7 @@ std::optional<LinkEvent> LinkEvent::parse(std::string_view payload) {
   payload.remove_prefix(1);
   const std::optional<int> about = takeNumber(payload);
   std::optional<Error> error = parseError(payload);
-  if (!within(about, static_cast<int>(About::end)) || !error) {
+  if (!within(about, static_cast<int>(About::progress)) || !error) {
     return std::nullopt;
   }
   return LinkEvent{static_cast<About>(*about), *std::move(error)};

@@ -19,7 +19,6 @@ struct LinkEvent {
     oldest,    ///< the oldest request has no answer: `error`
     sent,      ///< the oldest request, which has no answer, is wholly sent to the device
     progress,  ///< bytes of a request or answer have moved behind the dialer
-    end,       ///< the connection ends with `error`; no request without an earlier event has run
   };
 
   About about;

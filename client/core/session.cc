@@ -95,10 +95,6 @@ std::optional<Error> Session::receiveEvent(const LinkEvent& event, Time now) {
     lastProgress_ = now;
     return std::nullopt;
   }
-  if (event.about == LinkEvent::About::end) {
-    failRest(event.error);
-    return event.error;
-  }
   if (queuedCount_ == 0) {
     return Error(Kind::link, Cause::protocol, "answer without a request");
   }
@@ -121,16 +117,6 @@ void Session::failOldest(const Error& why, Time now) {
   pending_.pop_front();
   --queuedCount_;
   lastProgress_ = now;
-}
-
-// The peer knows that no byte of these requests has reached the device.
-void Session::failRest(const Error& why) {
-  for (Pending& pending : pending_) {
-    completed_.push_back({std::move(pending.handler), why.with(Outcome::notSent)});
-  }
-  pending_.clear();
-  queuedCount_ = 0;
-  sent_ = 0;
 }
 
 void Session::complete(Reply reply, Time now) {

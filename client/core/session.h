@@ -89,7 +89,6 @@ class Session {
   [[nodiscard]] std::size_t pendingInDoubt() const;
   void complete(Reply reply, Time now);
   void failOldest(const Error& why, Time now);
-  void failRest(const Error& why);
   void count();
 
   const Milliseconds timeout_;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <runel/async_device.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <utility>
@@ -38,7 +40,8 @@ struct AsyncDevice::Data {
   void send(OutgoingPayload&& payload);
   void received(std::string&& payload);
   void progress();
-  void ended(const Error& error);
+  [[nodiscard]] std::uint64_t sentBytes() const;
+  void ended(const Error& last);
   void deliver();
   void refresh();
   void watchDeadline();
@@ -54,6 +57,7 @@ struct AsyncDevice::Data {
   Session session_;
   std::unique_ptr<Connector> connector_;
   std::unique_ptr<Channel> channel_;
+  std::shared_ptr<DialedLine> line_;   // of a dialed channel_
   std::deque<OutgoingPayload> early_;  // payloads queued until the connection is open
   std::optional<Error> disorder_;      // protocol error of an idle device
   Timer deadline_;
@@ -113,6 +117,7 @@ void AsyncDevice::Data::connect() {
         if (error) {
           close(*error);
         } else {
+          line_ = (*held)->line();
           connected(std::move(socket));
         }
       });
@@ -144,7 +149,7 @@ void AsyncDevice::Data::received(std::string&& payload) {
   if (tap_ && session_.pending() > 0 && !event) {
     tap_(payload);
   }
-  session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
+  session_.progress(sentBytes(), Clock::now());
   if (const std::optional<Error> error = session_.receive(std::move(payload), Clock::now())) {
     ended(*error);
     return;
@@ -154,13 +159,20 @@ void AsyncDevice::Data::received(std::string&& payload) {
 }
 
 void AsyncDevice::Data::progress() {
-  session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
+  session_.progress(sentBytes(), Clock::now());
   refresh();
   deliver();
 }
 
+// The peer of a dialed connection may keep bytes for a while.
+std::uint64_t AsyncDevice::Data::sentBytes() const {
+  const std::uint64_t sent = channel_->everQueued() - channel_->queued();
+  return line_ ? std::min(sent, line_->given()) : sent;
+}
+
 // A protocol error of an idle device is reported to the next request.
-void AsyncDevice::Data::ended(const Error& error) {
+void AsyncDevice::Data::ended(const Error& last) {
+  const Error error = line_ ? line_->ended().value_or(last) : last;
   if (session_.pending() == 0 && error.kind() == Kind::link && !error.transient()) {
     disorder_ = error;
   }
@@ -207,7 +219,7 @@ void AsyncDevice::Data::watchDeadline() {
 
 void AsyncDevice::Data::close(const Error& why) {
   if (channel_) {
-    session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
+    session_.progress(sentBytes(), Clock::now());
   }
   session_.fail(why);
   loop_.cancel(deadline_);
@@ -237,7 +249,7 @@ void AsyncDevice::Data::closeLater(const Error& why) {
 
 void AsyncDevice::Data::abandon() {
   if (channel_) {
-    session_.progress(channel_->everQueued() - channel_->queued(), Clock::now());
+    session_.progress(sentBytes(), Clock::now());
   }
   session_.clear();
   loop_.cancel(deadline_);

@@ -131,7 +131,9 @@ void Connector::connectMaster() {
 }
 
 void Connector::dial() {
-  socket_ = dialer_->dial();
+  Dialer::Dialed dialed = dialer_->dial();
+  socket_ = std::move(dialed.socket);
+  line_ = std::move(dialed.line);
   if (socket_.valid()) {
     sendGreeting();
   } else {

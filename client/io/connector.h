@@ -27,6 +27,8 @@ class Connector {
   /// socket or the dialer.
   Connector(Loop& loop, const Address& address, const DeviceOptions& options, Done done);
   ~Connector();
+  /// Of a dialed connection; null for another.
+  [[nodiscard]] const std::shared_ptr<DialedLine>& line() const { return line_; }
   Connector(const Connector&) = delete;
   Connector& operator=(const Connector&) = delete;
 
@@ -48,6 +50,7 @@ class Connector {
   const Address address_;
   const std::string masterSocket_;
   const std::shared_ptr<Dialer> dialer_;  // null for a master with a control socket
+  std::shared_ptr<DialedLine> line_;
   Done done_;
   zell::UniqueFd socket_;
   std::string greeting_;

@@ -97,6 +97,16 @@ const std::shared_ptr<Spool>& DeviceSpool::of(const DeviceOptions& options) {
   return options.data_->spool;
 }
 
+void DialedLine::end(const Error& why) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  end_ = why;
+}
+
+std::optional<Error> DialedLine::ended() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return end_;
+}
+
 void DeviceDialer::set(DeviceOptions& options, std::shared_ptr<Dialer> dialer) {
   options.data_->dialer = std::move(dialer);
 }

@@ -3,7 +3,11 @@
 #ifndef RUNEL_IO_DIALER_H_
 #define RUNEL_IO_DIALER_H_
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 
 #include <runel/async_device.h>
 
@@ -12,18 +16,39 @@
 namespace runel {
 inline namespace v1 {
 
+/// What the peer of a dialed connection has done with it. Both threads use it.
+class DialedLine {
+ public:
+  /// @p bytes of the connection may have reached the device; the rest has not, and never will after
+  /// the end of the connection.
+  void gave(std::uint64_t bytes) { given_ = bytes; }
+  [[nodiscard]] std::uint64_t given() const { return given_; }
+  /// Why the connection will end.
+  void end(const Error& why);
+  [[nodiscard]] std::optional<Error> ended() const;
+
+ private:
+  std::atomic<std::uint64_t> given_ = 0;
+  mutable std::mutex mutex_;
+  std::optional<Error> end_;
+};
+
 /// Opens connections that speak the protocol of a master's control socket: one line "attach NAME",
 /// the answer "ok" or an `errorLine`, then frames. The peer may tell a `LinkEvent` in place of an
 /// answer.
 class Dialer {
  public:
+  struct Dialed {
+    zell::UniqueFd socket;  ///< non-blocking; invalid after a failure, with errno
+    std::shared_ptr<DialedLine> line;
+  };
+
   Dialer() = default;
   virtual ~Dialer() = default;
   Dialer(const Dialer&) = delete;
   Dialer& operator=(const Dialer&) = delete;
 
-  /// A connected, non-blocking socket. Without one, with errno, on failure. Called in any thread.
-  [[nodiscard]] virtual zell::UniqueFd dial() = 0;
+  [[nodiscard]] virtual Dialed dial() = 0;
 };
 
 /// The dialer of a device: its devices behind a master are reached through it.

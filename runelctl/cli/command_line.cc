@@ -159,6 +159,7 @@ void CommandLine::defineDeviceOptions() {
   app_.add_option("--master-socket", settings_.masterSocket,
                   "control socket of the master (default: runelctl-master.sock in XDG_RUNTIME_DIR)")
       ->type_name("PATH");
+  defineGatewayOptions();
   app_.add_option("--timeout", settings_.programLimit,
                   "limit for the program of exec or sh (default: none)")
       ->check(numberRange(1, kMostProgramSeconds))
@@ -175,6 +176,35 @@ void CommandLine::defineDeviceOptions() {
       ->check(secondsRange(0.001))
       ->each([this](const std::string&) { settings_.given.connectTimeout = true; })
       ->type_name("SECONDS");
+}
+
+void CommandLine::defineGatewayOptions() {
+  const std::string group = "Gateway";
+  GatewayOptions& options = settings_.gatewayOptions;
+  app_.add_option("--gateway", options.url,
+                  "use devices through the gateway https://HOST[:PORT]; -d takes its queries; '': "
+                  "none (default: RUNELCTL_GATEWAY, or the inventory's)")
+      ->each([this](const std::string&) { settings_.given.gateway = true; })
+      ->group(group)
+      ->type_name("URL");
+  app_.add_option("--token-file", options.tokenFile,
+                  "file with the token for the gateway (default: RUNELCTL_TOKEN, or "
+                  "~/.config/runelctl/token)")
+      ->group(group)
+      ->type_name("FILE");
+  app_.add_option("--ca-file", options.caFile,
+                  "certificates that may sign the gateway's one, in PEM (default: the system's)")
+      ->group(group)
+      ->type_name("FILE");
+  auto* certificate = app_.add_option("--cert-file", options.certificateFile,
+                                      "client certificate for the gateway, in PEM")
+                          ->group(group)
+                          ->type_name("FILE");
+  app_.add_option("--key-file", options.keyFile,
+                  "its key, in PEM (default: in the file of the certificate)")
+      ->needs(certificate)
+      ->group(group)
+      ->type_name("FILE");
 }
 
 void CommandLine::defineGeneralOptions() {

@@ -43,6 +43,7 @@ class CommandLine {
 
  private:
   void defineDeviceOptions();
+  void defineGatewayOptions();
   void defineGeneralOptions();
   void defineFleetOptions();
   template <typename Kind>

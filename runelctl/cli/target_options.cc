@@ -45,12 +45,7 @@ runel::Result<void> addEach(const std::string& option, const std::vector<std::st
   return {};
 }
 
-runel::Result<void> addLines(std::istream& lines, Selector& selector) {
-  std::vector<TargetLine> targets;
-  std::string why;
-  if (!readTargetLines(lines, targets, why)) {
-    return targetError(why);
-  }
+runel::Result<void> addLines(const std::vector<TargetLine>& targets, Selector& selector) {
   for (const TargetLine& target : targets) {
     const runel::Result<void> added = target.name.empty()
                                           ? selector.addElement(target.device)
@@ -59,7 +54,7 @@ runel::Result<void> addLines(std::istream& lines, Selector& selector) {
       return locate("line " + std::to_string(target.number), added);
     }
   }
-  return targets.empty() ? targetError("no devices listed") : runel::Result<void>();
+  return {};
 }
 
 // The devices without a selection.
@@ -146,6 +141,12 @@ runel::Result<void> TargetOptions::read(Settings& settings, bool wholeInventory)
     }
     settings.inventory = *std::move(inventory);
   }
+  if (const runel::Result<void> chosen = chooseGateway(settings); !chosen) {
+    return chosen;
+  }
+  if (settings.gateway) {
+    return readFromGateway(settings);
+  }
   Selector selector(settings.inventory, [&settings] { return connectedDevices(settings); });
   runel::Result<void> done =
       given() ? select(selector) : addUsual(settings, wholeInventory, selector);
@@ -182,7 +183,67 @@ runel::Result<void> TargetOptions::select(Selector& selector) const {
   return done;
 }
 
-runel::Result<void> TargetOptions::selectFile(Selector& selector) const {
+runel::Result<void> TargetOptions::readFromGateway(Settings& settings) const {
+  runel::Result<GatewaySelection> selection = gatewaySelection();
+  if (!selection) {
+    return selection.error();
+  }
+  const char* usual = std::getenv("RUNELCTL_DEVICE");
+  const bool inherits = !given() && !settings.targets.empty();
+  if (!given() && !inherits) {
+    if (usual == nullptr || *usual == '\0') {
+      return targetError("no device is selected: use -d QUERY, or -a for all of " +
+                         settings.gateway->url());
+    }
+    selection->queries.emplace_back(usual);
+  }
+  if (inherits) {
+    for (const runel::Address& target : settings.targets) {
+      selection->names.push_back(target.through());
+    }
+  }
+  const auto names = selectAtGateway(*settings.gateway, *selection, listLimit(settings));
+  if (!names) {
+    return names.error();
+  }
+  Selector selector(settings.inventory, nullptr);
+  for (const std::string& name : *names) {
+    selector.addAddress(runel::Address::behindMaster(name).named(name));
+  }
+  storeTargets(selector.selected(), settings);
+  if (!inherits) {
+    const runel::Result<RunDefaults> run = selector.runDefaults(settings.given.wave);
+    storeRunDefaults(run ? *run : RunDefaults(), settings);
+  }
+  return settings.targets.empty() ? targetError("no device matches the selection")
+                                  : runel::Result<void>();
+}
+
+// Lines of a file are names.
+runel::Result<GatewaySelection> TargetOptions::gatewaySelection() const {
+  GatewaySelection selection{devices_, {}, tags_, except_};
+  for (const std::string& group : groups_) {
+    selection.queries.push_back("@" + group);
+  }
+  const bool onlyTags = !tags_.empty() && !fileGiven_ && devices_.empty() && groups_.empty();
+  if (all_ || onlyTags) {
+    selection.queries.emplace_back("@all");
+  }
+  if (!fileGiven_) {
+    return selection;
+  }
+  std::vector<TargetLine> lines;
+  const runel::Result<void> read = readFile(lines);
+  if (!read) {
+    return read.error();
+  }
+  for (const TargetLine& line : lines) {
+    selection.names.push_back(line.device.substr(line.device.front() == '@' ? 1 : 0));
+  }
+  return selection;
+}
+
+runel::Result<void> TargetOptions::readFile(std::vector<TargetLine>& targets) const {
   std::ifstream file;
   if (file_ != "-") {
     file.open(file_);
@@ -190,7 +251,17 @@ runel::Result<void> TargetOptions::selectFile(Selector& selector) const {
       return targetError(file_ + ": " + runel::systemText(errno));
     }
   }
-  return locate(file_, addLines(file_ == "-" ? std::cin : file, selector));
+  std::string why;
+  if (!readTargetLines(file_ == "-" ? std::cin : file, targets, why)) {
+    return targetError(file_ + ": " + why);
+  }
+  return targets.empty() ? targetError(file_ + ": no devices listed") : runel::Result<void>();
+}
+
+runel::Result<void> TargetOptions::selectFile(Selector& selector) const {
+  std::vector<TargetLine> lines;
+  const runel::Result<void> read = readFile(lines);
+  return read ? locate(file_, addLines(lines, selector)) : read;
 }
 
 runel::Result<void> TargetOptions::reduce(Selector& selector) const {

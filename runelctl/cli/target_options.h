@@ -8,6 +8,8 @@
 
 #include <runel/result.h>
 
+#include "cli/gateway_targets.h"
+#include "cli/targets.h"
 #include "commands/settings.h"
 #include "inventory/selector.h"
 
@@ -34,7 +36,10 @@ class TargetOptions {
   /// True if the command line selects devices itself.
   [[nodiscard]] bool given() const;
   [[nodiscard]] runel::Result<void> select(Selector& selector) const;
+  [[nodiscard]] runel::Result<void> readFromGateway(Settings& settings) const;
+  [[nodiscard]] runel::Result<GatewaySelection> gatewaySelection() const;
   [[nodiscard]] runel::Result<void> selectFile(Selector& selector) const;
+  [[nodiscard]] runel::Result<void> readFile(std::vector<TargetLine>& targets) const;
   [[nodiscard]] runel::Result<void> reduce(Selector& selector) const;
 
   std::vector<std::string> devices_;

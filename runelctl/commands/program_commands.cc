@@ -35,6 +35,11 @@ class ExecJob : public Job {
       : Job(std::move(context)), request_(std::move(request)), program_(std::move(program)) {}
 
   void start() override {
+    if (settings().gateway && request_.execLimit() == 0) {
+      fail({Fault::local, program_ + ": not run: through a gateway a program needs a limit",
+            "use --timeout, or a job: see exec --stream and runelctl job", EOPNOTSUPP});
+      return;
+    }
     ask(request_, [this](runel::Reply reply) { show(std::move(reply)); });
   }
 

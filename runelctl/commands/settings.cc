@@ -47,6 +47,7 @@ runel::DeviceOptions Settings::limits() const {
       .setIoTimeout(fromSeconds(ioTimeout))
       .setMasterSocket(masterSocket);
   runel::DeviceSpool::set(options, spool);
+  runel::DeviceDialer::set(options, gateway);
   return options;
 }
 

@@ -14,6 +14,7 @@
 #include <runel/async_device.h>
 
 #include "client/io/spool.h"
+#include "gateway/gateway_client.h"
 #include "inventory/inventory.h"
 
 namespace runelctl {
@@ -28,6 +29,7 @@ struct Given {
   bool deadline = false;
   bool wave = false;
   bool maxFail = false;
+  bool gateway = false;
 };
 
 struct Settings {
@@ -57,6 +59,8 @@ struct Settings {
   std::shared_ptr<runel::Spool> spool;               ///< null before the command line is parsed
   std::string colour = "auto";
   std::string masterSocket;
+  GatewayOptions gatewayOptions;
+  std::shared_ptr<GatewayClient> gateway;      ///< null without one; devices are reached through it
   std::string inventoryFile;                   ///< of --inventory
   std::shared_ptr<const Inventory> inventory;  ///< nullptr without a file
   Given given;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,12 +14,14 @@
 #include <runel/request.h>
 #include "cli/command_line.h"
 
+#include "cli/gateway_targets.h"
 #include "cli/local_command.h"
 #include "cli/signals.h"
 #include "cli/targets.h"
 #include "client/io/master_client.h"
 #include "commands/number_range.h"
 #include "control/master.h"
+#include "inventory/inventory_file.h"
 #include "output/report.h"
 #include "output/standard_output.h"
 #include "output/table.h"
@@ -134,22 +137,29 @@ std::vector<std::string> row(const Json& device) {
           std::to_string(number("clauses"))};
 }
 
+std::vector<std::string> gatewayRow(const Json& device) {
+  const auto text = [&](const char* key) {
+    const auto found = device.find(key);
+    return found != device.end() && found->is_string() ? found->get<std::string>() : "";
+  };
+  return {text("device"), text("state"), text("address"), text("devicetype")};
+}
+
 class DevicesCommand : public LocalCommand {
  public:
-  DevicesCommand() : LocalCommand("devices", "list the devices that are connected to the master") {}
+  DevicesCommand() : LocalCommand("devices", "list the devices at the master or gateway") {}
 
   void define(CLI::App& app) override {
     app.add_flag("--names", names_,
-                 "print only names, one a line, in the form that -d @NAME takes");
+                 "print only names, one a line, as -d @NAME takes them, or -d NAME with a gateway");
   }
 
   int run(const Settings& settings, const Style& style) override {
     std::string lines;
-    const auto error =
-        runel::listDevices(settings.masterSocket, settings.limits().ioTimeout(), lines);
+    const auto error = read(settings, lines);
     if (error) {
       tellFailure(name(), *error, style);
-      return kExitNoConnection;
+      return exitStatusOf(Error(*error));
     }
     if (!style.json) {
       lines = tableOf(lines, style);
@@ -160,6 +170,28 @@ class DevicesCommand : public LocalCommand {
   }
 
  private:
+  // Those of the gateway, if one is chosen.
+  std::optional<runel::Error> read(const Settings& settings, std::string& lines) {
+    Settings own = settings;
+    auto inventory = loadInventory(settings.inventoryFile);
+    own.inventory = inventory ? *std::move(inventory) : nullptr;
+    if (const auto chosen = chooseGateway(own); !chosen) {
+      return chosen.error();
+    }
+    atGateway_ = own.gateway != nullptr;
+    if (!atGateway_) {
+      return runel::listDevices(settings.masterSocket, settings.limits().ioTimeout(), lines);
+    }
+    const auto devices = own.gateway->list("@all", listLimit(settings));
+    if (!devices) {
+      return devices.error();
+    }
+    for (const ListedDevice& device : *devices) {
+      lines += device.line + "\n";
+    }
+    return std::nullopt;
+  }
+
   [[nodiscard]] std::string tableOf(const std::string& lines, const Style& style) const {
     Table table;
     std::string names;
@@ -173,11 +205,13 @@ class DevicesCommand : public LocalCommand {
       if (names_) {
         names += style.name(device.value("device", "")) + "\n";
       } else {
-        table.push_back(row(device));
+        table.push_back(atGateway_ ? gatewayRow(device) : row(device));
       }
     }
     std::sort(table.begin(), table.end());
-    if (!names_ && !style.quiet) {
+    if (!names_ && !style.quiet && atGateway_) {
+      table.insert(table.begin(), {"DEVICE", "STATE", "ADDRESS", "TYPE"});
+    } else if (!names_ && !style.quiet) {
       table.insert(table.begin(), {"HOSTID", "ADDRESS", "TYPE", "UP", "CONNECTS", "LOSSES",
                                    "REQUESTS", "SENT", "RECEIVED", "AGENTS", "CLAUSES"});
     }
@@ -185,6 +219,7 @@ class DevicesCommand : public LocalCommand {
   }
 
   bool names_ = false;
+  bool atGateway_ = false;
 };
 
 }  // namespace

@@ -35,6 +35,7 @@ struct RunDefaults {
 struct Defaults {
   Timeouts timeouts;
   RunDefaults run;
+  std::string gateway{};  ///< its address; only of all devices
 };
 
 }  // namespace runelctl

@@ -142,12 +142,24 @@ class InventoryParser {
   void readDefaults(const toml::table& table) {
     Defaults defaults;
     for (const TomlEntry& entry : entriesInOrder(table)) {
-      if (!readTimeout(entry, "defaults: ", defaults.timeouts) &&
-          !readRunDefault(entry, "defaults: ", defaults.run)) {
-        unknownKey(entry, "defaults: ", keysWithDefaults({}));
+      if (entry.key == "gateway") {
+        readGateway(entry, defaults.gateway);
+      } else if (!readTimeout(entry, "defaults: ", defaults.timeouts) &&
+                 !readRunDefault(entry, "defaults: ", defaults.run)) {
+        unknownKey(entry, "defaults: ", keysWithDefaults({"gateway"}));
       }
     }
     inventory_.setDefaults(defaults);
+  }
+
+  // Its parts are checked when it is used: an option may replace it.
+  void readGateway(const TomlEntry& entry, std::string& gateway) {
+    const std::string* text = textOf(*entry.value);
+    if (text != nullptr && (text->rfind("https://", 0) == 0 || text->rfind("http://", 0) == 0)) {
+      gateway = *text;
+    } else {
+      problem(entry.line, "defaults: gateway: expected https://HOST[:PORT]");
+    }
   }
 
   // Returns false for a key that is no timeout.

@@ -66,6 +66,43 @@ std::string taskHint(int number) {
   }
 }
 
+bool startsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+std::string gatewayHint(int number) {
+  switch (number) {
+    case EKEYREJECTED:
+      return "check the address, or see --ca-file";
+    case EPROTO:
+      return "check the address: the gateway may need https or another port";
+    default:
+      return "check the address, and that the gateway runs";
+  }
+}
+
+std::string masterHint(int number) {
+  switch (number) {
+    case 0:
+      return "runelctl devices lists the connected devices";
+    case EACCES:
+      return "check the token: see RUNELCTL_TOKEN and --token-file";
+    case EBUSY:
+      return "try again later, or with --retry";
+    default:
+      return "";
+  }
+}
+
+std::string refusalHint(const runel::Error& error) {
+  if (error.kind() == runel::Kind::device) {
+    return taskHint(error.number());
+  }
+  return error.kind() == runel::Kind::local && error.number() == EOPNOTSUPP
+             ? "use a job: see exec --stream and runelctl job; or limit the program with --timeout"
+             : "";
+}
+
 std::string hintFor(const runel::Error& error) {
   switch (error.cause()) {
     case runel::Cause::resolve:
@@ -75,9 +112,12 @@ std::string hintFor(const runel::Error& error) {
     case runel::Cause::connectTimeout:
       return "check the address, and that the device is on, or use a larger --connect-timeout";
     case runel::Cause::noMaster:
-      return "start one: runelctl master";
+      return startsWith(error.text(), "no gateway") ? gatewayHint(error.number())
+                                                    : "start one: runelctl master";
     case runel::Cause::refusedByMaster:
-      return error.number() == 0 ? "runelctl devices lists the connected devices" : "";
+      return masterHint(error.number());
+    case runel::Cause::refused:
+      return refusalHint(error);
     case runel::Cause::wrongPeer:
       return kPortHint;
     case runel::Cause::silence:

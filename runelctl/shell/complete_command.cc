@@ -31,8 +31,9 @@ constexpr runel::Milliseconds kCompletionTime{2000};
 // The options that decide which device answers.
 const std::vector<std::string>& selectingOptions() {
   static const std::vector<std::string> kNames{
-      "-d",    "--device", "--devices", "-g",          "--device-group", "-a",
-      "--all", "-x",       "--except",  "--inventory", "--tag",          "--master-socket"};
+      "-d",        "--device",     "--devices", "-g",          "--device-group", "-a",
+      "--all",     "-x",           "--except",  "--inventory", "--tag",          "--master-socket",
+      "--gateway", "--token-file", "--ca-file", "--cert-file", "--key-file"};
   return kNames;
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "cli/gateway_targets.h"
 #include "cli/target_options.h"
 #include "inventory/inventory_file.h"
 
@@ -12,6 +13,7 @@ namespace {
 
 // A master that does not answer must not block a completion.
 constexpr double kMasterSeconds = 1;
+constexpr runel::Milliseconds kGatewayTime{1500};
 
 std::shared_ptr<const Inventory> inventoryOf(const Settings& settings) {
   if (settings.inventory) {
@@ -25,13 +27,21 @@ std::shared_ptr<const Inventory> inventoryOf(const Settings& settings) {
 
 std::vector<std::string> deviceNames(const Settings& settings) {
   std::vector<std::string> names;
-  if (const auto inventory = inventoryOf(settings)) {
+  Settings quick = settings;
+  quick.ioTimeout = std::min(quick.ioTimeout, kMasterSeconds);
+  quick.inventory = inventoryOf(settings);
+  if (!chooseGateway(quick)) {
+    return names;
+  }
+  if (quick.gateway) {
+    const auto all = selectAtGateway(*quick.gateway, {{"@all"}, {}, {}, {}}, kGatewayTime);
+    return all ? *all : names;
+  }
+  if (const auto& inventory = quick.inventory) {
     for (const InventoryDevice& device : inventory->devices()) {
       names.push_back(device.name);
     }
   }
-  Settings quick = settings;
-  quick.ioTimeout = std::min(quick.ioTimeout, kMasterSeconds);
   const auto connected = connectedDevices(quick);
   if (connected) {
     for (const std::string& name : *connected) {

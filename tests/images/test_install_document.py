@@ -18,7 +18,7 @@ sys.path.append(os.path.join(PROJECT, "tests/packaging"))
 from install_document import blocks  # noqa: E402
 
 TIMEOUT = 3600  # builds of the daemon on a busy machine
-LAPTOP = ("libbz2-1.0", "libedit2", "zlib1g")
+LAPTOP = ("libbz2-1.0", "libedit2", "libssl3", "zlib1g")
 DEVICE = ("nftables",)
 QUIET = {"DEBIAN_FRONTEND": "noninteractive"}
 

@@ -19,7 +19,7 @@ PROBE = "runelctl-probe.service"
 
 class Timer(TreeCase):
     # The libraries are those of runelctl.
-    recipe = Recipe(packages=("prometheus-node-exporter", "libedit2", "libbz2-1.0", "zlib1g"))
+    recipe = Recipe(packages=("prometheus-node-exporter", "libedit2", "libbz2-1.0", "libssl3", "zlib1g"))
 
     def setUp(self):
         super().setUp()

@@ -34,8 +34,8 @@ enum class Cause {
   resolve,          ///< a host name has no address
   connect,          ///< the connection was refused or the host cannot be reached
   connectTimeout,   ///< no connection within the connect timeout
-  noMaster,         ///< no master listens on the control socket
-  refusedByMaster,  ///< the master has no such device, or belongs to another user
+  noMaster,         ///< no master listens on the control socket, or no gateway is reached
+  refusedByMaster,  ///< the master or gateway has no such device, or does not serve this user
   closed,           ///< the peer closed the connection
   protocol,         ///< the peer sent malformed data
   wrongPeer,        ///< the peer speaks another protocol

@@ -137,21 +137,6 @@ TEST_F(SessionWithEventsTest, FailsARequestThatIsSentInPart) {
   EXPECT_EQ(replies[1].output(), "id");
 }
 
-TEST_F(SessionWithEventsTest, EndsWithRequestsThatHaveNotRun) {
-  ask("exec");
-  ask("exec");
-  session.progress(2 * kEventFrame, now);
-  EXPECT_FALSE(tell(About::oldest, Outcome::unknown));
-  const std::optional<Error> why = tell(About::end);
-  ASSERT_TRUE(why);
-  EXPECT_EQ(why->text(), "the gateway lost the device");
-  const std::vector<Reply> replies = completed();
-  ASSERT_EQ(replies.size(), 2U);
-  EXPECT_EQ(replies[0].error().outcome(), Outcome::unknown);
-  EXPECT_EQ(replies[1].error().outcome(), Outcome::notSent);
-  EXPECT_EQ(session.inDoubt(), 1U);
-}
-
 TEST_F(SessionWithEventsTest, WaitsForTheEventOfARestart) {
   ask("restart");
   session.progress(kEventFrame, now);

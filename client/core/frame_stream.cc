@@ -112,7 +112,9 @@ void FrameStream::spoil(std::uint64_t end) {
 }
 
 void FrameStream::receive(const std::string& bytes) {
-  first_.append(bytes, 0, kFirstBytes - std::min(first_.size(), kFirstBytes));
+  if (!complete_) {
+    first_.append(bytes, 0, kFirstBytes - std::min(first_.size(), kFirstBytes));
+  }
   if (!store_) {
     codec_.acceptBytes(bytes);
     return;
@@ -139,6 +141,9 @@ std::optional<std::string> FrameStream::nextPayload() {
   if (payload.size() > limit_) {
     tooLong_ = true;
     return std::nullopt;
+  }
+  if (!std::exchange(complete_, true)) {
+    std::string().swap(first_);  // releases the memory, which an assignment would keep
   }
   return payload;
 }

@@ -5,8 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -70,6 +70,8 @@ class FrameStream {
   [[nodiscard]] std::optional<std::string> nextPayload();
   /// The violation of the protocol that the received bytes are, if any.
   [[nodiscard]] std::optional<Error> error() const;
+  /// Releases the memory that is kept for later payloads.
+  void releaseSpare() { codec_.releaseSpare(); }
   /// A payload longer than @p bytes is a violation of the protocol, as soon as its length is
   /// announced.
   void limitPayloads(std::size_t bytes) { limit_ = bytes; }
@@ -97,7 +99,7 @@ class FrameStream {
   void beginStoring();
   [[nodiscard]] std::optional<std::string> storedPayload();
 
-  std::deque<Part> out_;  // the first one has bytes
+  std::list<Part> out_;   // the first one has bytes; needs no memory while nothing is sent
   std::size_t sent_ = 0;  // bytes of out_.front() that are sent
   std::size_t queued_ = 0;
   std::uint64_t everQueued_ = 0;
@@ -111,7 +113,8 @@ class FrameStream {
   std::unique_ptr<PayloadStore> store_;  // of the payload that is being received
   std::size_t missing_ = 0;              // bytes that store_ has not received
   bool lost_ = false;
-  std::string first_;  // the first received bytes, for a guess at the peer's protocol
+  std::string first_;      // the first received bytes, for a guess at the peer's protocol
+  bool complete_ = false;  // a payload was received: the peer speaks this protocol
 };
 
 }  // namespace runel

@@ -186,6 +186,7 @@ std::size_t Channel::nextRead(std::size_t length, bool full) {
 }
 
 void Channel::releaseBuffer() {
+  stream_.releaseSpare();
   std::string().swap(in_);  // releases the memory, which an assignment would keep
   if (spool_) {
     spool_->free(std::exchange(counted_, 0));

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <map>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -36,8 +35,10 @@ struct Loop::Data {
   void runTimers();
 
   zell::UniqueFd epoll{epoll_create1(EPOLL_CLOEXEC)};
-  // Shared, so that a handler that removes itself lives until it returns.
-  std::unordered_map<int, std::shared_ptr<Ready>> watched;
+  [[nodiscard]] std::shared_ptr<Ready>* handlerOf(int fd);
+
+  // By descriptor. Shared, so that a handler that removes itself lives until it returns.
+  std::vector<std::shared_ptr<Ready>> watched;
   std::map<Timer, Call> timers;
   std::vector<Call> calls;
   std::uint64_t lastTimer = 0;
@@ -55,7 +56,11 @@ bool Loop::watch(int fd, std::uint32_t events, Ready ready) {
       (errno != EEXIST || epoll_ctl(data_->epoll.get(), EPOLL_CTL_MOD, fd, &event) != 0)) {
     return false;
   }
-  data_->watched[fd] = std::make_shared<Ready>(std::move(ready));
+  const auto place = static_cast<std::size_t>(fd);
+  if (data_->watched.size() <= place) {
+    data_->watched.resize(place + 1);
+  }
+  data_->watched[place] = std::make_shared<Ready>(std::move(ready));
   return true;
 }
 
@@ -65,7 +70,10 @@ void Loop::change(int fd, std::uint32_t events) {
 }
 
 void Loop::forget(int fd) {
-  if (data_->watched.erase(fd) != 0) {
+  std::shared_ptr<Ready>* const handler = data_->handlerOf(fd);
+  if (handler != nullptr) {
+    // Its objects may call the loop when they are destroyed.
+    const std::shared_ptr<Ready> gone = std::move(*handler);
     (void)epoll_ctl(data_->epoll.get(), EPOLL_CTL_DEL, fd, nullptr);  // fd is watched
   }
 }
@@ -96,6 +104,13 @@ void Loop::stop() {
   data_->stopped = true;
 }
 
+// Null for a descriptor that is not watched.
+std::shared_ptr<Loop::Ready>* Loop::Data::handlerOf(int fd) {
+  const auto place = static_cast<std::size_t>(fd);
+  const bool known = fd >= 0 && place < watched.size() && watched[place];
+  return known ? &watched[place] : nullptr;
+}
+
 int Loop::Data::waitTime(Milliseconds limit) const {
   if (!calls.empty()) {
     return 0;
@@ -113,9 +128,9 @@ void Loop::turn(Milliseconds limit) {
   for (int i = 0; i < ready; ++i) {
     // An earlier handler of this turn may have removed the descriptor. A new descriptor with the
     // same number may get a spurious call, which every handler accepts.
-    const auto found = data_->watched.find(events[i].data.fd);
-    if (found != data_->watched.end()) {
-      const std::shared_ptr<Ready> handler = found->second;
+    const std::shared_ptr<Ready>* const found = data_->handlerOf(events[i].data.fd);
+    if (found != nullptr) {
+      const std::shared_ptr<Ready> handler = *found;
       (*handler)(events[i].events);
     }
   }

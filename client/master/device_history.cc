@@ -6,6 +6,9 @@
 namespace runel {
 
 void DeviceHistory::connected(const std::string& name, std::int64_t now) {
+  if (most_ == 0) {
+    return;
+  }
   Entry& entry = entries_[name];
   if (entry.connects == 0) {
     entry.firstSeen = now;
@@ -18,6 +21,9 @@ void DeviceHistory::connected(const std::string& name, std::int64_t now) {
 
 void DeviceHistory::lost(const std::string& name, std::int64_t now, const std::string& why,
                          const SlaveLink::Counters& counters) {
+  if (most_ == 0) {
+    return;
+  }
   Entry& entry = entries_.at(name);
   ++entry.losses;
   --entry.present;

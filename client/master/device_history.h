@@ -27,7 +27,7 @@ class DeviceHistory {
   };
 
   /// Keeps the entries of at most @p most disconnected devices: clients choose their names, so the
-  /// number of entries must be limited.
+  /// number of entries must be limited. With 0 it keeps no entry at all.
   explicit DeviceHistory(std::size_t most = 4096) : most_(most) {}
 
   void connected(const std::string& name, std::int64_t now);

@@ -133,6 +133,7 @@ class MasterConnection {
 
   [[nodiscard]] const std::string& hostid() const { return hostid_; }
   [[nodiscard]] const std::string& deviceType() const { return deviceType_; }
+  [[nodiscard]] Id id() const { return id_; }
   [[nodiscard]] const Peer& peer() const { return peer_; }
   [[nodiscard]] std::string host() const { return peer_.host(); }
   [[nodiscard]] std::uint16_t port() const { return peer_.port; }

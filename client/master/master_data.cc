@@ -35,6 +35,11 @@ MasterOptions& MasterOptions::setHeld(std::size_t connections) {
   return *this;
 }
 
+MasterOptions& MasterOptions::setHistory(std::size_t devices) {
+  data_->history = devices;
+  return *this;
+}
+
 MasterOptions& MasterOptions::setPolicy(Policy policy) {
   data_->policy = std::move(policy);
   return *this;

@@ -32,6 +32,7 @@ struct MasterOptions::Data {
   Milliseconds timeout{30000};
   std::size_t identifyRate = 0;
   std::size_t held = 0;
+  std::size_t history = 4096;
   Policy policy;
 };
 

@@ -35,19 +35,24 @@ MasterConnection::Peer peerAt(const sockaddr_in& from) {
   return peer;
 }
 
+// In host byte order. Only of the one text that an address has here.
+std::optional<std::uint32_t> parseAddress(const std::string& text) {
+  in_addr network{};
+  if (inet_pton(AF_INET, text.c_str(), &network) != 1) {
+    return std::nullopt;
+  }
+  return ntohl(network.s_addr);
+}
+
 // The number of ADDRESS:PORT, 0 for another text.
 std::uint64_t parsePlace(const std::string& text) {
-  const std::size_t colon = text.find(':');
-  MasterConnection::Peer peer;
-  in_addr network{};
-  if (colon == std::string::npos ||
-      inet_pton(AF_INET, text.substr(0, colon).c_str(), &network) != 1) {
-    return 0;
-  }
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data() + colon + 1, end, peer.port);
-  peer.address = ntohl(network.s_addr);
-  return error == std::errc() && stop == end ? peer.place() : 0;
+  const std::size_t colon = std::min(text.find(':'), text.size());
+  const std::optional<std::uint32_t> address = parseAddress(text.substr(0, colon));
+  const std::string digits = text.substr(std::min(colon + 1, text.size()));
+  std::uint16_t port = 0;
+  const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+  const bool whole = error == std::errc() && std::to_string(port) == digits;
+  return address && whole ? std::uint64_t{*address} << 16 | port : 0;
 }
 
 ConnectionRoles::Rules rulesOf(std::optional<Milliseconds> shared) {
@@ -87,6 +92,7 @@ MasterEngine::MasterEngine(Loop& loop, const MasterOptions& options, AsyncMaster
       calls_(loop),
       context_{loop, calls_, options_.timeout, *this},
       roles_(rulesOf(options_.shared)),
+      history_(options_.history),
       pace_(options_.identifyRate) {
   for (std::size_t i = 0; i < options_.listen.size(); ++i) {
     addListener();
@@ -337,7 +343,7 @@ bool MasterEngine::silence(const std::string& place) {
 
 void MasterEngine::silence(Id id, MasterConnection& connection, const Error& error) {
   if (connection.ready()) {
-    leave(id, connection);
+    leave(connection);
     history_.lost(connection.key(), wallClockNow(), error.text(), connection.counters());
   }
   toIdentify_.erase(id);
@@ -389,7 +395,7 @@ void MasterEngine::check(const std::string& group) {
 void MasterEngine::identified(Id id) {
   MasterConnection& connection = at(id);
   if (options_.access.allowsHostid(connection.hostid())) {
-    enter(id, connection);
+    enter(connection);
     history_.connected(connection.key(), connection.since());
     MasterEvent::Data event = about(Type::connected, connection);
     event.rawHostid = connection.takeRawHostid();
@@ -408,21 +414,19 @@ void MasterEngine::identified(Id id) {
   release(connection.group());
 }
 
-void MasterEngine::enter(Id id, MasterConnection& connection) {
+void MasterEngine::enter(MasterConnection& connection) {
   connection.setName(freeName(connection));
   names_.insert(connection.name());
-  ready_.insert(id);
-  for (const std::string& name : {connection.hostid(), connection.host(), connection.place()}) {
-    devices_.add(name, id);
+  ready_.insert(&connection);
+  if (!connection.hostid().empty()) {
+    named_.insert(&connection);
   }
 }
 
-void MasterEngine::leave(Id id, const MasterConnection& connection) {
+void MasterEngine::leave(const MasterConnection& connection) {
   names_.erase(connection.name());
-  ready_.erase(id);
-  for (const std::string& name : {connection.hostid(), connection.host(), connection.place()}) {
-    devices_.remove(name, id);
-  }
+  ready_.erase(&connection);
+  named_.erase(&connection);
 }
 
 std::string MasterEngine::freeName(const MasterConnection& connection) const {
@@ -503,7 +507,7 @@ void MasterEngine::lost(Id id, const std::string& why) {
   if (!slave) {
     forgetAdditional(id, *gone);
   } else if (gone->ready()) {
-    leave(id, *gone);
+    leave(*gone);
     history_.lost(gone->key(), wallClockNow(), why, gone->counters());
   }
   tell(event);
@@ -593,8 +597,59 @@ void MasterEngine::tell(const MasterEvent::Data& event) {
 
 // Devices by name.
 
+bool MasterEngine::ByHostid::operator()(const MasterConnection* one,
+                                        const MasterConnection* other) const {
+  const int order = one->hostid().compare(other->hostid());
+  return order != 0 ? order < 0 : one->id() < other->id();
+}
+
+bool MasterEngine::ByHostid::operator()(const MasterConnection* one,
+                                        std::string_view hostid) const {
+  return one->hostid() < hostid;
+}
+
+bool MasterEngine::ByHostid::operator()(std::string_view hostid,
+                                        const MasterConnection* one) const {
+  return hostid < one->hostid();
+}
+
+bool MasterEngine::ByAddress::operator()(const MasterConnection* one,
+                                         const MasterConnection* other) const {
+  const std::uint32_t address = one->peer().address;
+  return address != other->peer().address ? address < other->peer().address
+                                          : one->id() < other->id();
+}
+
+bool MasterEngine::ByAddress::operator()(const MasterConnection* one, std::uint32_t address) const {
+  return one->peer().address < address;
+}
+
+bool MasterEngine::ByAddress::operator()(std::uint32_t address, const MasterConnection* one) const {
+  return address < one->peer().address;
+}
+
+// By host identifier, address or ADDRESS:PORT: a name of one device may be that of another too.
+std::set<MasterEngine::Id> MasterEngine::idsOf(const std::string& name) const {
+  std::set<Id> ids;
+  const auto add = [&ids](const auto& range) {
+    for (auto one = range.first; one != range.second; ++one) {
+      ids.insert((*one)->id());
+    }
+  };
+  add(named_.equal_range(std::string_view(name)));
+  const std::optional<std::uint32_t> address = parseAddress(name);
+  if (address) {
+    add(ready_.equal_range(*address));
+  }
+  const auto place = places_.find(parsePlace(name));
+  if (place != places_.end() && at(place->second).ready()) {
+    ids.insert(place->second);
+  }
+  return ids;
+}
+
 Result<MasterConnection*> MasterEngine::only(const std::string& name) const {
-  const std::set<Id>& found = devices_.find(name);
+  const std::set<Id> found = idsOf(name);
   if (found.empty()) {
     return Error(Kind::link, Cause::refusedByMaster,
                  "no device " + name + " is connected to the master");
@@ -630,7 +685,7 @@ MasterEngine::Agents MasterEngine::agents(const std::string& name) const {
   };
   add(agents_.find(name));
   add(agentsAt(name));
-  const std::set<Id>& devices = devices_.find(name);
+  const std::set<Id> devices = idsOf(name);
   if (devices.size() == 1) {
     const MasterConnection& device = at(*devices.begin());
     const std::string group = device.group();
@@ -670,15 +725,17 @@ std::optional<std::size_t> MasterEngine::queuedClauses(const std::string& name) 
 
 std::vector<DeviceInfo> MasterEngine::devices() const {
   std::vector<DeviceInfo> list;
-  for (const Id id : ready_) {
-    list.push_back(describe(at(id)));
+  for (const auto& [id, connection] : connections_) {
+    if (connection->ready()) {
+      list.push_back(describe(*connection));
+    }
   }
   return list;
 }
 
 std::vector<DeviceInfo> MasterEngine::find(const std::string& name) const {
   std::vector<DeviceInfo> list;
-  for (const Id id : devices_.find(name)) {
+  for (const Id id : idsOf(name)) {
     list.push_back(describe(at(id)));
   }
   return list;

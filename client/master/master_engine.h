@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -120,8 +121,8 @@ class MasterEngine : private MasterConnection::Observer {
   void check(const std::string& group);
 
   void identified(Id id) override;
-  void enter(Id id, MasterConnection& connection);
-  void leave(Id id, const MasterConnection& connection);
+  void enter(MasterConnection& connection);
+  void leave(const MasterConnection& connection);
   [[nodiscard]] std::string freeName(const MasterConnection& connection) const;
   void spoke(Id id) override;
   void announce(Id id);
@@ -139,6 +140,7 @@ class MasterEngine : private MasterConnection::Observer {
   [[nodiscard]] Result<MasterConnection*> only(const std::string& name) const;
   [[nodiscard]] const std::set<Id>& agentsAt(const std::string& group) const;
   [[nodiscard]] Agents agents(const std::string& name) const;
+  [[nodiscard]] std::set<Id> idsOf(const std::string& name) const;
   [[nodiscard]] DeviceInfo describe(const MasterConnection& connection) const;
 
   Loop& loop_;
@@ -152,10 +154,24 @@ class MasterEngine : private MasterConnection::Observer {
   std::map<Id, std::unique_ptr<MasterConnection>> connections_;
   // Each request looks up names, so nothing searches through the connections. All of these are kept
   // when a connection is identified, changes its role or ends.
-  std::set<Id> ready_;           // identified devices that are not refused
-  DeviceIndex devices_;          // these by host identifier, address and ADDRESS:PORT
-  std::set<std::string> names_;  // their unique names
-  DeviceIndex agents_;           // agents by ADDRESS:PORT
+  struct ByHostid {
+    using is_transparent = void;
+    bool operator()(const MasterConnection* one, const MasterConnection* other) const;
+    bool operator()(const MasterConnection* one, std::string_view hostid) const;
+    bool operator()(std::string_view hostid, const MasterConnection* one) const;
+  };
+  struct ByAddress {
+    using is_transparent = void;
+    bool operator()(const MasterConnection* one, const MasterConnection* other) const;
+    bool operator()(const MasterConnection* one, std::uint32_t address) const;
+    bool operator()(std::uint32_t address, const MasterConnection* one) const;
+  };
+  // Identified devices that are not refused. Ordered, not hashed: devices choose their names and
+  // could choose colliding ones.
+  std::set<const MasterConnection*, ByAddress> ready_;
+  std::set<const MasterConnection*, ByHostid> named_;       // those with a host identifier
+  std::set<std::string> names_;                             // their unique names
+  DeviceIndex agents_;                                      // agents by ADDRESS:PORT
   std::unordered_map<std::uint64_t, Id> places_;            // all by address and port
   std::unordered_map<std::string, Additional> additional_;  // by group
   std::set<std::string> suspects_;  // groups whose connections are checked next

@@ -126,7 +126,7 @@ runel::Result<runel::MasterOptions> DeviceLink::Data::options() {
   runel::MasterOptions made;
   made.setTimeout(settings.ioTimeout);
   made.setIdentifyRate(settings.identifyPerSecond);
-  made.setHeld(settings.mostSilent);
+  made.setHeld(settings.mostSilent).setHistory(0);
   made.setPolicy([this](const std::string& host, std::uint16_t port, const std::string& name) {
     return observer.silenceFor({host, port, name});
   });

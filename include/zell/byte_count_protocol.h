@@ -42,6 +42,10 @@ class ByteCountProtocol {
   /// a later message.
   bool recvMessage(std::string& message);
 
+  /// Releases the buffers that are kept for later messages, if nothing is waiting or being
+  /// received.
+  void releaseSpare();
+
   /// The length of the message that is being received, as the peer announced it. 0 between
   /// messages.
   [[nodiscard]] std::size_t announced() const {

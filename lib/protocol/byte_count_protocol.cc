@@ -186,6 +186,14 @@ std::size_t ByteCountProtocol::takeIncomplete(std::string& part) {
   return missing_;
 }
 
+void ByteCountProtocol::releaseSpare() {
+  if (!dataAvailable() && state_ == State::marker) {
+    next_ = 0;
+    coming_ = 0;
+    std::vector<std::string>().swap(slots_);
+  }
+}
+
 // Releases the memory of a burst of small messages. Keeps the received part of the next message.
 void ByteCountProtocol::dropSpareSlots() {
   if (coming_ < slots_.size()) {

@@ -57,6 +57,9 @@ class RUNEL_API MasterOptions {
   /// Requests the identity of at most so many devices a second, in the order of their connections,
   /// which are accepted at once. 0, the default: of any number.
   MasterOptions& setIdentifyRate(std::size_t devices);
+  /// Keeps the statistics of at most so many disconnected devices, 4096 by default. With 0 there
+  /// are statistics of no device at all: see `DeviceInfo`.
+  MasterOptions& setHistory(std::size_t devices);
   /// Holds at most so many refused connections open for as long as the peer does: a device whose
   /// connection is closed connects again at once. 0, the default: at most 256, for 5 s. Nothing is
   /// written to them.

@@ -88,5 +88,13 @@ TEST(DeviceHistoryTest, KeepsDevicesThatReconnect) {
   EXPECT_EQ(roll.of("b").connects, 1U);
 }
 
+TEST(DeviceHistoryTest, KeepsNothingIfItMustNot) {
+  DeviceHistory history(0);
+  history.connected("a", 1);
+  EXPECT_EQ(history.of("a").connects, 0U);
+  history.lost("a", 2, "gone", {});
+  EXPECT_EQ(history.of("a").losses, 0U);
+}
+
 }  // namespace
 }  // namespace runel

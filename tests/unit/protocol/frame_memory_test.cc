@@ -159,5 +159,24 @@ TEST_F(FrameMemoryTest, InputAfterABadFrameIsNotKept) {
   EXPECT_EQ(memory.calls(), 0u);
 }
 
+TEST_F(FrameMemoryTest, SpareBuffersAreReleasedBetweenMessages) {
+  const AllocationCount memory;
+  std::string message;
+  codec_.acceptBytes(frame("one") + frame("two") + "\x01" + "5\x02th");
+  codec_.releaseSpare();
+  ASSERT_TRUE(codec_.recvMessage(message) && codec_.recvMessage(message));
+  EXPECT_EQ(message, "two");
+  codec_.releaseSpare();
+  codec_.acceptBytes("ree");
+  codec_.releaseSpare();
+  ASSERT_TRUE(codec_.recvMessage(message));
+  EXPECT_EQ(message, "three");
+  codec_.releaseSpare();
+  EXPECT_EQ(memory.live(), 0);
+  codec_.acceptBytes(frame("four"));
+  ASSERT_TRUE(codec_.recvMessage(message));
+  EXPECT_EQ(message, "four");
+}
+
 }  // namespace
 }  // namespace zell

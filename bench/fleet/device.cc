@@ -20,6 +20,9 @@ namespace {
 
 constexpr char kKernel[] = "6.1.0-simulated\n";
 constexpr char kFreeBlocks[] = "1048576";
+constexpr char kStat[] =
+    "dev=1 ino=2 mode=0040755 nlink=2 uid=0 gid=0 rdev=0 size=4096 blksize=4096 blocks=8 "
+    "atime=1.000000000 mtime=1.000000000 ctime=1.000000000\n";
 
 // The text of the answer to the task @p name, for the tasks that have one.
 std::string textOf(const std::string& name, const std::string& hostid) {
@@ -31,6 +34,9 @@ std::string textOf(const std::string& name, const std::string& hostid) {
   }
   if (name == "freeblocks") {
     return kFreeBlocks;
+  }
+  if (name == "stat") {
+    return kStat;
   }
   if (name == "read") {
     return kKernel;

@@ -33,7 +33,9 @@ class DirectWay : public Way {
   }
 
   void ask(std::size_t device) override {
+    ++underWay_;
     users_[device]->forward(record_, [this, device](const std::string& payload) {
+      --underWay_;
       const std::optional<Reply> reply = Reply::decode(payload);
       answered_(device, reply && reply->ok());
     });
@@ -55,7 +57,12 @@ class DirectWay : public Way {
       return;
     }
     for (const std::string& name : namesOf(found)) {
-      auto user = master_.attach(name, {[](const Error& error) { fail(error.text()); }, nullptr});
+      const auto lost = [this](const Error& error) {
+        if (underWay_ > 0) {
+          fail(error.text());
+        }
+      };
+      auto user = master_.attach(name, {lost, nullptr});
       if (!user) {
         fail(user.error().text());
       }
@@ -80,6 +87,7 @@ class DirectWay : public Way {
   const std::string record_ = requestRecord();
   AsyncMaster master_;
   std::vector<std::unique_ptr<MasterUser>> users_;
+  std::size_t underWay_ = 0;
   std::function<void()> ready_;
   Answered answered_;
 };

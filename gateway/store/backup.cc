@@ -27,14 +27,6 @@ std::string cannotWrite(const std::string& path, int number) {
   return "cannot write " + path + ": " + runel::systemText(number);
 }
 
-std::string directoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return ".";
-  }
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // Creates an empty private file without following a link. One that a killed process left is
 // replaced.
 zell::UniqueFd createPartial(const std::string& name) {
@@ -100,7 +92,17 @@ bool copyBytes(int from, int to) {
   }
 }
 
-Sentence copyFile(const std::string& from, const std::string& to) {
+// The owner of the replaced file remains the owner: the administrator restores, the gateway's user
+// opens the file.
+void takeOwner(int fd, const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 || ::stat(directoryOf(path).c_str(), &status) == 0) {
+    (void)!::fchown(fd, status.st_uid, status.st_gid);
+  }
+}
+
+// Copies @p from to @p to, which will replace @p path.
+Sentence copyFile(const std::string& from, const std::string& to, const std::string& path) {
   const zell::UniqueFd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source.valid()) {
     return "cannot read the backup " + from + ": " + runel::systemText(errno);
@@ -113,16 +115,8 @@ Sentence copyFile(const std::string& from, const std::string& to) {
   if (!target.valid() || !copyBytes(source.get(), target.get())) {
     return cannotWrite(to, errno);
   }
+  takeOwner(target.get(), path);
   return {};
-}
-
-// The owner of the replaced file remains the owner: the administrator restores, the gateway's user
-// opens the file.
-void takeOwner(const std::string& partial, const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0 || ::stat(directoryOf(path).c_str(), &status) == 0) {
-    (void)!::chown(partial.c_str(), status.st_uid, status.st_gid);
-  }
 }
 
 // Moves the log of the replaced file into that file: a log that remained would be applied to the
@@ -155,12 +149,11 @@ Sentence restoreFile(const StoreSettings& settings, const std::string& path) {
   const std::string partial = settings.database + kPartial;
   const zell::ScopeGuard remove([&] { (void)::unlink(partial.c_str()); });
   // The copy is checked, not the original: the check may write beside a file.
-  Sentence error = copyFile(path, partial);
+  Sentence error = copyFile(path, partial, settings.database);
   error = error ? error : checkCopy(partial);
   if (error) {
     return error;
   }
-  takeOwner(partial, settings.database);
   if (exists(settings.database)) {
     error = endLog(settings);
   }

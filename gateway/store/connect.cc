@@ -35,6 +35,22 @@ std::string cannotOpen(const std::string& path, int number) {
   return text + "; check the path";
 }
 
+// Opens a file for reading and writing. One that is missing is created, private. The administrator
+// may be the first to use the database: then the file belongs to the owner of its directory, the
+// gateway's user.
+zell::UniqueFd openOrCreate(const std::string& path, int flags) {
+  const int all = O_RDWR | O_CLOEXEC | O_NOCTTY | flags;
+  zell::UniqueFd fd(::open(path.c_str(), all | O_CREAT | O_EXCL, kPrivate));
+  if (!fd.valid()) {
+    return errno == EEXIST ? zell::UniqueFd(::open(path.c_str(), all)) : std::move(fd);
+  }
+  struct stat directory {};
+  if (::geteuid() == 0 && ::stat(directoryOf(path).c_str(), &directory) == 0) {
+    (void)!::fchown(fd.get(), directory.st_uid, directory.st_gid);
+  }
+  return fd;
+}
+
 // The process that wrote its number into the lock file.
 std::string holder(int fd) {
   std::array<char, 24> text{};
@@ -147,6 +163,14 @@ std::string adviceFor(const StoreSettings& settings, Trouble trouble) {
 
 }  // namespace
 
+std::string directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    return ".";
+  }
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 StoreSettings resolvedSettings(StoreSettings settings) {
   if (!isServer(settings)) {
     if (char* path = ::realpath(settings.database.c_str(), nullptr)) {
@@ -175,7 +199,7 @@ Sentence lockFile(const std::string& path, zell::UniqueFd& lock) {
     return error;
   }
   const std::string name = path + ".lock";
-  zell::UniqueFd fd(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kPrivate));
+  zell::UniqueFd fd = openOrCreate(name, O_NOFOLLOW);
   if (!fd.valid()) {
     return cannotOpen(path, errno);
   }
@@ -199,7 +223,7 @@ Sentence createFile(const StoreSettings& settings) {
   const std::string& path = settings.database;
   // Closed before the database library opens the file: closing any descriptor of a file would end
   // its locks.
-  const zell::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, kPrivate));
+  const zell::UniqueFd fd = openOrCreate(path, 0);
   if (!fd.valid()) {
     return cannotOpen(path, errno);
   }

@@ -19,6 +19,9 @@ using Sentence = std::optional<std::string>;
 /// Whether the database is a server's.
 [[nodiscard]] bool isServer(const StoreSettings& settings);
 
+/// The directory of the file @p path.
+[[nodiscard]] std::string directoryOf(const std::string& path);
+
 /// Follows a link to the file, so that its lock is the same under each of its names.
 [[nodiscard]] StoreSettings resolvedSettings(StoreSettings settings);
 

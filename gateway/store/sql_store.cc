@@ -25,9 +25,7 @@ runel::Error asError(const std::string& sentence) {
 
 // After a power cut a new file has its name.
 void syncDirectoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const zell::UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const zell::UniqueFd fd(::open(directoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (fd.valid()) {
     (void)zell::syncDirectory(fd.get());
   }

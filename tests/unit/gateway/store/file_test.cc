@@ -142,6 +142,32 @@ TEST_P(StoreFileTest, OnlyItsOwnerReadsTheFiles) {
   }
 }
 
+TEST_P(StoreFileTest, FilesThatTheAdministratorCreatesBelongToTheOwnerOfTheirDirectory) {
+  ASSERT_EQ(::chown(directory_.path().c_str(), 65534, 65534), 0);
+  open();
+  ASSERT_EQ(write({RemoveGroup{"a"}}), std::nullopt);
+  ASSERT_EQ(backup(directory_.file("copy.db")), std::nullopt);
+  for (const char* suffix : {"", "-wal", "-shm", ".lock"}) {
+    struct stat status {};
+    ASSERT_EQ(::stat((path_ + suffix).c_str(), &status), 0) << suffix;
+    EXPECT_EQ(status.st_uid, 65534U) << suffix;
+    EXPECT_EQ(status.st_gid, 65534U) << suffix;
+  }
+  store_->close();
+  store_.reset();
+  // Not those that exist already: the owner may have put a link to any file there.
+  ASSERT_EQ(::chown(path_.c_str(), 0, 0), 0);
+  open();
+  struct stat status {};
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 0U);
+  store_->close();
+  ASSERT_EQ(::chown(path_.c_str(), 65534, 65534), 0);
+  ASSERT_EQ(errorOfRestoring(directory_.file("copy.db")), "");
+  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 65534U);
+}
+
 TEST_P(StoreFileTest, CommitsReachTheDisk) {
   fill();
   Database database;

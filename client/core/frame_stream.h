@@ -70,6 +70,10 @@ class FrameStream {
   [[nodiscard]] std::optional<std::string> nextPayload();
   /// The violation of the protocol that the received bytes are, if any.
   [[nodiscard]] std::optional<Error> error() const;
+  /// Whether nothing is queued, and nothing of a payload was received.
+  [[nodiscard]] bool isIdle() const {
+    return queued_ == 0 && !store_ && codec_.isBetweenMessages();
+  }
   /// Releases the memory that is kept for later payloads.
   void releaseSpare() { codec_.releaseSpare(); }
   /// A payload longer than @p bytes is a violation of the protocol, as soon as its length is

@@ -57,6 +57,8 @@ class Channel {
   /// Pauses or resumes reading, so that a fast peer waits for a slow one.
   void setReading(bool reading);
 
+  /// Whether nothing is being sent or received.
+  [[nodiscard]] bool isIdle() const { return stream_.isIdle(); }
   /// Gives the socket away, in any state of the connection. Calls no handler any more.
   [[nodiscard]] zell::UniqueFd release();
 

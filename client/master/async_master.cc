@@ -154,6 +154,10 @@ bool AsyncMaster::silence(const std::string& place) {
   return data_->engine.silence(place);
 }
 
+bool AsyncMaster::resume(const std::string& place) {
+  return data_->engine.resume(place);
+}
+
 std::vector<DeviceInfo> AsyncMaster::devices() const {
   return data_->engine.devices();
 }

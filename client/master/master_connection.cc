@@ -66,6 +66,11 @@ std::string MasterConnection::takeRawHostid() {
 }
 
 void MasterConnection::useAsSlave(zell::UniqueFd socket) {
+  link(std::move(socket));
+  identify();
+}
+
+void MasterConnection::link(zell::UniqueFd socket) {
   lastProgress_ = Clock::now();
   slave_ =
       std::make_unique<SlaveLink>(context_.loop, std::move(socket), context_.timeout,
@@ -74,7 +79,6 @@ void MasterConnection::useAsSlave(zell::UniqueFd socket) {
                                                       lastProgress_ = Clock::now();
                                                       adjust();
                                                     }});
-  identify();
 }
 
 void MasterConnection::adopt(const MasterConnection& owner) {
@@ -117,6 +121,7 @@ void MasterConnection::useSilently(zell::UniqueFd socket) {
 void MasterConnection::silence(const Error& error) {
   refuse();
   if (slave_) {
+    clean_ = identified_ && slave_->isIdle();
     zell::UniqueFd socket = slave_->release(error);
     context_.calls.add([gone = std::shared_ptr<SlaveLink>(std::move(slave_))] { (void)gone; });
     endUsers(error);
@@ -127,6 +132,17 @@ void MasterConnection::silence(const Error& error) {
     waits_ = false;
     useSilently(std::move(socket));
   }
+}
+
+bool MasterConnection::resume() {
+  if (!clean_ || silent_->hasDropped()) {
+    return false;
+  }
+  refused_ = false;
+  zell::UniqueFd socket = silent_->take();
+  silent_.reset();
+  link(std::move(socket));
+  return true;
 }
 
 // The reported names are printed and compared, so they must be valid.

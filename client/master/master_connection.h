@@ -98,6 +98,9 @@ class MasterConnection {
   void promote();
   /// Writes nothing any more, and holds the connection open. Its users lose it.
   void silence(const Error& error);
+  /// The slave connection is used again. Returns false if that is not possible, because requests
+  /// were on the way when it became silent.
+  [[nodiscard]] bool resume();
 
   /// For a slave connection: sends @p request and queues the call of @p handler.
   void ask(const Request& request, ReplyHandler handler);
@@ -166,6 +169,7 @@ class MasterConnection {
   void adjust();
   void identify();
   void useSilently(zell::UniqueFd socket);
+  void link(zell::UniqueFd socket);
   void lose(const Error& error);
   void endUsers(const Error& error);
   void watch(const std::shared_ptr<Asked>& asked);
@@ -183,6 +187,7 @@ class MasterConnection {
   bool identified_ = false;
   bool refused_ = false;
   bool waits_ = false;
+  bool clean_ = false;  // when it became silent, nothing was on the way
   Clock::time_point lastProgress_;
   std::unique_ptr<SilentSocket> silent_;
   std::unique_ptr<Bridge> bridge_;

@@ -341,6 +341,23 @@ bool MasterEngine::silence(const std::string& place) {
   return true;
 }
 
+bool MasterEngine::resume(const std::string& place) {
+  const auto found = places_.find(parsePlace(place));
+  if (found == places_.end() || !at(found->second).isSilent()) {
+    return false;
+  }
+  const Id id = found->second;
+  MasterConnection& connection = at(id);
+  if (!connection.resume()) {
+    lost(id, "requests were on the way when it became silent");
+    return false;
+  }
+  --silenced_;
+  enter(connection);
+  history_.connected(connection.key(), connection.since());
+  return true;
+}
+
 void MasterEngine::silence(Id id, MasterConnection& connection, const Error& error) {
   if (connection.ready()) {
     leave(connection);

@@ -51,6 +51,7 @@ class MasterEngine : private MasterConnection::Observer {
   [[nodiscard]] std::size_t unidentified() const { return toIdentify_.size(); }
   [[nodiscard]] std::size_t silent() const { return silent_.size() + silenced_; }
   bool silence(const std::string& place);
+  bool resume(const std::string& place);
 
   [[nodiscard]] std::vector<DeviceInfo> devices() const;
   /// The number of them.

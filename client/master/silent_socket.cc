@@ -41,10 +41,17 @@ SilentSocket::~SilentSocket() {
   }
 }
 
+zell::UniqueFd SilentSocket::take() {
+  loop_.cancel(failed_);
+  loop_.forget(socket_.get());
+  return std::move(socket_);
+}
+
 // Without EPOLLIN only the end or an error of the connection makes it ready.
 void SilentSocket::ready() {
   char bytes[kDrained];
   const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT | MSG_TRUNC);
+  dropped_ = dropped_ || got > 0;
   if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
     return;
   }

@@ -24,6 +24,11 @@ class SilentSocket {
   SilentSocket(const SilentSocket&) = delete;
   SilentSocket& operator=(const SilentSocket&) = delete;
 
+  /// Gives the socket away; nothing is called any more.
+  [[nodiscard]] zell::UniqueFd take();
+  /// Whether something was read and dropped.
+  [[nodiscard]] bool hasDropped() const { return dropped_; }
+
  private:
   void ready();
   void end(const std::string& why);
@@ -32,6 +37,7 @@ class SilentSocket {
   zell::UniqueFd socket_;
   std::function<void(const std::string& why)> ended_;
   Timer failed_;
+  bool dropped_ = false;
 };
 
 }  // namespace runel

@@ -83,6 +83,10 @@ class SlaveLink {
   void setReading(bool reading);
   /// True while the backlog is so large that users must wait.
   [[nodiscard]] bool busy() const;
+  /// Whether no request and no answer is on the way.
+  [[nodiscard]] bool isIdle() const {
+    return pending_.empty() && unanswerable_.empty() && channel_.isIdle();
+  }
   [[nodiscard]] std::size_t waiting() const { return pending_.size(); }
   [[nodiscard]] const Counters& counters() const { return counters_; }
 

@@ -332,6 +332,13 @@ void DeviceLink::bind(const Place& place, DeviceId device) {
   if (found == data_->places.end()) {
     return;
   }
+  if (found->second.silenced != Reason::none) {
+    if (!data_->master->resume(textOf(key))) {
+      return;  // it ends, and the device connects again
+    }
+    found->second.silenced = Reason::none;
+    --data_->silencedPlaces;
+  }
   found->second.device = device;
   data_->devices[device] = key;
   DeviceQueue* const queue = data_->find(device);

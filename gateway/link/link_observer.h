@@ -70,7 +70,9 @@ class LinkControl {
   LinkControl& operator=(const LinkControl&) = delete;
 
   /// @p device is at @p place, which is connected; an unknown place is ignored. An earlier place of
-  /// the device gets no further requests. Requests that wait for the device are sent.
+  /// the device gets no further requests. Requests that wait for the device are sent. A silent
+  /// place is used again; if requests were on the way when it became silent, it is closed instead:
+  /// the device then connects again.
   virtual void bind(const Place& place, DeviceId device) = 0;
   /// Nothing is written to @p place from now on: neither requests nor liveness checks. The
   /// connection is kept open, and its end is still reported. Its calls end with @p reason.

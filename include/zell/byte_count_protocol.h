@@ -46,6 +46,11 @@ class ByteCountProtocol {
   /// received.
   void releaseSpare();
 
+  /// Whether nothing of a message is waiting or being received.
+  [[nodiscard]] bool isBetweenMessages() const {
+    return !dataAvailable() && state_ == State::marker;
+  }
+
   /// The length of the message that is being received, as the peer announced it. 0 between
   /// messages.
   [[nodiscard]] std::size_t announced() const {

@@ -187,7 +187,7 @@ std::size_t ByteCountProtocol::takeIncomplete(std::string& part) {
 }
 
 void ByteCountProtocol::releaseSpare() {
-  if (!dataAvailable() && state_ == State::marker) {
+  if (isBetweenMessages()) {
     next_ = 0;
     coming_ = 0;
     std::vector<std::string>().swap(slots_);

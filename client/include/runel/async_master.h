@@ -252,6 +252,10 @@ class RUNEL_API AsyncMaster {
   /// whether it is alive. It is held open, its users lose it, and its end is still reported.
   /// Returns false if there is no such connection.
   bool silence(const std::string& place);
+  /// Uses a silenced connection again. Returns false if there is no such connection, or if requests
+  /// were on the way when it became silent: such a connection is closed, and its device connects
+  /// again.
+  bool resume(const std::string& place);
 
   /// The connected devices that have told their identity, in the order of their connections.
   [[nodiscard]] std::vector<DeviceInfo> devices() const;

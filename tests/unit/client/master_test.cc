@@ -1136,6 +1136,57 @@ TEST_F(MasterTest, ASilencedConnectionIsNotWrittenToAndStaysOpen) {
   EXPECT_EQ(told(Type::lost).device(), "fake");
 }
 
+TEST_F(MasterTest, ASilencedConnectionCanBeUsedAgain) {
+  open();
+  const std::string place = "127.0.0.1:" + std::to_string(dialAndWait().port());
+  EXPECT_FALSE(master->resume(place)) << "it is not silent";
+  ASSERT_TRUE(master->silence(place));
+  EXPECT_TRUE(master->devices().empty());
+  EXPECT_TRUE(master->resume(place));
+  EXPECT_FALSE(master->resume(place));
+  EXPECT_EQ(master->silent(), 0U);
+  EXPECT_EQ(ask("fake", Request({"read", "/"})).output(), "done");
+  ASSERT_TRUE(master->silence(place));
+  ASSERT_TRUE(master->resume(place));
+  devices.front().close();
+  runUntil([&] { return count(Type::lost) == 1; });
+}
+
+TEST_F(MasterTest, AConnectionThatWasSilencedAmidRequestsEndsInsteadOfBeingUsedAgain) {
+  open();
+  for (const bool answers : {false, true}) {
+    ScriptedDevice& device = dialAndWait();
+    device.answers = false;
+    const std::string place = "127.0.0.1:" + std::to_string(device.port());
+    if (answers) {
+      device.say("\x01");
+    } else {
+      master->ask("fake", Request({"read", "/"}), [](const Reply&) {});
+    }
+    for (int i = 0; i < 20; ++i) {
+      loop.turn(Milliseconds(1));
+    }
+    ASSERT_TRUE(master->silence(place));
+    EXPECT_FALSE(master->resume(place));
+    runUntil([&] { return device.ended; });
+    EXPECT_EQ(master->silent(), 0U);
+  }
+  runUntil([&] { return count(Type::lost) == 2; });
+}
+
+TEST_F(MasterTest, AConnectionThatSpokeWhileItWasSilentIsNotUsedAgain) {
+  open();
+  ScriptedDevice& device = dialAndWait();
+  const std::string place = "127.0.0.1:" + std::to_string(device.port());
+  ASSERT_TRUE(master->silence(place));
+  device.say("x");
+  for (int i = 0; i < 20; ++i) {
+    loop.turn(Milliseconds(1));
+  }
+  EXPECT_FALSE(master->resume(place));
+  runUntil([&] { return device.ended; });
+}
+
 TEST_F(MasterTest, ListensOnSeveralAddresses) {
   options.addListen("127.0.0.5", 0);
   open();

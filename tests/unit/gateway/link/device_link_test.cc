@@ -432,6 +432,29 @@ TEST_F(DeviceLinkTest, AQuarantinedPlaceGetsNothingMore) {
   EXPECT_EQ(observer.events[1], "lost 127.0.1.1: the device closed the connection");
 }
 
+TEST_F(DeviceLinkTest, ASilentPlaceThatIsBoundIsUsedAgain) {
+  open();
+  FakeDevice& device = dial(1);
+  link->silence(observer.places[0], Reason::waiting);
+  send(1, requestOf({"read", "/a"}));
+  ASSERT_TRUE(waitFor(1));
+  EXPECT_EQ(end(0), "not run waiting");
+  link->bind(observer.places[0], 1);
+  send(1, requestOf({"read", "/b"}));
+  ASSERT_TRUE(waitFor(2));
+  EXPECT_EQ(end(1), kAnswered);
+  EXPECT_EQ(link->counters().connected, 1U);
+  device.react = [](const zell::SlaveTask&) { return std::nullopt; };
+  send(1, requestOf({"append", "/a", "x"}));
+  ASSERT_TRUE(runUntil([&] { return device.tasks.size() == 2; }));
+  link->silence(observer.places[0], Reason::quarantined);
+  ASSERT_TRUE(waitFor(3));
+  link->bind(observer.places[0], 1);
+  ASSERT_TRUE(runUntil([&] { return device.ends == 1; })) << "its answer may still come";
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 2; }));
+  EXPECT_EQ(link->counters().connected, 0U);
+}
+
 TEST_F(DeviceLinkTest, ADeviceThatMovesIsUsedAtItsNewPlace) {
   open();
   FakeDevice& first = dial(1);

@@ -13,8 +13,10 @@ namespace {
 
 constexpr std::size_t kWidth = 100;
 
+// In two parts: what checks licences would read a whole line as the licence of this file.
 constexpr char kStart[] =
-    "# SPDX-License-Identifier: Apache-2.0\n"
+    "# SPDX-License-"
+    "Identifier: Apache-2.0\n"
     "# Settings of runelgw. Each line that begins with '#' and a key shows a default: remove the "
     "'#'\n"
     "# to change it. \"runelgw check-config\" checks this file. Each key is an option of the "

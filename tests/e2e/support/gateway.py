@@ -167,6 +167,7 @@ class Controllers:
         self.directory = directory
         self.names = [f"gw-{number:02}" for number in range(1, count + 1)]
         self.running = {}
+        self.masters = {name: self.near(name) for name in self.names}  # whom its daemon dials
         batch = []
         for name in self.names:
             batch += [f"netns add {name}",
@@ -207,7 +208,7 @@ class Controllers:
                       ' exec "$3" -n -i "$4"')
             self.running[name] = subprocess.Popen(
                 ["nsenter", f"--net=/run/netns/{name}", "unshare", "--mount", "--uts", "sh", "-c", script, "sh",
-                 self._identity(name), name, DAEMON, self.near(name)],
+                 self._identity(name), name, DAEMON, self.masters[name]],
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                 start_new_session=True, env={**os.environ, **sanitizer_options(self.directory)})
         return self

@@ -91,7 +91,7 @@ TEST(SlaveLinkTest, ALossAtAnyByteGivesTheOutcomeOfWhatWasSent) {
   for (std::size_t taken = 0; taken < 1200; ++taken) {
     loseAt(6000, taken);
   }
-  for (std::size_t size = 1; size < 9000; size += 7) {
+  for (std::size_t size = 1; size < 6000; ++size) {
     loseAt(size, 0);
   }
 }

@@ -28,13 +28,15 @@ void MasterUser::forward(std::string payload, Answer answer) {
 }
 
 struct UserRequest::Data {
+  explicit Data(SlaveLink::UserPayload itsPayload) : payload(std::move(itsPayload)) {}
+
   SlaveLink::UserPayload payload;
   MasterConnection::UserHandlers handlers;
   SlaveLink::LongAnswers answers;
 };
 
 UserRequest::UserRequest(std::string payload)
-    : data_(new Data{SlaveLink::UserPayload(std::move(payload)), {}, {}}) {}
+    : data_(std::make_unique<Data>(SlaveLink::UserPayload(std::move(payload)))) {}
 
 // Its last byte is in memory, so that it can still be replaced when the rest is sent.
 UserRequest::UserRequest(std::size_t size, Read read) {
@@ -44,7 +46,7 @@ UserRequest::UserRequest(std::size_t size, Read read) {
     payload.tail.resize(1);
     payload.content = {size - 1, std::move(read)};
   }
-  data_.reset(new Data{SlaveLink::UserPayload(std::move(payload)), {}, {}});
+  data_ = std::make_unique<Data>(SlaveLink::UserPayload(std::move(payload)));
 }
 
 UserRequest::UserRequest(UserRequest&& other) noexcept = default;

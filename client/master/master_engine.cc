@@ -121,8 +121,7 @@ void MasterEngine::addListener() {
 
 Result<void> MasterEngine::open() {
   for (std::size_t i = 0; i < listeners_.size(); ++i) {
-    const Result<void> opened =
-        listeners_[i]->open(options_.listen[i].host, options_.listen[i].port);
+    Result<void> opened = listeners_[i]->open(options_.listen[i].host, options_.listen[i].port);
     if (!opened) {
       return opened;
     }

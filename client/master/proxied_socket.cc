@@ -16,7 +16,7 @@ namespace {
 
 // A proxy sends the header when it connects.
 constexpr Milliseconds kLongestWait{10000};
-constexpr std::size_t kReadSize = 4096;
+constexpr std::size_t kHeaderRead = 4096;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ ProxiedSocket::~ProxiedSocket() {
 }
 
 void ProxiedSocket::ready() {
-  char bytes[kReadSize];
+  char bytes[kHeaderRead];
   const std::size_t most = std::min(header_.missing(), sizeof bytes);
   const ssize_t got = recv(socket_.get(), bytes, most, MSG_DONTWAIT);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) {

@@ -8,7 +8,7 @@ namespace runel {
 namespace {
 
 constexpr std::string_view kSignature("\r\n\r\n\0\r\nQUIT\n", 12);
-constexpr std::size_t kStart = 16;  // signature, version and command, family, length
+constexpr std::size_t kFixedPart = 16;  // signature, version and command, family, length
 constexpr unsigned char kLocal = 0x20;
 constexpr unsigned char kProxied = 0x21;
 constexpr unsigned char kTcp4 = 0x11;
@@ -42,7 +42,7 @@ struct Field {
 };
 
 // Removes the first field. Returns false if it is cut off.
-bool takeField(std::string_view& fields, Field& field) {
+bool takeTypedField(std::string_view& fields, Field& field) {
   constexpr std::size_t kHead = 3;
   if (fields.size() < kHead) {
     return false;
@@ -68,7 +68,7 @@ std::uint32_t addToChecksum(std::uint32_t sum, unsigned char byte) {
 
 }  // namespace
 
-ProxyHeader::ProxyHeader() : length_(kStart) {}
+ProxyHeader::ProxyHeader() : length_(kFixedPart) {}
 
 std::size_t ProxyHeader::missing() const {
   return state_ == State::incomplete ? length_ - bytes_.size() : 0;
@@ -81,7 +81,7 @@ void ProxyHeader::add(std::string_view bytes) {
       bytes_.compare(0, compared, kSignature.substr(0, compared)) != 0) {
     fail("no header of a proxy");
   }
-  if (state_ == State::incomplete && bytes_.size() == kStart && length_ == kStart) {
+  if (state_ == State::incomplete && bytes_.size() == kFixedPart && length_ == kFixedPart) {
     parseStart();
   }
   if (state_ == State::incomplete && bytes_.size() == length_) {
@@ -91,13 +91,13 @@ void ProxyHeader::add(std::string_view bytes) {
 
 void ProxyHeader::parseStart() {
   const unsigned char command = byteAt(bytes_, kSignature.size());
-  const std::size_t rest = numberAt(bytes_, kStart - 2, 2);
+  const std::size_t rest = numberAt(bytes_, kFixedPart - 2, 2);
   if (command != kLocal && command != kProxied) {
     fail("unknown version or command in the header of the proxy");
-  } else if (kStart + rest > kLongest) {
+  } else if (kFixedPart + rest > kLongest) {
     fail("the header of the proxy is too long");
   }
-  length_ = kStart + rest;
+  length_ = kFixedPart + rest;
 }
 
 void ProxyHeader::parseRest() {
@@ -105,12 +105,12 @@ void ProxyHeader::parseRest() {
     state_ = State::local;
   } else if (byteAt(bytes_, kSignature.size() + 1) != kTcp4) {
     fail("the header of the proxy has no IPv4 address");
-  } else if (length_ < kStart + kTcp4Size) {
+  } else if (length_ < kFixedPart + kTcp4Size) {
     fail("the header of the proxy is too short");
   } else {
-    address_ = numberAt(bytes_, kStart, 4);
-    port_ = static_cast<std::uint16_t>(numberAt(bytes_, kStart + kSourcePort, 2));
-    if (parseFields(std::string_view(bytes_).substr(kStart + kTcp4Size))) {
+    address_ = numberAt(bytes_, kFixedPart, 4);
+    port_ = static_cast<std::uint16_t>(numberAt(bytes_, kFixedPart + kSourcePort, 2));
+    if (parseFields(std::string_view(bytes_).substr(kFixedPart + kTcp4Size))) {
       state_ = State::proxied;
     } else {
       name_.clear();
@@ -123,7 +123,7 @@ void ProxyHeader::parseRest() {
 bool ProxyHeader::parseFields(std::string_view fields) {
   Field field;
   while (!fields.empty()) {
-    if (!takeField(fields, field)) {
+    if (!takeTypedField(fields, field)) {
       return false;
     }
     const auto at = static_cast<std::size_t>(field.value.data() - bytes_.data());
@@ -160,7 +160,7 @@ bool ProxyHeader::parseTls(std::string_view value) {
   bool named = false;
   Field field;
   while (!value.empty()) {
-    if (!takeField(value, field)) {
+    if (!takeTypedField(value, field)) {
       return false;
     }
     if (field.type == kCommonName) {

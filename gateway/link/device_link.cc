@@ -102,7 +102,7 @@ struct DeviceLink::Data {
   void connect(DeviceId device, DeviceQueue& queue);
   void refuse(const RequestHead& head, Router::Done done, Answer answer);
   [[nodiscard]] std::optional<Answer> refusal(const Call& call, const RequestHead& head) const;
-  void done(CallId id, const RequestHead& head, Router::Done done, Answer answer);
+  void done(CallId id, const RequestHead& head, Router::Done callback, Answer answer);
   [[nodiscard]] DeviceQueue* find(DeviceId device) const;
 
   runel::Loop& loop;
@@ -379,7 +379,8 @@ CallId DeviceLink::send(Call call, Done done) {
   }
   data_->pending[id] = call.device;
   data_->counters.bytesToDevices += call.request.size();
-  data_->queueOf(call.device).add(id, std::move(call), std::move(head), std::move(done));
+  DeviceQueue& queue = data_->queueOf(call.device);
+  queue.add(id, std::move(call), std::move(head), std::move(done));
   return id;
 }
 

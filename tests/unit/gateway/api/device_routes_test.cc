@@ -56,7 +56,11 @@ TEST_F(DeviceRoutesTest, ShowsTheFieldsThatAreWanted) {
 
 TEST_F(DeviceRoutesTest, ShowsOneDeviceWithItsQueueAndConnections) {
   const DeviceId id = connect("gw-1");
-  router_.queues[id] = {2, "exec by token ci", 1700000000000, 300};
+  QueueState& queue = router_.queues[id];
+  queue.waiting = 2;
+  queue.busyWith = "exec by token ci";
+  queue.since = 1700000000000;
+  queue.bytes = 300;
   const Got answer = get("/v1/devices/gw-1");
   EXPECT_EQ(answer.json["hostid"], "gw-1");
   EXPECT_EQ(answer.json["device_type"], "controller");

@@ -20,7 +20,8 @@ constexpr std::size_t kChecksumSize = 4;
 constexpr unsigned char kTls = 0x20;
 constexpr std::size_t kTlsStart = 5;  // flags, result of the verification
 constexpr unsigned char kOverTls = 0x01;
-constexpr unsigned char kCertificateNow = 0x02;  // on this connection
+// A certificate was presented on this connection, or earlier in the TLS session that it resumes.
+constexpr unsigned char kCertificate = 0x02 | 0x04;
 constexpr unsigned char kCommonName = 0x22;
 
 unsigned char byteAt(std::string_view bytes, std::size_t at) {
@@ -153,9 +154,9 @@ bool ProxyHeader::parseTls(std::string_view value) {
     return false;
   }
   hasTls_ = true;
-  constexpr unsigned char kNeeded = kOverTls | kCertificateNow;
-  const bool verified =
-      (byteAt(value, 0) & kNeeded) == kNeeded && numberAt(value, 1, kTlsStart - 1) == 0;
+  const unsigned char flags = byteAt(value, 0);
+  const bool verified = (flags & kOverTls) != 0 && (flags & kCertificate) != 0 &&
+                        numberAt(value, 1, kTlsStart - 1) == 0;
   value.remove_prefix(kTlsStart);
   bool named = false;
   Field field;

@@ -38,7 +38,7 @@ class ProxyHeader {
   [[nodiscard]] std::uint32_t address() const { return address_; }
   [[nodiscard]] std::uint16_t port() const { return port_; }
   /// The common name of the client's certificate. Empty unless the client presented a certificate
-  /// on this connection and the proxy has verified it.
+  /// in this TLS session and the proxy has verified it.
   [[nodiscard]] const std::string& verifiedName() const { return name_; }
   [[nodiscard]] const std::string& problem() const { return problem_; }
 

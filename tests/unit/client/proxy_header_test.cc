@@ -65,7 +65,8 @@ TEST(ProxyHeaderTest, ANameCountsOnlyIfTheProxyHasVerifiedIt) {
   const std::string name = field(0x22, "gw-7");
   EXPECT_EQ(parsed(header(tls(0x03, 0, name))).verifiedName(), "gw-7");
   EXPECT_EQ(parsed(header(tls(0x07, 0, field(0x21, "TLSv1.3") + name))).verifiedName(), "gw-7");
-  for (const int flags : {0x00, 0x01, 0x02, 0x04, 0x05, 0x06}) {
+  EXPECT_EQ(parsed(header(tls(0x05, 0, name))).verifiedName(), "gw-7") << "a resumed session";
+  for (const int flags : {0x00, 0x01, 0x02, 0x04, 0x06}) {
     const ProxyHeader got = parsed(header(tls(flags, 0, name)));
     EXPECT_EQ(got.state(), State::proxied);
     EXPECT_EQ(got.verifiedName(), "") << flags;

@@ -97,6 +97,16 @@ const std::shared_ptr<Spool>& DeviceSpool::of(const DeviceOptions& options) {
   return options.data_->spool;
 }
 
+void DialedLine::gave(std::uint64_t bytes) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  given_ = bytes;
+}
+
+std::uint64_t DialedLine::given() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return given_;
+}
+
 void DialedLine::end(const Error& why) {
   const std::lock_guard<std::mutex> lock(mutex_);
   end_ = why;

@@ -3,7 +3,6 @@
 #ifndef RUNEL_IO_DIALER_H_
 #define RUNEL_IO_DIALER_H_
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -21,15 +20,15 @@ class DialedLine {
  public:
   /// @p bytes of the connection may have reached the device; the rest has not, and never will after
   /// the end of the connection.
-  void gave(std::uint64_t bytes) { given_ = bytes; }
-  [[nodiscard]] std::uint64_t given() const { return given_; }
+  void gave(std::uint64_t bytes);
+  [[nodiscard]] std::uint64_t given() const;
   /// Why the connection will end.
   void end(const Error& why);
   [[nodiscard]] std::optional<Error> ended() const;
 
  private:
-  std::atomic<std::uint64_t> given_ = 0;
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // a processor of 32 bits has no atomic numbers of this size
+  std::uint64_t given_ = 0;
   std::optional<Error> end_;
 };
 

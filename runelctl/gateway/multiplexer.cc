@@ -58,7 +58,7 @@ void Multiplexer::list(const std::string& query, std::function<void(Listed)> don
 
 void Multiplexer::wanted(DeviceChannel& channel) {
   if (link_ == Link::open) {
-    sendText(attachText(channel.number(), channel.device(), options_.deadline));
+    announce(channel);
   } else {
     need();
   }
@@ -93,7 +93,7 @@ void Multiplexer::grant(DeviceChannel& channel, std::size_t bytes) {
 // The channel is on the stack.
 void Multiplexer::over(DeviceChannel& channel, bool told) {
   const auto found = channels_.find(channel.number());
-  if (link_ == Link::open && !told) {
+  if (announced_.erase(channel.number()) > 0 && link_ == Link::open && !told) {
     sendText(detachText(channel.number()));
   }
   std::shared_ptr<DeviceChannel> gone = std::move(found->second);
@@ -103,6 +103,11 @@ void Multiplexer::over(DeviceChannel& channel, bool told) {
 
 void Multiplexer::sendText(std::string text) {
   (void)socket_->send(std::move(text), false);  // text is small, and needs no account
+}
+
+void Multiplexer::announce(const DeviceChannel& channel) {
+  announced_.insert(channel.number());
+  sendText(attachText(channel.number(), channel.device(), options_.deadline));
 }
 
 void Multiplexer::need() {
@@ -145,7 +150,7 @@ void Multiplexer::opened() {
   everOpen_ = true;
   for (const auto& [number, channel] : channels_) {
     if (channel->waits()) {
-      sendText(attachText(number, channel->device(), options_.deadline));
+      announce(*channel);
     }
   }
   for (auto& [number, list] : lists_) {
@@ -273,6 +278,7 @@ void Multiplexer::closed(const runel::Error& why) {
   const bool wasOpen = link_ == Link::open;
   link_ = Link::none;
   ++generation_;
+  announced_.clear();
   std::vector<std::uint32_t> numbers;
   for (const auto& [number, channel] : channels_) {
     numbers.push_back(number);

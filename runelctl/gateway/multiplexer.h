@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -76,6 +77,7 @@ class Multiplexer : public ChannelHost {
   [[nodiscard]] bool someoneWaits() const;
   void finishList(std::uint32_t number, const Listed& result);
   void sendText(std::string text);
+  void announce(const DeviceChannel& channel);
 
   runel::Loop& loop_;
   const MultiplexerOptions options_;
@@ -90,6 +92,7 @@ class Multiplexer : public ChannelHost {
   runel::Timer timer_;
   std::uint32_t lastNumber_ = 0;
   std::map<std::uint32_t, std::unique_ptr<DeviceChannel>> channels_;
+  std::set<std::uint32_t> announced_;  // the channels that the gateway has heard of, on socket_
   std::map<std::uint32_t, List> lists_;
 };
 

@@ -376,6 +376,19 @@ TEST_F(MultiplexerTest, MessagesForAnEndedChannelAreIgnored) {
   EXPECT_TRUE(gateway().alive);
 }
 
+// The gateway would end the connection: the channel was never attached.
+TEST_F(MultiplexerTest, AConnectionWithoutARequestLineIsNotTold) {
+  attach();
+  for (const std::string line : {"", "atta", "what\n"}) {
+    const Dialed dialed = dial();
+    ASSERT_EQ(send(dialed.socket.get(), line.data(), line.size(), 0),
+              static_cast<ssize_t>(line.size()));
+    settle();
+  }
+  settle();
+  EXPECT_TRUE(gateway().texts.empty());
+}
+
 TEST_F(MultiplexerTest, ADeviceCannotPretendToBeTheGateway) {
   attach();
   ask("append");

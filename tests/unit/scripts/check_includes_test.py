@@ -23,7 +23,7 @@ class CheckIncludesTest(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         cls.addClassCleanup(directory.cleanup)
         cls.copy = pathlib.Path(directory.name)
-        for name in ("bench", "client", "fuzz", "include", "lib", "runelctl", "src", "tests", "verify"):
+        for name in ("bench", "client", "fuzz", "gateway", "include", "lib", "runelctl", "src", "tests", "verify"):
             shutil.copytree(ROOT / name, cls.copy / name, ignore=left_out)
         (cls.copy / "scripts").mkdir()
         shutil.copy(ROOT / "scripts/check_includes", cls.copy / "scripts")

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gateway/http/request_reader.h"
 
+#include <algorithm>
+#include <charconv>
 #include <limits>
 #include <utility>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/beast/http/basic_parser.hpp>
-#include <boost/beast/http/error.hpp>
 
 #include "gateway/http/head_check.h"
 #include "gateway/http/target.h"
@@ -18,8 +19,6 @@ using boost::system::error_code;
 namespace {
 
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
-// The size of a chunk with its extensions, or all trailers: they count against no other limit.
-constexpr std::size_t kLongestChunkHead = 8192;
 
 std::string inLowerCase(string_view text) {
   std::string lower(text.data(), text.size());
@@ -31,14 +30,13 @@ std::string inLowerCase(string_view text) {
   return lower;
 }
 
-}  // namespace
-
-// Fills a request. What it gets as a header has passed refusalOfHead().
-class RequestReader::Parser : public http::basic_parser<true> {
+// Fills a request with a header that has passed refusalOfHead(). The parser is given no body: it
+// trusts the sizes of chunks too much.
+class HeadParser : public http::basic_parser<true> {
  public:
-  Parser(HttpRequest& request, std::size_t maxHeaderBytes) : request_(request) {
+  HeadParser(HttpRequest& request, std::size_t maxHeaderBytes) : request_(request) {
     header_limit(static_cast<std::uint32_t>(maxHeaderBytes));
-    body_limit(std::numeric_limits<std::uint64_t>::max());  // readBody() sets it
+    body_limit(std::numeric_limits<std::uint64_t>::max());
   }
 
   [[nodiscard]] bool http11() const { return http11_; }
@@ -52,30 +50,22 @@ class RequestReader::Parser : public http::basic_parser<true> {
   }
   void on_response_impl(int, string_view, int, error_code&) override {}
   void on_field_impl(http::field, string_view name, string_view value, error_code&) override {
-    if (!is_header_done()) {  // trailers come too late to be checked
-      request_.headers.emplace_back(inLowerCase(name), std::string(value.data(), value.size()));
-    }
+    request_.headers.emplace_back(inLowerCase(name), std::string(value.data(), value.size()));
   }
   void on_header_impl(error_code&) override {}
   void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
-  std::size_t on_body_impl(string_view bytes, error_code&) override {
-    request_.body.append(bytes.data(), bytes.size());
-    return bytes.size();
-  }
+  std::size_t on_body_impl(string_view, error_code&) override { return 0; }
   void on_chunk_header_impl(std::uint64_t, string_view, error_code&) override {}
-  std::size_t on_chunk_body_impl(std::uint64_t, string_view bytes, error_code&) override {
-    request_.body.append(bytes.data(), bytes.size());
-    return bytes.size();
-  }
+  std::size_t on_chunk_body_impl(std::uint64_t, string_view, error_code&) override { return 0; }
   void on_finish_impl(error_code&) override {}
 
   HttpRequest& request_;
   bool http11_ = true;
 };
 
-RequestReader::RequestReader(std::size_t maxHeaderBytes) : maxHeaderBytes_(maxHeaderBytes) {}
+}  // namespace
 
-RequestReader::~RequestReader() = default;
+RequestReader::RequestReader(std::size_t maxHeaderBytes) : maxHeaderBytes_(maxHeaderBytes) {}
 
 RequestReader::State RequestReader::refuse(HttpRefusal refusal) {
   refusal_ = std::move(refusal);
@@ -87,7 +77,7 @@ RequestReader::State RequestReader::read(std::string& input) {
   if (state_ == State::head) {
     return readHead(input);
   }
-  return state_ == State::body ? parseBody(input) : state_;
+  return state_ == State::body ? takeBody(input) : state_;
 }
 
 RequestReader::State RequestReader::readHead(std::string& input) {
@@ -109,23 +99,24 @@ RequestReader::State RequestReader::takeHead(std::string& input, std::size_t siz
   if (auto refusal = refusalOfHead(head)) {
     return refuse(*std::move(refusal));
   }
-  parser_ = std::make_unique<Parser>(request_, maxHeaderBytes_);
+  HeadParser parser(request_, maxHeaderBytes_);
   error_code error;
-  const std::size_t used = parser_->put(boost::asio::buffer(head.data(), head.size()), error);
-  if (error || used != size || !parser_->is_header_done()) {
+  const std::size_t used = parser.put(boost::asio::buffer(head.data(), head.size()), error);
+  if (error || used != size || !parser.is_header_done()) {
     return refuse({400, "The header is malformed."});
   }
   input.erase(0, size);
   searched_ = 0;
   request_.host = *request_.header("host");
-  http11_ = parser_->http11();
-  keepAlive_ = parser_->keep_alive();
+  http11_ = parser.http11();
+  keepAlive_ = parser.keep_alive();
   if (request_.target != "*") {
     if (auto refusal = decodeTarget(request_)) {
       return refuse(*std::move(refusal));
     }
   }
   state_ = State::headRead;
+  hasBody_ = !parser.is_done();
   return readExpectation();
 }
 
@@ -134,38 +125,53 @@ RequestReader::State RequestReader::readExpectation() {
   if (expectation && !equalIgnoringCase(*expectation, "100-continue")) {
     return refuse({417, "The only expectation that is understood is \"100-continue\"."});
   }
-  expectsContinue_ = expectation && !parser_->is_done();
+  expectsContinue_ = expectation && hasBody_;
   return state_;
 }
 
 RequestReader::State RequestReader::readBody(std::size_t limit) {
-  const auto announced = parser_->content_length();
-  if (announced && *announced > limit) {
-    return refuse({413, "The body is too long."});
+  if (!hasBody_) {
+    return state_ = State::complete;
   }
-  parser_->body_limit(limit);
-  parser_->eager(true);
-  return state_ = parser_->is_done() ? State::complete : State::body;
+  if (const std::string* length = request_.header("content-length")) {
+    std::uint64_t bytes = 0;  // refusalOfHead() has checked that it fits
+    std::from_chars(length->data(), length->data() + length->size(), bytes);
+    if (bytes > limit) {
+      return refuse({413, "The body is too long."});
+    }
+    missing_ = static_cast<std::size_t>(bytes);
+  } else {
+    chunked_.emplace(limit);
+  }
+  return state_ = State::body;
 }
 
-RequestReader::State RequestReader::parseBody(std::string& input) {
-  error_code error;
-  std::size_t used = 0;
-  while (!error && !parser_->is_done() && used < input.size()) {
-    used += parser_->put(boost::asio::buffer(input.data() + used, input.size() - used), error);
+RequestReader::State RequestReader::takeBody(std::string& input) {
+  if (!chunked_) {
+    const std::size_t count = std::min(missing_, input.size());
+    request_.body.append(input, 0, count);
+    input.erase(0, count);
+    missing_ -= count;
+    return state_ = missing_ == 0 ? State::complete : State::body;
   }
-  input.erase(0, used);
-  if (error == http::error::body_limit) {
-    return refuse({413, "The body is too long."});
+  std::string_view rest = input;
+  const ChunkedBody::State state = chunked_->read(rest, request_.body);
+  input.erase(0, input.size() - rest.size());
+  switch (state) {
+    case ChunkedBody::State::complete:
+      return state_ = State::complete;
+    case ChunkedBody::State::tooLong:
+      return refuse({413, "The body is too long."});
+    case ChunkedBody::State::malformed:
+      return refuse({400, "The body is malformed."});
+    case ChunkedBody::State::reading:
+      break;
   }
-  if ((error && error != http::error::need_more) || (error && input.size() > kLongestChunkHead)) {
-    return refuse({400, "The body is malformed."});
-  }
-  return state_ = parser_->is_done() ? State::complete : State::body;
+  return state_;
 }
 
 void RequestReader::next() {
-  parser_.reset();
+  chunked_.reset();
   request_ = HttpRequest();
   state_ = State::head;
   expectsContinue_ = false;

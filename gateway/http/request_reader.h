@@ -5,10 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
+#include "gateway/http/chunked_body.h"
 #include "gateway/http/http.h"
 #include "gateway/http/refusal.h"
 
@@ -27,7 +27,6 @@ class RequestReader {
   };
 
   explicit RequestReader(std::size_t maxHeaderBytes);
-  ~RequestReader();
   RequestReader(const RequestReader&) = delete;
   RequestReader& operator=(const RequestReader&) = delete;
 
@@ -53,18 +52,18 @@ class RequestReader {
   [[nodiscard]] std::size_t bodyBytes() const { return request_.body.size(); }
 
  private:
-  class Parser;
-
   State refuse(HttpRefusal refusal);
   State readHead(std::string& input);
   State takeHead(std::string& input, std::size_t size);
   State readExpectation();
-  State parseBody(std::string& input);
+  State takeBody(std::string& input);
 
   const std::size_t maxHeaderBytes_;
   State state_ = State::head;
   std::size_t searched_ = 0;  // bytes of the input without the end of a header
-  std::unique_ptr<Parser> parser_;
+  bool hasBody_ = false;
+  std::size_t missing_ = 0;             // of a body with a length
+  std::optional<ChunkedBody> chunked_;  // a body in chunks
   HttpRequest request_;
   HttpRefusal refusal_;
   bool http11_ = true;

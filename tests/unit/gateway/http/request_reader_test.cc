@@ -77,7 +77,7 @@ TEST(RequestReaderTest, ReadsBodiesInPiecesOfAnySize) {
   const std::vector<std::string> requests = {
       post("Content-Length: 11\r\n", "hello world") + "REST",
       post("Transfer-Encoding: chunked\r\n", "5\r\nhello\r\n6;a=b\r\n world\r\n0\r\n\r\n") + "REST",
-      post("Transfer-Encoding: Chunked\r\n", "B\r\nhello world\r\n0\r\nX: 3\r\nHost: b\r\n\r\n") +
+      post("Transfer-Encoding: Chunked\r\n", "B\r\nhello world\r\n0\r\nX: 3\r\nHost-2: b\r\n\r\n") +
           "REST",
   };
   for (const std::string& request : requests) {
@@ -116,6 +116,10 @@ struct Refused {
 
 std::vector<Refused> refusedRequests() {
   const std::string length = "Content-Length: 3\r\n";
+  std::string many;
+  while (many.size() < 9000) {
+    many += "X: " + std::string(100, 'a') + "\r\n";
+  }
   const std::string chunked = "Transfer-Encoding: chunked\r\n";
   return {
       {"both lengths", post(length + chunked, "0\r\n\r\n"), 400},
@@ -189,6 +193,12 @@ std::vector<Refused> refusedRequests() {
       {"a chunk without a size", post(chunked, ";\r\n"), 400},
       {"a negative chunk", post(chunked, "-1\r\n"), 400},
       {"a chunk with 0x", post(chunked, "0x1\r\nx\r\n0\r\n\r\n"), 400},
+      {"a blank after a chunk's size", post(chunked, "1 \r\nx\r\n0\r\n\r\n"), 400},
+      {"a zero byte in an extension", post(chunked, "1;" + std::string(1, '\0') + "\r\n"), 400},
+      {"a CR in an extension", post(chunked, "1;a\rb\r\nx\r\n0\r\n\r\n"), 400},
+      {"a trailer without a colon", post(chunked, "0\r\nX\r\n\r\n"), 400},
+      {"a host in the trailers", post(chunked, "0\r\nHost: b\r\n\r\n"), 400},
+      {"too many trailers", post(chunked, "0\r\n" + many), 400},
       {"a length in the trailers", post(chunked, "0\r\nContent-Length: 3\r\n\r\n"), 400},
       {"a folded trailer", post(chunked, "0\r\nX: 3\n 4\r\n\r\n"), 400},
       {"a chunk that ends with LF", post(chunked, "1\nx\r\n0\r\n\r\n"), 400},

@@ -98,6 +98,7 @@ struct DeviceLink::Data {
   void handle(const MasterEvent& event);
   void lose(const Place& place, const std::string& why);
   [[nodiscard]] DeviceId deviceOf(const MasterEvent& event) const;
+  void unbind(Connected& connected, PlaceKey key, DeviceId other);
   DeviceQueue& queueOf(DeviceId device);
   void connect(DeviceId device, DeviceQueue& queue);
   void refuse(const RequestHead& head, Router::Done done, Answer answer);
@@ -206,7 +207,12 @@ void DeviceLink::Data::lose(const Place& place, const std::string& why) {
   silencedPlaces -= found->second.silenced == Reason::none ? 0 : 1;
   const auto device = devices.find(found->second.device);
   if (device != devices.end() && device->second == found->first) {
+    // A request that came after the loss, but before this event, has found no connection.
+    DeviceQueue* const queue = find(device->first);
     devices.erase(device);
+    if (queue != nullptr && !queue->isConnected()) {
+      queue->disconnect(Reason::lost, why);
+    }
   }
   places.erase(found);
   observer.lost(place, why);
@@ -221,6 +227,19 @@ DeviceId DeviceLink::Data::deviceOf(const MasterEvent& event) const {
   const auto port = static_cast<std::uint16_t>(std::stoul(text.substr(colon + 1)));
   const auto place = places.find(keyOf(text.substr(0, colon), port));
   return place == places.end() ? 0 : place->second.device;
+}
+
+// The place belongs to the device @p other from now on.
+void DeviceLink::Data::unbind(Connected& connected, PlaceKey key, DeviceId other) {
+  const auto bound = devices.find(connected.device);
+  if (connected.device == other || bound == devices.end() || bound->second != key) {
+    return;
+  }
+  devices.erase(bound);
+  DeviceQueue* const queue = find(connected.device);
+  if (queue != nullptr) {
+    queue->disconnect(Reason::lost, "the connection belongs to another device");
+  }
 }
 
 DeviceQueue* DeviceLink::Data::find(DeviceId device) const {
@@ -339,6 +358,11 @@ void DeviceLink::bind(const Place& place, DeviceId device) {
     found->second.silenced = Reason::none;
     --data_->silencedPlaces;
   }
+  data_->unbind(found->second, key, device);
+  const auto bound = data_->devices.find(device);
+  if (bound != data_->devices.end() && bound->second == key) {
+    return;
+  }
   found->second.device = device;
   data_->devices[device] = key;
   DeviceQueue* const queue = data_->find(device);
@@ -362,7 +386,9 @@ void DeviceLink::silence(const Place& place, Reason reason) {
     ++data_->silencedPlaces;
   }
   found->second.silenced = reason;
-  DeviceQueue* const queue = data_->find(found->second.device);
+  const auto bound = data_->devices.find(found->second.device);
+  const bool current = bound != data_->devices.end() && bound->second == found->first;
+  DeviceQueue* const queue = current ? data_->find(found->second.device) : nullptr;
   if (queue != nullptr) {
     queue->disconnect(reason, sentenceOf(reason));
   }

@@ -455,6 +455,72 @@ TEST_F(DeviceLinkTest, ASilentPlaceThatIsBoundIsUsedAgain) {
   EXPECT_EQ(link->counters().connected, 0U);
 }
 
+TEST_F(DeviceLinkTest, APlaceBelongsToOneDeviceAndBindingTwiceChangesNothing) {
+  open();
+  FakeDevice& device = dial(1);
+  // It answers the first request together with the liveness check, which follows a user that
+  // leaves.
+  device.react = [&](const zell::SlaveTask& task) {
+    if (task.args()[0] == "fileexists") {
+      device.reply("late");
+    }
+    return task.args()[0] == "append" ? std::nullopt : std::optional<std::string>("x");
+  };
+  send(1, requestOf({"append", "/a", "x"}));
+  ASSERT_TRUE(runUntil([&] { return device.tasks.size() == 1; }));
+  link->bind(observer.places[0], 1);
+  steps(5);
+  EXPECT_FALSE(answers[0]);
+  link->bind(observer.places[0], 2);
+  ASSERT_TRUE(waitFor(1));
+  EXPECT_EQ(end(0), "unknown whether it ran lost");
+  send(1, requestOf({"read", "/a"}));
+  ASSERT_TRUE(waitFor(2));
+  EXPECT_EQ(end(1), "not run offline");
+  send(2, requestOf({"read", "/a"}));
+  ASSERT_TRUE(waitFor(3));
+  EXPECT_EQ(answers[2]->payload.bytes(), test::replyOf("x"));
+}
+
+// The observer hears of a loss later than the connection: a request that is sent in between ends
+// too.
+TEST_F(DeviceLinkTest, ARequestBetweenALossAndItsReportIsNotRun) {
+  open();
+  FakeDevice& device = dial(1);
+  device.close();
+  std::size_t sent = 0;
+  while (observer.events.size() < 2) {
+    send(1, requestOf({"append", "/a", "x"}));
+    ++sent;
+    loop.turn(Milliseconds(1));
+  }
+  ASSERT_TRUE(waitFor(sent));
+  for (std::size_t i = 0; i < sent; ++i) {
+    EXPECT_NE(end(i), kAnswered);
+  }
+  EXPECT_EQ(link->counters().queued, 0U);
+  EXPECT_EQ(link->counters().busyDevices, 0U);
+}
+
+TEST_F(DeviceLinkTest, SilencingAnEarlierPlaceLeavesTheDeviceAlone) {
+  open();
+  dial(1);
+  FakeDevice::Settings own;
+  own.hostid = "1";
+  own.source = "127.0.2.1";
+  FakeDevice& second = devices.emplace_back(loop, link->ports().front(), own);
+  ASSERT_TRUE(runUntil([&] { return observer.places.size() == 2; }));
+  second.react = [](const zell::SlaveTask&) { return std::nullopt; };
+  send(1, requestOf({"append", "/a", "x"}));
+  ASSERT_TRUE(runUntil([&] { return second.tasks.size() == 1; }));
+  link->silence(observer.places[0], Reason::quarantined);
+  steps(5);
+  EXPECT_FALSE(answers[0]);
+  second.reply("");
+  ASSERT_TRUE(waitFor(1));
+  EXPECT_EQ(end(0), kAnswered);
+}
+
 TEST_F(DeviceLinkTest, ADeviceThatMovesIsUsedAtItsNewPlace) {
   open();
   FakeDevice& first = dial(1);

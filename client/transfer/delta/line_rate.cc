@@ -8,14 +8,14 @@
 namespace runel {
 namespace {
 
-constexpr std::uint64_t kSlowLine = 5000000;  // bytes in a second
+constexpr std::uint64_t kSlowRate = 5000000;  // bytes in a second
 constexpr std::uint64_t kRatePiece = 262144;
 
 }  // namespace
 
 bool isSlowLine(std::uint64_t bytes, Clock::duration time) {
   const auto micro = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-  return micro > 0 && bytes * 1000000 < kSlowLine * static_cast<std::uint64_t>(micro);
+  return micro > 0 && bytes * 1000000 < kSlowRate * static_cast<std::uint64_t>(micro);
 }
 
 // The time of a request without content is that of the round trip. The first one may wait for

@@ -46,7 +46,7 @@ class StateRouterTest : public testing::Test {
 };
 
 TEST_F(StateRouterTest, PassesOnWhatMayBeWorkedOn) {
-  for (const DeviceId device : {1, 2, 9}) {
+  for (const DeviceId device : {DeviceId{1}, DeviceId{2}, DeviceId{9}}) {
     const CallId id = send(device);
     ASSERT_FALSE(next.sent.empty());
     EXPECT_EQ(id, next.sent.back().id);
@@ -59,7 +59,7 @@ TEST_F(StateRouterTest, PassesOnWhatMayBeWorkedOn) {
 }
 
 TEST_F(StateRouterTest, TellsTheReasonLater) {
-  for (const DeviceId device : {3, 4, 5}) {
+  for (const DeviceId device : {DeviceId{3}, DeviceId{4}, DeviceId{5}}) {
     send(device);
   }
   EXPECT_THAT(answers, IsEmpty()) << "never within the call";

@@ -223,7 +223,7 @@ TEST(RequestReaderTest, RefusesWhatOtherProgramsMayReadInAnotherWay) {
 
 TEST(RequestReaderTest, RefusesTheSameInPieces) {
   for (const auto& refused : refusedRequests()) {
-    for (const std::size_t size : {1, 2, 7}) {
+    for (const std::size_t size : {std::size_t{1}, std::size_t{2}, std::size_t{7}}) {
       const auto outcome = readInPieces(refused.bytes, size);
       ASSERT_EQ(State::refused, outcome.state) << refused.name << ' ' << size;
       EXPECT_EQ(refused.status, outcome.refusal.status) << refused.name << ' ' << size;

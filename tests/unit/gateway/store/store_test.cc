@@ -133,7 +133,7 @@ TEST_P(StoreTest, RemovesRecordsByTheirKey) {
 TEST_P(StoreTest, RemovesADeviceWithAllThatBelongsToIt) {
   open();
   std::vector<Change> changes = {Save<OperationRecord>{operation(1, 1)}};
-  for (const DeviceId id : {1, 2}) {
+  for (const DeviceId id : {DeviceId{1}, DeviceId{2}}) {
     changes.insert(changes.end(),
                    {Save<DeviceRecord>{device(id)}, Save<TagRecord>{{id, "a", "1", ""}},
                     Append<HistoryRecord>{event(id, 1)}, Append<ClauseRecord>{clause(id, 1)},

@@ -3,11 +3,13 @@
 import http.client
 import json
 import threading
+import time
 
 from support.gateway import HTTP_PORT, GatewayCase
 from support.wait import TIMEOUT, wait_until
 
 MANY = 20
+CAUTION = 3
 
 
 class Fleet(GatewayCase):
@@ -58,6 +60,22 @@ class Fleet(GatewayCase):
         self.assertNotIn("not orderly", gateway.log())
         self.assertTrue(all(hosts.is_running(name) for name in hosts.names), "a daemon was stopped")
 
+    def test_after_a_crash_known_devices_are_not_written_to_for_a_while(self):
+        gateway = self.start_gateway(devices__caution_seconds=CAUTION)
+        hosts = self.controllers(3).start()
+        gateway.wait_devices(3)
+        for name in hosts.names:
+            wait_until(lambda name=name: gateway.get(f"/v1/devices/{name}/history")["items"],
+                       "the database knows them")
+        gateway.kill()
+        started = time.monotonic()
+        gateway.start()
+        self.assertIn("nothing is written to known devices for 3 s", gateway.log())
+        gateway.wait_devices(3)
+        self.assertGreaterEqual(time.monotonic() - started, CAUTION)
+        self.assertTrue(all(hosts.is_running(name) for name in hosts.names))
+        self.assertEqual(self.run_task(gateway, "gw-01", "fileexists", "/")["outcome"], "answered")
+
     def test_what_is_unknown_after_a_crash_is_told_as_unknown(self):
         gateway = self.start_gateway()
         self.controllers(1).start()
@@ -94,6 +112,7 @@ class Fleet(GatewayCase):
         hosts.stop("gw-02")
         wait_until(lambda: self.state(gateway, "twin") == "online", "the other one is worked on")
         self.assertEqual(gateway.get("/v1/devices/twin")["address"], hosts.address("gw-01"))
+        self.assertEqual(self.run_task(gateway, "twin", "fileexists", "/")["outcome"], "answered")
         self.assertTrue(hosts.is_running("gw-01"))
 
     def test_the_pinned_device_stays_and_the_other_one_is_quarantined(self):
@@ -122,3 +141,14 @@ class Fleet(GatewayCase):
         self.assertIn("<progress>50 %</progress>", json.dumps(clause))
         self.assertTrue(gateway.get("/v1/devices/gw-01")["agent"])
         self.assertEqual(self.run_task(gateway, "gw-01", "fileexists", "/")["outcome"], "answered")
+
+    def test_new_devices_wait_for_approval(self):
+        gateway = self.start_gateway(admission__mode="approve")
+        hosts = self.controllers(1).start()
+        gateway.wait_devices(1, state="waiting")
+        answer = self.run_task(gateway, "gw-01", "fileexists", "/")
+        self.assertEqual((answer["outcome"], answer["reason"]), ("not run", "waiting"))
+        self.assertEqual(gateway.ask("POST", "/v1/devices/gw-01/approve").status, 200)
+        gateway.wait_devices(1)
+        self.assertEqual(self.run_task(gateway, "gw-01", "fileexists", "/")["outcome"], "answered")
+        self.assertTrue(hosts.is_running("gw-01"))

@@ -7,6 +7,7 @@
 #include <runel/async_master.h>
 
 #include "gateway/config/places.h"
+#include "text/utf8.h"
 
 namespace runelgw {
 namespace {
@@ -21,9 +22,11 @@ constexpr runel::Milliseconds kSecond = std::chrono::seconds(1);
 constexpr runel::Milliseconds kHour = std::chrono::hours(1);
 constexpr runel::Milliseconds kDay = std::chrono::hours(24);
 
+// Valid UTF-8 without control characters: what the file may contain.
 bool isPlain(const std::string& text) {
-  return std::none_of(text.begin(), text.end(),
-                      [](char byte) { return (byte >= 0 && byte < ' ') || byte == '\x7f'; });
+  return zell::isUtf8(text) && std::none_of(text.begin(), text.end(), [](char byte) {
+           return (byte >= 0 && byte < ' ') || byte == '\x7f';
+         });
 }
 
 bool isPath(const std::string& text) {

@@ -141,6 +141,13 @@ TEST(SettingsLoaderTest, NamesTheOptionOfAnInvalidValue) {
               ElementsAre("--devices-listen: expected a list of ADDRESS:PORT with IPv4 addresses"));
 }
 
+TEST(SettingsLoaderTest, WantsTextsThatAFileCanHave) {
+  EXPECT_EQ(problemsOfOption("admission.allow", "gr\xc3\xbc\xc3\x9f").size(), 0U);
+  EXPECT_EQ(problemsOfOption("admission.allow", "\xc0\xcb").size(), 1U);
+  EXPECT_EQ(problemsOfOption("queue.spool_directory", "/\xff").size(), 1U);
+  EXPECT_EQ(problemsOfOption("admission.deny", "a\x1b[m").size(), 1U);
+}
+
 TEST(SettingsLoaderTest, EmptiesAListByAnOption) {
   SettingsLoader loader;
   loader.readText("[admission]\nallow = [\"gw\"]\n", "f");

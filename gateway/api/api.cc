@@ -143,8 +143,8 @@ bool authorize(ApiCall& call) {
     if (!refusal->name.empty()) {
       call.detail = "token " + refusal->name + ": " + refusal->text;
     }
-    Problem problem{refusal->status == 429 ? ProblemType::tooMany : ProblemType::unauthorized,
-                    refusal->text};
+    ApiProblem problem{refusal->status == 429 ? ProblemType::tooMany : ProblemType::unauthorized,
+                       refusal->text};
     problem.retryAfter = refusal->retryAfter;
     call.fail(problem);
     return false;

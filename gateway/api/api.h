@@ -38,7 +38,7 @@ struct ApiSettings {
   ///@{
   /// Longest bodies of requests, in bytes.
   std::size_t bodyBytes = 1048576;
-  std::size_t taskBodyBytes = 16777216;  ///< of requests with contents for devices
+  std::size_t taskBodyBytes = 8388608;  ///< of requests with contents for devices
   ///@}
   std::size_t outputBytes = 8388608;   ///< of one task in an answer; more is cut
   std::size_t resultBytes = 65536;     ///< of one device in an operation; more is cut

@@ -45,7 +45,12 @@ ApiCall::ApiCall(std::shared_ptr<ApiState> itsState, std::shared_ptr<HttpExchang
       exchange(std::move(itsExchange)),
       route(itsRoute),
       values_(std::move(pathValues)),
-      start_(state->clocks.steady()) {}
+      start_(state->clocks.steady()) {
+  if (route != nullptr &&
+      std::string_view(route->path).find("/devices/{name}") != std::string_view::npos) {
+    devices = values_[0];  // also of a request that is refused
+  }
+}
 
 void ApiCall::json(unsigned status, const Json& content) {
   respond(jsonResponse(status, textOf(content)));
@@ -66,7 +71,7 @@ void ApiCall::handedOver(unsigned status) {
   finish(status);
 }
 
-void ApiCall::fail(const Problem& problem) {
+void ApiCall::fail(const ApiProblem& problem) {
   if (outcome.empty()) {
     outcome = std::string("refused (") + nameOf(problem.type) + ")";
   }
@@ -77,7 +82,7 @@ void ApiCall::fail(const Problem& problem) {
 }
 
 void ApiCall::fail(ProblemType type, std::string text, std::string hint) {
-  fail(Problem{type, std::move(text), std::move(hint)});
+  fail(ApiProblem{type, std::move(text), std::move(hint)});
 }
 
 void ApiCall::fail(const runel::Error& error, ProblemType type) {
@@ -85,7 +90,7 @@ void ApiCall::fail(const runel::Error& error, ProblemType type) {
 }
 
 void ApiCall::fail(const Fields& fields) {
-  fail(Problem{ProblemType::malformedRequest, fields.error(), "", fields.pointer()});
+  fail(ApiProblem{ProblemType::malformedRequest, fields.error(), "", fields.pointer()});
 }
 
 void ApiCall::finish(unsigned status) {

@@ -54,7 +54,7 @@ class ApiCall : public std::enable_shared_from_this<ApiCall> {
   void json(unsigned status, const Json& content);
   void noContent();
   void respond(HttpResponse response);
-  void fail(const Problem& problem);
+  void fail(const ApiProblem& problem);
   void fail(ProblemType type, std::string text, std::string hint = "");
   /// A failure of the registry, such as an unknown group: a conflict with the state, or @p type.
   void fail(const runel::Error& error, ProblemType type = ProblemType::conflict);

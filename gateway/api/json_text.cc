@@ -2,6 +2,7 @@
 #include "gateway/api/json_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <set>
@@ -14,6 +15,18 @@ namespace {
 
 constexpr std::string_view kBase64 =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// The value of each character, -1 for others.
+constexpr std::array<int, 256> kDigits = [] {
+  std::array<int, 256> digits{};
+  for (int& digit : digits) {
+    digit = -1;
+  }
+  for (std::size_t value = 0; value < kBase64.size(); ++value) {
+    digits[static_cast<unsigned char>(kBase64[value])] = static_cast<int>(value);
+  }
+  return digits;
+}();
 
 // Checks what the library would accept: nesting without a limit, and names that occur twice, of
 // which two programs may take different ones.
@@ -162,10 +175,10 @@ std::optional<std::string> fromBase64(std::string_view text) {
   std::string bytes;
   bytes.reserve(text.size() / 4 * 3);
   std::uint32_t bits = 0;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const bool padded = at + padding >= text.size();
-    const std::size_t digit = padded ? 0 : kBase64.find(text[at]);
-    if (digit == std::string_view::npos) {
+  const std::size_t digits = text.size() - padding;
+  for (std::size_t at = 0; at < digits; ++at) {
+    const int digit = kDigits[static_cast<unsigned char>(text[at])];
+    if (digit < 0) {
       return std::nullopt;
     }
     bits = (bits << 6) | static_cast<std::uint32_t>(digit);
@@ -175,14 +188,16 @@ std::optional<std::string> fromBase64(std::string_view text) {
       bytes += static_cast<char>(bits & 255U);
     }
   }
-  for (std::size_t extra = 0; extra < padding; ++extra) {
-    if (bytes.back() != '\0') {
-      return std::nullopt;
-    }
-    bytes.pop_back();
+  // The bits behind the last byte must be zero, so that each sequence of bytes has one form.
+  if (padding == 1) {
+    bytes += static_cast<char>(bits >> 10 & 255U);
+    bytes += static_cast<char>(bits >> 2 & 255U);
+    bits &= 3U;
+  } else if (padding == 2) {
+    bytes += static_cast<char>(bits >> 4 & 255U);
+    bits &= 15U;
   }
-  // The bits behind the last byte are zero: each text of bytes has one form.
-  return toBase64(bytes) == text ? std::optional<std::string>(std::move(bytes)) : std::nullopt;
+  return padding > 0 && bits != 0 ? std::nullopt : std::optional<std::string>(std::move(bytes));
 }
 
 std::string printable(std::string_view text) {

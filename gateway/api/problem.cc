@@ -63,7 +63,7 @@ const char* nameOf(ProblemType type) {
   return rowOf(type).name;
 }
 
-HttpResponse responseOf(const Problem& problem) {
+HttpResponse responseOf(const ApiProblem& problem) {
   const Row& row = rowOf(problem.type);
   Json body = {{"type", std::string("/problems/") + row.name},
                {"title", row.title},

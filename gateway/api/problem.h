@@ -33,7 +33,7 @@ enum class ProblemType {
 };
 
 /// One error.
-struct Problem {
+struct ApiProblem {
   ProblemType type = ProblemType::malformedRequest;
   std::string detail;     ///< one sentence
   std::string hint{};     ///< what to do about it; may be empty
@@ -46,7 +46,7 @@ struct Problem {
 /// The last part of its `type`: "malformed-request".
 [[nodiscard]] const char* nameOf(ProblemType type);
 /// The whole answer. Texts that are no UTF-8 are made so.
-[[nodiscard]] HttpResponse responseOf(const Problem& problem);
+[[nodiscard]] HttpResponse responseOf(const ApiProblem& problem);
 
 }  // namespace runelgw
 

@@ -112,7 +112,7 @@ void follow(const CallPtr& call, EventWish wish) {
   streams.tick();  // those that have gone do not count
   if (streams.size() >= call->state->settings.mostEventStreams ||
       streams.countOf(call->who.token) >= call->state->settings.mostEventStreamsOfToken) {
-    Problem problem{ProblemType::tooMany, "there are too many streams of events"};
+    ApiProblem problem{ProblemType::tooMany, "there are too many streams of events"};
     problem.retryAfter = 30;
     call->fail(problem);
     return;

@@ -28,7 +28,7 @@ void getReadiness(const CallPtr& call) {
     reason = "the database is out of reach";
   }
   if (reason) {
-    Problem problem{ProblemType::unavailable, *reason};
+    ApiProblem problem{ProblemType::unavailable, *reason};
     problem.retryAfter = 5;
     call->fail(problem);
     return;

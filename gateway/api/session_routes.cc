@@ -39,7 +39,7 @@ void logIn(const CallPtr& call) {
   Auth& auth = call->state->parts.auth;
   auto session = auth.login(secret, call->request().peer);
   if (const auto* const refusal = std::get_if<AuthRefusal>(&session)) {
-    Problem problem{ProblemType::unauthorized, refusal->text};
+    ApiProblem problem{ProblemType::unauthorized, refusal->text};
     if (refusal->status != 401) {
       problem.type = refusal->status == 429 ? ProblemType::tooMany : ProblemType::unavailable;
     }

@@ -44,7 +44,7 @@ std::string summaryText(const std::string& task, const std::vector<std::string>&
   return text;
 }
 
-Problem wrong(const Fields& fields) {
+ApiProblem wrong(const Fields& fields) {
   return {ProblemType::malformedRequest, fields.error(), "", fields.pointer()};
 }
 
@@ -111,7 +111,8 @@ const char* nameAt(const char* const (&names)[kCount], int number) {
 }
 
 // Checks the arguments and fills in the record.
-std::optional<Problem> encode(TaskWish& wish, Fields& fields, std::vector<std::string> arguments) {
+std::optional<ApiProblem> encode(TaskWish& wish, Fields& fields,
+                                 std::vector<std::string> arguments) {
   const zell::TaskTraits* const row = zell::findTask(wish.task);
   const bool content = fields.has("content");
   if (content && !takesContent(wish.task)) {
@@ -140,8 +141,8 @@ std::optional<Problem> encode(TaskWish& wish, Fields& fields, std::vector<std::s
 
 }  // namespace
 
-std::variant<TaskWish, Problem> readTask(const Json& json, const std::string& pointer,
-                                         runel::Milliseconds deadline) {
+std::variant<TaskWish, ApiProblem> readTask(const Json& json, const std::string& pointer,
+                                            runel::Milliseconds deadline) {
   Fields fields(json, {"task", "arguments", "content", "limit_s", "deadline_ms"}, pointer);
   TaskWish wish;
   wish.task = fields.text("task", 64);
@@ -158,11 +159,11 @@ std::variant<TaskWish, Problem> readTask(const Json& json, const std::string& po
   wish.deadline = runel::Milliseconds(chosen);
   const std::optional<TaskRefusal> refusal = refusalOf(wish.task, static_cast<int>(limit));
   if (refusal) {
-    return Problem{ProblemType::refusedTask, refusal->text, refusal->hint, pointer + "/task"};
+    return ApiProblem{ProblemType::refusedTask, refusal->text, refusal->hint, pointer + "/task"};
   }
   wish.kind = *kindOf(wish.task);
   wish.summary = summaryText(wish.task, arguments);
-  if (std::optional<Problem> problem = encode(wish, fields, std::move(arguments))) {
+  if (std::optional<ApiProblem> problem = encode(wish, fields, std::move(arguments))) {
     return std::move(*problem);
   }
   return wish;

@@ -30,8 +30,9 @@ struct TaskWish {
 
 /// Reads {"task", "arguments", "content", "limit_s", "deadline_ms"}. @p pointer is the place of
 /// @p json in the body. @p deadline is used without a chosen one, and an "exec" adds its limit.
-[[nodiscard]] std::variant<TaskWish, Problem> readTask(const Json& json, const std::string& pointer,
-                                                       runel::Milliseconds deadline);
+[[nodiscard]] std::variant<TaskWish, ApiProblem> readTask(const Json& json,
+                                                          const std::string& pointer,
+                                                          runel::Milliseconds deadline);
 
 /// What a device has answered.
 struct TaskReply {

@@ -14,8 +14,8 @@ namespace {
 // Reads the task and checks whether the client may run it; without a value the call is answered.
 std::optional<TaskWish> readWish(const CallPtr& call, const Json& json,
                                  const std::string& pointer) {
-  std::variant<TaskWish, Problem> read = readTask(json, pointer, call->state->settings.deadline);
-  if (auto* const problem = std::get_if<Problem>(&read)) {
+  std::variant<TaskWish, ApiProblem> read = readTask(json, pointer, call->state->settings.deadline);
+  if (auto* const problem = std::get_if<ApiProblem>(&read)) {
     call->fail(*problem);
     return std::nullopt;
   }
@@ -148,6 +148,31 @@ bool useKey(const CallPtr& call, OperationWish& wish) {
   return false;
 }
 
+// Starts the operation, unless its key was used before.
+void begin(const CallPtr& call, OperationWish operation) {
+  if (!useKey(call, operation)) {
+    return;
+  }
+  if (!call->state->operations.hasRoom()) {
+    ApiProblem problem{ProblemType::tooMany, "too many operations run"};
+    problem.retryAfter = 10;
+    call->fail(problem);
+    return;
+  }
+  call->detail = std::to_string(operation.devices.size()) + " devices";
+  call->body = nullptr;
+  const auto id = std::make_shared<std::uint64_t>(0);
+  *id = call->state->operations.start(std::move(operation),
+                                      [call, id](const std::optional<std::string>& error) {
+                                        if (error) {
+                                          call->fail(ProblemType::storage, *error);
+                                          return;
+                                        }
+                                        call->detail += ", operation " + std::to_string(*id);
+                                        answerStarted(call, *id);
+                                      });
+}
+
 Json resultJson(const CallPtr& call, const OperationResultRecord& record) {
   const Device* const device = call->state->parts.registry.find(record.device);
   Json json = {{"device", device == nullptr ? Json(nullptr) : Json(device->name)},
@@ -265,42 +290,31 @@ void startOperation(const CallPtr& call) {
   if (!wish) {
     return;
   }
-  const Registry& registry = call->state->parts.registry;
-  runel::Result<Query> query = registry.query(text);
+  Registry& registry = call->state->parts.registry;
+  const runel::Result<Query> query = registry.query(text);
   if (!query) {
     call->fail(ProblemType::invalidQuery, query.error().text());
     return;
   }
   OperationWish operation;
-  if (!useKey(call, operation)) {
-    return;
-  }
-  if (!call->state->operations.hasRoom()) {
-    Problem problem{ProblemType::tooMany, "too many operations run"};
-    problem.retryAfter = 10;
-    call->fail(problem);
-    return;
-  }
   for (const Device* const device : selectSeen(registry, call->who, *query)) {
     operation.devices.push_back(device->id);
   }
-  call->detail = std::to_string(operation.devices.size()) + " devices";
   operation.who = call->who.label();
   operation.query = text;
   operation.task = std::move(*wish);
   operation.parallel = static_cast<std::size_t>(parallel);
   operation.permit = call->permit();
-  call->body = nullptr;
-  const auto id = std::make_shared<std::uint64_t>(0);
-  *id = call->state->operations.start(std::move(operation),
-                                      [call, id](const std::optional<std::string>& error) {
-                                        if (error) {
-                                          call->fail(ProblemType::storage, *error);
-                                          return;
-                                        }
-                                        call->detail += ", operation " + std::to_string(*id);
-                                        answerStarted(call, *id);
-                                      });
+  // Results name devices by their number. A number that is not stored would be given to another
+  // device after a crash.
+  registry.flush(
+      [call, operation = std::move(operation)](const std::optional<std::string>& error) mutable {
+        if (error) {
+          call->fail(ProblemType::storage, *error);
+          return;
+        }
+        begin(call, std::move(operation));
+      });
 }
 
 void listOperations(const CallPtr& call) {

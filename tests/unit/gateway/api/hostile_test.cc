@@ -242,6 +242,9 @@ TEST_F(HostileTest, RefusedChangesAreRecordedWithWhoAndWhere) {
   EXPECT_EQ(record.from, "192.0.2.1");
   EXPECT_EQ(record.what, "setGroup");
   EXPECT_EQ(record.outcome, "refused (forbidden)");
+  call("POST", "/v1/devices/gw-1/deny", "");
+  EXPECT_EQ(store_.audit.back().devices, "gw-1");
+  call("PUT", "/v1/groups/g", viewer_, {{"query", "@all"}});
   EXPECT_EQ(
       log_.back(),
       "token viewer (viewer) from 192.0.2.1: setGroup: refused (forbidden): this needs the role "

@@ -108,6 +108,11 @@ TEST_F(OperationsTest, NothingIsSentBeforeItIsStored) {
                              {"content-type", "application/json"}};
   exchange->asked.body = body().dump();
   api_->handle(exchange);
+  // First the devices are stored, whose numbers the results have.
+  EXPECT_TRUE(store_.operations.empty());
+  while (!store_.idle() && store_.operations.empty()) {
+    store_.runOne();
+  }
   // The record and "not run" for each device are on their way.
   EXPECT_FALSE(exchange->answer);
   EXPECT_EQ(stored(), (std::map<std::string, int>{{"not run", 3}}));
@@ -123,6 +128,25 @@ TEST_F(OperationsTest, NothingIsSentBeforeItIsStored) {
   answerAll();
   EXPECT_EQ(stored(), (std::map<std::string, int>{{"answered", 3}}));
   got(exchange);
+}
+
+TEST_F(OperationsTest, DevicesAreStoredBeforeTheirResults) {
+  connectMany(2);
+  start(body());
+  std::set<DeviceId> known;
+  std::size_t results = 0;
+  for (const std::vector<Change>& changes : store_.writes) {
+    for (const Change& change : changes) {
+      if (const auto* const device = std::get_if<Save<DeviceRecord>>(&change)) {
+        known.insert(device->record.id);
+      } else if (const auto* const result = std::get_if<Save<OperationResultRecord>>(&change)) {
+        EXPECT_EQ(known.count(result->record.device), 1U) << result->record.device;
+        ++results;
+      }
+    }
+  }
+  EXPECT_EQ(known.size(), 2U);
+  EXPECT_GE(results, 4U);
 }
 
 TEST_F(OperationsTest, AfterARestartTheOutcomesAreExact) {
@@ -240,6 +264,7 @@ TEST_F(OperationsTest, AnIdempotencyKeyStartsItOnceAlsoAfterARestart) {
   EXPECT_EQ(call("POST", "/v1/operations", admin_, body("gw-1"), key).problem(), "key-reused");
   EXPECT_NE(start(body(), operator_, key), id);
   router_.sent.clear();
+  EXPECT_NE(store_.settings.lower_bound("idempotency/"), store_.settings.end());
   restart();
   connectMany(2);
   EXPECT_EQ(start(body(), "", key), id);
@@ -247,7 +272,9 @@ TEST_F(OperationsTest, AnIdempotencyKeyStartsItOnceAlsoAfterARestart) {
   wall_ += 86400LL * 1000 + 1;
   api_->tick();
   store_.run();
-  EXPECT_TRUE(store_.settings.empty());
+  for (const auto& [name, value] : store_.settings) {
+    EXPECT_NE(name.substr(0, 12), "idempotency/") << name;
+  }
   EXPECT_NE(start(body(), "", key), id);
   for (const std::string& bad : {std::string(), std::string(129, 'a'), std::string("a b"),
                                  std::string("a\xff"), std::string("a\nb")}) {

@@ -81,8 +81,8 @@ Database::Failure openLog(Database& database) {
         return false;
       });
   if (!failure && mode != "wal") {
-    return Problem{Trouble::refused,
-                   "its file system does not support a write-ahead log (mode " + mode + ")"};
+    return DatabaseProblem{
+        Trouble::refused, "its file system does not support a write-ahead log (mode " + mode + ")"};
   }
   return failure;
 }
@@ -106,10 +106,12 @@ Database::Failure checkServer(Database& database) {
                      });
   if (!failure && encoding != "UTF8") {
     // Other encodings cannot hold every character.
-    return Problem{Trouble::refused, "its encoding is " + encoding + "; create one with UTF8"};
+    return DatabaseProblem{Trouble::refused,
+                           "its encoding is " + encoding + "; create one with UTF8"};
   }
   if (!failure && schema.empty()) {
-    return Problem{Trouble::refused, "its user may use no schema; grant USAGE and CREATE on one"};
+    return DatabaseProblem{Trouble::refused,
+                           "its user may use no schema; grant USAGE and CREATE on one"};
   }
   return failure;
 }
@@ -130,7 +132,7 @@ Database::Failure lockServer(const StoreSettings& settings, Database& database) 
       return {};
     }
     if (std::chrono::steady_clock::now() >= end) {
-      return Problem{Trouble::busy, "another gateway uses it; stop that one first"};
+      return DatabaseProblem{Trouble::busy, "another gateway uses it; stop that one first"};
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
@@ -190,7 +192,7 @@ std::string nameOf(const StoreSettings& settings) {
   return isServer(settings) ? "the PostgreSQL database" : "the database " + settings.database;
 }
 
-std::string sentenceFor(const StoreSettings& settings, const Problem& problem) {
+std::string sentenceFor(const StoreSettings& settings, const DatabaseProblem& problem) {
   return nameOf(settings) + ": " + problem.text + adviceFor(settings, problem.trouble);
 }
 
@@ -261,7 +263,7 @@ Database::Failure checkPages(Database& database) {
         return false;
       });
   if (!failure && found != "ok") {
-    return Problem{Trouble::corrupt, "it is damaged (" + found + ")"};
+    return DatabaseProblem{Trouble::corrupt, "it is damaged (" + found + ")"};
   }
   return failure;
 }

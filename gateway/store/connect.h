@@ -29,7 +29,8 @@ using Sentence = std::optional<std::string>;
 [[nodiscard]] std::string nameOf(const StoreSettings& settings);
 
 /// One sentence for @p problem: what failed, and what to do.
-[[nodiscard]] std::string sentenceFor(const StoreSettings& settings, const Problem& problem);
+[[nodiscard]] std::string sentenceFor(const StoreSettings& settings,
+                                      const DatabaseProblem& problem);
 
 /// A lock on the file @p path, which ends with the process or when @p lock is closed. It is a file
 /// beside it: the database library has other locks on the database itself.

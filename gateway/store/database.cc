@@ -115,8 +115,8 @@ Trouble troubleOfState(const std::string& state) {
   return Trouble::refused;
 }
 
-Problem problemOf(const soci::soci_error& error) {
-  Problem problem{Trouble::refused, oneLine(error.get_error_message())};
+DatabaseProblem problemOf(const soci::soci_error& error) {
+  DatabaseProblem problem{Trouble::refused, oneLine(error.get_error_message())};
   if (const auto* file = dynamic_cast<const soci::sqlite3_soci_error*>(&error)) {
     problem.trouble = troubleOfSqlite(file->result());
   } else if (const auto* server = dynamic_cast<const soci::postgresql_soci_error*>(&error)) {
@@ -186,7 +186,7 @@ Database::~Database() {
 
 Database::Failure Database::guarded(const std::function<void()>& action) {
   if (!connection_) {
-    return Problem{Trouble::lost, "not connected"};
+    return DatabaseProblem{Trouble::lost, "not connected"};
   }
   return caught(action);
 }
@@ -198,7 +198,7 @@ Database::Failure Database::caught(const std::function<void()>& action) {
   } catch (const soci::soci_error& error) {
     return problemOf(error);
   } catch (const std::exception& error) {
-    return Problem{Trouble::refused, oneLine(error.what())};
+    return DatabaseProblem{Trouble::refused, oneLine(error.what())};
   }
 }
 

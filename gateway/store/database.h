@@ -26,7 +26,7 @@ enum class Trouble {
 };
 
 /// A failure: its kind and the database's own text in one line.
-struct Problem {
+struct DatabaseProblem {
   Trouble trouble = Trouble::refused;
   std::string text;
 
@@ -52,7 +52,7 @@ enum class Dialect { sqlite, postgres };
 
 class Database {
  public:
-  using Failure = std::optional<Problem>;  ///< empty: success
+  using Failure = std::optional<DatabaseProblem>;  ///< empty: success
   /// Takes a row; false ends the query.
   using TakeRow = std::function<bool(std::vector<Value>& row)>;
 

@@ -75,7 +75,7 @@ Database::Failure saveRecord(Database& database, const Record& record) {
   return database.execute(sqlOf<Record>().save, std::move(values.values()));
 }
 
-Problem damagedRow(const std::string& table, const std::string& column) {
+DatabaseProblem damagedRow(const std::string& table, const std::string& column) {
   return {Trouble::corrupt, "the table " + table + " has an invalid value in " + column};
 }
 

@@ -272,7 +272,7 @@ Database::Failure Writer::commitAlone(Batch& batch) {
       }
       // The server may also have ended the connection with another reason.
       if (!database_->works()) {
-        return Problem{Trouble::lost, failure->text};
+        return DatabaseProblem{Trouble::lost, failure->text};
       }
       group.error = sentenceFor(settings_, *failure);
     }
@@ -289,7 +289,7 @@ void Writer::failUnfinished(Batch& batch) const {
   }
 }
 
-void Writer::tell(const Problem& problem) {
+void Writer::tell(const DatabaseProblem& problem) {
   tell(sentenceFor(settings_, problem), problem.trouble != Trouble::lost);
 }
 
@@ -301,7 +301,7 @@ void Writer::tell(const std::string& sentence, bool connected) {
 
 // Waits, then connects again if the connection is lost. False: the store closes, and the time is
 // over.
-bool Writer::recover(const Problem& problem, std::chrono::milliseconds& delay) {
+bool Writer::recover(const DatabaseProblem& problem, std::chrono::milliseconds& delay) {
   if (database_->isOpen()) {
     tell(problem);  // otherwise the reason is told why it cannot be opened
   }

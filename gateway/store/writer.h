@@ -69,9 +69,9 @@ class Writer {
   void failUnfinished(Batch& batch) const;
   void report(Batch& batch);
   void removeStep();
-  [[nodiscard]] bool recover(const Problem& problem, std::chrono::milliseconds& delay);
+  [[nodiscard]] bool recover(const DatabaseProblem& problem, std::chrono::milliseconds& delay);
   void reconnect();
-  void tell(const Problem& problem);
+  void tell(const DatabaseProblem& problem);
   void tell(const std::string& sentence, bool connected);
   void answer(Store::Done done, std::optional<std::string> error) const;
   void probe(const char* step) const;

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "gateway/api/call.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <iterator>
 #include <utility>
 
 #include "gateway/api/scope.h"
@@ -16,6 +18,20 @@ bool lists(const std::string& header, const std::string& etag) {
     return !etag.empty();
   }
   return !etag.empty() && header.find(etag) != std::string::npos;
+}
+
+// Whether the registry makes its changes, and writes them to the database later.
+bool changesFleet(const Route& route) {
+  constexpr decltype(Route::handler) kOthers[] = {runTask,     sendClause,     logIn,
+                                                  logOut,      startOperation, cancelOperation,
+                                                  createToken, revokeToken};
+  return route.changes &&
+         std::find(std::begin(kOthers), std::end(kOthers), route.handler) == std::end(kOthers);
+}
+
+HttpResponse notStored(const std::string& why) {
+  return responseOf(
+      Problem{ProblemType::storage, "it is done, but the database has not stored it yet: " + why});
 }
 
 }  // namespace
@@ -61,10 +77,19 @@ void ApiCall::noContent() {
 }
 
 void ApiCall::respond(HttpResponse response) {
-  if (!finished_) {
-    finish(response.status);
-    exchange->respond(std::move(response));
+  if (finished_) {
+    return;
   }
+  finish(response.status);
+  if (response.status >= 300 || route == nullptr || !changesFleet(*route)) {
+    exchange->respond(std::move(response));
+    return;
+  }
+  // Who reads that it is done may rely on it, also after a crash.
+  state->parts.registry.flush([self = shared_from_this(), response = std::move(response)](
+                                  const std::optional<std::string>& error) {
+    self->exchange->respond(error ? notStored(*error) : response);
+  });
 }
 
 void ApiCall::handedOver(unsigned status) {

@@ -327,9 +327,13 @@ std::shared_ptr<WebSocketHandler> makeAttachSession(std::shared_ptr<Permit> perm
 
 void attachClient(const std::shared_ptr<HttpExchange>& exchange, std::shared_ptr<Permit> permit,
                   const AttachParts& parts, const AttachSettings& settings) {
-  const bool offers = exchange->request().offersSubprotocol(kAttachProtocol);
-  exchange->upgrade(makeAttachSession(std::move(permit), parts, settings),
-                    offers ? kAttachProtocol : "");
+  const HttpRequest& request = exchange->request();
+  if (request.wantsWebSocket() && !request.offersSubprotocol(kAttachProtocol)) {
+    exchange->respond(
+        textResponse(400, std::string("the subprotocol ") + kAttachProtocol + " is needed\n"));
+    return;
+  }
+  exchange->upgrade(makeAttachSession(std::move(permit), parts, settings), kAttachProtocol);
 }
 
 }  // namespace runelgw

@@ -244,6 +244,7 @@ void DeviceQueue::endOrKeep(Entries::iterator entry, bool mayHaveRun) {
   if (entry->done && reason_ == Reason::lost && call.repeat && entry->head.repeatable &&
       call.deadline != Clock::time_point::max()) {
     if (mayHaveRun) {
+      entry->mayHaveRun = true;
       events_.retried();
     }
     return;
@@ -258,6 +259,10 @@ void DeviceQueue::finish(Entries::iterator entry, Answer answer) {
 
 // Also tells of a cancelled request, which is then known to be over.
 void DeviceQueue::tell(Entry& entry, Answer answer) {
+  if (entry.mayHaveRun && answer.outcome == Outcome::notRun) {
+    answer = unknown(answer.reason,
+                     "the connection was lost after the request was sent, and then " + answer.text);
+  }
   events_.done(entry.id, entry.head, std::exchange(entry.done, nullptr), std::move(answer));
 }
 

@@ -79,6 +79,7 @@ class DeviceQueue {
     runel::Clock::time_point turn;  // when the device could begin with it
     std::int64_t since = 0;         // the same, in milliseconds since 1970
     bool silent = false;            // the I/O timeout is over
+    bool mayHaveRun = false;        // it was sent before its connection was lost
     std::shared_ptr<LargeAnswer> large;
   };
   using Entries = std::list<Entry>;

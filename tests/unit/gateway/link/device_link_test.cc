@@ -259,6 +259,19 @@ TEST_F(DeviceLinkTest, WhatMayBeRepeatedIsSentAgainWhenTheDeviceReturns) {
   EXPECT_EQ(link->counters().retries, 1U);
 }
 
+TEST_F(DeviceLinkTest, WhatWasSentBeforeALossIsUnknownEvenIfItIsNotSentAgain) {
+  open();
+  FakeDevice& device = dial(1);
+  device.react = [](const zell::SlaveTask&) { return std::nullopt; };
+  send(1, requestOf({"read", "/a"}), Milliseconds(200));
+  send(1, requestOf({"exec", "/bin/true"}, 10), Milliseconds(200));
+  ASSERT_TRUE(runUntil([&] { return device.tasks.size() == 1; }));
+  device.close();
+  ASSERT_TRUE(waitFor(2));
+  EXPECT_EQ(end(0), "unknown whether it ran deadline");
+  EXPECT_EQ(end(1), "not run lost") << "the exec waited";
+}
+
 TEST_F(DeviceLinkTest, TheDeadlineEndsWhatWaitsAndWhatRuns) {
   open();
   FakeDevice& device = dial(1);

@@ -19,9 +19,9 @@ constexpr std::size_t kReadAtOnce = 65536;
 constexpr std::size_t kMostPending = 32;
 constexpr std::size_t kLongestGreeting = 1024;
 constexpr std::string_view kAttach = "attach ";
-constexpr std::uint64_t kMostCredit = std::uint64_t{1} << 40U;
+constexpr std::uint64_t kMostGranted = std::uint64_t{1} << 40U;
 
-bool wouldBlock(int number) {
+bool isNotReady(int number) {
   return number == EAGAIN || number == EWOULDBLOCK || number == EINTR;
 }
 
@@ -73,7 +73,7 @@ void DeviceChannel::readGreeting() {
     device_ += byte;
     got = recv(socket_.get(), &byte, 1, MSG_DONTWAIT);
   }
-  if (got < 0 && wouldBlock(errno)) {
+  if (got < 0 && isNotReady(errno)) {
     return;
   }
   if (got != 1 || byte != '\n' || device_.compare(0, kAttach.size(), kAttach) != 0) {
@@ -98,7 +98,7 @@ void DeviceChannel::read() {
   if (got > 0) {
     take(std::string_view(bytes, static_cast<std::size_t>(got)));
     watch();
-  } else if (got == 0 || !wouldBlock(errno)) {
+  } else if (got == 0 || !isNotReady(errno)) {
     end(false);
   }
 }
@@ -184,7 +184,7 @@ bool DeviceChannel::endOldest() {
 }
 
 bool DeviceChannel::addCredit(std::uint64_t bytes) {
-  if (state_ == State::greeting || state_ == State::waiting || credit_ + bytes > kMostCredit) {
+  if (state_ == State::greeting || state_ == State::waiting || credit_ + bytes > kMostGranted) {
     return false;
   }
   credit_ += bytes;
@@ -264,7 +264,7 @@ void DeviceChannel::flush() {
   while (socket_.valid() && !out_.empty()) {
     const ssize_t taken =
         ::send(socket_.get(), out_.data(), out_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (taken < 0 && wouldBlock(errno)) {
+    if (taken < 0 && isNotReady(errno)) {
       break;
     }
     if (taken < 0) {

@@ -40,7 +40,8 @@ Code codeOf(int number, std::size_t bytes) {
   return {number, boost::system::system_category()};
 }
 
-// A ByteStream in the form that the library needs.
+// A ByteStream in the form that the library needs. The library gives names of functions.
+// NOLINTBEGIN(readability-identifier-naming)
 class StreamAdapter {
  public:
   using executor_type = asio::io_context::executor_type;
@@ -124,6 +125,8 @@ template <typename Handler>
 void async_teardown(beast::role_type, StreamAdapter& stream, Handler&& handler) {
   stream.complete(std::forward<Handler>(handler), Code());
 }
+
+// NOLINTEND(readability-identifier-naming)
 
 class BeastWebSocket : public WebSocket {
  public:

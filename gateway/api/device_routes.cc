@@ -64,7 +64,7 @@ bool mayTag(const CallPtr& call) {
 void listDevices(const CallPtr& call) {
   const Registry& registry = call->state->parts.registry;
   const std::string* const text = call->parameter("query");
-  runel::Result<Query> query = registry.query(text == nullptr ? "@all" : *text);
+  runel::Result<Query> query = querySeen(registry, call->who, text == nullptr ? "@all" : *text);
   if (!query) {
     call->fail(ProblemType::invalidQuery, query.error().text());
     return;

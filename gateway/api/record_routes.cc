@@ -207,7 +207,7 @@ void listAudit(const CallPtr& call) {
 void streamEvents(const CallPtr& call) {
   EventWish wish;
   if (const std::string* const text = call->parameter("query")) {
-    runel::Result<Query> query = call->state->parts.registry.query(*text);
+    runel::Result<Query> query = querySeen(call->state->parts.registry, call->who, *text);
     if (!query) {
       call->fail(ProblemType::invalidQuery, query.error().text());
       return;

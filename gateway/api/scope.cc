@@ -12,6 +12,12 @@ bool sees(const Registry& registry, const Identity& identity, const Device& devi
                      [&](const std::string& group) { return registry.inGroup(device, group); });
 }
 
+runel::Result<Query> querySeen(const Registry& registry, const Identity& identity,
+                               const std::string& text) {
+  return registry.query(text,
+                        [&](const Device& device) { return sees(registry, identity, device); });
+}
+
 std::vector<const Device*> selectSeen(const Registry& registry, const Identity& identity,
                                       const Query& query) {
   std::vector<const Device*> devices = registry.select(query);

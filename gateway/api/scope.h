@@ -17,6 +17,9 @@ namespace runelgw {
 
 /// Whether @p identity may know @p device: it is in one of its groups, or the client has none.
 [[nodiscard]] bool sees(const Registry& registry, const Identity& identity, const Device& device);
+/// Parses @p text as `Registry::query` does. A device that @p identity may not know does not exist.
+[[nodiscard]] runel::Result<Query> querySeen(const Registry& registry, const Identity& identity,
+                                             const std::string& text);
 /// The devices of @p query that @p identity may know, by name.
 [[nodiscard]] std::vector<const Device*> selectSeen(const Registry& registry,
                                                     const Identity& identity, const Query& query);

@@ -291,7 +291,7 @@ void startOperation(const CallPtr& call) {
     return;
   }
   Registry& registry = call->state->parts.registry;
-  const runel::Result<Query> query = registry.query(text);
+  const runel::Result<Query> query = querySeen(registry, call->who, text);
   if (!query) {
     call->fail(ProblemType::invalidQuery, query.error().text());
     return;

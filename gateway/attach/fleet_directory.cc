@@ -72,7 +72,8 @@ runel::Result<AttachDirectory::Part> FleetDirectory::list(const std::string& que
                                                           const std::string& cursor,
                                                           const Permit& permit,
                                                           std::size_t most) const {
-  const auto parsed = registry_.query(query);
+  const auto parsed =
+      registry_.query(query, [&permit](const Device& device) { return permit.maySee(device.id); });
   if (!parsed) {
     return parsed.error();
   }

@@ -40,25 +40,31 @@ std::vector<const Device*> Registry::Data::select(const Query& query) const {
   return selected;
 }
 
-bool Registry::Data::exists(const Query::Named& named) const {
-  const bool device = std::any_of(named.names.begin(), named.names.end(),
-                                  [&](const std::string& name) { return byName.count(name) > 0; });
+bool Registry::Data::exists(const Query::Named& named, const Seen& seen) const {
+  const bool device =
+      std::any_of(named.names.begin(), named.names.end(), [&](const std::string& name) {
+        const auto found = byName.find(name);
+        return found != byName.end() && (!seen || seen(found->second->device));
+      });
   if (device || named.names.empty() || !named.mayBeTag) {
     return device || named.names.empty();
   }
   return std::any_of(devices.begin(), devices.end(), [&](const auto& each) {
-    return each.second->device.tags.count(named.names.front()) > 0;
+    const Device& one = each.second->device;
+    return one.tags.count(named.names.front()) > 0 && (!seen || seen(one));
   });
 }
 
-runel::Result<void> Registry::Data::checkNames(const Query& query) const {
+runel::Result<void> Registry::Data::checkNames(const Query& query, const Seen& seen) const {
   for (const Query::Named& named : query.named()) {
-    if (exists(named)) {
+    if (exists(named, seen)) {
       continue;
     }
     std::vector<std::string> names;
     for (const auto& [name, entry] : byName) {
-      names.push_back(name);
+      if (!seen || seen(entry->device)) {
+        names.push_back(name);
+      }
     }
     return failure((named.names.size() == 1 ? "no device '" : "no device of '") + named.text + "'" +
                    zell::suggestion(named.text, names));
@@ -109,13 +115,13 @@ void Registry::Data::shiftTimes(std::int64_t leap) {
 
 void Registry::Data::saveSeen() {
   const runel::Clock::time_point now = timeline.steady();
-  while (!seen.empty() && seen.front().first <= now) {
-    Entry* const entry = at(seen.front().second);
+  while (!seenToSave.empty() && seenToSave.front().first <= now) {
+    Entry* const entry = at(seenToSave.front().second);
     if (entry != nullptr && entry->seenQueued) {
       entry->seenQueued = false;
       saver.deviceChanged(entry->device.id);
     }
-    seen.pop_front();
+    seenToSave.pop_front();
   }
 }
 
@@ -169,7 +175,7 @@ bool Registry::inGroup(const Device& device, const std::string& group) const {
   return query != nullptr && matches(device, *query);
 }
 
-runel::Result<Query> Registry::query(const std::string& text) const {
+runel::Result<Query> Registry::query(const std::string& text, const Seen& seen) const {
   runel::Result<Query> query = Query::parse(text);
   if (!query) {
     return query;
@@ -177,7 +183,7 @@ runel::Result<Query> Registry::query(const std::string& text) const {
   if (const runel::Result<void> checked = data_->groups.check(*query); !checked) {
     return checked.error();
   }
-  if (const runel::Result<void> checked = data_->checkNames(*query); !checked) {
+  if (const runel::Result<void> checked = data_->checkNames(*query, seen); !checked) {
     return checked.error();
   }
   return query;

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -84,9 +85,11 @@ class Registry : public LinkObserver {
   [[nodiscard]] bool matches(const Device& device, const Query& query) const;
   /// Whether it is in the saved group; false for an unknown group.
   [[nodiscard]] bool inGroup(const Device& device, const std::string& group) const;
+  /// Whether a caller may know a device. Empty: each one.
+  using Seen = std::function<bool(const Device& device)>;
   /// Parses @p text and checks its groups. Then also fails if it names a single device that does
-  /// not exist. The error is a sentence with the position or a suggestion.
-  [[nodiscard]] runel::Result<Query> query(const std::string& text) const;
+  /// not exist, or that is not @p seen. The error is a sentence with the position or a suggestion.
+  [[nodiscard]] runel::Result<Query> query(const std::string& text, const Seen& seen = {}) const;
   /// What queries need besides a device.
   [[nodiscard]] Query::Context context() const;
   [[nodiscard]] std::size_t size() const;

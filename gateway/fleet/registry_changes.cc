@@ -120,7 +120,7 @@ void Registry::Data::heard(Entry& entry) {
   entry.notedSeen = true;
   if (!entry.seenQueued) {
     entry.seenQueued = true;
-    seen.emplace_back(timeline.steady() + kSeenDelay, entry.device.id);
+    seenToSave.emplace_back(timeline.steady() + kSeenDelay, entry.device.id);
   }
 }
 

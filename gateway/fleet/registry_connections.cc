@@ -9,6 +9,10 @@ namespace runelgw {
 namespace {
 
 constexpr std::size_t kLongestReason = 200;
+// Each decision looks at all claims of an identity. A connection at the pin is added up to a higher
+// limit, so that others cannot keep the device out.
+constexpr std::size_t kMostClaims = 16;
+constexpr std::size_t kMostClaimsAtPin = 64;
 
 std::string textOf(const Place& place) {
   return place.host + ":" + std::to_string(place.port);
@@ -123,6 +127,12 @@ void Registry::Data::identify(Connection& connection) {
       return;
     }
     entry = &addDevice(connection);
+  }
+  const bool atPin = matchesPin(
+      standing(*entry), {connection.place.host, connection.place.certificate, connection.listed});
+  if (entry->claims.size() >= (atPin ? kMostClaimsAtPin : kMostClaims)) {
+    refuse(connection, "too many connections claim to be " + entry->device.name);
+    return;
   }
   connection.entry = entry;
   entry->claims.push_back(&connection);
@@ -317,7 +327,8 @@ void Registry::Data::lost(const Place& place, const std::string& why) {
   reassess(*entry);
 }
 
-void Registry::Data::reassessAll() {
+// Looks again at the connections that no device has.
+void Registry::Data::retryRefused() {
   for (auto& [place, connection] : connections) {
     connection.listed = listed(claimant(connection.hostid, place));
     if (connection.entry == nullptr && refusal(connection).empty()) {
@@ -325,6 +336,10 @@ void Registry::Data::reassessAll() {
       identify(connection);
     }
   }
+}
+
+void Registry::Data::reassessAll() {
+  retryRefused();
   for (const auto& [id, entry] : devices) {
     reassess(*entry);
   }

@@ -72,8 +72,8 @@ class Registry::Data {
   [[nodiscard]] runel::Result<Entry*> known(DeviceId id) const;
   [[nodiscard]] Query::Context context() const;
   [[nodiscard]] std::vector<const Device*> select(const Query& query) const;
-  [[nodiscard]] runel::Result<void> checkNames(const Query& query) const;
-  [[nodiscard]] bool exists(const Query::Named& named) const;
+  [[nodiscard]] runel::Result<void> checkNames(const Query& query, const Seen& seen) const;
+  [[nodiscard]] bool exists(const Query::Named& named, const Seen& seen) const;
   void tick();
   void shiftTimes(std::int64_t leap);
   void saveSeen();
@@ -102,6 +102,7 @@ class Registry::Data {
   void refuse(Connection& connection, const std::string& why);
   void reassess(Entry& entry);
   void reassessAll();
+  void retryRefused();
   [[nodiscard]] std::vector<Verdict> judgeClaims(const Entry& entry) const;
   [[nodiscard]] Standing standing(const Entry& entry) const;
   [[nodiscard]] DeviceState idleState(const Entry& entry) const;
@@ -129,7 +130,8 @@ class Registry::Data {
   std::map<Place, Bridge> bridges;
   std::array<std::size_t, 5> counts{};
   DeviceId nextDevice = 1;
-  std::deque<std::pair<runel::Clock::time_point, DeviceId>> seen;  // `lastSeen` to save, by time
+  std::deque<std::pair<runel::Clock::time_point, DeviceId>>
+      seenToSave;            // `lastSeen` to save, by time
   DeviceId lastRenewed = 0;  // rules that depend on time were evaluated up to here
 
   ///@{

@@ -80,6 +80,7 @@ runel::Result<void> Registry::pin(DeviceId id, const std::string& address,
   data_->note(**entry, pin.empty() ? "unpinned" : "pinned", pin);
   data_->changed(**entry, "pin");
   data_->reassess(**entry);
+  data_->retryRefused();
   return {};
 }
 

@@ -305,6 +305,31 @@ TEST_F(GatewayRegistryIdentity, TheNumberOfDevicesIsLimited) {
   EXPECT_EQ("refused 10.0.0.2:1000: 1 devices wait for approval already", takeEvents().back());
 }
 
+TEST_F(GatewayRegistryIdentity, ManyImpostorsDoNotKeepADeviceOut) {
+  start();
+  connect("10.0.0.1", "gw-1");
+  lose("10.0.0.1");
+  for (int number = 0; number < 200; ++number) {
+    connect("10.66.0." + std::to_string(number), "gw-1");
+  }
+  EXPECT_EQ(16u, registry->connections(1).size());
+  EXPECT_EQ(200u, link.silent.size());
+  EXPECT_EQ("refused 10.66.0.199:1000: too many connections claim to be gw-1", takeEvents().back());
+  connect("10.0.0.1", "gw-1", 1001);
+  EXPECT_EQ("online", stateOf("gw-1"));
+  for (std::uint16_t port = 2000; port < 2200; ++port) {
+    connect("10.0.0.1", "gw-1", port);
+  }
+  EXPECT_EQ(64u, registry->connections(1).size());
+  EXPECT_EQ("online", stateOf("gw-1"));
+  for (int number = 0; number < 200; ++number) {
+    lose("10.66.0." + std::to_string(number));
+  }
+  EXPECT_EQ(48u, registry->connections(1).size());
+  ASSERT_TRUE(registry->unpin(1));  // what was refused may be the device
+  EXPECT_EQ(64u, registry->connections(1).size());
+}
+
 TEST_F(GatewayRegistryIdentity, ADeviceIsForgottenOnlyWhileItIsAway) {
   start();
   connect("10.0.0.1", "gw-1");

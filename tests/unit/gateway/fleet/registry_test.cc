@@ -268,6 +268,19 @@ TEST_F(GatewayRegistry, AQueryForADeviceThatDoesNotExistIsAnError) {
   EXPECT_EQ("at character 1: '(' without ')'", refusal(registry->query("(a")));
 }
 
+TEST_F(GatewayRegistry, ACallerLearnsNothingOfDevicesThatItMayNotKnow) {
+  start();
+  connect("10.0.0.1", "gw-1");
+  connect("10.0.0.2", "gw-2");
+  ASSERT_TRUE(registry->setTag(2, "secret", "x"));
+  const auto seen = [](const Device& device) { return device.name == "gw-1"; };
+  EXPECT_EQ("", refusal(registry->query("gw-1", seen)));
+  EXPECT_EQ("no device 'gw-2' (did you mean 'gw-1'?)", refusal(registry->query("gw-2", seen)));
+  EXPECT_EQ("no device 'gw-22'", refusal(registry->query("gw-22", seen)));
+  EXPECT_EQ("no device 'secret'", refusal(registry->query("secret", seen)));
+  EXPECT_EQ("no device of 'gw-[2-3]'", refusal(registry->query("gw-[2-3]", seen)).substr(0, 23));
+}
+
 TEST_F(GatewayRegistry, RulesSetAndRemoveTheirTagsAsDevicesChange) {
   start();
   connect("10.0.0.1", "gw-1");

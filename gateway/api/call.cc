@@ -30,8 +30,8 @@ bool changesFleet(const Route& route) {
 }
 
 HttpResponse notStored(const std::string& why) {
-  return responseOf(
-      Problem{ProblemType::storage, "it is done, but the database has not stored it yet: " + why});
+  return responseOf(ApiProblem{ProblemType::storage,
+                               "it is done, but the database has not stored it yet: " + why});
 }
 
 }  // namespace

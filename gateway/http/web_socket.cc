@@ -151,11 +151,11 @@ void WebSocketSession::opened(ErrorCode error) {
     finishAfter(error);
     return;
   }
-  open_ = true;
   if (!closing_) {
     const auto handler = handler_;
     handler->opened(shared_from_this());
   }
+  open_ = true;  // not before: the handler's first message would be written twice
   writeNext();
   read();
 }

@@ -46,9 +46,10 @@ class StreamAdapter {
  public:
   using executor_type = asio::io_context::executor_type;
 
-  StreamAdapter(asio::io_context& context, ByteStream& bytes, const std::function<void()>& wake)
-      : context_(context), bytes_(bytes), wake_(wake) {}
-  executor_type get_executor() { return context_.get_executor(); }
+  StreamAdapter(std::shared_ptr<asio::io_context> context, ByteStream& bytes,
+                const std::function<void()>& wake)
+      : context_(std::move(context)), bytes_(bytes), wake_(wake) {}
+  executor_type get_executor() { return context_->get_executor(); }
   void close() { bytes_.close(); }
 
   template <typename Buffers, typename Token>
@@ -80,7 +81,7 @@ class StreamAdapter {
 
   template <typename Handler>
   void complete(Handler&& handler, Code code) {
-    asio::post(context_, beast::bind_front_handler(std::forward<Handler>(handler), code));
+    asio::post(*context_, beast::bind_front_handler(std::forward<Handler>(handler), code));
     wake_();
   }
 
@@ -98,20 +99,21 @@ class StreamAdapter {
 
   template <typename Handler>
   void complete(Handler&& handler, Code code, std::size_t bytes) {
-    asio::post(context_, beast::bind_front_handler(std::forward<Handler>(handler), code, bytes));
+    asio::post(*context_, beast::bind_front_handler(std::forward<Handler>(handler), code, bytes));
     wake_();
   }
 
-  // The handler can be moved only.
+  // The handler can be moved only. It counts as work of the context until it is destroyed, which
+  // may be after the end of the connection.
   template <typename Handler>
   ByteStream::Moved later(Handler&& handler) {
     auto held = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-    return [this, held](int number, std::size_t bytes) {
+    return [this, context = context_, held](int number, std::size_t bytes) {
       complete(std::move(*held), number == 0 && bytes > 0 ? Code() : codeOf(number, bytes), bytes);
     };
   }
 
-  asio::io_context& context_;
+  const std::shared_ptr<asio::io_context> context_;
   ByteStream& bytes_;
   const std::function<void()>& wake_;
 };
@@ -334,8 +336,8 @@ class BeastWebSocket : public WebSocket {
 
   void pump() {
     awake_ = false;
-    context_.restart();
-    context_.poll();
+    context_->restart();
+    context_->poll();
     const std::weak_ptr<bool> alive = alive_;
     while (!events_.empty()) {
       const std::function<void()> event = std::move(events_.front());
@@ -351,7 +353,7 @@ class BeastWebSocket : public WebSocket {
   const GatewaySettings settings_;
   const Handlers handlers_;
   const std::function<void()> wake_ = [this] { wake(); };
-  asio::io_context context_{1};
+  const std::shared_ptr<asio::io_context> context_ = std::make_shared<asio::io_context>(1);
   ByteStream bytes_;
   websocket::stream<StreamAdapter, false> stream_;
   websocket::response_type response_;

@@ -142,7 +142,6 @@ void StoreCrashTest::expectWholeGroups() {
 }
 
 TEST_P(StoreCrashTest, SurvivesAKillAtEachStepOfACommit) {
-  settings_.lockTimeout = std::chrono::seconds(20);
   open();
   store_->close();
   bool killed = true;
@@ -170,7 +169,6 @@ TEST_P(StoreCrashTest, SurvivesAKillAtEachStepOfACommit) {
 }
 
 TEST_P(StoreCrashTest, SurvivesAKillAtAnyTimeUnderLoad) {
-  settings_.lockTimeout = std::chrono::seconds(20);
   open();
   store_->close();
   std::mt19937 random(20261123);
@@ -185,11 +183,10 @@ TEST_P(StoreCrashTest, SurvivesAKillAtAnyTimeUnderLoad) {
     ASSERT_FALSE(HasFailure()) << "round " << round;
   }
   EXPECT_EQ(kills, std::uint64_t{kRounds});
-  EXPECT_GT(reported_, std::uint64_t{kRounds});
+  EXPECT_GE(reported_, std::uint64_t{kRounds});  // at least one in each
 }
 
 TEST_P(StoreCrashTest, SurvivesAKillAtEachStepOfAMigration) {
-  settings_.lockTimeout = std::chrono::seconds(20);
   bool killed = true;
   int step = 0;
   for (; killed; ++step) {

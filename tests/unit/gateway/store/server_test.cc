@@ -28,7 +28,6 @@ class StoreServerTest : public StoreTest {
 INSTANTIATE_TEST_SUITE_P(Server, StoreServerTest, ::testing::Values(Kind::postgres));
 
 TEST_P(StoreServerTest, RepeatsWhatTheServerLostWhenItIsBack) {
-  settings_.lockTimeout = std::chrono::seconds(20);
   open();
   constexpr int kGroups = 600;
   std::set<int> done;
@@ -90,7 +89,6 @@ TEST_P(StoreServerTest, AReadSurvivesTheRestartOfTheServer) {
 }
 
 TEST_P(StoreServerTest, SurvivesTheEndOfEachConnection) {
-  settings_.lockTimeout = std::chrono::seconds(20);
   open();
   for (int i = 0; i < 5; ++i) {
     server_.execute(
@@ -103,7 +101,10 @@ TEST_P(StoreServerTest, SurvivesTheEndOfEachConnection) {
 
 TEST_P(StoreServerTest, DoesNotWriteWhenAnotherGatewayTookOver) {
   settings_.lockTimeout = std::chrono::milliseconds(50);
-  open();
+  waitUntil([&] {  // until the server saw the end of the connection before
+    store_ = std::make_unique<SqlStore>(settings_, loop_.post());
+    return store_->open().ok();
+  });
   server_.crash();
   server_.start();
   {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include <openssl/crypto.h>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -381,6 +382,10 @@ bool hasWebSockets() {
 
 std::unique_ptr<WebSocket> openWebSocket(runel::Loop& loop, const GatewaySettings& settings,
                                          WebSocket::Handlers handlers) {
+  // The thread of the connections may still run when the process exits, and OpenSSL would clean up
+  // what it uses.
+  static const int kept = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+  (void)kept;  // it fails only without memory
   return std::make_unique<BeastWebSocket>(loop, settings, std::move(handlers));
 }
 

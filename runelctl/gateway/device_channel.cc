@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include "protocol/frame_sender.h"
@@ -305,10 +304,13 @@ void DeviceChannel::end(bool told) {
 }
 
 void DeviceChannel::watch() {
-  if (socket_.valid()) {
-    const bool reads = state_ == State::greeting || mayRead();
-    loop_.change(socket_.get(), (reads ? std::uint32_t{EPOLLIN} : 0U) |
-                                    (out_.empty() ? 0U : std::uint32_t{EPOLLOUT}));
+  const bool reads = state_ == State::greeting || mayRead();
+  const std::uint32_t wanted =
+      (reads ? std::uint32_t{EPOLLIN} : 0U) | (out_.empty() ? 0U : std::uint32_t{EPOLLOUT});
+  // With thousands of channels most calls change nothing.
+  if (socket_.valid() && wanted != watched_) {
+    watched_ = wanted;
+    loop_.change(socket_.get(), wanted);
   }
 }
 

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <utility>
 
+#include <sys/epoll.h>
+
 #include <runel/error.h>
 #include <runel/loop.h>
 
@@ -119,6 +121,7 @@ class DeviceChannel {
   std::uint64_t credit_ = kFirstCredit;  // that the gateway has granted
   std::size_t allowed_ = kFirstCredit;   // what the gateway may send
   std::size_t taken_ = 0;                // its bytes for which no credit was granted
+  std::uint32_t watched_ = EPOLLIN;      // events of the socket
   std::string out_;                      // what the socket has not taken
   bool told_ = false;                    // while it is ending: the gateway knows
 };

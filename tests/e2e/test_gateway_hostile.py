@@ -362,7 +362,12 @@ class Rights(HostileCase):
         body = {"task": "fileexists", "arguments": ["/"]}
         self.assertIn(self.gateway.ask("POST", "/v1/devices/honest/tasks", body, token=token).status, (403, 404))
         self.assertEqual(self.gateway.ask("POST", "/v1/devices/mine/tasks", body, token=token).status, 200)
-        operation = self.gateway.ask("POST", "/v1/operations", {"query": "honest,@all,!x=y", "task": body}, token=token)
+        # Its name is answered as one that no device has.
+        unknown = [self.gateway.ask("POST", "/v1/operations", {"query": name, "task": body}, token=token)
+                   for name in ("honest", "absent")]
+        self.assertEqual([answer.status for answer in unknown], [400, 400])
+        self.assertEqual(unknown[0].body.replace(b"honest", b"absent"), unknown[1].body)
+        operation = self.gateway.ask("POST", "/v1/operations", {"query": "@all,!x=y", "task": body}, token=token)
         self.assertEqual(operation.status, 202, operation.body)
         self.assertEqual(operation.json["devices"], 1)
 

@@ -13,6 +13,7 @@ import threading
 import time
 
 from support.ctl import reply
+from support.daemon import is_instrumented
 from support.fake_devices import FakeDevice, address_of
 from support.gateway import GatewayCase
 from support.wait import TIMEOUT, wait_until
@@ -102,8 +103,9 @@ class Kill(LossCase):
         wait_until(lambda: gateway.get("/v1/devices/one")["state"] == "denied", "the decision is known")
         copying = subprocess.Popen([gateway.process.args[0], *gateway.options(), "backup", self.path("copy.db")],
                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.check()  # during a backup
-        self.assertIn(copying.wait(TIMEOUT), (0, 1))
+        self.end_at_once(gateway)  # during a backup
+        self.assertIn(copying.wait(TIMEOUT), (0, 1))  # without a gateway it may hold the database itself
+        self.check()
         if copying.returncode == 0:
             self.assertEqual(gateway.command("restore", self.path("copy.db")).returncode, 0)
             gateway.process.send_signal(signal.SIGTERM)
@@ -323,6 +325,8 @@ class Clock(LossCase):
         self.assertGreater(len(figures), 8)
         half = len(figures) // 2
         for name, room in (("resident", 6_000_000), ("descriptors", 20), ("database", 2_000_000)):
+            if name == "resident" and is_instrumented():
+                continue  # it retains freed memory
             before = max(each[name] for each in figures[half // 2:half])
             after = min(each[name] for each in figures[-half // 2:])
             self.assertLess(after, before + room, (name, [each[name] for each in figures[::max(1, half // 10)]]))

@@ -427,6 +427,11 @@ runel::Result<void> DeviceLink::sendClause(DeviceId device, const std::string& c
   if (found == data_->devices.end()) {
     return runel::Error(runel::Kind::link, runel::Cause::other, "the device is not connected");
   }
+  const auto place = data_->places.find(found->second);
+  if (place != data_->places.end() && place->second.silenced != Reason::none) {
+    return runel::Error(runel::Kind::link, runel::Cause::refused,
+                        sentenceOf(place->second.silenced));
+  }
   return data_->master->sendClause(textOf(found->second), clause);
 }
 

@@ -589,6 +589,21 @@ TEST_F(DeviceLinkTest, InvalidSettingsAreErrors) {
   EXPECT_EQ(opened.error().text().find("192.0.2.1:0"), 0U);
 }
 
+TEST_F(DeviceLinkTest, SendsNoClauseToTheAgentOfASilencedDevice) {
+  open();
+  dial(1);
+  FakeDevice::Settings own;
+  own.source = "127.0.1.1";
+  FakeDevice& bridge = devices.emplace_back(loop, link->ports().front(), own);
+  bridge.say("<hello/>");
+  ASSERT_TRUE(runUntil([&] { return observer.events.size() == 3; }));
+  link->silence(observer.places[0], Reason::denied);
+  const auto refused = link->sendClause(1, "<do/>");
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().text(), "the device is on the deny list");
+  EXPECT_EQ(bridge.raw, "");
+}
+
 TEST_F(DeviceLinkTest, AgentsBelongToTheirDevice) {
   open();
   dial(1);

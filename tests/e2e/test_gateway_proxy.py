@@ -44,8 +44,10 @@ class Device(threading.Thread):
     def close(self):
         """Ends the connection. Returns its session, with which another one can begin."""
         session = self.tls.session
-        self.tls.close()
+        # A close alone does not end a read of the thread. The method of the TLS socket would drop what it uses.
+        socket.socket.shutdown(self.tls, socket.SHUT_RDWR)
         self.join(TIMEOUT)
+        self.tls.close()
         return session
 
 

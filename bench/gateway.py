@@ -9,7 +9,6 @@ it. Beside each figure is its floor where there is one: librunel as the master o
 without a gateway. --short runs each workload once in a small size, and judges only what does not
 depend on time. Exit status: 0 when every target is met, 1 when one is not, 2 when a workload failed.
 """
-import argparse
 import dataclasses
 import json
 import os
@@ -22,6 +21,7 @@ from typing import Optional
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
+import report  # noqa: E402
 from fleets import HTTP, MASTER, Direct, Gateway, Real, Simulated, wait_until  # noqa: E402
 
 HEAD = ("work", "figure", "gateway", "floor", "target", "verdict")
@@ -291,39 +291,8 @@ WORKLOADS = {"LATENCY": latency, "RATE": rate, "STORM": storm, "REAL": real,
              "SLOW": slow_devices, "CALLED": called, "PUSH": push_one, "PUSHMANY": push_many}
 
 
-def arguments():
-    parser = argparse.ArgumentParser(usage=__doc__)
-    parser.add_argument("bin", type=Path, help="directory of the built programs")
-    parser.add_argument("--only", default=",".join(WORKLOADS), metavar="W1,W2",
-                        help=f"workloads, of {', '.join(WORKLOADS)} (default: all)")
-    parser.add_argument("--json", type=Path, metavar="FILE", help="also write the figures to FILE")
-    parser.add_argument("--short", action="store_true", help="check that each workload works")
-    chosen = parser.parse_args()
-    chosen.only = [name.strip().upper() for name in chosen.only.split(",")]
-    unknown = set(chosen.only) - set(WORKLOADS)
-    if unknown:
-        parser.error(f"no such workload: {', '.join(sorted(unknown))}")
-    return chosen
-
-
-def machine():
-    model = next((line.split(":", 1)[1].strip() for line in open("/proc/cpuinfo", encoding="ascii")
-                  if line.startswith("model name")), os.uname().machine)
-    return (f"{model}, {os.cpu_count()} processors, Linux {os.uname().release}, "
-            f"load {os.getloadavg()[0]:.2f}, {time.strftime('%Y-%m-%d')}")
-
-
-def print_table(rows):
-    lines = [HEAD] + [row.cells() for row in rows]
-    widths = [max(len(cell) for cell in column) for column in zip(*lines)]
-    for line in lines:
-        print("| " + " | ".join(cell.ljust(width) for cell, width in zip(line, widths)) + " |")
-        if line is lines[0]:
-            print("|" + "|".join("-" * (width + 2) for width in widths) + "|")
-
-
 def main():
-    chosen = arguments()
+    chosen = report.arguments(__doc__, WORKLOADS)
     if os.environ.get("RUNELD_WORLD") != "1":
         sys.exit("bench/gateway.py: runs only in isolated namespaces: use scripts/bench --gateway")
     rows, loads = [], []
@@ -331,12 +300,13 @@ def main():
         bench = Bench(chosen.bin.resolve(), Path(directory), chosen.short)
         for name in chosen.only:
             begin = time.monotonic()
-            loads.append(machine())
+            about = report.machine()
+            loads.append(f"{report.machine_text(about)}, {about['date']}")
             print(f"{name}: {loads[-1]}", file=sys.stderr, flush=True)
             rows += WORKLOADS[name](bench)
             print(f"{name}: {time.monotonic() - begin:.1f} s", file=sys.stderr, flush=True)
     print(loads[0])
-    print_table(rows)
+    report.print_table([HEAD] + [row.cells() for row in rows])
     if chosen.json:
         content = {"machine": loads, "rows": [dataclasses.asdict(row) for row in rows]}
         chosen.json.write_text(json.dumps(content, indent=1) + "\n")

@@ -9,10 +9,8 @@ it. --short runs each workload once, in a small size and without peers, to check
 judges memory only. Exit status: 0 when every target is met, 1 when one is not, 2 when a workload
 failed.
 """
-import argparse
 import json
 import os
-import platform
 import statistics
 import subprocess
 import sys
@@ -24,6 +22,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import measuring  # noqa: E402
 import micro  # noqa: E402
+import report  # noqa: E402
 import servers  # noqa: E402
 from workloads import WORKLOADS  # noqa: E402
 
@@ -32,21 +31,6 @@ HEAD = ("#", "work", "figure", "runeld min/med/max", "floor min/med/max", "med. 
 
 
 ALL = (*WORKLOADS, "MICRO")
-
-
-def arguments():
-    parser = argparse.ArgumentParser(usage=__doc__)
-    parser.add_argument("bin", type=Path, help="directory of the built programs")
-    parser.add_argument("--only", default=",".join(ALL), metavar="W1,W2",
-                        help=f"workloads, of {', '.join(ALL)} (default: all)")
-    parser.add_argument("--json", type=Path, metavar="FILE", help="also write the figures to FILE")
-    parser.add_argument("--short", action="store_true", help="check that each workload works")
-    chosen = parser.parse_args()
-    chosen.only = [name.strip().upper() for name in chosen.only.split(",")]
-    unknown = set(chosen.only) - set(ALL)
-    if unknown:
-        parser.error(f"no such workload: {', '.join(sorted(unknown))}")
-    return chosen
 
 
 def number(value):
@@ -86,21 +70,6 @@ def cells(row):
             ratio(row.median_ratio), ratio(row.best_ratio), target(row), verdict(row), peers or "-")
 
 
-def print_table(lines):
-    widths = [max(len(cell) for cell in column) for column in zip(*lines)]
-    for line in lines:
-        print("| " + " | ".join(cell.ljust(width) for cell, width in zip(line, widths)) + " |")
-        if line is lines[0]:
-            print("|" + "|".join("-" * (width + 2) for width in widths) + "|")
-
-
-def machine():
-    model = next((line.split(":", 1)[1].strip() for line in open("/proc/cpuinfo", encoding="ascii")
-                  if line.startswith("model name")), platform.machine())
-    return {"processor": model, "processors": os.cpu_count(), "kernel": platform.release(),
-            "load": os.getloadavg()[0], "date": time.strftime("%Y-%m-%d")}
-
-
 def measure(chosen, directory):
     """The rows of the table, and the results of the micro-benchmarks."""
     bench = measuring.Bench(chosen.bin.resolve(), directory, chosen.short)
@@ -118,24 +87,23 @@ def measure(chosen, directory):
     return rows, parts
 
 
-def report(chosen, about, rows, parts):
-    print(f"{about['processor']}, {about['processors']} processors, Linux {about['kernel']}, "
-          f"load {about['load']:.2f} at the start")
+def show(chosen, about, rows, parts):
+    print(f"{report.machine_text(about)} at the start")
     if rows:
-        print_table([HEAD] + [cells(row) for row in rows])
+        report.print_table([HEAD] + [cells(row) for row in rows])
     if parts:
-        print_table([micro.HEAD] + [micro.cells(part) for part in parts])
+        report.print_table([micro.HEAD] + [micro.cells(part) for part in parts])
     if chosen.json:
         content = {"machine": about, "rows": [row.as_json() for row in rows], "micro": parts}
         chosen.json.write_text(json.dumps(content, indent=1) + "\n")
 
 
 def main():
-    chosen = arguments()
+    chosen = report.arguments(__doc__, ALL)
     if os.environ.get("RUNELD_WORLD") != "1":
         sys.exit("bench/run.py: runs only in isolated namespaces: use scripts/bench")
     os.sched_setaffinity(0, {servers.LOG})
-    about = machine()
+    about = report.machine()
     collector = subprocess.Popen([chosen.bin / "bench_log"], stdout=subprocess.DEVNULL)
     try:
         servers.wait_until(lambda: os.path.exists("/dev/log"), "bench_log does not open /dev/log")
@@ -144,7 +112,7 @@ def main():
     finally:
         collector.terminate()
         collector.wait()
-    report(chosen, about, rows, parts)
+    show(chosen, about, rows, parts)
     return 1 if any(row.holds is False for row in rows) else 0
 
 
